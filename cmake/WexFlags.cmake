@@ -1,0 +1,36 @@
+# How the product is compiled: warnings are errors, no exceptions, no run-time types, hardened, small.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+set(WEX_SANITIZE "" CACHE STRING "Sanitizers of this build, for example address,undefined")
+
+add_library(wex_warnings INTERFACE)
+target_compile_options(wex_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+
+add_library(wex_product_flags INTERFACE)
+target_link_libraries(wex_product_flags INTERFACE wex_warnings)
+target_compile_options(wex_product_flags INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+  -ffunction-sections -fdata-sections -fstack-protector-strong)
+if(WEX_SANITIZE)
+  add_compile_options(-fsanitize=${WEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${WEX_SANITIZE})
+else()
+  target_compile_options(wex_product_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+endif()
+
+# The shipped binaries need libc only.
+add_library(wex_product_link INTERFACE)
+target_link_options(wex_product_link INTERFACE LINKER:--gc-sections LINKER:--as-needed LINKER:-z,relro LINKER:-z,now)
+if(NOT WEX_SANITIZE)
+  target_link_options(wex_product_link INTERFACE -static-libstdc++ -static-libgcc LINKER:--no-undefined)
+endif()
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)

@@ -1,0 +1,99 @@
+// wex_chain: the registry. Three chains of records, each with its own lock.
+//
+// Lock order: wex_chains, then wex_alive_chains or wex_chains_delay. Double underscores mark primitives whose
+// caller holds the chain.
+#pragma once
+
+#include "wex.h"
+
+extern "C" {
+
+extern wex_chains_t wex_chains;        // processes registered for restart
+extern wex_chains_t wex_alive_chains;  // threads registered for hang detection
+extern wex_chains_t wex_chains_delay;  // copies of records whose restart is postponed
+
+// Bucket of a pid or thread id, 0 to 255.
+uint32_t wex_hash_pid(int32_t pid);
+
+// Empties the chain and creates its lock. 0, or an error number. Before any thread uses it.
+int wex_init_chains(wex_chains_t* chain);
+
+// Frees every record, and in the alive chain its table entry. The lock stays usable: threads that end late may
+// still ask for it. 0.
+int wex_destroy_chains(wex_chains_t* chain);
+
+// First record of `pid`, or null.
+wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
+
+// Unlinks and frees every record of `pid`. Database files stay.
+void __wex_del_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
+
+// Unlinks a bucket link and poisons it.
+void hlist_del(wex_hnode* node);
+
+// Restores wex_chains from the database files of all domains and restarts what died meanwhile. 0. Before any
+// thread runs.
+int wex_rebuild_chains(wex_chains_t* chain);
+
+// Dumps a chain to standard output, or to the system log. kind 0, 1, 2 choose the heading. 0.
+int wex_print_chains(int kind, wex_chains_t* chain);
+int wex_syslog_chains(int kind, wex_chains_t* chain);
+
+// Looks in wex_chains for another registration of rec's program in rec's domain: null when there is none, `rec`
+// itself when it is to be dropped, else the other one, which is to be checked.
+wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// Finds the first line of the third-part list `path` that contains `needle`; 1 and the text behind its last
+// blank (line end included), else 0.
+int wex_proc_in_wexdb(const char* path, const char* needle, char* word, size_t size);
+
+// The same for the executable of `pid`.
+int wex_pid_in_wexdb(int32_t pid, const char* path, char* word, size_t size);
+}
+
+// A zero-filled record with its links initialised. Waits for memory: never with a chain held.
+wex_pid* wex_new_record();
+void wex_free_record(wex_pid* rec);
+
+// Puts a record at the head of its bucket.
+void __wex_add_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
+
+// Unlinks a record (both links poisoned) and frees it.
+void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
+
+// The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
+// bucket, and gives the process the normal low-memory-killer score. For wex_chains.
+void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(chain));
+
+// Remembers the identity of the record's present process, so that a reused pid is not taken for it.
+void wex_note_identity(wex_pid* rec);
+
+// True when the record's own process (not a stranger with its pid) is alive now. Reads /proc once, no sleeping.
+bool wex_record_lives(const wex_pid* rec);
+
+// The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
+int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
+// Deletes records of this program and domain whose last restart left no process, with their database files: a
+// living process takes their place.
+void __wex_drop_failed(const char* process, int32_t vsd) WEX_TSA(requires_capability(wex_chains));
+
+// Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks of
+// `process` in place.
+const char* wex_program_name(wex_pid* rec);
+
+// Visits every record, bucket 0 to 255, head to tail. The record just returned may be unlinked and freed.
+class record_walk {
+ public:
+  explicit record_walk(const wex_chains_t& chain) noexcept : chain_(chain), ahead_(chain.heads[0]) {}
+  wex_pid* next() noexcept;
+
+ private:
+  const wex_chains_t& chain_;
+  int bucket_ = 0;
+  wex_hnode* ahead_;
+};
+
+inline wex_pid* wex_record_of(wex_hnode* node) noexcept {
+  return reinterpret_cast<wex_pid*>(reinterpret_cast<char*>(node) - offsetof(wex_pid, hnode));
+}

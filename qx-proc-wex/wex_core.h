@@ -1,0 +1,66 @@
+// wex_core: start-up, the five threads and what they share.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "wex.h"
+
+extern "C" {
+
+// 0 while the daemon runs; 1 ends every loop at its next pass. Set it with wex_raise_exit_flag().
+extern std::atomic<int32_t> wex_exit_flag;
+
+// The threads. Each ignores its argument.
+void* wex_process_netlink(void* unused);
+void* wex_process_domain(void* unused);
+void* wex_notifer_run(void* unused);
+void* wex_inotify_fork_error(void* unused);
+void* wex_delay_restart(void* unused);
+
+// Decides what happens to the registered process `pid` that has exited with `exit_signal` (kernel wait
+// status). Called with no chain held.
+void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart);
+
+// Restart events written to the event-log files; drives their alternation. Guarded by wex_chains.
+extern int32_t wex_event_log_count;
+
+// 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start now.
+int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// Compiles "/etc/wex/proc" into the third-part list.
+void wex_third_part_proc_init(void);
+
+// 0 when the thread is still the registered one; does not look at its counters.
+int wex_check_pid_exist(wex_pid* rec);
+}
+
+// Sets the flag and wakes every wait of every thread. Any thread.
+void wex_raise_exit_flag();
+
+// Readable for ever once the flag is set; -1 before wex_init_wakeup() or when it failed.
+int wex_wakeup_fd();
+
+// Creates the wake-up descriptor. Before any thread runs.
+void wex_init_wakeup();
+
+// Sleeps `milliseconds`, less when the flag is raised.
+void wex_wait_exit(int milliseconds);
+
+// Writes "Thread ... exit" to the running log, the last word of a thread that ends the daemon.
+void wex_log_thread_end(const char* thread, int code, int error);
+
+// Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
+// Delay thread only; others ask for it.
+void wex_sweep_lost_exits();
+void wex_request_sweep();
+
+// True while the monitor has read everything the kernel sent and waits for more: only then may a vanished
+// process count as a lost exit.
+extern std::atomic<bool> wex_monitor_idle;
+
+// The delay thread has left its loop and touches nothing any more.
+extern std::atomic<bool> wex_delay_ended;
+
+// Ends the daemon at once because nothing can be restarted any more: running log, marker, status 1.
+[[noreturn]] void wex_end_unable_to_restart();

@@ -1,0 +1,37 @@
+// wex_pidfile: one small file per registered process, so that registrations outlive the daemon.
+//
+// The process itself keeps its file locked while it lives; the daemon only tests that lock.
+#pragma once
+
+#include "wex.h"
+
+extern "C" {
+
+// Builds the database file's name. Its length as snprintf reports it; too long for `size` means unusable.
+int wex_get_db_file_name(int32_t vsd, int32_t pid, const char* text, char* buffer, size_t size);
+
+// Creates, fills and locks the file; the lock lives as long as the calling process. 0, or -1 (not opened).
+int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text);
+
+// Creates the domain flag file; nothing for domain 0.
+void save_vsd_flag(int32_t vsd, int32_t pid);
+
+// Database file and flag file of a registration. `kind` 1 means RESPAWN, all else SHELL_RESTART. 0, or -1.
+int wex_mk_pidfile(const wex_reg_info* body, uint32_t kind);
+
+// Deletes the record's database file, and lets go of it if this process holds it. Result of unlink.
+int wex_db_destroy(const wex_pid* rec);
+
+// Deletes a file of an older naming. Result of unlink.
+int wex_rm_pidfile(const wex_pid* rec);
+
+// Reads pid, action and script of a database file. 0, or -1.
+int wex_read_pidfile(const char* path, wex_pid* rec);
+
+// 1 when nobody holds the record's database file any more, 0 while somebody does.
+int wex_proc_is_exit(const wex_pid* rec);
+}
+
+// As wex_mk_pidfile, for the daemon's own registrations: the locked descriptor is kept in a private table and
+// goes with the file, instead of being lost for ever. Caller holds wex_chains.
+int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind);

@@ -1,0 +1,81 @@
+// wex_utils: I/O that survives interruption, an allocator that never fails, facts about processes from /proc,
+// the single-instance lock and the low-memory-killer settings. No state; any thread may call anything.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "unique_fd.h"
+
+extern "C" {
+
+// Whole seconds of the monotonic clock: the only clock of records and decisions.
+int32_t wex_clock_now(void);
+
+// Sleeps all of it, whatever signals arrive.
+void safe_sleep(unsigned seconds);
+void wex_sleep_ms(int milliseconds);
+
+// Zero-filled memory, never null: waits 5 s and tries again while memory is short. Never for a size that came
+// from outside.
+void* safe_malloc(size_t size);
+
+// The bytes done: `length`, fewer only at the end of file, or -1.
+int32_t safe_read(int fd, void* buffer, size_t length);
+int32_t safe_write(int fd, const void* buffer, size_t length);
+
+// Writes into an existing file, from its start. The bytes written, or -1 (printed when it cannot be opened).
+int32_t safe_write_path(const char* path, const void* buffer, size_t length);
+
+// Reads at most size - 1 bytes and terminates them. The bytes read, or -1.
+int32_t wex_read_to_buf(const char* path, char* buffer, size_t size);
+
+// "executable arg1 arg2 ...", or null when the process has no readable executable link.
+char* pid_to_cmdline(int32_t pid, char* buffer, size_t size);
+
+// Despite its name: the thread-group id of a thread or process, or -1.
+int32_t wex_get_ppid_form_pid(int32_t pid);
+
+// 0 and the name from the status file, or -1.
+int wex_get_pid_name(int32_t pid, char* buffer, size_t size);
+
+// 0 when the process lives, -1 (after 30 ms) when it is gone or a zombie.
+int process_life(int32_t pid);
+
+// Takes the single-instance lock. The descriptor, to be kept for life, or -1.
+int already_running(const char* path);
+
+// Low-memory-killer score of a process; ignore = -1000, reset = 0. As safe_write_path.
+int32_t wex_set_lmk(int32_t score, int32_t pid);
+int32_t wex_ignore_lmk(int32_t pid);
+int32_t wex_reset_lmk(int32_t pid);
+
+// The status digit published by the low-memory-killer module, or -1.
+int wex_get_proc_status(void);
+}
+
+// State letter and start time (clock ticks since boot) of a process, read once. False when it is not there.
+bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
+
+// True when the very process that started at `start_time` (0: any) is there and neither dead nor a zombie.
+bool wex_proc_lives(int32_t pid, uint64_t start_time);
+
+// Opens a file that others may have planted: no symbolic link as last component unless root owns the link,
+// never blocking, regular files only. `flags` may hold O_CREAT, O_TRUNC, O_APPEND, O_SYNC; close-on-exec is
+// added. With O_CREAT the mode is narrowed by the umask. Invalid with errno when refused.
+unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
+
+// Makes a directory and sets its mode, whatever the umask; failures are ignored. Never through somebody
+// else's symbolic link.
+void wex_make_dir(const char* path, mode_t mode);
+
+// Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
+int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
+
+// Formats into a fixed buffer; false (buffer terminated) when it does not fit.
+bool wex_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// Copies at most size - 1 bytes and terminates.
+void wex_copy_text(char* to, size_t size, const char* from);
