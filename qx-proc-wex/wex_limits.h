@@ -56,6 +56,9 @@ inline constexpr int kAckTries = 5;
 inline constexpr int kAckWaitMs = 1000;
 inline constexpr int kRequestTries = 30;             // one second apart, for calls that must get through
 inline constexpr int kFdWatchStrikes = 4;
+inline constexpr int kSendQuickTries = 100;          // sends repeated at once while the kernel is short of memory
+inline constexpr int kSendRetryMs = 5;               // pause between the tries behind those
+inline constexpr int kOwnerWaitMs = 1;               // between looks while another thread takes over after a fork
 
 // Hang detection.
 inline constexpr unsigned kScanSec = 60;

@@ -1,7 +1,30 @@
 // wex_rpc: framing of control messages, and the client's one connection.
 #pragma once
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "unique_fd.h"
 #include "wex.h"
+
+// The owner of a message block.
+class owned_msg {
+ public:
+  explicit owned_msg(wex_inner_msg* msg = nullptr) noexcept : msg_(msg) {}
+  ~owned_msg() { std::free(msg_); }
+  owned_msg(const owned_msg&) = delete;
+  owned_msg& operator=(const owned_msg&) = delete;
+  wex_inner_msg* get() const noexcept { return msg_; }
+  wex_inner_msg* release() noexcept { return std::exchange(msg_, nullptr); }
+  // Where a function that makes a block may put it. Only while nothing is owned.
+  wex_inner_msg** fill() noexcept { return &msg_; }
+
+ private:
+  wex_inner_msg* msg_;
+};
 
 extern "C" {
 
@@ -18,5 +41,13 @@ int wex_rpc(uint32_t msg_type, const char* name, const void* payload, uint32_t p
             uint8_t ignore_connect_fail);
 }
 
-// Repeats a request up to 30 times, one second after each negative result. The last result.
+// A socket of the kind both ends use, close-on-exec. Invalid with errno.
+unique_fd wex_open_control_socket();
+
+// Fills a local address and tells the length to bind or connect with: no terminator is counted, as every
+// program of the device has it.
+socklen_t wex_control_address(const char* path, sockaddr_un* address);
+
+// Repeats a request up to 30 times, one second after each negative result (errno as that request left it).
+// The last result.
 int wex_rpc_persist(uint32_t msg_type, const void* payload, uint32_t payload_len);
