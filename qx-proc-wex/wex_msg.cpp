@@ -1,0 +1,237 @@
+// wex_msg: what the control messages do to the registry.
+//
+// The handlers run on the control server's thread, after the acknowledgement; each holds the one chain it
+// changes for the whole change. Records are allocated and /proc is read before that, but for the look that
+// must see the record in its chain. A pid from a message is only a number here: nothing in this module
+// signals a process.
+#define WEX_MODULE "wex_msg"
+
+#include "wex_msg.h"
+
+#include "chain_lock.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_pidfile.h"
+#include "wex_proc.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+#include "wex_xtach.h"
+
+namespace {
+
+constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
+
+// ---- Processes
+// ----------------------------------------------------------------------------------------------
+
+struct restart_kind {
+  const char* handler;
+  const char* line_end;  // of the failure message
+  int32_t action;
+};
+
+constexpr restart_kind kRestart = {"wex_process_restart", "", RESPAWN};
+constexpr restart_kind kShellRestart = {"wex_process_shell_restart", "\n", SHELL_RESTART};
+
+// A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
+wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
+  char command[kCommandSize];
+  if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", kind.handler, body.pid, body.ppid,
+            kind.line_end);
+    return nullptr;
+  }
+  wex_pid* const rec = wex_new_record();
+  rec->pid = body.pid;
+  rec->vsd = body.vsd;
+  rec->restart_delay = body.restart_delay;
+  rec->action = kind.action;
+  rtrim(command);
+  wex_copy_text(rec->process, sizeof rec->process, command);
+  wex_copy_text(rec->script, sizeof rec->script, script);
+  return rec;
+}
+
+// A pid that is left over from a restart that found no process belongs to whoever has it now.
+bool is_registered(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  return rec != nullptr && (rec->restart_failed == 0 || wex_record_lives(rec));
+}
+
+// Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
+bool insert_process(wex_pid* rec) {
+  const chain_lock hold(wex_chains);
+  if (is_registered(rec->pid)) {
+    wex_free_record(rec);
+    return false;
+  }
+  __wex_drop_failed(rec->process, rec->vsd);
+  wex_note_identity(rec);
+  __wex_add_record(&wex_chains, rec);
+  if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
+    rec->gone_since = wex_clock_now();
+    wex_request_sweep();
+  }
+  return true;
+}
+
+int register_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
+  wex_pid* const rec = build_process(body, kind, script);
+  if (rec == nullptr) {
+    return -1;
+  }
+  if (insert_process(rec) && body.restart_delay > kLongDelaySec) {
+    // Every restart of every program waits behind this one.
+    wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", body.pid, body.restart_delay);
+  }
+  return 0;
+}
+
+void cancel_process(int32_t pid) {
+  const chain_lock hold(wex_chains);
+  record_walk records(wex_chains);
+  while (wex_pid* const rec = records.next()) {
+    if (rec->pid == pid) {
+      wex_db_destroy(rec);
+      __wex_drop_record(&wex_chains, rec);
+    }
+  }
+}
+
+// ---- Threads
+// ------------------------------------------------------------------------------------------------
+
+struct notify_kind {
+  const char* handler;
+  bool renews;  // the counters of an existing registration
+};
+
+constexpr notify_kind kStart = {"wex_notifier_start", false};
+constexpr notify_kind kReset = {"wex_notifier_reset", true};
+
+bool in_alive_table(int32_t tid) {
+  return tid >= 0 && tid < WEX_ALIVE_TIDS;
+}
+
+// The words are kept as they came; whoever counts with them minds their range.
+void copy_counters(wex_pid* rec, const wex_reg_info& body) {
+  rec->notify_info[WEX_NTFY_CNT] = body.ntfy_cnt;
+  rec->notify_info[WEX_CUR_CNT] = body.cur_cnt;
+  rec->notify_info[WEX_NTFY_TIME] = body.ntfy_time;
+  rec->notify_info[WEX_CUR_NTFY_TIME] = body.cur_ntfy_time;
+}
+
+wex_pid* build_thread(const wex_reg_info& body, char* command) {
+  wex_pid* const rec = wex_new_record();
+  rec->pid = body.pid;
+  rec->ppid = body.ppid;
+  copy_counters(rec, body);
+  rtrim(command);
+  wex_copy_text(rec->process, sizeof rec->process, command);
+  return rec;
+}
+
+// Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
+wex_pid* settle_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
+    WEX_TSA(requires_capability(wex_alive_chains)) {
+  wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
+  if (known == nullptr) {
+    __wex_add_record(&wex_alive_chains, fresh);
+    return fresh;
+  }
+  wex_free_record(fresh);
+  if (renews) {
+    copy_counters(known, body);
+  }
+  return known;
+}
+
+int register_thread(const wex_reg_info& body, const notify_kind& kind) {
+  char command[WEX_PROCESS_SIZE];
+  if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid=%d\n", kind.handler, body.pid, body.ppid);
+    return -1;
+  }
+  wex_pid* const fresh = build_thread(body, command);
+  const chain_lock hold(wex_alive_chains);
+  wex_pid* const rec = settle_thread(fresh, body, kind.renews);
+  if (in_alive_table(body.pid)) {
+    const auto tid = static_cast<uint32_t>(body.pid);
+    wex_sys_reg_alive_info(tid);
+    rec->alive_seq = wex_sys_get_alive_seq(tid);
+  }
+  return 0;
+}
+
+void cancel_thread(int32_t tid) {
+  const chain_lock hold(wex_alive_chains);
+  record_walk records(wex_alive_chains);
+  while (wex_pid* const rec = records.next()) {
+    if (rec->pid == tid) {
+      if (in_alive_table(tid)) {
+        wex_sys_unreg_alive_info(static_cast<uint32_t>(tid));
+      }
+      __wex_drop_record(&wex_alive_chains, rec);
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+int wex_process_restart(const wex_reg_info* body) {
+  return register_process(*body, kRestart, "");
+}
+
+int wex_process_shell_restart(const wex_reg_info* body, const char* script) {
+  return register_process(*body, kShellRestart, script);
+}
+
+int wex_notifier_start(const wex_reg_info* body) {
+  return register_thread(*body, kStart);
+}
+
+int wex_notifier_reset(const wex_reg_info* body) {
+  return register_thread(*body, kReset);
+}
+
+int wex_process_cons_msg(const wex_cons_info* body) {
+  switch (body->kind) {
+    case WEX_CANCEL_PROC:
+      cancel_process(body->pid);
+      break;
+    case WEX_CANCEL_THREAD_NOTIFY:
+      cancel_thread(body->pid);
+      break;
+    default:
+      break;  // acknowledged, and nothing to do
+  }
+  return 0;
+}
+
+}  // extern "C"
+
+int wex_register_third_part(int32_t pid, const char* type) {
+  const uint32_t msg_type = wex_action_type(type);
+  if (msg_type == 0 || pid < 1) {
+    return -1;
+  }
+  wex_reg_info body;
+  const bool described = wex_describe_process(pid, &body);
+  const restart_kind& kind = msg_type == WEX_RESTART ? kRestart : kShellRestart;
+  wex_pid* const rec =
+      build_process(body, kind, "");  // before the lock, for memory may have to be waited for
+  if (rec == nullptr) {
+    return -1;
+  }
+  const chain_lock hold(wex_chains);
+  if (described && wex_mk_pidfile_held(&body, msg_type) != 0) {
+    wex_dbg(WEX_DBG_PUB, "wex_mk_pidfile fail. vsd %d pid %d name %s \n", body.vsd, body.pid, body.process);
+  }
+  insert_process(rec);
+  return 0;
+}
