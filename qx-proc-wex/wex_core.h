@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "wex.h"
+#include "wex_chain.h"
 
 extern "C" {
 
@@ -45,7 +46,7 @@ int wex_wakeup_fd();
 void wex_init_wakeup();
 
 // Sleeps `milliseconds`, less when the flag is raised.
-void wex_wait_exit(int milliseconds);
+void wex_wait_exit(int64_t milliseconds);
 
 // Writes "Thread ... exit" to the running log, the last word of a thread that ends the daemon.
 void wex_log_thread_end(const char* thread, int code, int error);

@@ -17,6 +17,7 @@
 inline constexpr int kOpenFileLimit = 2304;       // soft limit of the daemon: every client and room to spare
 inline constexpr int kMaxClients = 2048;          // connected clients; one more ends the daemon
 inline constexpr int kListenBacklog = 2048;
+inline constexpr int kServerWaitMs = 10000;       // longest wait of the control server for its clients
 
 // Restart throttle and self-check.
 inline constexpr int32_t kThrottleWindowSec = 120;   // restarts are counted inside such a window
@@ -80,6 +81,7 @@ inline constexpr unsigned kKillGraceSec = 10;
 
 // Files.
 inline constexpr mode_t kOpenDirMode = 0777;
+inline constexpr mode_t kSocketMode = 0777;          // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;              // narrowed by the owner's umask
 inline constexpr mode_t kClientMarkerMode = 0777;
 inline constexpr mode_t kMarkerMode = 0754;

@@ -1,0 +1,389 @@
+// wex_core, the control server: the daemon's end of the control channel.
+//
+// One thread owns the listening socket, the table of clients and the epoll set, so none of them is locked. It
+// runs at real-time priority: everything here is bounded, and no send waits for a client.
+#define WEX_MODULE "wex_core"
+
+#include "wex_core.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "ras_os.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_msg.h"
+#include "wex_paths.h"
+#include "wex_proc.h"
+#include "wex_rpc.h"
+
+namespace {
+
+constexpr char kThread[] = "wex_process_domain";
+constexpr int kMaxWatched = kMaxClients + 2;  // the listener and the wake-up descriptor come on top
+
+// Why the thread ends: the "res" of its last line, and the errno that goes with it.
+enum {
+  kSetupFailed = -1,
+  kBindFailed = -2,
+  kListenFailed = -3,
+  kEpollFailed = -4,
+  kWatchListenerFailed = -5,
+  kWatchClientFailed = -6,
+  kEventFailed = -7,
+  kAcceptFailed = -8,
+  kTableFull = -9,
+  kClientLost = -10
+};
+
+struct server {
+  unique_fd listener;
+  unique_fd epoll;
+  bool table_ready = false;
+  int code = 0;
+  int error = 0;
+
+  // Notes why the thread must end; false, for the caller to return.
+  bool fail(int why, int cause) noexcept {
+    code = why;
+    error = cause;
+    return false;
+  }
+};
+
+// Static, for 2048 slots and as many events are too much for a thread's stack on the device.
+int32_t client_table[kMaxClients];
+epoll_event events[kMaxWatched];
+
+// ---- Messages
+// -----------------------------------------------------------------------------------------------
+
+// A message with everything at its full size: what the sender left out is zero, what it sent beyond is
+// ignored.
+struct request {
+  wex_reg_info reg;
+  wex_cons_info cons;
+  char script[WEX_SCRIPT_SIZE];
+};
+
+struct message_rule {
+  uint32_t type;
+  bool acknowledged;
+  int (*handler)(const request&);
+};
+
+constexpr message_rule kRules[] = {
+    {WEX_RESTART, true, [](const request& in) { return wex_process_restart(&in.reg); }},
+    {WEX_SHELL_RESTART, true,
+     [](const request& in) { return wex_process_shell_restart(&in.reg, in.script); }},
+    {WEX_NOTIFIER_START, true, [](const request& in) { return wex_notifier_start(&in.reg); }},
+    {WEX_NOTIFIER_RESET, false, [](const request& in) { return wex_notifier_reset(&in.reg); }},  // sent often
+    {WEX_CONS_MSG, true, [](const request& in) { return wex_process_cons_msg(&in.cons); }},
+};
+
+constexpr bool rules_in_order() {
+  for (size_t at = 0; at < std::size(kRules); ++at) {
+    if (kRules[at].type != at + 1) {
+      return false;
+    }
+  }
+  return true;
+}
+static_assert(std::size(kRules) == WEX_CONS_MSG && rules_in_order(), "a message type without a rule");
+
+const message_rule* find_rule(uint32_t type) {
+  return type >= 1 && type <= std::size(kRules) ? &kRules[type - 1] : nullptr;
+}
+
+request unpack(const wex_inner_msg& msg) {
+  const auto length = static_cast<size_t>(msg.msg_len);
+  request in = {};
+  memcpy(&in.reg, &msg + 1, std::min(length, sizeof in.reg));
+  memcpy(&in.cons, &msg + 1, std::min(length, sizeof in.cons));
+  memcpy(in.script, msg.name, sizeof in.script - 1);  // the wire promises no terminator
+  return in;
+}
+
+int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
+  const int result = wex_inner_recv_msg(sd, msg);
+  if (result != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: wex_inner_recv_msg err(ret:%d, sk:%d)!\n", __func__, result, sd);
+  }
+  return result;
+}
+
+// Says only that the message came: the sender is not to wait for what its handler does.
+int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
+  const message_rule* const rule = find_rule(msg.msg_type);
+  if (rule == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "recv unknown type msg %d\n", static_cast<int>(msg.msg_type));
+    return -1;
+  }
+  if (!rule->acknowledged) {
+    return 0;
+  }
+  const wex_inner_msg acknowledgement = {};
+  const int result = wex_inner_send_msg(sd, &acknowledgement);
+  if (result != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: wex_inner_send_msg err(ret:%d, sk:%d, type:%d)!\n", __func__, result, sd,
+            static_cast<int>(msg.msg_type));
+  }
+  return result;
+}
+
+int wex_dispatch_domain_msg(const wex_inner_msg& msg) {
+  const message_rule* const rule = find_rule(msg.msg_type);
+  int result = -1;
+  if (rule == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "recv unknown type msg %d\n", static_cast<int>(msg.msg_type));
+  } else {
+    result = rule->handler(unpack(msg));
+  }
+  wex_dbg(WEX_DBG_PUB, "%s type:%d err:%d\n", __func__, static_cast<int>(msg.msg_type), result);
+  return result;
+}
+
+// ---- Clients
+// ------------------------------------------------------------------------------------------------
+
+// The lowest slot that holds `sd`, or null.
+int32_t* find_slot(int32_t sd) {
+  int32_t* const slot = std::find(std::begin(client_table), std::end(client_table), sd);
+  return slot == std::end(client_table) ? nullptr : slot;
+}
+
+bool drop_client(server& self, int sd) {
+  int32_t* const slot = find_slot(sd);
+  if (slot == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd:%d lost!\n", kThread, sd);
+    return self.fail(kClientLost, 0);
+  }
+  close(sd);
+  *slot = -1;
+  return true;
+}
+
+// One message of one client. A client that breaks the rules loses its connection, and nobody else anything.
+bool serve_client(server& self, int sd) {
+  owned_msg msg;
+  self.code = wex_recv_domain_msg(sd, msg.fill());
+  if (self.code != 0) {
+    return drop_client(self, sd);
+  }
+  self.code = wex_rsp_domain_msg(sd, *msg.get());
+  if (self.code != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: wex_inner_rsp_msg err(ret:%d, sk:%d)!\n", kThread, self.code, sd);
+    return drop_client(self, sd);
+  }
+  self.code = wex_dispatch_domain_msg(*msg.get());
+  return true;
+}
+
+// The peer's address is of no use to us and not asked for.
+unique_fd accept_client(int listener) {
+  unique_fd sd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+  if (!sd.valid() && (errno == ENOSYS || errno == EINVAL)) {  // kernels before 2.6.28
+    sd.reset(accept(listener, nullptr, nullptr));
+    if (sd.valid()) {
+      ras_os_set_fd_close_on_exec(sd.get());
+    }
+  }
+  return sd;
+}
+
+// An accept that fails, and one client too many, end the daemon: whoever starts it again gets a clean table.
+bool admit_client(server& self) {
+  unique_fd sd = accept_client(self.listener.get());
+  if (!sd.valid()) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: accept fail: %s\n", kThread, strerror(cause));
+    return cause == EINTR || self.fail(kAcceptFailed, cause);
+  }
+  int32_t* const slot = find_slot(-1);
+  if (slot == nullptr) {
+    const int number = sd.get();
+    sd.reset();
+    wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
+    return self.fail(kTableFull, 0);
+  }
+  *slot = sd.release();
+  return true;
+}
+
+// ---- One cycle
+// ----------------------------------------------------------------------------------------------
+
+unique_fd create_epoll() {
+  unique_fd ep(epoll_create1(EPOLL_CLOEXEC));
+  if (!ep.valid() && (errno == ENOSYS || errno == EINVAL)) {  // kernels before 2.6.27
+    ep.reset(epoll_create(kMaxClients + 1));
+    if (ep.valid()) {
+      ras_os_set_fd_close_on_exec(ep.get());
+    }
+  }
+  return ep;
+}
+
+int watch(int ep, int fd) {
+  epoll_event event = {};
+  event.events = EPOLLIN;
+  event.data.fd = fd;
+  return epoll_ctl(ep, EPOLL_CTL_ADD, fd, &event);
+}
+
+bool watch_or_fail(server& self, int fd, int why) {
+  const int result = watch(self.epoll.get(), fd);
+  if (result == 0) {
+    return true;
+  }
+  const int cause = errno;
+  wex_dbg(WEX_DBG_PUB, "%s: epoll_ctl err(ep_fd:%d, fd:%d, ret:%d, err:%d)!\n", kThread, self.epoll.get(), fd,
+          result, cause);
+  return self.fail(why, cause);
+}
+
+// Builds the interest set anew from the table; `count` tells how many descriptors are in it.
+bool build_interest(server& self, int* count) {
+  self.epoll = create_epoll();
+  if (!self.epoll.valid()) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: epoll_create err(ret:%d, err:%d)!\n", kThread, -1, cause);
+    return self.fail(kEpollFailed, cause);
+  }
+  if (!watch_or_fail(self, self.listener.get(), kWatchListenerFailed)) {
+    return false;
+  }
+  *count = 1;
+  for (const int32_t sd : client_table) {
+    if (sd != -1) {
+      if (!watch_or_fail(self, sd, kWatchClientFailed)) {
+        return false;
+      }
+      ++*count;
+    }
+  }
+  if (wex_wakeup_fd() >= 0 && watch(self.epoll.get(), wex_wakeup_fd()) == 0) {
+    ++*count;
+  }
+  return true;
+}
+
+bool handle_event(server& self, const epoll_event& event) {
+  const int fd = event.data.fd;
+  if (fd == wex_wakeup_fd()) {
+    return true;  // the flag itself is looked at when the next cycle begins
+  }
+  if ((event.events & EPOLLIN) == 0) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: event err: %s\n", kThread, strerror(cause));
+    return self.fail(kEventFailed, cause);
+  }
+  return fd == self.listener.get() ? admit_client(self) : serve_client(self, fd);
+}
+
+bool run_cycle(server& self) {
+  int count = 0;
+  if (!build_interest(self, &count)) {
+    return false;
+  }
+  memset(events, 0, sizeof(epoll_event) * static_cast<size_t>(count));
+  const int ready = epoll_wait(self.epoll.get(), events, count, kServerWaitMs);
+  self.code = 0;
+  for (int at = 0; at < ready; ++at) {
+    if (!handle_event(self, events[at])) {
+      return false;
+    }
+  }
+  self.epoll.reset();
+  usleep(WEX_SERVER_PAUSE_US);
+  return true;
+}
+
+// ---- Beginning and end
+// --------------------------------------------------------------------------------------
+
+bool open_listener(server& self) {
+  self.listener = wex_open_control_socket();
+  if (!self.listener.valid()) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: socket sk_unix fail: %s\n", kThread, strerror(cause));
+    return self.fail(kSetupFailed, cause);
+  }
+  sockaddr_un address;
+  const socklen_t length = wex_control_address(kControlSocket, &address);
+  unlink(kControlSocket);
+  if (bind(self.listener.get(), reinterpret_cast<const sockaddr*>(&address), length) == -1) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: bind sk_unix fail: %s\n", kThread, strerror(cause));
+    return self.fail(kBindFailed, cause);
+  }
+  chmod(kControlSocket, kSocketMode);
+  if (listen(self.listener.get(), kListenBacklog) == -1) {
+    const int cause = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: listen sk_unix fail: %s\n", kThread, strerror(cause));
+    return self.fail(kListenFailed, cause);
+  }
+  return true;
+}
+
+bool set_up(server& self) {
+  if (wex_set_priority(kMonitorPriority) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: set priority fail: %s\n", kThread, strerror(errno));
+    return self.fail(kSetupFailed, 0);
+  }
+  if (!open_listener(self)) {
+    return false;
+  }
+  std::fill(std::begin(client_table), std::end(client_table), -1);
+  self.table_ready = true;
+  return true;
+}
+
+// A table that was never filled still holds zeros, and descriptor 0 goes with it: once, for the number may be
+// another thread's file a moment later.
+void close_clients(const server& self) {
+  if (!self.table_ready) {
+    close(client_table[0]);
+    return;
+  }
+  for (const int32_t sd : client_table) {
+    if (sd >= 0) {
+      close(sd);
+    }
+  }
+}
+
+void end_thread(server& self) {
+  self.epoll.reset();
+  if (self.listener.get() > 0) {
+    self.listener.reset();
+  } else {
+    self.listener.release();
+  }
+  close_clients(self);
+  wex_raise_exit_flag();
+  wex_log_thread_end(kThread, self.code, self.error);
+}
+
+}  // namespace
+
+extern "C" void* wex_process_domain(void*) {
+  if (prctl(PR_SET_NAME, kThread) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s", kThread, strerror(errno));
+    return nullptr;
+  }
+  server self;
+  bool running = set_up(self);
+  while (running && wex_exit_flag == 0) {
+    running = run_cycle(self);
+  }
+  end_thread(self);
+  return nullptr;
+}
