@@ -1,0 +1,365 @@
+// wex_utils: I/O that survives interruption, an allocator that never fails, facts about processes from /proc,
+// the single-instance lock and the low-memory-killer settings. No state, no heap but safe_malloc's.
+#define WEX_MODULE "wex_utils"
+
+#include "wex_utils.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <limits>
+
+#include "ras_os.h"
+#include "text_reader.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+
+namespace {
+
+constexpr size_t kProcPathSize = 32;
+constexpr size_t kStatusPathSize = 64;
+constexpr size_t kStatusLineSize = 256;
+constexpr size_t kNameSize = 256;
+constexpr size_t kStatSize = 1024;
+constexpr size_t kLmkTextSize = 128;
+constexpr int32_t kLmkIgnore = -1000;
+constexpr int32_t kLmkNormal = 0;
+constexpr unsigned kMemoryRetrySec = 5;
+constexpr int kLockTries = 5;        // somebody may replace the lock file between open and lock
+constexpr int kStartTimeField = 22;  // of /proc/PID/stat, counted from 1
+constexpr int kStateField = 3;
+constexpr char kDeleted[] = " (deleted)";  // the kernel's mark on the link of a replaced executable
+
+// An absolute deadline: an interruption costs nothing, and no remainder is added up wrongly.
+void sleep_for(int64_t nanoseconds) {
+  constexpr int64_t kSecond = 1000000000;
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const int64_t fraction = now.tv_nsec + nanoseconds % kSecond;
+  const int64_t end = int64_t{now.tv_sec} + nanoseconds / kSecond + fraction / kSecond;
+  constexpr int64_t kEndOfTime = std::numeric_limits<time_t>::max();
+  timespec deadline = {};
+  deadline.tv_sec = static_cast<time_t>(end < kEndOfTime ? end : kEndOfTime);
+  deadline.tv_nsec = static_cast<long>(fraction % kSecond);
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+  }
+}
+
+// The count travels as 32 bits; what would not fit is left to the caller's next call.
+size_t countable(size_t length) {
+  return length < INT32_MAX ? length : INT32_MAX;
+}
+
+// After an update of a running program its link names "FILE (deleted)". The program to be started again is
+// FILE, as long as the new one is there and nothing really bears the marked name. The length that counts.
+size_t without_deleted_mark(char* path, size_t length) {
+  const size_t mark = sizeof(kDeleted) - 1;
+  if (length <= mark || strcmp(path + length - mark, kDeleted) != 0) {
+    return length;
+  }
+  struct stat status = {};
+  if (lstat(path, &status) == 0 || errno != ENOENT) {
+    return length;
+  }
+  path[length - mark] = '\0';
+  const bool replaced = stat(path, &status) == 0;
+  path[length - mark] = kDeleted[0];
+  return replaced ? length - mark : length;
+}
+
+// Appends the arguments behind the first one at `length`, without a terminator. The new length.
+size_t append_arguments(int fd, char* buffer, size_t length, size_t size) {
+  text_reader arguments(fd);
+  int c;
+  do {
+    c = arguments.byte();
+    if (c < 0) {
+      return length;
+    }
+  } while (c != '\0');
+  buffer[length++] = ' ';
+  while (length < size - 1 && (c = arguments.byte()) >= 0) {
+    // A newline in an argument ends the visible text: the command line must stay one line in files and logs.
+    buffer[length++] = c == '\0' ? ' ' : c == '\n' ? '\0' : static_cast<char>(c);
+  }
+  return buffer[length - 1] == ' ' ? length - 1 : length;
+}
+
+// The first line of a process's status file that begins with `key`.
+bool find_status_line(int32_t pid, const char* key, char* line, size_t size) {
+  char path[kStatusPathSize];
+  wex_format(path, sizeof(path), kProcStatusFmt, pid);
+  const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    return false;
+  }
+  ras_os_set_fd_close_on_exec(file.get());
+  text_reader status(file.get());
+  while (status.line(line, size)) {
+    if (strncmp(line, key, strlen(key)) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Where the state letter stands in the stat text of a process, or null. The command name before it is
+// anything, parentheses included: only the last one ends it.
+const char* read_stat(int32_t pid, char* text, size_t size) {
+  char path[kProcPathSize];
+  wex_format(path, sizeof(path), kProcStatFmt, pid);
+  if (wex_read_to_buf(path, text, size) < 0) {
+    return nullptr;
+  }
+  const char* const end = strrchr(text, ')');
+  return end != nullptr && end[1] == ' ' && end[2] != '\0' ? end + 2 : nullptr;
+}
+
+bool is_same_file(int fd, const char* path) {
+  struct stat held = {};
+  struct stat named = {};
+  return fstat(fd, &held) == 0 && stat(path, &named) == 0 && held.st_dev == named.st_dev &&
+         held.st_ino == named.st_ino;
+}
+
+bool is_trusted_owner(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+}
+
+bool lock_whole_file(int fd) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;  // whole file: start and length stay 0
+  whole.l_whence = SEEK_SET;
+  return fcntl(fd, F_SETLK, &whole) == 0;
+}
+
+bool write_own_pid(int fd) {
+  char text[16];
+  wex_format(text, sizeof(text), "%d", static_cast<int>(getpid()));
+  const size_t length = strlen(text) + 1;
+  return ftruncate(fd, 0) == 0 && safe_write(fd, text, length) == static_cast<int32_t>(length);
+}
+
+}  // namespace
+
+void safe_sleep(unsigned seconds) {
+  sleep_for(int64_t{seconds} * 1000000000);
+}
+
+void wex_sleep_ms(int milliseconds) {
+  if (milliseconds > 0) {
+    sleep_for(int64_t{milliseconds} * 1000000);
+  }
+}
+
+void* safe_malloc(size_t size) {
+  void* block = calloc(1, size > 0 ? size : 1);
+  while (block == nullptr) {
+    safe_sleep(kMemoryRetrySec);
+    block = calloc(1, size > 0 ? size : 1);
+  }
+  return block;
+}
+
+int32_t safe_read(int fd, void* buffer, size_t length) {
+  const size_t wanted = countable(length);
+  size_t done = 0;
+  while (done < wanted) {
+    const ssize_t got = read(fd, static_cast<char*>(buffer) + done, wanted - done);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got < 0) {
+      return -1;
+    }
+    if (got == 0) {
+      break;
+    }
+    done += static_cast<size_t>(got);
+  }
+  return static_cast<int32_t>(done);
+}
+
+int32_t safe_write(int fd, const void* buffer, size_t length) {
+  const size_t wanted = countable(length);
+  size_t done = 0;
+  while (done < wanted) {
+    const ssize_t put = write(fd, static_cast<const char*>(buffer) + done, wanted - done);
+    if (put < 0 && errno == EINTR) {
+      continue;
+    }
+    if (put < 0) {
+      return -1;
+    }
+    if (put == 0) {
+      break;
+    }
+    done += static_cast<size_t>(put);
+  }
+  return static_cast<int32_t>(done);
+}
+
+int32_t safe_write_path(const char* path, const void* buffer, size_t length) {
+  const unique_fd file(open(path, O_RDWR | O_CLOEXEC));
+  if (!file.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: fd < 0: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  ras_os_set_fd_close_on_exec(file.get());
+  return safe_write(file.get(), buffer, length);
+}
+
+int32_t wex_read_to_buf(const char* path, char* buffer, size_t size) {
+  if (size == 0) {
+    return -1;
+  }
+  const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    return -1;
+  }
+  ras_os_set_fd_close_on_exec(file.get());
+  const int32_t got = safe_read(file.get(), buffer, size - 1);
+  buffer[got < 0 ? 0 : got] = '\0';
+  return got;
+}
+
+char* pid_to_cmdline(int32_t pid, char* buffer, size_t size) {
+  if (buffer == nullptr || size == 0) {
+    return nullptr;
+  }
+  char path[kProcPathSize];
+  wex_format(path, sizeof(path), kProcExeFmt, pid);
+  const ssize_t linked = readlink(path, buffer, size - 1);
+  if (linked < 0) {
+    buffer[0] = '\0';
+    return nullptr;
+  }
+  buffer[linked] = '\0';
+  size_t length = without_deleted_mark(buffer, static_cast<size_t>(linked));
+  wex_format(path, sizeof(path), kProcCmdlineFmt, pid);
+  const unique_fd file(size < length + 3 ? -1 : open(path, O_RDONLY | O_CLOEXEC));
+  if (file.valid()) {
+    ras_os_set_fd_close_on_exec(file.get());
+    length = append_arguments(file.get(), buffer, length, size);
+  }
+  buffer[length] = '\0';
+  return buffer;
+}
+
+int32_t wex_get_ppid_form_pid(int32_t pid) {
+  char line[kStatusLineSize];
+  int group = -1;
+  if (!find_status_line(pid, "Tgid:", line, sizeof(line)) || sscanf(line, "Tgid:\t%d", &group) != 1) {
+    return -1;
+  }
+  return group;
+}
+
+int wex_get_pid_name(int32_t pid, char* buffer, size_t size) {
+  if (buffer == nullptr || size < 1) {
+    return -1;
+  }
+  char line[kStatusLineSize];
+  char name[kNameSize] = {};
+  if (!find_status_line(pid, "Name:", line, sizeof(line)) || sscanf(line, "Name:\t%255[^\r\n]", name) != 1) {
+    return -1;
+  }
+  wex_copy_text(buffer, size, name);
+  return 0;
+}
+
+int process_life(int32_t pid) {
+  char text[kStatSize];
+  for (int attempt = 0; attempt < kLifeTries; ++attempt) {
+    const char* const state = read_stat(pid, text, sizeof(text));
+    if (state != nullptr && *state != 'X' && *state != 'Z') {
+      return 0;
+    }
+    wex_sleep_ms(kLifeRetryMs);
+  }
+  return -1;
+}
+
+bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
+  char text[kStatSize];
+  const char* field = read_stat(pid, text, sizeof(text));
+  if (field == nullptr) {
+    return false;
+  }
+  const char letter = *field;
+  for (int number = kStateField; number < kStartTimeField; ++number) {
+    field = strchr(field, ' ');
+    if (field == nullptr) {
+      return false;
+    }
+    ++field;
+  }
+  if (state != nullptr) {
+    *state = letter;
+  }
+  if (start_time != nullptr) {
+    *start_time = strtoull(field, nullptr, 10);
+  }
+  return true;
+}
+
+bool wex_proc_lives(int32_t pid, uint64_t start_time) {
+  char state = '\0';
+  uint64_t started = 0;
+  // Some older kernels write "x" for a process that is about to vanish.
+  return wex_proc_stat(pid, &state, &started) && state != 'X' && state != 'x' && state != 'Z' &&
+         (start_time == 0 || start_time == started);
+}
+
+int already_running(const char* path) {
+  for (int attempt = 0; attempt < kLockTries; ++attempt) {
+    unique_fd lock = wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
+    if (!lock.valid() || !is_trusted_owner(lock.get()) || !lock_whole_file(lock.get())) {
+      return -1;
+    }
+    // A lock on a file that has lost its name keeps nobody out.
+    if (!is_same_file(lock.get(), path)) {
+      continue;
+    }
+    write_own_pid(lock.get());
+    return lock.release();  // stays open on purpose: the lock lives as long as we do
+  }
+  return -1;
+}
+
+int32_t wex_set_lmk(int32_t score, int32_t pid) {
+  char path[kLmkTextSize];
+  char text[kLmkTextSize];
+  wex_format(path, sizeof(path), kProcOomScoreFmt, pid);
+  wex_format(text, sizeof(text), "%d\n", score);
+  return safe_write_path(path, text, strlen(text) + 1);  // with its zero byte, which the kernel ignores
+}
+
+int32_t wex_ignore_lmk(int32_t pid) {
+  return wex_set_lmk(kLmkIgnore, pid);
+}
+
+int32_t wex_reset_lmk(int32_t pid) {
+  return wex_set_lmk(kLmkNormal, pid);
+}
+
+int wex_get_proc_status(void) {
+  const unique_fd file(open(kWexStatus, O_RDONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: open wex_status file fail: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  ras_os_set_fd_close_on_exec(file.get());
+  char digit = '\0';
+  errno = 0;  // an empty file is no error of its own
+  if (safe_read(file.get(), &digit, 1) != 1) {
+    wex_dbg(WEX_DBG_PUB, "%s: read wex_status file fail: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  return digit >= '0' && digit <= '9' ? digit - '0' : 0;
+}
