@@ -1,0 +1,77 @@
+// wex_child: what every spawned child does between fork and exec. A child of a threaded process may only
+// touch its own memory: no lock, no allocation, nothing that another thread could have been in the middle of.
+#include "wex_child.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "unique_fd.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+constexpr int kLastSignal = 127;
+constexpr char kSeparators[] = " \t";
+
+// The C library's own call would also ask the threads that exist only in the parent.
+#ifdef SYS_setgroups32
+constexpr long kSetGroupsCall = SYS_setgroups32;
+#else
+constexpr long kSetGroupsCall = SYS_setgroups;
+#endif
+}  // namespace
+
+void split_words(const char* command, child_words* words) {
+  memset(words, 0, sizeof *words);
+  wex_copy_text(words->text, sizeof words->text, command);
+  char* at = words->text;
+  while (words->count < kMaxWords) {
+    at += strspn(at, kSeparators);
+    if (*at == '\0') {
+      return;
+    }
+    words->argv[words->count++] = at;
+    at += strcspn(at, kSeparators);
+    if (*at != '\0') {
+      *at++ = '\0';
+    }
+  }
+}
+
+void reset_signal_actions() {
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  for (int signal = 1; signal <= kLastSignal; ++signal) {
+    sigaction(signal, &action, nullptr);  // numbers that are no signals fail, and so do KILL and STOP
+  }
+}
+
+void clear_signal_mask() {
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool flush_tlb() {
+  if (access(kFlushTlb, F_OK) != 0) {
+    return false;
+  }
+  const unique_fd fd(open(kFlushTlb, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  if (fd.valid()) {
+    safe_write(fd.get(), "1\n", 2);
+  }
+  return true;
+}
+
+int enter_domain_group(int vsd) {
+  const gid_t group =
+      static_cast<gid_t>(kDomainGroupBase) + static_cast<gid_t>(kDomainGroupStep) * static_cast<gid_t>(vsd);
+  return syscall(kSetGroupsCall, 1, &group) == 0 ? 0 : -1;
+}
