@@ -32,9 +32,13 @@ int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)
 // Compiles "/etc/wex/proc" into the third-part list.
 void wex_third_part_proc_init(void);
 
-// 0 when the thread is still the registered one; does not look at its counters.
+// 0 when the registered thread is still the same living thread, else not 0.
 int wex_check_pid_exist(wex_pid* rec);
 }
+
+// One look of the watchdog at every registered thread: removes those that are gone, counts the silent ones, aborts
+// the process of the first that is hung. To be called every 60 s.
+void wex_scan_alive_chains();
 
 // Sets the flag and wakes every wait of every thread. Any thread.
 void wex_raise_exit_flag();
