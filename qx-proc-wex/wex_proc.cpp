@@ -1,0 +1,594 @@
+// wex_proc: starting and restarting the program, or the restart script, of a record.
+//
+// Both spawners are one procedure; `spawn_kind` holds all they differ in. The caller holds wex_chains for the
+// whole of it, so only one spawn is under way at a time.
+#define WEX_MODULE "wex_proc"
+#include "wex_proc.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "dir_walk.h"
+#include "ras_os.h"
+#include "signals_held.h"
+#include "unique_fd.h"
+#include "wex_chain.h"
+#include "wex_child.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_list.h"
+#include "wex_log.h"
+#include "wex_paths.h"
+#include "wex_platform.h"
+#include "wex_signals.h"
+#include "wex_utils.h"
+#include "wex_vsd.h"
+
+namespace {
+
+struct spawn_kind {
+  const char* function;       // as diagnostics name it
+  int32_t action;             // records of this action are throttled
+  const char* wait_mnemonic;  // system log, when one is parked
+  bool through_shell;
+};
+constexpr spawn_kind kProgram = {"wex_spawn", RESPAWN, "HA_WAIT_SELF_CHECK", false};
+constexpr spawn_kind kScript = {"wex_shell_spawn", SHELL_RESTART, "HA_WAIT_SCRIPT_SELF_CHECK", true};
+
+// All that one start needs, made before the fork.
+struct launch {
+  const spawn_kind* kind;
+  wex_pid* rec;
+  int32_t domain;  // of the process that is replaced: 1 to 15, or -1
+  child_words words;
+  char script[4096];
+};
+
+int g_fork_failures = 0;  // in a row; guarded by wex_chains
+
+const char* first_word(const launch& start) {
+  return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
+}
+
+// ---- throttle
+// ------------------------------------------------------------------------------------------------------
+
+// Keeps what is left of a pending alarm, so that the earlier of the two deadlines holds.
+void arm_alarm(int32_t wait) {
+  const unsigned left = alarm(0);
+  const unsigned whole = wait > 0 ? static_cast<unsigned>(wait) : 0;
+  alarm(left >= 1 && left <= whole ? left : whole);
+}
+
+void park(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
+  const char* const name = wex_program_name(rec);
+  printk_syslog_ext(
+      5, "HA", kind.wait_mnemonic, 1,
+      "Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n", name,
+      wait / 60);
+  wex_dbg(WEX_DBG_PUB,
+          "%s Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n",
+          kind.wait_mnemonic, name, wait / 60);
+  rec->flags = (rec->flags & ~static_cast<uint32_t>(WEX_FLAG_SELF_CHECKING)) | WEX_FLAG_WAITING;
+  rec->check_start = now;
+  arm_alarm(wait);
+  rec->alarm_wait_flag = 1;
+  if (wex_reboot_is_due(rec, now)) {
+    wex_reboot_for(rec);
+  }
+}
+
+// True when the record was parked: nothing is started now.
+bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
+  if (rec->action != kind.action) {
+    return false;
+  }
+  if (now < static_cast<int64_t>(rec->check_start) + kThrottleWindowSec) {
+    ++rec->check_count;
+  } else {
+    rec->check_count = 1;
+    rec->check_start = now;
+  }
+  if (rec->check_count < kThrottleRestarts || del_dev_mon_log() == 0) {
+    return false;
+  }
+  park(rec, kind, now, wait);
+  return true;
+}
+
+// ---- what is executed
+// ----------------------------------------------------------------------------------------------
+
+// The command map names a script by the program's base name; a bare word names it without the extension.
+void find_script(const char* word, char* script, size_t size) {
+  const char* const base = strrchr(word, '/');
+  if (base != nullptr) {
+    wex_format(script, size, "%s%s.sh", kCommandMap, base);
+  } else {
+    wex_format(script, size, "%s/%s", kCommandMap, word);
+  }
+}
+
+void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
+  start->kind = &kind;
+  start->rec = rec;
+  start->domain = rec->pid > 0 ? find_app(rec->pid) : -1;
+  const bool scripted = kind.through_shell && rec->script[0] != '\0';
+  split_words(scripted ? rec->script : rec->process, &start->words);
+  if (!kind.through_shell) {
+    return;
+  }
+  find_script(first_word(*start), start->script, sizeof start->script);
+  // The shell and the script take the place of the first word.
+  for (int i = start->words.count; i >= 1; --i) {
+    start->words.argv[i + 1] = start->words.argv[i];
+  }
+  start->words.argv[1] = start->script;
+  start->words.argv[0] = const_cast<char*>(kShell);
+}
+
+// ---- child
+// ---------------------------------------------------------------------------------------------------------
+
+constexpr int kDomainVariables = 5;
+constexpr int kEnvironmentMax = 1024;
+
+struct domain_variable {
+  const char* name;
+  const char* value_format;
+  const char* only_with;  // directory that must exist, or null
+};
+constexpr domain_variable kVariables[kDomainVariables] = {
+    {"QX_CFG_DIR", kConfigDomainFmt, nullptr},  {"OVIX_DIR", kOvixDomainFmt, nullptr},
+    {"DATA_OVIX_DIR", kDataDomainFmt, nullptr}, {"DATA_OVIX_DIR2", kData2DomainFmt, kData2Dir},
+    {"TMPDIR", kDomainDirFmt, nullptr},
+};
+
+// The child's own copies: setenv() could wait for a lock that another thread held at the fork.
+char g_domain_texts[kDomainVariables][kPathSize];
+char* g_child_environment[kEnvironmentMax];
+
+bool is_domain_variable(const char* entry) {
+  for (int i = 0; i < kDomainVariables; ++i) {
+    const size_t length = strlen(kVariables[i].name);
+    if (g_domain_texts[i][0] != '\0' && strncmp(entry, kVariables[i].name, length) == 0 &&
+        entry[length] == '=') {
+      return true;
+    }
+  }
+  return false;
+}
+
+void set_domain_environment(int32_t vsd) {
+  int count = 0;
+  for (int i = 0; i < kDomainVariables; ++i) {
+    const domain_variable& variable = kVariables[i];
+    if (variable.only_with != nullptr && access(variable.only_with, F_OK) != 0) {
+      continue;
+    }
+    char value[kPathSize - 32];
+    wex_format(value, sizeof value, variable.value_format, vsd);
+    wex_format(g_domain_texts[i], sizeof g_domain_texts[i], "%s=%s", variable.name, value);
+    g_child_environment[count++] = g_domain_texts[i];
+  }
+  for (char** entry = environ; entry != nullptr && *entry != nullptr && count < kEnvironmentMax - 1;
+       ++entry) {
+    if (!is_domain_variable(*entry)) {
+      g_child_environment[count++] = *entry;
+    }
+  }
+  g_child_environment[count] = nullptr;
+  environ = g_child_environment;
+}
+
+// As the kernel lays out directory entries; read without opendir(), which allocates.
+struct kernel_entry {
+  uint64_t inode;
+  int64_t offset;
+  uint16_t size;
+  uint8_t type;
+  char name[1];
+};
+
+void remove_markers(int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
+  const unique_fd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir.valid()) {
+    return;
+  }
+  alignas(kernel_entry) char bytes[2048];
+  for (long size; (size = syscall(SYS_getdents64, dir.get(), bytes, sizeof bytes)) > 0;) {
+    for (long at = 0; at < size;) {
+      const kernel_entry* const entry = reinterpret_cast<const kernel_entry*>(bytes + at);
+      if (entry->name[0] != '.' && strtol(entry->name, nullptr, 10) == pid) {
+        unlinkat(dir.get(), entry->name, 0);
+      }
+      at += entry->size;
+    }
+  }
+}
+
+// The child's working directory. A domain that cannot be entered in full is no reason not to start the
+// program.
+void enter_place(const launch& start) {
+  if (start.domain >= 1) {
+    set_proc_env(start.domain, start.rec->pid);
+    return;
+  }
+  const int result = chdir(kRootDir);
+  if (result != 0) {
+    wex_mk_forkfile();
+    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.kind->function, result);
+    _exit(1);  // never back into the daemon's loops
+  }
+}
+
+[[noreturn]] void run_child(const launch& start) {
+  wex_reset_priority();  // first: opening the console may block, and at real-time priority nobody else would
+                         // run
+  wex_create_std_fd(0);
+  clear_signal_mask();
+  setsid();
+  reset_signal_actions();
+  enter_place(start);
+  wex_rm_forkfile();
+  if (!flush_tlb()) {
+    wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
+  }
+  wex_reset_lmk(
+      static_cast<int32_t>(getpid()));  // before the program can fork children that could never be chosen
+  char* const* const argv = start.words.argv;
+  if (argv[0] != nullptr) {
+    execvp(argv[0], argv);
+  } else {
+    errno = ENOENT;
+  }
+  const char* const error = strerror(errno);
+  if (start.kind->through_shell) {
+    wex_dbg(WEX_DBG_PUB, "HA_SCRIPT_RESTART execvp fail, error = %s.\n", error);
+  } else {
+    wex_dbg(WEX_DBG_PUB, "HA_RESTART execvp fail, error = %s.\n", error);
+  }
+  _exit(1);
+}
+
+// ---- parent
+// --------------------------------------------------------------------------------------------------------
+
+// A domain's child runs foreign code before its program starts. While the pipe's other end is open it has not
+// got there yet; one that never does would leave its program down with nobody noticing.
+void await_exec(pid_t child, const unique_fd& started) {
+  struct pollfd end = {started.get(), POLLIN, 0};
+  int ready;
+  do {
+    ready = poll(&end, 1, kPlatformTimeLimitMs);
+  } while (ready < 0 && errno == EINTR);
+  if (ready == 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
+            static_cast<int>(child));
+    kill(child, SIGKILL);
+  }
+}
+
+// Forks a child that runs the program. The child's pid, or -1 with errno.
+pid_t fork_child(const launch& start) {
+  int ends[2] = {-1, -1};
+  if (start.domain >= 1 && pipe(ends) == 0) {
+    ras_os_set_fd_close_on_exec(ends[0]);
+    ras_os_set_fd_close_on_exec(ends[1]);
+  }
+  const unique_fd started(ends[0]);
+  unique_fd starting(ends[1]);
+  const pid_t child = fork();
+  if (child == 0) {
+    run_child(start);
+  }
+  starting.reset();
+  if (child > 0 && start.domain >= 1) {
+    save_proc_info(start.domain, static_cast<int32_t>(child));
+    if (started.valid()) {
+      await_exec(child, started);
+    }
+  }
+  return child;
+}
+
+// The process of a third-part program, which may have detached from the child. Its pid, or 0.
+int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
+  wex_pid* const rec = start.rec;
+  char* const whole = rec->process;
+  char* const wanted =
+      start.kind->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
+  const char* const function = start.kind->function;
+  int32_t found = 0;
+  int result = wex_proc_to_pid(wanted, &found, kFindTries);
+  if (result != 1 && wanted != whole) {
+    // The program's arguments are part of its command line, so the first word alone finds only bare programs.
+    result = wex_proc_to_pid(whole, &found, 0);
+  }
+  if (result == 1 && found == child) {
+    wex_dbg(WEX_DBG_PUB, "%s--> third part Normal[%s] new pid: %d\n", function, wanted, found);
+  } else if (found != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s--> third part Daemon[%s] new pid: %d\n", function, wanted, found);
+  } else {
+    wex_dbg(WEX_DBG_PUB, "%s--> third part[%s] Not Found new pid!\n", function, wanted);
+    return 0;
+  }
+  *out_pid = found;
+  return found;
+}
+
+// The marker lies on the same file system whose exhaustion may be what makes fork fail, so failures are
+// counted in memory too.
+void note_fork_failure(const launch& start, int error) {
+  ++g_fork_failures;
+  if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
+    wex_end_unable_to_restart();
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.kind->function, strerror(error), error);
+}
+
+// One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
+int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
+  const signals_held hold(SIGCHLD);
+  const pid_t child = fork_child(start);
+  *error = errno;
+  if (child > 0) {
+    g_fork_failures = 0;
+  }
+  char word[256];
+  if (wex_proc_in_wexdb2(kThirdPartList, start.rec->process, word, sizeof word) == 1) {
+    return find_third_part(start, child, out_pid);
+  }
+  const char* const shown = start.kind->through_shell ? start.rec->process : first_word(start);
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.kind->function, shown,
+          static_cast<int>(child));
+  *out_pid = static_cast<int32_t>(child);
+  return *out_pid;
+}
+
+int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
+  *out_pid = -1;
+  const int32_t now = wex_clock_now();
+  if (rec->check_start == 0) {
+    rec->check_start = now;
+  }
+  const int32_t wait = debug_time();
+  if (wait < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", kind.function, strerror(errno));
+  }
+  rec->flags |= WEX_FLAG_SELF_CHECKING;
+  if (throttled(rec, kind, now, wait)) {
+    return -1;
+  }
+  launch start;
+  prepare(&start, kind, rec);
+  while (true) {
+    int error = 0;
+    {
+      const spawn_guard guard;
+      const int32_t result = try_start(start, out_pid, &error);
+      if (result != -1) {
+        return result;
+      }
+    }
+    note_fork_failure(start, error);
+    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
+    safe_sleep(kForkRetrySec);
+  }
+}
+
+// ---- searching
+// -----------------------------------------------------------------------------------------------------
+
+// One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
+int scan_processes(const char* command, int32_t* out_pid, int before) {
+  dir_walk processes(kProcDir);
+  if (!processes.valid()) {
+    return -errno;
+  }
+  while (const dirent* const entry = processes.next()) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
+      continue;
+    }
+    struct stat look;
+    if (fstatat(processes.fd(), entry->d_name, &look, 0) != 0) {
+      return -errno;
+    }
+    if (!S_ISDIR(look.st_mode)) {
+      continue;
+    }
+    const int32_t pid = static_cast<int32_t>(strtol(entry->d_name, nullptr, 10));
+    char text[1024];
+    if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
+      continue;
+    }
+    rtrim(text);
+    if (strcmp(text, command) == 0) {
+      *out_pid = pid;
+      return 1;
+    }
+  }
+  return before;
+}
+
+// The console must not hang the opening, nor become the controlling terminal of whoever opens it.
+int open_std_device(const char* path, bool cloexec) {
+  int fd = -1;
+  for (int attempt = 1; (fd = open(path, O_RDWR | O_NONBLOCK | O_NOCTTY)) < 0; ++attempt) {
+    if (attempt == kConsoleTries) {
+      return -1;
+    }
+    wex_sleep_ms(kConsoleRetryMs);
+  }
+  if (cloexec) {
+    ras_os_set_fd_close_on_exec(fd);
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  return fd;
+}
+
+// Without a console the number would go to the next file that is opened, and every diagnostic into that file.
+void plug(int wanted, bool cloexec) {
+  const int fd = open(kNullDevice, O_RDWR | O_NOCTTY);
+  if (fd != wanted && fd >= 0) {
+    close(fd);
+  } else if (cloexec) {
+    ras_os_set_fd_close_on_exec(fd);
+  }
+}
+
+}  // namespace
+
+bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
+  return rec->reboot_allow > 0 && static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
+}
+
+void wex_reboot_for(const wex_pid* rec) {
+  char reason[128];
+  wex_format(reason, sizeof reason, "detect process %s can not restart, so restart system.\n", rec->process);
+  wex_reboot(reason, nullptr);
+}
+
+extern "C" {
+
+int32_t wex_spawn(wex_pid* rec, int32_t* out_pid) {
+  return spawn(rec, out_pid, kProgram);
+}
+
+int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) {
+  return spawn(rec, out_pid, kScript);
+}
+
+void wex_create_std_fd(int cloexec) {
+  struct {
+    const char* path;
+    int fd;
+  } devices[] = {{kNullDevice, -1}, {kConsole, -1}, {kConsole, -1}};
+  for (int fd = 0; fd <= 2; ++fd) {
+    close(fd);
+  }
+  for (int number = 0; number <= 2; ++number) {
+    devices[number].fd = open_std_device(devices[number].path, cloexec != 0);
+    if (devices[number].fd < 0) {
+      plug(number, cloexec != 0);
+    }
+  }
+  const int pid = static_cast<int>(getpid());
+  wex_dbg(WEX_DBG_PUB, "pid:%d stdin(%s) fd %d\n", pid, kNullDevice, devices[0].fd);
+  wex_dbg(WEX_DBG_PUB, "pid:%d stdout(%s) fd %d\n", pid, kConsole, devices[1].fd);
+  wex_dbg(WEX_DBG_PUB, "pid:%d stderr(%s) fd %d\n", pid, kConsole, devices[2].fd);
+}
+
+int32_t find_app(int32_t pid) {
+  for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
+    char path[kPathSize];
+    wex_format(path, sizeof path, kMarkerDirFmt, vsd);
+    dir_walk markers(path);
+    while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {
+      if (strtol(entry->d_name, nullptr, 10) == pid) {
+        return vsd;
+      }
+    }
+  }
+  return -1;
+}
+
+int save_proc_info(int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  wex_format(path, sizeof path, kRunDomainFmt, vsd);
+  if (chdir(path) != 0) {
+    return -errno;
+  }
+  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
+  return marker.valid() ? 0 : -errno;
+}
+
+void set_proc_env(int32_t vsd, int32_t old_pid) {
+  if (fs_set_vsd_envs(vsd, old_pid) < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: fs set vsd envs fail\n", __func__);
+    return;
+  }
+  set_domain_environment(vsd);
+  char run_dir[kPathSize];
+  wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
+  if (chdir(run_dir) != 0) {
+    return;
+  }
+  if (enter_domain_group(vsd) == 0) {
+    wex_dbg(WEX_DBG_PUB, "setgroups success\n");
+  }
+  remove_markers(vsd, old_pid);
+}
+
+int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
+  if (command == nullptr || out_pid == nullptr) {
+    return -1;
+  }
+  rtrim(command);
+  int result = 0;
+  for (int scan = 1;; ++scan) {
+    result = scan_processes(command, out_pid, result);
+    if (scan > tries || result == 1) {
+      return result;
+    }
+    wex_sleep_ms(scan * kFindStepMs);
+  }
+}
+
+int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size) {
+  char line[1024];
+  if (wex_list_find(list_path, command, line, sizeof line) != 1) {
+    return 0;
+  }
+  const char* const blank = strrchr(line, ' ');
+  wex_copy_text(word, size, blank != nullptr ? blank + 1 : line);
+  return 1;
+}
+
+void rtrim(char* text) {
+  size_t length = strlen(text);
+  while (length > 0 && (text[length - 1] == ' ' || text[length - 1] == '\t')) {
+    text[--length] = '\0';
+  }
+}
+
+int wex_set_priority(int priority) {
+  sched_param param = {};
+  param.sched_priority = priority;
+  return sched_setscheduler(0, SCHED_FIFO, &param);  // 0 is the calling thread
+}
+
+int wex_reset_priority(void) {
+  const sched_param param = {};
+  return sched_setscheduler(0, SCHED_OTHER, &param);
+}
+
+int wex_mk_forkfile(void) {
+  const unique_fd marker = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
+  if (!marker.valid() || safe_write(marker.get(), "a", 1) != 1) {
+    return -1;
+  }
+  fsync(marker.get());
+  return 0;
+}
+
+void wex_rm_forkfile(void) {
+  if (unlink(kForkFile) != 0) {
+    wex_dbg(WEX_DBG_PUB, "unlink file %s error, reason is %s\n", kForkFile, strerror(errno));
+  }
+}
+
+}  // extern "C"
