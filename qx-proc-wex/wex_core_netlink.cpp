@@ -1,0 +1,489 @@
+// wex_core_netlink: the daemon's eyes. Subscribes to the kernel's process events; registers third-part
+// programs when they are executed, hands every exit to the exit handler, reboots when too many programs crash
+// at once.
+#define WEX_MODULE "wex_core"
+#include "wex_core_netlink.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "chain_lock.h"
+#include "ras_os.h"
+#include "unique_fd.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_msg.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_proc.h"
+#include "wex_utils.h"
+#include "wex_vsd.h"
+
+namespace {
+
+constexpr char kThreadName[] = "wex_process_netlink";
+constexpr int kConnector = 11;         // NETLINK_CONNECTOR
+constexpr uint32_t kProcessGroup = 1;  // CN_IDX_PROC, also the multicast group
+constexpr uint32_t kProcessValue = 1;  // CN_VAL_PROC
+constexpr uint32_t kListen = 1;        // PROC_CN_MCAST_LISTEN
+constexpr int kReceiveBuffer = 0x200000;
+constexpr int kWantedBuffer = 2 * kReceiveBuffer;  // the kernel reports twice what it was asked for
+constexpr size_t kDatagramMax = 1024;
+constexpr int kAckWaitMs = 100;
+constexpr uint32_t kCoreDumped = 0x80;
+constexpr size_t kTypeSize = 1024;
+
+// Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
+// time stamp, so fields are copied out one by one.
+enum : size_t { kLenAt = 0, kTypeAt = 4, kKindAt = 36, kPidAt = 52, kTgidAt = 56, kCodeAt = 60 };
+
+template <typename T>
+T field(const uint8_t* message, size_t at) {
+  T value;
+  memcpy(&value, message + at, sizeof value);
+  return value;
+}
+
+template <typename T>
+void put(uint8_t* message, size_t at, T value) {
+  memcpy(message + at, &value, sizeof value);
+}
+
+// False when the message is too short for its kind or of no interest.
+bool read_event(const uint8_t* message, size_t size, process_event* event) {
+  if (size < kKindAt + sizeof event->kind) {
+    return false;
+  }
+  *event = {field<uint32_t>(message, kKindAt), 0, 0, 0};
+  switch (event->kind) {
+    case kEventAck:
+      return true;
+    case kEventExit:
+      if (size < kCodeAt + sizeof event->exit_code) {
+        return false;
+      }
+      event->exit_code = field<uint32_t>(message, kCodeAt);
+      break;
+    case kEventExec:
+      if (size < kTgidAt + sizeof event->tgid) {
+        return false;
+      }
+      break;
+    default:
+      return false;
+  }
+  event->pid = field<int32_t>(message, kPidAt);
+  event->tgid = field<int32_t>(message, kTgidAt);
+  return true;
+}
+
+bool read_number(const char** text, int32_t* value) {
+  char* end = nullptr;
+  errno = 0;
+  const long long number = strtoll(*text, &end, 10);
+  if (end == *text || errno == ERANGE || number < INT32_MIN || number > INT32_MAX) {
+    return false;
+  }
+  *text = end;
+  *value = static_cast<int32_t>(number);
+  return true;
+}
+
+// ---- exec
+// ----------------------------------------------------------------------------------------------------------
+
+void register_executed(int32_t pid) {
+  char type[kTypeSize];
+  if (wex_pid_in_wexdb(pid, kThirdPartList, type, sizeof type) == 0) {
+    return;
+  }
+  wex_pid started = {};
+  started.pid = pid;
+  if (pid_to_cmdline(pid, started.process, sizeof started.process) == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "%s--> pid_to_proc error!\n", kThreadName);
+  }
+  if (wex_proc_in_wexdb(kThirdPartList, started.process, type, sizeof type) == 0) {
+    wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
+    return;
+  }
+  const int32_t vsd = get_vsdid(pid);
+  started.vsd = vsd < 0 ? 0 : vsd;
+  {
+    chain_lock hold(wex_chains);
+    __wex_drop_failed(started.process, started.vsd);
+    if (wex_proc_is_running(&started) != nullptr) {
+      wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
+      return;
+    }
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> To register to wex, process: %s, pid: %d, type: %s, type_len: %d\n",
+          kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
+  if (wex_register_third_part(pid, type) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
+  }
+}
+
+// ---- exit
+// ----------------------------------------------------------------------------------------------------------
+
+// The record an event belongs to. The thread that dumped core is often reported after its process, whose
+// record then already has the replacement's pid.
+wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
+  for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
+    wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
+    if (rec != nullptr) {
+      return rec;
+    }
+  }
+  return nullptr;
+}
+
+bool is_registered(int32_t pid, int32_t tgid) {
+  chain_lock hold(wex_chains);
+  return record_of_event(pid, tgid) != nullptr;
+}
+
+// While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
+// stays and would switch supervision off in silence, hence the lines in the running log.
+bool take_down_under_way() {
+  static bool told = false;
+  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+    char marker[kPathSize];
+    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
+    if (access(marker, F_OK) == 0) {
+      if (!told) {
+        wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
+      }
+      told = true;
+      return true;
+    }
+  }
+  if (told) {
+    wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
+  }
+  told = false;
+  return false;
+}
+
+void drop_taken_down(int32_t pid) {
+  chain_lock hold(wex_chains);
+  if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_db_destroy(rec);
+    __wex_drop_record(&wex_chains, rec);
+  }
+}
+
+void note_crash(int32_t pid, int32_t tgid, int32_t now) {
+  chain_lock hold(wex_chains);
+  if (wex_pid* const rec = record_of_event(pid, tgid)) {
+    rec->crash_time = now != 0 ? now : 1;
+  }
+}
+
+void read_burst_rule(int32_t* window, int32_t* count) {
+  char text[257];
+  *window = kBurstWindowSec;
+  *count = kBurstCount;
+  if (wex_read_to_buf(kBurstConfig, text, sizeof text) >= 1) {
+    wex_parse_burst(text, window, count);
+  }
+}
+
+// Programs that crashed within the window; their command lines, each with one blank, go to `list`.
+int32_t count_crashed(int32_t now, int32_t window, char* list, size_t size) {
+  int32_t crashed = 0;
+  size_t used = 0;
+  list[0] = '\0';
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  while (const wex_pid* const rec = walk.next()) {
+    if (rec->crash_time == 0 || static_cast<int64_t>(now) - rec->crash_time > window) {
+      continue;
+    }
+    ++crashed;
+    wex_format(list + used, size - used, "%s ", rec->process);
+    used += strlen(list + used);
+  }
+  return crashed;
+}
+
+void apply_burst_rule(int32_t now, int32_t window, int32_t count) {
+  char list[1024];
+  if (count_crashed(now, window, list, sizeof list) < count) {
+    return;
+  }
+  char reason[128];
+  wex_format(reason, sizeof reason, "detect more than %d process exit in shorttime[%d]s\n", count, window);
+  wex_reboot(reason, list);
+}
+
+void handle_exit(const process_event& event) {
+  if (!is_registered(event.pid, event.tgid)) {
+    return;  // whatever the markers say, an unknown process is nobody's business
+  }
+  if (take_down_under_way()) {
+    drop_taken_down(event.pid);
+    return;
+  }
+  const int32_t now = wex_clock_now();
+  const bool dumped = (event.exit_code & kCoreDumped) != 0;
+  if (dumped) {
+    note_crash(event.pid, event.tgid, now);
+  }
+  int32_t window;
+  int32_t count;
+  read_burst_rule(&window, &count);
+  if (dumped) {
+    apply_burst_rule(now, window, count);
+  }
+  if (event.pid == event.tgid) {
+    wex_handle_netlink_exit(event.pid, event.exit_code, 0);
+  }
+}
+
+// ---- socket
+// --------------------------------------------------------------------------------------------------------
+
+struct outcome {
+  int code;
+  int error;
+};
+
+// Forks, renames and the like of unrelated processes must not crowd out an exit. Failing is not fatal.
+void attach_filter(int fd) {
+  // The filter machine loads words in network order, the message is in host order.
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKindAt),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExit), 3, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExec), 2, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventAck), 1, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0xffffffffu),
+  };
+  const sock_fprog filter = {sizeof program / sizeof program[0], program};
+  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", kThreadName, strerror(errno));
+  }
+}
+
+// False when not even the plain request was taken.
+bool enlarge_buffer(int fd) {
+  const int wanted = kReceiveBuffer;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0 &&
+      setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: socket set recvbuffer error: %s", kThreadName, strerror(errno));
+    return false;
+  }
+  int got = 0;
+  socklen_t size = sizeof got;
+  if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &size) == 0 && got < kWantedBuffer) {
+    wex_running_log("Process event buffer is only %d bytes.\r\n",
+                    got);  // the kernel caps it without an error
+  }
+  return true;
+}
+
+bool bind_to_events(int fd) {
+  sockaddr_nl address = {};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = static_cast<uint32_t>(getpid());
+  address.nl_groups = kProcessGroup;
+  return bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+bool subscribe(int fd) {
+  uint8_t message[kSubscriptionSize];
+  wex_build_subscription(static_cast<int32_t>(getpid()), message);
+  return send(fd, message, sizeof message, 0) == static_cast<ssize_t>(sizeof message);
+}
+
+int open_socket() {
+  const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, kConnector);
+  return fd < 0 && errno == EINVAL ? socket(AF_NETLINK, SOCK_DGRAM, kConnector) : fd;
+}
+
+outcome set_up(unique_fd* events) {
+  if (wex_set_priority(kMonitorPriority) != 0) {
+    const int error = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: set priority fail: %s\n", kThreadName, strerror(error));
+    return {-1, error};
+  }
+  events->reset(open_socket());
+  if (!events->valid()) {
+    const int error = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: socket sk_nl fail: %s\n", kThreadName, strerror(error));
+    return {-2, error};
+  }
+  ras_os_set_fd_close_on_exec(events->get());
+  enlarge_buffer(events->get());
+  attach_filter(events->get());
+  if (!bind_to_events(events->get())) {
+    const int error = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: binding sk_nl fail: %s\n", kThreadName, strerror(error));
+    return {-3, error};
+  }
+  if (!subscribe(events->get())) {
+    const int error = errno;
+    wex_dbg(WEX_DBG_PUB, "%s: send proc connector msg fail: %s\n", kThreadName, strerror(error));
+    return {-4, error};
+  }
+  return {0, 0};
+}
+
+// What one run of the monitor knows.
+struct monitor {
+  int fd;
+  int ack_wait_ms = kAckWaitMs;  // -1 once the kernel has answered, or has been found not to
+  bool overflowed = false;
+};
+
+void on_event(const process_event& event, void* context) {
+  switch (event.kind) {
+    case kEventAck:
+      static_cast<monitor*>(context)->ack_wait_ms = -1;
+      break;
+    case kEventExec:
+      register_executed(event.pid);
+      break;
+    default:
+      handle_exit(event);
+      break;
+  }
+}
+
+void receive_one(monitor* eyes) {
+  uint8_t bytes[kDatagramMax];
+  sockaddr_nl from = {};
+  socklen_t from_size = sizeof from;
+  const ssize_t size =
+      recvfrom(eyes->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
+  if (size < 0) {
+    // Lost events are told once, however many they were, and before those still queued.
+    eyes->overflowed = eyes->overflowed || errno == ENOBUFS;
+    wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
+    return;
+  }
+  if (from_size != sizeof from) {
+    wex_dbg(WEX_DBG_PUB, "%s: bad address size reading netlink socket: %s\n", kThreadName, strerror(errno));
+    return;
+  }
+  if (from.nl_groups == kProcessGroup && from.nl_pid == 0) {
+    wex_walk_datagram(bytes, static_cast<size_t>(size), on_event, eyes);
+  }
+}
+
+// Waits for the next datagram. More than 0 when there is one, 0 to look at the flag again, -1 with errno.
+int wait_for_event(monitor* eyes) {
+  struct pollfd inputs[] = {{eyes->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
+  int ready = poll(inputs, 2, 0);
+  if (ready == 0) {
+    if (eyes->overflowed) {
+      eyes->overflowed = false;
+      wex_request_sweep();
+    }
+    wex_monitor_idle.store(true, std::memory_order_release);
+    ready = poll(inputs, 2, eyes->ack_wait_ms);
+    wex_monitor_idle.store(false, std::memory_order_release);
+    if (ready == 0) {
+      eyes->ack_wait_ms = -1;
+      wex_running_log("The kernel does not answer for process events, exits may go unseen.\r\n");
+    }
+  }
+  if (ready < 0) {
+    return errno == EINTR ? 0 : -1;
+  }
+  return (inputs[0].revents & (POLLIN | POLLERR)) != 0 ? 1 : 0;
+}
+
+outcome watch(int fd) {
+  monitor eyes = {fd};
+  wex_request_sweep();  // what died between the rebuild and the subscription was reported to nobody
+  while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    const int ready = wait_for_event(&eyes);
+    if (ready < 0) {
+      const int error = errno;
+      wex_dbg(WEX_DBG_PUB, "%s: select sk_nl fail: %s\n", kThreadName, strerror(error));
+      return {-5, error};
+    }
+    if (ready > 0) {
+      receive_one(&eyes);
+      usleep(WEX_MONITOR_PAUSE_US);
+    }
+  }
+  return {0, 0};
+}
+
+}  // namespace
+
+void wex_build_subscription(int32_t pid, uint8_t (&message)[kSubscriptionSize]) {
+  memset(message, 0, sizeof message);
+  put<uint32_t>(message, 0, kSubscriptionSize);
+  put<uint16_t>(message, 4, NLMSG_DONE);
+  put<int32_t>(message, 12, pid);
+  put<uint32_t>(message, 16, kProcessGroup);
+  put<uint32_t>(message, 20, kProcessValue);
+  put<uint16_t>(message, 32, sizeof kListen);
+  put<uint32_t>(message, 36, kListen);
+}
+
+void wex_walk_datagram(const uint8_t* bytes, size_t size,
+                       void (*on_event)(const process_event& event, void* context), void* context) {
+  constexpr size_t kHeader = sizeof(nlmsghdr);
+  while (size >= kHeader) {
+    const size_t length = field<uint32_t>(bytes, kLenAt);
+    const uint16_t type = field<uint16_t>(bytes, kTypeAt);
+    if (length < kHeader || length > size || type == NLMSG_ERROR || type == NLMSG_OVERRUN) {
+      return;
+    }
+    process_event event = {};
+    if (type != NLMSG_NOOP && read_event(bytes, length, &event)) {
+      on_event(event, context);
+    }
+    const size_t step = NLMSG_ALIGN(length);
+    if (type == NLMSG_DONE || step > size) {
+      return;
+    }
+    bytes += step;
+    size -= step;
+  }
+}
+
+bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
+  int32_t first = 0;
+  int32_t second = 0;
+  if (!read_number(&text, &first) || !read_number(&text, &second)) {
+    return false;
+  }
+  *window = first;
+  *count = second;
+  return true;
+}
+
+extern "C" void* wex_process_netlink(void* /*unused*/) {
+  if (prctl(PR_SET_NAME, kThreadName) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s", kThreadName, strerror(errno));
+    return nullptr;
+  }
+  unique_fd events;
+  outcome end = set_up(&events);
+  if (end.code == 0) {
+    end = watch(events.get());
+  }
+  wex_raise_exit_flag();
+  wex_log_thread_end(kThreadName, end.code, end.error);
+  return nullptr;
+}
