@@ -1,0 +1,376 @@
+// wex_core_exit: what happens to a registered process that has exited. The registry stays locked for the
+// whole of one exit, the spawn included, so exits are handled one at a time.
+#define WEX_MODULE "wex_core"
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "chain_lock.h"
+#include "dir_walk.h"
+#include "unique_fd.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_msg.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_platform.h"
+#include "wex_proc.h"
+#include "wex_signals.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+#include "wex_vsd.h"
+
+extern "C" {
+int32_t wex_event_log_count = 0;
+}
+
+namespace {
+
+constexpr char kHandler[] = "wex_handle_netlink_exit";
+constexpr uint32_t kStoppedOnPurpose = 15;  // killed by SIGTERM, no core
+
+// Restart events 1 to 5 go to the first event-log file, 6 to 10 to the second.
+constexpr int32_t kFirstFileLast = 5;
+constexpr int32_t kSecondFileLast = 10;
+
+// What differs between restarting a program and running its restart script. The two event-log files were laid
+// out differently for programs, and operators' tools know both layouts.
+struct restart_kind {
+  const char* action_name;
+  const char* third_part_type;
+  int32_t (*spawn)(wex_pid* rec, int32_t* out_pid);
+  const char* announce_mnemonic;  // system log, for an exit code other than 0
+  const char* announce_print;     // diagnostic
+  const char* done_mnemonic;
+  const char* done_print;
+  const char* announce_entry;  // event log
+  const char* done_entry;
+  int bare_announce;  // event-log file whose announcement has no brackets, 0 = neither
+  int bare_done;
+};
+constexpr restart_kind kProgram = {"RESPAWN",
+                                   "WEX_RESTART",
+                                   wex_spawn,
+                                   "HA_SELF_CHECK",
+                                   "HA_RESTART",
+                                   "HA_SELF_CHECK_INFO",
+                                   "HA_SELF_CHECK_INFO",
+                                   "HA_RESTART",
+                                   "HA_RESTART_INFO",
+                                   2,
+                                   1};
+constexpr restart_kind kScript = {"SHELL_RESTART",
+                                  "WEX_SHELL_RESTART",
+                                  wex_shell_spawn,
+                                  "HA_SCRIPT_SELF_CHECK",
+                                  "HA_SCRIPT_SELF_CHECK",
+                                  "HA_SCRIPT_SELF_CHECK_INFO",
+                                  "HA_SCRIPT_RESTART_INFO",
+                                  "HA_SCRIPT_RESTART",
+                                  "HA_SCRIPT_RESTART_INFO",
+                                  0,
+                                  0};
+
+// ---- before the decision
+// -------------------------------------------------------------------------------------------
+
+void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  wex_db_destroy(rec);
+  __wex_del_pid(&wex_chains, rec->pid);
+}
+
+bool is_dead(const wex_pid* rec) {
+  return process_life(rec->pid) < 0 ||
+         !wex_record_lives(rec);  // alive, but a stranger with a reused pid, is dead too
+}
+
+// True when the record was dropped because its program runs under another registration.
+bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const other = wex_proc_is_running(rec);
+  if (other == nullptr) {
+    return false;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> %s is running!\n", kHandler, rec->process);
+  if (other == rec) {
+    wex_dbg(WEX_DBG_PUB, "%s--> del %d\n", kHandler, rec->pid);
+    forget(rec);
+    return true;
+  }
+  if (is_dead(other)) {
+    forget(other);
+    return false;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> pid %d alive, del %d\n", kHandler, other->pid, rec->pid);
+  forget(rec);
+  return true;
+}
+
+void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  chain_lock hold(wex_alive_chains);
+  record_walk walk(wex_alive_chains);
+  while (wex_pid* const thread = walk.next()) {
+    if (thread->ppid != pid) {
+      continue;
+    }
+    wex_dbg(WEX_DBG_PUB, "%s: delete pid (%d) ppid (%d) from chain!\n", "wex_del_node_chain", thread->pid,
+            pid);
+    if (static_cast<uint32_t>(thread->pid) < WEX_ALIVE_TIDS) {
+      wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
+    }
+    __wex_drop_record(&wex_alive_chains, thread);
+  }
+}
+
+// ---- stopped on purpose
+// --------------------------------------------------------------------------------------------
+
+bool change_dir(const char* path) {
+  if (chdir(path) == 0) {
+    return true;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s: chdir %s fail: %s\n", kHandler, path, strerror(errno));
+  return false;
+}
+
+// Deletes the domain's flag file of `pid`. Names are looked up in the opened directory: the working directory
+// is the whole process's, and a restart may move it meanwhile.
+bool remove_flag_file(int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
+  if (!change_dir(path)) {
+    return false;
+  }
+  dir_walk flags(path);
+  if (!flags.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: opendir fail: %s\n", kHandler, strerror(errno));
+    return false;
+  }
+  while (const dirent* const entry = flags.next()) {
+    const unique_fd flag(openat(flags.fd(), entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!flag.valid()) {
+      wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", kHandler, entry->d_name, strerror(errno));
+      continue;
+    }
+    if (strtol(entry->d_name, nullptr, 10) == pid) {
+      unlinkat(flags.fd(), entry->d_name, 0);
+      break;
+    }
+  }
+  return true;
+}
+
+void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const int32_t vsd = rec->pid > 0 ? find_app(rec->pid) : -1;
+  wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
+  if (vsd >= 1 && !remove_flag_file(vsd, rec->pid)) {
+    return;
+  }
+  if (!change_dir(kRootDir)) {
+    return;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s: hlist_del\n", kHandler);
+  wex_db_destroy(rec);
+  __wex_drop_record(&wex_chains, rec);
+}
+
+// ---- event log
+// -----------------------------------------------------------------------------------------------------
+
+// The file that the present count belongs to: 1, 2, or 0 for neither.
+int event_file() {
+  if (wex_event_log_count <= kFirstFileLast) {
+    return 1;
+  }
+  return wex_event_log_count <= kSecondFileLast ? 2 : 0;
+}
+
+bool open_event_log(int file) {
+  if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
+    return true;
+  }
+  wex_dbg(WEX_DBG_PUB, "fail to openlog: %s\n", strerror(errno));
+  return false;
+}
+
+// False when the event log is wanted but cannot be written: then nothing is restarted.
+bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, uint32_t code) {
+  if (debug_log() != 0) {
+    return true;
+  }
+  ++wex_event_log_count;
+  const int file = event_file();
+  if (file == 0) {
+    return true;
+  }
+  if (!open_event_log(file)) {
+    return false;
+  }
+  if (kind.bare_announce == file) {
+    wex_log("%%HA-5-%s: Process:%s/%d receives internal event: %04x and restarts.\n", kind.announce_entry,
+            name, pid, code);
+  } else {
+    wex_log("%%HA-5-%s: Process:[%s/%d] receives internal event:[0x%04x] and restarts.\n",
+            kind.announce_entry, name, pid, code);
+  }
+  wex_closelog();
+  return true;
+}
+
+void remove_event_log(const char* path, const char* name) {
+  if (unlink(path) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: remove %s fail: %s\n", kHandler, name, strerror(errno));
+  }
+}
+
+void log_success(const restart_kind& kind, const char* name, int32_t times, int32_t new_pid) {
+  const int file = debug_log() == 0 ? event_file() : 0;
+  if (file == 0 || !open_event_log(file)) {
+    return;
+  }
+  if (kind.bare_done == file) {
+    wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", kind.done_entry, name,
+            times, name, new_pid);
+  } else {
+    wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", kind.done_entry,
+            name, times, name, new_pid);
+  }
+  wex_closelog();
+  if (wex_event_log_count == kFirstFileLast) {
+    remove_event_log(kEventLog2, "wex_log2");
+  } else if (wex_event_log_count == kSecondFileLast) {
+    remove_event_log(kEventLog1, "wex_log1");
+    wex_event_log_count = 0;
+  }
+}
+
+// ---- restart
+// -------------------------------------------------------------------------------------------------------
+
+// A third-part program that started itself again is registered under its new pid.
+bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+  char type[256];
+  int32_t child = 0;
+  if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
+      wex_proc_to_pid(rec->process, &child, 0) != 1) {
+    return false;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
+          child);
+  forget(rec);
+  if (wex_register_third_part(child, kind.third_part_type) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+  }
+  return true;
+}
+
+// False when nothing may be restarted.
+bool announce(wex_pid* rec, const restart_kind& kind) {
+  const uint32_t code = rec->exit_signal;
+  const char* const name = wex_program_name(rec);
+  if (code == 0) {
+    printk_syslog_ext(5, "HA", "HA_RE_INIT", 1, "Job %s/%d will be re-initialized ...\n", name, rec->pid);
+  } else {
+    printk_syslog_ext(5, "HA", kind.announce_mnemonic, 1,
+                      "Task: %s/%d receives event:%04x and self-checking ...\n", name, rec->pid, code);
+  }
+  wex_dbg(WEX_DBG_PUB, "%s Task: %s/%d receives event:%04x and self-checking ...\n", kind.announce_print,
+          name, rec->pid, code);
+  return log_announcement(kind, name, rec->pid, code);
+}
+
+void announce_success(wex_pid* rec, const restart_kind& kind) {
+  const char* const name = wex_program_name(rec);
+  if (rec->exit_signal == 0) {
+    printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
+  } else {
+    printk_syslog_ext(5, "HA", kind.done_mnemonic, 1, "Self-checking OK: %d times and new id %s/%d.\n",
+                      rec->check_count, name, rec->pid);
+  }
+  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", kind.done_print, rec->check_count,
+          name, rec->pid);
+  log_success(kind, name, rec->check_count, rec->pid);
+}
+
+// True when the record's program runs again under a new pid, which the record then has.
+bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+  const spawn_guard guard;
+  int32_t new_pid = -1;
+  const int32_t result = kind.spawn(rec, &new_pid);
+  if (result <= 0) {
+    rec->restart_failed = result == 0 ? 1 : 0;
+    return false;
+  }
+  // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
+  __wex_adopt_pid(&wex_chains, rec, new_pid);
+  rec->force_restart = 0;
+  return true;
+}
+
+void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+  if (handed_over(rec, kind)) {
+    return;
+  }
+  if (rec->restart_delay > 0) {
+    wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
+    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
+      return;  // the next daemon finds the file of a dead process and restarts it
+    }
+  }
+  if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
+    return;
+  }
+  if (!spawned(rec, kind) || del_dev_mon_restart() >= 0) {
+    return;
+  }
+  announce_success(rec, kind);
+}
+
+void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  if (rec->action == RESPAWN) {
+    restart(rec, kProgram);
+  } else if (rec->action == SHELL_RESTART) {
+    wex_dbg(WEX_DBG_PUB, "process: %s, pid: %d\n", rec->process, rec->pid);
+    restart(rec, kScript);
+  }
+}
+
+}  // namespace
+
+extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
+  chain_lock hold(wex_chains);
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec == nullptr) {
+    return;
+  }
+  if (wex_record_lives(rec)) {
+    // A thread of it executed a program, or the pid was reused and registered again: nobody has exited.
+    wex_request_sweep();
+    return;
+  }
+  if (dropped_as_duplicate(rec)) {
+    return;
+  }
+  if (rec->alarm_wait_flag == 1) {
+    wex_dbg(WEX_DBG_PUB, "%s--> alarm_wait_flag = %d\n", kHandler, rec->alarm_wait_flag);
+    return;
+  }
+  drop_thread_registrations(rec->pid);
+  rec->exit_signal = exit_signal;
+  rec->force_restart = force_restart;
+  rec->exit_seen = 1;
+  if (wex_proc_restart_delay(rec) != 0) {
+    return;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> exit_signal = %d\n", kHandler, static_cast<int>(exit_signal));
+  if (exit_signal == kStoppedOnPurpose) {
+    drop_stopped(rec);
+    return;
+  }
+  restart_by_action(rec);
+}
