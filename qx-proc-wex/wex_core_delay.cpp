@@ -1,0 +1,172 @@
+// wex_core_delay: restarts that wait, and exits that got lost.
+//
+// A process may be reported dead while its database file is still locked; a restart then would make a second
+// instance. So a copy of its record waits in wex_chains_delay until the lock is gone, 301 s at the most. The
+// same thread looks once a minute for registered processes that vanished without an exit event: the kernel
+// may drop events when memory is short or the socket full, and says so at most once.
+#define WEX_MODULE "wex_core"
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <cstring>
+
+#include "chain_lock.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_pidfile.h"
+#include "wex_utils.h"
+
+std::atomic<bool> wex_monitor_idle{false};
+std::atomic<bool> wex_delay_ended{false};
+
+namespace {
+
+constexpr int64_t kPassMs = 1000;
+constexpr int kLostAtOnce = 64;  // lost exits handed over in one sweep; the next one takes the rest
+
+std::atomic<bool> g_sweep_wanted{false};
+
+struct ready_restart {
+  int32_t pid;
+  uint32_t exit_signal;
+  int32_t force_restart;
+};
+
+wex_pid* copy_of(const wex_pid& rec) {
+  wex_pid* const copy = wex_new_record();
+  copy->pid = rec.pid;
+  copy->vsd = rec.vsd;
+  copy->alarm_wait_flag = rec.alarm_wait_flag;
+  copy->restart_delay = rec.restart_delay;
+  copy->action = rec.action;
+  copy->exit_signal = rec.exit_signal;
+  wex_copy_text(copy->process, sizeof copy->process, rec.process);
+  wex_copy_text(copy->script, sizeof copy->script, rec.script);
+  copy->delay_start = wex_clock_now();
+  return copy;
+}
+
+bool is_ready(wex_pid* copy) {
+  if (static_cast<int64_t>(wex_clock_now()) - copy->delay_start >= kForceRestartSec) {
+    wex_dbg(WEX_DBG_PUB, "%s/%d more than 300s delay restart.\n", copy->process, copy->pid);
+    copy->force_restart = 1;
+  }
+  return copy->force_restart == 1 || wex_proc_is_exit(copy) == 1;
+}
+
+// Takes the first copy, in bucket order, that need not wait any longer.
+bool take_ready(ready_restart* ready) {
+  chain_lock hold(wex_chains_delay);
+  record_walk walk(wex_chains_delay);
+  while (wex_pid* const copy = walk.next()) {
+    if (is_ready(copy)) {
+      *ready = {copy->pid, copy->exit_signal, copy->force_restart};
+      __wex_drop_record(&wex_chains_delay, copy);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool waits_for_restart(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  chain_lock hold(wex_chains_delay);
+  return __wex_find_pid(&wex_chains_delay, pid) != nullptr;
+}
+
+// True when a vanished process of this record would mean a lost exit.
+bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 && !waits_for_restart(rec->pid);
+}
+
+enum class verdict { present, suspected, lost };
+
+// An exit counts as lost only when the process has been gone for a while and the monitor has nothing left to
+// read: its real event, with the real exit code, must always come first.
+verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)) {
+  if (!expects_exit(rec)) {
+    return verdict::present;
+  }
+  if (wex_record_lives(rec)) {
+    rec->gone_since = 0;
+    return verdict::present;
+  }
+  if (rec->gone_since == 0) {
+    rec->gone_since = now != 0 ? now : 1;
+  }
+  const bool confirmed = static_cast<int64_t>(now) - rec->gone_since >= kSweepConfirmSec &&
+                         wex_monitor_idle.load(std::memory_order_acquire);
+  return confirmed ? verdict::lost : verdict::suspected;
+}
+
+}  // namespace
+
+void wex_request_sweep() {
+  g_sweep_wanted.store(true, std::memory_order_release);
+}
+
+void wex_sweep_lost_exits() {
+  int32_t lost[kLostAtOnce];
+  int count = 0;
+  {
+    const int32_t now = wex_clock_now();
+    chain_lock hold(wex_chains);
+    record_walk walk(wex_chains);
+    while (wex_pid* const rec = walk.next()) {
+      const verdict found = judge(rec, now);
+      if (found == verdict::lost && count < kLostAtOnce) {
+        lost[count++] = rec->pid;
+      } else if (found != verdict::present) {
+        wex_request_sweep();
+      }
+    }
+  }
+  for (int i = 0; i < count; ++i) {
+    wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", __func__, lost[i]);
+    wex_handle_netlink_exit(lost[i], 0, 0);  // 0 is what stands for a cause that nobody knows
+  }
+}
+
+extern "C" int wex_proc_restart_delay(wex_pid* rec) {
+  if (rec == nullptr || rec->force_restart == 1) {
+    return 0;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s %s/%d receives event:%04x\n", __func__, rec->process, rec->pid, rec->exit_signal);
+  if (wex_proc_is_exit(rec) == 1) {
+    return 0;
+  }
+  wex_pid* const copy = copy_of(*rec);
+  {
+    chain_lock hold(wex_chains_delay);
+    if (__wex_find_pid(&wex_chains_delay, rec->pid) == nullptr) {
+      __wex_add_record(&wex_chains_delay, copy);
+      return 1;
+    }
+  }
+  wex_free_record(copy);
+  wex_dbg(WEX_DBG_PUB, "%s pid %d exist in wex_chains_delay\n", __func__, rec->pid);
+  return 1;
+}
+
+extern "C" void* wex_delay_restart(void* /*unused*/) {
+  pthread_detach(pthread_self());
+  prctl(PR_SET_NAME, "wex_delay_restart");
+  int32_t last_sweep = wex_clock_now();
+  while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    ready_restart ready = {};
+    if (take_ready(&ready)) {
+      wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,
+              ready.force_restart);
+      wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
+    }
+    const int32_t now = wex_clock_now();
+    if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
+      last_sweep = now;
+      wex_sweep_lost_exits();
+    }
+    wex_wait_exit(kPassMs);
+  }
+  wex_delay_ended.store(true, std::memory_order_release);
+  return nullptr;
+}

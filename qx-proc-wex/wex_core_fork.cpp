@@ -1,0 +1,107 @@
+// wex_core_fork: watches the fork-failure marker. A daemon that cannot fork cannot restart anything; after
+// the seventh failure it ends, so that it can be started afresh.
+#define WEX_MODULE "wex_core"
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ras_os.h"
+#include "unique_fd.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr uint32_t kWatchMask = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_ISDIR;
+constexpr size_t kEventBytes = 1024;
+
+[[noreturn]] void end_watch(int instance, int watch, int count) {
+  wex_running_log("Thread \"%s\" exit, wex will be restart. inotifyfd: %d, wd: %d, fd_num: %d\r\n",
+                  "wex_inotify_fork_error", instance, watch, count);
+  _exit(1);
+}
+
+// The marker holds one byte for each failure.
+void count_failures() {
+  const unique_fd marker = wex_open_file(kForkFile, O_RDONLY);
+  if (!marker.valid()) {
+    wex_dbg(WEX_DBG_PUB, "open %s error, %s\n", kForkFile, strerror(errno));
+    return;
+  }
+  char text[256] = {};
+  if (safe_read(marker.get(), text, sizeof text - 1) < 0) {
+    wex_dbg(WEX_DBG_PUB, "read %s error, %s\n", kForkFile, strerror(errno));
+    return;
+  }
+  if (strlen(text) >= static_cast<size_t>(kForkFailuresFatal)) {
+    wex_end_unable_to_restart();
+  }
+}
+
+void look_at_events(const char* bytes, size_t size) {
+  size_t at = 0;
+  while (size - at >= sizeof(inotify_event)) {
+    inotify_event event;  // copied out: the bytes need not be aligned
+    memcpy(&event, bytes + at, sizeof event);
+    at += sizeof event;
+    if (event.len > size - at) {
+      return;
+    }
+    if (event.len >= sizeof kForkFileName && strncmp(bytes + at, kForkFileName, event.len) == 0) {
+      count_failures();
+    }
+    at += event.len;
+  }
+}
+
+int open_instance() {
+  const int instance = inotify_init1(IN_CLOEXEC);
+  return instance < 0 && (errno == ENOSYS || errno == EINVAL) ? inotify_init() : instance;
+}
+
+}  // namespace
+
+extern "C" void* wex_inotify_fork_error(void* /*unused*/) {
+  pthread_detach(pthread_self());
+  prctl(PR_SET_NAME, "wex_inotify_fork");
+  mkdir(kRunDir, kOpenDirMode);  // normally there since start-up
+
+  const int instance = open_instance();
+  if (instance < 0) {
+    wex_dbg(WEX_DBG_PUB, "wex inotify_init failed, %s.\n", strerror(errno));
+    end_watch(instance, -1, -1);
+  }
+  ras_os_set_fd_close_on_exec(instance);
+  const int watch = inotify_add_watch(instance, kRunDir, kWatchMask);
+  if (watch < 0) {
+    wex_dbg(WEX_DBG_PUB, "inotify_add_watch failed, %s.\n", strerror(errno));
+    end_watch(instance, -1, -1);
+  }
+
+  while (true) {
+    struct pollfd input = {instance, POLLIN, 0};
+    const int count = poll(&input, 1, -1);
+    if (count < 0 && errno != EINTR) {
+      end_watch(instance, watch, count);
+    }
+    if (count <= 0 || (input.revents & POLLIN) == 0) {
+      continue;
+    }
+    char events[kEventBytes];
+    const ssize_t size = read(instance, events, sizeof events);
+    if (size > 0) {
+      look_at_events(events, static_cast<size_t>(size));
+    }
+  }
+}
