@@ -1,0 +1,202 @@
+// wex_core_notify: the thread watchdog. Once a minute it looks at every registered thread; one that stayed
+// silent for the agreed number of periods gets its process aborted, so that it dies and is restarted.
+#define WEX_MODULE "wex_core"
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "chain_lock.h"
+#include "wex_alive_guard.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_paths.h"
+#include "wex_proc.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr char kWatchdog[] = "wex_notifer_run";
+constexpr int kFewMisses = 6;  // registrations that allow fewer misses than this ...
+constexpr int kWarnFew = 3;    // ... are warned about from here on,
+constexpr int kWarnMany = 5;   // the others from here
+constexpr size_t kThreadNameSize = 32;
+
+// What holds for one whole scan.
+struct scan {
+  bool counting;      // silent periods count
+  bool table_intact;  // the alive table is the one the clients write to
+  bool abort_sent;    // one process at most is aborted
+};
+
+bool in_table(const wex_pid* thread) {
+  return static_cast<uint32_t>(thread->pid) < WEX_ALIVE_TIDS;
+}
+
+// Counter arithmetic: the values came out of a message and may be anything.
+int32_t add(int32_t value, int32_t more) {
+  return static_cast<int32_t>(static_cast<uint32_t>(value) + static_cast<uint32_t>(more));
+}
+
+void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_alive_chains)) {
+  wex_dbg(WEX_DBG_ALIVE, "pid is not exist(%d, ret:%d)\n", thread->pid, result);
+  if (in_table(thread)) {
+    wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
+  }
+  __wex_drop_record(&wex_alive_chains, thread);
+}
+
+// A changed sequence byte is a report, whatever it changed to.
+void look_for_report(wex_pid* thread, const scan& now) {
+  if (!now.table_intact || !in_table(thread) || wex_alive_read_bit(static_cast<uint32_t>(thread->pid)) != 1) {
+    return;
+  }
+  const int sequence = wex_alive_read_seq(static_cast<uint32_t>(thread->pid));
+  if (sequence < 0 || static_cast<uint32_t>(sequence) == thread->alive_seq) {
+    return;
+  }
+  thread->alive_seq = static_cast<uint32_t>(sequence);
+  thread->notify_info[WEX_CUR_NTFY_TIME] = 0;
+  thread->notify_info[WEX_CUR_CNT] = thread->notify_info[WEX_NTFY_CNT];
+}
+
+void count_miss(wex_pid* thread) {
+  int32_t* const info = thread->notify_info;
+  info[WEX_CUR_CNT] = add(info[WEX_CUR_CNT], -1);
+  const int32_t missed = static_cast<int32_t>(static_cast<uint32_t>(info[WEX_NTFY_CNT]) -
+                                              static_cast<uint32_t>(info[WEX_CUR_CNT]));
+  if (missed >= (info[WEX_NTFY_CNT] < kFewMisses ? kWarnFew : kWarnMany)) {
+    wex_dbg(WEX_DBG_ALIVE,
+            "Process pid(%d) tid(%d) not notify reset for %d times, It will be killed after %d times!!!\n",
+            thread->ppid, thread->pid, missed, info[WEX_NTFY_CNT]);
+  }
+}
+
+// One period has passed without a report. It counts only while the process's main thread is registered too.
+void end_period(wex_pid* thread, const scan& now) WEX_TSA(requires_capability(wex_alive_chains)) {
+  int32_t* const info = thread->notify_info;
+  if (__wex_find_pid(&wex_alive_chains, thread->ppid) == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "pid:%d not reg alive!\n", thread->ppid);
+  } else if (info[WEX_CUR_CNT] > 0 && now.counting) {
+    count_miss(thread);
+  }
+  info[WEX_CUR_NTFY_TIME] = 0;
+  wex_dbg(WEX_DBG_ALIVE,
+          "Decrease pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) cur_ntfy_time (%d)\n",
+          thread->pid, thread->ppid, info[WEX_NTFY_TIME], info[WEX_NTFY_CNT], info[WEX_CUR_CNT],
+          info[WEX_CUR_NTFY_TIME]);
+}
+
+void abort_hung(wex_pid* thread) {
+  wex_dbg(WEX_DBG_ALIVE, "ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", thread->notify_info[WEX_NTFY_CNT],
+          thread->ppid);
+  const char* const slash = strrchr(thread->process, '/');
+  const char* const program = slash != nullptr ? slash + 1 : thread->process;
+  char name[kThreadNameSize];
+  if (wex_get_pid_name(thread->pid, name, sizeof name) != 0) {
+    wex_copy_text(name, sizeof name, "unknown");
+  }
+  if (thread->ppid > 0) {  // 0 and below would address whole process groups
+    kill(thread->ppid, SIGABRT);
+  }
+  wex_log_notify_info(kNotifyLog, "detect process:[%s/%d] thread %s:%d hung.\n", program, thread->ppid, name,
+                      thread->pid);
+}
+
+void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
+  int32_t* const info = thread->notify_info;
+  wex_dbg(WEX_DBG_ALIVE, "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) cur_ntfy_time (%d)\n",
+          thread->pid, thread->ppid, info[WEX_NTFY_TIME], info[WEX_NTFY_CNT], info[WEX_CUR_CNT],
+          info[WEX_CUR_NTFY_TIME]);
+  const int gone = wex_check_pid_exist(thread);
+  if (gone != 0) {
+    drop_gone(thread, gone);
+    return;
+  }
+  info[WEX_CUR_NTFY_TIME] = add(info[WEX_CUR_NTFY_TIME], static_cast<int32_t>(kScanSec));
+  look_for_report(thread, *now);
+  if (info[WEX_CUR_NTFY_TIME] == info[WEX_NTFY_TIME]) {
+    end_period(thread, *now);
+  }
+  if (info[WEX_CUR_CNT] == 0 && !now->abort_sent) {
+    abort_hung(thread);
+    now->abort_sent = true;
+  }
+}
+
+// Somebody may have removed or cut the table; then no silence can be told from a report that went elsewhere.
+bool check_table() {
+  static bool told = false;
+  const bool intact = wex_alive_table_intact();
+  if (!intact && !told) {
+    wex_running_log("%s is not the table that threads were registered in, hangs are not counted.\r\n",
+                    kAliveTableFile);
+  }
+  told = !intact;
+  return intact;
+}
+
+void dump_chains() {
+  int (*const dump)(int, wex_chains_t*) =
+      access(kDumpToConsole, F_OK) == 0 ? wex_print_chains : wex_syslog_chains;
+  dump(0, &wex_chains);
+  dump(1, &wex_alive_chains);
+  dump(2, &wex_chains_delay);
+}
+
+}  // namespace
+
+extern "C" int wex_check_pid_exist(wex_pid* rec) {
+  const int32_t owner = wex_get_ppid_form_pid(rec->pid);
+  if (owner >= 0 && owner != rec->ppid) {
+    wex_dbg(WEX_DBG_ALIVE, "%s: ppid info no match(reg:%d, now:%d)\n", __func__, rec->ppid, owner);
+    return -1;
+  }
+  char command[256];
+  if (pid_to_cmdline(rec->pid, command, sizeof command) != nullptr &&
+      strncmp(rec->process, command, strlen(command)) != 0) {
+    wex_dbg(WEX_DBG_ALIVE, "%s: cmdline info no match(reg:%s, now:%s)\n", __func__, rec->process, command);
+    return -1;
+  }
+  return process_life(rec->pid);
+}
+
+void wex_scan_alive_chains() {
+  if (wex_is_open_pub_dbg() != 0) {
+    dump_chains();
+  }
+  const bool paused = access(kKillDebug, F_OK) == 0;
+  const bool quiet = wex_get_semval() == 0;
+  scan now = {!paused && quiet, check_table(), false};
+  now.counting = now.counting && now.table_intact;
+  {
+    chain_lock hold(wex_alive_chains);
+    record_walk walk(wex_alive_chains);
+    while (wex_pid* const thread = walk.next()) {
+      look_at(thread, &now);
+    }
+  }
+  if (wex_dbg_on(WEX_DBG_ALIVE)) {
+    wex_dbg(WEX_DBG_ALIVE, "sem_cnt = %d\n", wex_get_semval());
+  }
+}
+
+extern "C" void* wex_notifer_run(void* /*unused*/) {
+  if (prctl(PR_SET_NAME, "wex_thread_notify_timer") != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s", kWatchdog, strerror(errno));
+  }
+  if (wex_set_priority(kMonitorPriority) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: set priority fail: %s\n", kWatchdog, strerror(errno));
+  }
+  while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_scan_alive_chains();
+    wex_wait_exit(static_cast<int64_t>(kScanSec) * 1000);
+  }
+  return nullptr;
+}
