@@ -1,0 +1,240 @@
+// wex_core: the daemon's entry point. Prepares the file-system tree that everything else writes into, makes
+// sure that only one daemon runs, restores the registry, starts the threads and waits for them.
+#define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "dir_walk.h"
+#include "ras_os_sem.h"
+#include "unique_fd.h"
+#include "wex_chain.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_opt.h"
+#include "wex_paths.h"
+#include "wex_proc.h"
+#include "wex_signals.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+
+namespace {
+
+enum { kMonitor, kServer, kNotifier, kForkWatcher, kDelay, kThreads };
+
+struct worker {
+  void* (*body)(void*);
+  const char* name;
+  const char* suffix;  // the fixed texts are not all alike
+};
+constexpr worker kWorkers[kThreads] = {
+    {wex_process_netlink, "wex_process_netlink", " thread"},
+    {wex_process_domain, "wex_process_domain", " thread"},
+    {wex_notifer_run, "wex_notifer_run", ""},
+    {wex_inotify_fork_error, "wex_inotify_fork_error", " thread"},
+    {wex_delay_restart, "wex_delay_restart", " thread"},
+};
+constexpr int kJoined[] = {kNotifier, kServer, kMonitor};  // the other two are never joined
+
+constexpr int kDelayEndMs = 10;      // between two looks at whether the delay thread has left its loop
+constexpr int kDelayEndLooks = 500;  // it does so within a second unless it is in the middle of a restart
+
+struct threads {
+  pthread_t handles[kThreads];
+  int created = 0;
+};
+
+// ---- steps of the start
+// --------------------------------------------------------------------------------------------
+
+// A limit as the diagnostics show it: unlimited is -1.
+int shown(rlim_t limit) {
+  return static_cast<int>(static_cast<int32_t>(limit));
+}
+
+void raise_open_file_limit() {
+  struct rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    wex_print("[WEX]ULIMIT: Get ulimit error.\r\n");
+    abort();
+  }
+  wex_dbg(WEX_DBG_PUB, "Origin ulimit cur %d, max %d\r\n", shown(limit.rlim_cur), shown(limit.rlim_max));
+  if (limit.rlim_max < static_cast<rlim_t>(kOpenFileLimit)) {
+    limit.rlim_max = kOpenFileLimit;
+  }
+  limit.rlim_cur = kOpenFileLimit;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    wex_print("[WEX]ULIMIT: Set ulimit error.\r\n");
+    abort();
+  }
+  getrlimit(RLIMIT_NOFILE, &limit);
+  wex_dbg(WEX_DBG_PUB, "Set ulimit cur %d, max %d\r\n", shown(limit.rlim_cur), shown(limit.rlim_max));
+}
+
+void make_directories() {
+  for (const char* const path : kMainDirs) {
+    wex_make_dir(path, kOpenDirMode);
+  }
+  if (access(kData2Dir, F_OK) == 0) {
+    for (const char* const path : kData2Dirs) {
+      wex_make_dir(path, kOpenDirMode);
+    }
+  }
+  for (const char* const path : kRunDirs) {
+    wex_make_dir(path, kOpenDirMode);
+  }
+  chmod(kDataDir, kOpenDirMode);
+  for (int domain = 0; domain < WEX_DOMAINS; ++domain) {
+    char path[kPathSize];
+    wex_format(path, sizeof path, kMarkerDirBareFmt, domain);
+    wex_make_dir(path, kOpenDirMode);
+    wex_format(path, sizeof path, kDbDirFmt, domain);
+    wex_make_dir(path, kOpenDirMode);
+  }
+}
+
+bool restore_registry() {
+  wex_init_chains(&wex_chains);
+  wex_init_chains(&wex_alive_chains);
+  wex_init_chains(&wex_chains_delay);
+  if (wex_rebuild_chains(&wex_chains) < 0) {
+    wex_dbg(WEX_DBG_PUB, "fail to rebuild chains\n");
+    return false;
+  }
+  return true;
+}
+
+bool read_description(const char* name, char* text, size_t size) {
+  char path[1024];
+  wex_format(path, sizeof path, "%s/%s", kThirdPartDir, name);
+  const int32_t result = wex_read_to_buf(path, text, size);
+  if (result < 0) {
+    wex_dbg(WEX_DBG_PUB, "wex_read_file_string failed, ret = %d, reason: %s\n", result, strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// ---- threads
+// -------------------------------------------------------------------------------------------------------
+
+// The running log says which thread could not be created; no later one is tried then.
+bool created(int error, const char* name, const char* suffix) {
+  if (error != 0) {
+    wex_running_log("Fail to create %s%s: %s\n", name, suffix, strerror(error));
+    wex_raise_exit_flag();
+  }
+  return error == 0;
+}
+
+void start_threads(threads* running) {
+  wex_running_log("Start.\r\n");
+  if (!created(wex_start_alarm_thread(), "wex_alarm", " thread")) {
+    return;
+  }
+  wex_chld_handler(SIGCHLD);  // what the rebuild started and what died before the reaper was there
+  for (const worker& next : kWorkers) {
+    const int error = pthread_create(&running->handles[running->created], nullptr, next.body, nullptr);
+    if (!created(error, next.name, next.suffix)) {
+      return;
+    }
+    ++running->created;
+  }
+}
+
+void join_threads(const threads& running) {
+  for (const int number : kJoined) {
+    if (number < running.created) {
+      pthread_join(running.handles[number], nullptr);
+    }
+  }
+}
+
+// True once nothing but the main thread can reach the chains any more.
+bool others_have_ended(const threads& running) {
+  wex_stop_alarm_thread();
+  for (int look = 0; running.created > kDelay && !wex_delay_ended.load(std::memory_order_acquire); ++look) {
+    if (look == kDelayEndLooks) {
+      return false;
+    }
+    wex_sleep_ms(kDelayEndMs);
+  }
+  return true;
+}
+
+[[noreturn]] void tear_down(const threads& running, unique_fd&& lock) {
+  if (others_have_ended(running)) {
+    wex_destroy_chains(&wex_chains);
+    wex_destroy_chains(&wex_alive_chains);
+    wex_destroy_chains(&wex_chains_delay);
+  }
+  lock.reset();
+  wex_running_log("Exit.\r\n");
+  _exit(0);  // the fork watcher still runs: nothing of the process may be taken apart under it
+}
+
+}  // namespace
+
+extern "C" void wex_third_part_proc_init(void) {
+  const unique_fd list = wex_open_file(kThirdPartList, O_WRONLY | O_CREAT | O_TRUNC, kLogMode);
+  if (!list.valid()) {
+    wex_dbg(WEX_DBG_PUB, "fopen failed, reason: %s\n", strerror(errno));
+    return;
+  }
+  dir_walk descriptions(kThirdPartDir);
+  if (!descriptions.valid()) {
+    wex_dbg(WEX_DBG_PUB, "opendir failed, reason: %s\n", strerror(errno));
+    return;
+  }
+  while (const dirent* const entry = descriptions.next()) {
+    char text[1026];  // 1024 bytes of text, the line end, the terminator
+    if (read_description(entry->d_name, text, sizeof text - 1)) {
+      strcat(text, "\n");
+      safe_write(list.get(), text, strlen(text));
+    }
+  }
+}
+
+int main(int argc, char** argv) {
+  wex_make_dir(kRunDir, kOpenDirMode);
+  wex_parse_dbg_file();
+  wex_create_std_fd(1);
+  wex_handle_options(argc, argv);
+  unique_fd lock(already_running(kLockFile));
+  if (!lock.valid()) {
+    wex_dbg(WEX_DBG_PUB, "wex is already running\n");
+    return -1;
+  }
+  raise_open_file_limit();
+  make_directories();
+  wex_init_wakeup();
+  if (!restore_registry()) {
+    return -1;
+  }
+  if (wex_sem_init() != 0) {
+    wex_dbg(WEX_DBG_PUB, "fail to init wex semaphore!!!\n");
+  }
+  wex_ignore_lmk(static_cast<int32_t>(getpid()));
+  wex_setup_signals();
+  wex_third_part_proc_init();
+
+  threads running;
+  if (wex_sys_init_alive_info(1) != 0) {
+    wex_dbg(WEX_DBG_PUB, "fail to init alive_info!!!\n");
+    wex_raise_exit_flag();
+  } else {
+    start_threads(&running);
+  }
+  join_threads(running);
+  tear_down(running, static_cast<unique_fd&&>(lock));
+}
