@@ -1,0 +1,368 @@
+// ras_os: named shared memory, semaphores, close-on-exec, path building and the hex dump; the system
+// semaphore.
+//
+// The ras_os_ functions are offered to every program of the device and tell failures by number alone. The
+// caller's `err` may well be errno itself, so it is set last.
+#define WEX_MODULE "ras_os"
+
+#include "ras_os.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+
+#include "ras_comp_config.h"
+#include "ras_os_sem.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_utils.h"
+
+int32_t g_wex_semid = -1;
+
+namespace {
+
+// The ladder of results. Each number is one failed step; which one is told at the declarations.
+enum {
+  kBadArgument = -1,
+  kNullArgument = -2,
+  kNoKey = -3,
+  kNoMemory = -3,
+  kNotCreated = -4,
+  kNotOpened = -4,
+  kNotFound = -5,
+  kNotSized = -5,
+  kNoValue = -6,
+  kNotMapped = -6,
+  kNotLocked = -7,
+  kNotUnmapped = -7,
+  kNotUnlocked = -8,
+  kNotUnlinked = -8
+};
+
+constexpr mode_t kMutexMode = 0777;
+constexpr mode_t kSystemMode = 0754;
+constexpr mode_t kMemoryMode = 0777;  // narrowed by the umask
+constexpr unsigned kLockRetrySec = 1;
+constexpr size_t kPrintSize = 8192;
+constexpr uint32_t kDumpRow = 16;
+constexpr char kDumpHeading[] =
+    " Offset  |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F | 0123456789ABCDEF\n";
+constexpr char kDumpRule[] =
+    "---------+-------------------------------------------------+-----------------\n";
+
+// The caller of semctl has to declare it.
+union sem_argument {
+  int value;
+  struct semid_ds* status;
+  unsigned short* values;
+};
+
+bool set_value(int id, int value) {
+  sem_argument argument = {};
+  argument.value = value;
+  return semctl(id, 0, SETVAL, argument) == 0;
+}
+
+int change_value(int id, short step) {
+  // The undo flag gives the lock back when its holder dies.
+  sembuf operation = {};
+  operation.sem_op = step;
+  operation.sem_flg = SEM_UNDO;
+  return semop(id, &operation, 1);
+}
+
+// Opens, sizes and maps; *cause is the failed call's errno. The object stays when it cannot be opened at all.
+int map_object(const char* name, uint32_t size, ras_os_record_memory_t* handle, int* cause) {
+  unique_fd object(shm_open(name, O_RDWR | O_CREAT, kMemoryMode));
+  if (!object.valid()) {
+    *cause = errno;
+    return kNotOpened;
+  }
+  ras_os_set_fd_close_on_exec(object.get());
+  const long page = sysconf(_SC_PAGESIZE);
+  if (page <= 0) {
+    *cause = errno;
+    return kNotSized;
+  }
+  const uint64_t pages = (uint64_t{size} - 1 + static_cast<uint64_t>(page)) / static_cast<uint64_t>(page);
+  // Low 32 bits: within a page of 4 GiB the length becomes 0, which no mapping accepts.
+  const uint32_t length = static_cast<uint32_t>(pages * static_cast<uint64_t>(page));
+  if (ftruncate(object.get(), static_cast<off_t>(length)) != 0) {
+    *cause = errno;
+    return kNotSized;
+  }
+  handle->size = length;
+  handle->addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, object.get(), 0);
+  if (handle->addr == MAP_FAILED) {
+    *cause = errno;
+    handle->addr = nullptr;
+    return kNotMapped;
+  }
+  object.release();  // stays open for the life of the process: part of the interface
+  return 0;
+}
+
+int print(const char* format, ...) WEX_PRINTF(1, 2);
+
+// As printf: the length of the text, or -1.
+int print(const char* format, ...) {
+  char text[kPrintSize];
+  va_list arguments;
+  va_start(arguments, format);
+  int length = vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  if (length >= static_cast<int>(sizeof(text))) {
+    length = static_cast<int>(sizeof(text)) - 1;
+  }
+  return length < 0 ? -1 : safe_write(STDOUT_FILENO, text, static_cast<size_t>(length));
+}
+
+// Appends to one row of the dump, which always fits.
+char* put(char* at, const char* text) {
+  const size_t length = strlen(text);
+  memcpy(at, text, length + 1);
+  return at + length;
+}
+
+char* put_hex(char* at, uint8_t byte) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  *at++ = kDigits[byte >> 4];
+  *at++ = kDigits[byte & 0xf];
+  return at;
+}
+
+// The bytes as characters; graphic ones of the "C" locale as themselves, blanks not among them.
+void put_characters(char* at, const uint8_t* bytes, uint32_t count) {
+  for (uint32_t i = 0; i < count; ++i) {
+    *at++ = bytes[i] > ' ' && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '.';
+  }
+  *at++ = '\n';
+  *at = '\0';
+}
+
+void dump_row(uint32_t offset, const uint8_t* bytes, uint32_t count) {
+  char row[128];
+  char* at = row + snprintf(row, sizeof(row), "%08X |", static_cast<unsigned>(offset));
+  for (uint32_t i = 0; i < kDumpRow; ++i) {
+    if (i < count) {
+      *at++ = ' ';
+      at = put_hex(at, bytes[i]);
+    } else {
+      at = put(at, "   ");
+    }
+  }
+  put_characters(put(at, " | "), bytes, count);
+  print("%s", row);
+}
+
+// The file only anchors the key.
+bool make_key_file() {
+  const unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDWR | O_CREAT, kSystemMode);
+  if (!file.valid()) {
+    wex_dbg(WEX_DBG_PUB, "Open file %s failed: %s.", WEX_SEM_KEY_FILE, strerror(errno));
+  }
+  return file.valid();
+}
+
+// A count that was raised before the daemon restarted is to survive: an existing set is not touched.
+int found_or_failed() {
+  if (errno != EEXIST) {
+    wex_dbg(WEX_DBG_PUB, "Get wex sem on init failed: %s.", strerror(errno));
+    return -1;
+  }
+  wex_dbg(WEX_DBG_PUB, "System wex semaphore already inited.");
+  return 0;
+}
+
+}  // namespace
+
+int ras_os_init_mutex_sem(const char* path, int* semid) {
+  if (path == nullptr || semid == nullptr) {
+    return kNullArgument;
+  }
+  const key_t key = ftok(path, WEX_SEM_PROJECT);
+  if (key == -1) {
+    return kNoKey;
+  }
+  *semid = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kMutexMode));
+  if (*semid >= 0) {
+    if (set_value(*semid, 1)) {
+      return 0;
+    }
+    semctl(*semid, 0, IPC_RMID);
+    return kNoValue;
+  }
+  if (errno != EEXIST) {
+    return kNotCreated;
+  }
+  *semid = semget(key, 1, 0);
+  return *semid >= 0 ? 0 : kNotFound;
+}
+
+int ras_os_lock_mutex_sem(int semid) {
+  while (change_value(semid, -1) != 0) {
+    if (errno != EINTR) {
+      return kNotLocked;
+    }
+    safe_sleep(kLockRetrySec);
+  }
+  return 0;
+}
+
+int ras_os_unlock_mutex_sem(int semid) {
+  return change_value(semid, 1) == 0 ? 0 : kNotUnlocked;
+}
+
+int ras_os_init_record_memory(const char* name, uint32_t size, ras_os_record_memory_t* handle, int* err) {
+  if (name == nullptr || size == 0 || handle == nullptr || err == nullptr) {
+    return kBadArgument;
+  }
+  *err = 0;
+  const size_t name_size = strlen(name) + 1;
+  handle->name = static_cast<char*>(malloc(name_size));
+  if (handle->name == nullptr) {
+    return kNoMemory;
+  }
+  int cause = 0;
+  const int result = map_object(name, size, handle, &cause);
+  if (result == 0) {
+    memcpy(handle->name, name, name_size);
+    return 0;
+  }
+  if (result != kNotOpened) {
+    shm_unlink(name);  // for every process, also when it was there before
+  }
+  free(handle->name);
+  handle->name = nullptr;
+  *err = cause;
+  return result;
+}
+
+int ras_os_read_record_memory(const ras_os_record_memory_t* handle, void* buffer, uint32_t length) {
+  if (handle == nullptr || buffer == nullptr || length == 0 || length > handle->size) {
+    return kBadArgument;
+  }
+  memcpy(buffer, handle->addr, length);
+  return 0;
+}
+
+int ras_os_write_record_memory(ras_os_record_memory_t* handle, const void* buffer, uint32_t length,
+                               int* err) {
+  if (handle == nullptr || buffer == nullptr || length == 0 || err == nullptr || length > handle->size) {
+    return kBadArgument;
+  }
+  *err = 0;
+  memcpy(handle->addr, buffer, length);
+  return 0;
+}
+
+int ras_os_close_record_memory(ras_os_record_memory_t* handle, int* err) {
+  if (handle == nullptr || err == nullptr) {
+    return kBadArgument;
+  }
+  *err = 0;
+  if (munmap(handle->addr, handle->size) != 0) {
+    *err = errno;
+    return kNotUnmapped;
+  }
+  if (shm_unlink(handle->name) != 0) {
+    *err = errno;
+    return kNotUnlinked;
+  }
+  free(handle->name);
+  *handle = {};
+  return 0;
+}
+
+int ras_os_set_fd_close_on_exec(int fd) {
+  if (fd < 0) {
+    return kBadArgument;
+  }
+  const int flags = fcntl(fd, F_GETFD);
+  return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
+}
+
+int ras_os_dump_msg(const char* prefix, const void* msg, uint32_t len) {
+  if (prefix == nullptr || msg == nullptr || len == 0) {
+    return print("argument err(prx:%p, msg:%p, len%u)!\n", static_cast<const void*>(prefix), msg,
+                 static_cast<unsigned>(len));
+  }
+  print("dump %s msg(addr:%p, len:%u):\n", prefix, msg, static_cast<unsigned>(len));
+  print("%s%s", kDumpHeading, kDumpRule);
+  const uint8_t* const bytes = static_cast<const uint8_t*>(msg);
+  for (uint32_t offset = 0; offset < len;) {
+    const uint32_t count = len - offset < kDumpRow ? len - offset : kDumpRow;
+    dump_row(offset, bytes + offset, count);
+    offset += count;
+  }
+  return print("%s", kDumpRule);
+}
+
+int ras_make_vsd_path(const char* prefix, const char* suffix, char* out, size_t capacity) {
+  if (prefix == nullptr || suffix == nullptr || out == nullptr) {
+    return -1;
+  }
+  const size_t prefix_length = strlen(prefix);
+  const size_t suffix_length = strlen(suffix);
+  if (prefix_length >= capacity || suffix_length >= capacity - prefix_length) {
+    wex_print("[RAS]<%s, %s, %d>:not enough path memory(prefix:%s, suffix:%s, len:%d)!\n", WEX_MODULE,
+              __func__, __LINE__, prefix, suffix, static_cast<int>(capacity));
+    return -1;
+  }
+  memcpy(out, prefix, prefix_length);
+  memcpy(out + prefix_length, suffix, suffix_length + 1);
+  return 0;
+}
+
+int ras_make_vsd_data_ovix_path(const char* suffix, char* out) {
+  const char* const directory = getenv(RAS_DATA_OVIX_ENV);
+  if (directory == nullptr) {
+    wex_print("[RAS]<%s, %s, %d>:get DATA_OVIX_DIR fail!\r\n", WEX_MODULE, __func__, __LINE__);
+    return -1;
+  }
+  return ras_make_vsd_path(directory, suffix, out, RAS_PATH_SIZE);
+}
+
+int wex_sem_init(void) {
+  if (!make_key_file()) {
+    return -1;
+  }
+  const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
+  if (key == -1) {
+    wex_dbg(WEX_DBG_PUB, "Get sem file key failed: %s.", strerror(errno));
+    return -1;
+  }
+  const int32_t id = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSystemMode));
+  if (id < 0) {
+    return found_or_failed();
+  }
+  __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
+  if (!set_value(id, 0)) {
+    wex_dbg(WEX_DBG_PUB, "Set wex sem initial value failed: %s.", strerror(errno));
+    semctl(id, 0, IPC_RMID);
+    return -1;
+  }
+  return 0;
+}
+
+int wex_get_semval(void) {
+  int32_t id = __atomic_load_n(&g_wex_semid, __ATOMIC_RELAXED);
+  if (id == -1) {
+    id = wex_get_semid();
+    if (id < 0) {
+      wex_dbg(WEX_DBG_PUB, "wex get semid failed!\n");
+      return -1;
+    }
+    __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
+  }
+  const int value = semctl(id, 0, GETVAL);
+  if (value < 0) {
+    wex_dbg(WEX_DBG_PUB, "Get wex sem count failed: %s.", strerror(errno));
+    return -1;
+  }
+  return value;
+}
