@@ -1,0 +1,16 @@
+// wex_alive_guard: the alive table as the daemon may trust it.
+//
+// Everybody can write the object, so everybody can also cut it short or replace it. A byte of a mapping that
+// was cut short ends the process with SIGBUS, which cannot be ignored; the same byte read through a
+// descriptor is merely missing. The process that cleared the table keeps a descriptor of its own for that.
+#pragma once
+
+#include <cstdint>
+
+// Whether the mapped object is still the one that clients find by name. Mends its length when it was cut
+// short. False also when the table is not mapped. Before each scan, one thread at a time.
+bool wex_alive_table_intact();
+
+// One sequence byte (0 to 255), one registration bit (0 or 1) of a thread, or -1 when it cannot be read.
+int wex_alive_read_seq(uint32_t tid);
+int wex_alive_read_bit(uint32_t tid);

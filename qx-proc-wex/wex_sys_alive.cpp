@@ -1,0 +1,216 @@
+// wex_sys_alive: the table through which registered threads prove that they run.
+//
+// A client touches single bytes of its mapping: a report costs no system call and no lock. The daemon, which
+// cleared the table at its start, reads and writes the same bytes through a descriptor instead, because
+// anybody may cut the object short and the missing page of a mapping would kill it. The bitmap is written by
+// the daemon alone, under the lock of wex_alive_chains.
+#define WEX_MODULE "wex_sys_alive"
+
+#include "wex_sys_alive.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "mutex_lock.h"
+#include "unique_fd.h"
+#include "wex_alive_guard.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+wex_alive_info g_wex_alive_info;
+
+static_assert(int{WEX_ALIVE_TIDS} == int{WEX_ALIVE_SEQ_BYTES}, "one sequence byte a thread");
+static_assert(WEX_ALIVE_BITMAP_OFFSET + WEX_ALIVE_BITMAP_BYTES == WEX_ALIVE_SEQ_OFFSET,
+              "no gap in the table");
+static_assert(WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES + 3 == kAliveTableSize,
+              "three bytes of unused tail");
+static_assert(offsetof(wex_alive_info, base) == 3 * sizeof(void*), "the handle's order is fixed");
+
+namespace {
+
+constexpr mode_t kTableMode = 0777;
+constexpr uint32_t kNoSequence = UINT32_MAX;
+constexpr uint8_t kLastSequence = 255;
+constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
+
+pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
+uint8_t initialised;  // written under init_mutex, looked at without it
+int table_fd = -1;    // the daemon's; lives as long as the process
+
+int private_fd() {
+  return __atomic_load_n(&table_fd, __ATOMIC_ACQUIRE);
+}
+
+bool in_range(uint32_t tid) {
+  if (tid < WEX_ALIVE_TIDS) {
+    return true;
+  }
+  wex_dbg(WEX_DBG_ALIVE, "pid err(pid:%d)!\r\n", static_cast<int>(tid));
+  return false;
+}
+
+uint32_t bit_offset(uint32_t tid) {
+  return WEX_ALIVE_BITMAP_OFFSET + tid / 8;
+}
+uint8_t bit_mask(uint32_t tid) {
+  return static_cast<uint8_t>(1u << (tid % 8));
+}
+uint32_t seq_offset(uint32_t tid) {
+  return WEX_ALIVE_SEQ_OFFSET + tid;
+}
+
+// One byte through the descriptor, or -1 when the table ends before it.
+int read_byte(int fd, uint32_t offset) {
+  uint8_t byte = 0;
+  ssize_t got;
+  do {
+    got = pread(fd, &byte, 1, static_cast<off_t>(offset));
+  } while (got < 0 && errno == EINTR);
+  return got == 1 ? byte : -1;
+}
+
+uint8_t load(uint32_t offset) {
+  const int fd = private_fd();
+  if (fd < 0) {
+    const uint8_t* const base = g_wex_alive_info.base;
+    return base == nullptr ? uint8_t{0} : __atomic_load_n(base + offset, __ATOMIC_RELAXED);
+  }
+  const int byte = read_byte(fd, offset);
+  return byte < 0 ? uint8_t{0} : static_cast<uint8_t>(byte);  // what was cut off reads as nothing
+}
+
+void store(uint32_t offset, uint8_t byte) {
+  const int fd = private_fd();
+  if (fd < 0) {
+    uint8_t* const base = g_wex_alive_info.base;
+    if (base != nullptr) {
+      __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
+    }
+    return;
+  }
+  ssize_t put;
+  do {
+    put = pwrite(fd, &byte, 1, static_cast<off_t>(offset));
+  } while (put < 0 && errno == EINTR);
+}
+
+// Clients of any user are to map the table, whatever umask its creator had.
+int open_to_all(const unique_fd& table) {
+  if (table.valid() && fchmod(table.get(), kTableMode) == 0) {
+    return 0;
+  }
+  wex_dbg(WEX_DBG_PUB, "change mode failed!\r\n");
+  return -1;
+}
+
+void clear_table(uint8_t* base) {
+  memcpy(base + WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+  memset(base + WEX_ALIVE_BITMAP_OFFSET, 0, WEX_ALIVE_BITMAP_BYTES);
+  memset(base + WEX_ALIVE_SEQ_OFFSET, 0, WEX_ALIVE_SEQ_BYTES);
+}
+
+// Missing pages come back empty: every registration in them is gone, and is renewed by the thread's next
+// report.
+bool restore_length(int fd) {
+  const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
+  return ftruncate(fd, length) == 0 &&
+         pwrite(fd, &kAliveTableSize, sizeof(kAliveTableSize), WEX_ALIVE_SIZE_OFFSET) ==
+             static_cast<ssize_t>(sizeof(kAliveTableSize));
+}
+
+}  // namespace
+
+int wex_sys_init_alive_info(uint8_t clear) {
+  if (__atomic_load_n(&initialised, __ATOMIC_ACQUIRE) != 0) {
+    return 0;  // once is enough, and reports must not queue up at the mutex
+  }
+  const mutex_lock hold(init_mutex);
+  if (initialised != 0) {
+    return 0;
+  }
+  const int result =
+      ras_os_init_record_memory(kAliveTable, kAliveTableSize, &g_wex_alive_info.memory, &errno);
+  if (result != 0) {
+    wex_dbg(WEX_DBG_ALIVE, "ras_os_init_record_memory err(path:%s, ret:%d, err:%d)!\r\n", kAliveTable, result,
+            errno);
+    return result;
+  }
+  unique_fd table = wex_open_file(kAliveTableFile, O_RDWR);
+  const int opened = open_to_all(table);
+  g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
+  if (clear != 0) {
+    clear_table(g_wex_alive_info.base);
+    __atomic_store_n(&table_fd, table.release(), __ATOMIC_RELEASE);
+  }
+  __atomic_store_n(&initialised, uint8_t{1}, __ATOMIC_RELEASE);
+  return opened;  // the table is usable all the same, so only this first call tells
+}
+
+int wex_sys_reg_alive_info(uint32_t tid) {
+  if (!in_range(tid)) {
+    return -1;
+  }
+  store(bit_offset(tid), static_cast<uint8_t>(load(bit_offset(tid)) | bit_mask(tid)));
+  store(seq_offset(tid), kFirstSequence);
+  return 0;
+}
+
+int wex_sys_unreg_alive_info(uint32_t tid) {
+  if (!in_range(tid)) {
+    return -1;
+  }
+  store(bit_offset(tid), static_cast<uint8_t>(load(bit_offset(tid)) & ~bit_mask(tid)));
+  store(seq_offset(tid), 0);
+  return 0;
+}
+
+int wex_sys_update_alive_seq(uint32_t tid) {
+  if (!in_range(tid)) {
+    return -1;
+  }
+  const uint8_t seen = load(seq_offset(tid));
+  store(seq_offset(tid), seen == kLastSequence ? kFirstSequence : static_cast<uint8_t>(seen + 1));
+  return 0;
+}
+
+uint32_t wex_sys_get_alive_seq(uint32_t tid) {
+  return in_range(tid) ? load(seq_offset(tid)) : kNoSequence;
+}
+
+int wex_sys_isreg_alive_info(uint32_t tid) {
+  if (!in_range(tid)) {
+    return 0;
+  }
+  const int result = wex_sys_init_alive_info(0);
+  if (result != 0) {
+    wex_dbg(WEX_DBG_ALIVE, "fail to init alive_info(ret:%d)!!!\n", result);
+    return 0;
+  }
+  return (load(bit_offset(tid)) & bit_mask(tid)) != 0 ? 1 : 0;
+}
+
+bool wex_alive_table_intact() {
+  const int fd = private_fd();
+  struct stat held = {};
+  struct stat named = {};
+  if (fd < 0 || fstat(fd, &held) != 0 || stat(kAliveTableFile, &named) != 0 || held.st_dev != named.st_dev ||
+      held.st_ino != named.st_ino) {
+    return false;
+  }
+  return held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
+}
+
+int wex_alive_read_seq(uint32_t tid) {
+  const int fd = private_fd();
+  return fd < 0 || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(fd, seq_offset(tid));
+}
+
+int wex_alive_read_bit(uint32_t tid) {
+  const int fd = private_fd();
+  const int byte = fd < 0 || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(fd, bit_offset(tid));
+  return byte < 0 ? -1 : (byte & bit_mask(tid)) != 0 ? 1 : 0;
+}
