@@ -1,0 +1,347 @@
+// wex_log: the records that outlive what they tell of: running log, event log, hang ring, reboot record; and
+// the reboot itself.
+//
+// Each entry is built in memory and written with one write on an appending descriptor: a full disk loses
+// whole entries, not halves, and two writers never mix. What is to survive a reboot is synced, and after a
+// creation its directory too.
+#define WEX_MODULE "wex_log"
+
+#include "wex_log.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/reboot.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include "mutex_lock.h"
+#include "text_reader.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr size_t kMessageSize = 256;   // of the running log
+constexpr size_t kEntrySize = 8192;    // of the others: a record's command line and script, with room
+constexpr size_t kStampSize = 21;      // "%Y/%m/%d %H:%M:%S"
+constexpr size_t kTimeTextSize = 128;  // ctime_r needs 26 before the year 10000
+constexpr size_t kRingLineSize = 128;  // a longer line of the ring counts as two
+constexpr size_t kNumberSize = 256;
+constexpr size_t kSwitchSize = 32;
+constexpr int64_t kRingLinesPerEntry = 2;
+constexpr unsigned kRebootPauseSec = 1;
+constexpr char kRebootSecondsText[] = "10\n";  // written with its zero byte
+
+enum { kCountMissing = -2, kCountUnreadable = -1 };
+
+pthread_mutex_t running_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t event_mutex = PTHREAD_MUTEX_INITIALIZER;
+int event_fd = -1;  // the open event log, or -1; guarded by event_mutex
+
+// ---- Files --------------------------------------------------------------------------------------------
+
+bool exists(const char* path) {
+  return access(path, F_OK) == 0;
+}
+
+// So that a file just created is still there after a reboot.
+void sync_directory_of(const char* path) {
+  char directory[kPathSize];
+  const char* const slash = strrchr(path, '/');
+  const int length = slash == nullptr ? 0 : static_cast<int>(slash - path) + 1;
+  if (wex_format(directory, sizeof(directory), "%.*s.", length, path)) {
+    const unique_fd opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.valid()) {
+      fsync(opened.get());
+    }
+  }
+}
+
+// One write; a disk that takes less loses the rest of the entry.
+void write_entry(int fd, const char* text, size_t length) {
+  ssize_t put;
+  do {
+    put = write(fd, text, length);
+  } while (put < 0 && errno == EINTR);
+}
+
+bool is_empty(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && status.st_size == 0;
+}
+
+void append_synced(const char* path, const char* text, size_t length) {
+  const unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  if (!file.valid()) {
+    return;
+  }
+  const bool maybe_new = is_empty(file.get());
+  write_entry(file.get(), text, length);
+  fsync(file.get());
+  if (maybe_new) {
+    sync_directory_of(path);
+  }
+}
+
+// ---- Entries ------------------------------------------------------------------------------------------
+
+// The local time as the library words it, without its newline; empty when it has no words for it.
+void time_text(char* text) {
+  const time_t now = time(nullptr);
+  text[0] = '\0';
+  if (ctime_r(&now, text) == nullptr) {
+    text[0] = '\0';
+  }
+  const size_t length = strlen(text);
+  if (length > 0) {
+    text[length - 1] = '\0';
+  }
+}
+
+// Time, a blank, the message, a newline. The length; a message that is too long loses its end, never the
+// newline.
+size_t build_entry(char* entry, const char* format, va_list arguments) {
+  char when[kTimeTextSize] = {};
+  time_text(when);
+  wex_format(entry, kEntrySize, "%s ", when);
+  size_t length = strlen(entry);
+  const size_t room = kEntrySize - length - 1;
+  const int wanted = vsnprintf(entry + length, room, format, arguments);
+  if (wanted > 0) {
+    length += static_cast<size_t>(wanted) < room ? static_cast<size_t>(wanted) : room - 1;
+  }
+  entry[length++] = '\n';
+  return length;
+}
+
+// Leading blanks, a sign, digits, saturating. False when the text holds no number.
+bool scan_number(const char* text, int* number) {
+  char* end = nullptr;
+  const long value = strtol(text, &end, 10);
+  if (end == text) {
+    return false;
+  }
+  *number = value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<int>(value);
+  return true;
+}
+
+// ---- The running log ----------------------------------------------------------------------------------
+
+enum class running_file { take, full, drop };
+
+// Whether the next entry goes into this file. One that cannot be looked at is removed and begun anew.
+running_file look_at(const char* path, struct stat* status) {
+  if (stat(path, status) == 0) {
+    return status->st_size < kRunningLogMax ? running_file::take : running_file::full;
+  }
+  if (errno == ENOMEM) {
+    return running_file::drop;
+  }
+  if (errno != ENOENT) {
+    unlink(path);
+  }
+  return running_file::take;
+}
+
+// The file for the next entry, or null when the entry is to be dropped. Of two full files the older is
+// emptied.
+const char* choose_running_file() {
+  struct stat first = {};
+  struct stat second = {};
+  const running_file one = look_at(kRunningLog1, &first);
+  if (one != running_file::full) {
+    return one == running_file::take ? kRunningLog1 : nullptr;
+  }
+  const running_file two = look_at(kRunningLog2, &second);
+  if (two != running_file::full) {
+    return two == running_file::take ? kRunningLog2 : nullptr;
+  }
+  const char* const older = second.st_mtime >= first.st_mtime ? kRunningLog1 : kRunningLog2;
+  unlink(older);
+  return older;
+}
+
+void append_running_entry(const char* message) {
+  const mutex_lock hold(running_mutex);
+  const char* const path = choose_running_file();
+  if (path == nullptr) {
+    return;
+  }
+  char stamp[kStampSize] = {};
+  char entry[kStampSize + 2 + kMessageSize];
+  const time_t now = time(nullptr);
+  struct tm local = {};
+  if (localtime_r(&now, &local) == nullptr ||
+      strftime(stamp, sizeof(stamp), "%Y/%m/%d %H:%M:%S", &local) == 0) {
+    stamp[0] = '\0';
+  }
+  wex_format(entry, sizeof(entry), "%s: %s", stamp, message);
+  append_synced(path, entry, strlen(entry));
+}
+
+// ---- The hang ring ------------------------------------------------------------------------------------
+
+// Without its counter the ring has no next slot: it begins anew.
+void empty_ring(const char* path) {
+  wex_dbg(WEX_DBG_PUB, "file: %s not exist!\n", kNotifyCount);
+  if (exists(path)) {
+    unlink(path);
+    sync();
+    wex_dbg(WEX_DBG_PUB, "unlink file: %s!\n", path);
+  }
+}
+
+// Overwrites the entry of `slot` byte for byte; the tail of a longer old entry stays behind the new one.
+void write_ring_entry(const char* path, int slot, const char* entry, size_t length) {
+  const unique_fd ring = wex_open_file(path, O_RDWR);
+  if (!ring.valid()) {
+    return;
+  }
+  text_reader old(ring.get());
+  char line[kRingLineSize];
+  for (int64_t left = kRingLinesPerEntry * slot; left > 0 && old.line(line, sizeof(line)); --left) {
+  }
+  if (lseek(ring.get(), old.taken(), SEEK_SET) >= 0) {
+    write_entry(ring.get(), entry, length);
+    fsync(ring.get());
+  }
+}
+
+bool reboot_refused() {
+  char text[kSwitchSize];
+  int allowed = 1;
+  return wex_read_guarded(kRebootSwitch, text, sizeof(text)) > 0 && scan_number(text, &allowed) &&
+         allowed == 0;
+}
+
+}  // namespace
+
+void wex_running_log(const char* format, ...) {
+  char message[kMessageSize] = {};
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(message, sizeof(message), format, arguments);
+  va_end(arguments);
+  wex_dbg(WEX_DBG_PUB, "%s", message);
+  append_running_entry(message);
+}
+
+int wex_openlog(const char* path) {
+  unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  if (!file.valid()) {
+    return -1;
+  }
+  const mutex_lock hold(event_mutex);
+  const unique_fd forgotten(event_fd);  // an opener who did not close does not cost a descriptor
+  event_fd = file.release();
+  return 0;
+}
+
+void wex_log(const char* format, ...) {
+  const mutex_lock hold(event_mutex);
+  if (event_fd < 0) {
+    return;
+  }
+  char entry[kEntrySize];
+  va_list arguments;
+  va_start(arguments, format);
+  const size_t length = build_entry(entry, format, arguments);
+  va_end(arguments);
+  if (entry[0] != ' ') {  // without a time there is no entry
+    write_entry(event_fd, entry, length);
+  }
+}
+
+void wex_closelog(void) {
+  const mutex_lock hold(event_mutex);
+  const unique_fd open_log(event_fd);
+  event_fd = -1;
+}
+
+void wex_log_notify_info(const char* path, const char* format, ...) {
+  int slot = wex_log_notify_get_count(kNotifyCount);
+  if (slot == kCountUnreadable) {
+    wex_dbg(WEX_DBG_PUB, "wex_log_notify_get_count error!\n");
+    return;
+  }
+  if (slot == kCountMissing) {
+    empty_ring(path);
+    slot = 0;
+  }
+  if (!exists(path)) {
+    slot = 0;
+    if (wex_open_file(path, O_RDWR | O_CREAT, kLogMode).valid()) {
+      sync_directory_of(path);
+    }
+  }
+  char entry[kEntrySize];
+  va_list arguments;
+  va_start(arguments, format);
+  const size_t length = build_entry(entry, format, arguments);
+  va_end(arguments);
+  write_ring_entry(path, slot, entry, length);
+  if (wex_log_notify_update_count(kNotifyCount, static_cast<int>((int64_t{slot} + 1) % kNotifyRing)) != 0) {
+    wex_dbg(WEX_DBG_PUB, "wex_log_notify_update_count error!\n");
+  }
+}
+
+int wex_log_notify_get_count(const char* path) {
+  // The number in the file is the result even when it looks like one of ours: "-2" in it empties the ring.
+  const unique_fd file = wex_open_file(path, O_RDONLY);
+  if (!file.valid()) {
+    return errno == ENOENT ? kCountMissing : kCountUnreadable;
+  }
+  char text[kNumberSize] = {};
+  int count = 0;
+  if (safe_read(file.get(), text, sizeof(text) - 1) < 0 || !scan_number(text, &count)) {
+    return 0;
+  }
+  return count;
+}
+
+int wex_log_notify_update_count(const char* path, int value) {
+  char text[16];
+  wex_format(text, sizeof(text), "%d", value);
+  const size_t length = strlen(text);
+  const unique_fd file = wex_open_file(path, O_WRONLY | O_CREAT, kLogMode);
+  if (!file.valid()) {
+    return -1;
+  }
+  const bool maybe_new = is_empty(file.get());
+  // Overwritten first and cut afterwards: a power cut in between leaves a number, not an empty file.
+  const bool written = safe_write(file.get(), text, length) == static_cast<int32_t>(length) &&
+                       ftruncate(file.get(), static_cast<off_t>(length)) == 0 && fsync(file.get()) == 0;
+  if (maybe_new) {
+    sync_directory_of(path);
+  }
+  return written ? 0 : -1;
+}
+
+void wex_log_record_reboot_info(const char* path, const char* format, ...) {
+  char entry[kEntrySize];
+  va_list arguments;
+  va_start(arguments, format);
+  const size_t length = build_entry(entry, format, arguments);
+  va_end(arguments);
+  append_synced(path, entry, length);
+}
+
+void wex_reboot(const char* reason, const char* detail) {
+  if (reason == nullptr || exists(kNoReboot) || reboot_refused()) {
+    return;
+  }
+  wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
+  safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
+  if (detail != nullptr) {
+    wex_log_record_reboot_info(kRebootLog, "%s%s\n", reason, detail);
+  } else {
+    wex_log_record_reboot_info(kRebootLog, "%s", reason);
+  }
+  safe_sleep(kRebootPauseSec);
+  reboot(RB_AUTOBOOT);  // at once and without a sync; a refusal sends the caller on its way
+}
