@@ -1,0 +1,291 @@
+// wex_pidfile: one small file per registered process, so that registrations outlive the daemon.
+//
+// The process itself keeps its file locked while it lives; the daemon only tests that lock. Never keep a
+// descriptor of such a file here: closing any descriptor of a file drops every record lock that this process
+// holds on it. The one exception is the table of files that the daemon locks for programs which cannot do it
+// themselves; it has a lock of its own and is empty in every other process.
+#include "wex_pidfile.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#define WEX_MODULE "wex_pidfile"
+#include "mutex_lock.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr size_t kWordSize = 256;  // first word of a command, terminator included
+constexpr size_t kReadSize = 256;  // what is read of a database file, terminator included
+
+struct held_file {
+  held_file* next;
+  int fd;  // owned
+  char name[kPathSize];
+};
+
+held_file* held_files = nullptr;
+pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
+
+bool is_locked_by_another(int cause) {
+  return cause == EACCES || cause == EAGAIN;
+}
+
+// Whole file, without waiting.
+int lock_whole_file(int fd) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;  // start and length stay 0: all of it, however long it grows
+  return fcntl(fd, F_SETLK, &whole);
+}
+
+// The name of a file of this registration; false with errno when no such file can exist.
+bool name_file(int32_t vsd, int32_t pid, const char* text, char (&name)[kPathSize]) {
+  const int length = wex_get_db_file_name(vsd, pid, text, name, sizeof name);
+  const char* const slash = strrchr(name, '/');
+  if (length < 0 || length >= static_cast<int>(sizeof name) || slash == nullptr ||
+      strlen(slash + 1) > NAME_MAX) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  return true;
+}
+
+// All three parts in one write: whoever dies here leaves an empty file or a whole one.
+void fill(int fd, int32_t pid, int32_t action, const char* text) {
+  char content[WEX_PROCESS_SIZE + 32];
+  const int head = snprintf(content, sizeof content, "%d\n%d\n", pid, action);
+  const size_t used = static_cast<size_t>(head);
+  const size_t length = strnlen(text, WEX_PROCESS_SIZE - 1);
+  memcpy(content + used, text, length);
+  if (safe_write(fd, content, used + length) != static_cast<int32_t>(used + length)) {
+    wex_dbg(WEX_DBG_PUB, "wex_db_create: write fail: %s\n", strerror(errno));
+  }
+}
+
+// Creates, fills and locks the file `name`. 0 and the descriptor to keep (none when another process holds the
+// lock), or -1 when it cannot be opened.
+int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char (&name)[kPathSize],
+                unique_fd* out) {
+  const bool fits = name_file(vsd, pid, text, name);
+  int cause = errno;
+  wex_dbg(WEX_DBG_PUB, "%s vsd:%d path:%s file:%s\n", "wex_db_create", vsd, text, name);
+  if (fits) {
+    *out = wex_open_file(name, O_RDWR | O_CREAT | O_TRUNC, kDbMode);
+    cause = errno;
+  }
+  if (!out->valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: fd < 0: %s\n", "wex_db_create", strerror(cause));
+    return -1;
+  }
+  fill(out->get(), pid, action, text);
+  if (lock_whole_file(out->get()) != 0) {
+    cause = errno;
+    if (is_locked_by_another(cause)) {
+      out->reset();
+    }
+    wex_dbg(WEX_DBG_PUB, "%s: file %s fd < 0: %s\n", "wex_db_create", name, strerror(cause));
+  }
+  return 0;
+}
+
+// Lets go of a file held by this process. Does nothing for any other name.
+void drop_held(const char* name) {
+  mutex_lock hold(held_lock);
+  for (held_file** at = &held_files; *at != nullptr; at = &(*at)->next) {
+    held_file* const file = *at;
+    if (strcmp(file->name, name) == 0) {
+      *at = file->next;
+      unique_fd(file->fd).reset();
+      free(file);
+      return;
+    }
+  }
+}
+
+// Without memory the file just loses its lock, which only the daemon itself would ever test: better than to
+// keep the caller, who holds the registry, waiting.
+void keep_held(const char* name, unique_fd&& fd) {
+  held_file* const file = static_cast<held_file*>(calloc(1, sizeof(held_file)));
+  if (file == nullptr) {
+    fd.reset();
+    return;
+  }
+  wex_copy_text(file->name, sizeof file->name, name);
+  mutex_lock hold(held_lock);
+  file->fd = fd.release();
+  file->next = held_files;
+  held_files = file;
+}
+
+int32_t action_of(uint32_t kind) {
+  return kind == WEX_RESTART ? RESPAWN : SHELL_RESTART;
+}
+
+// The command text of a message, which need not be terminated.
+void copy_command(const wex_reg_info* body, char (&text)[sizeof body->process + 1]) {
+  const size_t length = strnlen(body->process, sizeof body->process);
+  memcpy(text, body->process, length);
+  text[length] = '\0';
+}
+
+// What both ways of making a registration's files do with the result.
+int finish_registration(const wex_reg_info* body, int result) {
+  if (result != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: wex create db failed! (ret=%d)\r\n", "wex_mk_pidfile", result);
+    return result;
+  }
+  save_vsd_flag(body->vsd, body->pid);
+  return result;
+}
+
+// One decimal number, with what scanf would skip before it. False when there is none or it is no int32.
+bool scan_number(const char** at, int32_t* out) {
+  char* end = nullptr;
+  errno = 0;
+  const long long number = strtoll(*at, &end, 10);
+  if (end == *at || errno != 0 || number < INT32_MIN || number > INT32_MAX) {
+    return false;
+  }
+  *at = end;
+  *out = static_cast<int32_t>(number);
+  return true;
+}
+
+}  // namespace
+
+int wex_get_db_file_name(int32_t vsd, int32_t pid, const char* text, char* buffer, size_t size) {
+  char word[kWordSize];
+  const size_t length = strcspn(text, " ");
+  const size_t kept = length < sizeof word ? length : sizeof word - 1;
+  memcpy(word, text, kept);
+  word[kept] = '\0';
+  const char* const slash = strrchr(word, '/');
+  return snprintf(buffer, size, kDbFileFmt, vsd, slash != nullptr ? slash + 1 : word, pid);
+}
+
+int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
+  char name[kPathSize];
+  unique_fd fd;
+  const int result = create_file(vsd, pid, action, text, name, &fd);
+  fd.release();  // stays open on purpose: the lock lives as long as we do
+  return result;
+}
+
+void save_vsd_flag(int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  if (vsd == 0 || !wex_format(path, sizeof path, kMarkerFmt, vsd, pid)) {
+    return;
+  }
+  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kClientMarkerMode);
+  if (!marker.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(errno));
+  }
+}
+
+int wex_mk_pidfile(const wex_reg_info* body, uint32_t kind) {
+  char text[sizeof body->process + 1];
+  copy_command(body, text);
+  return finish_registration(body, wex_db_create(body->vsd, body->pid, action_of(kind), text));
+}
+
+int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
+  char text[sizeof body->process + 1];
+  char name[kPathSize];
+  copy_command(body, text);
+  if (name_file(body->vsd, body->pid, text, name)) {
+    drop_held(name);  // first, because closing it later would drop the new lock too
+  }
+  unique_fd fd;
+  const int result = create_file(body->vsd, body->pid, action_of(kind), text, name, &fd);
+  if (fd.valid()) {
+    keep_held(name, std::move(fd));
+  }
+  return finish_registration(body, result);
+}
+
+int wex_db_destroy(const wex_pid* rec) {
+  char name[kPathSize];
+  if (!name_file(rec->vsd, rec->pid, rec->process, name)) {
+    return -1;
+  }
+  drop_held(name);
+  return unlink(name);
+}
+
+int wex_rm_pidfile(const wex_pid* rec) {
+  char path[kPathSize];
+  if (!wex_format(path, sizeof path, kOldPidFileFmt, rec->vsd, rec->pid)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  return unlink(path);
+}
+
+int wex_read_pidfile(const char* path, wex_pid* rec) {
+  const unique_fd fd = wex_open_file(path, O_RDONLY);
+  if (!fd.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  char content[kReadSize];
+  const int32_t length = safe_read(fd.get(), content, sizeof content - 1);
+  if (length < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: read pid file fail: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  content[length] = '\0';
+  const char* at = content;
+  int32_t pid = 0;
+  int32_t action = 0;
+  if (!scan_number(&at, &pid) || !scan_number(&at, &action)) {
+    wex_dbg(WEX_DBG_PUB, "%s: read pid fail: %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  const char* const command = strchr(content, '/');
+  if (command == nullptr) {
+    return -1;
+  }
+  rec->pid = pid;
+  rec->action = action;
+  wex_copy_text(rec->script, sizeof rec->script, command);
+  return 0;
+}
+
+int wex_proc_is_exit(const wex_pid* rec) {
+  char name[kPathSize];
+  const bool fits = name_file(rec->vsd, rec->pid, rec->process, name);
+  int cause = errno;
+  wex_dbg(WEX_DBG_PUB, "%s vsd:%d ps:%s file:%s\n", __func__, rec->vsd, rec->process, name);
+  unique_fd fd;
+  if (fits) {
+    fd = wex_open_file(name, O_RDWR);
+    cause = errno;
+  }
+  if (!fd.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s fd < 0: %s\n", __func__, name, strerror(cause));
+    return 1;
+  }
+  if (lock_whole_file(fd.get()) == 0) {
+    wex_dbg(WEX_DBG_PUB, "Succeed to lock file %s.\n", name);
+    return 1;  // closing gives the trial lock back at once
+  }
+  cause = errno;
+  if (is_locked_by_another(cause)) {
+    wex_dbg(WEX_DBG_PUB, "be lock file %s, %s.\n", name, strerror(cause));
+    return 0;
+  }
+  wex_dbg(WEX_DBG_PUB, "Failed to lock file %s, %s.\n", name, strerror(cause));
+  return 1;
+}
