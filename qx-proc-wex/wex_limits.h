@@ -36,6 +36,10 @@ inline constexpr int32_t kForceRestartSec = 301;     // a postponed restart is f
 inline constexpr int32_t kSweepEverySec = 60;        // how often registered but vanished processes are looked for
 inline constexpr int32_t kSweepConfirmSec = 2;       // how long one must be gone before the exit counts as lost
 inline constexpr int32_t kReplacedKeepSec = 10;      // how long a replaced pid is remembered for late events
+inline constexpr int kReplacedKept = 64;             // and how many of them
+
+// Registry.
+inline constexpr off_t kListRemembered = 262144;     // bytes; a larger third-part list is read at every look-up
 
 // Spawning.
 inline constexpr int kMaxWords = 14;                 // program and 13 arguments

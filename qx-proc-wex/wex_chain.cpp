@@ -1,0 +1,295 @@
+// wex_chain: the registry. Three chains of records, each with its own lock.
+//
+// Whoever walks or changes a chain holds its lock; the records of a chain belong to the chain. The memory of
+// replaced pids below is guarded by the lock of wex_chains.
+#include "wex_chain.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+
+#define WEX_MODULE "wex_chain"
+#include "chain_lock.h"
+#include "priority_mutex.h"
+#include "text_block.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_pidfile.h"
+#include "wex_platform.h"
+#include "wex_proc.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+
+wex_chains_t wex_chains;
+wex_chains_t wex_alive_chains;
+wex_chains_t wex_chains_delay;
+
+namespace {
+
+constexpr uint32_t kHashFactor = 0x9e370001U;
+constexpr uint32_t kHashShift = 24;
+
+// What a removed link holds; a record that is used after its removal shows itself by these.
+constexpr uintptr_t kPoisonForward = 0x100100;
+constexpr uintptr_t kPoisonBackward = 0x200200;
+
+constexpr int kSystemLogPriority = 6;
+constexpr const char* kHeadings[] = {
+    "register restart in wex:", "register hang in wex:", "delay restart in wex:"};
+
+struct replacement {
+  int32_t old_pid;
+  int32_t new_pid;
+  int32_t time;
+};
+
+replacement replaced[kReplacedKept];
+unsigned replaced_next = 0;
+
+void link_at_head(wex_hnode** head, wex_hnode* node) {
+  node->next = *head;
+  node->pprev = head;
+  if (*head != nullptr) {
+    (*head)->pprev = &node->next;
+  }
+  *head = node;
+}
+
+void unlink_list(wex_list* link) {
+  link->next->prev = link->prev;
+  link->prev->next = link->next;
+  link->next = reinterpret_cast<wex_list*>(kPoisonForward);
+  link->prev = reinterpret_cast<wex_list*>(kPoisonBackward);
+}
+
+wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) {
+  return &chain->heads[wex_hash_pid(pid)];
+}
+
+void note_replaced(int32_t old_pid, int32_t new_pid) {
+  replaced[replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
+  replaced_next++;
+}
+
+// The newest entry of `pid` that is not too old, or null.
+const replacement* find_replaced(int32_t pid) {
+  const int32_t now = wex_clock_now();
+  for (unsigned back = 1; back <= kReplacedKept; back++) {
+    const replacement& entry = replaced[(replaced_next - back) % kReplacedKept];
+    if (entry.old_pid == pid && entry.new_pid > 0 && now - entry.time <= kReplacedKeepSec) {
+      return &entry;
+    }
+  }
+  return nullptr;
+}
+
+// The console and the system log may be slow or stand still: what they get is gathered with the chain held
+// and written after it.
+void gather(int kind, wex_chains_t* chain, text_block* lines) {
+  if (kind >= 0 && kind < static_cast<int>(std::size(kHeadings))) {
+    lines->append("%s\n", kHeadings[kind]);
+  }
+  chain_lock hold(*chain);
+  lines->append("node num:%d\n", chain->count);
+  record_walk walk(*chain);
+  for (const wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
+    lines->append("pid: %-6d, vsd: %-2d, regact: %d, pname:  %s, %s\n", rec->pid, rec->vsd, rec->action,
+                  rec->process, rec->script);
+  }
+}
+
+bool is_same_program(const wex_pid* a, const wex_pid* b) {
+  return a->vsd == b->vsd && strcmp(a->process, b->process) == 0;
+}
+
+}  // namespace
+
+static_assert((kReplacedKept & (kReplacedKept - 1)) == 0, "the ring's index wraps around");
+
+wex_pid* record_walk::next() noexcept {
+  while (ahead_ == nullptr && bucket_ < WEX_CHAIN_BUCKETS - 1) {
+    ahead_ = chain_.heads[++bucket_];
+  }
+  if (ahead_ == nullptr) {
+    return nullptr;
+  }
+  wex_pid* const rec = wex_record_of(ahead_);
+  ahead_ = ahead_->next;
+  return rec;
+}
+
+uint32_t wex_hash_pid(int32_t pid) {
+  return (static_cast<uint32_t>(pid) * kHashFactor) >> kHashShift;
+}
+
+void hlist_del(wex_hnode* node) {
+  *node->pprev = node->next;
+  if (node->next != nullptr) {
+    node->next->pprev = node->pprev;
+  }
+  node->next = reinterpret_cast<wex_hnode*>(kPoisonForward);
+  node->pprev = reinterpret_cast<wex_hnode**>(kPoisonBackward);
+}
+
+wex_pid* wex_new_record() {
+  wex_pid* const rec = static_cast<wex_pid*>(safe_malloc(sizeof(wex_pid)));
+  rec->list.next = &rec->list;
+  rec->list.prev = &rec->list;
+  return rec;
+}
+
+void wex_free_record(wex_pid* rec) {
+  free(rec);
+}
+
+void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
+  link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
+  chain->count++;
+}
+
+void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
+  hlist_del(&rec->hnode);
+  unlink_list(&rec->list);
+  wex_free_record(rec);
+  chain->count--;
+}
+
+wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
+  for (wex_hnode* node = chain->heads[wex_hash_pid(pid)]; node != nullptr; node = node->next) {
+    wex_pid* const rec = wex_record_of(node);
+    if (rec->pid == pid) {
+      return rec;
+    }
+  }
+  return nullptr;
+}
+
+void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
+  wex_hnode* ahead = *bucket_of(chain, pid);
+  while (ahead != nullptr) {
+    wex_pid* const rec = wex_record_of(ahead);
+    ahead = ahead->next;
+    if (rec->pid == pid) {
+      wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, pid);
+      __wex_drop_record(chain, rec);
+    }
+  }
+}
+
+int wex_init_chains(wex_chains_t* chain) {
+  memset(chain->heads, 0, sizeof chain->heads);
+  const int result = create_priority_mutex(&chain->mutex, PTHREAD_MUTEX_RECURSIVE);
+  if (result != 0) {
+    return result;
+  }
+  chain_lock hold(*chain);
+  chain->count = 0;
+  return 0;
+}
+
+int wex_destroy_chains(wex_chains_t* chain) {
+  chain_lock hold(*chain);
+  record_walk walk(*chain);
+  for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
+    const uint32_t tid = static_cast<uint32_t>(rec->pid);
+    if (chain == &wex_alive_chains && tid < WEX_ALIVE_TIDS) {
+      wex_sys_unreg_alive_info(tid);
+    }
+    __wex_drop_record(chain, rec);
+  }
+  // The mutex is not destroyed: two threads are never joined, and one that is late must find an empty chain
+  // behind a working lock. It owns nothing, so nothing is lost.
+  return 0;
+}
+
+void wex_note_identity(wex_pid* rec) {
+  char state = 0;
+  uint64_t start_time = 0;
+  rec->start_time = rec->pid > 0 && wex_proc_stat(rec->pid, &state, &start_time) ? start_time : 0;
+}
+
+bool wex_record_lives(const wex_pid* rec) {
+  return rec->pid > 0 && wex_proc_lives(rec->pid, rec->start_time);
+}
+
+void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
+  // First of all: if the daemon is killed before the old file has gone, its next life starts the program
+  // again.
+  wex_db_destroy(rec);
+  note_replaced(rec->pid, new_pid);
+  hlist_del(&rec->hnode);
+  rec->pid = new_pid;
+  link_at_head(bucket_of(chain, new_pid), &rec->hnode);
+  rec->exit_seen = 0;
+  rec->restart_failed = 0;
+  rec->gone_since = 0;
+  wex_note_identity(rec);
+  wex_reset_lmk(new_pid);
+}
+
+int32_t __wex_replaced_by(int32_t pid) {
+  const replacement* entry = find_replaced(pid);
+  int32_t latest = 0;
+  // A program may die again before an event of its earlier life arrives. Bounded: pids may run in a circle.
+  for (int step = 0; entry != nullptr && step < kReplacedKept; step++) {
+    latest = entry->new_pid;
+    entry = find_replaced(latest);
+  }
+  return latest;
+}
+
+void __wex_drop_failed(const char* process, int32_t vsd) {
+  record_walk walk(wex_chains);
+  for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
+    if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
+      wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
+      wex_db_destroy(rec);
+      __wex_drop_record(&wex_chains, rec);
+    }
+  }
+}
+
+const char* wex_program_name(wex_pid* rec) {
+  rtrim(rec->process);
+  const char* const slash = strrchr(rec->process, '/');
+  return slash != nullptr ? slash + 1 : rec->process;
+}
+
+wex_pid* wex_proc_is_running(wex_pid* rec) {
+  record_walk walk(wex_chains);
+  for (wex_pid* other = walk.next(); other != nullptr; other = walk.next()) {
+    if (!is_same_program(other, rec) || other->pid == rec->pid) {
+      continue;
+    }
+    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d vsd %d process %s!\n", rec->pid, rec->vsd, rec->process);
+    wex_dbg(WEX_DBG_PUB, "wex_pid pid %d vsd %d process %s!\n", other->pid, other->vsd, other->process);
+    wex_dbg(WEX_DBG_PUB, "%s is running!\n", rec->process);
+    if (rec->flags != 0) {
+      return other;
+    }
+    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d flags:%d\n", rec->pid, static_cast<int>(rec->flags));
+    return rec;
+  }
+  return nullptr;
+}
+
+int wex_print_chains(int kind, wex_chains_t* chain) {
+  text_block lines;
+  gather(kind, chain, &lines);
+  for (const char* line = lines.next(nullptr); line != nullptr; line = lines.next(line)) {
+    safe_write(STDOUT_FILENO, line, strlen(line));
+  }
+  return 0;
+}
+
+int wex_syslog_chains(int kind, wex_chains_t* chain) {
+  text_block lines;
+  gather(kind, chain, &lines);
+  for (const char* line = lines.next(nullptr); line != nullptr; line = lines.next(line)) {
+    qx_syslog(kSystemLogPriority, "%s", line);
+  }
+  return 0;
+}

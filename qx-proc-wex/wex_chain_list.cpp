@@ -1,0 +1,210 @@
+// wex_chain_list: look-ups in the third-part list, which programs the daemon is to register by itself.
+//
+// Every program that is executed anywhere on the device is looked up here, by a thread of real-time priority.
+// So the list is kept in memory and read again only when the file looks different; list_lock guards it.
+#include "wex_list.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+
+#define WEX_MODULE "wex_chain"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
+#include "text_reader.h"
+#include "unique_fd.h"
+#include "wex_chain.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+// What tells one state of a file from another.
+struct file_mark {
+  dev_t device;
+  ino_t inode;
+  off_t size;
+  timespec modified;
+  timespec changed;  // contents or attributes; nobody can set it back
+};
+
+struct known_list {
+  char path[kPathSize];
+  file_mark mark;
+  char* text;  // null: nothing is known
+  size_t length;
+};
+
+known_list known;
+pthread_mutex_t list_lock;
+pthread_once_t list_once = PTHREAD_ONCE_INIT;
+
+void create_list_lock() {
+  create_priority_mutex(&list_lock, PTHREAD_MUTEX_NORMAL);
+}
+
+bool same_time(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool same_file(const file_mark& a, const file_mark& b) {
+  return a.device == b.device && a.inode == b.inode && a.size == b.size && same_time(a.changed, b.changed) &&
+         same_time(a.modified, b.modified);
+}
+
+file_mark mark_of(const struct stat& facts) {
+  return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim, facts.st_ctim};
+}
+
+// A file that changed just now may change again within the same tick of its time stamp: such a state says
+// nothing about the next moment. Some file systems count whole seconds.
+bool has_settled(const file_mark& mark) {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec > mark.changed.tv_sec + 1 && now.tv_sec > mark.modified.tv_sec + 1;
+}
+
+// Lines of a text in memory, cut as text_reader cuts those of a file.
+class memory_reader {
+ public:
+  memory_reader(const char* text, size_t length) noexcept : at_(text), left_(length) {}
+
+  bool line(char* out, size_t size) noexcept {
+    size_t length = left_ < size - 1 ? left_ : size - 1;
+    const void* const line_end = memchr(at_, '\n', length);
+    if (line_end != nullptr) {
+      length = static_cast<size_t>(static_cast<const char*>(line_end) - at_) + 1;
+    }
+    memcpy(out, at_, length);
+    out[length] = '\0';
+    at_ += length;
+    left_ -= length;
+    return length > 0;
+  }
+
+ private:
+  const char* at_;
+  size_t left_;
+};
+
+enum list_answer { kNoList, kNoLine, kFound };
+
+template <typename reader>
+list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSize]) {
+  while (lines.line(line, sizeof line)) {
+    if (strstr(line, needle) != nullptr) {
+      return kFound;
+    }
+  }
+  return kNoLine;
+}
+
+// Caller holds list_lock.
+bool is_known(const char* path) {
+  struct stat facts;
+  return known.text != nullptr && strcmp(known.path, path) == 0 && lstat(path, &facts) == 0 &&
+         same_file(known.mark, mark_of(facts));
+}
+
+void forget() {
+  free(known.text);
+  known.text = nullptr;
+}
+
+// Remembers the list that `fd` is open on, unless it is large or still changing. Caller holds list_lock.
+bool remember(const char* path, int fd) {
+  struct stat facts;
+  if (fstat(fd, &facts) != 0 || facts.st_size > kListRemembered || !has_settled(mark_of(facts)) ||
+      strlen(path) >= sizeof known.path) {
+    return false;
+  }
+  const size_t length = static_cast<size_t>(facts.st_size);
+  char* const text = static_cast<char*>(malloc(length + 1));
+  if (text == nullptr) {
+    return false;
+  }
+  struct stat after;
+  const bool whole = safe_read(fd, text, length) == static_cast<int32_t>(length) && fstat(fd, &after) == 0 &&
+                     same_file(mark_of(facts), mark_of(after));
+  if (!whole) {
+    free(text);
+    return false;
+  }
+  forget();
+  known.text = text;
+  known.length = length;
+  known.mark = mark_of(facts);
+  wex_copy_text(known.path, sizeof known.path, path);
+  return true;
+}
+
+list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
+  pthread_once(&list_once, create_list_lock);
+  {
+    mutex_lock hold(list_lock);
+    if (is_known(path)) {
+      return find_in(memory_reader(known.text, known.length), needle, line);
+    }
+  }
+  const unique_fd fd = wex_open_file(path, O_RDONLY);
+  if (!fd.valid()) {
+    return kNoList;
+  }
+  {
+    mutex_lock hold(list_lock);
+    if (remember(path, fd.get())) {
+      return find_in(memory_reader(known.text, known.length), needle, line);
+    }
+  }
+  if (lseek(fd.get(), 0, SEEK_SET) != 0) {
+    return kNoLine;
+  }
+  return find_in(text_reader(fd.get()), needle, line);
+}
+
+}  // namespace
+
+int wex_list_find(const char* path, const char* needle, char* line, size_t size) {
+  char found[kListLineSize];
+  if (find_line(path, needle, found) != kFound) {
+    return 0;
+  }
+  wex_copy_text(line, size, found);
+  return 1;
+}
+
+int wex_proc_in_wexdb(const char* path, const char* needle, char* word, size_t size) {
+  char line[kListLineSize];
+  const list_answer answer = find_line(path, needle, line);
+  if (answer == kNoList) {
+    return 0;
+  }
+  memset(word, 0, size);
+  const char* const blank = answer == kFound ? strrchr(line, ' ') : nullptr;
+  if (blank == nullptr) {
+    return 0;
+  }
+  wex_copy_text(word, size, blank + 1);
+  return 1;
+}
+
+int wex_pid_in_wexdb(int32_t pid, const char* path, char* word, size_t size) {
+  char link[kPathSize];
+  char executable[kListLineSize];
+  if (!wex_format(link, sizeof link, kProcExeFmt, pid)) {
+    return 0;
+  }
+  const ssize_t length = readlink(link, executable, sizeof executable - 1);
+  if (length < 0) {
+    return 0;
+  }
+  executable[length] = '\0';
+  return wex_proc_in_wexdb(path, executable, word, size);
+}
