@@ -1,0 +1,41 @@
+# A hundred services: all restarted when all die at once; what the daemon costs with 0, 10 and 100 of them.
+# seconds: 240
+. /test/lib.sh
+wex=$(daemon)
+resident() { field $wex VmRSS | sed 's/ kB//'; }
+descriptors() { ls /proc/$wex/fd | wc -l; }
+count_registered() { ls $DB | grep -c '^service\.'; }
+registered_now() { [ "$(count_registered)" = $1 ]; }
+note "SIZE resident with 0 services: $(resident) kB"
+
+n=0
+while [ $n -lt 100 ]; do
+  n=$((n + 1))
+  start /usr/bin/service --tag $n
+  if [ $n = 10 ]; then
+    check "10 services did not register" eventually 60 registered_now 10
+    note "SIZE resident with 10 services: $(resident) kB"
+  fi
+done
+check "100 services did not register" eventually 120 registered_now 100
+all_ready() { [ "$(ls /tmp/ready.* | wc -l)" -ge 100 ]; }
+check "100 services were not all answered" eventually 60 all_ready
+note "SIZE resident with 100 services: $(resident) kB, $(descriptors) descriptors"
+
+old=$(for file in $DB/service.*; do echo ${file##*.}; done)
+is "$(echo $old | wc -w)" 100 "services before"
+kill -KILL $old
+new_pids() {
+  for file in $DB/service.*; do echo ${file##*.}; done | sort > /tmp/now
+  [ "$(wc -l < /tmp/now)" = 100 ] || return 1
+  for pid in $old; do grep -qx $pid /tmp/now && return 1; done
+  return 0
+}
+check "not all of 100 came back" eventually 90 new_pids
+for pid in $(cat /tmp/now); do tr '\0' ' ' < /proc/$pid/cmdline; echo; done | sort | uniq -c | awk '$1 != 1' > /tmp/twice
+check "some came back twice: $(cat /tmp/twice)" [ ! -s /tmp/twice ]
+is "$(daemon)" "$wex" "pid of the daemon"
+zombies=$(cat /proc/[0-9]*/stat 2> /dev/null | awk -v p=$wex '$3 == "Z" && $4 == p' | wc -l)
+is "$zombies" 0 "zombies of the daemon"
+note "SIZE resident after 100 restarts: $(resident) kB, $(descriptors) descriptors"
+pass

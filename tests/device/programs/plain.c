@@ -1,0 +1,8 @@
+/* A third-part program: knows nothing of wex. */
+#include <unistd.h>
+
+int main(void) {
+  for (;;) {
+    pause();
+  }
+}
