@@ -1,0 +1,180 @@
+// wex_vsd_remove: recursive removal, and what each operation on a domain removes.
+//
+// It runs as root in directories where everybody may create, rename and link. Hence every look, step down and
+// removal is made relative to a directory that is held open, and a name that turns into something else
+// meanwhile is at worst not removed.
+#include "wex_vsd_remove.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "dir_walk.h"
+#include "unique_fd.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+// Longest path of an entry. It bounds depth, stack and descriptors as well: about 120 levels below a domain.
+constexpr size_t kLongestPath = 255;
+
+struct domain_tree {
+  const char* format;  // one "%d", the domain
+  unsigned sets;
+  bool second_disk;
+};
+
+constexpr unsigned kEverySet = WEX_REMOVE_DELETE | WEX_REMOVE_STOP | WEX_REMOVE_RELOAD | WEX_REMOVE_FILES;
+
+// In the order of removal.
+constexpr domain_tree kDomainTrees[] = {
+    {kDomainDirFmt, kEverySet, false},
+    {kEtcDomainFmt, kEverySet, false},
+    {kRunDomainFmt, WEX_REMOVE_DELETE | WEX_REMOVE_FILES, false},
+    {kDataDomainFmt, WEX_REMOVE_DELETE, false},
+    {kData2DomainFmt, WEX_REMOVE_DELETE, true},
+    {kData2RunFmt, WEX_REMOVE_DELETE, true},
+    {kConfigDomainFmt, WEX_REMOVE_DELETE, false},
+    {kOvixDomainFmt, WEX_REMOVE_DELETE, false},
+    {kMemoryGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
+    {kCpuGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
+};
+
+unique_fd open_plain_dir(int parent, const char* name) {
+  return unique_fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Opens the directory that root's own link `name` leads to. The link is looked at before and after it is read:
+// what is followed is the text of the link that was judged, not of one that took its name.
+unique_fd open_roots_link(int parent, const char* name) {
+  struct stat before;
+  struct stat after;
+  char target[PATH_MAX];
+  if (fstatat(parent, name, &before, AT_SYMLINK_NOFOLLOW) != 0) {
+    return unique_fd();
+  }
+  const ssize_t length = readlinkat(parent, name, target, sizeof target - 1);
+  if (length < 0 || fstatat(parent, name, &after, AT_SYMLINK_NOFOLLOW) != 0) {
+    return unique_fd();
+  }
+  target[length] = '\0';
+  if (!S_ISLNK(after.st_mode) || after.st_uid != 0 || before.st_ino != after.st_ino ||
+      before.st_dev != after.st_dev) {
+    errno = ELOOP;
+    return unique_fd();
+  }
+  return unique_fd(openat(parent, target, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Opens the directory that `name` is, or that root's link of this name leads to.
+unique_fd open_dir(int parent, const char* name) {
+  unique_fd dir = open_plain_dir(parent, name);
+  if (!dir.valid() && (errno == ELOOP || errno == ENOTDIR)) {
+    dir = open_roots_link(parent, name);
+  }
+  return dir;
+}
+
+void remember(int* first, int result) {
+  if (*first == 0) {
+    *first = result;
+  }
+}
+
+int remove_entry(int parent, const char* name, size_t path_length);
+
+// Empties a directory whose own path has `path_length` characters.
+int remove_entries(unique_fd&& fd, size_t path_length) {
+  dir_walk dir(std::move(fd));
+  if (!dir.valid()) {
+    return -errno;
+  }
+  int first = 0;
+  while (const dirent* entry = dir.next()) {
+    remember(&first, remove_entry(dir.fd(), entry->d_name, path_length + 1 + strlen(entry->d_name)));
+  }
+  return first;
+}
+
+int remove_entry(int parent, const char* name, size_t path_length) {
+  if (path_length > kLongestPath) {
+    return -ENAMETOOLONG;
+  }
+  struct stat facts;
+  if (fstatat(parent, name, &facts, 0) != 0) {
+    return -errno;
+  }
+  if (!S_ISDIR(facts.st_mode)) {
+    return unlinkat(parent, name, 0) == 0 ? 0 : -errno;
+  }
+  unique_fd dir = open_dir(parent, name);
+  if (!dir.valid()) {
+    const int err = errno;
+    // Somebody's link to a directory: it goes, where it leads to does not.
+    return err == ELOOP && unlinkat(parent, name, 0) == 0 ? 0 : -err;
+  }
+  int first = remove_entries(std::move(dir), path_length);
+  // Tried whatever stayed inside: the files of a control group cannot be unlinked, but go with their directory.
+  if (unlinkat(parent, name, AT_REMOVEDIR) != 0) {
+    remember(&first, -errno);
+  }
+  return first;
+}
+
+// Cuts the next component out of `*rest` into `name`. False at the end of the path, or when it does not fit.
+bool next_component(const char** rest, char (&name)[NAME_MAX + 1]) {
+  const char* from = *rest + strspn(*rest, "/");
+  const size_t length = strcspn(from, "/");
+  if (length == 0 || length > NAME_MAX) {
+    return false;
+  }
+  wex_copy_text(name, length + 1, from);
+  *rest = from + length + strspn(from + length, "/");
+  return true;
+}
+
+bool second_disk_present() {
+  struct stat facts;
+  return stat(kData2Dir, &facts) == 0;
+}
+
+}  // namespace
+
+extern "C" int remove_dir_tree(const char* path) {
+  const size_t length = strlen(path);
+  if (length > kLongestPath) {
+    return -ENAMETOOLONG;
+  }
+  unique_fd parent = open_plain_dir(AT_FDCWD, kRootDir);
+  char name[NAME_MAX + 1];
+  const char* rest = path;
+  if (!parent.valid() || !next_component(&rest, name)) {
+    return parent.valid() ? -EINVAL : -errno;
+  }
+  while (*rest != '\0') {  // "/data" is open to everybody: no step of the way may be somebody's link
+    parent = open_dir(parent.get(), name);
+    if (!parent.valid()) {
+      return -errno;
+    }
+    if (!next_component(&rest, name)) {
+      return -EINVAL;
+    }
+  }
+  return remove_entry(parent.get(), name, length);
+}
+
+void remove_domain_trees(int32_t vsd, unsigned set) {
+  const bool second_disk = second_disk_present();
+  for (const domain_tree& tree : kDomainTrees) {
+    char path[kPathSize];
+    if ((tree.sets & set) != 0 && (second_disk || !tree.second_disk) &&
+        wex_format(path, sizeof path, tree.format, vsd)) {
+      remove_dir_tree(path);
+    }
+  }
+}
