@@ -212,7 +212,7 @@ void wex_note_identity(wex_pid* rec) {
 }
 
 bool wex_record_lives(const wex_pid* rec) {
-  return rec->pid > 0 && wex_proc_lives(rec->pid, rec->start_time);
+  return rec->pid > 0 && rec->start_time != 0 && wex_proc_lives(rec->pid, rec->start_time);
 }
 
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {

@@ -68,7 +68,8 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA
 // Remembers the identity of the record's present process, so that a reused pid is not taken for it.
 void wex_note_identity(wex_pid* rec);
 
-// True when the record's own process (not a stranger with its pid) is alive now. Reads /proc once, no sleeping.
+// True when the record's own process (not a stranger with its pid) is alive now; false when its identity was never
+// noted. Reads /proc once, no sleeping.
 bool wex_record_lives(const wex_pid* rec);
 
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.

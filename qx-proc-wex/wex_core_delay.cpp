@@ -88,7 +88,9 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
   if (!expects_exit(rec)) {
     return verdict::present;
   }
-  if (wex_record_lives(rec)) {
+  // Of a process whose start time could not be noted nothing is known but its pid.
+  const bool lives = rec->start_time != 0 ? wex_record_lives(rec) : wex_proc_lives(rec->pid, 0);
+  if (lives) {
     rec->gone_since = 0;
     return verdict::present;
   }

@@ -80,6 +80,19 @@ constexpr restart_kind kScript = {"SHELL_RESTART",
 // ---- before the decision
 // -------------------------------------------------------------------------------------------
 
+// True when the record's process has not exited although the kernel reported its leader. A thread that
+// executes a program takes the leader's place a moment after the leader's exit was reported, so while the
+// process still has threads it is worth a second look.
+bool still_runs(const wex_pid* rec) {
+  for (int look = 0; !wex_record_lives(rec); ++look) {
+    if (look == kLeaderLooks || wex_proc_threads(rec->pid) < 2) {
+      return false;
+    }
+    wex_sleep_ms(kLeaderLookMs);
+  }
+  return true;
+}
+
 void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_db_destroy(rec);
   __wex_del_pid(&wex_chains, rec->pid);
@@ -348,7 +361,7 @@ extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32
   if (rec == nullptr) {
     return;
   }
-  if (wex_record_lives(rec)) {
+  if (still_runs(rec)) {
     // A thread of it executed a program, or the pid was reused and registered again: nobody has exited.
     wex_request_sweep();
     return;

@@ -41,6 +41,9 @@ inline constexpr int kReplacedKept = 64;             // and how many of them
 // Registry.
 inline constexpr off_t kListRemembered = 262144;     // bytes; a larger third-part list is read at every look-up
 
+inline constexpr int kLeaderLooks = 4;               // looks at a dead leader whose threads have not ended yet
+inline constexpr int kLeaderLookMs = 5;
+
 // Spawning.
 inline constexpr int kMaxWords = 14;                 // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;

@@ -30,8 +30,12 @@ constexpr int32_t kLmkIgnore = -1000;
 constexpr int32_t kLmkNormal = 0;
 constexpr unsigned kMemoryRetrySec = 5;
 constexpr int kLockTries = 5;        // somebody may replace the lock file between open and lock
-constexpr int kStartTimeField = 22;  // of /proc/PID/stat, counted from 1
+// Fields of /proc/PID/stat, counted from 1.
 constexpr int kStateField = 3;
+constexpr int kFlagsField = 9;
+constexpr int kThreadsField = 20;
+constexpr int kStartTimeField = 22;
+constexpr unsigned long kExiting = 0x4;  // flag of a task that has begun to exit
 constexpr char kDeleted[] = " (deleted)";  // the kernel's mark on the link of a replaced executable
 
 // An absolute deadline: an interruption costs nothing, and no remainder is added up wrongly.
@@ -117,6 +121,15 @@ const char* read_stat(int32_t pid, char* text, size_t size) {
   }
   const char* const end = strrchr(text, ')');
   return end != nullptr && end[1] == ' ' && end[2] != '\0' ? end + 2 : nullptr;
+}
+
+// Where the `number`th field begins, given where the state letter stands; null when there are fewer.
+const char* stat_field(const char* fields, int number) {
+  for (int at = kStateField; at < number && fields != nullptr; ++at) {
+    fields = strchr(fields, ' ');
+    fields = fields != nullptr ? fields + 1 : nullptr;
+  }
+  return fields;
 }
 
 bool is_same_file(int fd, const char* path) {
@@ -287,25 +300,27 @@ int process_life(int32_t pid) {
 
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
   char text[kStatSize];
-  const char* field = read_stat(pid, text, sizeof(text));
-  if (field == nullptr) {
+  const char* const fields = read_stat(pid, text, sizeof(text));
+  const char* const start = fields != nullptr ? stat_field(fields, kStartTimeField) : nullptr;
+  if (start == nullptr) {
     return false;
   }
-  const char letter = *field;
-  for (int number = kStateField; number < kStartTimeField; ++number) {
-    field = strchr(field, ' ');
-    if (field == nullptr) {
-      return false;
-    }
-    ++field;
-  }
+  // Older kernels report an exit before they make the process a zombie; until then only this flag tells.
+  const bool exiting = (strtoul(stat_field(fields, kFlagsField), nullptr, 10) & kExiting) != 0;
   if (state != nullptr) {
-    *state = letter;
+    *state = exiting && *fields != 'Z' ? 'X' : *fields;
   }
   if (start_time != nullptr) {
-    *start_time = strtoull(field, nullptr, 10);
+    *start_time = strtoull(start, nullptr, 10);
   }
   return true;
+}
+
+int32_t wex_proc_threads(int32_t pid) {
+  char text[kStatSize];
+  const char* const fields = read_stat(pid, text, sizeof(text));
+  const char* const threads = fields != nullptr ? stat_field(fields, kThreadsField) : nullptr;
+  return threads != nullptr ? static_cast<int32_t>(strtol(threads, nullptr, 10)) : 0;
 }
 
 bool wex_proc_lives(int32_t pid, uint64_t start_time) {
