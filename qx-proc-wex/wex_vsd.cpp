@@ -1,8 +1,8 @@
 // wex_vsd: the life of a domain: start, one more program, show, take-down; and a few marker files.
 //
-// Runs in the command-line tool, which has one thread, and in whatever program of the device loads the library.
-// The children set environment variables because the device's own preparation does so too; a program with
-// several threads must not change its environment while it creates a domain or adds a program to one.
+// Runs in the command-line tool, which has one thread, and in whatever program of the device loads the
+// library. The children set environment variables because the device's own preparation does so too; a program
+// with several threads must not change its environment while it creates a domain or adds a program to one.
 #define WEX_MODULE "wex_vsd"
 #include "wex_vsd.h"
 
@@ -327,9 +327,13 @@ int create_proc_to_vsd(const char* name, int32_t vsd) {
   return 0;
 }
 
-int delete_vsd(int32_t vsd) { return take_down(kDelete, vsd); }
+int delete_vsd(int32_t vsd) {
+  return take_down(kDelete, vsd);
+}
 
-int stop_vsd(int32_t vsd) { return take_down(kStop, vsd); }
+int stop_vsd(int32_t vsd) {
+  return take_down(kStop, vsd);
+}
 
 int reload_vsd(int32_t vsd) {
   int ret = take_down(kReload, vsd);
@@ -398,10 +402,14 @@ int delete_vsd_file(int32_t vsd) {
   return 0;
 }
 
-int dev_mon_restart(void) { return probe(kDeviceMonitor, O_CREAT); }
+int dev_mon_restart(void) {
+  return probe(kDeviceMonitor, O_CREAT);
+}
 
 // Deletes nothing, whatever its name says: the restart that finds the marker consumes it.
-int del_dev_mon_log(void) { return probe(kDeviceMonitor, 0); }
+int del_dev_mon_log(void) {
+  return probe(kDeviceMonitor, 0);
+}
 
 int del_dev_mon_restart(void) {
   const int ret = probe(kDeviceMonitor, 0);
@@ -411,5 +419,7 @@ int del_dev_mon_restart(void) {
   return ret;
 }
 
-int debug_log(void) { return probe(kDebugLog, 0); }
+int debug_log(void) {
+  return probe(kDebugLog, 0);
+}
 }

@@ -31,7 +31,7 @@ constexpr char kLibraryMark[] = "/lib";
 constexpr char kMappingResident[] = "Rss";
 constexpr char kHardLimit[] = "memory.limit_in_bytes";
 constexpr char kSoftLimit[] = "memory.soft_limit_in_bytes";
-constexpr int kPauseMs = 100;  // between two processes, so that a measurement never fills the processor
+constexpr int kPauseMs = 100;     // between two processes, so that a measurement never fills the processor
 constexpr int kFirstLimited = 1;  // the main system is never limited
 
 // KiB, by domain: the sums of the measurement in progress, and the last completed one.
@@ -84,8 +84,8 @@ int set_mem_limit_group(int32_t vsd, const char* file, uint64_t kib) {
   return write_control(path, text, __func__);
 }
 
-// Looked at relative to the opened directory, wherever the process has gone; what cannot be looked at counts as
-// a file.
+// Looked at relative to the opened directory, wherever the process has gone; what cannot be looked at counts
+// as a file.
 bool is_directory(const dir_walk& dir, const char* name, const char* caller) {
   struct stat facts;
   if (fstatat(dir.fd(), name, &facts, 0) != 0) {
@@ -204,8 +204,8 @@ void enforce_limit(int32_t vsd) {
   if (limit == 0) {
     array_rss[vsd] = 0;
   } else if (static_cast<uint64_t>(limit) < array_rss[vsd]) {
-    // Signal 9 to process 0 would be the end of our own process group: a domain whose markers lead to nobody is
-    // over its limit in vain. Looking and killing share one look, so that nobody can vanish in between.
+    // Signal 9 to process 0 would be the end of our own process group: a domain whose markers lead to nobody
+    // is over its limit in vain. Looking and killing share one look, so that nobody can vanish in between.
     const largest_process largest = find_largest(vsd);
     if (largest.pid > 0) {
       kill_largest(largest);

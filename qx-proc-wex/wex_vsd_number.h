@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-// Leading blanks, a sign and decimal digits; 0 when there are none. Saturates at 32 bits, whatever the width of a
-// long.
+// Leading blanks, a sign and decimal digits; 0 when there are none. Saturates at 32 bits, whatever the width
+// of a long.
 inline int32_t text_to_number(const char* text) {
   const long long value = strtoll(text, nullptr, 10);
   if (value > INT32_MAX) {

@@ -49,8 +49,8 @@ unique_fd open_plain_dir(int parent, const char* name) {
   return unique_fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Opens the directory that root's own link `name` leads to. The link is looked at before and after it is read:
-// what is followed is the text of the link that was judged, not of one that took its name.
+// Opens the directory that root's own link `name` leads to. The link is looked at before and after it is
+// read: what is followed is the text of the link that was judged, not of one that took its name.
 unique_fd open_roots_link(int parent, const char* name) {
   struct stat before;
   struct stat after;
@@ -119,7 +119,8 @@ int remove_entry(int parent, const char* name, size_t path_length) {
     return err == ELOOP && unlinkat(parent, name, 0) == 0 ? 0 : -err;
   }
   int first = remove_entries(std::move(dir), path_length);
-  // Tried whatever stayed inside: the files of a control group cannot be unlinked, but go with their directory.
+  // Tried whatever stayed inside: the files of a control group cannot be unlinked, but go with their
+  // directory.
   if (unlinkat(parent, name, AT_REMOVEDIR) != 0) {
     remember(&first, -errno);
   }

@@ -5,10 +5,10 @@
 
 // Which sets of directories: a bit for each operation that removes some.
 enum {
-  WEX_REMOVE_DELETE = 0x1, // everything a domain has
-  WEX_REMOVE_STOP = 0x2,   // run-time directories and control groups
-  WEX_REMOVE_RELOAD = 0x4, // what the next start makes anew
-  WEX_REMOVE_FILES = 0x8   // run-time directories
+  WEX_REMOVE_DELETE = 0x1,  // everything a domain has
+  WEX_REMOVE_STOP = 0x2,    // run-time directories and control groups
+  WEX_REMOVE_RELOAD = 0x4,  // what the next start makes anew
+  WEX_REMOVE_FILES = 0x8    // run-time directories
 };
 
 // Removes the directories of domain `vsd` that belong to `set`. What cannot be removed is left behind.
@@ -16,9 +16,9 @@ void remove_domain_trees(int32_t vsd, unsigned set);
 
 extern "C" {
 
-// Removes what `path` (absolute) names, a directory with all that is in it. 0, or the negated errno of the first
-// failure; a failure inside stops neither the rest nor the directory's own removal. Never leaves the tree
-// through a symbolic link, unless root owns the link and it leads to a directory: that one is emptied.
+// Removes what `path` (absolute) names, a directory with all that is in it. 0, or the negated errno of the
+// first failure; a failure inside stops neither the rest nor the directory's own removal. Never leaves the
+// tree through a symbolic link, unless root owns the link and it leads to a directory: that one is emptied.
 // Entries whose path is longer than 255 characters fail with ENAMETOOLONG. Any thread.
 int remove_dir_tree(const char* path);
 }
