@@ -1,0 +1,279 @@
+// What the tests of the control channel share: the daemon's end of it, played by the test, and a few facts
+// about the process itself.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "unique_fd.h"
+#include "wex.h"
+#include "wex_paths.h"
+
+namespace control {
+
+using clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+template <class Condition>
+bool eventually(Condition holds, std::chrono::milliseconds limit = 3s) {
+  const auto end = clock::now() + limit;
+  while (!holds()) {
+    if (clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+inline double seconds_since(clock::time_point start) {
+  return std::chrono::duration<double>(clock::now() - start).count();
+}
+
+inline std::string read_file(const std::string& path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+inline bool exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+inline size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+template <class... Arguments>
+std::string text_of(const char* format, Arguments... arguments) {
+  char buffer[8192];
+  snprintf(buffer, sizeof buffer, format, arguments...);
+  return buffer;
+}
+
+// Everything written to standard output while it lives, with the public diagnostics on.
+class printed {
+ public:
+  printed() : file_(memfd()), before_(dup(1)), level_(g_wex_dbg_level[WEX_DBG_PUB]) {
+    fflush(stdout);
+    dup2(file_.get(), 1);
+    g_wex_dbg_level[WEX_DBG_PUB] = 0;
+  }
+  ~printed() {
+    fflush(stdout);
+    dup2(before_.get(), 1);
+    g_wex_dbg_level[WEX_DBG_PUB] = level_;
+  }
+  printed(const printed&) = delete;
+  printed& operator=(const printed&) = delete;
+
+  std::string text() const {
+    std::string all(static_cast<size_t>(lseek(file_.get(), 0, SEEK_END)), '\0');
+    EXPECT_EQ(static_cast<ssize_t>(all.size()), pread(file_.get(), all.data(), all.size(), 0));
+    return all;
+  }
+  bool has(const std::string& part) const { return text().find(part) != std::string::npos; }
+
+ private:
+  static int memfd() {
+    char name[] = "/tmp/printed.XXXXXX";
+    const int fd = mkstemp(name);
+    unlink(name);
+    fcntl(fd, F_SETFL, O_APPEND);
+    return fd;
+  }
+  unique_fd file_;
+  unique_fd before_;
+  int32_t level_;
+};
+
+// Runs `work` in a forked child and gives its result back as the child's exit status.
+template <class Work>
+pid_t start_child(Work work) {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    alarm(100);
+    _exit(work());
+  }
+  return pid;
+}
+
+inline int exit_status(pid_t pid) {
+  int status = 0;
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+template <class Work>
+int in_child(Work work) {
+  return exit_status(start_child(work));
+}
+
+// A process of its own program: its command line is known, it stays until it is ended.
+class sleeper {
+ public:
+  sleeper() : pid_(fork()) {
+    if (pid_ == 0) {
+      execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    EXPECT_TRUE(eventually([this] { return command().find(" 600") != std::string::npos; }));
+  }
+  ~sleeper() { end(); }
+  sleeper(const sleeper&) = delete;
+  sleeper& operator=(const sleeper&) = delete;
+
+  int32_t pid() const { return pid_; }
+  std::string command() const {
+    char path[4096] = {};
+    const ssize_t length =
+        readlink(("/proc/" + std::to_string(pid_) + "/exe").c_str(), path, sizeof path - 1);
+    std::string words = read_file("/proc/" + std::to_string(pid_) + "/cmdline");
+    const size_t first = words.find('\0');
+    if (length <= 0 || first == std::string::npos) {
+      return "";
+    }
+    words = words.substr(first + 1, words.size() - first - 2);
+    return std::string(path) + " " + words;
+  }
+  void end() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+      pid_ = -1;
+    }
+  }
+
+ private:
+  pid_t pid_;
+};
+
+struct message {
+  bool closed = false;  // nothing came: the other side has gone
+  std::string peer;     // path the sender is bound to
+  wex_inner_msg header = {};
+  std::vector<char> payload;
+
+  template <class Body>
+  Body body() const {
+    Body out = {};
+    EXPECT_EQ(sizeof out, payload.size());
+    memcpy(&out, payload.data(), std::min(sizeof out, payload.size()));
+    return out;
+  }
+};
+
+// One client as the daemon sees it.
+class peer {
+ public:
+  explicit peer(int fd) : fd_(fd) {}
+
+  bool connected() const { return fd_.valid(); }
+  bool readable(std::chrono::milliseconds limit) const {
+    pollfd entry = {fd_.get(), POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
+  }
+  message receive(std::chrono::milliseconds limit = 3s) const {
+    message in;
+    char record[2048];
+    if (!readable(limit)) {
+      ADD_FAILURE() << "no message came";
+      return in;
+    }
+    const ssize_t got = recv(fd_.get(), record, sizeof record, 0);
+    in.closed = got <= 0;
+    if (got >= WEX_MSG_HEADER_SIZE) {
+      memcpy(&in.header, record, sizeof in.header);
+      in.payload.assign(record + sizeof in.header, record + got);
+    }
+    return in;
+  }
+  void acknowledge() const {
+    const wex_inner_msg ack = {};
+    EXPECT_EQ(static_cast<ssize_t>(sizeof ack), send(fd_.get(), &ack, sizeof ack, MSG_NOSIGNAL));
+  }
+  void send_bytes(size_t count) const {
+    const std::string bytes(count, '\0');
+    EXPECT_EQ(static_cast<ssize_t>(count), send(fd_.get(), bytes.data(), count, MSG_NOSIGNAL));
+  }
+  std::string path() const {
+    sockaddr_un address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(0, getpeername(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length));
+    return std::string(address.sun_path, strnlen(address.sun_path, length - 2));
+  }
+  void close() { fd_.reset(); }
+
+ private:
+  unique_fd fd_;
+};
+
+// Stands in for the daemon at its true path. The test decides what it answers, and when.
+class daemon_end {
+ public:
+  daemon_end() { open(); }
+  ~daemon_end() { close(); }
+  daemon_end(const daemon_end&) = delete;
+  daemon_end& operator=(const daemon_end&) = delete;
+
+  void open() {
+    mkdir(WEX_RUN, 0777);
+    unlink(kControlSocket);
+    fd_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, kControlSocket);
+    ASSERT_EQ(0, bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), 2 + sizeof kControlSocket - 1));
+    ASSERT_EQ(0, listen(fd_.get(), 64));
+  }
+  void close() {
+    fd_.reset();
+    unlink(kControlSocket);
+  }
+  bool has_caller(std::chrono::milliseconds limit) const {
+    pollfd entry = {fd_.get(), POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
+  }
+  peer accept(std::chrono::milliseconds limit = 3s) const {
+    if (!has_caller(limit)) {
+      ADD_FAILURE() << "nobody connected";
+      return peer(-1);
+    }
+    return peer(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
+
+ private:
+  unique_fd fd_;
+};
+
+// Runs a client call on a thread of its own, so that the test can answer it.
+template <class Call>
+auto calling(Call call) {
+  return std::async(std::launch::async, call);
+}
+
+}  // namespace control

@@ -1,0 +1,734 @@
+// Framing of control messages on real sockets, and the client's connection against a daemon played by the
+// test.
+#include "wex_rpc.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <climits>
+#include <random>
+
+#include "control_peer.h"
+#include "wex_limits.h"
+
+using namespace control;
+
+namespace {
+
+constexpr size_t kHeader = WEX_MSG_HEADER_SIZE;
+
+struct socket_pair {
+  socket_pair() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends));
+    here.reset(ends[0]);
+    there.reset(ends[1]);
+  }
+  unique_fd here;
+  unique_fd there;
+};
+
+// A message with room for 4096 bytes of payload.
+struct roomy {
+  wex_inner_msg header;
+  char payload[4096];
+};
+
+roomy make(uint32_t type, int32_t length) {
+  roomy out = {};
+  out.header.msg_type = type;
+  out.header.msg_len = length;
+  memset(out.payload, 'p', sizeof out.payload);
+  return out;
+}
+
+void put(int sd, const void* bytes, size_t size) {
+  ASSERT_EQ(static_cast<ssize_t>(size), send(sd, bytes, size, MSG_NOSIGNAL));
+}
+
+ssize_t queued_record(int sd) {
+  char record[8192];
+  return recv(sd, record, sizeof record, MSG_DONTWAIT);
+}
+
+long resident_kib() {
+  rusage use = {};
+  getrusage(RUSAGE_SELF, &use);
+  return use.ru_maxrss;
+}
+
+int receive(int sd) {
+  owned_msg msg;
+  return wex_inner_recv_msg(sd, msg.fill());
+}
+
+}  // namespace
+
+// ---- Sending
+// ------------------------------------------------------------------------------------------------
+
+TEST(InnerSend, SendsHeaderAndPayloadAsOneRecordAndTracesIt) {
+  const socket_pair pair;
+  const roomy msg = make(2, 320);
+  const printed out;
+  EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg.header));
+  EXPECT_TRUE(
+      out.has(text_of("]wex_inner_send_msg: send msg(sd:%d, msg_type:2, msg_len:320)!", pair.here.get())));
+  EXPECT_EQ(0U, out.text().find("[WEX:wex_rpc:"));
+  char record[1024];
+  ASSERT_EQ(588, recv(pair.there.get(), record, sizeof record, 0));
+  EXPECT_EQ(0, memcmp(record, &msg, 588));
+}
+
+TEST(InnerSend, SendsAMessageWithoutPayloadAs268Bytes) {
+  const socket_pair pair;
+  const wex_inner_msg msg = {};
+  EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg));
+  EXPECT_EQ(268, queued_record(pair.there.get()));
+}
+
+TEST(InnerSend, RefusesBadArgumentsWithoutSending) {
+  const socket_pair pair;
+  roomy msg = make(1, -1);
+  const printed out;
+  EXPECT_EQ(-1, wex_inner_send_msg(-1, &msg.header));
+  EXPECT_TRUE(out.has(text_of("]argument err(sd:-1, msg:%p)!", static_cast<void*>(&msg))));
+  EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), nullptr));
+  EXPECT_TRUE(
+      out.has(text_of("]argument err(sd:%d, msg:%p)!", pair.here.get(), static_cast<void*>(nullptr))));
+  EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
+  msg.header.msg_len = INT32_MIN;
+  EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
+  EXPECT_EQ(4U, occurrences(out.text(), "argument err("));
+  EXPECT_EQ(-1, queued_record(pair.there.get()));
+}
+
+TEST(InnerSend, FailsAtOnceOnAFullSocket) {
+  const socket_pair pair;
+  const roomy msg = make(1, 4096);
+  int sent = 0;
+  while (send(pair.here.get(), &msg, kHeader + 4096, MSG_DONTWAIT) > 0) {
+    ++sent;
+  }
+  ASSERT_GT(sent, 0);
+  const auto start = clock::now();
+  const printed out;
+  EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
+  EXPECT_LT(seconds_since(start), 0.5);
+  EXPECT_TRUE(out.has(text_of("sd:%d, msg_type:1, msg_len:4096, ret:-1, err:%d, %s)!", pair.here.get(),
+                              EAGAIN, strerror(EAGAIN))));
+  EXPECT_TRUE(out.has(text_of("]wex_inner_send_msg: send msg err(tid:%d, ", static_cast<int>(gettid()))));
+}
+
+TEST(InnerSend, FailsOnAClosedPeerAndRaisesNoSignal) {
+  EXPECT_EQ(0, in_child([] {
+              signal(SIGPIPE, SIG_DFL);
+              socket_pair pair;
+              pair.there.reset();
+              const wex_inner_msg msg = {};
+              return wex_inner_send_msg(pair.here.get(), &msg) == -1 && errno == EPIPE ? 0 : 1;
+            }));
+}
+
+TEST(InnerSend, PrintsNothingWhenDiagnosticsAreSilent) {
+  const socket_pair pair;
+  const wex_inner_msg msg = {};
+  const printed out;
+  g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
+  EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg));
+  EXPECT_EQ(-1, wex_inner_send_msg(-1, &msg));
+  EXPECT_EQ(-1, receive(-1));
+  EXPECT_EQ("", out.text());
+}
+
+// ---- Receiving
+// ----------------------------------------------------------------------------------------------
+
+TEST(InnerRecv, GivesBackWhatWasSent) {
+  for (const int32_t length : {0, 1, 8, 320, 4096}) {
+    const socket_pair pair;
+    const roomy sent = make(4, length);
+    ASSERT_EQ(0, wex_inner_send_msg(pair.here.get(), &sent.header));
+    owned_msg got;
+    ASSERT_EQ(0, wex_inner_recv_msg(pair.there.get(), got.fill())) << length;
+    EXPECT_EQ(0, memcmp(&sent, got.get(), kHeader + static_cast<size_t>(length)));
+    EXPECT_EQ(-1, queued_record(pair.there.get()));
+  }
+}
+
+TEST(InnerRecv, RefusesBadArguments) {
+  const socket_pair pair;
+  const printed out;
+  wex_inner_msg* msg = nullptr;
+  EXPECT_EQ(-1, wex_inner_recv_msg(-3, &msg));
+  EXPECT_TRUE(out.has(text_of("]argument err(sd:-3, msg:%p)!", static_cast<void*>(&msg))));
+  EXPECT_EQ(-1, wex_inner_recv_msg(pair.here.get(), nullptr));
+  EXPECT_TRUE(
+      out.has(text_of("]argument err(sd:%d, msg:%p)!", pair.here.get(), static_cast<void*>(nullptr))));
+}
+
+TEST(InnerRecv, ReportsAClosedPeerAsAPeekError) {
+  socket_pair pair;
+  pair.there.reset();
+  const printed out;
+  EXPECT_EQ(-1, receive(pair.here.get()));
+  EXPECT_TRUE(out.has("]wex_inner_recv_msg: recv peek err(ret:0, err:"));
+}
+
+TEST(InnerRecv, ReportsARecordShorterThanAHeaderAsAPeekErrorAndLeavesIt) {
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{267}}) {
+    const socket_pair pair;
+    const roomy bytes = make(1, 0);
+    put(pair.there.get(), &bytes, size);
+    const printed out;
+    EXPECT_EQ(-1, receive(pair.here.get()));
+    EXPECT_TRUE(out.has(text_of("recv peek err(ret:%d, err:", static_cast<int>(size))));
+    EXPECT_EQ(static_cast<ssize_t>(size), queued_record(pair.here.get()));
+  }
+}
+
+TEST(InnerRecv, ReportsANonSocketAsAPeekError) {
+  const unique_fd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+  const printed out;
+  EXPECT_EQ(-1, receive(file.get()));
+  EXPECT_TRUE(out.has(text_of("recv peek err(ret:-1, err:%d,%s)!\n", ENOTSOCK, strerror(ENOTSOCK))));
+}
+
+TEST(InnerRecv, RefusesANegativeLengthAndLeavesTheRecord) {
+  for (const int32_t length : {-1, -268, INT32_MIN}) {
+    const socket_pair pair;
+    const roomy bytes = make(1, length);
+    put(pair.there.get(), &bytes, 300);
+    const printed out;
+    EXPECT_EQ(-1, receive(pair.here.get()));
+    EXPECT_TRUE(out.has(text_of("]recv domain msg with len=%d\r\n", length)));
+    EXPECT_EQ(300, queued_record(pair.here.get()));
+  }
+}
+
+struct lie {
+  size_t size;     // of the record
+  int32_t length;  // as its header has it
+};
+
+class LyingHeader : public ::testing::TestWithParam<lie> {};
+
+TEST_P(LyingHeader, IsRefusedAndTakenOffTheQueue) {
+  const socket_pair pair;
+  const roomy bytes = make(1, GetParam().length);
+  const roomy honest = make(5, 8);
+  put(pair.there.get(), &bytes, GetParam().size);
+  put(pair.there.get(), &honest, kHeader + 8);
+  const long before = resident_kib();
+  const auto start = clock::now();
+  const printed out;
+  EXPECT_EQ(-1, receive(pair.here.get()));
+  EXPECT_EQ(1U, occurrences(out.text(), "]wex_inner_recv_msg: recv err(ret:"));
+  EXPECT_LT(seconds_since(start), 1.0) << "memory was waited for";
+  EXPECT_LT(resident_kib() - before, 4096) << "memory was taken for a size that nobody sent";
+  EXPECT_EQ(0, receive(pair.here.get())) << "the honest record behind it must still be there";
+  EXPECT_EQ(-1, queued_record(pair.here.get()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, LyingHeader,
+                         ::testing::Values(lie{300, 40}, lie{400, 40}, lie{269, 0}, lie{268, 1}, lie{268, 8},
+                                           lie{268, 320}, lie{587, 320}, lie{589, 320}, lie{4000, 320},
+                                           lie{268, INT32_MAX}, lie{588, INT32_MAX},
+                                           lie{588, INT32_MAX - 267}, lie{588, INT32_MAX - 268},
+                                           lie{300, 0x10000000}));
+
+TEST(InnerRecv, SurvivesInterruptionsWhileItWaits) {
+  struct sigaction note = {};
+  note.sa_handler = [](int) {};
+  ASSERT_EQ(0, sigaction(SIGUSR1, &note, nullptr));  // without restart flag: every signal breaks the call
+  const socket_pair pair;
+  const printed out;
+  std::atomic<pthread_t> receiver{};
+  auto result = calling([&] {
+    receiver = pthread_self();
+    return receive(pair.here.get());
+  });
+  EXPECT_TRUE(eventually([&] {
+    if (receiver.load() != pthread_t{}) {
+      pthread_kill(receiver.load(), SIGUSR1);
+    }
+    return out.has(text_of("recv peek broken(ret:-1, err:%d,%s)!\n", EINTR, strerror(EINTR)));
+  }));
+  const wex_inner_msg msg = {};
+  put(pair.there.get(), &msg, sizeof msg);
+  EXPECT_EQ(0, result.get());
+}
+
+TEST(InnerRecv, TakesExactlyTheHonestRecordsOutOfARandomStream) {
+  std::mt19937 random(20240607);
+  for (int round = 0; round < 3000; ++round) {
+    const socket_pair pair;
+    roomy bytes = make(static_cast<uint32_t>(random() % 7), 0);
+    const size_t size = random() % 2 != 0 ? random() % 600 : kHeader + random() % 8;
+    const auto honest = static_cast<int32_t>(size) - static_cast<int32_t>(kHeader);
+    switch (random() % 4) {
+      case 0:
+        bytes.header.msg_len = static_cast<int32_t>(random());
+        break;
+      case 1:
+        bytes.header.msg_len = static_cast<int32_t>(random() % 600);
+        break;
+      default:
+        bytes.header.msg_len = honest;
+        break;
+    }
+    put(pair.there.get(), &bytes, size);
+    const int expected = size >= kHeader && bytes.header.msg_len == honest ? 0 : -1;
+    EXPECT_EQ(expected, receive(pair.here.get())) << size << " " << bytes.header.msg_len;
+  }
+}
+
+// ---- The client's connection
+// --------------------------------------------------------------------------------
+
+TEST(Rpc, DeliversTypeNamePayloadAndAZeroReservedWord) {
+  const daemon_end daemon;
+  const std::string name(400, 'n');
+  auto result = calling([&] { return wex_rpc(2, name.c_str(), "12345678", 8, 0, 0); });
+  const peer client = daemon.accept();
+  const message in = client.receive();
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(2U, in.header.msg_type);
+  EXPECT_EQ(8, in.header.msg_len);
+  EXPECT_EQ(0U, in.header.reserved);
+  EXPECT_EQ(name.substr(0, 255), in.header.name);
+  EXPECT_EQ("12345678", std::string(in.payload.begin(), in.payload.end()));
+  EXPECT_EQ(text_of(kClientSocketFmt, getpid()), client.path());
+}
+
+TEST(Rpc, LeavesTheNameEmptyWithoutOne) {
+  const daemon_end daemon;
+  auto result = calling([] { return wex_rpc(3, nullptr, nullptr, 0, 0, 0); });
+  const message in = daemon.accept().receive();
+  EXPECT_EQ(0, result.get());
+  const char nothing[sizeof in.header.name] = {};
+  EXPECT_EQ(0, memcmp(nothing, in.header.name, sizeof nothing));
+  EXPECT_EQ(0, in.header.msg_len);
+  EXPECT_TRUE(in.payload.empty());
+}
+
+TEST(Rpc, RefusesANullPayloadWithALength) {
+  const daemon_end daemon;
+  const printed out;
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, nullptr, 8, 0, 0));
+  EXPECT_TRUE(out.has("]wex_rpc: argument err!\n"));
+  EXPECT_FALSE(daemon.has_caller(0ms));
+}
+
+TEST(Rpc, RefusesAPayloadThatNoHeaderCanName) {
+  char byte = 0;
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, &byte, 0x80000000U, 0, 0));
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, &byte, 0xffffffffU, 0, 0));
+}
+
+TEST(Rpc, WaitsForTheAcknowledgementAndKeepsTheConnection) {
+  const daemon_end daemon;
+  auto first = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer client = daemon.accept();
+  client.receive();
+  EXPECT_EQ(std::future_status::timeout, first.wait_for(100ms)) << "it did not wait";
+  client.acknowledge();
+  EXPECT_EQ(0, first.get());
+  auto second = calling([] { return wex_rpc(5, nullptr, nullptr, 0, 1, 0); });
+  EXPECT_EQ(5U, client.receive().header.msg_type);
+  client.acknowledge();
+  EXPECT_EQ(0, second.get());
+  EXPECT_FALSE(daemon.has_caller(0ms)) << "a second connection was made";
+}
+
+TEST(Rpc, KeepsItsConnectionFromExecutedPrograms) {
+  const daemon_end daemon;
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  const unique_fd sample = wex_open_control_socket();
+  EXPECT_EQ(FD_CLOEXEC, fcntl(sample.get(), F_GETFD) & FD_CLOEXEC);
+  int sockets = 0;
+  for (int fd = 3; fd < 256; ++fd) {
+    sockaddr_un own = {};
+    socklen_t length = sizeof own;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&own), &length) == 0 &&
+        strncmp(own.sun_path, WEX_RUN "/.socket.", sizeof WEX_RUN "/.socket." - 1) == 0) {
+      ++sockets;
+      EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    }
+  }
+  EXPECT_EQ(1, sockets);
+}
+
+TEST(Rpc, ConnectsAnewWhenAnAcknowledgementWasLeftUnread) {
+  const daemon_end daemon;
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  const peer old = daemon.accept();
+  old.receive();
+  old.acknowledge();
+  const printed out;
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_TRUE(
+      out.has(text_of("]wex_check_socket <0: pid=%d, tid=%ld\r\n", getpid(), static_cast<long>(gettid()))));
+  EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
+  EXPECT_TRUE(old.receive().closed);
+}
+
+TEST(Rpc, ConnectsAnewAfterADaemonRestart) {
+  daemon_end daemon;
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  {
+    peer old = daemon.accept();
+    old.receive();
+  }
+  daemon.close();
+  daemon.open();
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
+}
+
+TEST(Rpc, TriesSixTimesOneSecondApartWhileTheDaemonIsAbsent) {
+  mkdir(WEX_RUN, 0777);
+  unlink(kControlSocket);
+  const printed out;
+  const auto start = clock::now();
+  const pid_t hidden = start_child([] { return wex_rpc(4, nullptr, nullptr, 0, 0, 1) == 0 ? 0 : 1; });
+  const pid_t told = start_child([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0) == -1 ? 0 : 1; });
+  EXPECT_EQ(0, exit_status(hidden));
+  EXPECT_EQ(0, exit_status(told));
+  EXPECT_GE(seconds_since(start), 4.9);
+  EXPECT_LT(seconds_since(start), 7.5);
+  for (int index = 0; index < 6; ++index) {
+    EXPECT_EQ(2U,
+              occurrences(out.text(), text_of("retry:%d, err:%d,%s)\n", index, ENOENT, strerror(ENOENT))));
+  }
+  EXPECT_EQ(12U, occurrences(out.text(), "]wex_connect: connect refused, wait and retry(sd:"));
+  EXPECT_EQ(2U, occurrences(out.text(), "]wex_rpc: connect fail(ret:-1)\n"));
+  EXPECT_FALSE(exists(text_of(kClientSocketFmt, told)))
+      << "the client's socket file must go after a failed connect";
+}
+
+TEST(Rpc, FindsADaemonThatListensLateBehindAStaleSocketFile) {
+  daemon_end daemon;
+  daemon.close();
+  {
+    const unique_fd stale(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, kControlSocket);
+    ASSERT_EQ(0, bind(stale.get(), reinterpret_cast<sockaddr*>(&address), 15));
+  }
+  const printed out;
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 0, 0); });
+  EXPECT_TRUE(eventually([&] { return out.has(text_of("retry:0, err:%d,", ECONNREFUSED)); }));
+  daemon.open();
+  EXPECT_EQ(0, result.get());
+  daemon.accept().receive();
+}
+
+TEST(Rpc, GivesUpAtOnceOnAnyOtherConnectError) {
+  mkdir(WEX_RUN, 0777);
+  unlink(kControlSocket);
+  const unique_fd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  strcpy(address.sun_path, kControlSocket);
+  ASSERT_EQ(0, bind(other.get(), reinterpret_cast<sockaddr*>(&address), 15));
+  const printed out;
+  const auto start = clock::now();
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  EXPECT_LT(seconds_since(start), 0.9);
+  EXPECT_EQ(1U, occurrences(out.text(), "wait and retry("));
+  EXPECT_TRUE(out.has(text_of("retry:0, err:%d,%s)\n", EPROTOTYPE, strerror(EPROTOTYPE))));
+  unlink(kControlSocket);
+}
+
+TEST(Rpc, TellsWhenItsOwnPathCannotBeBound) {
+  unlink(kControlSocket);
+  ASSERT_EQ(0, rename(WEX_RUN, WEX_RUN ".away") == 0 || errno == ENOENT ? 0 : -1);
+  const printed out;
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  EXPECT_TRUE(out.has(text_of("]wex_connect: bind fail: %s\n", strerror(ENOENT))));
+  EXPECT_EQ(0, wex_rpc(4, nullptr, nullptr, 0, 0, 1));
+  rename(WEX_RUN ".away", WEX_RUN);
+}
+
+TEST(Rpc, CountsAMissingAcknowledgementAsSuccessAndDropsTheLateOne) {
+  const daemon_end daemon;
+  const auto start = clock::now();
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer client = daemon.accept();
+  client.receive();
+  EXPECT_EQ(0, result.get());
+  EXPECT_GE(seconds_since(start), 4.9);
+  EXPECT_LT(seconds_since(start), 6.5);
+  EXPECT_FALSE(client.readable(0ms)) << "the connection must be kept";
+  client.acknowledge();
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
+}
+
+TEST(Rpc, FailsWhenTheDaemonHangsUpInsteadOfAcknowledging) {
+  const daemon_end daemon;
+  const printed out;
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  {
+    const peer client = daemon.accept();
+    client.receive();
+  }
+  EXPECT_EQ(-1, result.get());
+  EXPECT_TRUE(out.has("]wex_rpc: recv ack err(ret:-1, err:"));
+  auto next = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 0, 0); });
+  EXPECT_FALSE(daemon.accept().receive().closed);
+  EXPECT_EQ(0, next.get());
+}
+
+TEST(Rpc, FailsOnAMalformedAcknowledgement) {
+  const daemon_end daemon;
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer client = daemon.accept();
+  client.receive();
+  client.send_bytes(267);
+  EXPECT_EQ(-1, result.get());
+  EXPECT_TRUE(client.receive().closed);
+}
+
+TEST(Rpc, FailsWhenTheDaemonDoesNotReadAndConnectsAnew) {
+  const daemon_end daemon;
+  ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  const peer deaf = daemon.accept();
+  const printed out;
+  const std::vector<char> payload(60000);
+  int result = 0;
+  for (int tries = 0; tries < 1000 && result == 0; ++tries) {
+    result = wex_rpc(1, nullptr, payload.data(), static_cast<uint32_t>(payload.size()), 0, 0);
+  }
+  EXPECT_EQ(-1, result);
+  EXPECT_TRUE(out.has(text_of("]wex_rpc: send fail(ret:-1, err:%d,%s)\n", EAGAIN, strerror(EAGAIN))));
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  EXPECT_TRUE(daemon.accept().connected());
+}
+
+TEST(Rpc, WaitsOnWhenTheClientsOwnSignalsInterruptIt) {
+  struct sigaction note = {};
+  note.sa_handler = [](int) {};
+  ASSERT_EQ(0, sigaction(SIGUSR1, &note, nullptr));
+  const daemon_end daemon;
+  const printed out;
+  std::atomic<pthread_t> caller{};
+  auto result = calling([&] {
+    caller = pthread_self();
+    return wex_rpc(1, nullptr, nullptr, 0, 1, 0);
+  });
+  const peer client = daemon.accept();
+  client.receive();
+  for (int count = 0; count < 200; ++count) {
+    pthread_kill(caller.load(), SIGUSR1);
+    std::this_thread::sleep_for(2ms);
+  }
+  EXPECT_EQ(std::future_status::timeout, result.wait_for(0ms));
+  client.acknowledge();
+  EXPECT_EQ(0, result.get());
+  EXPECT_FALSE(out.has("poll fail"));
+}
+
+TEST(Rpc, ServesThreadsOneRequestAtATime) {
+  const daemon_end daemon;
+  std::vector<std::future<int>> results;
+  for (uint32_t type = 1; type <= 8; ++type) {
+    results.push_back(calling([type] { return wex_rpc(type, nullptr, nullptr, 0, 1, 0); }));
+  }
+  const peer client = daemon.accept();
+  for (size_t count = 0; count < results.size(); ++count) {
+    EXPECT_FALSE(client.receive().closed);
+    EXPECT_FALSE(client.readable(30ms)) << "a second request came before the first was acknowledged";
+    client.acknowledge();
+  }
+  for (auto& result : results) {
+    EXPECT_EQ(0, result.get());
+  }
+}
+
+// ---- A marked daemon
+// ----------------------------------------------------------------------------------------
+
+class DaemonStatus : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, mount("tmpfs", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
+    ASSERT_EQ(0, mkdir("/sys/kernel/qx_lowmem_killer", 0755));
+  }
+  void TearDown() override { umount2("/sys/kernel", MNT_DETACH); }
+  static void publish(const char* text) { std::ofstream(kWexStatus) << text; }
+};
+
+TEST_F(DaemonStatus, ZeroMakesEveryRequestASilentSuccess) {
+  publish("0\n");
+  const daemon_end daemon;
+  const printed out;
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 1, 0));
+  EXPECT_TRUE(out.has("]wex_rpc: wex process exit, function return.\n"));
+  EXPECT_FALSE(daemon.has_caller(0ms));
+}
+
+TEST_F(DaemonStatus, AnythingElseLetsRequestsThrough) {
+  const daemon_end daemon;
+  for (const char* text : {"1\n", "9\n", ""}) {
+    publish(text);
+    EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  }
+  const peer client = daemon.accept();
+  for (int count = 0; count < 3; ++count) {
+    EXPECT_EQ(1U, client.receive().header.msg_type);
+  }
+}
+
+// ---- Forked clients
+// -----------------------------------------------------------------------------------------
+
+TEST(RpcFork, AChildMakesAConnectionOfItsOwnAndLeavesItsParents) {
+  const daemon_end daemon;
+  ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  const peer parent = daemon.accept();
+  parent.receive();
+  const pid_t child = start_child([] { return wex_rpc(2, nullptr, nullptr, 0, 1, 0); });
+  const peer own = daemon.accept();
+  EXPECT_EQ(text_of(kClientSocketFmt, child), own.path());
+  EXPECT_EQ(2U, own.receive().header.msg_type);
+  own.acknowledge();
+  EXPECT_EQ(0, exit_status(child));
+  EXPECT_EQ(0, wex_rpc(3, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(3U, parent.receive().header.msg_type) << "the parent must still use its first connection";
+}
+
+TEST(RpcFork, AChildIsNotBlockedByARequestOfItsParent) {
+  const daemon_end daemon;
+  auto parents = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer parent = daemon.accept();
+  parent.receive();  // the parent's thread now holds the connection and waits
+  const auto start = clock::now();
+  const pid_t child = start_child([] { return wex_rpc(2, nullptr, nullptr, 0, 0, 0); });
+  EXPECT_EQ(0, exit_status(child));
+  EXPECT_LT(seconds_since(start), 2.0);
+  parent.acknowledge();
+  EXPECT_EQ(0, parents.get());
+}
+
+TEST(RpcFork, AChildClosesNothingThatIsNotTheInheritedConnection) {
+  const daemon_end daemon;
+  ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(0, in_child([] {
+              int ends[2];
+              for (int fd = 3; fd < 256; ++fd) {  // as a program does that detaches itself
+                close(fd);
+              }
+              for (int count = 0; count < 20; ++count) {
+                if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0) {
+                  return 2;
+                }
+              }
+              if (wex_rpc(2, nullptr, nullptr, 0, 0, 0) != 0) {
+                return 3;
+              }
+              for (int fd = 3; fd < 43; ++fd) {
+                if (fcntl(fd, F_GETFD) == -1) {
+                  return 4;
+                }
+              }
+              return 0;
+            }));
+}
+
+// ---- Cancelling
+// ---------------------------------------------------------------------------------------------
+
+TEST(Cancel, WithdrawsTheCallerRemovesItsFileAndRestsASecond) {
+  const daemon_end daemon;
+  const sleeper subject;
+  const std::string file = text_of(kDbFileFmt, 0, "sleep", subject.pid());
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/0/wex/db"));
+  std::ofstream(file) << "x";
+  const printed out;
+  const auto start = clock::now();
+  auto result = calling([&] { return wex_cancel_proc(subject.pid()); });
+  const peer client = daemon.accept();
+  const message in = client.receive();
+  client.acknowledge();
+  EXPECT_EQ(0, result.get());
+  EXPECT_GE(seconds_since(start), 0.99);
+  EXPECT_EQ(5U, in.header.msg_type);
+  EXPECT_EQ(0U, in.body<wex_cons_info>().kind);
+  EXPECT_EQ(subject.pid(), in.body<wex_cons_info>().pid);
+  EXPECT_TRUE(out.has(text_of("]wex_cancel_proc:%d\n", subject.pid())));
+  EXPECT_TRUE(out.has(text_of("]wex_rm_db_file_by_pid unlink file %s ret 0\n", file.c_str())));
+  EXPECT_FALSE(exists(file));
+}
+
+TEST(Cancel, TakesZeroForTheCaller) {
+  const daemon_end daemon;
+  auto result = calling([] { return wex_cancel_proc(0); });
+  const peer client = daemon.accept();
+  EXPECT_EQ(getpid(), client.receive().body<wex_cons_info>().pid);
+  client.acknowledge();
+  EXPECT_EQ(0, result.get());
+}
+
+TEST(Cancel, RefusesANegativePidWithoutSending) {
+  const daemon_end daemon;
+  const printed out;
+  EXPECT_EQ(-1, wex_cancel_proc(-3));
+  EXPECT_TRUE(out.has("]The pid you enter is -3 < 0 \n"));
+  EXPECT_FALSE(daemon.has_caller(0ms));
+}
+
+TEST(Cancel, RepeatsUntilTheDaemonAnswers) {
+  const daemon_end daemon;
+  const auto start = clock::now();
+  auto result = calling([] { return wex_cancel_proc(0); });
+  for (int failures = 0; failures < 2; ++failures) {
+    daemon.accept().receive();  // and hang up
+  }
+  const peer client = daemon.accept();
+  client.receive();
+  client.acknowledge();
+  EXPECT_EQ(0, result.get());
+  EXPECT_GE(seconds_since(start), 2.9);
+}
+
+TEST(Cancel, TellsWhenTheProcessHasNoCommandLine) {
+  const printed out;
+  pid_t gone = start_child([] { return 0; });
+  EXPECT_EQ(0, exit_status(gone));
+  wex_rm_db_file_by_pid(gone);
+  EXPECT_TRUE(out.has(text_of("]wex_rm_db_file_by_pid pid_to_cmdline(%d) fail\n", gone)));
+}
+
+TEST(Cancel, TellsTheResultOfTheRemoval) {
+  const sleeper subject;
+  const printed out;
+  wex_rm_db_file_by_pid(subject.pid());
+  EXPECT_TRUE(out.has("ret -1\n"));
+  EXPECT_TRUE(out.has("]wex_rm_db_file_by_pid unlink file /tmp/vsd/0/wex/db/"));
+}
+
+// ---- Calls that must get through
+// ----------------------------------------------------------------------------
+
+TEST(Persistence, CallsThatMustGetThroughGiveUpAfterThirtyTriesOneSecondApart) {
+  ASSERT_EQ(0,
+            rename(WEX_RUN, WEX_RUN ".away") == 0 || errno == ENOENT ? 0 : -1);  // every bind fails at once
+  const printed out;
+  const auto start = clock::now();
+  const pid_t cancelling = start_child([] { return wex_cancel_proc(0) == -1 ? 0 : 1; });
+  const pid_t registering = start_child([] { return reg_process_exit_action(0, WEX_RESTART); });
+  const pid_t reporting =
+      start_child([] { return wex_client_reg_thread_notify(getpid(), gettid(), 60, 1) == -1 ? 0 : 1; });
+  EXPECT_EQ(0, exit_status(cancelling));
+  EXPECT_EQ(0, exit_status(registering)) << "a registration reports success even then";
+  EXPECT_EQ(0, exit_status(reporting));
+  EXPECT_GE(seconds_since(start), 29.9);
+  EXPECT_LT(seconds_since(start), 34.0);
+  EXPECT_EQ(90U, occurrences(out.text(), "]wex_connect: bind fail: "));
+  EXPECT_TRUE(out.has(text_of("]wex_cancel_proc: cancel fail: %s\n", strerror(ENOENT))));
+  EXPECT_TRUE(out.has("]reg thread notify err(ret:-1)!\n"));
+  rename(WEX_RUN ".away", WEX_RUN);
+}
