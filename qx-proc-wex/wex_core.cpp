@@ -197,10 +197,10 @@ extern "C" void wex_third_part_proc_init(void) {
     return;
   }
   while (const dirent* const entry = descriptions.next()) {
-    char text[1026];  // 1024 bytes of text, the line end, the terminator
-    if (read_description(entry->d_name, text, sizeof text - 1)) {
-      strcat(text, "\n");
-      safe_write(list.get(), text, strlen(text));
+    char text[1025];
+    char line[sizeof text + 1];
+    if (read_description(entry->d_name, text, sizeof text) && wex_format(line, sizeof line, "%s\n", text)) {
+      safe_write(list.get(), line, strlen(line));
     }
   }
 }

@@ -57,7 +57,7 @@ void wex_wait_exit(int64_t milliseconds) {
   struct pollfd wakeup = {g_wakeup[0], POLLIN, 0};
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
        left = deadline - clock_ms()) {
-    constexpr int64_t kLongestPoll = 3600 * 1000;
+    constexpr int64_t kLongestPoll = 3600000;
     poll(&wakeup, 1, static_cast<int>(left < kLongestPoll ? left : kLongestPoll));
   }
 }
