@@ -17,6 +17,7 @@
 #include <cstdlib>
 
 #include "signals_held.h"
+#include "text_reader.h"
 #include "unique_fd.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
@@ -32,7 +33,6 @@ namespace {
 
 constexpr char kRestartWord[] = "WEX_RESTART";
 constexpr char kShellRestartWord[] = "WEX_SHELL_RESTART";
-constexpr size_t kExemptLine = 1023;  // longer lines of the exempt file are seen in pieces
 
 std::atomic<int32_t> fd_watch_strikes{0};
 
@@ -177,36 +177,27 @@ wex_reg_info thread_body(int32_t pid, int32_t tid, int32_t time) {
   return body;
 }
 
-// The last byte of a line is taken for its end, whatever it is: an unfinished last line loses a digit.
-bool line_is(const char* line, size_t length, const char* text, size_t text_length) {
-  return length == text_length + 1 && memcmp(line, text, text_length) == 0;
-}
-
-// True when an operator has exempted the thread from hang detection.
+// True when an operator has exempted the thread from hang detection. The last byte of a line is taken for its end,
+// whatever it is: an unfinished last line loses a digit.
 bool exempted(int32_t tid) {
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
   if (!file.valid()) {
     return false;
   }
-  char text[16];
-  wex_format(text, sizeof text, "%d", tid);
-  const size_t text_length = strlen(text);
-  char chunk[512];
-  char line[kExemptLine];
-  size_t length = 0;
-  for (int32_t got = safe_read(file.get(), chunk, sizeof chunk); got > 0;
-       got = safe_read(file.get(), chunk, sizeof chunk)) {
-    for (int32_t at = 0; at < got; ++at) {
-      line[length++] = chunk[at];
-      if (chunk[at] == '\n' || length == sizeof line) {
-        if (line_is(line, length, text, text_length)) {
-          return true;
-        }
-        length = 0;
-      }
+  char own[16];
+  wex_format(own, sizeof own, "%d", tid);
+  text_reader lines(file.get());
+  char line[1024];
+  while (lines.line(line, sizeof line)) {
+    const size_t length = strlen(line);
+    if (length > 0) {
+      line[length - 1] = '\0';
+    }
+    if (strcmp(line, own) == 0) {
+      return true;
     }
   }
-  return line_is(line, length, text, text_length);
+  return false;
 }
 
 }  // namespace
