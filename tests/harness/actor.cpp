@@ -1,0 +1,502 @@
+// The service that tests have supervised. What it does is its command line, done from left to right; it
+// ends with status 0 behind the last word. Every option is one row of the table at the end.
+//
+// A restarted service gets the same command line again: --first-time guards what must not happen twice.
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "wex.h"
+
+namespace {
+
+bool skip_next = false;
+
+// ---- Helpers ---------------------------------------------------------------------------------------------
+
+[[noreturn]] void give_up(const char* what) {
+  fprintf(stderr, "actor: %s: %s\n", what, strerror(errno));
+  exit(120);
+}
+
+void wait_ms(long ms) {
+  timespec left = {static_cast<time_t>(ms / 1000), ms % 1000 * 1000000};
+  while (nanosleep(&left, &left) != 0) {
+  }
+}
+
+int own_tid() {
+  return static_cast<int>(syscall(SYS_gettid));
+}
+
+int signal_named(const char* name) {
+  const struct {
+    const char* name;
+    int number;
+  } kSignals[] = {{"SEGV", SIGSEGV}, {"ABRT", SIGABRT}, {"TERM", SIGTERM}, {"KILL", SIGKILL},
+                  {"INT", SIGINT},   {"HUP", SIGHUP},   {"QUIT", SIGQUIT}, {"USR1", SIGUSR1},
+                  {"USR2", SIGUSR2}, {"BUS", SIGBUS}};
+  for (const auto& signal : kSignals) {
+    if (strcmp(signal.name, name) == 0) {
+      return signal.number;
+    }
+  }
+  return atoi(name);
+}
+
+uint32_t type_named(const char* name) {
+  return strcmp(name, "SHELL") == 0 ? WEX_SHELL_RESTART : WEX_RESTART;
+}
+
+std::string text_of(const std::string& path) {
+  std::string text;
+  FILE* file = fopen(path.c_str(), "re");
+  for (int byte = file ? fgetc(file) : EOF; byte != EOF; byte = fgetc(file)) {
+    text += static_cast<char>(byte);
+  }
+  if (file) {
+    fclose(file);
+  }
+  return text;
+}
+
+void write_whole(const char* path, const std::string& text) {  // readers never see half of it
+  const std::string draft = std::string(path) + ".draft";
+  FILE* file = fopen(draft.c_str(), "we");
+  if (!file) {
+    give_up(path);
+  }
+  fwrite(text.data(), 1, text.size(), file);
+  fclose(file);
+  if (rename(draft.c_str(), path) != 0) {
+    give_up(path);
+  }
+}
+
+// ---- Facts about ourselves -------------------------------------------------------------------------------
+
+void add(std::string* out, const char* key, const std::string& value) {
+  *out += key + (" " + value) + "\n";
+}
+void add(std::string* out, const char* key, long value) {
+  add(out, key, std::to_string(value));
+}
+
+void add_zero_parted(std::string* out, const char* key, const char* path) {
+  const std::string text = text_of(path);
+  for (size_t at = 0; at < text.size(); at += strlen(text.c_str() + at) + 1) {
+    add(out, key, text.c_str() + at);
+  }
+}
+
+void add_descriptors(std::string* out) {
+  DIR* dir = opendir("/proc/self/fd");
+  while (const dirent* entry = dir ? readdir(dir) : nullptr) {
+    const int fd = atoi(entry->d_name);
+    char target[512] = "";
+    if (entry->d_name[0] == '.' || fd == dirfd(dir)) {
+      continue;
+    }
+    if (readlinkat(dirfd(dir), entry->d_name, target, sizeof target - 1) > 0) {
+      add(out, "fd", std::to_string(fd) + " " + target);
+      add(out, "fd_flags",
+          std::to_string(fd) + " " + std::to_string(fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK)));
+    }
+  }
+  closedir(dir);
+}
+
+void add_signals(std::string* out) {
+  for (int number = 1; number <= 127; number++) {
+    struct sigaction now;
+    if (sigaction(number, nullptr, &now) == 0 && now.sa_handler != SIG_DFL) {
+      add(out, now.sa_handler == SIG_IGN ? "signal_ignored" : "signal_caught", number);
+    }
+  }
+  const std::string status = text_of("/proc/self/status");
+  for (const char* key : {"SigIgn", "SigCgt", "SigBlk", "Groups", "Cpus_allowed_list"}) {
+    const size_t at = status.find("\n" + std::string(key) + ":\t");
+    add(out, key, status.substr(at + strlen(key) + 3, status.find('\n', at + 1) - at - strlen(key) - 3));
+  }
+}
+
+// One fact a line, key first: pid, ppid, pgrp, session, cwd, umask, argv (one a word), fd "number target",
+// fd_flags, signal_ignored, signal_caught, SigIgn..., policy, priority, nice, group, env, oom_score_adj,
+// nofile "soft hard".
+void tell_facts(const char* path) {
+  std::string out;
+  char cwd[4096];
+  add(&out, "pid", getpid());
+  add(&out, "ppid", getppid());
+  add(&out, "pgrp", getpgrp());
+  add(&out, "session", getsid(0));
+  add(&out, "cwd", getcwd(cwd, sizeof cwd) ? cwd : "");
+  const mode_t mask = umask(0);
+  umask(mask);
+  add(&out, "umask", mask);
+  add_zero_parted(&out, "argv", "/proc/self/cmdline");
+  add_zero_parted(&out, "env", "/proc/self/environ");
+  add_descriptors(&out);
+  add_signals(&out);
+  sched_param how = {};
+  sched_getparam(0, &how);
+  add(&out, "policy", sched_getscheduler(0));
+  add(&out, "priority", how.sched_priority);
+  add(&out, "nice", getpriority(PRIO_PROCESS, 0));
+  gid_t groups[64];
+  const int count = getgroups(64, groups);
+  for (int at = 0; at < count; at++) {
+    add(&out, "group", static_cast<long>(groups[at]));
+  }
+  const std::string score = text_of("/proc/self/oom_score_adj");
+  add(&out, "oom_score_adj", score.substr(0, score.find('\n')));
+  rlimit files = {};
+  getrlimit(RLIMIT_NOFILE, &files);
+  add(&out, "nofile", std::to_string(files.rlim_cur) + " " + std::to_string(files.rlim_max));
+  write_whole(path, out);
+}
+
+// ---- Registration ----------------------------------------------------------------------------------------
+
+void reg(const char* type) {
+  reg_process_exit_action(0, type_named(type));
+}
+void reg_shell(const char* path) {
+  reg_process_exit_action_shell(0, WEX_SHELL_RESTART, path);
+}
+
+void reg_third(const char* action) {
+  if (reg_third_part_process_exit_action(getpid(), action) != 0) {
+    give_up("third-part registration");
+  }
+}
+
+void delay_restarts(const char* seconds) {
+  wex_time_set(0, WEX_RESTART, atoi(seconds));
+}
+void cancel(const char*) {
+  wex_cancel_proc(0);
+}
+
+// ---- Threads under hang detection ------------------------------------------------------------------------
+
+struct reporter {
+  int period, count;
+  bool keeps_process;  // registered so that a hang is logged but does not abort
+  volatile bool silent;
+  int result;
+  pthread_barrier_t registered;
+};
+
+constexpr size_t kMaxReporters = 32;
+reporter reporters[kMaxReporters];
+size_t reporter_count = 0;
+
+void* report_for_ever(void* data) {
+  auto* self = static_cast<reporter*>(data);
+  self->result = (self->keeps_process ? wex_client_reg_thread_notify_no_proc : wex_client_reg_thread_notify)(
+      getpid(), own_tid(), self->period, self->count);
+  pthread_barrier_wait(&self->registered);
+  for (;;) {
+    if (!self->silent) {
+      wex_client_reset_thread_notify(getpid(), own_tid(), self->period, self->count);
+    }
+    wait_ms(100);
+  }
+}
+
+void start_reporter(const char* period, bool keeps_process) {
+  if (reporter_count == kMaxReporters) {
+    give_up("too many threads");
+  }
+  reporter* self = &reporters[reporter_count++];
+  self->period = atoi(period);
+  self->count = strchr(period, ',') ? atoi(strchr(period, ',') + 1) : 1;
+  self->keeps_process = keeps_process;
+  pthread_barrier_init(&self->registered, nullptr, 2);
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, report_for_ever, self) != 0) {
+    give_up("pthread_create");
+  }
+  pthread_barrier_wait(&self->registered);
+  if (self->result != 0) {
+    give_up("thread registration");
+  }
+}
+
+void thread(const char* period) {
+  start_reporter(period, false);
+}
+void thread_no_proc(const char* period) {
+  start_reporter(period, true);
+}
+
+void hang(const char*) {
+  if (reporter_count == 0) {
+    give_up("no thread to hang");
+  }
+  reporters[reporter_count - 1].silent = true;
+}
+
+void resume(const char*) {
+  for (reporter& each : reporters) {
+    each.silent = false;
+  }
+}
+
+void register_main_thread(const char* period) {
+  wex_client_reg_thread_notify(getpid(), own_tid(), atoi(period), 1);
+}
+
+// ---- Ways to live ----------------------------------------------------------------------------------------
+
+void ready(const char* path) {
+  write_whole(path, std::to_string(getpid()) + "\n");
+}
+
+void count_start(const char* path) {  // one line a start, so that a test can count them
+  const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const std::string line = std::to_string(getpid()) + "\n";
+  if (fd < 0 || write(fd, line.data(), line.size()) < 0) {
+    give_up(path);
+  }
+  close(fd);
+}
+
+void first_time(const char* path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  skip_next = fd < 0;
+  if (fd >= 0) {
+    close(fd);
+  }
+}
+
+void sleep_ms(const char* ms) {
+  wait_ms(atol(ms));
+}
+
+void wait_for_file(const char* path) {
+  while (access(path, F_OK) != 0) {
+    wait_ms(10);
+  }
+}
+
+void hold(const char*) {
+  for (;;) {
+    pause();
+  }
+}
+
+void ignore(const char* name) {
+  signal(signal_named(name), SIG_IGN);
+}
+
+void lock_file(const char* path) {  // kept open, and so locked, until we are gone
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0 || fcntl(fd, F_SETLK, &whole) != 0) {
+    give_up(path);
+  }
+}
+
+void lock_in_child(
+    const char* path) {  // a child that lives on and keeps the file locked, for "MS," or for ever
+  const char* comma = strchr(path, ',');
+  int told[2];
+  if (pipe2(told, O_CLOEXEC) != 0) {
+    give_up("pipe");
+  }
+  if (fork() == 0) {
+    lock_file(comma ? comma + 1 : path);
+    close(told[0]);
+    close(told[1]);
+    comma ? sleep_ms(path) : hold(nullptr);
+    _exit(0);
+  }
+  char byte;
+  close(told[1]);
+  if (read(told[0], &byte, 1) < 0) {
+    give_up("pipe");
+  }
+  close(told[0]);
+}
+
+void daemonise(const char*) {
+  if (fork() != 0) {
+    _exit(0);
+  }
+  setsid();
+}
+
+void leave_child(const char* ms) {
+  if (fork() == 0) {
+    sleep_ms(ms);
+    _exit(0);
+  }
+}
+
+void restart_self(
+    const char*) {  // as a program that replaces itself: the new one runs before the old one ends
+  if (fork() == 0) {
+    char* words[64];
+    size_t count = 0;
+    const std::string line = text_of("/proc/self/cmdline");
+    for (size_t at = 0; at < line.size() && count < 63; at += strlen(line.c_str() + at) + 1) {
+      words[count++] = strdup(line.c_str() + at);
+    }
+    words[count] = nullptr;
+    setsid();
+    execv("/proc/self/exe", words);
+    _exit(121);
+  }
+}
+
+void join_group(const char* group) {
+  const gid_t only = static_cast<gid_t>(atol(group));
+  if (setgroups(1, &only) != 0) {
+    give_up("setgroups");
+  }
+}
+
+void grow(const char* mib) {
+  const size_t size = static_cast<size_t>(atol(mib)) << 20;
+  char* memory = static_cast<char*>(malloc(size));
+  if (!memory) {
+    give_up("malloc");
+  }
+  for (size_t at = 0; at < size; at += 4096) {
+    static_cast<volatile char*>(memory)[at] = 1;
+  }
+}
+
+void open_file(const char* path) {
+  if (open(path, O_RDWR | O_CREAT, 0666) < 0) {
+    give_up(path);
+  }
+}
+
+void set_variable(const char* assignment) {
+  const std::string name(assignment, strcspn(assignment, "="));
+  setenv(name.c_str(), assignment[name.size()] ? assignment + name.size() + 1 : "", 1);
+}
+
+void change_dir(const char* path) {
+  if (chdir(path) != 0) {
+    give_up(path);
+  }
+}
+
+void say(const char* text) {
+  if (write(STDOUT_FILENO, text, strlen(text)) < 0 || write(STDOUT_FILENO, "\n", 1) < 0) {
+    give_up("standard output");
+  }
+}
+
+// ---- Ways to die -----------------------------------------------------------------------------------------
+
+void dump_core(const char*) {  // let a crash dump core, which shows in the exit code
+  const rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_CORE, &all);
+}
+
+void crash(const char* name) {
+  const int number = signal_named(name);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, number);
+  if (number != SIGKILL) {
+    signal(number, SIG_DFL);
+  }
+  sigprocmask(SIG_UNBLOCK, &only, nullptr);
+  kill(getpid(), number);
+  hold(nullptr);
+}
+
+void end(const char* code) {
+  _exit(atoi(code));
+}
+void nothing(const char*) {}
+
+// ---- The table -------------------------------------------------------------------------------------------
+
+const struct option_row {
+  const char* name;
+  void (*act)(const char* value);
+  const char* help;
+} kOptions[] = {
+    {"--register", reg, "=RESTART|SHELL  reg_process_exit_action"},
+    {"--register-shell", reg_shell, "=TEXT  reg_process_exit_action_shell with this restart command"},
+    {"--register-third", reg_third, "=WEX_RESTART|...  reg_third_part_process_exit_action"},
+    {"--time-set", delay_restarts, "=SEC  wex_time_set"},
+    {"--cancel", cancel, "  wex_cancel_proc"},
+    {"--thread", thread, "=PERIOD[,COUNT]  a thread that registers and reports every 100 ms"},
+    {"--thread-no-proc", thread_no_proc, "=PERIOD[,COUNT]  the same, logged but not aborted"},
+    {"--register-main-thread", register_main_thread, "=PERIOD  the main thread registers and never reports"},
+    {"--hang", hang, "  the thread started last stops reporting"},
+    {"--resume", resume, "  all threads report again"},
+    {"--facts", tell_facts, "=FILE  facts about this process, one a line"},
+    {"--ready", ready, "=FILE  the pid, once all before it is done"},
+    {"--count", count_start, "=FILE  append the pid"},
+    {"--say", say, "=TEXT  a line on standard output"},
+    {"--first-time", first_time, "=FILE  skip the next option when FILE exists; create it"},
+    {"--sleep", sleep_ms, "=MS"},
+    {"--wait-for", wait_for_file, "=FILE  until it exists"},
+    {"--hold", hold, "  for ever"},
+    {"--ignore", ignore, "=SIGNAL"},
+    {"--hold-lock", lock_file, "=FILE  write lock until the end"},
+    {"--lock-in-child", lock_in_child, "=[MS,]FILE  the lock outlives this process"},
+    {"--daemonise", daemonise, "  go on in a child of its own session"},
+    {"--leave-child", leave_child, "=MS  a child that sleeps"},
+    {"--restart-self", restart_self, "  start this program again beside this process"},
+    {"--group", join_group, "=GID  the only supplementary group"},
+    {"--grow", grow, "=MIB  resident memory"},
+    {"--open", open_file, "=FILE  a descriptor that stays open"},
+    {"--set", set_variable, "=NAME=VALUE  environment"},
+    {"--chdir", change_dir, "=DIR"},
+    {"--core", dump_core, "  crashes dump core"},
+    {"--crash", crash, "=SEGV|ABRT|KILL|...  end by this signal"},
+    {"--exit", end, "=CODE"},
+    {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
+};
+
+void perform(const char* word) {
+  const size_t length = strcspn(word, "=");
+  for (const option_row& row : kOptions) {
+    if (strlen(row.name) == length && strncmp(row.name, word, length) == 0) {
+      return row.act(word[length] ? word + length + 1 : "");
+    }
+  }
+  fprintf(stderr, "actor: unknown option %s\n", word);
+  for (const option_row& row : kOptions) {
+    fprintf(stderr, "  %s%s\n", row.name, row.help);
+  }
+  exit(2);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (int at = 1; at < argc; at++) {
+    if (skip_next) {
+      skip_next = false;
+    } else {
+      perform(argv[at]);
+    }
+  }
+  return 0;
+}

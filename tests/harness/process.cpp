@@ -1,0 +1,260 @@
+// Children of the test: any program, the daemon, the actor.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "wex_paths.h"
+#include "wex_test.h"
+
+namespace wex_test {
+namespace {
+
+constexpr char kTraceFile[] = "/tmp/wex-trace";
+constexpr size_t kDaemonThreads = 6;  // main and its five workers
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> list;
+  for (std::string& text : texts) {
+    list.push_back(text.data());
+  }
+  list.push_back(nullptr);
+  return list;
+}
+
+std::vector<std::string> environment_with(const std::vector<std::string>& added) {
+  std::map<std::string, std::string> by_name;
+  for (char** entry = environ; *entry != nullptr; entry++) {
+    by_name[std::string(*entry).substr(0, std::string(*entry).find('='))] = *entry;
+  }
+  for (const std::string& entry : added) {
+    by_name[entry.substr(0, entry.find('='))] = entry;
+  }
+  std::vector<std::string> all;
+  for (const auto& [name, entry] : by_name) {
+    all.push_back(entry);
+  }
+  return all;
+}
+
+// In the child, between fork and exec.
+[[noreturn]] void become(char* const* words, char* const* env, bool on_first_cpu) {
+  for (int number = 1; number < NSIG; number++) {
+    signal(number, SIG_DFL);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  if (on_first_cpu) {
+    cpu_set_t first;
+    CPU_ZERO(&first);
+    CPU_SET(0, &first);
+    sched_setaffinity(0, sizeof first, &first);
+  }
+  execvpe(words[0], words, env);
+  _exit(127);
+}
+
+bool accepts_connections() {
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  sockaddr_un to = {};
+  to.sun_family = AF_UNIX;
+  strncpy(to.sun_path, kControlSocket, sizeof to.sun_path - 1);
+  const bool answered = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+  close(fd);
+  return answered;
+}
+
+}  // namespace
+
+Process::Process(Process&& from) noexcept
+    : pid_(std::exchange(from.pid_, 0)), status_(std::exchange(from.status_, std::nullopt)) {}
+
+Process& Process::operator=(Process&& from) noexcept {
+  kill_now();
+  pid_ = std::exchange(from.pid_, 0);
+  status_ = std::exchange(from.status_, std::nullopt);
+  return *this;
+}
+
+Process::~Process() {
+  kill_now();
+}
+
+bool Process::start(const std::vector<std::string>& words, const std::vector<std::string>& env,
+                    bool on_first_cpu) {
+  kill_now();
+  status_.reset();
+  std::vector<std::string> all_words = words;
+  std::vector<std::string> all_env = environment_with(env);
+  const std::vector<char*> argv = pointers(all_words);
+  const std::vector<char*> envp = pointers(all_env);
+  pid_ = fork();
+  if (pid_ == 0) {
+    become(argv.data(), envp.data(), on_first_cpu);
+  }
+  if (pid_ < 0) {
+    pid_ = 0;
+    ADD_FAILURE() << "cannot fork: " << strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool Process::running() {
+  return pid_ > 0 && !wait(0ms).has_value();
+}
+
+void Process::send(int signal) {
+  if (running()) {
+    kill(pid_, signal);
+  }
+}
+
+std::optional<int> Process::wait(milliseconds limit) {
+  if (pid_ > 0 && !status_.has_value()) {
+    eventually(
+        [this] {
+          int status = 0;
+          if (waitpid(pid_, &status, WNOHANG) != pid_) {
+            return false;
+          }
+          status_ = status;
+          return true;
+        },
+        limit);
+  }
+  return status_;
+}
+
+std::optional<int> Process::kill_now() {
+  if (running()) {
+    kill(pid_, SIGKILL);
+  }
+  const std::optional<int> status = wait();
+  if (status.has_value()) {
+    pid_ = 0;
+  }
+  return status;
+}
+
+std::optional<int> run(const std::vector<std::string>& words, milliseconds limit,
+                       const std::vector<std::string>& env) {
+  Process process;
+  if (!process.start(words, env)) {
+    return std::nullopt;
+  }
+  const std::optional<int> status = process.wait(limit);
+  EXPECT_TRUE(status.has_value()) << words[0] << " is still running after " << limit.count() << " ms";
+  return status;
+}
+
+bool exited_with(std::optional<int> status, int code) {
+  return status.has_value() && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
+}
+
+bool ended_by(std::optional<int> status, int signal) {
+  return status.has_value() && WIFSIGNALED(*status) && WTERMSIG(*status) == signal;
+}
+
+Daemon::~Daemon() {
+  kill_now();
+}
+
+bool Daemon::start(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  std::vector<std::string> words = {binary()};
+  words.insert(words.end(), args.begin(), args.end());
+  return process_.start(words, env, true) && wait_ready();
+}
+
+bool Daemon::start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args,
+                          const std::vector<std::string>& env) {
+  // -D: strace stands beside the daemon, not above it, so that pid and wait status are the daemon's own.
+  std::vector<std::string> words = {"strace", "-D", "-f", "-q", "-o", kTraceFile};
+  for (const std::string& expression : expressions) {
+    words.push_back("-e");
+    words.push_back(expression);
+  }
+  words.push_back(binary());
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<std::string> all_env = {"ASAN_OPTIONS=detect_leaks=0"};  // the leak check needs ptrace itself
+  all_env.insert(all_env.end(), env.begin(), env.end());
+  return process_.start(words, all_env, true);
+}
+
+bool Daemon::wait_ready(milliseconds limit) {
+  const std::string tasks = "/proc/" + std::to_string(pid()) + "/task";
+  const bool ready = eventually(
+      [&] { return !running() || (list_dir(tasks).size() >= kDaemonThreads && accepts_connections()); },
+      limit);
+  if (ready && running()) {
+    return true;
+  }
+  ADD_FAILURE() << (running() ? "the daemon does not answer" : "the daemon ended") << "; console:\n"
+                << read_console();
+  return false;
+}
+
+std::optional<int> Daemon::stop() {
+  send(SIGINT);
+  const std::optional<int> status = wait();
+  EXPECT_TRUE(status.has_value()) << "SIGINT did not end the daemon";
+  return status;
+}
+
+std::string Daemon::trace() {
+  return read_file(kTraceFile);
+}
+const char* Daemon::binary() {
+  return WEX_BINARY;
+}
+const char* actor_binary() {
+  return WEX_ACTOR;
+}
+
+std::vector<std::string> actor_words(const std::vector<std::string>& options) {
+  std::vector<std::string> words = {actor_binary()};
+  words.insert(words.end(), options.begin(), options.end());
+  return words;
+}
+
+std::string actor_command(const std::vector<std::string>& options) {
+  std::string command = actor_binary();
+  for (const std::string& option : options) {
+    command += " " + option;
+  }
+  return command;
+}
+
+pid_t wait_for_actor(const std::vector<std::string>& options, pid_t not_this, milliseconds limit) {
+  pid_t found = 0;
+  eventually(
+      [&] {
+        const std::vector<pid_t> pids = pids_with_command(actor_command(options));
+        if (pids.size() != 1 || pids[0] == not_this || program_of(pids[0]) != actor_binary()) {
+          return false;
+        }
+        found = pids[0];
+        return true;
+      },
+      limit);
+  return found;
+}
+
+Facts read_facts(const std::string& path) {
+  Facts facts;
+  for (const std::string& line : lines_of(read_file(path))) {
+    const size_t blank = line.find(' ');
+    facts[line.substr(0, blank)].push_back(blank == std::string::npos ? "" : line.substr(blank + 1));
+  }
+  return facts;
+}
+
+}  // namespace wex_test
