@@ -54,11 +54,16 @@ bool follow_root_link(const char* path, char* target, size_t size) {
   return whole;
 }
 
+// How the kernel says that the last component is a link: which of the two depends on O_DIRECTORY.
+bool may_be_link(int flags) {
+  return errno == ELOOP || (errno == ENOTDIR && (flags & O_DIRECTORY) != 0);
+}
+
 // open() that follows a link as last component only when root owns the link.
 int open_past_root_links(const char* path, int flags, mode_t mode) {
   char target[kPathSize];
   int fd = open(path, flags | O_NOFOLLOW, mode);
-  for (int links = 0; fd < 0 && errno == ELOOP && links < kMaxLinks; ++links) {
+  for (int links = 0; fd < 0 && may_be_link(flags) && links < kMaxLinks; ++links) {
     char next[kPathSize];
     if (!follow_root_link(path, next, sizeof(next))) {
       break;
