@@ -1,0 +1,542 @@
+// wex_utils and wex_utils_file: on real files, pipes and processes.
+#include "wex_utils.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <climits>
+
+#include "unit_support.h"
+#include "wex_paths.h"
+
+using namespace unit;
+
+namespace {
+
+class Utils : public Sandboxed {};
+class OpenRule : public Sandboxed {
+ protected:
+  void SetUp() override {
+    Sandboxed::SetUp();
+    umask(0022);
+    mkdir("/tmp/r", 0777);
+  }
+  static void link_of(uid_t owner, const char* target, const char* path) {
+    ASSERT_EQ(0, symlink(target, path));
+    ASSERT_EQ(0, lchown(path, owner, owner));
+  }
+};
+
+void on_signal(int) {}
+
+void interruptible(int signal) {
+  struct sigaction action = {};
+  action.sa_handler = on_signal;  // without SA_RESTART
+  ASSERT_EQ(0, sigaction(signal, &action, nullptr));
+}
+
+std::string real(const char* path) {
+  char text[PATH_MAX];
+  return realpath(path, text) != nullptr ? text : "";
+}
+
+std::string cmdline(pid_t pid, size_t size) {
+  std::vector<char> buffer(size + 1, '#');
+  char* const result = pid_to_cmdline(pid, buffer.data(), size);
+  EXPECT_EQ('#', buffer[size]) << "written behind the buffer";
+  return result == nullptr ? "<null>" : result;
+}
+
+void copy_program(const char* from, const char* to) {
+  write_file(to, contents(from), 0755);
+}
+
+void make_lowmem_dir() {
+  ASSERT_EQ(0, mount("unit", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
+  ASSERT_EQ(0, mkdir(WEX_LOWMEM, 0755));
+}
+
+}  // namespace
+
+// ---- Transfers ----------------------------------------------------------------------------------------
+
+TEST_F(Utils, ReadGathersPiecesAndIsShortOnlyAtTheEnd) {
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  std::thread writer([&] {
+    for (int i = 0; i < 10; ++i) {
+      EXPECT_EQ(3, write(ends[1], "abc", 3));
+      std::this_thread::yield();
+    }
+    close(ends[1]);
+  });
+  char buffer[64] = {};
+  EXPECT_EQ(20, safe_read(ends[0], buffer, 20));
+  EXPECT_EQ(10, safe_read(ends[0], buffer, 20));
+  EXPECT_EQ(0, safe_read(ends[0], buffer, 20));
+  writer.join();
+  close(ends[0]);
+}
+
+TEST_F(Utils, ReadGoesOnAfterAnInterruption) {
+  interruptible(SIGUSR1);
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  const pthread_t reader = pthread_self();
+  std::atomic<bool> written{false};
+  std::thread other([&] {
+    for (int i = 0; i < 50; ++i) {
+      pthread_kill(reader, SIGUSR1);
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    written = true;
+    EXPECT_EQ(1, write(ends[1], "x", 1));
+  });
+  char byte = 0;
+  EXPECT_EQ(1, safe_read(ends[0], &byte, 1));
+  EXPECT_TRUE(written);
+  other.join();
+  close(ends[0]);
+  close(ends[1]);
+}
+
+TEST_F(Utils, ATransferThatFailsHalfwayIsMinusOne) {
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_NONBLOCK));
+  std::vector<char> much(1 << 21, 'm');
+  EXPECT_EQ(-1, safe_write(ends[1], much.data(), much.size())) << "the pipe took a part, then was full";
+  EXPECT_EQ(EAGAIN, errno);
+  char byte;
+  EXPECT_EQ(1, read(ends[0], &byte, 1));
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(-1, safe_read(-1, &byte, 1));
+  EXPECT_EQ(-1, safe_write(-1, &byte, 1));
+}
+
+TEST_F(Utils, WritingAPathKeepsWhatIsBehind) {
+  write_file("/tmp/f", "abcdef");
+  EXPECT_EQ(2, safe_write_path("/tmp/f", "xy", 2));
+  EXPECT_EQ("xycdef", contents("/tmp/f"));
+}
+
+TEST_F(Utils, WritingAMissingPathCreatesNothingAndSaysWhy) {
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ("[WEX:wex_utils:N]safe_write_path: fd < 0: No such file or directory\n",
+            lines_of([] { EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1)); }));
+  EXPECT_FALSE(exists("/tmp/none"));
+  set_levels(WEX_DBG_SILENT, 0);
+  EXPECT_EQ("", output_of([] { safe_write_path("/tmp/none", "x", 1); }));
+}
+
+TEST_F(Utils, ReadToBufTakesOneByteLessThanTheBufferAndEndsTheText) {
+  write_file("/tmp/f", "abcdef");
+  char buffer[5] = {'#', '#', '#', '#', '#'};
+  EXPECT_EQ(3, wex_read_to_buf("/tmp/f", buffer, 4));
+  EXPECT_STREQ("abc", buffer);
+  EXPECT_EQ('#', buffer[4]);
+  EXPECT_EQ(-1, wex_read_to_buf("/tmp/none", buffer, 4));
+  EXPECT_EQ(-1, wex_read_to_buf("/tmp", buffer, 4)) << "a directory opens but does not read";
+  EXPECT_STREQ("", buffer);
+}
+
+// ---- Time and memory ----------------------------------------------------------------------------------
+
+TEST_F(Utils, SleepLastsItsWholeTimeUnderSignals) {
+  interruptible(SIGALRM);
+  const itimerval often = {{0, 20000}, {0, 20000}};
+  ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
+  EXPECT_GE(time_of([] { safe_sleep(1); }), milliseconds(1000));
+  EXPECT_GE(time_of([] { wex_sleep_ms(150); }), milliseconds(150));
+  const itimerval never = {};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_LT(time_of([] { wex_sleep_ms(-5); }), milliseconds(1000));
+}
+
+TEST_F(Utils, MemoryIsZeroFilledAndNeverNull) {
+  for (int round = 0; round < 50; ++round) {
+    char* const block = static_cast<char*>(safe_malloc(400));
+    ASSERT_NE(nullptr, block);
+    for (int i = 0; i < 400; ++i) {
+      ASSERT_EQ(0, block[i]);
+    }
+    memset(block, 0x5a, 400);
+    free(block);
+  }
+  void* const nothing = safe_malloc(0);
+  EXPECT_NE(nullptr, nothing);
+  free(nothing);
+}
+
+TEST_F(Utils, MemoryShortageIsWaitedOutInStepsOfFiveSeconds) {
+  in_child([] {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+      rlimit limit = {};
+      getrlimit(RLIMIT_AS, &limit);
+      limit.rlim_cur = limit.rlim_max;
+      setrlimit(RLIMIT_AS, &limit);
+    };
+    ASSERT_EQ(0, sigaction(SIGALRM, &action, nullptr));
+    rlimit limit = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &limit));
+    limit.rlim_cur = 1 << 20;
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
+    const itimerval soon = {{0, 0}, {1, 0}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    const auto start = steady_clock::now();
+    void* const block = safe_malloc(64u << 20);
+    const auto taken = steady_clock::now() - start;
+    EXPECT_NE(nullptr, block);
+    EXPECT_GE(taken, milliseconds(5000));
+    EXPECT_LT(taken, milliseconds(9900));
+    free(block);
+  });
+}
+
+TEST_F(Utils, TheClockIsTheMonotonicOne) {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const int32_t told = wex_clock_now();
+  EXPECT_GE(told, static_cast<int32_t>(now.tv_sec));
+  EXPECT_LE(told, static_cast<int32_t>(now.tv_sec) + 5);
+}
+
+// ---- Command lines ------------------------------------------------------------------------------------
+
+TEST_F(Utils, CommandLineIsTheExecutableAndTheFurtherArguments) {
+  const lasting_child child("/bin/sh", {"./nonsense", "-c", "read x", "a", "bc"});
+  EXPECT_EQ(real("/bin/sh") + " -c read x a bc", cmdline(child.pid(), 4096));
+}
+
+TEST_F(Utils, CommandLineOfOneWordHasNoTrailingBlank) {
+  const lasting_child child("/bin/cat", {"only"});
+  EXPECT_EQ(real("/bin/cat"), cmdline(child.pid(), 4096));
+}
+
+TEST_F(Utils, ANewlineInAnArgumentEndsTheVisibleText) {
+  const lasting_child child("/bin/sh", {"sh", "-c", "read x", "a\nb", "c"});
+  EXPECT_EQ(real("/bin/sh") + " -c read x a", cmdline(child.pid(), 4096));
+}
+
+TEST_F(Utils, CommandLineFitsAnyBuffer) {
+  const lasting_child child("/bin/sh", {"sh", "-c", "read x"});
+  const std::string path = real("/bin/sh");
+  EXPECT_EQ(path.substr(0, 3), cmdline(child.pid(), 4));
+  EXPECT_EQ(path, cmdline(child.pid(), path.size() + 1));
+  EXPECT_EQ(path, cmdline(child.pid(), path.size() + 2));
+  EXPECT_EQ(path + " -", cmdline(child.pid(), path.size() + 3));
+  EXPECT_EQ(path + " -c", cmdline(child.pid(), path.size() + 4));
+  EXPECT_EQ(path + " -c", cmdline(child.pid(), path.size() + 5)) << "a blank at the end is not kept";
+  EXPECT_EQ(path + " -c r", cmdline(child.pid(), path.size() + 6));
+  EXPECT_EQ("<null>", cmdline(child.pid(), 1)) << "no room for a single character of the link";
+}
+
+TEST_F(Utils, CommandLineOfAProcessThatIsGoneIsNull) {
+  char buffer[8] = "before";
+  EXPECT_EQ(nullptr, pid_to_cmdline(INT32_MAX, buffer, sizeof(buffer)));
+  EXPECT_STREQ("", buffer);
+  EXPECT_EQ(nullptr, pid_to_cmdline(INT32_MIN, buffer, sizeof(buffer)));
+  EXPECT_EQ(nullptr, pid_to_cmdline(1, nullptr, 8));
+  EXPECT_EQ(nullptr, pid_to_cmdline(1, buffer, 0));
+}
+
+TEST_F(Utils, AReplacedProgramKeepsItsName) {
+  const std::string program = "/tmp/program";
+  copy_program("/bin/cat", program.c_str());
+  const lasting_child child(program.c_str(), {"cat", "-"});
+  copy_program("/bin/cat", "/tmp/newer");
+  ASSERT_EQ(0, rename("/tmp/newer", program.c_str()));
+  EXPECT_EQ(program + " -", cmdline(child.pid(), 4096));
+  write_file(program + " (deleted)", "a file that is really called so");
+  EXPECT_EQ(program + " (deleted) -", cmdline(child.pid(), 4096));
+  unlink((program + " (deleted)").c_str());
+  unlink(program.c_str());
+  EXPECT_EQ(program + " (deleted) -", cmdline(child.pid(), 4096)) << "nothing there that could be started";
+}
+
+// ---- Facts about processes ----------------------------------------------------------------------------
+
+TEST_F(Utils, AThreadBelongsToItsProcess) {
+  int32_t owner = 0;
+  std::thread([&] { owner = wex_get_ppid_form_pid(static_cast<int32_t>(syscall(SYS_gettid))); }).join();
+  EXPECT_EQ(getpid(), owner);
+  EXPECT_EQ(getpid(), wex_get_ppid_form_pid(getpid()));
+  EXPECT_EQ(-1, wex_get_ppid_form_pid(INT32_MAX));
+  EXPECT_EQ(-1, wex_get_ppid_form_pid(-3));
+}
+
+TEST_F(Utils, ANameIsCopiedAsFarAsItFits) {
+  const lasting_child child([] { prctl(PR_SET_NAME, "a) b (c%s"); });
+  char name[16] = {};
+  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, sizeof(name)));
+  EXPECT_STREQ("a) b (c%s", name);
+  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, 3));
+  EXPECT_STREQ("a)", name);
+  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, 1));
+  EXPECT_STREQ("", name);
+  EXPECT_EQ(-1, wex_get_pid_name(child.pid(), nullptr, 16));
+  EXPECT_EQ(-1, wex_get_pid_name(child.pid(), name, 0));
+  EXPECT_EQ(-1, wex_get_pid_name(INT32_MAX, name, 16));
+}
+
+TEST_F(Utils, ALivingProcessLivesAtOnce) {
+  EXPECT_LT(time_of([] { EXPECT_EQ(0, process_life(getpid())); }), milliseconds(9));
+}
+
+TEST_F(Utils, ANameFullOfParenthesesDoesNotHideTheState) {
+  const lasting_child child([] { prctl(PR_SET_NAME, "x) Z 1 ("); });
+  EXPECT_EQ(0, process_life(child.pid()));
+  char state = 0;
+  EXPECT_TRUE(wex_proc_stat(child.pid(), &state, nullptr));
+  EXPECT_NE('Z', state);
+}
+
+TEST_F(Utils, AZombieAndANobodyAreGoneAfterThreeLooks) {
+  const pid_t zombie = fork();
+  if (zombie == 0) {
+    _exit(0);
+  }
+  siginfo_t info = {};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT));
+  const milliseconds taken = time_of([&] { EXPECT_EQ(-1, process_life(zombie)); });
+  EXPECT_GE(taken, milliseconds(30));
+  EXPECT_GE(time_of([] { EXPECT_EQ(-1, process_life(INT32_MAX)); }), milliseconds(30));
+  EXPECT_FALSE(wex_proc_lives(zombie, 0));
+  char state = 0;
+  EXPECT_TRUE(wex_proc_stat(zombie, &state, nullptr));
+  EXPECT_EQ('Z', state);
+  waitpid(zombie, nullptr, 0);
+  EXPECT_FALSE(wex_proc_stat(zombie, &state, nullptr));
+}
+
+TEST_F(Utils, TheStartTimeTellsAProcessFromItsPid) {
+  const lasting_child child;
+  uint64_t started = 0;
+  uint64_t own = 0;
+  ASSERT_TRUE(wex_proc_stat(child.pid(), nullptr, &started));
+  ASSERT_TRUE(wex_proc_stat(getpid(), nullptr, &own));
+  EXPECT_GT(started, 0u);
+  EXPECT_LE(own, started) << "a child starts later than its parent";
+  EXPECT_TRUE(wex_proc_lives(child.pid(), started));
+  EXPECT_TRUE(wex_proc_lives(child.pid(), 0));
+  EXPECT_FALSE(wex_proc_lives(child.pid(), started + 1));
+  EXPECT_FALSE(wex_proc_lives(0, 0));
+  EXPECT_FALSE(wex_proc_lives(-1, 0));
+}
+
+// ---- The single-instance lock -------------------------------------------------------------------------
+
+TEST_F(Utils, TheLockFileHoldsThePidAndOneZeroByte) {
+  write_file("/tmp/lock", "a much longer text from before");
+  umask(0);
+  const int first = already_running("/tmp/lock");
+  ASSERT_GE(first, 0);
+  EXPECT_EQ(std::to_string(getpid()) + '\0', contents("/tmp/lock"));
+  EXPECT_NE(0, fcntl(first, F_GETFD) & FD_CLOEXEC);
+  const int second = already_running("/tmp/lock");
+  EXPECT_GE(second, 0) << "a record lock belongs to the process";
+  close(first);
+  close(second);
+  const int fresh = already_running("/tmp/lock2");
+  EXPECT_EQ(0700u, mode_of("/tmp/lock2"));
+  close(fresh);
+}
+
+TEST_F(Utils, ASecondProcessIsKeptOutWhileTheFirstLives) {
+  lasting_child first([] { EXPECT_GE(already_running("/tmp/lock"), 0); });
+  EXPECT_EQ(-1, already_running("/tmp/lock"));
+  EXPECT_EQ(std::to_string(first.pid()) + '\0', contents("/tmp/lock")) << "the loser changes nothing";
+  first.end();
+  const int lock = already_running("/tmp/lock");
+  EXPECT_GE(lock, 0);
+  close(lock);
+}
+
+TEST_F(Utils, AnUntrustworthyLockFileIsRefused) {
+  EXPECT_EQ(-1, already_running("/tmp/none/lock"));
+  ASSERT_EQ(0, mkfifo("/tmp/fifo", 0777));
+  EXPECT_EQ(-1, already_running("/tmp/fifo"));
+  mkdir("/tmp/open", 0777);
+  write_file("/tmp/victim", "precious");
+  ASSERT_EQ(0, symlink("/tmp/victim", "/tmp/open/link"));
+  ASSERT_EQ(0, lchown("/tmp/open/link", kOtherUser, kOtherUser));
+  EXPECT_EQ(-1, already_running("/tmp/open/link"));
+  write_file("/tmp/open/theirs", "theirs");
+  ASSERT_EQ(0, chown("/tmp/open/theirs", kOtherUser, kOtherUser));
+  EXPECT_EQ(-1, already_running("/tmp/open/theirs"));
+  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("theirs", contents("/tmp/open/theirs"));
+}
+
+// ---- The low-memory killer ----------------------------------------------------------------------------
+
+TEST_F(Utils, AScoreIsWrittenWithItsZeroByte) {
+  write_file("/tmp/score", "");
+  const std::string target = "/proc/" + std::to_string(getpid()) + "/oom_score_adj";
+  ASSERT_EQ(0, mount("/tmp/score", target.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
+  EXPECT_EQ(7, wex_ignore_lmk(getpid()));
+  EXPECT_EQ(std::string("-1000\n\0", 7), contents("/tmp/score"));
+  write_file("/tmp/score", "");
+  EXPECT_EQ(3, wex_reset_lmk(getpid()));
+  EXPECT_EQ(std::string("0\n\0", 3), contents("/tmp/score"));
+  EXPECT_EQ(0, umount(target.c_str()));
+}
+
+TEST_F(Utils, TheKernelTakesTheScore) {
+  const lasting_child child;
+  const std::string path = "/proc/" + std::to_string(child.pid()) + "/oom_score_adj";
+  EXPECT_EQ(5, wex_set_lmk(345, child.pid()));
+  EXPECT_EQ("345\n", contents(path));
+  EXPECT_EQ(3, wex_reset_lmk(child.pid()));
+  EXPECT_EQ("0\n", contents(path));
+  EXPECT_EQ(-1, wex_set_lmk(1, INT32_MAX));
+}
+
+TEST_F(Utils, OnlyTheFirstDigitOfTheDaemonStatusCounts) {
+  make_lowmem_dir();
+  const struct {
+    const char* text;
+    int status;
+  } rows[] = {{"12", 1}, {"0\n", 0}, {"9", 9}, {"x", 0}, {"-1", 0}, {" 3", 0}};
+  for (const auto& row : rows) {
+    write_file(kWexStatus, row.text);
+    EXPECT_EQ(row.status, wex_get_proc_status()) << '"' << row.text << '"';
+  }
+}
+
+TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
+  make_lowmem_dir();
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: open wex_status file fail: No such file or directory\n",
+            lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+  write_file(kWexStatus, "");
+  EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: read wex_status file fail: Success\n",
+            lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+}
+
+// ---- Files that others may have planted ---------------------------------------------------------------
+
+TEST_F(OpenRule, AnHonestFileOpensBlockingAndCloseOnExec) {
+  const unique_fd file = wex_open_file("/tmp/r/new", O_RDWR | O_CREAT | O_APPEND, 0777);
+  ASSERT_TRUE(file.valid());
+  EXPECT_EQ(0755u, mode_of("/tmp/r/new")) << "narrowed by the umask";
+  EXPECT_NE(0, fcntl(file.get(), F_GETFD) & FD_CLOEXEC);
+  EXPECT_EQ(0, fcntl(file.get(), F_GETFL) & O_NONBLOCK);
+  EXPECT_NE(0, fcntl(file.get(), F_GETFL) & O_APPEND);
+}
+
+TEST_F(OpenRule, TruncationIsDoneForAnHonestFile) {
+  write_file("/tmp/r/f", "old");
+  EXPECT_TRUE(wex_open_file("/tmp/r/f", O_WRONLY | O_TRUNC).valid());
+  EXPECT_EQ("", contents("/tmp/r/f"));
+}
+
+TEST_F(OpenRule, SomebodyElsesLinkIsRefusedAndItsTargetKept) {
+  write_file("/tmp/victim", "precious");
+  link_of(kOtherUser, "/tmp/victim", "/tmp/r/link");
+  EXPECT_FALSE(wex_open_file("/tmp/r/link", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
+  EXPECT_EQ(ELOOP, errno);
+  EXPECT_EQ("precious", contents("/tmp/victim"));
+  link_of(kOtherUser, "/tmp/fresh", "/tmp/r/dangling");
+  EXPECT_FALSE(wex_open_file("/tmp/r/dangling", O_WRONLY | O_CREAT, 0666).valid());
+  EXPECT_FALSE(exists("/tmp/fresh"));
+}
+
+TEST_F(OpenRule, RootsLinkIsFollowedAlsoRelativeAndDangling) {
+  write_file("/tmp/r/target", "text");
+  link_of(0, "target", "/tmp/r/relative");
+  link_of(0, "/tmp/r/relative", "/tmp/r/twice");
+  char text[8];
+  EXPECT_EQ(4, wex_read_guarded("/tmp/r/twice", text, sizeof(text)));
+  EXPECT_STREQ("text", text);
+  link_of(0, "/tmp/r/made", "/tmp/r/dangling");
+  EXPECT_TRUE(wex_open_file("/tmp/r/dangling", O_WRONLY | O_CREAT, 0600).valid());
+  EXPECT_TRUE(exists("/tmp/r/made"));
+}
+
+TEST_F(OpenRule, RootsLinkToSomebodyElsesLinkIsRefused) {
+  write_file("/tmp/victim", "precious");
+  link_of(kOtherUser, "/tmp/victim", "/tmp/r/theirs");
+  link_of(0, "/tmp/r/theirs", "/tmp/r/ours");
+  EXPECT_FALSE(wex_open_file("/tmp/r/ours", O_WRONLY | O_TRUNC).valid());
+  EXPECT_EQ("precious", contents("/tmp/victim"));
+}
+
+TEST_F(OpenRule, ACircleOfRootsLinksEnds) {
+  link_of(0, "/tmp/r/b", "/tmp/r/a");
+  link_of(0, "/tmp/r/a", "/tmp/r/b");
+  EXPECT_FALSE(wex_open_file("/tmp/r/a", O_RDONLY).valid());
+  EXPECT_EQ(ELOOP, errno);
+}
+
+TEST_F(OpenRule, WhatIsNoRegularFileCannotBeOpenedAndStopsNobody) {
+  ASSERT_EQ(0, mkfifo("/tmp/r/fifo", 0777));
+  for (const int access : {O_RDONLY, O_WRONLY, O_RDWR}) {
+    EXPECT_FALSE(wex_open_file("/tmp/r/fifo", access).valid());
+    EXPECT_EQ(ENXIO, errno);
+  }
+  EXPECT_FALSE(wex_open_file("/tmp/r", O_RDONLY).valid());
+  EXPECT_EQ(EISDIR, errno);
+  EXPECT_FALSE(wex_open_file("/dev/null", O_RDWR).valid());
+  EXPECT_FALSE(wex_open_file("/tmp/r/none", O_RDONLY).valid());
+  EXPECT_EQ(ENOENT, errno);
+}
+
+TEST_F(OpenRule, ADirectoryGetsItsModeWhateverTheUmask) {
+  umask(0077);
+  wex_make_dir("/tmp/r/dir/", 0777);
+  EXPECT_EQ(0777u, mode_of("/tmp/r/dir"));
+  ASSERT_EQ(0, chmod("/tmp/r/dir", 0700));
+  wex_make_dir("/tmp/r/dir", 0777);
+  EXPECT_EQ(0777u, mode_of("/tmp/r/dir"));
+  wex_make_dir("/tmp/none/dir", 0777);
+  EXPECT_FALSE(exists("/tmp/none"));
+}
+
+TEST_F(OpenRule, ADirectoryModeDoesNotTravelThroughSomebodyElsesLink) {
+  ASSERT_EQ(0, mkdir("/tmp/private", 0700));
+  write_file("/tmp/shadow", "secret", 0600);
+  link_of(kOtherUser, "/tmp/private", "/tmp/r/d");
+  link_of(kOtherUser, "/tmp/shadow", "/tmp/r/s");
+  for (const char* const path : {"/tmp/r/d", "/tmp/r/d/", "/tmp/r/d///", "/tmp/r/s", "/tmp/r/s/"}) {
+    wex_make_dir(path, 0777);
+  }
+  EXPECT_EQ(0700u, mode_of("/tmp/private"));
+  EXPECT_EQ(0600u, mode_of("/tmp/shadow"));
+  link_of(0, "/tmp/private", "/tmp/r/ours");
+  wex_make_dir("/tmp/r/ours", 0777);
+  EXPECT_EQ(0777u, mode_of("/tmp/private")) << "an installer may have made it a link";
+}
+
+TEST_F(OpenRule, AGuardedReadEndsItsText) {
+  write_file("/tmp/r/f", "abcdef");
+  char text[4] = "###";
+  EXPECT_EQ(3, wex_read_guarded("/tmp/r/f", text, sizeof(text)));
+  EXPECT_STREQ("abc", text);
+  EXPECT_EQ(-1, wex_read_guarded("/tmp/r/none", text, sizeof(text)));
+  EXPECT_STREQ("", text);
+}
+
+TEST(Text, FormatTellsWhetherItFits) {
+  char text[5];
+  EXPECT_TRUE(wex_format(text, sizeof(text), "%d", 1234));
+  EXPECT_FALSE(wex_format(text, sizeof(text), "%d", 12345));
+  EXPECT_STREQ("1234", text);
+  EXPECT_FALSE(wex_format(text, 0, "x"));
+}
+
+TEST(Text, CopyCutsAndEnds) {
+  char text[4] = "###";
+  wex_copy_text(text, sizeof(text), "abcdef");
+  EXPECT_STREQ("abc", text);
+  wex_copy_text(text, sizeof(text), "");
+  EXPECT_STREQ("", text);
+  text[0] = '#';
+  wex_copy_text(text, 0, "x");
+  EXPECT_EQ('#', text[0]);
+}
