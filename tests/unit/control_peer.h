@@ -227,6 +227,7 @@ class peer {
     return std::string(address.sun_path, strnlen(address.sun_path, length - 2));
   }
   void close() { fd_.reset(); }
+  int fd() const { return fd_.get(); }
 
  private:
   unique_fd fd_;

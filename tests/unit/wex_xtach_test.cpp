@@ -1,0 +1,654 @@
+// The client calls, against a daemon played by the test at the true path.
+#include "wex_xtach.h"
+
+#include <dirent.h>
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <fstream>
+
+#include "control_peer.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+
+using namespace control;
+
+namespace {
+
+constexpr char kDomain0Db[] = "/tmp/vsd/0/wex/db";
+
+std::string own_command() {
+  char text[255] = {};
+  return pid_to_cmdline(getpid(), text, sizeof text) == nullptr ? "" : text;
+}
+
+// The database file of a process in domain 0, whatever its program is called; empty when there is none.
+std::string database_file(int32_t pid) {
+  const std::string ending = "." + std::to_string(pid);
+  DIR* const dir = opendir(kDomain0Db);
+  std::string found;
+  while (const dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+    const std::string name = entry->d_name;
+    if (name.size() > ending.size() &&
+        name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
+      found = std::string(kDomain0Db) + "/" + name;
+    }
+  }
+  if (dir != nullptr) {
+    closedir(dir);
+  }
+  return found;
+}
+
+bool locked_by_another(const std::string& path) {
+  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  return fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+}
+
+class Registration : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, system("mkdir -p /tmp/vsd/0/wex/db /tmp/wex && rm -f /tmp/vsd/0/wex/db/*"));
+  }
+  daemon_end daemon_;
+};
+
+// Answers one acknowledged request and gives it back.
+message answer(const daemon_end& daemon) {
+  const peer client = daemon.accept();
+  message in = client.receive();
+  in.peer = client.path();
+  client.acknowledge();
+  return in;
+}
+
+}  // namespace
+
+// ---- Registration
+// -------------------------------------------------------------------------------------------
+
+TEST_F(Registration, SendsTheCallersPidDomainAndCommandLineAndWaits) {
+  const printed out;
+  auto result = calling([] { return reg_process_exit_action(0, WEX_RESTART); });
+  const message in = answer(daemon_);
+  EXPECT_EQ(0, result.get());
+  const auto body = in.body<wex_reg_info>();
+  wex_reg_info expected = {};
+  expected.pid = getpid();
+  strcpy(expected.process, own_command().c_str());
+  EXPECT_EQ(1U, in.header.msg_type);
+  EXPECT_EQ(320, in.header.msg_len);
+  EXPECT_EQ('\0', in.header.name[0]);
+  EXPECT_EQ(0, memcmp(&expected, &body, sizeof body));
+  EXPECT_TRUE(out.has(text_of("]reg_process_exit_action: pid %d type 1 vsd 0\n", getpid())));
+}
+
+TEST_F(Registration, WritesAndLocksTheDatabaseFileBeforeItSends) {
+  const pid_t child = start_child([] { return reg_process_exit_action(0, WEX_SHELL_RESTART); });
+  const peer client = daemon_.accept();
+  EXPECT_EQ(2U, client.receive().header.msg_type);
+  const std::string file = database_file(child);
+  EXPECT_EQ(std::to_string(child) + "\n3\n" + own_command(), read_file(file));
+  EXPECT_TRUE(locked_by_another(file));
+  client.acknowledge();
+  EXPECT_EQ(0, exit_status(child));
+}
+
+TEST_F(Registration, OfTypeOneWritesTheActionRespawn) {
+  const pid_t child = start_child([] { return reg_process_exit_action(0, WEX_RESTART); });
+  answer(daemon_);
+  EXPECT_EQ(0, exit_status(child));
+  EXPECT_EQ(std::to_string(child) + "\n2\n" + own_command(), read_file(database_file(child)));
+}
+
+TEST_F(Registration, CanNameAnotherProcess) {
+  const sleeper other;
+  auto result = calling([&] { return reg_process_exit_action(other.pid(), WEX_RESTART); });
+  const auto body = answer(daemon_).body<wex_reg_info>();
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(other.pid(), body.pid);
+  EXPECT_EQ(other.command(), body.process);
+}
+
+TEST_F(Registration, OfANegativePidIsStillSentWithPidZero) {
+  const printed out;
+  auto result = calling([] { return reg_process_exit_action(-5, WEX_RESTART); });
+  const auto body = answer(daemon_).body<wex_reg_info>();
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(0, body.pid);
+  EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
+  EXPECT_TRUE(out.has("]reg_process_exit_action: fail to get pid 0's cmdline\n"));
+  EXPECT_EQ("", database_file(0));
+}
+
+TEST_F(Registration, IsSentAlsoWhenNoDatabaseFileCanBeMade) {
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));
+  const printed out;
+  auto result = calling([] { return reg_process_exit_action(0, WEX_RESTART); });
+  EXPECT_EQ(getpid(), answer(daemon_).body<wex_reg_info>().pid);
+  EXPECT_EQ(0, result.get());
+  EXPECT_TRUE(
+      out.has(text_of("]wex_mk_pidfile fail. vsd 0 pid %d name %s \n", getpid(), own_command().c_str())));
+}
+
+TEST_F(Registration, WithAScriptCarriesItInTheNameAndDoesNotWait) {
+  const printed out;
+  const std::string script(300, 's');
+  EXPECT_EQ(0, reg_process_exit_action_shell(0, WEX_SHELL_RESTART, script.c_str()));
+  const message in = daemon_.accept().receive();
+  const auto body = in.body<wex_reg_info>();
+  EXPECT_EQ(2U, in.header.msg_type);
+  EXPECT_EQ(script.substr(0, 255), in.header.name);
+  EXPECT_EQ(getpid(), body.pid);
+  EXPECT_EQ(text_of("test-%d", getpid() % 20), body.tag);
+  EXPECT_EQ(own_command(), body.process);
+  EXPECT_NE("", database_file(getpid()));
+  EXPECT_TRUE(out.has(
+      text_of("]reg_process_exit_action_shell: pid %d type 2 vsd 0 path %s\n", getpid(), script.c_str())));
+}
+
+TEST_F(Registration, WithAScriptTakesAnyTypeOfTheCaller) {
+  EXPECT_EQ(0, reg_process_exit_action_shell(0, 5, "x"));
+  EXPECT_EQ(5U, daemon_.accept().receive().header.msg_type);
+}
+
+TEST_F(Registration, WithAScriptRefusesANegativePid) {
+  const printed out;
+  EXPECT_EQ(-1, reg_process_exit_action_shell(-1, WEX_SHELL_RESTART, "x"));
+  EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+struct keyword {
+  const char* text;
+  uint32_t type;
+};
+
+TEST(ActionType, IsFoundByPrefix) {
+  for (const keyword row : {keyword{"WEX_RESTART", 1},
+                            {"WEX_RESTART\n", 1},
+                            {"WEX_RESTARTED", 1},
+                            {"WEX_SHELL_RESTART", 2},
+                            {"WEX_SHELL_RESTART and more", 2},
+                            {"WEX_SHELL_RESTAR", 0},
+                            {"WEX_RESTAR", 0},
+                            {"wex_restart", 0},
+                            {" WEX_RESTART", 0},
+                            {"\n", 0},
+                            {"", 0}}) {
+    EXPECT_EQ(row.type, wex_action_type(row.text)) << row.text;
+  }
+  EXPECT_EQ(0U, wex_action_type(nullptr));
+}
+
+TEST_F(Registration, OfAThirdPartWithTheShellKeywordSendsNoScript) {
+  const sleeper other;
+  auto result = calling([&] { return reg_third_part_process_exit_action(other.pid(), "WEX_SHELL_RESTART"); });
+  const message in = answer(daemon_);
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(2U, in.header.msg_type);
+  EXPECT_EQ('\0', in.header.name[0]);
+  EXPECT_EQ(other.pid(), in.body<wex_reg_info>().pid);
+}
+
+TEST_F(Registration, OfAThirdPartWithAnUnknownKeywordIsRefused) {
+  EXPECT_EQ(-1, reg_third_part_process_exit_action(getpid(), "\n"));
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+TEST_F(Registration, OfADelayCarriesPidDelayAndTagOnly) {
+  EXPECT_EQ(0, wex_time_set(0, WEX_RESTART, 7));
+  const message in = daemon_.accept().receive();
+  const auto body = in.body<wex_reg_info>();
+  wex_reg_info expected = {};
+  expected.pid = getpid();
+  expected.restart_delay = 7;
+  strcpy(expected.tag, text_of("test-%d", getpid() % 20).c_str());
+  EXPECT_EQ(0, memcmp(&expected, &body, sizeof body));
+  EXPECT_EQ("", database_file(getpid()));
+}
+
+TEST_F(Registration, OfADelayRefusesANegativePid) {
+  const printed out;
+  EXPECT_EQ(-1, wex_time_set(-2, WEX_RESTART, 7));
+  EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+// ---- Descriptor watch
+// ---------------------------------------------------------------------------------------
+
+namespace {
+
+// A child of its own for every case: the watch ends the process, and its strikes are counted per process.
+class filled_table {
+ public:
+  filled_table() {
+    const rlimit limit = {kLimit, kLimit};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    for (int fd = 3; fd < 256; ++fd) {
+      close(fd);
+    }
+    fill();
+  }
+  // All but one descriptor: the look itself needs that one, and so sees the limit reached.
+  void fill() {
+    while ((last_ = open("/dev/null", O_RDONLY)) >= 0 && last_ < kLimit - 2) {
+    }
+  }
+  void release_one() { close(last_); }
+
+ private:
+  static constexpr int kLimit = 24;
+  int last_ = -1;
+};
+
+}  // namespace
+
+TEST(DescriptorWatch, FourLooksInARowAtTheLimitEndTheProcessWithStatusOne) {
+  const printed out;
+  EXPECT_EQ(1, in_child([] {
+              const filled_table table;
+              for (int look = 0; look < 4; ++look) {
+                wex_client_watch_process_fd(getpid());
+              }
+              return 50;
+            }));
+  EXPECT_EQ(4U, occurrences(out.text(), ": open files exceed the system upper limit.\n"));
+}
+
+TEST(DescriptorWatch, ALookBelowTheLimitForgetsTheStrikes) {
+  const int status = in_child([] {
+    filled_table table;
+    for (int round = 0; round < 3; ++round) {
+      for (int look = 0; look < 3; ++look) {
+        wex_client_watch_process_fd(getpid());
+      }
+      table.release_one();
+      wex_client_watch_process_fd(getpid());
+      table.fill();
+    }
+    return 50;
+  });
+  EXPECT_EQ(50, status);
+}
+
+TEST(DescriptorWatch, NamesTheProcessItLookedAt) {
+  const printed out;
+  EXPECT_EQ(0, in_child([] {
+              const filled_table table;
+              wex_client_watch_process_fd(getpid());
+              return 0;
+            }));
+  EXPECT_TRUE(out.has("]process /"));
+}
+
+TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
+  const printed out;
+  EXPECT_EQ(0, in_child([] {
+              for (int look = 0; look < 8; ++look) {
+                wex_client_watch_process_fd(0x7fffffff);
+              }
+              return 0;
+            }));
+  EXPECT_EQ(8U, occurrences(out.text(), "]wex_client_watch_process_fd: "));
+  EXPECT_FALSE(out.has("exceed"));
+}
+
+// ---- Starting programs
+// --------------------------------------------------------------------------------------
+
+namespace {
+
+// A script that tells what it sees, then stays until it is ended.
+class reporter {
+ public:
+  reporter() {
+    // The signal sets are read by the shell itself: while it starts a program it blocks everything.
+    std::ofstream(path()) << "#!/bin/sh\n{ echo \"count $#\"; echo \"args $*\"; echo \"cwd $(pwd)\"\n"
+                             "while read key value; do\n"
+                             "  case $key in SigBlk: | SigIgn:) echo \"$key $value\" ;; esac\n"
+                             "done < /proc/$$/status\n"
+                             "echo \"stat $(cut -d' ' -f6,41 /proc/$$/stat) $$\"; } > "
+                          << report() << ".new\nmv " << report() << ".new " << report()
+                          << "\nexec sleep 600\n";
+    chmod(path(), 0755);
+    unlink(report());
+  }
+  ~reporter() { unlink(report()); }
+  reporter(const reporter&) = delete;
+  reporter& operator=(const reporter&) = delete;
+  static const char* path() { return "/tmp/reporter"; }
+  static const char* report() { return "/tmp/reporter.said"; }
+  static std::string said() {
+    EXPECT_TRUE(eventually([] { return exists(report()); }, 5s));
+    return read_file(report());
+  }
+};
+
+void end_program(pid_t pid) {
+  ASSERT_GT(pid, 1);
+  kill(pid, SIGKILL);
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+}
+
+}  // namespace
+
+TEST(StartUserProcess, RefusesNoPathAndAPathThatIsNotThere) {
+  const printed out;
+  EXPECT_EQ(-1, wex_start_user_process(nullptr));
+  EXPECT_TRUE(out.has("]proc_path is null\n"));
+  EXPECT_EQ(-1, wex_start_user_process("/bin/sleep 5"));
+  EXPECT_TRUE(out.has(text_of("]/bin/sleep 5 not exist: %s\n", strerror(ENOENT))));
+}
+
+TEST(StartUserProcess, StartsAProgramThatMayBeKilledForMemory) {
+  const reporter program;
+  const printed out;
+  const pid_t pid = wex_start_user_process(reporter::path());
+  const std::string said = reporter::said();
+  EXPECT_TRUE(eventually([&] { return read_file(text_of("/proc/%d/oom_score_adj", pid)) == "0\n"; }));
+  EXPECT_NE(std::string::npos, said.find("count 0\n"));
+  EXPECT_TRUE(out.has(text_of("]wex_spawn_by_user--> wex_pid->process = /tmp/reporter, new pid: %d\n", pid)));
+  end_program(pid);
+}
+
+TEST(SpawnByUser, GivesTheProgramACleanStart) {
+  const reporter program;
+  signal(SIGUSR2, SIG_IGN);
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  sched_param rt = {};
+  rt.sched_priority = 10;
+  std::promise<pid_t> started;
+  std::thread([&] {
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &rt);
+    wex_pid rec = {};
+    strcpy(rec.process, "/tmp/reporter one  \ttwo");
+    int32_t pid = -7;
+    const int32_t now = wex_clock_now();
+    const int32_t result = wex_spawn_by_user(&rec, &pid);
+    EXPECT_EQ(pid, result);
+    EXPECT_EQ(1U, rec.flags & WEX_FLAG_SELF_CHECKING);
+    EXPECT_GE(rec.check_start, now);
+    EXPECT_EQ(1, rec.check_count);
+    started.set_value(result);
+  }).join();
+  const pid_t pid = started.get_future().get();
+  const std::string said = reporter::said();
+  EXPECT_NE(std::string::npos, said.find("count 2\nargs one two\ncwd /\n")) << said;
+  EXPECT_NE(std::string::npos, said.find("SigBlk: 0000000000000000")) << said;
+  EXPECT_NE(std::string::npos, said.find("SigIgn: 0000000000000000")) << said;
+  EXPECT_NE(std::string::npos, said.find(text_of("stat %d 0 %d\n", pid, pid)))
+      << "session leader, ordinary policy: " << said;
+  signal(SIGUSR2, SIG_DFL);
+  end_program(pid);
+}
+
+TEST(SpawnByUser, LeavesTheCallersSignalMaskAlone) {
+  const reporter program;
+  wex_pid rec = {};
+  strcpy(rec.process, reporter::path());
+  int32_t pid = -1;
+  wex_spawn_by_user(&rec, &pid);
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  EXPECT_EQ(0, sigismember(&mask, SIGCHLD));
+  reporter::said();
+  end_program(pid);
+}
+
+TEST(SpawnByUser, PassesFourteenWordsOfALongerLine) {
+  const reporter program;
+  wex_pid rec = {};
+  std::string line = reporter::path();
+  for (int word = 2; word <= 20; ++word) {
+    line += " w" + std::to_string(word);
+  }
+  strcpy(rec.process, line.c_str());
+  int32_t pid = -1;
+  wex_spawn_by_user(&rec, &pid);
+  EXPECT_NE(std::string::npos,
+            reporter::said().find("count 13\nargs w2 w3 w4 w5 w6 w7 w8 w9 w10 w11 w12 w13 w14\n"));
+  end_program(pid);
+}
+
+TEST(SpawnByUser, EndsTheChildWithStatusOneWhenNothingCanBeExecuted) {
+  for (const char* text : {"/tmp/not_there", "", "   "}) {
+    const printed out;
+    wex_pid rec = {};
+    strcpy(rec.process, text);
+    int32_t pid = -1;
+    EXPECT_GT(wex_spawn_by_user(&rec, &pid), 0);
+    EXPECT_EQ(1, exit_status(pid)) << text;
+    EXPECT_TRUE(out.has(text_of("]HA_RESTART execvp fail, error = %s.\n", strerror(ENOENT))));
+    EXPECT_TRUE(out.has(text_of("]%s find fail, error = %s.\n", kFlushTlb, strerror(ENOENT))));
+  }
+}
+
+TEST(SpawnByUser, TellsTheLowMemoryKillerWhenItIsThere) {
+  ASSERT_EQ(0, mount("tmpfs", "/sys/kernel", "tmpfs", 0, nullptr));
+  ASSERT_EQ(0, mkdir("/sys/kernel/qx_lowmem_killer", 0755));
+  std::ofstream(kFlushTlb) << "";
+  {
+    const printed out;
+    wex_pid rec = {};
+    strcpy(rec.process, "/bin/true");
+    int32_t pid = -1;
+    wex_spawn_by_user(&rec, &pid);
+    EXPECT_EQ(0, exit_status(pid));
+    EXPECT_FALSE(out.has("find fail"));
+    EXPECT_EQ("1\n", read_file(kFlushTlb));
+  }
+  umount2("/sys/kernel", MNT_DETACH);
+}
+
+// ---- Thread liveness
+// ----------------------------------------------------------------------------------------
+
+namespace {
+
+class ThreadNotify : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    unlink(kExemptThreads);
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+  }
+  void TearDown() override { unlink(kExemptThreads); }
+
+  // Registers the calling thread as the daemon would, so that its reports go to the table.
+  static uint32_t register_here() {
+    const auto tid = static_cast<uint32_t>(gettid());
+    EXPECT_EQ(0, wex_sys_reg_alive_info(tid));
+    return tid;
+  }
+  daemon_end daemon_;
+};
+
+struct period {
+  int32_t time;
+  int32_t seconds;
+  int32_t misses;
+};
+
+}  // namespace
+
+TEST_F(ThreadNotify, RegistrationCarriesThePeriodOfTheLowestBit) {
+  peer client(-1);
+  for (const period row :
+       {period{7, 180, 4}, {9, 180, 4}, {-1, 180, 4}, {60, 120, 5}, {2, 120, 5}, {-2, 120, 5}}) {
+    std::atomic<int32_t> tid{0};
+    auto result = calling([&] {
+      tid = gettid();
+      return wex_client_reg_thread_notify(getpid(), gettid(), row.time, 3);
+    });
+    if (!client.connected()) {
+      client = daemon_.accept();
+    }
+    const message in = client.receive();
+    client.acknowledge();
+    EXPECT_EQ(0, result.get());
+    const auto body = in.body<wex_reg_info>();
+    wex_reg_info expected = {};
+    expected.pid = tid;
+    expected.ppid = getpid();
+    expected.ntfy_cnt = expected.cur_cnt = row.misses;
+    expected.ntfy_time = row.seconds;
+    EXPECT_EQ(3U, in.header.msg_type);
+    EXPECT_EQ(0, memcmp(&expected, &body, sizeof body)) << row.time;
+  }
+}
+
+TEST_F(ThreadNotify, RefusesMissingParameters) {
+  const int32_t pid = getpid();
+  const int32_t tid = gettid();
+  const int32_t rows[][4] = {
+      {0, tid, 60, 5}, {-1, tid, 60, 5}, {pid, 0, 60, 5}, {pid, tid, 0, 5}, {pid, tid, 60, 0}};
+  for (const auto& row : rows) {
+    const printed out;
+    EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], row[2], row[3]));
+    EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], row[2], row[3]));
+    EXPECT_EQ(2U, occurrences(out.text(), text_of("]parameter error(pid:%d, tid:%d, time:%d, count:%d)!\n",
+                                                  row[0], row[1], row[2], row[3])));
+  }
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+TEST_F(ThreadNotify, RefusesToSpeakForAnother) {
+  const int32_t pid = getpid();
+  const int32_t tid = gettid();
+  const int32_t rows[][2] = {{pid + 1, tid}, {pid, tid + 1}, {pid, -tid}, {1, 1}};
+  for (const auto& row : rows) {
+    const printed out;
+    EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], 60, 5));
+    EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], 60, 5));
+    EXPECT_EQ(2U,
+              occurrences(out.text(), text_of("]not cur task reg!(pid:%d, tid:%d, cur_pid:%d, cur_tid:%d)!\n",
+                                              row[0], row[1], pid, tid)));
+  }
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+TEST_F(ThreadNotify, OfARegisteredThreadAdvancesItsByteAndSendsNothing) {
+  const uint32_t tid = register_here();
+  const uint32_t before = wex_sys_get_alive_seq(tid);
+  EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
+  EXPECT_NE(before, wex_sys_get_alive_seq(tid));
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+TEST_F(ThreadNotify, OfAnUnregisteredThreadRegistersIt) {
+  const printed out;
+  auto result = calling([] { return wex_client_reset_thread_notify(getpid(), gettid(), 60, 5); });
+  const peer client = daemon_.accept();
+  const message in = client.receive();
+  client.acknowledge();
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(3U, in.header.msg_type);
+  EXPECT_TRUE(out.has(text_of("]reg alive info(pid:%d, tid:%d, time:60, count:5)!\n", getpid(),
+                              in.body<wex_reg_info>().pid)));
+}
+
+TEST_F(ThreadNotify, OfAnExemptThreadDoesNothing) {
+  const uint32_t tid = register_here();
+  const std::string own = std::to_string(tid);
+  const uint32_t before = wex_sys_get_alive_seq(tid);
+  for (const std::string& text :
+       {own + "\n", "1\n2\n" + own + "\n3\n", own + "x", std::string(1023, 'a') + own + "\n"}) {
+    std::ofstream(kExemptThreads) << text;
+    EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
+    EXPECT_EQ(before, wex_sys_get_alive_seq(tid)) << text;
+  }
+  EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+TEST_F(ThreadNotify, IsNotHeldBackByAnUnfinishedLineOrAnotherNumber) {
+  const uint32_t tid = register_here();
+  const std::string own = std::to_string(tid);
+  for (const std::string& text :
+       {own, own + "\r\n", " " + own + "\n", own + "0\n", std::string("\n"), std::string()}) {
+    const uint32_t before = wex_sys_get_alive_seq(tid);
+    std::ofstream(kExemptThreads) << text;
+    EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
+    EXPECT_NE(before, wex_sys_get_alive_seq(tid)) << text;
+  }
+}
+
+// Thread ids that large need a pid namespace of their own, or the whole machine would count from there.
+TEST_F(ThreadNotify, BeyondTheTableGoesAsAMessageAndNeverFails) {
+  const printed out;
+  const pid_t outer = start_child([] {
+    if (unshare(CLONE_NEWPID) != 0) {
+      return 90;
+    }
+    return in_child([] {
+      std::ofstream("/proc/sys/kernel/pid_max") << 400000 << std::flush;
+      std::ofstream("/proc/sys/kernel/ns_last_pid") << 199999 << std::flush;
+      return in_child([] {
+        if (getpid() != 200000) {
+          return 91;
+        }
+        if (wex_client_reset_thread_notify(200000, 200000, 7, 1) != 0) {
+          return 92;
+        }
+        unlink(kControlSocket);
+        rename(WEX_RUN, WEX_RUN ".away");  // from here on no connection can be made
+        close(3);
+        const int away = in_child([] { return wex_client_reset_thread_notify(getpid(), gettid(), 7, 1); });
+        rename(WEX_RUN ".away", WEX_RUN);
+        return away == 0 ? 0 : 93;
+      });
+    });
+  });
+  const message in = daemon_.accept().receive();
+  const auto body = in.body<wex_reg_info>();
+  EXPECT_EQ(4U, in.header.msg_type);
+  EXPECT_EQ(200000, body.pid);
+  EXPECT_EQ(200000, body.ppid);
+  EXPECT_EQ(4, body.ntfy_cnt);
+  EXPECT_EQ(4, body.cur_cnt);
+  EXPECT_EQ(180, body.ntfy_time);
+  EXPECT_EQ(0, exit_status(outer));
+  EXPECT_TRUE(out.has("]wex_rpc: connect fail(ret:-1)\n"));
+}
+
+TEST_F(ThreadNotify, WithdrawalNamesTheThread) {
+  auto result = calling([] { return wex_client_unreg_thread_notify(1234); });
+  const message in = answer(daemon_);
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(5U, in.header.msg_type);
+  EXPECT_EQ(1U, in.body<wex_cons_info>().kind);
+  EXPECT_EQ(1234, in.body<wex_cons_info>().pid);
+}
+
+TEST_F(ThreadNotify, WithdrawalOfThreadZeroIsReportedAndSent) {
+  const printed out;
+  auto result = calling([] { return wex_client_unreg_thread_notify(0); });
+  EXPECT_EQ(0, answer(daemon_).body<wex_cons_info>().pid);
+  EXPECT_EQ(0, result.get());
+  EXPECT_TRUE(out.has("]parameter error\n"));
+}
+
+TEST_F(ThreadNotify, WithdrawalSucceedsWhateverHappens) {
+  EXPECT_EQ(0, in_child([this] {
+              daemon_.close();
+              rename(WEX_RUN, WEX_RUN ".away");
+              const int result = wex_client_unreg_thread_notify(5);
+              rename(WEX_RUN ".away", WEX_RUN);
+              return result;
+            }));
+}
+
+TEST_F(ThreadNotify, WithoutTheProcessIgnoresTheAbortSignal) {
+  const pid_t child = start_child([] {
+    const int result = wex_client_reg_thread_notify_no_proc(getpid(), gettid(), 60, 1);
+    kill(getpid(), SIGABRT);
+    return result;
+  });
+  EXPECT_EQ(3U, answer(daemon_).header.msg_type);
+  EXPECT_EQ(0, exit_status(child));
+}
