@@ -49,8 +49,14 @@ unique_fd open_plain_dir(int parent, const char* name) {
   return unique_fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
+bool same_link(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
+         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
 // Opens the directory that root's own link `name` leads to. The link is looked at before and after it is
-// read: what is followed is the text of the link that was judged, not of one that took its name.
+// read: what is followed is the text of the link that was judged. One that took its name for a moment and
+// gave it back has left a new status time behind.
 unique_fd open_roots_link(int parent, const char* name) {
   struct stat before;
   struct stat after;
@@ -63,8 +69,7 @@ unique_fd open_roots_link(int parent, const char* name) {
     return unique_fd();
   }
   target[length] = '\0';
-  if (!S_ISLNK(after.st_mode) || after.st_uid != 0 || before.st_ino != after.st_ino ||
-      before.st_dev != after.st_dev) {
+  if (!S_ISLNK(after.st_mode) || after.st_uid != 0 || !same_link(before, after)) {
     errno = ELOOP;
     return unique_fd();
   }
