@@ -120,8 +120,9 @@ std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+// Not only on one file system: in an overlay a file has another device number than its directory.
 void remove_tree(const std::string& path) {
-  nftw(path.c_str(), remove_entry, 16, FTW_PHYS | FTW_DEPTH | FTW_MOUNT);
+  nftw(path.c_str(), remove_entry, 16, FTW_PHYS | FTW_DEPTH);
 }
 
 bool inside_sandbox() {

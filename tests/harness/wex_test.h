@@ -41,7 +41,7 @@ mode_t mode_of(const std::string& path);                     // permission bits;
 std::vector<std::string> list_dir(const std::string& path);  // sorted names
 std::vector<std::string> lines_of(const std::string& text);  // without their line ends
 void make_dirs(const std::string& path);
-void remove_tree(const std::string& path);  // follows no link, stays on the file system
+void remove_tree(const std::string& path);  // follows no link
 
 // ---- Processes and the machine -------------------------------------------------------------------------
 
