@@ -597,7 +597,6 @@ TEST_F(ThreadNotify, BeyondTheTableGoesAsAMessageAndNeverFails) {
         }
         unlink(kControlSocket);
         rename(WEX_RUN, WEX_RUN ".away");  // from here on no connection can be made
-        close(3);
         const int away = in_child([] { return wex_client_reset_thread_notify(getpid(), gettid(), 7, 1); });
         rename(WEX_RUN ".away", WEX_RUN);
         return away == 0 ? 0 : 93;

@@ -1,0 +1,392 @@
+// What control messages do to the registry, with living processes and the real files.
+#include "wex_msg.h"
+
+#include "chain_lock.h"
+#include "control_peer.h"
+#include "verify_chain.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_pidfile.h"
+#include "wex_sys_alive.h"
+#include "wex_utils.h"
+
+using namespace control;
+
+namespace {
+
+class Registry : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(
+        0, system("mkdir -p /tmp/vsd/0/wex/db /tmp/vsd/3/wex/db /tmp/wex /ovix/vsd/0/utils/wex &&"
+                  "rm -f /tmp/vsd/*/wex/db/* /tmp/vsd/3/wex/* 2>/dev/null; rm -f /ovix/vsd/0/utils/wex/*"));
+    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
+      ASSERT_EQ(0, wex_init_chains(chain));
+    }
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+  }
+  void TearDown() override {
+    verify_chain(wex_chains);
+    verify_chain(wex_alive_chains);
+    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
+      wex_destroy_chains(chain);
+    }
+  }
+
+  // The first record of a pid. Nothing else runs here, so it may be looked at without the lock.
+  static wex_pid* find(wex_chains_t& chain, int32_t pid) {
+    const chain_lock hold(chain);
+    return __wex_find_pid(&chain, pid);
+  }
+  static wex_pid* add(wex_chains_t& chain, int32_t pid, const char* process = "/bin/none") {
+    wex_pid* const rec = wex_new_record();
+    rec->pid = pid;
+    strcpy(rec->process, process);
+    const chain_lock hold(chain);
+    __wex_add_record(&chain, rec);
+    return rec;
+  }
+  static std::string program_of(const std::string& command) {
+    const std::string path = command.substr(0, command.find(' '));
+    return path.substr(path.rfind('/') + 1);
+  }
+  static std::string db_file(int32_t vsd, const sleeper& process) {
+    return text_of(kDbFileFmt, vsd, program_of(process.command()).c_str(), process.pid());
+  }
+};
+
+wex_reg_info body_of(int32_t pid, int32_t vsd = 0, int32_t delay = 0) {
+  wex_reg_info body = {};
+  body.pid = pid;
+  body.vsd = vsd;
+  body.restart_delay = delay;
+  return body;
+}
+
+wex_reg_info thread_body(int32_t tid, int32_t count, int32_t left, int32_t period, int32_t elapsed) {
+  wex_reg_info body = {};
+  body.pid = tid;
+  body.ppid = getpid();
+  body.ntfy_cnt = count;
+  body.cur_cnt = left;
+  body.ntfy_time = period;
+  body.cur_ntfy_time = elapsed;
+  return body;
+}
+
+void expect_counters(const wex_pid* rec, int32_t count, int32_t left, int32_t period, int32_t elapsed) {
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(count, rec->notify_info[WEX_NTFY_CNT]);
+  EXPECT_EQ(left, rec->notify_info[WEX_CUR_CNT]);
+  EXPECT_EQ(period, rec->notify_info[WEX_NTFY_TIME]);
+  EXPECT_EQ(elapsed, rec->notify_info[WEX_CUR_NTFY_TIME]);
+}
+
+int32_t end_of_a_pid() {  // a pid that was there and is no more
+  const pid_t pid = start_child([] { return 0; });
+  EXPECT_EQ(0, exit_status(pid));
+  return pid;
+}
+
+}  // namespace
+
+// ---- Processes
+// ----------------------------------------------------------------------------------------------
+
+TEST_F(Registry, ARestartMessageMakesARespawnRecordFromTheLivingProcess) {
+  const sleeper process;
+  wex_reg_info body = body_of(process.pid(), 3, 9);
+  body.ppid = 77;
+  strcpy(body.process, "what the client says");
+  strcpy(body.tag, "test-1");
+  EXPECT_EQ(0, wex_process_restart(&body));
+  const wex_pid* const rec = find(wex_chains, process.pid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_EQ(3, rec->vsd);
+  EXPECT_EQ(0, rec->ppid);
+  EXPECT_EQ(0, rec->alarm_wait_flag);
+  EXPECT_EQ(9, rec->restart_delay);
+  EXPECT_EQ(RESPAWN, rec->action);
+  EXPECT_EQ(process.command(), rec->process);
+  EXPECT_STREQ("", rec->script);
+  EXPECT_EQ(0U, rec->flags);
+  EXPECT_EQ(0, rec->gone_since);
+  EXPECT_TRUE(wex_record_lives(rec)) << "its identity must be known";
+}
+
+TEST_F(Registry, AShellMessageKeepsTheScript) {
+  const sleeper process;
+  const wex_reg_info body = body_of(process.pid());
+  const std::string script(400, 's');
+  EXPECT_EQ(0, wex_process_shell_restart(&body, script.c_str()));
+  const wex_pid* const rec = find(wex_chains, process.pid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(SHELL_RESTART, rec->action);
+  EXPECT_EQ(script.substr(0, 255), rec->script);
+}
+
+TEST_F(Registry, ASecondRegistrationChangesNothing) {
+  const sleeper process;
+  const wex_reg_info first = body_of(process.pid());
+  const wex_reg_info second = body_of(process.pid(), 2, 40);
+  EXPECT_EQ(0, wex_process_shell_restart(&first, "S"));
+  const wex_pid* const rec = find(wex_chains, process.pid());
+  EXPECT_EQ(0, wex_process_restart(&second));
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_EQ(rec, find(wex_chains, process.pid()));
+  EXPECT_EQ(SHELL_RESTART, rec->action);
+  EXPECT_STREQ("S", rec->script);
+  EXPECT_EQ(0, rec->restart_delay);
+  EXPECT_EQ(0, rec->vsd);
+}
+
+TEST_F(Registry, AProcessWithoutACommandLineIsRefused) {
+  const int32_t gone = end_of_a_pid();
+  for (const int32_t pid : {gone, 0, -1, INT32_MIN, INT32_MAX}) {
+    wex_reg_info body = body_of(pid);
+    body.ppid = 5;
+    const printed out;
+    EXPECT_EQ(-1, wex_process_restart(&body));
+    EXPECT_EQ(-1, wex_process_shell_restart(&body, "x"));
+    const std::string text = out.text();
+    EXPECT_NE(std::string::npos,
+              text.find(text_of("]wex_process_restart: fail to get pid %d's cmdline, ppid = 5\n[WEX:wex_msg:",
+                                pid)));
+    EXPECT_EQ(
+        text.size(),
+        text.find(text_of("]wex_process_shell_restart: fail to get pid %d's cmdline, ppid = 5\n\n", pid)) +
+            text_of("]wex_process_shell_restart: fail to get pid %d's cmdline, ppid = 5\n\n", pid).size());
+  }
+  EXPECT_EQ(0, wex_chains.count);
+}
+
+TEST_F(Registry, OddDomainsAreKeptAsNumbersAndReachNoIndex) {
+  for (const int32_t vsd : {-5, 16, 1000000, INT32_MIN, INT32_MAX}) {
+    const sleeper process;
+    const wex_reg_info body = body_of(process.pid(), vsd);
+    EXPECT_EQ(0, wex_process_restart(&body));
+    EXPECT_EQ(vsd, find(wex_chains, process.pid())->vsd);
+    const wex_cons_info cancel = {WEX_CANCEL_PROC, process.pid()};
+    EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+    EXPECT_EQ(0, wex_chains.count);
+  }
+}
+
+TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
+  const sleeper patient;
+  const sleeper quick;
+  const wex_reg_info long_delay = body_of(patient.pid(), 0, 3601);
+  const wex_reg_info short_delay = body_of(quick.pid(), 0, 3600);
+  EXPECT_EQ(0, wex_process_restart(&short_delay));
+  EXPECT_EQ(0, wex_process_restart(&long_delay));
+  EXPECT_EQ(0, wex_process_restart(&long_delay));
+  const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
+  EXPECT_EQ(1U,
+            occurrences(log, text_of("Process %d wants its restarts delayed by 3601 s.\r\n", patient.pid())));
+  EXPECT_EQ(0U, occurrences(log, text_of("Process %d ", quick.pid())));
+}
+
+TEST_F(Registry, ALivingProcessReplacesTheDeadRecordOfItsProgram) {
+  const sleeper process;
+  wex_pid* const dead = add(wex_chains, end_of_a_pid(), process.command().c_str());
+  dead->restart_failed = 1;
+  wex_pid* const elsewhere = add(wex_chains, end_of_a_pid(), process.command().c_str());
+  elsewhere->restart_failed = 1;
+  elsewhere->vsd = 4;
+  const std::string file = text_of(kDbFileFmt, 0, program_of(process.command()).c_str(), dead->pid);
+  std::ofstream(file) << "x";
+  const wex_reg_info body = body_of(process.pid());
+  EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_EQ(2, wex_chains.count);
+  EXPECT_EQ(elsewhere, find(wex_chains, elsewhere->pid));
+  EXPECT_NE(nullptr, find(wex_chains, process.pid()));
+  EXPECT_FALSE(exists(file));
+}
+
+TEST_F(Registry, APidLeftOverFromAFailedRestartCanBeRegisteredByItsNewOwner) {
+  const sleeper process;
+  wex_pid* const dead = add(wex_chains, process.pid(), "/bin/other");
+  dead->restart_failed = 1;
+  dead->start_time = 1;
+  const wex_reg_info body = body_of(process.pid());
+  EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_EQ(process.command(), find(wex_chains, process.pid())->process);
+}
+
+// ---- Cancelling
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(Registry, CancellingRemovesEveryRecordOfThePidAndItsFile) {
+  const int32_t pid = 4321;
+  add(wex_chains, pid, "/bin/first");
+  add(wex_chains, pid, "/bin/second -x");
+  add(wex_chains, pid + 1, "/bin/third");
+  for (const char* name : {"first", "second"}) {
+    std::ofstream(text_of(kDbFileFmt, 0, name, pid)) << "x";
+  }
+  std::ofstream(text_of(kDbFileFmt, 0, "third", pid + 1)) << "x";
+  add(wex_alive_chains, pid);
+  const wex_cons_info cancel = {WEX_CANCEL_PROC, pid};
+  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_EQ(nullptr, find(wex_chains, pid));
+  EXPECT_NE(nullptr, find(wex_alive_chains, pid)) << "only processes were cancelled";
+  EXPECT_FALSE(exists(text_of(kDbFileFmt, 0, "first", pid)));
+  EXPECT_FALSE(exists(text_of(kDbFileFmt, 0, "second", pid)));
+  EXPECT_TRUE(exists(text_of(kDbFileFmt, 0, "third", pid + 1)));
+}
+
+TEST_F(Registry, CancellingAThreadRemovesEveryRecordAndItsTableEntry) {
+  const int32_t tid = 163839;
+  ASSERT_EQ(0, wex_sys_reg_alive_info(tid));
+  add(wex_alive_chains, tid);
+  add(wex_alive_chains, tid);
+  add(wex_alive_chains, 5);
+  add(wex_chains, tid);
+  const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, tid};
+  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  EXPECT_EQ(1, wex_alive_chains.count);
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_EQ(0, wex_sys_isreg_alive_info(tid));
+}
+
+TEST_F(Registry, CancellingAThreadBeyondTheTableLeavesTheTableAlone) {
+  const std::string before = read_file(kAliveTableFile);
+  add(wex_alive_chains, 163840);
+  g_wex_dbg_level[WEX_DBG_ALIVE] = 0;
+  const printed out;
+  const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, 163840};
+  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  g_wex_dbg_level[WEX_DBG_ALIVE] = WEX_DBG_SILENT;
+  EXPECT_EQ(0, wex_alive_chains.count);
+  EXPECT_EQ("", out.text()) << "the table was asked for an id it does not have";
+  EXPECT_EQ(before, read_file(kAliveTableFile));
+}
+
+TEST_F(Registry, CancellingWhatIsNotThereOrOfAnUnknownKindChangesNothing) {
+  add(wex_chains, 7);
+  add(wex_alive_chains, 7);
+  for (const wex_cons_info& cancel :
+       {wex_cons_info{0, 8}, wex_cons_info{1, 8}, wex_cons_info{2, 7}, wex_cons_info{7, 7},
+        wex_cons_info{0xffffffffU, 7}, wex_cons_info{0, -1}, wex_cons_info{1, INT32_MIN}}) {
+    EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  }
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_EQ(1, wex_alive_chains.count);
+}
+
+// ---- Threads
+// ------------------------------------------------------------------------------------------------
+
+TEST_F(Registry, ANotifyStartRegistersTheThreadInChainAndTable) {
+  const sleeper process;
+  wex_reg_info body = thread_body(process.pid(), 5, 5, 120, 0);
+  body.vsd = 3;
+  EXPECT_EQ(0, wex_notifier_start(&body));
+  const wex_pid* const rec = find(wex_alive_chains, process.pid());
+  expect_counters(rec, 5, 5, 120, 0);
+  EXPECT_EQ(getpid(), rec->ppid);
+  EXPECT_EQ(0, rec->vsd);
+  EXPECT_EQ(process.command(), rec->process);
+  EXPECT_EQ(1U, rec->alive_seq);
+  EXPECT_EQ(1, wex_sys_isreg_alive_info(static_cast<uint32_t>(process.pid())));
+  EXPECT_EQ(0, wex_chains.count);
+}
+
+TEST_F(Registry, ANotifyStartOfAKnownThreadKeepsItsCountersAndStartsItsByteAgain) {
+  const sleeper process;
+  const auto tid = static_cast<uint32_t>(process.pid());
+  const wex_reg_info first = thread_body(process.pid(), 5, 2, 120, 60);
+  const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
+  EXPECT_EQ(0, wex_notifier_start(&first));
+  ASSERT_EQ(0, wex_sys_update_alive_seq(tid));
+  EXPECT_EQ(0, wex_notifier_start(&second));
+  const wex_pid* const rec = find(wex_alive_chains, process.pid());
+  expect_counters(rec, 5, 2, 120, 60);
+  EXPECT_EQ(1U, rec->alive_seq);
+  EXPECT_EQ(1U, wex_sys_get_alive_seq(tid));
+  EXPECT_EQ(1, wex_alive_chains.count);
+}
+
+TEST_F(Registry, ANotifyResetRenewsTheCountersOrRegisters) {
+  const sleeper process;
+  const wex_reg_info first = thread_body(process.pid(), 5, 2, 120, 60);
+  const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
+  EXPECT_EQ(0, wex_notifier_reset(&first));
+  expect_counters(find(wex_alive_chains, process.pid()), 5, 2, 120, 60);
+  EXPECT_EQ(0, wex_notifier_reset(&second));
+  expect_counters(find(wex_alive_chains, process.pid()), 4, 4, 180, 0);
+  EXPECT_EQ(1, wex_alive_chains.count);
+}
+
+TEST_F(Registry, NotifyCountersAreKeptAsTheyCame) {
+  const sleeper process;
+  const wex_reg_info odd = thread_body(process.pid(), INT32_MIN, -1, INT32_MAX, INT32_MAX);
+  EXPECT_EQ(0, wex_notifier_start(&odd));
+  expect_counters(find(wex_alive_chains, process.pid()), INT32_MIN, -1, INT32_MAX, INT32_MAX);
+}
+
+TEST_F(Registry, ANotifyOfAThreadWithoutACommandLineIsRefused) {
+  const int32_t gone = end_of_a_pid();
+  const wex_reg_info body = thread_body(gone, 5, 5, 120, 0);
+  const printed out;
+  EXPECT_EQ(-1, wex_notifier_start(&body));
+  EXPECT_EQ(-1, wex_notifier_reset(&body));
+  for (const char* name : {"wex_notifier_start", "wex_notifier_reset"}) {
+    EXPECT_TRUE(out.has(text_of("]%s: fail to get pid %d's cmdline, ppid=%d\n", name, gone, getpid())));
+  }
+  EXPECT_EQ(0, wex_alive_chains.count);
+  EXPECT_EQ(0, wex_sys_isreg_alive_info(static_cast<uint32_t>(gone)));
+}
+
+// ---- Third-part programs
+// ------------------------------------------------------------------------------------
+
+TEST_F(Registry, AThirdPartProgramIsRegisteredInProcessWithItsFile) {
+  const sleeper process;
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART\n"));
+  const wex_pid* const rec = find(wex_chains, process.pid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(RESPAWN, rec->action);
+  EXPECT_EQ(process.command(), rec->process);
+  const std::string file = db_file(0, process);
+  EXPECT_EQ(text_of("%d\n2\n%s", process.pid(), process.command().c_str()), read_file(file));
+  const wex_cons_info cancel = {WEX_CANCEL_PROC, process.pid()};
+  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  EXPECT_FALSE(exists(file));
+}
+
+TEST_F(Registry, AThirdPartProgramMayHaveTheShellAction) {
+  const sleeper process;
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART"));
+  const wex_pid* const rec = find(wex_chains, process.pid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(SHELL_RESTART, rec->action);
+  EXPECT_STREQ("", rec->script);
+  EXPECT_EQ(text_of("%d\n3\n%s", process.pid(), process.command().c_str()), read_file(db_file(0, process)));
+}
+
+TEST_F(Registry, AThirdPartProgramCanBeRegisteredWithTheRegistryHeld) {
+  const sleeper process;
+  {
+    const chain_lock hold(wex_chains);
+    EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART"));
+    EXPECT_NE(nullptr, __wex_find_pid(&wex_chains, process.pid()));
+  }
+  std::thread([] {
+    EXPECT_EQ(0, pthread_mutex_trylock(&wex_chains.mutex)) << "the lock was kept";
+    pthread_mutex_unlock(&wex_chains.mutex);
+  }).join();
+}
+
+TEST_F(Registry, AThirdPartProgramIsRefusedWithoutAKeywordOrACommandLine) {
+  const sleeper process;
+  const int32_t gone = end_of_a_pid();
+  EXPECT_EQ(-1, wex_register_third_part(process.pid(), "\n"));
+  EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART"));
+  EXPECT_EQ(-1, wex_register_third_part(0, "WEX_RESTART"));
+  EXPECT_EQ(-1, wex_register_third_part(-1, "WEX_RESTART"));
+  EXPECT_EQ(0, wex_chains.count);
+  EXPECT_EQ(0, system("test -z \"$(ls /tmp/vsd/0/wex/db)\""));
+}
