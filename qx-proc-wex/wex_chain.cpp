@@ -74,13 +74,13 @@ void note_replaced(int32_t old_pid, int32_t new_pid) {
   replaced_next++;
 }
 
-// The newest entry of `pid` that is not too old, or null.
+// The newest replacement of `pid`, unless it is too old or led to no process; else null.
 const replacement* find_replaced(int32_t pid) {
-  const int32_t now = wex_clock_now();
   for (unsigned back = 1; back <= kReplacedKept; back++) {
     const replacement& entry = replaced[(replaced_next - back) % kReplacedKept];
-    if (entry.old_pid == pid && entry.new_pid > 0 && now - entry.time <= kReplacedKeepSec) {
-      return &entry;
+    if (entry.old_pid == pid) {
+      const int64_t age = int64_t{wex_clock_now()} - entry.time;
+      return entry.new_pid > 0 && age <= kReplacedKeepSec ? &entry : nullptr;
     }
   }
   return nullptr;
