@@ -9,42 +9,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <dirent.h>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "wex_dbg.h"
+#include "wex_test.h"
 
 namespace registry {
 
+using wex_test::eventually;
+using wex_test::exists;
+using wex_test::make_dirs;
+using wex_test::read_file;
+using wex_test::write_file;
 using namespace std::chrono_literals;
-
-inline bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
-inline void make_dirs(const std::string& path) {
-  for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
-    mkdir(path.substr(0, at).c_str(), 0777);
-    if (at == std::string::npos) {
-      return;
-    }
-  }
-}
 
 inline std::string db_dir(int vsd) {
   return "/tmp/vsd/" + std::to_string(vsd) + "/wex/db";
@@ -53,39 +36,8 @@ inline std::string db_file(int vsd, const std::string& name, int pid) {
   return db_dir(vsd) + "/" + name + "." + std::to_string(pid);
 }
 
-inline void write_file(const std::string& path, const std::string& text) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
-  ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
-  close(fd);
-}
-
-inline std::string read_file(const std::string& path) {
-  std::string text;
-  char chunk[4096];
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  for (ssize_t got; fd >= 0 && (got = read(fd, chunk, sizeof chunk)) > 0;) {
-    text.append(chunk, static_cast<size_t>(got));
-  }
-  if (fd >= 0) {
-    close(fd);
-  }
-  return text;
-}
-
-inline bool exists(const std::string& path) {
-  struct stat facts;
-  return lstat(path.c_str(), &facts) == 0;
-}
-
-inline int open_descriptors() {
-  int count = 0;
-  DIR* const dir = opendir("/proc/self/fd");
-  while (dir != nullptr && readdir(dir) != nullptr) {
-    ++count;
-  }
-  closedir(dir);
-  return count;
+inline size_t count_descriptors() {
+  return wex_test::open_descriptors().size();
 }
 
 // A child that lives until it is ended; `prepare` runs in it first and its result is what ready() tells.
@@ -190,23 +142,17 @@ class captured_output {
   std::string path_;
 };
 
-// Everything at an absolute path is private here, or no test runs at all.
-class world : public ::testing::Test {
- protected:
+// The world with the database directories of all domains, as the daemon's start leaves them.
+struct RegistryWorld : wex_test::WexWorld {
   void SetUp() override {
-    ASSERT_STREQ("1", getenv("WEX_SANDBOX")) << "start me through tools/sandbox";
-    ASSERT_EQ(0, prctl(PR_CAPBSET_READ, 22)) << "a restart of the machine would be real";
+    WexWorld::SetUp();
     umask(022);
     for (int vsd = 0; vsd < 16; ++vsd) {
       make_dirs(db_dir(vsd));
     }
-    before_ = open_descriptors();
+    before_ = count_descriptors();
   }
-  void TearDown() override {
-    EXPECT_EQ(before_, open_descriptors()) << "a descriptor outlived the test";
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child outlived the test";
-  }
-  int before_ = 0;
+  size_t before_ = 0;
 };
 
 }  // namespace registry

@@ -4,20 +4,20 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 
-#include "../harness/registry_files.h"
+#include "registry_files.h"
 #include "wex_chain.h"
 
 using namespace registry;
 
 namespace {
 
-class Pidfile : public world {
+class Pidfile : public RegistryWorld {
  protected:
   void TearDown() override {
     if (rec_ != nullptr) {
       wex_free_record(rec_);
     }
-    world::TearDown();
+    RegistryWorld::TearDown();
   }
   wex_pid* record(int vsd, int pid, const char* process) {
     if (rec_ == nullptr) {
@@ -214,10 +214,10 @@ TEST_F(Pidfile, PlantedFifoDirectoryAndLinkAreNotOpened) {
 TEST_F(Pidfile, FileLockedByAnotherIsLeftAndItsDescriptorClosed) {
   const service owner([] { return wex_db_create(0, 77, RESPAWN, "/a/foo") == 0; });
   ASSERT_TRUE(owner.ready());
-  const int fds = open_descriptors();
+  const size_t fds = count_descriptors();
   captured_output output;
   EXPECT_EQ(0, wex_db_create(0, 77, RESPAWN, "/a/foo"));
-  EXPECT_EQ(fds + 2, open_descriptors()) << "only the two of the captured output are new";
+  EXPECT_EQ(fds + 2, count_descriptors()) << "only the two of the captured output are new";
   EXPECT_NE(std::string::npos,
             output.text().find("[wex_pidfile]wex_db_create: file /tmp/vsd/0/wex/db/foo.77 fd < 0: Resource "
                                "temporarily unavailable\n"))
@@ -325,11 +325,11 @@ TEST_F(Pidfile, HeldFileStaysLockedThroughRegistrationsAndGoesWithTheFile) {
   for (int round = 0; round < 50; ++round) {
     ASSERT_EQ(0, wex_mk_pidfile_held(&body, 1));
     ASSERT_TRUE(is_locked_for_others(name)) << "round " << round;
-    ASSERT_EQ(before_ + 1, open_descriptors()) << "round " << round;
+    ASSERT_EQ(before_ + 1, count_descriptors()) << "round " << round;
   }
   EXPECT_EQ(0, wex_db_destroy(record(0, 88, "/a/held")));
   EXPECT_FALSE(exists(name));
-  EXPECT_EQ(before_, open_descriptors());
+  EXPECT_EQ(before_, count_descriptors());
 }
 
 TEST_F(Pidfile, HeldFilesAreToldApartByTheirWholeName) {
@@ -341,10 +341,10 @@ TEST_F(Pidfile, HeldFilesAreToldApartByTheirWholeName) {
     const wex_reg_info body = message(row.vsd, row.pid, row.process);
     ASSERT_EQ(0, wex_mk_pidfile_held(&body, 2));
   }
-  EXPECT_EQ(before_ + 4, open_descriptors());
+  EXPECT_EQ(before_ + 4, count_descriptors());
   EXPECT_EQ(0, wex_db_destroy(record(1, 90, "/a/one")));
   EXPECT_EQ(-1, wex_db_destroy(record(5, 90, "/a/one")));
-  EXPECT_EQ(before_ + 3, open_descriptors());
+  EXPECT_EQ(before_ + 3, count_descriptors());
   EXPECT_TRUE(is_locked_for_others(db_file(0, "one", 90)));
   for (const auto& row : rows) {
     wex_db_destroy(record(row.vsd, row.pid, row.process));
@@ -356,7 +356,7 @@ TEST_F(Pidfile, HeldFileOfAnotherProcessIsNotKept) {
   ASSERT_TRUE(owner.ready());
   const wex_reg_info body = message(0, 92, "/a/foo");
   EXPECT_EQ(0, wex_mk_pidfile_held(&body, 1));
-  EXPECT_EQ(before_, open_descriptors());
+  EXPECT_EQ(before_, count_descriptors());
 }
 
 TEST_F(Pidfile, DestroyingTellsWhatUnlinkTold) {
@@ -449,5 +449,5 @@ TEST_F(Pidfile, NothingHereKeepsADescriptor) {
   snprintf(rec->process, sizeof rec->process, "/a/foo");
   wex_proc_is_exit(rec);
   save_vsd_flag(5, 95);
-  EXPECT_EQ(before_, open_descriptors());
+  EXPECT_EQ(before_, count_descriptors());
 }
