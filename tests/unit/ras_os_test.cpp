@@ -1,0 +1,494 @@
+// ras_os: shared memory, semaphores, path builders and the hex dump, on the real kernel. Only failures that
+// no kernel can be talked into are made by standing in front of the C library.
+#include "ras_os.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/sem.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "ras_comp_config.h"
+#include "ras_os_sem.h"
+#include "unit_support.h"
+
+using namespace unit;
+
+namespace {
+
+struct fault {
+  std::atomic<int> times{0};  // how many calls fail from now on
+  std::atomic<int> error{0};
+  bool strikes() {
+    if (times.load() <= 0) {
+      return false;
+    }
+    --times;
+    errno = error;
+    return true;
+  }
+  void arm(int count, int with) {
+    error = with;
+    times = count;
+  }
+};
+
+fault ftok_fault;
+fault create_fault;  // semget with creation flags
+fault find_fault;    // semget without
+fault setval_fault;
+
+template <typename F>
+F* libc(const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" key_t ftok(const char* path, int project) noexcept {
+  return ftok_fault.strikes() ? key_t{-1} : libc<key_t(const char*, int)>("ftok")(path, project);
+}
+
+extern "C" int semget(key_t key, int count, int flags) noexcept {
+  fault& mine = (flags & IPC_CREAT) != 0 ? create_fault : find_fault;
+  return mine.strikes() ? -1 : libc<int(key_t, int, int)>("semget")(key, count, flags);
+}
+
+extern "C" int semctl(int id, int number, int command, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, command);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (command == SETVAL && setval_fault.strikes()) {
+    return -1;
+  }
+  return libc<int(int, int, int, ...)>("semctl")(id, number, command, argument);
+}
+
+namespace {
+
+constexpr char kObject[] = "/unit-object";
+constexpr char kObjectFile[] = "/dev/shm/unit-object";
+
+class RasOs : public Sandboxed {};
+class MutexSem : public Sandboxed {
+ protected:
+  void SetUp() override {
+    Sandboxed::SetUp();
+    write_file("/tmp/key", "");
+    drop("/tmp/key");
+  }
+  void TearDown() override {
+    drop("/tmp/key");
+    Sandboxed::TearDown();
+  }
+  static void drop(const char* path) {
+    const int id = semget(ftok(path, 1), 1, 0);
+    if (id >= 0) {
+      semctl(id, 0, IPC_RMID, nullptr);
+    }
+  }
+};
+class SystemSem : public MutexSem {
+ protected:
+  void SetUp() override {
+    MutexSem::SetUp();
+    write_file(WEX_SEM_KEY_FILE, "");
+    drop(WEX_SEM_KEY_FILE);
+    unlink(WEX_SEM_KEY_FILE);
+    g_wex_semid = -1;
+    set_levels(0, WEX_DBG_SILENT);
+  }
+  void TearDown() override {
+    write_file(WEX_SEM_KEY_FILE, "");
+    drop(WEX_SEM_KEY_FILE);
+    MutexSem::TearDown();
+  }
+};
+
+int value_of(int id) {
+  return semctl(id, 0, GETVAL, nullptr);
+}
+
+mode_t mode_of_set(int id) {
+  semid_ds status = {};
+  EXPECT_EQ(0, semctl(id, 0, IPC_STAT, &status));
+  return status.sem_perm.mode & 0777u;
+}
+
+void raise_count(int id) {
+  sembuf up = {0, 1, 0};
+  ASSERT_EQ(0, semop(id, &up, 1));
+}
+
+off_t size_of(const char* path) {
+  struct stat status = {};
+  return stat(path, &status) == 0 ? status.st_size : -1;
+}
+
+}  // namespace
+
+// ---- The lock between processes -----------------------------------------------------------------------
+
+TEST_F(MutexSem, TheFirstCreatesItOpenTheSecondFindsItUntouched) {
+  int first = -1;
+  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &first));
+  EXPECT_EQ(1, value_of(first));
+  EXPECT_EQ(0777u, mode_of_set(first));
+  ASSERT_EQ(0, ras_os_lock_mutex_sem(first));
+  in_child([&] {
+    int second = -1;
+    EXPECT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &second));
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(0, value_of(second)) << "still locked";
+  });
+  EXPECT_EQ(0, ras_os_unlock_mutex_sem(first));
+  EXPECT_EQ(1, value_of(first));
+}
+
+TEST_F(MutexSem, EachFailedStepHasItsNumber) {
+  int id = 77;
+  EXPECT_EQ(-2, ras_os_init_mutex_sem(nullptr, &id));
+  EXPECT_EQ(-2, ras_os_init_mutex_sem("/tmp/key", nullptr));
+  EXPECT_EQ(-3, ras_os_init_mutex_sem("/tmp/none", &id));
+  EXPECT_EQ(77, id);
+  create_fault.arm(1, ENOSPC);
+  EXPECT_EQ(-4, ras_os_init_mutex_sem("/tmp/key", &id));
+  EXPECT_EQ(-1, id);
+  setval_fault.arm(1, EACCES);
+  EXPECT_EQ(-6, ras_os_init_mutex_sem("/tmp/key", &id));
+  EXPECT_EQ(-1, semget(ftok("/tmp/key", 1), 1, 0)) << "the half-made set is removed";
+  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
+  find_fault.arm(1, EACCES);
+  EXPECT_EQ(-5, ras_os_init_mutex_sem("/tmp/key", &id));
+  EXPECT_EQ(-7, ras_os_lock_mutex_sem(-1));
+  EXPECT_EQ(-8, ras_os_unlock_mutex_sem(-1));
+}
+
+TEST_F(MutexSem, TheKernelGivesBackTheLockOfADeadHolder) {
+  int id = -1;
+  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
+  lasting_child holder([&] { EXPECT_EQ(0, ras_os_lock_mutex_sem(id)); });
+  EXPECT_EQ(0, value_of(id));
+  holder.end();
+  EXPECT_EQ(1, value_of(id));
+}
+
+TEST_F(MutexSem, AnInterruptedLockWaitsASecondAndGoesOn) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+  int id = -1;
+  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
+  ASSERT_EQ(0, ras_os_lock_mutex_sem(id));
+  int result = 1;
+  std::thread waiter([&] { result = ras_os_lock_mutex_sem(id); });
+  ASSERT_TRUE(eventually([&] { return semctl(id, 0, GETNCNT, nullptr) == 1; }));
+  pthread_kill(waiter.native_handle(), SIGUSR1);
+  ASSERT_TRUE(eventually([&] { return semctl(id, 0, GETNCNT, nullptr) == 0; }))
+      << "it left the queue to sleep";
+  EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
+  EXPECT_GE(time_of([&] { waiter.join(); }), milliseconds(900)) << "free, but it is still asleep";
+  EXPECT_EQ(0, result);
+  EXPECT_EQ(0, value_of(id));
+}
+
+// ---- Record memory ------------------------------------------------------------------------------------
+
+TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
+  const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
+  const int before = open_descriptors();
+  ras_os_record_memory_t memory = {};
+  int err = 99;
+  ASSERT_EQ(0, ras_os_init_record_memory(kObject, 184356, &memory, &err));
+  EXPECT_EQ(0, err);
+  EXPECT_STREQ(kObject, memory.name);
+  EXPECT_EQ((184356 + page - 1) / page * page, memory.size);
+  if (page == 4096) {
+    EXPECT_EQ(188416u, memory.size);
+  }
+  EXPECT_EQ(static_cast<off_t>(memory.size), size_of(kObjectFile));
+  EXPECT_EQ(before + 1, open_descriptors()) << "the object's descriptor stays open";
+  for (int fd = 3; fd < 64; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    struct stat status = {};
+    if (flags >= 0 && fstat(fd, &status) == 0 && status.st_size == static_cast<off_t>(memory.size)) {
+      EXPECT_NE(0, flags & FD_CLOEXEC);
+      close(fd);  // the mapping stays
+    }
+  }
+  ras_os_record_memory_t other = {};
+  in_child([&] {
+    ASSERT_EQ(0, ras_os_init_record_memory(kObject, 184356, &other, &err));
+    EXPECT_EQ(0, ras_os_write_record_memory(&other, "seen", 5, &err));
+  });
+  EXPECT_STREQ("seen", static_cast<char*>(memory.addr));
+  EXPECT_EQ(0, ras_os_close_record_memory(&memory, &err));
+  EXPECT_FALSE(exists(kObjectFile));
+}
+
+TEST_F(RasOs, PagesAreRoundedUp) {
+  in_child([] {
+    const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
+    const uint32_t sizes[][2] = {{1, page}, {page - 1, page}, {page, page}, {page + 1, 2 * page}};
+    for (const auto& row : sizes) {
+      ras_os_record_memory_t memory = {};
+      int err = 0;
+      ASSERT_EQ(0, ras_os_init_record_memory(kObject, row[0], &memory, &err));
+      EXPECT_EQ(row[1], memory.size) << row[0];
+      EXPECT_EQ(0, ras_os_close_record_memory(&memory, &err));
+    }
+  });
+}
+
+TEST_F(RasOs, ReadAndWriteStayInsideTheRegion) {
+  in_child([] {
+    ras_os_record_memory_t memory = {};
+    int err = 5;
+    ASSERT_EQ(0, ras_os_init_record_memory(kObject, 16, &memory, &err));
+    std::vector<char> out(memory.size, 'o');
+    std::vector<char> in(memory.size + 1, 'i');
+    EXPECT_EQ(0, ras_os_write_record_memory(&memory, out.data(), memory.size, &err));
+    EXPECT_EQ(-1, ras_os_read_record_memory(&memory, in.data(), memory.size + 1));
+    EXPECT_EQ('i', in[0]) << "copied nothing";
+    EXPECT_EQ(0, ras_os_read_record_memory(&memory, in.data(), memory.size));
+    EXPECT_EQ('o', in[memory.size - 1]);
+    EXPECT_EQ('i', in[memory.size]);
+    EXPECT_EQ(-1, ras_os_read_record_memory(nullptr, in.data(), 1));
+    EXPECT_EQ(-1, ras_os_read_record_memory(&memory, nullptr, 1));
+    EXPECT_EQ(-1, ras_os_read_record_memory(&memory, in.data(), 0));
+    EXPECT_EQ(-1, ras_os_write_record_memory(nullptr, out.data(), 1, &err));
+    EXPECT_EQ(-1, ras_os_write_record_memory(&memory, nullptr, 1, &err));
+    EXPECT_EQ(-1, ras_os_write_record_memory(&memory, out.data(), 0, &err));
+    EXPECT_EQ(-1, ras_os_write_record_memory(&memory, out.data(), memory.size + 1, &err));
+    EXPECT_EQ(-1, ras_os_write_record_memory(&memory, out.data(), 1, nullptr));
+    EXPECT_EQ(0, ras_os_close_record_memory(&memory, &err));
+  });
+}
+
+TEST_F(RasOs, MissingArgumentsAreRefusedBeforeAnythingIsMade) {
+  ras_os_record_memory_t memory = {};
+  int err = 0;
+  EXPECT_EQ(-1, ras_os_init_record_memory(nullptr, 1, &memory, &err));
+  EXPECT_EQ(-1, ras_os_init_record_memory(kObject, 0, &memory, &err));
+  EXPECT_EQ(-1, ras_os_init_record_memory(kObject, 1, nullptr, &err));
+  EXPECT_EQ(-1, ras_os_init_record_memory(kObject, 1, &memory, nullptr));
+  EXPECT_FALSE(exists(kObjectFile));
+  EXPECT_EQ(-1, ras_os_close_record_memory(nullptr, &err));
+  EXPECT_EQ(-1, ras_os_close_record_memory(&memory, nullptr));
+}
+
+TEST_F(RasOs, AnObjectThatCannotBeOpenedKeepsItsReason) {
+  ras_os_record_memory_t memory = {};
+  int err = 0;
+  EXPECT_EQ(-4, ras_os_init_record_memory("/a/b", 1, &memory, &err));
+  EXPECT_NE(0, err);
+  EXPECT_EQ(nullptr, memory.name);
+  ASSERT_EQ(0, mkdir(kObjectFile, 0755));
+  EXPECT_EQ(-4, ras_os_init_record_memory(kObject, 1, &memory, &errno))
+      << "errno itself may carry the reason";
+  EXPECT_EQ(EINVAL, errno) << "the library reports a directory so";
+  EXPECT_TRUE(exists(kObjectFile)) << "not ours to remove";
+}
+
+TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
+  write_file(kObjectFile, "older");
+  in_child([] {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = {4096, 4096};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    const int before = open_descriptors();
+    ras_os_record_memory_t memory = {};
+    int err = 0;
+    EXPECT_EQ(-5, ras_os_init_record_memory(kObject, 1 << 20, &memory, &err));
+    EXPECT_EQ(EFBIG, err);
+    EXPECT_EQ(before, open_descriptors()) << "a client that keeps trying must not run out of them";
+  });
+  EXPECT_FALSE(exists(kObjectFile));
+}
+
+TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
+  write_file(kObjectFile, "older");
+  in_child([] {
+    const int before = open_descriptors();
+    rlimit limit = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &limit));
+    const rlimit none = {1 << 20, limit.rlim_max};
+    ras_os_record_memory_t memory = {};
+    int err = 0;
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &none));
+    const int result = ras_os_init_record_memory(kObject, 64 << 20, &memory, &err);
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
+    EXPECT_EQ(-6, result);
+    EXPECT_EQ(ENOMEM, err);
+    EXPECT_EQ(before, open_descriptors());
+  });
+  EXPECT_FALSE(exists(kObjectFile));
+}
+
+TEST_F(RasOs, ASizeWithinAPageOf4GiBCannotBeMapped) {
+  ras_os_record_memory_t memory = {};
+  int err = 0;
+  EXPECT_EQ(-6, ras_os_init_record_memory(kObject, UINT32_MAX, &memory, &err));
+  EXPECT_EQ(EINVAL, err);
+}
+
+TEST_F(RasOs, ClosingTellsWhichStepFailed) {
+  in_child([] {
+    ras_os_record_memory_t memory = {};
+    int err = 0;
+    ASSERT_EQ(0, ras_os_init_record_memory(kObject, 1, &memory, &err));
+    unlink(kObjectFile);
+    EXPECT_EQ(-8, ras_os_close_record_memory(&memory, &err));
+    EXPECT_EQ(ENOENT, err);
+    memory.addr = reinterpret_cast<void*>(1);
+    EXPECT_EQ(-7, ras_os_close_record_memory(&memory, &err));
+    EXPECT_EQ(EINVAL, err);
+    free(memory.name);
+  });
+}
+
+TEST_F(RasOs, CloseOnExecIsAddedToADescriptor) {
+  const int fd = dup(0);
+  EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  EXPECT_EQ(0, ras_os_set_fd_close_on_exec(fd));
+  EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  close(fd);
+  EXPECT_EQ(-1, ras_os_set_fd_close_on_exec(fd));
+  EXPECT_EQ(-1, ras_os_set_fd_close_on_exec(-1));
+}
+
+// ---- Paths and dump -----------------------------------------------------------------------------------
+
+TEST_F(RasOs, APathIsJoinedWhenItFitsWithItsEnd) {
+  char out[8] = "before";
+  EXPECT_EQ(0, ras_make_vsd_path("/ab", "/cde", out, sizeof(out)));
+  EXPECT_STREQ("/ab/cde", out);
+  EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_path, N>:not enough path memory(prefix:/abc, suffix:/cde, len:8)!\n",
+            lines_of([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
+  EXPECT_STREQ("/ab/cde", out);
+  EXPECT_EQ(-1, ras_make_vsd_path(nullptr, "", out, sizeof(out)));
+}
+
+TEST_F(RasOs, TheDataPathStartsAtTheDirectoryOfTheEnvironment) {
+  char out[RAS_PATH_SIZE];
+  setenv(RAS_DATA_OVIX_ENV, "/data/.ovix/vsd/3", 1);
+  EXPECT_EQ(0, ras_make_vsd_data_ovix_path("/x", out));
+  EXPECT_STREQ("/data/.ovix/vsd/3/x", out);
+}
+
+TEST_F(RasOs, ADumpOfTwentyBytesHasAPaddedLastLine) {
+  const char bytes[] = "0123 56789ABCDEF\x7f\xff\nz";
+  char heading[64];
+  snprintf(heading, sizeof(heading), "dump tag msg(addr:%p, len:20):\n", static_cast<const void*>(bytes));
+  const std::string rule = "---------+-------------------------------------------------+-----------------\n";
+  int result = 0;
+  EXPECT_EQ(
+      heading +
+          std::string(" Offset  |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F | 0123456789ABCDEF\n") +
+          rule + "00000000 | 30 31 32 33 20 35 36 37 38 39 41 42 43 44 45 46 | 0123.56789ABCDEF\n" +
+          "00000010 | 7F FF 0A 7A                                     | ...z\n" + rule,
+      output_of([&] { result = ras_os_dump_msg("tag", bytes, 20); }));
+  EXPECT_EQ(static_cast<int>(rule.size()), result);
+}
+
+TEST_F(RasOs, ADumpOfSixteenBytesHasNoPartialLine) {
+  const std::string text = output_of([] { ras_os_dump_msg("t", "abcdefghijklmnop", 16); });
+  EXPECT_EQ(5, std::count(text.begin(), text.end(), '\n')) << text;
+  EXPECT_NE(std::string::npos,
+            text.find("00000000 | 61 62 63 64 65 66 67 68 69 6A 6B 6C 6D 6E 6F 70 | abcdefghijklmnop\n"));
+}
+
+TEST_F(RasOs, ADumpOfNothingIsRefused) {
+  int result = 0;
+  const std::string expected = "argument err(prx:(nil), msg:(nil), len0)!\n";
+  EXPECT_EQ(expected, output_of([&] { result = ras_os_dump_msg(nullptr, nullptr, 0); }));
+  EXPECT_EQ(static_cast<int>(expected.size()), result);
+  EXPECT_EQ(0u, output_of([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
+}
+
+// ---- The system semaphore -----------------------------------------------------------------------------
+
+TEST_F(SystemSem, IsCreatedAtZeroWithItsKeyFile) {
+  umask(0);
+  EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_sem_init()); }));
+  EXPECT_GE(g_wex_semid, 0);
+  EXPECT_EQ(0754u, mode_of_set(g_wex_semid));
+  EXPECT_EQ(0754u, mode_of(WEX_SEM_KEY_FILE));
+  EXPECT_EQ(0, wex_get_semval());
+  raise_count(g_wex_semid);
+  EXPECT_EQ(1, wex_get_semval());
+  EXPECT_EQ(g_wex_semid, wex_get_semid()) << "what a client finds";
+}
+
+TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
+  ASSERT_EQ(0, wex_sem_init());
+  const int id = g_wex_semid;
+  raise_count(id);
+  g_wex_semid = -1;
+  EXPECT_EQ("[WEX:ras_os:N]System wex semaphore already inited.",
+            lines_of([] { EXPECT_EQ(0, wex_sem_init()); }));
+  EXPECT_EQ(-1, g_wex_semid);
+  EXPECT_EQ(1, wex_get_semval());
+  EXPECT_EQ(id, g_wex_semid) << "the first look finds it";
+}
+
+TEST_F(SystemSem, AKeyFileThatCannotBeOpenedIsSaid) {
+  ASSERT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0755));
+  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Is a directory.",
+            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+  rmdir(WEX_SEM_KEY_FILE);
+}
+
+TEST_F(SystemSem, EachFailedStepOfCreationIsSaid) {
+  ftok_fault.arm(1, EIO);
+  EXPECT_EQ("[WEX:ras_os:N]Get sem file key failed: Input/output error.",
+            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+  create_fault.arm(1, ENOSPC);
+  EXPECT_EQ("[WEX:ras_os:N]Get wex sem on init failed: No space left on device.",
+            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+  EXPECT_EQ(-1, g_wex_semid);
+  setval_fault.arm(1, ERANGE);
+  EXPECT_EQ("[WEX:ras_os:N]Set wex sem initial value failed: Numerical result out of range.",
+            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+  EXPECT_NE(-1, g_wex_semid) << "keeps the id of the set it removed";
+  EXPECT_EQ(-1, semget(ftok(WEX_SEM_KEY_FILE, 1), 1, 0));
+}
+
+TEST_F(SystemSem, AMissingKeyFileOrSetIsSaidTwice) {
+  EXPECT_EQ(
+      "[WEX:wex:N]Get sem file key failed: No such file or directory."
+      "[WEX:ras_os:N]wex get semid failed!\n",
+      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+  write_file(WEX_SEM_KEY_FILE, "");
+  EXPECT_EQ(
+      "[WEX:wex:N]Get wex sem failed: No such file or directory."
+      "[WEX:ras_os:N]wex get semid failed!\n",
+      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+  EXPECT_EQ(-1, g_wex_semid);
+}
+
+TEST_F(SystemSem, ASetRemovedFromOutsideStaysLost) {
+  ASSERT_EQ(0, wex_sem_init());
+  semctl(g_wex_semid, 0, IPC_RMID, nullptr);
+  const std::string line = lines_of([] { EXPECT_EQ(-1, wex_get_semval()); });
+  EXPECT_EQ(0u, line.find("[WEX:ras_os:N]Get wex sem count failed: ")) << line;
+  EXPECT_EQ('.', line.back());
+  ASSERT_EQ(0, wex_sem_init());
+  g_wex_semid = -1;
+  EXPECT_EQ(0, wex_get_semval());
+}
+
+TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsTriedEverySecond) {
+  ASSERT_EQ(0, wex_sem_init());
+  g_wex_semid = -1;
+  ftok_fault.arm(2, ENOMEM);
+  const milliseconds taken = time_of([] { EXPECT_EQ(0, wex_get_semval()); });
+  EXPECT_GE(taken, milliseconds(2000));
+  EXPECT_LT(taken, milliseconds(4000));
+}

@@ -1,0 +1,420 @@
+// wex_log: the four records and the reboot. The kernel refuses the reboot here: a case that could really
+// restart the machine fails before it calls anything.
+#include "wex_log.h"
+
+#include <sys/prctl.h>
+#include <utime.h>
+
+#include "unit_support.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+
+using namespace unit;
+
+namespace {
+
+constexpr char kTimeText[] = "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}";
+
+void make_parents(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    mkdir(path.substr(0, slash).c_str(), 0755);
+  }
+}
+
+bool matches(const std::string& text, const std::string& expression) {
+  return std::regex_match(text, std::regex(expression));
+}
+
+// With every time stamp as "T".
+std::string without_times(const std::string& text) {
+  return std::regex_replace(text, std::regex(kTimeText), "T");
+}
+
+std::string of_size(off_t size) {
+  return std::string(static_cast<size_t>(size), 'o');
+}
+
+void set_time(const char* path, time_t when) {
+  const utimbuf times = {when, when};
+  ASSERT_EQ(0, utime(path, &times));
+}
+
+class RunningLog : public Sandboxed {
+ protected:
+  void SetUp() override {
+    Sandboxed::SetUp();
+    make_parents(kRunningLog1);
+    unlink(kRunningLog1);
+    unlink(kRunningLog2);
+  }
+};
+class EventLog : public Sandboxed {};
+class NotifyRing : public Sandboxed {
+ protected:
+  static void report(const char* text) { wex_log_notify_info(kNotifyLog, "%s\n", text); }
+};
+class RebootRecord : public Sandboxed {};
+class Reboot : public Sandboxed {
+ protected:
+  void SetUp() override {
+    Sandboxed::SetUp();
+    const std::string status = contents("/proc/self/status");
+    std::smatch sets;
+    auto from = status.cbegin();
+    int seen = 0;
+    for (; std::regex_search(from, status.cend(), sets, std::regex("Cap(Prm|Eff|Bnd):\t([0-9a-f]+)"));
+         from = sets[0].second, ++seen) {
+      ASSERT_EQ(0u, std::stoull(sets[2], nullptr, 16) >> 22 & 1)
+          << "CAP_SYS_BOOT: this could restart the machine";
+    }
+    ASSERT_EQ(3, seen);
+    ASSERT_EQ(0, mount("unit", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
+    ASSERT_EQ(0, mkdir(WEX_LOWMEM, 0755));
+    write_file(kRebootSeconds, "");
+    unlink(kNoReboot);
+  }
+  void TearDown() override {
+    unlink(kNoReboot);
+    umount2("/sys/kernel", MNT_DETACH);
+    Sandboxed::TearDown();
+  }
+  static void expect_nothing_happened() {
+    EXPECT_FALSE(exists(kRebootLog));
+    EXPECT_EQ("", contents(kRebootSeconds));
+  }
+};
+
+}  // namespace
+
+// ---- Running log --------------------------------------------------------------------------------------
+
+TEST_F(RunningLog, AnEntryIsTheLocalTimeAndTheMessageAsItIs) {
+  wex_running_log("Start.\r\n");
+  wex_running_log("%s %d\n", "number", 2);
+  EXPECT_TRUE(matches(contents(kRunningLog1),
+                      "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}: Start\\.\r\n"
+                      "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}: number 2\n"))
+      << contents(kRunningLog1);
+  EXPECT_FALSE(exists(kRunningLog2));
+}
+
+TEST_F(RunningLog, IsAlsoPrinted) {
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ("[WEX:wex_log:N]Start.\r\n", lines_of([] { wex_running_log("Start.\r\n"); }));
+  set_levels(WEX_DBG_SILENT, 0);
+  EXPECT_EQ("", output_of([] { wex_running_log("Start.\r\n"); }));
+}
+
+TEST_F(RunningLog, AMessageIsCutAt255Characters) {
+  wex_running_log("%s", std::string(1000, 'm').c_str());
+  EXPECT_EQ(19u + 2u + 255u, contents(kRunningLog1).size());
+}
+
+TEST_F(RunningLog, AFileBelowTheLimitTakesTheEntryAFullOneDoesNot) {
+  write_file(kRunningLog1, of_size(102399));
+  wex_running_log("a\n");
+  EXPECT_EQ(102399u + 23u, contents(kRunningLog1).size());
+  EXPECT_FALSE(exists(kRunningLog2));
+  write_file(kRunningLog1, of_size(102400));
+  wex_running_log("b\n");
+  EXPECT_EQ(102400u, contents(kRunningLog1).size());
+  EXPECT_EQ(23u, contents(kRunningLog2).size());
+}
+
+TEST_F(RunningLog, TheFirstFileIsTakenAgainOnceItIsShort) {
+  write_file(kRunningLog1, "short\n");
+  write_file(kRunningLog2, of_size(102400));
+  wex_running_log("c\n");
+  EXPECT_EQ(6u + 23u, contents(kRunningLog1).size());
+}
+
+TEST_F(RunningLog, OfTwoFullFilesTheOlderIsEmptied) {
+  const struct {
+    time_t first;
+    time_t second;
+    const char* emptied;
+  } rows[] = {{1000, 2000, kRunningLog1}, {2000, 2000, kRunningLog1}, {2001, 2000, kRunningLog2}};
+  for (const auto& row : rows) {
+    write_file(kRunningLog1, of_size(102400));
+    write_file(kRunningLog2, of_size(102401));
+    set_time(kRunningLog1, row.first);
+    set_time(kRunningLog2, row.second);
+    wex_running_log("d\n");
+    const bool first = row.emptied == kRunningLog1;
+    EXPECT_EQ(first ? 23u : 102400u, contents(kRunningLog1).size());
+    EXPECT_EQ(first ? 102401u : 23u, contents(kRunningLog2).size());
+  }
+}
+
+TEST_F(RunningLog, WhatCannotBeLookedAtIsRemovedAndBegunAnew) {
+  ASSERT_EQ(0, symlink(kRunningLog1, kRunningLog1));  // a circle: neither missing nor readable
+  wex_running_log("e\n");
+  EXPECT_EQ(23u, contents(kRunningLog1).size());
+}
+
+TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
+  ASSERT_EQ(0, mkfifo(kRunningLog1, 0777));
+  EXPECT_EQ("", output_of([] { wex_running_log("f\n"); }));
+  EXPECT_FALSE(exists(kRunningLog2));
+  unlink(kRunningLog1);
+}
+
+TEST_F(RunningLog, EntriesOfManyThreadsStayWhole) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([i] {
+      for (int n = 0; n < 25; ++n) {
+        wex_running_log("thread %d says something of some length\n", i);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_TRUE(matches(contents(kRunningLog1),
+                      "([0-9/]{10} [0-9:]{8}: thread [0-3] says something of some length\n){100}"));
+}
+
+// ---- Event log ----------------------------------------------------------------------------------------
+
+TEST_F(EventLog, AnEntryIsTimeBlankMessageNewline) {
+  write_file("/tmp/log", "before\n");
+  ASSERT_EQ(0, wex_openlog("/tmp/log"));
+  wex_log("restart %s %d", "app", 7);
+  wex_log("%s", "");
+  EXPECT_EQ("before\nT restart app 7\nT \n", without_times(contents("/tmp/log")));
+  wex_closelog();
+}
+
+TEST_F(EventLog, WithoutAnOpenLogNothingIsWritten) {
+  wex_log("lost");
+  wex_closelog();
+  ASSERT_EQ(0, wex_openlog("/tmp/log"));
+  wex_closelog();
+  wex_log("lost too");
+  wex_closelog();
+  EXPECT_EQ("", contents("/tmp/log"));
+}
+
+TEST_F(EventLog, ALogThatCannotBeOpenedLeavesNoneOpen) {
+  EXPECT_EQ(-1, wex_openlog("/tmp/none/log"));
+  ASSERT_EQ(0, mkfifo("/tmp/fifo", 0777));
+  EXPECT_EQ(-1, wex_openlog("/tmp/fifo"));
+  wex_log("lost");
+}
+
+TEST_F(EventLog, OpeningTwiceTakesTheSecondAndLosesNoDescriptor) {
+  ASSERT_EQ(0, wex_openlog("/tmp/log1"));
+  ASSERT_EQ(0, wex_openlog("/tmp/log2"));
+  wex_log("x");
+  wex_closelog();
+  EXPECT_EQ("", contents("/tmp/log1"));
+  EXPECT_EQ("T x\n", without_times(contents("/tmp/log2")));
+}
+
+TEST_F(EventLog, AnOverlongEntryIsCutAndStillEndsItsLine) {
+  ASSERT_EQ(0, wex_openlog("/tmp/log"));
+  wex_log("%s", std::string(20000, 'x').c_str());
+  wex_log("next");
+  wex_closelog();
+  const std::string text = without_times(contents("/tmp/log"));
+  EXPECT_NE(std::string::npos, text.find("xxx\nT next\n"));
+  EXPECT_LT(text.size(), 8300u);
+}
+
+TEST_F(EventLog, ItsDescriptorIsCloseOnExec) {
+  ASSERT_EQ(0, wex_openlog("/tmp/log"));
+  for (int fd = 3; fd < 64; ++fd) {
+    struct stat status = {};
+    struct stat named = {};
+    if (fstat(fd, &status) == 0 && stat("/tmp/log", &named) == 0 && status.st_ino == named.st_ino &&
+        status.st_dev == named.st_dev) {
+      EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    }
+  }
+  wex_closelog();
+}
+
+// ---- Hang ring ----------------------------------------------------------------------------------------
+
+TEST_F(NotifyRing, AnEntryIsTwoLinesAndAdvancesTheCounter) {
+  report("first");
+  EXPECT_EQ("T first\n\n", without_times(contents(kNotifyLog)));
+  EXPECT_EQ("1", contents(kNotifyCount));
+  report("second");
+  EXPECT_EQ("T first\n\nT second\n\n", without_times(contents(kNotifyLog)));
+  EXPECT_EQ("2", contents(kNotifyCount));
+}
+
+TEST_F(NotifyRing, TheEleventhEntryOverwritesTheFirst) {
+  std::string expected = "T entry K\n\n";
+  for (char c = 'A'; c <= 'K'; ++c) {
+    report((std::string("entry ") + c).c_str());
+    if (c > 'A' && c < 'K') {
+      expected += std::string("T entry ") + c + "\n\n";
+    }
+  }
+  EXPECT_EQ(expected, without_times(contents(kNotifyLog)));
+  EXPECT_EQ("1", contents(kNotifyCount));
+}
+
+TEST_F(NotifyRing, AShorterEntryLeavesTheTailOfTheOldOne) {
+  report("a long old entry");
+  report("second");
+  write_file(kNotifyCount, "0");
+  report("new");
+  EXPECT_EQ("T new\n\ng old entry\n\nT second\n\n", without_times(contents(kNotifyLog)).substr(0, 200))
+      << "overwritten byte for byte";
+}
+
+TEST_F(NotifyRing, ALineOver127CharactersCountsTwice) {
+  write_file(kNotifyLog, std::string(130, 'x') + "\n\nnext\n\n");
+  write_file(kNotifyCount, "1");
+  report("here");
+  EXPECT_EQ(std::string(130, 'x') + "\nT here\n\n", without_times(contents(kNotifyLog)).substr(0, 140))
+      << "two reads end behind the long line, not behind the empty one";
+}
+
+TEST_F(NotifyRing, WithoutItsCounterTheRingBeginsAnew) {
+  report("old");
+  report("old");
+  ASSERT_EQ(0, unlink(kNotifyCount));
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ(
+      "[WEX:wex_log:N]file: /data/.wex_notify_count not exist!\n"
+      "[WEX:wex_log:N]unlink file: /data/.wex_notify!\n",
+      lines_of([] { report("new"); }));
+  EXPECT_EQ("T new\n\n", without_times(contents(kNotifyLog)));
+  EXPECT_EQ("1", contents(kNotifyCount));
+}
+
+TEST_F(NotifyRing, WithoutTheRingItselfTheFirstSlotIsTaken) {
+  write_file(kNotifyCount, "7");
+  report("new");
+  EXPECT_EQ("T new\n\n", without_times(contents(kNotifyLog)));
+  EXPECT_EQ("1", contents(kNotifyCount));
+}
+
+TEST_F(NotifyRing, TheCounterIsTakenAsItStands) {
+  const struct {
+    const char* count;
+    const char* next;
+    const char* ring;
+  } rows[] = {{"9", "0", "a\nb\nT n\n\n"},
+              {"42", "3", "a\nb\nT n\n\n"},
+              {"2147483647", "8", "a\nb\nT n\n\n"},
+              {"99999999999", "8", "a\nb\nT n\n\n"},
+              {"-2", "1", "T n\n\n"},
+              {"text", "1", nullptr},
+              {"", "1", nullptr},
+              {" 1x", "2", "a\nb\nT n\n\n"},
+              {"-1", "-1", "a\nb\n"},
+              {"-5", "-4", nullptr}};
+  for (const auto& row : rows) {
+    write_file(kNotifyLog, "a\nb\n");
+    write_file(kNotifyCount, row.count);
+    report("n");
+    EXPECT_EQ(row.next, contents(kNotifyCount)) << row.count;
+    EXPECT_EQ(row.ring == nullptr ? "T n\n\n" : row.ring, without_times(contents(kNotifyLog))) << row.count;
+  }
+}
+
+TEST_F(NotifyRing, AnUnreadableCounterIsSaidAndNothingWritten) {
+  ASSERT_EQ(0, mkdir(kNotifyCount, 0755));
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ("[WEX:wex_log:N]wex_log_notify_get_count error!\n", lines_of([] { report("n"); }));
+  EXPECT_FALSE(exists(kNotifyLog));
+}
+
+TEST_F(NotifyRing, ACounterThatCannotBeWrittenIsSaid) {
+  ASSERT_EQ(0, symlink("/data/none/count", kNotifyCount));  // missing when read, not to be made when written
+  set_levels(0, WEX_DBG_SILENT);
+  const std::string lines = lines_of([] { report("n"); });
+  EXPECT_NE(std::string::npos, lines.find("[WEX:wex_log:N]wex_log_notify_update_count error!\n")) << lines;
+  EXPECT_EQ("T n\n\n", without_times(contents(kNotifyLog)));
+}
+
+TEST_F(NotifyRing, CounterCallsTellMissingFromUnreadableFromText) {
+  EXPECT_EQ(-2, wex_log_notify_get_count("/data/none"));
+  EXPECT_EQ(-1, wex_log_notify_get_count("/data"));
+  write_file("/data/c", "abc");
+  EXPECT_EQ(0, wex_log_notify_get_count("/data/c"));
+  EXPECT_EQ(0, wex_log_notify_update_count("/data/c", 4));
+  EXPECT_EQ("4", contents("/data/c")) << "without a newline, without what was longer";
+  EXPECT_EQ(4, wex_log_notify_get_count("/data/c"));
+  EXPECT_EQ(-1, wex_log_notify_update_count("/data/none/c", 4));
+}
+
+// ---- Reboot record and reboot -------------------------------------------------------------------------
+
+TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
+  wex_log_record_reboot_info("/data/record", "%s", "why\n");
+  wex_log_record_reboot_info("/data/record", "%s%d", "again ", 2);
+  EXPECT_EQ("T why\n\nT again 2\n", without_times(contents("/data/record")));
+  wex_log_record_reboot_info("/data/none/record", "lost");
+}
+
+TEST_F(Reboot, RecordsTheReasonThenAsksTheKernelAfterASecond) {
+  set_levels(0, WEX_DBG_SILENT);
+  errno = 0;
+  milliseconds taken(0);
+  EXPECT_EQ("[WEX:wex_log:N]wex reboot reason:too many\n\n",
+            lines_of([&] { taken = time_of([] { wex_reboot("too many\n", nullptr); }); }));
+  EXPECT_GE(taken, milliseconds(1000));
+  EXPECT_EQ("T too many\n\n", without_times(contents(kRebootLog)));
+  EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
+}
+
+TEST_F(Reboot, IsRefusedByTheKernelAndReturns) {
+  errno = 0;
+  wex_reboot("r", "detail");
+  EXPECT_EQ(EPERM, errno);
+  EXPECT_EQ("T rdetail\n\n", without_times(contents(kRebootLog)));
+}
+
+TEST_F(Reboot, WithoutTheKernelModuleTheRestStillHappens) {
+  unlink(kRebootSeconds);
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ(
+      "[WEX:wex_log:N]wex reboot reason:r\n"
+      "[WEX:wex_utils:N]safe_write_path: fd < 0: No such file or directory\n",
+      lines_of([] { wex_reboot("r", nullptr); }));
+  EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
+}
+
+TEST_F(Reboot, WithoutAReasonNothingHappens) {
+  EXPECT_EQ("", output_of([] { wex_reboot(nullptr, "detail"); }));
+  expect_nothing_happened();
+}
+
+TEST_F(Reboot, TheOperatorsFileForbidsItWithoutAWord) {
+  write_file(kNoReboot, "");
+  set_levels(0, 0);
+  EXPECT_EQ("", output_of([] { wex_reboot("r", nullptr); }));
+  expect_nothing_happened();
+}
+
+TEST_F(Reboot, AZeroInTheSwitchForbidsIt) {
+  set_levels(0, 0);
+  for (const char* const text : {"0", "0\n", " 0", "-0", "0abc", "0x5", "000"}) {
+    write_file(kRebootSwitch, text);
+    EXPECT_EQ("", output_of([] { wex_reboot("r", nullptr); })) << text;
+    expect_nothing_happened();
+  }
+}
+
+TEST_F(Reboot, AnythingElseInTheSwitchAllowsIt) {
+  std::string expected;
+  for (const char* const text : {"1", "", "no", "-1", "4294967296"}) {
+    write_file(kRebootSwitch, text);
+    wex_reboot(text, nullptr);
+    expected += std::string("T ") + text + "\n";
+  }
+  EXPECT_EQ(expected, without_times(contents(kRebootLog)));
+}
+
+TEST_F(Reboot, AFifoInPlaceOfTheSwitchStopsNobody) {
+  ASSERT_EQ(0, mkfifo(kRebootSwitch, 0777));
+  wex_reboot("r", nullptr);
+  EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
+}

@@ -1,0 +1,267 @@
+// wex_sys_alive: the shared table, to the byte. The table is mapped once a process, so each case has a
+// process of its own.
+#include "wex_sys_alive.h"
+
+#include <sys/mman.h>
+
+#include "unit_support.h"
+#include "wex_alive_guard.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+
+using namespace unit;
+
+namespace {
+
+class AliveTable : public Sandboxed {};
+
+constexpr uint32_t kLastTid = 163839;
+
+uint8_t byte_at(size_t offset) {
+  const std::string table = contents(kAliveTableFile);
+  return offset < table.size() ? static_cast<uint8_t>(table[offset]) : uint8_t{0xee};
+}
+
+void set_byte(off_t offset, uint8_t byte) {
+  const int fd = open(kAliveTableFile, O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(1, pwrite(fd, &byte, 1, offset));
+  close(fd);
+}
+
+// An object as an earlier daemon left it: every byte 0xff.
+void leave_old_table() {
+  umask(0022);
+  write_file(kAliveTableFile, std::string(188416, '\xff'), 0600);
+}
+
+}  // namespace
+
+TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
+  leave_old_table();
+  in_child([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); });
+  const std::string table = contents(kAliveTableFile);
+  ASSERT_EQ(188416u, table.size());
+  uint32_t size = 0;
+  memcpy(&size, &table[8], sizeof(size));
+  EXPECT_EQ(184356u, size);
+  EXPECT_EQ(std::string(8, '\xff'), table.substr(0, 8)) << "reserved";
+  EXPECT_EQ(std::string(20, '\xff'), table.substr(12, 20)) << "reserved";
+  EXPECT_EQ(std::string(20481 + 163840, '\0'), table.substr(32, 184353 - 32));
+  EXPECT_EQ(std::string(188416 - 184353, '\xff'), table.substr(184353)) << "the tail is not cleared";
+}
+
+TEST_F(AliveTable, MappingWithoutClearingLeavesItAsItIs) {
+  leave_old_table();
+  in_child([] {
+    EXPECT_EQ(0, wex_sys_init_alive_info(0));
+    EXPECT_EQ(1, wex_sys_isreg_alive_info(5));
+  });
+  EXPECT_EQ(std::string(188416, '\xff'), contents(kAliveTableFile));
+}
+
+TEST_F(AliveTable, TheObjectIsOpenToEveryUser) {
+  umask(0077);
+  in_child([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); });
+  EXPECT_EQ(0777u, mode_of(kAliveTableFile));
+}
+
+TEST_F(AliveTable, TheHandleHoldsTheMapping) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    EXPECT_STREQ("/UTILS-wex-shm-001", g_wex_alive_info.memory.name);
+    EXPECT_EQ(188416u, g_wex_alive_info.memory.size);
+    EXPECT_EQ(g_wex_alive_info.memory.addr, g_wex_alive_info.base);
+  });
+}
+
+TEST_F(AliveTable, ARegistrationIsOneBitAndASequenceOfOne) {
+  for (const bool daemon : {true, false}) {
+    in_child([daemon] {
+      ASSERT_EQ(0, wex_sys_init_alive_info(daemon));
+      for (const uint32_t tid : {0u, 7u, 8u, 12345u, kLastTid}) {
+        EXPECT_EQ(0, wex_sys_isreg_alive_info(tid));
+        EXPECT_EQ(0, wex_sys_reg_alive_info(tid));
+        EXPECT_EQ(1 << (tid % 8), byte_at(32 + tid / 8) & (1 << (tid % 8)));
+        EXPECT_EQ(1, byte_at(20513 + tid));
+        EXPECT_EQ(1, wex_sys_isreg_alive_info(tid));
+        EXPECT_EQ(1u, wex_sys_get_alive_seq(tid));
+      }
+      EXPECT_EQ(0x81, byte_at(32)) << "threads 0 and 7";
+      EXPECT_EQ(0, wex_sys_unreg_alive_info(7));
+      EXPECT_EQ(0x01, byte_at(32));
+      EXPECT_EQ(0, byte_at(20513 + 7));
+      EXPECT_EQ(0, wex_sys_isreg_alive_info(7));
+      EXPECT_EQ(1, wex_sys_isreg_alive_info(0)) << "its neighbour";
+      for (const uint32_t tid : {0u, 8u, 12345u, kLastTid}) {
+        wex_sys_unreg_alive_info(tid);
+      }
+    });
+  }
+}
+
+TEST_F(AliveTable, TheLastThreadIdIsTheLastBitAndByte) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    wex_sys_reg_alive_info(kLastTid);
+  });
+  EXPECT_EQ(0x80, byte_at(20511));
+  EXPECT_EQ(0, byte_at(20512)) << "never used";
+  EXPECT_EQ(1, byte_at(184352));
+  EXPECT_EQ(0, byte_at(184353));
+}
+
+TEST_F(AliveTable, IdsOutsideAreRefusedByEveryCall) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    set_levels(WEX_DBG_SILENT, 0);
+    const struct {
+      uint32_t tid;
+      const char* text;
+    } rows[] = {{163840, "163840"}, {static_cast<uint32_t>(-1), "-1"}, {0x80000000u, "-2147483648"}};
+    for (const auto& row : rows) {
+      const std::string line = std::string("[WEX:wex_sys_alive:N]pid err(pid:") + row.text + ")!\r\n";
+      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_reg_alive_info(row.tid)); }));
+      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_unreg_alive_info(row.tid)); }));
+      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_update_alive_seq(row.tid)); }));
+      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(UINT32_MAX, wex_sys_get_alive_seq(row.tid)); }));
+      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(0, wex_sys_isreg_alive_info(row.tid)); }));
+      EXPECT_EQ(-1, wex_alive_read_seq(row.tid));
+      EXPECT_EQ(-1, wex_alive_read_bit(row.tid));
+    }
+    set_levels(0, WEX_DBG_SILENT);
+    EXPECT_EQ("", output_of([] { wex_sys_reg_alive_info(163840); })) << "a line of the alive level";
+  });
+}
+
+TEST_F(AliveTable, ReportsCountFromOneTo255AndStartOverAtOne) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(0));
+    wex_sys_reg_alive_info(77);
+    for (uint32_t expected = 2; expected <= 255; ++expected) {
+      ASSERT_EQ(0, wex_sys_update_alive_seq(77));
+      ASSERT_EQ(expected, wex_sys_get_alive_seq(77));
+    }
+    wex_sys_update_alive_seq(77);
+    EXPECT_EQ(1u, wex_sys_get_alive_seq(77));
+    EXPECT_EQ(0, wex_sys_update_alive_seq(78)) << "does not look at the bit";
+    EXPECT_EQ(1u, wex_sys_get_alive_seq(78));
+  });
+}
+
+TEST_F(AliveTable, AClientThatDoesNotOwnTheTableHearsOnceThatItFailed) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    wex_sys_reg_alive_info(9);
+  });
+  in_child([] {
+    ASSERT_EQ(0, setgid(kOtherUser));
+    ASSERT_EQ(0, setuid(kOtherUser));
+    set_levels(0, 0);
+    EXPECT_EQ(
+        "[WEX:wex_sys_alive:N]change mode failed!\r\n[WEX:wex_sys_alive:N]fail to init "
+        "alive_info(ret:-1)!!!\n",
+        lines_of([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(9)); }));
+    EXPECT_EQ("", output_of([] { EXPECT_EQ(1, wex_sys_isreg_alive_info(9)); }));
+    EXPECT_EQ(0, wex_sys_init_alive_info(0));
+    EXPECT_EQ(0, wex_sys_update_alive_seq(9));
+    EXPECT_EQ(2u, wex_sys_get_alive_seq(9));
+  });
+  EXPECT_EQ(2, byte_at(20513 + 9)) << "the report is in the shared object";
+}
+
+TEST_F(AliveTable, TheFailedModeIsAPublicLineTheRestAliveLines) {
+  in_child([] { ASSERT_EQ(0, wex_sys_init_alive_info(1)); });
+  in_child([] {
+    ASSERT_EQ(0, setuid(kOtherUser));
+    set_levels(0, WEX_DBG_SILENT);
+    EXPECT_EQ("[WEX:wex_sys_alive:N]change mode failed!\r\n",
+              lines_of([] { EXPECT_EQ(-1, wex_sys_init_alive_info(0)); }));
+  });
+}
+
+TEST_F(AliveTable, ATableThatCannotBeMappedIsTriedAgainEachTime) {
+  ASSERT_EQ(0, mkdir(kAliveTableFile, 0755));
+  in_child([] {
+    set_levels(WEX_DBG_SILENT, 0);
+    const int before = open_descriptors();
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      EXPECT_EQ(
+          "[WEX:wex_sys_alive:N]ras_os_init_record_memory err(path:/UTILS-wex-shm-001, ret:-4, err:22)!\r\n"
+          "[WEX:wex_sys_alive:N]fail to init alive_info(ret:-4)!!!\n",
+          lines_of([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(1)); }));
+    }
+    EXPECT_EQ(before, open_descriptors());
+    ASSERT_EQ(0, rmdir(kAliveTableFile));
+    EXPECT_EQ(0, wex_sys_init_alive_info(0));
+    EXPECT_EQ(0, wex_sys_isreg_alive_info(1));
+  });
+}
+
+TEST_F(AliveTable, ThreadsThatMapAtOnceMapOnce) {
+  in_child([] {
+    const int before = open_descriptors();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([] { EXPECT_EQ(0, wex_sys_init_alive_info(0)); });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(before + 1, open_descriptors());
+  });
+}
+
+TEST_F(AliveTable, ATableCutShortNeitherKillsTheDaemonNorStaysShort) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    EXPECT_TRUE(wex_alive_table_intact());
+    wex_sys_reg_alive_info(100000);
+    ASSERT_EQ(0, truncate(kAliveTableFile, 0));
+    EXPECT_EQ(0u, wex_sys_get_alive_seq(100000));
+    EXPECT_EQ(0, wex_sys_isreg_alive_info(100000));
+    EXPECT_EQ(-1, wex_alive_read_seq(100000));
+    EXPECT_EQ(-1, wex_alive_read_bit(100000));
+    EXPECT_EQ(0, wex_sys_reg_alive_info(3));
+    EXPECT_EQ(0, wex_sys_unreg_alive_info(100000));
+    EXPECT_TRUE(wex_alive_table_intact());
+    EXPECT_EQ(188416u, contents(kAliveTableFile).size());
+    uint32_t size = 0;
+    memcpy(&size, g_wex_alive_info.base + 8, sizeof(size));
+    EXPECT_EQ(184356u, size);
+    EXPECT_EQ(1, wex_alive_read_seq(3));
+    EXPECT_EQ(1, wex_alive_read_bit(3));
+    EXPECT_EQ(0, wex_alive_read_bit(4));
+  });
+}
+
+TEST_F(AliveTable, AReplacedTableIsNoticed) {
+  in_child([] {
+    EXPECT_FALSE(wex_alive_table_intact()) << "not mapped";
+    EXPECT_EQ(-1, wex_alive_read_seq(1));
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    ASSERT_EQ(0, unlink(kAliveTableFile));
+    EXPECT_FALSE(wex_alive_table_intact());
+    write_file(kAliveTableFile, std::string(188416, '\0'));
+    EXPECT_FALSE(wex_alive_table_intact());
+    wex_sys_reg_alive_info(2);
+    EXPECT_EQ(1, wex_alive_read_seq(2)) << "its own object still works";
+  });
+}
+
+TEST_F(AliveTable, TheDaemonSeesAReportOfAnotherProcess) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    wex_sys_reg_alive_info(4242);
+    set_byte(20513 + 4242, 9);
+    EXPECT_EQ(9u, wex_sys_get_alive_seq(4242));
+    EXPECT_EQ(9, g_wex_alive_info.base[20513 + 4242]);
+  });
+}
+
+TEST_F(AliveTable, CallsBeforeMappingDoNotCrash) {
+  in_child([] {
+    EXPECT_EQ(0, wex_sys_unreg_alive_info(5));
+    EXPECT_EQ(0u, wex_sys_get_alive_seq(5));
+  });
+}
