@@ -176,7 +176,7 @@ TEST_F(Domains, CreateMarksTheProcessesThatItsScriptsLeft) {
 }
 
 TEST_F(Domains, StartScriptsHaveTheThreeStandardDescriptors) {
-  script("10trace", "for fd in 0 1 2; do readlink /proc/$$/fd/$fd >> /data/trace; done");
+  script("10trace", "for fd in 0 1 2; do name=$(readlink /proc/$$/fd/$fd); echo $name >> /data/trace; done");
   ASSERT_TRUE(exited_with(wex({"-c", "1"}), 0));
   EXPECT_EQ("/dev/null\n/dev/console\n/dev/console\n", read_file("/data/trace"));
 }

@@ -1,5 +1,6 @@
 #include "wex_vsd.h"
 
+#include <sys/mount.h>
 #include <sys/prctl.h>
 
 #include "domain_world.h"
@@ -163,6 +164,86 @@ TEST_F(Limits, CpuWeightIsTenthsOfTheDefault) {
 TEST_F(Limits, CpuWeightWrapsAt32Bits) {
   EXPECT_EQ(0, set_cpu_group(13, 4194304 + 20)) << "the product wraps to 20480";
   EXPECT_EQ("2048\n", text_of("/cpu/vsd_13/cpu.shares"));
+}
+
+// Plain files in the place of control files show the very texts that are written.
+struct PlainControlFiles : World {
+  void SetUp() override {
+    World::SetUp();
+    for (const char* hierarchy : {"/memory", "/cpu"}) {
+      ASSERT_EQ(0, mount("none", hierarchy, "tmpfs", 0, nullptr)) << strerror(errno);
+      make_dirs(hierarchy + std::string("/vsd_13"));
+    }
+    write_text(kHard);
+    write_text(kSoft);
+    write_text(kShares);
+  }
+  void TearDown() override {
+    EXPECT_EQ(0, umount("/memory"));
+    EXPECT_EQ(0, umount("/cpu"));
+    World::TearDown();
+  }
+  static constexpr char kHard[] = "/memory/vsd_13/memory.limit_in_bytes";
+  static constexpr char kSoft[] = "/memory/vsd_13/memory.soft_limit_in_bytes";
+  static constexpr char kShares[] = "/cpu/vsd_13/cpu.shares";
+};
+
+TEST_F(PlainControlFiles, HoldTheLimitInKilobytes) {
+  EXPECT_EQ(0, set_mem_group(13, 65536));
+  EXPECT_EQ("65536K", text_of(kHard));
+  EXPECT_EQ("65536K", text_of(kSoft));
+  EXPECT_EQ(0, set_mem_group(13, UINT64_MAX));
+  EXPECT_EQ("18446744073709551615K", text_of(kHard));
+  EXPECT_EQ("18446744073709551615K", text_of(kSoft));
+}
+
+TEST_F(PlainControlFiles, HoldTheWeightTruncatedTowardsZero) {
+  const std::pair<int32_t, const char*> rows[] = {
+      {7, "716"}, {10, "1024"}, {0, "0"}, {-7, "-716"}, {1, "102"}};
+  for (const auto& [tenths, text] : rows) {
+    write_text(kShares);
+    EXPECT_EQ(0, set_cpu_group(13, tenths));
+    EXPECT_EQ(text, text_of(kShares)) << tenths;
+  }
+}
+
+TEST_F(PlainControlFiles, SoftLimitThatFailsComesAfterTheHardOne) {
+  ASSERT_EQ(0, unlink(kSoft));
+  EXPECT_EQ(
+      "[WEX:wex_vsd:N]set_mem_limit_group: fopen fail: No such file or directory\n"
+      "[WEX:wex_vsd:N]set_mem_group: set_soft_mem_limit fail: No such file or directory\n",
+      printed_by([] { EXPECT_EQ(-ENOENT, set_mem_group(13, 5)); }));
+  EXPECT_EQ("5K", text_of(kHard));
+}
+
+TEST_F(PlainControlFiles, LimitIsReadAsA31BitNumberOfBytes) {
+  const std::pair<const char*, int64_t> rows[] = {{"9223372036854775807\n", 2097151},
+                                                  {"18446744073709551615\n", 2097151},
+                                                  {"2147483647\n", 2097151},
+                                                  {"2147483648\n", 2097151},
+                                                  {"2147482623\n", 2097150},
+                                                  {"1023\n", 0},
+                                                  {"1024", 1},
+                                                  {"", 0},
+                                                  {"none\n", 0},
+                                                  {" 4096\n", 4},
+                                                  {"-9223372036854775808", -2097152}};
+  for (const auto& [text, kib] : rows) {
+    write_text(kHard, text);
+    EXPECT_EQ(kib, get_maxmem_set(13)) << text;
+  }
+}
+
+TEST_F(PlainControlFiles, PlantedLinkOrPipeIsNoControlFile) {
+  ASSERT_EQ(0, unlink(kHard));
+  write_text("/tmp/theirs", "untouched");
+  ASSERT_EQ(0, symlink("/tmp/theirs", kHard));
+  ASSERT_EQ(0, lchown(kHard, 1000, 1000));
+  EXPECT_GT(0, set_mem_group(13, 5));
+  EXPECT_EQ("untouched", text_of("/tmp/theirs"));
+  ASSERT_EQ(0, unlink(kShares));
+  ASSERT_EQ(0, mkfifo(kShares, 0666));
+  EXPECT_GT(0, set_cpu_group(13, 10)) << "and does not block";
 }
 
 // ---- Memory --------------------------------------------------------------------------------------------
@@ -632,6 +713,53 @@ TEST_F(Show, PrintsEveryDomainThatIsThere) {
 
 TEST_F(Show, PrintsNothingWithoutDomains) {
   EXPECT_EQ("", printed_by([] { EXPECT_EQ(16, show_vsd()); }));
+}
+
+// ---- A device whose directories cannot be read ---------------------------------------------------------
+
+struct BareRoot : World {
+  // What `work` prints in an empty root.
+  static std::string printed_inside(const std::function<bool()>& work) {
+    make_dirs("/bare");
+    return printed_by([&] {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(chroot("/bare") == 0 && chdir("/") == 0 && work() ? 0 : 1);
+      }
+      int status = -1;
+      EXPECT_EQ(child, waitpid(child, &status, 0));
+      EXPECT_EQ(0, status);
+    });
+  }
+};
+
+TEST_F(BareRoot, MeasurementSaysSoAndEnds) {
+  EXPECT_EQ("[WEX:wex_vsd:N]poll_use_mem: open dir fail: No such file or directory\n",
+            printed_inside([] { return set_vsd_mem() == 0 && vsd_use_mem(0) == 0; }));
+}
+
+TEST_F(BareRoot, SignallingByGroupIsTheReason) {
+  EXPECT_EQ("[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n",
+            printed_inside([] { return kill_proc_by_groups(SIGTERM, 3977) == -ENOENT; }));
+}
+
+TEST_F(BareRoot, LookIntoSbinIsTheReason) {
+  EXPECT_EQ("[WEX:wex_vsd:N]check_sbin: opendir fail: No such file or directory\n",
+            printed_inside([] { return check_sbin("app") == -ENOENT; }));
+}
+
+TEST_F(BareRoot, CreateStillReturnsZero) {
+  const std::string text = printed_inside([] { return create_vsd(13) == 0; });
+  EXPECT_NE(std::string::npos,
+            text.find("[WEX:wex_vsd:N]create_vsd: open fail: No such file or directory\n"));
+  EXPECT_NE(std::string::npos,
+            text.find("[WEX:wex_vsd:N]save_vsdinfo: opendir fail: No such file or directory\n"));
+}
+
+TEST_F(BareRoot, MarkersNameTheReasonWhenTheyCannotBeMade) {
+  EXPECT_EQ("", printed_inside([] {
+              return dev_mon_restart() == -ENOENT && del_dev_mon_log() == -ENOENT && debug_log() == -ENOENT;
+            }));
 }
 
 // ---- Take-down without its processes -------------------------------------------------------------------
