@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -18,7 +19,7 @@ namespace wex_test {
 namespace {
 
 constexpr char kTraceFile[] = "/tmp/wex-trace";
-constexpr size_t kDaemonThreads = 6;  // main and its five workers
+constexpr size_t kDaemonThreads = 7;  // main, its five workers, and the one that does the signals' work
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> list;
@@ -60,6 +61,20 @@ std::vector<std::string> environment_with(const std::vector<std::string>& added)
   }
   execvpe(words[0], words, env);
   _exit(127);
+}
+
+// Family 11 is the connector; a subscribed socket is a member of group 1.
+bool hears_process_events(pid_t pid) {
+  for (const std::string& line : lines_of(read_file("/proc/net/netlink"))) {
+    int family = 0;
+    long owner = 0;
+    unsigned groups = 0;
+    if (sscanf(line.c_str(), "%*s %d %ld %x", &family, &owner, &groups) == 3 && family == 11 &&
+        owner == pid && (groups & 1) != 0) {
+      return true;
+    }
+  }
+  return false;
 }
 
 bool accepts_connections() {
@@ -192,7 +207,10 @@ bool Daemon::start_traced(const std::vector<std::string>& expressions, const std
 bool Daemon::wait_ready(milliseconds limit) {
   const std::string tasks = "/proc/" + std::to_string(pid()) + "/task";
   const bool ready = eventually(
-      [&] { return !running() || (list_dir(tasks).size() >= kDaemonThreads && accepts_connections()); },
+      [&] {
+        return !running() || (list_dir(tasks).size() >= kDaemonThreads && hears_process_events(pid()) &&
+                              accepts_connections());
+      },
       limit);
   if (ready && running()) {
     return true;

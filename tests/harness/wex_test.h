@@ -111,7 +111,7 @@ class Daemon {
   // "trace=reboot"). Does not wait until it answers. What strace saw is in trace().
   bool start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args = {},
                     const std::vector<std::string>& env = {});
-  bool wait_ready(milliseconds limit = 10s);  // the control socket takes connections, all threads run
+  bool wait_ready(milliseconds limit = 10s);  // control socket, process events, all threads
 
   pid_t pid() const { return process_.pid(); }
   bool running() { return process_.running(); }

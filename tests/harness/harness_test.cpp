@@ -1,0 +1,143 @@
+// The harness looked at by itself: if it cannot see a failure, no test that stands on it can.
+#include <errno.h>
+#include <gtest/gtest-spi.h>
+#include <signal.h>
+#include <sys/reboot.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "wex_test.h"
+
+namespace wex_test {
+namespace {
+
+struct Harness : WexWorld {};
+
+TEST_F(Harness, RebootIsRefusedInsideTheSandbox) {
+  ASSERT_FALSE(may_restart_machine());
+  EXPECT_EQ(-1, reboot(RB_AUTOBOOT));
+  EXPECT_EQ(EPERM, errno);
+}
+
+TEST_F(Harness, ServiceKilledWithSigkillComesBackUnderAnotherPid) {
+  SyslogSink syslog;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const std::vector<std::string> options = {"--register=RESTART", "--facts=/tmp/facts", "--hold"};
+  Process actor;
+  ASSERT_TRUE(actor.start(actor_words(options)));
+  const pid_t first = actor.pid();
+  ASSERT_TRUE(eventually([] { return exists("/tmp/facts"); }));
+  EXPECT_EQ(std::to_string(first), read_facts("/tmp/facts")["pid"].at(0));
+
+  EXPECT_TRUE(ended_by(actor.kill_now(), SIGKILL));
+  const pid_t second = wait_for_actor(options, first);
+  ASSERT_GT(second, 0);
+  EXPECT_TRUE(eventually([&] { return read_facts("/tmp/facts")["pid"].at(0) == std::to_string(second); }));
+  EXPECT_EQ("/", read_facts("/tmp/facts")["cwd"].at(0));
+  EXPECT_TRUE(syslog.says("HA_SELF_CHECK_INFO"));
+  EXPECT_TRUE(console_says("HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id"));
+  EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
+  unlink("/tmp/facts");
+}
+
+TEST_F(Harness, TraceShowsTheSystemCallsOfTheDaemonItself) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=epoll_create1,epoll_create,inotify_init1"}));
+  ASSERT_TRUE(daemon.wait_ready());
+  EXPECT_EQ(Daemon::binary(), program_of(daemon.pid()));
+  EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
+  EXPECT_TRUE(eventually([] { return Daemon::trace().find("epoll_create") != std::string::npos; }));
+}
+
+TEST_F(Harness, InjectedFailureReachesTheDaemon) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=setrlimit,prlimit64", "inject=setrlimit,prlimit64:error=EPERM"}));
+  const std::optional<int> status = daemon.wait();
+  EXPECT_TRUE(ended_by(status, SIGABRT))
+      << "without its descriptor limit the daemon aborts; status " << status.value_or(-1);
+}
+
+TEST_F(Harness, LinesSentToTheSystemLogAreCollected) {
+  SyslogSink sink;
+  openlog("harness", 0, LOG_USER);
+  syslog(LOG_NOTICE, "seen %d", 42);
+  closelog();
+  EXPECT_TRUE(sink.says("harness: seen 42"));
+  EXPECT_EQ(1u, sink.count("seen 42"));
+}
+
+TEST_F(Harness, ProcessesOfTheMachineAreNotOurs) {
+  Process sleeper;
+  ASSERT_TRUE(sleeper.start({"sleep", "60"}));
+  EXPECT_EQ(1u, processes_inside().count(sleeper.pid()));
+  EXPECT_EQ(0u, processes_inside().count(1));
+}
+
+TEST_F(Harness, WritersOfTheConsoleDoNotOverwriteEachOther) {
+  EXPECT_TRUE(exited_with(
+      run({"sh", "-c", "echo one > /dev/console; echo two 1<> /dev/console; echo three >> /dev/console"}),
+      0));
+  EXPECT_TRUE(eventually([] { return read_console() == "one\ntwo\nthree\n"; })) << read_console();
+}
+
+TEST_F(Harness, RunOutlastingItsLimitIsAFailureAndIsEnded) {
+  EXPECT_NONFATAL_FAILURE(run({"sleep", "60"}, 100ms), "still running");
+  EXPECT_TRUE(pids_with_command("sleep 60").empty());
+}
+
+// What a test leaves behind must fail that test: the body of a world is run here as a test would run it.
+struct Leaky : WexWorld {
+  void TestBody() override { leave(); }
+  static std::function<void()> leave;
+  static void live() {
+    Leaky world;
+    world.SetUp();
+    world.TestBody();
+    world.TearDown();
+  }
+};
+std::function<void()> Leaky::leave;
+
+TEST(LeakGate, DescriptorIsSeen) {
+  static int fd = -1;
+  Leaky::leave = [] { fd = dup(0); };
+  EXPECT_NONFATAL_FAILURE(Leaky::live(), "a descriptor outlived the test");
+  close(fd);
+}
+
+TEST(LeakGate, ChildIsSeen) {
+  Leaky::leave = [] {
+    if (fork() == 0) {
+      _exit(0);
+    }
+  };
+  EXPECT_NONFATAL_FAILURE(Leaky::live(), "a child outlived the test");
+  while (waitpid(-1, nullptr, WNOHANG) > 0) {
+  }
+}
+
+TEST(LeakGate, DaemonisedProcessIsSeenAndEnded) {
+  Leaky::leave = [] { EXPECT_TRUE(exited_with(run({"sh", "-c", "setsid sleep 61 > /dev/null 2>&1 &"}), 0)); };
+  EXPECT_NONFATAL_FAILURE(Leaky::live(), "a process outlived the test");
+  EXPECT_TRUE(eventually([] { return pids_with_command("sleep 61").empty(); }));
+}
+
+TEST(LeakGate, SharedMemoryIsSeen) {
+  Leaky::leave = [] { write_file("/dev/shm/left", "x"); };
+  EXPECT_NONFATAL_FAILURE(Leaky::live(), "shared memory outlived the test");
+  unlink("/dev/shm/left");
+}
+
+TEST(LeakGate, SanitizerReportOfTheDaemonIsSeen) {
+  Leaky::leave = [] {
+    EXPECT_TRUE(exited_with(run({"sh", "-c", "echo 'x.cpp:1:2: runtime error: bad' > /dev/console"}), 0));
+    EXPECT_TRUE(console_says("runtime error"));
+  };
+  EXPECT_NONFATAL_FAILURE(Leaky::live(), "runtime error");
+}
+
+}  // namespace
+}  // namespace wex_test
