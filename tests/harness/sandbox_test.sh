@@ -15,7 +15,8 @@ check() {                                          # WHAT COMMAND...
 }
 status_is() { local want=$1; shift; "$@" > "$work/out" 2>&1 < /dev/null; local got=$?; [ "$got" = "$want" ] || { echo "status $got, want $want:"; cat "$work/out"; false; }; }
 eventually() { local n; for ((n = 0; n < 250; n++)); do "$@" && return; sleep 0.02; done; return 1; }
-alone() { ! grep -qsz "^$1\$" /proc/[0-9]*/cmdline; }
+running() { grep -qsz "^$1\$" /proc/[0-9]*/cmdline; }  # WORD on somebody's command line
+alone() { ! running "$1"; }
 untouched() { [ ! -e "$1" ]; }
 nothing_mounted() { ! grep -q "$1" /proc/mounts; }
 
@@ -44,10 +45,10 @@ check "no signal is ignored inside" status_is 0 "$sandbox" -- sh -c 'grep -q "Si
 for signal in TERM INT KILL; do
   env --default-signal "$sandbox" -- sh -c 'mkdir -p /memory/vsd_1 /cpu/vsd_1; setsid sleep 7002 & : > /tmp/up; sleep 7003' < /dev/null > /dev/null 2>&1 &
   pid=$!
-  eventually grep -qsz '^7003$' /proc/[0-9]*/cmdline
+  check "the command runs" eventually running 7003
   kill -$signal $pid
   wait $pid 2> /dev/null
-  check "after $signal nothing runs" eventually eval '! grep -qsz "^700[23]\$" /proc/[0-9]*/cmdline'
+  check "after $signal nothing runs" eventually alone '700[23]'
   check "after $signal no control group stays" eventually eval "! ls -d /sys/fs/cgroup/*/wex.$pid > /dev/null 2>&1"
   check "after $signal no mount stays" eventually nothing_mounted wex-sandbox
 done
