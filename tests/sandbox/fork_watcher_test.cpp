@@ -1,0 +1,178 @@
+// The marker of failed forks: when the daemon gives up, and how it says so.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "restart_policy.h"
+
+using namespace policy;
+
+namespace {
+
+constexpr char kMarker[] = "/tmp/wex/forkfile";
+constexpr char kGivesUp[] = ": Unable to restart the process, wex will be restart.\r\n";
+
+std::string running_log() {
+  return read_file(kRunningLog1);
+}
+
+std::string ending_line(int watch, int count) {
+  return ", wd: " + std::to_string(watch) + ", fd_num: " + std::to_string(count) + "\r\n";
+}
+
+void append(const std::string& text) {
+  const int fd = open(kMarker, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0755);
+  ASSERT_LE(0, fd);
+  EXPECT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
+  close(fd);
+}
+
+class ForkWatcher : public WexWorld {
+ protected:
+  void TearDown() override {
+    daemon_.kill_now();
+    strace_.kill_now();
+    WexWorld::TearDown();
+  }
+
+  // The daemon's thread of this name, of which the kernel keeps 15 characters.
+  pid_t thread_named(const std::string& name) {
+    const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task/";
+    for (const std::string& task : list_dir(tasks)) {
+      if (read_file(tasks + task + "/comm") == name.substr(0, 15) + "\n") {
+        return static_cast<pid_t>(std::stol(task));
+      }
+    }
+    return 0;
+  }
+
+  // Faults in the watcher's own calls only; every other thread polls too.
+  bool inject_into_watcher(const std::string& expression) {
+    pid_t watcher = 0;
+    eventually([&] { return (watcher = thread_named("wex_inotify_fork")) != 0; });
+    const bool attached = strace_.start({"strace", "-q", "-o", "/tmp/wex-trace", "-e", expression, "-p",
+                                         std::to_string(watcher)}) &&
+                          eventually([&] { return status_field(watcher, "TracerPid") != "0"; });
+    EXPECT_TRUE(attached);
+    return attached;
+  }
+
+  bool gives_up() {
+    return exited_with(daemon_.wait(), 1) && running_log().find(kGivesUp) != std::string::npos;
+  }
+
+  Daemon daemon_;
+  Process strace_;
+};
+
+}  // namespace
+
+TEST_F(ForkWatcher, SixFailuresAreBorneTheSeventhEndsTheDaemon) {
+  ASSERT_TRUE(daemon_.start());
+  for (int failure = 1; failure <= 6; ++failure) {
+    append("a");
+  }
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 500ms));
+  append("a");
+  EXPECT_TRUE(gives_up()) << running_log();
+  EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
+  ASSERT_TRUE(daemon_.start());
+  Service service("withdraw");
+  ASSERT_TRUE(service.start());
+  append("aaaaaa");
+  ASSERT_TRUE(service.ends_and_comes_back());
+  EXPECT_FALSE(exists(kMarker)) << "the first child that starts withdraws it";
+  append("a");
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
+}
+
+TEST_F(ForkWatcher, ALeftoverMarkerIsActedOnAtTheNextEventOnly) {
+  write_file(kMarker, "aaaaaaa");
+  ASSERT_TRUE(daemon_.start());
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
+  append("");  // opened and closed for writing is an event
+  EXPECT_TRUE(gives_up()) << running_log();
+  EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(ForkWatcher, OtherFilesBesideTheMarkerMeanNothing) {
+  ASSERT_TRUE(daemon_.start());
+  for (const char* name : {"/tmp/wex/forkfile2", "/tmp/wex/forkfil", "/tmp/wex/xforkfile", "/tmp/wex/x"}) {
+    write_file(name, "aaaaaaaaaa");
+  }
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
+  append("aaaaaaa");
+  EXPECT_TRUE(gives_up());
+}
+
+TEST_F(ForkWatcher, ZeroBytesInTheMarkerEndTheTextThatCounts) {
+  ASSERT_TRUE(daemon_.start());
+  append(std::string("aaaaaa\0aaaa", 11));
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
+}
+
+TEST_F(ForkWatcher, AMarkerThatIsNoFileIsToldAndBorne) {
+  ASSERT_TRUE(daemon_.start());
+  make_dirs(kMarker);
+  EXPECT_TRUE(console_says("open /tmp/wex/forkfile error, "));
+  EXPECT_TRUE(daemon_.running());
+  ASSERT_EQ(0, rmdir(kMarker));
+  append("aaaaaaa");
+  EXPECT_TRUE(gives_up()) << "it goes on watching";
+}
+
+TEST_F(ForkWatcher, WithoutAnInotifyInstanceTheDaemonEnds) {
+  ASSERT_TRUE(daemon_.start_traced({"inject=inotify_init,inotify_init1:error=EMFILE"}));
+  EXPECT_TRUE(exited_with(daemon_.wait(), 1));
+  EXPECT_NE(
+      std::string::npos,
+      running_log().find(": Thread \"wex_inotify_fork_error\" exit, wex will be restart. inotifyfd: -1" +
+                         ending_line(-1, -1)))
+      << running_log();
+  EXPECT_TRUE(console_says("wex inotify_init failed, Too many open files.\n"));
+}
+
+TEST_F(ForkWatcher, WithoutAWatchTheDaemonEnds) {
+  ASSERT_TRUE(daemon_.start_traced({"inject=inotify_add_watch:error=ENOSPC"}));
+  EXPECT_TRUE(exited_with(daemon_.wait(), 1));
+  const std::string log = running_log();
+  EXPECT_NE(std::string::npos,
+            log.find(": Thread \"wex_inotify_fork_error\" exit, wex will be restart. inotifyfd: "))
+      << log;
+  EXPECT_NE(std::string::npos, log.find(ending_line(-1, -1))) << log;
+  EXPECT_EQ(std::string::npos, log.find("inotifyfd: -1")) << log;
+  EXPECT_TRUE(console_says("inotify_add_watch failed, No space left on device.\n"));
+}
+
+TEST_F(ForkWatcher, APollThatFailsEndsTheDaemon) {
+  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(inject_into_watcher("inject=poll,ppoll,restart_syscall:error=EINVAL"));
+  append("");
+  EXPECT_TRUE(exited_with(daemon_.wait(), 1));
+  const std::string log = running_log();
+  EXPECT_NE(std::string::npos,
+            log.find(": Thread \"wex_inotify_fork_error\" exit, wex will be restart. inotifyfd: "))
+      << log;
+  EXPECT_NE(std::string::npos, log.find(ending_line(1, -1))) << log;
+}
+
+TEST_F(ForkWatcher, AnInterruptedPollIsRepeated) {
+  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(inject_into_watcher("inject=poll,ppoll,restart_syscall:error=EINTR:when=1..3"));
+  append("");
+  EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
+  append("aaaaaaa");
+  EXPECT_TRUE(gives_up()) << running_log();
+}
+
+TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
+  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1..2"));
+  append("aaaaaaa");
+  append("");
+  append("");
+  append("");
+  EXPECT_TRUE(gives_up()) << running_log();
+}

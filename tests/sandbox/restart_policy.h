@@ -1,0 +1,110 @@
+// What the tests of the restart policy share: a registered service that can be ended and looked for again.
+#pragma once
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "wex_paths.h"
+#include "wex_test.h"
+
+namespace policy {
+
+using namespace wex_test;
+
+// The name that messages use: what stands behind the last "/" of the command line.
+inline std::string name_of(const std::string& command) {
+  return command.substr(command.rfind('/') + 1);
+}
+
+inline std::string db_file(const std::string& program, pid_t pid, int domain = 0) {
+  return "/tmp/vsd/" + std::to_string(domain) + "/wex/db/" + program + "." + std::to_string(pid);
+}
+
+inline size_t count_of(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+// Children of `parent` that have ended and that nobody has reaped.
+inline size_t zombies_of(pid_t parent) {
+  size_t count = 0;
+  for (const std::string& entry : list_dir("/proc")) {
+    const std::string stat = read_file("/proc/" + entry + "/stat");
+    const size_t fields = stat.rfind(") ");
+    if (entry[0] >= '0' && entry[0] <= '9' && fields != std::string::npos &&
+        stat.compare(fields, 4 + std::to_string(parent).size() + 1, ") Z " + std::to_string(parent) + " ") ==
+            0) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+// An actor that registers and then lives until it is ended.
+class Service {
+ public:
+  // `registration` is given twice: the second acknowledgement says that the first was acted on.
+  explicit Service(const std::string& tag, const std::string& registration = "--register=RESTART")
+      : ready_("/tmp/ready." + tag),
+        options_{"--tag=" + tag, registration, registration, "--ready=" + ready_, "--hold"} {}
+
+  bool start() {
+    unlink(ready_.c_str());
+    if (!first_.start(actor_words(options_)) || !eventually([this] { return exists(ready_); })) {
+      ADD_FAILURE() << command() << " did not register";
+      return false;
+    }
+    pid_ = first_.pid();
+    return true;
+  }
+
+  void end(int signal = SIGKILL) {
+    kill(pid_, signal);
+    if (pid_ == first_.pid()) {
+      first_.wait();  // or it would stay a zombie, for it is ours
+    }
+  }
+
+  bool comes_back(milliseconds limit = 10s) {
+    const pid_t found = wait_for_actor(options_, pid_, limit);
+    pid_ = found != 0 ? found : pid_;
+    return found != 0;
+  }
+
+  bool ends_and_comes_back(int signal = SIGKILL) {
+    end(signal);
+    return comes_back();
+  }
+
+  // Four restarts, and the exit behind them parks it.
+  bool park() {
+    for (int restart = 1; restart <= 4; ++restart) {
+      if (!ends_and_comes_back()) {
+        ADD_FAILURE() << "restart " << restart << " of " << command() << " did not happen";
+        return false;
+      }
+    }
+    end();
+    return true;
+  }
+
+  pid_t pid() const { return pid_; }
+  std::string command() const { return actor_command(options_); }
+  std::string name() const { return name_of(command()); }
+  const std::vector<std::string>& options() const { return options_; }
+  std::string id() const { return name() + "/" + std::to_string(pid_); }
+
+ private:
+  std::string ready_;
+  std::vector<std::string> options_;
+  Process first_;
+  pid_t pid_ = 0;
+};
+
+}  // namespace policy

@@ -1,0 +1,132 @@
+// Restarts through the command map: which script, which arguments.
+#include "restart_policy.h"
+
+using namespace policy;
+
+namespace {
+
+struct map_case {
+  const char* name;
+  const char* restart_command;  // as registered; "" stands for the program's own command line
+  const char* script;           // that must run
+  std::vector<std::string> arguments;
+};
+
+class CommandMap : public WexWorld, public ::testing::WithParamInterface<map_case> {
+ protected:
+  static constexpr char kTold[] = "/tmp/wex/told";
+};
+
+// Tells its name and arguments, then lives on as a program that a test may leave behind.
+std::string telling_script(const char* told) {
+  return std::string("for word in \"$0\" \"$@\"; do echo \"$word\"; done > ") + told + ".part\nmv " + told +
+         ".part " + told + "\nexec " + actor_binary() + " --hold\n";
+}
+
+}  // namespace
+
+TEST_P(CommandMap, ChoosesTheScriptAndPassesTheWords) {
+  const map_case& row = GetParam();
+  write_file(row.script, telling_script(kTold));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("mapped", std::string("--register-shell=") + row.restart_command);
+  ASSERT_TRUE(service.start());
+  service.end();
+  ASSERT_TRUE(eventually([] { return exists(kTold); })) << read_console();
+  std::vector<std::string> expected = {row.script};
+  expected.insert(expected.end(), row.arguments.begin(), row.arguments.end());
+  EXPECT_EQ(expected, lines_of(read_file(kTold)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CommandMap,
+    ::testing::Values(
+        map_case{"bareWord", "myrestart a b", "/etc/cmdmap/myrestart", {"a", "b"}},
+        map_case{"path", "/usr/sbin/dhcpd -f", "/etc/cmdmap/dhcpd.sh", {"-f"}},
+        map_case{"relativePath", "sbin/dhcpd", "/etc/cmdmap/dhcpd.sh", {}},
+        map_case{"endsInSlash", "/usr/sbin/ x", "/etc/cmdmap/.sh", {"x"}},
+        map_case{"blanksAndTabs", " \t again \t one\t\ttwo  ", "/etc/cmdmap/again", {"one", "two"}},
+        map_case{"quotesAreOrdinary", "say 'a b'", "/etc/cmdmap/say", {"'a", "b'"}},
+        map_case{"fourteenWords",
+                 "w1 w2 w3 w4 w5 w6 w7 w8 w9 w10 w11 w12 w13 w14 w15 w16 w17 w18 w19 w20",
+                 "/etc/cmdmap/w1",
+                 {"w2", "w3", "w4", "w5", "w6", "w7", "w8", "w9", "w10", "w11", "w12", "w13", "w14"}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+using ShellRestart = WexWorld;
+
+TEST_F(ShellRestart, WithoutARestartCommandTheProgramsOwnNameAndArgumentsCount) {
+  write_file("/etc/cmdmap/actor.sh", telling_script("/tmp/wex/told"));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("own", "--register=SHELL");
+  ASSERT_TRUE(service.start());
+  service.end();
+  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/told"); }));
+  std::vector<std::string> expected = {"/etc/cmdmap/actor.sh"};
+  expected.insert(expected.end(), service.options().begin(), service.options().end());
+  EXPECT_EQ(expected, lines_of(read_file("/tmp/wex/told")));
+}
+
+TEST_F(ShellRestart, TheScriptSeesACleanProcess) {
+  const std::string facts = "/tmp/wex/facts";
+  write_file("/etc/cmdmap/clean", "exec " + std::string(actor_binary()) + " --facts=" + facts + " --hold\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("clean", "--register-shell=clean");
+  ASSERT_TRUE(service.start());
+  service.end();
+  ASSERT_TRUE(eventually([&] { return exists(facts); }));
+  Facts told = read_facts(facts);
+  EXPECT_EQ(std::vector<std::string>{"/"}, told["cwd"]);
+  EXPECT_EQ(told["pid"], told["session"]);
+  EXPECT_EQ(std::vector<std::string>{"0"}, told["policy"]);
+  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, told["SigBlk"]);
+  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, told["SigIgn"]);
+  ASSERT_LE(3u, told["fd"].size());
+  told["fd"].resize(3);  // whatever started this test may have left it more
+  EXPECT_EQ((std::vector<std::string>{"0 /dev/null", "1 /dev/console", "2 /dev/console"}), told["fd"]);
+}
+
+TEST_F(ShellRestart, TheShellsOwnPidIsSupervisedUntilTheScriptExecutesTheProgram) {
+  Service service("exec", "--register-shell=exec");
+  write_file("/etc/cmdmap/exec", "exec " + service.command() + "\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(service.start());
+  for (int restart = 1; restart <= 3; ++restart) {
+    ASSERT_TRUE(service.ends_and_comes_back());
+    EXPECT_TRUE(console_says("HA_SCRIPT_RESTART_INFO Self-checking OK: " + std::to_string(restart) +
+                             " times and new id " + service.id() + ".\n"));
+  }
+}
+
+TEST_F(ShellRestart, AMissingScriptIsTriedUntilItIsParked) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("missing", "--register-shell=nowhere");
+  ASSERT_TRUE(service.start());
+  service.end();
+  EXPECT_TRUE(console_says("HA_WAIT_SCRIPT_SELF_CHECK Task: " + service.name()));
+  EXPECT_EQ(4u, count_of(read_console(), "HA_SCRIPT_RESTART_INFO Self-checking OK: "));
+  EXPECT_TRUE(eventually([&] { return zombies_of(daemon.pid()) == 0; }));
+}
+
+TEST_F(ShellRestart, EveryAnnouncementIsTheScriptsOwn) {
+  SyslogSink log;
+  Service service("announced", "--register-shell=announced");
+  write_file("/etc/cmdmap/announced", "exec " + service.command() + "\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(service.start());
+  const std::string before = service.id();
+  ASSERT_TRUE(service.ends_and_comes_back());
+  EXPECT_TRUE(
+      log.says("%HA-5-HA_SCRIPT_SELF_CHECK: Task: " + before + " receives event:0009 and self-checking ..."));
+  EXPECT_TRUE(log.says("%HA-5-HA_SCRIPT_SELF_CHECK_INFO: Self-checking OK: 1 times and new id " +
+                       service.id() + "."));
+  EXPECT_TRUE(
+      console_says("HA_SCRIPT_SELF_CHECK Task: " + before + " receives event:0009 and self-checking ...\n"));
+  EXPECT_TRUE(console_says("process: " + service.command() + ", pid: "));
+}

@@ -1,0 +1,370 @@
+// Programs that know nothing of the daemon: registered when they are executed, found again when they detach.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "restart_policy.h"
+
+using namespace policy;
+
+namespace {
+
+constexpr char kApps[] = "/tmp/apps/";
+constexpr char kHoldStart[] = "/tmp/apps/hold_start";  // while it exists, a detaching program stays attached
+
+extern "C" void go_on(int) {}
+
+[[noreturn]] void live() {
+  for (;;) {
+    pause();
+  }
+}
+
+[[noreturn]] void detach() {
+  while (access(kHoldStart, F_OK) == 0) {
+    usleep(5000);
+  }
+  if (fork() != 0) {
+    _exit(0);
+  }
+  setsid();
+  live();
+}
+
+// On SIGUSR1 it starts itself again beside itself, and ends a moment later.
+[[noreturn]] void replace_myself(const char* path) {
+  signal(SIGUSR1, go_on);
+  pause();
+  if (fork() == 0) {
+    setsid();
+    execl(path, path, static_cast<char*>(nullptr));
+    _exit(1);
+  }
+  usleep(300000);
+  _exit(0);
+}
+
+// Command lines of one word are what these tests are about, so what a copy of this program does is its name.
+__attribute__((constructor)) void act_by_name() {
+  char path[512] = "";
+  if (readlink("/proc/self/exe", path, sizeof path - 1) < 0 || strncmp(path, kApps, strlen(kApps)) != 0) {
+    return;
+  }
+  const std::string name = path + strlen(kApps);
+  if (name.rfind("detaching", 0) == 0) {
+    detach();
+  }
+  if (name.rfind("replacing", 0) == 0) {
+    replace_myself(path);
+  }
+  live();
+}
+
+class ThirdPart : public WexWorld {
+ protected:
+  void SetUp() override {
+    WexWorld::SetUp();
+    remove_tree("/tmp/apps");
+    make_dirs("/tmp/apps");
+  }
+
+  void TearDown() override {
+    daemon_.kill_now();
+    by_hand_.kill_now();
+    for (const pid_t pid : processes_inside()) {
+      if (program_of(pid).rfind(kApps, 0) == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    }
+    remove_tree("/tmp/apps");
+    WexWorld::TearDown();
+  }
+
+  static std::string install(const std::string& name) {
+    const std::string path = kApps + name;
+    std::ifstream from("/proc/self/exe", std::ios::binary);
+    std::ofstream(path, std::ios::binary) << from.rdbuf();
+    chmod(path.c_str(), 0755);
+    return path;
+  }
+
+  // One description file in the device's directory, as it is written there.
+  static void describe(const std::string& name, const std::string& text) {
+    write_file(std::string(kThirdPartDir) + "/" + name, text);
+  }
+
+  bool start_daemon() { return daemon_.start(); }
+  bool start_by_hand(const std::vector<std::string>& words) { return by_hand_.start(words); }
+
+  static bool registered(const std::string& command, pid_t pid, const std::string& program) {
+    return console_says("wex_process_netlink--> To register to wex, process: " + command +
+                        ", pid: " + std::to_string(pid) + ", type: ") &&
+           eventually([&] { return exists(db_file(program, pid)); });
+  }
+
+  // The one living process with this command line, other than `not_this`.
+  static pid_t wait_for(const std::string& command, pid_t not_this, milliseconds limit = 10s) {
+    pid_t found = 0;
+    eventually(
+        [&] {
+          const std::vector<pid_t> pids = pids_with_command(command);
+          found = pids.size() == 1 && pids[0] != not_this ? pids[0] : 0;
+          return found != 0;
+        },
+        limit);
+    return found;
+  }
+
+  // The same, once the registry has it too: a program that detaches shows two pids for a moment. One that is
+  // found after its start has no file of its own: it was not executed, and registers nothing.
+  static pid_t settled(const std::string& command, pid_t not_this) {
+    pid_t found = 0;
+    const bool known = eventually(
+        [&] {
+          found = wait_for(command, not_this, 0ms);
+          const std::string console = read_console();
+          return found != 0 &&
+                 (console.find("third part Daemon[" + command + "] new pid: " + std::to_string(found)) !=
+                      std::string::npos ||
+                  console.find("found child pid_get = " + std::to_string(found)) != std::string::npos);
+        },
+        10s);
+    return known ? found : 0;
+  }
+
+  void end_by_hand() {
+    by_hand_.send(SIGKILL);
+    by_hand_.wait();
+  }
+
+  Daemon daemon_;
+  Process by_hand_;
+};
+
+}  // namespace
+
+TEST_F(ThirdPart, AListedProgramStartedByHandIsRegisteredAndRestarted) {
+  const std::string app = install("plain");
+  describe("plain", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "plain"));
+  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n2\n" + app, read_file(db_file("plain", by_hand_.pid())));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(console_says("wex_spawn--> third part Normal[" + app + "] new pid: " + std::to_string(second)));
+  EXPECT_FALSE(exists(db_file("plain", first)));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("plain", second)); }))
+      << "its exec event makes the new file";
+  kill(second, SIGKILL);
+  const pid_t third = wait_for(app, second);
+  EXPECT_NE(0, third) << "it stays supervised";
+  EXPECT_TRUE(eventually([&] { return exists(db_file("plain", third)); }));
+  EXPECT_EQ(1u, list_dir("/tmp/vsd/0/wex/db").size());
+}
+
+TEST_F(ThirdPart, TheTypeForScriptsRestartsThroughTheCommandMap) {
+  const std::string app = install("mapped");
+  describe("mapped", app + " WEX_SHELL_RESTART\n");
+  write_file("/etc/cmdmap/mapped.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "mapped"));
+  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n3\n" + app, read_file(db_file("mapped", by_hand_.pid())));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(
+      console_says("wex_shell_spawn--> third part Normal[" + app + "] new pid: " + std::to_string(second)));
+  EXPECT_TRUE(exists("/tmp/apps/ran"));
+}
+
+TEST_F(ThirdPart, AProgramThatDetachesIsHandedOverToItsDetachedProcess) {
+  const std::string app = install("detaching");
+  describe("detaching", app + " WEX_RESTART");
+  write_file(kHoldStart, "");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  const pid_t parent = by_hand_.pid();
+  unlink(kHoldStart);
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t detached = wait_for(app, parent);
+  ASSERT_NE(0, detached);
+  EXPECT_TRUE(console_says("wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
+                           std::to_string(detached) + "\n"));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
+  EXPECT_FALSE(exists(db_file("detaching", parent)));
+  EXPECT_EQ(std::string::npos, read_console().find("wex_spawn-->")) << "nothing is started beside it";
+}
+
+TEST_F(ThirdPart, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
+  const std::string app = install("detaching");
+  describe("detaching", app + " WEX_RESTART");
+  write_file(kHoldStart, "");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  const pid_t first = by_hand_.pid();
+  unlink(kHoldStart);
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  pid_t now = settled(app, first);
+  ASSERT_NE(0, now);
+  for (int life = 1; life <= 2; ++life) {
+    kill(now, SIGKILL);
+    now = settled(app, now);
+    ASSERT_NE(0, now) << "life " << life;
+  }
+  EXPECT_NE(std::string::npos, read_console().find("wex_spawn--> third part "))
+      << "it was started, not found";
+}
+
+TEST_F(ThirdPart, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  const pid_t first = by_hand_.pid();
+  ASSERT_TRUE(eventually([&] { return status_field(first, "SigCgt") == "0000000000000200"; }));
+  by_hand_.send(SIGUSR1);
+  EXPECT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n")) << "not registered twice";
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(console_says("found child pid_get = " + std::to_string(second)));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("replacing", second)); }));
+  kill(second, SIGKILL);
+  EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
+}
+
+TEST_F(ThirdPart, ASecondInstanceIsNotRegistered) {
+  const std::string app = install("twice");
+  describe("twice", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "twice"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  EXPECT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  EXPECT_FALSE(exists(db_file("twice", second.pid())));
+  EXPECT_TRUE(exists(db_file("twice", by_hand_.pid())));
+}
+
+TEST_F(ThirdPart, StoppedWithSigtermItIsForgotten) {
+  const std::string app = install("stopped");
+  describe("stopped", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "stopped"));
+  const pid_t pid = by_hand_.pid();
+  by_hand_.send(SIGTERM);
+  EXPECT_TRUE(ended_by(by_hand_.wait(), SIGTERM));
+  EXPECT_TRUE(eventually([&] { return !exists(db_file("stopped", pid)); }));
+  EXPECT_TRUE(never([&] { return !pids_with_command(app).empty(); }, 500ms));
+}
+
+TEST_F(ThirdPart, AListLineWithoutABlankRegistersNothing) {
+  const std::string app = install("blankless");
+  const std::string other = install("witness");
+  describe("blankless", app);
+  describe("witness", other + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  Process unlisted;
+  ASSERT_TRUE(unlisted.start({app}));
+  ASSERT_TRUE(start_by_hand({other}));
+  ASSERT_TRUE(registered(other, by_hand_.pid(), "witness"));
+  EXPECT_FALSE(exists(db_file("blankless", unlisted.pid())));
+}
+
+TEST_F(ThirdPart, ATypeKeepsItsLineEndAndIsUnderstood) {
+  const std::string app = install("lineend");
+  describe("lineend", app + " WEX_RESTART\n");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "lineend"));
+  EXPECT_TRUE(console_says("type: WEX_RESTART\n, type_len: 12\n"));
+}
+
+namespace {
+struct refused_case {
+  const char* name;
+  const char* type;
+};
+class RefusedType : public ThirdPart, public ::testing::WithParamInterface<refused_case> {};
+}  // namespace
+
+TEST_P(RefusedType, RegistersNothingAndSaysSo) {
+  const std::string app = install("refused");
+  describe("refused", app + GetParam().type);
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  EXPECT_TRUE(console_says("wex_process_netlink--> reg_third_part_process_exit_action error!\n"));
+  EXPECT_TRUE(list_dir("/tmp/vsd/0/wex/db").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RefusedType,
+                         ::testing::Values(refused_case{"trailingBlank", " WEX_RESTART \n"},
+                                           refused_case{"unknownWord", " WEX_REBOOT"},
+                                           refused_case{"lowerCase", " wex_restart"}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(ThirdPart, ATypeThatOnlyBeginsLikeAKeywordIsUnderstood) {
+  const std::string app = install("longer");
+  describe("longer", app + " WEX_RESTARTING");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  EXPECT_TRUE(registered(app, by_hand_.pid(), "longer"));
+}
+
+TEST_F(ThirdPart, AProgramOfSeveralWordsIsFoundAgainByItsWholeCommandLine) {
+  const std::string app = install("words");
+  const std::string command = app + " -d --level 3";
+  describe("words", command + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app, "-d", "--level", "3"}));
+  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(command, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }));
+}
+
+TEST_F(ThirdPart, ArgumentsThatTheListDoesNotNameAreSomebodyElses) {
+  const std::string app = install("words");
+  describe("words", app + " -d WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app, "-x"}));
+  EXPECT_TRUE(console_says(app + " -x is not in wexdb!\n"));
+  EXPECT_TRUE(list_dir("/tmp/vsd/0/wex/db").empty());
+}
+
+TEST_F(ThirdPart, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
+  const std::string app = install("vanishing");
+  describe("vanishing", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "vanishing"));
+  const pid_t first = by_hand_.pid();
+  ASSERT_EQ(0, rename(app.c_str(), "/tmp/apps/hidden"));
+  end_by_hand();
+  ASSERT_TRUE(console_says("wex_spawn--> third part[" + app + "] Not Found new pid!\n", 10s));
+  EXPECT_TRUE(console_says("HA_RESTART execvp fail, error = No such file or directory.\n"));
+  ASSERT_EQ(0, rename("/tmp/apps/hidden", app.c_str()));
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "vanishing"));
+  EXPECT_FALSE(exists(db_file("vanishing", first)));
+  const pid_t second = by_hand_.pid();
+  end_by_hand();
+  EXPECT_NE(0, wait_for(app, second));
+}
