@@ -9,6 +9,7 @@ function(wex_add_tests name)
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE wex_core wex_test_harness ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
   target_link_libraries(${name} PRIVATE wex_warnings)
+  target_compile_options(${name} PRIVATE -O0)  # what is tested is optimised; the tests need only be built quickly
   target_compile_definitions(${name} PRIVATE
     WEX_BINARY="$<TARGET_FILE:wex>" WEX_BUILD_DIR="${CMAKE_BINARY_DIR}" WEX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR
