@@ -241,12 +241,14 @@ int32_t __wex_replaced_by(int32_t pid) {
   return latest;
 }
 
-void __wex_drop_failed(const char* process, int32_t vsd) {
+void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
   record_walk walk(wex_chains);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
     if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
-      wex_db_destroy(rec);
+      if (rec->pid != newcomer) {
+        wex_db_destroy(rec);
+      }
       __wex_drop_record(&wex_chains, rec);
     }
   }

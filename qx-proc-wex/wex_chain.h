@@ -75,9 +75,9 @@ bool wex_record_lives(const wex_pid* rec);
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
 int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
-// Deletes records of this program and domain whose last restart left no process, with their database files: a
-// living process takes their place.
-void __wex_drop_failed(const char* process, int32_t vsd) WEX_TSA(requires_capability(wex_chains));
+// Deletes records of this program and domain whose last restart left no process, with their database files: the
+// living process `newcomer` takes their place, and keeps its own file should it have got the dead one's pid.
+void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) WEX_TSA(requires_capability(wex_chains));
 
 // Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks of
 // `process` in place.

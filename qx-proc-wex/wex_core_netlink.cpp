@@ -124,7 +124,7 @@ void register_executed(int32_t pid) {
   started.vsd = vsd < 0 ? 0 : vsd;
   {
     chain_lock hold(wex_chains);
-    __wex_drop_failed(started.process, started.vsd);
+    __wex_drop_failed(started.process, started.vsd, pid);
     if (wex_proc_is_running(&started) != nullptr) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
       return;

@@ -68,7 +68,7 @@ bool insert_process(wex_pid* rec) {
     wex_free_record(rec);
     return false;
   }
-  __wex_drop_failed(rec->process, rec->vsd);
+  __wex_drop_failed(rec->process, rec->vsd, rec->pid);
   wex_note_identity(rec);
   __wex_add_record(&wex_chains, rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again

@@ -604,7 +604,7 @@ TEST_F(Chain, FailedRecordsOfTheProgramGoWithTheirFiles) {
   }
   {
     chain_lock hold(wex_chains);
-    __wex_drop_failed("/a/foo", 2);
+    __wex_drop_failed("/a/foo", 2, 0);
   }
   EXPECT_TRUE(chain_is_sound(wex_chains));
   EXPECT_EQ(3, wex_chains.count);
@@ -614,6 +614,17 @@ TEST_F(Chain, FailedRecordsOfTheProgramGoWithTheirFiles) {
   EXPECT_FALSE(exists(db_file(2, "foo", 2)));
   EXPECT_TRUE(exists(db_file(2, "foo", 3)));
   EXPECT_TRUE(exists(db_file(2, "bar", 5)));
+}
+
+TEST_F(Chain, ANewcomerWithTheDeadPidKeepsItsOwnFile) {
+  add(1, "/a/foo", 2)->restart_failed = 1;
+  write_file(db_file(2, "foo", 1), "x");
+  {
+    chain_lock hold(wex_chains);
+    __wex_drop_failed("/a/foo", 2, 1);
+  }
+  EXPECT_EQ(nullptr, find(1));
+  EXPECT_TRUE(exists(db_file(2, "foo", 1)));
 }
 
 TEST_F(Chain, ProgramNameIsBehindTheLastSlashAndTrimsTheRecord) {
