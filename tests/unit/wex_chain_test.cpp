@@ -303,8 +303,9 @@ TEST_F(Chain, AnyMixOfStepsLeavesItSound) {
 }
 
 TEST_F(Chain, LockIsRecursiveAndKeepsOthersOut) {
-  chain_lock once(wex_chains);
-  chain_lock twice(wex_chains);
+  chain_lock hold(wex_chains);
+  ASSERT_EQ(0, pthread_mutex_trylock(&wex_chains.mutex)) << "the holder may lock it again";
+  pthread_mutex_unlock(&wex_chains.mutex);
   int other = 0;
   std::thread([&] { other = pthread_mutex_trylock(&wex_chains.mutex); }).join();
   EXPECT_EQ(EBUSY, other);
