@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -18,7 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,11 +109,35 @@ inline std::string output_of(const std::function<void()>& work) {
   return text;
 }
 
-// The same with the line numbers of the source, which are free, as "N".
+// Replaces the part in parentheses of every match of an extended regular expression.
+inline std::string with_group(const std::string& text, const char* expression, const char* replacement) {
+  regex_t compiled;
+  EXPECT_EQ(0, regcomp(&compiled, expression, REG_EXTENDED)) << expression;
+  std::string result;
+  const char* rest = text.c_str();
+  regmatch_t match[2];
+  while (regexec(&compiled, rest, 2, match, 0) == 0 && match[0].rm_eo > 0) {
+    result.append(rest, static_cast<size_t>(match[1].rm_so)).append(replacement);
+    result.append(rest + match[1].rm_eo, static_cast<size_t>(match[0].rm_eo - match[1].rm_eo));
+    rest += match[0].rm_eo;
+  }
+  regfree(&compiled);
+  return result + rest;
+}
+
+// Whether all of the text matches.
+inline bool matches(const std::string& text, const std::string& expression) {
+  regex_t compiled;
+  EXPECT_EQ(0, regcomp(&compiled, ("^(" + expression + ")$").c_str(), REG_EXTENDED)) << expression;
+  const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&compiled);
+  return found;
+}
+
+// The same output with the line numbers of the source, which are free, as "N".
 inline std::string lines_of(const std::function<void()>& work) {
-  const std::string wex =
-      std::regex_replace(output_of(work), std::regex("(\\[WEX:[a-z_]+:)[0-9]+\\]"), "$1N]");
-  return std::regex_replace(wex, std::regex("(\\[RAS\\]<[a-z_]+, [a-z_]+, )[0-9]+>"), "$1N>");
+  const std::string text = with_group(output_of(work), "\\[WEX:[a-z_]+:([0-9]+)\\]", "N");
+  return with_group(text, "\\[RAS\\]<[a-z_]+, [a-z_]+, ([0-9]+)>", "N");
 }
 
 inline void set_levels(int32_t pub, int32_t alive) {
