@@ -1,12 +1,15 @@
 // What the tests of the restart policy share: a registered service that can be ended and looked for again.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "wex.h"
 #include "wex_paths.h"
 #include "wex_test.h"
 
@@ -104,6 +107,47 @@ class Service {
   std::string ready_;
   std::vector<std::string> options_;
   Process first_;
+  pid_t pid_ = 0;
+};
+
+// Registers processes in their name, and so holds their database files until it is ended: as the other
+// processes of a program do that outlive its first one.
+class Holder {
+ public:
+  explicit Holder(const std::vector<pid_t>& pids) {
+    int told[2];
+    EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
+    pid_ = fork();
+    if (pid_ == 0) {
+      for (const pid_t pid : pids) {
+        reg_process_exit_action(pid, WEX_RESTART);
+        reg_process_exit_action(pid, WEX_RESTART);  // answered when the first has been acted on
+      }
+      const char done = 'y';
+      const bool sent = write(told[1], &done, 1) == 1;
+      while (sent) {
+        pause();
+      }
+      _exit(1);
+    }
+    close(told[1]);
+    char answer = 'n';
+    EXPECT_EQ(1, read(told[0], &answer, 1));
+    close(told[0]);
+  }
+  ~Holder() { let_go(); }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  void let_go() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+      pid_ = 0;
+    }
+  }
+
+ private:
   pid_t pid_ = 0;
 };
 

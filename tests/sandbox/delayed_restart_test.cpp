@@ -1,0 +1,152 @@
+// Exits whose database file somebody still holds: postponed, carried out, forgotten.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+
+#include "restart_policy.h"
+#include "wex.h"
+#include "wex_chain.h"
+
+using namespace policy;
+
+namespace {
+
+class Postponed : public WexWorld {
+ protected:
+  void SetUp() override {
+    WexWorld::SetUp();
+    ASSERT_TRUE(daemon_.start());
+  }
+  void TearDown() override {
+    daemon_.kill_now();
+    processes_.clear();
+    WexWorld::TearDown();
+  }
+
+  static std::vector<std::string> options(const std::string& tag) { return {"--tag=" + tag, "--hold"}; }
+
+  pid_t start(const std::string& tag) {
+    processes_.push_back(std::make_unique<Process>());
+    EXPECT_TRUE(processes_.back()->start(actor_words(options(tag))));
+    const pid_t pid = wait_for_actor(options(tag));
+    EXPECT_EQ(processes_.back()->pid(), pid);
+    return pid;
+  }
+
+  void end(pid_t pid, int signal = SIGKILL) {
+    kill(pid, signal);
+    for (const auto& process : processes_) {
+      if (process->pid() == pid) {
+        process->wait();
+      }
+    }
+  }
+
+  static bool postponed(pid_t pid) {
+    return console_says("wex_proc_restart_delay " + command_of_[pid] + "/" + std::to_string(pid) +
+                        " receives event:") &&
+           console_says("be lock file " + db_file("actor", pid) + ", ");
+  }
+
+  static std::string handed_over(pid_t pid, const char* signal = "0x9", int force = 0) {
+    return "pid:" + std::to_string(pid) + ", exit_signal:" + signal +
+           ", force_restart:" + std::to_string(force) + "\n";
+  }
+
+  static std::map<pid_t, std::string> command_of_;
+  Daemon daemon_;
+  std::vector<std::unique_ptr<Process>> processes_;
+};
+std::map<pid_t, std::string> Postponed::command_of_;
+
+}  // namespace
+
+TEST_F(Postponed, AHeldFileKeepsTheProgramDownUntilItIsReleased) {
+  const pid_t pid = start("held");
+  command_of_[pid] = actor_command(options("held"));
+  Holder holder({pid});
+  end(pid);
+  ASSERT_TRUE(postponed(pid));
+  EXPECT_TRUE(never([&] { return wait_for_actor(options("held"), pid, 0ms) != 0; }, 2500ms));
+  holder.let_go();
+  const auto released = std::chrono::steady_clock::now();
+  EXPECT_NE(0, wait_for_actor(options("held"), pid));
+  EXPECT_GE(2500ms, std::chrono::steady_clock::now() - released) << "looked at once a second";
+  EXPECT_TRUE(console_says(handed_over(pid)));
+  EXPECT_FALSE(exists(db_file("actor", pid)));
+}
+
+TEST_F(Postponed, TheExitCodeSurvivesTheWait) {
+  const pid_t pid = start("code");
+  command_of_[pid] = actor_command(options("code"));
+  Holder holder({pid});
+  end(pid, SIGTERM);
+  ASSERT_TRUE(postponed(pid));
+  holder.let_go();
+  EXPECT_TRUE(console_says(handed_over(pid, "0xf")));
+  EXPECT_TRUE(eventually([&] { return !exists(db_file("actor", pid)); }));
+  EXPECT_TRUE(never([&] { return wait_for_actor(options("code"), pid, 0ms) != 0; }, 500ms))
+      << "stopped on purpose, though it took a while";
+}
+
+TEST_F(Postponed, ARegistrationWithdrawnMeanwhileMakesTheHandOverDoNothing) {
+  const pid_t pid = start("withdrawn");
+  command_of_[pid] = actor_command(options("withdrawn"));
+  Holder holder({pid});
+  end(pid);
+  ASSERT_TRUE(postponed(pid));
+  const pid_t canceller = fork();
+  if (canceller == 0) {
+    _exit(wex_cancel_proc(pid) == 0 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(canceller, &status, 0);
+  EXPECT_TRUE(exited_with(status, 0));
+  EXPECT_TRUE(console_says(handed_over(pid))) << "a file that is gone counts as released";
+  EXPECT_TRUE(never([&] { return wait_for_actor(options("withdrawn"), pid, 0ms) != 0; }, 1500ms));
+}
+
+TEST_F(Postponed, SeveralReadyOnesAreRestartedOneASecondInBucketOrder) {
+  std::vector<pid_t> pids;
+  for (const char* tag : {"one", "two", "three"}) {
+    pids.push_back(start(tag));
+    command_of_[pids.back()] = actor_command(options(tag));
+  }
+  Holder holder(pids);
+  for (const pid_t pid : pids) {
+    end(pid);
+    ASSERT_TRUE(postponed(pid));
+  }
+  std::sort(pids.begin(), pids.end(), [](pid_t a, pid_t b) {
+    return wex_hash_pid(static_cast<int32_t>(a)) < wex_hash_pid(static_cast<int32_t>(b));
+  });
+  holder.let_go();
+  size_t last = 0;
+  auto previous = std::chrono::steady_clock::now() - 1s;
+  for (const pid_t pid : pids) {
+    ASSERT_TRUE(console_says(handed_over(pid)));
+    const auto now = std::chrono::steady_clock::now();
+    EXPECT_LE(900ms, now - previous) << "not more than one a second";
+    previous = now;
+    const size_t at = read_console().find(handed_over(pid));
+    EXPECT_LT(last, at);
+    last = at;
+  }
+}
+
+TEST_F(Postponed, WhatWaitedIsSupervisedAsBefore) {
+  const pid_t pid = start("after");
+  command_of_[pid] = actor_command(options("after"));
+  Holder holder({pid});
+  end(pid);
+  ASSERT_TRUE(postponed(pid));
+  holder.let_go();
+  const pid_t second = wait_for_actor(options("after"), pid);
+  ASSERT_NE(0, second);
+  kill(second, SIGKILL);
+  EXPECT_NE(0, wait_for_actor(options("after"), second));
+}
