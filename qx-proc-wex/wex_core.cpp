@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "ras_os.h"
 #include "ras_os_sem.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
@@ -79,6 +80,14 @@ void raise_open_file_limit() {
   }
   getrlimit(RLIMIT_NOFILE, &limit);
   wex_dbg(WEX_DBG_PUB, "Set ulimit cur %d, max %d\r\n", shown(limit.rlim_cur), shown(limit.rlim_max));
+}
+
+// What whoever started us left open is no business of the programs that we start.
+void keep_inherited_files() {
+  dir_walk files(kOwnFiles);
+  while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
+    ras_os_set_fd_close_on_exec(static_cast<int>(strtol(entry->d_name, nullptr, 10)));
+  }
 }
 
 void make_directories() {
@@ -215,6 +224,7 @@ int main(int argc, char** argv) {
     wex_dbg(WEX_DBG_PUB, "wex is already running\n");
     return -1;
   }
+  keep_inherited_files();
   raise_open_file_limit();
   make_directories();
   wex_init_wakeup();

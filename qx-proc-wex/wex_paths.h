@@ -80,6 +80,7 @@ inline constexpr char kRebootSeconds[]   = WEX_LOWMEM "/rbtsecs";         // dae
 
 inline constexpr char kProcDir[]         = "/proc";
 inline constexpr char kProcDirSlash[]    = "/proc/";
+inline constexpr char kOwnFiles[]        = "/proc/self/fd";               // the calling process's open descriptors
 inline constexpr char kProcExeFmt[]      = "/proc/%d/exe";                // pid
 inline constexpr char kProcCmdlineFmt[]  = "/proc/%d/cmdline";            // pid
 inline constexpr char kProcStatFmt[]     = "/proc/%d/stat";               // pid
