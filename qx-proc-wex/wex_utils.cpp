@@ -29,13 +29,13 @@ constexpr size_t kLmkTextSize = 128;
 constexpr int32_t kLmkIgnore = -1000;
 constexpr int32_t kLmkNormal = 0;
 constexpr unsigned kMemoryRetrySec = 5;
-constexpr int kLockTries = 5;        // somebody may replace the lock file between open and lock
+constexpr int kLockTries = 5;  // somebody may replace the lock file between open and lock
 // Fields of /proc/PID/stat, counted from 1.
 constexpr int kStateField = 3;
 constexpr int kFlagsField = 9;
 constexpr int kThreadsField = 20;
 constexpr int kStartTimeField = 22;
-constexpr unsigned long kExiting = 0x4;  // flag of a task that has begun to exit
+constexpr unsigned long kExiting = 0x4;    // flag of a task that has begun to exit
 constexpr char kDeleted[] = " (deleted)";  // the kernel's mark on the link of a replaced executable
 
 // An absolute deadline: an interruption costs nothing, and no remainder is added up wrongly.
