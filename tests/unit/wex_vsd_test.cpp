@@ -41,7 +41,7 @@ TEST_F(DomainOfAProcess, IsReadFromItsFirstSupplementaryGroup) {
                     {{2899}, -1},
                     {{3200, 100}, -29},
                     {{2900}, -1},
-                    {{3500, 4000}, 5},
+                    {{4510, 4590}, 15},
                     {{4294967294u}, 42949642}};
   for (const auto& row : rows) {
     process actor(row.groups);
