@@ -1,0 +1,351 @@
+// Postponed restarts and lost exits, with a clock that the test sets: nobody waits 301 s here.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "chain_lock.h"
+#include "registry_files.h"
+#include "verify_chain.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_signals.h"
+#include "wex_utils.h"
+
+namespace {
+
+using namespace registry;
+
+std::atomic<int32_t> g_now{1000};
+
+constexpr char kProgram[] = "/bin/sleep 1000";
+
+std::string file_of(int32_t pid) {
+  return db_file(0, "sleep", pid);
+}
+
+// Another process that keeps a database file locked.
+class lock_keeper {
+ public:
+  explicit lock_keeper(int32_t pid)
+      : keeper_([pid] { return wex_db_create(0, pid, RESPAWN, kProgram) == 0; }) {
+    EXPECT_TRUE(keeper_.ready());
+    EXPECT_TRUE(is_locked_for_others(file_of(pid)));
+  }
+  void let_go() { keeper_.end(); }
+
+ private:
+  service keeper_;
+};
+
+class Delay : public RegistryWorld {
+ protected:
+  void SetUp() override {
+    RegistryWorld::SetUp();
+    make_dirs("/tmp/wex");
+    for (const char* path : {kDebugTime, kThirdPartList, kRebootLog}) {
+      unlink(path);
+    }
+    ASSERT_EQ(0, wex_init_chains(&wex_chains));
+    ASSERT_EQ(0, wex_init_chains(&wex_alive_chains));
+    ASSERT_EQ(0, wex_init_chains(&wex_chains_delay));
+    g_now = 1000;
+    wex_monitor_idle = true;
+    wex_exit_flag = 0;
+    wex_delay_ended = false;
+  }
+
+  void TearDown() override {
+    stop_thread();
+    {
+      chain_lock hold(wex_chains);
+      record_walk walk(wex_chains);
+      while (const wex_pid* const rec = walk.next()) {
+        if (rec->pid > 1 && waitpid(rec->pid, nullptr, WNOHANG) == 0) {
+          kill(rec->pid, SIGKILL);
+          waitpid(rec->pid, nullptr, 0);
+        }
+      }
+    }
+    for (wex_chains_t* chain : {&wex_chains, &wex_chains_delay, &wex_alive_chains}) {
+      EXPECT_TRUE(chain_is_sound(*chain));
+      wex_destroy_chains(chain);
+    }
+    wex_chld_handler(SIGCHLD);
+    RegistryWorld::TearDown();
+  }
+
+  static wex_pid* add(int32_t pid, uint64_t start_time = 1) {
+    wex_pid* const rec = wex_new_record();
+    rec->pid = pid;
+    rec->action = RESPAWN;
+    rec->start_time = start_time;  // nobody started so early: the process is known to be gone
+    snprintf(rec->process, sizeof rec->process, "%s", kProgram);
+    chain_lock hold(wex_chains);
+    __wex_add_record(&wex_chains, rec);
+    return rec;
+  }
+
+  static int32_t count(const wex_chains_t& chain) { return chain.count; }
+
+  static int32_t present_pid(const wex_pid* rec) {
+    chain_lock hold(wex_chains);
+    return rec->pid;
+  }
+
+  void start_thread() {
+    ASSERT_EQ(0, pthread_create(&thread_, nullptr, wex_delay_restart, nullptr));
+    running_ = true;
+  }
+
+  // Without the wake-up descriptor the thread sees the flag at its next pass.
+  void stop_thread() {
+    if (running_) {
+      wex_exit_flag = 1;
+      EXPECT_TRUE(eventually([] { return wex_delay_ended.load(); }, 5s));
+      running_ = false;
+    }
+  }
+
+  pthread_t thread_;
+  bool running_ = false;
+};
+
+}  // namespace
+
+extern "C" int32_t wex_clock_now(void) {
+  return g_now;
+}
+
+TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
+  const int32_t pid = dead_pid();
+  wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  rec->restart_delay = 7;
+  rec->flags = 1;
+  rec->check_count = 3;
+  rec->reboot_allow = 2;
+  rec->crash_time = 900;
+  snprintf(rec->script, sizeof rec->script, "script a");
+  wex_handle_netlink_exit(pid, 139, 0);
+  chain_lock hold(wex_chains_delay);
+  const wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid);
+  ASSERT_NE(nullptr, copy);
+  EXPECT_EQ(1000, copy->delay_start);
+  EXPECT_EQ(139u, copy->exit_signal);
+  EXPECT_EQ(7, copy->restart_delay);
+  EXPECT_EQ(RESPAWN, copy->action);
+  EXPECT_EQ(0, copy->force_restart);
+  EXPECT_EQ(0u, copy->flags);
+  EXPECT_EQ(0, copy->check_count);
+  EXPECT_EQ(0, copy->reboot_allow);
+  EXPECT_EQ(0, copy->crash_time);
+  EXPECT_STREQ(kProgram, copy->process);
+  EXPECT_STREQ("script a", copy->script);
+  EXPECT_EQ(pid, present_pid(rec)) << "the registered record stays under its old pid";
+}
+
+TEST_F(Delay, ASecondExitOfAWaitingPidMakesNoSecondCopy) {
+  const int32_t pid = dead_pid();
+  add(pid);
+  lock_keeper keeper(pid);
+  const captured_output printed;
+  wex_handle_netlink_exit(pid, 9, 0);
+  g_now = 1100;
+  wex_handle_netlink_exit(pid, 11, 0);
+  EXPECT_EQ(1, count(wex_chains_delay));
+  EXPECT_NE(std::string::npos, printed.text().find("[wex_core]wex_proc_restart_delay pid " +
+                                                   std::to_string(pid) + " exist in wex_chains_delay\n"))
+      << printed.text();
+  chain_lock hold(wex_chains_delay);
+  EXPECT_EQ(1000, __wex_find_pid(&wex_chains_delay, pid)->delay_start)
+      << "its 301 s began with the first exit";
+  EXPECT_EQ(9u, __wex_find_pid(&wex_chains_delay, pid)->exit_signal);
+}
+
+TEST_F(Delay, AFileNobodyHoldsOrNobodyFindsPostponesNothing) {
+  wex_pid* const rec = add(dead_pid());
+  chain_lock hold(wex_chains);
+  EXPECT_EQ(0, wex_proc_restart_delay(rec)) << "no file";
+  registry::write_file(file_of(rec->pid), "1\n2\n/bin/sleep");
+  EXPECT_EQ(0, wex_proc_restart_delay(rec)) << "not locked";
+  EXPECT_EQ(0, wex_proc_restart_delay(nullptr));
+  lock_keeper keeper(rec->pid);
+  rec->force_restart = 1;
+  EXPECT_EQ(0, wex_proc_restart_delay(rec)) << "forced";
+  rec->force_restart = 0;
+  EXPECT_EQ(1, wex_proc_restart_delay(rec));
+}
+
+TEST_F(Delay, HeldForEverItIsForcedAt301SecondsAndNotAt300) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  const captured_output printed;
+  wex_handle_netlink_exit(pid, 9, 0);
+  g_now = 1300;
+  start_thread();
+  EXPECT_FALSE(eventually([&] { return present_pid(rec) != pid; }, 2200ms));
+  EXPECT_EQ(std::string::npos, printed.text().find("more than 300s"));
+  g_now = 1301;
+  EXPECT_TRUE(eventually([&] { return present_pid(rec) != pid; }, 3s));
+  const std::string text = printed.text();
+  EXPECT_NE(std::string::npos, text.find("[wex_core]" + std::string(kProgram) + "/" + std::to_string(pid) +
+                                         " more than 300s delay restart.\n"))
+      << text;
+  EXPECT_NE(std::string::npos,
+            text.find("[wex_core]pid:" + std::to_string(pid) + ", exit_signal:0x9, force_restart:1\n"))
+      << text;
+  EXPECT_EQ(0, count(wex_chains_delay));
+  EXPECT_EQ(0, rec->force_restart) << "the next exit may be postponed again";
+  EXPECT_FALSE(exists(file_of(pid)));
+}
+
+TEST_F(Delay, ReleasedItIsRestartedAtTheNextPassUnforced) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  const captured_output printed;
+  wex_handle_netlink_exit(pid, 9, 0);
+  start_thread();
+  EXPECT_FALSE(eventually([&] { return present_pid(rec) != pid; }, 1200ms));
+  keeper.let_go();
+  EXPECT_TRUE(eventually([&] { return present_pid(rec) != pid; }, 2s));
+  EXPECT_NE(std::string::npos, printed.text().find("force_restart:0\n"));
+}
+
+TEST_F(Delay, ARecordRemovedMeanwhileMakesTheHandOverDoNothing) {
+  const int32_t pid = dead_pid();
+  wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  wex_handle_netlink_exit(pid, 9, 0);
+  {
+    chain_lock hold(wex_chains);
+    __wex_drop_record(&wex_chains, rec);
+  }
+  keeper.let_go();
+  start_thread();
+  EXPECT_TRUE(eventually([] { return count(wex_chains_delay) == 0; }, 3s));
+  stop_thread();
+  EXPECT_EQ(0, count(wex_chains));
+}
+
+TEST_F(Delay, APidRegisteredAgainByALivingProcessIsNotRestartedByAnOldCopy) {
+  service alive;
+  const int32_t pid = alive.pid();
+  wex_pid* const rec = add(pid);  // of an earlier process with this pid
+  lock_keeper keeper(pid);
+  wex_handle_netlink_exit(pid, 9, 0);
+  ASSERT_EQ(1, count(wex_chains_delay));
+  {
+    chain_lock hold(wex_chains);
+    wex_note_identity(rec);
+  }
+  keeper.let_go();
+  start_thread();
+  EXPECT_TRUE(eventually([] { return count(wex_chains_delay) == 0; }, 3s));
+  stop_thread();
+  EXPECT_EQ(pid, present_pid(rec));
+  chain_lock hold(wex_chains);
+  __wex_drop_record(&wex_chains, rec);
+}
+
+TEST_F(Delay, SeveralReadyCopiesAreHandedOverOneAPassInBucketOrder) {
+  std::vector<int32_t> pids;
+  for (int i = 0; i < 3; ++i) {
+    pids.push_back(dead_pid());
+    wex_pid* const rec = add(pids.back());
+    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%d", i);  // or they would be duplicates
+  }
+  std::vector<std::unique_ptr<lock_keeper>> keepers;
+  for (const int32_t pid : pids) {
+    keepers.push_back(std::make_unique<lock_keeper>(pid));
+    wex_handle_netlink_exit(pid, 9, 0);
+  }
+  ASSERT_EQ(3, count(wex_chains_delay));
+  for (const auto& keeper : keepers) {
+    keeper->let_go();
+  }
+  std::sort(pids.begin(), pids.end(), [](int32_t a, int32_t b) { return wex_hash_pid(a) < wex_hash_pid(b); });
+  start_thread();
+  auto last = std::chrono::steady_clock::now() - 1s;
+  for (int left = 2; left >= 0; --left) {
+    ASSERT_TRUE(eventually([left] { return count(wex_chains_delay) == left; }, 3s));
+    const auto now = std::chrono::steady_clock::now();
+    EXPECT_LE(900ms, now - last);
+    last = now;
+    for (int i = 0; i < 3; ++i) {
+      chain_lock hold(wex_chains_delay);
+      EXPECT_EQ(i >= 3 - left, __wex_find_pid(&wex_chains_delay, pids[static_cast<size_t>(i)]) != nullptr);
+    }
+  }
+}
+
+TEST_F(Delay, NoSecondIsCountedWhileTheClockStandsStill) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  wex_handle_netlink_exit(pid, 9, 0);
+  start_thread();
+  EXPECT_FALSE(eventually([&] { return present_pid(rec) != pid; }, 2500ms));
+  EXPECT_EQ(1, count(wex_chains_delay));
+}
+
+// ---- lost exits -------------------------------------------------------------------------------------------
+
+TEST_F(Delay, AVanishedProcessIsRestartedOnlyWhenItHasBeenGoneForAWhileAndTheMonitorIsIdle) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may be on its way";
+  g_now = 1000 + kSweepConfirmSec;
+  wex_monitor_idle = false;
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may lie in the socket";
+  wex_monitor_idle = true;
+  wex_sweep_lost_exits();
+  EXPECT_NE(pid, present_pid(rec));
+  EXPECT_EQ(0u, rec->exit_signal) << "the cause is unknown";
+}
+
+TEST_F(Delay, TheSweepLeavesParkedWaitingAndLivingOnesAlone) {
+  wex_pid* const parked = add(dead_pid());
+  snprintf(parked->process, sizeof parked->process, "/bin/sleep 1001");
+  parked->alarm_wait_flag = 1;
+  parked->flags = WEX_FLAG_WAITING;
+  wex_pid* const waiting = add(dead_pid());
+  snprintf(waiting->process, sizeof waiting->process, "/bin/sleep 1002");
+  lock_keeper keeper(waiting->pid);
+  wex_handle_netlink_exit(waiting->pid, 9, 0);
+  service alive;
+  wex_pid* const living = add(alive.pid());
+  wex_note_identity(living);
+  const int32_t before[] = {parked->pid, waiting->pid, living->pid};
+  for (const int32_t now : {1000, 1010, 1020}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+  }
+  EXPECT_EQ(before[0], parked->pid);
+  EXPECT_EQ(before[1], waiting->pid);
+  EXPECT_EQ(before[2], living->pid);
+  EXPECT_EQ(1, count(wex_chains_delay));
+  chain_lock hold(wex_chains);
+  __wex_drop_record(&wex_chains, living);
+}
