@@ -1,0 +1,242 @@
+// What a restarted program finds when it begins, told by the program itself; and what happens when it cannot begin.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "wex_paths.h"
+#include "wex_test.h"
+
+namespace {
+
+using namespace wex_test;
+using texts = std::vector<std::string>;
+
+constexpr char kFacts[] = "/tmp/wex/facts";
+constexpr char kReady[] = "/tmp/wex/ready";
+
+std::string text(long number) { return std::to_string(number); }
+
+struct Spawn : WexWorld {};
+
+// The file of "--ready" comes behind the registration: a database file alone says nothing about the daemon.
+bool is_registered(pid_t pid) { return read_file(kReady) == text(pid) + "\n"; }
+
+// Starts a service under a daemon, kills it, and gives the facts its second life tells.
+Facts facts_of_second_life(const texts& options, Daemon* daemon, pid_t* next,
+                           const texts& env = {}) {
+  if (!daemon->running() && !daemon->start()) {
+    return {};
+  }
+  Process service;
+  service.start(actor_words(options), env);
+  EXPECT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); })) << read_console();
+  unlink(kFacts);
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  *next = wait_for_actor(options, old_pid);
+  EXPECT_GT(*next, 0) << read_console();
+  EXPECT_TRUE(eventually([&] { return exists(kFacts); }));
+  return read_facts(kFacts);
+}
+
+const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+
+// Joins its domain by itself in its first life only: what the second finds is the daemon's doing.
+const texts kDomainTeller = {"--first-time=/tmp/wex/joined", "--group=3200", "--facts=/tmp/wex/facts",
+                             "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+
+TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
+  Daemon daemon;
+  pid_t next = 0;
+  Facts facts = facts_of_second_life(kTeller, &daemon, &next);
+  EXPECT_EQ(texts{text(next)}, facts["pid"]);
+  EXPECT_EQ(texts{text(daemon.pid())}, facts["ppid"]);
+  EXPECT_EQ(texts{text(next)}, facts["session"]);
+  EXPECT_EQ(texts{text(next)}, facts["pgrp"]);
+  EXPECT_EQ(texts{"/"}, facts["cwd"]);
+  EXPECT_EQ((texts{"0 /dev/null", "1 /dev/console", "2 /dev/console"}), facts["fd"]);
+  EXPECT_EQ((texts{"0 2", "1 2", "2 2"}), facts["fd_flags"]);  // read-write, blocking
+  EXPECT_EQ(texts{}, facts["signal_ignored"]);
+  EXPECT_EQ(texts{}, facts["signal_caught"]);
+  EXPECT_EQ(texts{"0000000000000000"}, facts["SigBlk"]);
+  EXPECT_EQ(texts{"0000000000000000"}, facts["SigIgn"]);
+  EXPECT_EQ(texts{text(SCHED_OTHER)}, facts["policy"]);
+  EXPECT_EQ(texts{"0"}, facts["priority"]);
+  EXPECT_EQ(texts{"0"}, facts["oom_score_adj"]);
+  EXPECT_EQ(0u, facts["nofile"][0].find("2304 ")) << facts["nofile"][0];
+  daemon.stop();
+}
+
+TEST_F(Spawn, ARestartedProgramGetsItsOwnWordsUpToTheFourteenth) {
+  texts options = {"--facts=/tmp/wex/facts", "--register=RESTART", "--ready=/tmp/wex/ready"};
+  while (options.size() < 12) {
+    options.push_back("--tag=" + text(static_cast<long>(options.size())));
+  }
+  options.push_back("--hold");
+  for (int i = 14; i < 20; ++i) {
+    options.push_back("--tag=behind" + text(i));
+  }
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  unlink(kFacts);
+  service.kill_now();
+  ASSERT_TRUE(eventually([&] { return exists(kFacts); })) << read_console();
+  texts wanted = actor_words(options);
+  ASSERT_EQ(20u, wanted.size());
+  wanted.resize(14);
+  EXPECT_EQ(wanted, read_facts(kFacts)["argv"]);
+  daemon.stop();
+}
+
+TEST_F(Spawn, ASignalMaskOrIgnoredSignalOfTheDaemonsStarterDoesNotReachPrograms) {
+  // env(1) blocks and ignores on behalf of whoever starts the daemon carelessly.
+  Process starter;
+  ASSERT_TRUE(starter.start({"env", "--block-signal=USR1,TERM,CHLD,ALRM", "--ignore-signal=HUP,PIPE,QUIT",
+                             "nice", "-n", "5", Daemon::binary()}, {}, true));
+  ASSERT_TRUE(eventually([] { return exists(kControlSocket); }));
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  unlink(kFacts);
+  service.kill_now();
+  ASSERT_TRUE(eventually([&] { return exists(kFacts); })) << read_console();
+  Facts facts = read_facts(kFacts);
+  EXPECT_EQ(texts{"0000000000000000"}, facts["SigBlk"]);
+  EXPECT_EQ(texts{}, facts["signal_ignored"]);
+  starter.kill_now();
+}
+
+TEST_F(Spawn, AProgramOfADomainFindsItselfThere) {
+  make_dirs("/tmp/vsd/2");
+  make_dirs("/data/var/run/vsd/2");
+  make_dirs("/data2");
+  Daemon daemon;
+  pid_t next = 0;
+  Facts facts = facts_of_second_life(kDomainTeller, &daemon, &next);
+  EXPECT_EQ(texts{"3200"}, facts["group"]);
+  EXPECT_EQ(texts{"/data/var/run/vsd/2"}, facts["cwd"]);
+  for (const char* variable :
+       {"QX_CFG_DIR=/qx_cfg/vsd/2", "OVIX_DIR=/ovix/vsd/2", "DATA_OVIX_DIR=/data/.ovix/vsd/2",
+        "DATA_OVIX_DIR2=/data2/.ovix/vsd/2", "TMPDIR=/tmp/vsd/2"}) {
+    EXPECT_EQ(1, std::count(facts["env"].begin(), facts["env"].end(), variable)) << variable;
+  }
+  EXPECT_EQ((texts{"0 /dev/null", "1 /dev/console", "2 /dev/console"}), facts["fd"]);
+  daemon.stop();
+}
+
+TEST_F(Spawn, AProgramOutsideDomainsHasTheDaemonsEnvironment) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start({}, {"OVIX_DIR=/daemon/own", "MARK=yes"}));
+  pid_t next = 0;
+  Facts facts = facts_of_second_life(kTeller, &daemon, &next, {"MARK=no"});
+  for (const char* variable : {"OVIX_DIR=/daemon/own", "MARK=yes"}) {
+    EXPECT_EQ(1, std::count(facts["env"].begin(), facts["env"].end(), variable)) << variable;
+  }
+  daemon.stop();
+}
+
+TEST_F(Spawn, AnEnvironmentOfThousandsOfVariablesIsNoReasonToFall) {
+  make_dirs("/tmp/vsd/2");
+  make_dirs("/data/var/run/vsd/2");
+  texts many;
+  for (int i = 0; i < 3000; ++i) {
+    many.push_back("VARIABLE" + text(i) + "=x");
+  }
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start({}, many));
+  pid_t next = 0;
+  Facts facts = facts_of_second_life(kDomainTeller, &daemon, &next);
+  EXPECT_EQ(1, std::count(facts["env"].begin(), facts["env"].end(), "TMPDIR=/tmp/vsd/2"));
+  daemon.stop();
+}
+
+// ---- Low-memory killer -----------------------------------------------------------------------------------
+
+TEST_F(Spawn, WithoutTheLowMemoryKillerTheChildSaysSo) {
+  Daemon daemon;
+  pid_t next = 0;
+  facts_of_second_life(kTeller, &daemon, &next);
+  EXPECT_TRUE(console_says("]/sys/kernel/qx_lowmem_killer/flush_tlb find fail, error = No such file or directory.\n"));
+  daemon.stop();
+}
+
+// ---- What fails ------------------------------------------------------------------------------------------
+
+TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
+  write_file("/debug_time", "3600");
+  SyslogSink log;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(exited_with(run({"cp", actor_binary(), "/tmp/wex/passing"}), 0));
+  Process service;
+  ASSERT_TRUE(service.start({"/tmp/wex/passing", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"}));
+  ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }));
+  unlink("/tmp/wex/passing");
+  service.kill_now();
+  EXPECT_TRUE(console_says("]HA_RESTART execvp fail, error = No such file or directory.\n", 10s)) << read_console();
+  EXPECT_TRUE(log.says("had checked more than 5 times. After 60 mimutes", 15s)) << read_console();
+  EXPECT_TRUE(daemon.running());
+  EXPECT_FALSE(exists(kForkFile));
+  daemon.stop();
+}
+
+TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndTold) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM:when=1..2"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  unlink(kFacts);
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  EXPECT_TRUE(eventually([] { return read_file(kForkFile) == "a"; })) << read_console();
+  EXPECT_TRUE(console_says("]wex_spawn--> fork fail, err: Cannot allocate memory(12)\n"));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(eventually([] { return read_file(kForkFile) == "aa"; }, 8s));
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GT(took, 4500ms);
+  EXPECT_LT(took, 6s);
+  EXPECT_TRUE(eventually([] { return exists(kFacts); }, 8s)) << read_console();
+  EXPECT_GT(wait_for_actor(kTeller, old_pid), 0);
+  EXPECT_TRUE(eventually([] { return !exists(kForkFile); })) << "the child that started leaves the marker";
+  EXPECT_TRUE(console_says("]wex_spawn--> wex_pid->process = " + std::string(actor_binary()) + ", new pid: -1\n"))
+      << "the first word is named";
+  daemon.stop();
+}
+
+TEST_F(Spawn, AMissingConsoleDoesNotKeepAProgramDown) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_EQ(0, rename("/dev/console", "/dev/console.away"));
+  unlink(kFacts);
+  service.kill_now();
+  const bool back = eventually([] { return exists(kFacts); });
+  ASSERT_EQ(0, rename("/dev/console.away", "/dev/console"));
+  EXPECT_TRUE(back) << read_console();
+  EXPECT_EQ((texts{"0 /dev/null", "1 /dev/null", "2 /dev/null"}), read_facts(kFacts)["fd"]);
+  daemon.stop();
+}
+
+TEST_F(Spawn, ADomainWithoutARunDirectoryDoesNotKeepItsProgramDown) {
+  make_dirs("/tmp/vsd/2");
+  Daemon daemon;
+  pid_t next = 0;
+  Facts facts = facts_of_second_life(kDomainTeller, &daemon, &next);
+  EXPECT_EQ(1, std::count(facts["env"].begin(), facts["env"].end(), "TMPDIR=/tmp/vsd/2"));
+  daemon.stop();
+}
+
+}  // namespace
