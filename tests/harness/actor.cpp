@@ -427,6 +427,37 @@ void crash(const char* name) {
   hold(nullptr);
 }
 
+void crash_in_thread(const char* name) {  // the main thread does nothing about it
+  pthread_t thread;
+  pthread_create(
+      &thread, nullptr,
+      [](void* signal) -> void* {
+        crash(static_cast<const char*>(signal));
+        return nullptr;
+      },
+      const_cast<char*>(name));
+  hold(nullptr);
+}
+
+void exec_in_thread(const char*) {  // this program anew under the same pid, from a thread that is not the first
+  pthread_t thread;
+  pthread_create(
+      &thread, nullptr,
+      [](void*) -> void* {
+        char* words[64];
+        size_t count = 0;
+        const std::string line = text_of("/proc/self/cmdline");
+        for (size_t at = 0; at < line.size() && count < 63; at += strlen(line.c_str() + at) + 1) {
+          words[count++] = strdup(line.c_str() + at);
+        }
+        words[count] = nullptr;
+        execv("/proc/self/exe", words);
+        _exit(121);
+      },
+      nullptr);
+  hold(nullptr);
+}
+
 void end(const char* code) {
   _exit(atoi(code));
 }
@@ -470,6 +501,8 @@ const struct option_row {
     {"--chdir", change_dir, "=DIR"},
     {"--core", dump_core, "  crashes dump core"},
     {"--crash", crash, "=SEGV|ABRT|KILL|...  end by this signal"},
+    {"--crash-in-thread", crash_in_thread, "=SIGNAL  the same from a thread that is not the first"},
+    {"--exec-in-thread", exec_in_thread, "  this program anew, executed by a thread that is not the first"},
     {"--exit", end, "=CODE"},
     {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
 };

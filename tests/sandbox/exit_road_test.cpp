@@ -1,0 +1,492 @@
+// The road of an exit through the daemon: take-down markers, crashes, duplicates, postponed and lost exits.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_test.h"
+
+namespace {
+
+using namespace wex_test;
+using texts = std::vector<std::string>;
+
+constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
+constexpr char kReady[] = "/tmp/wex/ready";
+const texts kService = {"--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+
+std::string text(long number) { return std::to_string(number); }
+std::string db_path(pid_t pid) { return std::string(kDbDir) + "/actor." + text(pid); }
+
+struct ExitRoad : WexWorld {};
+
+// Starts a service; true once it is registered.
+bool start_service(Process* service, const texts& options = kService) {
+  unlink(kReady);
+  return service->start(actor_words(options)) &&
+         eventually([&] { return read_file(kReady) == text(service->pid()) + "\n"; });
+}
+
+size_t starts(const std::string& path) { return lines_of(read_file(path)).size(); }
+
+size_t count_in(const std::string& where, const std::string& what) {
+  size_t count = 0;
+  for (size_t at = where.find(what); at != std::string::npos; at = where.find(what, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// ---- Take-down -------------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  for (int domain = 1; domain <= 16; ++domain) {
+    const std::string marker = "/tmp/vsd/" + text(domain) + "/delete_vsd";
+    Process service;
+    ASSERT_TRUE(start_service(&service)) << domain;
+    write_file(marker, "");
+    service.kill_now();
+    EXPECT_TRUE(eventually([&] { return !exists(db_path(service.pid())) && list_dir(kDbDir).empty(); })) << domain;
+    EXPECT_TRUE(never([] { return wait_for_actor(kService, 0, 0ms) > 0; }, 50ms)) << domain;
+    unlink(marker.c_str());
+  }
+  EXPECT_EQ(0u, count_in(read_console(), "wex_handle_netlink_exit--> exit_signal"));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
+  write_file("/tmp/vsd/0/delete_vsd", "");
+  write_file("/tmp/vsd/17/delete_vsd", "");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  for (int round = 0; round < 3; ++round) {
+    Process service;
+    ASSERT_TRUE(start_service(&service));
+    write_file("/tmp/vsd/5/delete_vsd", "");
+    service.kill_now();
+    ASSERT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
+  }
+  unlink("/tmp/vsd/5/delete_vsd");
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  service.send(SIGTERM);
+  service.wait();
+  ASSERT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
+  const std::string log = read_file(kRunningLog1);
+  EXPECT_EQ(1u, count_in(log, "/tmp/vsd/5/delete_vsd exists, exited processes are not restarted.\r\n")) << log;
+  EXPECT_EQ(1u, count_in(log, "No domain is taken down any more, exited processes are restarted.\r\n")) << log;
+  daemon.stop();
+}
+
+// ---- Crashes ---------------------------------------------------------------------------------------------
+
+texts crasher(int number, const std::string& how = "--crash=SEGV") {
+  return {"--tag=" + text(number), "--core", "--register=RESTART", "--ready=/tmp/wex/ready",
+          "--first-time=/tmp/wex/once" + text(number), how, "--hold"};
+}
+
+// Starts program `number`, which dumps core once and runs again.
+void crash_once(int number, const std::string& how = "--crash=SEGV") {
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(crasher(number, how))));
+  const auto status = service.wait();
+  ASSERT_TRUE(ended_by(status, SIGSEGV));
+  ASSERT_NE(0, *status & 0x80) << "it did not dump core";
+  ASSERT_GT(wait_for_actor(crasher(number, how), service.pid()), 0) << read_console();
+}
+
+TEST_F(ExitRoad, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
+  SyslogSink log;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_NO_FATAL_FAILURE(crash_once(1));
+  EXPECT_TRUE(log.says(" receives event:008b and self-checking ...")) << read_console();
+  EXPECT_FALSE(exists(kRebootLog));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
+  write_file(kBurstConfig, "60 3\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=reboot"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  ASSERT_NO_FATAL_FAILURE(crash_once(1));
+  ASSERT_NO_FATAL_FAILURE(crash_once(2));
+  EXPECT_FALSE(exists(kRebootLog));
+  ASSERT_NO_FATAL_FAILURE(crash_once(3));  // refused here, the daemon goes on as if nothing had happened
+  const std::string entry = read_file(kRebootLog);
+  ASSERT_GT(entry.size(), 25u);
+  EXPECT_EQ(0u, entry.find("detect more than 3 process exit in shorttime[60]s\n") - 25) << entry;
+  for (int number = 1; number <= 3; ++number) {
+    EXPECT_NE(std::string::npos, entry.find(actor_command(crasher(number)) + " ")) << entry;
+  }
+  EXPECT_EQ("\n\n", entry.substr(entry.size() - 2));
+  EXPECT_TRUE(eventually([] {
+    return Daemon::trace().find("LINUX_REBOOT_CMD_RESTART) = -1 EPERM") != std::string::npos;
+  })) << Daemon::trace();
+  EXPECT_TRUE(daemon.running());
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
+  write_file(kBurstConfig, "60 1");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  pid_t pid = service.pid();
+  service.kill_now();
+  for (int life = 0; life < 3; ++life) {
+    const pid_t next = wait_for_actor(kService, pid);
+    ASSERT_GT(next, 0) << read_console();
+    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
+    kill(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
+    pid = next;
+  }
+  EXPECT_GT(wait_for_actor(kService, pid), 0);
+  const bool dumped = read_console().find("event:0086") != std::string::npos;
+  EXPECT_EQ(dumped, exists(kRebootLog));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, ALoneNumberInTheConfigurationMeansTheDefaults) {
+  write_file(kBurstConfig, "60\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_NO_FATAL_FAILURE(crash_once(1));
+  ASSERT_NO_FATAL_FAILURE(crash_once(2));
+  EXPECT_FALSE(exists(kRebootLog));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_NO_FATAL_FAILURE(crash_once(1));
+  EXPECT_FALSE(exists(kRebootLog));
+  write_file(kBurstConfig, "60 2");
+  ASSERT_NO_FATAL_FAILURE(crash_once(2));
+  EXPECT_TRUE(eventually([] { return exists(kRebootLog); })) << read_console();
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
+  write_file(kBurstConfig, "60 1");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_NO_FATAL_FAILURE(crash_once(1, "--crash-in-thread=SEGV"));
+  EXPECT_TRUE(eventually([] { return exists(kRebootLog); })) << read_console();
+  EXPECT_NE(std::string::npos, read_file(kRebootLog).find("detect more than 1 process exit in shorttime[60]s\n"));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, CrashesOfUnregisteredProgramsAreNobodysBusiness) {
+  write_file(kBurstConfig, "60 1");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(ended_by(run(actor_words({"--core", "--crash=SEGV"})), SIGSEGV));
+  ASSERT_NO_FATAL_FAILURE([] {
+    Process service;  // the next event proves that the one before has been looked at
+    ASSERT_TRUE(start_service(&service));
+    service.send(SIGTERM);
+    service.wait();
+    ASSERT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
+  }());
+  EXPECT_FALSE(exists(kRebootLog));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--count=/tmp/wex/starts", "--thread=120", "--ready=/tmp/wex/ready",
+                         "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  EXPECT_TRUE(never([&] { return starts("/tmp/wex/starts") != 1; }, 300ms));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready",
+                         "--first-time=/tmp/wex/once", "--exec-in-thread", "--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  const pid_t pid = service.pid();
+  ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
+  EXPECT_TRUE(never([] { return starts("/tmp/wex/starts") > 2; }, 4s)) << read_console();
+  EXPECT_EQ((texts{text(pid), text(pid)}), lines_of(read_file("/tmp/wex/starts")));
+  EXPECT_TRUE(service.running());
+  service.kill_now();
+  EXPECT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 3; })) << "no longer supervised";
+  daemon.stop();
+}
+
+// ---- Duplicates ------------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, OfTwoRunningAlikeTheOneThatDiesIsForgotten) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process first, second;
+  ASSERT_TRUE(start_service(&first));
+  ASSERT_TRUE(start_service(&second));
+  const pid_t gone = second.pid();
+  second.kill_now();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> del " + text(gone) + "\n")) << read_console();
+  EXPECT_TRUE(eventually([&] { return !exists(db_path(gone)); }));
+  EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != first.pid(); }, 300ms));
+  const pid_t last = first.pid();
+  first.kill_now();
+  EXPECT_GT(wait_for_actor(kService, last), 0) << "the other one is no longer supervised";
+  daemon.stop();
+}
+
+// Kills a service and gives the pid of its next life, whose record says that the daemon started it.
+pid_t restarted(Process* service) {
+  const pid_t old_pid = service->pid();
+  service->kill_now();
+  const pid_t next = wait_for_actor(kService, old_pid);
+  EXPECT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; })) << read_console();
+  return next;
+}
+
+TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process first, twin;
+  ASSERT_TRUE(start_service(&first));
+  const pid_t again = restarted(&first);
+  ASSERT_GT(again, 0);
+  ASSERT_TRUE(start_service(&twin));
+  kill(again, SIGKILL);
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> pid " + text(twin.pid()) + " alive, del " + text(again) + "\n"))
+      << read_console();
+  EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != twin.pid() && !is_alive(again); }, 300ms));
+  const pid_t last = twin.pid();
+  twin.kill_now();
+  EXPECT_GT(wait_for_actor(kService, last), 0) << read_console();
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
+  for (const bool restarted_first : {true, false}) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.start());
+    Process first, twin;
+    ASSERT_TRUE(start_service(&first));
+    const pid_t again = restarted(&first);
+    ASSERT_GT(again, 0);
+    ASSERT_TRUE(start_service(&twin));
+    const pid_t twin_pid = twin.pid();
+    kill(daemon.pid(), SIGSTOP);
+    kill(restarted_first ? again : twin_pid, SIGKILL);
+    ASSERT_TRUE(eventually([&] { return !is_alive(restarted_first ? again : twin_pid); }));
+    kill(restarted_first ? twin_pid : again, SIGKILL);
+    ASSERT_TRUE(eventually([&] { return !is_alive(again) && !is_alive(twin_pid); }));
+    kill(daemon.pid(), SIGCONT);
+    twin.wait();
+    const pid_t one = wait_for_actor(kService);
+    EXPECT_GT(one, 0) << read_console();
+    EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != one; }, 3500ms)) << "there are two, or none";
+    EXPECT_TRUE(eventually([&] { return list_dir(kDbDir) == texts{"actor." + text(one)}; }));
+    daemon.kill_now();
+    kill(one, SIGKILL);
+    clean_world();
+    write_file("/data/.ovix/vsd/0/qx_utils/qx_utils_dbg_cfg.txt", "g_wex_pub_dbg_level 0\n");
+  }
+}
+
+TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
+  make_dirs("/tmp/vsd/4");
+  make_dirs("/data/var/run/vsd/4");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--count=/tmp/wex/starts", "--hold"};
+  Process main_one, domain_one;
+  ASSERT_TRUE(main_one.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 1; }));
+  ASSERT_TRUE(domain_one.start({"python3", "-c",
+                                "import os,sys; os.setgroups([3400]); os.execv(sys.argv[1], sys.argv[1:])",
+                                actor_binary(), options[0], options[1], options[2]}));
+  ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
+  EXPECT_EQ(1u, list_dir("/tmp/vsd/4/wex/db").size());
+  domain_one.kill_now();
+  EXPECT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 3; })) << read_console();
+  main_one.kill_now();
+  EXPECT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 4; })) << read_console();
+  daemon.stop();
+}
+
+// ---- Restart delay ---------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, ARestartDelayIsWaitedFor) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--time-set=2", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  const auto start = std::chrono::steady_clock::now();
+  service.kill_now();
+  const pid_t next = wait_for_actor(options, old_pid);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GT(next, 0) << read_console();
+  EXPECT_GE(took, 2s);
+  EXPECT_LT(took, 3s);
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--time-set=3600", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  ASSERT_TRUE(console_says("]HA_RESTART Task: ") || true);
+  ASSERT_TRUE(eventually([&] { return exists(db_path(old_pid)); }));
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start());
+  EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
+  daemon.stop();
+}
+
+// ---- Quiet restarts --------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, WhileTheDeviceMonitorRestartsNothingIsLoggedAndItsMarkerIsConsumed) {
+  write_file("/etc/debug_log", "");
+  write_file("/etc/dev_mon", "");
+  SyslogSink log;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_TRUE(eventually([] { return !exists("/etc/dev_mon"); }));
+  EXPECT_EQ(0u, log.count("%HA-5-"));
+  EXPECT_FALSE(exists("/tmp/wex/wex.log1"));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, AnEventLogThatCannotBeOpenedSkipsTheRestart) {
+  write_file("/etc/debug_log", "");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  make_dirs("/tmp/wex/wex.log1");
+  service.kill_now();
+  EXPECT_TRUE(console_says("]fail to openlog: ")) << read_console();
+  EXPECT_TRUE(never([] { return wait_for_actor(kService, 0, 0ms) > 0; }, 300ms));
+  daemon.stop();
+}
+
+// ---- Lost exits ------------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  kill(daemon.pid(), SIGSTOP);
+  for (int i = 0; i < 7000; ++i) {
+    const pid_t child = vfork();
+    if (child == 0) {
+      _exit(0);
+    }
+    ASSERT_EQ(child, waitpid(child, nullptr, 0));
+  }
+  service.kill_now();
+  kill(daemon.pid(), SIGCONT);
+  EXPECT_GT(wait_for_actor(options, old_pid, 25s), 0) << read_console().substr(0, 4000);
+  EXPECT_TRUE(console_says("]wex_process_netlink: netlink recvfrom fail: No buffer space available\n"));
+  EXPECT_TRUE(console_says(" exit of pid " + text(old_pid) + " was lost\n"));
+  EXPECT_TRUE(never([] { return starts("/tmp/wex/starts") != 2; }, 3500ms)) << "restarted twice";
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  kill(daemon.pid(), SIGSTOP);
+  for (int i = 0; i < 3000; ++i) {
+    const pid_t child = vfork();
+    if (child == 0) {
+      _exit(0);
+    }
+    ASSERT_EQ(child, waitpid(child, nullptr, 0));
+  }
+  service.send(SIGTERM);  // stopped on purpose: a made-up exit code would start it again
+  service.wait();
+  kill(daemon.pid(), SIGCONT);
+  EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }, 15s)) << read_console().substr(0, 4000);
+  EXPECT_TRUE(never([] { return starts("/tmp/wex/starts") != 1; }, 3500ms));
+  daemon.stop();
+}
+
+TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestarted) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  for (int round = 0; round < 20; ++round) {
+    const std::string count = "/tmp/wex/starts" + text(round);
+    const texts options = {"--count=" + count, "--first-time=/tmp/wex/once" + text(round), "--tag=first",
+                           "--register=RESTART", "--first-time=/tmp/wex/twice" + text(round), "--crash=KILL", "--hold"};
+    Process service;
+    ASSERT_TRUE(service.start(actor_words(options)));
+    EXPECT_TRUE(ended_by(service.wait(), SIGKILL));
+    EXPECT_TRUE(eventually([&] { return starts(count) == 2; }, 15s)) << round << "\n" << read_console();
+  }
+  daemon.stop();
+}
+
+// ---- Zombies ---------------------------------------------------------------------------------------------
+
+TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  pid_t pid = service.pid();
+  service.kill_now();
+  for (int life = 0; life < 3; ++life) {
+    const pid_t next = wait_for_actor(kService, pid);
+    ASSERT_GT(next, 0);
+    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
+    kill(next, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
+    pid = next;
+  }
+  daemon.stop();
+}
+
+}  // namespace
