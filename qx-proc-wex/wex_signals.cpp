@@ -18,7 +18,7 @@
 #include <cstring>
 
 #include "chain_lock.h"
-#include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -48,8 +48,14 @@ std::atomic<bool> g_stop{false};
 pthread_t g_thread;
 bool g_started = false;
 
-// Recursive: the exit handler holds it until the new pid is in its record, the spawner inside it too.
-pthread_mutex_t g_spawn_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+// Recursive: the exit handler holds it until the new pid is in its record, the spawner inside it too. The
+// reaper runs at normal priority and holds it as well, hence the inheritance.
+pthread_mutex_t g_spawn_mutex;
+pthread_once_t g_spawn_once = PTHREAD_ONCE_INIT;
+
+void create_spawn_mutex() {
+  create_priority_mutex(&g_spawn_mutex, PTHREAD_MUTEX_RECURSIVE);
+}
 
 extern "C" void wake_for_alarm(int /*signal*/) {
   const int cause = errno;
@@ -174,6 +180,7 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
 }  // namespace
 
 spawn_guard::spawn_guard() noexcept {
+  pthread_once(&g_spawn_once, create_spawn_mutex);
   pthread_mutex_lock(&g_spawn_mutex);
 }
 

@@ -177,8 +177,7 @@ extern "C" void printk_syslog_ext(int severity, const char* facility, const char
   g_syslog.push_back({severity, facility, mnemonic, flag, text});
 }
 
-// ---- the end of a wait
-// --------------------------------------------------------------------------------------
+// ---- the end of a wait ----
 
 TEST_F(Parked, ADeadlineEqualToNowIsNotYetDue) {
   wex_pid* const rec = park_at(700);
@@ -339,8 +338,7 @@ TEST_F(Parked, AThirdPartProgramThatIsNotFoundKeepsItsOldPidAndIsNotWaitedForAga
   EXPECT_TRUE(g_syslog.empty());
 }
 
-// ---- reboot
-// -------------------------------------------------------------------------------------------------
+// ---- reboot ----
 
 namespace {
 struct calm_case {
@@ -426,8 +424,7 @@ TEST_F(Parked, TheReasonOfAVeryLongCommandLineIsCutAt127Characters) {
   EXPECT_NE(std::string::npos, entry.find(" " + whole.substr(0, 127) + "\n")) << entry;
 }
 
-// ---- reaping
-// ------------------------------------------------------------------------------------------------
+// ---- reaping ----
 
 TEST(Reaper, ReapsAllDeadChildrenThoughAnOlderCallLeftEchild) {
   pid_t children[5];
@@ -482,8 +479,31 @@ TEST(Reaper, WaitsUntilTheSpawnInProgressHasStoredItsPid) {
   EXPECT_EQ(-1, kill(child, 0));
 }
 
-// ---- signals
-// ------------------------------------------------------------------------------------------------
+TEST(Reaper, WhoeverKeepsAnUrgentSpawnWaitingRunsAtItsPriority) {
+  std::atomic<pid_t> holder{0};
+  std::atomic<bool> let_go{false};
+  std::thread slow([&] {
+    const spawn_guard spawning;
+    holder = gettid();
+    EXPECT_TRUE(soon([&let_go] { return let_go.load(); }, 10s));
+  });
+  ASSERT_TRUE(soon([&holder] { return holder.load() != 0; }));
+  std::thread urgent([] {
+    EXPECT_EQ(0, wex_set_priority(kMonitorPriority));
+    const spawn_guard spawning;
+  });
+  const std::string stat = "/proc/self/task/" + std::to_string(holder.load()) + "/stat";
+  EXPECT_TRUE(soon([&stat] {  // its 18th field: -1 - priority for a thread that runs in real time
+    const std::string text = contents(stat.c_str());
+    const size_t fields = text.rfind(") ");
+    return fields != std::string::npos && text.find(" -100 ", fields) != std::string::npos;
+  })) << contents(stat.c_str());
+  let_go = true;
+  slow.join();
+  urgent.join();
+}
+
+// ---- signals ----
 
 namespace {
 
