@@ -233,13 +233,11 @@ void wex_alrm_handler(int /*signal*/) {
   if (wait < 0) {
     wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", __func__, strerror(errno));
   }
-  int32_t now;
-  int64_t next;
-  {
-    chain_lock hold(wex_chains);
-    now = wex_clock_now();
-    next = restart_due(now, wait);
-  }
+  // Held until the alarm is armed: a program that is parked meanwhile keeps the earlier of the two deadlines,
+  // and can only do so when this one is already pending.
+  chain_lock hold(wex_chains);
+  const int32_t now = wex_clock_now();
+  const int64_t next = restart_due(now, wait);
   if (next != 0) {
     alarm(next - now > 1 ? static_cast<unsigned>(next - now) : 1);
   }
