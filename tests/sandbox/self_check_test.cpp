@@ -1,5 +1,11 @@
 // Programs that keep dying: parked, restarted by the alarm, and the end of patience.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
+#include <memory>
+#include <thread>
 
 #include "restart_policy.h"
 
@@ -176,4 +182,35 @@ TEST_F(SelfCheck, AProgramThatCrashesByItselfIsStartedFiveTimesThenParked) {
   EXPECT_TRUE(ended_by(first.wait(), SIGKILL));
   EXPECT_TRUE(console_says("HA_WAIT_SELF_CHECK Task: "));
   EXPECT_EQ(5u, starts_in(starts)) << "once by us and four times by the daemon";
+}
+
+TEST_F(SelfCheck, AlarmsThatHitEveryThreadAtAnyTimeDisturbNothing) {
+  write_file(kDebugTime, "2\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  std::vector<std::unique_ptr<Service>> services;
+  for (const char* tag : {"storm1", "storm2", "storm3", "storm4"}) {
+    services.push_back(std::make_unique<Service>(tag));
+    ASSERT_TRUE(services.back()->start());
+  }
+  const std::string tasks = "/proc/" + std::to_string(daemon.pid()) + "/task";
+  std::atomic<bool> calm{false};
+  std::thread storm([&] {
+    while (!calm) {
+      for (const std::string& task : list_dir(tasks)) {
+        syscall(SYS_tgkill, daemon.pid(), static_cast<pid_t>(std::stol(task)), SIGALRM);
+      }
+      usleep(500);
+    }
+  });
+  for (const auto& service : services) {
+    EXPECT_TRUE(service->park());
+  }
+  for (const auto& service : services) {
+    EXPECT_TRUE(service->comes_back());
+  }
+  calm = true;
+  storm.join();
+  EXPECT_TRUE(daemon.running());
+  EXPECT_TRUE(services[0]->ends_and_comes_back());
 }

@@ -1,0 +1,86 @@
+// Exits that the kernel could not tell: the sweep finds the vanished programs.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "restart_policy.h"
+
+using namespace policy;
+
+namespace {
+
+// The daemon, with the small event buffer of a kernel that gives no other, and without its filter: a few
+// hundred events are more than it can hold.
+class LostExits : public WexWorld {
+ protected:
+  void SetUp() override {
+    WexWorld::SetUp();
+    ASSERT_TRUE(daemon_.start_traced({"inject=setsockopt:error=EPERM"}));
+    ASSERT_TRUE(daemon_.wait_ready());
+  }
+  void TearDown() override {
+    daemon_.kill_now();
+    WexWorld::TearDown();
+  }
+
+  void stop_daemon() {
+    daemon_.send(SIGSTOP);
+    for (const std::string& task : list_dir("/proc/" + std::to_string(daemon_.pid()) + "/task")) {
+      const pid_t tid = static_cast<pid_t>(std::stol(task));
+      EXPECT_TRUE(eventually([tid] {
+        const std::string state = status_field(tid, "State");
+        return state[0] == 'T' || state[0] == 't';
+      })) << status_field(tid, "State");
+    }
+  }
+
+  static void many_exits(int count) {
+    for (int i = 0; i < count; ++i) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      waitpid(child, nullptr, 0);
+    }
+  }
+
+  Daemon daemon_;
+};
+
+}  // namespace
+
+TEST_F(LostExits, AProgramWhoseExitDrownedIsRestartedAllTheSame) {
+  SyslogSink log;
+  Service service("drowned");
+  ASSERT_TRUE(service.start());
+  const std::string old = service.id();
+  const pid_t old_pid = service.pid();
+  stop_daemon();
+  many_exits(700);
+  service.end();
+  daemon_.send(SIGCONT);
+  EXPECT_TRUE(service.comes_back(20s)) << read_console();
+  EXPECT_TRUE(console_says("wex_process_netlink: netlink recvfrom fail: No buffer space available\n"));
+  EXPECT_TRUE(console_says("exit of pid " + std::to_string(old_pid) + " was lost\n"));
+  EXPECT_TRUE(log.says("%HA-5-HA_RE_INIT: Job " + old + " will be re-initialized ..."))
+      << "nobody knows why it ended";
+}
+
+TEST_F(LostExits, AnOverflowLeavesLivingProgramsAlone) {
+  Service service("living");
+  ASSERT_TRUE(service.start());
+  stop_daemon();
+  many_exits(700);
+  daemon_.send(SIGCONT);
+  EXPECT_TRUE(console_says("netlink recvfrom fail: No buffer space available\n", 20s));
+  EXPECT_TRUE(never([&] { return wait_for_actor(service.options(), service.pid(), 0ms) != 0; }, 3s));
+  EXPECT_TRUE(is_alive(service.pid()));
+  EXPECT_TRUE(service.ends_and_comes_back());
+}
+
+TEST_F(LostExits, WithASmallBufferAndNoFilterTheDaemonStillWorksAndSaysSo) {
+  EXPECT_TRUE(console_says("wex_process_netlink: socket set recvbuffer error: Operation not permitted"));
+  Service service("small");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(service.ends_and_comes_back());
+}
