@@ -18,11 +18,11 @@ enum { RAS_PATH_SIZE = 256 };
 
 /* Joins `prefix` and `suffix` into `out`. 0, or -1 (printed) when both and a terminator need more than
  * `capacity` bytes. */
-int ras_make_vsd_path(const char *prefix, const char *suffix, char *out, size_t capacity);
+int ras_make_vsd_path(const char* prefix, const char* suffix, char* out, size_t capacity);
 
 /* Joins the data directory named by the environment and `suffix` into `out` (RAS_PATH_SIZE bytes). 0, or
  * -1 (printed) when the variable is unset or the path too long. */
-int ras_make_vsd_data_ovix_path(const char *suffix, char *out);
+int ras_make_vsd_data_ovix_path(const char* suffix, char* out);
 
 #ifdef __cplusplus
 }

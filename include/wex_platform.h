@@ -9,11 +9,11 @@ extern "C" {
 #endif
 
 /* One line for the device's system log. wex always calls it with severity 5, facility "HA" and flag 1. */
-void printk_syslog_ext(int severity, const char *facility, const char *mnemonic, int flag, const char *format, ...)
-    __attribute__((format(printf, 5, 6)));
+void printk_syslog_ext(int severity, const char* facility, const char* mnemonic, int flag, const char* format,
+                       ...) __attribute__((format(printf, 5, 6)));
 
 /* One line for the system log at a syslog(3) priority; used for dumps of the registry. */
-void qx_syslog(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void qx_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /* Prepares the file-system environment of domain `vsd` for the calling process, which is about to execute a
  * program of that domain in place of process `old_pid` (0 when the domain starts). Runs between fork and

@@ -15,17 +15,17 @@ extern "C" {
 #endif
 
 enum {
-  WEX_ALIVE_SIZE_OFFSET = 8,      /* uint32: 184356 */
-  WEX_ALIVE_BITMAP_OFFSET = 32,   /* bit t: thread t is registered */
+  WEX_ALIVE_SIZE_OFFSET = 8,    /* uint32: 184356 */
+  WEX_ALIVE_BITMAP_OFFSET = 32, /* bit t: thread t is registered */
   WEX_ALIVE_BITMAP_BYTES = 20481,
-  WEX_ALIVE_SEQ_OFFSET = 20513,   /* byte t: sequence of thread t, 0 = not registered */
+  WEX_ALIVE_SEQ_OFFSET = 20513, /* byte t: sequence of thread t, 0 = not registered */
   WEX_ALIVE_SEQ_BYTES = 163840
 };
 
 /* The calling process's mapping. */
 typedef struct wex_alive_info {
   ras_os_record_memory_t memory;
-  uint8_t *base;
+  uint8_t* base;
 } wex_alive_info;
 
 extern wex_alive_info g_wex_alive_info;

@@ -40,7 +40,7 @@ uint64_t vsd_use_mem(int32_t vsd);
 
 /* Adds the resident size (KiB) in a smaps file, library mappings left out, to counters[vsd]. Negative
  * domains count as 0, domains above 15 not at all. */
-int get_vsd_mem(const char *path, int32_t vsd, uint64_t counters[16]);
+int get_vsd_mem(const char* path, int32_t vsd, uint64_t counters[16]);
 
 /* Kills the largest process of a domain. Only for a domain that has supervised processes. */
 void find_max_rss(int32_t vsd);
@@ -51,7 +51,7 @@ void find_max_rss(int32_t vsd);
 int create_vsd(int32_t vsd);
 
 /* Starts the program "/sbin/<name>" in a domain, without waiting for it. 0. */
-int create_proc_to_vsd(const char *name, int32_t vsd);
+int create_proc_to_vsd(const char* name, int32_t vsd);
 
 /* Take-downs: TERM, 5 s, KILL, 10 s, removal. stop keeps the persistent data, delete does not, reload
  * creates the domain again. */
@@ -66,7 +66,7 @@ int show_vsd(void);
 int kill_proc_by_groups(int sig, int32_t gid);
 
 /* 1 when "/sbin/" has an entry `name`, 0 when not, -errno when it cannot be read. */
-int check_sbin(const char *name);
+int check_sbin(const char* name);
 
 /* Removes a domain's run-time directories. 0. */
 int delete_vsd_file(int32_t vsd);

@@ -12,7 +12,8 @@
 class dir_walk {
  public:
   // `path` is followed like any path; errno tells why valid() is false.
-  explicit dir_walk(const char* path) noexcept : dir_(adopt(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC))) {}
+  explicit dir_walk(const char* path) noexcept
+      : dir_(adopt(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC))) {}
   explicit dir_walk(unique_fd&& fd) noexcept : dir_(adopt(fd.release())) {}
   ~dir_walk() {
     const int cause = errno;
@@ -32,7 +33,8 @@ class dir_walk {
     const dirent* entry;
     do {
       entry = ::readdir(dir_);  // each walk has its own stream, so this is safe in threads
-    } while (entry != nullptr && (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
+    } while (entry != nullptr &&
+             (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
     return entry;
   }
 

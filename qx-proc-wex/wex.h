@@ -39,19 +39,19 @@ extern "C" {
 /* ---- Limits shared by both sides ------------------------------------------------------------------- */
 
 enum {
-  WEX_PROCESS_SIZE = 4096,  /* command line of a record, terminator included */
-  WEX_SCRIPT_SIZE = 256,    /* restart command of a record, terminator included */
-  WEX_CHAIN_BUCKETS = 256,  /* top eight bits of the hash */
-  WEX_ALIVE_TIDS = 163840,  /* thread ids 0 to 163839 have a byte in the alive table */
-  WEX_DOMAINS = 16          /* virtual system domains 0 to 15; 0 is the main system */
+  WEX_PROCESS_SIZE = 4096, /* command line of a record, terminator included */
+  WEX_SCRIPT_SIZE = 256,   /* restart command of a record, terminator included */
+  WEX_CHAIN_BUCKETS = 256, /* top eight bits of the hash */
+  WEX_ALIVE_TIDS = 163840, /* thread ids 0 to 163839 have a byte in the alive table */
+  WEX_DOMAINS = 16         /* virtual system domains 0 to 15; 0 is the main system */
 };
 
 /* ---- The supervised-process record ----------------------------------------------------------------- */
 
 /* What is to happen when a supervised process exits (the record's `action`). */
 enum {
-  RESPAWN = 2,       /* start the program again */
-  SHELL_RESTART = 3  /* run its restart script */
+  RESPAWN = 2,      /* start the program again */
+  SHELL_RESTART = 3 /* run its restart script */
 };
 
 /* Bits of the record's `flags`. */
@@ -64,30 +64,30 @@ enum {
 enum { WEX_NTFY_CNT, WEX_CUR_CNT, WEX_NTFY_TIME, WEX_CUR_NTFY_TIME, WEX_NOTIFY_WORDS };
 
 typedef struct wex_hnode {
-  struct wex_hnode *next;
-  struct wex_hnode **pprev; /* the forward pointer that points here, of the record before or of the bucket */
+  struct wex_hnode* next;
+  struct wex_hnode** pprev; /* the forward pointer that points here, of the record before or of the bucket */
 } wex_hnode;
 
 typedef struct wex_list {
-  struct wex_list *next;
-  struct wex_list *prev;
+  struct wex_list* next;
+  struct wex_list* prev;
 } wex_list;
 
 /* One registration, of a process or (in the alive chain) of a thread. Times are whole seconds of the
  * monotonic clock. Everything from `start_time` on is the daemon's own knowledge about the pid. */
 typedef struct wex_pid {
-  int32_t pid;             /* process id, or thread id in the alive chain; the hash key */
-  int32_t ppid;            /* alive chain: process that owns the thread; 0 elsewhere */
-  int32_t vsd;             /* domain of the process */
-  int32_t alarm_wait_flag; /* 1 while parked: the alarm restarts it, not its exit */
+  int32_t pid;                           /* process id, or thread id in the alive chain; the hash key */
+  int32_t ppid;                          /* alive chain: process that owns the thread; 0 elsewhere */
+  int32_t vsd;                           /* domain of the process */
+  int32_t alarm_wait_flag;               /* 1 while parked: the alarm restarts it, not its exit */
   int32_t notify_info[WEX_NOTIFY_WORDS]; /* alive chain: allowed misses, misses left, period, elapsed */
-  uint32_t alive_seq;      /* alive chain: the thread's sequence byte as last seen */
-  int32_t restart_delay;   /* seconds to sleep before a restart, 0 = none */
-  char process[WEX_PROCESS_SIZE]; /* command line; also the name shown in logs */
-  int32_t action;          /* RESPAWN, SHELL_RESTART; anything else is not acted on */
+  uint32_t alive_seq;                    /* alive chain: the thread's sequence byte as last seen */
+  int32_t restart_delay;                 /* seconds to sleep before a restart, 0 = none */
+  char process[WEX_PROCESS_SIZE];        /* command line; also the name shown in logs */
+  int32_t action;                        /* RESPAWN, SHELL_RESTART; anything else is not acted on */
   uint32_t flags;
-  int32_t check_start;     /* start of the 120 s restart window, later of the self-check wait */
-  int32_t check_count;     /* restarts within the window */
+  int32_t check_start;          /* start of the 120 s restart window, later of the self-check wait */
+  int32_t check_count;          /* restarts within the window */
   char script[WEX_SCRIPT_SIZE]; /* restart command of a SHELL_RESTART record */
   wex_hnode hnode;
   wex_list list;
@@ -98,10 +98,10 @@ typedef struct wex_pid {
   int32_t force_restart;   /* 1: restart now, never postpone */
   int32_t delay_start;     /* when the copy entered the delay chain */
 
-  int32_t exit_seen;       /* an exit of this very pid has been handled */
-  int32_t restart_failed;  /* the last restart left no process: the pid is a dead one */
-  int32_t gone_since;      /* when a sweep first found the pid gone, 0 = not seen gone */
-  uint64_t start_time;     /* field 22 of /proc/PID/stat, tells a reused pid; 0 = unknown */
+  int32_t exit_seen;      /* an exit of this very pid has been handled */
+  int32_t restart_failed; /* the last restart left no process: the pid is a dead one */
+  int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
+  uint64_t start_time;    /* field 22 of /proc/PID/stat, tells a reused pid; 0 = unknown */
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");
@@ -110,13 +110,16 @@ WEX_STATIC_ASSERT(offsetof(wex_pid, process) == 40, "the record's order and type
 WEX_STATIC_ASSERT(offsetof(wex_pid, action) == 4136, "the record's order and types are fixed");
 WEX_STATIC_ASSERT(offsetof(wex_pid, script) == 4152, "the record's order and types are fixed");
 WEX_STATIC_ASSERT(offsetof(wex_pid, hnode) == 4408, "the record's order and types are fixed");
-WEX_STATIC_ASSERT(offsetof(wex_pid, list) == 4408 + 2 * sizeof(void *), "the record's order and types are fixed");
-WEX_STATIC_ASSERT(offsetof(wex_pid, reboot_allow) == 4408 + 4 * sizeof(void *), "the record's order and types are fixed");
-WEX_STATIC_ASSERT(offsetof(wex_pid, delay_start) == 4408 + 4 * sizeof(void *) + 20, "the record's order and types are fixed");
+WEX_STATIC_ASSERT(offsetof(wex_pid, list) == 4408 + 2 * sizeof(void*),
+                  "the record's order and types are fixed");
+WEX_STATIC_ASSERT(offsetof(wex_pid, reboot_allow) == 4408 + 4 * sizeof(void*),
+                  "the record's order and types are fixed");
+WEX_STATIC_ASSERT(offsetof(wex_pid, delay_start) == 4408 + 4 * sizeof(void*) + 20,
+                  "the record's order and types are fixed");
 
 /* A hash table of records. Whoever looks into it or changes it holds `mutex`. */
 typedef struct WEX_TSA(capability("chain")) wex_chains_t {
-  wex_hnode *heads[WEX_CHAIN_BUCKETS];
+  wex_hnode* heads[WEX_CHAIN_BUCKETS];
   pthread_mutex_t mutex; /* recursive, priority inheriting */
   int32_t count;
 } wex_chains_t;
@@ -166,7 +169,8 @@ typedef struct wex_cons_info {
 } wex_cons_info;
 
 WEX_STATIC_ASSERT(sizeof(wex_inner_msg) == WEX_MSG_HEADER_SIZE, "older clients read these bytes");
-WEX_STATIC_ASSERT(offsetof(wex_inner_msg, name) == 8 && offsetof(wex_inner_msg, reserved) == 264, "older clients read these bytes");
+WEX_STATIC_ASSERT(offsetof(wex_inner_msg, name) == 8 && offsetof(wex_inner_msg, reserved) == 264,
+                  "older clients read these bytes");
 WEX_STATIC_ASSERT(sizeof(wex_reg_info) == 320, "older clients read these bytes");
 WEX_STATIC_ASSERT(offsetof(wex_reg_info, restart_delay) == 28 && offsetof(wex_reg_info, process) == 32 &&
                       offsetof(wex_reg_info, tag) == 288,
@@ -180,7 +184,7 @@ enum { WEX_DBG_PUB, WEX_DBG_ALIVE, WEX_DBG_LIB, WEX_DBG_LEVELS };
 enum { WEX_DBG_SILENT = 4 };
 
 extern int32_t g_wex_dbg_level[WEX_DBG_LEVELS];
-extern const char *const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1];
+extern const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1];
 
 /* Reads the debug levels from the configuration file below DATA_OVIX_DIR. Always 0; what cannot be read
  * leaves the levels as they are. Any thread, but not two at once. */
@@ -191,14 +195,14 @@ int wex_is_open_pub_dbg(void);
 
 /* Writes "[WEX:module:line]" and the message to standard output in one write. Keeps errno. Any thread,
  * also between fork and exec. Use wex_dbg(), which looks at the level first. */
-void wex_dbg_print(const char *module, int line, const char *format, ...) WEX_PRINTF(3, 4);
+void wex_dbg_print(const char* module, int line, const char* format, ...) WEX_PRINTF(3, 4);
 
 #define wex_dbg_on(level) (__atomic_load_n(&g_wex_dbg_level[level], __ATOMIC_RELAXED) != WEX_DBG_SILENT)
-#define wex_dbg_as(module, level, ...)                     \
-  do {                                                     \
-    if (wex_dbg_on(level)) {                               \
-      wex_dbg_print(module, __LINE__, __VA_ARGS__);        \
-    }                                                      \
+#define wex_dbg_as(module, level, ...)              \
+  do {                                              \
+    if (wex_dbg_on(level)) {                        \
+      wex_dbg_print(module, __LINE__, __VA_ARGS__); \
+    }                                               \
   } while (0)
 
 /* ---- Registration of processes --------------------------------------------------------------------- */
@@ -213,11 +217,11 @@ int reg_process_exit_action(int32_t pid, uint32_t type);
 
 /* As above with the restart script `path` (at most 255 characters are kept); sent once.
  * 0, or a negative value when `pid` is negative or nothing could be sent. */
-int reg_process_exit_action_shell(int32_t pid, uint32_t type, const char *path);
+int reg_process_exit_action_shell(int32_t pid, uint32_t type, const char* path);
 
 /* Registers with the action named "WEX_RESTART" or "WEX_SHELL_RESTART" (a prefix is enough). 0, or -1 for
  * another text. */
-int reg_third_part_process_exit_action(int32_t pid, const char *action);
+int reg_third_part_process_exit_action(int32_t pid, const char* action);
 
 /* Asks for a delay of `time` seconds before each restart of `pid` (0 = the caller). Counts only when this
  * message creates the registration, so call it first. 0, or a negative value. */
@@ -235,11 +239,11 @@ void wex_rm_db_file_by_pid(int32_t pid);
 void wex_client_watch_process_fd(int32_t pid);
 
 /* Starts a program as the daemon would, without registering it. The new pid, or -1. */
-int32_t wex_start_user_process(const char *path);
+int32_t wex_start_user_process(const char* path);
 
 /* Starts `rec->process`; stores the new pid through `pid_out`. Repeats a failed fork every 5 s. Returns -1
  * in the child when the child cannot change to "/". */
-int32_t wex_spawn_by_user(wex_pid *rec, int32_t *pid_out);
+int32_t wex_spawn_by_user(wex_pid* rec, int32_t* pid_out);
 
 /* ---- Thread liveness ------------------------------------------------------------------------------- */
 

@@ -18,8 +18,8 @@ uint32_t wex_hash_pid(int32_t pid);
 // Empties the chain and creates its lock. 0, or an error number. Before any thread uses it.
 int wex_init_chains(wex_chains_t* chain);
 
-// Frees every record, and in the alive chain its table entry. The lock stays usable: threads that end late may
-// still ask for it. 0.
+// Frees every record, and in the alive chain its table entry. The lock stays usable: threads that end late
+// may still ask for it. 0.
 int wex_destroy_chains(wex_chains_t* chain);
 
 // First record of `pid`, or null.
@@ -39,8 +39,8 @@ int wex_rebuild_chains(wex_chains_t* chain);
 int wex_print_chains(int kind, wex_chains_t* chain);
 int wex_syslog_chains(int kind, wex_chains_t* chain);
 
-// Looks in wex_chains for another registration of rec's program in rec's domain: null when there is none, `rec`
-// itself when it is to be dropped, else the other one, which is to be checked.
+// Looks in wex_chains for another registration of rec's program in rec's domain: null when there is none,
+// `rec` itself when it is to be dropped, else the other one, which is to be checked.
 wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Finds the first line of the third-part list `path` that contains `needle`; 1 and the text behind its last
@@ -68,19 +68,21 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA
 // Remembers the identity of the record's present process, so that a reused pid is not taken for it.
 void wex_note_identity(wex_pid* rec);
 
-// True when the record's own process (not a stranger with its pid) is alive now; false when its identity was never
-// noted. Reads /proc once, no sleeping.
+// True when the record's own process (not a stranger with its pid) is alive now; false when its identity was
+// never noted. Reads /proc once, no sleeping.
 bool wex_record_lives(const wex_pid* rec);
 
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
 int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
-// Deletes records of this program and domain whose last restart left no process, with their database files: the
-// living process `newcomer` takes their place, and keeps its own file should it have got the dead one's pid.
-void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) WEX_TSA(requires_capability(wex_chains));
+// Deletes records of this program and domain whose last restart left no process, with their database files:
+// the living process `newcomer` takes their place, and keeps its own file should it have got the dead one's
+// pid.
+void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer)
+    WEX_TSA(requires_capability(wex_chains));
 
-// Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks of
-// `process` in place.
+// Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks
+// of `process` in place.
 const char* wex_program_name(wex_pid* rec);
 
 // Visits every record, bucket 0 to 255, head to tail. The record just returned may be unlinked and freed.

@@ -55,8 +55,7 @@ struct threads {
   int created = 0;
 };
 
-// ---- steps of the start
-// --------------------------------------------------------------------------------------------
+// ---- steps of the start -----------------------------------------------------------------------------------
 
 // A limit as the diagnostics show it: unlimited is -1.
 int shown(rlim_t limit) {
@@ -134,8 +133,7 @@ bool read_description(const char* name, char* text, size_t size) {
   return true;
 }
 
-// ---- threads
-// -------------------------------------------------------------------------------------------------------
+// ---- threads ----------------------------------------------------------------------------------------------
 
 // The running log says which thread could not be created; no later one is tried then.
 bool created(int error, const char* name, const char* suffix) {

@@ -26,7 +26,8 @@ void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_re
 // Restart events written to the event-log files; drives their alternation. Guarded by wex_chains.
 extern int32_t wex_event_log_count;
 
-// 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start now.
+// 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start
+// now.
 int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Compiles "/etc/wex/proc" into the third-part list.
@@ -36,8 +37,8 @@ void wex_third_part_proc_init(void);
 int wex_check_pid_exist(wex_pid* rec);
 }
 
-// One look of the watchdog at every registered thread: removes those that are gone, counts the silent ones, aborts
-// the process of the first that is hung. To be called every 60 s.
+// One look of the watchdog at every registered thread: removes those that are gone, counts the silent ones,
+// aborts the process of the first that is hung. To be called every 60 s.
 void wex_scan_alive_chains();
 
 // Sets the flag and wakes every wait of every thread. Any thread.

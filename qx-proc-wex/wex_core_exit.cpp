@@ -77,8 +77,7 @@ constexpr restart_kind kScript = {"SHELL_RESTART",
                                   0,
                                   0};
 
-// ---- before the decision
-// -------------------------------------------------------------------------------------------
+// ---- before the decision ----------------------------------------------------------------------------------
 
 // True when the record's process has not exited although the kernel reported its leader. A thread that
 // executes a program takes the leader's place a moment after the leader's exit was reported, so while the
@@ -140,8 +139,7 @@ void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chai
   }
 }
 
-// ---- stopped on purpose
-// --------------------------------------------------------------------------------------------
+// ---- stopped on purpose -----------------------------------------------------------------------------------
 
 bool change_dir(const char* path) {
   if (chdir(path) == 0) {
@@ -192,8 +190,7 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   __wex_drop_record(&wex_chains, rec);
 }
 
-// ---- event log
-// -----------------------------------------------------------------------------------------------------
+// ---- event log --------------------------------------------------------------------------------------------
 
 // The file that the present count belongs to: 1, 2, or 0 for neither.
 int event_file() {
@@ -262,8 +259,7 @@ void log_success(const restart_kind& kind, const char* name, int32_t times, int3
   }
 }
 
-// ---- restart
-// -------------------------------------------------------------------------------------------------------
+// ---- restart ----------------------------------------------------------------------------------------------
 
 // A third-part program that started itself again is registered under its new pid.
 bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {

@@ -19,10 +19,11 @@ enum { kSubscriptionSize = 40 };
 // The message that asks the connector for process events, in the name of process `pid`.
 void wex_build_subscription(int32_t pid, uint8_t (&message)[kSubscriptionSize]);
 
-// Calls `on_event` for each well-formed acknowledgement, exec and exit event of a datagram; anything else ends or
-// skips as the message headers say. Any bytes are safe.
-void wex_walk_datagram(const uint8_t* bytes, size_t size, void (*on_event)(const process_event& event, void* context),
-                       void* context);
+// Calls `on_event` for each well-formed acknowledgement, exec and exit event of a datagram; anything else
+// ends or skips as the message headers say. Any bytes are safe.
+void wex_walk_datagram(const uint8_t* bytes, size_t size,
+                       void (*on_event)(const process_event& event, void* context), void* context);
 
-// Window (seconds) and count of the exit burst from the text of its configuration file; false leaves them alone.
+// Window (seconds) and count of the exit burst from the text of its configuration file; false leaves them
+// alone.
 bool wex_parse_burst(const char* text, int32_t* window, int32_t* count);

@@ -62,8 +62,7 @@ struct server {
 int32_t client_table[kMaxClients];
 epoll_event events[kMaxWatched];
 
-// ---- Messages
-// -----------------------------------------------------------------------------------------------
+// ---- Messages ---------------------------------------------------------------------------------------------
 
 // A message with everything at its full size: what the sender left out is zero, what it sent beyond is
 // ignored.
@@ -150,8 +149,7 @@ int wex_dispatch_domain_msg(const wex_inner_msg& msg) {
   return result;
 }
 
-// ---- Clients
-// ------------------------------------------------------------------------------------------------
+// ---- Clients ----------------------------------------------------------------------------------------------
 
 // The lowest slot that holds `sd`, or null.
 int32_t* find_slot(int32_t sd) {
@@ -217,8 +215,7 @@ bool admit_client(server& self) {
   return true;
 }
 
-// ---- One cycle
-// ----------------------------------------------------------------------------------------------
+// ---- One cycle --------------------------------------------------------------------------------------------
 
 unique_fd create_epoll() {
   unique_fd ep(epoll_create1(EPOLL_CLOEXEC));
@@ -306,8 +303,7 @@ bool run_cycle(server& self) {
   return true;
 }
 
-// ---- Beginning and end
-// --------------------------------------------------------------------------------------
+// ---- Beginning and end ------------------------------------------------------------------------------------
 
 bool open_listener(server& self) {
   self.listener = wex_open_control_socket();

@@ -14,59 +14,59 @@
 #endif
 
 // Descriptors.
-inline constexpr int kOpenFileLimit = 2304;       // soft limit of the daemon: every client and room to spare
-inline constexpr int kMaxClients = 2048;          // connected clients; one more ends the daemon
+inline constexpr int kOpenFileLimit = 2304;  // soft limit of the daemon: every client and room to spare
+inline constexpr int kMaxClients = 2048;     // connected clients; one more ends the daemon
 inline constexpr int kListenBacklog = 2048;
-inline constexpr int kServerWaitMs = 10000;       // longest wait of the control server for its clients
+inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
 // Restart throttle and self-check.
-inline constexpr int32_t kThrottleWindowSec = 120;   // restarts are counted inside such a window
-inline constexpr int32_t kThrottleRestarts = 5;      // the restart that reaches this parks the program
-inline constexpr int32_t kSelfCheckSec = 300;        // default wait of a parked program
-inline constexpr int32_t kRebootWindowSec = 601;     // a second park sooner than this reboots the device
-inline constexpr int32_t kLongDelaySec = 3600;       // a restart delay above this is said in the running log
+inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted inside such a window
+inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches this parks the program
+inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
+inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
+inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this is said in the running log
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
 inline constexpr int32_t kBurstCount = 10;
-inline constexpr int kLastTakeDownDomain = 16;       // take-down markers of domains 1 to 16 are looked at
+inline constexpr int kLastTakeDownDomain = 16;  // take-down markers of domains 1 to 16 are looked at
 
 // Postponed restarts and repairs.
-inline constexpr int32_t kForceRestartSec = 301;     // a postponed restart is forced after this
-inline constexpr int32_t kSweepEverySec = 60;        // how often registered but vanished processes are looked for
-inline constexpr int32_t kSweepConfirmSec = 2;       // how long one must be gone before the exit counts as lost
-inline constexpr int32_t kReplacedKeepSec = 10;      // how long a replaced pid is remembered for late events
-inline constexpr int kReplacedKept = 64;             // and how many of them
+inline constexpr int32_t kForceRestartSec = 301;  // a postponed restart is forced after this
+inline constexpr int32_t kSweepEverySec = 60;    // how often registered but vanished processes are looked for
+inline constexpr int32_t kSweepConfirmSec = 2;   // how long one must be gone before the exit counts as lost
+inline constexpr int32_t kReplacedKeepSec = 10;  // how long a replaced pid is remembered for late events
+inline constexpr int kReplacedKept = 64;         // and how many of them
 
 // Registry.
-inline constexpr off_t kListRemembered = 262144;     // bytes; a larger third-part list is read at every look-up
+inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part list is read at every look-up
 
-inline constexpr int kLeaderLooks = 4;               // looks at a dead leader whose threads have not ended yet
+inline constexpr int kLeaderLooks = 4;  // looks at a dead leader whose threads have not ended yet
 inline constexpr int kLeaderLookMs = 5;
 
 // Spawning.
-inline constexpr int kMaxWords = 14;                 // program and 13 arguments
+inline constexpr int kMaxWords = 14;  // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
-inline constexpr int kForkFailuresFatal = 7;         // failed forks in a row that end the daemon
-inline constexpr int kFindTries = 10;                // extra looks for a program that detaches
-inline constexpr int kFindStepMs = 100;              // the k-th look waits k times this
+inline constexpr int kForkFailuresFatal = 7;  // failed forks in a row that end the daemon
+inline constexpr int kFindTries = 10;         // extra looks for a program that detaches
+inline constexpr int kFindStepMs = 100;       // the k-th look waits k times this
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
-inline constexpr int kPlatformTimeLimitMs = 10000;   // a domain child that has not executed by then is killed
+inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
 
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
 
 // Client transport.
-inline constexpr int kConnectTries = 6;              // one second apart
+inline constexpr int kConnectTries = 6;  // one second apart
 inline constexpr int kAckTries = 5;
 inline constexpr int kAckWaitMs = 1000;
-inline constexpr int kRequestTries = 30;             // one second apart, for calls that must get through
+inline constexpr int kRequestTries = 30;  // one second apart, for calls that must get through
 inline constexpr int kFdWatchStrikes = 4;
-inline constexpr int kSendQuickTries = 100;          // sends repeated at once while the kernel is short of memory
-inline constexpr int kSendRetryMs = 5;               // pause between the tries behind those
-inline constexpr int kOwnerWaitMs = 1;               // between looks while another thread takes over after a fork
+inline constexpr int kSendQuickTries = 100;  // sends repeated at once while the kernel is short of memory
+inline constexpr int kSendRetryMs = 5;       // pause between the tries behind those
+inline constexpr int kOwnerWaitMs = 1;       // between looks while another thread takes over after a fork
 
 // Hang detection.
 inline constexpr unsigned kScanSec = 60;
@@ -77,23 +77,23 @@ inline constexpr int32_t kLongPeriodMisses = 4;
 inline constexpr uint32_t kAliveTableSize = 184356;
 
 // Logs.
-inline constexpr off_t kRunningLogMax = 102400;      // bytes; then the other file is taken
-inline constexpr int kNotifyRing = 10;               // hang reports kept
+inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
+inline constexpr int kNotifyRing = 10;           // hang reports kept
 
 // Domains.
-inline constexpr int32_t kDomainGroupBase = 3000;    // supplementary group of domain n: base + 100 n
+inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n
 inline constexpr int32_t kDomainGroupStep = 100;
 inline constexpr unsigned kTermGraceSec = 5;
 inline constexpr unsigned kKillGraceSec = 10;
 
 // Files.
 inline constexpr mode_t kOpenDirMode = 0777;
-inline constexpr mode_t kSocketMode = 0777;          // processes of any user may connect
-inline constexpr mode_t kDbMode = 0777;              // narrowed by the owner's umask
+inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
+inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
 inline constexpr mode_t kClientMarkerMode = 0777;
 inline constexpr mode_t kMarkerMode = 0754;
 inline constexpr mode_t kForkFileMode = 0755;
 inline constexpr mode_t kLockMode = 0700;
 inline constexpr mode_t kLogMode = 0666;
 
-inline constexpr int kMonitorPriority = 99;          // SCHED_FIFO, for the threads that must not starve
+inline constexpr int kMonitorPriority = 99;  // SCHED_FIFO, for the threads that must not starve

@@ -43,7 +43,7 @@ pthread_mutex_t running_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t event_mutex = PTHREAD_MUTEX_INITIALIZER;
 int event_fd = -1;  // the open event log, or -1; guarded by event_mutex
 
-// ---- Files --------------------------------------------------------------------------------------------
+// ---- Files ------------------------------------------------------------------------------------------------
 
 bool exists(const char* path) {
   return access(path, F_OK) == 0;
@@ -88,7 +88,7 @@ void append_synced(const char* path, const char* text, size_t length) {
   }
 }
 
-// ---- Entries ------------------------------------------------------------------------------------------
+// ---- Entries ----------------------------------------------------------------------------------------------
 
 // The local time as the library words it, without its newline; empty when it has no words for it.
 void time_text(char* text) {
@@ -130,7 +130,7 @@ bool scan_number(const char* text, int* number) {
   return true;
 }
 
-// ---- The running log ----------------------------------------------------------------------------------
+// ---- The running log --------------------------------------------------------------------------------------
 
 enum class running_file { take, full, drop };
 
@@ -184,7 +184,7 @@ void append_running_entry(const char* message) {
   append_synced(path, entry, strlen(entry));
 }
 
-// ---- The hang ring ------------------------------------------------------------------------------------
+// ---- The hang ring ----------------------------------------------------------------------------------------
 
 // Without its counter the ring has no next slot: it begins anew.
 void empty_ring(const char* path) {

@@ -5,8 +5,8 @@
 
 extern "C" {
 
-// Types 1 and 2: a new record in wex_chains; a second registration of a pid changes nothing. 0, or -1 when the
-// process's command line cannot be read.
+// Types 1 and 2: a new record in wex_chains; a second registration of a pid changes nothing. 0, or -1 when
+// the process's command line cannot be read.
 int wex_process_restart(const wex_reg_info* body);
 int wex_process_shell_restart(const wex_reg_info* body, const char* script);
 

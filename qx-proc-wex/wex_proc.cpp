@@ -60,8 +60,7 @@ const char* first_word(const launch& start) {
   return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
 }
 
-// ---- throttle
-// ------------------------------------------------------------------------------------------------------
+// ---- throttle ---------------------------------------------------------------------------------------------
 
 // Keeps what is left of a pending alarm, so that the earlier of the two deadlines holds.
 void arm_alarm(int32_t wait) {
@@ -106,8 +105,7 @@ bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) 
   return true;
 }
 
-// ---- what is executed
-// ----------------------------------------------------------------------------------------------
+// ---- what is executed -------------------------------------------------------------------------------------
 
 // The command map names a script by the program's base name; a bare word names it without the extension.
 void find_script(const char* word, char* script, size_t size) {
@@ -137,8 +135,7 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
   start->words.argv[0] = const_cast<char*>(kShell);
 }
 
-// ---- child
-// ---------------------------------------------------------------------------------------------------------
+// ---- child ------------------------------------------------------------------------------------------------
 
 constexpr int kDomainVariables = 5;
 constexpr int kEnvironmentMax = 1024;
@@ -263,8 +260,7 @@ void enter_place(const launch& start) {
   _exit(1);
 }
 
-// ---- parent
-// --------------------------------------------------------------------------------------------------------
+// ---- parent -----------------------------------------------------------------------------------------------
 
 // A domain's child runs foreign code before its program starts. While the pipe's other end is open it has not
 // got there yet; one that never does would leave its program down with nobody noticing.
@@ -389,8 +385,7 @@ int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
   }
 }
 
-// ---- searching
-// -----------------------------------------------------------------------------------------------------
+// ---- searching --------------------------------------------------------------------------------------------
 
 // One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
 int scan_processes(const char* command, int32_t* out_pid, int before) {

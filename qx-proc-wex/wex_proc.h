@@ -41,13 +41,13 @@ void wex_rm_forkfile(void);
 }
 
 extern "C" {
-// Child-side set-up of a domain: environment, working directory, group, and the old pid's marker taken away. Calls
-// the platform first; when that fails nothing is set. Only between fork and exec.
+// Child-side set-up of a domain: environment, working directory, group, and the old pid's marker taken away.
+// Calls the platform first; when that fails nothing is set. Only between fork and exec.
 void set_proc_env(int32_t vsd, int32_t old_pid);
 }
 
-// True when a program that goes to, or comes out of, a self-check wait at `now` has done so too soon after the last
-// time: the device is to be restarted.
+// True when a program that goes to, or comes out of, a self-check wait at `now` has done so too soon after
+// the last time: the device is to be restarted.
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now);
 
 // Restarts the device because the record's program cannot be kept running.

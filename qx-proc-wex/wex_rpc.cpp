@@ -38,8 +38,7 @@ int64_t total_size(const wex_inner_msg& msg) {
   return int64_t{WEX_MSG_HEADER_SIZE} + msg.msg_len;
 }
 
-// ---- Framing
-// ------------------------------------------------------------------------------------------------
+// ---- Framing ----------------------------------------------------------------------------------------------
 
 bool worth_repeating(int cause) {
   return cause == EINTR || cause == ENOMEM || cause == ENOBUFS;
@@ -113,8 +112,7 @@ int refuse_record(ssize_t got) {
   return -1;
 }
 
-// ---- The connection of this process
-// -------------------------------------------------------------------------
+// ---- The connection of this process -----------------------------------------------------------------------
 
 struct connection {
   std::atomic<int32_t> owner;  // process that uses it; negative while a thread of that process takes it over

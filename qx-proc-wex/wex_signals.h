@@ -1,7 +1,7 @@
 // wex_signals: dispositions, the reaper and the alarm.
 //
-// The installed handlers of SIGALRM and SIGCHLD only wake the thread wex_alarm, which does the work: no lock is
-// ever taken in signal context.
+// The installed handlers of SIGALRM and SIGCHLD only wake the thread wex_alarm, which does the work: no lock
+// is ever taken in signal context.
 #pragma once
 
 #include <pthread.h>

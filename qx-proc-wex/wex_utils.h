@@ -56,8 +56,8 @@ int32_t wex_reset_lmk(int32_t pid);
 int wex_get_proc_status(void);
 }
 
-// State letter and start time (clock ticks since boot) of a process, read once; a process that has begun to exit
-// is 'X' or 'Z'. False when it is not there.
+// State letter and start time (clock ticks since boot) of a process, read once; a process that has begun to
+// exit is 'X' or 'Z'. False when it is not there.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
 
 // Threads of a process that have not ended yet, its leader's zombie included; 0 when it is not there.

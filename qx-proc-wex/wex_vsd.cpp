@@ -84,7 +84,7 @@ void tell(const char* caller, const char* what) {
   wex_dbg(WEX_DBG_PUB, "%s: %s fail: %s\n", caller, what, strerror(errno));
 }
 
-// ---- In the child --------------------------------------------------------------------------------------
+// ---- In the child -----------------------------------------------------------------------------------------
 
 void make_domain_dirs(int32_t vsd, bool create) {
   const bool second_disk = create && exists(kData2Dir);
@@ -200,7 +200,7 @@ bool mark_process(int32_t vsd, int32_t pid) {
   _exit(kNotStarted);
 }
 
-// ---- In the caller -------------------------------------------------------------------------------------
+// ---- In the caller ----------------------------------------------------------------------------------------
 
 void wait_for(pid_t child) {
   int status;

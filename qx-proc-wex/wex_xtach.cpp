@@ -41,8 +41,7 @@ bool begins_with(const char* text, const char (&word)[N]) {
   return strncmp(text, word, N - 1) == 0;
 }
 
-// ---- Registration of processes
-// ------------------------------------------------------------------------------
+// ---- Registration of processes ----------------------------------------------------------------------------
 
 int32_t caller_or(int32_t pid) {
   return pid == 0 ? getpid() : pid;
@@ -70,8 +69,7 @@ void write_database_file(const wex_reg_info& body, bool described, uint32_t type
   }
 }
 
-// ---- Descriptor watch
-// ---------------------------------------------------------------------------------------
+// ---- Descriptor watch -------------------------------------------------------------------------------------
 
 class path_list {
  public:
@@ -104,8 +102,7 @@ void count_strike() {
   }
 }
 
-// ---- Spawning
-// -----------------------------------------------------------------------------------------------
+// ---- Spawning ---------------------------------------------------------------------------------------------
 
 // Forks with SIGCHLD held back, so that no reaper of the caller sees the child before its pid is stored. The
 // mask of before is back on return, in the child too.
@@ -139,8 +136,7 @@ int32_t become_program(const char* program, char* const* argv) {
   _exit(1);
 }
 
-// ---- Thread liveness
-// ----------------------------------------------------------------------------------------
+// ---- Thread liveness --------------------------------------------------------------------------------------
 
 int32_t current_thread() {
   return static_cast<int32_t>(syscall(SYS_gettid));
@@ -177,8 +173,8 @@ wex_reg_info thread_body(int32_t pid, int32_t tid, int32_t time) {
   return body;
 }
 
-// True when an operator has exempted the thread from hang detection. The last byte of a line is taken for its end,
-// whatever it is: an unfinished last line loses a digit.
+// True when an operator has exempted the thread from hang detection. The last byte of a line is taken for its
+// end, whatever it is: an unfinished last line loses a digit.
 bool exempted(int32_t tid) {
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
   if (!file.valid()) {

@@ -26,7 +26,7 @@ namespace {
 
 bool skip_next = false;
 
-// ---- Helpers ---------------------------------------------------------------------------------------------
+// ---- Helpers ----------------------------------------------------------------------------------------------
 
 [[noreturn]] void give_up(const char* what) {
   fprintf(stderr, "actor: %s: %s\n", what, strerror(errno));
@@ -87,7 +87,7 @@ void write_whole(const char* path, const std::string& text) {  // readers never 
   }
 }
 
-// ---- Facts about ourselves -------------------------------------------------------------------------------
+// ---- Facts about ourselves --------------------------------------------------------------------------------
 
 void add(std::string* out, const char* key, const std::string& value) {
   *out += key + (" " + value) + "\n";
@@ -170,7 +170,7 @@ void tell_facts(const char* path) {
   write_whole(path, out);
 }
 
-// ---- Registration ----------------------------------------------------------------------------------------
+// ---- Registration -----------------------------------------------------------------------------------------
 
 void reg(const char* type) {
   reg_process_exit_action(0, type_named(type));
@@ -192,7 +192,7 @@ void cancel(const char*) {
   wex_cancel_proc(0);
 }
 
-// ---- Threads under hang detection ------------------------------------------------------------------------
+// ---- Threads under hang detection -------------------------------------------------------------------------
 
 struct reporter {
   int period, count;
@@ -262,7 +262,7 @@ void register_main_thread(const char* period) {
   wex_client_reg_thread_notify(getpid(), own_tid(), atoi(period), 1);
 }
 
-// ---- Ways to live ----------------------------------------------------------------------------------------
+// ---- Ways to live -----------------------------------------------------------------------------------------
 
 void ready(const char* path) {
   write_whole(path, std::to_string(getpid()) + "\n");
@@ -407,7 +407,7 @@ void say(const char* text) {
   }
 }
 
-// ---- Ways to die -----------------------------------------------------------------------------------------
+// ---- Ways to die ------------------------------------------------------------------------------------------
 
 void dump_core(const char*) {  // let a crash dump core, which shows in the exit code
   const rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
@@ -439,7 +439,8 @@ void crash_in_thread(const char* name) {  // the main thread does nothing about 
   hold(nullptr);
 }
 
-void exec_in_thread(const char*) {  // this program anew under the same pid, from a thread that is not the first
+void exec_in_thread(
+    const char*) {  // this program anew under the same pid, from a thread that is not the first
   pthread_t thread;
   pthread_create(
       &thread, nullptr,
@@ -463,7 +464,7 @@ void end(const char* code) {
 }
 void nothing(const char*) {}
 
-// ---- The table -------------------------------------------------------------------------------------------
+// ---- The table --------------------------------------------------------------------------------------------
 
 const struct option_row {
   const char* name;

@@ -21,7 +21,7 @@ namespace wex_test {
 using namespace std::chrono_literals;
 using milliseconds = std::chrono::milliseconds;
 
-// ---- Waiting -------------------------------------------------------------------------------------------
+// ---- Waiting ----------------------------------------------------------------------------------------------
 
 // Asks `cond` until it holds or `limit` has passed; what it said last. Never sleeps longer than needed to
 // notice within some 10 ms.
@@ -31,7 +31,7 @@ bool eventually(const std::function<bool()>& cond, milliseconds limit = 5s);
 // for.
 bool never(const std::function<bool()>& cond, milliseconds span);
 
-// ---- Files ---------------------------------------------------------------------------------------------
+// ---- Files ------------------------------------------------------------------------------------------------
 
 bool exists(const std::string& path);
 std::string read_file(const std::string& path);  // "" when it cannot be read
@@ -43,7 +43,7 @@ std::vector<std::string> lines_of(const std::string& text);  // without their li
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);  // follows no link
 
-// ---- Processes and the machine -------------------------------------------------------------------------
+// ---- Processes and the machine ----------------------------------------------------------------------------
 
 bool inside_sandbox();
 bool may_restart_machine();                                     // CAP_SYS_BOOT in any set of this process
@@ -56,14 +56,14 @@ std::string status_field(pid_t pid, const std::string& field);  // e.g. "SigIgn"
 std::vector<pid_t> pids_with_command(
     const std::string& command);  // exactly this command line, in this sandbox
 
-// ---- The console ---------------------------------------------------------------------------------------
+// ---- The console ------------------------------------------------------------------------------------------
 
 // The console is gathered in a file by another process: what was printed may take a moment to arrive.
 void mark_console();         // forget what was printed so far
 std::string read_console();  // everything since the mark
 bool console_says(const std::string& text, milliseconds limit = 5s);
 
-// ---- A child of the test -------------------------------------------------------------------------------
+// ---- A child of the test ----------------------------------------------------------------------------------
 
 class Process {
  public:
@@ -96,7 +96,7 @@ std::optional<int> run(const std::vector<std::string>& words, milliseconds limit
 bool exited_with(std::optional<int> status, int code);
 bool ended_by(std::optional<int> status, int signal);
 
-// ---- The daemon ----------------------------------------------------------------------------------------
+// ---- The daemon -------------------------------------------------------------------------------------------
 
 // The shipped program, on the first processor only: its threads run at real-time priority 99, and a loop in
 // one of them must not keep the test from telling so.
@@ -127,7 +127,7 @@ class Daemon {
   Process process_;
 };
 
-// ---- The supervised service ----------------------------------------------------------------------------
+// ---- The supervised service -------------------------------------------------------------------------------
 
 // Command line of the actor with its options (see actor.cpp), as it stands in /proc.
 std::string actor_command(const std::vector<std::string>& options);
@@ -141,7 +141,7 @@ pid_t wait_for_actor(const std::vector<std::string>& options, pid_t not_this = 0
 using Facts = std::map<std::string, std::vector<std::string>>;
 Facts read_facts(const std::string& path);
 
-// ---- The system log ------------------------------------------------------------------------------------
+// ---- The system log ---------------------------------------------------------------------------------------
 
 // Takes the place of the log daemon on the private /dev/log.
 class SyslogSink {
@@ -165,7 +165,7 @@ class SyslogSink {
   std::vector<std::string> lines_;
 };
 
-// ---- The world of a test -------------------------------------------------------------------------------
+// ---- The world of a test ----------------------------------------------------------------------------------
 
 // Sweeps away what wex and its tests leave behind, so that each test starts on a device that never ran wex.
 void clean_world();

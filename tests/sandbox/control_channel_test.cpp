@@ -455,8 +455,7 @@ TEST_F(ControlChannel, ALongRestartDelayIsToldInTheRunningLog) {
   }));
 }
 
-// ---- System calls that fail
-// ---------------------------------------------------------------------------------
+// ---- System calls that fail -------------------------------------------------------------------------------
 
 namespace {
 

@@ -130,7 +130,7 @@ void expect_in_domain(const Facts& facts, int vsd) {
   EXPECT_TRUE(has_variable(facts, path_of("TMPDIR=/tmp/vsd/%d", vsd)));
 }
 
-// ---- Create --------------------------------------------------------------------------------------------
+// ---- Create -----------------------------------------------------------------------------------------------
 
 TEST_F(Domains, CreateMakesEachDomainAndRunsTheStartScriptsInIt) {
   service_script("");
@@ -264,7 +264,7 @@ TEST_F(Domains, StandardOutputIsWhereAllDiagnosticsGo) {
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: parent proc: "));
 }
 
-// ---- Add -----------------------------------------------------------------------------------------------
+// ---- Add --------------------------------------------------------------------------------------------------
 
 struct AddProgram : Domains {
   void SetUp() override {
@@ -338,7 +338,7 @@ TEST_F(AddProgram, FailsInTheChildWithoutARunDirectory) {
                                    "]create_proc_to_vsd: chdir fail: No such file or directory\n"));
 }
 
-// ---- The command line of the shipped program -----------------------------------------------------------
+// ---- The command line of the shipped program --------------------------------------------------------------
 
 TEST_F(AddProgram, CommandReturnsToStartUpWhichFindsTheDaemon) {
   Daemon daemon;
@@ -387,7 +387,7 @@ TEST_F(Domains, ShowListsTheDomainsOnTheConsole) {
   EXPECT_TRUE(console_says("Vsd_1: /tmp/vsd/1/wex/\ndb\n"));
 }
 
-// ---- Supervision and take-down -------------------------------------------------------------------------
+// ---- Supervision and take-down ----------------------------------------------------------------------------
 
 // Runs one operation in a process of its own, its standard output in a file.
 pid_t begin(int (*operation)(int32_t), int vsd, const char* output) {

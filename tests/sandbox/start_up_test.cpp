@@ -27,7 +27,9 @@ struct StartUp : WexWorld {
   }
 };
 
-std::string text(long number) { return std::to_string(number); }
+std::string text(long number) {
+  return std::to_string(number);
+}
 
 // The running log without its time stamps, whose form is checked on the way.
 std::string running_log() {
@@ -45,13 +47,34 @@ std::string running_log() {
   return bare;
 }
 
-const texts kTree = {"/tmp/wex", "/qx_cfg", "/qx_cfg/vsd_common", "/qx_cfg/vsd", "/qx_cfg/vsd/0", "/ovix",
-                     "/ovix/vsd_common", "/ovix/vsd", "/ovix/vsd/0", "/ovix/vsd/0/utils", "/ovix/vsd/0/utils/wex",
-                     "/data/.ovix", "/data/.ovix/vsd_common", "/data/.ovix/vsd", "/data/.ovix/vsd/0",
-                     "/tmp/vsd_common", "/tmp/vsd", "/tmp/vsd/0", "/etc/vsd", "/etc/vsd/0", "/data/var",
-                     "/data/var/run", "/data/var/run/vsd", "/data", "/tmp/vsd/0/wex", "/tmp/vsd/0/wex/db"};
-const texts kSecondDisk = {"/data2/.ovix", "/data2/.ovix/vsd", "/data2/.ovix/vsd/0", "/data2/var", "/data2/var/run",
-                           "/data2/var/run/vsd"};
+const texts kTree = {"/tmp/wex",
+                     "/qx_cfg",
+                     "/qx_cfg/vsd_common",
+                     "/qx_cfg/vsd",
+                     "/qx_cfg/vsd/0",
+                     "/ovix",
+                     "/ovix/vsd_common",
+                     "/ovix/vsd",
+                     "/ovix/vsd/0",
+                     "/ovix/vsd/0/utils",
+                     "/ovix/vsd/0/utils/wex",
+                     "/data/.ovix",
+                     "/data/.ovix/vsd_common",
+                     "/data/.ovix/vsd",
+                     "/data/.ovix/vsd/0",
+                     "/tmp/vsd_common",
+                     "/tmp/vsd",
+                     "/tmp/vsd/0",
+                     "/etc/vsd",
+                     "/etc/vsd/0",
+                     "/data/var",
+                     "/data/var/run",
+                     "/data/var/run/vsd",
+                     "/data",
+                     "/tmp/vsd/0/wex",
+                     "/tmp/vsd/0/wex/db"};
+const texts kSecondDisk = {"/data2/.ovix", "/data2/.ovix/vsd", "/data2/.ovix/vsd/0",
+                           "/data2/var",   "/data2/var/run",   "/data2/var/run/vsd"};
 
 TEST_F(StartUp, MakesItsDirectoriesOpenToAllWhateverTheUmask) {
   for (const mode_t mask : {022u, 077u, 0777u, 0u}) {
@@ -99,30 +122,58 @@ TEST_F(StartUp, ReadiesOnlyTheDomainsThatExist) {
 TEST_F(StartUp, GoesThroughItsStepsInOrder) {
   write_file("/etc/wex/proc/a", "/usr/sbin/a WEX_RESTART");
   Daemon daemon;
-  ASSERT_TRUE(daemon.start_traced({"trace=mkdir,mkdirat,open,openat,chmod,fchmodat,setrlimit,prlimit64,socket,clone3"}));
+  ASSERT_TRUE(daemon.start_traced(
+      {"trace=mkdir,mkdirat,open,openat,chmod,fchmodat,setrlimit,prlimit64,socket,clone3"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   daemon.stop();
   const std::string trace = Daemon::trace();
   size_t at = 0;
-  for (const char* step :
-       {"mkdir(\"/tmp/wex", "qx_utils_dbg_cfg.txt", "\"/dev/console\"", "\"/tmp/wex/wex.pid\"",
-        "RLIMIT_NOFILE", "mkdir(\"/qx_cfg", "mkdir(\"/qx_cfg/vsd_common", "mkdir(\"/qx_cfg/vsd",
-        "mkdir(\"/qx_cfg/vsd/0", "mkdir(\"/ovix", "mkdir(\"/ovix/vsd_common", "mkdir(\"/ovix/vsd",
-        "mkdir(\"/ovix/vsd/0", "mkdir(\"/ovix/vsd/0/utils", "mkdir(\"/ovix/vsd/0/utils/wex",
-        "mkdir(\"/data/.ovix", "mkdir(\"/data/.ovix/vsd_common", "mkdir(\"/data/.ovix/vsd",
-        "mkdir(\"/data/.ovix/vsd/0", "mkdir(\"/tmp/vsd_common", "mkdir(\"/tmp/vsd", "mkdir(\"/tmp/vsd/0",
-        "mkdir(\"/etc/vsd", "mkdir(\"/etc/vsd/0", "mkdir(\"/data/var", "mkdir(\"/data/var/run",
-        "mkdir(\"/data/var/run/vsd", "mkdir(\"/tmp/vsd/%d/wex/db", "(\"/data/\", 0777",
-        "mkdir(\"/tmp/vsd/0/wex", "mkdir(\"/tmp/vsd/0/wex/db", "mkdir(\"/tmp/vsd/15/wex/db",
-        "\"/tmp/vsd/0/wex/db\"", "\"/tmp/.wex_semphore_path\"", "oom_score_adj", "\"/etc/wex/third_part_proc\"",
-        "\"/etc/wex/proc\"", "\"/dev/shm/UTILS-wex-shm-001\"", "running_log1"}) {
+  for (const char* step : {"mkdir(\"/tmp/wex",
+                           "qx_utils_dbg_cfg.txt",
+                           "\"/dev/console\"",
+                           "\"/tmp/wex/wex.pid\"",
+                           "RLIMIT_NOFILE",
+                           "mkdir(\"/qx_cfg",
+                           "mkdir(\"/qx_cfg/vsd_common",
+                           "mkdir(\"/qx_cfg/vsd",
+                           "mkdir(\"/qx_cfg/vsd/0",
+                           "mkdir(\"/ovix",
+                           "mkdir(\"/ovix/vsd_common",
+                           "mkdir(\"/ovix/vsd",
+                           "mkdir(\"/ovix/vsd/0",
+                           "mkdir(\"/ovix/vsd/0/utils",
+                           "mkdir(\"/ovix/vsd/0/utils/wex",
+                           "mkdir(\"/data/.ovix",
+                           "mkdir(\"/data/.ovix/vsd_common",
+                           "mkdir(\"/data/.ovix/vsd",
+                           "mkdir(\"/data/.ovix/vsd/0",
+                           "mkdir(\"/tmp/vsd_common",
+                           "mkdir(\"/tmp/vsd",
+                           "mkdir(\"/tmp/vsd/0",
+                           "mkdir(\"/etc/vsd",
+                           "mkdir(\"/etc/vsd/0",
+                           "mkdir(\"/data/var",
+                           "mkdir(\"/data/var/run",
+                           "mkdir(\"/data/var/run/vsd",
+                           "mkdir(\"/tmp/vsd/%d/wex/db",
+                           "(\"/data/\", 0777",
+                           "mkdir(\"/tmp/vsd/0/wex",
+                           "mkdir(\"/tmp/vsd/0/wex/db",
+                           "mkdir(\"/tmp/vsd/15/wex/db",
+                           "\"/tmp/vsd/0/wex/db\"",
+                           "\"/tmp/.wex_semphore_path\"",
+                           "oom_score_adj",
+                           "\"/etc/wex/third_part_proc\"",
+                           "\"/etc/wex/proc\"",
+                           "\"/dev/shm/UTILS-wex-shm-001\"",
+                           "running_log1"}) {
     const size_t found = trace.find(step, at);
     EXPECT_NE(std::string::npos, found) << step << " is missing behind " << trace.substr(at, 200);
     at = found == std::string::npos ? at : found;
   }
 }
 
-// ---- One at a time ---------------------------------------------------------------------------------------
+// ---- One at a time ----------------------------------------------------------------------------------------
 
 TEST_F(StartUp, ASecondDaemonMakesNothingAndEndsWith255) {
   Daemon daemon;
@@ -168,10 +219,11 @@ TEST_F(StartUp, OfManyStartedAtOnceOneStays) {
     return std::count_if(crowd.begin(), crowd.end(), [](Process& one) { return one.running(); }) == 1;
   }));
   EXPECT_TRUE(never(
-      [&] { return std::none_of(crowd.begin(), crowd.end(), [](Process& one) { return one.running(); }); }, 300ms));
+      [&] { return std::none_of(crowd.begin(), crowd.end(), [](Process& one) { return one.running(); }); },
+      300ms));
 }
 
-// ---- Descriptor limit ------------------------------------------------------------------------------------
+// ---- Descriptor limit -------------------------------------------------------------------------------------
 
 std::string open_file_limit(pid_t pid) {
   rlimit limit = {};
@@ -182,9 +234,10 @@ std::string open_file_limit(pid_t pid) {
 // prlimit(1) stands in front: the test itself keeps its limits.
 Process started_with(const std::string& limits, bool traced = false) {
   std::vector<std::string> words = {"prlimit", "--nofile=" + limits};
-  if (traced) {  // a machine that grants no higher limit is told to say yes: what was asked for is what counts
-    for (const char* word : {"strace", "-D", "-q", "-o", "/tmp/wex-limits", "-e", "trace=prlimit64,setrlimit", "-e",
-                             "inject=prlimit64,setrlimit:retval=0:when=4"}) {
+  if (traced) {  // a machine that grants no higher limit is told to say yes: what was asked for is what
+                 // counts
+    for (const char* word : {"strace", "-D", "-q", "-o", "/tmp/wex-limits", "-e", "trace=prlimit64,setrlimit",
+                             "-e", "inject=prlimit64,setrlimit:retval=0:when=4"}) {
       words.push_back(word);
     }
   }
@@ -195,7 +248,8 @@ Process started_with(const std::string& limits, bool traced = false) {
 }
 
 TEST_F(StartUp, KeepsAHardLimitThatIsHighEnough) {
-  const char* const rows[][2] = {{"1024:4096", "2304 4096"}, {"4000:4096", "2304 4096"}, {"2304:2304", "2304 2304"}};
+  const char* const rows[][2] = {
+      {"1024:4096", "2304 4096"}, {"4000:4096", "2304 4096"}, {"2304:2304", "2304 2304"}};
   for (const auto& row : rows) {
     mark_console();
     Process daemon = started_with(row[0]);
@@ -214,7 +268,8 @@ TEST_F(StartUp, RaisesAHardLimitThatIsTooLow) {
   Process daemon = started_with("512:1024", true);
   EXPECT_TRUE(console_says("]Origin ulimit cur 512, max 1024\r\n"));
   EXPECT_TRUE(eventually([&] {
-    return read_file("/tmp/wex-limits").find("RLIMIT_NOFILE, {rlim_cur=2304, rlim_max=2304}") != std::string::npos;
+    return read_file("/tmp/wex-limits").find("RLIMIT_NOFILE, {rlim_cur=2304, rlim_max=2304}") !=
+           std::string::npos;
   })) << read_file("/tmp/wex-limits");
   daemon.kill_now();
   unlink("/tmp/wex-limits");
@@ -222,7 +277,8 @@ TEST_F(StartUp, RaisesAHardLimitThatIsTooLow) {
 
 TEST_F(StartUp, AbortsWhenTheLimitCannotBeSet) {
   Daemon daemon;
-  ASSERT_TRUE(daemon.start_traced({"trace=prlimit64,setrlimit", "inject=prlimit64,setrlimit:error=EPERM:when=3+"}));
+  ASSERT_TRUE(
+      daemon.start_traced({"trace=prlimit64,setrlimit", "inject=prlimit64,setrlimit:error=EPERM:when=3+"}));
   EXPECT_TRUE(ended_by(daemon.wait(), SIGABRT));
   EXPECT_TRUE(console_says("[WEX]ULIMIT: Set ulimit error.\r\n")) << read_console();
   EXPECT_FALSE(exists("/qx_cfg/vsd"));
@@ -235,7 +291,7 @@ TEST_F(StartUp, AbortsWhenTheLimitCannotBeRead) {
   EXPECT_TRUE(console_says("[WEX]ULIMIT: Get ulimit error.\r\n")) << read_console();
 }
 
-// ---- Third-part list -------------------------------------------------------------------------------------
+// ---- Third-part list --------------------------------------------------------------------------------------
 
 TEST_F(StartUp, WithoutDescriptionsTheThirdPartListIsThereAndEmpty) {
   make_dirs("/etc/wex");
@@ -273,7 +329,7 @@ TEST_F(StartUp, EachDescriptionIsOneLineOfTheThirdPartList) {
   daemon.stop();
 }
 
-// ---- Running -----------------------------------------------------------------------------------------------
+// ---- Running ----------------------------------------------------------------------------------------------
 
 texts thread_names(pid_t pid) {
   texts names;
@@ -290,8 +346,13 @@ TEST_F(StartUp, ItsThreadsBearTheirNames) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   // The kernel keeps 15 characters.
-  const texts wanted = {"wex",             "wex_alarm",       "wex_delay_resta", "wex_inotify_for",
-                        "wex_process_dom", "wex_process_net", "wex_thread_noti"};
+  const texts wanted = {"wex",
+                        "wex_alarm",
+                        "wex_delay_resta",
+                        "wex_inotify_for",
+                        "wex_process_dom",
+                        "wex_process_net",
+                        "wex_thread_noti"};
   EXPECT_TRUE(eventually([&] { return thread_names(daemon.pid()) == wanted; }))
       << ::testing::PrintToString(thread_names(daemon.pid()));
   daemon.stop();
@@ -336,7 +397,7 @@ TEST_F(StartUp, SigintEndsItAndOtherSignalsDoNot) {
   EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
 }
 
-// ---- What fails ------------------------------------------------------------------------------------------
+// ---- What fails -------------------------------------------------------------------------------------------
 
 TEST_F(StartUp, WithoutTheAliveTableItWritesExitAndNothingElse) {
   make_dirs("/dev/shm/UTILS-wex-shm-001");
@@ -351,20 +412,21 @@ TEST_F(StartUp, WithoutTheAliveTableItWritesExitAndNothingElse) {
 
 TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
   // The first thread created is the one that takes the alarm; the five workers follow.
-  const char* const lines[] = {"Fail to create wex_process_netlink thread: ", "Fail to create wex_process_domain thread: ",
-                               "Fail to create wex_notifer_run: ", "Fail to create wex_inotify_fork_error thread: ",
-                               "Fail to create wex_delay_restart thread: "};
+  const char* const lines[] = {
+      "Fail to create wex_process_netlink thread: ", "Fail to create wex_process_domain thread: ",
+      "Fail to create wex_notifer_run: ", "Fail to create wex_inotify_fork_error thread: ",
+      "Fail to create wex_delay_restart thread: "};
   for (int worker = 1; worker <= 5; ++worker) {
     unlink(kRunningLog1);
     Daemon daemon;
-    ASSERT_TRUE(daemon.start_traced(
-        {"trace=clone3", "inject=clone3:error=EAGAIN:when=" + text(worker + 1)}));
+    ASSERT_TRUE(daemon.start_traced({"trace=clone3", "inject=clone3:error=EAGAIN:when=" + text(worker + 1)}));
     EXPECT_TRUE(exited_with(daemon.wait(15s), 0)) << worker << "\n" << read_console();
     const std::string log = running_log();
     EXPECT_EQ(0u, log.find("Start.\r\n")) << log;
     EXPECT_NE(std::string::npos,
               log.find(std::string(lines[worker - 1]) + "Resource temporarily unavailable\n"))
-        << worker << "\n" << log;
+        << worker << "\n"
+        << log;
     EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
     size_t calls = 0;
     const std::string trace = Daemon::trace();
@@ -392,7 +454,8 @@ TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
     const std::string log = running_log();
     EXPECT_NE(std::string::npos,
               log.find("Thread \"wex_process_netlink\" exit, wex will be restart. " + std::string(row.line)))
-        << row.injection << "\n" << log;
+        << row.injection << "\n"
+        << log;
     EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
   }
 }

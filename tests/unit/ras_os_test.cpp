@@ -133,7 +133,7 @@ off_t size_of(const char* path) {
 
 }  // namespace
 
-// ---- The lock between processes -----------------------------------------------------------------------
+// ---- The lock between processes ---------------------------------------------------------------------------
 
 TEST_F(MutexSem, TheFirstCreatesItOpenTheSecondFindsItUntouched) {
   int first = -1;
@@ -198,7 +198,7 @@ TEST_F(MutexSem, AnInterruptedLockWaitsASecondAndGoesOn) {
   EXPECT_EQ(0, value_of(id));
 }
 
-// ---- Record memory ------------------------------------------------------------------------------------
+// ---- Record memory ----------------------------------------------------------------------------------------
 
 TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
   const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
@@ -363,7 +363,7 @@ TEST_F(RasOs, CloseOnExecIsAddedToADescriptor) {
   EXPECT_EQ(-1, ras_os_set_fd_close_on_exec(-1));
 }
 
-// ---- Paths and dump -----------------------------------------------------------------------------------
+// ---- Paths and dump ---------------------------------------------------------------------------------------
 
 TEST_F(RasOs, APathIsJoinedWhenItFitsWithItsEnd) {
   char out[8] = "before";
@@ -412,7 +412,7 @@ TEST_F(RasOs, ADumpOfNothingIsRefused) {
   EXPECT_EQ(0u, output_of([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
 }
 
-// ---- The system semaphore -----------------------------------------------------------------------------
+// ---- The system semaphore ---------------------------------------------------------------------------------
 
 TEST_F(SystemSem, IsCreatedAtZeroWithItsKeyFile) {
   umask(0);

@@ -79,7 +79,7 @@ class Reboot : public Sandboxed {
 
 }  // namespace
 
-// ---- Running log --------------------------------------------------------------------------------------
+// ---- Running log ------------------------------------------------------------------------------------------
 
 TEST_F(RunningLog, AnEntryIsTheLocalTimeAndTheMessageAsItIs) {
   wex_running_log("Start.\r\n");
@@ -168,7 +168,7 @@ TEST_F(RunningLog, EntriesOfManyThreadsStayWhole) {
                       "([0-9/]{10} [0-9:]{8}: thread [0-3] says something of some length\n){100}"));
 }
 
-// ---- Event log ----------------------------------------------------------------------------------------
+// ---- Event log --------------------------------------------------------------------------------------------
 
 TEST_F(EventLog, AnEntryIsTimeBlankMessageNewline) {
   write_file("/tmp/log", "before\n");
@@ -228,7 +228,7 @@ TEST_F(EventLog, ItsDescriptorIsCloseOnExec) {
   wex_closelog();
 }
 
-// ---- Hang ring ----------------------------------------------------------------------------------------
+// ---- Hang ring --------------------------------------------------------------------------------------------
 
 TEST_F(NotifyRing, AnEntryIsTwoLinesAndAdvancesTheCounter) {
   report("first");
@@ -338,7 +338,7 @@ TEST_F(NotifyRing, CounterCallsTellMissingFromUnreadableFromText) {
   EXPECT_EQ(-1, wex_log_notify_update_count("/data/none/c", 4));
 }
 
-// ---- Reboot record and reboot -------------------------------------------------------------------------
+// ---- Reboot record and reboot -----------------------------------------------------------------------------
 
 TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
   wex_log_record_reboot_info("/data/record", "%s", "why\n");

@@ -90,8 +90,7 @@ int32_t end_of_a_pid() {  // a pid that was there and is no more
 
 }  // namespace
 
-// ---- Processes
-// ----------------------------------------------------------------------------------------------
+// ---- Processes --------------------------------------------------------------------------------------------
 
 TEST_F(Registry, ARestartMessageMakesARespawnRecordFromTheLivingProcess) {
   const sleeper process;
@@ -214,8 +213,7 @@ TEST_F(Registry, APidLeftOverFromAFailedRestartCanBeRegisteredByItsNewOwner) {
   EXPECT_EQ(process.command(), find(wex_chains, process.pid())->process);
 }
 
-// ---- Cancelling
-// ---------------------------------------------------------------------------------------------
+// ---- Cancelling -------------------------------------------------------------------------------------------
 
 TEST_F(Registry, CancellingRemovesEveryRecordOfThePidAndItsFile) {
   const int32_t pid = 4321;
@@ -276,8 +274,7 @@ TEST_F(Registry, CancellingWhatIsNotThereOrOfAnUnknownKindChangesNothing) {
   EXPECT_EQ(1, wex_alive_chains.count);
 }
 
-// ---- Threads
-// ------------------------------------------------------------------------------------------------
+// ---- Threads ----------------------------------------------------------------------------------------------
 
 TEST_F(Registry, ANotifyStartRegistersTheThreadInChainAndTable) {
   const sleeper process;
@@ -340,8 +337,7 @@ TEST_F(Registry, ANotifyOfAThreadWithoutACommandLineIsRefused) {
   EXPECT_EQ(0, wex_sys_isreg_alive_info(static_cast<uint32_t>(gone)));
 }
 
-// ---- Third-part programs
-// ------------------------------------------------------------------------------------
+// ---- Third-part programs ----------------------------------------------------------------------------------
 
 TEST_F(Registry, AThirdPartProgramIsRegisteredInProcessWithItsFile) {
   const sleeper process;

@@ -34,7 +34,9 @@ std::vector<std::string> g_system_log;
 }  // namespace
 
 // At link level: the clock is the test's, and so is the device's system log.
-extern "C" int32_t wex_clock_now(void) { return g_now; }
+extern "C" int32_t wex_clock_now(void) {
+  return g_now;
+}
 
 extern "C" void printk_syslog_ext(int severity, const char* facility, const char* mnemonic, int flag,
                                   const char* format, ...) {
@@ -43,11 +45,13 @@ extern "C" void printk_syslog_ext(int severity, const char* facility, const char
   va_start(arguments, format);
   vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  g_system_log.push_back(std::to_string(severity) + " " + facility + " " + mnemonic + " " + std::to_string(flag) +
-                         " " + text);
+  g_system_log.push_back(std::to_string(severity) + " " + facility + " " + mnemonic + " " +
+                         std::to_string(flag) + " " + text);
 }
 
-extern "C" int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) { return g_platform_result; }
+extern "C" int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) {
+  return g_platform_result;
+}
 
 namespace {
 
@@ -102,7 +106,8 @@ TEST(Words, AreTakenFromTheFirst4095Characters) {
 }
 
 TEST(Trim, TakesTrailingBlanksAndTabsOnly) {
-  const char* const rows[][2] = {{"", ""}, {" \t ", ""}, {"a", "a"}, {"a \t", "a"}, {" a b", " a b"}, {"a\n ", "a\n"}};
+  const char* const rows[][2] = {{"", ""},      {" \t ", ""},     {"a", "a"},
+                                 {"a \t", "a"}, {" a b", " a b"}, {"a\n ", "a\n"}};
   for (const auto& row : rows) {
     char text[16];
     wex_copy_text(text, sizeof text, row[0]);
@@ -111,10 +116,14 @@ TEST(Trim, TakesTrailingBlanksAndTabsOnly) {
   }
 }
 
-// ---- The world -------------------------------------------------------------------------------------------
+// ---- The world --------------------------------------------------------------------------------------------
 
-std::string domain_dir(int domain) { return "/tmp/vsd/" + std::to_string(domain) + "/wex"; }
-std::string run_dir(int domain) { return "/data/var/run/vsd/" + std::to_string(domain); }
+std::string domain_dir(int domain) {
+  return "/tmp/vsd/" + std::to_string(domain) + "/wex";
+}
+std::string run_dir(int domain) {
+  return "/data/var/run/vsd/" + std::to_string(domain);
+}
 
 void make_domain(int domain) {
   make_dirs(domain_dir(domain) + "/db");
@@ -181,7 +190,7 @@ int ended(int32_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// ---- Domains ---------------------------------------------------------------------------------------------
+// ---- Domains ----------------------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsMarker) {
   make_domain(3);
@@ -300,7 +309,7 @@ TEST_F(ProcWorld, ManyMarkersDoNotHideTheOldOne) {
   EXPECT_EQ(400u, list_dir(domain_dir(1)).size());  // 399 and the directory of the database files
 }
 
-// ---- Looking for a process -------------------------------------------------------------------------------
+// ---- Looking for a process --------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, ARunningProgramIsFoundByItsExactCommandLine) {
   Process sleeper;
@@ -350,7 +359,7 @@ TEST_F(ProcWorld, TheLastWordOfAThirdPartLineIsGivenWithItsLineEnd) {
   EXPECT_STREQ("WEX", small);
 }
 
-// ---- Spawning --------------------------------------------------------------------------------------------
+// ---- Spawning ---------------------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, AProgramIsStartedAndItsPidGiven) {
   const auto rec = record_of("/bin/sh -c 'exit\t7'");  // words are not unquoted: the shell complains and ends
@@ -397,9 +406,10 @@ TEST_F(ProcWorld, TheFifthRestartWithinTheWindowIsParkedWithoutAFork) {
   EXPECT_EQ(1119, rec->check_start);
   EXPECT_EQ(5, rec->check_count);
   EXPECT_EQ(812, rec->pid);
-  EXPECT_EQ(texts{"5 HA HA_WAIT_SELF_CHECK 1 Task: true had checked more than 5 times. After 5 mimutes, task will "
-                  "finish self-checking.\n"},
-            g_system_log);
+  EXPECT_EQ(
+      texts{"5 HA HA_WAIT_SELF_CHECK 1 Task: true had checked more than 5 times. After 5 mimutes, task will "
+            "finish self-checking.\n"},
+      g_system_log);
   const unsigned left = alarm(0);
   EXPECT_GE(left, 299u);
   EXPECT_LE(left, 300u);
@@ -487,7 +497,7 @@ TEST_F(ProcWorld, TheReasonOfARestartIsCutAt127Characters) {
   EXPECT_EQ("detect process /bin/x", entry.substr(25, 21));
 }
 
-// ---- Third-part programs ---------------------------------------------------------------------------------
+// ---- Third-part programs ----------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, AThirdPartProgramInTheForegroundIsItsOwnPid) {
   Process probe;  // what /bin/sleep really is, as /proc will name it
@@ -519,7 +529,7 @@ TEST_F(ProcWorld, AThirdPartProgramThatIsNotFoundGivesNothing) {
   }
 }
 
-// ---- Standard descriptors --------------------------------------------------------------------------------
+// ---- Standard descriptors ---------------------------------------------------------------------------------
 
 std::string target_of(int fd) {
   char target[128];
@@ -568,7 +578,7 @@ TEST_F(ProcWorld, WithoutAConsoleTheNextFileIsNotTakenForIt) {
   EXPECT_GE(took, 80ms) << "five attempts, 10 ms apart, for each of the two";
 }
 
-// ---- The fork-failure marker -----------------------------------------------------------------------------
+// ---- The fork-failure marker ------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, TheForkFailureMarkerGrowsByOneByteAFailure) {
   umask(0);
@@ -597,7 +607,7 @@ TEST_F(ProcWorld, TheChildThatStartsWithdrawsTheMarker) {
   EXPECT_TRUE(console_says("]unlink file /tmp/wex/forkfile error, reason is No such file or directory\n"));
 }
 
-// ---- Priorities ------------------------------------------------------------------------------------------
+// ---- Priorities -------------------------------------------------------------------------------------------
 
 TEST_F(ProcWorld, PriorityIsThatOfTheCallingThreadAlone) {
   int raised = -1, priority = -1, back = -1;

@@ -64,8 +64,7 @@ int receive(int sd) {
 
 }  // namespace
 
-// ---- Sending
-// ------------------------------------------------------------------------------------------------
+// ---- Sending ----------------------------------------------------------------------------------------------
 
 TEST(InnerSend, SendsHeaderAndPayloadAsOneRecordAndTracesIt) {
   const socket_pair pair;
@@ -141,8 +140,7 @@ TEST(InnerSend, PrintsNothingWhenDiagnosticsAreSilent) {
   EXPECT_EQ("", out.text());
 }
 
-// ---- Receiving
-// ----------------------------------------------------------------------------------------------
+// ---- Receiving --------------------------------------------------------------------------------------------
 
 TEST(InnerRecv, GivesBackWhatWasSent) {
   for (const int32_t length : {0, 1, 8, 320, 4096}) {
@@ -283,8 +281,7 @@ TEST(InnerRecv, TakesExactlyTheHonestRecordsOutOfARandomStream) {
   }
 }
 
-// ---- The client's connection
-// --------------------------------------------------------------------------------
+// ---- The client's connection ------------------------------------------------------------------------------
 
 TEST(Rpc, DeliversTypeNamePayloadAndAZeroReservedWord) {
   const daemon_end daemon;
@@ -548,8 +545,7 @@ TEST(Rpc, ServesThreadsOneRequestAtATime) {
   }
 }
 
-// ---- A marked daemon
-// ----------------------------------------------------------------------------------------
+// ---- A marked daemon --------------------------------------------------------------------------------------
 
 class DaemonStatus : public ::testing::Test {
  protected:
@@ -582,8 +578,7 @@ TEST_F(DaemonStatus, AnythingElseLetsRequestsThrough) {
   }
 }
 
-// ---- Forked clients
-// -----------------------------------------------------------------------------------------
+// ---- Forked clients ---------------------------------------------------------------------------------------
 
 TEST(RpcFork, AChildMakesAConnectionOfItsOwnAndLeavesItsParents) {
   const daemon_end daemon;
@@ -638,8 +633,7 @@ TEST(RpcFork, AChildClosesNothingThatIsNotTheInheritedConnection) {
             }));
 }
 
-// ---- Cancelling
-// ---------------------------------------------------------------------------------------------
+// ---- Cancelling -------------------------------------------------------------------------------------------
 
 TEST(Cancel, WithdrawsTheCallerRemovesItsFileAndRestsASecond) {
   const daemon_end daemon;
@@ -710,8 +704,7 @@ TEST(Cancel, TellsTheResultOfTheRemoval) {
   EXPECT_TRUE(out.has("]wex_rm_db_file_by_pid unlink file /tmp/vsd/0/wex/db/"));
 }
 
-// ---- Calls that must get through
-// ----------------------------------------------------------------------------
+// ---- Calls that must get through --------------------------------------------------------------------------
 
 TEST(Persistence, CallsThatMustGetThroughGiveUpAfterThirtyTriesOneSecondApart) {
   ASSERT_EQ(0,

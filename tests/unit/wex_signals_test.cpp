@@ -177,7 +177,7 @@ extern "C" void printk_syslog_ext(int severity, const char* facility, const char
   g_syslog.push_back({severity, facility, mnemonic, flag, text});
 }
 
-// ---- the end of a wait ----
+// ---- the end of a wait ------------------------------------------------------------------------------------
 
 TEST_F(Parked, ADeadlineEqualToNowIsNotYetDue) {
   wex_pid* const rec = park_at(700);
@@ -338,7 +338,7 @@ TEST_F(Parked, AThirdPartProgramThatIsNotFoundKeepsItsOldPidAndIsNotWaitedForAga
   EXPECT_TRUE(g_syslog.empty());
 }
 
-// ---- reboot ----
+// ---- reboot -----------------------------------------------------------------------------------------------
 
 namespace {
 struct calm_case {
@@ -424,7 +424,7 @@ TEST_F(Parked, TheReasonOfAVeryLongCommandLineIsCutAt127Characters) {
   EXPECT_NE(std::string::npos, entry.find(" " + whole.substr(0, 127) + "\n")) << entry;
 }
 
-// ---- reaping ----
+// ---- reaping ----------------------------------------------------------------------------------------------
 
 TEST(Reaper, ReapsAllDeadChildrenThoughAnOlderCallLeftEchild) {
   pid_t children[5];
@@ -503,7 +503,7 @@ TEST(Reaper, WhoeverKeepsAnUrgentSpawnWaitingRunsAtItsPriority) {
   urgent.join();
 }
 
-// ---- signals ----
+// ---- signals ----------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -72,7 +72,7 @@ void make_lowmem_dir() {
 
 }  // namespace
 
-// ---- Transfers ----------------------------------------------------------------------------------------
+// ---- Transfers --------------------------------------------------------------------------------------------
 
 TEST_F(Utils, ReadGathersPiecesAndIsShortOnlyAtTheEnd) {
   int ends[2];
@@ -154,7 +154,7 @@ TEST_F(Utils, ReadToBufTakesOneByteLessThanTheBufferAndEndsTheText) {
   EXPECT_STREQ("", buffer);
 }
 
-// ---- Time and memory ----------------------------------------------------------------------------------
+// ---- Time and memory --------------------------------------------------------------------------------------
 
 TEST_F(Utils, SleepLastsItsWholeTimeUnderSignals) {
   interruptible(SIGALRM);
@@ -216,7 +216,7 @@ TEST_F(Utils, TheClockIsTheMonotonicOne) {
   EXPECT_LE(told, static_cast<int32_t>(now.tv_sec) + 5);
 }
 
-// ---- Command lines ------------------------------------------------------------------------------------
+// ---- Command lines ----------------------------------------------------------------------------------------
 
 TEST_F(Utils, CommandLineIsTheExecutableAndTheFurtherArguments) {
   const lasting_child child("/bin/sh", {"./nonsense", "-c", "read x", "a", "bc"});
@@ -269,7 +269,7 @@ TEST_F(Utils, AReplacedProgramKeepsItsName) {
   EXPECT_EQ(program + " (deleted) -", cmdline(child.pid(), 4096)) << "nothing there that could be started";
 }
 
-// ---- Facts about processes ----------------------------------------------------------------------------
+// ---- Facts about processes --------------------------------------------------------------------------------
 
 TEST_F(Utils, AThreadBelongsToItsProcess) {
   int32_t owner = 0;
@@ -339,7 +339,7 @@ TEST_F(Utils, TheStartTimeTellsAProcessFromItsPid) {
   EXPECT_FALSE(wex_proc_lives(-1, 0));
 }
 
-// ---- The single-instance lock -------------------------------------------------------------------------
+// ---- The single-instance lock -----------------------------------------------------------------------------
 
 TEST_F(Utils, TheLockFileHoldsThePidAndOneZeroByte) {
   write_file("/tmp/lock", "a much longer text from before");
@@ -383,7 +383,7 @@ TEST_F(Utils, AnUntrustworthyLockFileIsRefused) {
   EXPECT_EQ("theirs", contents("/tmp/open/theirs"));
 }
 
-// ---- The low-memory killer ----------------------------------------------------------------------------
+// ---- The low-memory killer --------------------------------------------------------------------------------
 
 TEST_F(Utils, AScoreIsWrittenWithItsZeroByte) {
   write_file("/tmp/score", "");
@@ -429,7 +429,7 @@ TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
             lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
 }
 
-// ---- Files that others may have planted ---------------------------------------------------------------
+// ---- Files that others may have planted -------------------------------------------------------------------
 
 TEST_F(OpenRule, AnHonestFileOpensBlockingAndCloseOnExec) {
   const unique_fd file = wex_open_file("/tmp/r/new", O_RDWR | O_CREAT | O_APPEND, 0777);

@@ -24,7 +24,7 @@ struct Removal : World {
 };
 struct Show : World {};
 
-// ---- Domain of a process -------------------------------------------------------------------------------
+// ---- Domain of a process ----------------------------------------------------------------------------------
 
 TEST_F(DomainOfAProcess, IsReadFromItsFirstSupplementaryGroup) {
   struct {
@@ -60,7 +60,7 @@ TEST_F(DomainOfAProcess, IsNotTakenFromTheNameOfTheProcess) {
   EXPECT_EQ(3, get_vsdid(actor.pid()));
 }
 
-// ---- Control groups ------------------------------------------------------------------------------------
+// ---- Control groups ---------------------------------------------------------------------------------------
 
 std::set<std::string> tasks_of(const char* format, int vsd) {
   std::istringstream lines(text_of(path_of(format, vsd)));
@@ -246,7 +246,7 @@ TEST_F(PlainControlFiles, PlantedLinkOrPipeIsNoControlFile) {
   EXPECT_GT(0, set_cpu_group(13, 10)) << "and does not block";
 }
 
-// ---- Memory --------------------------------------------------------------------------------------------
+// ---- Memory -----------------------------------------------------------------------------------------------
 
 TEST_F(Memory, OfALibraryMappingDoesNotCount) {
   write_text("/tmp/smaps",
@@ -407,7 +407,7 @@ TEST_F(Memory, CallWithoutCandidatesSignalsTheCallersOwnGroup) {
   EXPECT_FALSE(caller.ended());
 }
 
-// ---- Marker files --------------------------------------------------------------------------------------
+// ---- Marker files -----------------------------------------------------------------------------------------
 
 TEST_F(Markers, DeviceMonitorMarkerIsCreatedTestedAndConsumed) {
   EXPECT_EQ(-ENOENT, del_dev_mon_log());
@@ -442,7 +442,7 @@ TEST_F(Markers, CheckSbinWantsTheExactName) {
   }
 }
 
-// ---- Killing by group ----------------------------------------------------------------------------------
+// ---- Killing by group -------------------------------------------------------------------------------------
 
 TEST_F(KillByGroup, SelectsByTheDigitsAnywhereInTheGroupList) {
   process exact({3977});
@@ -482,7 +482,7 @@ TEST_F(KillByGroup, SignalZeroHarmsNobody) {
   EXPECT_FALSE(actor.ended());
 }
 
-// ---- Recursive removal ---------------------------------------------------------------------------------
+// ---- Recursive removal ------------------------------------------------------------------------------------
 
 TEST_F(Removal, TakesFilesAndDirectoriesOfAnyKind) {
   make_dirs("/tmp/tree/a/b/c");
@@ -700,7 +700,7 @@ TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
   }
 }
 
-// ---- Show ----------------------------------------------------------------------------------------------
+// ---- Show -------------------------------------------------------------------------------------------------
 
 TEST_F(Show, PrintsEveryDomainThatIsThere) {
   make_dirs(path_of(kDbDirFmt, 1));
@@ -717,7 +717,7 @@ TEST_F(Show, PrintsNothingWithoutDomains) {
   EXPECT_EQ("", printed_by([] { EXPECT_EQ(16, show_vsd()); }));
 }
 
-// ---- A device whose directories cannot be read ---------------------------------------------------------
+// ---- A device whose directories cannot be read ------------------------------------------------------------
 
 struct BareRoot : World {
   // What `work` prints in an empty root.
@@ -764,7 +764,7 @@ TEST_F(BareRoot, MarkersNameTheReasonWhenTheyCannotBeMade) {
             }));
 }
 
-// ---- Take-down without its processes -------------------------------------------------------------------
+// ---- Take-down without its processes ----------------------------------------------------------------------
 
 struct TakeDown : World {};
 

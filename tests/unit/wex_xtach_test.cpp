@@ -67,8 +67,7 @@ message answer(const daemon_end& daemon) {
 
 }  // namespace
 
-// ---- Registration
-// -------------------------------------------------------------------------------------------
+// ---- Registration -----------------------------------------------------------------------------------------
 
 TEST_F(Registration, SendsTheCallersPidDomainAndCommandLineAndWaits) {
   const printed out;
@@ -218,8 +217,7 @@ TEST_F(Registration, OfADelayRefusesANegativePid) {
   EXPECT_FALSE(daemon_.has_caller(0ms));
 }
 
-// ---- Descriptor watch
-// ---------------------------------------------------------------------------------------
+// ---- Descriptor watch -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -298,8 +296,7 @@ TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
   EXPECT_FALSE(out.has("exceed"));
 }
 
-// ---- Starting programs
-// --------------------------------------------------------------------------------------
+// ---- Starting programs ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -447,8 +444,7 @@ TEST(SpawnByUser, TellsTheLowMemoryKillerWhenItIsThere) {
   umount2("/sys/kernel", MNT_DETACH);
 }
 
-// ---- Thread liveness
-// ----------------------------------------------------------------------------------------
+// ---- Thread liveness --------------------------------------------------------------------------------------
 
 namespace {
 
