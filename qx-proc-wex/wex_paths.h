@@ -7,6 +7,7 @@
 #define WEX_DOMAIN "/tmp/vsd/%d"
 #define WEX_LOWMEM "/sys/kernel/qx_lowmem_killer"
 
+// clang-format off: this is a table
 //                    name                 path                              written by, after a reboot,
 //                    arguments
 inline constexpr char kRunDir[] = WEX_RUN "/";                     // daemon, gone
@@ -93,6 +94,8 @@ inline constexpr char kProcFdGlobFmt[] = "/proc/%d/fd/[0-9]*";        // pid
 inline constexpr char kUptime[] = "/proc/uptime";
 inline constexpr char kRootDir[] = "/";
 
+// clang-format on
+
 // Directories of the main system, in the order in which they are made.
 inline constexpr const char* kMainDirs[] = {"/qx_cfg/",
                                             "/qx_cfg/vsd_common/",
@@ -120,5 +123,4 @@ inline constexpr const char* kRunDirs[] = {"/tmp/vsd_common/", "/tmp/vsd",      
 
 inline constexpr char kDataDir[] = "/data/";
 
-// Directories at or below which a reply to "who may write here" is "everybody".
 enum { kPathSize = 512 };  // room for every path above with its arguments filled in

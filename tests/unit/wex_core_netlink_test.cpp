@@ -27,7 +27,8 @@ void put(bytes* message, size_t at, T value) {
 }
 
 // One netlink message as the kernel sends it: 76 bytes with a header that says so.
-bytes message(uint32_t kind, int32_t pid, int32_t tgid, uint32_t code, uint16_t type = kDone, size_t size = 76) {
+bytes message(uint32_t kind, int32_t pid, int32_t tgid, uint32_t code, uint16_t type = kDone,
+              size_t size = 76) {
   bytes made(76, 0xa5);
   put(&made, 0, static_cast<uint32_t>(size));
   put(&made, 4, type);
@@ -123,7 +124,8 @@ TEST(Datagram, TheAcknowledgementIsPassedOn) {
 }
 
 TEST(Datagram, OtherKindsAreNobodysBusiness) {
-  for (const uint32_t kind : {kFork, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u, 0x80000002u, 0xffffffffu}) {
+  for (const uint32_t kind :
+       {kFork, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u, 0x80000002u, 0xffffffffu}) {
     EXPECT_TRUE(events_of(message(kind, 5, 5, 0)).empty()) << kind;
   }
 }
@@ -177,8 +179,9 @@ TEST(Datagram, AnErrorOrAnOverrunStopsTheWalk) {
 }
 
 TEST(Datagram, DoneIsTheLastMessageThatCounts) {
-  EXPECT_EQ((pids{5, 6}), pids_of(message(kEventExit, 5, 5, 9, kOrdinary) + message(kEventExit, 6, 6, 9, kDone) +
-                                  message(kEventExit, 7, 7, 9, kOrdinary)));
+  EXPECT_EQ((pids{5, 6}),
+            pids_of(message(kEventExit, 5, 5, 9, kOrdinary) + message(kEventExit, 6, 6, 9, kDone) +
+                    message(kEventExit, 7, 7, 9, kOrdinary)));
 }
 
 TEST(Datagram, TheNextMessageBeginsAtAMultipleOfFour) {
@@ -223,9 +226,9 @@ TEST(BurstRule, TwoNumbersAreWindowAndCount) {
     const char* text;
     int32_t window;
     int32_t count;
-  } const rows[] = {{"60 3", 60, 3},        {"60 3\n", 60, 3},      {"  60\t\n3 more words", 60, 3},
-                    {"900 0", 900, 0},      {"-5 -1", -5, -1},      {"+60 +3", 60, 3},
-                    {"60-3", 60, -3},       {"60 3x", 60, 3},       {"2147483647 2147483647", INT32_MAX, INT32_MAX},
+  } const rows[] = {{"60 3", 60, 3},   {"60 3\n", 60, 3}, {"  60\t\n3 more words", 60, 3},
+                    {"900 0", 900, 0}, {"-5 -1", -5, -1}, {"+60 +3", 60, 3},
+                    {"60-3", 60, -3},  {"60 3x", 60, 3},  {"2147483647 2147483647", INT32_MAX, INT32_MAX},
                     {"007 010", 7, 10}};
   for (const auto& row : rows) {
     int32_t window = 900;
@@ -237,9 +240,21 @@ TEST(BurstRule, TwoNumbersAreWindowAndCount) {
 }
 
 TEST(BurstRule, AnythingElseLeavesBothValuesAlone) {
-  const char* const texts[] = {"",      " ",    "60",      "60 ",           "60 x",         "x 3",
-                               "60,3",  "60x 3", "- 3",    "2147483648 3",  "60 2147483648", "-2147483649 3",
-                               "99999999999999999999999 3", "60 99999999999999999999999", "\xff\xfe 3"};
+  const char* const texts[] = {"",
+                               " ",
+                               "60",
+                               "60 ",
+                               "60 x",
+                               "x 3",
+                               "60,3",
+                               "60x 3",
+                               "- 3",
+                               "2147483648 3",
+                               "60 2147483648",
+                               "-2147483649 3",
+                               "99999999999999999999999 3",
+                               "60 99999999999999999999999",
+                               "\xff\xfe 3"};
   for (const char* const text : texts) {
     int32_t window = 900;
     int32_t count = 10;

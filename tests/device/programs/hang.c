@@ -25,7 +25,7 @@ int main(void) {
   message.body.ntfy_cnt = message.body.cur_cnt = 1;
   message.body.ntfy_time = 60;
   fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  if (fd < 0 || connect(fd, (struct sockaddr *)&to, sizeof to) != 0 ||
+  if (fd < 0 || connect(fd, (struct sockaddr*)&to, sizeof to) != 0 ||
       send(fd, &message, sizeof message, 0) != (ssize_t)sizeof message) {
     perror("hang");
     return 2;

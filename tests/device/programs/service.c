@@ -31,8 +31,8 @@ static void tell_ready(void) {
   }
 }
 
-int main(int argc, char **argv) {
-  const char *script = NULL;
+int main(int argc, char** argv) {
+  const char* script = NULL;
   int by_script = 0, code = 0, at;
   long exit_ms = -1, abort_ms = -1;
   size_t grow = 0;
@@ -59,7 +59,7 @@ int main(int argc, char **argv) {
     grow = (size_t)24 << 20;
   }
   if (grow > 0) {
-    char *memory = malloc(grow);
+    char* memory = malloc(grow);
     if (memory == NULL) {
       return 2;
     }

@@ -22,9 +22,11 @@ static void on_signal(int number) {
   }
 }
 
-static int own_tid(void) { return (int)syscall(SYS_gettid); }
+static int own_tid(void) {
+  return (int)syscall(SYS_gettid);
+}
 
-static void *second(void *unused) {
+static void* second(void* unused) {
   (void)unused;
   second_tid = own_tid();
   wex_client_reg_thread_notify(getpid(), second_tid, kPeriod, kCount);
@@ -45,7 +47,7 @@ static void *second(void *unused) {
 int main(void) {
   char path[64];
   pthread_t thread;
-  FILE *out;
+  FILE* out;
 
   signal(SIGUSR1, on_signal);
   signal(SIGUSR2, on_signal);
