@@ -17,7 +17,8 @@ using namespace wex_test;
 using words = std::vector<std::string>;
 
 constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
-const words kService = {"--register=RESTART", "--ready=/tmp/ready", "--hold"};
+// A request is answered before it is handled: only the answer to the second one says that the first is done.
+const words kService = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
 
 struct MainRoad : WexWorld {
   void SetUp() override {
@@ -128,7 +129,7 @@ TEST_F(MainRoad, AServiceThatEndsByItselfIsReinitialised) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--register=RESTART", "--ready=/tmp/ready", "--first-time=/tmp/wex/once", "--exit=0",
+  const words options = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--first-time=/tmp/wex/once", "--exit=0",
                          "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
@@ -147,7 +148,7 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--group=3300", "--register=RESTART", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
@@ -170,7 +171,7 @@ TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--group=3300", "--facts=/tmp/wex/facts", "--register=RESTART", "--ready=/tmp/ready",
+  const words options = {"--group=3300", "--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
                          "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
@@ -186,7 +187,7 @@ TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
   daemon.stop();
 }
 
-// ---- The daemon dies -------------------------------------------------------------------------------------
+// ---- The daemon dies --------------------------------------------------------------------------------------
 
 TEST_F(MainRoad, LivingServicesOutliveTheDaemonAndAreStillSupervisedByTheNext) {
   Daemon daemon;
@@ -205,7 +206,7 @@ TEST_F(MainRoad, LivingServicesOutliveTheDaemonAndAreStillSupervisedByTheNext) {
 }
 
 TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
-  const words options = {"--register=RESTART", "--count=/tmp/starts", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--register=RESTART", "--time-set=0", "--count=/tmp/starts", "--ready=/tmp/ready", "--hold"};
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process service;
@@ -226,7 +227,7 @@ TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
 }
 
 TEST_F(MainRoad, TheNextDaemonReapsWhatItStartsWhileItRebuilds) {
-  const words options = {"--register=RESTART", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   daemon.kill_now();
@@ -266,7 +267,7 @@ TEST_F(MainRoad, HundredServicesKilledAtOnceAllComeBackExactlyOnce) {
   std::vector<Process> services(kServices);
   for (int i = 0; i < kServices; ++i) {
     ASSERT_TRUE(services[static_cast<size_t>(i)].start(actor_words(
-        {"--register=RESTART", "--count=/tmp/wex/starts" + std::to_string(i), "--hold"})));
+        {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts" + std::to_string(i), "--hold"})));
   }
   ASSERT_TRUE(eventually(
       [&] {

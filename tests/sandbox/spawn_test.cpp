@@ -24,7 +24,7 @@ std::string text(long number) { return std::to_string(number); }
 
 struct Spawn : WexWorld {};
 
-// The file of "--ready" comes behind the registration: a database file alone says nothing about the daemon.
+// The file of "--ready" comes behind a second request: the first is answered before it is handled.
 bool is_registered(pid_t pid) { return read_file(kReady) == text(pid) + "\n"; }
 
 // Starts a service under a daemon, kills it, and gives the facts its second life tells.
@@ -45,11 +45,11 @@ Facts facts_of_second_life(const texts& options, Daemon* daemon, pid_t* next,
   return read_facts(kFacts);
 }
 
-const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"};
 
 // Joins its domain by itself in its first life only: what the second finds is the daemon's doing.
 const texts kDomainTeller = {"--first-time=/tmp/wex/joined", "--group=3200", "--facts=/tmp/wex/facts",
-                             "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
+                             "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"};
 
 TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
   Daemon daemon;
@@ -74,7 +74,7 @@ TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
 }
 
 TEST_F(Spawn, ARestartedProgramGetsItsOwnWordsUpToTheFourteenth) {
-  texts options = {"--facts=/tmp/wex/facts", "--register=RESTART", "--ready=/tmp/wex/ready"};
+  texts options = {"--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready"};
   while (options.size() < 12) {
     options.push_back("--tag=" + text(static_cast<long>(options.size())));
   }
@@ -159,7 +159,7 @@ TEST_F(Spawn, AnEnvironmentOfThousandsOfVariablesIsNoReasonToFall) {
   daemon.stop();
 }
 
-// ---- Low-memory killer -----------------------------------------------------------------------------------
+// ---- Low-memory killer ------------------------------------------------------------------------------------
 
 TEST_F(Spawn, WithoutTheLowMemoryKillerTheChildSaysSo) {
   Daemon daemon;
@@ -169,7 +169,7 @@ TEST_F(Spawn, WithoutTheLowMemoryKillerTheChildSaysSo) {
   daemon.stop();
 }
 
-// ---- What fails ------------------------------------------------------------------------------------------
+// ---- What fails -------------------------------------------------------------------------------------------
 
 TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   write_file("/debug_time", "3600");
@@ -178,7 +178,7 @@ TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   ASSERT_TRUE(daemon.start());
   ASSERT_TRUE(exited_with(run({"cp", actor_binary(), "/tmp/wex/passing"}), 0));
   Process service;
-  ASSERT_TRUE(service.start({"/tmp/wex/passing", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"}));
+  ASSERT_TRUE(service.start({"/tmp/wex/passing", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"}));
   ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }));
   unlink("/tmp/wex/passing");
   service.kill_now();
