@@ -492,6 +492,7 @@ TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;
   }
+  EXPECT_GT(wait_for_actor(kService, pid), 0);
   daemon.stop();
 }
 
