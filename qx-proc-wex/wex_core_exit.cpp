@@ -266,7 +266,7 @@ bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capabi
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      wex_proc_to_pid(rec->process, &child, 0) != 1) {
+      !wex_find_running(rec->process, &child)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,

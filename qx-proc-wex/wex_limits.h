@@ -50,6 +50,7 @@ inline constexpr unsigned kForkRetrySec = 5;
 inline constexpr int kForkFailuresFatal = 7;  // failed forks in a row that end the daemon
 inline constexpr int kFindTries = 10;         // extra looks for a program that detaches
 inline constexpr int kFindStepMs = 100;       // the k-th look waits k times this
+inline constexpr int kLooksCutShort = 50;            // looks through /proc until one is not cut short
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed

@@ -308,12 +308,12 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
       start.kind->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
   const char* const function = start.kind->function;
   int32_t found = 0;
-  int result = wex_proc_to_pid(wanted, &found, kFindTries);
-  if (result != 1 && wanted != whole) {
+  bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
+  if (!running && wanted != whole) {
     // The program's arguments are part of its command line, so the first word alone finds only bare programs.
-    result = wex_proc_to_pid(whole, &found, 0);
+    running = wex_find_running(whole, &found);
   }
-  if (result == 1 && found == child) {
+  if (running && found == child) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Normal[%s] new pid: %d\n", function, wanted, found);
   } else if (found != 0) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Daemon[%s] new pid: %d\n", function, wanted, found);
@@ -454,6 +454,16 @@ void wex_reboot_for(const wex_pid* rec) {
   char reason[128];
   wex_format(reason, sizeof reason, "detect process %s can not restart, so restart system.\n", rec->process);
   wex_reboot(reason, nullptr);
+}
+
+// Any process that ends while /proc is being read cuts a look short (a negative result), which says nothing
+// about the one that is looked for.
+bool wex_find_running(char* command, int32_t* out_pid) {
+  int result = -1;
+  for (int look = 0; result < 0 && look < kLooksCutShort; ++look) {
+    result = wex_proc_to_pid(command, out_pid, 0);
+  }
+  return result == 1;
 }
 
 extern "C" {

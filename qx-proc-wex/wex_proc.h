@@ -52,3 +52,7 @@ bool wex_reboot_is_due(const wex_pid* rec, int32_t now);
 
 // Restarts the device because the record's program cannot be kept running.
 void wex_reboot_for(const wex_pid* rec);
+
+// One whole look through /proc for a process whose command line is `command`: true and its pid, or false. Trims
+// trailing blanks of `command`.
+bool wex_find_running(char* command, int32_t* out_pid);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 #include "restart_policy.h"
 
@@ -63,6 +64,33 @@ __attribute__((constructor)) void act_by_name() {
   }
   live();
 }
+
+// Processes that end one after the other, the first after `first_us`. Start them before the program that is
+// to be found: older ones come first in /proc.
+class PassersBy {
+ public:
+  PassersBy(useconds_t count, useconds_t first_us, useconds_t step_us) {
+    for (useconds_t number = 0; number < count; ++number) {
+      pids_.push_back(fork());
+      if (pids_.back() == 0) {
+        usleep(first_us + number * step_us);
+        _exit(0);
+      }
+    }
+    reaper_ = std::thread([this] {
+      for (const pid_t pid : pids_) {
+        waitpid(pid, nullptr, 0);
+      }
+    });
+  }
+  ~PassersBy() { reaper_.join(); }
+  PassersBy(const PassersBy&) = delete;
+  PassersBy& operator=(const PassersBy&) = delete;
+
+ private:
+  std::vector<pid_t> pids_;
+  std::thread reaper_;
+};
 
 class ThirdPart : public WexWorld {
  protected:
@@ -135,6 +163,10 @@ class ThirdPart : public WexWorld {
         },
         10s);
     return known ? found : 0;
+  }
+
+  static bool catches_usr1(pid_t pid) {
+    return (strtoull(status_field(pid, "SigCgt").c_str(), nullptr, 16) >> (SIGUSR1 - 1) & 1) != 0;
   }
 
   void end_by_hand() {
@@ -234,7 +266,7 @@ TEST_F(ThirdPart, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
   ASSERT_TRUE(start_by_hand({app}));
   ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
   const pid_t first = by_hand_.pid();
-  ASSERT_TRUE(eventually([&] { return status_field(first, "SigCgt") == "0000000000000200"; }));
+  ASSERT_TRUE(eventually([first] { return catches_usr1(first); }));
   by_hand_.send(SIGUSR1);
   EXPECT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n")) << "not registered twice";
   EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
@@ -244,6 +276,26 @@ TEST_F(ThirdPart, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
   EXPECT_TRUE(eventually([&] { return exists(db_file("replacing", second)); }));
   kill(second, SIGKILL);
   EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
+}
+
+TEST_F(ThirdPart, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  PassersBy others(500, 300000, 5000);
+  ASSERT_TRUE(start_by_hand({app}));
+  EXPECT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  pid_t now = by_hand_.pid();
+  for (int round = 1; now != 0 && round <= 5; ++round) {
+    EXPECT_TRUE(eventually([now] { return catches_usr1(now); }));
+    kill(now, SIGUSR1);
+    if (round == 1) {
+      by_hand_.wait();
+    }
+    now = settled(app, now);
+    EXPECT_NE(0, now) << "hand-over " << round;
+  }
+  EXPECT_EQ(std::string::npos, read_console().find("wex_spawn-->")) << "a second instance was started";
 }
 
 TEST_F(ThirdPart, ASecondInstanceIsNotRegistered) {
@@ -338,6 +390,21 @@ TEST_F(ThirdPart, AProgramOfSeveralWordsIsFoundAgainByItsWholeCommandLine) {
   ASSERT_NE(0, second);
   EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
   EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }));
+}
+
+TEST_F(ThirdPart, AProgramOfSeveralWordsIsFoundThoughOtherProcessesComeAndGo) {
+  const std::string app = install("words");
+  const std::string command = app + " -d";
+  describe("words", command + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app, "-d"}));
+  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
+  const pid_t first = by_hand_.pid();
+  PassersBy others(500, 5000000, 2000);  // at the look for the whole text, 5.5 s after the start
+  end_by_hand();
+  const pid_t second = wait_for(command, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
 }
 
 TEST_F(ThirdPart, ArgumentsThatTheListDoesNotNameAreSomebodyElses) {
