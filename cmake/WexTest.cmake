@@ -14,7 +14,11 @@ function(wex_add_tests name)
     WEX_BINARY="$<TARGET_FILE:wex>" WEX_BUILD_DIR="${CMAKE_BINARY_DIR}" WEX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR
     "${CMAKE_SOURCE_DIR}/tools/sandbox;--bind;${CMAKE_BINARY_DIR};--;${CMAKE_CROSSCOMPILING_EMULATOR}")
-  set(properties TIMEOUT 120)
+  set(timeout 120)
+  if("slow" IN_LIST arg_LABELS)
+    set(timeout 1200)  # they wait as long as the daemon does
+  endif()
+  set(properties TIMEOUT ${timeout})
   if(arg_DAEMON)
     list(APPEND properties RESOURCE_LOCK daemon)
     add_dependencies(${name} wex actor)
