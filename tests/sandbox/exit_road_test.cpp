@@ -23,8 +23,12 @@ constexpr char kReady[] = "/tmp/wex/ready";
 // A request is answered before it is handled: only the answer to a second one says that the first is done.
 const texts kService = {"--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"};
 
-std::string text(long number) { return std::to_string(number); }
-std::string db_path(pid_t pid) { return std::string(kDbDir) + "/actor." + text(pid); }
+std::string text(long number) {
+  return std::to_string(number);
+}
+std::string db_path(pid_t pid) {
+  return std::string(kDbDir) + "/actor." + text(pid);
+}
 
 struct ExitRoad : WexWorld {};
 
@@ -35,7 +39,9 @@ bool start_service(Process* service, const texts& options = kService) {
          eventually([&] { return read_file(kReady) == text(service->pid()) + "\n"; });
 }
 
-size_t starts(const std::string& path) { return lines_of(read_file(path)).size(); }
+size_t starts(const std::string& path) {
+  return lines_of(read_file(path)).size();
+}
 
 size_t count_in(const std::string& where, const std::string& what) {
   size_t count = 0;
@@ -56,7 +62,8 @@ TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
     ASSERT_TRUE(start_service(&service)) << domain;
     write_file(marker, "");
     service.kill_now();
-    EXPECT_TRUE(eventually([&] { return !exists(db_path(service.pid())) && list_dir(kDbDir).empty(); })) << domain;
+    EXPECT_TRUE(eventually([&] { return !exists(db_path(service.pid())) && list_dir(kDbDir).empty(); }))
+        << domain;
     EXPECT_TRUE(never([] { return wait_for_actor(kService, 0, 0ms) > 0; }, 50ms)) << domain;
     unlink(marker.c_str());
   }
@@ -94,16 +101,24 @@ TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
   service.wait();
   ASSERT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
   const std::string log = read_file(kRunningLog1);
-  EXPECT_EQ(1u, count_in(log, "/tmp/vsd/5/delete_vsd exists, exited processes are not restarted.\r\n")) << log;
-  EXPECT_EQ(1u, count_in(log, "No domain is taken down any more, exited processes are restarted.\r\n")) << log;
+  EXPECT_EQ(1u, count_in(log, "/tmp/vsd/5/delete_vsd exists, exited processes are not restarted.\r\n"))
+      << log;
+  EXPECT_EQ(1u, count_in(log, "No domain is taken down any more, exited processes are restarted.\r\n"))
+      << log;
   daemon.stop();
 }
 
 // ---- Crashes ----------------------------------------------------------------------------------------------
 
 texts crasher(int number, const std::string& how = "--crash=SEGV") {
-  return {"--tag=" + text(number), "--core", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready",
-          "--first-time=/tmp/wex/once" + text(number), how, "--hold"};
+  return {"--tag=" + text(number),
+          "--core",
+          "--register=RESTART",
+          "--time-set=0",
+          "--ready=/tmp/wex/ready",
+          "--first-time=/tmp/wex/once" + text(number),
+          how,
+          "--hold"};
 }
 
 // Starts program `number`, which dumps core once and runs again.
@@ -197,7 +212,8 @@ TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
   ASSERT_TRUE(daemon.start());
   ASSERT_NO_FATAL_FAILURE(crash_once(1, "--crash-in-thread=SEGV"));
   EXPECT_TRUE(eventually([] { return exists(kRebootLog); })) << read_console();
-  EXPECT_NE(std::string::npos, read_file(kRebootLog).find("detect more than 1 process exit in shorttime[60]s\n"));
+  EXPECT_NE(std::string::npos,
+            read_file(kRebootLog).find("detect more than 1 process exit in shorttime[60]s\n"));
   daemon.stop();
 }
 
@@ -220,8 +236,8 @@ TEST_F(ExitRoad, CrashesOfUnregisteredProgramsAreNobodysBusiness) {
 TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts", "--thread=120", "--ready=/tmp/wex/ready",
-                         "--hold"};
+  const texts options = {"--register=RESTART", "--time-set=0",           "--count=/tmp/wex/starts",
+                         "--thread=120",       "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   EXPECT_TRUE(never([&] { return starts("/tmp/wex/starts") != 1; }, 300ms));
@@ -231,8 +247,13 @@ TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
 TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready",
-                         "--first-time=/tmp/wex/once", "--exec-in-thread", "--hold"};
+  const texts options = {"--register=RESTART",
+                         "--time-set=0",
+                         "--count=/tmp/wex/starts",
+                         "--ready=/tmp/wex/ready",
+                         "--first-time=/tmp/wex/once",
+                         "--exec-in-thread",
+                         "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   const pid_t pid = service.pid();
@@ -282,9 +303,11 @@ TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   ASSERT_GT(again, 0);
   ASSERT_TRUE(start_service(&twin));
   kill(again, SIGKILL);
-  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> pid " + text(twin.pid()) + " alive, del " + text(again) + "\n"))
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> pid " + text(twin.pid()) + " alive, del " +
+                           text(again) + "\n"))
       << read_console();
-  EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != twin.pid() && !is_alive(again); }, 300ms));
+  EXPECT_TRUE(
+      never([&] { return wait_for_actor(kService, 0, 0ms) != twin.pid() && !is_alive(again); }, 300ms));
   const pid_t last = twin.pid();
   twin.kill_now();
   EXPECT_GT(wait_for_actor(kService, last), 0) << read_console();
@@ -310,7 +333,8 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
     twin.wait();
     const pid_t one = wait_for_actor(kService);
     EXPECT_GT(one, 0) << read_console();
-    EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != one; }, 3500ms)) << "there are two, or none";
+    EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) != one; }, 3500ms))
+        << "there are two, or none";
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir) == texts{"actor." + text(one)}; }));
     daemon.kill_now();
     kill(one, SIGKILL);
@@ -412,7 +436,8 @@ TEST_F(ExitRoad, AnEventLogThatCannotBeOpenedSkipsTheRestart) {
 TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready", "--hold"};
+  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts",
+                         "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   const pid_t old_pid = service.pid();
@@ -437,7 +462,8 @@ TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
 TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts", "--ready=/tmp/wex/ready", "--hold"};
+  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts",
+                         "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   kill(daemon.pid(), SIGSTOP);
@@ -461,8 +487,13 @@ TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 20; ++round) {
     const std::string count = "/tmp/wex/starts" + text(round);
-    const texts options = {"--count=" + count, "--first-time=/tmp/wex/once" + text(round), "--tag=first",
-                           "--register=RESTART", "--first-time=/tmp/wex/twice" + text(round), "--crash=KILL", "--hold"};
+    const texts options = {"--count=" + count,
+                           "--first-time=/tmp/wex/once" + text(round),
+                           "--tag=first",
+                           "--register=RESTART",
+                           "--first-time=/tmp/wex/twice" + text(round),
+                           "--crash=KILL",
+                           "--hold"};
     Process service;
     ASSERT_TRUE(service.start(actor_words(options)));
     EXPECT_TRUE(ended_by(service.wait(), SIGKILL));
@@ -470,7 +501,8 @@ TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
     const std::string refused = "fail to get pid " + text(service.pid()) + "'s cmdline";
     EXPECT_TRUE(eventually(
         [&] { return starts(count) == 2 || read_console().find(refused) != std::string::npos; }, 15s))
-        << round << "\n" << read_console();
+        << round << "\n"
+        << read_console();
   }
   daemon.stop();
 }

@@ -1,4 +1,5 @@
-// The main road: a service registers, dies, runs again; is stopped on purpose and dropped; outlives the daemon.
+// The main road: a service registers, dies, runs again; is stopped on purpose and dropped; outlives the
+// daemon.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -28,9 +29,15 @@ struct MainRoad : WexWorld {
   }
 };
 
-words db_files() { return list_dir(kDbDir); }
-std::string db_file(pid_t pid) { return "actor." + std::to_string(pid); }
-std::string text(pid_t pid) { return std::to_string(pid); }
+words db_files() {
+  return list_dir(kDbDir);
+}
+std::string db_file(pid_t pid) {
+  return "actor." + std::to_string(pid);
+}
+std::string text(pid_t pid) {
+  return std::to_string(pid);
+}
 
 // Starts a service and waits until it is registered.
 void start_service(Process* service, const words& options) {
@@ -72,21 +79,22 @@ TEST_F(MainRoad, AKilledServiceRunsAgainAndTheLogsTellIt) {
   ASSERT_GT(new_pid, 0) << read_console();
   EXPECT_NE(old_pid, new_pid);
   EXPECT_TRUE(eventually([&] { return db_files() == words{db_file(new_pid)}; }));
-  const std::string shown = "ready --hold";  // behind the last slash of the whole command line, arguments included
+  const std::string shown =
+      "ready --hold";  // behind the last slash of the whole command line, arguments included
   EXPECT_TRUE(log.says("%HA-5-HA_SELF_CHECK: Task: " + shown + "/" + text(old_pid) +
                        " receives event:0009 and self-checking ..."));
   EXPECT_TRUE(log.says("%HA-5-HA_SELF_CHECK_INFO: Self-checking OK: 1 times and new id " + shown + "/" +
                        text(new_pid) + "."));
   EXPECT_TRUE(console_says("]HA_RESTART Task: " + shown + "/" + text(old_pid) +
                            " receives event:0009 and self-checking ...\n"));
-  EXPECT_TRUE(console_says("]HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id " + shown + "/" + text(new_pid) +
-                           ".\n"));
+  EXPECT_TRUE(console_says("]HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id " + shown + "/" +
+                           text(new_pid) + ".\n"));
   const std::string event_log = read_file("/tmp/wex/wex.log1");
   EXPECT_EQ((words{"%HA-5-HA_RESTART: Process:[" + shown + "/" + text(old_pid) +
                        "] receives internal event:[0x0009] and restarts.",
                    "",
-                   "%HA-5-HA_RESTART_INFO: Process:" + shown + " restarts 1 times and new process is " + shown + "/" +
-                       text(new_pid) + ".",
+                   "%HA-5-HA_RESTART_INFO: Process:" + shown + " restarts 1 times and new process is " +
+                       shown + "/" + text(new_pid) + ".",
                    ""}),
             without_time(event_log, 25));
   EXPECT_FALSE(exists("/tmp/wex/wex.log2"));
@@ -129,8 +137,8 @@ TEST_F(MainRoad, AServiceThatEndsByItselfIsReinitialised) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--first-time=/tmp/wex/once", "--exit=0",
-                         "--hold"};
+  const words options = {"--register=RESTART",         "--time-set=0", "--ready=/tmp/ready",
+                         "--first-time=/tmp/wex/once", "--exit=0",     "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   EXPECT_TRUE(exited_with(service.wait(), 0));
@@ -148,7 +156,8 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
+                         "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
@@ -157,7 +166,8 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   EXPECT_EQ(words{db_file(service.pid())}, list_dir("/tmp/vsd/3/wex/db"));
   service.send(SIGTERM);
   service.wait();
-  EXPECT_TRUE(eventually([&] { return !exists(flag) && list_dir("/tmp/vsd/3/wex/db").empty(); })) << read_console();
+  EXPECT_TRUE(eventually([&] { return !exists(flag) && list_dir("/tmp/vsd/3/wex/db").empty(); }))
+      << read_console();
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> vsd_no = 3\n"));
   char where[64] = "";
   const ssize_t length = readlink(("/proc/" + text(daemon.pid()) + "/cwd").c_str(), where, sizeof where - 1);
@@ -171,8 +181,8 @@ TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--group=3300", "--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
-                         "--hold"};
+  const words options = {"--group=3300", "--facts=/tmp/wex/facts", "--register=RESTART",
+                         "--time-set=0", "--ready=/tmp/ready",     "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
@@ -206,7 +216,8 @@ TEST_F(MainRoad, LivingServicesOutliveTheDaemonAndAreStillSupervisedByTheNext) {
 }
 
 TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
-  const words options = {"--register=RESTART", "--time-set=0", "--count=/tmp/starts", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--register=RESTART", "--time-set=0", "--count=/tmp/starts", "--ready=/tmp/ready",
+                         "--hold"};
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process service;
@@ -238,7 +249,8 @@ TEST_F(MainRoad, TheNextDaemonReapsWhatItStartsWhileItRebuilds) {
       [&] {
         for (const std::string& name : list_dir("/proc")) {
           const pid_t pid = atoi(name.c_str());
-          if (pid > 0 && status_field(pid, "PPid") == text(daemon.pid()) && status_field(pid, "State")[0] == 'Z') {
+          if (pid > 0 && status_field(pid, "PPid") == text(daemon.pid()) &&
+              status_field(pid, "State")[0] == 'Z') {
             return false;
           }
         }
