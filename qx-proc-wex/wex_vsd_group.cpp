@@ -325,6 +325,7 @@ uint64_t vsd_use_mem(int32_t vsd) {
   return vsd >= 0 && vsd < WEX_DOMAINS ? mem_use_rss[vsd] : 0;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): it is written to through the reference below
 int get_vsd_mem(const char* path, int32_t vsd, uint64_t counters[16]) {
   const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
   if (!file.valid()) {
