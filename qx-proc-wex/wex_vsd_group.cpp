@@ -47,6 +47,15 @@ bool starts_with(const char* line, const char* key) {
   return strncmp(line, key, strlen(key)) == 0;
 }
 
+// The first group id of a list: ids go up to 2^32 - 2, and what is no id stays small enough to compute with.
+int64_t group_id(const char* text) {
+  const long long id = strtoll(text, nullptr, 10);
+  if (id > UINT32_MAX) {
+    return UINT32_MAX;
+  }
+  return id < INT32_MIN ? INT32_MIN : id;
+}
+
 // Opens a control file. The directories above it are open to everybody, hence the guarded open.
 unique_fd open_control(const char* path, const char* caller) {
   unique_fd file = wex_open_file(path, O_RDWR);
@@ -244,10 +253,10 @@ int32_t get_vsdid(int32_t pid) {
     return -errno;
   }
   line_reader<256> status(file.get());
-  long long group = 0;
+  int64_t group = 0;
   while (const char* line = status.next()) {
     if (starts_with(line, kGroupsKey)) {
-      group = strtoll(line + strlen(kGroupsKey), nullptr, 10);  // ids go up to 2^32 - 2
+      group = group_id(line + strlen(kGroupsKey));
       break;
     }
   }

@@ -1,5 +1,6 @@
 #include "wex_vsd.h"
 
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 
@@ -58,6 +59,25 @@ TEST_F(DomainOfAProcess, IsTheReasonWhenTheProcessIsNotThere) {
 TEST_F(DomainOfAProcess, IsNotTakenFromTheNameOfTheProcess) {
   process actor({3300}, [] { prctl(PR_SET_NAME, "Groups:\t3900"); });
   EXPECT_EQ(3, get_vsdid(actor.pid()));
+}
+
+TEST_F(DomainOfAProcess, StaysInRangeWhateverNumberStandsForTheGroup) {
+  process actor({3300});
+  const std::string facts = "/proc/" + std::to_string(actor.pid());
+  ASSERT_EQ(0, unshare(CLONE_NEWNS)) << strerror(errno);
+  ASSERT_EQ(0, mount("unit", facts.c_str(), "tmpfs", 0, "")) << strerror(errno);
+  const struct {
+    const char* groups;
+    int32_t vsd;
+  } rows[] = {{"-9223372036854775808", -21474866},
+              {"9223372036854775807", 42949642},
+              {"4294967295", 42949642},
+              {"", -30}};
+  for (const auto& row : rows) {
+    write_text(facts + "/status", std::string("Groups:\t") + row.groups + " \n");
+    EXPECT_EQ(row.vsd, get_vsdid(actor.pid())) << row.groups;
+  }
+  EXPECT_EQ(0, umount2(facts.c_str(), MNT_DETACH));
 }
 
 // ---- Control groups ---------------------------------------------------------------------------------------
