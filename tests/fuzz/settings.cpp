@@ -1,8 +1,30 @@
-// The debug levels and the self-check wait, from files an operator edits by hand.
+// The debug levels, the self-check wait and the reboot switch, from files an operator edits by hand.
+#include <sys/reboot.h>
+#include <time.h>
+
 #include "fuzz_support.h"
 #include "wex_dbg.h"
+#include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
+
+namespace {
+
+int restarts = 0;
+
+}  // namespace
+
+// Only counted: beside the sandbox a second reason why this machine stays up.
+extern "C" int reboot(int) noexcept {
+  ++restarts;
+  return -1;
+}
+extern "C" int clock_nanosleep(clockid_t, int, const timespec*, timespec*) {
+  return 0;
+}
+extern "C" int fsync(int) {
+  return 0;
+}
 
 int LLVMFuzzerInitialize(int*, char***) {
   fuzz::begin();
@@ -19,5 +41,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::write_file(kDebugTime, content);
   fuzz::expect(debug_time() > 0, "a self-check takes time");
   fuzz::say(0);
+  fuzz::write_file(kRebootSwitch, content);
+  fuzz::write_file(kRebootLog, "");
+  restarts = 0;
+  wex_reboot(content.c_str(), nullptr);
+  fuzz::expect(restarts == 1 || content.find('0') != std::string::npos, "only a zero refuses a restart");
   return 0;
 }
