@@ -381,7 +381,10 @@ int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
     }
     note_fork_failure(start, error);
     wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
-    safe_sleep(kForkRetrySec);
+    wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
+    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
+      return -1;  // the daemon ends; the next one finds the file of a dead process and restarts it
+    }
   }
 }
 
