@@ -61,9 +61,9 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_sweep_lost_exits();
 void wex_request_sweep();
 
-// True while the monitor has read everything the kernel sent and waits for more: only then may a vanished
-// process count as a lost exit.
-extern std::atomic<bool> wex_monitor_idle;
+// Until when (monotonic seconds) the monitor has read what the kernel reported: only a process that vanished
+// before that may count as a lost exit.
+extern std::atomic<int32_t> wex_monitor_read_until;
 
 // The delay thread has left its loop and touches nothing any more.
 extern std::atomic<bool> wex_delay_ended;

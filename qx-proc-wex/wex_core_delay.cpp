@@ -5,6 +5,8 @@
 // same thread looks once a minute for registered processes that vanished without an exit event: the kernel
 // may drop events when memory is short or the socket full, and says so at most once.
 #define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
 #include <pthread.h>
 #include <sys/prctl.h>
 
@@ -12,19 +14,15 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
-#include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_utils.h"
 
-std::atomic<bool> wex_monitor_idle{false};
+std::atomic<int32_t> wex_monitor_read_until{0};
 std::atomic<bool> wex_delay_ended{false};
 
 namespace {
-
-constexpr int64_t kPassMs = 1000;
-constexpr int kLostAtOnce = 64;  // lost exits handed over in one sweep; the next one takes the rest
 
 std::atomic<bool> g_sweep_wanted{false};
 
@@ -82,15 +80,13 @@ bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 
 enum class verdict { present, suspected, lost };
 
-// An exit counts as lost only when the process has been gone for a while and the monitor has nothing left to
-// read: its real event, with the real exit code, must always come first.
+// An exit counts as lost only when the process has been gone for a while and the monitor has read everything
+// that the kernel reported until then: the real event, with the real exit code, must always come first.
 verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)) {
   if (!expects_exit(rec)) {
     return verdict::present;
   }
-  // Of a process whose start time could not be noted nothing is known but its pid.
-  const bool lives = rec->start_time != 0 ? wex_record_lives(rec) : wex_proc_lives(rec->pid, 0);
-  if (lives) {
+  if (wex_proc_present(rec->pid, rec->start_time)) {
     rec->gone_since = 0;
     return verdict::present;
   }
@@ -98,7 +94,7 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
     rec->gone_since = now != 0 ? now : 1;
   }
   const bool confirmed = static_cast<int64_t>(now) - rec->gone_since >= kSweepConfirmSec &&
-                         wex_monitor_idle.load(std::memory_order_acquire);
+                         wex_monitor_read_until.load(std::memory_order_acquire) - 1 > rec->gone_since;
   return confirmed ? verdict::lost : verdict::suspected;
 }
 
@@ -138,16 +134,13 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) {
   if (wex_proc_is_exit(rec) == 1) {
     return 0;
   }
-  wex_pid* const copy = copy_of(*rec);
-  {
-    chain_lock hold(wex_chains_delay);
-    if (__wex_find_pid(&wex_chains_delay, rec->pid) == nullptr) {
-      __wex_add_record(&wex_chains_delay, copy);
-      return 1;
-    }
+  if (waits_for_restart(rec->pid)) {
+    wex_dbg(WEX_DBG_PUB, "%s pid %d exist in wex_chains_delay\n", __func__, rec->pid);
+    return 1;
   }
-  wex_free_record(copy);
-  wex_dbg(WEX_DBG_PUB, "%s pid %d exist in wex_chains_delay\n", __func__, rec->pid);
+  wex_pid* const copy = copy_of(*rec);  // nobody else adds one: that takes wex_chains, which is held
+  chain_lock hold(wex_chains_delay);
+  __wex_add_record(&wex_chains_delay, copy);
   return 1;
 }
 
@@ -167,7 +160,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       last_sweep = now;
       wex_sweep_lost_exits();
     }
-    wex_wait_exit(kPassMs);
+    wex_wait_exit(kDelayPassMs);
   }
   wex_delay_ended.store(true, std::memory_order_release);
   return nullptr;

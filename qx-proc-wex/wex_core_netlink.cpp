@@ -40,16 +40,21 @@ constexpr int kConnector = 11;         // NETLINK_CONNECTOR
 constexpr uint32_t kProcessGroup = 1;  // CN_IDX_PROC, also the multicast group
 constexpr uint32_t kProcessValue = 1;  // CN_VAL_PROC
 constexpr uint32_t kListen = 1;        // PROC_CN_MCAST_LISTEN
-constexpr int kReceiveBuffer = 0x200000;
-constexpr int kWantedBuffer = 2 * kReceiveBuffer;  // the kernel reports twice what it was asked for
 constexpr size_t kDatagramMax = 1024;
-constexpr int kAckWaitMs = 100;
 constexpr uint32_t kCoreDumped = 0x80;
 constexpr size_t kTypeSize = 1024;
 
 // Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
 // time stamp, so fields are copied out one by one.
-enum : size_t { kLenAt = 0, kTypeAt = 4, kKindAt = 36, kPidAt = 52, kTgidAt = 56, kCodeAt = 60 };
+enum : size_t {
+  kLenAt = 0,
+  kTypeAt = 4,
+  kKindAt = 36,
+  kTimeAt = 44,
+  kPidAt = 52,
+  kTgidAt = 56,
+  kCodeAt = 60
+};
 
 template <typename T>
 T field(const uint8_t* message, size_t at) {
@@ -68,7 +73,8 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
   if (size < kKindAt + sizeof event->kind) {
     return false;
   }
-  *event = {field<uint32_t>(message, kKindAt), 0, 0, 0};
+  *event = {};
+  event->kind = field<uint32_t>(message, kKindAt);
   switch (event->kind) {
     case kEventAck:
       return true;
@@ -86,6 +92,7 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
     default:
       return false;
   }
+  event->time = static_cast<int32_t>(field<uint64_t>(message, kTimeAt) / 1000000000);
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
   return true;
@@ -196,7 +203,7 @@ void read_burst_rule(int32_t* window, int32_t* count) {
   char text[257];
   *window = kBurstWindowSec;
   *count = kBurstCount;
-  if (wex_read_to_buf(kBurstConfig, text, sizeof text) >= 1) {
+  if (wex_read_guarded(kBurstConfig, text, sizeof text) >= 1) {
     wex_parse_burst(text, window, count);
   }
 }
@@ -277,21 +284,19 @@ void attach_filter(int fd) {
   }
 }
 
-// False when not even the plain request was taken.
-bool enlarge_buffer(int fd) {
-  const int wanted = kReceiveBuffer;
+void enlarge_buffer(int fd) {
+  const int wanted = kEventBuffer;
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0 &&
       setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: socket set recvbuffer error: %s", kThreadName, strerror(errno));
-    return false;
+    return;
   }
   int got = 0;
   socklen_t size = sizeof got;
-  if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &size) == 0 && got < kWantedBuffer) {
+  if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &size) == 0 && got < 2 * kEventBuffer) {
     wex_running_log("Process event buffer is only %d bytes.\r\n",
                     got);  // the kernel caps it without an error
   }
-  return true;
 }
 
 bool bind_to_events(int fd) {
@@ -344,16 +349,28 @@ outcome set_up(unique_fd* events) {
 // What one run of the monitor knows.
 struct monitor {
   int fd;
-  int ack_wait_ms = kAckWaitMs;  // -1 once the kernel has answered, or has been found not to
-  bool overflowed = false;
+  int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
 };
 
+// A thread that executes a program gives its process another start time on older kernels.
+void refresh_identity(int32_t pid) {
+  chain_lock hold(wex_chains);
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec != nullptr && rec->exit_seen == 0 && rec->alarm_wait_flag == 0 && rec->restart_failed == 0) {
+    wex_note_identity(rec);
+  }
+}
+
 void on_event(const process_event& event, void* context) {
+  if (event.kind != kEventAck) {
+    wex_monitor_read_until.store(event.time, std::memory_order_release);
+  }
   switch (event.kind) {
     case kEventAck:
       static_cast<monitor*>(context)->ack_wait_ms = -1;
       break;
     case kEventExec:
+      refresh_identity(event.pid);
       register_executed(event.pid);
       break;
     default:
@@ -369,8 +386,9 @@ void receive_one(monitor* eyes) {
   const ssize_t size =
       recvfrom(eyes->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
   if (size < 0) {
-    // Lost events are told once, however many they were, and before those still queued.
-    eyes->overflowed = eyes->overflowed || errno == ENOBUFS;
+    if (errno == ENOBUFS) {  // told once, however many events were lost, and before those still queued
+      wex_request_sweep();
+    }
     wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
     return;
   }
@@ -388,13 +406,9 @@ int wait_for_event(monitor* eyes) {
   struct pollfd inputs[] = {{eyes->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
   int ready = poll(inputs, 2, 0);
   if (ready == 0) {
-    if (eyes->overflowed) {
-      eyes->overflowed = false;
-      wex_request_sweep();
-    }
-    wex_monitor_idle.store(true, std::memory_order_release);
+    wex_monitor_read_until.store(INT32_MAX, std::memory_order_release);
     ready = poll(inputs, 2, eyes->ack_wait_ms);
-    wex_monitor_idle.store(false, std::memory_order_release);
+    wex_monitor_read_until.store(wex_clock_now(), std::memory_order_release);
     if (ready == 0) {
       eyes->ack_wait_ms = -1;
       wex_running_log("The kernel does not answer for process events, exits may go unseen.\r\n");
@@ -402,6 +416,10 @@ int wait_for_event(monitor* eyes) {
   }
   if (ready < 0) {
     return errno == EINTR ? 0 : -1;
+  }
+  if ((inputs[0].revents & POLLNVAL) != 0) {
+    errno = EBADF;  // looked at again and again it would never be anything else
+    return -1;
   }
   return (inputs[0].revents & (POLLIN | POLLERR)) != 0 ? 1 : 0;
 }

@@ -12,6 +12,7 @@ struct process_event {
   int32_t pid;
   int32_t tgid;
   uint32_t exit_code;  // exit events: kernel wait status
+  int32_t time;        // monotonic seconds
 };
 
 enum { kSubscriptionSize = 40 };

@@ -44,13 +44,26 @@ inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part 
 inline constexpr int kLeaderLooks = 4;  // looks at a dead leader whose threads have not ended yet
 inline constexpr int kLeaderLookMs = 5;
 
+inline constexpr int32_t kDelayPassMs = 1000;  // pause between two looks at the postponed restarts
+inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one sweep; the next takes the rest
+
+// Process events.
+inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
+inline constexpr int kSubscriptionWaitMs = 100;  // how long the kernel may take to answer the subscription
+
+// The end of the daemon. A restart that is under way may take 5.5 s of searching and the platform's time
+// limit.
+inline constexpr int kDelayEndLookMs = 10;
+inline constexpr int kDelayEndLooks = 2500;
+
 // Spawning.
-inline constexpr int kMaxWords = 14;  // program and 13 arguments
+inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
+inline constexpr int kMaxWords = 14;          // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
 inline constexpr int kForkFailuresFatal = 7;  // failed forks in a row that end the daemon
 inline constexpr int kFindTries = 10;         // extra looks for a program that detaches
 inline constexpr int kFindStepMs = 100;       // the k-th look waits k times this
-inline constexpr int kLooksCutShort = 50;            // looks through /proc until one is not cut short
+inline constexpr int kLooksCutShort = 10;     // looks through /proc until one is not cut short
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed

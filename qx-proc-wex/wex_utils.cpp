@@ -298,6 +298,14 @@ int process_life(int32_t pid) {
   return -1;
 }
 
+bool wex_proc_present(int32_t pid, uint64_t start_time) {
+  char text[kStatSize];
+  const char* const fields = read_stat(pid, text, sizeof(text));
+  const char* const start = fields != nullptr ? stat_field(fields, kStartTimeField) : nullptr;
+  return start != nullptr && *fields != 'Z' && *fields != 'X' && *fields != 'x' &&
+         (start_time == 0 || strtoull(start, nullptr, 10) == start_time);
+}
+
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
   char text[kStatSize];
   const char* const fields = read_stat(pid, text, sizeof(text));

@@ -60,6 +60,9 @@ int wex_get_proc_status(void);
 // exit is 'X' or 'Z'. False when it is not there.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
 
+// As wex_proc_lives, but a process that has begun to exit is still there: dumping core may take it long.
+bool wex_proc_present(int32_t pid, uint64_t start_time);
+
 // Threads of a process that have not ended yet, its leader's zombie included; 0 when it is not there.
 int32_t wex_proc_threads(int32_t pid);
 

@@ -67,7 +67,7 @@ class Delay : public RegistryWorld {
     ASSERT_EQ(0, wex_init_chains(&wex_alive_chains));
     ASSERT_EQ(0, wex_init_chains(&wex_chains_delay));
     g_now = 1000;
-    wex_monitor_idle = true;
+    wex_monitor_read_until = INT32_MAX;
     wex_exit_flag = 0;
     wex_delay_ended = false;
   }
@@ -316,13 +316,26 @@ TEST_F(Delay, AVanishedProcessIsRestartedOnlyWhenItHasBeenGoneForAWhileAndTheMon
   wex_sweep_lost_exits();
   EXPECT_EQ(pid, present_pid(rec)) << "its event may be on its way";
   g_now = 1000 + kSweepConfirmSec;
-  wex_monitor_idle = false;
+  wex_monitor_read_until = 0;
   wex_sweep_lost_exits();
   EXPECT_EQ(pid, present_pid(rec)) << "its event may lie in the socket";
-  wex_monitor_idle = true;
+  wex_monitor_read_until = INT32_MAX;
   wex_sweep_lost_exits();
   EXPECT_NE(pid, present_pid(rec));
   EXPECT_EQ(0u, rec->exit_signal) << "the cause is unknown";
+}
+
+TEST_F(Delay, AVanishedProcessIsRestartedOnABusyDeviceOnceLaterEventsHaveBeenRead) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  wex_sweep_lost_exits();  // gone since 1000
+  g_now = 1100;
+  wex_monitor_read_until = 1001;
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may be the next one";
+  wex_monitor_read_until = 1002;
+  wex_sweep_lost_exits();
+  EXPECT_NE(pid, present_pid(rec));
 }
 
 TEST_F(Delay, TheSweepLeavesParkedWaitingAndLivingOnesAlone) {
