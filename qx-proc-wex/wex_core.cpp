@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "dir_walk.h"
 #include "ras_os.h"
@@ -46,9 +47,6 @@ constexpr worker kWorkers[kThreads] = {
     {wex_delay_restart, "wex_delay_restart", " thread"},
 };
 constexpr int kJoined[] = {kNotifier, kServer, kMonitor};  // the other two are never joined
-
-constexpr int kDelayEndMs = 10;      // between two looks at whether the delay thread has left its loop
-constexpr int kDelayEndLooks = 500;  // it does so within a second unless it is in the middle of a restart
 
 struct threads {
   pthread_t handles[kThreads];
@@ -125,7 +123,7 @@ bool restore_registry() {
 bool read_description(const char* name, char* text, size_t size) {
   char path[1024];
   wex_format(path, sizeof path, "%s/%s", kThirdPartDir, name);
-  const int32_t result = wex_read_to_buf(path, text, size);
+  const int32_t result = wex_read_guarded(path, text, size);
   if (result < 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_file_string failed, ret = %d, reason: %s\n", result, strerror(errno));
     return false;
@@ -174,7 +172,7 @@ bool others_have_ended(const threads& running) {
     if (look == kDelayEndLooks) {
       return false;
     }
-    wex_sleep_ms(kDelayEndMs);
+    wex_sleep_ms(kDelayEndLookMs);
   }
   return true;
 }
@@ -244,5 +242,5 @@ int main(int argc, char** argv) {
     start_threads(&running);
   }
   join_threads(running);
-  tear_down(running, static_cast<unique_fd&&>(lock));
+  tear_down(running, std::move(lock));
 }

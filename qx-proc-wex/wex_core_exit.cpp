@@ -1,6 +1,8 @@
 // wex_core_exit: what happens to a registered process that has exited. The registry stays locked for the
 // whole of one exit, the spawn included, so exits are handled one at a time.
 #define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,7 +14,6 @@
 #include "dir_walk.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
-#include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -79,15 +80,25 @@ constexpr restart_kind kScript = {"SHELL_RESTART",
 
 // ---- before the decision ----------------------------------------------------------------------------------
 
+// True when the leader of the record's process, dead or dying, still has threads beside it.
+bool has_threads_left(const wex_pid* rec) {
+  uint64_t start_time = 0;
+  return wex_proc_stat(rec->pid, nullptr, &start_time) && start_time == rec->start_time &&
+         wex_proc_threads(rec->pid) >= 2;
+}
+
 // True when the record's process has not exited although the kernel reported its leader. A thread that
-// executes a program takes the leader's place a moment after the leader's exit was reported, so while the
-// process still has threads it is worth a second look.
-bool still_runs(const wex_pid* rec) {
+// executes a program takes the leader's place a moment after the leader's exit was reported (on older kernels
+// with another start time), so while the process still has threads it is worth a second look.
+bool still_runs(wex_pid* rec) {
   for (int look = 0; !wex_record_lives(rec); ++look) {
-    if (look == kLeaderLooks || wex_proc_threads(rec->pid) < 2) {
+    if (look == kLeaderLooks || !has_threads_left(rec)) {
       return false;
     }
     wex_sleep_ms(kLeaderLookMs);
+    if (!has_threads_left(rec) && wex_proc_lives(rec->pid, 0)) {
+      wex_note_identity(rec);
+    }
   }
   return true;
 }
@@ -179,10 +190,8 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
 void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t vsd = rec->pid > 0 ? find_app(rec->pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
-  if (vsd >= 1 && !remove_flag_file(vsd, rec->pid)) {
-    return;
-  }
-  if (!change_dir(kRootDir)) {
+  if ((vsd >= 1 && !remove_flag_file(vsd, rec->pid)) || !change_dir(kRootDir)) {
+    rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s: hlist_del\n", kHandler);
@@ -328,10 +337,11 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
   if (rec->restart_delay > 0) {
     wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
     if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
-      return;  // the next daemon finds the file of a dead process and restarts it
+      return;  // the next daemon restarts every program that has a database file and no process
     }
   }
   if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
+    rec->restart_failed = 1;
     return;
   }
   if (!spawned(rec, kind) || del_dev_mon_restart() >= 0) {

@@ -138,7 +138,6 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
 // ---- child ------------------------------------------------------------------------------------------------
 
 constexpr int kDomainVariables = 5;
-constexpr int kEnvironmentMax = 1024;
 
 struct domain_variable {
   const char* name;
@@ -262,6 +261,19 @@ void enter_place(const launch& start) {
 
 // ---- parent -----------------------------------------------------------------------------------------------
 
+// False once the child has executed its program: what the platform forked meanwhile may still hold the pipe.
+bool runs_our_code(pid_t child) {
+  char path[kPathSize];
+  char ours[kPathSize];
+  char its[kPathSize];
+  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(getpid()));
+  const ssize_t our_length = readlink(path, ours, sizeof ours);
+  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(child));
+  const ssize_t its_length = readlink(path, its, sizeof its);
+  return our_length > 0 && our_length == its_length &&
+         memcmp(ours, its, static_cast<size_t>(its_length)) == 0;
+}
+
 // A domain's child runs foreign code before its program starts. While the pipe's other end is open it has not
 // got there yet; one that never does would leave its program down with nobody noticing.
 void await_exec(pid_t child, const unique_fd& started) {
@@ -270,7 +282,7 @@ void await_exec(pid_t child, const unique_fd& started) {
   do {
     ready = poll(&end, 1, kPlatformTimeLimitMs);
   } while (ready < 0 && errno == EINTR);
-  if (ready == 0) {
+  if (ready == 0 && runs_our_code(child)) {
     wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
             static_cast<int>(child));
     kill(child, SIGKILL);

@@ -38,9 +38,7 @@ int wex_reset_priority(void);
 // The fork-failure marker: one byte a failure; withdrawn by the first child that starts. mk: 0, or -1.
 int wex_mk_forkfile(void);
 void wex_rm_forkfile(void);
-}
 
-extern "C" {
 // Child-side set-up of a domain: environment, working directory, group, and the old pid's marker taken away.
 // Calls the platform first; when that fails nothing is set. Only between fork and exec.
 void set_proc_env(int32_t vsd, int32_t old_pid);
@@ -53,6 +51,6 @@ bool wex_reboot_is_due(const wex_pid* rec, int32_t now);
 // Restarts the device because the record's program cannot be kept running.
 void wex_reboot_for(const wex_pid* rec);
 
-// One whole look through /proc for a process whose command line is `command`: true and its pid, or false. Trims
-// trailing blanks of `command`.
+// Looks through /proc, without pauses, until one look is not cut short: true and the pid of a process whose
+// command line is `command`, or false. Trims trailing blanks of `command`.
 bool wex_find_running(char* command, int32_t* out_pid);
