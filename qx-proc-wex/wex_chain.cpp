@@ -2,6 +2,8 @@
 //
 // Whoever walks or changes a chain holds its lock; the records of a chain belong to the chain. The memory of
 // replaced pids below is guarded by the lock of wex_chains.
+
+#define WEX_MODULE "wex_chain"
 #include "wex_chain.h"
 
 #include <pthread.h>
@@ -11,7 +13,6 @@
 #include <cstring>
 #include <iterator>
 
-#define WEX_MODULE "wex_chain"
 #include "chain_lock.h"
 #include "priority_mutex.h"
 #include "text_block.h"

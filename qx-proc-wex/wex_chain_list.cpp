@@ -2,6 +2,8 @@
 //
 // Every program that is executed anywhere on the device is looked up here, by a thread of real-time priority.
 // So the list is kept in memory and read again only when the file looks different; list_lock guards it.
+
+#define WEX_MODULE "wex_chain"
 #include "wex_list.h"
 
 #include <fcntl.h>
@@ -14,7 +16,6 @@
 #include <cstdint>
 #include <cstring>
 
-#define WEX_MODULE "wex_chain"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
 #include "text_reader.h"

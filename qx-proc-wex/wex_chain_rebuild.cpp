@@ -1,14 +1,15 @@
 // wex_chain_rebuild: brings the registry back from the database files when the daemon starts.
 //
 // What lived on meanwhile is taken over, what died is started again. Runs before any thread does.
+#define WEX_MODULE "wex_chain"
+#include "wex_chain.h"
+
 #include <cstdint>
 #include <cstring>
 
-#define WEX_MODULE "wex_chain"
 #include "chain_lock.h"
 #include "dir_walk.h"
 #include "text_block.h"
-#include "wex_chain.h"
 #include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_paths.h"

@@ -1,4 +1,4 @@
-// wex_clock: the one place where monotonic time is read. Alone in its file, so that a test links its own.
+// wex_clock: the clock of records and decisions. Alone in its file, so that a test links its own.
 #include <time.h>
 
 #include "wex_utils.h"

@@ -1,6 +1,8 @@
 // wex_core_fork: watches the fork-failure marker. A daemon that cannot fork cannot restart anything; after
 // the seventh failure it ends, so that it can be started afresh.
 #define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -14,7 +16,6 @@
 
 #include "ras_os.h"
 #include "unique_fd.h"
-#include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"

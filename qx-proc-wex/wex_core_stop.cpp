@@ -1,6 +1,8 @@
 // wex_core_stop: the stop flag and the descriptor that wakes whoever waits when it is raised. A daemon that
 // has lost a thread must end at once: it still holds the lock that keeps its successor from starting.
 #define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <time.h>
@@ -10,7 +12,6 @@
 #include <cstring>
 
 #include "ras_os.h"
-#include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"

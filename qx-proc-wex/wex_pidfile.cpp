@@ -4,6 +4,8 @@
 // descriptor of such a file here: closing any descriptor of a file drops every record lock that this process
 // holds on it. The one exception is the table of files that the daemon locks for programs which cannot do it
 // themselves; it has a lock of its own and is empty in every other process.
+
+#define WEX_MODULE "wex_pidfile"
 #include "wex_pidfile.h"
 
 #include <fcntl.h>
@@ -16,7 +18,6 @@
 #include <cstdio>
 #include <cstring>
 
-#define WEX_MODULE "wex_pidfile"
 #include "mutex_lock.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
