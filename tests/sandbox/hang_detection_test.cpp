@@ -286,6 +286,48 @@ TEST_F(HangDetection, TheFirstScanDumpsTheChainsToTheConsoleWhenAsked) {
   EXPECT_EQ(0U, log.count("in wex:"));
 }
 
+// The hot call: who am I, and is there a list of exempt threads. Nothing is sent, and nothing is locked.
+TEST_F(HangDetection, AReportMakesNoSystemCallThatItsChecksDoNotNeed) {
+  constexpr char kTrace[] = "/tmp/report.trace";
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start({"strace", "-f", "-q", "-o", kTrace, actor_binary(), "--thread=60", "--hold"},
+                            {"ASAN_OPTIONS=detect_leaks=0"}));
+  const auto sleeps = [&] {
+    size_t count = 0;
+    for (const std::string& line : lines_of(read_file(kTrace))) {
+      count += line.find("nanosleep(") != std::string::npos ? 1 : 0;
+    }
+    return count;
+  };
+  ASSERT_TRUE(eventually([&] { return sleeps() >= 8; }, 20s));
+  std::map<std::string, size_t> calls;
+  std::string thread;  // the reporting one, known by its first pause; the table is mapped by then
+  for (const std::string& line : lines_of(read_file(kTrace))) {
+    const size_t name = line.find_first_not_of("0123456789 ");
+    const size_t end = line.find('(');
+    if (name == std::string::npos || end == std::string::npos) {
+      continue;
+    }
+    if (!thread.empty() && line.compare(0, name, thread) == 0) {
+      ++calls[line.substr(name, end - name)];
+    } else if (thread.empty() && line.find("nanosleep(") != std::string::npos) {
+      thread = line.substr(0, name);
+    }
+  }
+  size_t opens = 0;
+  for (const auto& [name, count] : calls) {
+    const bool opening = name == "open" || name == "openat";
+    EXPECT_TRUE(opening || name == "getpid" || name == "gettid" ||
+                name.find("nanosleep") != std::string::npos)
+        << name << " " << count << " times";
+    opens += opening ? count : 0;
+  }
+  EXPECT_LE(5U, opens);
+  EXPECT_GE(calls["gettid"] + 1, opens) << "one look for the list a report";
+  unlink(kTrace);
+}
+
 // The shortest way from a hang to a restart: a registration that has used up its count before the second
 // scan.
 TEST_F(HangDetection, TheSecondScanAbortsLogsAndRemovesAndTheServiceIsRestarted) {
