@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# Inside the sandbox: installs the packages as an integrator would, builds a service against them in C and in C++, and
+# lets the installed daemon restart both, be killed, be stopped. Arguments: directory of the packages, of this test.
+set -u
+packages=$1 here=$2
+[ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through package_test.sh" >&2; exit 1; }
+work=/tmp/package-test
+mkdir -p $work
+
+fail() {
+  printf 'FAIL: %s\n' "$*"
+  tail -n 20 /dev/console.log
+  end_all
+  exit 1
+}
+within() {                                         # SECONDS COMMAND...
+  local end=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ "$SECONDS" -ge "$end" ] && return 1
+    sleep 0.05
+  done
+}
+pid_of() {                                         # of the process here that runs this program
+  local dir
+  for dir in /proc/[0-9]*; do
+    [ "$dir/exe" -ef "$1" ] && [ "$dir/root" -ef / ] && { printf '%s' "${dir#/proc/}"; return 0; }
+  done 2> /dev/null
+  return 1
+}
+gone() { ! pid_of "$1" > /dev/null; }
+registered() { [ -e "/tmp/vsd/0/wex/db/$1.$2" ]; }
+runs_again() {                                     # PROGRAM OLD-PID: registered under a new pid
+  local now
+  now=$(pid_of "$1") && [ "$now" != "$2" ] && registered "${1##*/}" "$now"
+}
+answers() { [ -S /tmp/wex/.wex ] && pid=$(pid_of /usr/sbin/wex) && [ "$pid" != "${1-}" ] && subscribed "$pid"; }
+subscribed() {                                     # to the process connector, netlink family 11
+  awk -v pid="$1" '$2 == 11 && $3 == pid && $4 != "00000000" { found = 1 } END { exit !found }' /proc/net/netlink
+}
+end_all() {
+  local program pid
+  [ -x /etc/init.d/wex ] && /etc/init.d/wex stop
+  within 10 gone /usr/sbin/wex
+  for program in $work/service_c $work/build/service_cpp; do
+    while pid=$(pid_of $program); do kill -KILL "$pid"; sleep 0.05; done
+  done
+}
+
+# ---- What is in the packages -------------------------------------------------------------------------------
+
+for package in "$packages"/*.deb; do
+  dpkg-deb --fsys-tarfile "$package" | tar -t | sed -n 's|^\./etc/|/etc/|p' | grep -v '/$' | sort > $work/shipped
+  dpkg-deb --info "$package" conffiles 2> /dev/null | sort > $work/conffiles
+  cmp -s $work/shipped $work/conffiles || fail "$package: below /etc: $(cat $work/shipped); conffiles: $(cat $work/conffiles)"
+  dpkg-deb --fsys-tarfile "$package" | tar -t | grep -q '^\./usr/etc' && fail "$package has files in /usr/etc"
+done
+for name in wex libwex1 libwex-dev; do
+  [ "$(ls "$packages/${name}"_*.deb | wc -l)" = 1 ] || fail "there is not one package $name"
+done
+
+mkdir $work/tree
+tar -xzf "$packages"/wex-*.tar.gz -C $work/tree || fail "the tarball does not unpack"
+for file in usr/sbin/wex etc/init.d/wex usr/libexec/wex/wex-respawn usr/include/wex/wex.h; do
+  [ -e "$work/tree/$file" ] || fail "the tarball lacks $file"
+done
+[ -n "$(find $work/tree/usr/lib -name libwex.so.1)" ] || fail "the tarball lacks libwex.so.1"
+
+# ---- Installed ---------------------------------------------------------------------------------------------
+
+dpkg --install "$packages"/*.deb > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "dpkg refuses the packages"; }
+ldconfig
+grep -q '^Restart=always$' /usr/lib/systemd/system/wex.service || fail "the systemd unit does not restart wex"
+grep -q '^::respawn:/usr/sbin/wex$' /usr/share/wex/inittab.wex || fail "the line for busybox init does not restart wex"
+[ "$(pkg-config --variable=libdir wex)" = "$(dirname "$(readlink -f "$(ldconfig -p | sed -n 's|.*libwex.so.1 .*=> ||p')")")" ] ||
+  fail "wex.pc and the dynamic linker know different places"
+
+# ---- Built against -----------------------------------------------------------------------------------------
+
+# shellcheck disable=SC2046
+gcc -std=c99 -Wall -Werror "$here/example/service.c" $(pkg-config --cflags --libs wex) -o $work/service_c ||
+  fail "a C service does not build with pkg-config"
+cmake -S "$here/example" -B $work/build -G Ninja > $work/cmake.log 2>&1 && cmake --build $work/build >> $work/cmake.log 2>&1 ||
+  { cat $work/cmake.log; fail "a C++ service does not build with find_package"; }
+for program in $work/service_c $work/build/service_cpp; do
+  ldd $program | grep -q "libwex.so.1 => $(pkg-config --variable=libdir wex | sed 's|^/usr||;s|^|.*|')" ||
+    fail "$program uses another library: $(ldd $program)"
+done
+
+# ---- Used --------------------------------------------------------------------------------------------------
+
+/etc/init.d/wex start
+within 15 answers || fail "the installed daemon does not answer"
+/etc/init.d/wex start                              # twice is once
+for program in $work/service_c $work/build/service_cpp; do
+  (cd / && exec setsid $program < /dev/null > /dev/null 2>&1) &
+  disown $!
+  within 10 runs_again $program 0 || fail "$program did not register"
+  old=$(pid_of $program)
+  kill -KILL "$old"
+  within 10 runs_again $program "$old" || fail "$program was killed and did not come back"
+done
+
+daemon=$(pid_of /usr/sbin/wex)
+kill -KILL "$daemon"
+within 20 answers "$daemon" || fail "wex was killed and was not started again"
+old=$(pid_of $work/service_c)
+kill -KILL "$old"
+within 10 runs_again $work/service_c "$old" || fail "the new daemon forgot a registration"
+
+/etc/init.d/wex stop
+within 10 gone /usr/sbin/wex || fail "wex does not stop"
+sleep 3                                            # longer than the pause before a new start
+gone /usr/sbin/wex || fail "wex was started again after it had been stopped"
+pid_of $work/service_c > /dev/null || fail "the services did not outlive wex"
+end_all
+dpkg --purge libwex-dev wex libwex1 > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "the packages cannot be removed"; }
+[ ! -e /etc/init.d/wex ] || fail "the start script outlived its package"
+echo "all well"
