@@ -30,9 +30,8 @@ constexpr size_t kThreadNameSize = 32;
 
 // What holds for one whole scan.
 struct scan {
-  bool counting;      // silent periods count
-  bool table_intact;  // the alive table is the one the clients write to
-  bool abort_sent;    // one process at most is aborted
+  bool counting;    // silent periods count
+  bool abort_sent;  // one process at most is aborted
 };
 
 bool in_table(const wex_pid* thread) {
@@ -52,9 +51,10 @@ void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_aliv
   __wex_drop_record(&wex_alive_chains, thread);
 }
 
-// A changed sequence byte is a report, whatever it changed to.
-void look_for_report(wex_pid* thread, const scan& now) {
-  if (!now.table_intact || !in_table(thread) || wex_alive_read_bit(static_cast<uint32_t>(thread->pid)) != 1) {
+// A changed sequence byte is a report, whatever it changed to. Also in a table that has lost its name:
+// threads that mapped it before still report there.
+void look_for_report(wex_pid* thread) {
+  if (!in_table(thread) || wex_alive_read_bit(static_cast<uint32_t>(thread->pid)) != 1) {
     return;
   }
   const int sequence = wex_alive_read_seq(static_cast<uint32_t>(thread->pid));
@@ -120,7 +120,7 @@ void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_c
     return;
   }
   info[WEX_CUR_NTFY_TIME] = add(info[WEX_CUR_NTFY_TIME], static_cast<int32_t>(kScanSec));
-  look_for_report(thread, *now);
+  look_for_report(thread);
   if (info[WEX_CUR_NTFY_TIME] == info[WEX_NTFY_TIME]) {
     end_period(thread, *now);
   }
@@ -173,8 +173,8 @@ void wex_scan_alive_chains() {
   }
   const bool paused = access(kKillDebug, F_OK) == 0;
   const bool quiet = wex_get_semval() == 0;
-  scan now = {!paused && quiet, check_table(), false};
-  now.counting = now.counting && now.table_intact;
+  const bool table_intact = check_table();
+  scan now = {!paused && quiet && table_intact, false};
   {
     chain_lock hold(wex_alive_chains);
     record_walk walk(wex_alive_chains);

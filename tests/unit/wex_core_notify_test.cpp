@@ -946,6 +946,25 @@ TEST_F(Watchdog, ATableThatWasReplacedStopsTheCountAndIsSaidOnce) {
   });
 }
 
+TEST_F(Watchdog, AThreadThatStillHasTheReplacedTableCanRecover) {
+  in_child([] {
+    service program(1, true);
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 1, 60, 0});
+    daemon.scans(1);
+    EXPECT_EQ(1U, hangs_logged());
+    program.report(0);  // maps the table
+    daemon.start(program, 0, kShort);
+    ASSERT_EQ(0, unlink(kAliveTableFile));
+    daemon.scans(1);
+    EXPECT_EQ(2U, hangs_logged());
+    program.report(0);
+    daemon.scans(1);
+    expect_state(program.pid(), 5, 0);
+    EXPECT_EQ(2U, hangs_logged());
+  });
+}
+
 // Thread ids that large need a pid namespace of their own.
 TEST_F(Watchdog, TheLastIdOfTheTableReportsThroughItAndTheNextByMessage) {
   in_child([] {
