@@ -191,6 +191,11 @@ void delay_restarts(const char* seconds) {
 void cancel(const char*) {
   wex_cancel_proc(0);
 }
+// The daemon answers in the order of what it was told, so the answer to this proves all before it acted on.
+void confirm(const char*) {
+  constexpr int32_t kNobody = INT32_MAX;
+  wex_client_unreg_thread_notify(kNobody);
+}
 
 // ---- Threads under hang detection -------------------------------------------------------------------------
 
@@ -476,6 +481,7 @@ const struct option_row {
     {"--register-third", reg_third, "=WEX_RESTART|...  reg_third_part_process_exit_action"},
     {"--time-set", delay_restarts, "=SEC  wex_time_set"},
     {"--cancel", cancel, "  wex_cancel_proc"},
+    {"--confirm", confirm, "  until the daemon has acted on all before it"},
     {"--thread", thread, "=PERIOD[,COUNT]  a thread that registers and reports every 100 ms"},
     {"--thread-no-proc", thread_no_proc, "=PERIOD[,COUNT]  the same, logged but not aborted"},
     {"--register-main-thread", register_main_thread, "=PERIOD  the main thread registers and never reports"},

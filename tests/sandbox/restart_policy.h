@@ -52,10 +52,10 @@ inline size_t zombies_of(pid_t parent) {
 // An actor that registers and then lives until it is ended.
 class Service {
  public:
-  // `registration` is given twice: the second acknowledgement says that the first was acted on.
+  // It is ready when its registration has been acted on; the acknowledgement alone would not say that.
   explicit Service(const std::string& tag, const std::string& registration = "--register=RESTART")
       : ready_("/tmp/ready." + tag),
-        options_{"--tag=" + tag, registration, registration, "--ready=" + ready_, "--hold"} {}
+        options_{"--tag=" + tag, registration, "--confirm", "--ready=" + ready_, "--hold"} {}
 
   bool start() {
     unlink(ready_.c_str());
