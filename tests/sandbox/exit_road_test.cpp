@@ -21,7 +21,7 @@ using texts = std::vector<std::string>;
 constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
 constexpr char kReady[] = "/tmp/wex/ready";
 // A request is answered before it is handled: only the answer to a second one says that the first is done.
-const texts kService = {"--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"};
+const texts kService = {"--register=RESTART", "--confirm", "--ready=/tmp/wex/ready", "--hold"};
 
 std::string text(long number) {
   return std::to_string(number);
@@ -114,7 +114,7 @@ texts crasher(int number, const std::string& how = "--crash=SEGV") {
   return {"--tag=" + text(number),
           "--core",
           "--register=RESTART",
-          "--time-set=0",
+          "--confirm",
           "--ready=/tmp/wex/ready",
           "--first-time=/tmp/wex/once" + text(number),
           how,
@@ -236,8 +236,8 @@ TEST_F(ExitRoad, CrashesOfUnregisteredProgramsAreNobodysBusiness) {
 TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0",           "--count=/tmp/wex/starts",
-                         "--thread=120",       "--ready=/tmp/wex/ready", "--hold"};
+  const texts options = {"--register=RESTART",     "--confirm", "--count=/tmp/wex/starts", "--thread=120",
+                         "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   EXPECT_TRUE(never([&] { return starts("/tmp/wex/starts") != 1; }, 300ms));
@@ -248,7 +248,7 @@ TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART",
-                         "--time-set=0",
+                         "--confirm",
                          "--count=/tmp/wex/starts",
                          "--ready=/tmp/wex/ready",
                          "--first-time=/tmp/wex/once",
@@ -348,7 +348,7 @@ TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
   make_dirs("/data/var/run/vsd/4");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts", "--hold"};
+  const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts", "--hold"};
   Process main_one, domain_one;
   ASSERT_TRUE(main_one.start(actor_words(options)));
   ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 1; }));
@@ -436,7 +436,7 @@ TEST_F(ExitRoad, AnEventLogThatCannotBeOpenedSkipsTheRestart) {
 TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts",
+  const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",
                          "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
@@ -462,7 +462,7 @@ TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
 TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts",
+  const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",
                          "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));

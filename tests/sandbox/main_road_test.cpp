@@ -19,7 +19,7 @@ using words = std::vector<std::string>;
 
 constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
 // A request is answered before it is handled: only the answer to the second one says that the first is done.
-const words kService = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
+const words kService = {"--register=RESTART", "--confirm", "--ready=/tmp/ready", "--hold"};
 
 struct MainRoad : WexWorld {
   void SetUp() override {
@@ -137,8 +137,8 @@ TEST_F(MainRoad, AServiceThatEndsByItselfIsReinitialised) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--register=RESTART",         "--time-set=0", "--ready=/tmp/ready",
-                         "--first-time=/tmp/wex/once", "--exit=0",     "--hold"};
+  const words options = {"--register=RESTART",         "--confirm", "--ready=/tmp/ready",
+                         "--first-time=/tmp/wex/once", "--exit=0",  "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   EXPECT_TRUE(exited_with(service.wait(), 0));
@@ -156,8 +156,7 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
-                         "--hold"};
+  const words options = {"--group=3300", "--register=RESTART", "--confirm", "--ready=/tmp/ready", "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
@@ -182,7 +181,7 @@ TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const words options = {"--group=3300", "--facts=/tmp/wex/facts", "--register=RESTART",
-                         "--time-set=0", "--ready=/tmp/ready",     "--hold"};
+                         "--confirm",    "--ready=/tmp/ready",     "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
@@ -216,7 +215,7 @@ TEST_F(MainRoad, LivingServicesOutliveTheDaemonAndAreStillSupervisedByTheNext) {
 }
 
 TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
-  const words options = {"--register=RESTART", "--time-set=0", "--count=/tmp/starts", "--ready=/tmp/ready",
+  const words options = {"--register=RESTART", "--confirm", "--count=/tmp/starts", "--ready=/tmp/ready",
                          "--hold"};
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -238,7 +237,7 @@ TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
 }
 
 TEST_F(MainRoad, TheNextDaemonReapsWhatItStartsWhileItRebuilds) {
-  const words options = {"--register=RESTART", "--time-set=0", "--ready=/tmp/ready", "--hold"};
+  const words options = {"--register=RESTART", "--confirm", "--ready=/tmp/ready", "--hold"};
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   daemon.kill_now();
@@ -279,7 +278,7 @@ TEST_F(MainRoad, HundredServicesKilledAtOnceAllComeBackExactlyOnce) {
   std::vector<Process> services(kServices);
   for (int i = 0; i < kServices; ++i) {
     ASSERT_TRUE(services[static_cast<size_t>(i)].start(actor_words(
-        {"--register=RESTART", "--time-set=0", "--count=/tmp/wex/starts" + std::to_string(i), "--hold"})));
+        {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts" + std::to_string(i), "--hold"})));
   }
   ASSERT_TRUE(eventually(
       [&] {
