@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "dying_process.h"
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
@@ -336,6 +337,42 @@ TEST_F(Delay, AVanishedProcessIsRestartedOnABusyDeviceOnceLaterEventsHaveBeenRea
   wex_monitor_read_until = 1002;
   wex_sweep_lost_exits();
   EXPECT_NE(pid, present_pid(rec));
+}
+
+TEST_F(Delay, AProcessThatTakesItsTimeToExitIsNoLostExitUntilItIsGone) {
+  wex_test::dying_process dying;
+  wex_pid* const rec = add(dying.pid());
+  wex_note_identity(rec);
+  ASSERT_NE(0u, rec->start_time);
+  dying.begin_to_exit();
+  ASSERT_TRUE(eventually([&] { return !wex_record_lives(rec); }));
+  for (const int32_t now : {1000, 1010, 1600}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+    EXPECT_EQ(dying.pid(), present_pid(rec)) << "its event is still to come, with the true cause";
+    EXPECT_EQ(0, rec->gone_since);
+  }
+  dying.let_it_end();
+  wex_sweep_lost_exits();
+  EXPECT_EQ(dying.pid(), present_pid(rec));
+  g_now = 1600 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(dying.pid(), present_pid(rec));
+}
+
+TEST_F(Delay, AnExitOfAParkedRecordIsLeftToTheAlarm) {
+  wex_pid* const parked = add(dead_pid());
+  const int32_t pid = parked->pid;
+  parked->alarm_wait_flag = 1;
+  parked->flags = WEX_FLAG_WAITING;
+  const captured_output output;
+  wex_handle_netlink_exit(pid, 15, 0);
+  EXPECT_NE(std::string::npos,
+            output.text().find("[wex_core]wex_handle_netlink_exit--> alarm_wait_flag = 1\n"))
+      << output.text();
+  EXPECT_EQ(pid, present_pid(parked)) << "neither restarted nor, though stopped with SIGTERM, dropped";
+  EXPECT_EQ(1, count(wex_chains));
+  EXPECT_EQ(0, parked->exit_seen);
 }
 
 TEST_F(Delay, TheSweepLeavesParkedWaitingAndLivingOnesAlone) {

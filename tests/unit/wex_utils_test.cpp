@@ -10,6 +10,7 @@
 #include <atomic>
 #include <climits>
 
+#include "dying_process.h"
 #include "unit_support.h"
 #include "wex_paths.h"
 
@@ -337,6 +338,32 @@ TEST_F(Utils, TheStartTimeTellsAProcessFromItsPid) {
   EXPECT_FALSE(wex_proc_lives(child.pid(), started + 1));
   EXPECT_FALSE(wex_proc_lives(0, 0));
   EXPECT_FALSE(wex_proc_lives(-1, 0));
+}
+
+TEST_F(Utils, AProcessThatIsStillExitingIsDeadButPresent) {
+  wex_test::dying_process dying;
+  uint64_t started = 0;
+  ASSERT_TRUE(wex_proc_stat(dying.pid(), nullptr, &started));
+  EXPECT_TRUE(wex_proc_lives(dying.pid(), started));
+  EXPECT_TRUE(wex_proc_present(dying.pid(), started));
+  dying.begin_to_exit();
+  EXPECT_TRUE(eventually([&] { return !wex_proc_lives(dying.pid(), started); }));
+  const std::string facts = contents("/proc/" + std::to_string(dying.pid()) + "/stat");
+  EXPECT_EQ(std::string::npos, facts.find(") Z ")) << facts;
+  EXPECT_TRUE(wex_proc_present(dying.pid(), started));
+  EXPECT_TRUE(wex_proc_present(dying.pid(), 0));
+  EXPECT_FALSE(wex_proc_present(dying.pid(), started + 1)) << "another process with its pid";
+  dying.let_it_end();
+  EXPECT_FALSE(wex_proc_present(dying.pid(), started));
+}
+
+TEST_F(Utils, AZombieIsNotPresent) {
+  const pid_t zombie = fork();
+  if (zombie == 0) {
+    _exit(0);
+  }
+  EXPECT_TRUE(eventually([&] { return !wex_proc_present(zombie, 0); }));
+  waitpid(zombie, nullptr, 0);
 }
 
 // ---- The single-instance lock -----------------------------------------------------------------------------
