@@ -30,6 +30,7 @@
 namespace {
 int32_t g_now = 1000;
 int g_platform_result = 0;
+void (*g_platform_work)() = nullptr;
 std::vector<std::string> g_system_log;
 }  // namespace
 
@@ -50,6 +51,9 @@ extern "C" void printk_syslog_ext(int severity, const char* facility, const char
 }
 
 extern "C" int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) {
+  if (g_platform_work != nullptr) {
+    g_platform_work();
+  }
   return g_platform_result;
 }
 
@@ -138,6 +142,7 @@ struct ProcWorld : WexWorld {
     }
     g_now = 1000;
     g_platform_result = 0;
+    g_platform_work = nullptr;
     g_system_log.clear();
     make_dirs("/tmp/wex");
     make_dirs("/etc/wex");
@@ -248,6 +253,7 @@ std::string in_domain(int domain, int32_t old_pid) {
   EXPECT_EQ(0, in_child([=] {
               setenv("KEPT", "yes", 1);
               setenv("OVIX_DIR", "/elsewhere", 1);
+              wex_create_std_fd(0);
               set_proc_env(domain, old_pid);
               write_file("/tmp/wex/report", domain_report());
               return 0;
@@ -268,6 +274,7 @@ TEST_F(ProcWorld, AProgramOfADomainGetsItsEnvironmentDirectoryAndGroup) {
   EXPECT_TRUE(exists(domain_dir(15) + "/813"));
   EXPECT_TRUE(exists(domain_dir(15) + "/8120"));
   EXPECT_TRUE(exists(domain_dir(15) + "/db"));
+  EXPECT_TRUE(console_says("]setgroups success\n"));
 }
 
 TEST_F(ProcWorld, ASecondDataDiskIsNamedOnlyWhereItIs) {
@@ -287,6 +294,8 @@ TEST_F(ProcWorld, WhenThePlatformRefusesNothingIsSet) {
   EXPECT_NE(std::string::npos, report.find("OVIX_DIR=/elsewhere\n")) << report;
   EXPECT_NE(std::string::npos, report.find("cwd=/\n")) << report;
   EXPECT_TRUE(exists(domain_dir(1) + "/812"));
+  EXPECT_TRUE(console_says("]set_proc_env: fs set vsd envs fail\n"));
+  EXPECT_EQ(std::string::npos, read_console().find("setgroups success"));
 }
 
 TEST_F(ProcWorld, WithoutARunDirectoryTheEnvironmentIsAllThatIsSet) {
@@ -386,6 +395,54 @@ TEST_F(ProcWorld, AProgramThatCannotBeExecutedEndsWithStatusOne) {
   }
   EXPECT_TRUE(console_says("]HA_RESTART execvp fail, error = No such file or directory.\n"));
   EXPECT_TRUE(console_says("]HA_RESTART execvp fail, error = Permission denied.\n"));
+}
+
+// ---- Platform code that hangs or stays behind -------------------------------------------------------------
+
+void hang() {
+  for (;;) {
+    pause();
+  }
+}
+
+// As a library does that leaves a helper running: it holds all that was open, and so the daemon's pipe.
+void leave_a_helper() {
+  const pid_t helper = fork();
+  if (helper == 0) {
+    hang();
+  }
+  write_file("/tmp/wex/helper", std::to_string(helper));
+}
+
+TEST_F(ProcWorld, AChildThatHangsInThePlatformIsKilledAfterTheLimit) {
+  make_domain(2);
+  write_file(domain_dir(2) + "/812", "");
+  g_platform_work = hang;
+  const auto start = std::chrono::steady_clock::now();
+  const spawned got = spawn(record_of("/bin/true", 812).get());
+  const auto took = std::chrono::steady_clock::now() - start;
+  ASSERT_GT(got.result, 0);
+  int status = 0;
+  ASSERT_EQ(got.result, waitpid(got.result, &status, 0));
+  EXPECT_TRUE(ended_by(status, SIGKILL)) << "its exit is what brings the program back";
+  EXPECT_GE(took, milliseconds(kPlatformTimeLimitMs));
+  EXPECT_LT(took, milliseconds(kPlatformTimeLimitMs + 5000));
+}
+
+TEST_F(ProcWorld, AProgramThatRunsIsNotKilledForWhatThePlatformLeftBehind) {
+  make_domain(2);
+  write_file(domain_dir(2) + "/812", "");
+  g_platform_work = leave_a_helper;
+  const auto start = std::chrono::steady_clock::now();
+  const spawned got = spawn(record_of("/bin/sleep 1000", 812).get());
+  const auto took = std::chrono::steady_clock::now() - start;
+  ASSERT_GT(got.result, 0);
+  EXPECT_GE(took, milliseconds(kPlatformTimeLimitMs)) << "the helper did not hold the pipe";
+  EXPECT_TRUE(is_alive(got.result));
+  EXPECT_NE(program_of(getpid()), program_of(got.result));
+  kill(static_cast<pid_t>(atoi(read_file("/tmp/wex/helper").c_str())), SIGKILL);
+  kill(got.result, SIGKILL);
+  EXPECT_EQ(-1, ended(got.result));
 }
 
 TEST_F(ProcWorld, TheFifthRestartWithinTheWindowIsParkedWithoutAFork) {
