@@ -395,6 +395,33 @@ TEST_F(Memory, LargestProcessIsNeitherInitNorTheCallerNorADirectory) {
   helper.join();
 }
 
+TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
+  make_marker_dir(13);
+  // Threads of one process are all of its size, to the last page.
+  process victim({4300}, [] {
+    for (int count = 0; count < 4; ++count) {
+      std::thread([] { pause(); }).detach();
+    }
+  });
+  const std::set<std::string> threads = entries_of("/proc/" + std::to_string(victim.pid()) + "/task");
+  ASSERT_EQ(5u, threads.size());
+  for (const std::string& thread : threads) {
+    mark(13, static_cast<pid_t>(std::stol(thread)));
+  }
+  std::string first;
+  {
+    dir_walk dir(path_of(kMarkerDirFmt, 13).c_str());
+    const dirent* entry = dir.next();
+    while (threads.count(entry->d_name) == 0) {
+      entry = dir.next();
+    }
+    first = entry->d_name;
+  }
+  const std::string text = printed_by([] { find_max_rss(13); });
+  EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]max_pid " + first + " max_rss ")) << text;
+  EXPECT_EQ(SIGKILL, victim.signal());
+}
+
 TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
   make_marker_dir(13);
   process victim({4300});
