@@ -486,11 +486,51 @@ TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
 INSTANTIATE_TEST_SUITE_P(
     Calls, FailingServer,
     ::testing::Values(
+        failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n"},
+        failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n"},
+        failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n"},
         failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n"},
         failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n"},
         failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n"},
         failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n"},
+        failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, "},
         failure{"inject=accept4:error=ECONNABORTED", "res=-8, Software caused connection abort(103)\r\n"}));
+
+#if defined(__x86_64__)
+// The event that is forged is laid out as this machine has it: readiness, then the number 4242.
+TEST_F(ControlChannel, AnEventOfADescriptorThatIsNoClientEndsTheDaemon) {
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=epoll_wait,epoll_pwait:retval=1:poke_exit=@arg2=010000009210000000000000:when=1"}));
+  EXPECT_TRUE(eventually(
+      [] {
+        return running_log().find(
+                   "Thread \"wex_process_domain\" exit, wex will be restart. res=-10, Success(0)\r\n") !=
+               std::string::npos;
+      },
+      15s))
+      << running_log();
+  EXPECT_TRUE(console_says("]wex_process_domain: logic err, clnt_sd:4242 lost!\n"));
+  EXPECT_TRUE(daemon.wait(20s).has_value());
+}
+#endif
+
+TEST_F(ControlChannel, AnAcknowledgementIsRepeatedWhileTheKernelIsShortOfMemory) {
+  for (const char* shortage : {"ENOBUFS", "ENOMEM"}) {
+    // The monitor's one send is its thread's first; of the server's the fourth to the 120th fail.
+    ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=" + std::string(shortage) + ":when=4..120"}));
+    ASSERT_TRUE(daemon.wait_ready(30s));
+    const raw_client client;
+    for (int message = 1; message <= 5; ++message) {
+      ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+      EXPECT_TRUE(client.acknowledged()) << shortage << ", message " << message;
+    }
+    EXPECT_EQ(-1, client.next(nullptr, 50ms)) << "one acknowledgement a message";
+    EXPECT_TRUE(eventually([] { return occurrences(read_console(), dispatched(5, 0)) == 5; }));
+    EXPECT_NE(std::string::npos, Daemon::trace().find(std::string("-1 ") + shortage)) << "nothing failed";
+    daemon.kill_now();
+    mark_console();
+  }
+}
 
 TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {
   ASSERT_TRUE(

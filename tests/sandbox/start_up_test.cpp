@@ -465,6 +465,7 @@ TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
     const char* line;
   } const rows[] = {
       {"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Operation not permitted(1)\r\n"},
+      {"inject=socket:error=EPROTONOSUPPORT:when=1", "res=-2, Protocol not supported(93)\r\n"},
       {"inject=bind:error=EADDRINUSE:when=1..2", "res=-3, Address already in use(98)\r\n"},
       {"inject=sendto:error=ECONNREFUSED", "res=-4, Connection refused(111)\r\n"},
   };
@@ -480,6 +481,39 @@ TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
         << log;
     EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
   }
+}
+
+TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));
+  EXPECT_TRUE(daemon.wait(15s).has_value()) << read_console();
+  const std::string log = running_log();
+  EXPECT_NE(
+      std::string::npos,
+      log.find(
+          "Thread \"wex_process_netlink\" exit, wex will be restart. res=-5, Cannot allocate memory(12)\r\n"))
+      << log;
+  EXPECT_TRUE(console_says("]wex_process_netlink: select sk_nl fail: Cannot allocate memory\n"));
+}
+
+TEST_F(StartUp, AThreadThatCannotBeNamedEndsAloneAndInSilence) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=prctl:error=EPERM:when=1"}));
+  EXPECT_TRUE(console_says("]wex_process_netlink: Operation not permitted"));
+  EXPECT_TRUE(console_says("]wex_process_domain: Operation not permitted"));
+  EXPECT_TRUE(never([&] { return !daemon.running(); }, 500ms)) << "the flag was raised";
+  EXPECT_FALSE(exists(kControlSocket));
+  EXPECT_EQ("Start.\r\n", running_log());
+  daemon.stop();
+}
+
+TEST_F(StartUp, WithoutItsSemaphoreTheDaemonSaysSoAndRuns) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=semget:error=ENOSPC"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  EXPECT_TRUE(console_says("]fail to init wex semaphore!!!\n"));
+  EXPECT_EQ(0u, running_log().find("Start.\r\n"));
+  daemon.stop();
 }
 
 TEST_F(StartUp, PlantedLinksInItsWayAreNotFollowed) {
