@@ -130,3 +130,29 @@ TEST_F(ShellRestart, EveryAnnouncementIsTheScriptsOwn) {
       console_says("HA_SCRIPT_SELF_CHECK Task: " + before + " receives event:0009 and self-checking ...\n"));
   EXPECT_TRUE(console_says("process: " + service.command() + ", pid: "));
 }
+
+TEST_F(ShellRestart, WithoutAShellItIsToldAndTriedUntilItIsParked) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=execve:error=ENOENT"}));  // of its children: it runs already
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Service service("shell-less", "--register-shell=any");
+  ASSERT_TRUE(service.start());
+  service.end();
+  EXPECT_TRUE(console_says("HA_WAIT_SCRIPT_SELF_CHECK Task: " + service.name(), 15s)) << read_console();
+  EXPECT_EQ(4u,
+            count_of(read_console(), "]HA_SCRIPT_RESTART execvp fail, error = No such file or directory.\n"));
+  EXPECT_TRUE(console_says(" receives event:0100 and self-checking ...\n")) << "not ended with status 1";
+  daemon.stop();
+}
+
+TEST_F(ShellRestart, AChildThatCannotLeaveForTheRootSaysSoAndEnds) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Service service("rootless", "--register-shell=any");
+  ASSERT_TRUE(service.start());
+  service.end();
+  EXPECT_TRUE(console_says("]wex_shell_spawn--> chdir failed, ret: -1\n", 15s)) << read_console();
+  EXPECT_TRUE(console_says(" receives event:0100 and self-checking ...\n")) << "not ended with status 1";
+  daemon.stop();
+}

@@ -49,15 +49,15 @@ Facts facts_of_second_life(const texts& options, Daemon* daemon, pid_t* next, co
   return read_facts(kFacts);
 }
 
-const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0",
-                       "--ready=/tmp/wex/ready", "--hold"};
+const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--confirm", "--ready=/tmp/wex/ready",
+                       "--hold"};
 
 // Joins its domain by itself in its first life only: what the second finds is the daemon's doing.
 const texts kDomainTeller = {"--first-time=/tmp/wex/joined",
                              "--group=3200",
                              "--facts=/tmp/wex/facts",
                              "--register=RESTART",
-                             "--time-set=0",
+                             "--confirm",
                              "--ready=/tmp/wex/ready",
                              "--hold"};
 
@@ -89,7 +89,7 @@ TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
 }
 
 TEST_F(Spawn, ARestartedProgramGetsItsOwnWordsUpToTheFourteenth) {
-  texts options = {"--facts=/tmp/wex/facts", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready"};
+  texts options = {"--facts=/tmp/wex/facts", "--register=RESTART", "--confirm", "--ready=/tmp/wex/ready"};
   while (options.size() < 12) {
     options.push_back("--tag=" + text(static_cast<long>(options.size())));
   }
@@ -196,7 +196,7 @@ TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   ASSERT_TRUE(exited_with(run({"cp", actor_binary(), "/tmp/wex/passing"}), 0));
   Process service;
   ASSERT_TRUE(service.start(
-      {"/tmp/wex/passing", "--register=RESTART", "--time-set=0", "--ready=/tmp/wex/ready", "--hold"}));
+      {"/tmp/wex/passing", "--register=RESTART", "--confirm", "--ready=/tmp/wex/ready", "--hold"}));
   ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }));
   unlink("/tmp/wex/passing");
   service.kill_now();
@@ -205,6 +205,25 @@ TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   EXPECT_TRUE(log.says("had checked more than 5 times. After 60 mimutes", 15s)) << read_console();
   EXPECT_TRUE(daemon.running());
   EXPECT_FALSE(exists(kForkFile));
+  daemon.stop();
+}
+
+TEST_F(Spawn, AChildThatCannotLeaveForTheRootEndsAndLeavesTheMarker) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  service.kill_now();
+  EXPECT_TRUE(console_says("HA_WAIT_SELF_CHECK Task: ", 15s)) << read_console();
+  EXPECT_TRUE(console_says("]wex_spawn--> chdir failed, ret: -1\n"));
+  EXPECT_TRUE(console_says(" receives event:0100 and self-checking ...\n")) << "not ended with status 1";
+  EXPECT_EQ("aaaa", read_file(kForkFile)) << "one byte for each of the four that were tried";
+  EXPECT_TRUE(eventually([&] {
+    return pids_with_command(Daemon::binary()) == std::vector<pid_t>{daemon.pid()};
+  })) << "a child went on as a second daemon";
+  EXPECT_TRUE(daemon.running());
   daemon.stop();
 }
 
