@@ -204,6 +204,36 @@ TEST_F(EventLog, AFileThatCannotBeOpenedStopsTheRestart) {
   EXPECT_EQ(4u, entries(kLog1).size());
 }
 
+TEST_F(EventLog, AProgramThatWasNotRestartedForItIsSupervisedAgainWhenSomebodyStartsIt) {
+  Service& stuck = service("stuck");
+  const pid_t first = stuck.pid();
+  make_dirs(kLog1);
+  stuck.end();
+  ASSERT_TRUE(console_says("fail to openlog: "));
+  ASSERT_EQ(0, rmdir(kLog1));
+  ASSERT_TRUE(stuck.start());
+  ASSERT_NE(first, stuck.pid());
+  EXPECT_FALSE(exists(db_file("actor", first))) << "the next daemon would start a second one";
+  restart(stuck, 1);
+  EXPECT_TRUE(eventually([] { return entries(kLog1).size() == 4; })) << read_file(kLog1);
+}
+
+TEST_F(EventLog, ADeletionThatFailsIsTold) {
+  Service* const three[] = {&service("first"), &service("second"), &service("third")};
+  for (int number = 1; number <= 10; ++number) {
+    if (number == 10) {
+      ASSERT_EQ(0, unlink(kLog1));
+    }
+    EXPECT_EQ(number > 5, read_console().find("remove wex_log2 fail") != std::string::npos) << number;
+    restart(*three[(number - 1) % 3], (number - 1) / 3 + 1);
+    EXPECT_TRUE(number != 5 || console_says("remove wex_log2 fail"));
+  }
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit: remove wex_log2 fail: No such file or directory\n"));
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit: remove wex_log1 fail: No such file or directory\n"));
+  restart(*three[1], 4);
+  EXPECT_TRUE(eventually([] { return entries(kLog1).size() == 4; })) << "the count began anew all the same";
+}
+
 TEST_F(EventLog, TheFilesAreReadableLogsWithTheirTimes) {
   Service& timed = service("timed");
   restart(timed, 1);

@@ -175,6 +175,55 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   daemon.stop();
 }
 
+// The record of a stopped program is kept when its flag file cannot be looked for. Its dead pid must not
+// stand in the way of the program's next life.
+struct KeptRecord {
+  std::vector<std::string> strace;
+  const char* says;
+};
+
+class StoppedInADomain : public MainRoad, public ::testing::WithParamInterface<KeptRecord> {};
+
+TEST_P(StoppedInADomain, ItsRecordIsKeptWhenTheDirectoryFailsAndItsNextLifeIsSupervised) {
+  make_dirs("/tmp/vsd/3");
+  make_dirs("/data/var/run/vsd/3");
+  words command = {"strace", "-D", "-f", "-q", "-o", "/tmp/strace-out"};
+  command.insert(command.end(), GetParam().strace.begin(), GetParam().strace.end());
+  command.push_back(Daemon::binary());
+  Process daemon;
+  ASSERT_TRUE(daemon.start(command, {"ASAN_OPTIONS=detect_leaks=0"}, true));
+  ASSERT_TRUE(eventually([] { return exists(kControlSocket); }, 30s));
+  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
+                         "--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/ready"); }, 15s));
+  const pid_t first = service.pid();
+  service.send(SIGTERM);
+  service.wait();
+  EXPECT_TRUE(console_says(GetParam().says)) << read_console();
+  EXPECT_TRUE(never([&] { return !exists("/tmp/vsd/3/wex/db/" + db_file(first)); }, 300ms));
+  EXPECT_EQ(std::string::npos, read_console().find("wex_handle_netlink_exit: hlist_del"));
+  unlink("/tmp/ready");
+  ASSERT_TRUE(service.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/ready"); }, 15s));
+  const pid_t second = service.pid();
+  EXPECT_TRUE(eventually([&] { return list_dir("/tmp/vsd/3/wex/db") == words{db_file(second)}; }));
+  service.kill_now();
+  EXPECT_GT(reborn(options, second), 0) << read_console();
+  daemon.kill_now();
+  unlink("/tmp/strace-out");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, StoppedInADomain,
+    ::testing::Values(KeptRecord{{"-e", "inject=chdir:error=EACCES:when=1"},
+                                 "]wex_handle_netlink_exit: chdir /tmp/vsd/3/wex/ fail: Permission denied\n"},
+                      KeptRecord{{"-P", "/tmp/vsd/3/wex/", "-e", "inject=openat:error=EMFILE:when=2"},
+                                 "]wex_handle_netlink_exit: opendir fail: Too many open files\n"},
+                      KeptRecord{{"-e", "inject=chdir:error=EACCES:when=2"},
+                                 "]wex_handle_netlink_exit: chdir / fail: Permission denied\n"}));
+
 TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
   make_dirs("/tmp/vsd/3");
   make_dirs("/data/var/run/vsd/3");
