@@ -1,5 +1,8 @@
 // Programs that know nothing of the daemon: registered when they are executed, found again when they detach.
+#include <linux/netlink.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +12,7 @@
 #include <thread>
 
 #include "restart_policy.h"
+#include "unique_fd.h"
 
 using namespace policy;
 
@@ -434,4 +438,130 @@ TEST_F(ThirdPart, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
   const pid_t second = by_hand_.pid();
   end_by_hand();
   EXPECT_NE(0, wait_for(app, second));
+}
+
+// ---- Forged events ----------------------------------------------------------------------------------------
+
+namespace {
+
+// As the kernel tells that `pid` executed a program.
+std::string exec_event(pid_t pid) {
+  std::string message(76, '\0');
+  const auto put = [&](size_t at, uint32_t value) { memcpy(&message[at], &value, sizeof value); };
+  put(0, 76);
+  put(4, NLMSG_DONE);
+  put(16, 1);
+  put(20, 1);
+  put(32, 40);
+  put(36, 2);
+  put(52, static_cast<uint32_t>(pid));
+  put(56, static_cast<uint32_t>(pid));
+  return message;
+}
+
+// The number of the sender, 0 when it could not be sent.
+uint32_t send_to_monitor(pid_t daemon, uint32_t groups, const std::string& message) {
+  const unique_fd sender(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, 11));
+  sockaddr_nl to = {};
+  to.nl_family = AF_NETLINK;
+  to.nl_pid = static_cast<uint32_t>(daemon);
+  to.nl_groups = groups;
+  sockaddr_nl own = {};
+  socklen_t size = sizeof own;
+  const bool sent = sendto(sender.get(), message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                           sizeof to) == static_cast<ssize_t>(message.size());
+  return sent && getsockname(sender.get(), reinterpret_cast<sockaddr*>(&own), &size) == 0 ? own.nl_pid : 0;
+}
+
+}  // namespace
+
+TEST_F(ThirdPart, EventsThatTheKernelDidNotSendAreDropped) {
+  const std::string bystander = install("bystander");
+  const std::string app = install("app");
+  describe("bystander", bystander + " WEX_RESTART");
+  describe("app", app + " WEX_RESTART");
+  Process earlier;  // executed before the daemon listened: it is known to nobody
+  ASSERT_TRUE(earlier.start({bystander}));
+  ASSERT_TRUE(eventually([&] { return program_of(earlier.pid()) == bystander; }));
+  ASSERT_TRUE(daemon_.start_traced({"trace=recvfrom"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  const std::string event = exec_event(earlier.pid());
+  for (const uint32_t groups : {0u, 1u}) {  // to the daemon alone, and to all who listen
+    const uint32_t sender = send_to_monitor(daemon_.pid(), groups, event);
+    ASSERT_NE(0u, sender) << strerror(errno);
+    const std::string from =
+        "nl_pid=" + std::to_string(sender) + ", nl_groups=" + (groups == 0 ? "0" : "0x") + "00000";
+    EXPECT_TRUE(eventually([&] { return Daemon::trace().find(from) != std::string::npos; }))
+        << from << " did not arrive\n"
+        << Daemon::trace();
+  }
+  ASSERT_TRUE(start_by_hand({app}));  // behind them in the same queue
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "app"));
+  EXPECT_EQ(std::string::npos, read_console().find("To register to wex, process: " + bystander))
+      << read_console();
+  EXPECT_FALSE(exists(db_file("bystander", earlier.pid())));
+  earlier.kill_now();
+}
+
+// As when a program has died before it was looked at. No text is part of every line, so it gets as far as the
+// registration, with the type of the first.
+TEST_F(ThirdPart, AProgramWhoseCommandLineCannotBeReadIsToldAndRefused) {
+  const std::string app = install("unread");
+  describe("unread", app + " WEX_RESTART");
+  // Every program executed anywhere makes the monitor read one link, a listed one further ones.
+  ASSERT_TRUE(daemon_.start_traced({"inject=readlink:error=EACCES:when=2+2"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  const auto told = [] {
+    return read_console().find("]wex_process_netlink--> pid_to_proc error!\n") != std::string::npos;
+  };
+  for (int life = 0; life < 20 && !told(); ++life) {
+    by_hand_.send(SIGTERM);
+    by_hand_.wait();
+    ASSERT_TRUE(start_by_hand({app}));
+    eventually(told, 300ms);
+  }
+  EXPECT_TRUE(told()) << read_console();
+  EXPECT_TRUE(console_says("]wex_process_netlink--> To register to wex, process: , pid: " +
+                           std::to_string(by_hand_.pid()) + ", type: WEX_RESTART\n"));
+  EXPECT_TRUE(console_says("]wex_process_netlink--> reg_third_part_process_exit_action error!\n"));
+  EXPECT_FALSE(exists(db_file("unread", by_hand_.pid())));
+  by_hand_.send(SIGTERM);
+  by_hand_.wait();
+}
+
+// ---- The daemon ends in the middle ------------------------------------------------------------------------
+
+TEST_F(ThirdPart, ADaemonThatEndsDuringASearchFinishesItAndLeavesOneInstance) {
+  const std::string app = install("late");
+  describe("late", app + " WEX_RESTART");
+  ASSERT_TRUE(daemon_.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "late"));
+  const pid_t first = by_hand_.pid();
+  // Its next life takes a while to become the program that is looked for.
+  ASSERT_EQ(0, rename(app.c_str(), "/tmp/apps/late.real"));
+  write_file(app, "#!/bin/sh\nsleep 4\nmv /tmp/apps/late.real " + app + "\nexec " + app + "\n", 0755);
+  end_by_hand();
+  ASSERT_TRUE(console_says("receives event:0009 and self-checking ...\n"));
+  std::vector<unique_fd> clients;
+  ASSERT_TRUE(eventually([&] {  // one of them is refused, and that ends the daemon
+    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, kControlSocket);
+    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
+                   2 + sizeof kControlSocket - 1) != 0;
+  })) << "the server still runs";
+  EXPECT_EQ(std::string::npos, read_console().find("third part Normal[" + app))
+      << "the search is over already";
+  EXPECT_TRUE(exited_with(daemon_.wait(20s), 0)) << read_console();
+  EXPECT_TRUE(console_says("wex_spawn--> third part Normal[" + app + "] new pid: "));
+  const std::string log = read_file(kRunningLog1);
+  EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
+  EXPECT_FALSE(exists(db_file("late", first)));
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  ASSERT_TRUE(start_daemon());
+  EXPECT_TRUE(never([&] { return pids_with_command(app) != std::vector<pid_t>{second}; }, 1s));
 }
