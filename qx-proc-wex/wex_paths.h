@@ -93,6 +93,7 @@ inline constexpr char kProcSmapsFmt[]     = "%s/%d/smaps";                      
 inline constexpr char kProcFdGlobFmt[]    = "/proc/%d/fd/[0-9]*";                 // pid
 inline constexpr char kUptime[]           = "/proc/uptime";
 inline constexpr char kRootDir[]          = "/";
+inline constexpr char kLibraryMark[]     = "/lib";                        // in the path of every library's mapping
 
 // Directories of the main system, in the order in which they are made.
 inline constexpr const char* kMainDirs[] = {

@@ -27,7 +27,6 @@ namespace {
 constexpr char kGroupsKey[] = "Groups:";
 constexpr char kResidentKey[] = "VmRSS:";
 constexpr char kThreadGroupKey[] = "Tgid:";
-constexpr char kLibraryMark[] = "/lib";
 constexpr char kMappingResident[] = "Rss";
 constexpr char kHardLimit[] = "memory.limit_in_bytes";
 constexpr char kSoftLimit[] = "memory.soft_limit_in_bytes";

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# What libwex.so offers, what the headers declare, the linker's map and the package's symbols file agree; the shipped
+# binaries need libc only; each header stands alone. Arguments: libwex.so, wex.
+set -u
+. "$(dirname "$0")/lib.sh"
+library=$1 daemon=$2
+headers=("$root/qx-proc-wex/wex.h" "$root"/include/*.h)
+
+for header in "${headers[@]}"; do
+  echo "#include \"$header\"" > "$work/declared.c"
+  gcc -std=c99 -D_GNU_SOURCE -I "$root/include" -I "$root/qx-proc-wex" -aux-info "$work/aux" -c -o /dev/null "$work/declared.c" || complain "$header"
+  grep -E "^/\* ($root/qx-proc-wex|$root/include)/" "$work/aux" | grep -v ' static ' | sed -E 's/.*[ *]([a-z_0-9A-Z]+) \(.*/\1/' >> "$work/headers"
+  sed -nE 's/^extern .*[ *]([a-zA-Z_0-9]+)(\[[^]]*\])?;.*/\1/p' "$header" >> "$work/headers"
+done
+sort -u "$work/headers" -o "$work/headers"
+nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/exported"
+sed -n '/global:/,/local:/p' "$root/qx-proc-wex/libwex.map" | tr ';' '\n' | sed -nE 's/^(.*:)? *([a-z][a-zA-Z_0-9]*) *$/\2/p' |
+  grep -vE '^(global|local)$' | sort -u > "$work/map"
+sed -nE 's/^ ([a-z][a-zA-Z_0-9]*)@.*/\1/p' "$root/packaging/debian/symbols" | sort -u > "$work/symbols"
+tr -d '{};' < "$root/qx-proc-wex/wex.dynlist" | tr -s ' \t' '\n' | grep -E '^[a-z_]+' | sort -u > "$work/dynlist"
+for other in exported map symbols; do
+  cmp -s "$work/headers" "$work/$other" || complain "headers (<) and $other (>) differ: $(diff "$work/headers" "$work/$other" | grep '^[<>]' | tr '\n' ' ')"
+done
+[ "$(wc -l < "$work/headers")" -gt 50 ] || complain "no declarations were found"
+nm -D --defined-only "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
+comm -23 "$work/headers" "$work/daemon" > "$work/difference"
+complain_each "the daemon does not offer" < "$work/difference"
+
+readelf -d "$library" | grep -qF 'soname: [libwex.so.1]' || complain "$library has no soname libwex.so.1"
+for file in "$library" "$daemon"; do
+  while IFS= read -r needed; do
+    case $needed in
+      libc.so.* | libpthread.so.* | librt.so.* | ld-linux*.so.* | ld.so.*) ;;  # all of glibc
+      *) complain "$file needs $needed" ;;
+    esac
+  done < <(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+done
+
+for header in "${headers[@]}"; do
+  gcc -x c -std=c99 -pedantic -Wall -Wextra -Werror -I "$root/include" -fsyntax-only "$header" || complain "$header alone as C99"
+  g++ -x c++ -std=c++17 -pedantic -Wall -Wextra -Werror -I "$root/include" -fsyntax-only "$header" || complain "$header alone as C++17"
+done
+
+for page in "$root"/docs/man/*; do
+  warnings=$(groff -man -Tutf8 -ww -z "$page" 2>&1) && [ -z "$warnings" ] || complain "$page: ${warnings:-cannot be shown}"
+done
+cat "$root"/docs/man/*.3 | tr -cs 'a-zA-Z_0-9' '\n' | sort -u > "$work/explained"
+comm -23 "$work/headers" "$work/explained" > "$work/difference"
+complain_each "no manual page names" < "$work/difference"
+finish

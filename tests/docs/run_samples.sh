@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Inside the sandbox: each service registers with the daemon, is killed, and runs again under a new registration.
+# Arguments: the daemon, the program that registers a script, that script, the services.
+set -u
+[ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through samples_test.sh" >&2; exit 1; }
+program=$1 register=$2 scripts=$3
+shift 3
+status=0
+
+within() { local end=$((SECONDS + $1)); shift; until "$@"; do [ "$SECONDS" -ge "$end" ] && return 1; sleep 0.05; done; }
+pid_of() {
+  local dir
+  for dir in /proc/[0-9]*; do
+    [ "$dir/exe" -ef "$1" ] && [ "$dir/root" -ef / ] && { printf '%s' "${dir#/proc/}"; return 0; }
+  done 2> /dev/null
+  return 1
+}
+subscribed() { awk -v pid="$daemon" '$2 == 11 && $3 == pid && $4 != "00000000" { found = 1 } END { exit !found }' /proc/net/netlink; }
+ready() { [ -S /tmp/wex/.wex ] && subscribed; }
+registered_again() {                               # SERVICE OLD-PID
+  local now
+  now=$(pid_of "$1") && [ "$now" != "$2" ] && [ -e "/tmp/vsd/0/wex/db/${1##*/}.$now" ]
+}
+
+env --default-signal "$program" < /dev/null & daemon=$!
+within 15 ready || { echo "the daemon does not answer"; exit 1; }
+# A restart script for each, for those that ask for it.
+mkdir -p /etc/cmdmap
+for service in "$@"; do
+  printf '#!/bin/sh\nexec %s\n' "$service" > "/etc/cmdmap/${service##*/}.sh"
+done
+for service in "$@"; do
+  (cd / && exec setsid "$service" < /dev/null > /dev/null 2>&1) &
+  disown $!
+  within 10 registered_again "$service" 0 || { echo "${service##*/} does not register"; status=1; continue; }
+  old=$(pid_of "$service")
+  kill -KILL "$old"
+  within 15 registered_again "$service" "$old" || { echo "${service##*/} does not come back"; status=1; }
+  runs_once() { local dir count=0; for dir in /proc/[0-9]*; do [ "$dir/exe" -ef "$service" ] && [ "$dir/root" -ef / ] && count=$((count + 1)); done 2> /dev/null; [ $count -eq 1 ]; }
+  within 5 runs_once || { echo "${service##*/} does not run exactly once"; status=1; }
+done
+# The shell services, at the places that they name.
+cp "$register" /usr/sbin/wex-register && cp "${program%/*}/busybox.sh" /etc/cmdmap/busybox.sh
+[ -e /bin/busybox ] || ln -s "$(command -v busybox)" /bin/busybox
+script_runs() {                                    # PATH OLD-PID: registered; its pid in $pid
+  local dir
+  for dir in /proc/[0-9]*; do
+    pid=${dir#/proc/}
+    [ "$pid" != "$2" ] && [ "$dir/root" -ef / ] && grep -qsz "^$1\$" "$dir/cmdline" &&
+      ls /tmp/vsd/0/wex/db/*."$pid" > /dev/null 2>&1 && return 0
+  done 2> /dev/null
+  return 1
+}
+for script in $scripts; do
+  path=$(sed -n 's|^# \(/[^:]*\):.*|\1|p' "$script")
+  cp "$script" "$path" && chmod +x "$path"
+  (cd / && exec setsid "$path" < /dev/null > /dev/null 2>&1) &
+  disown $!
+  within 10 script_runs "$path" 0 || { echo "$path does not register"; status=1; continue; }
+  old=$pid
+  kill -KILL "$old"
+  within 15 script_runs "$path" "$old" || { echo "$path does not come back"; status=1; }
+done
+kill -INT $daemon
+wait $daemon
+for service in "$@"; do
+  while pid=$(pid_of "$service"); do kill -KILL "$pid"; sleep 0.05; done
+done
+for script in $scripts; do
+  path=$(sed -n 's|^# \(/[^:]*\):.*|\1|p' "$script")
+  while script_runs "$path" 0; do kill -KILL "$pid"; rm -f /tmp/vsd/0/wex/db/*."$pid"; done
+done
+# What the scripts last slept in ends by itself.
+no_sleep() { ! grep -qsz '^sleep$' $(for dir in /proc/[0-9]*; do [ "$dir/root" -ef / ] && echo "$dir/cmdline"; done 2> /dev/null); }
+within 5 no_sleep
+[ $status -eq 0 ] || { tail -n 30 /dev/console.log; }
+exit $status
