@@ -108,7 +108,8 @@ class Daemon {
   bool start(const std::vector<std::string>& args = {}, const std::vector<std::string>& env = {});
 
   // The same below strace: each of `expressions` is one -e argument ("inject=poll:error=EINVAL:when=2",
-  // "trace=reboot"). Does not wait until it answers. What strace saw is in trace().
+  // "trace=reboot"), or a path: then only calls that name one count. Does not wait until it answers. What
+  // strace saw is in trace().
   bool start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args = {},
                     const std::vector<std::string>& env = {});
   bool wait_ready(milliseconds limit = 10s);  // control socket, process events, all threads

@@ -187,12 +187,9 @@ class StoppedInADomain : public MainRoad, public ::testing::WithParamInterface<K
 TEST_P(StoppedInADomain, ItsRecordIsKeptWhenTheDirectoryFailsAndItsNextLifeIsSupervised) {
   make_dirs("/tmp/vsd/3");
   make_dirs("/data/var/run/vsd/3");
-  words command = {"strace", "-D", "-f", "-q", "-o", "/tmp/strace-out"};
-  command.insert(command.end(), GetParam().strace.begin(), GetParam().strace.end());
-  command.push_back(Daemon::binary());
-  Process daemon;
-  ASSERT_TRUE(daemon.start(command, {"ASAN_OPTIONS=detect_leaks=0"}, true));
-  ASSERT_TRUE(eventually([] { return exists(kControlSocket); }, 30s));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced(GetParam().strace));
+  ASSERT_TRUE(daemon.wait_ready(30s));
   const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
                          "--hold"};
   Process service;
@@ -211,17 +208,16 @@ TEST_P(StoppedInADomain, ItsRecordIsKeptWhenTheDirectoryFailsAndItsNextLifeIsSup
   EXPECT_TRUE(eventually([&] { return list_dir("/tmp/vsd/3/wex/db") == words{db_file(second)}; }));
   service.kill_now();
   EXPECT_GT(reborn(options, second), 0) << read_console();
-  daemon.kill_now();
-  unlink("/tmp/strace-out");
+  daemon.stop();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, StoppedInADomain,
-    ::testing::Values(KeptRecord{{"-e", "inject=chdir:error=EACCES:when=1"},
+    ::testing::Values(KeptRecord{{"inject=chdir:error=EACCES:when=1"},
                                  "]wex_handle_netlink_exit: chdir /tmp/vsd/3/wex/ fail: Permission denied\n"},
-                      KeptRecord{{"-P", "/tmp/vsd/3/wex/", "-e", "inject=openat:error=EMFILE:when=2"},
+                      KeptRecord{{"/tmp/vsd/3/wex/", "inject=openat:error=EMFILE:when=2"},
                                  "]wex_handle_netlink_exit: opendir fail: Too many open files\n"},
-                      KeptRecord{{"-e", "inject=chdir:error=EACCES:when=2"},
+                      KeptRecord{{"inject=chdir:error=EACCES:when=2"},
                                  "]wex_handle_netlink_exit: chdir / fail: Permission denied\n"}));
 
 TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
