@@ -2,6 +2,7 @@
 // large memory: for as long as a test wants it.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -18,8 +19,8 @@ class dying_process {
   dying_process() {
     int told[2];
     int hold[2];
-    EXPECT_EQ(0, pipe(told));
-    EXPECT_EQ(0, pipe(hold));
+    EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
+    EXPECT_EQ(0, pipe2(hold, O_CLOEXEC));
     maker_ = fork();
     if (maker_ == 0) {
       close(hold[1]);
