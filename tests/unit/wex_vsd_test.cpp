@@ -404,7 +404,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
     }
   });
   const std::set<std::string> threads = entries_of("/proc/" + std::to_string(victim.pid()) + "/task");
-  ASSERT_EQ(5u, threads.size());
+  ASSERT_LE(5u, threads.size());  // an emulator may have its own
   for (const std::string& thread : threads) {
     mark(13, static_cast<pid_t>(std::stol(thread)));
   }
