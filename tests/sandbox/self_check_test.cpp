@@ -177,8 +177,8 @@ TEST_F(SelfCheck, AProgramThatCrashesByItselfIsStartedFiveTimesThenParked) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process first;
-  ASSERT_TRUE(first.start(
-      actor_words({"--register=RESTART", "--confirm", "--count=" + starts, "--crash=KILL"})));
+  ASSERT_TRUE(
+      first.start(actor_words({"--register=RESTART", "--confirm", "--count=" + starts, "--crash=KILL"})));
   EXPECT_TRUE(ended_by(first.wait(), SIGKILL));
   EXPECT_TRUE(console_says("HA_WAIT_SELF_CHECK Task: "));
   EXPECT_EQ(5u, starts_in(starts)) << "once by us and four times by the daemon";
