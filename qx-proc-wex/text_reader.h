@@ -55,5 +55,5 @@ class text_reader {
   size_t next_ = 0;
   size_t end_ = 0;
   off_t taken_ = 0;
-  char chunk_[256];
+  char chunk_[1024];
 };

@@ -12,6 +12,8 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "text_number.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
@@ -168,7 +170,7 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
   if (!change_dir(path)) {
     return false;
   }
-  dir_walk flags(path);
+  dir_walk flags(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
   if (!flags.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: opendir fail: %s\n", kHandler, strerror(errno));
     return false;
@@ -179,7 +181,7 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
       wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", kHandler, entry->d_name, strerror(errno));
       continue;
     }
-    if (strtol(entry->d_name, nullptr, 10) == pid) {
+    if (text_to_number(entry->d_name) == pid) {
       unlinkat(flags.fd(), entry->d_name, 0);
       break;
     }
@@ -280,8 +282,9 @@ bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capabi
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
           child);
-  forget(rec);
-  if (wex_register_third_part(child, kind.third_part_type) != 0) {
+  wex_db_destroy(rec);
+  wex_pid* const memory = __wex_recycle_pid(&wex_chains, rec->pid);
+  if (wex_register_third_part(child, kind.third_part_type, memory) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
   }
   return true;

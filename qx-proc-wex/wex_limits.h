@@ -101,6 +101,7 @@ inline constexpr unsigned kTermGraceSec = 5;
 inline constexpr unsigned kKillGraceSec = 10;
 
 // Files.
+inline constexpr int kLinksFollowed = 8;  // trusted symbolic links along one path
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask

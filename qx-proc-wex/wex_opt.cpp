@@ -15,7 +15,7 @@
 #include "wex_paths.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
-#include "wex_vsd_number.h"
+#include "text_number.h"
 
 namespace {
 

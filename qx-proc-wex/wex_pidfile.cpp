@@ -17,8 +17,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "mutex_lock.h"
+#include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -41,14 +43,6 @@ pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
-}
-
-// Whole file, without waiting.
-int lock_whole_file(int fd) {
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;  // start and length stay 0: all of it, however long it grows
-  return fcntl(fd, F_SETLK, &whole);
 }
 
 // The name of a file of this registration; false with errno when no such file can exist.
@@ -91,7 +85,7 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char
     return -1;
   }
   fill(out->get(), pid, action, text);
-  if (lock_whole_file(out->get()) != 0) {
+  if (!wex_lock_file(out->get())) {
     cause = errno;
     if (is_locked_by_another(cause)) {
       out->reset();
@@ -149,19 +143,6 @@ int finish_registration(const wex_reg_info* body, int result) {
   }
   save_vsd_flag(body->vsd, body->pid);
   return result;
-}
-
-// One decimal number, with what scanf would skip before it. False when there is none or it is no int32.
-bool scan_number(const char** at, int32_t* out) {
-  char* end = nullptr;
-  errno = 0;
-  const long long number = strtoll(*at, &end, 10);
-  if (end == *at || errno != 0 || number < INT32_MIN || number > INT32_MAX) {
-    return false;
-  }
-  *at = end;
-  *out = static_cast<int32_t>(number);
-  return true;
 }
 
 }  // namespace
@@ -278,7 +259,7 @@ int wex_proc_is_exit(const wex_pid* rec) {
     wex_dbg(WEX_DBG_PUB, "%s: %s fd < 0: %s\n", __func__, name, strerror(cause));
     return 1;
   }
-  if (lock_whole_file(fd.get()) == 0) {
+  if (wex_lock_file(fd.get())) {
     wex_dbg(WEX_DBG_PUB, "Succeed to lock file %s.\n", name);
     return 1;  // closing gives the trial lock back at once
   }

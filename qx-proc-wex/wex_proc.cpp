@@ -20,6 +20,8 @@
 #include "dir_walk.h"
 #include "ras_os.h"
 #include "signals_held.h"
+#include "text_number.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
 #include "wex_child.h"
@@ -199,7 +201,7 @@ struct kernel_entry {
 void remove_markers(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  const unique_fd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const unique_fd dir = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
   if (!dir.valid()) {
     return;
   }
@@ -207,7 +209,7 @@ void remove_markers(int32_t vsd, int32_t pid) {
   for (long size; (size = syscall(SYS_getdents64, dir.get(), bytes, sizeof bytes)) > 0;) {
     for (long at = 0; at < size;) {
       const kernel_entry* const entry = reinterpret_cast<const kernel_entry*>(bytes + at);
-      if (entry->name[0] != '.' && strtol(entry->name, nullptr, 10) == pid) {
+      if (entry->name[0] != '.' && text_to_number(entry->name) == pid) {
         unlinkat(dir.get(), entry->name, 0);
       }
       at += entry->size;
@@ -419,7 +421,7 @@ int scan_processes(const char* command, int32_t* out_pid, int before) {
     if (!S_ISDIR(look.st_mode)) {
       continue;
     }
-    const int32_t pid = static_cast<int32_t>(strtol(entry->d_name, nullptr, 10));
+    const int32_t pid = text_to_number(entry->d_name);
     char text[1024];
     if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
       continue;
@@ -517,7 +519,7 @@ int32_t find_app(int32_t pid) {
     wex_format(path, sizeof path, kMarkerDirFmt, vsd);
     dir_walk markers(path);
     while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {
-      if (strtol(entry->d_name, nullptr, 10) == pid) {
+      if (text_to_number(entry->d_name) == pid) {
         return vsd;
       }
     }

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "mutex_lock.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
 #include "wex_dbg.h"
@@ -73,6 +74,14 @@ int read_byte(int fd, uint32_t offset) {
   return got == 1 ? byte : -1;
 }
 
+bool put_bytes(int fd, uint32_t offset, const void* bytes, size_t size) {
+  ssize_t put;
+  do {
+    put = pwrite(fd, bytes, size, static_cast<off_t>(offset));
+  } while (put < 0 && errno == EINTR);
+  return put == static_cast<ssize_t>(size);
+}
+
 uint8_t load(uint32_t offset) {
   const int fd = private_fd();
   if (fd < 0) {
@@ -92,10 +101,7 @@ void store(uint32_t offset, uint8_t byte) {
     }
     return;
   }
-  ssize_t put;
-  do {
-    put = pwrite(fd, &byte, 1, static_cast<off_t>(offset));
-  } while (put < 0 && errno == EINTR);
+  put_bytes(fd, offset, &byte, sizeof byte);
 }
 
 // Clients of any user are to map the table, whatever umask its creator had.
@@ -107,10 +113,23 @@ int open_to_all(const unique_fd& table) {
   return -1;
 }
 
-void clear_table(uint8_t* base) {
-  memcpy(base + WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
-  memset(base + WEX_ALIVE_BITMAP_OFFSET, 0, WEX_ALIVE_BITMAP_BYTES);
-  memset(base + WEX_ALIVE_SEQ_OFFSET, 0, WEX_ALIVE_SEQ_BYTES);
+// Drops every registration. Through the descriptor, for somebody may cut the object short meanwhile.
+void clear_table(int fd) {
+  constexpr uint8_t kNothing[4096] = {};
+  put_bytes(fd, WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+  constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
+  for (uint32_t at = WEX_ALIVE_BITMAP_OFFSET; at < kEnd; at += sizeof kNothing) {
+    const size_t left = kEnd - at;
+    put_bytes(fd, at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
+  }
+}
+
+// An object with two names may be somebody else's under ours: what opens it to all starts with a new one.
+void shed_second_name() {
+  struct stat found = {};
+  if (lstat(kAliveTableFile, &found) == 0 && found.st_nlink > 1) {
+    unlink(kAliveTableFile);
+  }
 }
 
 // Missing pages come back empty: every registration in them is gone, and is renewed by the thread's next
@@ -118,8 +137,7 @@ void clear_table(uint8_t* base) {
 bool restore_length(int fd) {
   const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
   return ftruncate(fd, length) == 0 &&
-         pwrite(fd, &kAliveTableSize, sizeof(kAliveTableSize), WEX_ALIVE_SIZE_OFFSET) ==
-             static_cast<ssize_t>(sizeof(kAliveTableSize));
+         put_bytes(fd, WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
 }
 
 }  // namespace
@@ -132,6 +150,9 @@ int wex_sys_init_alive_info(uint8_t clear) {
   if (initialised != 0) {
     return 0;
   }
+  if (clear != 0) {
+    shed_second_name();
+  }
   const int result =
       ras_os_init_record_memory(kAliveTable, kAliveTableSize, &g_wex_alive_info.memory, &errno);
   if (result != 0) {
@@ -139,11 +160,11 @@ int wex_sys_init_alive_info(uint8_t clear) {
             errno);
     return result;
   }
-  unique_fd table = wex_open_file(kAliveTableFile, O_RDWR);
+  unique_fd table = open_trusted(AT_FDCWD, kAliveTableFile, O_RDWR | O_NONBLOCK);
   const int opened = open_to_all(table);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
-    clear_table(g_wex_alive_info.base);
+    clear_table(table.get());
     __atomic_store_n(&table_fd, table.release(), __ATOMIC_RELEASE);
   }
   __atomic_store_n(&initialised, uint8_t{1}, __ATOMIC_RELEASE);

@@ -14,6 +14,7 @@
 
 #include "ras_os.h"
 #include "text_reader.h"
+#include "trusted_path.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -144,11 +145,18 @@ bool is_trusted_owner(int fd) {
   return fstat(fd, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
 }
 
-bool lock_whole_file(int fd) {
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;  // whole file: start and length stay 0
-  whole.l_whence = SEEK_SET;
-  return fcntl(fd, F_SETLK, &whole) == 0;
+// A lock file to which somebody has given a second name is another file of ours, perhaps: nothing is written
+// to it. It makes room for a new one unless a daemon holds it.
+unique_fd open_lock_file(const char* path) {
+  unique_fd lock = wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
+  if (lock.valid() || errno != EMLINK) {
+    return lock;
+  }
+  const unique_fd named_twice = open_trusted(AT_FDCWD, path, O_RDWR | O_NONBLOCK);
+  if (!named_twice.valid() || !wex_lock_file(named_twice.get()) || unlink(path) != 0) {
+    return lock;
+  }
+  return wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
 }
 
 bool write_own_pid(int fd) {
@@ -341,8 +349,8 @@ bool wex_proc_lives(int32_t pid, uint64_t start_time) {
 
 int already_running(const char* path) {
   for (int attempt = 0; attempt < kLockTries; ++attempt) {
-    unique_fd lock = wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
-    if (!lock.valid() || !is_trusted_owner(lock.get()) || !lock_whole_file(lock.get())) {
+    unique_fd lock = open_lock_file(path);
+    if (!lock.valid() || !is_trusted_owner(lock.get()) || !wex_lock_file(lock.get())) {
       return -1;
     }
     // A lock on a file that has lost its name keeps nobody out.

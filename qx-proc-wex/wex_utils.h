@@ -69,17 +69,21 @@ int32_t wex_proc_threads(int32_t pid);
 // True when the very process that started at `start_time` (0: any) is there and neither dead nor a zombie.
 bool wex_proc_lives(int32_t pid, uint64_t start_time);
 
-// Opens a file that others may have planted: no symbolic link as last component unless root owns the link,
-// never blocking, regular files only. `flags` may hold O_CREAT, O_TRUNC, O_APPEND, O_SYNC; close-on-exec is
-// added. With O_CREAT the mode is narrowed by the umask. Invalid with errno when refused.
+// Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
+// for writing only those with a single name (else EMLINK). `flags` may hold O_CREAT, O_TRUNC, O_APPEND,
+// O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid with errno when
+// refused.
 unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 
-// Makes a directory and sets its mode, whatever the umask; failures are ignored. Never through somebody
-// else's symbolic link.
+// Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
 void wex_make_dir(const char* path, mode_t mode);
 
 // Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
 int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
+
+// Takes the write lock on a whole file, however long it grows, without waiting. False with errno. Closing any
+// descriptor of the file gives it back.
+bool wex_lock_file(int fd);
 
 // Formats into a fixed buffer; false (buffer terminated) when it does not fit.
 bool wex_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));

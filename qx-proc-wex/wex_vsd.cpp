@@ -15,19 +15,18 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
-#include "line_reader.h"
+#include "text_number.h"
+#include "text_reader.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_utils.h"
-#include "wex_vsd_number.h"
 #include "wex_vsd_remove.h"
 
 namespace {
 
-constexpr int kShown = 16;  // show_vsd looks below this and returns it
 constexpr char kGroupsMark[] = "Groups:";
 constexpr char kDigits[] = "0123456789";
 
@@ -239,8 +238,9 @@ void kill_if_grouped(const char* name, const char* digits, int sig) {
     tell("kill_proc_by_groups", "fopen");
     return;
   }
-  line_reader<255> status(file.get());
-  while (const char* line = status.next()) {
+  text_reader status(file.get());
+  char line[255];
+  while (status.line(line, sizeof line)) {
     const char* const found = strstr(line, kGroupsMark) == nullptr ? nullptr : strstr(line, digits);
     if (found == nullptr) {
       continue;
@@ -350,7 +350,7 @@ int reload_vsd(int32_t vsd) {
 
 int show_vsd(void) {
   int32_t vsd = 1;
-  for (; vsd < kShown; ++vsd) {
+  for (; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
     wex_format(path, sizeof path, kMarkerDirFmt, vsd);
     dir_walk dir(path);

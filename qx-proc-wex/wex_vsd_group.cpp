@@ -15,12 +15,12 @@
 #include <iterator>
 
 #include "dir_walk.h"
-#include "line_reader.h"
+#include "text_number.h"
+#include "text_reader.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
-#include "wex_vsd_number.h"
 
 namespace {
 
@@ -48,11 +48,9 @@ bool starts_with(const char* line, const char* key) {
 
 // The first group id of a list: ids go up to 2^32 - 2, and what is no id stays small enough to compute with.
 int64_t group_id(const char* text) {
-  const long long id = strtoll(text, nullptr, 10);
-  if (id > UINT32_MAX) {
-    return UINT32_MAX;
-  }
-  return id < INT32_MIN ? INT32_MIN : id;
+  int64_t id = 0;
+  scan_integer(&text, &id);
+  return id > UINT32_MAX ? UINT32_MAX : id < INT32_MIN ? INT32_MIN : id;
 }
 
 // Opens a control file. The directories above it are open to everybody, hence the guarded open.
@@ -151,9 +149,10 @@ bool read_candidate(int32_t pid, int32_t* kib) {
     wex_dbg(WEX_DBG_PUB, "%s: fopen fail: %s\n", "find_max_rss", strerror(errno));
     return false;
   }
-  line_reader<256> status(file.get());
+  text_reader status(file.get());
+  char line[256];
   int32_t owner = 0;
-  while (const char* line = status.next()) {
+  while (status.line(line, sizeof line)) {
     if (starts_with(line, kThreadGroupKey)) {
       owner = text_to_number(line + strlen(kThreadGroupKey));
     } else if (starts_with(line, kResidentKey)) {
@@ -251,9 +250,10 @@ int32_t get_vsdid(int32_t pid) {
   if (!file.valid()) {
     return -errno;
   }
-  line_reader<256> status(file.get());
+  text_reader status(file.get());
+  char line[256];
   int64_t group = 0;
-  while (const char* line = status.next()) {
+  while (status.line(line, sizeof line)) {
     if (starts_with(line, kGroupsKey)) {
       group = group_id(line + strlen(kGroupsKey));
       break;
@@ -346,8 +346,9 @@ int get_vsd_mem(const char* path, int32_t vsd, uint64_t counters[16]) {
   }
   uint64_t& counter = counters[vsd < 0 ? 0 : vsd];
   bool library = false;
-  line_reader<1024> maps(file.get());
-  while (const char* line = maps.next()) {
+  text_reader maps(file.get());
+  char line[1024];
+  while (maps.line(line, sizeof line)) {
     if (strstr(line, kLibraryMark) != nullptr) {
       library = true;
     }

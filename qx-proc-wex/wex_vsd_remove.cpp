@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
@@ -45,44 +46,9 @@ constexpr domain_tree kDomainTrees[] = {
     {kCpuGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
 };
 
-unique_fd open_plain_dir(int parent, const char* name) {
-  return unique_fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-bool same_link(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
-         a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
-// Opens the directory that root's own link `name` leads to. The link is looked at before and after it is
-// read: what is followed is the text of the link that was judged. One that took its name for a moment and
-// gave it back has left a new status time behind.
-unique_fd open_roots_link(int parent, const char* name) {
-  struct stat before;
-  struct stat after;
-  char target[PATH_MAX];
-  if (fstatat(parent, name, &before, AT_SYMLINK_NOFOLLOW) != 0) {
-    return unique_fd();
-  }
-  const ssize_t length = readlinkat(parent, name, target, sizeof target - 1);
-  if (length < 0 || fstatat(parent, name, &after, AT_SYMLINK_NOFOLLOW) != 0) {
-    return unique_fd();
-  }
-  target[length] = '\0';
-  if (!S_ISLNK(after.st_mode) || after.st_uid != 0 || !same_link(before, after)) {
-    errno = ELOOP;
-    return unique_fd();
-  }
-  return unique_fd(openat(parent, target, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-// Opens the directory that `name` is, or that root's link of this name leads to.
+// Opens the directory that `name` is, or that a trusted link of this name leads to.
 unique_fd open_dir(int parent, const char* name) {
-  unique_fd dir = open_plain_dir(parent, name);
-  if (!dir.valid() && (errno == ELOOP || errno == ENOTDIR)) {
-    dir = open_roots_link(parent, name);
-  }
-  return dir;
+  return open_trusted(parent, name, O_RDONLY | O_DIRECTORY);
 }
 
 void remember(int* first, int result) {
@@ -132,18 +98,6 @@ int remove_entry(int parent, const char* name, size_t path_length) {
   return first;
 }
 
-// Cuts the next component out of `*rest` into `name`. False at the end of the path, or when it does not fit.
-bool next_component(const char** rest, char (&name)[NAME_MAX + 1]) {
-  const char* from = *rest + strspn(*rest, "/");
-  const size_t length = strcspn(from, "/");
-  if (length == 0 || length > NAME_MAX) {
-    return false;
-  }
-  wex_copy_text(name, length + 1, from);
-  *rest = from + length + strspn(from + length, "/");
-  return true;
-}
-
 bool second_disk_present() {
   struct stat facts;
   return stat(kData2Dir, &facts) == 0;
@@ -156,22 +110,9 @@ extern "C" int remove_dir_tree(const char* path) {
   if (length > kLongestPath) {
     return -ENAMETOOLONG;
   }
-  unique_fd parent = open_plain_dir(AT_FDCWD, kRootDir);
   char name[NAME_MAX + 1];
-  const char* rest = path;
-  if (!parent.valid() || !next_component(&rest, name)) {
-    return parent.valid() ? -EINVAL : -errno;
-  }
-  while (*rest != '\0') {  // "/data" is open to everybody: no step of the way may be somebody's link
-    parent = open_dir(parent.get(), name);
-    if (!parent.valid()) {
-      return -errno;
-    }
-    if (!next_component(&rest, name)) {
-      return -EINVAL;
-    }
-  }
-  return remove_entry(parent.get(), name, length);
+  const unique_fd parent = open_trusted_parent(path, name);
+  return parent.valid() ? remove_entry(parent.get(), name, length) : -errno;
 }
 
 void remove_domain_trees(int32_t vsd, unsigned set) {

@@ -296,6 +296,19 @@ TEST_F(RasOs, AnObjectThatCannotBeOpenedKeepsItsReason) {
   EXPECT_TRUE(exists(kObjectFile)) << "not ours to remove";
 }
 
+TEST_F(RasOs, AnObjectThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
+  in_child([] {
+    ras_os_record_memory_t handle = {};
+    int cause = 0;
+    ASSERT_EQ(0, ras_os_init_record_memory("/unit-there", 10, &handle, &cause));
+    refuse_creation();
+    EXPECT_EQ(0, ras_os_init_record_memory("/unit-there", 10, &handle, &cause));
+    ras_os_record_memory_t none = {};
+    EXPECT_EQ(-4, ras_os_init_record_memory("/unit-none", 10, &none, &cause));
+    EXPECT_EQ(0, ras_os_close_record_memory(&handle, &cause));
+  });
+}
+
 TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
   write_file(kObjectFile, "older");
   in_child([] {

@@ -51,6 +51,30 @@ TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
   EXPECT_EQ(std::string(188416 - 184353, '\xff'), table.substr(184353)) << "the tail is not cleared";
 }
 
+TEST_F(AliveTable, AnotherFileUnderTheNameOfTheTableIsNeitherClearedNorOpened) {
+  leave_old_table();
+  ASSERT_EQ(0, rename(kAliveTableFile, "/dev/shm/victim"));
+  ASSERT_EQ(0, link("/dev/shm/victim", kAliveTableFile));
+  in_child([] {
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+    EXPECT_TRUE(wex_alive_table_intact());
+  });
+  EXPECT_EQ(std::string(188416, '\xff'), contents("/dev/shm/victim"));
+  EXPECT_EQ(0600u, mode_of("/dev/shm/victim"));
+  EXPECT_EQ(0, byte_at(20513));
+}
+
+TEST_F(AliveTable, ATableOfAnotherUserIsClearedAndOpenedAlsoInAGuardedDirectory) {
+  leave_old_table();
+  ASSERT_EQ(0, chown(kAliveTableFile, kOtherUser, kOtherUser));
+  in_child([] {
+    refuse_creation();
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+  });
+  EXPECT_EQ(0, byte_at(20513));
+  EXPECT_EQ(0777u, mode_of(kAliveTableFile));
+}
+
 TEST_F(AliveTable, MappingWithoutClearingLeavesItAsItIs) {
   leave_old_table();
   in_child([] {

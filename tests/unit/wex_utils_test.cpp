@@ -410,6 +410,17 @@ TEST_F(Utils, AnUntrustworthyLockFileIsRefused) {
   EXPECT_EQ("theirs", contents("/tmp/open/theirs"));
 }
 
+TEST_F(Utils, ALockFileThatIsAnotherFileTooMakesRoomUnlessItIsHeld) {
+  write_file("/tmp/victim", "precious");
+  ASSERT_EQ(0, link("/tmp/victim", "/tmp/lock"));
+  unique_fd holder(open("/tmp/victim", O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(wex_lock_file(holder.get()));
+  in_child([] { EXPECT_EQ(-1, already_running("/tmp/lock")) << "whoever holds it may be the daemon"; });
+  holder.reset();
+  in_child([] { EXPECT_GE(already_running("/tmp/lock"), 0) << "nobody holds it"; });
+  EXPECT_EQ("precious", contents("/tmp/victim"));
+}
+
 // ---- The low-memory killer --------------------------------------------------------------------------------
 
 TEST_F(Utils, AScoreIsWrittenWithItsZeroByte) {
@@ -502,6 +513,81 @@ TEST_F(OpenRule, RootsLinkToSomebodyElsesLinkIsRefused) {
   link_of(0, "/tmp/r/theirs", "/tmp/r/ours");
   EXPECT_FALSE(wex_open_file("/tmp/r/ours", O_WRONLY | O_TRUNC).valid());
   EXPECT_EQ("precious", contents("/tmp/victim"));
+}
+
+TEST_F(OpenRule, LinksOnTheWayAreJudgedLikeThoseAtItsEnd) {
+  ASSERT_EQ(0, mkdir("/tmp/private", 0700));
+  write_file("/tmp/private/f", "precious");
+  link_of(kOtherUser, "/tmp/private", "/tmp/r/way");
+  link_of(0, "/tmp/r/way/f", "/tmp/r/ours");
+  for (const char* const path : {"/tmp/r/way/f", "/tmp/r/way/new", "/tmp/r/ours", "/tmp/r/./way/../way/f"}) {
+    EXPECT_FALSE(wex_open_file(path, O_WRONLY | O_CREAT | O_TRUNC, 0666).valid()) << path;
+    EXPECT_EQ(ELOOP, errno) << path;
+  }
+  wex_make_dir("/tmp/r/way/d", 0777);
+  EXPECT_FALSE(exists("/tmp/private/d"));
+  EXPECT_FALSE(exists("/tmp/private/new"));
+  EXPECT_EQ("precious", contents("/tmp/private/f"));
+}
+
+TEST_F(OpenRule, RootsLinksOnTheWayAreFollowed) {
+  ASSERT_EQ(0, mkdir("/tmp/disk", 0777));
+  link_of(0, "../disk", "/tmp/r/relative");
+  link_of(0, "/tmp/r/relative/", "/tmp/r/absolute");
+  wex_make_dir("/tmp/r/absolute/d/", 0750);
+  EXPECT_EQ(0750u, mode_of("/tmp/disk/d"));
+  EXPECT_TRUE(wex_open_file("/tmp/r//absolute/./d/f", O_WRONLY | O_CREAT, 0600).valid());
+  EXPECT_TRUE(exists("/tmp/disk/d/f"));
+  EXPECT_FALSE(wex_open_file("/tmp/disk/d/f/g", O_RDONLY).valid());
+  EXPECT_EQ(ENOTDIR, errno);
+  EXPECT_FALSE(wex_open_file("", O_RDONLY).valid());
+  EXPECT_EQ(ENOENT, errno);
+}
+
+TEST_F(OpenRule, AWayTooLongForTheWalkIsRefused) {
+  std::string path = "/tmp/r";
+  for (int turn = 0; turn < 700; ++turn) {
+    path += "/.";
+  }
+  EXPECT_FALSE(wex_open_file(path.c_str(), O_RDONLY).valid());
+  EXPECT_EQ(ENAMETOOLONG, errno);
+  link_of(0, std::string(600, 'x').c_str(), "/tmp/r/long");
+  EXPECT_FALSE(wex_open_file("/tmp/r/long", O_RDONLY).valid());
+  EXPECT_EQ(ENAMETOOLONG, errno);
+}
+
+TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
+  write_file("/tmp/r/f", "text");
+  link_of(kOtherUser, "f", "/tmp/r/own");
+  link_of(kOtherUser + 1, "f", "/tmp/r/theirs");
+  in_child([] {
+    ASSERT_EQ(0, setuid(kOtherUser));
+    EXPECT_TRUE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
+    EXPECT_FALSE(wex_open_file("/tmp/r/theirs", O_RDONLY).valid());
+  });
+  EXPECT_FALSE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
+}
+
+TEST_F(OpenRule, AFileWithASecondNameIsReadButNeverWritten) {
+  write_file("/tmp/victim", "precious");
+  ASSERT_EQ(0, link("/tmp/victim", "/tmp/r/log"));
+  for (const int flags : {O_WRONLY | O_CREAT | O_TRUNC, O_WRONLY | O_APPEND, O_RDWR}) {
+    EXPECT_FALSE(wex_open_file("/tmp/r/log", flags, 0666).valid());
+    EXPECT_EQ(EMLINK, errno);
+  }
+  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
+}
+
+TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
+  write_file("/tmp/r/f", "old");
+  in_child([] {
+    refuse_creation();
+    EXPECT_TRUE(wex_open_file("/tmp/r/f", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
+    EXPECT_FALSE(wex_open_file("/tmp/r/none", O_WRONLY | O_CREAT, 0666).valid());
+    EXPECT_EQ(EACCES, errno) << "not why the second try failed";
+  });
+  EXPECT_EQ("", contents("/tmp/r/f"));
 }
 
 TEST_F(OpenRule, ACircleOfRootsLinksEnds) {

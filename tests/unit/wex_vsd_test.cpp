@@ -597,6 +597,17 @@ TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowed) {
   EXPECT_EQ((std::set<std::string>{"file"}), entries_of("/keep"));
 }
 
+TEST_F(RemovalOfLinks, RootsLinkToSomebodysLinkIsNotFollowed) {
+  link("/keep", "/tmp/theirs", 1000);
+  link("/tmp/theirs", "/tmp/tree/inside/link", 0);
+  link("/tmp/theirs/below", "/tmp/tree/inside/longer", 0);
+  remove_dir_tree("/tmp/tree");
+  EXPECT_TRUE(kept());
+  link("/tmp/theirs", "/tmp/way", 0);
+  EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/way/below"));
+  EXPECT_TRUE(kept());
+}
+
 TEST_F(RemovalOfLinks, LinkToAFileGoesItself) {
   link("/keep/file", "/tmp/tree/mine", 0);
   link("/keep/file", "/tmp/tree/theirs", 1000);

@@ -1,0 +1,19 @@
+// trusted_path: opening paths along which others may have planted symbolic links.
+//
+// Most of the directories of this system are writable by everybody and not sticky. A link counts as trusted
+// when root or the calling process's own user made it; any other one ends the walk, wherever it stands.
+#pragma once
+
+#include <sys/types.h>
+
+#include <climits>
+
+#include "unique_fd.h"
+
+// As openat(), for paths and link texts that fit the walk's buffer. Close-on-exec is added. Invalid with
+// errno; ELOOP for a link that is not trusted, or too many of them. Any thread, also between fork and exec.
+unique_fd open_trusted(int at, const char* path, int flags, mode_t mode = 0);
+
+// The directory that holds the last component of `path`, for the calls that end in "at"; not readable itself.
+// `last` receives that component. Invalid with errno; EINVAL when there is no component.
+unique_fd open_trusted_parent(const char* path, char (&last)[NAME_MAX + 1]);
