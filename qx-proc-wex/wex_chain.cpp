@@ -59,11 +59,23 @@ void link_at_head(wex_hnode** head, wex_hnode* node) {
   *head = node;
 }
 
+wex_pid* link_to_itself(wex_pid* rec) {
+  rec->list.next = &rec->list;
+  rec->list.prev = &rec->list;
+  return rec;
+}
+
 void unlink_list(wex_list* link) {
   link->next->prev = link->prev;
   link->prev->next = link->next;
   link->next = reinterpret_cast<wex_list*>(kPoisonForward);
   link->prev = reinterpret_cast<wex_list*>(kPoisonBackward);
+}
+
+void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+  hlist_del(&rec->hnode);
+  unlink_list(&rec->list);
+  chain->count--;
 }
 
 wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) {
@@ -136,10 +148,12 @@ void hlist_del(wex_hnode* node) {
 }
 
 wex_pid* wex_new_record() {
-  wex_pid* const rec = static_cast<wex_pid*>(safe_malloc(sizeof(wex_pid)));
-  rec->list.next = &rec->list;
-  rec->list.prev = &rec->list;
-  return rec;
+  return link_to_itself(static_cast<wex_pid*>(safe_malloc(sizeof(wex_pid))));
+}
+
+wex_pid* wex_blank_record(wex_pid* memory) {
+  memset(memory, 0, sizeof *memory);
+  return link_to_itself(memory);
 }
 
 void wex_free_record(wex_pid* rec) {
@@ -152,10 +166,8 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
 }
 
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
-  hlist_del(&rec->hnode);
-  unlink_list(&rec->list);
+  take_out(chain, rec);
   wex_free_record(rec);
-  chain->count--;
 }
 
 wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
@@ -169,15 +181,23 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
 }
 
 void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
+  wex_free_record(__wex_recycle_pid(chain, pid));
+}
+
+wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) {
+  wex_pid* kept = nullptr;
   wex_hnode* ahead = *bucket_of(chain, pid);
   while (ahead != nullptr) {
     wex_pid* const rec = wex_record_of(ahead);
     ahead = ahead->next;
     if (rec->pid == pid) {
-      wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, pid);
-      __wex_drop_record(chain, rec);
+      wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "__wex_del_pid", pid);
+      take_out(chain, rec);
+      wex_free_record(kept);
+      kept = rec;
     }
   }
+  return kept;
 }
 
 int wex_init_chains(wex_chains_t* chain) {

@@ -55,11 +55,18 @@ int wex_pid_in_wexdb(int32_t pid, const char* path, char* word, size_t size);
 wex_pid* wex_new_record();
 void wex_free_record(wex_pid* rec);
 
+// Makes such a record of the memory of one that has left its chain.
+wex_pid* wex_blank_record(wex_pid* memory);
+
 // Puts a record at the head of its bucket.
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
 // Unlinks a record (both links poisoned) and frees it.
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
+
+// As __wex_del_pid, but the memory of one of the records is the caller's from now on: for a new record where
+// none may be waited for. Null when there was none.
+wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
 // The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
 // bucket, and gives the process the normal low-memory-killer score. For wex_chains.

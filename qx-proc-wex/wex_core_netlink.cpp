@@ -138,7 +138,7 @@ void register_executed(int32_t pid) {
   }
   wex_dbg(WEX_DBG_PUB, "%s--> To register to wex, process: %s, pid: %d, type: %s, type_len: %d\n",
           kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
-  if (wex_register_third_part(pid, type) != 0) {
+  if (wex_register_third_part(pid, type, nullptr) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
   }
 }

@@ -36,14 +36,17 @@ constexpr restart_kind kRestart = {"wex_process_restart", "", RESPAWN};
 constexpr restart_kind kShellRestart = {"wex_process_shell_restart", "\n", SHELL_RESTART};
 
 // A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
-wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
+// It is made of `memory`, which is taken over, or of new memory for null.
+wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script,
+                       wex_pid* memory) {
   char command[kCommandSize];
   if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", kind.handler, body.pid, body.ppid,
             kind.line_end);
+    wex_free_record(memory);
     return nullptr;
   }
-  wex_pid* const rec = wex_new_record();
+  wex_pid* const rec = memory != nullptr ? wex_blank_record(memory) : wex_new_record();
   rec->pid = body.pid;
   rec->vsd = body.vsd;
   rec->restart_delay = body.restart_delay;
@@ -78,7 +81,7 @@ bool insert_process(wex_pid* rec) {
 }
 
 int register_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
-  wex_pid* const rec = build_process(body, kind, script);
+  wex_pid* const rec = build_process(body, kind, script, nullptr);
   if (rec == nullptr) {
     return -1;
   }
@@ -213,22 +216,22 @@ int wex_process_cons_msg(const wex_cons_info* body) {
 
 }  // extern "C"
 
-int wex_register_third_part(int32_t pid, const char* type) {
+int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   const uint32_t msg_type = wex_action_type(type);
   if (msg_type == 0 || pid < 1) {
+    wex_free_record(memory);
     return -1;
   }
   wex_reg_info body;
-  const bool described = wex_describe_process(pid, &body);
-  const restart_kind& kind = msg_type == WEX_RESTART ? kRestart : kShellRestart;
-  wex_pid* const rec =
-      build_process(body, kind, "");  // before the lock, for memory may have to be waited for
+  const bool described = wex_begin_registration(pid, msg_type, &body);
+  // Built before the lock is taken: what is not given must perhaps be waited for.
+  wex_pid* const rec = build_process(body, msg_type == WEX_RESTART ? kRestart : kShellRestart, "", memory);
   if (rec == nullptr) {
     return -1;
   }
   const chain_lock hold(wex_chains);
-  if (described && wex_mk_pidfile_held(&body, msg_type) != 0) {
-    wex_dbg(WEX_DBG_PUB, "wex_mk_pidfile fail. vsd %d pid %d name %s \n", body.vsd, body.pid, body.process);
+  if (described) {
+    wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }
   insert_process(rec);
   return 0;

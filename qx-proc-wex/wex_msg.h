@@ -19,5 +19,8 @@ int wex_process_cons_msg(const wex_cons_info* body);
 }
 
 // Registers a third-part program in process, as if it had sent the message itself: database file, marker and
-// record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1. With wex_chains held or not.
-int wex_register_third_part(int32_t pid, const char* type);
+// record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1.
+//
+// `memory` is what is left of a record and is taken over, whatever the result; who holds wex_chains must have
+// one. Null: memory is waited for.
+int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory);

@@ -59,14 +59,20 @@ void set_tag(wex_reg_info* body) {
   wex_format(body->tag, sizeof body->tag, "test-%d", body->pid % 20);
 }
 
-// The file is written before the message goes out: it is what a restarted daemon finds, whatever became of
-// the message. A process without a readable command line gets none, and its message is sent all the same.
-void write_database_file(const wex_reg_info& body, bool described, uint32_t type, const char* caller) {
-  if (!described) {
-    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline\n", caller, body.pid);
-  } else if (wex_mk_pidfile(&body, type) != 0) {
-    wex_dbg(WEX_DBG_PUB, "wex_mk_pidfile fail. vsd %d pid %d name %s \n", body.vsd, body.pid, body.process);
-  }
+// Fills pid, domain (0 when it belongs to none or cannot be read) and command line, all else zero. False when
+// the command line cannot be read.
+bool describe_process(int32_t pid, wex_reg_info* body) {
+  constexpr size_t kDescribed = 255;  // one byte of the field stays 0 behind the terminator
+  static_assert(kDescribed < sizeof body->process, "the field holds the text and its terminator");
+  const int32_t domain = get_vsdid(pid);
+  memset(body, 0, sizeof *body);
+  body->pid = pid;
+  body->vsd = domain < 0 ? 0 : domain;
+  return pid_to_cmdline(pid, body->process, kDescribed) != nullptr;
+}
+
+void tell_undescribed(const char* caller, int32_t pid) {
+  wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline\n", caller, pid);
 }
 
 // ---- Descriptor watch -------------------------------------------------------------------------------------
@@ -198,18 +204,21 @@ bool exempted(int32_t tid) {
 
 }  // namespace
 
-int32_t wex_domain_of(int32_t pid) {
-  const int32_t domain = get_vsdid(pid);
-  return domain < 0 ? 0 : domain;
+bool wex_begin_registration(int32_t pid, uint32_t type, wex_reg_info* body) {
+  constexpr char kCaller[] = "reg_process_exit_action";
+  const bool described = describe_process(pid, body);
+  wex_dbg(WEX_DBG_PUB, "%s: pid %d type %d vsd %d\n", kCaller, body->pid, static_cast<int>(type), body->vsd);
+  if (!described) {
+    tell_undescribed(kCaller, body->pid);
+  }
+  return described;
 }
 
-bool wex_describe_process(int32_t pid, wex_reg_info* body) {
-  constexpr size_t kDescribed = 255;  // one byte of the field stays 0 behind the terminator
-  memset(body, 0, sizeof *body);
-  body->pid = pid;
-  body->vsd = wex_domain_of(pid);
-  static_assert(kDescribed < sizeof body->process, "the field holds the text and its terminator");
-  return pid_to_cmdline(pid, body->process, kDescribed) != nullptr;
+void wex_make_database_file(const wex_reg_info& body, uint32_t type,
+                            int (*make)(const wex_reg_info* body, uint32_t kind)) {
+  if (make(&body, type) != 0) {
+    wex_dbg(WEX_DBG_PUB, "wex_mk_pidfile fail. vsd %d pid %d name %s \n", body.vsd, body.pid, body.process);
+  }
 }
 
 uint32_t wex_action_type(const char* action) {
@@ -228,9 +237,11 @@ int reg_process_exit_action(int32_t pid, uint32_t type) {
   wex_parse_dbg_file();
   const int32_t subject = refuse_negative(pid) ? 0 : caller_or(pid);  // the daemon refuses process 0
   wex_reg_info body;
-  const bool described = wex_describe_process(subject, &body);
-  wex_dbg(WEX_DBG_PUB, "%s: pid %d type %d vsd %d\n", __func__, body.pid, static_cast<int>(type), body.vsd);
-  write_database_file(body, described, type, __func__);
+  // The file is written before the message goes out: it is what a restarted daemon finds, whatever became of
+  // the message. A process without a readable command line gets none, and its message is sent all the same.
+  if (wex_begin_registration(subject, type, &body)) {
+    wex_make_database_file(body, type, wex_mk_pidfile);
+  }
   wex_rpc_persist(type, &body, sizeof body);
   return 0;
 }
@@ -241,11 +252,15 @@ int reg_process_exit_action_shell(int32_t pid, uint32_t type, const char* path) 
     return -1;
   }
   wex_reg_info body;
-  const bool described = wex_describe_process(caller_or(pid), &body);
+  const bool described = describe_process(caller_or(pid), &body);
   set_tag(&body);
   wex_dbg(WEX_DBG_PUB, "%s: pid %d type %d vsd %d path %s\n", __func__, body.pid, static_cast<int>(type),
           body.vsd, path != nullptr ? path : "");
-  write_database_file(body, described, type, __func__);
+  if (described) {
+    wex_make_database_file(body, type, wex_mk_pidfile);
+  } else {
+    tell_undescribed(__func__, body.pid);
+  }
   return wex_rpc(type, path, &body, sizeof body, 0, 0);
 }
 

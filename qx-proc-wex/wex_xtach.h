@@ -3,12 +3,15 @@
 
 #include "wex.h"
 
-// Domain of a process for a registration: 0 when it belongs to none or cannot be read.
-int32_t wex_domain_of(int32_t pid);
+// What reg_process_exit_action begins with: fills pid, domain and command line of a registration, all else
+// zero, and tells of it. False, told too, when the command line cannot be read; pid and domain are set all
+// the same.
+bool wex_begin_registration(int32_t pid, uint32_t type, wex_reg_info* body);
 
-// Fills pid, domain and command line of a registration, all else zero. False when the command line cannot be
-// read; pid and domain are set all the same.
-bool wex_describe_process(int32_t pid, wex_reg_info* body);
+// Has `make` (wex_mk_pidfile or wex_mk_pidfile_held) make the database file of a described registration, and
+// tells when it could not.
+void wex_make_database_file(const wex_reg_info& body, uint32_t type,
+                            int (*make)(const wex_reg_info* body, uint32_t kind));
 
 // Message type named by an action keyword (a prefix is enough), 0 for another text.
 uint32_t wex_action_type(const char* action);

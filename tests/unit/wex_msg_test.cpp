@@ -1,6 +1,8 @@
 // What control messages do to the registry, with living processes and the real files.
 #include "wex_msg.h"
 
+#include <regex>
+
 #include "chain_lock.h"
 #include "control_peer.h"
 #include "verify_chain.h"
@@ -341,7 +343,7 @@ TEST_F(Registry, ANotifyOfAThreadWithoutACommandLineIsRefused) {
 
 TEST_F(Registry, AThirdPartProgramIsRegisteredInProcessWithItsFile) {
   const sleeper process;
-  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART\n"));
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART\n", nullptr));
   const wex_pid* const rec = find(wex_chains, process.pid());
   ASSERT_NE(nullptr, rec);
   EXPECT_EQ(RESPAWN, rec->action);
@@ -355,7 +357,7 @@ TEST_F(Registry, AThirdPartProgramIsRegisteredInProcessWithItsFile) {
 
 TEST_F(Registry, AThirdPartProgramMayHaveTheShellAction) {
   const sleeper process;
-  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART"));
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART", nullptr));
   const wex_pid* const rec = find(wex_chains, process.pid());
   ASSERT_NE(nullptr, rec);
   EXPECT_EQ(SHELL_RESTART, rec->action);
@@ -367,7 +369,7 @@ TEST_F(Registry, AThirdPartProgramCanBeRegisteredWithTheRegistryHeld) {
   const sleeper process;
   {
     const chain_lock hold(wex_chains);
-    EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART"));
+    EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART", nullptr));
     EXPECT_NE(nullptr, __wex_find_pid(&wex_chains, process.pid()));
   }
   std::thread([] {
@@ -379,10 +381,48 @@ TEST_F(Registry, AThirdPartProgramCanBeRegisteredWithTheRegistryHeld) {
 TEST_F(Registry, AThirdPartProgramIsRefusedWithoutAKeywordOrACommandLine) {
   const sleeper process;
   const int32_t gone = end_of_a_pid();
-  EXPECT_EQ(-1, wex_register_third_part(process.pid(), "\n"));
-  EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART"));
-  EXPECT_EQ(-1, wex_register_third_part(0, "WEX_RESTART"));
-  EXPECT_EQ(-1, wex_register_third_part(-1, "WEX_RESTART"));
+  EXPECT_EQ(-1, wex_register_third_part(process.pid(), "\n", wex_new_record()));  // which are freed
+  EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART", wex_new_record()));
+  EXPECT_EQ(-1, wex_register_third_part(0, "WEX_RESTART", nullptr));
+  EXPECT_EQ(-1, wex_register_third_part(-1, "WEX_RESTART", nullptr));
   EXPECT_EQ(0, wex_chains.count);
   EXPECT_EQ(0, system("test -z \"$(ls /tmp/vsd/0/wex/db)\""));
+}
+
+// Whoever holds the registry must not wait for memory: until it comes nobody could register and no exit could
+// be handled.
+TEST_F(Registry, AThirdPartProgramIsMadeOfTheMemoryItIsGiven) {
+  const sleeper process;
+  wex_pid* const old = add(wex_chains, 77, "/bin/old");
+  memset(old->script, 's', sizeof old->script);
+  old->restart_delay = old->alarm_wait_flag = 1;
+  old->flags = WEX_FLAG_SELF_CHECKING;
+  const chain_lock hold(wex_chains);
+  ASSERT_EQ(old, __wex_recycle_pid(&wex_chains, 77));
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_RESTART", old));
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, process.pid());
+  ASSERT_EQ(old, rec);
+  EXPECT_EQ(process.command(), rec->process);
+  EXPECT_STREQ("", rec->script);
+  EXPECT_EQ(0, rec->restart_delay);
+  EXPECT_EQ(0, rec->alarm_wait_flag);
+  EXPECT_EQ(0U, rec->flags);
+}
+
+TEST_F(Registry, AThirdPartProgramIsToldInTheWordsOfAClientsRegistration) {
+  const sleeper process;
+  const int32_t gone = end_of_a_pid();
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));  // no database file can be made
+  const printed out;
+  EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART", nullptr));
+  EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART", nullptr));
+  const std::string text = std::regex_replace(out.text(), std::regex("\\[WEX:([a-z_]+):[0-9]+\\]"), "[$1]");
+  for (const std::string& line :
+       {text_of("[wex_xtach]reg_process_exit_action: pid %d type 2 vsd 0\n", process.pid()),
+        text_of("[wex_xtach]wex_mk_pidfile fail. vsd 0 pid %d name %s \n", process.pid(),
+                process.command().c_str()),
+        text_of("[wex_xtach]reg_process_exit_action: pid %d type 1 vsd 0\n", gone),
+        text_of("[wex_xtach]reg_process_exit_action: fail to get pid %d's cmdline\n", gone)}) {
+    EXPECT_EQ(1U, occurrences(text, line)) << line << "in\n" << text;
+  }
 }
