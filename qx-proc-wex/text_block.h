@@ -14,7 +14,8 @@ class text_block {
   text_block(const text_block&) = delete;
   text_block& operator=(const text_block&) = delete;
 
-  // Appends one formatted text. False, with nothing added, while memory is short: it never waits.
+  // Appends one formatted text. False, with nothing added and one more lost, while memory is short: it never
+  // waits.
   bool append(const char* format, ...) noexcept __attribute__((format(printf, 2, 3))) {
     va_list arguments;
     va_start(arguments, format);
@@ -25,11 +26,16 @@ class text_block {
     if (fits) {
       vsnprintf(text_ + used_, static_cast<size_t>(length) + 1, format, again);
       used_ += static_cast<size_t>(length) + 1;
+    } else {
+      ++lost_;
     }
     va_end(again);
     va_end(arguments);
     return fits;
   }
+
+  // Texts that could not be appended.
+  int lost() const noexcept { return lost_; }
 
   // The text behind `text`, the first one for null; null at the end.
   const char* next(const char* text) const noexcept {
@@ -55,4 +61,5 @@ class text_block {
   char* text_ = nullptr;
   size_t used_ = 0;
   size_t size_ = 0;
+  int lost_ = 0;
 };

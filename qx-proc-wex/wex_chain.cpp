@@ -114,6 +114,13 @@ void gather(int kind, wex_chains_t* chain, text_block* lines) {
   }
 }
 
+// A dump with a gap must not pass for the whole chain.
+void tell_lost(const char* caller, const text_block& lines) {
+  if (lines.lost() > 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: no memory for %d lines\n", caller, lines.lost());
+  }
+}
+
 bool is_same_program(const wex_pid* a, const wex_pid* b) {
   return a->vsd == b->vsd && strcmp(a->process, b->process) == 0;
 }
@@ -305,6 +312,7 @@ int wex_print_chains(int kind, wex_chains_t* chain) {
   for (const char* line = lines.next(nullptr); line != nullptr; line = lines.next(line)) {
     safe_write(STDOUT_FILENO, line, strlen(line));
   }
+  tell_lost(__func__, lines);
   return 0;
 }
 
@@ -314,5 +322,6 @@ int wex_syslog_chains(int kind, wex_chains_t* chain) {
   for (const char* line = lines.next(nullptr); line != nullptr; line = lines.next(line)) {
     qx_syslog(kSystemLogPriority, "%s", line);
   }
+  tell_lost(__func__, lines);
   return 0;
 }

@@ -1,4 +1,4 @@
-// wex_chain: buckets, primitives, duplicates, dumps, identities and replaced pids. Every step of every case
+// wex_chain: buckets, primitives, duplicates, identities and replaced pids. Every step of every case
 // is followed by a check of the whole chain.
 #include "wex_chain.h"
 
@@ -8,14 +8,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
 #include <random>
 
 #include "chain_lock.h"
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_limits.h"
-#include "wex_platform.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -24,23 +22,14 @@ using namespace registry;
 namespace {
 
 int32_t clock_offset = 0;
-std::vector<std::string> system_log;
 
 }  // namespace
 
-// The clock of records, and the device's system log, as these cases want them.
+// The clock of records, as these cases want it.
 extern "C" int32_t wex_clock_now(void) {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int32_t>(now.tv_sec) + clock_offset;
-}
-extern "C" void qx_syslog(int priority, const char* format, ...) {
-  char text[16384];
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  system_log.push_back(std::to_string(priority) + ":" + text);
 }
 
 namespace {
@@ -53,7 +42,6 @@ class Chain : public RegistryWorld {
       ASSERT_EQ(0, wex_init_chains(chain));
     }
     clock_offset = 0;
-    system_log.clear();
   }
   void TearDown() override {
     for (wex_chains_t* chain : chains_) {
@@ -206,6 +194,30 @@ TEST_F(Chain, DeletingAPidTakesAllItsRecordsAndNoOther) {
   EXPECT_EQ((std::vector<int>{pids[1], pids[2], pids[1]}), walk_order());
   del(pids[0]);
   EXPECT_EQ(3, wex_chains.count);
+}
+
+TEST_F(Chain, RecyclingAPidTakesAllItsRecordsAndKeepsTheMemoryOfOne) {
+  const std::vector<int> pids = sharing_bucket(5, 2);
+  wex_pid* const first = add(pids[0], "/a/first");
+  wex_pid* const second = add(pids[0], "/a/second");
+  add(pids[1]);
+  captured_output output;
+  wex_pid* memory = nullptr;
+  {
+    chain_lock hold(wex_chains);
+    memory = __wex_recycle_pid(&wex_chains, pids[0]);
+    EXPECT_EQ(nullptr, __wex_recycle_pid(&wex_chains, pids[0]));
+  }
+  EXPECT_TRUE(memory == first || memory == second);
+  EXPECT_EQ(std::vector<int>{pids[1]}, walk_order());
+  EXPECT_EQ("[wex_chain]__wex_del_pid del pid 5\n[wex_chain]__wex_del_pid del pid 5\n", output.text());
+  memset(memory, 0x5a, sizeof *memory);
+  ASSERT_EQ(memory, wex_blank_record(memory));
+  EXPECT_EQ(0, memory->pid);
+  EXPECT_STREQ("", memory->process);
+  EXPECT_EQ(&memory->list, memory->list.next);
+  EXPECT_EQ(&memory->list, memory->list.prev);
+  add(wex_chains, memory);  // it is a record like any other
 }
 
 TEST_F(Chain, DeletingHeadMiddleAndTailLeavesTheBucketWalkable) {
@@ -432,94 +444,6 @@ TEST_F(Chain, AnotherRegistrationIsTold) {
       "[wex_chain]wex_pid pid 816 vsd 3 process /a/foo -d!\n"
       "[wex_chain]/a/foo -d is running!\n",
       output.text());
-}
-
-TEST_F(Chain, DumpHasAHeadingByKindACountAndALineARecord) {
-  wex_pid* const rec = add(812, "/usr/sbin/foo -d", 3);
-  snprintf(rec->script, sizeof rec->script, "myrestart a b");
-  wex_pid* const wide = add(1234567, "%s%n", 15);
-  wide->action = -7;
-  const std::string body = wex_hash_pid(812) < wex_hash_pid(1234567)
-                               ? "pid: 812   , vsd: 3 , regact: 2, pname:  /usr/sbin/foo -d, myrestart a b\n"
-                                 "pid: 1234567, vsd: 15, regact: -7, pname:  %s%n, \n"
-                               : "pid: 1234567, vsd: 15, regact: -7, pname:  %s%n, \n"
-                                 "pid: 812   , vsd: 3 , regact: 2, pname:  /usr/sbin/foo -d, myrestart a b\n";
-  const struct {
-    int kind;
-    const char* heading;
-  } rows[] = {{0, "register restart in wex:\n"},
-              {1, "register hang in wex:\n"},
-              {2, "delay restart in wex:\n"},
-              {3, ""},
-              {-1, ""}};
-  for (const auto& row : rows) {
-    captured_output output;
-    EXPECT_EQ(0, wex_print_chains(row.kind, &wex_chains));
-    EXPECT_EQ(row.heading + std::string("node num:2\n") + body, output.raw()) << row.kind;
-  }
-}
-
-TEST_F(Chain, DumpOfAnEmptyChainHasNoRecordLines) {
-  captured_output output;
-  EXPECT_EQ(0, wex_print_chains(2, &wex_chains_delay));
-  EXPECT_EQ("delay restart in wex:\nnode num:0\n", output.raw());
-}
-
-TEST_F(Chain, DumpPrintsAtEveryDiagnosticLevel) {
-  captured_output output;
-  g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
-  EXPECT_EQ(0, wex_print_chains(0, &wex_chains));
-  EXPECT_EQ("register restart in wex:\nnode num:0\n", output.raw());
-}
-
-TEST_F(Chain, SystemLogGetsOneEntryALineAtPriority6) {
-  add(812, "/a/%s")->vsd = 1;
-  EXPECT_EQ(0, wex_syslog_chains(1, &wex_chains));
-  EXPECT_EQ((std::vector<std::string>{"6:register hang in wex:\n", "6:node num:1\n",
-                                      "6:pid: 812   , vsd: 1 , regact: 2, pname:  /a/%s, \n"}),
-            system_log);
-}
-
-TEST_F(Chain, LongestTextsAreDumpedWhole) {
-  wex_pid* const rec = add(1, std::string(WEX_PROCESS_SIZE - 1, 'p').c_str());
-  memset(rec->script, 's', sizeof rec->script - 1);
-  captured_output output;
-  wex_print_chains(7, &wex_chains);
-  EXPECT_EQ("node num:1\npid: 1     , vsd: 0 , regact: 2, pname:  " + std::string(4095, 'p') + ", " +
-                std::string(255, 's') + "\n",
-            output.raw());
-}
-
-TEST_F(Chain, ConsoleThatStandsStillDoesNotHoldTheChain) {
-  for (int pid = 1; pid <= 64; ++pid) {
-    add(pid, std::string(4000, 'x').c_str());
-  }
-  int line[2];
-  ASSERT_EQ(0, pipe2(line, O_CLOEXEC));
-  fflush(stdout);
-  const int kept = dup(STDOUT_FILENO);
-  dup2(line[1], STDOUT_FILENO);
-  std::thread dumper([] { wex_print_chains(0, &wex_chains); });
-  char first = 0;
-  ASSERT_EQ(1, read(line[0], &first, 1));  // it writes now, and there is more than the pipe holds
-  const int free_now = pthread_mutex_trylock(&wex_chains.mutex);
-  if (free_now == 0) {
-    pthread_mutex_unlock(&wex_chains.mutex);
-  }
-  std::string text(1, first);
-  char chunk[4096];
-  ssize_t got = 1;
-  while (got > 0 && std::count(text.begin(), text.end(), '\n') < 66) {
-    got = read(line[0], chunk, sizeof chunk);
-    text.append(chunk, got > 0 ? static_cast<size_t>(got) : 0);
-  }
-  dumper.join();
-  dup2(kept, STDOUT_FILENO);
-  for (const int fd : {kept, line[0], line[1]}) {
-    close(fd);
-  }
-  EXPECT_EQ(0, free_now) << "the chain was held while the console was written";
-  EXPECT_EQ(66, std::count(text.begin(), text.end(), '\n'));
 }
 
 TEST_F(Chain, AdoptedPidMovesTheRecordAndForgetsTheOldProcess) {
