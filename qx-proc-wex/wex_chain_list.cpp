@@ -107,10 +107,11 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
   return kNoLine;
 }
 
-// Caller holds list_lock.
+// Caller holds list_lock. Links are followed, as they were when the list was read: one that leads to the very
+// file that is remembered hides nothing, whoever made it.
 bool is_known(const char* path) {
   struct stat facts;
-  return known.text != nullptr && strcmp(known.path, path) == 0 && lstat(path, &facts) == 0 &&
+  return known.text != nullptr && strcmp(known.path, path) == 0 && stat(path, &facts) == 0 &&
          same_file(known.mark, mark_of(facts));
 }
 

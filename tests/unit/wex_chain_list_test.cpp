@@ -238,6 +238,23 @@ TEST_F(List, RememberedListNeverHidesAChange) {
   EXPECT_EQ(0, look_up("/a/app").result) << "gone";
 }
 
+TEST_F(List, ListBehindALinkOfRootIsRememberedAndItsChangesAreSeen) {
+  write_file("/etc/wex/real", "/a/app FIRST_\n");
+  write_file("/etc/wex/other", "/a/app OTHER_\n");
+  unlink(kThirdPartList);
+  ASSERT_EQ(0, symlink("/etc/wex/real", kThirdPartList));
+  wait_until_settled("/etc/wex/other");
+  EXPECT_EQ("FIRST_\n", look_up("/a/app").word);
+  EXPECT_EQ(0, reads_of([] { look_up("/a/app"); })) << "it is not remembered";
+  write_file("/etc/wex/real", "/a/app SECOND\n");
+  EXPECT_EQ("SECOND\n", look_up("/a/app").word) << "rewritten behind the link";
+  wait_until_settled("/etc/wex/real");
+  EXPECT_EQ("SECOND\n", look_up("/a/app").word);
+  ASSERT_EQ(0, symlink("/etc/wex/other", "/etc/wex/next"));
+  ASSERT_EQ(0, rename("/etc/wex/next", kThirdPartList));
+  EXPECT_EQ("OTHER_\n", look_up("/a/app").word) << "the link leads elsewhere now";
+}
+
 TEST_F(List, ListTooLargeToRememberIsStillSearched) {
   std::string text;
   while (text.size() <= static_cast<size_t>(kListRemembered)) {
