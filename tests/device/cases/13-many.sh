@@ -1,12 +1,14 @@
-# A hundred services: all restarted when all die at once; what the daemon costs with 0, 10 and 100 of them.
+# A hundred services: all restarted when all die at once; what the daemon costs with 0, 10 and 100 of them,
+# which tools/device compares with bench/device-budget.
 # seconds: 240
 . /test/lib.sh
 wex=$(daemon)
 resident() { field $wex VmRSS | sed 's/ kB//'; }
+size() { echo "SIZE $1 $2"; }
 descriptors() { ls /proc/$wex/fd | wc -l; }
 count_registered() { ls $DB | grep -c '^service\.'; }
 registered_now() { [ "$(count_registered)" = $1 ]; }
-note "SIZE resident with 0 services: $(resident) kB"
+size resident-kib-0-services "$(resident)"
 
 n=0
 while [ $n -lt 100 ]; do
@@ -14,13 +16,14 @@ while [ $n -lt 100 ]; do
   start /usr/bin/service --tag $n
   if [ $n = 10 ]; then
     check "10 services did not register" eventually 60 registered_now 10
-    note "SIZE resident with 10 services: $(resident) kB"
+    size resident-kib-10-services "$(resident)"
   fi
 done
 check "100 services did not register" eventually 120 registered_now 100
 all_ready() { [ "$(ls /tmp/ready.* | wc -l)" -ge 100 ]; }
 check "100 services were not all answered" eventually 60 all_ready
-note "SIZE resident with 100 services: $(resident) kB, $(descriptors) descriptors"
+size resident-kib-100-services "$(resident)"
+note "$(descriptors) descriptors with 100 services"
 
 old=$(for file in $DB/service.*; do echo ${file##*.}; done)
 is "$(echo $old | wc -w)" 100 "services before"
@@ -37,5 +40,6 @@ check "some came back twice: $(cat /tmp/twice)" [ ! -s /tmp/twice ]
 is "$(daemon)" "$wex" "pid of the daemon"
 zombies=$(cat /proc/[0-9]*/stat 2> /dev/null | awk -v p=$wex '$3 == "Z" && $4 == p' | wc -l)
 is "$zombies" 0 "zombies of the daemon"
-note "SIZE resident after 100 restarts: $(resident) kB, $(descriptors) descriptors"
+size resident-kib-after-100-restarts "$(resident)"
+note "$(descriptors) descriptors after 100 restarts"
 pass
