@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 #include <utime.h>
 
+#include "failing_calls.h"
 #include "unit_support.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -143,6 +144,24 @@ TEST_F(RunningLog, WhatCannotBeLookedAtIsRemovedAndBegunAnew) {
   ASSERT_EQ(0, symlink(kRunningLog1, kRunningLog1));  // a circle: neither missing nor readable
   wex_running_log("e\n");
   EXPECT_EQ(23u, contents(kRunningLog1).size());
+}
+
+TEST_F(RunningLog, WithoutMemoryForTheLookTheEntryIsDroppedAndTheFileStays) {
+  const struct {
+    off_t first;        // size of the first file
+    const char* looks;  // that fail
+  } rows[] = {{5, "when=1"}, {102400, "when=2"}};
+  for (const auto& row : rows) {
+    write_file(kRunningLog1, of_size(row.first));
+    write_file(kRunningLog2, of_size(7));
+    EXPECT_EQ(0, wex_test::run_failing(
+                     {std::string("stat,stat64,newfstatat,fstatat64,statx:error=ENOMEM:") + row.looks}, [] {
+                       wex_running_log("lost\n");
+                       return 0;
+                     }));
+    EXPECT_EQ(of_size(row.first), contents(kRunningLog1)) << row.looks;
+    EXPECT_EQ(of_size(7), contents(kRunningLog2)) << row.looks;
+  }
 }
 
 TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
@@ -317,6 +336,14 @@ TEST_F(NotifyRing, AnUnreadableCounterIsSaidAndNothingWritten) {
   set_levels(0, WEX_DBG_SILENT);
   EXPECT_EQ("[WEX:wex_log:N]wex_log_notify_get_count error!\n", lines_of([] { report("n"); }));
   EXPECT_FALSE(exists(kNotifyLog));
+}
+
+TEST_F(NotifyRing, ARingThatCannotBeOpenedLosesTheEntryAndStillAdvancesTheCounter) {
+  ASSERT_EQ(0, mkdir(kNotifyLog, 0755));
+  write_file(kNotifyCount, "4");
+  set_levels(0, WEX_DBG_SILENT);
+  EXPECT_EQ("", lines_of([] { report("lost"); }));
+  EXPECT_EQ("5", contents(kNotifyCount));
 }
 
 TEST_F(NotifyRing, ACounterThatCannotBeWrittenIsSaid) {

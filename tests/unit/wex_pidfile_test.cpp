@@ -3,11 +3,15 @@
 
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <sys/syscall.h>
 
+#include "failing_calls.h"
 #include "registry_files.h"
 #include "wex_chain.h"
 
 using namespace registry;
+using wex_test::refuse_call;
+using wex_test::run_failing;
 
 namespace {
 
@@ -43,16 +47,20 @@ class Pidfile : public RegistryWorld {
   wex_pid* rec_ = nullptr;
 };
 
-// In a process of its own, because the lock lives as long as the process does.
-int create_in_child(int vsd, int action, const char* text, const std::function<bool(int)>& look) {
+// For what lasts until the process ends. 0 when `look` holds.
+int in_child(const std::function<bool()>& look) {
   const pid_t child = fork();
   if (child == 0) {
-    const int result = wex_db_create(vsd, getpid(), action, text);
-    _exit(look(result) ? 0 : 1);
+    _exit(look() ? 0 : 1);
   }
   int status = -1;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// In a process of its own, because the lock lives as long as the process does.
+int create_in_child(int vsd, int action, const char* text, const std::function<bool(int)>& look) {
+  return in_child([&] { return look(wex_db_create(vsd, getpid(), action, text)); });
 }
 
 // Write calls this thread has made.
@@ -245,6 +253,36 @@ TEST_F(Pidfile, OwnerLivesUntilItsLockIsGone) {
                 "\n[wex_pidfile]Succeed to lock file " + name + ".\n",
             output.text());
   EXPECT_FALSE(is_locked_for_others(name)) << "the look itself kept the lock";
+}
+
+TEST_F(Pidfile, LockThatCannotBeTriedCountsAsExited) {
+  write_file(db_file(0, "foo", 77), "77\n2\n/a/foo");
+  wex_pid* const rec = record(0, 77, "/a/foo");
+  const captured_output output;
+  EXPECT_EQ(0, in_child([&] {
+              const bool refused = refuse_call(SYS_fcntl, 1, F_SETLK, ENOLCK);
+              const size_t fds = count_descriptors();
+              return refused && wex_proc_is_exit(rec) == 1 && count_descriptors() == fds;
+            }));
+  EXPECT_EQ(
+      "[wex_pidfile]wex_proc_is_exit vsd:0 ps:/a/foo file:/tmp/vsd/0/wex/db/foo.77\n"
+      "[wex_pidfile]Failed to lock file /tmp/vsd/0/wex/db/foo.77, No locks available.\n",
+      output.text());
+}
+
+TEST_F(Pidfile, FileThatCannotBeLockedIsWrittenAllTheSameAndItsDescriptorKept) {
+  const captured_output output;
+  EXPECT_EQ(0, in_child([] {
+              const bool refused = refuse_call(SYS_fcntl, 1, F_SETLK, ENOLCK);
+              const size_t fds = count_descriptors();
+              return refused && wex_db_create(0, 77, RESPAWN, "/a/foo") == 0 &&
+                     count_descriptors() == fds + 1;
+            }));
+  EXPECT_EQ("77\n2\n/a/foo", read_file(db_file(0, "foo", 77)));
+  EXPECT_NE(std::string::npos,
+            output.text().find("[wex_pidfile]wex_db_create: file /tmp/vsd/0/wex/db/foo.77 fd < 0: No locks "
+                               "available\n"))
+      << output.text();
 }
 
 TEST_F(Pidfile, MissingFileCountsAsExited) {
@@ -440,6 +478,20 @@ TEST_F(Pidfile, ReaderSaysWhyButNotForAMissingSlash) {
   write_file(db_file(0, "s", 1), "only 2 /x");
   EXPECT_EQ(-1, wex_read_pidfile(db_file(0, "s", 1).c_str(), rec));
   EXPECT_NE(std::string::npos, output.text().find("[wex_pidfile]wex_read_pidfile: read pid fail: "));
+}
+
+TEST_F(Pidfile, FileThatCannotBeReadIsToldAndRefused) {
+  write_file(db_file(0, "foo", 77), "77\n2\n/a/foo");
+  wex_pid* const rec = record(1, 5, "/a/kept");
+  const auto read_it = [&] { return wex_read_pidfile(db_file(0, "foo", 77).c_str(), rec) == 0 ? 0 : 1; };
+  const captured_output output;
+  EXPECT_EQ(1, run_failing({"read:error=EIO"}, [&] {
+              const int result = read_it();
+              EXPECT_EQ(5, rec->pid);
+              return result;
+            }));
+  EXPECT_EQ("[wex_pidfile]wex_read_pidfile: read pid file fail: Input/output error\n", output.text());
+  EXPECT_EQ(0, run_failing({"read:error=EINTR:when=1..3"}, read_it)) << "an interruption is no failure";
 }
 
 TEST_F(Pidfile, NothingHereKeepsADescriptor) {

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "control_peer.h"
+#include "failing_calls.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -296,6 +297,33 @@ TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
   EXPECT_FALSE(out.has("exceed"));
 }
 
+TEST(DescriptorWatch, CountsNothingWhenTheLimitCannotBeRead) {
+  const printed out;
+  EXPECT_EQ(50, wex_test::run_failing({"prlimit64:error=EPERM:when=2+"}, [] {
+              const filled_table table;  // its own limit is set by the first of these calls
+              for (int look = 0; look < 5; ++look) {
+                wex_client_watch_process_fd(getpid());
+              }
+              return 50;
+            }));
+  EXPECT_EQ(5U, occurrences(out.text(), "]get_resource_limit: Operation not permitted\n"));
+  EXPECT_FALSE(out.has("exceed"));
+}
+
+// No kernel lets a limit be set that is negative in 32 bits, so strace answers the fourth look with one.
+TEST(DescriptorWatch, ANegativeLimitLeavesTheStrikesAsTheyAre) {
+  const printed out;
+  EXPECT_EQ(1, wex_test::run_failing(
+                   {"prlimit64:retval=0:poke_exit=@arg4=0000008000000000ffffffffffffffff:when=5"}, [] {
+                     const filled_table table;
+                     for (int look = 0; look < 5; ++look) {
+                       wex_client_watch_process_fd(getpid());
+                     }
+                     return 50;
+                   }));
+  EXPECT_EQ(4U, occurrences(out.text(), ": open files exceed the system upper limit.\n"));
+}
+
 // ---- Starting programs ------------------------------------------------------------------------------------
 
 namespace {
@@ -425,6 +453,39 @@ TEST(SpawnByUser, EndsTheChildWithStatusOneWhenNothingCanBeExecuted) {
     EXPECT_TRUE(out.has(text_of("]HA_RESTART execvp fail, error = %s.\n", strerror(ENOENT))));
     EXPECT_TRUE(out.has(text_of("]%s find fail, error = %s.\n", kFlushTlb, strerror(ENOENT))));
   }
+}
+
+TEST(SpawnByUser, AForkThatFailsIsToldAndTriedAgainAfterFiveSeconds) {
+  const printed out;
+  const auto start = clock::now();
+  EXPECT_EQ(0, wex_test::run_failing({"clone,clone3,fork,vfork:error=EAGAIN:when=1"}, [] {
+              wex_pid rec = {};
+              strcpy(rec.process, "/bin/true");
+              int32_t pid = -1;
+              const int32_t result = wex_spawn_by_user(&rec, &pid);
+              EXPECT_EQ(pid, result);
+              return exit_status(pid);
+            }));
+  EXPECT_GE(seconds_since(start), 5.0);
+  EXPECT_EQ(1U, occurrences(out.text(), text_of("]wex_spawn_by_user--> fork fail, err: %s(%d)\n",
+                                                strerror(EAGAIN), EAGAIN)));
+  EXPECT_TRUE(out.has("]wex_spawn_by_user--> wex_pid->process = /bin/true, new pid: "));
+}
+
+TEST(SpawnByUser, AChildThatCannotChangeToTheRootReturnsToTheCallersCode) {
+  const printed out;
+  EXPECT_EQ(77, wex_test::run_failing({"chdir:error=EACCES"}, [] {
+              wex_pid rec = {};
+              strcpy(rec.process, "/bin/true");
+              int32_t pid = -7;
+              const int32_t result = wex_spawn_by_user(&rec, &pid);
+              if (result == -1) {
+                _exit(pid == -1 ? 77 : 78);
+              }
+              return exit_status(pid);
+            }));
+  EXPECT_EQ(1U, occurrences(out.text(), "]wex_spawn_by_user--> chdir failed, ret: -1\n"));
+  EXPECT_FALSE(out.has("execvp fail"));
 }
 
 TEST(SpawnByUser, TellsTheLowMemoryKillerWhenItIsThere) {
