@@ -287,6 +287,9 @@ int ras_os_set_fd_close_on_exec(int fd) {
     return kBadArgument;
   }
   const int flags = fcntl(fd, F_GETFD);
+  if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
+    return 0;  // most are born so
+  }
   return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
 }
 

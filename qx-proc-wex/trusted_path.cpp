@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -67,7 +68,7 @@ class walk {
         return next;
       }
       if (next.valid()) {
-        here_ = static_cast<unique_fd&&>(next);
+        here_ = std::move(next);
       } else if (!may_be_link() || ++links > kLinksFollowed || !follow(name)) {
         return next;
       }
@@ -79,25 +80,21 @@ class walk {
 
   // What is to be walked from now on. False with errno.
   bool go_on_with(const char* path) {
-    if (*path == '/') {
-      here_.reset(open(kRootDir, kStep));
-      if (!here_.valid()) {
-        return false;
-      }
-    }
     const size_t length = strlen(path);
     if (length == 0 || length >= sizeof way_) {
       errno = length == 0 ? ENOENT : ENAMETOOLONG;
       return false;
     }
     memcpy(way_, path, length + 1);
-    rest_ = way_ + strspn(way_, "/");
+    rest_ = way_;
     return true;
   }
 
-  // Cuts the next component off the rest; the place itself when there is none.
+  // Cuts the next component off the rest. The first one of an absolute path keeps its slash, which takes it to
+  // the root whatever the place; the place itself when there is none.
   const char* take_component() {
     char* const name = rest_;
+    rest_ += strspn(rest_, "/");
     rest_ += strcspn(rest_, "/");
     if (*rest_ == '/') {
       *rest_++ = '\0';
@@ -124,7 +121,7 @@ class walk {
   const int start_;
   unique_fd here_;  // none before the first step of a relative path
   char way_[kWaySize];
-  char* rest_ = way_;  // what is still to be walked, without leading slashes
+  char* rest_ = way_;  // what is still to be walked
 };
 
 }  // namespace
