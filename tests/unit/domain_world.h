@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -187,6 +188,37 @@ struct World : testing::Test {
     EXPECT_EQ(descriptors_, entries_of("/proc/self/fd").size()) << "a descriptor outlived the test";
   }
   size_t descriptors_ = 0;
+};
+
+// A root of the test's own, empty but for what it puts there.
+struct BareRoot : World {
+  void SetUp() override {
+    World::SetUp();
+    make_dirs(kRoot);
+  }
+  void TearDown() override {
+    umount2("/bare/tmp", MNT_DETACH);
+    EXPECT_EQ(0, system("rm -rf /bare"));
+    World::TearDown();
+  }
+  // A process as its status has it, under a pid that no kernel gives out.
+  static void put_process(const char* pid, const std::string& status) {
+    make_dirs(std::string(kRoot) + "/proc/" + pid);
+    write_text(std::string(kRoot) + "/proc/" + pid + "/status", status);
+  }
+  // What `work` prints inside.
+  static std::string printed_inside(const std::function<bool()>& work) {
+    return printed_by([&] {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(chroot(kRoot) == 0 && chdir("/") == 0 && work() ? 0 : 1);
+      }
+      int status = -1;
+      EXPECT_EQ(child, waitpid(child, &status, 0));
+      EXPECT_EQ(0, status);
+    });
+  }
+  static constexpr char kRoot[] = "/bare";
 };
 
 }  // namespace domain_world

@@ -1,0 +1,249 @@
+// wex_vsd_remove: recursive removal of trees, links, control groups and whole domains.
+#include "wex_vsd.h"
+
+#include <sched.h>
+
+#include "domain_world.h"
+#include "wex_vsd_remove.h"
+
+using namespace domain_world;
+
+namespace {
+
+struct Removal : World {
+  void SetUp() override {
+    World::SetUp();
+    make_dirs("/tmp/tree/inside");
+  }
+};
+
+// ---- Recursive removal ------------------------------------------------------------------------------------
+
+TEST_F(Removal, TakesFilesAndDirectoriesOfAnyKind) {
+  make_dirs("/tmp/tree/a/b/c");
+  write_text("/tmp/tree/a/file");
+  ASSERT_EQ(0, mkfifo("/tmp/tree/a/fifo", 0600));
+  write_text("/tmp/tree/%s%n");
+  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
+  EXPECT_FALSE(there("/tmp/tree"));
+  write_text("/tmp/file");
+  EXPECT_EQ(0, remove_dir_tree("/tmp/file"));
+  EXPECT_FALSE(there("/tmp/file"));
+  EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/file"));
+  EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/nothing/at/all"));
+}
+
+struct RemovalOfLinks : Removal {
+  void SetUp() override {
+    Removal::SetUp();
+    make_dirs("/keep/below");
+    write_text("/keep/file", "precious");
+    write_text("/keep/below/file", "precious");
+  }
+  static void link(const char* target, const char* name, uid_t owner) {
+    ASSERT_EQ(0, symlink(target, name));
+    ASSERT_EQ(0, lchown(name, owner, owner));
+  }
+  static bool kept() {
+    return text_of("/keep/file") == "precious" && text_of("/keep/below/file") == "precious";
+  }
+};
+
+TEST_F(RemovalOfLinks, SomebodysLinkToADirectoryGoesAndItsTargetStays) {
+  link("/keep", "/tmp/tree/inside/link", 1000);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
+  EXPECT_FALSE(there("/tmp/tree"));
+  EXPECT_TRUE(kept());
+}
+
+TEST_F(RemovalOfLinks, SomebodysLinkAtTheTopGoesAndItsTargetStays) {
+  link("/keep", "/tmp/top", 1000);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/top"));
+  EXPECT_FALSE(there("/tmp/top"));
+  link("/keep", "/tmp/top", 1000);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/top/"));
+  EXPECT_TRUE(kept());
+}
+
+TEST_F(RemovalOfLinks, SomebodysLinkOnTheWayIsNotFollowed) {
+  link("/keep", "/tmp/way", 1000);
+  EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/way/below"));
+  EXPECT_TRUE(there("/tmp/way"));
+  EXPECT_TRUE(kept());
+}
+
+TEST_F(RemovalOfLinks, RootsLinkToADirectoryIsEmptiedAndStays) {
+  link("/keep", "/tmp/tree/inside/link", 0);
+  EXPECT_EQ(-ENOTDIR, remove_dir_tree("/tmp/tree"));
+  EXPECT_TRUE(entries_of("/keep").empty());
+  EXPECT_TRUE(there("/tmp/tree/inside/link"));
+}
+
+TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowed) {
+  link("/keep", "/tmp/way", 0);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/way/below"));
+  EXPECT_EQ((std::set<std::string>{"file"}), entries_of("/keep"));
+}
+
+TEST_F(RemovalOfLinks, RootsLinkToSomebodysLinkIsNotFollowed) {
+  link("/keep", "/tmp/theirs", 1000);
+  link("/tmp/theirs", "/tmp/tree/inside/link", 0);
+  link("/tmp/theirs/below", "/tmp/tree/inside/longer", 0);
+  remove_dir_tree("/tmp/tree");
+  EXPECT_TRUE(kept());
+  link("/tmp/theirs", "/tmp/way", 0);
+  EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/way/below"));
+  EXPECT_TRUE(kept());
+}
+
+TEST_F(RemovalOfLinks, LinkToAFileGoesItself) {
+  link("/keep/file", "/tmp/tree/mine", 0);
+  link("/keep/file", "/tmp/tree/theirs", 1000);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
+  EXPECT_TRUE(kept());
+}
+
+TEST_F(RemovalOfLinks, LinkThatLeadsNowhereIsAFailureThatStopsNothingElse) {
+  link("/nowhere", "/tmp/tree/inside/link", 0);
+  write_text("/tmp/tree/file");
+  EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/tree"));
+  EXPECT_EQ((std::set<std::string>{"inside"}), entries_of("/tmp/tree"));
+}
+
+TEST_F(RemovalOfLinks, LoopOfLinksEnds) {
+  link("/tmp/tree", "/tmp/tree/inside/up", 1000);
+  link("loop", "/tmp/tree/inside/loop", 0);
+  EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/tree"));
+  EXPECT_EQ((std::set<std::string>{"loop"}), entries_of("/tmp/tree/inside"));
+}
+
+TEST_F(Removal, EntryWhosePathIsLongerThan255CharactersFailsAlone) {
+  const std::string exact = "/tmp/tree/" + std::string(245, 'x');
+  make_dirs(exact);
+  ASSERT_EQ(255u, exact.size());
+  const std::string too_long = "/tmp/tree/" + std::string(246, 'y');
+  make_dirs(too_long);
+  write_text("/tmp/tree/inside/" + std::string(255, 'z'));
+  write_text("/tmp/tree/file");
+  EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree("/tmp/tree"));
+  EXPECT_EQ((std::set<std::string>{"inside", std::string(246, 'y')}), entries_of("/tmp/tree"));
+  EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree(too_long.c_str()));
+}
+
+TEST_F(Removal, DirectoryWithALongestPathIsNotTakenForItsOwnContent) {
+  const std::string exact = "/tmp/tree/" + std::string(245, 'x');
+  make_dirs(exact);
+  write_text(exact + "/y");
+  EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree(exact.c_str()));
+  EXPECT_TRUE(there(exact + "/y"));
+}
+
+TEST_F(Removal, DeepTreeGoesDownToTheLongestPath) {
+  std::string deep = "/tmp/tree";
+  while (deep.size() < 254) {
+    deep += "/d";
+  }
+  make_dirs(deep);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
+  EXPECT_FALSE(there("/tmp/tree"));
+}
+
+TEST_F(Removal, TreeDeeperThanAnyPathEndsWithAFailure) {
+  ASSERT_EQ(0, chdir("/tmp/tree"));
+  for (int depth = 0; depth < 3000; ++depth) {
+    ASSERT_EQ(0, mkdir("d", 0777));
+    ASSERT_EQ(0, chdir("d"));
+  }
+  ASSERT_EQ(0, chdir("/"));
+  EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree("/tmp/tree"));
+  EXPECT_EQ((std::set<std::string>{"d"}), entries_of("/tmp/tree"));
+}
+
+TEST_F(Removal, MountedDirectoryStaysAndTheRestGoes) {
+  // "/memory" of the sandbox is a mount: emptied, busy itself.
+  write_text("/tmp/tree/file");
+  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
+  EXPECT_NE(0, remove_dir_tree("/memory"));
+  EXPECT_TRUE(there("/memory/tasks"));
+}
+
+TEST_F(Removal, ControlGroupGoesAlthoughItsFilesCannot) {
+  make_marker_dir(13);
+  set_cgroups_all(13);
+  make_dirs("/memory/vsd_13/nested");
+  EXPECT_EQ(-EPERM, remove_dir_tree("/memory/vsd_13/"));
+  EXPECT_FALSE(there("/memory/vsd_13"));
+}
+
+TEST_F(Removal, BusyControlGroupStays) {
+  make_marker_dir(13);
+  process actor({4300});
+  mark(13, actor.pid());
+  set_cgroups_all(13);
+  EXPECT_GT(0, remove_dir_tree("/memory/vsd_13/"));
+  EXPECT_TRUE(there("/memory/vsd_13"));
+}
+
+struct RemovalOfDomains : World {
+  void SetUp() override {
+    World::SetUp();
+    for (const char* format : all_) {
+      for (const int vsd : {13, 1}) {
+        make_dirs(path_of(format, vsd));
+      }
+      write_text(path_of(format, 13) + "/file");
+    }
+  }
+  static std::vector<std::string> left(int vsd) {
+    std::vector<std::string> names;
+    for (const char* format : all_) {
+      if (there(path_of(format, vsd))) {
+        names.push_back(path_of(format, vsd));
+      }
+    }
+    return names;
+  }
+  static constexpr const char* all_[] = {"/tmp/vsd/%d",        "/etc/vsd/%d",         "/data/var/run/vsd/%d",
+                                         "/data/.ovix/vsd/%d", "/data2/.ovix/vsd/%d", "/data2/var/run/vsd/%d",
+                                         "/qx_cfg/vsd/%d",     "/ovix/vsd/%d"};
+};
+
+TEST_F(RemovalOfDomains, EachOperationRemovesItsOwnDirectoriesOnly) {
+  struct {
+    unsigned set;
+    std::vector<std::string> left;
+  } const rows[] = {
+      {WEX_REMOVE_RELOAD,
+       {"/data/var/run/vsd/13", "/data/.ovix/vsd/13", "/data2/.ovix/vsd/13", "/data2/var/run/vsd/13",
+        "/qx_cfg/vsd/13", "/ovix/vsd/13"}},
+      {WEX_REMOVE_STOP,
+       {"/data/var/run/vsd/13", "/data/.ovix/vsd/13", "/data2/.ovix/vsd/13", "/data2/var/run/vsd/13",
+        "/qx_cfg/vsd/13", "/ovix/vsd/13"}},
+      {WEX_REMOVE_FILES,
+       {"/data/.ovix/vsd/13", "/data2/.ovix/vsd/13", "/data2/var/run/vsd/13", "/qx_cfg/vsd/13",
+        "/ovix/vsd/13"}},
+      {WEX_REMOVE_DELETE, {}},
+  };
+  for (const auto& row : rows) {
+    SetUp();
+    remove_domain_trees(13, row.set);
+    EXPECT_EQ(row.left, left(13)) << row.set;
+    EXPECT_EQ(std::size(all_), left(1).size()) << "the neighbour's go with nobody";
+  }
+  SetUp();
+  EXPECT_EQ(0, delete_vsd_file(13));
+  EXPECT_EQ(5u, left(13).size());
+}
+
+TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
+  for (const unsigned set : {WEX_REMOVE_RELOAD, WEX_REMOVE_FILES, WEX_REMOVE_STOP, WEX_REMOVE_DELETE}) {
+    make_marker_dir(13);
+    set_cgroups_all(13);
+    remove_domain_trees(13, set);
+    const bool gone = (set & (WEX_REMOVE_STOP | WEX_REMOVE_DELETE)) != 0;
+    EXPECT_EQ(!gone, there("/memory/vsd_13")) << set;
+    EXPECT_EQ(!gone, there("/cpu/vsd_13")) << set;
+  }
+}
+
+}  // namespace
