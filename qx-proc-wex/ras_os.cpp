@@ -19,6 +19,7 @@
 #include "ras_os_sem.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
+#include "wex_limits.h"
 #include "wex_utils.h"
 
 int32_t g_wex_semid = -1;
@@ -43,10 +44,6 @@ enum {
   kNotUnlinked = -8
 };
 
-constexpr mode_t kMutexMode = 0777;
-constexpr mode_t kSystemMode = 0754;
-constexpr mode_t kMemoryMode = 0777;  // narrowed by the umask
-constexpr unsigned kLockRetrySec = 1;
 constexpr size_t kPrintSize = 8192;
 constexpr uint32_t kDumpRow = 16;
 constexpr char kDumpHeading[] =
@@ -77,7 +74,7 @@ int change_value(int id, short step) {
 
 // Opens, sizes and maps; *cause is the failed call's errno. The object stays when it cannot be opened at all.
 int map_object(const char* name, uint32_t size, ras_os_record_memory_t* handle, int* cause) {
-  unique_fd object(shm_open(name, O_RDWR | O_CREAT, kMemoryMode));
+  unique_fd object(shm_open(name, O_RDWR | O_CREAT, kRecordMemoryMode));
   if (!object.valid() && errno == EACCES) {
     // A kernel that guards sticky directories refuses to "create" another user's object that is there.
     object.reset(shm_open(name, O_RDWR, 0));
@@ -165,7 +162,7 @@ void dump_row(uint32_t offset, const uint8_t* bytes, uint32_t count) {
 
 // The file only anchors the key.
 bool make_key_file() {
-  const unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDWR | O_CREAT, kSystemMode);
+  const unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDWR | O_CREAT, kSemKeyMode);
   if (!file.valid()) {
     wex_dbg(WEX_DBG_PUB, "Open file %s failed: %s.", WEX_SEM_KEY_FILE, strerror(errno));
   }
@@ -192,7 +189,7 @@ int ras_os_init_mutex_sem(const char* path, int* semid) {
   if (key == -1) {
     return kNoKey;
   }
-  *semid = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kMutexMode));
+  *semid = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSemMode));
   if (*semid >= 0) {
     if (set_value(*semid, 1)) {
       return 0;
@@ -212,7 +209,7 @@ int ras_os_lock_mutex_sem(int semid) {
     if (errno != EINTR) {
       return kNotLocked;
     }
-    safe_sleep(kLockRetrySec);
+    safe_sleep(kSemRetrySec);
   }
   return 0;
 }
@@ -343,7 +340,7 @@ int wex_sem_init(void) {
     wex_dbg(WEX_DBG_PUB, "Get sem file key failed: %s.", strerror(errno));
     return -1;
   }
-  const int32_t id = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSystemMode));
+  const int32_t id = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSemKeyMode));
   if (id < 0) {
     return found_or_failed();
   }

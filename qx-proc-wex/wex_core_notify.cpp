@@ -23,9 +23,6 @@
 namespace {
 
 constexpr char kWatchdog[] = "wex_notifer_run";
-constexpr int kFewMisses = 6;  // registrations that allow fewer misses than this ...
-constexpr int kWarnFew = 3;    // ... are warned about from here on,
-constexpr int kWarnMany = 5;   // the others from here
 constexpr size_t kThreadNameSize = 32;
 
 // What holds for one whole scan.

@@ -68,6 +68,11 @@ inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
 
+// What is short for a moment.
+inline constexpr unsigned kMemoryRetrySec = 5;
+inline constexpr unsigned kSemRetrySec = 1;
+inline constexpr int kLockTries = 5;  // the lock file may be replaced between open and lock
+
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
@@ -88,6 +93,9 @@ inline constexpr int32_t kShortPeriodSec = 120;
 inline constexpr int32_t kShortPeriodMisses = 5;
 inline constexpr int32_t kLongPeriodSec = 180;
 inline constexpr int32_t kLongPeriodMisses = 4;
+inline constexpr int32_t kFewMisses = 6;  // registrations that allow fewer misses than this ...
+inline constexpr int32_t kWarnFew = 3;    // ... are warned about from here on,
+inline constexpr int32_t kWarnMany = 5;   // the others from here
 inline constexpr uint32_t kAliveTableSize = 184356;
 
 // Logs.
@@ -99,6 +107,7 @@ inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of dom
 inline constexpr int32_t kDomainGroupStep = 100;
 inline constexpr unsigned kTermGraceSec = 5;
 inline constexpr unsigned kKillGraceSec = 10;
+inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring must not fill the processor
 
 // Files.
 inline constexpr int kLinksFollowed = 8;  // trusted symbolic links along one path
@@ -109,6 +118,11 @@ inline constexpr mode_t kClientMarkerMode = 0777;
 inline constexpr mode_t kMarkerMode = 0754;
 inline constexpr mode_t kForkFileMode = 0755;
 inline constexpr mode_t kLockMode = 0700;
+inline constexpr mode_t kDebugTimeMode = 0754;
+inline constexpr mode_t kSemKeyMode = 0754;
+inline constexpr mode_t kSemMode = 0777;
+inline constexpr mode_t kRecordMemoryMode = 0777;  // narrowed by the umask
+inline constexpr mode_t kAliveTableMode = 0777;
 inline constexpr mode_t kLogMode = 0666;
 
 inline constexpr int kMonitorPriority = 99;  // SCHED_FIFO, for the threads that must not starve

@@ -1,4 +1,5 @@
-// wex_paths: every path of the file-system interface, on one screen.
+// wex_paths: every path of the file-system interface, on one screen. Two stand in public headers, because
+// clients need them: WEX_SEM_KEY_FILE (wex.h) and RAS_WEX_DBG_FILE (ras_comp_config.h).
 //
 // "gone" and "kept" say whether the file is to outlive a reboot of the device.
 #pragma once

@@ -33,7 +33,6 @@ static_assert(offsetof(wex_alive_info, base) == 3 * sizeof(void*), "the handle's
 
 namespace {
 
-constexpr mode_t kTableMode = 0777;
 constexpr uint32_t kNoSequence = UINT32_MAX;
 constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
@@ -106,7 +105,7 @@ void store(uint32_t offset, uint8_t byte) {
 
 // Clients of any user are to map the table, whatever umask its creator had.
 int open_to_all(const unique_fd& table) {
-  if (table.valid() && fchmod(table.get(), kTableMode) == 0) {
+  if (table.valid() && fchmod(table.get(), kAliveTableMode) == 0) {
     return 0;
   }
   wex_dbg(WEX_DBG_PUB, "change mode failed!\r\n");

@@ -29,8 +29,6 @@ constexpr size_t kStatSize = 1024;
 constexpr size_t kLmkTextSize = 128;
 constexpr int32_t kLmkIgnore = -1000;
 constexpr int32_t kLmkNormal = 0;
-constexpr unsigned kMemoryRetrySec = 5;
-constexpr int kLockTries = 5;  // somebody may replace the lock file between open and lock
 // Fields of /proc/PID/stat, counted from 1.
 constexpr int kStateField = 3;
 constexpr int kFlagsField = 9;

@@ -31,7 +31,6 @@ namespace {
 constexpr size_t kLineSize = 8192;      // longest line: a command line of 4095 characters, twice
 constexpr size_t kSettingSize = 128;    // a longer line of the configuration is seen in pieces
 constexpr size_t kDebugTimeSize = 257;  // 256 bytes count, one ends them
-constexpr mode_t kDebugTimeMode = 0754;
 
 constexpr const char* kLevelFormats[] = {"g_wex_pub_dbg_level %d", "g_wex_alive_dbg_level %d",
                                          "g_wex_lib_dbg_level %d"};

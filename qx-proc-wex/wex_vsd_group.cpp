@@ -30,7 +30,6 @@ constexpr char kThreadGroupKey[] = "Tgid:";
 constexpr char kMappingResident[] = "Rss";
 constexpr char kHardLimit[] = "memory.limit_in_bytes";
 constexpr char kSoftLimit[] = "memory.soft_limit_in_bytes";
-constexpr int kPauseMs = 100;     // between two processes, so that a measurement never fills the processor
 constexpr int kFirstLimited = 1;  // the main system is never limited
 
 // KiB, by domain: the sums of the measurement in progress, and the last completed one.
@@ -231,7 +230,7 @@ void poll_use_mem() {
     const int32_t pid = text_to_number(entry->d_name);
     if (pid != 0) {
       measure_process(pid);
-      wex_sleep_ms(kPauseMs);
+      wex_sleep_ms(kMeasurePauseMs);
     }
   }
   for (int32_t vsd = kFirstLimited; vsd < WEX_DOMAINS; ++vsd) {
