@@ -27,7 +27,7 @@ void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_re
 extern int32_t wex_event_log_count;
 
 // 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start
-// now.
+// now. Takes the reserved memory; waits for memory when there is none.
 int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Compiles "/etc/wex/proc" into the third-part list.
@@ -55,6 +55,11 @@ void wex_wait_exit(int64_t milliseconds);
 
 // Writes "Thread ... exit" to the running log, the last word of a thread that ends the daemon.
 void wex_log_thread_end(const char* thread, int code, int error);
+
+// Reserves the memory of one postponed restart, so that it need not be waited for with the registry locked.
+// May wait: never with a chain held.
+void wex_reserve_delay();
+bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
 // Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
 // Delay thread only; others ask for it.

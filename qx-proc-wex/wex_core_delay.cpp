@@ -25,6 +25,7 @@ std::atomic<bool> wex_delay_ended{false};
 namespace {
 
 std::atomic<bool> g_sweep_wanted{false};
+std::atomic<wex_pid*> g_reserved{nullptr};  // set with nothing held, taken with wex_chains held
 
 struct ready_restart {
   int32_t pid;
@@ -32,8 +33,14 @@ struct ready_restart {
   int32_t force_restart;
 };
 
-wex_pid* copy_of(const wex_pid& rec) {
-  wex_pid* const copy = wex_new_record();
+// Only the rebuild comes without a reservation, and nobody waits for the registry then.
+wex_pid* take_record() WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const reserved = g_reserved.exchange(nullptr);
+  return reserved != nullptr ? reserved : wex_new_record();
+}
+
+wex_pid* copy_of(const wex_pid& rec) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const copy = take_record();
   copy->pid = rec.pid;
   copy->vsd = rec.vsd;
   copy->alarm_wait_flag = rec.alarm_wait_flag;
@@ -99,6 +106,21 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
 }
 
 }  // namespace
+
+void wex_reserve_delay() {
+  if (g_reserved.load() != nullptr) {
+    return;
+  }
+  wex_pid* const fresh = wex_new_record();
+  wex_pid* none = nullptr;
+  if (!g_reserved.compare_exchange_strong(none, fresh)) {
+    wex_free_record(fresh);
+  }
+}
+
+bool wex_delay_reserved() {
+  return g_reserved.load() != nullptr;
+}
 
 void wex_request_sweep() {
   g_sweep_wanted.store(true, std::memory_order_release);

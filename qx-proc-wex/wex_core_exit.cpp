@@ -362,10 +362,8 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   }
 }
 
-}  // namespace
-
-extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
-  chain_lock hold(wex_chains);
+void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
+    WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
   if (rec == nullptr) {
     return;
@@ -395,4 +393,17 @@ extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32
     return;
   }
   restart_by_action(rec);
+}
+
+}  // namespace
+
+extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
+  for (;;) {
+    wex_reserve_delay();  // may wait for memory, so nothing is held yet
+    chain_lock hold(wex_chains);
+    if (wex_delay_reserved()) {  // or another exit has taken it meanwhile
+      handle_exit(pid, exit_signal, force_restart);
+      return;
+    }
+  }
 }

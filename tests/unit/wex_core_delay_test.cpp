@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "chain_lock.h"
@@ -35,6 +36,24 @@ namespace {
 using namespace registry;
 
 std::atomic<int32_t> g_now{1000};
+
+// How often memory was taken, and how often by somebody who kept others from the registry.
+struct memory_watch {
+  std::atomic<int> taken{0};
+  std::atomic<int> with_registry{0};
+  void note() {
+    ++taken;
+    bool free = true;
+    std::thread([&free] {
+      free = pthread_mutex_trylock(&wex_chains.mutex) == 0;
+      if (free) {
+        pthread_mutex_unlock(&wex_chains.mutex);
+      }
+    }).join();
+    with_registry += free ? 0 : 1;
+  }
+};
+memory_watch g_memory;
 
 constexpr char kProgram[] = "/bin/sleep 1000";
 
@@ -135,6 +154,13 @@ extern "C" int32_t wex_clock_now(void) {
   return g_now;
 }
 
+// Memory may be short, and whoever takes some then waits for it.
+extern "C" void* __real_safe_malloc(size_t size);
+extern "C" void* __wrap_safe_malloc(size_t size) {
+  g_memory.note();
+  return __real_safe_malloc(size);
+}
+
 TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
   const int32_t pid = dead_pid();
   wex_pid* const rec = add(pid);
@@ -179,6 +205,44 @@ TEST_F(Delay, ASecondExitOfAWaitingPidMakesNoSecondCopy) {
   EXPECT_EQ(1000, __wex_find_pid(&wex_chains_delay, pid)->delay_start)
       << "its 301 s began with the first exit";
   EXPECT_EQ(9u, __wex_find_pid(&wex_chains_delay, pid)->exit_signal);
+}
+
+TEST_F(Delay, NoMemoryIsWaitedForWithTheRegistryInHand) {
+  std::vector<int32_t> pids;
+  std::vector<std::unique_ptr<lock_keeper>> keepers;
+  for (int i = 0; i < 3; ++i) {
+    pids.push_back(dead_pid());
+    wex_pid* const rec = add(pids.back());
+    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%d", i);
+    keepers.push_back(std::make_unique<lock_keeper>(pids.back()));
+  }
+  g_memory.taken = g_memory.with_registry = 0;
+  for (const int32_t pid : pids) {
+    wex_handle_netlink_exit(pid, 9, 0);
+  }
+  EXPECT_EQ(3, count(wex_chains_delay));
+  EXPECT_LE(2, g_memory.taken) << "one piece may have been reserved before";
+  EXPECT_EQ(0, g_memory.with_registry) << "clients and other exits would wait as well";
+}
+
+TEST_F(Delay, ExitsAtTheSameTimeDoNotTakeEachOthersMemory) {
+  constexpr size_t kExits = 8;
+  std::vector<int32_t> pids;
+  std::vector<std::unique_ptr<lock_keeper>> keepers;
+  for (size_t i = 0; i < kExits; ++i) {
+    pids.push_back(dead_pid());
+    wex_pid* const rec = add(pids.back());
+    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%zu", i);
+    keepers.push_back(std::make_unique<lock_keeper>(pids.back()));
+  }
+  std::vector<std::thread> reporters;
+  for (const int32_t pid : pids) {
+    reporters.emplace_back([pid] { wex_handle_netlink_exit(pid, 9, 0); });
+  }
+  for (std::thread& reporter : reporters) {
+    reporter.join();
+  }
+  EXPECT_EQ(static_cast<int32_t>(kExits), count(wex_chains_delay));
 }
 
 TEST_F(Delay, AFileNobodyHoldsOrNobodyFindsPostponesNothing) {
