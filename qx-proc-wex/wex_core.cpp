@@ -87,6 +87,19 @@ void keep_inherited_files() {
   }
 }
 
+// The directory stays open for life like the lock: its inode number cannot become another one's.
+unique_fd hold_directory(int lock) {
+  struct stat facts = {};
+  if (fstat(lock, &facts) == 0) {
+    wex_note_place(WEX_PLACE_LOCK, facts);
+  }
+  unique_fd directory(open(kRunDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.valid() && fstat(directory.get(), &facts) == 0) {
+    wex_note_place(WEX_PLACE_DIRECTORY, facts);
+  }
+  return directory;
+}
+
 void make_directories() {
   for (const char* const path : kMainDirs) {
     wex_make_dir(path, kOpenDirMode);
@@ -220,6 +233,7 @@ int main(int argc, char** argv) {
     wex_dbg(WEX_DBG_PUB, "wex is already running\n");
     return -1;
   }
+  const unique_fd directory = hold_directory(lock.get());
   keep_inherited_files();
   raise_open_file_limit();
   make_directories();

@@ -1,6 +1,8 @@
 // wex_core: start-up, the five threads and what they share.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -65,6 +67,17 @@ bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 // Delay thread only; others ask for it.
 void wex_sweep_lost_exits();
 void wex_request_sweep();
+
+// What the daemon holds in a directory that everybody may write to.
+enum wex_place { WEX_PLACE_DIRECTORY, WEX_PLACE_LOCK, WEX_PLACE_SOCKET };
+
+// Remembers `held` as what the place's name must lead to. Once a place; the daemon must keep it open, so that
+// nothing else is given its inode number.
+void wex_note_place(wex_place place, const struct stat& held);
+
+// Looks where the names lead now and writes one running-log line for each that leads elsewhere than at the
+// last call. Delay thread only.
+void wex_check_places();
 
 // Until when (monotonic seconds) the monitor has read what the kernel reported: only a process that vanished
 // before that may count as a lost exit.

@@ -3,7 +3,8 @@
 // A process may be reported dead while its database file is still locked; a restart then would make a second
 // instance. So a copy of its record waits in wex_chains_delay until the lock is gone, 301 s at the most. The
 // same thread looks once a minute for registered processes that vanished without an exit event: the kernel
-// may drop events when memory is short or the socket full, and says so at most once.
+// may drop events when memory is short or the socket full, and says so at most once. And it looks whether the
+// daemon still has its socket, its lock file and its directory.
 #define WEX_MODULE "wex_core"
 #include "wex_core.h"
 
@@ -170,6 +171,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   pthread_detach(pthread_self());
   prctl(PR_SET_NAME, "wex_delay_restart");
   int32_t last_sweep = wex_clock_now();
+  int32_t last_look = last_sweep;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     ready_restart ready = {};
     if (take_ready(&ready)) {
@@ -181,6 +183,10 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
       last_sweep = now;
       wex_sweep_lost_exits();
+    }
+    if (static_cast<int64_t>(now) - last_look >= kPlacesEverySec) {
+      last_look = now;
+      wex_check_places();
     }
     wex_wait_exit(kDelayPassMs);
   }

@@ -36,6 +36,7 @@ namespace {
 using namespace registry;
 
 std::atomic<int32_t> g_now{1000};
+std::atomic<int> g_asked{0};
 
 // How often memory was taken, and how often by somebody who kept others from the registry.
 struct memory_watch {
@@ -151,6 +152,7 @@ class Delay : public RegistryWorld {
 }  // namespace
 
 extern "C" int32_t wex_clock_now(void) {
+  ++g_asked;
   return g_now;
 }
 
@@ -243,6 +245,25 @@ TEST_F(Delay, ExitsAtTheSameTimeDoNotTakeEachOthersMemory) {
     reporter.join();
   }
   EXPECT_EQ(static_cast<int32_t>(kExits), count(wex_chains_delay));
+}
+
+TEST_F(Delay, OnceAMinuteItLooksWhetherTheDirectoryIsStillTheDaemons) {
+  make_dirs("/ovix/vsd/0/utils/wex");
+  struct stat facts = {};
+  ASSERT_EQ(0, stat(kRunDir, &facts));
+  wex_note_place(WEX_PLACE_DIRECTORY, facts);
+  const char line[] = "/tmp/wex/ is gone, failed forks go unseen.\r\n";
+  const auto told = [&] { return read_file(kRunningLog1).find(line) != std::string::npos; };
+  const int asked = g_asked;
+  start_thread();
+  ASSERT_TRUE(eventually([&] { return g_asked >= asked + 2; })) << "its minute must have begun";
+  ASSERT_EQ(0, rename("/tmp/wex", "/tmp/away"));
+  g_now = 1000 + kPlacesEverySec - 1;
+  EXPECT_FALSE(eventually(told, 2200ms));
+  g_now = 1000 + kPlacesEverySec;
+  EXPECT_TRUE(eventually(told, 3s)) << read_file(kRunningLog1);
+  stop_thread();
+  ASSERT_EQ(0, rename("/tmp/away", "/tmp/wex"));
 }
 
 TEST_F(Delay, AFileNobodyHoldsOrNobodyFindsPostponesNothing) {
