@@ -7,6 +7,8 @@
 #include "wex_core.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -305,6 +307,49 @@ bool run_cycle(server& self) {
 
 // ---- Beginning and end ------------------------------------------------------------------------------------
 
+struct binding {
+  int sd;
+  int error;  // 0 once it is bound
+};
+
+void bind_listener(binding* task) {
+  sockaddr_un address;
+  const socklen_t length = wex_control_address(kControlSocket, &address);
+  unlink(kControlSocket);
+  task->error = bind(task->sd, reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
+  if (task->error == 0) {
+    struct stat node = {};
+    lstat(kControlSocket, &node);  // gone already: then whatever comes there is not ours
+    wex_note_place(WEX_PLACE_SOCKET, node);
+  }
+}
+
+// A thread that binds and ends. The node is born with its mode, by a umask that is this thread's alone:
+// another thread may be making a file now, and a program started later keeps the umask of the daemon.
+void* bind_open_to_all(void* task) {
+  if (unshare(CLONE_FS) == 0) {
+    umask(static_cast<mode_t>(~kSocketMode & 0777));
+  }
+  bind_listener(static_cast<binding*>(task));
+  return nullptr;
+}
+
+// The mode is never set by the node's name: everybody may write to the directory, and whoever puts a link in
+// the node's place would have root open the link's target to all. Nor by this thread's own umask: its working
+// directory would be unshared with it, and that one is the whole daemon's. Without a thread, or without a
+// umask of its own for it, the starter's umask narrows the mode: clients of other users may then be turned
+// away, which harms nobody's files.
+int bind_control_socket(int sd) {
+  binding task = {sd, 0};
+  pthread_t binder;
+  if (pthread_create(&binder, nullptr, bind_open_to_all, &task) == 0) {
+    pthread_join(binder, nullptr);
+  } else {
+    bind_listener(&task);
+  }
+  return task.error;
+}
+
 bool open_listener(server& self) {
   self.listener = wex_open_control_socket();
   if (!self.listener.valid()) {
@@ -312,15 +357,10 @@ bool open_listener(server& self) {
     wex_dbg(WEX_DBG_PUB, "%s: socket sk_unix fail: %s\n", kThread, strerror(cause));
     return self.fail(kSetupFailed, cause);
   }
-  sockaddr_un address;
-  const socklen_t length = wex_control_address(kControlSocket, &address);
-  unlink(kControlSocket);
-  if (bind(self.listener.get(), reinterpret_cast<const sockaddr*>(&address), length) == -1) {
-    const int cause = errno;
-    wex_dbg(WEX_DBG_PUB, "%s: bind sk_unix fail: %s\n", kThread, strerror(cause));
-    return self.fail(kBindFailed, cause);
+  if (const int refused = bind_control_socket(self.listener.get())) {
+    wex_dbg(WEX_DBG_PUB, "%s: bind sk_unix fail: %s\n", kThread, strerror(refused));
+    return self.fail(kBindFailed, refused);
   }
-  chmod(kControlSocket, kSocketMode);
   if (listen(self.listener.get(), kListenBacklog) == -1) {
     const int cause = errno;
     wex_dbg(WEX_DBG_PUB, "%s: listen sk_unix fail: %s\n", kThread, strerror(cause));

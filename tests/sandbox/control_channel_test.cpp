@@ -14,6 +14,8 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <ostream>
+#include <regex>
 
 #include "unique_fd.h"
 #include "wex.h"
@@ -404,6 +406,79 @@ TEST_F(ControlChannel, ReplacesAStaleSocketFileAndOpensItToEverybody) {
   EXPECT_TRUE(serves());
 }
 
+TEST_F(ControlChannel, ItsSocketIsOpenToEverybodyWhateverTheUmaskOfTheStarter) {
+  for (const mode_t mask : {022u, 077u, 0777u, 0u}) {
+    umask(mask);
+    start();
+    umask(022);
+    EXPECT_EQ(0777u, mode_of(kControlSocket)) << std::oct << mask;
+    daemon.kill_now();
+  }
+}
+
+TEST_F(ControlChannel, ARestartedProgramHasTheUmaskOfTheStarter) {
+  umask(027);
+  start();
+  umask(022);
+  EXPECT_EQ(0777u, mode_of(kControlSocket));
+  EXPECT_EQ("0027", status_field(daemon.pid(), "Umask"));
+  const std::vector<std::string> options = {"--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  const pid_t first = wait_for_actor(options);
+  EXPECT_EQ("0022", status_field(first, "Umask"));
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body_of(first)));
+  ASSERT_TRUE(console_says(dispatched(1, 0)));
+  service.kill_now();
+  const pid_t second = wait_for_actor(options, first);
+  ASSERT_GT(second, 0);
+  EXPECT_EQ("0027", status_field(second, "Umask"));
+}
+
+namespace {
+
+constexpr char kVictim[] = "/data/victim";
+
+// Puts a link in the socket's place as soon as it is there, as anybody may who can write to the directory.
+// False when the socket did not come.
+bool swap_for_link() {
+  const bool found = eventually(
+      [] {
+        struct stat node = {};
+        return lstat(kControlSocket, &node) == 0 && S_ISSOCK(node.st_mode);
+      },
+      15s);
+  return found && unlink(kControlSocket) == 0 && symlink(kVictim, kControlSocket) == 0;
+}
+
+}  // namespace
+
+TEST_F(ControlChannel, ALinkPutInTheSocketsPlaceOpensNoOtherFile) {
+  for (const char* const kernel : {"", "inject=unshare:error=ENOSYS"}) {
+    write_file(kVictim, "precious", 0600);
+    std::vector<std::string> injections = {"inject=bind:delay_exit=500000"};  // time for the hostile one
+    if (*kernel != '\0') {
+      injections.push_back(kernel);
+    }
+    ASSERT_TRUE(daemon.start_traced(injections));
+    ASSERT_TRUE(swap_for_link());
+    ASSERT_TRUE(eventually([] { return Daemon::trace().find(" listen(") != std::string::npos; }, 15s));
+    EXPECT_EQ(0600u, mode_of(kVictim));
+    EXPECT_EQ("precious", read_file(kVictim));
+    daemon.kill_now();
+    unlink(kVictim);
+  }
+}
+
+TEST_F(ControlChannel, WithoutAUmaskOfItsOwnItsSocketIsAsTheStarterWouldHaveIt) {
+  umask(022);
+  ASSERT_TRUE(daemon.start_traced({"inject=unshare:error=ENOSYS"}));
+  ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 10s));
+  EXPECT_EQ(0755u, mode_of(kControlSocket));
+  EXPECT_TRUE(serves());
+}
+
 TEST_F(ControlChannel, TheLibraryFindsTheNextDaemon) {
   start();
   const pid_t client = start_child([] {
@@ -461,10 +536,35 @@ namespace {
 
 struct failure {
   const char* inject;
-  const char* last_word;  // of the thread, in the running log
+  const char* last_word;        // of the thread, in the running log
+  const char* complaint;        // an expression for the line on the console
+  bool before_listening = false;  // the table of clients still holds zeros
 };
 
+std::ostream& operator<<(std::ostream& out, const failure& row) {
+  return out << row.inject;
+}
+
 class FailingServer : public ControlChannel, public ::testing::WithParamInterface<failure> {};
+
+// How often the server closes descriptor 0 before it opens the running log, which may get that number.
+int closes_of_standard_input() {
+  std::string server;
+  int times = 0;
+  for (const std::string& line : lines_of(Daemon::trace())) {
+    if (line.find("PR_SET_NAME, \"wex_process_dom") != std::string::npos) {
+      server = line.substr(0, line.find(' '));
+    }
+    if (server.empty() || line.compare(0, server.size() + 1, server + " ") != 0) {
+      continue;
+    }
+    if (line.find("running_log") != std::string::npos) {
+      return times;
+    }
+    times += line.find(" close(0)") != std::string::npos || line.find(" close(0 <") != std::string::npos;
+  }
+  return -1;
+}
 
 }  // namespace
 
@@ -481,20 +581,32 @@ TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
       15s))
       << running_log();
   EXPECT_TRUE(daemon.wait(20s).has_value()) << "the daemon must end, so that it can be started again";
+  const std::regex complaint("\\[WEX:wex_core:[0-9]+\\]wex_process_domain: " +
+                             std::string(GetParam().complaint));
+  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), complaint); })) << read_console();
+  EXPECT_EQ(GetParam().before_listening ? 1 : 0, closes_of_standard_input()) << Daemon::trace();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, FailingServer,
-    ::testing::Values(
-        failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n"},
-        failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n"},
-        failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n"},
-        failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n"},
-        failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n"},
-        failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n"},
-        failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n"},
-        failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, "},
-        failure{"inject=accept4:error=ECONNABORTED", "res=-8, Software caused connection abort(103)\r\n"}));
+    ::testing::Values(failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n",
+                              "set priority fail: Operation not permitted\n", true},
+                      failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n",
+                              "socket sk_unix fail: Too many open files\n", true},
+                      failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n",
+                              "bind sk_unix fail: Read-only file system\n", true},
+                      failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n",
+                              "listen sk_unix fail: Address already in use\n", true},
+                      failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n",
+                              "epoll_create err\\(ret:-1, err:24\\)!\n"},
+                      failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n",
+                              "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+                      failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n",
+                              "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+                      failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, ", "event err: .*\n"},
+                      failure{"inject=accept4:error=ECONNABORTED",
+                              "res=-8, Software caused connection abort(103)\r\n",
+                              "accept fail: Software caused connection abort\n"}));
 
 #if defined(__x86_64__)
 // The event that is forged is laid out as this machine has it: readiness, then the number 4242.
@@ -530,6 +642,39 @@ TEST_F(ControlChannel, AnAcknowledgementIsRepeatedWhileTheKernelIsShortOfMemory)
     daemon.kill_now();
     mark_console();
   }
+}
+
+TEST_F(ControlChannel, AClientThatCannotBeAnsweredIsDroppedAndItsMessageNotApplied) {
+  // The monitor's one send is its thread's first; the server's second to fourth fail.
+  ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=EPIPE:when=2..4"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  int refused = 0;
+  for (int message = 1; message <= 4; ++message) {
+    const raw_client client;
+    ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+    std::string record;
+    refused += client.next(&record) == 0 ? 1 : 0;
+  }
+  EXPECT_EQ(3, refused);
+  const std::regex lines(
+      "]wex_rsp_domain_msg: wex_inner_send_msg err\\(ret:-1, sk:([0-9]+), type:5\\)!\n"
+      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: wex_inner_rsp_msg err\\(ret:-1, sk:\\1\\)!\n");
+  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), lines); })) << read_console();
+  EXPECT_TRUE(eventually([] {
+    return occurrences(read_console(), "]wex_process_domain: wex_inner_rsp_msg err(ret:-1, sk:") == 3;
+  }));
+  EXPECT_EQ(1U, occurrences(read_console(), dispatched(5, 0))) << "the one that was answered";
+}
+
+TEST_F(ControlChannel, AnInterruptedReceiveIsRepeated) {
+  ASSERT_TRUE(daemon.start_traced({"inject=recvmsg:error=EINTR:when=1..2"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+  EXPECT_TRUE(client.acknowledged());
+  EXPECT_TRUE(console_says(dispatched(5, 0)));
+  EXPECT_EQ(2U, occurrences(read_console(),
+                            "]wex_inner_recv_msg: recv broken(ret:-1, err:4,Interrupted system call)!\n"));
 }
 
 TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {

@@ -451,9 +451,9 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
         << log;
     EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
     size_t calls = 0;
-    const std::string trace = Daemon::trace();
-    for (size_t at = trace.find("clone3("); at != std::string::npos; at = trace.find("clone3(", at + 1)) {
-      ++calls;
+    const std::string own = text(daemon.pid()) + " ";  // the control server makes a thread of its own
+    for (const std::string& line : lines_of(Daemon::trace())) {
+      calls += line.compare(0, own.size(), own) == 0 && line.find(" clone3(") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(static_cast<size_t>(worker) + 1, calls) << "a later thread was tried";
   }
@@ -513,6 +513,22 @@ TEST_F(StartUp, WithoutItsSemaphoreTheDaemonSaysSoAndRuns) {
   ASSERT_TRUE(daemon.wait_ready(30s));
   EXPECT_TRUE(console_says("]fail to init wex semaphore!!!\n"));
   EXPECT_EQ(0u, running_log().find("Start.\r\n"));
+  daemon.stop();
+}
+
+TEST_F(StartUp, ItHoldsTheDirectoryItsLockIsIn) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const std::string files = "/proc/" + text(daemon.pid()) + "/fd";
+  size_t found = 0;
+  for (const std::string& fd : list_dir(files)) {
+    char target[64] = {};
+    found += readlink((files + "/" + fd).c_str(), target, sizeof target - 1) > 0 &&
+                     std::string(target) == "/tmp/wex"
+                 ? 1
+                 : 0;
+  }
+  EXPECT_EQ(1u, found) << "its inode number must not be given to another one";
   daemon.stop();
 }
 
