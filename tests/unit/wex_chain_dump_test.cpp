@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "chain_lock.h"
+#include "failing_allocator.h"
 #include "registry_files.h"
 #include "wex_chain.h"
 #include "wex_platform.h"
@@ -33,16 +34,6 @@ extern "C" void qx_syslog(int priority, const char* format, ...) {
   va_start(arguments, format);
   vsnprintf(line + used, sizeof system_log[0] - static_cast<size_t>(used), format, arguments);
   va_end(arguments);
-}
-
-// A sanitizer's allocator is to fail like the C library's, instead of ending the process.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __asan_default_options() {
-  return "allocator_may_return_null=1";
-}
-extern "C" const char* __tsan_default_options() {
-  return "allocator_may_return_null=1";
 }
 
 namespace {

@@ -11,20 +11,11 @@
 #include <climits>
 
 #include "dying_process.h"
+#include "failing_allocator.h"
 #include "unit_support.h"
 #include "wex_paths.h"
 
 using namespace unit;
-
-// A sanitizer's allocator is to fail like the C library's, instead of ending the process.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __asan_default_options() {
-  return "allocator_may_return_null=1";
-}
-extern "C" const char* __tsan_default_options() {
-  return "allocator_may_return_null=1";
-}
 
 namespace {
 
