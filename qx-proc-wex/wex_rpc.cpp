@@ -16,6 +16,7 @@
 #include <climits>
 #include <cstddef>
 
+#include "cancel_held.h"
 #include "mutex_lock.h"
 #include "ras_os.h"
 #include "wex_dbg.h"
@@ -375,6 +376,8 @@ int wex_rpc(uint32_t msg_type, const char* name, const void* payload, uint32_t p
     wex_dbg(WEX_DBG_PUB, "%s: argument err!\n", __func__);
     return -1;
   }
+  // A service may cancel its threads: one that ended in here would keep the connection for ever.
+  const cancel_held until_done;
   if (wex_get_proc_status() == 0) {
     wex_dbg(WEX_DBG_PUB, "%s: wex process exit, function return.\n", __func__);
     return 0;

@@ -36,7 +36,7 @@ int wex_inner_recv_msg(int sd, wex_inner_msg** out);
 
 // Sends one request, and waits for its acknowledgement when `wait_ack`. 0, or negative; a failed connection
 // is 0 when `ignore_connect_fail`, and so is everything while the daemon is marked as gone. Any thread; one
-// request per process at a time.
+// request per process at a time. A cancelled thread ends behind it.
 int wex_rpc(uint32_t msg_type, const char* name, const void* payload, uint32_t payload_len, uint8_t wait_ack,
             uint8_t ignore_connect_fail);
 }

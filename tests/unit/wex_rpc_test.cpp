@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <climits>
 #include <random>
 
@@ -62,7 +63,45 @@ int receive(int sd) {
   return wex_inner_recv_msg(sd, msg.fill());
 }
 
+// How many of the next calls fail, and with what.
+struct injection {
+  std::atomic<int> calls{0};
+  std::atomic<int> before{0};  // calls that succeed first
+  int error = 0;
+  void fail(int count, int cause, int spared = 0) {
+    error = cause;
+    before = spared;
+    calls = count;
+  }
+  bool now() {
+    if (calls <= 0 || before-- > 0) {
+      return false;
+    }
+    --calls;
+    errno = error;
+    return true;
+  }
+};
+injection g_calloc;
+injection g_poll;
+injection g_recvmsg;
+
 }  // namespace
+
+extern "C" {
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+  return g_calloc.now() ? nullptr : __real_calloc(count, size);
+}
+int __real_poll(pollfd* entries, nfds_t count, int milliseconds);
+int __wrap_poll(pollfd* entries, nfds_t count, int milliseconds) {
+  return g_poll.now() ? -1 : __real_poll(entries, count, milliseconds);
+}
+ssize_t __real_recvmsg(int sd, msghdr* how, int flags);
+ssize_t __wrap_recvmsg(int sd, msghdr* how, int flags) {
+  return g_recvmsg.now() ? -1 : __real_recvmsg(sd, how, flags);
+}
+}
 
 // ---- Sending ----------------------------------------------------------------------------------------------
 
@@ -255,6 +294,29 @@ TEST(InnerRecv, SurvivesInterruptionsWhileItWaits) {
   const wex_inner_msg msg = {};
   put(pair.there.get(), &msg, sizeof msg);
   EXPECT_EQ(0, result.get());
+}
+
+TEST(InnerRecv, ReceivesAgainWhenAReceiveIsInterrupted) {
+  const socket_pair pair;
+  const roomy sent = make(2, 320);
+  put(pair.there.get(), &sent, kHeader + 320);
+  const printed out;
+  g_recvmsg.fail(3, EINTR);
+  EXPECT_EQ(0, receive(pair.here.get()));
+  EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!\n", EINTR,
+                                                strerror(EINTR))));
+  EXPECT_EQ(-1, queued_record(pair.here.get()));
+}
+
+TEST(InnerRecv, TellsWhyAReceiveFails) {
+  const socket_pair pair;
+  const roomy sent = make(2, 320);
+  put(pair.there.get(), &sent, kHeader + 320);
+  const printed out;
+  g_recvmsg.fail(1, ENOMEM);
+  EXPECT_EQ(-1, receive(pair.here.get()));
+  EXPECT_TRUE(
+      out.has(text_of("]wex_inner_recv_msg: recv err(ret:-1, err:%d,%s)!\n", ENOMEM, strerror(ENOMEM))));
 }
 
 TEST(InnerRecv, TakesExactlyTheHonestRecordsOutOfARandomStream) {
@@ -528,6 +590,105 @@ TEST(Rpc, WaitsOnWhenTheClientsOwnSignalsInterruptIt) {
   EXPECT_FALSE(out.has("poll fail"));
 }
 
+TEST(Rpc, SendsNothingWithoutMemoryForTheRequest) {
+  const daemon_end daemon;
+  const printed out;
+  g_calloc.fail(1, ENOMEM);
+  EXPECT_EQ(-1, wex_rpc(1, nullptr, "12345678", 8, 1, 0));
+  EXPECT_TRUE(out.has(text_of("]wex_rpc: malloc fail: %s\n", strerror(ENOMEM))));
+  EXPECT_FALSE(daemon.has_caller(0ms));
+  EXPECT_EQ(0, wex_rpc(4, nullptr, "12345678", 8, 0, 0)) << "the next one has memory";
+}
+
+TEST(Rpc, TellsWhenItCanMakeNoSocket) {
+  const daemon_end daemon;
+  const printed out;
+  EXPECT_EQ(0, in_child([] {
+              const rlimit none = {0, 0};
+              setrlimit(RLIMIT_NOFILE, &none);
+              return wex_rpc(1, nullptr, nullptr, 0, 0, 0) == -1 && wex_rpc(4, nullptr, nullptr, 0, 0, 1) == 0
+                         ? 0
+                         : 1;
+            }));
+  EXPECT_EQ(2U, occurrences(out.text(), text_of("]wex_connect: socket fail: %s\n", strerror(EMFILE))));
+  EXPECT_EQ(2U, occurrences(out.text(), "]wex_rpc: connect fail(ret:-1)\n"));
+  EXPECT_FALSE(daemon.has_caller(0ms));
+}
+
+TEST(Rpc, ConnectsAnewWhenTheConnectionCannotBeTested) {
+  const daemon_end daemon;
+  ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  const peer old = daemon.accept();
+  old.receive();
+  const printed out;
+  g_poll.fail(1, ENOMEM);
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_TRUE(
+      out.has(text_of("]wex_check_socket: poll fail(ret:-1, err:%d,%s)\n", ENOMEM, strerror(ENOMEM))));
+  EXPECT_TRUE(out.has("]wex_check_socket <0: pid="));
+  EXPECT_TRUE(old.receive().closed);
+  EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
+}
+
+TEST(Rpc, FailsWhenTheAcknowledgementCannotBeWaitedFor) {
+  const daemon_end daemon;
+  const printed out;
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer client = daemon.accept();
+  client.receive();
+  client.acknowledge();
+  ASSERT_EQ(0, result.get());
+  // The second request tests the connection first, then waits: the second poll is the one that fails.
+  g_poll.fail(1, ENOMEM, 1);
+  EXPECT_EQ(-1, wex_rpc(2, nullptr, nullptr, 0, 1, 0));
+  EXPECT_TRUE(out.has(
+      text_of("]wex_wait_msg_ack_timeout: poll fail(ret:-1, err:%d,%s)\n", ENOMEM, strerror(ENOMEM))));
+  EXPECT_TRUE(out.has(text_of("]wex_rpc: recv ack err(ret:-1, err:%d,%s)\n", ENOMEM, strerror(ENOMEM))));
+  EXPECT_EQ(2U, client.receive().header.msg_type);
+  EXPECT_TRUE(client.receive().closed);
+}
+
+// Cancelled in the middle of a request, a thread ends behind it: its mutex and its connection are the
+// others'.
+TEST(Rpc, ACancelledThreadLeavesTheConnectionToTheOthers) {
+  const daemon_end daemon;
+  int word[2];
+  ASSERT_EQ(0, pipe2(word, O_CLOEXEC));
+  const pid_t child = start_child([&] {
+    pthread_t cancelled;
+    pthread_create(
+        &cancelled, nullptr,
+        [](void*) -> void* {
+          wex_rpc(1, nullptr, nullptr, 0, 1, 0);
+          pthread_testcancel();
+          return nullptr;
+        },
+        nullptr);
+    char byte;
+    if (read(word[0], &byte, 1) != 1) {  // it waits for its acknowledgement now
+      return 1;
+    }
+    pthread_cancel(cancelled);
+    auto next = calling([] { return wex_rpc(2, nullptr, nullptr, 0, 1, 0); });
+    if (next.wait_for(8s) != std::future_status::ready) {
+      _exit(2);
+    }
+    void* how = nullptr;
+    pthread_join(cancelled, &how);
+    return next.get() == 0 && how == PTHREAD_CANCELED ? 0 : 3;
+  });
+  const peer client = daemon.accept();
+  EXPECT_EQ(1U, client.receive().header.msg_type);
+  ASSERT_EQ(1, write(word[1], "x", 1));
+  EXPECT_FALSE(client.readable(100ms)) << "the second request must wait for the first one's end";
+  client.acknowledge();
+  EXPECT_EQ(2U, client.receive().header.msg_type);
+  client.acknowledge();
+  EXPECT_EQ(0, exit_status(child));
+  close(word[0]);
+  close(word[1]);
+}
+
 TEST(Rpc, ServesThreadsOneRequestAtATime) {
   const daemon_end daemon;
   std::vector<std::future<int>> results;
@@ -702,6 +863,32 @@ TEST(Cancel, TellsTheResultOfTheRemoval) {
   wex_rm_db_file_by_pid(subject.pid());
   EXPECT_TRUE(out.has("ret -1\n"));
   EXPECT_TRUE(out.has("]wex_rm_db_file_by_pid unlink file /tmp/vsd/0/wex/db/"));
+}
+
+TEST(Cancel, RemovesNothingWhenTheFilesNameWouldBeCutShort) {
+  const std::string program = "/tmp/" + std::string(235, 'n');
+  ASSERT_EQ(0, system(("cp /bin/sleep " + program + " && mkdir -p /tmp/vsd/0/wex/db").c_str()));
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execl(program.c_str(), program.c_str(), "600", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+  char target[300] = {};
+  EXPECT_TRUE(eventually(
+      [&] { return readlink(link.c_str(), target, sizeof target - 1) > 0 && target == program; }));
+  const std::string whole = text_of(kDbFileFmt, 0, program.c_str() + 5, pid);
+  ASSERT_GT(whole.size(), 255U);
+  const std::string others = whole.substr(0, 255);
+  std::ofstream(others) << "x";
+  const printed out;
+  wex_rm_db_file_by_pid(pid);
+  EXPECT_TRUE(exists(others)) << "a registration of somebody else";
+  EXPECT_FALSE(out.has("unlink file"));
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  unlink(others.c_str());
+  unlink(program.c_str());
 }
 
 // ---- Calls that must get through --------------------------------------------------------------------------
