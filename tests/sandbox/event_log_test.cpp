@@ -195,7 +195,7 @@ TEST_F(EventLog, AFileThatCannotBeOpenedStopsTheRestart) {
   Service& stuck = service("stuck");
   make_dirs(kLog1);
   stuck.end();
-  EXPECT_TRUE(console_says("fail to openlog: "));
+  EXPECT_TRUE(console_says("]fail to openlog: "));
   EXPECT_TRUE(never([&] { return wait_for_actor(stuck.options(), stuck.pid(), 0ms) != 0; }, 500ms));
   EXPECT_TRUE(daemon_.running());
   ASSERT_EQ(0, rmdir(kLog1));

@@ -138,6 +138,7 @@ TEST_F(SelfCheck, AParkedProgramThatSomebodyStartedIsDroppedAndTheNewOneIsSuperv
 }
 
 TEST_F(SelfCheck, WithADeviceMonitorRestartUnderWayNothingIsParkedAndNothingIsSaid) {
+  write_file("/etc/debug_log", "");
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -149,6 +150,7 @@ TEST_F(SelfCheck, WithADeviceMonitorRestartUnderWayNothingIsParkedAndNothingIsSa
     EXPECT_TRUE(eventually([] { return !exists(kDeviceMonitor); })) << "the marker is used up";
   }
   EXPECT_EQ(0u, log.count("%HA-5-"));
+  EXPECT_FALSE(exists("/tmp/wex/wex.log1"));
   service.end();
   EXPECT_TRUE(log.says("%HA-5-HA_WAIT_SELF_CHECK")) << "without the marker the count goes on where it was";
 }

@@ -64,13 +64,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, HarmlessSignal,
                                            SIGTSTP, SIGXFSZ, SIGRTMIN + 3),
                          [](const auto& row) { return "signal" + std::to_string(row.param); });
 
-TEST_F(Signals, SigintEndsIt) {
-  Daemon daemon;
-  ASSERT_TRUE(daemon.start());
-  daemon.send(SIGINT);
-  EXPECT_TRUE(ended_by(daemon.wait(), SIGINT));
-}
-
 TEST_F(Signals, SigintEndsItThoughItsStarterIgnoredIt) {
   Process shell;
   ASSERT_TRUE(shell.start({"/bin/sh", "-c", std::string("trap '' INT TERM; exec ") + Daemon::binary()}));
