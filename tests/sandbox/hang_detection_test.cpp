@@ -165,6 +165,8 @@ TEST_F(HangDetection, ADeadServiceLeavesNothingInTheTable) {
   service.kill_now();
   EXPECT_NE(0, wait_for_actor(options, pid));
   EXPECT_TRUE(eventually([] { return table_is_empty(); }));
+  EXPECT_TRUE(console_says(") ppid (" + std::to_string(pid) + ") from chain!\n"));
+  EXPECT_NE(std::string::npos, read_console().find("]wex_del_node_chain: delete pid ("));
   unlink("/tmp/ready");
   unlink("/tmp/once");
 }

@@ -130,7 +130,8 @@ TEST_F(StartUp, GoesThroughItsStepsInOrder) {
   write_file("/etc/wex/proc/a", "/usr/sbin/a WEX_RESTART");
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced(
-      {"decode-fds=path", "trace=mkdir,mkdirat,open,openat,chmod,fchmodat,setrlimit,prlimit64,socket,clone3"}));
+      {"decode-fds=path",
+       "trace=mkdir,mkdirat,open,openat,chmod,fchmodat,setrlimit,prlimit64,socket,clone3"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   daemon.stop();
   const std::string trace = with_full_names(Daemon::trace());
@@ -469,18 +470,25 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
 TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
   struct {
     const char* injection;
+    const char* complaint;
     const char* line;
   } const rows[] = {
-      {"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Operation not permitted(1)\r\n"},
-      {"inject=socket:error=EPROTONOSUPPORT:when=1", "res=-2, Protocol not supported(93)\r\n"},
-      {"inject=bind:error=EADDRINUSE:when=1..2", "res=-3, Address already in use(98)\r\n"},
-      {"inject=sendto:error=ECONNREFUSED", "res=-4, Connection refused(111)\r\n"},
+      {"inject=sched_setscheduler:error=EPERM:when=1", "set priority fail: Operation not permitted",
+       "res=-1, Operation not permitted(1)\r\n"},
+      {"inject=socket:error=EPROTONOSUPPORT:when=1", "socket sk_nl fail: Protocol not supported",
+       "res=-2, Protocol not supported(93)\r\n"},
+      {"inject=bind:error=EADDRINUSE:when=1..2", "binding sk_nl fail: Address already in use",
+       "res=-3, Address already in use(98)\r\n"},
+      {"inject=sendto:error=ECONNREFUSED", "send proc connector msg fail: Connection refused",
+       "res=-4, Connection refused(111)\r\n"},
   };
   for (const auto& row : rows) {
+    mark_console();
     unlink(kRunningLog1);
     Daemon daemon;
     ASSERT_TRUE(daemon.start_traced({row.injection}));
     EXPECT_TRUE(exited_with(daemon.wait(15s), 0)) << row.injection << "\n" << read_console();
+    EXPECT_TRUE(console_says(std::string("]wex_process_netlink: ") + row.complaint + "\n")) << read_console();
     const std::string log = running_log();
     EXPECT_NE(std::string::npos,
               log.find("Thread \"wex_process_netlink\" exit, wex will be restart. " + std::string(row.line)))

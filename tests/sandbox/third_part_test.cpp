@@ -259,7 +259,8 @@ TEST_F(ThirdPart, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
     now = settled(app, now);
     ASSERT_NE(0, now) << "life " << life;
   }
-  EXPECT_NE(std::string::npos, read_console().find("wex_spawn--> third part "))
+  EXPECT_NE(std::string::npos, read_console().find("]wex_spawn--> third part Daemon[" + app +
+                                                   "] new pid: " + std::to_string(now) + "\n"))
       << "it was started, not found";
 }
 

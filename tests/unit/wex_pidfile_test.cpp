@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 
 #include "failing_calls.h"
@@ -283,6 +284,20 @@ TEST_F(Pidfile, FileThatCannotBeLockedIsWrittenAllTheSameAndItsDescriptorKept) {
             output.text().find("[wex_pidfile]wex_db_create: file /tmp/vsd/0/wex/db/foo.77 fd < 0: No locks "
                                "available\n"))
       << output.text();
+}
+
+TEST_F(Pidfile, FileThatCannotBeFilledIsToldAndLockedAllTheSame) {
+  const std::string dir = db_dir(5);
+  ASSERT_EQ(0, mount("none", dir.c_str(), "tmpfs", 0, "size=4k"));
+  write_file(dir + "/full", std::string(4096, 'f'));
+  const captured_output output;
+  EXPECT_EQ(0, create_in_child(5, RESPAWN, "/a/foo", [&](int result) {
+              return result == 0 && is_locked_for_others(db_file(5, "foo", getpid()));
+            }));
+  EXPECT_NE(std::string::npos,
+            output.text().find("[wex_pidfile]wex_db_create: write fail: No space left on device\n"))
+      << output.text();
+  EXPECT_EQ(0, umount2(dir.c_str(), MNT_DETACH));
 }
 
 TEST_F(Pidfile, MissingFileCountsAsExited) {
