@@ -112,8 +112,14 @@ int open_to_all(const unique_fd& table) {
   return -1;
 }
 
-// Drops every registration. Through the descriptor, for somebody may cut the object short meanwhile.
-void clear_table(int fd) {
+// Drops every registration. Through the descriptor, for somebody may cut the object short meanwhile; without
+// one as well as can be.
+void clear_table(int fd, uint8_t* base) {
+  if (fd < 0) {
+    memcpy(base + WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+    memset(base + WEX_ALIVE_BITMAP_OFFSET, 0, WEX_ALIVE_BITMAP_BYTES + WEX_ALIVE_SEQ_BYTES);
+    return;
+  }
   constexpr uint8_t kNothing[4096] = {};
   put_bytes(fd, WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
   constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
@@ -163,7 +169,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   const int opened = open_to_all(table);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
-    clear_table(table.get());
+    clear_table(table.get(), g_wex_alive_info.base);
     __atomic_store_n(&table_fd, table.release(), __ATOMIC_RELEASE);
   }
   __atomic_store_n(&initialised, uint8_t{1}, __ATOMIC_RELEASE);
