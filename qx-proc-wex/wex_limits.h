@@ -103,6 +103,10 @@ inline constexpr uint32_t kAliveTableSize = 184356;
 inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
+// System log of a plain Linux box.
+inline constexpr int kSystemLogWaitMs = 100;      // for one line; then the log counts as deaf
+inline constexpr int32_t kSystemLogDeafSec = 10;  // lines are not waited for while it does
+
 // Domains.
 inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n
 inline constexpr int32_t kDomainGroupStep = 100;

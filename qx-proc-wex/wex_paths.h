@@ -73,6 +73,7 @@ inline constexpr char kExemptThreads[]    = "/data/.wex_debug_pid";             
 inline constexpr char kAliveTable[]       = "/UTILS-wex-shm-001";                 // daemon: shared-memory object
 inline constexpr char kAliveTableFile[]   = "/dev/shm/UTILS-wex-shm-001";         // the same as a file
 inline constexpr char kConsole[]          = "/dev/console";
+inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";
 inline constexpr char kLsmDevice[]        = "/dev/lsm";                           // device, opened to every domain
 inline constexpr char kMapIpcDevice[]     = "/dev/mmapipc";                       // device, opened to every domain

@@ -1,33 +1,109 @@
 // platform/generic: the device's libraries as a plain Linux box has them.
 //
-// Weak, so that a device's own libraries take their place by being linked.
+// Weak, so that a program that links these objects into itself, as the tests do, may bring its own functions.
+// A library cannot take their place that way, for it is loaded after them: it is named in WEX_PLATFORM_LIBS,
+// and this file is left out then.
+//
+// Lines reach the system log as syslog(3) writes them, but not through it: syslog(3) waits for ever for a log
+// that does not read, and who writes here may hold the registry.
 #include "wex_platform.h"
 
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <syslog.h>
+#include <time.h>
+
+#include <atomic>
+
+#include "ras_os.h"
+#include "unique_fd.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
 
 namespace {
-constexpr int kLineSize = 1024;
+
+constexpr size_t kTextSize = 1024;
+constexpr size_t kLineSize = 8192;  // a dump shows whole command lines
+
+std::atomic<int32_t> g_deaf_until{0};  // monotonic seconds: the log is not waited for before
+
+unique_fd open_log_socket() {
+  unique_fd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!log.valid() && errno == EINVAL) {  // kernels before 2.6.27
+    log.reset(socket(AF_UNIX, SOCK_DGRAM, 0));
+    ras_os_set_fd_close_on_exec(log.get());
+  }
+  return log;
 }
+
+// A log that is busy gets a moment for each line: a dump is more than its queue may hold. One that took no
+// line in that moment is not waited for again for a while, or until it takes one.
+void send_line(const char* line, size_t length) {
+  const unique_fd log = open_log_socket();
+  sockaddr_un where = {};
+  where.sun_family = AF_UNIX;
+  memcpy(where.sun_path, kSystemLog, sizeof kSystemLog);
+  const int32_t now = wex_clock_now();
+  const bool patient = now >= g_deaf_until.load(std::memory_order_relaxed);
+  const timeval moment = {0, suseconds_t{1000} * kSystemLogWaitMs};
+  setsockopt(log.get(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
+  ssize_t sent;
+  do {
+    sent = sendto(log.get(), line, length, MSG_NOSIGNAL | (patient ? 0 : MSG_DONTWAIT),
+                  reinterpret_cast<const sockaddr*>(&where), sizeof where);
+  } while (sent == -1 && errno == EINTR);
+  if (sent != -1) {
+    g_deaf_until.store(0, std::memory_order_relaxed);
+  } else if (errno == EAGAIN && patient) {
+    g_deaf_until.store(now + kSystemLogDeafSec, std::memory_order_relaxed);
+  }
+}
+
+void write_line(int priority, const char* text) {
+  const int cause = errno;
+  char line[kLineSize];
+  char date[32] = "";
+  tm parts = {};
+  const time_t now = time(nullptr);
+  if (localtime_r(&now, &parts) != nullptr) {
+    strftime(date, sizeof date, "%b %e %H:%M:%S", &parts);
+  }
+  const int facility = (priority & LOG_FACMASK) != 0 ? 0 : LOG_USER;
+  wex_format(line, sizeof line, "<%d>%s %s: %s", priority | facility, date, program_invocation_short_name,
+             text);
+  send_line(line, strlen(line));
+  errno = cause;
+}
+
+}  // namespace
 
 extern "C" {
 
 __attribute__((weak)) void printk_syslog_ext(int severity, const char* facility, const char* mnemonic,
                                              int /*flag*/, const char* format, ...) {
+  char text[kTextSize];
+  char line[kTextSize + kTextSize];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  wex_format(line, sizeof line, "%%%s-%d-%s: %s", facility, severity, mnemonic, text);
+  write_line(severity, line);
+}
+
+__attribute__((weak)) void qx_syslog(int priority, const char* format, ...) {
   char text[kLineSize];
   va_list arguments;
   va_start(arguments, format);
   vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  syslog(severity, "%%%s-%d-%s: %s", facility, severity, mnemonic, text);
-}
-
-__attribute__((weak)) void qx_syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  vsyslog(priority, format, arguments);
-  va_end(arguments);
+  write_line(priority, text);
 }
 
 __attribute__((weak)) int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) {

@@ -1,0 +1,158 @@
+// The generic port's system log: the lines of syslog(3), without its wait for a log that does not read.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "unique_fd.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_platform.h"
+#include "wex_test.h"
+
+namespace {
+
+using namespace wex_test;
+using clock = std::chrono::steady_clock;
+
+struct GenericPort : WexWorld {
+  void SetUp() override {
+    WexWorld::SetUp();
+    unlink(kSystemLog);
+  }
+  void TearDown() override {
+    closelog();
+    unlink(kSystemLog);
+    WexWorld::TearDown();
+  }
+};
+
+// A log whose lines are taken only when the test says so.
+class idle_log {
+ public:
+  idle_log() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_un at = address();
+    EXPECT_EQ(0, bind(socket_.get(), reinterpret_cast<const sockaddr*>(&at), sizeof at)) << strerror(errno);
+  }
+  void fill() const {
+    const unique_fd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un at = address();
+    while (sendto(sender.get(), "x", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&at), sizeof at) ==
+           1) {
+    }
+    ASSERT_EQ(EAGAIN, errno);
+  }
+  // The next line, or "" when there is none.
+  std::string take() const {
+    char line[16384];
+    const ssize_t length = recv(socket_.get(), line, sizeof line, MSG_DONTWAIT);
+    return std::string(line, length > 0 ? static_cast<size_t>(length) : 0);
+  }
+
+ private:
+  static sockaddr_un address() {
+    sockaddr_un at = {};
+    at.sun_family = AF_UNIX;
+    strncpy(at.sun_path, kSystemLog, sizeof at.sun_path - 1);
+    return at;
+  }
+  unique_fd socket_;
+};
+
+template <class Work>
+std::chrono::milliseconds time_of(Work work) {
+  const auto start = clock::now();
+  work();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - start);
+}
+
+}  // namespace
+
+TEST_F(GenericPort, ItsLinesAreThoseOfSyslog) {
+  const idle_log log;
+  for (const int priority : {LOG_INFO, LOG_ERR, LOG_NOTICE | LOG_DAEMON}) {
+    std::string theirs;
+    std::string ours;
+    EXPECT_TRUE(eventually([&] {  // the second may end between the two
+      syslog(priority, "Task: %s/%d\n", "app", 7);
+      qx_syslog(priority, "Task: %s/%d\n", "app", 7);
+      theirs = log.take();
+      ours = log.take();
+      return !theirs.empty() && theirs == ours;
+    })) << theirs
+        << ours;
+  }
+}
+
+TEST_F(GenericPort, ARestartIsALineWithFacilitySeverityAndMnemonic) {
+  const idle_log log;
+  printk_syslog_ext(5, "HA", "HA_SELF_CHECK", 1, "Task: %s/%d\n", "app", 7);
+  const std::string line = log.take();
+  EXPECT_EQ(0U, line.find("<13>")) << line;
+  EXPECT_NE(std::string::npos, line.find(": %HA-5-HA_SELF_CHECK: Task: app/7\n")) << line;
+}
+
+TEST_F(GenericPort, AWholeCommandLineFits) {
+  const idle_log log;
+  const std::string command(4095, 'c');
+  qx_syslog(6, "process: %s\n", command.c_str());
+  EXPECT_NE(std::string::npos, log.take().find(": process: " + command + "\n"));
+}
+
+TEST_F(GenericPort, AFormatInATextIsNoFormat) {
+  const idle_log log;
+  qx_syslog(6, "%s", "100%n %s");
+  EXPECT_NE(std::string::npos, log.take().find(": 100%n %s"));
+}
+
+TEST_F(GenericPort, ALogThatDoesNotReadCostsAMomentOnceAndIsUsedAgainLater) {
+  const idle_log log;
+  log.fill();
+  EXPECT_LT(time_of([] { qx_syslog(6, "first"); }), 1s) << "syslog(3) would wait for ever";
+  EXPECT_LT(time_of([] {
+              for (int line = 0; line < 100; ++line) {
+                printk_syslog_ext(5, "HA", "HA_SELF_CHECK", 1, "line %d", line);
+              }
+            }),
+            1s)
+      << "each line waits";
+  while (!log.take().empty()) {
+  }
+  qx_syslog(6, "it reads again");
+  EXPECT_NE(std::string::npos, log.take().find("it reads again"));
+}
+
+TEST_F(GenericPort, ADumpReachesALogThatReadsMoreSlowlyThanItIsWritten) {
+  constexpr int kLines = 1000;
+  const idle_log log;
+  log.fill();
+  while (!log.take().empty()) {
+  }
+  int taken = 0;
+  std::thread reader([&] {
+    const auto end = clock::now() + 30s;
+    while (taken < kLines && clock::now() < end) {
+      taken += log.take().empty() ? 0 : 1;
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  for (int line = 0; line < kLines; ++line) {
+    qx_syslog(6, "line %d", line);
+  }
+  reader.join();
+  EXPECT_EQ(kLines, taken);
+}
+
+TEST_F(GenericPort, WithoutALogNothingHappensAndErrnoStays) {
+  errno = EDOM;
+  qx_syslog(6, "nobody");
+  printk_syslog_ext(5, "HA", "HA_SELF_CHECK", 1, "nobody");
+  EXPECT_EQ(EDOM, errno);
+  EXPECT_EQ(0, fs_set_vsd_envs(1, 0));
+}
