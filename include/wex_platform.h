@@ -1,6 +1,8 @@
 /* wex_platform: what wex needs from the device's own libraries.
  *
- * A device links its port of these three functions; platform/generic is what runs on a plain Linux box. */
+ * A device builds wex with its port of these three functions, as sources (WEX_PLATFORM) or as libraries
+ * (WEX_PLATFORM_LIBS); platform/generic is what runs on a plain Linux box. wex calls them and offers them to
+ * nobody: a program that links libwex.so and the device's library gets the device's. */
 #ifndef WEX_PLATFORM_H
 #define WEX_PLATFORM_H
 

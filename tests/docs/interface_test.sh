@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # What libwex.so offers, what the headers declare, the linker's map and the package's symbols file agree; the shipped
 # binaries need libc only; each header stands alone. Arguments: libwex.so, wex.
+#
+# The functions of wex_platform.h are the device's. wex calls them and must not offer them: a program that links libwex.so,
+# or a library that wex loads, would get the generic ones in place of the device's.
 set -u
 . "$(dirname "$0")/lib.sh"
 library=$1 daemon=$2
@@ -12,7 +15,11 @@ for header in "${headers[@]}"; do
   grep -E "^/\* ($root/qx-proc-wex|$root/include)/" "$work/aux" | grep -v ' static ' | sed -E 's/.*[ *]([a-z_0-9A-Z]+) \(.*/\1/' >> "$work/headers"
   sed -nE 's/^extern .*[ *]([a-zA-Z_0-9]+)(\[[^]]*\])?;.*/\1/p' "$header" >> "$work/headers"
 done
-sort -u "$work/headers" -o "$work/headers"
+gcc -std=c99 -D_GNU_SOURCE -x c -aux-info "$work/aux" -c -o /dev/null "$root/include/wex_platform.h" || complain wex_platform.h
+sed -nE "s|^/\* $root/include.*[ *]([a-z_0-9A-Z]+) \(.*|\1|p" "$work/aux" | sort -u > "$work/platform"
+[ "$(wc -l < "$work/platform")" = 3 ] || complain "the functions of wex_platform.h were not found: $(cat "$work/platform")"
+sort -u "$work/headers" -o "$work/declared"
+comm -23 "$work/declared" "$work/platform" > "$work/headers"
 nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/exported"
 sed -n '/global:/,/local:/p' "$root/qx-proc-wex/libwex.map" | tr ';' '\n' | sed -nE 's/^(.*:)? *([a-z][a-zA-Z_0-9]*) *$/\2/p' |
   grep -vE '^(global|local)$' | sort -u > "$work/map"
@@ -25,6 +32,8 @@ done
 nm -D --defined-only "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
 comm -23 "$work/headers" "$work/daemon" > "$work/difference"
 complain_each "the daemon does not offer" < "$work/difference"
+comm -12 "$work/platform" "$work/daemon" > "$work/difference"
+complain_each "the daemon displaces the device's" < "$work/difference"
 
 readelf -d "$library" | grep -qF 'soname: [libwex.so.1]' || complain "$library has no soname libwex.so.1"
 for file in "$library" "$daemon"; do
@@ -45,6 +54,6 @@ for page in "$root"/docs/man/*; do
   warnings=$(groff -man -Tutf8 -ww -z "$page" 2>&1) && [ -z "$warnings" ] || complain "$page: ${warnings:-cannot be shown}"
 done
 cat "$root"/docs/man/*.3 | tr -cs 'a-zA-Z_0-9' '\n' | sort -u > "$work/explained"
-comm -23 "$work/headers" "$work/explained" > "$work/difference"
+comm -23 "$work/declared" "$work/explained" > "$work/difference"
 complain_each "no manual page names" < "$work/difference"
 finish
