@@ -536,8 +536,8 @@ namespace {
 
 struct failure {
   const char* inject;
-  const char* last_word;        // of the thread, in the running log
-  const char* complaint;        // an expression for the line on the console
+  const char* last_word;          // of the thread, in the running log
+  const char* complaint;          // an expression for the line on the console
   bool before_listening = false;  // the table of clients still holds zeros
 };
 
@@ -589,24 +589,24 @@ TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, FailingServer,
-    ::testing::Values(failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n",
-                              "set priority fail: Operation not permitted\n", true},
-                      failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n",
-                              "socket sk_unix fail: Too many open files\n", true},
-                      failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n",
-                              "bind sk_unix fail: Read-only file system\n", true},
-                      failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n",
-                              "listen sk_unix fail: Address already in use\n", true},
-                      failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n",
-                              "epoll_create err\\(ret:-1, err:24\\)!\n"},
-                      failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n",
-                              "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
-                      failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n",
-                              "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
-                      failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, ", "event err: .*\n"},
-                      failure{"inject=accept4:error=ECONNABORTED",
-                              "res=-8, Software caused connection abort(103)\r\n",
-                              "accept fail: Software caused connection abort\n"}));
+    ::testing::Values(
+        failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n",
+                "set priority fail: Operation not permitted\n", true},
+        failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n",
+                "socket sk_unix fail: Too many open files\n", true},
+        failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n",
+                "bind sk_unix fail: Read-only file system\n", true},
+        failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n",
+                "listen sk_unix fail: Address already in use\n", true},
+        failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n",
+                "epoll_create err\\(ret:-1, err:24\\)!\n"},
+        failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n",
+                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+        failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n",
+                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+        failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, ", "event err: .*\n"},
+        failure{"inject=accept4:error=ECONNABORTED", "res=-8, Software caused connection abort(103)\r\n",
+                "accept fail: Software caused connection abort\n"}));
 
 #if defined(__x86_64__)
 // The event that is forged is laid out as this machine has it: readiness, then the number 4242.

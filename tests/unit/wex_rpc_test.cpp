@@ -303,8 +303,8 @@ TEST(InnerRecv, ReceivesAgainWhenAReceiveIsInterrupted) {
   const printed out;
   g_recvmsg.fail(3, EINTR);
   EXPECT_EQ(0, receive(pair.here.get()));
-  EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!\n", EINTR,
-                                                strerror(EINTR))));
+  EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!\n",
+                                                EINTR, strerror(EINTR))));
   EXPECT_EQ(-1, queued_record(pair.here.get()));
 }
 
@@ -875,8 +875,8 @@ TEST(Cancel, RemovesNothingWhenTheFilesNameWouldBeCutShort) {
   }
   const std::string link = "/proc/" + std::to_string(pid) + "/exe";
   char target[300] = {};
-  EXPECT_TRUE(eventually(
-      [&] { return readlink(link.c_str(), target, sizeof target - 1) > 0 && target == program; }));
+  EXPECT_TRUE(
+      eventually([&] { return readlink(link.c_str(), target, sizeof target - 1) > 0 && target == program; }));
   const std::string whole = text_of(kDbFileFmt, 0, program.c_str() + 5, pid);
   ASSERT_GT(whole.size(), 255U);
   const std::string others = whole.substr(0, 255);
