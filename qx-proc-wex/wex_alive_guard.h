@@ -7,6 +7,13 @@
 
 #include <cstdint>
 
+#include "wex.h"
+
+// Whether a thread has its byte in the table. All others report with messages.
+inline bool wex_in_alive_table(int32_t tid) {
+  return tid >= 0 && tid < WEX_ALIVE_TIDS;
+}
+
 // Whether the mapped object is still the one that clients find by name. Mends its length when it was cut
 // short. False also when the table is not mapped. Before each scan, one thread at a time.
 bool wex_alive_table_intact();

@@ -18,6 +18,7 @@
 #include "dir_walk.h"
 #include "ras_os.h"
 #include "ras_os_sem.h"
+#include "text_number.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
@@ -83,7 +84,7 @@ void raise_open_file_limit() {
 void keep_inherited_files() {
   dir_walk files(kOwnFiles);
   while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
-    ras_os_set_fd_close_on_exec(static_cast<int>(strtol(entry->d_name, nullptr, 10)));
+    ras_os_set_fd_close_on_exec(text_to_number(entry->d_name));
   }
 }
 

@@ -15,6 +15,7 @@
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -145,7 +146,7 @@ void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chai
     }
     wex_dbg(WEX_DBG_PUB, "%s: delete pid (%d) ppid (%d) from chain!\n", "wex_del_node_chain", thread->pid,
             pid);
-    if (static_cast<uint32_t>(thread->pid) < WEX_ALIVE_TIDS) {
+    if (wex_in_alive_table(thread->pid)) {
       wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
     }
     __wex_drop_record(&wex_alive_chains, thread);

@@ -20,6 +20,7 @@
 
 #include "chain_lock.h"
 #include "ras_os.h"
+#include "text_number.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
 #include "wex_core.h"
@@ -95,18 +96,6 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
   event->time = static_cast<int32_t>(field<uint64_t>(message, kTimeAt) / 1000000000);
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
-  return true;
-}
-
-bool read_number(const char** text, int32_t* value) {
-  char* end = nullptr;
-  errno = 0;
-  const long long number = strtoll(*text, &end, 10);
-  if (end == *text || errno == ERANGE || number < INT32_MIN || number > INT32_MAX) {
-    return false;
-  }
-  *text = end;
-  *value = static_cast<int32_t>(number);
   return true;
 }
 
@@ -480,7 +469,7 @@ void wex_walk_datagram(const uint8_t* bytes, size_t size,
 bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
   int32_t first = 0;
   int32_t second = 0;
-  if (!read_number(&text, &first) || !read_number(&text, &second)) {
+  if (!scan_number(&text, &first) || !scan_number(&text, &second)) {
     return false;
   }
   *window = first;

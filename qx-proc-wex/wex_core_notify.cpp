@@ -31,10 +31,6 @@ struct scan {
   bool abort_sent;  // one process at most is aborted
 };
 
-bool in_table(const wex_pid* thread) {
-  return static_cast<uint32_t>(thread->pid) < WEX_ALIVE_TIDS;
-}
-
 // Counter arithmetic: the values came out of a message and may be anything.
 int32_t add(int32_t value, int32_t more) {
   return static_cast<int32_t>(static_cast<uint32_t>(value) + static_cast<uint32_t>(more));
@@ -42,7 +38,7 @@ int32_t add(int32_t value, int32_t more) {
 
 void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_alive_chains)) {
   wex_dbg(WEX_DBG_ALIVE, "pid is not exist(%d, ret:%d)\n", thread->pid, result);
-  if (in_table(thread)) {
+  if (wex_in_alive_table(thread->pid)) {
     wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
   }
   __wex_drop_record(&wex_alive_chains, thread);
@@ -51,7 +47,7 @@ void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_aliv
 // A changed sequence byte is a report, whatever it changed to. Also in a table that has lost its name:
 // threads that mapped it before still report there.
 void look_for_report(wex_pid* thread) {
-  if (!in_table(thread) || wex_alive_read_bit(static_cast<uint32_t>(thread->pid)) != 1) {
+  if (!wex_in_alive_table(thread->pid) || wex_alive_read_bit(static_cast<uint32_t>(thread->pid)) != 1) {
     return;
   }
   const int sequence = wex_alive_read_seq(static_cast<uint32_t>(thread->pid));

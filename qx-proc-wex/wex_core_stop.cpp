@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,12 +18,6 @@
 
 namespace {
 int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life
-
-int64_t clock_ms() {
-  struct timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 }  // namespace
 
 extern "C" {
@@ -54,10 +47,10 @@ void wex_raise_exit_flag() {
 }
 
 void wex_wait_exit(int64_t milliseconds) {
-  const int64_t deadline = clock_ms() + milliseconds;
+  const int64_t deadline = wex_clock_ms() + milliseconds;
   struct pollfd wakeup = {g_wakeup[0], POLLIN, 0};
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
-       left = deadline - clock_ms()) {
+       left = deadline - wex_clock_ms()) {
     constexpr int64_t kLongestPoll = 3600000;
     poll(&wakeup, 1, static_cast<int>(left < kLongestPoll ? left : kLongestPoll));
   }

@@ -17,6 +17,7 @@
 #include <time.h>
 
 #include "mutex_lock.h"
+#include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
@@ -119,15 +120,12 @@ size_t build_entry(char* entry, const char* format, va_list arguments) {
   return length;
 }
 
-// Leading blanks, a sign, digits, saturating. False when the text holds no number.
-bool scan_number(const char* text, int* number) {
-  char* end = nullptr;
-  const long value = strtol(text, &end, 10);
-  if (end == text) {
-    return false;
-  }
-  *number = value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<int>(value);
-  return true;
+// The number a text begins with, saturating. False when there is none.
+bool read_number(const char* text, int32_t* number) {
+  int64_t value = 0;
+  const bool found = scan_integer(&text, &value);
+  *number = clamp_to_int32(value);
+  return found;
 }
 
 // ---- The running log --------------------------------------------------------------------------------------
@@ -215,7 +213,7 @@ void write_ring_entry(const char* path, int slot, const char* entry, size_t leng
 bool reboot_refused() {
   char text[kSwitchSize];
   int allowed = 1;
-  return wex_read_guarded(kRebootSwitch, text, sizeof(text)) > 0 && scan_number(text, &allowed) &&
+  return wex_read_guarded(kRebootSwitch, text, sizeof(text)) > 0 && read_number(text, &allowed) &&
          allowed == 0;
 }
 
@@ -298,7 +296,7 @@ int wex_log_notify_get_count(const char* path) {
   }
   char text[kNumberSize] = {};
   int count = 0;
-  if (safe_read(file.get(), text, sizeof(text) - 1) < 0 || !scan_number(text, &count)) {
+  if (safe_read(file.get(), text, sizeof(text) - 1) < 0 || !read_number(text, &count)) {
     return 0;
   }
   return count;

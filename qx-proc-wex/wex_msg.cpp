@@ -9,6 +9,7 @@
 #include "wex_msg.h"
 
 #include "chain_lock.h"
+#include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
 #include "wex_dbg.h"
@@ -113,10 +114,6 @@ struct notify_kind {
 constexpr notify_kind kStart = {"wex_notifier_start", false};
 constexpr notify_kind kReset = {"wex_notifier_reset", true};
 
-bool in_alive_table(int32_t tid) {
-  return tid >= 0 && tid < WEX_ALIVE_TIDS;
-}
-
 // The words are kept as they came; whoever counts with them minds their range.
 void copy_counters(wex_pid* rec, const wex_reg_info& body) {
   rec->notify_info[WEX_NTFY_CNT] = body.ntfy_cnt;
@@ -159,7 +156,7 @@ int register_thread(const wex_reg_info& body, const notify_kind& kind) {
   wex_pid* const fresh = build_thread(body, command);
   const chain_lock hold(wex_alive_chains);
   wex_pid* const rec = settle_thread(fresh, body, kind.renews);
-  if (in_alive_table(body.pid)) {
+  if (wex_in_alive_table(body.pid)) {
     const auto tid = static_cast<uint32_t>(body.pid);
     wex_sys_reg_alive_info(tid);
     rec->alive_seq = wex_sys_get_alive_seq(tid);
@@ -172,7 +169,7 @@ void cancel_thread(int32_t tid) {
   record_walk records(wex_alive_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == tid) {
-      if (in_alive_table(tid)) {
+      if (wex_in_alive_table(tid)) {
         wex_sys_unreg_alive_info(static_cast<uint32_t>(tid));
       }
       __wex_drop_record(&wex_alive_chains, rec);

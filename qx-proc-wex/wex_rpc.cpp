@@ -9,8 +9,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <time.h>
 
 #include <atomic>
 #include <climits>
@@ -30,10 +28,6 @@ namespace {
 
 constexpr size_t kPathRoom = sizeof(sockaddr_un::sun_path);
 static_assert(sizeof(kControlSocket) - 1 == 13, "both ends use an address length of 15");
-
-int thread_id() {
-  return static_cast<int>(syscall(SYS_gettid));
-}
 
 int64_t total_size(const wex_inner_msg& msg) {
   return int64_t{WEX_MSG_HEADER_SIZE} + msg.msg_len;
@@ -158,15 +152,9 @@ void disconnect() {
   errno = cause;
 }
 
-int64_t now_ms() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 // Polls one descriptor; a signal of the client's own program does not cut the wait short.
 int poll_one(int sd, short events, int milliseconds, short* seen) {
-  const int64_t end = now_ms() + milliseconds;
+  const int64_t end = wex_clock_ms() + milliseconds;
   pollfd entry = {sd, events, 0};
   int left = milliseconds;
   for (;;) {
@@ -175,7 +163,7 @@ int poll_one(int sd, short events, int milliseconds, short* seen) {
     if (ready != -1 || errno != EINTR) {
       return ready;
     }
-    const int64_t rest = end - now_ms();
+    const int64_t rest = end - wex_clock_ms();
     left = rest > 0 ? static_cast<int>(rest) : 0;
   }
 }
@@ -249,7 +237,7 @@ int wex_connect() {
 bool ensure_connection() {
   if (session.sd >= 0 && wex_check_socket(session.sd) < 0) {
     wex_dbg(WEX_DBG_PUB, "wex_check_socket <0: pid=%d, tid=%ld\r\n", static_cast<int>(getpid()),
-            static_cast<long>(thread_id()));
+            static_cast<long>(wex_thread_id()));
     disconnect();
   }
   if (session.sd < 0) {
@@ -336,8 +324,8 @@ int wex_inner_send_msg(int sd, const wex_inner_msg* msg) {
     return 0;
   }
   wex_dbg(WEX_DBG_PUB, "%s: send msg err(tid:%d, sd:%d, msg_type:%d, msg_len:%d, ret:%d, err:%d, %s)!",
-          __func__, thread_id(), sd, static_cast<int>(msg->msg_type), msg->msg_len, static_cast<int>(sent),
-          errno, strerror(errno));
+          __func__, wex_thread_id(), sd, static_cast<int>(msg->msg_type), msg->msg_len,
+          static_cast<int>(sent), errno, strerror(errno));
   return -1;
 }
 
@@ -418,7 +406,7 @@ void wex_rm_db_file_by_pid(int32_t pid) {
     wex_dbg(WEX_DBG_PUB, "%s pid_to_cmdline(%d) fail\n", __func__, pid);
     return;
   }
-  char path[256];
+  char path[kPathSize];
   const int length = wex_get_db_file_name(found < 0 ? 0 : found, pid, command, path, sizeof path);
   if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
     return;  // a name cut short would be somebody else's file

@@ -8,11 +8,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 
 #include <limits>
 
 #include "ras_os.h"
+#include "text_number.h"
 #include "text_reader.h"
 #include "trusted_path.h"
 #include "wex_dbg.h"
@@ -304,12 +306,26 @@ int process_life(int32_t pid) {
   return -1;
 }
 
+int64_t wex_clock_ms() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+int32_t wex_thread_id() {
+  return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
 bool wex_proc_present(int32_t pid, uint64_t start_time) {
   char text[kStatSize];
   const char* const fields = read_stat(pid, text, sizeof(text));
   const char* const start = fields != nullptr ? stat_field(fields, kStartTimeField) : nullptr;
-  return start != nullptr && *fields != 'Z' && *fields != 'X' && *fields != 'x' &&
-         (start_time == 0 || strtoull(start, nullptr, 10) == start_time);
+  if (start == nullptr || (start_time != 0 && strtoull(start, nullptr, 10) != start_time)) {
+    return false;
+  }
+  // A main thread that ended before the others waits for them as a zombie.
+  return (*fields != 'Z' && *fields != 'X' && *fields != 'x') ||
+         text_to_number(stat_field(fields, kThreadsField)) > 1;
 }
 
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
@@ -334,7 +350,7 @@ int32_t wex_proc_threads(int32_t pid) {
   char text[kStatSize];
   const char* const fields = read_stat(pid, text, sizeof(text));
   const char* const threads = fields != nullptr ? stat_field(fields, kThreadsField) : nullptr;
-  return threads != nullptr ? static_cast<int32_t>(strtol(threads, nullptr, 10)) : 0;
+  return threads != nullptr ? text_to_number(threads) : 0;
 }
 
 bool wex_proc_lives(int32_t pid, uint64_t start_time) {

@@ -56,11 +56,18 @@ int32_t wex_reset_lmk(int32_t pid);
 int wex_get_proc_status(void);
 }
 
+// Milliseconds of the monotonic clock, for waits inside one process.
+int64_t wex_clock_ms();
+
+// The kernel's id of the calling thread.
+int32_t wex_thread_id();
+
 // State letter and start time (clock ticks since boot) of a process, read once; a process that has begun to
 // exit is 'X' or 'Z'. False when it is not there.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
 
-// As wex_proc_lives, but a process that has begun to exit is still there: dumping core may take it long.
+// As wex_proc_lives, but a process that has begun to exit is still there, for dumping core may take it long,
+// and so is one of which only the main thread has ended.
 bool wex_proc_present(int32_t pid, uint64_t start_time);
 
 // Threads of a process that have not ended yet, its leader's zombie included; 0 when it is not there.

@@ -14,6 +14,7 @@
 #include <iterator>
 
 #include "ras_comp_config.h"
+#include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
 #include "wex_limits.h"
@@ -138,9 +139,9 @@ int32_t debug_time(void) {
     return kSelfCheckSec;
   }
   file.reset();
-  const long seconds = strtol(text, nullptr, 10);
+  const int32_t seconds = text_to_number(text);
   if (seconds > 0) {
-    return seconds < INT32_MAX ? static_cast<int32_t>(seconds) : INT32_MAX;
+    return seconds;
   }
   wex_dbg(WEX_DBG_PUB, "%s: atio fail or file is null: %s\n", __func__, strerror(errno));
   return kSelfCheckSec;

@@ -11,7 +11,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -19,6 +18,7 @@
 #include "signals_held.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "wex_alive_guard.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -144,14 +144,6 @@ int32_t become_program(const char* program, char* const* argv) {
 
 // ---- Thread liveness --------------------------------------------------------------------------------------
 
-int32_t current_thread() {
-  return static_cast<int32_t>(syscall(SYS_gettid));
-}
-
-bool in_alive_table(int32_t tid) {
-  return tid >= 0 && tid < WEX_ALIVE_TIDS;
-}
-
 // A thread speaks for itself only.
 bool acceptable(int32_t pid, int32_t tid, int32_t time, int32_t count) {
   if (pid < 1 || tid == 0 || time == 0 || count == 0) {
@@ -159,7 +151,7 @@ bool acceptable(int32_t pid, int32_t tid, int32_t time, int32_t count) {
     return false;
   }
   const int32_t own_pid = getpid();
-  const int32_t own_tid = current_thread();
+  const int32_t own_tid = wex_thread_id();
   if (pid != own_pid || tid != own_tid) {
     wex_dbg(WEX_DBG_PUB, "not cur task reg!(pid:%d, tid:%d, cur_pid:%d, cur_tid:%d)!\n", pid, tid, own_pid,
             own_tid);
@@ -376,7 +368,7 @@ int wex_client_reset_thread_notify(int32_t pid, int32_t tid, int32_t time, int32
   if (exempted(tid)) {
     return 0;
   }
-  if (!in_alive_table(tid)) {
+  if (!wex_in_alive_table(tid)) {
     const wex_reg_info body = thread_body(pid, tid, time);
     wex_rpc(WEX_NOTIFIER_RESET, nullptr, &body, sizeof body, 0,
             1);  // a report must not fail while the daemon is away

@@ -348,6 +348,31 @@ TEST_F(Utils, AProcessThatIsStillExitingIsDeadButPresent) {
   EXPECT_FALSE(wex_proc_present(dying.pid(), started));
 }
 
+TEST_F(Utils, AProcessWhoseMainThreadEndedFirstIsPresentUntilItsLastThreadEnds) {
+  int go_on[2];
+  ASSERT_EQ(0, pipe2(go_on, O_CLOEXEC));
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(go_on[1]);
+    pthread_t other;
+    const auto wait_and_end = [](void* input) -> void* {
+      char byte;
+      (void)!read(*static_cast<int*>(input), &byte, 1);
+      return nullptr;
+    };
+    if (pthread_create(&other, nullptr, wait_and_end, &go_on[0]) != 0) {
+      _exit(1);
+    }
+    syscall(SYS_exit, 0);  // the main thread alone
+  }
+  close(go_on[0]);
+  EXPECT_TRUE(eventually([&] { return !wex_proc_lives(pid, 0); }));
+  EXPECT_TRUE(wex_proc_present(pid, 0));
+  close(go_on[1]);
+  EXPECT_TRUE(eventually([&] { return !wex_proc_present(pid, 0); }));
+  waitpid(pid, nullptr, 0);
+}
+
 TEST_F(Utils, AZombieIsNotPresent) {
   const pid_t zombie = fork();
   if (zombie == 0) {
