@@ -21,7 +21,13 @@ registered_again() {                               # SERVICE OLD-PID
   local now
   now=$(pid_of "$1") && [ "$now" != "$2" ] && [ -e "/tmp/vsd/0/wex/db/${1##*/}.$now" ]
 }
+# A file is there before its message is applied, and only what was applied is restarted.
+applied() { grep -cE 'wex_dispatch_domain_msg type:[12] err:0' /dev/console.log; }
+more_applied() { [ "$(applied)" -gt "$1" ]; }
 
+export DATA_OVIX_DIR=/data/.ovix/vsd/0
+mkdir -p $DATA_OVIX_DIR/qx_utils
+echo 'g_wex_pub_dbg_level 0' > $DATA_OVIX_DIR/qx_utils/qx_utils_dbg_cfg.txt
 env --default-signal "$program" < /dev/null & daemon=$!
 within 15 ready || { echo "the daemon does not answer"; exit 1; }
 # A restart script for each, for those that ask for it.
@@ -30,12 +36,15 @@ for service in "$@"; do
   printf '#!/bin/sh\nexec %s\n' "$service" > "/etc/cmdmap/${service##*/}.sh"
 done
 for service in "$@"; do
+  before=$(applied)
   (cd / && exec setsid "$service" < /dev/null > /dev/null 2>&1) &
   disown $!
   within 10 registered_again "$service" 0 || { echo "${service##*/} does not register"; status=1; continue; }
+  within 5 more_applied "$before" || { echo "${service##*/} sends no message"; status=1; }
   old=$(pid_of "$service")
+  before=$(applied)
   kill -KILL "$old"
-  within 15 registered_again "$service" "$old" || { echo "${service##*/} does not come back"; status=1; }
+  within 15 registered_again "$service" "$old" && within 5 more_applied "$before" || { echo "${service##*/} does not come back"; status=1; }
   runs_once() { local dir count=0; for dir in /proc/[0-9]*; do [ "$dir/exe" -ef "$service" ] && [ "$dir/root" -ef / ] && count=$((count + 1)); done 2> /dev/null; [ $count -eq 1 ]; }
   within 5 runs_once || { echo "${service##*/} does not run exactly once"; status=1; }
 done
@@ -53,10 +62,11 @@ script_runs() {                                    # PATH OLD-PID: registered; i
 }
 for script in $scripts; do
   path=$(sed -n 's|^# \(/[^:]*\):.*|\1|p' "$script")
+  before=$(applied)
   cp "$script" "$path" && chmod +x "$path"
   (cd / && exec setsid "$path" < /dev/null > /dev/null 2>&1) &
   disown $!
-  within 10 script_runs "$path" 0 || { echo "$path does not register"; status=1; continue; }
+  within 10 script_runs "$path" 0 && within 5 more_applied "$before" || { echo "$path does not register"; status=1; continue; }
   old=$pid
   kill -KILL "$old"
   within 15 script_runs "$path" "$old" || { echo "$path does not come back"; status=1; }
