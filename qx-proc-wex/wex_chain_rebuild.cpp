@@ -12,6 +12,7 @@
 #include "text_block.h"
 #include "wex_core.h"
 #include "wex_dbg.h"
+#include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
@@ -82,18 +83,19 @@ void restore(wex_chains_t* chain, wex_pid* rec) {
 }
 
 // All names are read before the first restart: a restarted program makes a new file at once, and some file
-// systems would show it to a walk that has already begun. It would be taken for a second registration.
-void read_names(const char* dir, text_block* names) {
+// systems would show it to a walk that has already begun. It would be taken for a second registration. False
+// while there is no memory to begin with.
+bool read_names(const char* dir, text_block* names) {
   dir_walk walk(dir);
   if (!walk.valid()) {
-    return;
+    return errno != ENOMEM;
   }
   for (const dirent* entry = walk.next(); entry != nullptr; entry = walk.next()) {
-    if (!names->append("%s", entry->d_name)) {
-      wex_dbg(WEX_DBG_PUB, "no memory for the names in %s\n", dir);
-      return;
+    while (!names->append("%s", entry->d_name)) {
+      safe_sleep(kMemoryRetrySec);  // a name left out would be a program left alone
     }
   }
+  return true;
 }
 
 void restore_domain(wex_chains_t* chain, int32_t vsd) {
@@ -102,7 +104,9 @@ void restore_domain(wex_chains_t* chain, int32_t vsd) {
   if (!wex_format(dir, sizeof dir, kDbDirFmt, vsd)) {
     return;
   }
-  read_names(dir, &names);
+  while (!read_names(dir, &names)) {
+    safe_sleep(kMemoryRetrySec);
+  }
   for (const char* name = names.next(nullptr); name != nullptr; name = names.next(name)) {
     wex_pid* const rec = read_record(vsd, dir, name);
     if (rec != nullptr) {

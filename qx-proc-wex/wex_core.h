@@ -63,6 +63,10 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
+// What comes before every exit is handled: while a domain is taken down, the record and the database file of
+// `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.
+bool wex_drop_taken_down(int32_t pid);
+
 // Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
 // Delay thread only; others ask for it.
 void wex_sweep_lost_exits();

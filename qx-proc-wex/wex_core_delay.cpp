@@ -145,6 +145,9 @@ void wex_sweep_lost_exits() {
   }
   for (int i = 0; i < count; ++i) {
     wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", __func__, lost[i]);
+    if (wex_drop_taken_down(lost[i])) {
+      continue;
+    }
     wex_handle_netlink_exit(lost[i], 0, 0);  // 0 is what stands for a cause that nobody knows
   }
 }

@@ -154,31 +154,21 @@ bool is_registered(int32_t pid, int32_t tgid) {
 // While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
 // stays and would switch supervision off in silence, hence the lines in the running log.
 bool take_down_under_way() {
-  static bool told = false;
+  static std::atomic<bool> told{false};
   for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
     char marker[kPathSize];
     wex_format(marker, sizeof marker, kTakeDownFmt, domain);
     if (access(marker, F_OK) == 0) {
-      if (!told) {
+      if (!told.exchange(true)) {
         wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
       }
-      told = true;
       return true;
     }
   }
-  if (told) {
+  if (told.exchange(false)) {
     wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
   }
-  told = false;
   return false;
-}
-
-void drop_taken_down(int32_t pid) {
-  chain_lock hold(wex_chains);
-  if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
-  }
 }
 
 void note_crash(int32_t pid, int32_t tgid, int32_t now) {
@@ -229,8 +219,7 @@ void handle_exit(const process_event& event) {
   if (!is_registered(event.pid, event.tgid)) {
     return;  // whatever the markers say, an unknown process is nobody's business
   }
-  if (take_down_under_way()) {
-    drop_taken_down(event.pid);
+  if (wex_drop_taken_down(event.pid)) {
     return;
   }
   const int32_t now = wex_clock_now();
@@ -474,6 +463,18 @@ bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
   }
   *window = first;
   *count = second;
+  return true;
+}
+
+bool wex_drop_taken_down(int32_t pid) {
+  if (!take_down_under_way()) {
+    return false;
+  }
+  chain_lock hold(wex_chains);
+  if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_db_destroy(rec);
+    __wex_drop_record(&wex_chains, rec);
+  }
   return true;
 }
 

@@ -196,7 +196,7 @@ void empty_ring(const char* path) {
 
 // Overwrites the entry of `slot` byte for byte; the tail of a longer old entry stays behind the new one.
 void write_ring_entry(const char* path, int slot, const char* entry, size_t length) {
-  const unique_fd ring = wex_open_file(path, O_RDWR);
+  const unique_fd ring = wex_open_file(path, O_RDWR | O_CREAT, kLogMode);
   if (!ring.valid()) {
     return;
   }

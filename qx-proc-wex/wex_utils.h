@@ -77,9 +77,9 @@ int32_t wex_proc_threads(int32_t pid);
 bool wex_proc_lives(int32_t pid, uint64_t start_time);
 
 // Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
-// for writing only those with a single name (else EMLINK). `flags` may hold O_CREAT, O_TRUNC, O_APPEND,
-// O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid with errno when
-// refused.
+// to create, truncate or append only those with a single name (else EMLINK). `flags` may hold O_CREAT,
+// O_TRUNC, O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid
+// with errno when refused.
 unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 
 // Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.

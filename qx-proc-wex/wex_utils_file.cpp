@@ -22,8 +22,8 @@
 
 namespace {
 
-// Refuses everything but a regular file, and one with a second name when it may be written: anybody may give
-// any file a name in our directories.
+// Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
+// may give any file a name in our directories.
 bool check_kind(int fd, int flags) {
   struct stat status = {};
   if (fstat(fd, &status) != 0) {
@@ -33,7 +33,7 @@ bool check_kind(int fd, int flags) {
     errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
     return false;
   }
-  if ((flags & O_ACCMODE) != O_RDONLY && status.st_nlink > 1) {
+  if ((flags & (O_CREAT | O_TRUNC | O_APPEND)) != 0 && status.st_nlink > 1) {
     errno = EMLINK;
     return false;
   }

@@ -66,6 +66,24 @@ TEST_F(LostExits, AProgramWhoseExitDrownedIsRestartedAllTheSame) {
       << "nobody knows why it ended";
 }
 
+TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen) {
+  Service service("taken");
+  ASSERT_TRUE(service.start());
+  const pid_t old_pid = service.pid();
+  const std::string file = db_file("actor", old_pid);
+  ASSERT_TRUE(exists(file));
+  make_dirs("/tmp/vsd/5");
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  stop_daemon();
+  many_exits(700);
+  service.end();
+  daemon_.send(SIGCONT);
+  EXPECT_TRUE(console_says("exit of pid " + std::to_string(old_pid) + " was lost\n", 20s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return !exists(file); }));
+  unlink("/tmp/vsd/5/delete_vsd");
+  EXPECT_TRUE(never([&] { return wait_for_actor(service.options(), old_pid, 0ms) != 0; }, 3s));
+}
+
 TEST_F(LostExits, AnOverflowLeavesLivingProgramsAlone) {
   Service service("living");
   ASSERT_TRUE(service.start());

@@ -1,7 +1,9 @@
 // wex_chain_rebuild: what a starting daemon makes of the database files it finds, with real programs.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "chain_lock.h"
 #include "registry_files.h"
@@ -12,6 +14,37 @@
 #include "wex_utils.h"
 
 using namespace registry;
+
+namespace {
+
+// How many calls find no memory from now on.
+int short_of_memory = 0;
+
+bool memory_is_short() {
+  if (short_of_memory <= 0) {
+    return false;
+  }
+  --short_of_memory;
+  errno = ENOMEM;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+DIR* __real_fdopendir(int fd);
+void* __real_realloc(void* block, size_t size);
+DIR* __wrap_fdopendir(int fd);
+void* __wrap_realloc(void* block, size_t size);
+
+DIR* __wrap_fdopendir(int fd) {
+  return memory_is_short() ? nullptr : __real_fdopendir(fd);
+}
+
+void* __wrap_realloc(void* block, size_t size) {
+  return memory_is_short() ? nullptr : __real_realloc(block, size);
+}
+}
 
 namespace {
 
@@ -92,6 +125,17 @@ TEST_F(Rebuild, LivingProcessIsTakenOverUntouched) {
   EXPECT_EQ(0U, rec->flags);
   EXPECT_TRUE(wex_record_lives(rec));
   EXPECT_TRUE(is_locked_for_others(db_file(3, "foo", alive.pid())));
+}
+
+TEST_F(Rebuild, NoRegistrationIsLeftOutBecauseMemoryIsShort) {
+  const service alive;
+  write_file(db_file(0, "foo", alive.pid()), content(alive.pid(), 2, "/opt/foo"));
+  short_of_memory = 2;  // one for the directory, one for its names
+  const auto start = std::chrono::steady_clock::now();
+  rebuild();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 10s) << "nothing was short";
+  EXPECT_EQ(0, short_of_memory);
+  EXPECT_NE(nullptr, find(alive.pid()));
 }
 
 TEST_F(Rebuild, StrangerUnderTheOldPidIsKeptButTold) {

@@ -584,15 +584,16 @@ TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
   EXPECT_FALSE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
 }
 
-TEST_F(OpenRule, AFileWithASecondNameIsReadButNeverWritten) {
+TEST_F(OpenRule, AFileWithASecondNameIsNeverCreatedTruncatedOrAppendedTo) {
   write_file("/tmp/victim", "precious");
   ASSERT_EQ(0, link("/tmp/victim", "/tmp/r/log"));
-  for (const int flags : {O_WRONLY | O_CREAT | O_TRUNC, O_WRONLY | O_APPEND, O_RDWR}) {
+  for (const int flags : {O_WRONLY | O_CREAT | O_TRUNC, O_WRONLY | O_APPEND, O_RDWR | O_CREAT}) {
     EXPECT_FALSE(wex_open_file("/tmp/r/log", flags, 0666).valid());
     EXPECT_EQ(EMLINK, errno);
   }
   EXPECT_EQ("precious", contents("/tmp/victim"));
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
+  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDWR).valid()) << "its lock may be tried";
 }
 
 TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
