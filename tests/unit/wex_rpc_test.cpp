@@ -16,6 +16,7 @@ namespace {
 
 injection g_calloc;
 injection g_poll;
+std::atomic<short> g_poll_says{0};  // what a poll for one second finds instead of looking; 0: it looks
 
 }  // namespace
 
@@ -26,6 +27,10 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 int __real_poll(pollfd* entries, nfds_t count, int milliseconds);
 int __wrap_poll(pollfd* entries, nfds_t count, int milliseconds) {
+  if (milliseconds == 1000 && g_poll_says != 0) {
+    entries[0].revents = g_poll_says;
+    return 1;
+  }
   return g_poll.now() ? -1 : __real_poll(entries, count, milliseconds);
 }
 }
@@ -226,6 +231,37 @@ TEST(Rpc, FailsWhenTheDaemonHangsUpInsteadOfAcknowledging) {
   auto next = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 0, 0); });
   EXPECT_FALSE(daemon.accept().receive().closed);
   EXPECT_EQ(0, next.get());
+}
+
+// Hang-up and error without input: there is nothing to receive, whatever is in the queue.
+TEST(Rpc, FailsWhenTheConnectionBreaksWhileItWaits) {
+  const daemon_end daemon;
+  for (const int events : {POLLHUP, POLLERR}) {
+    const printed out;
+    g_poll_says = static_cast<short>(events);
+    const int result = wex_rpc(1, nullptr, nullptr, 0, 1, 0);
+    g_poll_says = 0;
+    EXPECT_EQ(-1, result);
+    EXPECT_TRUE(out.has("]wex_rpc: recv ack err(ret:-1, err:"));
+    EXPECT_FALSE(out.has("recv peek err(")) << "it must not receive";
+    const peer client = daemon.accept();
+    EXPECT_EQ(1U, client.receive().header.msg_type);
+    EXPECT_TRUE(client.receive().closed);
+  }
+}
+
+TEST(Rpc, TakesAnyWellFormedAcknowledgementUnexamined) {
+  const daemon_end daemon;
+  auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
+  const peer client = daemon.accept();
+  client.receive();
+  std::string odd(WEX_MSG_HEADER_SIZE + 8, '\xff');
+  const uint32_t head[2] = {9, 8};  // a type that nobody knows, and a payload
+  memcpy(&odd[0], head, sizeof head);
+  ASSERT_EQ(static_cast<ssize_t>(odd.size()), send(client.fd(), odd.data(), odd.size(), MSG_NOSIGNAL));
+  EXPECT_EQ(0, result.get());
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_EQ(2U, client.receive().header.msg_type) << "the connection must be kept, and nothing left in it";
 }
 
 TEST(Rpc, FailsOnAMalformedAcknowledgement) {
