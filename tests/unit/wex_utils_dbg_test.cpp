@@ -41,6 +41,10 @@ std::vector<int32_t> levels() {
 
 using Levels = std::vector<int32_t>;
 
+void set_all_levels(const Levels& wanted) {
+  std::copy(wanted.begin(), wanted.end(), g_wex_dbg_level);
+}
+
 // A directory of exactly this many characters that holds the configuration file.
 std::string long_directory(size_t length) {
   std::string path = "/tmp/d";
@@ -163,9 +167,12 @@ TEST_F(Diagnostics, AMissingFileIsSilentAndChangesNothing) {
 
 TEST_F(Diagnostics, AnUnsetDirectoryIsSaidAtAnyLevel) {
   unsetenv(RAS_DATA_OVIX_ENV);
-  EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_data_ovix_path, N>:get DATA_OVIX_DIR fail!\r\n",
-            lines_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
-  EXPECT_EQ((Levels{4, 4, 4}), levels());
+  for (const Levels& before : {Levels{4, 4, 4}, Levels{2, 3, 5}}) {
+    set_all_levels(before);
+    EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_data_ovix_path, N>:get DATA_OVIX_DIR fail!\r\n",
+              lines_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
+    EXPECT_EQ(before, levels());
+  }
 }
 
 TEST_F(Diagnostics, ADirectoryOf225CharactersIsAccepted) {
@@ -177,10 +184,13 @@ TEST_F(Diagnostics, ADirectoryOf225CharactersIsAccepted) {
 TEST_F(Diagnostics, ADirectoryOf226CharactersIsRefused) {
   const std::string directory = long_directory(226);
   setenv(RAS_DATA_OVIX_ENV, directory.c_str(), 1);
-  EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_path, N>:not enough path memory(prefix:" + directory +
-                ", suffix:/qx_utils/qx_utils_dbg_cfg.txt, len:256)!\n",
-            lines_of([] { wex_parse_dbg_file(); }));
-  EXPECT_EQ(4, g_wex_dbg_level[0]);
+  for (const Levels& before : {Levels{4, 4, 4}, Levels{2, 3, 5}}) {
+    set_all_levels(before);
+    EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_path, N>:not enough path memory(prefix:" + directory +
+                  ", suffix:/qx_utils/qx_utils_dbg_cfg.txt, len:256)!\n",
+              lines_of([] { wex_parse_dbg_file(); }));
+    EXPECT_EQ(before, levels());
+  }
 }
 
 TEST_F(SelfCheckWait, ANumberAboveZeroIsTaken) {

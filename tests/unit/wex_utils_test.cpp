@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 
@@ -51,6 +52,19 @@ std::string cmdline(pid_t pid, size_t size) {
   char* const result = pid_to_cmdline(pid, buffer.data(), size);
   EXPECT_EQ('#', buffer[size]) << "written behind the buffer";
   return result == nullptr ? "<null>" : result;
+}
+
+// Reading calls of this thread so far, this one's own included.
+long reads_so_far() {
+  const std::string facts = contents("/proc/thread-self/io");
+  return strtol(facts.c_str() + facts.find("syscr: ") + 7, nullptr, 10);
+}
+
+long reads_of(const std::function<void()>& work) {
+  const long idle_from = reads_so_far();
+  const long from = reads_so_far();
+  work();
+  return reads_so_far() - from - (from - idle_from);
 }
 
 void copy_program(const char* from, const char* to) {
@@ -316,6 +330,30 @@ TEST_F(Utils, AZombieAndANobodyAreGoneAfterThreeLooks) {
   EXPECT_FALSE(wex_proc_stat(zombie, &state, nullptr));
 }
 
+TEST_F(Utils, OneLookAtALivingProcessIsEnoughAndThreeAtADeadOne) {
+  const lasting_child living;
+  const pid_t zombie = fork();
+  if (zombie == 0) {
+    _exit(0);
+  }
+  siginfo_t info = {};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT));
+  const long one_look = reads_of([&] { EXPECT_TRUE(wex_proc_stat(zombie, nullptr, nullptr)); });
+  ASSERT_GT(one_look, 0);
+  EXPECT_EQ(one_look, reads_of([&] { EXPECT_EQ(0, process_life(living.pid())); }));
+  EXPECT_EQ(3 * one_look, reads_of([&] { EXPECT_EQ(-1, process_life(zombie)); }));
+  waitpid(zombie, nullptr, 0);
+}
+
+TEST_F(Utils, TheLooksAtADeadProcessAreTenMillisecondsApart) {
+  milliseconds least(1000);
+  for (int attempt = 0; attempt < 20 && least >= milliseconds(60); ++attempt) {  // a busy machine adds to it
+    least = std::min(least, time_of([] { EXPECT_EQ(-1, process_life(INT32_MAX)); }));
+  }
+  EXPECT_GE(least, milliseconds(30));
+  EXPECT_LT(least, milliseconds(60));
+}
+
 TEST_F(Utils, TheStartTimeTellsAProcessFromItsPid) {
   const lasting_child child;
   uint64_t started = 0;
@@ -481,6 +519,35 @@ TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
   write_file(kWexStatus, "");
   EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: read wex_status file fail: Success\n",
             lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+}
+
+// ---- Failures ---------------------------------------------------------------------------------------------
+
+TEST_F(Utils, WhateverFailsIsToldByTheResultAlone) {
+  set_levels(0, 0);
+  g_wex_dbg_level[WEX_DBG_LIB] = 0;
+  EXPECT_EQ("", output_of([] {
+              char text[16];
+              EXPECT_EQ(-1, safe_read(-1, text, 1));
+              EXPECT_EQ(-1, safe_write(-1, text, 1));
+              EXPECT_EQ(-1, wex_read_to_buf("/tmp/none", text, sizeof(text)));
+              EXPECT_EQ(-1, wex_read_to_buf("/tmp", text, sizeof(text)));
+              EXPECT_EQ(nullptr, pid_to_cmdline(INT32_MAX, text, sizeof(text)));
+              EXPECT_EQ(-1, wex_get_ppid_form_pid(INT32_MAX));
+              EXPECT_EQ(-1, wex_get_pid_name(INT32_MAX, text, sizeof(text)));
+              EXPECT_EQ(-1, process_life(INT32_MAX));
+              EXPECT_EQ(-1, already_running("/tmp/none/lock"));
+            }));
+}
+
+TEST_F(Utils, TheTwoThatTellTheirFailuresAreSilentAtLevelFour) {
+  make_lowmem_dir();
+  EXPECT_EQ("", output_of([] {
+              EXPECT_EQ(-1, wex_get_proc_status());
+              EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1));
+            }));
+  write_file(kWexStatus, "");
+  EXPECT_EQ("", output_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
 }
 
 // ---- Files that others may have planted -------------------------------------------------------------------
