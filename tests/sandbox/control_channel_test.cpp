@@ -1,108 +1,23 @@
 // The control channel of the real daemon: honest clients, careless ones and hostile ones.
+#include "control_client.h"
+
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <climits>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <functional>
 #include <memory>
-#include <ostream>
-#include <regex>
+#include <sstream>
 
-#include "unique_fd.h"
-#include "wex.h"
-#include "wex_limits.h"
-#include "wex_paths.h"
 #include "wex_rpc.h"
 #include "wex_sys_alive.h"
-#include "wex_test.h"
 
-using namespace wex_test;
+using namespace control_client;
 
 namespace {
-
-constexpr size_t kHeader = WEX_MSG_HEADER_SIZE;
-
-size_t occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
-// A client without the library: it can send what the library never would.
-class raw_client {
- public:
-  raw_client() : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    if (connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), 2 + sizeof kControlSocket - 1) != 0) {
-      fd_.reset();
-    }
-  }
-  bool connected() const { return fd_.valid(); }
-  bool send_bytes(const void* bytes, size_t size, int flags = 0) const {
-    return send(fd_.get(), bytes, size, MSG_NOSIGNAL | flags) == static_cast<ssize_t>(size);
-  }
-  // A record of `size` bytes whose header says what it likes.
-  bool send_record(uint32_t type, int32_t length, size_t size, int flags = 0) const {
-    std::vector<char> record(std::max(size, kHeader));
-    memcpy(record.data(), &type, sizeof type);
-    memcpy(record.data() + 4, &length, sizeof length);
-    return send_bytes(record.data(), size, flags);
-  }
-  template <class Body>
-  bool send_body(uint32_t type, const Body& body, const std::string& name = "") const {
-    std::vector<char> record(kHeader + sizeof body);
-    const auto length = static_cast<int32_t>(sizeof body);
-    memcpy(record.data(), &type, sizeof type);
-    memcpy(record.data() + 4, &length, sizeof length);
-    memcpy(record.data() + 8, name.data(), std::min(name.size(), size_t{256}));
-    memcpy(record.data() + kHeader, &body, sizeof body);
-    return send_bytes(record.data(), record.size());
-  }
-  // The size of the next record, 0 when the daemon has hung up, -1 when nothing came.
-  ssize_t next(std::string* record = nullptr, milliseconds limit = 5s) const {
-    pollfd entry = {fd_.get(), POLLIN, 0};
-    char bytes[1024];
-    if (poll(&entry, 1, static_cast<int>(limit.count())) != 1) {
-      return -1;
-    }
-    const ssize_t got = recv(fd_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
-    if (got > 0 && record != nullptr) {
-      record->assign(bytes, static_cast<size_t>(got));
-    }
-    return got > 0 ? got : 0;  // a reset is a hang-up too
-  }
-  bool acknowledged() const {
-    std::string record;
-    return next(&record) == static_cast<ssize_t>(kHeader) && record == std::string(kHeader, '\0');
-  }
-  bool dropped() const { return next() == 0; }
-
- private:
-  unique_fd fd_;
-};
-
-wex_reg_info body_of(int32_t pid) {
-  wex_reg_info body = {};
-  body.pid = pid;
-  return body;
-}
-
-wex_cons_info harmless() {
-  return {7, 0};
-}
 
 // The library keeps its connection for the life of its process, so its calls are made in one that ends.
 pid_t start_child(const std::function<int()>& work) {
@@ -125,36 +40,17 @@ int in_child(const std::function<int()>& work) {
   return status_of(start_child(work));
 }
 
-size_t descriptors_of(pid_t pid) {
-  return list_dir("/proc/" + std::to_string(pid) + "/fd").size();
+// Real-time priority and policy of a thread, as /proc has them: "99 1" is first in, first out at 99.
+std::string scheduling_of(pid_t pid, const std::string& name) {
+  const std::string tid = thread_of(pid, name);
+  std::istringstream fields(read_file("/proc/" + std::to_string(pid) + "/task/" + tid + "/stat"));
+  std::string field;
+  std::string wanted;
+  for (int number = 1; fields >> field; ++number) {  // no name of ours holds a blank
+    wanted += number == 40 ? field + " " : number == 41 ? field : "";
+  }
+  return wanted;
 }
-
-std::string dispatched(uint32_t type, int result) {
-  return "]wex_dispatch_domain_msg type:" + std::to_string(type) + " err:" + std::to_string(result) + "\n";
-}
-
-struct ControlChannel : WexWorld {
-  void SetUp() override {
-    WexWorld::SetUp();
-    ASSERT_FALSE(HasFatalFailure());
-  }
-  void TearDown() override {
-    daemon.kill_now();
-    WexWorld::TearDown();
-  }
-  void start() {
-    ASSERT_TRUE(daemon.start());
-    mark_console();
-  }
-  // The daemon serves others, at once.
-  static bool serves() {
-    const raw_client other;
-    return other.connected() && other.send_body(WEX_CONS_MSG, harmless()) && other.acknowledged();
-  }
-  static std::string running_log() { return read_file(kRunningLog1) + read_file(kRunningLog2); }
-
-  Daemon daemon;
-};
 
 }  // namespace
 
@@ -240,19 +136,70 @@ TEST_F(ControlChannel, AcknowledgesBeforeItHandles) {
   EXPECT_GT(wait_for_actor(options, first), 0);
 }
 
+// What is to be registered is looked at in /proc: the look belongs to the handler.
+TEST_F(ControlChannel, AcknowledgesEachRegistrationBeforeItLooksAtTheProcess) {
+  ASSERT_TRUE(daemon.start_traced({"trace=recvmsg,sendto,readlink,readlinkat,openat"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const std::vector<std::string> options = {"--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  const pid_t pid = wait_for_actor(options);
+  const raw_client client;
+  for (const uint32_t type : {1U, 2U, 3U}) {
+    ASSERT_TRUE(client.send_body(type, body_of(pid)));
+    ASSERT_TRUE(client.acknowledged());
+    ASSERT_TRUE(console_says(dispatched(type, 0)));
+  }
+  const std::string server = thread_of(daemon.pid(), "wex_process_dom") + " ";
+  const std::string process = "\"/proc/" + std::to_string(pid) + "/";
+  std::string steps;  // r: received, s: sent, p: looked at the process; repeated looks as one
+  EXPECT_TRUE(eventually([&] {
+    steps.clear();
+    for (const std::string& line : lines_of(Daemon::trace())) {
+      if (line.compare(0, server.size(), server) != 0) {
+        continue;
+      }
+      const char step = line.find(" recvmsg(") != std::string::npos  ? 'r'
+                        : line.find(" sendto(") != std::string::npos ? 's'
+                        : line.find(process) != std::string::npos    ? 'p'
+                                                                     : '\0';
+      if (step != '\0' && (step != 'p' || steps.empty() || steps.back() != 'p')) {
+        steps += step;
+      }
+    }
+    return steps == "rsprsprsp";
+  })) << steps;
+}
+
 TEST_F(ControlChannel, RefusesOtherTypesAndDropsTheirSenderOnly) {
   start();
+  const std::vector<std::string> options = {"--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  const pid_t pid = wait_for_actor(options);  // whoever applied the message could register it
   const raw_client honest;
   for (const uint32_t type : {0U, 6U, 268U, 0x7fffffffU, 0xffffffffU}) {
     const raw_client client;
-    ASSERT_TRUE(client.send_body(type, body_of(0)));
+    ASSERT_TRUE(client.send_body(type, body_of(pid)));
     EXPECT_TRUE(client.dropped()) << type;
     EXPECT_TRUE(console_says("]recv unknown type msg " + std::to_string(static_cast<int32_t>(type)) + "\n"));
   }
-  EXPECT_FALSE(read_console().find("wex_dispatch_domain_msg type:6") != std::string::npos)
-      << "it was applied";
   ASSERT_TRUE(honest.send_body(WEX_CONS_MSG, harmless()));
   EXPECT_TRUE(honest.acknowledged());
+  ASSERT_TRUE(console_says(dispatched(5, 0)));
+  EXPECT_EQ(1U, occurrences(read_console(), "]wex_dispatch_domain_msg ")) << "one of them was applied";
+  service.kill_now();
+  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(options)).empty(); }, 700ms))
+      << "one of them registered it";
+}
+
+TEST_F(ControlChannel, ARequestWhoseHandlerFailsSucceedsAllTheSame) {
+  start();
+  EXPECT_EQ(0, in_child([] {
+              const wex_reg_info nobody = body_of(0);
+              return wex_rpc(WEX_RESTART, nullptr, &nobody, sizeof nobody, 1, 0);
+            }));
+  EXPECT_TRUE(console_says(dispatched(1, -1)));
 }
 
 TEST_F(ControlChannel, DropsAClientThatLeavesWithoutAWord) {
@@ -297,6 +244,23 @@ TEST_F(ControlChannel, DropsClientsWhoseRecordsLieAndTakesNoMemoryForThem) {
   EXPECT_EQ(0U, occurrences(read_console(), "wex_dispatch_domain_msg type:1 "));
 }
 
+TEST_F(ControlChannel, KeepsItsClientsFromTheProgramsItStarts) {
+  start();
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+  ASSERT_TRUE(client.acknowledged());
+  EXPECT_EQ(std::vector<std::string>{}, inheritable_files_of(daemon.pid()));
+}
+
+// The server, the monitor and the watchdog stand above everything else on the device.
+TEST_F(ControlChannel, ItsUrgentThreadsRunFirstInFirstOutAtPriority99) {
+  start();
+  for (const char* const name : {"wex_process_dom", "wex_process_net", "wex_thread_noti"}) {
+    EXPECT_TRUE(eventually([&] { return scheduling_of(daemon.pid(), name) == "99 1"; }))
+        << name << ": " << scheduling_of(daemon.pid(), name);
+  }
+}
+
 TEST_F(ControlChannel, ReadsAShortPayloadAsZerosAndIgnoresALongOnesRest) {
   start();
   const std::vector<std::string> options = {"--hold"};
@@ -322,16 +286,36 @@ TEST_F(ControlChannel, ReadsAShortPayloadAsZerosAndIgnoresALongOnesRest) {
       << "it was not cancelled";
 }
 
+// Of a name that fills its field 255 characters are kept, and nothing of what lies behind it.
 TEST_F(ControlChannel, TakesANameWithoutATerminator) {
+  constexpr char kTold[] = "/tmp/told";
+  write_file("/etc/cmdmap/probe", std::string("echo \"$# $1\" > ") + kTold + ".part\nmv " + kTold + ".part " +
+                                      kTold + "\nexec " + actor_binary() + " --hold\n");
   start();
-  const std::vector<std::string> options = {"--hold"};
+  const std::vector<std::string> options = {"--hold", "--label=named"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
+  const wex_reg_info body = body_of(wait_for_actor(options));
+  struct {
+    uint32_t type = WEX_SHELL_RESTART;
+    int32_t length = sizeof(wex_reg_info);
+    char name[256];
+    uint32_t reserved = 0x42424242;
+    wex_reg_info body;
+  } record;
+  static_assert(sizeof record == kHeader + sizeof(wex_reg_info), "a record without gaps");
+  memset(record.name, 'n', sizeof record.name);
+  memcpy(record.name, "probe ", 6);
+  record.body = body;
   const raw_client client;
-  ASSERT_TRUE(client.send_body(WEX_SHELL_RESTART, body_of(wait_for_actor(options)), std::string(256, 'n')));
+  ASSERT_TRUE(client.send_bytes(&record, sizeof record));
   EXPECT_TRUE(client.acknowledged());
   EXPECT_TRUE(console_says(dispatched(2, 0)));
   EXPECT_TRUE(serves());
+  service.kill_now();
+  EXPECT_TRUE(eventually([&] { return exists(kTold); })) << read_console();
+  EXPECT_EQ("1 " + std::string(249, 'n') + "\n", read_file(kTold));
+  unlink(kTold);
 }
 
 TEST_F(ControlChannel, RegistersAThreadInTheTableByMessage) {
@@ -528,169 +512,4 @@ TEST_F(ControlChannel, ALongRestartDelayIsToldInTheRunningLog) {
     return running_log().find("Process " + std::to_string(pid) +
                               " wants its restarts delayed by 3601 s.\r\n") != std::string::npos;
   }));
-}
-
-// ---- System calls that fail -------------------------------------------------------------------------------
-
-namespace {
-
-struct failure {
-  const char* inject;
-  const char* last_word;          // of the thread, in the running log
-  const char* complaint;          // an expression for the line on the console
-  bool before_listening = false;  // the table of clients still holds zeros
-};
-
-std::ostream& operator<<(std::ostream& out, const failure& row) {
-  return out << row.inject;
-}
-
-class FailingServer : public ControlChannel, public ::testing::WithParamInterface<failure> {};
-
-// How often the server closes descriptor 0 before it opens the running log, which may get that number.
-int closes_of_standard_input() {
-  std::string server;
-  int times = 0;
-  for (const std::string& line : lines_of(Daemon::trace())) {
-    if (line.find("PR_SET_NAME, \"wex_process_dom") != std::string::npos) {
-      server = line.substr(0, line.find(' '));
-    }
-    if (server.empty() || line.compare(0, server.size() + 1, server + " ") != 0) {
-      continue;
-    }
-    if (line.find("running_log") != std::string::npos) {
-      return times;
-    }
-    times += line.find(" close(0)") != std::string::npos || line.find(" close(0 <") != std::string::npos;
-  }
-  return -1;
-}
-
-}  // namespace
-
-TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
-  ASSERT_TRUE(daemon.start_traced({GetParam().inject}));
-  const std::string line =
-      std::string("Thread \"wex_process_domain\" exit, wex will be restart. ") + GetParam().last_word;
-  std::vector<std::unique_ptr<raw_client>> clients;
-  EXPECT_TRUE(eventually(
-      [&] {
-        clients.push_back(std::make_unique<raw_client>());
-        return running_log().find(line) != std::string::npos;
-      },
-      15s))
-      << running_log();
-  EXPECT_TRUE(daemon.wait(20s).has_value()) << "the daemon must end, so that it can be started again";
-  const std::regex complaint("\\[WEX:wex_core:[0-9]+\\]wex_process_domain: " +
-                             std::string(GetParam().complaint));
-  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), complaint); })) << read_console();
-  EXPECT_EQ(GetParam().before_listening ? 1 : 0, closes_of_standard_input()) << Daemon::trace();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, FailingServer,
-    ::testing::Values(
-        failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n",
-                "set priority fail: Operation not permitted\n", true},
-        failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n",
-                "socket sk_unix fail: Too many open files\n", true},
-        failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n",
-                "bind sk_unix fail: Read-only file system\n", true},
-        failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n",
-                "listen sk_unix fail: Address already in use\n", true},
-        failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n",
-                "epoll_create err\\(ret:-1, err:24\\)!\n"},
-        failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n",
-                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
-        failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n",
-                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
-        failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, ", "event err: .*\n"},
-        failure{"inject=accept4:error=ECONNABORTED", "res=-8, Software caused connection abort(103)\r\n",
-                "accept fail: Software caused connection abort\n"}));
-
-#if defined(__x86_64__)
-// The event that is forged is laid out as this machine has it: readiness, then the number 4242.
-TEST_F(ControlChannel, AnEventOfADescriptorThatIsNoClientEndsTheDaemon) {
-  ASSERT_TRUE(daemon.start_traced(
-      {"inject=epoll_wait,epoll_pwait:retval=1:poke_exit=@arg2=010000009210000000000000:when=1"}));
-  EXPECT_TRUE(eventually(
-      [] {
-        return running_log().find(
-                   "Thread \"wex_process_domain\" exit, wex will be restart. res=-10, Success(0)\r\n") !=
-               std::string::npos;
-      },
-      15s))
-      << running_log();
-  EXPECT_TRUE(console_says("]wex_process_domain: logic err, clnt_sd:4242 lost!\n"));
-  EXPECT_TRUE(daemon.wait(20s).has_value());
-}
-#endif
-
-TEST_F(ControlChannel, AnAcknowledgementIsRepeatedWhileTheKernelIsShortOfMemory) {
-  for (const char* shortage : {"ENOBUFS", "ENOMEM"}) {
-    // The monitor's one send is its thread's first; of the server's the fourth to the 120th fail.
-    ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=" + std::string(shortage) + ":when=4..120"}));
-    ASSERT_TRUE(daemon.wait_ready(30s));
-    const raw_client client;
-    for (int message = 1; message <= 5; ++message) {
-      ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
-      EXPECT_TRUE(client.acknowledged()) << shortage << ", message " << message;
-    }
-    EXPECT_EQ(-1, client.next(nullptr, 50ms)) << "one acknowledgement a message";
-    EXPECT_TRUE(eventually([] { return occurrences(read_console(), dispatched(5, 0)) == 5; }));
-    EXPECT_NE(std::string::npos, Daemon::trace().find(std::string("-1 ") + shortage)) << "nothing failed";
-    daemon.kill_now();
-    mark_console();
-  }
-}
-
-TEST_F(ControlChannel, AClientThatCannotBeAnsweredIsDroppedAndItsMessageNotApplied) {
-  // The monitor's one send is its thread's first; the server's second to fourth fail.
-  ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=EPIPE:when=2..4"}));
-  ASSERT_TRUE(daemon.wait_ready(30s));
-  int refused = 0;
-  for (int message = 1; message <= 4; ++message) {
-    const raw_client client;
-    ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
-    std::string record;
-    refused += client.next(&record) == 0 ? 1 : 0;
-  }
-  EXPECT_EQ(3, refused);
-  const std::regex lines(
-      "]wex_rsp_domain_msg: wex_inner_send_msg err\\(ret:-1, sk:([0-9]+), type:5\\)!\n"
-      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: wex_inner_rsp_msg err\\(ret:-1, sk:\\1\\)!\n");
-  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), lines); })) << read_console();
-  EXPECT_TRUE(eventually([] {
-    return occurrences(read_console(), "]wex_process_domain: wex_inner_rsp_msg err(ret:-1, sk:") == 3;
-  }));
-  EXPECT_EQ(1U, occurrences(read_console(), dispatched(5, 0))) << "the one that was answered";
-}
-
-TEST_F(ControlChannel, AnInterruptedReceiveIsRepeated) {
-  ASSERT_TRUE(daemon.start_traced({"inject=recvmsg:error=EINTR:when=1..2"}));
-  ASSERT_TRUE(daemon.wait_ready(30s));
-  const raw_client client;
-  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
-  EXPECT_TRUE(client.acknowledged());
-  EXPECT_TRUE(console_says(dispatched(5, 0)));
-  EXPECT_EQ(2U, occurrences(read_console(),
-                            "]wex_inner_recv_msg: recv broken(ret:-1, err:4,Interrupted system call)!\n"));
-}
-
-TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {
-  ASSERT_TRUE(
-      daemon.start_traced({"inject=accept4:error=EINTR:when=1..2", "inject=epoll_wait:error=EINTR:when=3..4",
-                           "inject=epoll_pwait:error=EINTR:when=3..4"}));
-  ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 10s));
-  EXPECT_TRUE(serves());
-  EXPECT_TRUE(serves());
-  EXPECT_TRUE(daemon.running());
-  EXPECT_TRUE(console_says("]wex_process_domain: accept fail: Interrupted system call\n"));
-}
-
-TEST_F(ControlChannel, WorksOnAKernelWithoutTheNewerCalls) {
-  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ENOSYS", "inject=epoll_create1:error=ENOSYS"}));
-  ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 10s));
-  EXPECT_TRUE(serves());
-  EXPECT_TRUE(daemon.running());
 }

@@ -1,0 +1,223 @@
+// The control server of the real daemon when calls of it fail.
+#include <algorithm>
+#include <memory>
+#include <ostream>
+#include <regex>
+
+#include "control_client.h"
+
+using namespace control_client;
+
+// ---- System calls that fail -------------------------------------------------------------------------------
+
+namespace {
+
+struct failure {
+  const char* inject;
+  const char* last_word;          // of the thread, in the running log
+  const char* complaint;          // an expression for the line on the console
+  bool before_listening = false;  // the table of clients still holds zeros
+};
+
+std::ostream& operator<<(std::ostream& out, const failure& row) {
+  return out << row.inject;
+}
+
+class FailingServer : public ControlChannel, public ::testing::WithParamInterface<failure> {};
+
+// How often the server closes descriptor 0 before it opens the running log, which may get that number.
+int closes_of_standard_input() {
+  std::string server;
+  int times = 0;
+  for (const std::string& line : lines_of(Daemon::trace())) {
+    if (line.find("PR_SET_NAME, \"wex_process_dom") != std::string::npos) {
+      server = line.substr(0, line.find(' '));
+    }
+    if (server.empty() || line.compare(0, server.size() + 1, server + " ") != 0) {
+      continue;
+    }
+    if (line.find("running_log") != std::string::npos) {
+      return times;
+    }
+    times += line.find(" close(0)") != std::string::npos || line.find(" close(0 <") != std::string::npos;
+  }
+  return -1;
+}
+
+}  // namespace
+
+TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
+  ASSERT_TRUE(daemon.start_traced({GetParam().inject}));
+  const std::string line =
+      std::string("Thread \"wex_process_domain\" exit, wex will be restart. ") + GetParam().last_word;
+  std::vector<std::unique_ptr<raw_client>> clients;
+  EXPECT_TRUE(eventually(
+      [&] {
+        clients.push_back(std::make_unique<raw_client>());
+        return running_log().find(line) != std::string::npos;
+      },
+      15s))
+      << running_log();
+  EXPECT_TRUE(daemon.wait(20s).has_value()) << "the daemon must end, so that it can be started again";
+  const std::regex complaint("\\[WEX:wex_core:[0-9]+\\]wex_process_domain: " +
+                             std::string(GetParam().complaint));
+  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), complaint); })) << read_console();
+  EXPECT_EQ(GetParam().before_listening ? 1 : 0, closes_of_standard_input()) << Daemon::trace();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, FailingServer,
+    ::testing::Values(
+        failure{"inject=sched_setscheduler:error=EPERM:when=1", "res=-1, Success(0)\r\n",
+                "set priority fail: Operation not permitted\n", true},
+        failure{"inject=socket:error=EMFILE:when=1", "res=-1, Too many open files(24)\r\n",
+                "socket sk_unix fail: Too many open files\n", true},
+        failure{"inject=bind:error=EROFS:when=1", "res=-2, Read-only file system(30)\r\n",
+                "bind sk_unix fail: Read-only file system\n", true},
+        failure{"inject=listen:error=EADDRINUSE", "res=-3, Address already in use(98)\r\n",
+                "listen sk_unix fail: Address already in use\n", true},
+        failure{"inject=epoll_create1:error=EMFILE", "res=-4, Too many open files(24)\r\n",
+                "epoll_create err\\(ret:-1, err:24\\)!\n"},
+        failure{"inject=epoll_ctl:error=ENOSPC:when=1", "res=-5, No space left on device(28)\r\n",
+                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+        failure{"inject=epoll_ctl:error=ENOSPC:when=4", "res=-6, No space left on device(28)\r\n",
+                "epoll_ctl err\\(ep_fd:[0-9]+, fd:[0-9]+, ret:-1, err:28\\)!\n"},
+        failure{"inject=epoll_wait,epoll_pwait:retval=1:when=1", "res=-7, ", "event err: .*\n"},
+        failure{"inject=accept4:error=ECONNABORTED", "res=-8, Software caused connection abort(103)\r\n",
+                "accept fail: Software caused connection abort\n"}));
+
+#if defined(__x86_64__)
+// The event that is forged is laid out as this machine has it: readiness, then the number 4242.
+TEST_F(ControlChannel, AnEventOfADescriptorThatIsNoClientEndsTheDaemon) {
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=epoll_wait,epoll_pwait:retval=1:poke_exit=@arg2=010000009210000000000000:when=1"}));
+  EXPECT_TRUE(eventually(
+      [] {
+        return running_log().find(
+                   "Thread \"wex_process_domain\" exit, wex will be restart. res=-10, Success(0)\r\n") !=
+               std::string::npos;
+      },
+      15s))
+      << running_log();
+  EXPECT_TRUE(console_says("]wex_process_domain: logic err, clnt_sd:4242 lost!\n"));
+  EXPECT_TRUE(daemon.wait(20s).has_value());
+}
+#endif
+
+TEST_F(ControlChannel, AnAcknowledgementIsRepeatedWhileTheKernelCannotTakeIt) {
+  for (const char* shortage : {"ENOBUFS", "ENOMEM", "EINTR"}) {
+    // The monitor's one send is its thread's first; of the server's the fourth to the 120th fail.
+    ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=" + std::string(shortage) + ":when=4..120"}));
+    ASSERT_TRUE(daemon.wait_ready(30s));
+    const raw_client client;
+    for (int message = 1; message <= 5; ++message) {
+      ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+      EXPECT_TRUE(client.acknowledged()) << shortage << ", message " << message;
+    }
+    EXPECT_EQ(-1, client.next(nullptr, 50ms)) << "one acknowledgement a message";
+    EXPECT_TRUE(eventually([] { return occurrences(read_console(), dispatched(5, 0)) == 5; }));
+    EXPECT_NE(std::string::npos, Daemon::trace().find(std::string("-1 ") + shortage)) << "nothing failed";
+    daemon.kill_now();
+    mark_console();
+  }
+}
+
+TEST_F(ControlChannel, AClientThatCannotBeAnsweredIsDroppedAndItsMessageNotApplied) {
+  // The monitor's one send is its thread's first; the server's second to fourth fail.
+  ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=EPIPE:when=2..4"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  int refused = 0;
+  for (int message = 1; message <= 4; ++message) {
+    const raw_client client;
+    ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+    std::string record;
+    refused += client.next(&record) == 0 ? 1 : 0;
+  }
+  EXPECT_EQ(3, refused);
+  const std::regex lines(
+      "]wex_rsp_domain_msg: wex_inner_send_msg err\\(ret:-1, sk:([0-9]+), type:5\\)!\n"
+      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: wex_inner_rsp_msg err\\(ret:-1, sk:\\1\\)!\n");
+  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), lines); })) << read_console();
+  EXPECT_TRUE(eventually([] {
+    return occurrences(read_console(), "]wex_process_domain: wex_inner_rsp_msg err(ret:-1, sk:") == 3;
+  }));
+  EXPECT_EQ(1U, occurrences(read_console(), dispatched(5, 0))) << "the one that was answered";
+}
+
+TEST_F(ControlChannel, AnInterruptedReceiveIsRepeated) {
+  ASSERT_TRUE(daemon.start_traced({"inject=recvmsg:error=EINTR:when=1..2"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+  EXPECT_TRUE(client.acknowledged());
+  EXPECT_TRUE(console_says(dispatched(5, 0)));
+  EXPECT_EQ(2U, occurrences(read_console(),
+                            "]wex_inner_recv_msg: recv broken(ret:-1, err:4,Interrupted system call)!\n"));
+}
+
+TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {
+  ASSERT_TRUE(
+      daemon.start_traced({"inject=accept4:error=EINTR:when=1..2", "inject=epoll_wait:error=EINTR:when=3..4",
+                           "inject=epoll_pwait:error=EINTR:when=3..4"}));
+  ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 10s));
+  EXPECT_TRUE(serves());
+  EXPECT_TRUE(serves());
+  EXPECT_TRUE(daemon.running());
+  EXPECT_TRUE(console_says("]wex_process_domain: accept fail: Interrupted system call\n"));
+}
+
+TEST_F(ControlChannel, WorksOnAKernelWithoutTheNewerCalls) {
+  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ENOSYS", "inject=epoll_create1:error=ENOSYS"}));
+  ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 10s));
+  EXPECT_TRUE(serves());
+  EXPECT_TRUE(daemon.running());
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, harmless()));
+  ASSERT_TRUE(client.acknowledged());
+  EXPECT_TRUE(eventually([&] {
+    const std::vector<std::string> open_files = open_files_of(daemon.pid());
+    return std::find(open_files.begin(), open_files.end(), "anon_inode:[eventpoll]") != open_files.end() &&
+           inheritable_files_of(daemon.pid()).empty();
+  })) << ::testing::PrintToString(inheritable_files_of(daemon.pid()));
+}
+
+namespace {
+
+// The traced calls of one thread, a line each, also where other threads came in between.
+std::string calls_of(const std::string& thread) {
+  const std::regex parted(" *<unfinished \\.\\.\\.>\n<\\.\\.\\. [a-z0-9_]+ resumed>");
+  std::string calls = "\n";
+  for (const std::string& line : lines_of(Daemon::trace())) {
+    const size_t blank = line.find(' ');
+    if (blank != std::string::npos && line.substr(0, blank) == thread) {
+      calls += line.substr(line.find_first_not_of(' ', blank)) + "\n";
+    }
+  }
+  return std::regex_replace(calls, parted, "");
+}
+
+}  // namespace
+
+TEST_F(ControlChannel, ItsQueueItsWaitAndItsPauseAreThoseOfTheDevice) {
+  ASSERT_TRUE(daemon.start_traced({"trace=listen,epoll_wait,epoll_pwait,nanosleep,clock_nanosleep"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  EXPECT_TRUE(serves());
+  const std::string server = thread_of(daemon.pid(), "wex_process_dom");
+  const std::regex listening("\nlisten\\([0-9]+, 2048\\) *= 0\n");
+  const std::regex cycle(
+      "\nepoll_p?wait\\([0-9]+, [^\n]*, 10000(, NULL, [0-9]+)?\\) *= [1-9]\n"
+      "(clock_)?nanosleep\\([^\n]*tv_nsec=1000000\\}");
+  EXPECT_TRUE(eventually([&] {
+    const std::string calls = calls_of(server);
+    return std::regex_search(calls, listening) && std::regex_search(calls, cycle);
+  })) << calls_of(server);
+}
+
+// Whoever raises the flag ends the others too, and does not leave the server to its ten seconds.
+TEST_F(ControlChannel, EndsAtOnceWhenAnotherThreadHasEnded) {
+  ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));  // the monitor's second wait
+  EXPECT_TRUE(daemon.wait(7s).has_value()) << read_console();
+  const std::regex last_word(
+      "Thread \"wex_process_domain\" exit, wex will be restart\\. res=(0|-1), Success\\(0\\)\r\n");
+  EXPECT_TRUE(std::regex_search(running_log(), last_word)) << running_log();
+}
