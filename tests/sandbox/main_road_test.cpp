@@ -152,7 +152,7 @@ TEST_F(MainRoad, AServiceThatEndsByItselfIsReinitialised) {
 }
 
 TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
-  make_dirs("/tmp/vsd/3");
+  make_dirs("/tmp/vsd/3/wex/before");  // no flag, and whatever the order one of the two comes before the flag
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -162,12 +162,15 @@ TEST_F(MainRoad, AServiceOfADomainIsDroppedWithItsFlagFile) {
   ASSERT_TRUE(eventually([&] { return exists("/tmp/ready"); }));
   const std::string flag = "/tmp/vsd/3/wex/" + text(service.pid());
   ASSERT_TRUE(exists(flag));
+  make_dirs("/tmp/vsd/3/wex/after");
   EXPECT_EQ(words{db_file(service.pid())}, list_dir("/tmp/vsd/3/wex/db"));
   service.send(SIGTERM);
   service.wait();
   EXPECT_TRUE(eventually([&] { return !exists(flag) && list_dir("/tmp/vsd/3/wex/db").empty(); }))
       << read_console();
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> vsd_no = 3\n"));
+  const std::regex refused("\\]wex_handle_netlink_exit: open (before|after) fail: Is a directory\n");
+  EXPECT_TRUE(std::regex_search(read_console(), refused)) << read_console();
   char where[64] = "";
   const ssize_t length = readlink(("/proc/" + text(daemon.pid()) + "/cwd").c_str(), where, sizeof where - 1);
   ASSERT_GT(length, 0);
@@ -185,11 +188,11 @@ struct KeptRecord {
 class StoppedInADomain : public MainRoad, public ::testing::WithParamInterface<KeptRecord> {};
 
 TEST_P(StoppedInADomain, ItsRecordIsKeptWhenTheDirectoryFailsAndItsNextLifeIsSupervised) {
-  make_dirs("/tmp/vsd/3");
-  make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced(GetParam().strace));
   ASSERT_TRUE(daemon.wait_ready(30s));
+  make_dirs("/tmp/vsd/3/wex/db");  // not before, or calls of the start would fail
+  make_dirs("/data/var/run/vsd/3");
   const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
                          "--hold"};
   Process service;
@@ -215,7 +218,7 @@ INSTANTIATE_TEST_SUITE_P(
     Failures, StoppedInADomain,
     ::testing::Values(KeptRecord{{"inject=chdir:error=EACCES:when=1"},
                                  "]wex_handle_netlink_exit: chdir /tmp/vsd/3/wex/ fail: Permission denied\n"},
-                      KeptRecord{{"/tmp/vsd/3/wex/", "inject=openat:error=EMFILE:when=2"},
+                      KeptRecord{{"/tmp/vsd/3", "inject=openat:error=EMFILE:when=2"},
                                  "]wex_handle_netlink_exit: opendir fail: Too many open files\n"},
                       KeptRecord{{"inject=chdir:error=EACCES:when=2"},
                                  "]wex_handle_netlink_exit: chdir / fail: Permission denied\n"}));
