@@ -119,6 +119,31 @@ TEST_F(StartUp, ReadiesOnlyTheDomainsThatExist) {
   daemon.stop();
 }
 
+TEST_F(StartUp, ADirectoryThatCannotBeMadeOrOpenedToAllKeepsNobodyDown) {
+  const char* const refusals[] = {"inject=chmod,fchmod:error=EPERM:when=1..20",  // all of them directories
+                                  "inject=mkdir,mkdirat:error=EROFS"};
+  for (const char* const refusal : refusals) {  // the second finds what the first has made
+    unlink(kRunningLog1);
+    Daemon daemon;
+    ASSERT_TRUE(daemon.start_traced({refusal}));
+    ASSERT_TRUE(daemon.wait_ready(30s)) << refusal;
+    EXPECT_TRUE(exists("/qx_cfg/vsd/0"));
+    EXPECT_TRUE(exists("/tmp/vsd/0/wex/db"));
+    EXPECT_EQ(0u, running_log().find("Start.\r\n"));
+    daemon.stop();
+    EXPECT_NE(std::string::npos, Daemon::trace().find("(INJECTED)")) << "nothing was refused";
+  }
+}
+
+TEST_F(StartUp, ADirectoryNamedLikeTheFormatGetsItsDatabaseToo) {
+  make_dirs("/tmp/vsd/%d/wex");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_EQ(texts{"db"}, list_dir("/tmp/vsd/%d/wex"));
+  EXPECT_EQ(0777u, mode_of("/tmp/vsd/%d/wex/db"));
+  daemon.stop();
+}
+
 // The trace with every name in full: most are opened relative to their directory, which strace tells.
 std::string with_full_names(const std::string& trace) {
   const std::regex relative("(mkdir|open|fchmod)at\\([0-9]+<(/[^>]*)>, \"([^/\"][^\"]*)\"");
@@ -446,10 +471,15 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
       "Fail to create wex_process_netlink thread: ", "Fail to create wex_process_domain thread: ",
       "Fail to create wex_notifer_run: ", "Fail to create wex_inotify_fork_error thread: ",
       "Fail to create wex_delay_restart thread: "};
+  const std::string ended[] = {
+      "Thread \"wex_process_netlink\" exit, wex will be restart. res=0, Success(0)\r\n",
+      "Thread \"wex_process_domain\" exit, wex will be restart. res=0, Success(0)\r\n"};
   for (int worker = 1; worker <= 5; ++worker) {
     unlink(kRunningLog1);
     Daemon daemon;
-    ASSERT_TRUE(daemon.start_traced({"trace=clone3", "inject=clone3:error=EAGAIN:when=" + text(worker + 1)}));
+    // Those already created take their time, so a main thread that does not wait for them is gone before.
+    ASSERT_TRUE(daemon.start_traced({"trace=clone3", "inject=clone3:error=EAGAIN:when=" + text(worker + 1),
+                                     "inject=sched_setscheduler:delay_enter=300000"}));
     EXPECT_TRUE(exited_with(daemon.wait(15s), 0)) << worker << "\n" << read_console();
     const std::string log = running_log();
     EXPECT_EQ(0u, log.find("Start.\r\n")) << log;
@@ -458,6 +488,9 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
         << worker << "\n"
         << log;
     EXPECT_EQ(log.size() - 7, log.find("Exit.\r\n")) << log;
+    for (int joined = 1; joined <= 2; ++joined) {
+      EXPECT_EQ(joined < worker, log.find(ended[joined - 1]) != std::string::npos) << worker << "\n" << log;
+    }
     size_t calls = 0;
     const std::string own = text(daemon.pid()) + " ";  // the control server makes a thread of its own
     for (const std::string& line : lines_of(Daemon::trace())) {
