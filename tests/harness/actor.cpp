@@ -464,6 +464,23 @@ void exec_in_thread(
   hold(nullptr);
 }
 
+void end_thread(const char* path) {
+  pthread_t thread;
+  const auto register_and_end = [](void* file) -> void* {
+    const char* const told = static_cast<const char*>(file);
+    if (told[0] != '\0') {
+      reg_process_exit_action(own_tid(), WEX_RESTART);
+      confirm(nullptr);
+      write_whole(told, std::to_string(own_tid()));
+    }
+    return nullptr;
+  };
+  if (pthread_create(&thread, nullptr, register_and_end, const_cast<char*>(path)) != 0) {
+    give_up("pthread_create");
+  }
+  pthread_join(thread, nullptr);
+}
+
 void end(const char* code) {
   _exit(atoi(code));
 }
@@ -510,6 +527,8 @@ const struct option_row {
     {"--crash", crash, "=SEGV|ABRT|KILL|...  end by this signal"},
     {"--crash-in-thread", crash_in_thread, "=SIGNAL  the same from a thread that is not the first"},
     {"--exec-in-thread", exec_in_thread, "  this program anew, executed by a thread that is not the first"},
+    {"--end-thread", end_thread,
+     "[=FILE]  a thread that ends; with FILE it registers itself as a program before, and tells its id"},
     {"--exit", end, "=CODE"},
     {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
 };

@@ -68,6 +68,12 @@ TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
     unlink(marker.c_str());
   }
   EXPECT_EQ(0u, count_in(read_console(), "wex_handle_netlink_exit--> exit_signal"));
+  // A record left over would make this one a duplicate, and duplicates are not started again.
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
   daemon.stop();
 }
 
@@ -185,15 +191,34 @@ TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ALoneNumberInTheConfigurationMeansTheDefaults) {
-  write_file(kBurstConfig, "60\n");
+struct NoRule {
+  const char* name;
+  void (*place)();  // what there is in place of two numbers
+};
+
+class WithoutARule : public ExitRoad, public ::testing::WithParamInterface<NoRule> {};
+
+TEST_P(WithoutARule, TheTenthCrashWithinFifteenMinutesRestartsTheDevice) {
+  GetParam().place();
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  ASSERT_NO_FATAL_FAILURE(crash_once(1));
-  ASSERT_NO_FATAL_FAILURE(crash_once(2));
-  EXPECT_FALSE(exists(kRebootLog));
+  for (int number = 1; number <= 9; ++number) {
+    ASSERT_NO_FATAL_FAILURE(crash_once(number));
+  }
+  EXPECT_FALSE(exists(kRebootLog)) << read_file(kRebootLog);
+  ASSERT_NO_FATAL_FAILURE(crash_once(10));
+  EXPECT_NE(std::string::npos,
+            read_file(kRebootLog).find("detect more than 10 process exit in shorttime[900]s\n"))
+      << read_file(kRebootLog);
+  EXPECT_EQ(0u, count_in(read_console(), "wex_config")) << "this is no failure to tell";
   daemon.stop();
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, WithoutARule,
+                         ::testing::Values(NoRule{"missing", [] {}},
+                                           NoRule{"loneNumber", [] { write_file(kBurstConfig, "60\n"); }},
+                                           NoRule{"unreadable", [] { make_dirs(kBurstConfig); }}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
   Daemon daemon;
@@ -233,14 +258,48 @@ TEST_F(ExitRoad, CrashesOfUnregisteredProgramsAreNobodysBusiness) {
   daemon.stop();
 }
 
+// Another program's exit comes behind the thread's in the same queue: its restart proves that the monitor has
+// seen the thread's.
+void wait_for_later_exit() {
+  const texts options = {"--tag=witness", "--register=RESTART", "--confirm", "--ready=/tmp/wex/witness",
+                         "--hold"};
+  Process witness;
+  ASSERT_TRUE(witness.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/witness"); }));
+  const pid_t old_pid = witness.pid();
+  witness.kill_now();
+  ASSERT_GT(wait_for_actor(options, old_pid), 0) << read_console();
+}
+
 TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  const texts options = {"--register=RESTART",     "--confirm", "--count=/tmp/wex/starts", "--thread=120",
+  const texts options = {"--register=RESTART",     "--confirm", "--count=/tmp/wex/starts", "--end-thread",
                          "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
-  EXPECT_TRUE(never([&] { return starts("/tmp/wex/starts") != 1; }, 300ms));
+  ASSERT_NO_FATAL_FAILURE(wait_for_later_exit());
+  EXPECT_TRUE(service.running());
+  EXPECT_EQ(1u, starts("/tmp/wex/starts"));
+  EXPECT_TRUE(exists(db_path(service.pid())));
+  EXPECT_EQ(0u, count_in(read_console(), "/" + text(service.pid()) + " receives event:")) << read_console();
+  daemon.stop();
+}
+
+// Only a whole process exits. What is found gone later, without an event, is another matter.
+TEST_F(ExitRoad, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--end-thread=/tmp/wex/thread", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const std::string thread = read_file("/tmp/wex/thread");
+  ASSERT_TRUE(exists(std::string(kDbDir) + "/actor." + thread)) << "not registered: " << read_console();
+  ASSERT_NO_FATAL_FAILURE(wait_for_later_exit());
+  const std::string console = read_console();
+  EXPECT_LE(count_in(console, "/" + thread + " receives event:"),
+            count_in(console, " exit of pid " + thread + " was lost\n"))
+      << console;
   daemon.stop();
 }
 
