@@ -45,13 +45,17 @@ class ForkWatcher : public WexWorld {
     return 0;
   }
 
-  // Faults in the watcher's own calls only; every other thread polls too.
-  bool inject_into_watcher(const std::string& expression) {
+  // Faults in the watcher's own calls only; every other thread polls too. With a path only in calls on it.
+  bool inject_into_watcher(const std::string& expression, const char* path = nullptr) {
     pid_t watcher = 0;
     eventually([&] { return (watcher = thread_named("wex_inotify_fork")) != 0; });
-    const bool attached = strace_.start({"strace", "-q", "-o", "/tmp/wex-trace", "-e", expression, "-p",
-                                         std::to_string(watcher)}) &&
-                          eventually([&] { return status_field(watcher, "TracerPid") != "0"; });
+    std::vector<std::string> words = {"strace", "-q",       "-o", "/tmp/wex-trace",
+                                      "-e",     expression, "-p", std::to_string(watcher)};
+    if (path != nullptr) {
+      words.insert(words.end(), {"-P", path});
+    }
+    const bool attached =
+        strace_.start(words) && eventually([&] { return status_field(watcher, "TracerPid") != "0"; });
     EXPECT_TRUE(attached);
     return attached;
   }
@@ -173,6 +177,15 @@ TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
   append("aaaaaaa");
   append("");
   append("");
+  append("");
+  EXPECT_TRUE(gives_up()) << running_log();
+}
+
+TEST_F(ForkWatcher, AMarkerThatCannotBeReadIsToldAndReadAgainAtTheNextEvent) {
+  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1", kMarker));
+  append("aaaaaaa");
+  EXPECT_TRUE(console_says("]read /tmp/wex/forkfile error, Input/output error\n")) << read_console();
   append("");
   EXPECT_TRUE(gives_up()) << running_log();
 }

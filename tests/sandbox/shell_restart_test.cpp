@@ -156,3 +156,48 @@ TEST_F(ShellRestart, AChildThatCannotLeaveForTheRootSaysSoAndEnds) {
   EXPECT_TRUE(console_says(" receives event:0100 and self-checking ...\n")) << "not ended with status 1";
   daemon.stop();
 }
+
+TEST_F(ShellRestart, AForkThatFailsIsToldAndRepeatedAfterFiveSeconds) {
+  Service service("unforked", "--register-shell=revive");
+  write_file("/etc/cmdmap/revive", "exec " + service.command() + "\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM:when=1"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  ASSERT_TRUE(service.start());
+  service.end();
+  ASSERT_TRUE(eventually([] { return read_file(kForkFile) == "a"; })) << read_console();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(console_says("]wex_shell_spawn--> fork fail, err: Cannot allocate memory(12)\n"));
+  EXPECT_TRUE(console_says("]wex_shell_spawn--> wex_pid->process = " + service.command() + ", new pid: -1\n"))
+      << "the whole command line is named";
+  EXPECT_TRUE(service.comes_back()) << read_console();
+  EXPECT_GT(std::chrono::steady_clock::now() - start, 4500ms);
+  EXPECT_TRUE(eventually([] { return !exists(kForkFile); })) << "the child that started leaves the marker";
+  daemon.stop();
+}
+
+TEST_F(ShellRestart, AProgramThatEndsByItselfIsReinitialised) {
+  SyslogSink log;
+  const std::vector<std::string> options = {
+      "--register-shell=again",     "--confirm", "--ready=/tmp/wex/ready",
+      "--first-time=/tmp/wex/once", "--exit=0",  "--hold"};
+  write_file("/etc/cmdmap/again", "exec " + actor_command(options) + "\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  EXPECT_TRUE(exited_with(service.wait(), 0));
+  const pid_t next = wait_for_actor(options, service.pid());
+  ASSERT_GT(next, 0) << read_console();
+  const std::string id = "once --exit=0 --hold/";
+  const std::string old_id = id + std::to_string(service.pid());
+  EXPECT_TRUE(log.says("%HA-5-HA_RE_INIT: Job " + old_id + " will be re-initialized ..."));
+  EXPECT_TRUE(
+      log.says("%HA-5-HA_RE_INIT_INFO: Re-initialized OK: new job id: " + std::to_string(next) + "."));
+  EXPECT_TRUE(
+      console_says("]HA_SCRIPT_SELF_CHECK Task: " + old_id + " receives event:0000 and self-checking ...\n"));
+  EXPECT_TRUE(console_says("]HA_SCRIPT_RESTART_INFO Self-checking OK: 1 times and new id " + id +
+                           std::to_string(next) + ".\n"));
+  EXPECT_EQ(0u, log.count("HA_SCRIPT_")) << "those are for programs that were ended";
+  daemon.stop();
+}

@@ -283,6 +283,61 @@ TEST_F(ThirdPart, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
   EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
 }
 
+TEST_F(ThirdPart, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_SHELL_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  const pid_t first = by_hand_.pid();
+  ASSERT_TRUE(eventually([first] { return catches_usr1(first); }));
+  by_hand_.send(SIGUSR1);
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(
+      console_says("]wex_handle_netlink_exit--> wex_pid->action == SHELL_RESTART, found child pid_get = " +
+                   std::to_string(second) + "\n"));
+  EXPECT_TRUE(eventually([&] {
+    return read_file(db_file("replacing", second)) == std::to_string(second) + "\n3\n" + app;
+  })) << read_file(db_file("replacing", second));
+  write_file("/etc/cmdmap/replacing.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
+  kill(second, SIGKILL);
+  EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
+}
+
+// As when the process that was found has died before it could be registered.
+TEST_F(ThirdPart, AHandOverToAProcessThatCannotBeReadIsTold) {
+  const std::string app = install("unreadable");
+  describe("unreadable", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "unreadable"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  pid_t monitor = 0;
+  const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task/";
+  for (const std::string& task : list_dir(tasks)) {
+    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
+  }
+  ASSERT_NE(0, monitor);
+  Process strace;  // the search reads the link once, the registration after it
+  ASSERT_TRUE(strace.start(
+      {"strace", "-qq", "-o", "/tmp/wex-trace", "-P", "/proc/" + std::to_string(second.pid()) + "/exe", "-e",
+       "inject=readlink,readlinkat:error=EACCES:when=2+", "-p", std::to_string(monitor)}));
+  ASSERT_TRUE(eventually([&] { return status_field(monitor, "TracerPid") != "0"; }));
+  end_by_hand();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
+                           std::to_string(second.pid()) + "\n"))
+      << read_console();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit-->reg_third_part_process_exit_action error!\n"))
+      << read_console();
+  EXPECT_TRUE(list_dir("/tmp/vsd/0/wex/db").empty());
+  strace.kill_now();
+  second.kill_now();
+}
+
 TEST_F(ThirdPart, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
   const std::string app = install("replacing");
   describe("replacing", app + " WEX_RESTART");
