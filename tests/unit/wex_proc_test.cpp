@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <stdarg.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +20,8 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "failing_calls.h"
+#include "registry_files.h"
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_limits.h"
@@ -171,10 +174,10 @@ struct spawned {
   int32_t out_pid;
 };
 
-spawned spawn(wex_pid* rec) {
+spawned spawn(wex_pid* rec, int32_t (*spawner)(wex_pid*, int32_t*) = wex_spawn) {
   chain_lock hold(wex_chains);
   spawned got = {0, 12345};
-  got.result = wex_spawn(rec, &got.out_pid);
+  got.result = spawner(rec, &got.out_pid);
   return got;
 }
 
@@ -320,6 +323,15 @@ TEST_F(ProcWorld, ManyMarkersDoNotHideTheOldOne) {
 
 // ---- Looking for a process --------------------------------------------------------------------------------
 
+// One look. Any process of the machine that ends meanwhile cuts it short, and then it says nothing.
+int look_for(char* command, int32_t* found) {
+  int result = -1;
+  for (int look = 0; result < 0 && look < 1000; ++look) {
+    result = wex_proc_to_pid(command, found, 0);
+  }
+  return result;
+}
+
 TEST_F(ProcWorld, ARunningProgramIsFoundByItsExactCommandLine) {
   Process sleeper;
   ASSERT_TRUE(sleeper.start({"/bin/sleep", "4711.25"}));
@@ -328,12 +340,12 @@ TEST_F(ProcWorld, ARunningProgramIsFoundByItsExactCommandLine) {
   int32_t found = 0;
   char command[256];
   wex_copy_text(command, sizeof command, (program + " 4711.25 \t ").c_str());
-  EXPECT_EQ(1, wex_proc_to_pid(command, &found, 0));
+  EXPECT_EQ(1, look_for(command, &found));
   EXPECT_EQ(sleeper.pid(), found);
   EXPECT_EQ(program + " 4711.25", command);
   found = 0;
   wex_copy_text(command, sizeof command, (program + " 4711.2").c_str());
-  EXPECT_EQ(0, wex_proc_to_pid(command, &found, 0));
+  EXPECT_EQ(0, look_for(command, &found));
   EXPECT_EQ(0, found);
 }
 
@@ -494,6 +506,21 @@ TEST_F(ProcWorld, WhileTheDeviceMonitorWorksNothingIsParked) {
   EXPECT_EQ(0, rec->alarm_wait_flag);
 }
 
+TEST_F(ProcWorld, WhileTheDeviceMonitorWorksNoScriptIsParked) {
+  write_file("/etc/dev_mon", "");
+  write_file("/etc/cmdmap/gadget.sh", "exit 0\n");
+  const auto rec = record_of("/opt/bin/gadget", 0, SHELL_RESTART);
+  for (int restart = 1; restart <= 6; ++restart) {
+    const spawned got = spawn(rec.get(), wex_shell_spawn);
+    ASSERT_GT(got.result, 0) << restart;
+    EXPECT_EQ(0, ended(got.result)) << restart;
+    EXPECT_EQ(restart, rec->check_count);
+  }
+  EXPECT_EQ(0, rec->alarm_wait_flag);
+  unlink("/etc/dev_mon");
+  EXPECT_EQ(-1, spawn(rec.get(), wex_shell_spawn).result) << "the count goes on where it was";
+}
+
 TEST_F(ProcWorld, OnlyItsOwnActionIsThrottled) {
   const auto rec = record_of("/bin/true", 0, SHELL_RESTART);
   for (int restart = 1; restart <= 8; ++restart) {
@@ -584,6 +611,62 @@ TEST_F(ProcWorld, AThirdPartProgramThatIsNotFoundGivesNothing) {
   EXPECT_LT(took, 9s);
   while (waitpid(-1, nullptr, 0) > 0) {
   }
+}
+
+// The spawn of a program that the list names, at a time when its fork fails; what it prints.
+spawned spawn_without_fork(const std::string& program, std::string* printed) {
+  const auto rec = record_of(program);
+  const registry::captured_output output;
+  const spawned got = spawn(rec.get());
+  *printed = output.text();
+  return got;
+}
+
+TEST_F(ProcWorld, AThirdPartProgramThatRunsAlreadyIsTakenWhenItCannotBeForked) {
+  ASSERT_TRUE(exited_with(run({"cp", "/bin/cat", "/tmp/wex/cat"}), 0));
+  ASSERT_EQ(0, mkfifo("/tmp/wex/fifo", 0600));
+  write_file(kThirdPartList, "/tmp/wex/cat WEX_RESTART\n");
+  Process running;
+  ASSERT_TRUE(running.start({"sh", "-c", "exec /tmp/wex/cat <> /tmp/wex/fifo"}));
+  ASSERT_TRUE(eventually([&] { return command_line(running.pid()) == "/tmp/wex/cat"; }));
+  EXPECT_EQ(0, run_failing({"clone,fork,vfork:error=ENOMEM:when=1"}, [&] {
+              std::string printed;
+              const spawned got = spawn_without_fork("/tmp/wex/cat", &printed);
+              EXPECT_EQ(running.pid(), got.result);
+              EXPECT_EQ(running.pid(), got.out_pid);
+              EXPECT_EQ("[wex_proc]wex_spawn--> third part Daemon[/tmp/wex/cat] new pid: " +
+                            std::to_string(running.pid()) + "\n",
+                        printed);
+              return 0;
+            }));
+  EXPECT_FALSE(exists(kForkFile));
+}
+
+TEST_F(ProcWorld, AThirdPartProgramThatCannotBeForkedIsNotTriedAgain) {
+  write_file(kThirdPartList, "/tmp/wex/none WEX_RESTART\n");
+  EXPECT_EQ(0, run_failing({"clone,fork,vfork:error=ENOMEM:when=1"}, [] {
+              std::string printed;
+              const spawned got = spawn_without_fork("/tmp/wex/none", &printed);
+              EXPECT_EQ(0, got.result);
+              EXPECT_EQ(-1, got.out_pid);
+              EXPECT_EQ("[wex_proc]wex_spawn--> third part[/tmp/wex/none] Not Found new pid!\n", printed);
+              return 0;
+            }));
+  EXPECT_FALSE(exists(kForkFile)) << "counted as a failed fork";
+}
+
+// ---- Low-memory killer ------------------------------------------------------------------------------------
+
+TEST_F(ProcWorld, AProgramOrScriptThatStartsTellsTheLowMemoryKillerWhereItIs) {
+  ASSERT_EQ(0, mount("test", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
+  write_file("/etc/cmdmap/true.sh", "exit 0\n");
+  for (const auto spawner : {wex_spawn, wex_shell_spawn}) {
+    write_file(kFlushTlb, "");
+    EXPECT_EQ(0, ended(spawn(record_of("/bin/true").get(), spawner).result));
+    EXPECT_EQ("1\n", read_file(kFlushTlb));
+  }
+  EXPECT_EQ(std::string::npos, read_console().find("flush_tlb find fail"));
+  EXPECT_EQ(0, umount("/sys/kernel"));
 }
 
 // ---- Standard descriptors ---------------------------------------------------------------------------------

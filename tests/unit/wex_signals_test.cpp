@@ -208,6 +208,7 @@ struct second_park_case {
   int32_t since_last;
   int32_t allowed;
   bool reboots;
+  int32_t action = RESPAWN;
 };
 class SecondPark : public Parked, public ::testing::WithParamInterface<second_park_case> {};
 }  // namespace
@@ -215,7 +216,7 @@ class SecondPark : public Parked, public ::testing::WithParamInterface<second_pa
 TEST_P(SecondPark, RebootsOnlySoonAfterTheLastSelfCheckRestart) {
   const second_park_case& row = GetParam();
   g_now = 5000;
-  wex_pid* const rec = park_at(0, "/bin/sleep 1000", RESPAWN);
+  wex_pid* const rec = park_at(0, "/bin/sleep 1000", row.action);
   rec->flags = WEX_FLAG_SELF_CHECKING;
   rec->alarm_wait_flag = 0;
   rec->check_start = 4990;
@@ -225,11 +226,13 @@ TEST_P(SecondPark, RebootsOnlySoonAfterTheLastSelfCheckRestart) {
   int32_t new_pid = 0;
   {
     chain_lock hold(wex_chains);
-    EXPECT_EQ(-1, wex_spawn(rec, &new_pid));
+    EXPECT_EQ(-1, (row.action == RESPAWN ? wex_spawn : wex_shell_spawn)(rec, &new_pid));
   }
   EXPECT_EQ(-1, new_pid);
   EXPECT_EQ(1, rec->alarm_wait_flag);
   EXPECT_EQ(static_cast<uint32_t>(WEX_FLAG_WAITING), rec->flags);
+  const std::string reason = "detect process /bin/sleep 1000 can not restart, so restart system.\n";
+  EXPECT_EQ(row.reboots, reboot_reasons().find(reason) != std::string::npos) << reboot_reasons();
   EXPECT_EQ(row.reboots, exists(kRebootLog));
   EXPECT_EQ(row.allowed, rec->reboot_allow);
 }
@@ -237,7 +240,9 @@ TEST_P(SecondPark, RebootsOnlySoonAfterTheLastSelfCheckRestart) {
 INSTANTIATE_TEST_SUITE_P(Rows, SecondPark,
                          ::testing::Values(second_park_case{"neverRestartedByTheAlarm", 10, 0, false},
                                            second_park_case{"after600s", 600, 1, true},
-                                           second_park_case{"after601s", 601, 1, false}),
+                                           second_park_case{"after601s", 601, 1, false},
+                                           second_park_case{"scriptAfter600s", 600, 1, true, SHELL_RESTART},
+                                           second_park_case{"scriptAfter601s", 601, 1, false, SHELL_RESTART}),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Parked, TheReasonOfAVeryLongCommandLineIsCutAt127Characters) {
