@@ -42,6 +42,7 @@ fault ftok_fault;
 fault create_fault;  // semget with creation flags
 fault find_fault;    // semget without
 fault setval_fault;
+fault malloc_fault;  // of the product: the test itself takes its memory otherwise
 
 template <typename F>
 F* libc(const char* name) {
@@ -49,6 +50,11 @@ F* libc(const char* name) {
 }
 
 }  // namespace
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+  return malloc_fault.strikes() ? nullptr : __real_malloc(size);
+}
 
 extern "C" key_t ftok(const char* path, int project) noexcept {
   return ftok_fault.strikes() ? key_t{-1} : libc<key_t(const char*, int)>("ftok")(path, project);
@@ -281,6 +287,16 @@ TEST_F(RasOs, MissingArgumentsAreRefusedBeforeAnythingIsMade) {
   EXPECT_FALSE(exists(kObjectFile));
   EXPECT_EQ(-1, ras_os_close_record_memory(nullptr, &err));
   EXPECT_EQ(-1, ras_os_close_record_memory(&memory, nullptr));
+}
+
+TEST_F(RasOs, WithoutMemoryForItsNameThereIsNoObject) {
+  ras_os_record_memory_t handle = {};
+  int cause = 7;
+  malloc_fault.arm(1, ENOMEM);
+  EXPECT_EQ(-3, ras_os_init_record_memory(kObject, 10, &handle, &cause));
+  EXPECT_EQ(0, cause);
+  EXPECT_FALSE(exists(kObjectFile));
+  EXPECT_EQ(nullptr, handle.addr);
 }
 
 TEST_F(RasOs, AnObjectThatCannotBeOpenedKeepsItsReason) {

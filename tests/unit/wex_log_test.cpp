@@ -144,6 +144,11 @@ TEST_F(RunningLog, WhatCannotBeLookedAtIsRemovedAndBegunAnew) {
   ASSERT_EQ(0, symlink(kRunningLog1, kRunningLog1));  // a circle: neither missing nor readable
   wex_running_log("e\n");
   EXPECT_EQ(23u, contents(kRunningLog1).size());
+  write_file(kRunningLog1, of_size(102400));
+  ASSERT_EQ(0, symlink(kRunningLog2, kRunningLog2));
+  wex_running_log("f\n");
+  EXPECT_EQ(23u, contents(kRunningLog2).size()) << "the second one too";
+  EXPECT_EQ(102400u, contents(kRunningLog1).size());
 }
 
 TEST_F(RunningLog, WithoutMemoryForTheLookTheEntryIsDroppedAndTheFileStays) {
@@ -400,6 +405,14 @@ TEST_F(Reboot, WithoutTheKernelModuleTheRestStillHappens) {
       "[WEX:wex_utils:N]safe_write_path: fd < 0: No such file or directory\n",
       lines_of([] { wex_reboot("r", nullptr); }));
   EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
+}
+
+TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSame) {
+  ASSERT_EQ(0, mkdir(kRebootLog, 0755));
+  errno = 0;
+  EXPECT_GE(time_of([] { wex_reboot("r", nullptr); }), milliseconds(1000));
+  EXPECT_EQ(EPERM, errno) << "the kernel's refusal";
+  EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
 }
 
 TEST_F(Reboot, WithoutAReasonNothingHappens) {

@@ -116,6 +116,33 @@ TEST_F(Registry, ARestartMessageMakesARespawnRecordFromTheLivingProcess) {
   EXPECT_TRUE(wex_record_lives(rec)) << "its identity must be known";
 }
 
+// Empty last words show as blanks in /proc; two command lines that differ in them are one program's.
+TEST_F(Registry, TrailingBlanksOfTheCommandLineAreNotKept) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execl("/bin/sh", "sh", "-c", "while :; do read -r line < /dev/zero; done", "", "",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  char whole[4095] = {};
+  EXPECT_TRUE(eventually([&] {
+    const char* const command = pid_to_cmdline(pid, whole, sizeof whole);
+    return command != nullptr && strstr(whole, "done") != nullptr && whole[strlen(whole) - 1] == ' ';
+  })) << whole;
+  std::string expected = whole;
+  expected.erase(expected.find_last_not_of(' ') + 1);
+  const wex_reg_info process = body_of(pid);
+  const wex_reg_info thread = thread_body(pid, 5, 5, 120, 0);
+  EXPECT_EQ(0, wex_process_restart(&process));
+  EXPECT_EQ(0, wex_notifier_start(&thread));
+  for (wex_chains_t* const chain : {&wex_chains, &wex_alive_chains}) {
+    const wex_pid* const rec = find(*chain, pid);
+    EXPECT_TRUE(rec != nullptr && rec->process == expected) << (rec != nullptr ? rec->process : "none");
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
 TEST_F(Registry, AShellMessageKeepsTheScript) {
   const sleeper process;
   const wex_reg_info body = body_of(process.pid());
@@ -300,8 +327,10 @@ TEST_F(Registry, ANotifyStartOfAKnownThreadKeepsItsCountersAndStartsItsByteAgain
   const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
   EXPECT_EQ(0, wex_notifier_start(&first));
   ASSERT_EQ(0, wex_sys_update_alive_seq(tid));
+  wex_pid* const rec = find(wex_alive_chains, process.pid());
+  rec->alive_seq = 2;  // as the next scan would have seen it
   EXPECT_EQ(0, wex_notifier_start(&second));
-  const wex_pid* const rec = find(wex_alive_chains, process.pid());
+  EXPECT_EQ(rec, find(wex_alive_chains, process.pid()));
   expect_counters(rec, 5, 2, 120, 60);
   EXPECT_EQ(1U, rec->alive_seq);
   EXPECT_EQ(1U, wex_sys_get_alive_seq(tid));
@@ -314,8 +343,14 @@ TEST_F(Registry, ANotifyResetRenewsTheCountersOrRegisters) {
   const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
   EXPECT_EQ(0, wex_notifier_reset(&first));
   expect_counters(find(wex_alive_chains, process.pid()), 5, 2, 120, 60);
+  wex_pid* const rec = find(wex_alive_chains, process.pid());
+  const auto tid = static_cast<uint32_t>(process.pid());
+  ASSERT_EQ(0, wex_sys_update_alive_seq(tid));
+  rec->alive_seq = 2;
   EXPECT_EQ(0, wex_notifier_reset(&second));
-  expect_counters(find(wex_alive_chains, process.pid()), 4, 4, 180, 0);
+  expect_counters(rec, 4, 4, 180, 0);
+  EXPECT_EQ(1U, rec->alive_seq) << "else the next scan takes the byte's new start for a report";
+  EXPECT_EQ(1U, wex_sys_get_alive_seq(tid));
   EXPECT_EQ(1, wex_alive_chains.count);
 }
 

@@ -4,6 +4,7 @@
 
 #include <sys/mman.h>
 
+#include "failing_calls.h"
 #include "unit_support.h"
 #include "wex_alive_guard.h"
 #include "wex_limits.h"
@@ -202,6 +203,25 @@ TEST_F(AliveTable, TheFailedModeIsAPublicLineTheRestAliveLines) {
     EXPECT_EQ("[WEX:wex_sys_alive:N]change mode failed!\r\n",
               lines_of([] { EXPECT_EQ(-1, wex_sys_init_alive_info(0)); }));
   });
+}
+
+// Also the daemon, which then ends: but what it leaves is cleared.
+TEST_F(AliveTable, AClearedTableWhoseModeCannotBeSetIsClearedAndFailsOnce) {
+  leave_old_table();
+  EXPECT_EQ(0, wex_test::run_failing({"fchmod:error=EPERM"}, [] {
+              set_levels(0, WEX_DBG_SILENT);
+              EXPECT_EQ("[WEX:wex_sys_alive:N]change mode failed!\r\n",
+                        lines_of([] { EXPECT_EQ(-1, wex_sys_init_alive_info(1)); }));
+              EXPECT_EQ("", lines_of([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); }));
+              EXPECT_EQ(0, wex_sys_isreg_alive_info(5));
+              return 0;
+            }));
+  const std::string table = contents(kAliveTableFile);
+  ASSERT_EQ(188416u, table.size());
+  uint32_t size = 0;
+  memcpy(&size, &table[8], sizeof(size));
+  EXPECT_EQ(184356u, size);
+  EXPECT_EQ(std::string(184353 - 32, '\0'), table.substr(32, 184353 - 32));
 }
 
 TEST_F(AliveTable, ATableThatCannotBeMappedIsTriedAgainEachTime) {

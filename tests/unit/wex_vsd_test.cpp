@@ -11,6 +11,16 @@ using namespace domain_world;
 
 namespace {
 
+int device_answer = 0;  // of the platform call below, in this program and its children
+
+}  // namespace
+
+extern "C" int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) {
+  return device_answer;
+}
+
+namespace {
+
 struct DomainOfAProcess : World {};
 struct Markers : World {};
 struct KillByGroup : World {};
@@ -237,6 +247,37 @@ TEST_F(BareRoot, CreateTellsWhichStepOfTheStartFailed) {
   make_dirs("/bare/tmp/vsd");
   write_text("/bare/tmp/full", std::string(4096, 'f'));
   EXPECT_EQ("create_vsd: write fail: No space left on device", failure());
+}
+
+struct Recording : World {
+  void TearDown() override {
+    EXPECT_EQ(0, system("rm -rf /tmp/vsd"));
+    World::TearDown();
+  }
+};
+
+// What runs in the domain is recorded whatever became of its start.
+TEST_F(Recording, GoesOnWhenTheStartFails) {
+  make_marker_dir(6);
+  process member({3600});
+  process other({3500});
+  device_answer = -1;
+  const std::string text = printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
+  device_answer = 0;
+  EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: fs get vsd envs fail: ")) << text;
+  EXPECT_EQ(0754u, mode_of(path_of(kMarkerFmt, 6, member.pid())));
+  EXPECT_FALSE(there(path_of(kMarkerFmt, 6, other.pid())));
+}
+
+TEST_F(Recording, EndsAtTheFirstMarkerThatCannotBeMade) {
+  process member({3600});
+  process second({3600});
+  device_answer = -1;
+  const std::string text = printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
+  device_answer = 0;
+  const std::string line = "[WEX:wex_vsd:N]save_vsdinfo: open fail: No such file or directory\n";
+  EXPECT_EQ(text.find(line), text.rfind(line)) << text;
+  EXPECT_NE(std::string::npos, text.find(line)) << text;
 }
 
 // ---- Take-down without its processes ----------------------------------------------------------------------

@@ -2,14 +2,12 @@
 #include "wex_xtach.h"
 
 #include <dirent.h>
-#include <sched.h>
 
 #include <atomic>
 #include <fstream>
 
 #include "control_peer.h"
 #include "failing_calls.h"
-#include "wex_sys_alive.h"
 #include "wex_utils.h"
 
 using namespace control;
@@ -150,8 +148,37 @@ TEST_F(Registration, WithAScriptCarriesItInTheNameAndDoesNotWait) {
 }
 
 TEST_F(Registration, WithAScriptTakesAnyTypeOfTheCaller) {
-  EXPECT_EQ(0, reg_process_exit_action_shell(0, 5, "x"));
-  EXPECT_EQ(5U, daemon_.accept().receive().header.msg_type);
+  for (const uint32_t type : {2U, 5U, 0U, 1U}) {
+    const pid_t child = start_child([type] { return reg_process_exit_action_shell(0, type, "x"); });
+    EXPECT_EQ(type, daemon_.accept().receive().header.msg_type);
+    EXPECT_EQ(0, exit_status(child));
+    const char* const action = type == WEX_RESTART ? "\n2\n" : "\n3\n";  // in the database file
+    EXPECT_EQ(std::to_string(child) + action + own_command(), read_file(database_file(child))) << type;
+  }
+}
+
+// The daemon refuses it later, for it reads the command line itself.
+TEST_F(Registration, WithAScriptOfAProcessThatIsGoneIsStillSent) {
+  const pid_t gone = start_child([] { return 0; });
+  ASSERT_EQ(0, exit_status(gone));
+  const printed out;
+  EXPECT_EQ(0, reg_process_exit_action_shell(gone, WEX_SHELL_RESTART, "x"));
+  const message in = daemon_.accept().receive();
+  EXPECT_EQ(2U, in.header.msg_type);
+  EXPECT_STREQ("x", in.header.name);
+  EXPECT_EQ(gone, in.body<wex_reg_info>().pid);
+  EXPECT_STREQ("", in.body<wex_reg_info>().process);
+  EXPECT_TRUE(out.has(text_of("]reg_process_exit_action_shell: fail to get pid %d's cmdline\n", gone)));
+  EXPECT_EQ("", database_file(gone));
+}
+
+TEST_F(Registration, WithAScriptIsSentAlsoWhenNoDatabaseFileCanBeMade) {
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));
+  const printed out;
+  EXPECT_EQ(0, reg_process_exit_action_shell(0, WEX_SHELL_RESTART, "x"));
+  EXPECT_EQ(getpid(), daemon_.accept().receive().body<wex_reg_info>().pid);
+  EXPECT_TRUE(
+      out.has(text_of("]wex_mk_pidfile fail. vsd 0 pid %d name %s \n", getpid(), own_command().c_str())));
 }
 
 TEST_F(Registration, WithAScriptRefusesANegativePid) {
@@ -159,6 +186,35 @@ TEST_F(Registration, WithAScriptRefusesANegativePid) {
   EXPECT_EQ(-1, reg_process_exit_action_shell(-1, WEX_SHELL_RESTART, "x"));
   EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
   EXPECT_FALSE(daemon_.has_caller(0ms));
+}
+
+// A client knows its levels from the file alone, which may have changed since its last call.
+TEST_F(Registration, LoadsTheLevelsOfTheClientFirst) {
+  setenv("DATA_OVIX_DIR", "/tmp/levels", 1);
+  ASSERT_EQ(0, system("mkdir -p /tmp/levels/qx_utils"));
+  // The second is refused, and sends nothing, but has loaded them before.
+  int (*const calls[])() = {[] { return reg_process_exit_action_shell(0, WEX_SHELL_RESTART, "x"); },
+                            [] { return wex_client_reg_thread_notify(getpid(), gettid(), 0, 1) + 1; },
+                            [] { return reg_process_exit_action(0, WEX_RESTART); }};
+  int32_t level = 0;
+  for (const auto call : calls) {
+    const printed out;
+    std::ofstream("/tmp/levels/qx_utils/qx_utils_dbg_cfg.txt") << "g_wex_pub_dbg_level " << ++level << "\n";
+    const pid_t child = start_child([&] {
+      g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
+      const int result = call();
+      return result == 0 ? g_wex_dbg_level[WEX_DBG_PUB] : 90;
+    });
+    if (level != 2) {
+      const peer client = daemon_.accept();
+      client.receive();
+      if (level == 3) {
+        client.acknowledge();
+      }
+    }
+    EXPECT_EQ(level, exit_status(child));
+  }
+  unsetenv("DATA_OVIX_DIR");
 }
 
 struct keyword {
@@ -265,13 +321,26 @@ TEST(StartUserProcess, RefusesNoPathAndAPathThatIsNotThere) {
 
 TEST(StartUserProcess, StartsAProgramThatMayBeKilledForMemory) {
   const reporter program;
+  const std::string before = read_file("/proc/self/oom_score_adj");
+  std::ofstream("/proc/self/oom_score_adj") << "500\n";  // the program inherits it
   const printed out;
   const pid_t pid = wex_start_user_process(reporter::path());
+  std::ofstream("/proc/self/oom_score_adj") << before;
   const std::string said = reporter::said();
   EXPECT_TRUE(eventually([&] { return read_file(text_of("/proc/%d/oom_score_adj", pid)) == "0\n"; }));
   EXPECT_NE(std::string::npos, said.find("count 0\n"));
   EXPECT_TRUE(out.has(text_of("]wex_spawn_by_user--> wex_pid->process = /tmp/reporter, new pid: %d\n", pid)));
   end_program(pid);
+}
+
+// Whoever wants it supervised says so, or it does so itself.
+TEST(StartUserProcess, RegistersNothing) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/0/wex/db"));
+  const daemon_end daemon;
+  const pid_t pid = wex_start_user_process("/bin/true");
+  EXPECT_EQ(0, exit_status(pid));
+  EXPECT_FALSE(daemon.has_caller(300ms));
+  EXPECT_EQ("", database_file(pid));
 }
 
 TEST(SpawnByUser, GivesTheProgramACleanStart) {
@@ -318,6 +387,32 @@ TEST(SpawnByUser, LeavesTheCallersSignalMaskAlone) {
   EXPECT_EQ(0, sigismember(&mask, SIGCHLD));
   reporter::said();
   end_program(pid);
+}
+
+namespace {
+
+std::atomic<int> early_children{0};
+int32_t stored_pid = -1;
+
+}  // namespace
+
+TEST(SpawnByUser, ItsCallerHearsOfNoEndBeforeItKnowsThePid) {
+  struct sigaction look = {};
+  struct sigaction before = {};
+  look.sa_handler = [](int) {
+    early_children += __atomic_load_n(&stored_pid, __ATOMIC_SEQ_CST) == -1 ? 1 : 0;
+  };
+  look.sa_flags = SA_RESTART;
+  ASSERT_EQ(0, sigaction(SIGCHLD, &look, &before));
+  early_children = 0;
+  wex_pid rec = {};
+  strcpy(rec.process, "/tmp/not_there");  // ends as soon as it may
+  for (int round = 0; round < 50; ++round) {
+    const pid_t pid = wex_spawn_by_user(&rec, &stored_pid);
+    EXPECT_EQ(1, exit_status(pid));
+  }
+  EXPECT_EQ(0, early_children);
+  sigaction(SIGCHLD, &before, nullptr);
 }
 
 TEST(SpawnByUser, PassesFourteenWordsOfALongerLine) {
@@ -396,208 +491,4 @@ TEST(SpawnByUser, TellsTheLowMemoryKillerWhenItIsThere) {
     EXPECT_EQ("1\n", read_file(kFlushTlb));
   }
   umount2("/sys/kernel", MNT_DETACH);
-}
-
-// ---- Thread liveness --------------------------------------------------------------------------------------
-
-namespace {
-
-class ThreadNotify : public ::testing::Test {
- protected:
-  void SetUp() override {
-    unlink(kExemptThreads);
-    ASSERT_EQ(0, wex_sys_init_alive_info(1));
-  }
-  void TearDown() override { unlink(kExemptThreads); }
-
-  // Registers the calling thread as the daemon would, so that its reports go to the table.
-  static uint32_t register_here() {
-    const auto tid = static_cast<uint32_t>(gettid());
-    EXPECT_EQ(0, wex_sys_reg_alive_info(tid));
-    return tid;
-  }
-  daemon_end daemon_;
-};
-
-struct period {
-  int32_t time;
-  int32_t seconds;
-  int32_t misses;
-};
-
-}  // namespace
-
-TEST_F(ThreadNotify, RegistrationCarriesThePeriodOfTheLowestBit) {
-  peer client(-1);
-  for (const period row :
-       {period{7, 180, 4}, {9, 180, 4}, {-1, 180, 4}, {60, 120, 5}, {2, 120, 5}, {-2, 120, 5}}) {
-    std::atomic<int32_t> tid{0};
-    auto result = calling([&] {
-      tid = gettid();
-      return wex_client_reg_thread_notify(getpid(), gettid(), row.time, 3);
-    });
-    if (!client.connected()) {
-      client = daemon_.accept();
-    }
-    const message in = client.receive();
-    client.acknowledge();
-    EXPECT_EQ(0, result.get());
-    const auto body = in.body<wex_reg_info>();
-    wex_reg_info expected = {};
-    expected.pid = tid;
-    expected.ppid = getpid();
-    expected.ntfy_cnt = expected.cur_cnt = row.misses;
-    expected.ntfy_time = row.seconds;
-    EXPECT_EQ(3U, in.header.msg_type);
-    EXPECT_EQ(0, memcmp(&expected, &body, sizeof body)) << row.time;
-  }
-}
-
-TEST_F(ThreadNotify, RefusesMissingParameters) {
-  const int32_t pid = getpid();
-  const int32_t tid = gettid();
-  const int32_t rows[][4] = {
-      {0, tid, 60, 5}, {-1, tid, 60, 5}, {pid, 0, 60, 5}, {pid, tid, 0, 5}, {pid, tid, 60, 0}};
-  for (const auto& row : rows) {
-    const printed out;
-    EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], row[2], row[3]));
-    EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], row[2], row[3]));
-    EXPECT_EQ(2U, occurrences(out.text(), text_of("]parameter error(pid:%d, tid:%d, time:%d, count:%d)!\n",
-                                                  row[0], row[1], row[2], row[3])));
-  }
-  EXPECT_FALSE(daemon_.has_caller(0ms));
-}
-
-TEST_F(ThreadNotify, RefusesToSpeakForAnother) {
-  const int32_t pid = getpid();
-  const int32_t tid = gettid();
-  const int32_t rows[][2] = {{pid + 1, tid}, {pid, tid + 1}, {pid, -tid}, {1, 1}};
-  for (const auto& row : rows) {
-    const printed out;
-    EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], 60, 5));
-    EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], 60, 5));
-    EXPECT_EQ(2U,
-              occurrences(out.text(), text_of("]not cur task reg!(pid:%d, tid:%d, cur_pid:%d, cur_tid:%d)!\n",
-                                              row[0], row[1], pid, tid)));
-  }
-  EXPECT_FALSE(daemon_.has_caller(0ms));
-}
-
-TEST_F(ThreadNotify, OfARegisteredThreadAdvancesItsByteAndSendsNothing) {
-  const uint32_t tid = register_here();
-  const uint32_t before = wex_sys_get_alive_seq(tid);
-  EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
-  EXPECT_NE(before, wex_sys_get_alive_seq(tid));
-  EXPECT_FALSE(daemon_.has_caller(0ms));
-}
-
-TEST_F(ThreadNotify, OfAnUnregisteredThreadRegistersIt) {
-  const printed out;
-  auto result = calling([] { return wex_client_reset_thread_notify(getpid(), gettid(), 60, 5); });
-  const peer client = daemon_.accept();
-  const message in = client.receive();
-  client.acknowledge();
-  EXPECT_EQ(0, result.get());
-  EXPECT_EQ(3U, in.header.msg_type);
-  EXPECT_TRUE(out.has(text_of("]reg alive info(pid:%d, tid:%d, time:60, count:5)!\n", getpid(),
-                              in.body<wex_reg_info>().pid)));
-}
-
-TEST_F(ThreadNotify, OfAnExemptThreadDoesNothing) {
-  const uint32_t tid = register_here();
-  const std::string own = std::to_string(tid);
-  const uint32_t before = wex_sys_get_alive_seq(tid);
-  for (const std::string& text :
-       {own + "\n", "1\n2\n" + own + "\n3\n", own + "x", std::string(1023, 'a') + own + "\n"}) {
-    std::ofstream(kExemptThreads) << text;
-    EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
-    EXPECT_EQ(before, wex_sys_get_alive_seq(tid)) << text;
-  }
-  EXPECT_FALSE(daemon_.has_caller(0ms));
-}
-
-TEST_F(ThreadNotify, IsNotHeldBackByAnUnfinishedLineOrAnotherNumber) {
-  const uint32_t tid = register_here();
-  const std::string own = std::to_string(tid);
-  for (const std::string& text :
-       {own, own + "\r\n", " " + own + "\n", own + "0\n", std::string("\n"), std::string()}) {
-    const uint32_t before = wex_sys_get_alive_seq(tid);
-    std::ofstream(kExemptThreads) << text;
-    EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
-    EXPECT_NE(before, wex_sys_get_alive_seq(tid)) << text;
-  }
-}
-
-// Thread ids that large need a pid namespace of their own, or the whole machine would count from there.
-TEST_F(ThreadNotify, BeyondTheTableGoesAsAMessageAndNeverFails) {
-  const printed out;
-  const pid_t outer = start_child([] {
-    if (unshare(CLONE_NEWPID) != 0) {
-      return 90;
-    }
-    return in_child([] {
-      std::ofstream("/proc/sys/kernel/pid_max") << 400000 << std::flush;
-      std::ofstream("/proc/sys/kernel/ns_last_pid") << 199999 << std::flush;
-      return in_child([] {
-        if (getpid() != 200000) {
-          return 91;
-        }
-        if (wex_client_reset_thread_notify(200000, 200000, 7, 1) != 0) {
-          return 92;
-        }
-        unlink(kControlSocket);
-        rename(WEX_RUN, WEX_RUN ".away");  // from here on no connection can be made
-        const int away = in_child([] { return wex_client_reset_thread_notify(getpid(), gettid(), 7, 1); });
-        rename(WEX_RUN ".away", WEX_RUN);
-        return away == 0 ? 0 : 93;
-      });
-    });
-  });
-  const message in = daemon_.accept().receive();
-  const auto body = in.body<wex_reg_info>();
-  EXPECT_EQ(4U, in.header.msg_type);
-  EXPECT_EQ(200000, body.pid);
-  EXPECT_EQ(200000, body.ppid);
-  EXPECT_EQ(4, body.ntfy_cnt);
-  EXPECT_EQ(4, body.cur_cnt);
-  EXPECT_EQ(180, body.ntfy_time);
-  EXPECT_EQ(0, exit_status(outer));
-  EXPECT_TRUE(out.has("]wex_rpc: connect fail(ret:-1)\n"));
-}
-
-TEST_F(ThreadNotify, WithdrawalNamesTheThread) {
-  auto result = calling([] { return wex_client_unreg_thread_notify(1234); });
-  const message in = answer(daemon_);
-  EXPECT_EQ(0, result.get());
-  EXPECT_EQ(5U, in.header.msg_type);
-  EXPECT_EQ(1U, in.body<wex_cons_info>().kind);
-  EXPECT_EQ(1234, in.body<wex_cons_info>().pid);
-}
-
-TEST_F(ThreadNotify, WithdrawalOfThreadZeroIsReportedAndSent) {
-  const printed out;
-  auto result = calling([] { return wex_client_unreg_thread_notify(0); });
-  EXPECT_EQ(0, answer(daemon_).body<wex_cons_info>().pid);
-  EXPECT_EQ(0, result.get());
-  EXPECT_TRUE(out.has("]parameter error\n"));
-}
-
-TEST_F(ThreadNotify, WithdrawalSucceedsWhateverHappens) {
-  EXPECT_EQ(0, in_child([this] {
-              daemon_.close();
-              rename(WEX_RUN, WEX_RUN ".away");
-              const int result = wex_client_unreg_thread_notify(5);
-              rename(WEX_RUN ".away", WEX_RUN);
-              return result;
-            }));
-}
-
-TEST_F(ThreadNotify, WithoutTheProcessIgnoresTheAbortSignal) {
-  const pid_t child = start_child([] {
-    const int result = wex_client_reg_thread_notify_no_proc(getpid(), gettid(), 60, 1);
-    kill(getpid(), SIGABRT);
-    return result;
-  });
-  EXPECT_EQ(3U, answer(daemon_).header.msg_type);
-  EXPECT_EQ(0, exit_status(child));
 }

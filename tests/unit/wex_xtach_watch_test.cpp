@@ -71,6 +71,23 @@ TEST(DescriptorWatch, NamesTheProcessItLookedAt) {
   EXPECT_TRUE(out.has("]process /"));
 }
 
+TEST(DescriptorWatch, KnowsAProcessWithoutACommandLineByItsNumber) {
+  const printed out;
+  EXPECT_EQ(0, wex_test::run_failing({"readlink,readlinkat:error=EACCES"}, [] {
+              const filled_table table;
+              wex_client_watch_process_fd(getpid());
+              return 0;
+            }));
+  const std::string text = out.text();
+  const size_t at = text.find("]process ");
+  ASSERT_NE(std::string::npos, at) << text;
+  int pid = 0;
+  int length = 0;
+  sscanf(text.c_str() + at, "]process %d open files exceed the system upper limit.\n%n", &pid, &length);
+  EXPECT_GT(pid, 1) << text;
+  EXPECT_EQ(text.size(), at + static_cast<size_t>(length)) << text;
+}
+
 TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
   const printed out;
   EXPECT_EQ(0, in_child([] {
