@@ -4,6 +4,7 @@
 #include <sched.h>
 
 #include "domain_world.h"
+#include "failing_calls.h"
 #include "wex_limits.h"
 
 using namespace domain_world;
@@ -61,6 +62,34 @@ TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyTold) {
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]add_cgroups: fwrite fail: No such process\n"));
 }
 
+TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
+  make_marker_dir(13);
+  process first({4300});
+  process second({4300});
+  mark(13, first.pid());
+  mark(13, 4194304);
+  mark(13, second.pid());
+  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::regex told("add_cgroups: fwrite fail: No such process\n");
+  EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << "one a hierarchy";
+  for (const char* format : {kMemoryTasksFmt, kCpuTasksFmt}) {
+    EXPECT_EQ((std::set<std::string>{std::to_string(first.pid()), std::to_string(second.pid())}),
+              tasks_of(format, 13));
+  }
+}
+
+TEST_F(ControlGroups, AMarkerThatLeadsNowhereIsToldAndCountsAsAProcess) {
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
+  make_marker_dir(13);
+  process subject({4300});
+  ASSERT_EQ(0, symlink("/nowhere", path_of(kMarkerFmt, 13, subject.pid()).c_str()));
+  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  EXPECT_NE(std::string::npos,
+            text.find("[WEX:wex_vsd:N]set_cgroups: stat fail: No such file or directory\n"));
+  EXPECT_EQ((std::set<std::string>{std::to_string(subject.pid())}), tasks_of(kMemoryTasksFmt, 13));
+}
+
 struct Limits : ControlGroups {
   void SetUp() override {
     World::SetUp();
@@ -105,6 +134,25 @@ TEST_F(Limits, FailWithTheReasonForAMissingDomain) {
             printed_by([] { EXPECT_EQ(-ENOENT, set_cpu_group(12, 10)); }));
 }
 
+TEST_F(Limits, FailWithTheReasonForAValueThatTheKernelRefuses) {
+  EXPECT_EQ("[WEX:wex_vsd:N]set_cpu_group: fwrite fail: Invalid argument\n",
+            printed_by([] { EXPECT_EQ(-EINVAL, set_cpu_group(13, -7)); }));
+  ASSERT_EQ(0, set_mem_group(13, 65536));
+  process member({4300}, [] {  // memory that cannot be taken from the group
+    write_text(path_of(kMemoryTasksFmt, 13), "0");
+    if (mlockall(MCL_FUTURE) != 0) {
+      _exit(5);
+    }
+    hold_memory(8192);
+  });
+  EXPECT_EQ(
+      "[WEX:wex_vsd:N]set_mem_limit_group: fwrite fail: Device or resource busy\n"
+      "[WEX:wex_vsd:N]set_mem_group: set_hard_mem_limit fail: Device or resource busy\n",
+      printed_by([] { EXPECT_EQ(-EBUSY, set_mem_group(13, 1024)); }));
+  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.limit_in_bytes"));
+  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.soft_limit_in_bytes")) << "not even tried";
+}
+
 TEST_F(Limits, CpuWeightIsTenthsOfTheDefault) {
   const std::pair<int32_t, const char*> rows[] = {
       {10, "1024\n"}, {5, "512\n"}, {7, "716\n"}, {100, "10240\n"}};
@@ -141,6 +189,18 @@ struct PlainControlFiles : World {
   static constexpr char kShares[] = "/cpu/vsd_13/cpu.shares";
 };
 
+TEST_F(PlainControlFiles, WithoutATasksFileTheProcessStaysWhereItIs) {
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
+  make_marker_dir(13);
+  process subject({4300});
+  mark(13, subject.pid());
+  const std::string groups = text_of("/proc/" + std::to_string(subject.pid()) + "/cgroup");
+  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::regex told("\\[WEX:wex_vsd:N\\]add_cgroups: fopen fail: No such file or directory\n");
+  EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << text;
+  EXPECT_EQ(groups, text_of("/proc/" + std::to_string(subject.pid()) + "/cgroup"));
+}
+
 TEST_F(PlainControlFiles, HoldTheLimitInKilobytes) {
   EXPECT_EQ(0, set_mem_group(13, 65536));
   EXPECT_EQ("65536K", text_of(kHard));
@@ -158,6 +218,14 @@ TEST_F(PlainControlFiles, HoldTheWeightTruncatedTowardsZero) {
     EXPECT_EQ(0, set_cpu_group(13, tenths));
     EXPECT_EQ(text, text_of(kShares)) << tenths;
   }
+}
+
+TEST_F(PlainControlFiles, LimitThatCannotBeReadIsNone) {
+  write_text(kHard, "65536\n");
+  EXPECT_EQ("[WEX:wex_vsd:N]get_maxmem_set: read fail: Input/output error\n", printed_by([] {
+              EXPECT_EQ(0, wex_test::run_failing({"read:error=EIO"},
+                                                 [] { return get_maxmem_set(13) == 0 ? 0 : 1; }));
+            }));
 }
 
 TEST_F(PlainControlFiles, SoftLimitThatFailsComesAfterTheHardOne) {
@@ -390,6 +458,27 @@ TEST_F(Memory, CallWithoutCandidatesSignalsTheCallersOwnGroup) {
 TEST_F(BareRoot, MeasurementSaysSoAndEnds) {
   EXPECT_EQ("[WEX:wex_vsd:N]poll_use_mem: open dir fail: No such file or directory\n",
             printed_inside([] { return set_vsd_mem() == 0 && vsd_use_mem(0) == 0; }));
+}
+
+// A pause behind each process keeps the measurement from taking the machine.
+TEST_F(BareRoot, MeasurementBeginsAnewEachTimeAndTakesItsTime) {
+  for (const char* pid : {"4194305", "4194306", "4194307"}) {
+    put_process(pid, "Groups:\t4300\n");
+    write_text(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
+  }
+  put_process("4194308", "Groups:\t\n");
+  write_text("/bare/proc/4194308/smaps", "Rss: 5 kB\n");
+  make_dirs("/bare/tmp/vsd/13");  // a directory, and no control group: no limit
+  printed_inside([] {
+    for (int round = 0; round < 2; ++round) {
+      const auto start = std::chrono::steady_clock::now();
+      if (set_vsd_mem() != 0 || vsd_use_mem(13) != 0 || vsd_use_mem(0) != 5 ||
+          std::chrono::steady_clock::now() - start < std::chrono::milliseconds(400)) {
+        return false;
+      }
+    }
+    return true;
+  });
 }
 
 TEST_F(BareRoot, MeasurementTellsOfAProcessItCannotReadAndGoesOn) {
