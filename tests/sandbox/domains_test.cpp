@@ -12,6 +12,7 @@
 #include <cstring>
 #include <regex>
 
+#include "failing_calls.h"
 #include "wex.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
@@ -134,7 +135,9 @@ void expect_in_domain(const Facts& facts, int vsd) {
 
 TEST_F(Domains, CreateMakesEachDomainAndRunsTheStartScriptsInIt) {
   service_script("");
-  const auto status = wex({"-c", "3"});
+  const auto status =
+      run({"sh", "-c",  // whoever starts it is more likely to be killed than its domains
+           "echo 500 > /proc/self/oom_score_adj && exec " + std::string(Daemon::binary()) + " -c 3"});
   ASSERT_TRUE(exited_with(status, 0));
   for (int vsd = 1; vsd <= 3; ++vsd) {
     const Facts facts = facts_of(vsd);
@@ -256,6 +259,26 @@ TEST_F(Domains, ChildThatFailsNeverRunsTheCallersCode) {
   EXPECT_FALSE(exists("/tmp/vsd/5"));
 }
 
+// What is in the domain already is recorded all the same, and nobody is waited for.
+TEST_F(Domains, WithoutAForkNothingIsStartedAndTheCallersGoOn) {
+  write_file("/sbin/wex_app", "#!/bin/sh\n", 0755);
+  make_dirs("/tmp/vsd/6/wex");
+  const pid_t member = fork();
+  if (member == 0) {
+    const gid_t group = 3600;
+    _exit(setgroups(1, &group) == 0 && pause() != 0 ? 0 : 1);
+  }
+  ASSERT_TRUE(eventually([&] { return get_vsdid(member) == 6; }));
+  EXPECT_EQ(0, run_failing({"clone,clone3,fork,vfork:error=EAGAIN"}, [] {
+              return create_vsd(6) == 0 && create_proc_to_vsd("wex_app", 6) == 0 ? 0 : 1;
+            }));
+  EXPECT_TRUE(exists("/tmp/vsd/6/wex/" + std::to_string(member)));
+  EXPECT_FALSE(exists(kDeviceCalls)) << "somebody entered the domain";
+  EXPECT_FALSE(exists("/tmp/vsd/6/starttime"));
+  kill(member, SIGKILL);
+  EXPECT_EQ(member, waitpid(member, nullptr, 0));
+}
+
 TEST_F(Domains, StandardOutputIsWhereAllDiagnosticsGo) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(0, create_vsd(6));
@@ -325,6 +348,15 @@ TEST_F(AddProgram, ProgramThatCannotRunLeavesItsMarkerAndNothingElse) {
   EXPECT_TRUE(exited_with(status, 0));
   EXPECT_EQ(1u, list_dir("/tmp/vsd/6/wex").size());
   EXPECT_TRUE(eventually([] { return processes_of(6).empty(); }));
+}
+
+TEST_F(AddProgram, FailsInTheChildWhenItsMarkerCannotBeMade) {
+  write_file("/sbin/wex_app", "#!/bin/sh\n", 0755);
+  write_file("/tmp/vsd/6/wex", "in the way of the directory");
+  EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
+  int status = 0;
+  EXPECT_LT(0, wait(&status));
+  EXPECT_TRUE(exited_with(status, 1));
 }
 
 TEST_F(AddProgram, FailsInTheChildWithoutARunDirectory) {
@@ -526,24 +558,26 @@ TEST_F(Domains, FailedSignallingLeavesTheMarkerAndEverythingElse) {
       {reload_vsd,
        "[WEX:wex_vsd:N]re_delete_vsd: ret < 0: No such file or directory\n"
        "[WEX:wex_vsd:N]delete 6 vsd fail, error =No such file or directory\n"}};
+  const std::string progress = "Sending vsd: 6 all processes the TERM signal...\n";  // at every level
   for (const auto& [operation, line] : rows) {
     make_dirs("/data/trace/tmp/vsd/6");
-    testing::internal::CaptureStdout();
-    const pid_t child = fork();
-    if (child == 0) {
-      if (chroot("/data/trace") != 0 || chdir("/") != 0) {
-        _exit(100);
+    for (const int32_t level : {0, int32_t{WEX_DBG_SILENT}}) {
+      g_wex_dbg_level[WEX_DBG_PUB] = level;
+      testing::internal::CaptureStdout();
+      const pid_t child = fork();
+      if (child == 0) {
+        if (chroot("/data/trace") != 0 || chdir("/") != 0) {
+          _exit(100);
+        }
+        _exit(-operation(6));  // a root without "/proc"
       }
-      _exit(-operation(6));  // a root without "/proc"
+      int status = 0;
+      EXPECT_EQ(child, waitpid(child, &status, 0));
+      EXPECT_TRUE(exited_with(status, ENOENT));
+      const std::string told =
+          "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n" + line;
+      EXPECT_EQ(progress + (level == 0 ? told : ""), without_lines(testing::internal::GetCapturedStdout()));
     }
-    int status = 0;
-    EXPECT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(exited_with(status, ENOENT));
-    EXPECT_EQ(
-        "Sending vsd: 6 all processes the TERM signal...\n"
-        "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n" +
-            line,
-        without_lines(testing::internal::GetCapturedStdout()));
     EXPECT_TRUE(exists("/data/trace/tmp/vsd/6/delete_vsd"));
     remove_tree("/data/trace");
   }

@@ -31,6 +31,8 @@ std::string of_size(off_t size) {
   return std::string(static_cast<size_t>(size), 'o');
 }
 
+std::vector<std::string> synced;  // what was written to the disk, with the size it had, in order
+
 void set_time(const char* path, time_t when) {
   const utimbuf times = {when, when};
   ASSERT_EQ(0, utime(path, &times));
@@ -80,6 +82,18 @@ class Reboot : public Sandboxed {
 
 }  // namespace
 
+extern "C" int __real_fsync(int fd);
+extern "C" int __wrap_fsync(int fd) {
+  char path[256] = {};
+  struct stat status = {};
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  if (readlink(link.c_str(), path, sizeof path - 1) > 0 && fstat(fd, &status) == 0) {
+    synced.push_back(S_ISDIR(status.st_mode) ? path
+                                             : std::string(path) + " " + std::to_string(status.st_size));
+  }
+  return __real_fsync(fd);
+}
+
 // ---- Running log ------------------------------------------------------------------------------------------
 
 TEST_F(RunningLog, AnEntryIsTheLocalTimeAndTheMessageAsItIs) {
@@ -97,6 +111,19 @@ TEST_F(RunningLog, IsAlsoPrinted) {
   EXPECT_EQ("[WEX:wex_log:N]Start.\r\n", lines_of([] { wex_running_log("Start.\r\n"); }));
   set_levels(WEX_DBG_SILENT, 0);
   EXPECT_EQ("", output_of([] { wex_running_log("Start.\r\n"); }));
+}
+
+// A power cut may follow: what was said is on the disk, and after a creation the name of its file too.
+TEST_F(RunningLog, EachEntryIsOnTheDiskWhenItIsMade) {
+  using texts = std::vector<std::string>;
+  const std::string log = kRunningLog1;
+  const std::string directory = log.substr(0, log.rfind('/'));
+  synced.clear();
+  wex_running_log("a\n");
+  EXPECT_EQ((texts{log + " 23", directory}), synced);
+  synced.clear();
+  wex_running_log("b\n");
+  EXPECT_EQ((texts{log + " 46"}), synced);
 }
 
 TEST_F(RunningLog, AMessageIsCutAt255Characters) {
@@ -275,6 +302,18 @@ TEST_F(NotifyRing, TheEleventhEntryOverwritesTheFirst) {
   EXPECT_EQ("1", contents(kNotifyCount));
 }
 
+TEST_F(NotifyRing, EachEntryAndItsCounterAreOnTheDiskWhenTheyAreMade) {
+  using texts = std::vector<std::string>;
+  synced.clear();
+  report("a");
+  const std::string ring = kNotifyLog;
+  const std::string count = kNotifyCount;
+  EXPECT_EQ((texts{"/data", ring + " 28", count + " 1", "/data"}), synced);
+  synced.clear();
+  report("b");
+  EXPECT_EQ((texts{ring + " 56", count + " 1"}), synced);
+}
+
 TEST_F(NotifyRing, AShorterEntryLeavesTheTailOfTheOldOne) {
   report("a long old entry");
   report("second");
@@ -377,6 +416,16 @@ TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
   wex_log_record_reboot_info("/data/record", "%s%d", "again ", 2);
   EXPECT_EQ("T why\n\nT again 2\n", without_times(contents("/data/record")));
   wex_log_record_reboot_info("/data/none/record", "lost");
+}
+
+TEST_F(RebootRecord, AnEntryIsOnTheDiskWhenItIsMade) {
+  using texts = std::vector<std::string>;
+  synced.clear();
+  wex_log_record_reboot_info("/data/record", "%s", "why");
+  EXPECT_EQ((texts{"/data/record 29", "/data"}), synced);
+  synced.clear();
+  wex_log_record_reboot_info("/data/record", "%s", "why");
+  EXPECT_EQ((texts{"/data/record 58"}), synced);
 }
 
 TEST_F(Reboot, RecordsTheReasonThenAsksTheKernelAfterASecond) {

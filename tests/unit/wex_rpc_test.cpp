@@ -1,6 +1,7 @@
 // The client's connection, against a daemon played by the test.
 #include "wex_rpc.h"
 
+#include <grp.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -590,6 +591,24 @@ TEST(Cancel, TellsTheResultOfTheRemoval) {
   wex_rm_db_file_by_pid(subject.pid());
   EXPECT_TRUE(out.has("ret -1\n"));
   EXPECT_TRUE(out.has("]wex_rm_db_file_by_pid unlink file /tmp/vsd/0/wex/db/"));
+}
+
+TEST(Cancel, RemovesTheFileInTheProcesssOwnDomain) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/0/wex/db /tmp/vsd/3/wex/db"));
+  const pid_t child = start_child([] {
+    const gid_t group = 3300;
+    if (setgroups(1, &group) != 0) {
+      return 90;
+    }
+    for (const int domain : {0, 3}) {
+      std::ofstream(text_of(kDbFileFmt, domain, program_invocation_short_name, getpid())) << "x";
+    }
+    wex_rm_db_file_by_pid(getpid());
+    return 0;
+  });
+  EXPECT_EQ(0, exit_status(child));
+  EXPECT_FALSE(exists(text_of(kDbFileFmt, 3, program_invocation_short_name, child)));
+  EXPECT_TRUE(exists(text_of(kDbFileFmt, 0, program_invocation_short_name, child)));
 }
 
 TEST(Cancel, RemovesTheFileOfAProgramWithALongNameAndNoOther) {
