@@ -129,6 +129,18 @@ TEST_F(HangDetection, TheTableIsClearedAtTheStartOpenToAllAndOutlivesTheDaemon) 
   EXPECT_EQ(kTableSize, table().size());
 }
 
+TEST_F(HangDetection, ATableThatCannotBeOpenedToAllEndsTheDaemonButIsCleared) {
+  write_file(kAliveTableFile, std::string(188416, '\xff'), 0600);
+  ASSERT_TRUE(daemon.start_traced({kAliveTableFile, "inject=fchmod:error=EPERM"}));
+  EXPECT_TRUE(exited_with(daemon.wait(15s), 0));
+  EXPECT_TRUE(console_says("]change mode failed!\r\n"));
+  EXPECT_TRUE(console_says("]fail to init alive_info!!!\n"));
+  const std::string log = read_file(kRunningLog1);
+  EXPECT_NE(std::string::npos, log.find(": Exit.\r\n")) << log;
+  EXPECT_EQ(std::string::npos, log.find("Start.")) << log;
+  EXPECT_EQ(std::string(184353 - 32, '\0'), read_file(kAliveTableFile).substr(32, 184353 - 32));
+}
+
 TEST_F(HangDetection, AServiceReportsThroughTheTableAndRegistersAgainAfterADaemonRestart) {
   ASSERT_TRUE(daemon.start());
   Process service;
