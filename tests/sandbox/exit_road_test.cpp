@@ -116,12 +116,13 @@ TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
 
 // ---- Crashes ----------------------------------------------------------------------------------------------
 
+// Each has a ready file of its own: the second life of one writes it while the next one crashes.
 texts crasher(int number, const std::string& how = "--crash=SEGV") {
   return {"--tag=" + text(number),
           "--core",
           "--register=RESTART",
           "--confirm",
-          "--ready=/tmp/wex/ready",
+          "--ready=/tmp/wex/ready" + text(number),
           "--first-time=/tmp/wex/once" + text(number),
           how,
           "--hold"};
