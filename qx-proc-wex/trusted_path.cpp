@@ -90,8 +90,8 @@ class walk {
     return true;
   }
 
-  // Cuts the next component off the rest. The first one of an absolute path keeps its slash, which takes it to
-  // the root whatever the place; the place itself when there is none.
+  // Cuts the next component off the rest. The first one of an absolute path keeps its slash, which takes it
+  // to the root whatever the place; the place itself when there is none.
   const char* take_component() {
     char* const name = rest_;
     rest_ += strspn(rest_, "/");

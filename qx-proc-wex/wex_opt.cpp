@@ -11,11 +11,11 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
+#include "text_number.h"
 #include "wex_dbg.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
-#include "text_number.h"
 
 namespace {
 
