@@ -135,8 +135,9 @@ class ThirdPart : public WexWorld {
 
   static bool registered(const std::string& command, pid_t pid, const std::string& program) {
     return console_says("wex_process_netlink--> To register to wex, process: " + command +
-                        ", pid: " + std::to_string(pid) + ", type: ") &&
-           eventually([&] { return exists(db_file(program, pid)); });
+                            ", pid: " + std::to_string(pid) + ", type: ",
+                        15s) &&
+           eventually([&] { return exists(db_file(program, pid)); }, 15s);
   }
 
   // The one living process with this command line, other than `not_this`.
