@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,31 +21,59 @@ namespace {
 // Kernels that do not know O_PATH ignore it and ask for the right to read the directory as well.
 constexpr int kStep = O_RDONLY | O_PATH | O_DIRECTORY | O_CLOEXEC;
 
+// Whether a link may be followed: root or we made it, and it is no second name of a link that stands
+// elsewhere.
+bool is_trusted_link(const struct stat& facts) {
+  return S_ISLNK(facts.st_mode) && facts.st_nlink == 1 && (facts.st_uid == 0 || facts.st_uid == geteuid());
+}
+
 bool same_link(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
          a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-bool is_trusted_link(const struct stat& facts) {
-  return facts.st_uid == 0 || facts.st_uid == geteuid();
+// For kernels that cannot open a link. It is looked at before and after it is read; one that lost its name in
+// between and got it back has a new status time. That time may be as coarse as a second, so a link just made
+// is read only when it is older.
+ssize_t read_resting_link(int at, const char* name, struct stat* facts, char* text, size_t size) {
+  struct stat after;
+  if (fstatat(at, name, facts, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(facts->st_mode)) {
+    return -1;
+  }
+  if (is_trusted_link(*facts) && time(nullptr) - facts->st_ctim.tv_sec < kLinkRestSec) {
+    safe_sleep(kLinkRestSec);
+  }
+  const ssize_t length = readlinkat(at, name, text, size);
+  if (length < 0 || fstatat(at, name, &after, AT_SYMLINK_NOFOLLOW) != 0) {
+    return -1;
+  }
+  errno = ELOOP;
+  return same_link(*facts, after) ? length : -1;
 }
 
-// The text of a trusted link. It is looked at before and after it is read: what is followed is the text of
-// the link that was judged. One that lost its name for a moment and got it back has a new status time.
-bool read_trusted_link(int at, const char* name, char (&text)[kPathSize]) {
-  struct stat before;
-  struct stat after;
-  if (fstatat(at, name, &before, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(before.st_mode)) {
-    return false;
+// The text of the very link that `facts` then tells of, without a terminator. -1 with errno, which is kept
+// when it is no link.
+ssize_t read_link(int at, const char* name, struct stat* facts, char* text, size_t size) {
+  const int cause = errno;
+  const unique_fd link(openat(at, name, O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  errno = cause;
+  if (!link.valid()) {
+    return read_resting_link(at, name, facts, text, size);
   }
-  const ssize_t length = readlinkat(at, name, text, sizeof text);
-  if (length < 0 || fstatat(at, name, &after, AT_SYMLINK_NOFOLLOW) != 0) {
+  return fstat(link.get(), facts) == 0 && S_ISLNK(facts->st_mode) ? readlinkat(link.get(), "", text, size)
+                                                                  : -1;
+}
+
+bool read_trusted_link(int at, const char* name, char (&text)[kPathSize]) {
+  struct stat facts;
+  const ssize_t length = read_link(at, name, &facts, text, sizeof text);
+  if (length < 0) {
     return false;
   }
   const bool whole = static_cast<size_t>(length) < sizeof text;
   errno = whole ? ELOOP : ENAMETOOLONG;
   text[whole ? length : 0] = '\0';
-  return whole && is_trusted_link(before) && same_link(before, after);
+  return whole && is_trusted_link(facts);
 }
 
 // How the kernel says that a component is a link: which of the two depends on O_DIRECTORY.
@@ -69,7 +98,7 @@ class walk {
       }
       if (next.valid()) {
         here_ = std::move(next);
-      } else if (!may_be_link() || ++links > kLinksFollowed || !follow(name)) {
+      } else if (!may_be_link() || !follow(name, ++links)) {
         return next;
       }
     }
@@ -103,10 +132,14 @@ class walk {
     return *name != '\0' ? name : ".";
   }
 
-  bool follow(const char* name) {
+  bool follow(const char* name, int links) {
     char text[kPathSize];
     char path[kWaySize];
     if (!read_trusted_link(at(), name, text)) {
+      return false;
+    }
+    if (links > kLinksFollowed) {
+      errno = ELOOP;
       return false;
     }
     if (!wex_format(path, sizeof path, "%s%s%s", text, *rest_ != '\0' ? "/" : "", rest_)) {
@@ -116,7 +149,7 @@ class walk {
     return go_on_with(path);
   }
 
-  static constexpr size_t kWaySize = 2 * kPathSize;
+  static constexpr size_t kWaySize = size_t{2} * kPathSize;
 
   const int start_;
   unique_fd here_;  // none before the first step of a relative path

@@ -1,7 +1,8 @@
 // trusted_path: opening paths along which others may have planted symbolic links.
 //
 // Most of the directories of this system are writable by everybody and not sticky. A link counts as trusted
-// when root or the calling process's own user made it; any other one ends the walk, wherever it stands.
+// when root or the calling process's own user made it and it has no second name; any other one ends the walk,
+// wherever it stands.
 #pragma once
 
 #include <sys/types.h>

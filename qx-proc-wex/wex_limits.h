@@ -116,6 +116,7 @@ inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring
 
 // Files.
 inline constexpr int kLinksFollowed = 8;  // trusted symbolic links along one path
+inline constexpr unsigned kLinkRestSec = 2;  // age at which a link is read where it cannot be opened
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask

@@ -140,23 +140,16 @@ bool is_same_file(int fd, const char* path) {
          held.st_ino == named.st_ino;
 }
 
-bool is_trusted_owner(int fd) {
+bool is_trusted_file(int fd) {
   struct stat status = {};
-  return fstat(fd, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+         (status.st_uid == 0 || status.st_uid == geteuid());
 }
 
-// A lock file to which somebody has given a second name is another file of ours, perhaps: nothing is written
-// to it. It makes room for a new one unless a daemon holds it.
-unique_fd open_lock_file(const char* path) {
-  unique_fd lock = wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
-  if (lock.valid() || errno != EMLINK) {
-    return lock;
-  }
-  const unique_fd named_twice = open_trusted(AT_FDCWD, path, O_RDWR | O_NONBLOCK);
-  if (!named_twice.valid() || !wex_lock_file(named_twice.get()) || unlink(path) != 0) {
-    return lock;
-  }
-  return wex_open_file(path, O_RDWR | O_CREAT, kLockMode);
+// A lock file with a second name may be another file of ours: nothing is written to it.
+bool has_second_name(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && status.st_nlink > 1;
 }
 
 bool write_own_pid(int fd) {
@@ -363,12 +356,16 @@ bool wex_proc_lives(int32_t pid, uint64_t start_time) {
 
 int already_running(const char* path) {
   for (int attempt = 0; attempt < kLockTries; ++attempt) {
-    unique_fd lock = open_lock_file(path);
-    if (!lock.valid() || !is_trusted_owner(lock.get()) || !wex_lock_file(lock.get())) {
+    unique_fd lock = open_trusted(AT_FDCWD, path, O_RDWR | O_CREAT | O_NONBLOCK, kLockMode);
+    if (!lock.valid() || !is_trusted_file(lock.get()) || !wex_lock_file(lock.get())) {
       return -1;
     }
     // A lock on a file that has lost its name keeps nobody out.
     if (!is_same_file(lock.get(), path)) {
+      continue;
+    }
+    if (has_second_name(lock.get())) {
+      unlink(path);  // nobody holds it, for we do: a new one takes its place
       continue;
     }
     write_own_pid(lock.get());

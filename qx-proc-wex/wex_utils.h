@@ -77,7 +77,8 @@ int32_t wex_proc_threads(int32_t pid);
 bool wex_proc_lives(int32_t pid, uint64_t start_time);
 
 // Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
-// to create, truncate or append only those with a single name (else EMLINK). `flags` may hold O_CREAT,
+// to create, truncate or append only those with a single name (else EMLINK; with O_CREAT a new file takes the
+// name). `flags` may hold O_CREAT,
 // O_TRUNC, O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid
 // with errno when refused.
 unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);

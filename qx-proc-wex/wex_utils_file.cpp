@@ -45,9 +45,7 @@ bool wait_on_transfers(int fd) {
   return status >= 0 && fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == 0;
 }
 
-}  // namespace
-
-unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
+unique_fd open_checked(const char* path, int flags, mode_t mode) {
   // Nothing is truncated before we know that it is ours to truncate, and a FIFO must not stop us.
   const int cautious = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
   unique_fd file = open_trusted(AT_FDCWD, path, cautious, mode);
@@ -64,6 +62,16 @@ unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
                       ((flags & O_TRUNC) == 0 || ftruncate(file.get(), 0) == 0);
   if (!usable) {
     file.reset();
+  }
+  return file;
+}
+
+}  // namespace
+
+unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
+  unique_fd file = open_checked(path, flags, mode);
+  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0 && unlink(path) == 0) {
+    file = open_checked(path, flags, mode);  // the other name keeps the other file
   }
   return file;
 }

@@ -651,16 +651,18 @@ TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
   EXPECT_FALSE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
 }
 
-TEST_F(OpenRule, AFileWithASecondNameIsNeverCreatedTruncatedOrAppendedTo) {
+TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButMakesRoom) {
   write_file("/tmp/victim", "precious");
   ASSERT_EQ(0, link("/tmp/victim", "/tmp/r/log"));
-  for (const int flags : {O_WRONLY | O_CREAT | O_TRUNC, O_WRONLY | O_APPEND, O_RDWR | O_CREAT}) {
-    EXPECT_FALSE(wex_open_file("/tmp/r/log", flags, 0666).valid());
+  for (const int flags : {O_WRONLY | O_TRUNC, O_WRONLY | O_APPEND}) {
+    EXPECT_FALSE(wex_open_file("/tmp/r/log", flags).valid());
     EXPECT_EQ(EMLINK, errno);
   }
-  EXPECT_EQ("precious", contents("/tmp/victim"));
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDWR).valid()) << "its lock may be tried";
+  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666).valid());
+  EXPECT_EQ("", contents("/tmp/r/log")) << "a file of its own";
+  EXPECT_EQ("precious", contents("/tmp/victim"));
 }
 
 TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
@@ -674,10 +676,56 @@ TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
   EXPECT_EQ("", contents("/tmp/r/f"));
 }
 
+TEST_F(OpenRule, ASecondNameOfRootsLinkIsNotFollowed) {
+  write_file("/tmp/r/target", "text");
+  link_of(0, "/tmp/r/target", "/tmp/r/ours");
+  ASSERT_EQ(0, linkat(AT_FDCWD, "/tmp/r/ours", AT_FDCWD, "/tmp/r/log", 0));
+  EXPECT_FALSE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
+  EXPECT_EQ(ELOOP, errno);
+}
+
+// From now on a link cannot be opened, as on kernels that do not know O_PATH. In a forked child only.
+void refuse_opened_links() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 4),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+      BPF_STMT(BPF_ALU | BPF_AND | BPF_K, O_PATH | O_NOFOLLOW | O_DIRECTORY),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, O_PATH | O_NOFOLLOW, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ELOOP),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter = {sizeof program / sizeof program[0], program};
+  ASSERT_EQ(0, prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+  ASSERT_EQ(0, prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter));
+}
+
+TEST_F(OpenRule, WhereLinksCannotBeOpenedTheyAreReadWhenTheyHaveRestedForAWhile) {
+  write_file("/tmp/r/target", "text");
+  link_of(0, "target", "/tmp/r/ours");
+  link_of(kOtherUser, "target", "/tmp/r/theirs");
+  in_child([] {
+    refuse_opened_links();
+    EXPECT_LT(open("/tmp/r/ours", O_PATH | O_NOFOLLOW), 0);
+    EXPECT_LE(milliseconds(1900),
+              time_of([] { EXPECT_TRUE(wex_open_file("/tmp/r/ours", O_RDONLY).valid()); }));
+    EXPECT_GT(milliseconds(1900),
+              time_of([] { EXPECT_TRUE(wex_open_file("/tmp/r/ours", O_RDONLY).valid()); }))
+        << "it has rested";
+    EXPECT_FALSE(wex_open_file("/tmp/r/theirs", O_RDONLY).valid());
+    EXPECT_EQ(ELOOP, errno);
+    EXPECT_FALSE(wex_open_file("/tmp/r/target/f", O_RDONLY).valid());
+    EXPECT_EQ(ENOTDIR, errno);
+  });
+}
+
 TEST_F(OpenRule, ACircleOfRootsLinksEnds) {
   link_of(0, "/tmp/r/b", "/tmp/r/a");
   link_of(0, "/tmp/r/a", "/tmp/r/b");
   EXPECT_FALSE(wex_open_file("/tmp/r/a", O_RDONLY).valid());
+  EXPECT_EQ(ELOOP, errno);
+  wex_make_dir("/tmp/r/a", 0777);
+  EXPECT_FALSE(wex_open_file("/tmp/r/a/f", O_RDONLY).valid());
   EXPECT_EQ(ELOOP, errno);
 }
 
