@@ -128,8 +128,9 @@ bool check_table() {
   static bool told = false;
   const bool intact = wex_alive_table_intact();
   if (!intact && !told) {
-    wex_running_log("%s is not the table that threads were registered in, hangs are not counted.\r\n",
-                    kAliveTableFile);
+    wex_running_log(
+        "%s is not the table that threads were registered in, or is full, hangs are not counted.\r\n",
+        kAliveTableFile);
   }
   told = !intact;
   return intact;

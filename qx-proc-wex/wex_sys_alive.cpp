@@ -11,8 +11,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstring>
 
+#include "cancel_held.h"
 #include "mutex_lock.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
@@ -91,6 +93,9 @@ uint8_t load(uint32_t offset) {
   return byte < 0 ? uint8_t{0} : static_cast<uint8_t>(byte);  // what was cut off reads as nothing
 }
 
+// The daemon could not write a byte: its next look at the table must not count what may be missing.
+std::atomic<bool> g_write_failed{false};
+
 void store(uint32_t offset, uint8_t byte) {
   const int fd = private_fd();
   if (fd < 0) {
@@ -100,7 +105,9 @@ void store(uint32_t offset, uint8_t byte) {
     }
     return;
   }
-  put_bytes(fd, offset, &byte, sizeof byte);
+  if (!put_bytes(fd, offset, &byte, sizeof byte)) {
+    g_write_failed.store(true, std::memory_order_relaxed);
+  }
 }
 
 // Clients of any user are to map the table, whatever umask its creator had.
@@ -129,10 +136,19 @@ void clear_table(int fd, uint8_t* base) {
   }
 }
 
-// An object with two names may be somebody else's under ours: what opens it to all starts with a new one.
+// Whether a file is a table, as a daemon left it: clients may have it mapped.
+bool is_table(int fd) {
+  uint32_t size = 0;
+  return pread(fd, &size, sizeof size, WEX_ALIVE_SIZE_OFFSET) == static_cast<ssize_t>(sizeof size) &&
+         size == kAliveTableSize;
+}
+
+// A file with two names that is no table is somebody else's under our name: what opens it to all begins with
+// a new one.
 void shed_second_name() {
-  struct stat found = {};
-  if (lstat(kAliveTableFile, &found) == 0 && found.st_nlink > 1) {
+  const unique_fd found = open_trusted(AT_FDCWD, kAliveTableFile, O_RDONLY | O_NONBLOCK);
+  struct stat status = {};
+  if (found.valid() && fstat(found.get(), &status) == 0 && status.st_nlink > 1 && !is_table(found.get())) {
     unlink(kAliveTableFile);
   }
 }
@@ -151,6 +167,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   if (__atomic_load_n(&initialised, __ATOMIC_ACQUIRE) != 0) {
     return 0;  // once is enough, and reports must not queue up at the mutex
   }
+  const cancel_held whole;  // a thread that was cancelled in here would keep the mutex
   const mutex_lock hold(init_mutex);
   if (initialised != 0) {
     return 0;
@@ -227,7 +244,8 @@ bool wex_alive_table_intact() {
       held.st_ino != named.st_ino) {
     return false;
   }
-  return held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
+  const bool whole = held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
+  return whole && !g_write_failed.exchange(false, std::memory_order_relaxed);
 }
 
 int wex_alive_read_seq(uint32_t tid) {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "cancel_held.h"
 #include "signals_held.h"
 #include "text_reader.h"
 #include "unique_fd.h"
@@ -177,6 +178,7 @@ bool exempted(int32_t tid) {
   if (access(kExemptThreads, F_OK) != 0) {
     return false;  // the usual case, at the price of one look: opening by the rule takes several
   }
+  const cancel_held whole;
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
   if (!file.valid()) {
     return false;

@@ -245,8 +245,8 @@ TEST_F(Watchdog, ATableThatWasReplacedStopsTheCountAndIsSaidOnce) {
     daemon.scans(2);
     ASSERT_EQ(0, rename(kAliveTableFile, "/dev/shm/aside"));
     const std::string complaint =
-        "/dev/shm/UTILS-wex-shm-001 is not the table that threads were registered in, hangs are not "
-        "counted.\r\n";
+        "/dev/shm/UTILS-wex-shm-001 is not the table that threads were registered in, or is full, "
+        "hangs are not counted.\r\n";
     daemon.scans(2);
     EXPECT_EQ(1U, occurrences(contents(kRunningLog), complaint));
     write_file(kAliveTableFile, std::string(188416, '\xff'));

@@ -52,6 +52,56 @@ TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
   EXPECT_EQ(std::string(188416 - 184353, '\xff'), table.substr(184353)) << "the tail is not cleared";
 }
 
+TEST_F(AliveTable, ATableWithASecondNameStaysTheOneThatClientsHaveMapped) {
+  in_child([] { ASSERT_EQ(0, wex_sys_init_alive_info(1)); });
+  ASSERT_EQ(0, link(kAliveTableFile, "/dev/shm/second"));
+  set_byte(20513 + 9, 7);
+  in_child([] { ASSERT_EQ(0, wex_sys_init_alive_info(1)); });
+  EXPECT_EQ(0, contents("/dev/shm/second")[20513 + 9]) << "cleared, not replaced";
+  struct stat table = {};
+  ASSERT_EQ(0, stat(kAliveTableFile, &table));
+  EXPECT_EQ(2U, table.st_nlink);
+}
+
+TEST_F(AliveTable, ARegistrationThatCannotBeWrittenKeepsSilenceFromCounting) {
+  in_child([] {
+    ASSERT_EQ(0, mount("full", "/dev/shm", "tmpfs", 0, "size=65536")) << strerror(errno);
+    write_file("/dev/shm/filler", std::string(49152, 'x'));
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+    wex_sys_reg_alive_info(150000);
+    EXPECT_EQ(0, wex_alive_read_bit(150000));
+    EXPECT_FALSE(wex_alive_table_intact());
+    EXPECT_TRUE(wex_alive_table_intact()) << "nothing failed since";
+    ASSERT_EQ(0, unlink("/dev/shm/filler"));
+    wex_sys_reg_alive_info(150000);
+    EXPECT_EQ(1, wex_alive_read_bit(150000));
+    EXPECT_TRUE(wex_alive_table_intact());
+  });
+  umount("/dev/shm");
+}
+
+TEST_F(AliveTable, AThreadThatIsCancelledWhileItMapsTheTableLeavesItToTheOthers) {
+  in_child([] {
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                       pthread_cancel(pthread_self());  // at the next cancellation point
+                       wex_sys_init_alive_info(0);
+                       pthread_testcancel();
+                       return nullptr;
+                     },
+                     nullptr));
+    void* end = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &end));
+    EXPECT_EQ(PTHREAD_CANCELED, end);
+    alarm(5);  // or the mutex is waited for until the end of the test
+    EXPECT_EQ(0, wex_sys_init_alive_info(0));
+    EXPECT_NE(nullptr, g_wex_alive_info.base);
+    alarm(0);
+  });
+}
+
 TEST_F(AliveTable, AnotherFileUnderTheNameOfTheTableIsNeitherClearedNorOpened) {
   leave_old_table();
   ASSERT_EQ(0, rename(kAliveTableFile, "/dev/shm/victim"));
