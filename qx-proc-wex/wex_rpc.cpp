@@ -63,11 +63,11 @@ ssize_t peek_header(int sd, wex_inner_msg* header) {
       return size;
     }
     if (size != -1 || errno != EINTR) {
-      wex_dbg(WEX_DBG_PUB, "%s: recv peek err(ret:%d, err:%d,%s)!\n", "wex_inner_recv_msg",
+      wex_dbg(WEX_DBG_PUB, "%s: recv peek err(ret:%d, err:%d,%s)!", "wex_inner_recv_msg",
               static_cast<int>(size), errno, strerror(errno));
       return -1;
     }
-    wex_dbg(WEX_DBG_PUB, "%s: recv peek broken(ret:%d, err:%d,%s)!\n", "wex_inner_recv_msg",
+    wex_dbg(WEX_DBG_PUB, "%s: recv peek broken(ret:%d, err:%d,%s)!", "wex_inner_recv_msg",
             static_cast<int>(size), EINTR, strerror(EINTR));
   }
 }
@@ -93,7 +93,7 @@ ssize_t take_record(int sd, void* buffer, size_t size, bool* whole) {
       *whole = (how.msg_flags & MSG_TRUNC) == 0;
       return got;
     }
-    wex_dbg(WEX_DBG_PUB, "%s: recv broken(ret:%d, err:%d,%s)!\n", "wex_inner_recv_msg", static_cast<int>(got),
+    wex_dbg(WEX_DBG_PUB, "%s: recv broken(ret:%d, err:%d,%s)!", "wex_inner_recv_msg", static_cast<int>(got),
             EINTR, strerror(EINTR));
   }
 }
@@ -102,8 +102,8 @@ int refuse_record(ssize_t got) {
   if (got >= 0) {
     errno = 0;  // nothing failed but the sender
   }
-  wex_dbg(WEX_DBG_PUB, "%s: recv err(ret:%d, err:%d,%s)!\n", "wex_inner_recv_msg", static_cast<int>(got),
-          errno, strerror(errno));
+  wex_dbg(WEX_DBG_PUB, "%s: recv err(ret:%d, err:%d,%s)!", "wex_inner_recv_msg", static_cast<int>(got), errno,
+          strerror(errno));
   return -1;
 }
 

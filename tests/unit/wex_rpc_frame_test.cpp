@@ -272,7 +272,7 @@ TEST(InnerRecv, ReportsANonSocketAsAPeekError) {
   const unique_fd file(open("/dev/null", O_RDWR | O_CLOEXEC));
   const printed out;
   EXPECT_EQ(-1, receive(file.get()));
-  EXPECT_TRUE(out.has(text_of("recv peek err(ret:-1, err:%d,%s)!\n", ENOTSOCK, strerror(ENOTSOCK))));
+  EXPECT_TRUE(out.has(text_of("recv peek err(ret:-1, err:%d,%s)!", ENOTSOCK, strerror(ENOTSOCK))));
 }
 
 TEST(InnerRecv, RefusesANegativeLengthAndLeavesTheRecord) {
@@ -333,7 +333,7 @@ TEST(InnerRecv, SurvivesInterruptionsWhileItWaits) {
     if (receiver.load() != pthread_t{}) {
       pthread_kill(receiver.load(), SIGUSR1);
     }
-    return out.has(text_of("recv peek broken(ret:-1, err:%d,%s)!\n", EINTR, strerror(EINTR)));
+    return out.has(text_of("recv peek broken(ret:-1, err:%d,%s)!", EINTR, strerror(EINTR)));
   }));
   const wex_inner_msg msg = {};
   put(pair.there.get(), &msg, sizeof msg);
@@ -347,8 +347,8 @@ TEST(InnerRecv, ReceivesAgainWhenAReceiveIsInterrupted) {
   const printed out;
   g_recvmsg.fail(3, EINTR);
   EXPECT_EQ(0, receive(pair.here.get()));
-  EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!\n",
-                                                EINTR, strerror(EINTR))));
+  EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!", EINTR,
+                                                strerror(EINTR))));
   EXPECT_EQ(-1, queued_record(pair.here.get()));
 }
 
@@ -360,7 +360,7 @@ TEST(InnerRecv, TellsWhyAReceiveFails) {
   g_recvmsg.fail(1, ENOMEM);
   EXPECT_EQ(-1, receive(pair.here.get()));
   EXPECT_TRUE(
-      out.has(text_of("]wex_inner_recv_msg: recv err(ret:-1, err:%d,%s)!\n", ENOMEM, strerror(ENOMEM))));
+      out.has(text_of("]wex_inner_recv_msg: recv err(ret:-1, err:%d,%s)!", ENOMEM, strerror(ENOMEM))));
 }
 
 TEST(InnerRecv, TakesExactlyTheHonestRecordsOutOfARandomStream) {
