@@ -115,6 +115,9 @@ bool move_marked(dir_walk& dir, int32_t vsd) {
       wex_dbg(WEX_DBG_PUB, "%s: atio proc: %s\n", "set_cgroups", strerror(errno));
       return false;
     }
+    if (pid == 0) {
+      continue;  // no number; the kernel would take it for the writer itself
+    }
     add_cgroups(memory, pid);
     add_cgroups(cpu, pid);
   }

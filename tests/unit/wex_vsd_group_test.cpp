@@ -55,6 +55,15 @@ TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheMarkerDirectory) {
   EXPECT_STREQ("/tmp/vsd/13/wex", getcwd(cwd, sizeof cwd));
 }
 
+TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
+  make_marker_dir(13);
+  write_text("/tmp/vsd/13/wex/junk");
+  write_text("/tmp/vsd/13/wex/0");
+  EXPECT_EQ(0, set_cgroups_all(13));
+  EXPECT_TRUE(tasks_of(kMemoryTasksFmt, 13).empty());
+  EXPECT_TRUE(tasks_of(kCpuTasksFmt, 13).empty());
+}
+
 TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyTold) {
   make_marker_dir(13);
   mark(13, 4194304);
