@@ -319,7 +319,9 @@ void bind_listener(binding* task) {
   task->error = bind(task->sd, reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
   if (task->error == 0) {
     struct stat node = {};
-    lstat(kControlSocket, &node);  // gone already: then whatever comes there is not ours
+    if (lstat(kControlSocket, &node) != 0) {
+      node.st_ino = ~ino_t{0};  // gone already: whatever comes there is not ours
+    }
     wex_note_place(WEX_PLACE_SOCKET, node);
   }
 }
