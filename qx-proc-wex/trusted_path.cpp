@@ -40,7 +40,7 @@ ssize_t read_resting_link(int at, const char* name, struct stat* facts, char* te
   if (fstatat(at, name, facts, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(facts->st_mode)) {
     return -1;
   }
-  if (is_trusted_link(*facts) && time(nullptr) - facts->st_ctim.tv_sec < kLinkRestSec) {
+  if (is_trusted_link(*facts) && time(nullptr) - facts->st_ctim.tv_sec < time_t{kLinkRestSec}) {
     safe_sleep(kLinkRestSec);
   }
   const ssize_t length = readlinkat(at, name, text, size);
