@@ -1,5 +1,6 @@
 /* A service with a thread that must not hang: a thread that stays silent for too long has the whole process
- * aborted with SIGABRT, and so restarted. */
+ * aborted with SIGABRT, and so restarted. Every thread that registers is watched, but only in a process whose
+ * main thread is registered too; so that one registers first, and reports as well. */
 #include <pthread.h>
 #include <stdio.h>
 #include <sys/syscall.h>
@@ -9,20 +10,28 @@
 
 enum {
   PERIOD = 120, /* even: a report within every 120 s, five misses allowed */
-  COUNT = 5     /* not looked at, but must not be 0 */
+  COUNT = 5,    /* not looked at, but must not be 0 */
+  PAUSE = 30    /* seconds between the main thread's reports; wex looks once a minute */
 };
+
+static void watch_me(int tid) {
+  if (wex_client_reg_thread_notify(getpid(), tid, PERIOD, COUNT) != 0) {
+    fputs("worker: hang detection is not available\n", stderr);
+  }
+}
+
+static void still_alive(int tid) { /* cheap, one byte of shared memory */
+  wex_client_reset_thread_notify(getpid(), tid, PERIOD, COUNT);
+}
 
 static void* work(void* unused) {
   int tid = (int)syscall(SYS_gettid);
 
   (void)unused;
-  if (wex_client_reg_thread_notify(getpid(), tid, PERIOD, COUNT) != 0) {
-    fputs("worker: hang detection is not available\n", stderr);
-  }
+  watch_me(tid);
   for (;;) {
     sleep(1); /* one piece of work */
-    wex_client_reset_thread_notify(getpid(), tid, PERIOD,
-                                   COUNT); /* still alive; cheap, one byte of shared memory */
+    still_alive(tid);
   }
   return NULL;
 }
@@ -31,9 +40,12 @@ int main(void) {
   pthread_t thread;
 
   reg_process_exit_action(0, WEX_RESTART);
+  watch_me(getpid()); /* the main thread's id is the pid */
   if (pthread_create(&thread, NULL, work, NULL) != 0) {
     return 1;
   }
-  pthread_join(thread, NULL);
-  return 0;
+  for (;;) {
+    sleep(PAUSE);
+    still_alive(getpid());
+  }
 }
