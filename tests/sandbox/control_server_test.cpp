@@ -215,7 +215,7 @@ TEST_F(ControlChannel, ItsQueueItsWaitAndItsPauseAreThoseOfTheDevice) {
 
 // Whoever raises the flag ends the others too, and does not leave the server to its ten seconds.
 TEST_F(ControlChannel, EndsAtOnceWhenAnotherThreadHasEnded) {
-  ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));  // the monitor's second wait
+  ASSERT_TRUE(daemon.start_traced({"inject=sendto:error=ENOBUFS:when=1"}));  // the monitor subscribes in vain
   EXPECT_TRUE(daemon.wait(7s).has_value()) << read_console();
   const std::regex last_word(
       "Thread \"wex_process_domain\" exit, wex will be restart\\. res=(0|-1), Success\\(0\\)\r\n");
