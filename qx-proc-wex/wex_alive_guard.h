@@ -15,8 +15,8 @@ inline bool wex_in_alive_table(int32_t tid) {
 }
 
 // Whether the mapped object is still the one that clients find by name. Mends its length when it was cut
-// short. False also when the table is not mapped, and when a registration could not be written to it since the
-// last call. Before each scan, one thread at a time.
+// short. False also when the table is not mapped, and when a registration could not be written to it since
+// the last call. Before each scan, one thread at a time.
 bool wex_alive_table_intact();
 
 // One sequence byte (0 to 255), one registration bit (0 or 1) of a thread, or -1 when it cannot be read.

@@ -115,7 +115,7 @@ inline constexpr unsigned kKillGraceSec = 10;
 inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring must not fill the processor
 
 // Files.
-inline constexpr int kLinksFollowed = 8;  // trusted symbolic links along one path
+inline constexpr int kLinksFollowed = 8;     // trusted symbolic links along one path
 inline constexpr unsigned kLinkRestSec = 2;  // age at which a link is read where it cannot be opened
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
