@@ -71,8 +71,9 @@ done
 dpkg --install "$packages"/*.deb > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "dpkg refuses the packages"; }
 ldconfig
 grep -q '^Restart=always$' /usr/lib/systemd/system/wex.service || fail "the systemd unit does not restart wex"
-grep -q '^::respawn:/usr/sbin/wex$' /usr/share/wex/inittab.wex || fail "the line for busybox init does not restart wex"
-[ "$(pkg-config --variable=libdir wex)" = "$(dirname "$(readlink -f "$(ldconfig -p | sed -n 's|.*libwex.so.1 .*=> ||p')")")" ] ||
+grep -q '^::respawn:/usr/libexec/wex/wex-respawn --once$' /usr/share/wex/inittab.wex || fail "the line for busybox init does not restart wex"
+libdir=$(readlink -f "$(pkg-config --variable=libdir wex)")
+[ "$libdir" = "$(dirname "$(readlink -f "$(ldconfig -p | sed -n 's|.*libwex.so.1 .*=> ||p')")")" ] ||
   fail "wex.pc and the dynamic linker know different places"
 
 # ---- Built against -----------------------------------------------------------------------------------------
@@ -83,14 +84,18 @@ gcc -std=c99 -Wall -Werror "$here/example/service.c" $(pkg-config --cflags --lib
 cmake -S "$here/example" -B $work/build -G Ninja > $work/cmake.log 2>&1 && cmake --build $work/build >> $work/cmake.log 2>&1 ||
   { cat $work/cmake.log; fail "a C++ service does not build with find_package"; }
 for program in $work/service_c $work/build/service_cpp; do
-  ldd $program | grep -q "libwex.so.1 => $(pkg-config --variable=libdir wex | sed 's|^/usr||;s|^|.*|')" ||
+  ldd $program | grep -q "libwex.so.1 => .*${libdir#/usr}" ||
     fail "$program uses another library: $(ldd $program)"
 done
 
 # ---- Used --------------------------------------------------------------------------------------------------
 
+printf 'ulimit -t 3333\nexport SETTING=kept\n' > /etc/default/wex
 /etc/init.d/wex start
 within 15 answers || fail "the installed daemon does not answer"
+grep -q '^Max cpu time  *3333 ' "/proc/$pid/limits" || fail "wex does not have the limit of /etc/default/wex"
+tr '\0' '\n' < "/proc/$pid/environ" | grep -qx 'SETTING=kept' || fail "wex does not have the variable of /etc/default/wex"
+tr '\0' '\n' < "/proc/$pid/environ" | grep -qx 'DATA_OVIX_DIR=/data/.ovix/vsd/0' || fail "wex has no place for its switches"
 /etc/init.d/wex start                              # twice is once
 for program in $work/service_c $work/build/service_cpp; do
   (cd / && exec setsid $program < /dev/null > /dev/null 2>&1) &
@@ -113,6 +118,14 @@ within 10 gone /usr/sbin/wex || fail "wex does not stop"
 sleep 3                                            # longer than the pause before a new start
 gone /usr/sbin/wex || fail "wex was started again after it had been stopped"
 pid_of $work/service_c > /dev/null || fail "the services did not outlive wex"
+
+echo 'if this does not parse' > /etc/default/wex
+/usr/libexec/wex/wex-respawn --once < /dev/null > /dev/null 2>&1 & once=$!
+within 15 answers || fail "wex does not start beside settings that do not parse"
+[ "$pid" = $once ] || fail "with --once wex is not the process that init started"
+kill -INT $once
+wait $once
+gone /usr/sbin/wex || fail "with --once wex was started again, which is init's part"
 end_all
 dpkg --purge libwex-dev wex libwex1 > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "the packages cannot be removed"; }
 [ ! -e /etc/init.d/wex ] || fail "the start script outlived its package"
