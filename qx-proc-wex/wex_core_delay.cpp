@@ -67,7 +67,7 @@ bool take_ready(ready_restart* ready) {
   chain_lock hold(wex_chains_delay);
   record_walk walk(wex_chains_delay);
   while (wex_pid* const copy = walk.next()) {
-    if (is_ready(copy)) {
+    if (is_ready(copy) && !wex_take_down_under_way()) {
       *ready = {copy->pid, copy->exit_signal, copy->force_restart};
       __wex_drop_record(&wex_chains_delay, copy);
       return true;

@@ -151,26 +151,6 @@ bool is_registered(int32_t pid, int32_t tgid) {
   return record_of_event(pid, tgid) != nullptr;
 }
 
-// While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
-// stays and would switch supervision off in silence, hence the lines in the running log.
-bool take_down_under_way() {
-  static std::atomic<bool> told{false};
-  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
-    char marker[kPathSize];
-    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
-    if (access(marker, F_OK) == 0) {
-      if (!told.exchange(true)) {
-        wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
-      }
-      return true;
-    }
-  }
-  if (told.exchange(false)) {
-    wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
-  }
-  return false;
-}
-
 void note_crash(int32_t pid, int32_t tgid, int32_t now) {
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = record_of_event(pid, tgid)) {
@@ -466,8 +446,28 @@ bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
   return true;
 }
 
+// While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
+// stays and would switch supervision off in silence, hence the lines in the running log.
+bool wex_take_down_under_way() {
+  static std::atomic<bool> told{false};
+  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+    char marker[kPathSize];
+    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
+    if (access(marker, F_OK) == 0) {
+      if (!told.exchange(true)) {
+        wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
+      }
+      return true;
+    }
+  }
+  if (told.exchange(false)) {
+    wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
+  }
+  return false;
+}
+
 bool wex_drop_taken_down(int32_t pid) {
-  if (!take_down_under_way()) {
+  if (!wex_take_down_under_way()) {
     return false;
   }
   chain_lock hold(wex_chains);

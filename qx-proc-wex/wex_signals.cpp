@@ -20,6 +20,7 @@
 #include "chain_lock.h"
 #include "priority_mutex.h"
 #include "wex_chain.h"
+#include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -154,18 +155,22 @@ void restart_parked(wex_pid* rec, const self_check_kind& kind) WEX_TSA(requires_
 // those that fall before it are handled late.
 int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_chains)) {
   int64_t next = 0;
+  const bool held_back = wex_take_down_under_way();
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
     if ((rec->flags & WEX_FLAG_WAITING) == 0) {
       continue;
     }
-    const int64_t deadline = deadline_of(rec, wait);
+    int64_t deadline = deadline_of(rec, wait);
     if (deadline < now && drop_if_running(rec)) {
       continue;
     }
     const self_check_kind* const kind = kind_of(rec);
     if (kind == nullptr) {
       continue;
+    }
+    if (deadline < now && held_back) {
+      deadline = int64_t{now} + 1;
     }
     if (deadline < now) {
       end_wait(rec, now);

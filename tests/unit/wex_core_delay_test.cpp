@@ -317,6 +317,19 @@ TEST_F(Delay, ReleasedItIsRestartedAtTheNextPassUnforced) {
   EXPECT_NE(std::string::npos, printed.text().find("force_restart:0\n"));
 }
 
+TEST_F(Delay, WhileADomainIsTakenDownNothingIsHandedOver) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  lock_keeper keeper(pid);
+  wex_handle_netlink_exit(pid, 9, 0);
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  start_thread();
+  keeper.let_go();
+  EXPECT_FALSE(eventually([&] { return present_pid(rec) != pid; }, 2200ms)) << "two passes";
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_TRUE(eventually([&] { return present_pid(rec) != pid; }, 3s));
+}
+
 TEST_F(Delay, ARecordRemovedMeanwhileMakesTheHandOverDoNothing) {
   const int32_t pid = dead_pid();
   wex_pid* const rec = add(pid);

@@ -16,6 +16,19 @@ TEST_F(Parked, ADeadlineEqualToNowIsNotYetDue) {
   EXPECT_EQ(1u, alarm(0)) << "what is due now is looked at again a second later";
 }
 
+TEST_F(Parked, WhileADomainIsTakenDownItWaitsASecondMoreAtATime) {
+  wex_pid* const rec = park_at(699);
+  const int32_t old_pid = rec->pid;
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  wex_alrm_handler(SIGALRM);
+  EXPECT_EQ(old_pid, rec->pid);
+  EXPECT_EQ(1, rec->alarm_wait_flag);
+  EXPECT_EQ(1u, alarm(0));
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  wex_alrm_handler(SIGALRM);
+  EXPECT_NE(old_pid, rec->pid);
+}
+
 TEST_F(Parked, ADeadlinePassedRestartsTheProgramAndSaysSo) {
   wex_pid* const rec = park_at(699);
   const int32_t old_pid = rec->pid;
