@@ -145,7 +145,9 @@ std::set<std::string> open_descriptors() {
   while (const dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;
     if (name[0] != '.' && name != std::to_string(dirfd(dir))) {
-      found.insert(name + " -> " + link_target("/proc/self/fd/" + name));
+      const std::string target = link_target("/proc/self/fd/" + name);
+      // A file that lost its name is the same file: whoever runs the tests may have tidied up behind us.
+      found.insert(name + " -> " + target.substr(0, target.find(" (deleted)")));
     }
   }
   closedir(dir);
