@@ -88,6 +88,10 @@ int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer)
     WEX_TSA(requires_capability(wex_chains));
 
+// The process that the record's next one replaces, and that has its marker in a domain: the child of a start
+// that found no process, else the record's own. May be below 1.
+int32_t wex_last_process(const wex_pid* rec);
+
 // Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks
 // of `process` in place.
 const char* wex_program_name(wex_pid* rec);

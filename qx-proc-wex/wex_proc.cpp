@@ -26,6 +26,7 @@
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_core.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_list.h"
@@ -51,7 +52,8 @@ constexpr spawn_kind kScript = {"wex_shell_spawn", SHELL_RESTART, "HA_WAIT_SCRIP
 struct launch {
   const spawn_kind* kind;
   wex_pid* rec;
-  int32_t domain;  // of the process that is replaced: 1 to 15, or -1
+  int32_t old_pid;  // the process that is replaced; may be below 1
+  int32_t domain;   // its domain: 1 to 15, or -1
   child_words words;
   char script[4096];
 };
@@ -122,7 +124,8 @@ void find_script(const char* word, char* script, size_t size) {
 void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
   start->kind = &kind;
   start->rec = rec;
-  start->domain = rec->pid > 0 ? find_app(rec->pid) : -1;
+  start->old_pid = wex_last_process(rec);
+  start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
   const bool scripted = kind.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!kind.through_shell) {
@@ -221,7 +224,7 @@ void remove_markers(int32_t vsd, int32_t pid) {
 // program.
 void enter_place(const launch& start) {
   if (start.domain >= 1) {
-    set_proc_env(start.domain, start.rec->pid);
+    set_proc_env(start.domain, start.old_pid);
     return;
   }
   const int result = chdir(kRootDir);
@@ -314,6 +317,14 @@ pid_t fork_child(const launch& start) {
   return child;
 }
 
+// The end of the child, or that there was none, is to count as one more exit of the record.
+void remember_missed(wex_pid* rec, pid_t child) {
+  if (child > 0) {
+    rec->missed_child = static_cast<int32_t>(child);
+  }
+  rec->missed_start = wex_remember_start(child, rec->exit_signal);
+}
+
 // The process of a third-part program, which may have detached from the child. Its pid, or 0.
 int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   wex_pid* const rec = start.rec;
@@ -333,7 +344,11 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Daemon[%s] new pid: %d\n", function, wanted, found);
   } else {
     wex_dbg(WEX_DBG_PUB, "%s--> third part[%s] Not Found new pid!\n", function, wanted);
+    remember_missed(rec, child);
     return 0;
+  }
+  if (found != child && start.domain >= 1) {
+    save_proc_info(start.domain, found);  // or its next life would be one of the main system
   }
   *out_pid = found;
   return found;
