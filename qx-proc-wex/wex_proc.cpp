@@ -334,8 +334,9 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   const char* const function = start.kind->function;
   int32_t found = 0;
   bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
-  if (!running && wanted != whole) {
+  if (!running) {
     // The program's arguments are part of its command line, so the first word alone finds only bare programs.
+    // And the last look may have been cut short.
     running = wex_find_running(whole, &found);
   }
   if (running && found == child) {
