@@ -341,10 +341,8 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
     return;
   }
   if (rec->restart_delay > 0) {
+    // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
     wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
-    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
-      return;  // the next daemon restarts every program that has a database file and no process
-    }
   }
   if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
     rec->restart_failed = 1;

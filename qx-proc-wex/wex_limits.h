@@ -61,6 +61,7 @@ inline constexpr int kDelayEndLooks = 2500;
 inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
 inline constexpr int kMaxWords = 14;          // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
+inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
 inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
 inline constexpr int kFindTries = 10;          // extra looks for a program that detaches
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this

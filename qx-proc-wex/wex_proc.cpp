@@ -365,6 +365,17 @@ void note_fork_failure(const launch& start, int error) {
   wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.kind->function, strerror(error), error);
 }
 
+// Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
+// failures as end it anyway: the next daemon restarts every program that has a database file and no process.
+bool may_retry_fork() {
+  wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
+  if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    return true;
+  }
+  wex_sleep_ms(kForkRetryAtEndMs);
+  return g_fork_failures < kForkFailuresFatal;
+}
+
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
 int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
   const signals_held hold(SIGCHLD);
@@ -411,9 +422,8 @@ int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
     }
     note_fork_failure(start, error);
     wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
-    wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
-    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
-      return -1;  // the daemon ends; the next one finds the file of a dead process and restarts it
+    if (!may_retry_fork()) {
+      return -1;
     }
   }
 }
