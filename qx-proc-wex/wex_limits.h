@@ -70,6 +70,7 @@ inline constexpr unsigned kStartsKept = 128;   // started third-part children re
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
+inline constexpr int kPlatformLookMs = 10;          // how often it is looked at until then
 
 // What is short for a moment.
 inline constexpr unsigned kMemoryRetrySec = 5;

@@ -266,7 +266,7 @@ void enter_place(const launch& start) {
 
 // ---- parent -----------------------------------------------------------------------------------------------
 
-// False once the child has executed its program: what the platform forked meanwhile may still hold the pipe.
+// False once the child has executed its program or ended.
 bool runs_our_code(pid_t child) {
   char path[kPathSize];
   char ours[kPathSize];
@@ -279,19 +279,20 @@ bool runs_our_code(pid_t child) {
          memcmp(ours, its, static_cast<size_t>(its_length)) == 0;
 }
 
-// A domain's child runs foreign code before its program starts. While the pipe's other end is open it has not
-// got there yet; one that never does would leave its program down with nobody noticing.
+// A domain's child runs foreign code before its program starts; one that never gets there would leave its
+// program down with nobody noticing. The end of the pipe tells at once that the program runs. A process that
+// the platform forked meanwhile may hold the pipe open, so the child itself is looked at, too.
 void await_exec(pid_t child, const unique_fd& started) {
   struct pollfd end = {started.get(), POLLIN, 0};
-  int ready;
+  const int64_t deadline = wex_clock_ms() + kPlatformTimeLimitMs;
   do {
-    ready = poll(&end, 1, kPlatformTimeLimitMs);
-  } while (ready < 0 && errno == EINTR);
-  if (ready == 0 && runs_our_code(child)) {
-    wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
-            static_cast<int>(child));
-    kill(child, SIGKILL);
-  }
+    if (poll(&end, 1, kPlatformLookMs) > 0 || !runs_our_code(child)) {
+      return;
+    }
+  } while (wex_clock_ms() < deadline);
+  wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
+          static_cast<int>(child));
+  kill(child, SIGKILL);
 }
 
 // Forks a child that runs the program. The child's pid, or -1 with errno.
