@@ -172,6 +172,13 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   chain->count++;
 }
 
+wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) {
+  wex_pid* const rec = wex_new_record();
+  *rec = before;
+  __wex_add_record(chain, link_to_itself(rec));
+  return rec;
+}
+
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
   take_out(chain, rec);
   wex_free_record(rec);

@@ -68,6 +68,10 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capab
 // none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
+// Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,
+// so only where as much has just been freed.
+wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TSA(requires_capability(chain));
+
 // The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
 // bucket, and gives the process the normal low-memory-killer score. For wex_chains.
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(chain));

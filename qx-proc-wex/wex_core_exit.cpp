@@ -275,8 +275,10 @@ void log_success(const restart_kind& kind, const char* name, int32_t times, int3
 
 // ---- restart ----------------------------------------------------------------------------------------------
 
-// A third-part program that started itself again is registered under its new pid.
-bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+// A third-part program that started itself again is registered under its new pid. When that process has ended
+// before it could be registered, the program is still to be restarted, and `*handed` is its new record.
+bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = *handed;
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
@@ -285,12 +287,18 @@ bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capabi
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
           child);
+  const wex_pid before = *rec;
   wex_db_destroy(rec);
   wex_pid* const memory = __wex_recycle_pid(&wex_chains, rec->pid);
-  if (wex_register_third_part(child, kind.third_part_type, memory) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+  if (wex_register_third_part(child, kind.third_part_type, memory) == 0) {
+    return true;
   }
-  return true;
+  wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+  if (wex_proc_lives(child, 0)) {
+    return true;
+  }
+  *handed = __wex_restore_record(&wex_chains, before);
+  return false;
 }
 
 // False when nothing may be restarted.
@@ -337,7 +345,7 @@ bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
 }
 
 void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(rec, kind)) {
+  if (handed_over(&rec, kind)) {
     return;
   }
   if (rec->restart_delay > 0) {

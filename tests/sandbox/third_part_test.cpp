@@ -308,7 +308,49 @@ TEST_F(ThirdPart, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
   EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
 }
 
-// As when the process that was found has died before it could be registered.
+namespace {
+
+// In the monitor, what happens to the reading of the link that names the executable of `pid`, from the second
+// time on: the search reads it once, the registration after it.
+bool inject_into_registration(pid_t daemon, pid_t pid, const std::string& injection, Process* strace) {
+  pid_t monitor = 0;
+  const std::string tasks = "/proc/" + std::to_string(daemon) + "/task/";
+  for (const std::string& task : list_dir(tasks)) {
+    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
+  }
+  return monitor != 0 &&
+         strace->start({"strace", "-qq", "-o", "/tmp/wex-trace", "-P",
+                        "/proc/" + std::to_string(pid) + "/exe", "-e",
+                        "inject=readlink,readlinkat:" + injection, "-p", std::to_string(monitor)}) &&
+         eventually([&] { return status_field(monitor, "TracerPid") != "0"; });
+}
+
+}  // namespace
+
+TEST_F(ThirdPart, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProgram) {
+  const std::string app = install("fleeting");
+  describe("fleeting", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "fleeting"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  const pid_t dead = second.pid();
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), dead, "delay_enter=2000000:when=2", &strace));
+  end_by_hand();
+  ASSERT_TRUE(console_says("found child pid_get = " + std::to_string(dead) + "\n")) << read_console();
+  second.kill_now();
+  EXPECT_TRUE(console_says("-->reg_third_part_process_exit_action error!\n")) << read_console();
+  const pid_t third = wait_for(app, dead, 20s);
+  ASSERT_GT(third, 0) << read_console();
+  strace.kill_now();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("fleeting", third)); }));
+  kill(third, SIGKILL);
+  EXPECT_NE(0, wait_for(app, third, 20s)) << "it is supervised as before";
+}
+
 TEST_F(ThirdPart, AHandOverToAProcessThatCannotBeReadIsTold) {
   const std::string app = install("unreadable");
   describe("unreadable", app + " WEX_RESTART");
@@ -318,17 +360,8 @@ TEST_F(ThirdPart, AHandOverToAProcessThatCannotBeReadIsTold) {
   Process second;
   ASSERT_TRUE(second.start({app}));
   ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
-  pid_t monitor = 0;
-  const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task/";
-  for (const std::string& task : list_dir(tasks)) {
-    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
-  }
-  ASSERT_NE(0, monitor);
-  Process strace;  // the search reads the link once, the registration after it
-  ASSERT_TRUE(strace.start(
-      {"strace", "-qq", "-o", "/tmp/wex-trace", "-P", "/proc/" + std::to_string(second.pid()) + "/exe", "-e",
-       "inject=readlink,readlinkat:error=EACCES:when=2+", "-p", std::to_string(monitor)}));
-  ASSERT_TRUE(eventually([&] { return status_field(monitor, "TracerPid") != "0"; }));
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), second.pid(), "error=EACCES:when=2+", &strace));
   end_by_hand();
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
                            std::to_string(second.pid()) + "\n"))
