@@ -172,6 +172,13 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   chain->count++;
 }
 
+wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) {
+  wex_pid* const rec = wex_new_record();
+  *rec = before;
+  __wex_add_record(chain, link_to_itself(rec));
+  return rec;
+}
+
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
   take_out(chain, rec);
   wex_free_record(rec);
@@ -254,6 +261,10 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->exit_seen = 0;
   rec->restart_failed = 0;
   rec->gone_since = 0;
+  if (new_pid > 0) {
+    rec->missed_child = 0;
+    rec->missed_start = 0;
+  }
   wex_note_identity(rec);
   wex_reset_lmk(new_pid);
 }
@@ -280,6 +291,10 @@ void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
       __wex_drop_record(&wex_chains, rec);
     }
   }
+}
+
+int32_t wex_last_process(const wex_pid* rec) {
+  return rec->missed_child > 0 ? rec->missed_child : rec->pid;
 }
 
 const char* wex_program_name(wex_pid* rec) {

@@ -68,6 +68,10 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capab
 // none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
+// Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,
+// so only where as much has just been freed.
+wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TSA(requires_capability(chain));
+
 // The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
 // bucket, and gives the process the normal low-memory-killer score. For wex_chains.
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(chain));
@@ -87,6 +91,10 @@ int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 // pid.
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer)
     WEX_TSA(requires_capability(wex_chains));
+
+// The process that the record's next one replaces, and that has its marker in a domain: the child of a start
+// that found no process, else the record's own. May be below 1.
+int32_t wex_last_process(const wex_pid* rec);
 
 // Name of a record's program in messages: the text behind the last "/", or all of it. Trims trailing blanks
 // of `process` in place.

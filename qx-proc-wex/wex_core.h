@@ -25,6 +25,11 @@ void* wex_delay_restart(void* unused);
 // status). Called with no chain held.
 void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart);
 
+// The same for a start of a third-part program that found no process and whose child has ended since with
+// this wait status. Does nothing when the program has got another process meanwhile. Called with no chain
+// held.
+void wex_handle_missed_exit(uint32_t start, uint32_t status);
+
 // Restart events written to the event-log files; drives their alternation. Guarded by wex_chains.
 extern int32_t wex_event_log_count;
 
@@ -66,6 +71,10 @@ bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 // Whether a domain is being taken down: nothing is restarted anywhere then. The running log tells of its
 // begin and end. Any thread.
 bool wex_take_down_under_way();
+
+// The program registered as `pid` has dumped core: restarts the device when too many have within the window.
+// Called with no chain held.
+void wex_count_crash(int32_t pid);
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
 // `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.

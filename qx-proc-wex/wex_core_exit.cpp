@@ -4,6 +4,7 @@
 #include "wex_core.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -191,9 +192,10 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
 }
 
 void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  const int32_t vsd = rec->pid > 0 ? find_app(rec->pid) : -1;
+  const int32_t pid = wex_last_process(rec);
+  const int32_t vsd = pid > 0 ? find_app(pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
-  if ((vsd >= 1 && !remove_flag_file(vsd, rec->pid)) || !change_dir(kRootDir)) {
+  if ((vsd >= 1 && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
     rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
     return;
   }
@@ -273,8 +275,10 @@ void log_success(const restart_kind& kind, const char* name, int32_t times, int3
 
 // ---- restart ----------------------------------------------------------------------------------------------
 
-// A third-part program that started itself again is registered under its new pid.
-bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+// A third-part program that started itself again is registered under its new pid. When that process has ended
+// before it could be registered, the program is still to be restarted, and `*handed` is its new record.
+bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = *handed;
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
@@ -283,12 +287,18 @@ bool handed_over(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capabi
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
           child);
+  const wex_pid before = *rec;
   wex_db_destroy(rec);
   wex_pid* const memory = __wex_recycle_pid(&wex_chains, rec->pid);
-  if (wex_register_third_part(child, kind.third_part_type, memory) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+  if (wex_register_third_part(child, kind.third_part_type, memory) == 0) {
+    return true;
   }
-  return true;
+  wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+  if (wex_proc_lives(child, 0)) {
+    return true;
+  }
+  *handed = __wex_restore_record(&wex_chains, before);
+  return false;
 }
 
 // False when nothing may be restarted.
@@ -335,14 +345,12 @@ bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
 }
 
 void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(rec, kind)) {
+  if (handed_over(&rec, kind)) {
     return;
   }
   if (rec->restart_delay > 0) {
+    // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
     wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
-    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
-      return;  // the next daemon restarts every program that has a database file and no process
-    }
   }
   if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
     rec->restart_failed = 1;
@@ -363,17 +371,9 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   }
 }
 
-void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
+// The record's process has ended.
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr) {
-    return;
-  }
-  if (still_runs(rec)) {
-    // A thread of it executed a program, or the pid was reused and registered again: nobody has exited.
-    wex_request_sweep();
-    return;
-  }
   if (dropped_as_duplicate(rec)) {
     return;
   }
@@ -396,15 +396,78 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
   restart_by_action(rec);
 }
 
-}  // namespace
+void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
+    WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec == nullptr) {
+    return;
+  }
+  if (still_runs(rec)) {
+    // A thread of it executed a program, or the pid was reused and registered again: nobody has exited.
+    wex_request_sweep();
+    return;
+  }
+  handle_ended(rec, exit_signal, force_restart);
+}
 
-extern "C" void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
+// The record whose start of this number is still without a process, or null.
+wex_pid* find_missed(uint32_t start) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  wex_pid* rec = walk.next();
+  while (rec != nullptr && rec->missed_start != start) {
+    rec = walk.next();
+  }
+  return rec;
+}
+
+void handle_missed(uint32_t start, uint32_t status) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = find_missed(start);
+  if (rec == nullptr) {
+    return;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> %s ended before it was found\n", kHandler, rec->process);
+  rec->missed_start = 0;
+  handle_ended(rec, status, 0);
+}
+
+// The pid of that record, or 0 when there is none.
+int32_t pid_of_missed(uint32_t start) {
+  chain_lock hold(wex_chains);
+  const wex_pid* const rec = find_missed(start);
+  return rec != nullptr ? rec->pid : 0;
+}
+
+// Runs `handle` with the registry locked and memory for a postponed restart at hand.
+template <typename Handle>
+void with_reserve(const Handle& handle) {
   for (;;) {
     wex_reserve_delay();  // may wait for memory, so nothing is held yet
     chain_lock hold(wex_chains);
     if (wex_delay_reserved()) {  // or another exit has taken it meanwhile
-      handle_exit(pid, exit_signal, force_restart);
+      handle();
       return;
     }
   }
 }
+
+}  // namespace
+
+extern "C" {
+
+void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
+  with_reserve(
+      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, force_restart); });
+}
+
+void wex_handle_missed_exit(uint32_t start, uint32_t status) {
+  const int32_t pid = pid_of_missed(start);
+  if (pid == 0 || wex_drop_taken_down(pid)) {
+    return;
+  }
+  if (WCOREDUMP(status)) {
+    wex_count_crash(pid);
+  }
+  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) { handle_missed(start, status); });
+}
+
+}  // extern "C"

@@ -119,7 +119,11 @@ void register_executed(int32_t pid) {
   started.vsd = vsd < 0 ? 0 : vsd;
   {
     chain_lock hold(wex_chains);
-    __wex_drop_failed(started.process, started.vsd, pid);
+    // The registry may have been locked for long. A program that has ended since could not be registered, and
+    // nobody would know it any more.
+    if (wex_proc_lives(pid, 0)) {
+      __wex_drop_failed(started.process, started.vsd, pid);
+    }
     if (wex_proc_is_running(&started) != nullptr) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
       return;
@@ -444,6 +448,15 @@ bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
   *window = first;
   *count = second;
   return true;
+}
+
+void wex_count_crash(int32_t pid) {
+  const int32_t now = wex_clock_now();
+  int32_t window;
+  int32_t count;
+  note_crash(pid, pid, now);
+  read_burst_rule(&window, &count);
+  apply_burst_rule(now, window, count);
 }
 
 // While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short

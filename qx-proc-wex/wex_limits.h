@@ -61,13 +61,16 @@ inline constexpr int kDelayEndLooks = 2500;
 inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
 inline constexpr int kMaxWords = 14;          // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
-inline constexpr int kForkFailuresFatal = 7;  // failed forks in a row that end the daemon
-inline constexpr int kFindTries = 10;         // extra looks for a program that detaches
-inline constexpr int kFindStepMs = 100;       // the k-th look waits k times this
-inline constexpr int kLooksCutShort = 10;     // looks through /proc until one is not cut short
+inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
+inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
+inline constexpr int kFindTries = 10;          // extra looks for a program that detaches
+inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
+inline constexpr int kLooksCutShort = 10;      // looks through /proc until one is not cut short
+inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
+inline constexpr int kPlatformLookMs = 10;          // how often it is looked at until then
 
 // What is short for a moment.
 inline constexpr unsigned kMemoryRetrySec = 5;

@@ -26,6 +26,7 @@
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_core.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_list.h"
@@ -51,7 +52,8 @@ constexpr spawn_kind kScript = {"wex_shell_spawn", SHELL_RESTART, "HA_WAIT_SCRIP
 struct launch {
   const spawn_kind* kind;
   wex_pid* rec;
-  int32_t domain;  // of the process that is replaced: 1 to 15, or -1
+  int32_t old_pid;  // the process that is replaced; may be below 1
+  int32_t domain;   // its domain: 1 to 15, or -1
   child_words words;
   char script[4096];
 };
@@ -122,7 +124,8 @@ void find_script(const char* word, char* script, size_t size) {
 void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
   start->kind = &kind;
   start->rec = rec;
-  start->domain = rec->pid > 0 ? find_app(rec->pid) : -1;
+  start->old_pid = wex_last_process(rec);
+  start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
   const bool scripted = kind.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!kind.through_shell) {
@@ -221,7 +224,7 @@ void remove_markers(int32_t vsd, int32_t pid) {
 // program.
 void enter_place(const launch& start) {
   if (start.domain >= 1) {
-    set_proc_env(start.domain, start.rec->pid);
+    set_proc_env(start.domain, start.old_pid);
     return;
   }
   const int result = chdir(kRootDir);
@@ -263,7 +266,7 @@ void enter_place(const launch& start) {
 
 // ---- parent -----------------------------------------------------------------------------------------------
 
-// False once the child has executed its program: what the platform forked meanwhile may still hold the pipe.
+// False once the child has executed its program or ended.
 bool runs_our_code(pid_t child) {
   char path[kPathSize];
   char ours[kPathSize];
@@ -276,19 +279,20 @@ bool runs_our_code(pid_t child) {
          memcmp(ours, its, static_cast<size_t>(its_length)) == 0;
 }
 
-// A domain's child runs foreign code before its program starts. While the pipe's other end is open it has not
-// got there yet; one that never does would leave its program down with nobody noticing.
+// A domain's child runs foreign code before its program starts; one that never gets there would leave its
+// program down with nobody noticing. The end of the pipe tells at once that the program runs. A process that
+// the platform forked meanwhile may hold the pipe open, so the child itself is looked at, too.
 void await_exec(pid_t child, const unique_fd& started) {
   struct pollfd end = {started.get(), POLLIN, 0};
-  int ready;
+  const int64_t deadline = wex_clock_ms() + kPlatformTimeLimitMs;
   do {
-    ready = poll(&end, 1, kPlatformTimeLimitMs);
-  } while (ready < 0 && errno == EINTR);
-  if (ready == 0 && runs_our_code(child)) {
-    wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
-            static_cast<int>(child));
-    kill(child, SIGKILL);
-  }
+    if (poll(&end, 1, kPlatformLookMs) > 0 || !runs_our_code(child)) {
+      return;
+    }
+  } while (wex_clock_ms() < deadline);
+  wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
+          static_cast<int>(child));
+  kill(child, SIGKILL);
 }
 
 // Forks a child that runs the program. The child's pid, or -1 with errno.
@@ -314,6 +318,14 @@ pid_t fork_child(const launch& start) {
   return child;
 }
 
+// The end of the child, or that there was none, is to count as one more exit of the record.
+void remember_missed(wex_pid* rec, pid_t child) {
+  if (child > 0) {
+    rec->missed_child = static_cast<int32_t>(child);
+  }
+  rec->missed_start = wex_remember_start(child, rec->exit_signal);
+}
+
 // The process of a third-part program, which may have detached from the child. Its pid, or 0.
 int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   wex_pid* const rec = start.rec;
@@ -323,8 +335,9 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   const char* const function = start.kind->function;
   int32_t found = 0;
   bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
-  if (!running && wanted != whole) {
+  if (!running) {
     // The program's arguments are part of its command line, so the first word alone finds only bare programs.
+    // And the last look may have been cut short.
     running = wex_find_running(whole, &found);
   }
   if (running && found == child) {
@@ -333,7 +346,11 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Daemon[%s] new pid: %d\n", function, wanted, found);
   } else {
     wex_dbg(WEX_DBG_PUB, "%s--> third part[%s] Not Found new pid!\n", function, wanted);
+    remember_missed(rec, child);
     return 0;
+  }
+  if (found != child && start.domain >= 1) {
+    save_proc_info(start.domain, found);  // or its next life would be one of the main system
   }
   *out_pid = found;
   return found;
@@ -347,6 +364,17 @@ void note_fork_failure(const launch& start, int error) {
     wex_end_unable_to_restart();
   }
   wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.kind->function, strerror(error), error);
+}
+
+// Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
+// failures as end it anyway: the next daemon restarts every program that has a database file and no process.
+bool may_retry_fork() {
+  wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
+  if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    return true;
+  }
+  wex_sleep_ms(kForkRetryAtEndMs);
+  return g_fork_failures < kForkFailuresFatal;
 }
 
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
@@ -395,9 +423,8 @@ int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
     }
     note_fork_failure(start, error);
     wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
-    wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
-    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
-      return -1;  // the daemon ends; the next one finds the file of a dead process and restarts it
+    if (!may_retry_fork()) {
+      return -1;
     }
   }
 }

@@ -21,6 +21,7 @@
 #include "priority_mutex.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -66,10 +67,7 @@ extern "C" void wake_for_alarm(int /*signal*/) {
 }
 
 extern "C" void wake_for_child(int /*signal*/) {
-  const int cause = errno;
-  g_child_due.store(true);
-  sem_post(&g_wake);
-  errno = cause;
+  wex_wake_reaper();
 }
 
 extern "C" void* run_alarm_thread(void* /*unused*/) {
@@ -80,11 +78,15 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
     }
     if (g_child_due.exchange(false)) {
       wex_chld_handler(SIGCHLD);
+      wex_handle_missed_exits();
     }
     if (g_alarm_due.exchange(false) && !g_stop.load()) {
       wex_alrm_handler(SIGALRM);
     }
   }
+  // A program that was missed in the last moment may have no database file that the next daemon would find.
+  wex_chld_handler(SIGCHLD);
+  wex_handle_missed_exits();
   return nullptr;
 }
 
@@ -184,6 +186,13 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
 
 }  // namespace
 
+void wex_wake_reaper() {
+  const int cause = errno;
+  g_child_due.store(true);
+  sem_post(&g_wake);
+  errno = cause;
+}
+
 spawn_guard::spawn_guard() noexcept {
   pthread_once(&g_spawn_once, create_spawn_mutex);
   pthread_mutex_lock(&g_spawn_mutex);
@@ -196,6 +205,7 @@ spawn_guard::~spawn_guard() {
 }
 
 int wex_start_alarm_thread() {
+  wex_wake_reaper();  // the rebuild may have started programs that it did not find
   const int error = pthread_create(&g_thread, nullptr, run_alarm_thread, nullptr);
   g_started = error == 0;
   return error;
@@ -227,9 +237,15 @@ int wex_setup_signals(void) {
 void wex_chld_handler(int /*signal*/) {
   const int cause = errno;
   const spawn_guard not_while_spawning;
+  pid_t child;
   do {
     errno = 0;  // an older ECHILD would end the loop with zombies left
-  } while (waitpid(-1, nullptr, WNOHANG) != 0 && errno != ECHILD);
+    int status = 0;
+    child = waitpid(-1, &status, WNOHANG);
+    if (child > 0) {
+      wex_note_child_end(child, status);
+    }
+  } while (child != 0 && errno != ECHILD);
   errno = cause;
 }
 

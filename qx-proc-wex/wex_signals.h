@@ -18,6 +18,9 @@ void wex_alrm_handler(int signal);
 void wex_chld_handler(int signal);
 }
 
+// Makes the alarm thread reap and handle the exits that were missed, also before it has been started.
+void wex_wake_reaper();
+
 // Starts the thread that does the handlers' work. 0, or an error number.
 int wex_start_alarm_thread();
 

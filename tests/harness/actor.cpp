@@ -310,6 +310,13 @@ void ignore(const char* name) {
   signal(signal_named(name), SIG_IGN);
 }
 
+volatile sig_atomic_t term_status = 0;
+
+void exit_on_term(const char* code) {
+  term_status = atoi(code);
+  signal(SIGTERM, [](int) { _exit(term_status); });
+}
+
 void lock_file(const char* path) {  // kept open, and so locked, until we are gone
   struct flock whole = {};
   whole.l_type = F_WRLCK;
@@ -513,6 +520,7 @@ const struct option_row {
     {"--wait-for", wait_for_file, "=FILE  until it exists"},
     {"--hold", hold, "  for ever"},
     {"--ignore", ignore, "=SIGNAL"},
+    {"--exit-on-term", exit_on_term, "=CODE  SIGTERM is handled and ends us with this status"},
     {"--hold-lock", lock_file, "=FILE  write lock until the end"},
     {"--lock-in-child", lock_in_child, "=[MS,]FILE  the lock outlives this process"},
     {"--daemonise", daemonise, "  go on in a child of its own session"},

@@ -241,3 +241,20 @@ TEST_F(EventLog, TheFilesAreReadableLogsWithTheirTimes) {
   const std::string first = lines_of(read_file(kLog1))[0];
   EXPECT_NE(first, entries(kLog1)[0]) << "no time in front: " << first;
 }
+
+// The announcement is written and the program runs again; only then is something in the file's place.
+TEST_F(EventLog, AFileThatCannotBeOpenedAfterTheRestartLeavesTheProgramSupervised) {
+  daemon_.stop();
+  ASSERT_TRUE(daemon_.start_traced({"inject=clone,fork,vfork:delay_exit=2000000:when=1"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  Service& one = service("late");
+  one.end();
+  ASSERT_TRUE(eventually([] { return entries(kLog1).size() == 2; }, 20s)) << read_console();
+  ASSERT_EQ(0, unlink(kLog1));
+  make_dirs(kLog1);
+  EXPECT_TRUE(console_says("]fail to openlog: ", 20s)) << read_console();
+  EXPECT_TRUE(one.comes_back());
+  ASSERT_EQ(0, rmdir(kLog1));
+  restart(one, 2);
+  EXPECT_TRUE(eventually([] { return entries(kLog1).size() == 4; })) << read_file(kLog1);
+}

@@ -1,14 +1,18 @@
 // The road of an exit through the daemon: take-down markers, crashes, duplicates, postponed and lost exits.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "unique_fd.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -458,6 +462,80 @@ TEST_F(ExitRoad, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
   daemon.stop();
 }
+
+// Connects until the server is refused one of its accepts, which ends the daemon.
+bool end_through_server() {
+  std::vector<unique_fd> clients;
+  return eventually([&] {
+    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, kControlSocket);
+    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
+                   2 + sizeof kControlSocket - 1) != 0;
+  });
+}
+
+// Without a database file the next daemon would not know the program.
+TEST_F(ExitRoad, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const texts options = {"--time-set=3600", "--confirm", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  ASSERT_TRUE(list_dir(kDbDir).empty());
+  service.kill_now();
+  ASSERT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 9\n"));
+  ASSERT_TRUE(end_through_server());
+  EXPECT_TRUE(exited_with(daemon.wait(20s), 0)) << read_console();
+  EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
+}
+
+TEST_F(ExitRoad, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=clone,fork,vfork:error=ENOMEM:when=1..3", "inject=accept4:error=ECONNABORTED:when=40"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const texts options = {"--time-set=0", "--confirm", "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  ASSERT_TRUE(console_says("]wex_spawn--> fork fail, err: Cannot allocate memory(12)\n"));
+  ASSERT_TRUE(end_through_server());
+  EXPECT_TRUE(exited_with(daemon.wait(20s), 0)) << read_console();
+  EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
+  EXPECT_FALSE(exists(kForkFile));
+}
+
+// ---- Exit statuses that look like SIGTERM -----------------------------------------------------------------
+
+namespace {
+class HandledTerm : public ExitRoad, public ::testing::WithParamInterface<int> {};
+}  // namespace
+
+// Only death by the signal itself means "stopped on purpose".
+TEST_P(HandledTerm, AndAnExitStatusThatNamesItIsAnExitLikeAnyOther) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const texts options = {"--register=RESTART", "--confirm", "--exit-on-term=" + text(GetParam()),
+                         "--ready=/tmp/wex/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(start_service(&service, options));
+  const pid_t old_pid = service.pid();
+  service.send(SIGTERM);
+  EXPECT_TRUE(exited_with(service.wait(), GetParam()));
+  EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
+  char event[64];
+  snprintf(event, sizeof event, " receives event:%04x and self-checking ...\n",
+           static_cast<unsigned>(GetParam()) << 8);
+  EXPECT_TRUE(console_says(event)) << event;
+  daemon.stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, HandledTerm, ::testing::Values(15, 143));
 
 // ---- Lost exits -------------------------------------------------------------------------------------------
 

@@ -1,4 +1,5 @@
 // Programs that know nothing of the daemon: registered when they are executed, found again when they detach.
+#include <grp.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -307,7 +308,49 @@ TEST_F(ThirdPart, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
   EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
 }
 
-// As when the process that was found has died before it could be registered.
+namespace {
+
+// In the monitor, what happens to the reading of the link that names the executable of `pid`, from the second
+// time on: the search reads it once, the registration after it.
+bool inject_into_registration(pid_t daemon, pid_t pid, const std::string& injection, Process* strace) {
+  pid_t monitor = 0;
+  const std::string tasks = "/proc/" + std::to_string(daemon) + "/task/";
+  for (const std::string& task : list_dir(tasks)) {
+    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
+  }
+  return monitor != 0 &&
+         strace->start({"strace", "-qq", "-o", "/tmp/wex-trace", "-P",
+                        "/proc/" + std::to_string(pid) + "/exe", "-e",
+                        "inject=readlink,readlinkat:" + injection, "-p", std::to_string(monitor)}) &&
+         eventually([&] { return status_field(monitor, "TracerPid") != "0"; });
+}
+
+}  // namespace
+
+TEST_F(ThirdPart, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProgram) {
+  const std::string app = install("fleeting");
+  describe("fleeting", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "fleeting"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  const pid_t dead = second.pid();
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), dead, "delay_enter=2000000:when=2", &strace));
+  end_by_hand();
+  ASSERT_TRUE(console_says("found child pid_get = " + std::to_string(dead) + "\n")) << read_console();
+  second.kill_now();
+  EXPECT_TRUE(console_says("-->reg_third_part_process_exit_action error!\n")) << read_console();
+  const pid_t third = wait_for(app, dead, 20s);
+  ASSERT_GT(third, 0) << read_console();
+  strace.kill_now();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("fleeting", third)); }));
+  kill(third, SIGKILL);
+  EXPECT_NE(0, wait_for(app, third, 20s)) << "it is supervised as before";
+}
+
 TEST_F(ThirdPart, AHandOverToAProcessThatCannotBeReadIsTold) {
   const std::string app = install("unreadable");
   describe("unreadable", app + " WEX_RESTART");
@@ -317,17 +360,8 @@ TEST_F(ThirdPart, AHandOverToAProcessThatCannotBeReadIsTold) {
   Process second;
   ASSERT_TRUE(second.start({app}));
   ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
-  pid_t monitor = 0;
-  const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task/";
-  for (const std::string& task : list_dir(tasks)) {
-    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
-  }
-  ASSERT_NE(0, monitor);
-  Process strace;  // the search reads the link once, the registration after it
-  ASSERT_TRUE(strace.start(
-      {"strace", "-qq", "-o", "/tmp/wex-trace", "-P", "/proc/" + std::to_string(second.pid()) + "/exe", "-e",
-       "inject=readlink,readlinkat:error=EACCES:when=2+", "-p", std::to_string(monitor)}));
-  ASSERT_TRUE(eventually([&] { return status_field(monitor, "TracerPid") != "0"; }));
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), second.pid(), "error=EACCES:when=2+", &strace));
   end_by_hand();
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
                            std::to_string(second.pid()) + "\n"))
@@ -488,13 +522,110 @@ TEST_F(ThirdPart, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
   end_by_hand();
   ASSERT_TRUE(console_says("wex_spawn--> third part[" + app + "] Not Found new pid!\n", 10s));
   EXPECT_TRUE(console_says("HA_RESTART execvp fail, error = No such file or directory.\n"));
+  ASSERT_TRUE(eventually([] { return count_of(read_console(), "HA_RESTART execvp fail") == 2; }))
+      << "that is one more exit, and the next search has begun";
   ASSERT_EQ(0, rename("/tmp/apps/hidden", app.c_str()));
   ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "vanishing"));
-  EXPECT_FALSE(exists(db_file("vanishing", first)));
   const pid_t second = by_hand_.pid();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("vanishing", second)); }, 15s));
+  EXPECT_FALSE(exists(db_file("vanishing", first)));
   end_by_hand();
   EXPECT_NE(0, wait_for(app, second));
+}
+
+// ---- Programs that end before they are found --------------------------------------------------------------
+
+namespace {
+
+constexpr char kLives[] = "/tmp/apps/lives";
+
+// In place of the program, one that is never found: each of its lives adds its pid to kLives.
+void replace_by_unfindable(const std::string& app) {
+  ASSERT_EQ(0, rename(app.c_str(), (app + ".real").c_str()));
+  write_file(app, std::string("#!/bin/sh\necho $$ >> ") + kLives + "\nexec sleep 1000\n", 0755);
+}
+
+// The pid of life `number`, once it has begun; 0 when it does not begin.
+pid_t unfindable_life(size_t number) {
+  eventually([&] { return lines_of(read_file(kLives)).size() >= number; }, 20s);
+  const std::vector<std::string> lives = lines_of(read_file(kLives));
+  return lives.size() == number ? std::stoi(lives.back()) : 0;
+}
+
+}  // namespace
+
+TEST_F(ThirdPart, AProgramThatIsKilledWhileItIsLookedForComesBackEachTime) {
+  const std::string app = install("unlucky");
+  describe("unlucky", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "unlucky"));
+  const pid_t first = by_hand_.pid();
+  replace_by_unfindable(app);
+  end_by_hand();
+  const pid_t second = unfindable_life(1);
+  ASSERT_GT(second, 0) << read_console();
+  kill(second, SIGUSR1);
+  EXPECT_TRUE(console_says(" receives event:000a and self-checking ...\n", 20s)) << "the child's status";
+  const pid_t third = unfindable_life(2);
+  ASSERT_GT(third, 0) << read_console();
+  ASSERT_EQ(0, rename((app + ".real").c_str(), app.c_str()));
+  kill(third, SIGKILL);
+  const pid_t found = wait_for(app, first, 20s);
+  ASSERT_NE(0, found) << read_console();
+  EXPECT_TRUE(console_says("HA_SELF_CHECK_INFO Self-checking OK: 3 times and new id unlucky/" +
+                           std::to_string(found) + ".\n"))
+      << "the restarts that missed count in the throttle\n"
+      << read_console();
+  EXPECT_FALSE(exists(db_file("unlucky", first)));
+}
+
+// strace counts for each thread, so the fork of whoever tries again fails once, too.
+TEST_F(ThirdPart, AProgramWhoseForkFailedOnceIsStartedAgain) {
+  const std::string app = install("forkless");
+  describe("forkless", app + " WEX_RESTART");
+  ASSERT_TRUE(daemon_.start_traced({"inject=clone,fork,vfork:error=ENOMEM:when=1"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "forkless"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(app, first, 20s);
+  EXPECT_NE(0, second) << read_console();
+  EXPECT_TRUE(console_says("wex_spawn--> third part[" + app + "] Not Found new pid!\n"));
+  EXPECT_FALSE(exists(kForkFile));
+}
+
+TEST_F(ThirdPart, AProgramOfADomainComesBackThereAlsoWhenItWasMissedOnce) {
+  make_dirs("/tmp/vsd/2/wex/db");
+  make_dirs("/data/var/run/vsd/2");
+  const std::string app = install("inside");
+  describe("inside", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  const gid_t group = 3200;
+  const pid_t first = fork();
+  if (first == 0) {
+    setgroups(1, &group);
+    execl(app.c_str(), app.c_str(), static_cast<char*>(nullptr));
+    _exit(1);
+  }
+  ASSERT_GT(first, 0);
+  EXPECT_TRUE(eventually([&] { return exists(db_file("inside", first, 2)); }, 15s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return exists("/tmp/vsd/2/wex/" + std::to_string(first)); }));
+  replace_by_unfindable(app);
+  kill(first, SIGKILL);
+  waitpid(first, nullptr, 0);
+  const pid_t missed = unfindable_life(1);
+  ASSERT_GT(missed, 0) << read_console();
+  EXPECT_EQ("3200 ", status_field(missed, "Groups"));
+  ASSERT_EQ(0, rename((app + ".real").c_str(), app.c_str()));
+  kill(missed, SIGKILL);
+  const pid_t second = wait_for(app, first, 20s);
+  ASSERT_GT(second, 0) << read_console();
+  EXPECT_EQ("3200 ", status_field(second, "Groups"));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("inside", second, 2)); })) << read_console();
+  EXPECT_TRUE(exists("/tmp/vsd/2/wex/" + std::to_string(second)));
+  EXPECT_FALSE(exists("/tmp/vsd/2/wex/" + std::to_string(missed)));
 }
 
 // ---- Forged events ----------------------------------------------------------------------------------------

@@ -1,5 +1,7 @@
 // The exit handler's decisions, on a registry that the test fills.
 #include "parked_world.h"
+#include "wex_core_third_part.h"
+#include "wex_signals.h"
 
 using namespace parked;
 
@@ -14,6 +16,31 @@ wex_pid* died(wex_pid* rec) {
 }
 
 class Exit : public Parked {};
+
+// A record of a third-part program whose restart started `child` and found nobody.
+wex_pid* missed(wex_pid* rec, pid_t child) {
+  died(rec);
+  rec->restart_failed = 1;
+  rec->exit_signal = 9;
+  const spawn_guard guard;
+  rec->missed_child = child > 0 ? child : 0;
+  rec->missed_start = wex_remember_start(child, rec->exit_signal);
+  return rec;
+}
+
+// Its child ends, the reaper notes it, and the alarm thread comes round.
+void reap(pid_t child, int status) {
+  {
+    const spawn_guard guard;
+    wex_note_child_end(child, status);
+  }
+  wex_handle_missed_exits();
+}
+
+bool registered(int32_t pid) {
+  chain_lock hold(wex_chains);
+  return __wex_find_pid(&wex_chains, pid) != nullptr;
+}
 
 }  // namespace
 
@@ -39,4 +66,119 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
     EXPECT_EQ(rec, __wex_find_pid(&wex_chains, old_pid)) << action;
   }
   EXPECT_TRUE(g_syslog.empty()) << "nor announced";
+}
+
+// ---- Third-part programs that ended before they were found ------------------------------------------------
+
+TEST_F(Exit, OfAMissedChildRestartsItsProgramOnceItHasBeenReaped) {
+  const pid_t child = zombie();
+  const wex_pid* const rec = missed(park_at(900), child);
+  const int32_t old_pid = rec->pid;
+  wex_handle_missed_exits();
+  EXPECT_EQ(old_pid, rec->pid) << "its child has not been reaped";
+  wex_chld_handler(SIGCHLD);
+  wex_handle_missed_exits();
+  ASSERT_NE(old_pid, rec->pid);
+  EXPECT_EQ(0, kill(rec->pid, 0));
+  EXPECT_EQ(0u, rec->exit_signal) << "the child's status";
+  EXPECT_EQ(1, rec->check_count) << "throttled like any other";
+  EXPECT_FALSE(exists(db_file(old_pid, rec->process)));
+  const int32_t new_pid = rec->pid;
+  reap(child, 9);
+  EXPECT_EQ(new_pid, rec->pid) << "counted twice";
+}
+
+TEST_F(Exit, OfAMissedChildHasTheStatusThatTheReaperSaw) {
+  const pid_t child = 4194304;  // above every pid there is
+  const wex_pid* const rec = missed(park_at(900), child);
+  const int32_t old_pid = rec->pid;
+  reap(child, 11 | 0x80);
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(11u | 0x80u, rec->exit_signal);
+  EXPECT_EQ(1000, rec->crash_time) << "it counts among the crashes";
+  ASSERT_FALSE(g_syslog.empty());
+  EXPECT_NE(std::string::npos, g_syslog[0].text.find(" receives event:008b and self-checking ...\n"));
+}
+
+TEST_F(Exit, OfAMissedChildStoppedOnPurposeDropsTheProgram) {
+  const wex_pid* const rec = missed(park_at(900), 4194304);
+  const int32_t old_pid = rec->pid;
+  const std::string file = db_file(old_pid, rec->process);
+  reap(4194304, SIGTERM);
+  EXPECT_FALSE(registered(old_pid));
+  EXPECT_FALSE(exists(file));
+}
+
+TEST_F(Exit, OfAMissedChildThatKeepsDyingParksTheProgram) {
+  wex_pid* const rec = missed(park_at(900), 4194304);
+  rec->check_start = 1000;
+  rec->check_count = 4;
+  reap(4194304, 9);
+  EXPECT_EQ(1, rec->alarm_wait_flag);
+  EXPECT_EQ(0, rec->restart_failed) << "it is parked, not forgotten";
+}
+
+TEST_F(Exit, OfAMissedChildMeansNothingOnceItsProgramHasBeenReplaced) {
+  const wex_pid* const rec = missed(park_at(900), 4194304);
+  const int32_t old_pid = rec->pid;
+  {
+    chain_lock hold(wex_chains);
+    __wex_del_pid(&wex_chains, old_pid);
+  }
+  reap(4194304, 9);
+  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
+}
+
+TEST_F(Exit, OfAMissedChildWhileADomainIsTakenDownOnlyDropsTheProgram) {
+  const wex_pid* const rec = missed(park_at(900), 4194304);
+  const int32_t old_pid = rec->pid;
+  const std::string file = db_file(old_pid, rec->process);
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  reap(4194304, 9);
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_FALSE(registered(old_pid));
+  EXPECT_FALSE(exists(file));
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
+}
+
+// Its search takes 5.5 s.
+TEST_F(Exit, OfAChildThatTheRebuildMissedIsHandledWithItsStatus) {
+  write_file(kThirdPartList, "/bin/false WEX_RESTART\n");
+  const int32_t old_pid = dead_pid();
+  write_file(db_file(old_pid, "/bin/false").c_str(), std::to_string(old_pid) + "\n2\n/bin/false");
+  ASSERT_EQ(0, wex_rebuild_chains(&wex_chains));
+  wex_pid* rec = nullptr;
+  {
+    chain_lock hold(wex_chains);
+    record_walk walk(wex_chains);
+    rec = walk.next();
+  }
+  ASSERT_NE(nullptr, rec);
+  ASSERT_EQ(1, rec->restart_failed);
+  rec->check_count = 4;  // it is parked instead of being looked for again
+  wex_chld_handler(SIGCHLD);
+  wex_handle_missed_exits();
+  EXPECT_EQ(0x100u, rec->exit_signal);
+  EXPECT_EQ(1, rec->alarm_wait_flag);
+}
+
+TEST_F(Exit, OfARestartThatCouldNotEvenForkIsTheExitBeforeItOnceMore) {
+  const wex_pid* const rec = missed(park_at(900), -1);
+  const int32_t old_pid = rec->pid;
+  wex_handle_missed_exits();
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(9u, rec->exit_signal);
+}
+
+TEST_F(Exit, OfAChildIsStillKnownWhenManyOthersLiveUnfound) {
+  const pid_t first = 5000000;
+  const wex_pid* const rec = missed(park_at(900), first);
+  const int32_t old_pid = rec->pid;
+  for (unsigned other = 1; other < kStartsKept; ++other) {
+    const spawn_guard guard;
+    wex_remember_start(first + static_cast<pid_t>(other), 9);
+  }
+  reap(first, 9);
+  EXPECT_NE(old_pid, rec->pid);
 }

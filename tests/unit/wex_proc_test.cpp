@@ -2,13 +2,16 @@
 // descriptors, the fork-failure marker, priorities. Real forks; only the clock belongs to the test.
 #include "wex_proc.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +27,7 @@
 #include "registry_files.h"
 #include "wex_chain.h"
 #include "wex_child.h"
+#include "wex_core.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
@@ -35,7 +39,36 @@ int32_t g_now = 1000;
 int g_platform_result = 0;
 void (*g_platform_work)() = nullptr;
 std::vector<std::string> g_system_log;
+int g_directories_refused = 0;   // the next ones to be read
+bool g_pauses_left_out = false;  // of the search
 }  // namespace
+
+// Their numbers where there are several of them.
+#ifdef SYS_setgroups32
+constexpr long kSetGroupsCall = SYS_setgroups32;
+#else
+constexpr long kSetGroupsCall = SYS_setgroups;
+#endif
+#ifdef SYS_newfstatat
+constexpr long kStatCall = SYS_newfstatat;
+#else
+constexpr long kStatCall = SYS_fstatat64;
+#endif
+
+extern "C" DIR* __real_fdopendir(int fd);
+extern "C" DIR* __wrap_fdopendir(int fd) {
+  if (g_directories_refused > 0) {
+    --g_directories_refused;
+    errno = ENOENT;
+    return nullptr;
+  }
+  return __real_fdopendir(fd);
+}
+
+extern "C" int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
+extern "C" int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
+  return g_pauses_left_out ? 0 : __real_clock_nanosleep(clock, flags, time, left);
+}
 
 // At link level: the clock is the test's, and so is the device's system log.
 extern "C" int32_t wex_clock_now(void) {
@@ -311,6 +344,26 @@ TEST_F(ProcWorld, WithoutARunDirectoryTheEnvironmentIsAllThatIsSet) {
   EXPECT_TRUE(exists(domain_dir(1) + "/812"));
 }
 
+TEST_F(ProcWorld, AGroupThatCannotBeSetKeepsNothingElseFromTheProgram) {
+  make_domain(1);
+  write_file(domain_dir(1) + "/812", "");
+  EXPECT_EQ(0, in_child([] {
+              if (!refuse_call(kSetGroupsCall, 0, 1, EPERM)) {
+                return 1;
+              }
+              wex_create_std_fd(0);
+              set_proc_env(1, 812);
+              write_file("/tmp/wex/report", domain_report());
+              return 0;
+            }));
+  const std::string report = read_file("/tmp/wex/report");
+  EXPECT_NE(std::string::npos, report.find("TMPDIR=/tmp/vsd/1\n")) << report;
+  EXPECT_NE(std::string::npos, report.find("cwd=/data/var/run/vsd/1\n")) << report;
+  EXPECT_EQ(std::string::npos, report.find("group=3100\n")) << report;
+  EXPECT_FALSE(exists(domain_dir(1) + "/812"));
+  EXPECT_EQ(std::string::npos, read_console().find("setgroups success"));
+}
+
 TEST_F(ProcWorld, ManyMarkersDoNotHideTheOldOne) {
   make_domain(1);
   for (int pid = 100000; pid < 100400; ++pid) {
@@ -354,6 +407,20 @@ TEST_F(ProcWorld, ASearchWithoutTextOrResultIsRefused) {
   int32_t found = 0;
   EXPECT_EQ(-1, wex_proc_to_pid(nullptr, &found, 0));
   EXPECT_EQ(-1, wex_proc_to_pid(command, nullptr, 0));
+}
+
+TEST_F(ProcWorld, ALookThatMustStopGivesItsNegatedReason) {
+  char command[] = "/no/such/program";
+  int32_t found = 0;
+  EXPECT_EQ(EMFILE, in_child([&] {
+              const rlimit none = {0, 0};
+              setrlimit(RLIMIT_NOFILE, &none);
+              return -wex_proc_to_pid(command, &found, 0);
+            }));
+  constexpr unsigned kFlagsOfStat = 3;  // 0 where an entry is looked at by its name
+  EXPECT_EQ(EIO, in_child([&] {
+              return refuse_call(kStatCall, kFlagsOfStat, 0, EIO) ? -wex_proc_to_pid(command, &found, 0) : 0;
+            }));
 }
 
 TEST_F(ProcWorld, FurtherLooksComeAfterGrowingPauses) {
@@ -449,10 +516,12 @@ TEST_F(ProcWorld, AProgramThatRunsIsNotKilledForWhatThePlatformLeftBehind) {
   const spawned got = spawn(record_of("/bin/sleep 1000", 812).get());
   const auto took = std::chrono::steady_clock::now() - start;
   ASSERT_GT(got.result, 0);
-  EXPECT_GE(took, milliseconds(kPlatformTimeLimitMs)) << "the helper did not hold the pipe";
+  const pid_t helper = static_cast<pid_t>(atoi(read_file("/tmp/wex/helper").c_str()));
+  ASSERT_GT(helper, 0);
+  EXPECT_LT(took, milliseconds(kPlatformTimeLimitMs)) << "waited for the pipe that the helper holds";
   EXPECT_TRUE(never([&] { return !is_alive(got.result); }, 300ms));
   EXPECT_NE(program_of(getpid()), program_of(got.result));
-  kill(static_cast<pid_t>(atoi(read_file("/tmp/wex/helper").c_str())), SIGKILL);
+  kill(helper, SIGKILL);
   kill(got.result, SIGKILL);
   EXPECT_EQ(-1, ended(got.result));
 }
@@ -653,6 +722,83 @@ TEST_F(ProcWorld, AThirdPartProgramThatCannotBeForkedIsNotTriedAgain) {
               return 0;
             }));
   EXPECT_FALSE(exists(kForkFile)) << "counted as a failed fork";
+}
+
+// The looks of the search are followed by one more that is repeated until it is not cut short.
+TEST_F(ProcWorld, AProgramOrScriptIsFoundThoughAllLooksOfTheSearchWereCutShort) {
+  ASSERT_TRUE(exited_with(run({"cp", "/bin/cat", "/tmp/wex/cat"}), 0));
+  ASSERT_EQ(0, mkfifo("/tmp/wex/fifo", 0600));
+  write_file("/etc/cmdmap/cat.sh", "exit 0\n");
+  write_file(kThirdPartList, "/tmp/wex/cat WEX_RESTART\n");
+  Process running;
+  ASSERT_TRUE(running.start({"sh", "-c", "exec /tmp/wex/cat <> /tmp/wex/fifo"}));
+  ASSERT_TRUE(eventually([&] { return command_line(running.pid()) == "/tmp/wex/cat"; }));
+  g_pauses_left_out = true;
+  for (const auto spawner : {wex_spawn, wex_shell_spawn}) {
+    g_directories_refused = kFindTries + 2;
+    const spawned got = spawn(record_of("/tmp/wex/cat").get(), spawner);
+    EXPECT_GT(got.result, 0);
+    EXPECT_EQ(0, g_directories_refused);
+  }
+  g_pauses_left_out = false;
+  running.kill_now();
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
+}
+
+TEST_F(ProcWorld, ADetachedProcessOfADomainGetsTheDomainsMarkerAndItsNextLifeFindsIt) {
+  make_domain(2);
+  write_file(domain_dir(2) + "/812", "");
+  ASSERT_TRUE(exited_with(run({"cp", "/bin/cat", "/tmp/wex/cat"}), 0));
+  ASSERT_EQ(0, mkfifo("/tmp/wex/fifo", 0600));
+  write_file(kThirdPartList, "/tmp/wex/cat WEX_RESTART\n");
+  Process detached;
+  ASSERT_TRUE(detached.start({"sh", "-c", "exec /tmp/wex/cat <> /tmp/wex/fifo"}));
+  ASSERT_TRUE(eventually([&] { return command_line(detached.pid()) == "/tmp/wex/cat"; }));
+  EXPECT_EQ(detached.pid(), spawn(record_of("/tmp/wex/cat", 812).get()).result);
+  EXPECT_EQ(2, find_app(detached.pid()));
+  detached.kill_now();
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
+}
+
+// ---- Forks that fail while the daemon ends ----------------------------------------------------------------
+
+// A spawn whose first `failures` forks fail, with the stop flag set.
+spawned spawn_at_the_end(const std::string& failures) {
+  spawned got = {0, 0};
+  const std::string file = "/tmp/wex/spawned";
+  EXPECT_EQ(0, run_failing({"clone,fork,vfork:error=ENOMEM" + failures}, [&] {
+              wex_raise_exit_flag();
+              got = spawn(record_of("/bin/true").get());
+              write_file(file, std::to_string(got.result) + " " + std::to_string(got.out_pid));
+              return 0;
+            }));
+  EXPECT_EQ(2, sscanf(read_file(file).c_str(), "%d %d", &got.result, &got.out_pid));
+  return got;
+}
+
+TEST_F(ProcWorld, WhileTheDaemonEndsAFailedForkIsRepeatedSoonAndSevenTimesAtTheMost) {
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_GT(spawn_at_the_end(":when=1..6").result, 0);
+  EXPECT_FALSE(exists(kForkFile)) << "the child withdraws the marker";
+  const spawned got = spawn_at_the_end("");
+  EXPECT_EQ(-1, got.result);
+  EXPECT_EQ(-1, got.out_pid);
+  EXPECT_EQ("aaaaaaa", read_file(kForkFile));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s) << "five seconds apart it would be a minute";
+}
+
+TEST_F(ProcWorld, TheSeventhFailureEndsTheDaemonAlsoWhenItsMarkerCannotBeWritten) {
+  make_dirs("/ovix/vsd/0/utils/wex");
+  make_dirs(kForkFile);
+  EXPECT_EQ(1, run_failing({"clone,fork,vfork:error=ENOMEM"}, [] {
+              wex_raise_exit_flag();
+              spawn(record_of("/bin/true").get());
+              return 0;
+            }));
+  EXPECT_NE(std::string::npos,
+            read_file(kRunningLog1).find(": Unable to restart the process, wex will be restart.\r\n"));
 }
 
 // ---- Low-memory killer ------------------------------------------------------------------------------------

@@ -106,13 +106,17 @@ TEST_F(Parked, AnEmptyRegistryArmsNothing) {
   EXPECT_EQ(0u, alarm(0));
 }
 
-TEST_F(Parked, AProgramThatRunsAgainByOtherMeansIsDroppedNotRestarted) {
-  const wex_pid* const rec = park_at(600);
+namespace {
+class ParkedTwin : public Parked, public ::testing::WithParamInterface<int32_t> {};
+}  // namespace
+
+TEST_P(ParkedTwin, ThatRunsAgainByOtherMeansIsDroppedNotRestarted) {
+  const wex_pid* const rec = park_at(600, "/bin/sleep 1000", GetParam());
   const int32_t old_pid = rec->pid;
   const std::string file = db_file(old_pid, rec->process);
   wex_pid* const other = wex_new_record();
   other->pid = static_cast<int32_t>(getpid());
-  other->action = RESPAWN;
+  other->action = GetParam();
   snprintf(other->process, sizeof other->process, "/bin/sleep 1000");
   {
     chain_lock hold(wex_chains);
@@ -126,6 +130,8 @@ TEST_F(Parked, AProgramThatRunsAgainByOtherMeansIsDroppedNotRestarted) {
   EXPECT_FALSE(exists(file));
   EXPECT_TRUE(g_syslog.empty());
 }
+
+INSTANTIATE_TEST_SUITE_P(Actions, ParkedTwin, ::testing::Values(RESPAWN, SHELL_RESTART, 7));
 
 TEST_F(Parked, ARunningCopyInAnotherDomainDropsNothing) {
   const wex_pid* const rec = park_at(600);

@@ -1,0 +1,77 @@
+// wex_core_third_part: third-part programs that ended before they were found.
+//
+// After a restart such a program is looked for by its command line, for 5.5 s at the most. When nobody is
+// found the record keeps the pid of a dead process, and the exit of the child that was started would be that
+// of an unknown process: the program would stay down for ever. So the child is remembered until the reaper
+// has its status, and its end counts as one more exit of the record.
+//
+// The table is guarded by the spawn guard: a child is remembered before it can be reaped.
+#define WEX_MODULE "wex_core"
+#include "wex_core_third_part.h"
+
+#include "wex_core.h"
+#include "wex_limits.h"
+#include "wex_signals.h"
+
+namespace {
+
+struct start {
+  uint32_t number;  // 0: unused
+  pid_t child;
+  uint32_t status;
+  bool ended;
+};
+
+// A ring: the oldest gives way when so many children live on without having been found.
+start g_starts[kStartsKept];
+uint32_t g_last_number = 0;
+
+// Takes one that was started no later than `last`.
+bool take_ended(uint32_t last, missed_exit* missed) {
+  const spawn_guard guard;
+  for (start& one : g_starts) {
+    if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
+      *missed = {one.number, one.status};
+      one = {};
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+uint32_t wex_remember_start(pid_t child, uint32_t status) {
+  if (++g_last_number == 0) {
+    ++g_last_number;
+  }
+  const bool ended = child < 1;
+  g_starts[g_last_number % kStartsKept] = {g_last_number, child, status, ended};
+  if (ended) {
+    wex_wake_reaper();
+  }
+  return g_last_number;
+}
+
+void wex_note_child_end(pid_t child, int status) {
+  for (start& one : g_starts) {
+    if (one.number != 0 && !one.ended && one.child == child) {
+      one.status = static_cast<uint32_t>(status);
+      one.ended = true;
+    }
+  }
+}
+
+void wex_handle_missed_exits() {
+  uint32_t last;
+  {
+    const spawn_guard guard;
+    last = g_last_number;
+  }
+  // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the
+  // alarm thread here.
+  missed_exit missed;
+  while (take_ended(last, &missed)) {
+    wex_handle_missed_exit(missed.start, missed.status);
+  }
+}

@@ -1,0 +1,24 @@
+// wex_core_third_part: children that were started for third-part programs and whose program was not found.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+// A start whose program was not found and whose child has ended.
+struct missed_exit {
+  uint32_t start;   // the record's `missed_start`
+  uint32_t status;  // kernel wait status
+};
+
+// Remembers that `child` was started and no process of its program was found. Without a child (below 1: none
+// could be forked) the start counts as ended at once, with `status`. The number of the start, never 0. Caller
+// holds the spawn guard since before the fork.
+uint32_t wex_remember_start(pid_t child, uint32_t status);
+
+// The reaper's: `child` has ended with this wait status. Caller holds the spawn guard.
+void wex_note_child_end(pid_t child, int status);
+
+// Hands what has ended to the exit handler. May start programs and search for them: alarm thread only, with
+// nothing held.
+void wex_handle_missed_exits();
