@@ -25,6 +25,8 @@ inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches 
 inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
 inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
 inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this is said in the running log
+inline constexpr int kLongDelayNotes = 16;          // of so many programs at a time,
+inline constexpr int32_t kLongDelayToldSec = 60;    // and of each once in this time
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;

@@ -14,7 +14,6 @@
 #include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
-#include "wex_log.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
 #include "wex_sys_alive.h"
@@ -86,9 +85,10 @@ int register_process(const wex_reg_info& body, const restart_kind& kind, const c
   if (rec == nullptr) {
     return -1;
   }
+  char process[WEX_PROCESS_SIZE];  // the record belongs to the chain once it is inserted
+  wex_copy_text(process, sizeof process, rec->process);
   if (insert_process(rec) && body.restart_delay > kLongDelaySec) {
-    // Every restart of every program waits behind this one.
-    wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", body.pid, body.restart_delay);
+    wex_note_long_delay(process, body.pid, body.restart_delay);
   }
   return 0;
 }
