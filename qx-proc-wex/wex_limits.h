@@ -17,6 +17,8 @@
 inline constexpr int kOpenFileLimit = 2304;  // soft limit of the daemon: every client and room to spare
 inline constexpr int kMaxClients = 2048;     // connected clients; one more ends the daemon
 inline constexpr int kListenBacklog = 2048;
+inline constexpr int kAcceptedAtOnce = 64;   // connections accepted in one cycle of the control server
+inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the next begins with the others
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
 // Restart throttle and self-check.
