@@ -81,6 +81,8 @@ inline constexpr int kLockTries = 5;  // the lock file may be replaced between o
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
+inline constexpr int kCommandTries = 5;  // looks at the command line of a registration, while something is short
+inline constexpr int kCommandRetryMs = 10;
 
 // Client transport.
 inline constexpr int kConnectTries = 6;  // one second apart
