@@ -19,6 +19,7 @@ class text_reader {
   int byte() noexcept {
     if (next_ == end_) {
       const int32_t got = safe_read(fd_, chunk_, sizeof(chunk_));
+      failed_ = got < 0;
       next_ = 0;
       end_ = got > 0 ? static_cast<size_t>(got) : 0;
       if (end_ == 0) {
@@ -47,6 +48,9 @@ class text_reader {
     return length > 0;
   }
 
+  // Whether the end was a failed read, and errno tells why.
+  bool failed() const noexcept { return failed_; }
+
   // Bytes handed out so far: where the next one stands, when the descriptor was at its start.
   off_t taken() const noexcept { return taken_; }
 
@@ -55,5 +59,6 @@ class text_reader {
   size_t next_ = 0;
   size_t end_ = 0;
   off_t taken_ = 0;
+  bool failed_ = false;
   char chunk_[1024];
 };

@@ -85,6 +85,12 @@ bool wex_drop_taken_down(int32_t pid);
 void wex_sweep_lost_exits();
 void wex_request_sweep();
 
+// Notes that the program of `process` wants long restart delays; never waits. Control server only.
+void wex_note_long_delay(const char* process, int32_t pid, int32_t delay);
+
+// Writes what was noted to the running log, a program once a minute at most. Delay thread only.
+void wex_tell_long_delays();
+
 // What the daemon holds in a directory that everybody may write to.
 enum wex_place { WEX_PLACE_DIRECTORY, WEX_PLACE_LOCK, WEX_PLACE_SOCKET };
 

@@ -261,12 +261,17 @@ void enlarge_buffer(int fd) {
   }
 }
 
-bool bind_to_events(int fd) {
+bool bind_to_port(int fd, uint32_t port) {
   sockaddr_nl address = {};
   address.nl_family = AF_NETLINK;
-  address.nl_pid = static_cast<uint32_t>(getpid());
+  address.nl_pid = port;
   address.nl_groups = kProcessGroup;
   return bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Any user may take the port of a process that is yet to come; then the kernel chooses one (port 0).
+bool bind_to_events(int fd) {
+  return bind_to_port(fd, static_cast<uint32_t>(getpid())) || (errno == EADDRINUSE && bind_to_port(fd, 0));
 }
 
 bool subscribe(int fd) {

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "ras_os.h"
 #include "unique_fd.h"
@@ -29,7 +30,6 @@
 namespace {
 
 constexpr char kThread[] = "wex_process_domain";
-constexpr int kMaxWatched = kMaxClients + 2;  // the listener and the wake-up descriptor come on top
 
 // Why the thread ends: the "res" of its last line, and the errno that goes with it.
 enum {
@@ -60,9 +60,8 @@ struct server {
   }
 };
 
-// Static, for 2048 slots and as many events are too much for a thread's stack on the device.
-int32_t client_table[kMaxClients];
-epoll_event events[kMaxWatched];
+int32_t client_table[kMaxClients];  // static, for 2048 slots are too much for a thread's stack on the device
+epoll_event events[kServedAtOnce];
 
 // ---- Messages ---------------------------------------------------------------------------------------------
 
@@ -165,7 +164,10 @@ bool drop_client(server& self, int sd) {
     wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd:%d lost!\n", kThread, sd);
     return self.fail(kClientLost, 0);
   }
-  close(sd);
+  // By hand, for a program that is just being started has a copy until it executes: the close alone would
+  // leave the connection in the interest set, under a number that is somebody else's by then.
+  epoll_ctl(self.epoll.get(), EPOLL_CTL_DEL, sd, nullptr);
+  wex_close_control_socket(sd);
   *slot = -1;
   return true;
 }
@@ -198,38 +200,6 @@ unique_fd accept_client(int listener) {
   return sd;
 }
 
-// An accept that fails, and one client too many, end the daemon: whoever starts it again gets a clean table.
-bool admit_client(server& self) {
-  unique_fd sd = accept_client(self.listener.get());
-  if (!sd.valid()) {
-    const int cause = errno;
-    wex_dbg(WEX_DBG_PUB, "%s: accept fail: %s\n", kThread, strerror(cause));
-    return cause == EINTR || self.fail(kAcceptFailed, cause);
-  }
-  int32_t* const slot = find_slot(-1);
-  if (slot == nullptr) {
-    const int number = sd.get();
-    sd.reset();
-    wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
-    return self.fail(kTableFull, 0);
-  }
-  *slot = sd.release();
-  return true;
-}
-
-// ---- One cycle --------------------------------------------------------------------------------------------
-
-unique_fd create_epoll() {
-  unique_fd ep(epoll_create1(EPOLL_CLOEXEC));
-  if (!ep.valid() && (errno == ENOSYS || errno == EINVAL)) {  // kernels before 2.6.27
-    ep.reset(epoll_create(kMaxClients + 1));
-    if (ep.valid()) {
-      ras_os_set_fd_close_on_exec(ep.get());
-    }
-  }
-  return ep;
-}
-
 int watch(int ep, int fd) {
   epoll_event event = {};
   event.events = EPOLLIN;
@@ -248,8 +218,54 @@ bool watch_or_fail(server& self, int fd, int why) {
   return self.fail(why, cause);
 }
 
-// Builds the interest set anew from the table; `count` tells how many descriptors are in it.
-bool build_interest(server& self, int* count) {
+// Whoever is one client too many ends the daemon: whoever starts it again gets a clean table.
+bool keep_client(server& self, unique_fd sd) {
+  int32_t* const slot = find_slot(-1);
+  if (slot == nullptr) {
+    const int number = sd.get();
+    sd.reset();
+    wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
+    return self.fail(kTableFull, 0);
+  }
+  *slot = sd.release();
+  return watch_or_fail(self, *slot, kWatchClientFailed);
+}
+
+// All that wait, up to a bound: a program that connects and leaves all the time must not make the others wait
+// for a cycle each. An accept that fails ends the daemon.
+bool admit_clients(server& self) {
+  for (int admitted = 0; admitted < kAcceptedAtOnce; ++admitted) {
+    unique_fd sd = accept_client(self.listener.get());
+    if (!sd.valid()) {
+      const int cause = errno;
+      if (cause == EAGAIN) {
+        return true;
+      }
+      wex_dbg(WEX_DBG_PUB, "%s: accept fail: %s\n", kThread, strerror(cause));
+      return cause == EINTR || self.fail(kAcceptFailed, cause);
+    }
+    if (!keep_client(self, std::move(sd))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// ---- One cycle --------------------------------------------------------------------------------------------
+
+unique_fd create_epoll() {
+  unique_fd ep(epoll_create1(EPOLL_CLOEXEC));
+  if (!ep.valid() && (errno == ENOSYS || errno == EINVAL)) {  // kernels before 2.6.27
+    ep.reset(epoll_create(kMaxClients + 1));
+    if (ep.valid()) {
+      ras_os_set_fd_close_on_exec(ep.get());
+    }
+  }
+  return ep;
+}
+
+// The interest set lasts as long as the thread; clients join it when they are accepted.
+bool open_interest(server& self) {
   self.epoll = create_epoll();
   if (!self.epoll.valid()) {
     const int cause = errno;
@@ -259,21 +275,14 @@ bool build_interest(server& self, int* count) {
   if (!watch_or_fail(self, self.listener.get(), kWatchListenerFailed)) {
     return false;
   }
-  *count = 1;
-  for (const int32_t sd : client_table) {
-    if (sd != -1) {
-      if (!watch_or_fail(self, sd, kWatchClientFailed)) {
-        return false;
-      }
-      ++*count;
-    }
-  }
-  if (wex_wakeup_fd() >= 0 && watch(self.epoll.get(), wex_wakeup_fd()) == 0) {
-    ++*count;
+  if (wex_wakeup_fd() >= 0) {
+    watch(self.epoll.get(), wex_wakeup_fd());
   }
   return true;
 }
 
+// A connection without input has broken: current kernels report the reset of a peer that left in bursts
+// without saying that its end can be read. Only the listener is worth the daemon.
 bool handle_event(server& self, const epoll_event& event) {
   const int fd = event.data.fd;
   if (fd == wex_wakeup_fd()) {
@@ -282,25 +291,22 @@ bool handle_event(server& self, const epoll_event& event) {
   if ((event.events & EPOLLIN) == 0) {
     const int cause = errno;
     wex_dbg(WEX_DBG_PUB, "%s: event err: %s\n", kThread, strerror(cause));
-    return self.fail(kEventFailed, cause);
+    return fd == self.listener.get() ? self.fail(kEventFailed, cause) : drop_client(self, fd);
   }
-  return fd == self.listener.get() ? admit_client(self) : serve_client(self, fd);
+  return fd == self.listener.get() ? admit_clients(self) : serve_client(self, fd);
 }
 
+// One message for each of the clients that have waited longest: the kernel puts whom it has told of at the
+// end of its list.
 bool run_cycle(server& self) {
-  int count = 0;
-  if (!build_interest(self, &count)) {
-    return false;
-  }
-  memset(events, 0, sizeof(epoll_event) * static_cast<size_t>(count));
-  const int ready = epoll_wait(self.epoll.get(), events, count, kServerWaitMs);
+  memset(events, 0, sizeof events);
+  const int ready = epoll_wait(self.epoll.get(), events, kServedAtOnce, kServerWaitMs);
   self.code = 0;
   for (int at = 0; at < ready; ++at) {
     if (!handle_event(self, events[at])) {
       return false;
     }
   }
-  self.epoll.reset();
   usleep(WEX_SERVER_PAUSE_US);
   return true;
 }
@@ -368,6 +374,8 @@ bool open_listener(server& self) {
     wex_dbg(WEX_DBG_PUB, "%s: listen sk_unix fail: %s\n", kThread, strerror(cause));
     return self.fail(kListenFailed, cause);
   }
+  const int flags = fcntl(self.listener.get(), F_GETFL);
+  fcntl(self.listener.get(), F_SETFL, flags | O_NONBLOCK);  // accepted until nobody waits any more
   return true;
 }
 
@@ -381,7 +389,7 @@ bool set_up(server& self) {
   }
   std::fill(std::begin(client_table), std::end(client_table), -1);
   self.table_ready = true;
-  return true;
+  return open_interest(self);
 }
 
 // A table that was never filled still holds zeros, and descriptor 0 goes with it: once, for the number may be
@@ -393,7 +401,7 @@ void close_clients(const server& self) {
   }
   for (const int32_t sd : client_table) {
     if (sd >= 0) {
-      close(sd);
+      wex_close_control_socket(sd);
     }
   }
 }

@@ -17,6 +17,8 @@
 inline constexpr int kOpenFileLimit = 2304;  // soft limit of the daemon: every client and room to spare
 inline constexpr int kMaxClients = 2048;     // connected clients; one more ends the daemon
 inline constexpr int kListenBacklog = 2048;
+inline constexpr int kAcceptedAtOnce = 64;   // connections accepted in one cycle of the control server
+inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the next begins with the others
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
 // Restart throttle and self-check.
@@ -25,6 +27,8 @@ inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches 
 inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
 inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
 inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this is said in the running log
+inline constexpr int kLongDelayNotes = 16;          // of so many programs at a time,
+inline constexpr int32_t kLongDelayToldSec = 60;    // and of each once in this time
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
@@ -80,6 +84,8 @@ inline constexpr int kLockTries = 5;  // the lock file may be replaced between o
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
+inline constexpr int kCommandTries = 5;  // looks at the command line of a registration, while something is short
+inline constexpr int kCommandRetryMs = 10;
 
 // Client transport.
 inline constexpr int kConnectTries = 6;  // one second apart

@@ -14,7 +14,6 @@
 #include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
-#include "wex_log.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
 #include "wex_sys_alive.h"
@@ -36,12 +35,36 @@ struct restart_kind {
 constexpr restart_kind kRestart = {"wex_process_restart", "", RESPAWN};
 constexpr restart_kind kShellRestart = {"wex_process_shell_restart", "\n", SHELL_RESTART};
 
+bool short_for_a_moment(int cause) {
+  return cause == ENOMEM || cause == EMFILE || cause == ENFILE || cause == EIO;
+}
+
+// The command line of a registered process. Without its arguments the program would be restarted wrongly for
+// ever: where they cannot be read, those that the message tells are taken. False when there is none.
+bool read_registered(const wex_reg_info& body, char* command, size_t size) {
+  command_read result = wex_read_command(body.pid, command, size);
+  for (int tries = 1; result != command_read::whole && short_for_a_moment(errno) && tries < kCommandTries;
+       ++tries) {
+    wex_sleep_ms(kCommandRetryMs);
+    result = wex_read_command(body.pid, command, size);
+  }
+  if (result == command_read::program) {
+    char told[sizeof body.process + 1] = {};
+    memcpy(told, body.process, sizeof body.process);
+    const size_t length = strlen(command);
+    if (strncmp(told, command, length) == 0 && told[length] == ' ') {
+      wex_copy_text(command, size, told);
+    }
+  }
+  return result != command_read::nothing;
+}
+
 // A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
 // It is made of `memory`, which is taken over, or of new memory for null.
 wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script,
                        wex_pid* memory) {
   char command[kCommandSize];
-  if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
+  if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", kind.handler, body.pid, body.ppid,
             kind.line_end);
     wex_free_record(memory);
@@ -86,9 +109,10 @@ int register_process(const wex_reg_info& body, const restart_kind& kind, const c
   if (rec == nullptr) {
     return -1;
   }
+  char process[WEX_PROCESS_SIZE];  // the record belongs to the chain once it is inserted
+  wex_copy_text(process, sizeof process, rec->process);
   if (insert_process(rec) && body.restart_delay > kLongDelaySec) {
-    // Every restart of every program waits behind this one.
-    wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", body.pid, body.restart_delay);
+    wex_note_long_delay(process, body.pid, body.restart_delay);
   }
   return 0;
 }

@@ -17,6 +17,7 @@
 #include "cancel_held.h"
 #include "mutex_lock.h"
 #include "ras_os.h"
+#include "received_descriptors.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -81,16 +82,33 @@ int64_t size_bound(int sd, ssize_t peeked) {
   return queued;  // all records of the queue together, for kernels that hide a record's own size
 }
 
+struct taken_record {
+  ssize_t size;    // as recvmsg has it
+  bool whole;      // it fitted
+  bool ancillary;  // it came with ancillary data
+};
+
+// One receive of a record, without the descriptors that it may carry.
+taken_record receive_record(int sd, void* buffer, size_t size, int flags) {
+  iovec part = {buffer, size};
+  msghdr how = {};
+  how.msg_iov = &part;
+  how.msg_iovlen = 1;
+  received_descriptors unwanted(how);
+  const ssize_t got = recvmsg(sd, &how, flags | MSG_CMSG_CLOEXEC);
+  if (got == -1) {
+    unwanted.none();
+  }
+  return {got, (how.msg_flags & MSG_TRUNC) == 0, unwanted.any()};
+}
+
 // Takes the next record off the queue. `whole` is false when it did not fit.
 ssize_t take_record(int sd, void* buffer, size_t size, bool* whole) {
-  iovec part = {buffer, size};
   for (;;) {
-    msghdr how = {};
-    how.msg_iov = &part;
-    how.msg_iovlen = 1;
-    const ssize_t got = recvmsg(sd, &how, 0);
+    const taken_record taken = receive_record(sd, buffer, size, 0);
+    const ssize_t got = taken.size;
     if (got != -1 || errno != EINTR) {
-      *whole = (how.msg_flags & MSG_TRUNC) == 0;
+      *whole = taken.whole;
       return got;
     }
     wex_dbg(WEX_DBG_PUB, "%s: recv broken(ret:%d, err:%d,%s)!", "wex_inner_recv_msg", static_cast<int>(got),
@@ -146,10 +164,8 @@ void own_connection() {
 }
 
 void disconnect() {
-  const int cause = errno;
-  close(session.sd);
+  wex_close_control_socket(session.sd);
   session.sd = -1;
-  errno = cause;
 }
 
 // Polls one descriptor; a signal of the client's own program does not cut the wait short.
@@ -208,7 +224,19 @@ bool reach_daemon(int sd, const char* step) {
   return false;
 }
 
-// The connected descriptor, or -1.
+// Gives the socket its address. Everybody may write to the directory: a stranger's file goes by unlink, a
+// directory by rmdir.
+bool bind_own_path(int sd, const char* path) {
+  sockaddr_un own;
+  const socklen_t length = wex_control_address(path, &own);
+  if (unlink(path) == -1 && errno != ENOENT) {
+    rmdir(path);
+  }
+  return bind(sd, reinterpret_cast<const sockaddr*>(&own), length) == 0;
+}
+
+// The connected descriptor, or -1. Nobody asks for the address of a client: one that cannot have any connects
+// without it, for its registration matters more.
 int wex_connect() {
   char path[32];
   wex_format(path, sizeof path, kClientSocketFmt, static_cast<int>(getpid()));
@@ -217,16 +245,15 @@ int wex_connect() {
     wex_dbg(WEX_DBG_PUB, "%s: socket fail: %s\n", __func__, strerror(errno));
     return -1;
   }
-  sockaddr_un own;
-  const socklen_t length = wex_control_address(path, &own);
-  unlink(path);
-  if (bind(sd.get(), reinterpret_cast<const sockaddr*>(&own), length) == -1) {
+  const bool bound = bind_own_path(sd.get(), path);
+  if (!bound) {
     wex_dbg(WEX_DBG_PUB, "%s: bind fail: %s\n", __func__, strerror(errno));
-    return -1;
   }
   if (!reach_daemon(sd.get(), __func__)) {
     const int cause = errno;
-    unlink(path);
+    if (bound) {
+      unlink(path);
+    }
     errno = cause;
     return -1;
   }
@@ -423,7 +450,29 @@ unique_fd wex_open_control_socket() {
     sd.reset(socket(AF_UNIX, SOCK_SEQPACKET, 0));
     ras_os_set_fd_close_on_exec(sd.get());
   }
+  if (sd.valid()) {
+    const int none = 0;
+    setsockopt(sd.get(), SOL_SOCKET, SO_PASSRIGHTS, &none, sizeof none);  // unknown to older kernels
+  }
   return sd;
+}
+
+// Shut first, so that nothing is added while the queue is emptied. The sender's credentials, which the kernel
+// adds to every record from then on, tell an empty record from the end of the queue.
+void wex_close_control_socket(int sd) {
+  const int cause = errno;
+  const int on = 1;
+  char byte;
+  shutdown(sd, SHUT_RD);
+  setsockopt(sd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+  for (;;) {
+    const taken_record taken = receive_record(sd, &byte, sizeof byte, MSG_DONTWAIT);
+    if (taken.size == -1 ? errno != EINTR : !taken.ancillary) {
+      break;
+    }
+  }
+  close(sd);
+  errno = cause;
 }
 
 socklen_t wex_control_address(const char* path, sockaddr_un* address) {

@@ -77,8 +77,7 @@ size_t without_deleted_mark(char* path, size_t length) {
 }
 
 // Appends the arguments behind the first one at `length`, without a terminator. The new length.
-size_t append_arguments(int fd, char* buffer, size_t length, size_t size) {
-  text_reader arguments(fd);
+size_t append_arguments(text_reader& arguments, char* buffer, size_t length, size_t size) {
   int c;
   do {
     c = arguments.byte();
@@ -243,26 +242,7 @@ int32_t wex_read_to_buf(const char* path, char* buffer, size_t size) {
 }
 
 char* pid_to_cmdline(int32_t pid, char* buffer, size_t size) {
-  if (buffer == nullptr || size == 0) {
-    return nullptr;
-  }
-  char path[kProcPathSize];
-  wex_format(path, sizeof(path), kProcExeFmt, pid);
-  const ssize_t linked = readlink(path, buffer, size - 1);
-  if (linked < 0) {
-    buffer[0] = '\0';
-    return nullptr;
-  }
-  buffer[linked] = '\0';
-  size_t length = without_deleted_mark(buffer, static_cast<size_t>(linked));
-  wex_format(path, sizeof(path), kProcCmdlineFmt, pid);
-  const unique_fd file(size < length + 3 ? -1 : open(path, O_RDONLY | O_CLOEXEC));
-  if (file.valid()) {
-    ras_os_set_fd_close_on_exec(file.get());
-    length = append_arguments(file.get(), buffer, length, size);
-  }
-  buffer[length] = '\0';
-  return buffer;
+  return wex_read_command(pid, buffer, size) == command_read::nothing ? nullptr : buffer;
 }
 
 int32_t wex_get_ppid_form_pid(int32_t pid) {
@@ -297,6 +277,35 @@ int process_life(int32_t pid) {
     wex_sleep_ms(kLifeRetryMs);
   }
   return -1;
+}
+
+command_read wex_read_command(int32_t pid, char* buffer, size_t size) {
+  if (buffer == nullptr || size == 0) {
+    return command_read::nothing;
+  }
+  char path[kProcPathSize];
+  wex_format(path, sizeof(path), kProcExeFmt, pid);
+  const ssize_t linked = readlink(path, buffer, size - 1);
+  if (linked < 0) {
+    buffer[0] = '\0';
+    return command_read::nothing;
+  }
+  buffer[linked] = '\0';
+  size_t length = without_deleted_mark(buffer, static_cast<size_t>(linked));
+  buffer[length] = '\0';
+  if (size < length + 3) {
+    return command_read::whole;  // there is no room for an argument
+  }
+  wex_format(path, sizeof(path), kProcCmdlineFmt, pid);
+  const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    return command_read::program;
+  }
+  ras_os_set_fd_close_on_exec(file.get());
+  text_reader arguments(file.get());
+  length = append_arguments(arguments, buffer, length, size);
+  buffer[length] = '\0';
+  return arguments.failed() ? command_read::program : command_read::whole;
 }
 
 int64_t wex_clock_ms() {

@@ -56,6 +56,12 @@ int32_t wex_reset_lmk(int32_t pid);
 int wex_get_proc_status(void);
 }
 
+// What could be read of a command line: at least its first word, all of it, or, with errno, less.
+enum class command_read { nothing, program, whole };
+
+// As pid_to_cmdline, and tells how much it is.
+command_read wex_read_command(int32_t pid, char* buffer, size_t size);
+
 // Milliseconds of the monotonic clock, for waits inside one process.
 int64_t wex_clock_ms();
 

@@ -491,6 +491,19 @@ void end_thread(const char* path) {
 void end(const char* code) {
   _exit(atoi(code));
 }
+// What is left of the process then is a thread that holds, and a first thread that is a zombie.
+void end_main_thread(const char*) {
+  pthread_t thread;
+  const auto hold_on = [](void*) -> void* {
+    hold(nullptr);
+    return nullptr;
+  };
+  if (pthread_create(&thread, nullptr, hold_on, nullptr) != 0) {
+    give_up("pthread_create");
+  }
+  pthread_exit(nullptr);
+}
+
 void nothing(const char*) {}
 
 // ---- The table --------------------------------------------------------------------------------------------
@@ -537,6 +550,7 @@ const struct option_row {
     {"--exec-in-thread", exec_in_thread, "  this program anew, executed by a thread that is not the first"},
     {"--end-thread", end_thread,
      "[=FILE]  a thread that ends; with FILE it registers itself as a program before, and tells its id"},
+    {"--end-main-thread", end_main_thread, "  another thread holds for ever"},
     {"--exit", end, "=CODE"},
     {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
 };

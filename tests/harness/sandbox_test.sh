@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # The sandbox seen from outside: what it keeps in, what it passes on, and that nothing of it stays.
+# usage: sandbox_test.sh ACTOR
 set -u
+actor=$1
 sandbox=$(cd "$(dirname "$0")/../.." && pwd)/tools/sandbox
 work=$(mktemp -d /tmp/sandbox-test.XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -15,7 +17,7 @@ check() {                                          # WHAT COMMAND...
 }
 status_is() { local want=$1; shift; "$@" > "$work/out" 2>&1 < /dev/null; local got=$?; [ "$got" = "$want" ] || { echo "status $got, want $want:"; cat "$work/out"; false; }; }
 eventually() { local n; for ((n = 0; n < 250; n++)); do "$@" && return; sleep 0.02; done; return 1; }
-running() { grep -qsz "^$1\$" /proc/[0-9]*/cmdline; }  # WORD on somebody's command line
+running() { grep -qsz "^$1\$" /proc/[0-9]*/task/*/cmdline; }  # WORD on somebody's command line
 alone() { ! running "$1"; }
 untouched() { [ ! -e "$1" ]; }
 nothing_mounted() { ! grep -q "$1" /proc/mounts; }
@@ -39,6 +41,9 @@ check "below --bind it stays" status_is 0 "$sandbox" --bind "$work" -- sh -c "ec
 check "the write stayed" test -e "$work/kept"
 check "a left process is a leak" status_is 124 "$sandbox" --leak-check -- sh -c 'setsid sleep 7001 & exit 0'
 check "and is ended" eventually alone 7001
+check "a left process without its first thread is a leak" status_is 124 "$sandbox" --leak-check -- sh -c '
+  setsid "$0" --tag=7004 --end-main-thread & until grep -q "^State:.Z" /proc/$!/status; do :; done' "$actor"
+check "and is ended, too" eventually alone --tag=7004
 check "kill(0) does not reach us" status_is 137 "$sandbox" -- bash -c 'kill -KILL 0'
 check "no signal is ignored inside" status_is 0 "$sandbox" -- sh -c 'grep -q "SigIgn:.0000000000000000" /proc/self/status'
 

@@ -11,8 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "lingering_socket.h"
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_limits.h"
@@ -54,6 +56,13 @@ class raw_client {
     memcpy(record.data(), &type, sizeof type);
     memcpy(record.data() + 4, &length, sizeof length);
     return send_bytes(record.data(), size, flags);
+  }
+  // A bare header with a descriptor, which is closed here. False with errno.
+  bool send_with_descriptor(uint32_t type, int32_t length, unique_fd descriptor) const {
+    wex_inner_msg record = {};
+    record.msg_type = type;
+    record.msg_len = length;
+    return send_descriptor(fd_.get(), &record, sizeof record, std::move(descriptor));
   }
   template <class Body>
   bool send_body(uint32_t type, const Body& body, const std::string& name = "") const {

@@ -1,8 +1,10 @@
 // Start-up: what is made, in which order, with which modes; who may start; which threads run; how it ends.
 #include <fcntl.h>
+#include <linux/netlink.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "unique_fd.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -498,6 +501,37 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
     }
     EXPECT_EQ(static_cast<size_t>(worker) + 1, calls) << "a later thread was tried";
   }
+}
+
+// Any user may bind a socket to the number that the daemon's process will have.
+TEST_F(StartUp, APortThatIsTakenDoesNotKeepTheMonitorFromListening) {
+  constexpr int kTaken = 600;
+  std::vector<unique_fd> thieves;
+  const int last = atoi(read_file("/proc/sys/kernel/ns_last_pid").c_str());
+  for (int pid = last + 1; pid <= last + kTaken; ++pid) {
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<uint32_t>(pid);
+    thieves.emplace_back(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
+    bind(thieves.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=bind"}));
+  EXPECT_TRUE(eventually(
+      [] {
+        const std::string calls = Daemon::trace();
+        const size_t refused = calls.find("EADDRINUSE");
+        return refused != std::string::npos && calls.find("nl_pid=0, ", refused) != std::string::npos;
+      },
+      30s))
+      << Daemon::trace();
+  const std::vector<std::string> options = {"--register=RESTART", "--ready=/tmp/ready", "--hold"};
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/ready"); }, 20s));
+  const pid_t first = service.pid();
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(options, first, 30s), 0) << "nobody heard of its end\n" << read_console();
 }
 
 TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {

@@ -5,6 +5,7 @@
 
 #include "chain_lock.h"
 #include "control_peer.h"
+#include "injection.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core.h"
@@ -13,6 +14,33 @@
 #include "wex_utils.h"
 
 using namespace control;
+
+namespace {
+
+// Of the looks at a process.
+injection g_open;
+injection g_readlink;
+
+bool is_in_proc(const char* path) {
+  return strncmp(path, "/proc/", 6) == 0;
+}
+
+}  // namespace
+
+extern "C" {
+int __real_open64(const char* path, int flags, mode_t mode);
+int __wrap_open64(const char* path, int flags, mode_t mode);
+int __wrap_open64(const char* path, int flags, mode_t mode) {
+  return is_in_proc(path) && strstr(path, "cmdline") != nullptr && g_open.now()
+             ? -1
+             : __real_open64(path, flags, mode);
+}
+ssize_t __real_readlink(const char* path, char* buffer, size_t size);
+ssize_t __wrap_readlink(const char* path, char* buffer, size_t size);
+ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
+  return is_in_proc(path) && g_readlink.now() ? -1 : __real_readlink(path, buffer, size);
+}
+}
 
 namespace {
 
@@ -201,6 +229,41 @@ TEST_F(Registry, OddDomainsAreKeptAsNumbersAndReachNoIndex) {
   }
 }
 
+// A service restarted without its arguments would be another service.
+TEST_F(Registry, KeepsTheArgumentsOfAProcessThatCannotBeReadForAMoment) {
+  for (const int cause : {ENOMEM, EMFILE, ENFILE, EIO}) {
+    const sleeper process;
+    const wex_reg_info body = body_of(process.pid());
+    g_open.fail(2, cause);
+    g_readlink.fail(2, cause);
+    EXPECT_EQ(0, wex_process_restart(&body)) << strerror(cause);
+    ASSERT_NE(nullptr, find(wex_chains, process.pid())) << strerror(cause);
+    EXPECT_EQ(process.command(), find(wex_chains, process.pid())->process);
+    EXPECT_EQ(0, g_open.calls) << "nothing failed";
+    EXPECT_EQ(0, g_readlink.calls) << "nothing failed";
+  }
+}
+
+TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead) {
+  const sleeper told;
+  const sleeper silent;
+  const sleeper lying;
+  wex_reg_info body = body_of(told.pid());
+  strcpy(body.process, told.command().c_str());
+  wex_reg_info nothing = body_of(silent.pid());
+  wex_reg_info other = body_of(lying.pid());
+  strcpy(other.process, "/bin/other with arguments");
+  const std::string program = told.command().substr(0, told.command().find(' '));
+  g_open.fail(1000, EMFILE);
+  EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_EQ(0, wex_process_restart(&nothing));
+  EXPECT_EQ(0, wex_process_restart(&other));
+  g_open.fail(0, 0);
+  EXPECT_EQ(told.command(), find(wex_chains, told.pid())->process);
+  EXPECT_EQ(program, find(wex_chains, silent.pid())->process);
+  EXPECT_EQ(program, find(wex_chains, lying.pid())->process);
+}
+
 TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
   const sleeper patient;
   const sleeper quick;
@@ -209,6 +272,8 @@ TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
   EXPECT_EQ(0, wex_process_restart(&short_delay));
   EXPECT_EQ(0, wex_process_restart(&long_delay));
   EXPECT_EQ(0, wex_process_restart(&long_delay));
+  EXPECT_FALSE(exists("/ovix/vsd/0/utils/wex/running_log1")) << "the server's thread must not write it";
+  wex_tell_long_delays();
   const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
   EXPECT_EQ(1U,
             occurrences(log, text_of("Process %d wants its restarts delayed by 3601 s.\r\n", patient.pid())));

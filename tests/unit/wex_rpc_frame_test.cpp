@@ -10,6 +10,7 @@
 
 #include "control_peer.h"
 #include "injection.h"
+#include "lingering_socket.h"
 #include "wex_rpc.h"
 
 using namespace control;
@@ -385,4 +386,74 @@ TEST(InnerRecv, TakesExactlyTheHonestRecordsOutOfARandomStream) {
     const int expected = size >= kHeader && bytes.header.msg_len == honest ? 0 : -1;
     EXPECT_EQ(expected, receive(pair.here.get())) << size << " " << bytes.header.msg_len;
   }
+}
+
+// ---- Descriptors that nobody asked for
+// ----------------------------------------------------------------------
+
+namespace {
+
+constexpr int kLingerSec = 60;
+constexpr double kAtOnce = 20;  // seconds; far below the lingering, far above what a busy machine needs
+
+size_t open_descriptors() {
+  size_t count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    count += fcntl(fd, F_GETFD) == -1 ? 0U : 1U;
+  }
+  return count;
+}
+
+}  // namespace
+
+TEST(InnerRecv, TakesARecordWithALingeringSocketAtOnceAndKeepsNoDescriptor) {
+  for (const int32_t length : {0, 40}) {  // a good record, and one that lies about its length
+    const socket_pair pair;
+    const lingering_socket lingering(kLingerSec);
+    wex_inner_msg record = {};
+    record.msg_len = length;
+    ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, lingering.take()));
+    const size_t before = open_descriptors();
+    const auto start = clock::now();
+    EXPECT_EQ(length == 0 ? 0 : -1, receive(pair.here.get()));
+    EXPECT_LT(seconds_since(start), kAtOnce);
+    EXPECT_EQ(before, open_descriptors());
+  }
+}
+
+TEST(InnerRecv, TakesAllDescriptorsThatARecordCanCarry) {
+  const socket_pair pair;
+  int fds[253];
+  std::fill(std::begin(fds), std::end(fds), 0);
+  alignas(cmsghdr) char room[CMSG_SPACE(sizeof fds)] = {};
+  wex_inner_msg record = {};
+  iovec part = {&record, sizeof record};
+  msghdr how = {};
+  how.msg_iov = &part;
+  how.msg_iovlen = 1;
+  how.msg_control = room;
+  how.msg_controllen = sizeof room;
+  cmsghdr* const rights = CMSG_FIRSTHDR(&how);
+  rights->cmsg_level = SOL_SOCKET;
+  rights->cmsg_type = SCM_RIGHTS;
+  rights->cmsg_len = CMSG_LEN(sizeof fds);
+  memcpy(CMSG_DATA(rights), fds, sizeof fds);
+  ASSERT_EQ(268, sendmsg(pair.there.get(), &how, MSG_NOSIGNAL));
+  const size_t before = open_descriptors();
+  EXPECT_EQ(0, receive(pair.here.get()));
+  EXPECT_EQ(before, open_descriptors());
+}
+
+// The record behind an empty one is discarded as well: the kernel would do it at the close, and wait.
+TEST(ControlSocket, IsEmptiedBeforeItIsClosed) {
+  socket_pair pair;
+  const lingering_socket lingering(kLingerSec);
+  const wex_inner_msg record = {};
+  ASSERT_EQ(268, send(pair.there.get(), &record, sizeof record, MSG_NOSIGNAL));
+  ASSERT_EQ(0, send(pair.there.get(), &record, 0, MSG_NOSIGNAL));
+  ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, lingering.take()));
+  const auto start = clock::now();
+  wex_close_control_socket(pair.here.release());
+  EXPECT_LT(seconds_since(start), kAtOnce);
+  EXPECT_EQ(-1, send(pair.there.get(), &record, sizeof record, MSG_NOSIGNAL));
 }
