@@ -102,6 +102,7 @@ typedef struct wex_pid {
   int32_t restart_failed; /* the last restart left no process: the pid is a dead one */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
   uint64_t start_time;    /* field 22 of /proc/PID/stat, tells a reused pid; 0 = unknown */
+  uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");

@@ -254,6 +254,7 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->exit_seen = 0;
   rec->restart_failed = 0;
   rec->gone_since = 0;
+  rec->exit_tick = 0;
   wex_note_identity(rec);
   wex_reset_lmk(new_pid);
 }

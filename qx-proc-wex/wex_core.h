@@ -63,8 +63,8 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
-// Whether a domain is being taken down: nothing is restarted anywhere then. The running log tells of its
-// begin and end. Any thread.
+// Whether a domain is being taken down: no exit is followed by a restart then, wherever. The running log
+// tells of its begin and end. Any thread.
 bool wex_take_down_under_way();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of

@@ -15,6 +15,7 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -94,9 +95,10 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
   if (!expects_exit(rec)) {
     return verdict::present;
   }
-  if (wex_proc_present(rec->pid, rec->start_time)) {
+  const presence seen = wex_judge_presence(wex_look_at(rec->pid), rec->start_time);
+  if (seen != presence::absent) {
     rec->gone_since = 0;
-    return verdict::present;
+    return seen == presence::present ? verdict::present : verdict::suspected;
   }
   if (rec->gone_since == 0) {
     rec->gone_since = now != 0 ? now : 1;
