@@ -67,6 +67,12 @@ bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 // tells of its begin and end. Any thread.
 bool wex_take_down_under_way();
 
+// Programs of a domain that is being taken down which wait for a restart are forgotten, with their files. The
+// first for one record that is about to be restarted: true when it has gone. The second for all of them, once
+// a pass of the delay thread.
+bool __wex_dropped_with_domain(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+void wex_drop_domains_taken_down();
+
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
 // `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.
 bool wex_drop_taken_down(int32_t pid);

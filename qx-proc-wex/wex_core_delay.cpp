@@ -68,7 +68,7 @@ bool take_ready(ready_restart* ready) {
   chain_lock hold(wex_chains_delay);
   record_walk walk(wex_chains_delay);
   while (wex_pid* const copy = walk.next()) {
-    if (is_ready(copy) && !wex_take_down_under_way()) {
+    if (is_ready(copy)) {
       *ready = {copy->pid, copy->exit_signal, copy->force_restart};
       __wex_drop_record(&wex_chains_delay, copy);
       return true;
@@ -178,6 +178,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_drop_domains_taken_down();
     ready_restart ready = {};
     if (take_ready(&ready)) {
       wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,

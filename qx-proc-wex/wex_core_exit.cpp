@@ -340,6 +340,9 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
     if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
       return;  // the next daemon restarts every program that has a database file and no process
     }
+    if (__wex_dropped_with_domain(rec)) {
+      return;  // its domain went while it waited
+    }
   }
   if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
     rec->restart_failed = 1;
@@ -366,7 +369,7 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
   if (rec == nullptr) {
     return;
   }
-  if (still_runs(rec) || dropped_as_duplicate(rec)) {
+  if (still_runs(rec) || __wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
   if (rec->alarm_wait_flag == 1) {

@@ -139,3 +139,28 @@ TEST_F(Exit, OfAProcessEndsItsThreadRegistrationsAlsoThoseWithoutAByteInTheTable
   }
   wex_destroy_chains(&wex_alive_chains);
 }
+
+TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && rm -f /tmp/vsd/5/delete_vsd"));
+  wex_pid* const rec = died(park_at(900));
+  rec->vsd = 5;
+  rec->restart_delay = 2;
+  std::atomic<bool> ended{false};
+  std::thread exit([&] {
+    wex_handle_netlink_exit(rec->pid, 9, 0);
+    ended = true;
+  });
+  ASSERT_TRUE(soon([] {  // it has the registry: it is waiting out the delay
+    const bool free = pthread_mutex_trylock(&wex_chains.mutex) == 0;
+    if (free) {
+      pthread_mutex_unlock(&wex_chains.mutex);
+    }
+    return !free;
+  }));
+  EXPECT_EQ(0, system("touch /tmp/vsd/5/delete_vsd"));
+  EXPECT_TRUE(soon([&] { return ended.load(); }, 20s));
+  exit.join();
+  EXPECT_EQ(0, wex_chains.count);
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a second instance, outside of the domain";
+  EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
+}
