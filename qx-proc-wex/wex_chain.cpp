@@ -265,6 +265,7 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
     rec->missed_child = 0;
     rec->missed_start = 0;
   }
+  rec->exit_tick = 0;
   wex_note_identity(rec);
   wex_reset_lmk(new_pid);
 }

@@ -68,13 +68,18 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
-// Whether a domain is being taken down: nothing is restarted anywhere then. The running log tells of its
-// begin and end. Any thread.
+// Whether a domain is being taken down: no exit is followed by a restart then, wherever. The running log
+// tells of its begin and end. Any thread.
 bool wex_take_down_under_way();
 
 // The program registered as `pid` has dumped core: restarts the device when too many have within the window.
 // Called with no chain held.
 void wex_count_crash(int32_t pid);
+// Programs of a domain that is being taken down which wait for a restart are forgotten, with their files. The
+// first for one record that is about to be restarted: true when it has gone. The second for all of them, once
+// a pass of the delay thread.
+bool __wex_dropped_with_domain(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+void wex_drop_domains_taken_down();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
 // `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.

@@ -15,6 +15,7 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -67,7 +68,7 @@ bool take_ready(ready_restart* ready) {
   chain_lock hold(wex_chains_delay);
   record_walk walk(wex_chains_delay);
   while (wex_pid* const copy = walk.next()) {
-    if (is_ready(copy) && !wex_take_down_under_way()) {
+    if (is_ready(copy)) {
       *ready = {copy->pid, copy->exit_signal, copy->force_restart};
       __wex_drop_record(&wex_chains_delay, copy);
       return true;
@@ -94,9 +95,10 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
   if (!expects_exit(rec)) {
     return verdict::present;
   }
-  if (wex_proc_present(rec->pid, rec->start_time)) {
+  const presence seen = wex_judge_presence(wex_look_at(rec->pid), rec->start_time);
+  if (seen != presence::absent) {
     rec->gone_since = 0;
-    return verdict::present;
+    return seen == presence::present ? verdict::present : verdict::suspected;
   }
   if (rec->gone_since == 0) {
     rec->gone_since = now != 0 ? now : 1;
@@ -176,6 +178,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_drop_domains_taken_down();
     ready_restart ready = {};
     if (take_ready(&ready)) {
       wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,

@@ -18,6 +18,7 @@
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -84,26 +85,18 @@ constexpr restart_kind kScript = {"SHELL_RESTART",
 
 // ---- before the decision ----------------------------------------------------------------------------------
 
-// True when the leader of the record's process, dead or dying, still has threads beside it.
-bool has_threads_left(const wex_pid* rec) {
-  uint64_t start_time = 0;
-  return wex_proc_stat(rec->pid, nullptr, &start_time) && start_time == rec->start_time &&
-         wex_proc_threads(rec->pid) >= 2;
-}
-
-// True when the record's process has not exited although the kernel reported its leader. A thread that
-// executes a program takes the leader's place a moment after the leader's exit was reported (on older kernels
-// with another start time), so while the process still has threads it is worth a second look.
+// True when the record's process has not exited: a thread of it executed a program, or the pid was registered
+// again by a later process. Later exits of it must count, and be looked for when they get lost.
 bool still_runs(wex_pid* rec) {
-  for (int look = 0; !wex_record_lives(rec); ++look) {
-    if (look == kLeaderLooks || !has_threads_left(rec)) {
-      return false;
-    }
-    wex_sleep_ms(kLeaderLookMs);
-    if (!has_threads_left(rec) && wex_proc_lives(rec->pid, 0)) {
-      wex_note_identity(rec);
-    }
+  const process_look now = wex_look_at(rec->pid);
+  if (wex_judge_exit(now, rec->start_time, rec->exit_tick) != exit_verdict::runs) {
+    return false;
   }
+  rec->start_time = now.start_time;
+  rec->exit_seen = 0;
+  rec->exit_tick = 0;
+  rec->gone_since = 0;
+  wex_request_sweep();
   return true;
 }
 
@@ -112,9 +105,13 @@ void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   __wex_del_pid(&wex_chains, rec->pid);
 }
 
+// A stranger that has got the pid is alive, but not the record's process.
 bool is_dead(const wex_pid* rec) {
-  return process_life(rec->pid) < 0 ||
-         !wex_record_lives(rec);  // alive, but a stranger with a reused pid, is dead too
+  if (process_life(rec->pid) < 0) {
+    return true;
+  }
+  const process_look now = wex_look_at(rec->pid);
+  return rec->start_time != 0 && now.sight == process_look::seen && now.start_time != rec->start_time;
 }
 
 // True when the record was dropped because its program runs under another registration.
@@ -351,6 +348,9 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
   if (rec->restart_delay > 0) {
     // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
     wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
+    if (__wex_dropped_with_domain(rec)) {
+      return;  // its domain went while it waited
+    }
   }
   if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
     rec->restart_failed = 1;
@@ -374,7 +374,7 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 // The record's process has ended.
 void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
-  if (dropped_as_duplicate(rec)) {
+  if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
   if (rec->alarm_wait_flag == 1) {
@@ -399,15 +399,9 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr) {
-    return;
+  if (rec != nullptr && !still_runs(rec)) {
+    handle_ended(rec, exit_signal, force_restart);
   }
-  if (still_runs(rec)) {
-    // A thread of it executed a program, or the pid was reused and registered again: nobody has exited.
-    wex_request_sweep();
-    return;
-  }
-  handle_ended(rec, exit_signal, force_restart);
 }
 
 // The record whose start of this number is still without a process, or null.

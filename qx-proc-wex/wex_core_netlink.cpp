@@ -24,6 +24,7 @@
 #include "unique_fd.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_event.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -42,7 +43,6 @@ constexpr uint32_t kProcessGroup = 1;  // CN_IDX_PROC, also the multicast group
 constexpr uint32_t kProcessValue = 1;  // CN_VAL_PROC
 constexpr uint32_t kListen = 1;        // PROC_CN_MCAST_LISTEN
 constexpr size_t kDatagramMax = 1024;
-constexpr uint32_t kCoreDumped = 0x80;
 constexpr size_t kTypeSize = 1024;
 
 // Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
@@ -93,7 +93,8 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
     default:
       return false;
   }
-  event->time = static_cast<int32_t>(field<uint64_t>(message, kTimeAt) / 1000000000);
+  event->time_ns = field<uint64_t>(message, kTimeAt);
+  event->time = static_cast<int32_t>(event->time_ns / 1000000000);
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
   return true;
@@ -133,92 +134,6 @@ void register_executed(int32_t pid) {
           kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
   if (wex_register_third_part(pid, type, nullptr) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
-  }
-}
-
-// ---- exit -------------------------------------------------------------------------------------------------
-
-// The record an event belongs to. The thread that dumped core is often reported after its process, whose
-// record then already has the replacement's pid.
-wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
-  for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
-    wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
-    if (rec != nullptr) {
-      return rec;
-    }
-  }
-  return nullptr;
-}
-
-bool is_registered(int32_t pid, int32_t tgid) {
-  chain_lock hold(wex_chains);
-  return record_of_event(pid, tgid) != nullptr;
-}
-
-void note_crash(int32_t pid, int32_t tgid, int32_t now) {
-  chain_lock hold(wex_chains);
-  if (wex_pid* const rec = record_of_event(pid, tgid)) {
-    rec->crash_time = now != 0 ? now : 1;
-  }
-}
-
-void read_burst_rule(int32_t* window, int32_t* count) {
-  char text[257];
-  *window = kBurstWindowSec;
-  *count = kBurstCount;
-  if (wex_read_guarded(kBurstConfig, text, sizeof text) >= 1) {
-    wex_parse_burst(text, window, count);
-  }
-}
-
-// Programs that crashed within the window; their command lines, each with one blank, go to `list`.
-int32_t count_crashed(int32_t now, int32_t window, char* list, size_t size) {
-  int32_t crashed = 0;
-  size_t used = 0;
-  list[0] = '\0';
-  chain_lock hold(wex_chains);
-  record_walk walk(wex_chains);
-  while (const wex_pid* const rec = walk.next()) {
-    if (rec->crash_time == 0 || static_cast<int64_t>(now) - rec->crash_time > window) {
-      continue;
-    }
-    ++crashed;
-    wex_format(list + used, size - used, "%s ", rec->process);
-    used += strlen(list + used);
-  }
-  return crashed;
-}
-
-void apply_burst_rule(int32_t now, int32_t window, int32_t count) {
-  char list[1024];
-  if (count_crashed(now, window, list, sizeof list) < count) {
-    return;
-  }
-  char reason[128];
-  wex_format(reason, sizeof reason, "detect more than %d process exit in shorttime[%d]s\n", count, window);
-  wex_reboot(reason, list);
-}
-
-void handle_exit(const process_event& event) {
-  if (!is_registered(event.pid, event.tgid)) {
-    return;  // whatever the markers say, an unknown process is nobody's business
-  }
-  if (wex_drop_taken_down(event.pid)) {
-    return;
-  }
-  const int32_t now = wex_clock_now();
-  const bool dumped = (event.exit_code & kCoreDumped) != 0;
-  if (dumped) {
-    note_crash(event.pid, event.tgid, now);
-  }
-  int32_t window;
-  int32_t count;
-  read_burst_rule(&window, &count);
-  if (dumped) {
-    apply_burst_rule(now, window, count);
-  }
-  if (event.pid == event.tgid) {
-    wex_handle_netlink_exit(event.pid, event.exit_code, 0);
   }
 }
 
@@ -319,16 +234,8 @@ struct monitor {
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
 };
 
-// A thread that executes a program gives its process another start time on older kernels.
-void refresh_identity(int32_t pid) {
-  chain_lock hold(wex_chains);
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && rec->exit_seen == 0 && rec->alarm_wait_flag == 0 && rec->restart_failed == 0) {
-    wex_note_identity(rec);
-  }
-}
-
 void on_event(const process_event& event, void* context) {
+  wex_note_event_delay(event);
   if (event.kind != kEventAck) {
     wex_monitor_read_until.store(event.time, std::memory_order_release);
   }
@@ -337,11 +244,10 @@ void on_event(const process_event& event, void* context) {
       static_cast<monitor*>(context)->ack_wait_ms = -1;
       break;
     case kEventExec:
-      refresh_identity(event.pid);
       register_executed(event.pid);
       break;
     default:
-      handle_exit(event);
+      wex_take_exit_event(event);
       break;
   }
 }
@@ -368,15 +274,17 @@ void receive_one(monitor* eyes) {
   }
 }
 
-// Waits for the next datagram. More than 0 when there is one, 0 to look at the flag again, -1 with errno.
-int wait_for_event(monitor* eyes) {
+// Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
+// the flag again, -1 with errno.
+int wait_for_event(monitor* eyes, int limit_ms) {
   struct pollfd inputs[] = {{eyes->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
   int ready = poll(inputs, 2, 0);
   if (ready == 0) {
+    const bool for_the_answer = eyes->ack_wait_ms >= 0 && (limit_ms < 0 || eyes->ack_wait_ms <= limit_ms);
     wex_monitor_read_until.store(INT32_MAX, std::memory_order_release);
-    ready = poll(inputs, 2, eyes->ack_wait_ms);
+    ready = poll(inputs, 2, for_the_answer ? eyes->ack_wait_ms : limit_ms);
     wex_monitor_read_until.store(wex_clock_now(), std::memory_order_release);
-    if (ready == 0) {
+    if (ready == 0 && for_the_answer) {
       eyes->ack_wait_ms = -1;
       wex_running_log("The kernel does not answer for process events, exits may go unseen.\r\n");
     }
@@ -395,7 +303,7 @@ outcome watch(int fd) {
   monitor eyes = {fd};
   wex_request_sweep();  // what died between the rebuild and the subscription was reported to nobody
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
-    const int ready = wait_for_event(&eyes);
+    const int ready = wait_for_event(&eyes, wex_settle_exits());
     if (ready < 0) {
       const int error = errno;
       wex_dbg(WEX_DBG_PUB, "%s: select sk_nl fail: %s\n", kThreadName, strerror(error));
@@ -452,47 +360,6 @@ bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
   }
   *window = first;
   *count = second;
-  return true;
-}
-
-void wex_count_crash(int32_t pid) {
-  const int32_t now = wex_clock_now();
-  int32_t window;
-  int32_t count;
-  note_crash(pid, pid, now);
-  read_burst_rule(&window, &count);
-  apply_burst_rule(now, window, count);
-}
-
-// While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
-// stays and would switch supervision off in silence, hence the lines in the running log.
-bool wex_take_down_under_way() {
-  static std::atomic<bool> told{false};
-  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
-    char marker[kPathSize];
-    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
-    if (access(marker, F_OK) == 0) {
-      if (!told.exchange(true)) {
-        wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
-      }
-      return true;
-    }
-  }
-  if (told.exchange(false)) {
-    wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
-  }
-  return false;
-}
-
-bool wex_drop_taken_down(int32_t pid) {
-  if (!wex_take_down_under_way()) {
-    return false;
-  }
-  chain_lock hold(wex_chains);
-  if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
-  }
   return true;
 }
 

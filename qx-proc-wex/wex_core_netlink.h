@@ -13,6 +13,7 @@ struct process_event {
   int32_t tgid;
   uint32_t exit_code;  // exit events: kernel wait status
   int32_t time;        // monotonic seconds
+  uint64_t time_ns;    // the same in nanoseconds, as the kernel counts them; 0 = not stamped
 };
 
 enum { kSubscriptionSize = 40 };

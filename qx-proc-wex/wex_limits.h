@@ -46,8 +46,12 @@ inline constexpr int kReplacedKept = 64;         // and how many of them
 // Registry.
 inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part list is read at every look-up
 
-inline constexpr int kLeaderLooks = 4;  // looks at a dead leader whose threads have not ended yet
-inline constexpr int kLeaderLookMs = 5;
+inline constexpr int kUnsettledExits = 64;  // exits that wait for a second look; more are handled at once
+inline constexpr int kExitLooks = 4;        // looks at an exit whose process still has threads
+inline constexpr int kExitLookMs = 5;
+inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc stays unreadable
+inline constexpr uint64_t kStartTickSlack =
+    2;  // ticks; the clocks are read one after the other, by hundredths
 
 inline constexpr int32_t kDelayPassMs = 1000;  // pause between two looks at the postponed restarts
 inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one sweep; the next takes the rest
@@ -84,7 +88,8 @@ inline constexpr int kLockTries = 5;  // the lock file may be replaced between o
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
-inline constexpr int kCommandTries = 5;  // looks at the command line of a registration, while something is short
+inline constexpr int kCommandTries =
+    5;  // looks at the command line of a registration, while something is short
 inline constexpr int kCommandRetryMs = 10;
 
 // Client transport.

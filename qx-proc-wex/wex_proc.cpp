@@ -32,6 +32,7 @@
 #include "wex_list.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_signals.h"
 #include "wex_utils.h"
@@ -54,6 +55,7 @@ struct launch {
   wex_pid* rec;
   int32_t old_pid;  // the process that is replaced; may be below 1
   int32_t domain;   // its domain: 1 to 15, or -1
+  bool third_part;
   child_words words;
   char script[4096];
 };
@@ -126,6 +128,8 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
   start->rec = rec;
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
+  char word[256];
+  start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = kind.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!kind.through_shell) {
@@ -235,6 +239,23 @@ void enter_place(const launch& start) {
   }
 }
 
+// Takes the replaced process's database file away in the very process that becomes the program: whenever the
+// daemon is killed, its next life finds either the file and no program, or the program and no file. The file
+// of a third-part program stays until its process has been found.
+void remove_old_file(const launch& start) {
+  char path[kPathSize];
+  if (start.third_part || wex_get_db_file_name(start.rec->vsd, start.rec->pid, start.rec->process, path,
+                                               sizeof path) >= static_cast<int>(sizeof path)) {
+    return;
+  }
+  char* const name = strrchr(path, '/');
+  *name = '\0';
+  const unique_fd dir = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  if (dir.valid()) {
+    unlinkat(dir.get(), name + 1, 0);
+  }
+}
+
 [[noreturn]] void run_child(const launch& start) {
   wex_reset_priority();  // first: opening the console may block, and at real-time priority nobody else would
                          // run
@@ -249,6 +270,7 @@ void enter_place(const launch& start) {
   }
   wex_reset_lmk(
       static_cast<int32_t>(getpid()));  // before the program can fork children that could never be chosen
+  remove_old_file(start);
   char* const* const argv = start.words.argv;
   if (argv[0] != nullptr) {
     execvp(argv[0], argv);
@@ -385,8 +407,7 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
   if (child > 0) {
     g_fork_failures = 0;
   }
-  char word[256];
-  if (wex_proc_in_wexdb2(kThirdPartList, start.rec->process, word, sizeof word) == 1) {
+  if (start.third_part) {
     return find_third_part(start, child, out_pid);
   }
   const char* const shown = start.kind->through_shell ? start.rec->process : first_word(start);

@@ -157,22 +157,18 @@ void restart_parked(wex_pid* rec, const self_check_kind& kind) WEX_TSA(requires_
 // those that fall before it are handled late.
 int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_chains)) {
   int64_t next = 0;
-  const bool held_back = wex_take_down_under_way();
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
     if ((rec->flags & WEX_FLAG_WAITING) == 0) {
       continue;
     }
-    int64_t deadline = deadline_of(rec, wait);
-    if (deadline < now && drop_if_running(rec)) {
+    const int64_t deadline = deadline_of(rec, wait);
+    if (deadline < now && (__wex_dropped_with_domain(rec) || drop_if_running(rec))) {
       continue;
     }
     const self_check_kind* const kind = kind_of(rec);
     if (kind == nullptr) {
       continue;
-    }
-    if (deadline < now && held_back) {
-      deadline = int64_t{now} + 1;
     }
     if (deadline < now) {
       end_wait(rec, now);

@@ -5,6 +5,7 @@
 #include "wex_utils.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -111,8 +112,8 @@ bool find_status_line(int32_t pid, const char* key, char* line, size_t size) {
   return false;
 }
 
-// Where the state letter stands in the stat text of a process, or null. The command name before it is
-// anything, parentheses included: only the last one ends it.
+// Where the state letter stands in the stat text of a process, or null with errno. The command name before it
+// is anything, parentheses included: only the last one ends it.
 const char* read_stat(int32_t pid, char* text, size_t size) {
   char path[kProcPathSize];
   wex_format(path, sizeof(path), kProcStatFmt, pid);
@@ -120,7 +121,11 @@ const char* read_stat(int32_t pid, char* text, size_t size) {
     return nullptr;
   }
   const char* const end = strrchr(text, ')');
-  return end != nullptr && end[1] == ' ' && end[2] != '\0' ? end + 2 : nullptr;
+  if (end == nullptr || end[1] != ' ' || end[2] == '\0') {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return end + 2;
 }
 
 // Where the `number`th field begins, given where the state letter stands; null when there are fewer.
@@ -268,10 +273,11 @@ int wex_get_pid_name(int32_t pid, char* buffer, size_t size) {
 }
 
 int process_life(int32_t pid) {
-  char text[kStatSize];
+  if (!wex_pid_exists(pid)) {
+    return -1;  // no later look could show anything else
+  }
   for (int attempt = 0; attempt < kLifeTries; ++attempt) {
-    const char* const state = read_stat(pid, text, sizeof(text));
-    if (state != nullptr && *state != 'X' && *state != 'Z') {
+    if (wex_looks_alive(pid)) {
       return 0;
     }
     wex_sleep_ms(kLifeRetryMs);
@@ -318,41 +324,46 @@ int32_t wex_thread_id() {
   return static_cast<int32_t>(syscall(SYS_gettid));
 }
 
-bool wex_proc_present(int32_t pid, uint64_t start_time) {
-  char text[kStatSize];
-  const char* const fields = read_stat(pid, text, sizeof(text));
-  const char* const start = fields != nullptr ? stat_field(fields, kStartTimeField) : nullptr;
-  if (start == nullptr || (start_time != 0 && strtoull(start, nullptr, 10) != start_time)) {
-    return false;
-  }
-  // A main thread that ended before the others waits for them as a zombie.
-  return (*fields != 'Z' && *fields != 'X' && *fields != 'x') ||
-         text_to_number(stat_field(fields, kThreadsField)) > 1;
+bool wex_pid_exists(int32_t pid) {
+  return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH);
 }
 
-bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
+bool wex_looks_alive(int32_t pid) {
+  char text[kStatSize];
+  const char* const state = read_stat(pid, text, sizeof(text));
+  return state != nullptr && *state != 'X' && *state != 'Z';
+}
+
+process_look wex_look_at(int32_t pid) {
+  process_look look = {};
   char text[kStatSize];
   const char* const fields = read_stat(pid, text, sizeof(text));
   const char* const start = fields != nullptr ? stat_field(fields, kStartTimeField) : nullptr;
   if (start == nullptr) {
-    return false;
+    const bool gone = fields == nullptr && (errno == ENOENT || errno == ESRCH);
+    look.sight = gone ? process_look::gone : process_look::unreadable;
+    return look;
   }
-  // Older kernels report an exit before they make the process a zombie; until then only this flag tells.
-  const bool exiting = (strtoul(stat_field(fields, kFlagsField), nullptr, 10) & kExiting) != 0;
-  if (state != nullptr) {
-    *state = exiting && *fields != 'Z' ? 'X' : *fields;
-  }
-  if (start_time != nullptr) {
-    *start_time = strtoull(start, nullptr, 10);
-  }
-  return true;
+  look.sight = process_look::seen;
+  look.state = *fields;
+  look.exiting = (strtoul(stat_field(fields, kFlagsField), nullptr, 10) & kExiting) != 0;
+  look.threads = text_to_number(stat_field(fields, kThreadsField));
+  look.start_time = strtoull(start, nullptr, 10);
+  return look;
 }
 
-int32_t wex_proc_threads(int32_t pid) {
-  char text[kStatSize];
-  const char* const fields = read_stat(pid, text, sizeof(text));
-  const char* const threads = fields != nullptr ? stat_field(fields, kThreadsField) : nullptr;
-  return threads != nullptr ? text_to_number(threads) : 0;
+bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
+  const process_look look = wex_look_at(pid);
+  if (look.sight != process_look::seen) {
+    return false;
+  }
+  if (state != nullptr) {
+    *state = look.exiting && look.state != 'Z' ? 'X' : look.state;
+  }
+  if (start_time != nullptr) {
+    *start_time = look.start_time;
+  }
+  return true;
 }
 
 bool wex_proc_lives(int32_t pid, uint64_t start_time) {

@@ -41,7 +41,7 @@ int32_t wex_get_ppid_form_pid(int32_t pid);
 // 0 and the name from the status file, or -1.
 int wex_get_pid_name(int32_t pid, char* buffer, size_t size);
 
-// 0 when the process lives, -1 (after 30 ms) when it is gone or a zombie.
+// 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms).
 int process_life(int32_t pid);
 
 // Takes the single-instance lock. The descriptor, to be kept for life, or -1.
@@ -68,19 +68,29 @@ int64_t wex_clock_ms();
 // The kernel's id of the calling thread.
 int32_t wex_thread_id();
 
-// State letter and start time (clock ticks since boot) of a process, read once; a process that has begun to
-// exit is 'X' or 'Z'. False when it is not there.
+// What one look at /proc/PID/stat shows. Only a process that the kernel does not know is gone; any other
+// reason for seeing nothing (descriptors or memory are short, say) means that one has to look again.
+struct process_look {
+  enum { seen, gone, unreadable } sight;
+  char state;
+  bool exiting;         // has begun to exit; older kernels report an exit before the state says so
+  int32_t threads;      // that have not ended yet, the main thread's zombie included
+  uint64_t start_time;  // clock ticks since boot
+};
+process_look wex_look_at(int32_t pid);
+
+// State letter and start time of a process; a process that has begun to exit is 'X' or 'Z'. False when it
+// cannot be seen.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
-
-// As wex_proc_lives, but a process that has begun to exit is still there, for dumping core may take it long,
-// and so is one of which only the main thread has ended.
-bool wex_proc_present(int32_t pid, uint64_t start_time);
-
-// Threads of a process that have not ended yet, its leader's zombie included; 0 when it is not there.
-int32_t wex_proc_threads(int32_t pid);
 
 // True when the very process that started at `start_time` (0: any) is there and neither dead nor a zombie.
 bool wex_proc_lives(int32_t pid, uint64_t start_time);
+
+// False when the kernel knows of no such process or thread.
+bool wex_pid_exists(int32_t pid);
+
+// One of the looks of process_life(): true when it shows a living process.
+bool wex_looks_alive(int32_t pid);
 
 // Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
 // to create, truncate or append only those with a single name (else EMLINK; with O_CREAT a new file takes the

@@ -49,7 +49,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   char state = '\0';
   uint64_t start = 0;
   wex_proc_stat(kSubject, &state, &start);
-  wex_proc_threads(kSubject);
+  wex_look_at(kSubject);
+  wex_looks_alive(kSubject);
   wex_proc_lives(kSubject, start);
   return 0;
 }

@@ -474,6 +474,17 @@ TEST_F(Domains, SupervisedProgramComesBackInItsDomain) {
   daemon.stop();
 }
 
+// Has the daemon restart the only program of a domain until it parks it.
+void park_program_of(int vsd) {
+  for (int exit = 1; exit <= 5; ++exit) {
+    ASSERT_TRUE(eventually([&] { return processes_of(vsd).size() == 1; })) << exit << read_console();
+    const pid_t pid = processes_of(vsd)[0];
+    ASSERT_GT(pid, 1);
+    kill(pid, SIGKILL);
+    ASSERT_TRUE(eventually([&] { return !is_alive(pid); }));
+  }
+}
+
 TEST_F(Domains, TakeDownsEndTheDomainAndRestartNothingMeanwhile) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -498,6 +509,11 @@ TEST_F(Domains, TakeDownsEndTheDomainAndRestartNothingMeanwhile) {
   const pid_t stubborn = wait_for_actor({"--ignore=TERM", "--tag=stubborn", "--hold"});
   ASSERT_LT(0, stubborn);
   EXPECT_TRUE(eventually([] { return waitpid(-1, nullptr, WNOHANG) <= 0; }));
+  write_file("/debug_time", "10");
+  const auto service_of = [](int vsd) { return command_line(processes_of(vsd).at(0)); };
+  const std::string parked[] = {service_of(5), service_of(6)};
+  ASSERT_NO_FATAL_FAILURE(park_program_of(5));
+  ASSERT_NO_FATAL_FAILURE(park_program_of(6));
   mark_console();
 
   const auto began = std::chrono::steady_clock::now();
@@ -547,6 +563,9 @@ TEST_F(Domains, TakeDownsEndTheDomainAndRestartNothingMeanwhile) {
   EXPECT_TRUE(eventually([] { return processes_of(5).size() == 1; })) << "reload starts the domain again";
   EXPECT_FALSE(exists("/tmp/vsd/5/delete_vsd"));
   EXPECT_TRUE(processes_of(6).empty());
+  EXPECT_TRUE(never(
+      [&] { return pids_with_command(parked[0]).size() > 1 || !pids_with_command(parked[1]).empty(); }, 2s))
+      << "what was parked came back outside of its domain: " << read_console();
   daemon.stop();
 }
 

@@ -565,6 +565,20 @@ TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
   daemon.stop();
 }
 
+TEST_F(ExitRoad, AnInterruptedWaitForEventsIsTakenUpAgain) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=poll,ppoll:error=EINTR:when=3..40"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_TRUE(start_service(&service));
+  const pid_t old_pid = service.pid();
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_NE(std::string::npos, Daemon::trace().find("EINTR (Interrupted system call) (INJECTED)"));
+  EXPECT_EQ(0u, count_in(read_console(), "select sk_nl fail")) << read_console();
+  daemon.stop();
+}
+
 TEST_F(ExitRoad, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=recvfrom:poke_exit=@arg6=08000000:when=1"}));

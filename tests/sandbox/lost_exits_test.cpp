@@ -1,5 +1,8 @@
 // Exits that the kernel could not tell: the sweep finds the vanished programs.
+#include <linux/sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,6 +85,48 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   EXPECT_TRUE(eventually([&] { return !exists(file); }));
   unlink("/tmp/vsd/5/delete_vsd");
   EXPECT_TRUE(never([&] { return wait_for_actor(service.options(), old_pid, 0ms) != 0; }, 3s));
+}
+
+// A child that has this very pid and executes one program after the other.
+class Stranger {
+ public:
+  explicit Stranger(pid_t wanted) {
+    constexpr char kScript[] = "/tmp/stranger.sh";
+    write_file(kScript, "sleep 0.05\nexec /bin/sh /tmp/stranger.sh\n");
+    clone_args how = {};
+    how.exit_signal = SIGCHLD;
+    how.set_tid = reinterpret_cast<uintptr_t>(&wanted);
+    how.set_tid_size = 1;
+    pid_ = static_cast<pid_t>(syscall(SYS_clone3, &how, sizeof how));
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      execl("/bin/sh", "sh", kScript, nullptr);
+      _exit(127);
+    }
+    EXPECT_EQ(wanted, pid_) << strerror(errno);
+  }
+  ~Stranger() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  Stranger(const Stranger&) = delete;
+  Stranger& operator=(const Stranger&) = delete;
+
+ private:
+  pid_t pid_ = 0;
+};
+
+TEST_F(LostExits, AStrangerThatGotThePidAndExecutesProgramsIsNotTakenForTheService) {
+  Service service("robbed");
+  ASSERT_TRUE(service.start());
+  stop_daemon();
+  many_exits(700);
+  service.end();
+  Stranger stranger(service.pid());
+  daemon_.send(SIGCONT);
+  EXPECT_TRUE(service.comes_back(20s)) << read_console();
 }
 
 TEST_F(LostExits, AnOverflowLeavesLivingProgramsAlone) {

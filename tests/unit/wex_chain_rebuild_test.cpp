@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <set>
 
 #include "chain_lock.h"
 #include "registry_files.h"
@@ -19,6 +21,8 @@ namespace {
 
 // How many calls find no memory from now on.
 int short_of_memory = 0;
+
+int pauses = 0;  // made so far
 
 bool memory_is_short() {
   if (short_of_memory <= 0) {
@@ -39,6 +43,13 @@ void* __wrap_realloc(void* block, size_t size);
 
 DIR* __wrap_fdopendir(int fd) {
   return memory_is_short() ? nullptr : __real_fdopendir(fd);
+}
+
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
+  ++pauses;
+  return __real_clock_nanosleep(clock, flags, time, left);
 }
 
 void* __wrap_realloc(void* block, size_t size) {
@@ -307,4 +318,53 @@ TEST_F(Rebuild, FilesOfPidsBelow1AreRestartedWithoutHarm) {
     EXPECT_TRUE(wex_record_lives(rec)) << rec->pid;
   }
   EXPECT_TRUE(wex_test::list_dir(db_dir(0)).empty());
+}
+
+TEST_F(Rebuild, AHundredDeadProgramsAndOneDyingAreBackOnceEach) {
+  constexpr int kPrograms = 100;
+  for (int i = 0; i < kPrograms; ++i) {
+    const int pid = dead_pid();
+    write_file(db_file(i % 16, "sleep", pid), content(pid, 2, "/bin/sleep " + std::to_string(1000 + i)));
+  }
+  std::vector<std::unique_ptr<service>> zombies;
+  for (int i = 0; i < 10; ++i) {
+    zombies.push_back(std::make_unique<service>());
+    const int pid = zombies.back()->pid();
+    zombies.back()->kill_only();
+    siginfo_t info = {};
+    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
+    write_file(db_file(0, "sleep", pid), content(pid, 2, "/bin/sleep " + std::to_string(2000 + i)));
+  }
+  pauses = 0;
+  rebuild();
+  EXPECT_EQ(3, pauses) << "the looks at the dying ones are common to all";
+  EXPECT_EQ(kPrograms + 10, wex_chains.count);
+  std::set<std::string> programs;
+  for (const wex_pid* rec : records()) {
+    EXPECT_TRUE(wex_record_lives(rec)) << rec->process;
+    EXPECT_TRUE(programs.insert(rec->process).second) << rec->process << " twice";
+  }
+}
+
+TEST_F(Rebuild, WithoutADyingProcessNothingIsWaitedFor) {
+  const service alive;
+  write_file(db_file(0, "foo", alive.pid()), content(alive.pid(), 2, "/opt/foo"));
+  const int pid = dead_pid();
+  write_file(db_file(0, "sleep", pid), content(pid, 2, "/bin/sleep 1000"));
+  pauses = 0;
+  rebuild();
+  EXPECT_EQ(0, pauses);
+  EXPECT_NE(nullptr, find(alive.pid()));
+}
+
+TEST_F(Rebuild, WhatDiedInADomainThatIsTakenDownIsForgotten) {
+  const int dead = dead_pid();
+  const service alive;
+  write_file(db_file(5, "sleep", dead), content(dead, 2, "/bin/sleep 1000"));
+  write_file(db_file(5, "foo", alive.pid()), content(alive.pid(), 2, "/opt/foo"));
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  rebuild();
+  EXPECT_EQ(1, wex_chains.count);
+  EXPECT_NE(nullptr, find(alive.pid()));
+  EXPECT_FALSE(exists(db_file(5, "sleep", dead)));
 }

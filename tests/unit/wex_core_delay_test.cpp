@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -317,17 +318,96 @@ TEST_F(Delay, ReleasedItIsRestartedAtTheNextPassUnforced) {
   EXPECT_NE(std::string::npos, printed.text().find("force_restart:0\n"));
 }
 
-TEST_F(Delay, WhileADomainIsTakenDownNothingIsHandedOver) {
+TEST_F(Delay, ATakeDownOfAnotherDomainHoldsNothingBack) {
   const int32_t pid = dead_pid();
   const wex_pid* const rec = add(pid);
   lock_keeper keeper(pid);
   wex_handle_netlink_exit(pid, 9, 0);
-  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  wex_test::write_file("/tmp/vsd/5/delete_vsd", "");  // stays, as after a take-down that was cut short
   start_thread();
   keeper.let_go();
-  EXPECT_FALSE(eventually([&] { return present_pid(rec) != pid; }, 2200ms)) << "two passes";
-  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
-  EXPECT_TRUE(eventually([&] { return present_pid(rec) != pid; }, 3s));
+  EXPECT_TRUE(eventually([&] { return present_pid(rec) != pid; }, 20s))
+      << "a marker left behind would keep it down for ever";
+}
+
+TEST_F(Delay, ATakeDownForgetsWhatWaitsInItsDomainAndNothingElse) {
+  struct waiting {
+    const char* name;
+    int32_t vsd;
+    bool stays;
+  };
+  const waiting rows[] = {{"postponed", 5, false}, {"parked", 5, false}, {"failed", 5, false},
+                          {"marked", 0, false},    {"living", 5, true},  {"elsewhere", 6, true},
+                          {"main", 0, true}};
+  service alive;
+  std::vector<wex_pid*> records;
+  for (const waiting& row : rows) {
+    wex_pid* const rec = add(row.name == std::string("living") ? alive.pid() : dead_pid());
+    snprintf(rec->process, sizeof rec->process, "/bin/%s", row.name);
+    rec->vsd = row.vsd;
+    write_file(db_file(row.vsd, row.name, rec->pid), "1\n2\n/bin/x");
+    records.push_back(rec);
+  }
+  service keeper([&] { return wex_db_create(5, records[0]->pid, RESPAWN, "/bin/postponed") == 0; });
+  wex_handle_netlink_exit(records[0]->pid, 9, 0);
+  ASSERT_EQ(1, count(wex_chains_delay));
+  for (wex_pid* const parked : {records[1], records[5], records[6]}) {
+    parked->alarm_wait_flag = 1;
+    parked->flags = WEX_FLAG_WAITING;
+  }
+  records[2]->restart_failed = 1;
+  write_file("/tmp/vsd/5/wex/" + std::to_string(records[3]->pid), "");
+  {
+    chain_lock hold(wex_chains);
+    wex_note_identity(records[4]);
+  }
+  std::vector<int32_t> pids;
+  for (const wex_pid* const rec : records) {
+    pids.push_back(rec->pid);
+  }
+  wex_test::write_file("/tmp/vsd/5/delete_vsd", "");
+  wex_drop_domains_taken_down();
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    chain_lock hold(wex_chains);
+    EXPECT_EQ(rows[i].stays, __wex_find_pid(&wex_chains, pids[i]) != nullptr) << rows[i].name;
+    EXPECT_EQ(rows[i].stays, exists(db_file(rows[i].vsd, rows[i].name, pids[i]))) << rows[i].name;
+  }
+  EXPECT_EQ(0, count(wex_chains_delay));
+  chain_lock hold(wex_chains);
+  for (const size_t left : {4, 5, 6}) {
+    __wex_drop_record(&wex_chains, records[left]);
+  }
+}
+
+// A long restart may keep the registry from being looked through until the take-down is over.
+TEST_F(Delay, ATakeDownThatWasSeenCountsUntilTheRegistryHasBeenLookedThrough) {
+  wex_pid* const rec = add(dead_pid());
+  rec->vsd = 5;
+  wex_test::write_file("/tmp/vsd/5/delete_vsd", "");
+  std::atomic<int32_t> looker{0};
+  std::thread looking;
+  {
+    chain_lock hold(wex_chains);
+    looking = std::thread([&looker] {
+      looker = wex_thread_id();
+      wex_drop_domains_taken_down();
+    });
+    ASSERT_TRUE(eventually(
+        [&] {
+          const std::string wait = read_file("/proc/self/task/" + std::to_string(looker) + "/syscall");
+          return wait.find(std::to_string(SYS_futex) + " ") == 0;
+        },
+        20s))
+        << "it must have seen the marker and wait for the registry";
+    ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+    EXPECT_TRUE(__wex_dropped_with_domain(rec)) << "its exit comes late; it would be started in no domain";
+  }
+  looking.join();
+  EXPECT_EQ(0, count(wex_chains));
+  wex_pid* const next = add(dead_pid());
+  next->vsd = 5;
+  chain_lock hold(wex_chains);
+  EXPECT_FALSE(__wex_dropped_with_domain(next)) << "the domain may have been created anew";
 }
 
 TEST_F(Delay, ARecordRemovedMeanwhileMakesTheHandOverDoNothing) {

@@ -182,3 +182,127 @@ TEST_F(Exit, OfAChildIsStillKnownWhenManyOthersLiveUnfound) {
   reap(first, 9);
   EXPECT_NE(old_pid, rec->pid);
 }
+
+// ---- Twins
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Another registration of the same program, of a living process.
+wex_pid* living_twin(const wex_pid* rec) {
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) {
+      pause();
+    }
+  }
+  wex_pid* const twin = wex_new_record();
+  twin->pid = child;
+  twin->action = RESPAWN;
+  snprintf(twin->process, sizeof twin->process, "%s", rec->process);
+  wex_note_identity(twin);
+  chain_lock hold(wex_chains);
+  __wex_add_record(&wex_chains, twin);
+  return twin;
+}
+
+bool is_in_registry(int32_t pid) {
+  chain_lock hold(wex_chains);
+  return __wex_find_pid(&wex_chains, pid) != nullptr;
+}
+
+}  // namespace
+
+TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
+  struct twin_case {
+    const char* name;
+    void (*change)(wex_pid* twin);
+    bool dead;
+  };
+  const twin_case rows[] = {
+      {"living", [](wex_pid*) {}, false},
+      {"never looked at", [](wex_pid* twin) { twin->start_time = 0; }, false},
+      {"a stranger has its pid", [](wex_pid* twin) { ++twin->start_time; }, true},
+      {"a zombie",
+       [](wex_pid* twin) {
+         kill(twin->pid, SIGKILL);
+         siginfo_t info = {};
+         waitid(P_PID, static_cast<id_t>(twin->pid), &info, WEXITED | WNOWAIT);
+       },
+       true},
+  };
+  for (const twin_case& row : rows) {
+    const wex_pid* const rec = died(park_at(900));
+    const int32_t old_pid = rec->pid;
+    wex_pid* const twin = living_twin(rec);
+    const pid_t twin_pid = twin->pid;
+    ASSERT_GT(twin_pid, 1);
+    row.change(twin);
+    wex_handle_netlink_exit(old_pid, 9, 0);
+    EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
+    EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
+    EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";
+    kill(twin_pid, SIGKILL);
+    chain_lock hold(wex_chains);
+    record_walk walk(wex_chains);
+    while (wex_pid* const left = walk.next()) {
+      if (left->pid != twin_pid && left->pid > 1) {
+        kill(left->pid, SIGKILL);
+      }
+      __wex_drop_record(&wex_chains, left);
+    }
+  }
+}
+
+TEST_F(Exit, OfAProcessEndsItsThreadRegistrationsAlsoThoseWithoutAByteInTheTable) {
+  const wex_pid* const rec = died(park_at(900));
+  const int32_t pid = rec->pid;
+  const struct {
+    int32_t tid;
+    int32_t owner;
+    bool stays;
+  } rows[] = {{10, pid, false},        {163839, pid, false},    {163840, pid, false}, {4194304, pid, false},
+              {INT32_MAX, pid, false}, {163841, pid + 1, true}, {12, pid + 1, true}};
+  for (const auto& row : rows) {
+    wex_pid* const thread = wex_new_record();
+    thread->pid = row.tid;
+    thread->ppid = row.owner;
+    chain_lock hold(wex_alive_chains);
+    __wex_add_record(&wex_alive_chains, thread);
+  }
+  wex_handle_netlink_exit(pid, 9, 0);
+  {
+    chain_lock hold(wex_alive_chains);
+    for (const auto& row : rows) {
+      EXPECT_EQ(row.stays, __wex_find_pid(&wex_alive_chains, row.tid) != nullptr) << row.tid;
+    }
+    EXPECT_EQ(2, wex_alive_chains.count);
+  }
+  wex_destroy_chains(&wex_alive_chains);
+}
+
+TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && rm -f /tmp/vsd/5/delete_vsd"));
+  wex_pid* const rec = died(park_at(900));
+  rec->vsd = 5;
+  rec->restart_delay = 2;
+  std::atomic<bool> ended{false};
+  std::thread exit([&] {
+    wex_handle_netlink_exit(rec->pid, 9, 0);
+    ended = true;
+  });
+  ASSERT_TRUE(soon([] {  // it has the registry: it is waiting out the delay
+    const bool free = pthread_mutex_trylock(&wex_chains.mutex) == 0;
+    if (free) {
+      pthread_mutex_unlock(&wex_chains.mutex);
+    }
+    return !free;
+  }));
+  EXPECT_EQ(0, system("touch /tmp/vsd/5/delete_vsd"));
+  EXPECT_TRUE(soon([&] { return ended.load(); }, 20s));
+  exit.join();
+  EXPECT_EQ(0, wex_chains.count);
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a second instance, outside of the domain";
+  EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
+}

@@ -16,17 +16,27 @@ TEST_F(Parked, ADeadlineEqualToNowIsNotYetDue) {
   EXPECT_EQ(1u, alarm(0)) << "what is due now is looked at again a second later";
 }
 
-TEST_F(Parked, WhileADomainIsTakenDownItWaitsASecondMoreAtATime) {
-  wex_pid* const rec = park_at(699);
+TEST_F(Parked, ATakeDownOfAnotherDomainHoldsNothingBack) {
+  const wex_pid* const rec = park_at(699);
   const int32_t old_pid = rec->pid;
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
   wex_alrm_handler(SIGALRM);
-  EXPECT_EQ(old_pid, rec->pid);
-  EXPECT_EQ(1, rec->alarm_wait_flag);
-  EXPECT_EQ(1u, alarm(0));
   ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_NE(old_pid, rec->pid) << "a marker left behind would keep it down for ever";
+}
+
+TEST_F(Parked, ATakeDownOfItsOwnDomainEndsItsRegistration) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db"));
+  wex_pid* const rec = park_at(699);
+  const std::string old_file = db_file(rec->pid, rec->process, 5);
+  rec->vsd = 5;
+  write_file(old_file.c_str(), "1\n2\n/bin/sleep 1000");
+  ASSERT_EQ(0, system("touch /tmp/vsd/5/delete_vsd"));
   wex_alrm_handler(SIGALRM);
-  EXPECT_NE(old_pid, rec->pid);
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_EQ(0, wex_chains.count);
+  EXPECT_FALSE(exists(old_file));
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "it was started outside of its domain";
 }
 
 TEST_F(Parked, ADeadlinePassedRestartsTheProgramAndSaysSo) {

@@ -1,0 +1,91 @@
+// wex_chain_identity: is the process that has a record's pid now the record's own?
+#define WEX_MODULE "wex_chain"
+#include "wex_chain_identity.h"
+
+#include <time.h>
+
+#include <cstdio>
+
+#include "wex_limits.h"
+#include "wex_paths.h"
+
+namespace {
+
+constexpr int64_t kSecondNs = 1000000000;
+
+bool is_dead_state(char state) {
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
+int64_t nanoseconds(const timespec& time) {
+  return int64_t{time.tv_sec} * kSecondNs + time.tv_nsec;
+}
+
+// Before Linux 2.6.39 only this file tells the boot time, in hundredths of a second.
+bool read_uptime(int64_t* now_ns) {
+  char text[64];
+  int seconds = 0;
+  int hundredths = 0;
+  if (wex_read_to_buf(kUptime, text, sizeof text) < 0 || sscanf(text, "%d.%2d", &seconds, &hundredths) != 2) {
+    return false;
+  }
+  *now_ns = seconds * kSecondNs + hundredths * (kSecondNs / 100);
+  return true;
+}
+
+}  // namespace
+
+exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint64_t exit_tick) {
+  if (now.sight != process_look::seen) {
+    return now.sight == process_look::gone ? exit_verdict::exited : exit_verdict::ask_again;
+  }
+  // A process that started before the exit cannot have got a pid that was free only after it. It has another
+  // start time than the record when a thread of the record's process executed a program on a kernel before
+  // 3.17: such a process carries the thread's start time from then on.
+  const bool took_over = exit_tick != 0 && now.start_time <= exit_tick + kStartTickSlack;
+  const bool same = known_start != 0 && now.start_time == known_start;
+  if (!same && !took_over) {
+    return exit_verdict::exited;
+  }
+  if (is_dead_state(now.state) || now.exiting) {
+    // Beside a dead main thread the others either end, too, or one of them is about to take its place.
+    return now.threads > 1 ? exit_verdict::ask_again : exit_verdict::exited;
+  }
+  return exit_verdict::runs;
+}
+
+presence wex_judge_presence(const process_look& now, uint64_t known_start) {
+  if (now.sight != process_look::seen) {
+    return now.sight == process_look::gone ? presence::absent : presence::unknown;
+  }
+  if (known_start != 0 && now.start_time != known_start) {
+    return presence::absent;
+  }
+  return is_dead_state(now.state) && now.threads <= 1 ? presence::absent : presence::present;
+}
+
+uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset_ns, long ticks_per_second) {
+  if (event_ns == 0 || event_ns > INT64_MAX / 4 || ticks_per_second < 1 || ticks_per_second > kSecondNs) {
+    return 0;
+  }
+  const int64_t since_boot = static_cast<int64_t>(event_ns) + shift_ns + boot_offset_ns;
+  return since_boot > 0 ? static_cast<uint64_t>(since_boot / (kSecondNs / ticks_per_second)) : 0;
+}
+
+int64_t wex_clock_shift(int64_t least_delay_ns) {
+  constexpr int64_t kDelayMax = kSecondNs;
+  return least_delay_ns > -kDelayMax && least_delay_ns < kDelayMax ? 0 : least_delay_ns;
+}
+
+int64_t wex_boot_offset_ns() {
+  timespec monotonic = {};
+  timespec boot = {};
+  clock_gettime(CLOCK_MONOTONIC, &monotonic);
+  int64_t since_boot = 0;
+  if (clock_gettime(CLOCK_BOOTTIME, &boot) == 0) {
+    since_boot = nanoseconds(boot);
+  } else if (!read_uptime(&since_boot)) {
+    return 0;
+  }
+  return since_boot - nanoseconds(monotonic);
+}

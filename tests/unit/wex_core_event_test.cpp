@@ -1,0 +1,343 @@
+// What the exit monitor makes of one reported exit, with real processes and a registry that the test fills.
+#include "wex_core_event.h"
+
+#include <pthread.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <time.h>
+
+#include "parked_world.h"
+#include "wex_signals.h"
+
+using namespace parked;
+
+namespace {
+
+uint64_t now_ns() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+process_event exit_of(int32_t pid, uint32_t code, uint64_t time_ns = now_ns()) {
+  return {kEventExit, pid, pid, code, static_cast<int32_t>(time_ns / 1000000000), time_ns};
+}
+
+process_event thread_end(int32_t tid, int32_t pid, uint32_t code = 0) {
+  process_event event = exit_of(pid, code);
+  event.pid = tid;
+  return event;
+}
+
+// A child that stays until it is told to go, or ended by the fixture.
+pid_t lasting() {
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) {
+      pause();
+    }
+  }
+  return child;
+}
+
+// A process whose main thread has ended while another one waits for the end of `hold`.
+pid_t without_main_thread(const int (&hold)[2]) {
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    close(hold[1]);
+    static int input;
+    input = hold[0];
+    pthread_t other;
+    const auto wait_and_end = [](void*) -> void* {
+      char byte;
+      (void)!read(input, &byte, 1);
+      syscall(SYS_exit, 0);  // this thread alone, and as the last one the process
+      return nullptr;
+    };
+    if (pthread_create(&other, nullptr, wait_and_end, nullptr) == 0) {
+      syscall(SYS_exit, 0);
+    }
+    _exit(1);
+  }
+  return child;
+}
+
+// Something that cannot be read in the place of a process's stat file.
+class unreadable_stat {
+ public:
+  explicit unreadable_stat(pid_t pid) : path_("/proc/" + std::to_string(pid) + "/stat") {
+    write_file("/tmp/no_stat", "not a stat text");
+    EXPECT_EQ(0, mount("/tmp/no_stat", path_.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
+  }
+  ~unreadable_stat() { EXPECT_EQ(0, umount2(path_.c_str(), MNT_DETACH)) << strerror(errno); }
+
+ private:
+  std::string path_;
+};
+
+class Event : public Parked {
+ protected:
+  void SetUp() override {
+    Parked::SetUp();
+    unlink(kBurstConfig);
+  }
+  void TearDown() override {
+    EXPECT_EQ(-1, wex_settle_exits()) << "an exit of this case would disturb the next one";
+    Parked::TearDown();
+  }
+
+  static wex_pid* add(int32_t pid, const std::string& process = "/bin/sleep 1000") {
+    wex_pid* const rec = wex_new_record();
+    rec->pid = pid;
+    rec->action = RESPAWN;
+    snprintf(rec->process, sizeof rec->process, "%s", process.c_str());
+    chain_lock hold(wex_chains);
+    wex_note_identity(rec);
+    __wex_add_record(&wex_chains, rec);
+    return rec;
+  }
+  // Takes a child that lives on out of the registry, and ends it.
+  static void end(wex_pid* rec) {
+    ASSERT_GT(rec->pid, 1);
+    kill(rec->pid, SIGKILL);
+    waitpid(rec->pid, nullptr, 0);
+    chain_lock hold(wex_chains);
+    __wex_drop_record(&wex_chains, rec);
+  }
+  static int32_t pid_of(const wex_pid* rec) {
+    chain_lock hold(wex_chains);
+    return rec->pid;
+  }
+  static bool settled() { return wex_settle_exits() == -1; }
+};
+
+}  // namespace
+
+// ---- whose exit it was ------------------------------------------------------------------------------------
+
+TEST_F(Event, OfAProcessWhosePidAStrangerHasIsAnExit) {
+  const uint64_t exit_time = now_ns();
+  usleep(60000);  // some ticks of the stat file
+  const pid_t stranger = lasting();
+  wex_pid* const rec = add(stranger);
+  rec->start_time -= 100;  // the record is of an earlier process
+  wex_take_exit_event(exit_of(stranger, 9, exit_time));
+  EXPECT_NE(stranger, pid_of(rec)) << "the program stays down until the stranger ends";
+  EXPECT_EQ(9u, rec->exit_signal);
+  EXPECT_EQ(0, kill(stranger, SIGKILL));
+  waitpid(stranger, nullptr, 0);
+}
+
+TEST_F(Event, OfAThreadThatGaveItsPlaceToAnotherIsNone) {
+  const pid_t child = lasting();
+  wex_pid* const rec = add(child);
+  const uint64_t start_time = rec->start_time;
+  rec->start_time -= 100;  // as kernels before 3.17 have it: the thread's start time is the process's now
+  rec->exit_seen = 1;      // an earlier report
+  wex_take_exit_event(exit_of(child, 0));
+  EXPECT_EQ(child, pid_of(rec));
+  EXPECT_EQ(start_time, rec->start_time) << "the next exit would be taken for a stranger's";
+  EXPECT_EQ(0, rec->exit_seen) << "it would never be looked for again";
+  EXPECT_EQ(0u, rec->exit_tick);
+  end(rec);
+}
+
+TEST_F(Event, OfAMainThreadWaitsForTheOthersWithoutTheRegistry) {
+  int hold[2];
+  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  const pid_t child = without_main_thread(hold);
+  ASSERT_GT(child, 0);
+  const wex_pid* const rec = add(child);
+  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  ASSERT_EQ(2, wex_look_at(child).threads);
+  wex_take_exit_event(exit_of(child, 139));
+  EXPECT_EQ(child, pid_of(rec)) << "a thread of it may be about to execute a program";
+  EXPECT_NE(-1, wex_settle_exits());
+  close(hold[1]);
+  ASSERT_TRUE(soon([&] { return wex_look_at(child).threads == 1; }));
+  wex_take_exit_event(thread_end(child + 1, child));
+  EXPECT_EQ(-1, wex_settle_exits()) << "the last thread's end must be enough for a decision";
+  EXPECT_NE(child, pid_of(rec));
+  EXPECT_EQ(139u, rec->exit_signal);
+  close(hold[0]);
+}
+
+TEST_F(Event, OfAMainThreadBesideThreadsThatGoOnIsHandledAfterSomeLooks) {
+  int hold[2];
+  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  const pid_t child = without_main_thread(hold);
+  ASSERT_GT(child, 0);
+  const wex_pid* const rec = add(child);
+  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  wex_take_exit_event(exit_of(child, 0));
+  EXPECT_EQ(child, pid_of(rec));
+  EXPECT_TRUE(soon(settled));
+  EXPECT_NE(child, pid_of(rec)) << "its file is not locked, so nothing postpones the restart";
+  close(hold[0]);
+  close(hold[1]);
+}
+
+TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
+  const pid_t child = zombie();
+  const wex_pid* const rec = add(child);
+  {
+    const unreadable_stat none(child);
+    wex_take_exit_event(exit_of(child, 11));
+    for (int look = 0; look <= kExitLooks; ++look) {
+      wex_sleep_ms(kExitLookMs + 1);
+      EXPECT_NE(-1, wex_settle_exits()) << look << ": what cannot be seen has not ended";
+    }
+    EXPECT_EQ(child, pid_of(rec));
+  }
+  EXPECT_TRUE(soon(settled));
+  EXPECT_NE(child, pid_of(rec));
+  EXPECT_EQ(11u, rec->exit_signal);
+}
+
+TEST_F(Event, MoreUndecidedExitsThanThereIsRoomForAreNotLost) {
+  constexpr int kExits = kUnsettledExits + 3;
+  int hold[2];
+  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  std::vector<wex_pid*> records;
+  for (int i = 0; i < kExits; ++i) {
+    const pid_t child = without_main_thread(hold);
+    ASSERT_GT(child, 0);
+    records.push_back(add(child, "/bin/sleep " + std::to_string(1000 + i)));
+  }
+  for (const wex_pid* const rec : records) {
+    ASSERT_TRUE(soon([&] { return wex_look_at(rec->pid).state == 'Z'; }));
+  }
+  std::vector<int32_t> before;
+  for (const wex_pid* const rec : records) {
+    before.push_back(rec->pid);
+    wex_take_exit_event(exit_of(rec->pid, 9));
+  }
+  EXPECT_TRUE(soon(settled, 20s));
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_NE(before[i], pid_of(records[i])) << i;
+  }
+  close(hold[0]);
+  close(hold[1]);
+}
+
+TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
+  const int32_t tid = dead_pid();
+  wex_pid* const rec = add(tid);
+  wex_take_exit_event(thread_end(tid, getpid()));
+  wex_monitor_read_until = INT32_MAX;
+  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+  }
+  EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+}
+
+TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {
+  const pid_t child = lasting();
+  wex_pid* const rec = add(child);
+  rec->exit_seen = 1;
+  wex_take_exit_event(exit_of(child, 0));
+  ASSERT_EQ(child, pid_of(rec));
+  kill(child, SIGKILL);  // this exit is lost
+  waitpid(child, nullptr, 0);
+  wex_monitor_read_until = INT32_MAX;
+  wex_sweep_lost_exits();
+  g_now = 1000 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(child, pid_of(rec));
+}
+
+TEST_F(Event, WhatCannotBeSeenIsNoLostExit) {
+  const int32_t pid = zombie();
+  const wex_pid* const rec = add(pid);
+  wex_monitor_read_until = INT32_MAX;
+  {
+    const unreadable_stat none(pid);
+    for (const int32_t now : {1000, 1010, 1100}) {
+      g_now = now;
+      wex_sweep_lost_exits();
+    }
+    EXPECT_EQ(pid, pid_of(rec));
+  }
+  wex_sweep_lost_exits();
+  g_now = 1100 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(pid, pid_of(rec));
+}
+
+// ---- crashes ----------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr uint32_t kDumped = 0x80 | SIGSEGV;
+
+// Programs that are never restarted, so that only their crashes count.
+wex_pid* crashing(wex_pid* rec) {
+  rec->action = 7;
+  return rec;
+}
+
+size_t reboots() {
+  const std::string log = contents(kRebootLog);
+  size_t count = 0;
+  for (size_t at = log.find("in shorttime["); at != std::string::npos;
+       at = log.find("in shorttime[", at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+TEST_F(Event, ACrashThatIsOlderThanTheWindowDoesNotCount) {
+  write_file(kBurstConfig, "60 2");
+  const wex_pid* const first = crashing(add(dead_pid(), "/opt/first"));
+  const wex_pid* const second = crashing(add(dead_pid(), "/opt/second"));
+  wex_take_exit_event(exit_of(first->pid, kDumped));
+  g_now = 1061;
+  wex_take_exit_event(exit_of(second->pid, kDumped));
+  EXPECT_EQ(0u, reboots()) << "the first crash was 61 s ago";
+  g_now = 1060;
+  wex_take_exit_event(exit_of(second->pid, kDumped));
+  EXPECT_EQ(1u, reboots()) << "60 s ago is within the window";
+}
+
+TEST_F(Event, AProgramThatDumpsCoreManyTimesCountsOnce) {
+  write_file(kBurstConfig, "60 2");
+  const wex_pid* const rec = crashing(add(dead_pid(), "/opt/first"));
+  for (int crash = 0; crash < 5; ++crash) {
+    wex_take_exit_event(exit_of(rec->pid, kDumped));
+  }
+  EXPECT_EQ(0u, reboots());
+}
+
+TEST_F(Event, OnlyTheFirst256BytesOfTheBurstRuleAreRead) {
+  const wex_pid* const rec = crashing(add(dead_pid(), "/opt/first"));
+  write_file(kBurstConfig, std::string(253, ' ') + "60 1");  // its last digit is byte 257
+  wex_take_exit_event(exit_of(rec->pid, kDumped));
+  EXPECT_EQ(0u, reboots()) << "one number is no rule";
+  write_file(kBurstConfig, std::string(252, ' ') + "60 1");
+  wex_take_exit_event(exit_of(rec->pid, kDumped));
+  EXPECT_EQ(1u, reboots());
+}
+
+TEST_F(Event, TheListOfCrashedProgramsIsCutAt1023Characters) {
+  write_file(kBurstConfig, "60 2");
+  const std::string name = "/opt/" + std::string(1500, 'n');
+  const wex_pid* const first = crashing(add(dead_pid(), name));
+  const wex_pid* const second = crashing(add(dead_pid(), "/opt/second"));
+  wex_take_exit_event(exit_of(second->pid, kDumped));
+  wex_take_exit_event(exit_of(first->pid, kDumped));
+  const std::string log = contents(kRebootLog);
+  const std::string reason = "detect more than 2 process exit in shorttime[60]s\n";
+  const size_t at = log.find(reason);
+  ASSERT_NE(std::string::npos, at) << log;
+  const std::string list = log.substr(at + reason.size());
+  EXPECT_NE(std::string::npos, list.find("/opt/nnn")) << list;
+  EXPECT_EQ(std::string::npos, list.find(std::string(1024, 'n')));
+  EXPECT_LE(list.find('\n'), 1023u) << list;
+}
