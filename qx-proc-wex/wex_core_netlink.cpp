@@ -19,6 +19,8 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "ras_os.h"
 #include "text_number.h"
 #include "unique_fd.h"
@@ -35,6 +37,8 @@
 #include "wex_vsd.h"
 
 namespace {
+
+priority_mutex take_down_lock;
 
 constexpr char kThreadName[] = "wex_process_netlink";
 constexpr int kConnector = 11;         // NETLINK_CONNECTOR
@@ -449,20 +453,24 @@ bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
 // While a domain is taken down nothing is restarted anywhere. The marker of a take-down that was cut short
 // stays and would switch supervision off in silence, hence the lines in the running log.
 bool wex_take_down_under_way() {
-  static std::atomic<bool> told{false};
+  // The look and its line are one step: two threads that look at once would tell what no longer holds.
+  const mutex_lock hold(take_down_lock.native);
+  static bool told = false;
   for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
     char marker[kPathSize];
     wex_format(marker, sizeof marker, kTakeDownFmt, domain);
     if (access(marker, F_OK) == 0) {
-      if (!told.exchange(true)) {
+      if (!told) {
         wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
       }
+      told = true;
       return true;
     }
   }
-  if (told.exchange(false)) {
+  if (told) {
     wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
   }
+  told = false;
   return false;
 }
 
