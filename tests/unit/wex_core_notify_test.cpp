@@ -122,6 +122,27 @@ TEST_F(Watchdog, OneReportInTheLastMomentRestoresTheFullCount) {
   });
 }
 
+// Its reports do nothing from then on, so it is counted down like a silent one.
+TEST_F(Watchdog, ARegisteredThreadThatIsListedAsExemptIsAbortedThoughItReports) {
+  in_child([] {
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, kShort);
+    program.report(0);
+    daemon.scans(1);
+    write_file(kExemptThreads, std::to_string(program.pid()) + "\n");
+    for (int scan = 0; scan < 9; ++scan) {
+      program.report(0);
+      daemon.scans(1);
+    }
+    EXPECT_TRUE(program.running());
+    program.report(0);
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+    EXPECT_EQ(1U, hangs_logged());
+  });
+}
+
 TEST_F(Watchdog, ASequenceThatStartsOverIsAReport) {
   in_child([] {
     service program(1);
