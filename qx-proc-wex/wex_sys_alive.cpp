@@ -88,12 +88,14 @@ uint32_t seq_offset(uint32_t tid) {
 
 // One byte of the daemon's mapping, or -1 when the table ends before it.
 int read_byte(uint32_t offset) {
+  const uint8_t* const base = g_wex_alive_info.base;
   uint8_t byte = 0;
-  return table_bytes.copy(&byte, g_wex_alive_info.base + offset, sizeof byte) ? byte : -1;
+  return base != nullptr && table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
 }
 
 bool put_bytes(uint32_t offset, const void* bytes, size_t size) {
-  return table_bytes.copy(g_wex_alive_info.base + offset, bytes, size);
+  uint8_t* const base = g_wex_alive_info.base;
+  return base != nullptr && table_bytes.copy(base + offset, bytes, size);
 }
 
 uint8_t load(uint32_t offset) {
