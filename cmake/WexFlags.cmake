@@ -26,6 +26,21 @@ else()
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
 endif()
 
+# 64 bits for files and for time: with 32, a look at a file that was written after January 2038 fails. A C library
+# without 64-bit time for 32-bit programs keeps what it has.
+include(CheckCXXSourceCompiles)
+set(wex_wide_definitions _FILE_OFFSET_BITS=64)
+set(CMAKE_REQUIRED_DEFINITIONS -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+check_cxx_source_compiles("#include <time.h>
+  static_assert(sizeof(time_t) == 8, \"\");
+  int main() { return 0; }" WEX_HAS_64_BIT_TIME)
+unset(CMAKE_REQUIRED_DEFINITIONS)
+if(WEX_HAS_64_BIT_TIME)
+  list(APPEND wex_wide_definitions _TIME_BITS=64)
+else()
+  message(WARNING "this C library has no 64-bit time: wex will not run after January 2038")
+endif()
+
 # The shipped binaries need libc only.
 add_library(wex_product_link INTERFACE)
 target_link_options(wex_product_link INTERFACE LINKER:--gc-sections LINKER:--as-needed LINKER:-z,relro LINKER:-z,now)

@@ -24,3 +24,11 @@ inline int create_priority_mutex(pthread_mutex_t* mutex, int type) {
   pthread_mutexattr_destroy(&attributes);
   return result;
 }
+
+// One for the life of the program, ready before main.
+struct priority_mutex {
+  explicit priority_mutex(int type = PTHREAD_MUTEX_NORMAL) noexcept { create_priority_mutex(&native, type); }
+  priority_mutex(const priority_mutex&) = delete;
+  priority_mutex& operator=(const priority_mutex&) = delete;
+  pthread_mutex_t native;
+};

@@ -1,8 +1,8 @@
 // wex_alive_guard: the alive table as the daemon may trust it.
 //
 // Everybody can write the object, so everybody can also cut it short or replace it. A byte of a mapping that
-// was cut short ends the process with SIGBUS, which cannot be ignored; the same byte read through a
-// descriptor is merely missing. The process that cleared the table keeps a descriptor of its own for that.
+// was cut short ends the process with SIGBUS, which cannot be ignored; the same byte fetched by the kernel is
+// merely missing. The process that cleared the table keeps a pipe for that (guarded_copy).
 #pragma once
 
 #include <cstdint>

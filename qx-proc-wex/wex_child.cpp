@@ -4,12 +4,15 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
 
+#include "raw_dir.h"
+#include "text_number.h"
 #include "unique_fd.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
@@ -57,6 +60,25 @@ void clear_signal_mask() {
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);
+}
+
+void hide_open_files() {
+  raw_dir files(unique_fd(open(kOwnFiles, O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  while (const char* const name = files.valid() ? files.next() : nullptr) {
+    const int32_t fd = text_to_number(name);  // 0 for "." and ".."
+    if (fd > STDERR_FILENO) {
+      fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+  }
+}
+
+void leave_starter() {
+  const sched_param normal = {};
+  sched_setscheduler(0, SCHED_OTHER, &normal);
+  setsid();
+  reset_signal_actions();
+  clear_signal_mask();
+  hide_open_files();
 }
 
 bool flush_tlb() {

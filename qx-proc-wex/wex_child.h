@@ -21,6 +21,13 @@ void reset_signal_actions();
 // An empty signal mask: nothing this process blocks is blocked in the program.
 void clear_signal_mask();
 
+// Marks every descriptor above the standard three close-on-exec.
+void hide_open_files();
+
+// Leaves what a program must not have from whoever starts it: real-time priority, session, ignored and
+// blocked signals, open files.
+void leave_starter();
+
 // Tells the low-memory-killer module of the new program. False with errno when the module is not there.
 bool flush_tlb();
 

@@ -16,11 +16,10 @@
 #include <utility>
 
 #include "dir_walk.h"
-#include "ras_os.h"
 #include "ras_os_sem.h"
-#include "text_number.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
+#include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -78,14 +77,6 @@ void raise_open_file_limit() {
   }
   getrlimit(RLIMIT_NOFILE, &limit);
   wex_dbg(WEX_DBG_PUB, "Set ulimit cur %d, max %d\r\n", shown(limit.rlim_cur), shown(limit.rlim_max));
-}
-
-// What whoever started us left open is no business of the programs that we start.
-void keep_inherited_files() {
-  dir_walk files(kOwnFiles);
-  while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
-    ras_os_set_fd_close_on_exec(text_to_number(entry->d_name));
-  }
 }
 
 // The directory stays open for life like the lock: its inode number cannot become another one's.
@@ -147,10 +138,12 @@ bool read_description(const char* name, char* text, size_t size) {
 
 // ---- threads ----------------------------------------------------------------------------------------------
 
-// The running log says which thread could not be created; no later one is tried then.
+// The running log says which thread could not be created and why; no later one is tried then. The reason is
+// errno, which tells "no memory" from "no more threads"; a C library that leaves it alone has only its
+// result.
 bool created(int error, const char* name, const char* suffix) {
   if (error != 0) {
-    wex_running_log("Fail to create %s%s: %s\n", name, suffix, strerror(error));
+    wex_running_log("Fail to create %s%s: %s\n", name, suffix, strerror(errno != 0 ? errno : error));
     wex_raise_exit_flag();
   }
   return error == 0;
@@ -158,11 +151,13 @@ bool created(int error, const char* name, const char* suffix) {
 
 void start_threads(threads* running) {
   wex_running_log("Start.\r\n");
+  errno = 0;
   if (!created(wex_start_alarm_thread(), "wex_alarm", " thread")) {
     return;
   }
   wex_chld_handler(SIGCHLD);  // what the rebuild started and what died before the reaper was there
   for (const worker& next : kWorkers) {
+    errno = 0;
     const int error = pthread_create(&running->handles[running->created], nullptr, next.body, nullptr);
     if (!created(error, next.name, next.suffix)) {
       return;
@@ -225,6 +220,7 @@ extern "C" void wex_third_part_proc_init(void) {
 }
 
 int main(int argc, char** argv) {
+  clear_signal_mask();  // a starter that blocks signals may forget to unblock them
   wex_make_dir(kRunDir, kOpenDirMode);
   wex_parse_dbg_file();
   wex_create_std_fd(1);
@@ -235,7 +231,7 @@ int main(int argc, char** argv) {
     return -1;
   }
   const unique_fd directory = hold_directory(lock.get());
-  keep_inherited_files();
+  hide_open_files();  // what our starter left open is not for the programs that we start
   raise_open_file_limit();
   make_directories();
   wex_init_wakeup();

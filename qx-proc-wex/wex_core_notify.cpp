@@ -25,10 +25,16 @@ namespace {
 constexpr char kWatchdog[] = "wex_notifer_run";
 constexpr size_t kThreadNameSize = 32;
 
+// The thread whose process was aborted last, or 0: the next scan serves the hung threads behind it first, for
+// its process may ignore the signal. Known to the watchdog's thread alone.
+int32_t last_served = 0;
+
 // What holds for one whole scan.
 struct scan {
   bool counting;    // silent periods count
   bool abort_sent;  // one process at most is aborted
+  bool behind;      // the walk is past the thread that was served last
+  wex_pid* first;   // the first hung thread on the way there
 };
 
 // Counter arithmetic: the values came out of a message and may be anything.
@@ -102,6 +108,28 @@ void abort_hung(wex_pid* thread) {
                       thread->pid);
 }
 
+// Whether the walk is behind the place of the thread that was served last. That thread may be gone.
+bool is_behind(const wex_pid* thread) {
+  return last_served == 0 || wex_hash_pid(thread->pid) > wex_hash_pid(last_served);
+}
+
+void serve(wex_pid* thread, scan* now) {
+  abort_hung(thread);
+  now->abort_sent = true;
+  last_served = thread->pid;
+}
+
+void serve_in_turn(wex_pid* thread, scan* now) {
+  if (now->abort_sent) {
+    return;
+  }
+  if (now->behind) {
+    serve(thread, now);
+  } else if (now->first == nullptr) {
+    now->first = thread;
+  }
+}
+
 void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
   int32_t* const info = thread->notify_info;
   wex_dbg(WEX_DBG_ALIVE, "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) cur_ntfy_time (%d)\n",
@@ -117,9 +145,25 @@ void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_c
   if (info[WEX_CUR_NTFY_TIME] == info[WEX_NTFY_TIME]) {
     end_period(thread, *now);
   }
-  if (info[WEX_CUR_CNT] == 0 && !now->abort_sent) {
-    abort_hung(thread);
-    now->abort_sent = true;
+  if (info[WEX_CUR_CNT] == 0) {
+    serve_in_turn(thread, now);
+  }
+}
+
+// The walk itself, with the lock held. Behind the last hung thread it is the first one's turn again.
+void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
+  record_walk walk(wex_alive_chains);
+  while (wex_pid* const thread = walk.next()) {
+    const int32_t tid = thread->pid;
+    now->behind = now->behind || is_behind(thread);
+    look_at(thread, now);  // may free it
+    now->behind = now->behind || tid == last_served;
+  }
+  if (!now->abort_sent && now->first != nullptr) {
+    serve(now->first, now);
+  }
+  if (!now->abort_sent) {
+    last_served = 0;
   }
 }
 
@@ -168,13 +212,10 @@ void wex_scan_alive_chains() {
   const bool paused = access(kKillDebug, F_OK) == 0;
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
-  scan now = {!paused && quiet && table_intact, false};
+  scan now = {!paused && quiet && table_intact, false, false, nullptr};
   {
     chain_lock hold(wex_alive_chains);
-    record_walk walk(wex_alive_chains);
-    while (wex_pid* const thread = walk.next()) {
-      look_at(thread, &now);
-    }
+    look_at_all(&now);
   }
   if (wex_dbg_on(WEX_DBG_ALIVE)) {
     wex_dbg(WEX_DBG_ALIVE, "sem_cnt = %d\n", wex_get_semval());

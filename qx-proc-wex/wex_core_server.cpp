@@ -22,6 +22,7 @@
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
+#include "wex_log.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
@@ -315,7 +316,8 @@ bool run_cycle(server& self) {
 
 struct binding {
   int sd;
-  int error;  // 0 once it is bound
+  int error;     // 0 once it is bound
+  int unshared;  // why the node's mode may be narrower than it should be, or 0
 };
 
 void bind_listener(binding* task) {
@@ -329,16 +331,23 @@ void bind_listener(binding* task) {
       node.st_ino = ~ino_t{0};  // gone already: whatever comes there is not ours
     }
     wex_note_place(WEX_PLACE_SOCKET, node);
+    if (S_ISSOCK(node.st_mode) && (node.st_mode & kSocketMode) != kSocketMode) {
+      wex_running_log("%s could not be opened to all: %s. Clients of other users are turned away.\r\n",
+                      kControlSocket, strerror(task->unshared));
+    }
   }
 }
 
 // A thread that binds and ends. The node is born with its mode, by a umask that is this thread's alone:
 // another thread may be making a file now, and a program started later keeps the umask of the daemon.
 void* bind_open_to_all(void* task) {
+  auto* const own = static_cast<binding*>(task);
   if (unshare(CLONE_FS) == 0) {
     umask(static_cast<mode_t>(~kSocketMode & 0777));
+  } else {
+    own->unshared = errno;
   }
-  bind_listener(static_cast<binding*>(task));
+  bind_listener(own);
   return nullptr;
 }
 
@@ -348,9 +357,10 @@ void* bind_open_to_all(void* task) {
 // umask of its own for it, the starter's umask narrows the mode: clients of other users may then be turned
 // away, which harms nobody's files.
 int bind_control_socket(int sd) {
-  binding task = {sd, 0};
+  binding task = {sd, 0, 0};
   pthread_t binder;
-  if (pthread_create(&binder, nullptr, bind_open_to_all, &task) == 0) {
+  task.unshared = pthread_create(&binder, nullptr, bind_open_to_all, &task);
+  if (task.unshared == 0) {
     pthread_join(binder, nullptr);
   } else {
     bind_listener(&task);

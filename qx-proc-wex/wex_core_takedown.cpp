@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include "chain_lock.h"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_core.h"
@@ -19,6 +21,8 @@
 #include "wex_utils.h"
 
 namespace {
+
+priority_mutex take_down_lock;
 
 // A take-down of the domain has been seen, and the registry has not been looked through since. The look may
 // have to wait for the registry longer than the take-down takes.
@@ -86,19 +90,23 @@ void drop_what_is_down() {
 // The marker of a take-down that was cut short stays and would switch supervision off in silence, hence the
 // lines in the running log.
 bool wex_take_down_under_way() {
-  static std::atomic<bool> told{false};
-  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+  // The look and its line are one step: two threads that look at once would tell what no longer holds.
+  const mutex_lock hold(take_down_lock.native);
+  static bool told = false;
+  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
     char marker[kPathSize];
     if (marker_exists(domain, marker, sizeof marker)) {
-      if (!told.exchange(true)) {
+      if (!told) {
         wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
       }
+      told = true;
       return true;
     }
   }
-  if (told.exchange(false)) {
+  if (told) {
     wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
   }
+  told = false;
   return false;
 }
 

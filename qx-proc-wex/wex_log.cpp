@@ -17,6 +17,7 @@
 #include <time.h>
 
 #include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
@@ -40,8 +41,9 @@ constexpr char kRebootSecondsText[] = "10\n";  // written with its zero byte
 
 enum { kCountMissing = -2, kCountUnreadable = -1 };
 
-pthread_mutex_t running_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t event_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Threads of every priority write here.
+priority_mutex running_mutex;
+priority_mutex event_mutex;
 int event_fd = -1;  // the open event log, or -1; guarded by event_mutex
 
 // ---- Files ------------------------------------------------------------------------------------------------
@@ -76,17 +78,33 @@ bool is_empty(int fd) {
   return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
-void append_synced(const char* path, const char* text, size_t length) {
-  const unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
-  if (!file.valid()) {
+// An entry that is written, and on its way to the disk.
+struct written_entry {
+  unique_fd file;
+  bool maybe_new;
+};
+
+written_entry append(const char* path, const char* text, size_t length) {
+  written_entry entry = {wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode), false};
+  if (entry.file.valid()) {
+    entry.maybe_new = is_empty(entry.file.get());
+    write_entry(entry.file.get(), text, length);
+  }
+  return entry;
+}
+
+void sync_entry(const char* path, const written_entry& entry) {
+  if (!entry.file.valid()) {
     return;
   }
-  const bool maybe_new = is_empty(file.get());
-  write_entry(file.get(), text, length);
-  fsync(file.get());
-  if (maybe_new) {
+  fsync(entry.file.get());
+  if (entry.maybe_new) {
     sync_directory_of(path);
   }
+}
+
+void append_synced(const char* path, const char* text, size_t length) {
+  sync_entry(path, append(path, text, length));
 }
 
 // ---- Entries ----------------------------------------------------------------------------------------------
@@ -164,14 +182,9 @@ const char* choose_running_file() {
   return older;
 }
 
-void append_running_entry(const char* message) {
-  const mutex_lock hold(running_mutex);
-  const char* const path = choose_running_file();
-  if (path == nullptr) {
-    return;
-  }
+// "2026/01/31 23:59:58: " and the message. Its length.
+size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* message) {
   char stamp[kStampSize] = {};
-  char entry[kStampSize + 2 + kMessageSize];
   const time_t now = time(nullptr);
   struct tm local = {};
   if (localtime_r(&now, &local) == nullptr ||
@@ -179,7 +192,24 @@ void append_running_entry(const char* message) {
     stamp[0] = '\0';
   }
   wex_format(entry, sizeof(entry), "%s: %s", stamp, message);
-  append_synced(path, entry, strlen(entry));
+  return strlen(entry);
+}
+
+// The disk may take seconds: the others write on meanwhile, those at real-time priority first of all.
+void append_running_entry(const char* message) {
+  const char* path;
+  written_entry written;
+  {
+    const mutex_lock hold(running_mutex.native);
+    path = choose_running_file();
+    if (path == nullptr) {
+      return;
+    }
+    char entry[kStampSize + 2 + kMessageSize];
+    const size_t length = stamp_entry(entry, message);
+    written = append(path, entry, length);
+  }
+  sync_entry(path, written);
 }
 
 // ---- The hang ring ----------------------------------------------------------------------------------------
@@ -234,14 +264,14 @@ int wex_openlog(const char* path) {
   if (!file.valid()) {
     return -1;
   }
-  const mutex_lock hold(event_mutex);
+  const mutex_lock hold(event_mutex.native);
   const unique_fd forgotten(event_fd);  // an opener who did not close does not cost a descriptor
   event_fd = file.release();
   return 0;
 }
 
 void wex_log(const char* format, ...) {
-  const mutex_lock hold(event_mutex);
+  const mutex_lock hold(event_mutex.native);
   if (event_fd < 0) {
     return;
   }
@@ -256,7 +286,7 @@ void wex_log(const char* format, ...) {
 }
 
 void wex_closelog(void) {
-  const mutex_lock hold(event_mutex);
+  const mutex_lock hold(event_mutex.native);
   const unique_fd open_log(event_fd);
   event_fd = -1;
 }

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
@@ -39,7 +40,7 @@ struct held_file {
 };
 
 held_file* held_files = nullptr;
-pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
+priority_mutex held_lock;
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
@@ -97,7 +98,7 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char
 
 // Lets go of a file held by this process. Does nothing for any other name.
 void drop_held(const char* name) {
-  mutex_lock hold(held_lock);
+  mutex_lock hold(held_lock.native);
   for (held_file** at = &held_files; *at != nullptr; at = &(*at)->next) {
     held_file* const file = *at;
     if (strcmp(file->name, name) == 0) {
@@ -118,7 +119,7 @@ void keep_held(const char* name, unique_fd&& fd) {
     return;
   }
   wex_copy_text(file->name, sizeof file->name, name);
-  mutex_lock hold(held_lock);
+  mutex_lock hold(held_lock.native);
   file->fd = fd.release();
   file->next = held_files;
   held_files = file;

@@ -10,7 +10,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +18,7 @@
 
 #include "dir_walk.h"
 #include "ras_os.h"
+#include "raw_dir.h"
 #include "signals_held.h"
 #include "text_number.h"
 #include "trusted_path.h"
@@ -196,30 +196,13 @@ void set_domain_environment(int32_t vsd) {
   environ = g_child_environment;
 }
 
-// As the kernel lays out directory entries; read without opendir(), which allocates.
-struct kernel_entry {
-  uint64_t inode;
-  int64_t offset;
-  uint16_t size;
-  uint8_t type;
-  char name[1];
-};
-
 void remove_markers(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  const unique_fd dir = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
-  if (!dir.valid()) {
-    return;
-  }
-  alignas(kernel_entry) char bytes[2048];
-  for (long size; (size = syscall(SYS_getdents64, dir.get(), bytes, sizeof bytes)) > 0;) {
-    for (long at = 0; at < size;) {
-      const kernel_entry* const entry = reinterpret_cast<const kernel_entry*>(bytes + at);
-      if (entry->name[0] != '.' && text_to_number(entry->name) == pid) {
-        unlinkat(dir.get(), entry->name, 0);
-      }
-      at += entry->size;
+  raw_dir markers(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
+  while (const char* const name = markers.valid() ? markers.next() : nullptr) {
+    if (name[0] != '.' && text_to_number(name) == pid) {
+      unlinkat(markers.fd(), name, 0);
     }
   }
 }

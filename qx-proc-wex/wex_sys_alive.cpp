@@ -1,20 +1,23 @@
 // wex_sys_alive: the table through which registered threads prove that they run.
 //
 // A client touches single bytes of its mapping: a report costs no system call and no lock. The daemon, which
-// cleared the table at its start, reads and writes the same bytes through a descriptor instead, because
-// anybody may cut the object short and the missing page of a mapping would kill it. The bitmap is written by
-// the daemon alone, under the lock of wex_alive_chains.
+// cleared the table at its start, has the kernel touch them for it, because anybody may cut the object short
+// and the missing page of a mapping would kill it. It stays with the mapping: reading or writing the file
+// instead may miss what is still in a client's cache, where caches know memory by its virtual address. The
+// bitmap is written by the daemon alone, under the lock of wex_alive_chains.
 #define WEX_MODULE "wex_sys_alive"
 
 #include "wex_sys_alive.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <cstring>
 
 #include "cancel_held.h"
+#include "guarded_copy.h"
 #include "mutex_lock.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
@@ -40,8 +43,26 @@ constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
 pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
-uint8_t initialised;  // written under init_mutex, looked at without it
-int table_fd = -1;    // the daemon's; lives as long as the process
+uint8_t initialised;       // written under init_mutex, looked at without it
+int table_fd = -1;         // the daemon's; lives as long as the process
+guarded_copy table_bytes;  // open in the daemon only, before it has threads
+
+// The thread that was mapping the table when another one forked is not in the child: what it held and had
+// half done is as if it had never begun.
+void forget_unfinished_init() {
+  init_mutex = PTHREAD_MUTEX_INITIALIZER;
+  if (initialised == 0) {
+    g_wex_alive_info = {};
+  }
+}
+
+// Under init_mutex.
+void watch_forks() {
+  static bool watched = false;
+  if (!watched) {
+    watched = pthread_atfork(nullptr, nullptr, forget_unfinished_init) == 0;
+  }
+}
 
 int private_fd() {
   return __atomic_load_n(&table_fd, __ATOMIC_ACQUIRE);
@@ -65,47 +86,48 @@ uint32_t seq_offset(uint32_t tid) {
   return WEX_ALIVE_SEQ_OFFSET + tid;
 }
 
-// One byte through the descriptor, or -1 when the table ends before it.
-int read_byte(int fd, uint32_t offset) {
+// One byte of the daemon's mapping, or -1 when the table ends before it.
+int read_byte(uint32_t offset) {
+  const uint8_t* const base = g_wex_alive_info.base;
   uint8_t byte = 0;
-  ssize_t got;
-  do {
-    got = pread(fd, &byte, 1, static_cast<off_t>(offset));
-  } while (got < 0 && errno == EINTR);
-  return got == 1 ? byte : -1;
+  return base != nullptr && table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
 }
 
-bool put_bytes(int fd, uint32_t offset, const void* bytes, size_t size) {
-  ssize_t put;
-  do {
-    put = pwrite(fd, bytes, size, static_cast<off_t>(offset));
-  } while (put < 0 && errno == EINTR);
-  return put == static_cast<ssize_t>(size);
+bool put_bytes(uint32_t offset, const void* bytes, size_t size) {
+  uint8_t* const base = g_wex_alive_info.base;
+  return base != nullptr && table_bytes.copy(base + offset, bytes, size);
 }
 
 uint8_t load(uint32_t offset) {
-  const int fd = private_fd();
-  if (fd < 0) {
+  if (!table_bytes.valid()) {
     const uint8_t* const base = g_wex_alive_info.base;
     return base == nullptr ? uint8_t{0} : __atomic_load_n(base + offset, __ATOMIC_RELAXED);
   }
-  const int byte = read_byte(fd, offset);
+  const int byte = read_byte(offset);
   return byte < 0 ? uint8_t{0} : static_cast<uint8_t>(byte);  // what was cut off reads as nothing
+}
+
+// Missing pages come back empty: every registration in them is gone, and is renewed by the thread's next
+// report.
+bool restore_length(int fd) {
+  const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
+  return ftruncate(fd, length) == 0 &&
+         put_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
 }
 
 // The daemon could not write a byte: its next look at the table must not count what may be missing.
 std::atomic<bool> g_write_failed{false};
 
 void store(uint32_t offset, uint8_t byte) {
-  const int fd = private_fd();
-  if (fd < 0) {
+  if (!table_bytes.valid()) {
     uint8_t* const base = g_wex_alive_info.base;
     if (base != nullptr) {
       __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
     }
     return;
   }
-  if (!put_bytes(fd, offset, &byte, sizeof byte)) {
+  if (!put_bytes(offset, &byte, sizeof byte) &&
+      !(restore_length(private_fd()) && put_bytes(offset, &byte, sizeof byte))) {
     g_write_failed.store(true, std::memory_order_relaxed);
   }
 }
@@ -119,20 +141,14 @@ int open_to_all(const unique_fd& table) {
   return -1;
 }
 
-// Drops every registration. Through the descriptor, for somebody may cut the object short meanwhile; without
-// one as well as can be.
-void clear_table(int fd, uint8_t* base) {
-  if (fd < 0) {
-    memcpy(base + WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
-    memset(base + WEX_ALIVE_BITMAP_OFFSET, 0, WEX_ALIVE_BITMAP_BYTES + WEX_ALIVE_SEQ_BYTES);
-    return;
-  }
+// Drops every registration. Somebody may cut the object short meanwhile.
+void clear_table() {
   constexpr uint8_t kNothing[4096] = {};
-  put_bytes(fd, WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+  put_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
   constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
   for (uint32_t at = WEX_ALIVE_BITMAP_OFFSET; at < kEnd; at += sizeof kNothing) {
     const size_t left = kEnd - at;
-    put_bytes(fd, at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
+    put_bytes(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
   }
 }
 
@@ -153,14 +169,6 @@ void shed_second_name() {
   }
 }
 
-// Missing pages come back empty: every registration in them is gone, and is renewed by the thread's next
-// report.
-bool restore_length(int fd) {
-  const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
-  return ftruncate(fd, length) == 0 &&
-         put_bytes(fd, WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
-}
-
 }  // namespace
 
 int wex_sys_init_alive_info(uint8_t clear) {
@@ -172,7 +180,12 @@ int wex_sys_init_alive_info(uint8_t clear) {
   if (initialised != 0) {
     return 0;
   }
+  watch_forks();
   if (clear != 0) {
+    if (!table_bytes.valid() && !table_bytes.open()) {
+      wex_dbg(WEX_DBG_ALIVE, "pipe err(path:%s, err:%d)!\r\n", kAliveTable, errno);
+      return -1;
+    }
     shed_second_name();
   }
   const int result =
@@ -186,7 +199,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   const int opened = open_to_all(table);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
-    clear_table(table.get(), g_wex_alive_info.base);
+    clear_table();
     __atomic_store_n(&table_fd, table.release(), __ATOMIC_RELEASE);
   }
   __atomic_store_n(&initialised, uint8_t{1}, __ATOMIC_RELEASE);
@@ -249,12 +262,10 @@ bool wex_alive_table_intact() {
 }
 
 int wex_alive_read_seq(uint32_t tid) {
-  const int fd = private_fd();
-  return fd < 0 || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(fd, seq_offset(tid));
+  return !table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(seq_offset(tid));
 }
 
 int wex_alive_read_bit(uint32_t tid) {
-  const int fd = private_fd();
-  const int byte = fd < 0 || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(fd, bit_offset(tid));
+  const int byte = !table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(bit_offset(tid));
   return byte < 0 ? -1 : (byte & bit_mask(tid)) != 0 ? 1 : 0;
 }

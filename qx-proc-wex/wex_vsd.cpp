@@ -15,6 +15,7 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
+#include "raw_dir.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "wex_child.h"
@@ -85,6 +86,18 @@ void tell(const char* caller, const char* what) {
 
 // ---- In the child -----------------------------------------------------------------------------------------
 
+// What the daemon makes at its start, and a domain that is created earlier needs. Only what is missing: the
+// directories of the system keep their modes.
+void make_parents(const char* path) {
+  char parent[kPathSize];
+  for (const char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
+    wex_format(parent, sizeof parent, "%.*s", static_cast<int>(slash - path), path);
+    if (!exists(parent)) {
+      wex_make_dir(parent, kOpenDirMode);
+    }
+  }
+}
+
 void make_domain_dirs(int32_t vsd, bool create) {
   const bool second_disk = create && exists(kData2Dir);
   for (const domain_dir& dir : kDomainDirs) {
@@ -93,6 +106,9 @@ void make_domain_dirs(int32_t vsd, bool create) {
     }
     char path[kPathSize];
     wex_format(path, sizeof path, dir.format, vsd);
+    if (create) {
+      make_parents(path);
+    }
     wex_make_dir(path, kOpenDirMode);
     if (dir.variable != nullptr) {
       setenv(dir.variable, path, 1);
@@ -157,7 +173,7 @@ void become(const char* path, const char* const* argv) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     fcntl(fd, F_SETFD, 0);  // ours are the console, closed in whatever we execute; a program needs its three
   }
-  clear_signal_mask();
+  leave_starter();
   execvp(path, const_cast<char* const*>(argv));
 }
 
@@ -177,12 +193,12 @@ bool mark_process(int32_t vsd, int32_t pid) {
   return wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode).valid();
 }
 
-[[noreturn]] void run_program(int32_t vsd, const char* name, bool present, const char* caller) {
+[[noreturn]] void run_program(int32_t vsd, const char* name, const char* caller) {
   if (!enter_domain(vsd, false, caller) || !enter_run_dir(vsd, caller)) {
     _exit(kChildFailed);
   }
   char path[kPathSize];
-  if (!present || !wex_format(path, sizeof path, kSbinFmt, name)) {
+  if (check_sbin(name) != 1 || !wex_format(path, sizeof path, kSbinFmt, name)) {
     wex_dbg(WEX_DBG_PUB, "%s: /sbin/%s is not exist.\n", caller, name);
     _exit(kNotStarted);
   }
@@ -227,7 +243,7 @@ void save_vsdinfo(int32_t vsd) {
   }
 }
 
-// Signals process `name` if a line of its status names groups and holds `digits` anywhere.
+// Signals process `name` for each line of its status that names groups and holds `digits` anywhere.
 void kill_if_grouped(const char* name, const char* digits, int sig) {
   char path[kPathSize];
   if (!wex_format(path, sizeof path, kProcStatusNameFmt, name)) {
@@ -256,7 +272,6 @@ void kill_if_grouped(const char* name, const char* digits, int sig) {
     }
     wex_dbg(WEX_DBG_PUB, "delete vsd: supplement_id: %d pid: %d\n", group, pid);
     kill(pid, sig);
-    return;
   }
 }
 
@@ -318,10 +333,8 @@ int create_vsd(int32_t vsd) {
 }
 
 int create_proc_to_vsd(const char* name, int32_t vsd) {
-  // Reading a directory takes memory, which a child of a program with threads should not ask for.
-  const bool present = check_sbin(name) == 1;
   if (fork() == 0) {
-    run_program(vsd, name, present, __func__);
+    run_program(vsd, name, __func__);
   }
   wex_dbg(WEX_DBG_PUB, "%s: parent proc: %s\n", __func__, strerror(errno));
   return 0;
@@ -382,15 +395,16 @@ int kill_proc_by_groups(int sig, int32_t gid) {
   return 0;
 }
 
+// Without a heap: it is asked in a child of a program that may have threads.
 int check_sbin(const char* name) {
-  dir_walk sbin(kSbinDir);
+  raw_dir sbin(unique_fd(open(kSbinDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!sbin.valid()) {
     const int err = errno;
     tell(__func__, "opendir");
     return -err;
   }
-  while (const dirent* entry = sbin.next()) {
-    if (strcmp(entry->d_name, name) == 0) {
+  while (const char* const entry = sbin.next()) {
+    if (strcmp(entry, name) == 0 && strcmp(entry, ".") != 0 && strcmp(entry, "..") != 0) {
       return 1;
     }
   }

@@ -363,8 +363,10 @@ int get_vsd_mem(const char* path, int32_t vsd, uint64_t counters[16]) {
       continue;
     }
     found += strlen(kMappingResident);
-    const int32_t kib = text_to_number(*found == '\0' ? found : found + 1);
-    counter += static_cast<uint64_t>(kib < 0 ? 0 : kib);
+    found += *found == '\0' ? 0 : 1;
+    int64_t kib = 0;
+    scan_integer(&found, &kib);
+    counter += static_cast<uint64_t>(kib);
   }
   return 0;
 }

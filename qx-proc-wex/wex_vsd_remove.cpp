@@ -16,6 +16,7 @@
 #include "dir_walk.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 
@@ -98,9 +99,17 @@ int remove_entry(int parent, const char* name, size_t path_length) {
   return first;
 }
 
-bool second_disk_present() {
+bool present(const char* path) {
   struct stat facts;
-  return stat(kData2Dir, &facts) == 0;
+  return lstat(path, &facts) == 0;
+}
+
+// What cannot be unlinked inside a control group goes with its directory: what counts is what is still there.
+void remove_or_tell(const char* path) {
+  const int result = remove_dir_tree(path);
+  if (result < 0 && present(path)) {
+    wex_running_log("Fail to remove %s: %s\r\n", path, strerror(-result));
+  }
 }
 
 }  // namespace
@@ -116,12 +125,12 @@ extern "C" int remove_dir_tree(const char* path) {
 }
 
 void remove_domain_trees(int32_t vsd, unsigned set) {
-  const bool second_disk = second_disk_present();
+  const bool second_disk = present(kData2Dir);
   for (const domain_tree& tree : kDomainTrees) {
     char path[kPathSize];
     if ((tree.sets & set) != 0 && (second_disk || !tree.second_disk) &&
         wex_format(path, sizeof path, tree.format, vsd)) {
-      remove_dir_tree(path);
+      remove_or_tell(path);
     }
   }
 }

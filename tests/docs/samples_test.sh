@@ -18,6 +18,12 @@ for page in "$root/README.md" "$root"/docs/*.md; do
     inside { print > out }' "$page"
 done
 
+# The example of a manual page, as nroff shows it.
+for page in "$root"/docs/man/*.[378]; do
+  awk '/^\.EX/ { inside = 1; next } /^\.EE/ { inside = 0 } inside { gsub(/\\e/, "\\"); gsub(/\\-/, "-"); print }' "$page" > "$work/example"
+  [ -s "$work/example" ] && cp "$work/example" "$samples/$(basename "$page").c"
+done
+
 build() {                                          # SAMPLE: an object, or a program beside it when it has a main()
   local sample=$1 compiler=(gcc -std=c99) program=${1%.*}
   [ "${sample##*.}" = cpp ] && compiler=(g++ -std=c++17)

@@ -189,6 +189,12 @@ bool Daemon::start(const std::vector<std::string>& args, const std::vector<std::
   return process_.start(words, env, true) && wait_ready();
 }
 
+bool Daemon::start_by(const std::vector<std::string>& starter) {
+  std::vector<std::string> words = starter;
+  words.emplace_back(binary());
+  return process_.start(words, {}, true) && wait_ready();
+}
+
 bool Daemon::start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args,
                           const std::vector<std::string>& env) {
   // -D: strace stands beside the daemon, not above it, so that pid and wait status are the daemon's own.

@@ -72,6 +72,7 @@ dpkg --install "$packages"/*.deb > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; 
 ldconfig
 grep -q '^Restart=always$' /usr/lib/systemd/system/wex.service || fail "the systemd unit does not restart wex"
 grep -q '^::respawn:/usr/libexec/wex/wex-respawn --once$' /usr/share/wex/inittab.wex || fail "the line for busybox init does not restart wex"
+grep -q '^OOMPolicy=continue$' /usr/lib/systemd/system/wex.service || fail "a service that is killed for memory would end wex"
 libdir=$(readlink -f "$(pkg-config --variable=libdir wex)")
 [ "$libdir" = "$(dirname "$(readlink -f "$(ldconfig -p | sed -n 's|.*libwex.so.1 .*=> ||p')")")" ] ||
   fail "wex.pc and the dynamic linker know different places"
@@ -113,6 +114,7 @@ old=$(pid_of $work/service_c)
 kill -KILL "$old"
 within 10 runs_again $work/service_c "$old" || fail "the new daemon forgot a registration"
 
+bash "$here/init_script.sh" || fail "the start script"
 /etc/init.d/wex stop
 within 10 gone /usr/sbin/wex || fail "wex does not stop"
 sleep 3                                            # longer than the pause before a new start

@@ -250,6 +250,17 @@ TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {
   EXPECT_TRUE(console_says("]wex_process_domain: accept fail: Interrupted system call\n"));
 }
 
+TEST_F(ControlChannel, ASocketThatOthersCannotReachIsSaidOnce) {
+  umask(022);
+  ASSERT_TRUE(daemon.start_traced({"inject=unshare:error=EPERM"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  EXPECT_EQ(0755u, mode_of(kControlSocket));
+  const std::string line = "/tmp/wex/.wex could not be opened to all: Operation not permitted. ";
+  const std::string log = read_file(kRunningLog1);
+  EXPECT_NE(std::string::npos, log.find(line)) << log;
+  EXPECT_EQ(log.find(line), log.rfind(line)) << log;
+}
+
 namespace {
 
 // The traced calls of one thread, a line each, also where other threads came in between.

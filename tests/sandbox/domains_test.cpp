@@ -2,8 +2,10 @@
 // A take-down signals by group on the whole machine: domains 5 to 7 are used by nobody but these cases.
 #include <fcntl.h>
 #include <grp.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +25,7 @@ using namespace wex_test;
 
 namespace {
 int device_answer = 0;  // of the platform call below, in this program and its children
+void (*device_work)() = [] {};
 const char* const kDeviceCalls = "/data/calls";
 
 void append(const std::string& path, const std::string& text) {
@@ -35,6 +38,7 @@ void append(const std::string& path, const std::string& text) {
 // The device's own part of a domain's start, in place of the port for plain Linux boxes.
 extern "C" int fs_set_vsd_envs(int vsd, int old_pid) {
   append(kDeviceCalls, std::to_string(vsd) + " " + std::to_string(old_pid) + "\n");
+  device_work();
   errno = EPROTO;
   return device_answer;
 }
@@ -81,6 +85,7 @@ struct Domains : WexWorld {
   void SetUp() override {
     WexWorld::SetUp();
     device_answer = 0;
+    device_work = [] {};
     g_wex_dbg_level[WEX_DBG_PUB] = 0;
     for (const char* path : {"/qx_cfg/vsd", "/ovix/vsd", "/data/.ovix/vsd", "/etc/vsd", "/tmp/vsd",
                              "/data/var/run/vsd", "/etc/rc.d/rc.vsd"}) {
@@ -186,6 +191,47 @@ TEST_F(Domains, StartScriptsHaveTheThreeStandardDescriptors) {
   EXPECT_EQ("/dev/null\n/dev/console\n/dev/console\n", read_file("/data/trace"));
 }
 
+// A starter leaves behind what a service must not have: an open file, signals that are ignored or blocked.
+const std::string kBadStarter =
+    "exec 7</etc/passwd; trap '' TERM PIPE CHLD; exec env --block-signal=USR1,ALRM ";
+
+void expect_clean_start(const Facts& facts) {
+  const auto ignored = facts.find("signal_ignored");
+  for (const std::string& number : ignored == facts.end() ? std::vector<std::string>{} : ignored->second) {
+    EXPECT_GE(SIGQUIT, std::stoi(number)) << number << "; a script's shell itself adds SIGINT and SIGQUIT";
+  }
+  EXPECT_TRUE(value_is(facts, "SigBlk", "0000000000000000"));
+  EXPECT_FALSE(value_is(facts, "session", std::to_string(getsid(0)))) << "the starter's session";
+  for (const std::string& fd : facts.at("fd")) {
+    EXPECT_GT(3, std::stoi(fd)) << fd;
+  }
+}
+
+TEST_F(Domains, ProgramsOfADomainInheritNeitherFilesNorSignalsOfItsStarter) {
+  service_script("");
+  ASSERT_TRUE(exited_with(run({"sh", "-c", kBadStarter + Daemon::binary() + " -c 1"}), 0));
+  expect_clean_start(facts_of(1));
+}
+
+TEST_F(Domains, AProgramOfTheDeviceThatCreatesADomainHandsItNothingEither) {
+  service_script("");
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGTERM, SIG_IGN);
+    sigset_t blocked;
+    sigfillset(&blocked);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    const sched_param real_time = {7};
+    const bool ready = dup2(STDIN_FILENO, 700) == 700 && sched_setscheduler(0, SCHED_FIFO, &real_time) == 0;
+    _exit(ready && create_vsd(6) == 0 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(exited_with(status, 0));
+  expect_clean_start(facts_of(6));
+  EXPECT_TRUE(value_is(facts_of(6), "policy", "0")) << "at real-time priority it could starve the device";
+}
+
 TEST_F(Domains, SecondDataDiskHasItsPartOfADomain) {
   make_dirs("/data2/.ovix/vsd");
   make_dirs("/data2/var/run/vsd");
@@ -204,11 +250,30 @@ TEST_F(Domains, CreateGoesOnWithTheNextDomainWhenOneFails) {
   EXPECT_TRUE(console_says("]create_vsd: open fail: Not a directory\n"));
 }
 
-TEST_F(Domains, CreateWithoutTheDeviceDirectoriesStartsNothing) {
+TEST_F(Domains, CreateBeforeTheFirstStartOfTheDaemonMakesWhatItNeeds) {
+  service_script("");
+  for (const char* path :
+       {"/qx_cfg", "/ovix", "/data/.ovix", "/data/var", "/etc/vsd", "/tmp/vsd", "/tmp/wex"}) {
+    remove_tree(path);
+  }
+  make_dirs("/data2");
+  ASSERT_EQ(0, chmod("/data2", 0755));
+  ASSERT_TRUE(exited_with(wex({"-c", "1"}), 0));
+  expect_in_domain(facts_of(1), 1);
+  for (const char* path : {"/qx_cfg", "/qx_cfg/vsd", "/ovix/vsd", "/data/.ovix", "/data/var/run", "/etc/vsd",
+                           "/tmp/vsd", "/data2/.ovix/vsd", "/data2/var/run/vsd/1"}) {
+    EXPECT_EQ(0777u, mode_of(path)) << path << ", as the daemon makes it";
+  }
+  EXPECT_EQ(0755u, mode_of("/data2")) << "what is there keeps its mode";
+}
+
+TEST_F(Domains, CreateWithoutAPlaceForItsDirectoriesStartsNothingAndSaysSo) {
   script("10trace", "echo $TMPDIR >> /data/trace");
   remove_tree("/tmp/vsd");
+  write_file("/tmp/vsd", "in the way");
   EXPECT_TRUE(exited_with(wex({"-c", "2"}), 0));
   EXPECT_FALSE(exists("/data/trace"));
+  EXPECT_TRUE(console_says("]create_vsd: open fail: Not a directory\n"));
 }
 
 TEST_F(Domains, CreateWaitsForSlowScriptsAlsoWhenItsStarterIgnoresChildren) {
@@ -314,6 +379,24 @@ TEST_F(AddProgram, StartsItInTheDomainAndMarksIt) {
   EXPECT_FALSE(exists("/data2/.ovix/vsd/6"));
 }
 
+TEST_F(AddProgram, InheritsNeitherFilesNorSignalsOfTheStarter) {
+  make_dirs("/tmp/vsd/6");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  run({"sh", "-c", kBadStarter + Daemon::binary() + " add wex_app 6"});
+  expect_clean_start(facts_of(6));
+  daemon.stop();
+}
+
+// The platform may hide or bring the programs of a domain: what counts is what the child sees.
+TEST_F(AddProgram, IsLookedForInTheDomainsEnvironment) {
+  device_work = [] { rename("/sbin/wex_hidden", "/sbin/wex_app"); };
+  ASSERT_EQ(0, rename("/sbin/wex_app", "/sbin/wex_hidden"));
+  EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
+  reap_children();
+  expect_in_domain(facts_of(6), 6);
+}
+
 TEST_F(AddProgram, GivesItNoArgumentsButItsOwnName) {
   write_file("/sbin/wex_app", "#!/bin/sh\necho \"$0 $#\" > /data/trace\n", 0755);
   EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
@@ -356,6 +439,33 @@ TEST_F(AddProgram, FailsInTheChildWhenItsMarkerCannotBeMade) {
   int status = 0;
   EXPECT_LT(0, wait(&status));
   EXPECT_TRUE(exited_with(status, 1));
+}
+
+// A domain whose group is refused is started all the same, and nothing claims the opposite.
+TEST_F(AddProgram, AndCreateGoOnWhenTheGroupIsRefused) {
+  service_script("");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0, run_failing({"setgroups:error=EPERM"}, [] { return create_vsd(6); }));
+  EXPECT_TRUE(value_is(facts_of(6), "cwd", "/data/var/run/vsd/6"));
+  EXPECT_FALSE(value_is(facts_of(6), "group", "3600"));
+  remove_tree("/data/facts.6");
+  EXPECT_EQ(0, run_failing({"setgroups:error=EPERM"}, [] { return create_proc_to_vsd("wex_app", 6); }));
+  EXPECT_TRUE(value_is(facts_of(6), "cwd", "/data/var/run/vsd/6"));
+  EXPECT_EQ(std::string::npos, testing::internal::GetCapturedStdout().find("Setgroups success"));
+}
+
+TEST_F(AddProgram, ThatCannotBeForkedLeavesNoMarker) {
+  device_work = [] {  // in the child, so that only its own fork fails
+    constexpr unsigned kFork = CLONE_CHILD_CLEARTID | CLONE_CHILD_SETTID | SIGCHLD;
+    EXPECT_TRUE(refuse_call(SYS_clone, 0, kFork, EAGAIN));
+  };
+  EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
+  int status = 0;
+  ASSERT_LT(0, wait(&status));
+  EXPECT_TRUE(exited_with(status, 0));
+  EXPECT_TRUE(exists("/tmp/vsd/6/wex")) << "it got as far as its directories";
+  EXPECT_TRUE(list_dir("/tmp/vsd/6/wex").empty());
+  EXPECT_TRUE(processes_of(6).empty());
 }
 
 TEST_F(AddProgram, FailsInTheChildWithoutARunDirectory) {

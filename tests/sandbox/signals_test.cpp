@@ -1,6 +1,7 @@
 // What signals do to the running daemon, and that nobody who dies under it stays a zombie.
 #include <signal.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <memory>
 
@@ -45,6 +46,24 @@ TEST_F(Signals, AllAreIgnoredButThreeAndNoneIsBlockedInAnyThread) {
     EXPECT_EQ(bit(SIGALRM) | bit(SIGCHLD), mask_of(tid, "SigCgt") & ~(bit(32) | bit(33)));
     EXPECT_EQ(0u, mask_of(tid, "SigBlk")) << read_file(tasks + "/" + task + "/comm");
   }
+}
+
+// A starter that takes signals from a descriptor blocks them, and may forget to unblock them.
+TEST_F(Signals, OfAStarterThatBlockedThemReachTheDaemonAllTheSame) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_by({"env", "--block-signal=ALRM,CHLD,INT,HUP,USR1"}));
+  const std::string tasks = "/proc/" + std::to_string(daemon.pid()) + "/task";
+  const auto none_blocked = [&] {  // a thread that is just being made has all blocked
+    const auto all = list_dir(tasks);
+    return std::all_of(all.begin(), all.end(), [](const std::string& task) {
+      return mask_of(static_cast<pid_t>(std::stol(task)), "SigBlk") == 0;
+    });
+  };
+  EXPECT_TRUE(eventually(none_blocked, 20s));
+  Service service("unblocked");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(service.ends_and_comes_back()) << "its death was not reaped";
+  EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
 }
 
 TEST_P(HarmlessSignal, DoesNothingToTheDaemon) {

@@ -339,6 +339,18 @@ TEST_F(StartUp, AbortsWhenTheLimitCannotBeSet) {
   EXPECT_FALSE(exists("/qx_cfg/vsd"));
 }
 
+// No kernel gives an unlimited number of files, nor takes it.
+TEST_F(StartUp, AnUnlimitedLimitIsPrintedAsMinusOne) {
+  const int setting = number_of_setting_call();
+  mark_console();
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=prlimit64:poke_exit=@arg4=" + std::string(32, 'f') + ":when=" + text(setting - 1)}));
+  EXPECT_TRUE(ended_by(daemon.wait(15s), SIGABRT));
+  EXPECT_TRUE(console_says("]Origin ulimit cur -1, max -1\r\n"));
+  EXPECT_TRUE(console_says("[WEX]ULIMIT: Set ulimit error.\r\n"));
+}
+
 TEST_F(StartUp, AbortsWhenTheLimitCannotBeRead) {
   const int setting = number_of_setting_call();
   mark_console();

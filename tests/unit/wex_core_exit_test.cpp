@@ -1,5 +1,7 @@
 // The exit handler's decisions, on a registry that the test fills.
+#include "failing_calls.h"
 #include "parked_world.h"
+#include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_signals.h"
 
@@ -183,8 +185,7 @@ TEST_F(Exit, OfAChildIsStillKnownWhenManyOthersLiveUnfound) {
   EXPECT_NE(old_pid, rec->pid);
 }
 
-// ---- Twins
-// -------------------------------------------------------------------------------------------------
+// ---- Twins ------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -305,4 +306,31 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
   EXPECT_EQ(0, wex_chains.count);
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a second instance, outside of the domain";
   EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
+}
+
+// A thread that saw the marker and is slow to say so, and another that looks when the marker is gone: the log
+// ends with what holds.
+TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
+  EXPECT_EQ(
+      0, wex_test::run_failing({"write:delay_enter=1000000:when=1"}, [] {  // the diagnostic, before the log
+        g_wex_dbg_level[WEX_DBG_PUB] = 0;
+        write_file("/tmp/first", "x");  // of each thread the first is slow: this one has had it
+        EXPECT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
+        std::string log;
+        for (int round = 0; round < 20 && log.find("exists") == std::string::npos; ++round) {
+          unlink(kRunningLog1);
+          write_file("/tmp/vsd/3/delete_vsd", "");
+          std::thread slow([] { wex_take_down_under_way(); });
+          std::this_thread::sleep_for(
+              std::chrono::milliseconds(300));  // or it saw nothing, and there is another round
+          unlink("/tmp/vsd/3/delete_vsd");
+          wex_take_down_under_way();
+          slow.join();
+          log = contents(kRunningLog1);
+        }
+        const size_t exists = log.find("/tmp/vsd/3/delete_vsd exists, exited processes are not restarted.");
+        EXPECT_NE(std::string::npos, exists) << log;
+        EXPECT_LT(exists, log.find("No domain is taken down any more")) << log;
+        return 0;
+      }));
 }

@@ -1,6 +1,8 @@
 // The watchdog's scan, one after the other without the minute between them, on real processes and threads:
 // counting, aborting, dumps, and the thread itself.
+#include <algorithm>
 #include "failing_calls.h"
+
 #include "watchdog_world.h"
 
 using namespace watchdog;
@@ -117,6 +119,27 @@ TEST_F(Watchdog, OneReportInTheLastMomentRestoresTheFullCount) {
     EXPECT_TRUE(program.running());
     daemon.scans(1);
     EXPECT_TRUE(program.aborted());
+  });
+}
+
+// Its reports do nothing from then on, so it is counted down like a silent one.
+TEST_F(Watchdog, ARegisteredThreadThatIsListedAsExemptIsAbortedThoughItReports) {
+  in_child([] {
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, kShort);
+    program.report(0);
+    daemon.scans(1);
+    write_file(kExemptThreads, std::to_string(program.pid()) + "\n");
+    for (int scan = 0; scan < 9; ++scan) {
+      program.report(0);
+      daemon.scans(1);
+    }
+    EXPECT_TRUE(program.running());
+    program.report(0);
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+    EXPECT_EQ(1U, hangs_logged());
   });
 }
 
@@ -271,22 +294,68 @@ TEST_F(Watchdog, AProcessThatIgnoresTheAbortIsAbortedAndLoggedAtEveryScanUntilIt
   });
 }
 
-TEST_F(Watchdog, AHungProcessCanStandInTheWayOfAllBehindIt) {
+// In bucket order, and from the beginning again behind the last; whoever died or reported is left out.
+TEST_F(Watchdog, ThreadsOfProcessesThatIgnoreTheAbortTakeTurns) {
+  in_child([] {
+    std::vector<std::unique_ptr<service>> programs;
+    for (int i = 0; i < 3; ++i) {
+      programs.push_back(std::make_unique<service>(1, true));
+    }
+    auto mortal = std::make_unique<service>(1);
+    const daemon_side daemon;
+    for (const auto& program : programs) {
+      daemon.start(*program, 0, {5, 0, 120, 0});
+    }
+    daemon.start(*mortal, 0, {5, 0, 120, 0});
+    std::vector<int32_t> order;
+    {
+      const chain_lock hold(wex_alive_chains);
+      record_walk walk(wex_alive_chains);
+      while (const wex_pid* const rec = walk.next()) {
+        order.push_back(rec->pid);
+      }
+    }
+    const auto aborted = [&] {
+      const std::string text = daemon.scan();
+      EXPECT_EQ(1U, occurrences(text, "send SIGABRT")) << "one a minute";
+      const size_t at = text.find("send SIGABRT to ppid (");
+      return at == std::string::npos ? 0 : std::stoi(text.substr(at + strlen("send SIGABRT to ppid (")));
+    };
+    for (const int32_t next : order) {
+      EXPECT_EQ(next, aborted());
+      if (next == mortal->pid()) {
+        EXPECT_TRUE(mortal->aborted());
+      }
+    }
+    order.erase(std::find(order.begin(), order.end(), mortal->pid()));
+    for (int round = 0; round < 2; ++round) {
+      for (const int32_t next : order) {
+        EXPECT_EQ(next, aborted()) << "round " << round;
+      }
+    }
+    EXPECT_EQ(10U, hangs_logged());
+  });
+}
+
+TEST_F(Watchdog, AfterAScanWithoutAHangTheFirstIsServedFirstAgain) {
   in_child([] {
     service one(1, true);
     service two(1, true);
     const daemon_side daemon;
     daemon.start(one, 0, {5, 0, 120, 0});
     daemon.start(two, 0, {5, 0, 120, 0});
-    const bool same = wex_hash_pid(one.pid()) == wex_hash_pid(two.pid());
-    const bool one_first = !same && wex_hash_pid(one.pid()) < wex_hash_pid(two.pid());
-    const int32_t first = one_first ? one.pid() : two.pid();
-    std::string text;
-    for (int scan = 0; scan < 4; ++scan) {
-      text += daemon.scan();
-    }
-    EXPECT_EQ(4U, occurrences(text, "send SIGABRT"));
-    EXPECT_EQ(4U, occurrences(text, numbers("send SIGABRT to ppid (%d)\n", first)));
+    const std::string first = daemon.scan();
+    one.report(0);
+    two.report(0);
+    EXPECT_EQ(0U, occurrences(daemon.scan(), "send SIGABRT"));
+    daemon.reset(one, 0, {5, 0, 120, 0});
+    daemon.reset(two, 0, {5, 0, 120, 0});
+    const std::string again = daemon.scan();
+    const auto target = [](const std::string& text) {
+      const size_t at = text.find("send SIGABRT");
+      return text.substr(at, text.find('\n', at) - at);
+    };
+    EXPECT_EQ(target(first), target(again));
   });
 }
 

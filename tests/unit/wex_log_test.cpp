@@ -5,6 +5,8 @@
 #include <sys/prctl.h>
 #include <utime.h>
 
+#include <utility>
+
 #include "failing_calls.h"
 #include "unit_support.h"
 #include "wex_limits.h"
@@ -82,8 +84,13 @@ class Reboot : public Sandboxed {
 
 }  // namespace
 
+std::function<void()> slow_disk;  // what the disk does first, once
+
 extern "C" int __real_fsync(int fd);
 extern "C" int __wrap_fsync(int fd) {
+  if (slow_disk) {
+    std::exchange(slow_disk, nullptr)();
+  }
   char path[256] = {};
   struct stat status = {};
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
@@ -201,6 +208,18 @@ TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
   EXPECT_EQ("", output_of([] { wex_running_log("f\n"); }));
   EXPECT_FALSE(exists(kRunningLog2));
   unlink(kRunningLog1);
+}
+
+// A thread at real-time priority must not wait for the disk of one that is not.
+TEST_F(RunningLog, OthersWriteWhileOneWaitsForTheDisk) {
+  slow_disk = [] {
+    std::thread other([] { wex_running_log("second\n"); });
+    EXPECT_TRUE(eventually([] { return contents(kRunningLog1).find(": second\n") != std::string::npos; },
+                           milliseconds(20000)));
+    other.detach();  // an older kind would wait for this very thread
+  };
+  wex_running_log("first\n");
+  EXPECT_LT(contents(kRunningLog1).find(": first\n"), contents(kRunningLog1).find(": second\n"));
 }
 
 TEST_F(RunningLog, EntriesOfManyThreadsStayWhole) {

@@ -3,6 +3,7 @@
 #include "wex_sys_alive.h"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include "failing_calls.h"
 #include "unit_support.h"
@@ -69,7 +70,7 @@ TEST_F(AliveTable, ARegistrationThatCannotBeWrittenKeepsSilenceFromCounting) {
     write_file("/dev/shm/filler", std::string(49152, 'x'));
     EXPECT_EQ(0, wex_sys_init_alive_info(1));
     wex_sys_reg_alive_info(150000);
-    EXPECT_EQ(0, wex_alive_read_bit(150000));
+    EXPECT_NE(1, wex_alive_read_bit(150000));
     EXPECT_FALSE(wex_alive_table_intact());
     EXPECT_TRUE(wex_alive_table_intact()) << "nothing failed since";
     ASSERT_EQ(0, unlink("/dev/shm/filler"));
@@ -351,6 +352,59 @@ TEST_F(AliveTable, TheDaemonSeesAReportOfAnotherProcess) {
     EXPECT_EQ(9u, wex_sys_get_alive_seq(4242));
     EXPECT_EQ(9, g_wex_alive_info.base[20513 + 4242]);
   });
+}
+
+// Where caches know memory by its virtual address, the file may not show yet what clients have stored.
+TEST_F(AliveTable, TheDaemonReadsAndWritesTheMappingAndNotTheFile) {
+  in_child([] {
+    ASSERT_EQ(0, wex_sys_init_alive_info(1));
+    uint8_t* const shared = g_wex_alive_info.base;
+    std::vector<uint8_t> elsewhere(188416, 0);  // what it reads and writes there it does through the pointer
+    g_wex_alive_info.base = elsewhere.data();
+    EXPECT_EQ(0, wex_sys_reg_alive_info(4242));
+    EXPECT_EQ(1, elsewhere[20513 + 4242]);
+    EXPECT_EQ(1 << (4242 % 8), elsewhere[32 + 4242 / 8]);
+    elsewhere[20513 + 4242] = 9;
+    EXPECT_EQ(9U, wex_sys_get_alive_seq(4242));
+    EXPECT_EQ(9, wex_alive_read_seq(4242));
+    EXPECT_EQ(1, wex_alive_read_bit(4242));
+    EXPECT_EQ(0, wex_sys_unreg_alive_info(4242));
+    EXPECT_EQ(0, elsewhere[20513 + 4242]);
+    EXPECT_EQ(0, shared[20513 + 4242]);
+  });
+}
+
+TEST_F(AliveTable, WithoutAPipeTheDaemonSaysSoAndTriesAgain) {
+  in_child([] {
+    rlimit few = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &few));
+    const rlimit none = {static_cast<rlim_t>(dup(STDIN_FILENO)), few.rlim_max};  // the next one is too many
+    ASSERT_EQ(0, close(static_cast<int>(none.rlim_cur)));
+    set_levels(WEX_DBG_SILENT, 0);
+    EXPECT_EQ("[WEX:wex_sys_alive:N]pipe err(path:/UTILS-wex-shm-001, err:24)!\r\n", lines_of([&] {
+                ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+                EXPECT_EQ(-1, wex_sys_init_alive_info(1));
+                ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+              }));
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+  });
+}
+
+TEST_F(AliveTable, AChildForkedWhileAnotherThreadMapsTheTableMapsItForItself) {
+  EXPECT_EQ(0, wex_test::run_failing({"fchmod:delay_enter=1000000:when=1"}, [] {
+              std::thread slow([] { EXPECT_EQ(0, wex_sys_init_alive_info(0)); });
+              EXPECT_TRUE(eventually(
+                  [] { return __atomic_load_n(&g_wex_alive_info.memory.addr, __ATOMIC_RELAXED) != nullptr; },
+                  milliseconds(20000)));
+              const pid_t child = fork();
+              if (child == 0) {
+                alarm(30);  // or the mutex is waited for until the end of the test
+                _exit(wex_sys_init_alive_info(0) == 0 && g_wex_alive_info.base != nullptr ? 0 : 1);
+              }
+              slow.join();
+              int status = -1;
+              return waitpid(child, &status, 0) == child && status == 0 ? 0 : 1;
+            }));
 }
 
 TEST_F(AliveTable, CallsBeforeMappingDoNotCrash) {

@@ -571,6 +571,14 @@ TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
 }
 
 // ---- Failures ---------------------------------------------------------------------------------------------
+TEST_F(Utils, CommandLineOnADeviceWithoutProcIsNull) {
+  in_child([] {
+    ASSERT_EQ(0, chroot("/tmp"));
+    char buffer[8] = "before";
+    EXPECT_EQ(nullptr, pid_to_cmdline(getpid(), buffer, sizeof(buffer)));
+    EXPECT_STREQ("", buffer);
+  });
+}
 
 TEST_F(Utils, WhateverFailsIsToldByTheResultAlone) {
   set_levels(0, 0);

@@ -38,6 +38,19 @@ TEST_F(ControlGroups, AreCreatedAndTakeInTheMarkedProcesses) {
   EXPECT_STREQ("/", getcwd(cwd, sizeof cwd));
 }
 
+TEST_F(ControlGroups, AreMadeAndFilledWithoutALineWhenNothingFails) {
+  rmdir(path_of(kMemoryGroupFmt, 9).c_str());
+  rmdir(path_of(kCpuGroupFmt, 9).c_str());
+  make_marker_dir(9);
+  process member({3900});
+  mark(9, member.pid());
+  EXPECT_EQ("", printed_by([] {
+              errno = 0;  // what is left of an earlier failure would be told, too
+              EXPECT_EQ(0, set_cgroups_all(9));
+            }));
+  EXPECT_EQ((std::set<std::string>{std::to_string(member.pid())}), tasks_of(kMemoryTasksFmt, 9));
+}
+
 TEST_F(ControlGroups, AreLeftOutWithoutAMarkerDirectory) {
   const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos,
@@ -296,6 +309,14 @@ TEST_F(Memory, OfALibraryMappingDoesNotCount) {
   EXPECT_EQ(1123u, counters[4]);
 }
 
+TEST_F(Memory, IsConvertedAndAddedIn64Bits) {
+  write_text("/tmp/smaps", "Rss: 5000000000 kB\nRss: 2147483648 kB\nRss: 1 kB\n");
+  uint64_t counters[16] = {};
+  counters[2] = 7000000000;
+  EXPECT_EQ(0, get_vsd_mem("/tmp/smaps", 2, counters));
+  EXPECT_EQ(14147483649u, counters[2]);
+}
+
 TEST_F(Memory, CountsNegativeDomainsAsTheMainSystemAndOthersNotAtAll) {
   write_text("/tmp/smaps", "Rss: 7 kB\n");
   uint64_t counters[17] = {};
@@ -488,6 +509,27 @@ TEST_F(BareRoot, MeasurementBeginsAnewEachTimeAndTakesItsTime) {
     }
     return true;
   });
+}
+
+TEST_F(BareRoot, DomainThatUsesExactlyItsLimitIsNotOverIt) {
+  for (const char* pid : {"4194305", "4194306"}) {
+    put_process(pid, "Groups:\t4300\n");
+    write_text(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
+  }
+  make_dirs("/bare/tmp/vsd/13");
+  make_dirs("/bare/memory/vsd_13");
+  const struct {
+    const char* bytes;
+    uint64_t use;
+    const char* printed;
+  } rows[] = {
+      {"14336", 14, ""},
+      {"14335", 13, "[WEX:wex_vsd:N]find_max_rss: open dir fail: No such file or directory\n"},
+  };
+  for (const auto& row : rows) {
+    write_text("/bare/memory/vsd_13/memory.limit_in_bytes", row.bytes);
+    EXPECT_EQ(row.printed, printed_inside([&] { return set_vsd_mem() == 0 && vsd_use_mem(13) == row.use; }));
+  }
 }
 
 TEST_F(BareRoot, MeasurementTellsOfAProcessItCannotReadAndGoesOn) {

@@ -235,6 +235,26 @@ TEST_F(RemovalOfDomains, EachOperationRemovesItsOwnDirectoriesOnly) {
   EXPECT_EQ(5u, left(13).size());
 }
 
+TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
+  make_dirs("/etc/vsd/13/busy");
+  make_dirs("/ovix/vsd/0/utils/wex");
+  unlink(kRunningLog1);
+  ASSERT_EQ(0, mount("busy", "/etc/vsd/13/busy", "tmpfs", 0, "")) << strerror(errno);
+  make_marker_dir(13);
+  set_cgroups_all(13);  // their files cannot be unlinked, which is no failure
+  const std::string printed = printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); });
+  EXPECT_TRUE(there("/etc/vsd/13"));
+  EXPECT_FALSE(there("/memory/vsd_13"));
+  EXPECT_EQ(0, umount2("/etc/vsd/13/busy", MNT_DETACH));
+  EXPECT_EQ(0U, printed.find("[WEX:wex_log:N]Fail to remove /etc/vsd/13: ")) << printed;
+  EXPECT_EQ(printed.size() - 1, printed.find('\n')) << "one line: " << printed;
+  const std::string log = text_of(kRunningLog1);
+  EXPECT_NE(std::string::npos, log.find(": Fail to remove /etc/vsd/13: ")) << log;
+  EXPECT_EQ(log.size() - 1, log.find('\n')) << "one line: " << log;
+  EXPECT_EQ("", printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is in the way now";
+  EXPECT_EQ("", printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is there";
+}
+
 TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
   for (const unsigned set : {WEX_REMOVE_RELOAD, WEX_REMOVE_FILES, WEX_REMOVE_STOP, WEX_REMOVE_DELETE}) {
     make_marker_dir(13);

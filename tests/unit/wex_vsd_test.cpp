@@ -167,6 +167,12 @@ TEST_F(BareRoot, AProcessWhoseStatusCannotBeReadIsSkipped) {
   }
 }
 
+TEST_F(BareRoot, EveryLineThatMatchesSelectsAndIsPrinted) {
+  put_process("4194305", "Name:\tGroups:3977\nGroups:\t3977 \n");
+  const std::string line = "[WEX:wex_vsd:N]delete vsd: supplement_id: 3977 pid: 4194305\n";
+  EXPECT_EQ(line + line, printed_inside([] { return kill_proc_by_groups(SIGTERM, 3977) == 0; }));
+}
+
 TEST_F(BareRoot, ProcessZeroIsToldAndNeverSignalled) {
   put_process("0", "Groups:\t3977\n");
   const std::string text = printed_inside([] { return kill_proc_by_groups(0, 3977) == 0; });
@@ -211,9 +217,9 @@ TEST_F(BareRoot, LookIntoSbinIsTheReason) {
 }
 
 TEST_F(BareRoot, CreateStillReturnsZero) {
+  write_text("/bare/tmp", "in the way of the domain's directory");
   const std::string text = printed_inside([] { return create_vsd(13) == 0; });
-  EXPECT_NE(std::string::npos,
-            text.find("[WEX:wex_vsd:N]create_vsd: open fail: No such file or directory\n"));
+  EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: open fail: Not a directory\n"));
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]save_vsdinfo: opendir fail: No such file or directory\n"));
 }
@@ -241,7 +247,9 @@ TEST_F(BareRoot, CreateTellsWhichStepOfTheStartFailed) {
   EXPECT_EQ("create_vsd: read fail: Is a directory", failure());
   ASSERT_EQ(0, rmdir("/bare/proc/uptime"));
   write_text("/bare/proc/uptime", "12.34 5.67\n");
-  EXPECT_EQ("create_vsd: chdir fail: No such file or directory", failure());
+  EXPECT_EQ(0, system("rm -rf /bare/data"));
+  write_text("/bare/data", "in the way of the run directory");
+  EXPECT_EQ("create_vsd: chdir fail: Not a directory", failure());
   EXPECT_EQ("12.34 5.67\n", text_of("/bare/tmp/vsd/13/starttime"));
   ASSERT_EQ(0, mount("none", "/bare/tmp", "tmpfs", 0, "size=4k")) << strerror(errno);
   make_dirs("/bare/tmp/vsd");
@@ -283,6 +291,26 @@ TEST_F(Recording, EndsAtTheFirstMarkerThatCannotBeMade) {
 // ---- Take-down without its processes ----------------------------------------------------------------------
 
 struct TakeDown : World {};
+
+// What makes the second look into /proc fail leaves the marker: the domain's processes may still run.
+TEST_F(BareRoot, ATakeDownWhoseKillFailsKeepsItsMarker) {
+  make_dirs("/bare/tmp/vsd/13");
+  put_process("4194305", "Groups:\t4300\n");
+  std::thread meanwhile([] {
+    EXPECT_TRUE(eventually([] { return there("/bare/tmp/vsd/13/delete_vsd"); }, std::chrono::seconds(20)));
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the first look takes no time
+    EXPECT_EQ(0, rename("/bare/proc", "/bare/proc.away"));
+  });
+  const std::string text = printed_inside([] { return stop_vsd(13) == -ENOENT; });
+  meanwhile.join();
+  EXPECT_NE(std::string::npos, text.find("supplement_id: 4300 pid: 4194305\n")) << text;
+  EXPECT_NE(std::string::npos,
+            text.find("After 5s, Sending vsd: 13 all processes the KILL signal...\n"
+                      "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n"
+                      "[WEX:wex_vsd:N]stop_vsd: ret < 0: No such file or directory\n"))
+      << text;
+  EXPECT_TRUE(there("/bare/tmp/vsd/13/delete_vsd"));
+}
 
 TEST_F(TakeDown, OfADomainThatIsNotThereIsRefusedAtOnce) {
   EXPECT_EQ("", printed_by([] {
