@@ -129,7 +129,7 @@ bool Process::running() {
 
 void Process::send(int signal) {
   if (running()) {
-    kill(pid_, signal);
+    send_signal(pid_, signal);
   }
 }
 
@@ -151,7 +151,7 @@ std::optional<int> Process::wait(milliseconds limit) {
 
 std::optional<int> Process::kill_now() {
   if (running()) {
-    kill(pid_, SIGKILL);
+    send_signal(pid_, SIGKILL);
   }
   const std::optional<int> status = wait();
   if (status.has_value()) {

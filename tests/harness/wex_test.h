@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "send_signal.h"
+
 namespace wex_test {
 
 using namespace std::chrono_literals;

@@ -452,8 +452,8 @@ TEST_F(ProcWorld, AProgramThatRunsIsNotKilledForWhatThePlatformLeftBehind) {
   EXPECT_GE(took, milliseconds(kPlatformTimeLimitMs)) << "the helper did not hold the pipe";
   EXPECT_TRUE(never([&] { return !is_alive(got.result); }, 300ms));
   EXPECT_NE(program_of(getpid()), program_of(got.result));
-  kill(static_cast<pid_t>(atoi(read_file("/tmp/wex/helper").c_str())), SIGKILL);
-  kill(got.result, SIGKILL);
+  wex_test::send_signal(static_cast<pid_t>(atoi(read_file("/tmp/wex/helper").c_str())), SIGKILL);
+  wex_test::send_signal(got.result, SIGKILL);
   EXPECT_EQ(-1, ended(got.result));
 }
 
@@ -595,7 +595,7 @@ TEST_F(ProcWorld, AThirdPartProgramInTheForegroundIsItsOwnPid) {
   EXPECT_GT(got.result, 0);
   EXPECT_EQ(got.result, got.out_pid);
   EXPECT_EQ(sleep + " 4711.5", command_line(got.result));
-  kill(got.result, SIGKILL);
+  wex_test::send_signal(got.result, SIGKILL);
   ended(got.result);
 }
 
