@@ -189,6 +189,12 @@ bool Daemon::start(const std::vector<std::string>& args, const std::vector<std::
   return process_.start(words, env, true) && wait_ready();
 }
 
+bool Daemon::start_below(const std::vector<std::string>& words) {
+  std::vector<std::string> all = words;
+  all.push_back(binary());
+  return process_.start(all, {}, true);
+}
+
 bool Daemon::start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args,
                           const std::vector<std::string>& env) {
   // -D: strace stands beside the daemon, not above it, so that pid and wait status are the daemon's own.

@@ -109,6 +109,9 @@ class Daemon {
   // Starts it with all diagnostics on and waits until it answers. `env` as above.
   bool start(const std::vector<std::string>& args = {}, const std::vector<std::string>& env = {});
 
+  // The same below a program that executes it ("setpriv ..."). Does not wait until it answers.
+  bool start_below(const std::vector<std::string>& words);
+
   // The same below strace: each of `expressions` is one -e argument ("inject=poll:error=EINVAL:when=2",
   // "trace=reboot"), or a path: then only calls that name one count. Does not wait until it answers. What
   // strace saw is in trace().
