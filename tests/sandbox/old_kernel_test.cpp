@@ -8,7 +8,6 @@
 
 using namespace policy;
 using control_client::inheritable_files_of;
-using control_client::open_files_of;
 
 namespace {
 
