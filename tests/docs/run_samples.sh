@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Inside the sandbox: each service registers with the daemon, is killed, and runs again under a new registration.
-# Arguments: the daemon, the program that registers a script, that script, the services.
+# Arguments: the daemon, the program that registers a script, the one that limits domain 1, the scripts, the services.
 set -u
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through samples_test.sh" >&2; exit 1; }
-program=$1 register=$2 scripts=$3
-shift 3
+program=$1 register=$2 limits=$3 scripts=$4
+shift 4
 status=0
 
 within() { local end=$((SECONDS + $1)); shift; until "$@"; do [ "$SECONDS" -ge "$end" ] && return 1; sleep 0.05; done; }
@@ -71,6 +71,19 @@ for script in $scripts; do
   kill -KILL "$old"
   within 15 script_runs "$path" "$old" || { echo "$path does not come back"; status=1; }
 done
+# The program that limits a domain, with a process that has a flag file, where the machine offers the control groups.
+limited() {                                        # PID
+  grep -qx "$1" /memory/vsd_1/tasks && grep -qx "$1" /cpu/vsd_1/tasks &&
+    [ "$(cat /memory/vsd_1/memory.limit_in_bytes)" = 67108864 ] && [ "$(cat /cpu/vsd_1/cpu.shares)" = 512 ]
+} 2> /dev/null
+if [ -e /memory/tasks ] && [ -e /cpu/tasks ]; then
+  sleep 600 & member=$!
+  mkdir -p /tmp/vsd/1/wex && : > "/tmp/vsd/1/wex/$member"
+  "$limits" > /tmp/limits.out & limiter=$!
+  within 10 limited $member || { echo "domain 1 is not limited"; status=1; }
+  kill -KILL $limiter $member
+  { wait $limiter $member; } 2> /dev/null
+fi
 kill -INT $daemon
 wait $daemon
 for service in "$@"; do

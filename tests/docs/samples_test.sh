@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Every fenced sample of the documents: C and C++ compile with warnings as errors, those with a main() link with libwex.so,
-# those that register run under the daemon; shell samples are read by sh. Arguments: libwex.so, wex.
+# those that register run under the daemon, and so does the one that limits a domain; shell samples are read by sh. Programs in
+# manual pages compile, too. Arguments: libwex.so, wex.
 set -u
 . "$(dirname "$0")/lib.sh"
 library=$1 daemon=$2
@@ -18,10 +19,11 @@ for page in "$root/README.md" "$root"/docs/*.md; do
     inside { print > out }' "$page"
 done
 
-# The example of a manual page, as nroff shows it.
-for page in "$root"/docs/man/*.[378]; do
-  awk '/^\.EX/ { inside = 1; next } /^\.EE/ { inside = 0 } inside { gsub(/\\e/, "\\"); gsub(/\\-/, "-"); print }' "$page" > "$work/example"
-  [ -s "$work/example" ] && cp "$work/example" "$samples/$(basename "$page").c"
+for page in "$root"/docs/man/*; do
+  awk -v to="$samples/$(basename "$page" .3)" '
+    /^\.EX/ { inside = 1; out = to "-man-" NR ".c"; next }
+    /^\.EE/ { inside = 0; close(out); next }
+    inside { gsub(/\\e/, "\\"); gsub(/\\-/, "-"); print > out }' "$page"
 done
 
 build() {                                          # SAMPLE: an object, or a program beside it when it has a main()
@@ -35,7 +37,7 @@ build() {                                          # SAMPLE: an object, or a pro
   fi || complain "${sample##*/} does not build"
 }
 
-services=() register='' scripts=() count=0
+services=() register='' limits='' scripts=() count=0
 for sample in "$samples"/*; do
   count=$((count + 1))
   case $sample in
@@ -46,6 +48,8 @@ for sample in "$samples"/*; do
     *)
       build "$sample"
       [ -x "${sample%.*}" ] || continue
+      case $sample in *-man-*) continue ;; esac
+      grep -q 'set_vsd_mem' "$sample" && { limits=${sample%.*}; continue; }
       grep -q 'argv\[1\]' "$sample" && { register=${sample%.*}; continue; }
       grep -qE 'reg_[a-z_]*process_exit_action|WEX_SHELL_RESTART' "$sample" && services+=("${sample%.*}") ;;
   esac
@@ -54,9 +58,10 @@ done
 [ ${#services[@]} -ge 3 ] || complain "only ${#services[@]} services were found"
 
 [ -n "$register" ] && [ ${#scripts[@]} -ge 2 ] || complain "the shell services were not found"
+[ -n "$limits" ] || complain "the program that limits a domain was not found"
 
 [ $failures -gt 0 ] && finish
 cd "$work" || exit 1                               # seen inside, writes vanish
-"$root/tools/sandbox" --leak-check -- bash "$root/tests/docs/run_samples.sh" "$work/wex" "$register" "${scripts[*]}" "${services[@]}" ||
+"$root/tools/sandbox" --leak-check -- bash "$root/tests/docs/run_samples.sh" "$work/wex" "$register" "$limits" "${scripts[*]}" "${services[@]}" ||
   complain "the services of the documents do not run as they say"
 finish

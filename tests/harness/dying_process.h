@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "send_signal.h"
+
 namespace wex_test {
 
 // The first process of a pid namespace cannot end before all others in it have been reaped. One of those has
@@ -37,7 +39,7 @@ class dying_process {
   dying_process& operator=(const dying_process&) = delete;
 
   pid_t pid() const { return pid_; }
-  void begin_to_exit(int signal = SIGKILL) { kill(pid_, signal); }
+  void begin_to_exit(int signal = SIGKILL) { send_signal(pid_, signal); }
   void let_it_end() {
     if (maker_ > 0) {
       close(hold_);
@@ -70,7 +72,7 @@ class dying_process {
     char byte;
     while (read(hold, &byte, 1) > 0) {
     }
-    kill(first, SIGKILL);
+    send_signal(first, SIGKILL);
     waitpid(other, nullptr, 0);
     waitpid(first, nullptr, 0);
     _exit(0);

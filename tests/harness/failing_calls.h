@@ -63,7 +63,7 @@ inline int run_failing(const std::vector<std::string>& injections, const std::fu
   const bool ended =
       strace.start(words) && eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, 60s);
   if (!ended) {
-    kill(child, SIGKILL);
+    send_signal(child, SIGKILL);
     waitpid(child, &status, 0);
   }
   EXPECT_TRUE(ended) << "strace did not attach, or the call did not come back";

@@ -21,6 +21,19 @@ TEST_F(Harness, RebootIsRefusedInsideTheSandbox) {
   EXPECT_EQ(EPERM, errno);
 }
 
+TEST_F(Harness, ANumberThatMeansManyProcessesIsNoAddressee) {
+  static pid_t many;  // the macro runs its statement where no local can be seen
+  for (const pid_t pid : {0, -1, -4711, 1}) {
+    many = pid;
+    EXPECT_NONFATAL_FAILURE(EXPECT_FALSE(send_signal(many, 0)), "is not sent to process");
+    EXPECT_NONFATAL_FAILURE(EXPECT_FALSE(send_group_signal(many, 0)), "is not sent to process group");
+  }
+  Process child;
+  ASSERT_TRUE(child.start({"sleep", "600"}));
+  EXPECT_TRUE(send_signal(child.pid(), SIGUSR1));
+  EXPECT_TRUE(ended_by(child.wait(), SIGUSR1));
+}
+
 TEST_F(Harness, ServiceKilledWithSigkillComesBackUnderAnotherPid) {
   SyslogSink syslog;
   Daemon daemon;

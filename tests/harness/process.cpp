@@ -129,7 +129,7 @@ bool Process::running() {
 
 void Process::send(int signal) {
   if (running()) {
-    kill(pid_, signal);
+    send_signal(pid_, signal);
   }
 }
 
@@ -151,7 +151,7 @@ std::optional<int> Process::wait(milliseconds limit) {
 
 std::optional<int> Process::kill_now() {
   if (running()) {
-    kill(pid_, SIGKILL);
+    send_signal(pid_, SIGKILL);
   }
   const std::optional<int> status = wait();
   if (status.has_value()) {
@@ -190,9 +190,13 @@ bool Daemon::start(const std::vector<std::string>& args, const std::vector<std::
 }
 
 bool Daemon::start_by(const std::vector<std::string>& starter) {
-  std::vector<std::string> words = starter;
-  words.emplace_back(binary());
-  return process_.start(words, {}, true) && wait_ready();
+  return start_below(starter) && wait_ready();
+}
+
+bool Daemon::start_below(const std::vector<std::string>& words) {
+  std::vector<std::string> all = words;
+  all.emplace_back(binary());
+  return process_.start(all, {}, true);
 }
 
 bool Daemon::start_traced(const std::vector<std::string>& expressions, const std::vector<std::string>& args,

@@ -71,10 +71,10 @@ class service {
 
   int pid() const { return pid_; }
   bool ready() const { return ready_; }
-  void kill_only() const { kill(pid_, SIGKILL); }
+  void kill_only() const { wex_test::send_signal(pid_, SIGKILL); }
   void end() {
     if (pid_ > 0 && !ended_) {
-      kill(pid_, SIGKILL);
+      wex_test::send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
       ended_ = true;
     }

@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "send_signal.h"
+
 namespace wex_test {
 
 using namespace std::chrono_literals;
@@ -107,8 +109,10 @@ class Daemon {
   // Starts it with all diagnostics on and waits until it answers. `env` as above.
   bool start(const std::vector<std::string>& args = {}, const std::vector<std::string>& env = {});
 
-  // The same through a starter that becomes the daemon: its words, and the daemon's name behind them.
+  // The same through a starter that becomes the daemon ("setpriv ..."): its words, and the daemon's name behind
+  // them. The second does not wait until it answers.
   bool start_by(const std::vector<std::string>& starter);
+  bool start_below(const std::vector<std::string>& words);
 
   // The same below strace: each of `expressions` is one -e argument ("inject=poll:error=EINVAL:when=2",
   // "trace=reboot"), or a path: then only calls that name one count. Does not wait until it answers. What

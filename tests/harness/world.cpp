@@ -47,7 +47,7 @@ void remove_groups() {
 void end_actors() {
   for (const pid_t pid : processes_inside()) {
     if (program_of(pid) == actor_binary()) {
-      kill(pid, SIGKILL);
+      send_signal(pid, SIGKILL);
       waitpid(pid, nullptr, 0);  // in case the test started it itself; else another parent reaps it
       EXPECT_TRUE(eventually([pid] { return !is_alive(pid); })) << "actor " << pid << " does not end";
     }
@@ -73,7 +73,7 @@ void expect_nobody_new(const std::set<pid_t>& before) {
       1s);
   for (const pid_t pid : extra) {
     ADD_FAILURE() << "a process outlived the test: " << tell(pid);
-    kill(pid, SIGKILL);
+    send_signal(pid, SIGKILL);
   }
 }
 

@@ -94,7 +94,7 @@ TEST_F(ControlChannel, ARegistrationBringsTheProgramBackAndACancellationDoesNot)
   const pid_t second = wait_for_actor(options, first);
   ASSERT_GT(second, 0);
   ASSERT_EQ(0, in_child([&] { return wex_cancel_proc(second); }));
-  kill(second, SIGKILL);
+  send_signal(second, SIGKILL);
   EXPECT_TRUE(
       never([&] { return !pids_with_command(actor_command(options)).empty() && !is_alive(second); }, 1s));
 }

@@ -38,7 +38,7 @@ class Postponed : public WexWorld {
   }
 
   void end(pid_t pid, int signal = SIGKILL) {
-    kill(pid, signal);
+    send_signal(pid, signal);
     for (const auto& process : processes_) {
       if (process->pid() == pid) {
         process->wait();
@@ -147,6 +147,6 @@ TEST_F(Postponed, WhatWaitedIsSupervisedAsBefore) {
   holder.let_go();
   const pid_t second = wait_for_actor(options("after"), pid);
   ASSERT_NE(0, second);
-  kill(second, SIGKILL);
+  send_signal(second, SIGKILL);
   EXPECT_NE(0, wait_for_actor(options("after"), second));
 }

@@ -339,7 +339,7 @@ TEST_F(Domains, WithoutAForkNothingIsStartedAndTheCallersGoOn) {
   EXPECT_TRUE(exists("/tmp/vsd/6/wex/" + std::to_string(member)));
   EXPECT_FALSE(exists(kDeviceCalls)) << "somebody entered the domain";
   EXPECT_FALSE(exists("/tmp/vsd/6/starttime"));
-  kill(member, SIGKILL);
+  send_signal(member, SIGKILL);
   EXPECT_EQ(member, waitpid(member, nullptr, 0));
 }
 
@@ -570,7 +570,7 @@ TEST_F(Domains, SupervisedProgramComesBackInItsDomain) {
   };
   ASSERT_TRUE(eventually([&] { return registered(before[0]); }));
   remove_tree("/data/facts.6");
-  kill(before[0], SIGKILL);
+  send_signal(before[0], SIGKILL);
   ASSERT_TRUE(eventually([&] { return exists("/data/facts.6"); })) << read_console();
   const Facts facts = facts_of(6);
   expect_in_domain(facts, 6);

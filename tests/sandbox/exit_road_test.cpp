@@ -187,7 +187,7 @@ TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
     const pid_t next = wait_for_actor(kService, pid);
     ASSERT_GT(next, 0) << read_console();
     ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
-    kill(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
+    send_signal(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
     pid = next;
   }
   EXPECT_GT(wait_for_actor(kService, pid), 0);
@@ -366,7 +366,7 @@ TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   const pid_t again = restarted(&first);
   ASSERT_GT(again, 0);
   ASSERT_TRUE(start_service(&twin));
-  kill(again, SIGKILL);
+  send_signal(again, SIGKILL);
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> pid " + text(twin.pid()) + " alive, del " +
                            text(again) + "\n"))
       << read_console();
@@ -388,12 +388,12 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
     ASSERT_GT(again, 0);
     ASSERT_TRUE(start_service(&twin));
     const pid_t twin_pid = twin.pid();
-    kill(daemon.pid(), SIGSTOP);
-    kill(restarted_first ? again : twin_pid, SIGKILL);
+    send_signal(daemon.pid(), SIGSTOP);
+    send_signal(restarted_first ? again : twin_pid, SIGKILL);
     ASSERT_TRUE(eventually([&] { return !is_alive(restarted_first ? again : twin_pid); }));
-    kill(restarted_first ? twin_pid : again, SIGKILL);
+    send_signal(restarted_first ? twin_pid : again, SIGKILL);
     ASSERT_TRUE(eventually([&] { return !is_alive(again) && !is_alive(twin_pid); }));
-    kill(daemon.pid(), SIGCONT);
+    send_signal(daemon.pid(), SIGCONT);
     twin.wait();
     const pid_t one = wait_for_actor(kService);
     EXPECT_GT(one, 0) << read_console();
@@ -401,7 +401,7 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
         << "there are two, or none";
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir) == texts{"actor." + text(one)}; }));
     daemon.kill_now();
-    kill(one, SIGKILL);
+    send_signal(one, SIGKILL);
     clean_world();
     write_file("/data/.ovix/vsd/0/qx_utils/qx_utils_dbg_cfg.txt", "g_wex_pub_dbg_level 0\n");
   }
@@ -547,7 +547,7 @@ TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   const pid_t old_pid = service.pid();
-  kill(daemon.pid(), SIGSTOP);
+  send_signal(daemon.pid(), SIGSTOP);
   for (int i = 0; i < 7000; ++i) {
     const pid_t child = vfork();
     if (child == 0) {
@@ -556,7 +556,7 @@ TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
     ASSERT_EQ(child, waitpid(child, nullptr, 0));
   }
   service.kill_now();
-  kill(daemon.pid(), SIGCONT);
+  send_signal(daemon.pid(), SIGCONT);
   EXPECT_GT(wait_for_actor(options, old_pid, 25s), 0) << read_console().substr(0, 4000);
   EXPECT_TRUE(console_says("]wex_process_netlink: netlink recvfrom fail: No buffer space available\n"));
   EXPECT_TRUE(console_says(" exit of pid " + text(old_pid) + " was lost\n"));
@@ -599,7 +599,7 @@ TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
                          "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
-  kill(daemon.pid(), SIGSTOP);
+  send_signal(daemon.pid(), SIGSTOP);
   for (int i = 0; i < 3000; ++i) {
     const pid_t child = vfork();
     if (child == 0) {
@@ -609,7 +609,7 @@ TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
   }
   service.send(SIGTERM);  // stopped on purpose: a made-up exit code would start it again
   service.wait();
-  kill(daemon.pid(), SIGCONT);
+  send_signal(daemon.pid(), SIGCONT);
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }, 15s)) << read_console().substr(0, 4000);
   EXPECT_TRUE(never([] { return starts("/tmp/wex/starts") != 1; }, 3500ms));
   daemon.stop();
@@ -653,7 +653,7 @@ TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
     const pid_t next = wait_for_actor(kService, pid);
     ASSERT_GT(next, 0);
     ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
-    kill(next, SIGKILL);
+    send_signal(next, SIGKILL);
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;
   }

@@ -114,7 +114,7 @@ TEST_F(MainRoad, TheSameServiceIsRestartedAgainAndAgainUnderEachNewPid) {
     EXPECT_TRUE(console_says(text(life - 1) + " times and new id"));
     EXPECT_TRUE(eventually([&] { return db_files() == words{db_file(next)}; }));
     pid = next;
-    kill(pid, SIGKILL);
+    send_signal(pid, SIGKILL);
   }
   EXPECT_GT(reborn(kService, pid), 0);
   daemon.stop();
@@ -279,7 +279,7 @@ TEST_F(MainRoad, WhatDiedWhileThereWasNoDaemonIsStartedAgainOnce) {
   EXPECT_TRUE(console_says("]pid (" + text(next) + ") restart ret = " + text(next) + "\n"));
   EXPECT_TRUE(eventually([&] { return db_files() == words{db_file(next)}; }));
   EXPECT_TRUE(never([&] { return lines_of(read_file("/tmp/starts")).size() != 2; }, 4s)) << "started twice";
-  kill(next, SIGKILL);
+  send_signal(next, SIGKILL);
   EXPECT_GT(reborn(options, next), 0) << "not supervised after the rebuild: " << read_console();
   daemon.stop();
 }
@@ -339,7 +339,7 @@ TEST_F(MainRoad, HundredServicesKilledAtOnceAllComeBackExactlyOnce) {
       },
       20s));
   for (Process& service : services) {
-    kill(service.pid(), SIGKILL);
+    send_signal(service.pid(), SIGKILL);
   }
   int back = 0;
   EXPECT_TRUE(eventually(

@@ -109,7 +109,7 @@ TEST_F(Registry, LivingServicesAreKeptAndDeadOnesRunAgainInAllSixteenDomains) {
     if (services[at].running()) {
       services[at].kill_now();
     } else {
-      kill(pids[at], SIGKILL);
+      send_signal(pids[at], SIGKILL);
     }
     EXPECT_GT(wait_for_actor(service_of(domain), pids[at]), 0) << "domain " << domain << "\n"
                                                                << read_console();
@@ -134,7 +134,7 @@ TEST_F(Registry, ServiceSurvivesADaemonThatIsKilledAgainAndAgain) {
     ASSERT_TRUE(is_ready(0, pid));
     EXPECT_EQ(words{"actor." + text(pid)}, list_dir(db_dir(0)));
     daemon.kill_now();
-    life == 0 ? static_cast<void>(service.kill_now()) : static_cast<void>(kill(pid, SIGKILL));
+    life == 0 ? static_cast<void>(service.kill_now()) : static_cast<void>(send_signal(pid, SIGKILL));
     ASSERT_TRUE(eventually([&] { return !is_alive(pid); }));
   }
 }

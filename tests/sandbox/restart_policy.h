@@ -68,7 +68,7 @@ class Service {
   }
 
   void end(int signal = SIGKILL) {
-    kill(pid_, signal);
+    send_signal(pid_, signal);
     if (pid_ == first_.pid()) {
       first_.wait();  // or it would stay a zombie, for it is ours
     }
@@ -141,7 +141,7 @@ class Holder {
 
   void let_go() {
     if (pid_ > 0) {
-      kill(pid_, SIGKILL);
+      send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
       pid_ = 0;
     }

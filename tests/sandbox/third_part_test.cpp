@@ -110,7 +110,7 @@ class ThirdPart : public WexWorld {
     by_hand_.kill_now();
     for (const pid_t pid : processes_inside()) {
       if (program_of(pid).rfind(kApps, 0) == 0) {
-        kill(pid, SIGKILL);
+        send_signal(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
       }
     }
@@ -201,7 +201,7 @@ TEST_F(ThirdPart, AListedProgramStartedByHandIsRegisteredAndRestarted) {
   EXPECT_FALSE(exists(db_file("plain", first)));
   EXPECT_TRUE(eventually([&] { return exists(db_file("plain", second)); }))
       << "its exec event makes the new file";
-  kill(second, SIGKILL);
+  send_signal(second, SIGKILL);
   const pid_t third = wait_for(app, second);
   EXPECT_NE(0, third) << "it stays supervised";
   EXPECT_TRUE(eventually([&] { return exists(db_file("plain", third)); }));
@@ -257,7 +257,7 @@ TEST_F(ThirdPart, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
   pid_t now = settled(app, first);
   ASSERT_NE(0, now);
   for (int life = 1; life <= 2; ++life) {
-    kill(now, SIGKILL);
+    send_signal(now, SIGKILL);
     now = settled(app, now);
     ASSERT_NE(0, now) << "life " << life;
   }
@@ -281,7 +281,7 @@ TEST_F(ThirdPart, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
   ASSERT_NE(0, second);
   EXPECT_TRUE(console_says("found child pid_get = " + std::to_string(second)));
   EXPECT_TRUE(eventually([&] { return exists(db_file("replacing", second)); }));
-  kill(second, SIGKILL);
+  send_signal(second, SIGKILL);
   EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
 }
 
@@ -304,7 +304,7 @@ TEST_F(ThirdPart, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
     return read_file(db_file("replacing", second)) == std::to_string(second) + "\n3\n" + app;
   })) << read_file(db_file("replacing", second));
   write_file("/etc/cmdmap/replacing.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
-  kill(second, SIGKILL);
+  send_signal(second, SIGKILL);
   EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
 }
 
@@ -383,7 +383,7 @@ TEST_F(ThirdPart, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
   pid_t now = by_hand_.pid();
   for (int round = 1; now != 0 && round <= 5; ++round) {
     EXPECT_TRUE(eventually([now] { return catches_usr1(now); }));
-    kill(now, SIGUSR1);
+    send_signal(now, SIGUSR1);
     if (round == 1) {
       by_hand_.wait();
     }

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "send_signal.h"
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_paths.h"
@@ -162,7 +163,7 @@ class sleeper {
   }
   void end() {
     if (pid_ > 0) {
-      kill(pid_, SIGKILL);
+      wex_test::send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
       pid_ = -1;
     }

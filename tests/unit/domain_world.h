@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "dir_walk.h"
+#include "send_signal.h"
 #include "wex.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
@@ -132,7 +133,7 @@ class process {
   }
   ~process() {
     if (!ended()) {
-      kill(pid_, SIGKILL);
+      wex_test::send_signal(pid_, SIGKILL);
       waitpid(pid_, &status_, 0);
     }
   }

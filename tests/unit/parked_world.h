@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "send_signal.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core.h"
@@ -131,7 +132,7 @@ class Parked : public ::testing::Test {
       record_walk walk(wex_chains);
       while (const wex_pid* const rec = walk.next()) {
         if (rec->pid > 1 && waitpid(rec->pid, nullptr, WNOHANG) == 0) {  // a child of ours that lives
-          kill(rec->pid, SIGKILL);
+          wex_test::send_signal(rec->pid, SIGKILL);
         }
       }
     }

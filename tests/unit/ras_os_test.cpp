@@ -3,6 +3,7 @@
 #include "ras_os.h"
 
 #include <dlfcn.h>
+#include <grp.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <sys/ipc.h>
@@ -453,6 +454,24 @@ TEST_F(SystemSem, IsCreatedAtZeroWithItsKeyFile) {
   raise_count(g_wex_semid);
   EXPECT_EQ(1, wex_get_semval());
   EXPECT_EQ(g_wex_semid, wex_get_semid()) << "what a client finds";
+}
+
+TEST_F(SystemSem, AnotherUserReadsItAndChangesNothing) {
+  umask(0);
+  ASSERT_EQ(0, wex_sem_init());
+  const int id = g_wex_semid;
+  in_child([id] {
+    ASSERT_EQ(0, setgroups(0, nullptr));
+    ASSERT_EQ(0, setgid(kOtherUser));
+    ASSERT_EQ(0, setuid(kOtherUser));
+    sembuf raise = {0, 1, 0};
+    EXPECT_EQ(-1, semop(id, &raise, 1));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(-1, semctl(id, 0, SETVAL, 7));
+    EXPECT_EQ(-1, semctl(id, 0, IPC_RMID, nullptr));
+    EXPECT_EQ(0, value_of(id));
+  });
+  EXPECT_EQ(0, wex_get_semval());
 }
 
 TEST_F(SystemSem, AnExistingOneKeepsItsValue) {

@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "send_signal.h"
 #include "wex.h"
 #include "wex_dbg.h"
 
@@ -230,7 +231,7 @@ class lasting_child {
   pid_t pid() const { return pid_; }
   void end() {
     if (pid_ > 0) {
-      kill(pid_, SIGKILL);
+      wex_test::send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
       pid_ = 0;
     }

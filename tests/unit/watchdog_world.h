@@ -122,7 +122,7 @@ class service {
   }
   void end() {
     if (status() == kRunning) {
-      if (kill(pid_, SIGKILL) != 0) {  // the case has become another user
+      if (!wex_test::send_signal(pid_, SIGKILL)) {  // the case has become another user
         tell(0, 'q');
       }
       waitpid(pid_, &status_, 0);

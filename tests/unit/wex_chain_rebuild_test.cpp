@@ -81,7 +81,7 @@ struct Rebuild : RegistryWorld {
   static void end_restarted() {
     for (const wex_pid* rec : records()) {
       if (rec->pid > 0 && waitpid(rec->pid, nullptr, WNOHANG) == 0) {
-        kill(rec->pid, SIGKILL);
+        wex_test::send_signal(rec->pid, SIGKILL);
         waitpid(rec->pid, nullptr, 0);
       }
     }

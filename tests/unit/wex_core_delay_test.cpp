@@ -101,7 +101,7 @@ class Delay : public RegistryWorld {
       record_walk walk(wex_chains);
       while (const wex_pid* const rec = walk.next()) {
         if (rec->pid > 1 && waitpid(rec->pid, nullptr, WNOHANG) == 0) {
-          kill(rec->pid, SIGKILL);
+          wex_test::send_signal(rec->pid, SIGKILL);
           waitpid(rec->pid, nullptr, 0);
         }
       }

@@ -167,7 +167,7 @@ TEST_F(Registry, TrailingBlanksOfTheCommandLineAreNotKept) {
     const wex_pid* const rec = find(*chain, pid);
     EXPECT_TRUE(rec != nullptr && rec->process == expected) << (rec != nullptr ? rec->process : "none");
   }
-  kill(pid, SIGKILL);
+  wex_test::send_signal(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
 }
 

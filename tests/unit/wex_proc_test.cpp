@@ -521,8 +521,8 @@ TEST_F(ProcWorld, AProgramThatRunsIsNotKilledForWhatThePlatformLeftBehind) {
   EXPECT_LT(took, milliseconds(kPlatformTimeLimitMs)) << "waited for the pipe that the helper holds";
   EXPECT_TRUE(never([&] { return !is_alive(got.result); }, 300ms));
   EXPECT_NE(program_of(getpid()), program_of(got.result));
-  kill(helper, SIGKILL);
-  kill(got.result, SIGKILL);
+  wex_test::send_signal(helper, SIGKILL);
+  wex_test::send_signal(got.result, SIGKILL);
   EXPECT_EQ(-1, ended(got.result));
 }
 
@@ -664,7 +664,7 @@ TEST_F(ProcWorld, AThirdPartProgramInTheForegroundIsItsOwnPid) {
   EXPECT_GT(got.result, 0);
   EXPECT_EQ(got.result, got.out_pid);
   EXPECT_EQ(sleep + " 4711.5", command_line(got.result));
-  kill(got.result, SIGKILL);
+  wex_test::send_signal(got.result, SIGKILL);
   ended(got.result);
 }
 

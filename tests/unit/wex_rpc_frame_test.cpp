@@ -82,6 +82,10 @@ std::string send_error(const socket_pair& pair, int length, ssize_t result, int 
 }
 
 injection g_recvmsg;
+injection g_ioctl;
+std::atomic<bool> g_peek_hides_size{
+    false};  // as before Linux 3.4: MSG_TRUNC tells nothing about a record's size
+std::atomic<int> g_ioctls{0};
 
 // What the next sends come to instead of being made: an error, or a count of bytes. Empty: they are made.
 struct send_result {
@@ -97,6 +101,15 @@ extern "C" {
 ssize_t __real_recvmsg(int sd, msghdr* how, int flags);
 ssize_t __wrap_recvmsg(int sd, msghdr* how, int flags) {
   return g_recvmsg.now() ? -1 : __real_recvmsg(sd, how, flags);
+}
+ssize_t __real_recv(int sd, void* bytes, size_t size, int flags);
+ssize_t __wrap_recv(int sd, void* bytes, size_t size, int flags) {
+  return __real_recv(sd, bytes, size, g_peek_hides_size ? flags & ~MSG_TRUNC : flags);
+}
+int __real_ioctl(int fd, unsigned long request, void* argument);
+int __wrap_ioctl(int fd, unsigned long request, void* argument) {
+  ++g_ioctls;
+  return g_ioctl.now() ? -1 : __real_ioctl(fd, request, argument);
 }
 ssize_t __real_send(int sd, const void* bytes, size_t size, int flags);
 ssize_t __wrap_send(int sd, const void* bytes, size_t size, int flags) {
@@ -238,6 +251,39 @@ TEST(InnerRecv, GivesBackWhatWasSent) {
   }
 }
 
+// The size of the queue then bounds what is allocated.
+TEST(InnerRecv, OnAKernelThatHidesTheSizeOfARecordGivesBackWhatWasSent) {
+  g_peek_hides_size = true;
+  g_ioctls = 0;
+  for (const int32_t length : {0, 1, 8, 320, 4096}) {
+    const socket_pair pair;
+    const roomy sent = make(4, length);
+    const roomy next = make(5, 8);
+    ASSERT_EQ(0, wex_inner_send_msg(pair.here.get(), &sent.header));
+    ASSERT_EQ(0, wex_inner_send_msg(pair.here.get(), &next.header));
+    owned_msg got;
+    ASSERT_EQ(0, wex_inner_recv_msg(pair.there.get(), got.fill())) << length;
+    EXPECT_EQ(0, memcmp(&sent, got.get(), kHeader + static_cast<size_t>(length)));
+    EXPECT_EQ(0, receive(pair.there.get()));
+  }
+  EXPECT_LT(0, g_ioctls) << "the size was not hidden";
+  g_peek_hides_size = false;
+}
+
+TEST(InnerRecv, WhereNothingTellsTheSizeOnlyAMessageWithoutPayloadIsTaken) {
+  g_peek_hides_size = true;
+  for (const int32_t length : {0, 1, 320}) {
+    const socket_pair pair;
+    const roomy sent = make(4, length);
+    ASSERT_EQ(0, wex_inner_send_msg(pair.here.get(), &sent.header));
+    g_ioctl.fail(1, EINVAL);
+    EXPECT_EQ(length == 0 ? 0 : -1, receive(pair.there.get()));
+    EXPECT_EQ(-1, queued_record(pair.there.get())) << "it would be found at every look";
+  }
+  g_ioctl.fail(0, 0);
+  g_peek_hides_size = false;
+}
+
 TEST(InnerRecv, RefusesBadArguments) {
   const socket_pair pair;
   const printed out;
@@ -295,11 +341,11 @@ struct lie {
 
 class LyingHeader : public ::testing::TestWithParam<lie> {};
 
-TEST_P(LyingHeader, IsRefusedAndTakenOffTheQueue) {
+void expect_refused(const lie& told) {
   const socket_pair pair;
-  const roomy bytes = make(1, GetParam().length);
+  const roomy bytes = make(1, told.length);
   const roomy honest = make(5, 8);
-  put(pair.there.get(), &bytes, GetParam().size);
+  put(pair.there.get(), &bytes, told.size);
   put(pair.there.get(), &honest, kHeader + 8);
   const long before = resident_kib();
   const auto start = clock::now();
@@ -310,6 +356,16 @@ TEST_P(LyingHeader, IsRefusedAndTakenOffTheQueue) {
   EXPECT_LT(resident_kib() - before, 4096) << "memory was taken for a size that nobody sent";
   EXPECT_EQ(0, receive(pair.here.get())) << "the honest record behind it must still be there";
   EXPECT_EQ(-1, queued_record(pair.here.get()));
+}
+
+TEST_P(LyingHeader, IsRefusedAndTakenOffTheQueue) {
+  expect_refused(GetParam());
+}
+
+TEST_P(LyingHeader, IsRefusedOnAKernelThatHidesTheSizeOfARecord) {
+  g_peek_hides_size = true;
+  expect_refused(GetParam());
+  g_peek_hides_size = false;
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, LyingHeader,

@@ -650,7 +650,7 @@ TEST(Cancel, RemovesTheFileOfAProgramWithALongNameAndNoOther) {
   EXPECT_TRUE(exists(others)) << "a registration of somebody else";
   EXPECT_FALSE(exists(whole));
   EXPECT_TRUE(out.has("unlink file " + whole + " ret 0\n"));
-  kill(pid, SIGKILL);
+  wex_test::send_signal(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
   unlink(others.c_str());
   unlink(program.c_str());

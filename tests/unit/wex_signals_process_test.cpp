@@ -153,7 +153,7 @@ TEST_F(InAProcessOfItsOwn, ASigalrmRestartsWhatIsDueOnTheAlarmThread) {
       chain_lock hold(wex_chains);
       return rec->pid != old_pid;
     }));
-    kill(rec->pid, SIGKILL);
+    wex_test::send_signal(rec->pid, SIGKILL);
     wex_stop_alarm_thread();
     return failed;
   });
@@ -180,7 +180,7 @@ TEST_F(InAProcessOfItsOwn, ASigalrmNeverEntersARegistryThatTheInterruptedThreadH
       chain_lock hold(wex_chains);
       return rec->pid != old_pid;
     }));
-    kill(rec->pid, SIGKILL);
+    wex_test::send_signal(rec->pid, SIGKILL);
     wex_stop_alarm_thread();
     return failed;
   });
@@ -209,7 +209,7 @@ TEST_F(InAProcessOfItsOwn, ASigalrmToAThreadInsideTheSecondLockLeavesTheLockOrde
     record_walk walk(wex_chains);
     while (const wex_pid* const rec = walk.next()) {
       if (rec->flags != 0 && rec->alarm_wait_flag == 0) {
-        kill(rec->pid, SIGKILL);
+        wex_test::send_signal(rec->pid, SIGKILL);
       }
     }
     return 0;
@@ -277,7 +277,7 @@ TEST_F(InAProcessOfItsOwn, AProgramRestartedByTheAlarmRunsWithAnEmptyMaskAndDefa
     int failed = CHECK_THAT(soon([] { return exists("/tmp/report.out"); }));
     {
       chain_lock hold(wex_chains);
-      kill(-rec->pid, SIGKILL);
+      wex_test::send_group_signal(rec->pid, SIGKILL);
     }
     wex_stop_alarm_thread();
     return failed;

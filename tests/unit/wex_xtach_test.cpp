@@ -305,7 +305,7 @@ class reporter {
 
 void end_program(pid_t pid) {
   ASSERT_GT(pid, 1);
-  kill(pid, SIGKILL);
+  wex_test::send_signal(pid, SIGKILL);
   EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
 }
 

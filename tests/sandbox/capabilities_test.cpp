@@ -1,0 +1,257 @@
+// The table of capabilities in docs/integrator.md: the daemon does its work with exactly these, and without
+// any one of them a part of it is left undone. CAP_SYS_BOOT is what no test may have.
+#include <linux/capability.h>
+#include <linux/netlink.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <regex>
+
+#include "restart_policy.h"
+#include "wex_vsd.h"
+
+using namespace policy;
+
+namespace {
+
+constexpr uid_t kOtherUser = 1234;
+constexpr char kReadyOfOther[] = "/tmp/ready.other";
+
+struct capability {
+  const char* name;
+  unsigned number;
+};
+constexpr capability kKnown[] = {{"CAP_CHOWN", CAP_CHOWN},         {"CAP_DAC_OVERRIDE", CAP_DAC_OVERRIDE},
+                                 {"CAP_FOWNER", CAP_FOWNER},       {"CAP_KILL", CAP_KILL},
+                                 {"CAP_SETGID", CAP_SETGID},       {"CAP_SETUID", CAP_SETUID},
+                                 {"CAP_NET_ADMIN", CAP_NET_ADMIN}, {"CAP_SYS_PTRACE", CAP_SYS_PTRACE},
+                                 {"CAP_SYS_NICE", CAP_SYS_NICE},   {"CAP_SYS_RESOURCE", CAP_SYS_RESOURCE}};
+
+// The first cells of the document's table.
+std::vector<std::string> documented() {
+  std::vector<std::string> names;
+  const std::regex row("^\\| `(CAP_[A-Z_]+)` \\|.*");
+  for (const std::string& line : lines_of(read_file(WEX_SOURCE_DIR "/docs/integrator.md"))) {
+    std::smatch match;
+    if (std::regex_match(line, match, row) && match[1] != "CAP_SYS_BOOT") {
+      names.push_back(match[1]);
+    }
+  }
+  return names;
+}
+
+// This machine may lack one itself.
+bool granted(unsigned number) {
+  return prctl(PR_CAPBSET_READ, number) == 1;
+}
+
+std::vector<std::string> all_but(const std::string& name) {
+  std::vector<std::string> names = documented();
+  names.erase(std::remove(names.begin(), names.end(), name), names.end());
+  return names;
+}
+
+uint64_t mask_of(const std::vector<std::string>& names) {
+  uint64_t mask = 0;
+  for (const capability& known : kKnown) {
+    if (std::find(names.begin(), names.end(), known.name) != names.end()) {
+      mask |= uint64_t{granted(known.number)} << known.number;
+    }
+  }
+  return mask;
+}
+
+const std::vector<std::string>& service_of_domain() {
+  static const std::vector<std::string> options = {"--tag=inner", "--register=RESTART", "--hold"};
+  return options;
+}
+const std::vector<std::string>& service_of_other() {
+  static const std::vector<std::string> options = {"--tag=other", "--register=RESTART", "--confirm",
+                                                   std::string("--ready=") + kReadyOfOther, "--hold"};
+  return options;
+}
+
+class Capabilities : public WexWorld, public ::testing::WithParamInterface<const char*> {
+ protected:
+  // Another user owns the data disk, and left a registration of a domain whose process is gone.
+  void SetUp() override {
+    WexWorld::SetUp();
+    ASSERT_EQ(0, chown("/data", kOtherUser, kOtherUser));
+    ASSERT_EQ(0, chmod("/data", 0755));
+    make_dirs("/tmp/vsd/2/wex/db");
+    make_dirs("/data/var/run/vsd/2");
+    Process gone;
+    ASSERT_TRUE(gone.start({"true"}));
+    const std::string pid = std::to_string(gone.pid());
+    gone.wait();
+    const std::string file = db_file("actor", std::stoi(pid), 2);
+    write_file(file, pid + "\n2\n" + actor_command(service_of_domain()), 0700);
+    ASSERT_EQ(0, chown(file.c_str(), kOtherUser, kOtherUser));
+    write_file("/tmp/vsd/2/wex/" + pid, "");
+    unlink(kReadyOfOther);
+  }
+  void TearDown() override {
+    daemon_.kill_now();
+    WexWorld::TearDown();
+    EXPECT_EQ(0, chown("/data", 0, 0));
+    EXPECT_EQ(0, chmod("/data", 0755));
+  }
+
+  // With a limit of descriptors below what it wants, where that can be raised.
+  bool start_with(const std::vector<std::string>& names) {
+    const uint64_t mask = mask_of(names);
+    std::string set = "--bounding-set=";
+    for (int number = 0; number <= std::stoi(read_file("/proc/sys/kernel/cap_last_cap")); ++number) {
+      if ((mask >> number & 1) == 0) {
+        set += (set.back() == '=' ? "-cap_" : ",-cap_") + std::to_string(number);
+      }
+    }
+    const std::string limit = granted(CAP_SYS_RESOURCE) ? "--nofile=1024:1024" : "--nofile=1024:";
+    return daemon_.start_below({"prlimit", limit, "setpriv", set, "--inh-caps=-all"});
+  }
+
+  // The duties, each by the capability that it needs.
+  bool does_duty(const std::string& name, milliseconds limit = 20s) {
+    if (name == "CAP_DAC_OVERRIDE") {
+      return wait_for_actor(service_of_domain(), 0, limit) != 0;
+    }
+    if (name == "CAP_SETGID") {
+      const pid_t pid = wait_for_actor(service_of_domain());
+      return pid != 0 && status_field(pid, "Groups").substr(0, 4) == "3200";
+    }
+    if (name == "CAP_FOWNER") {
+      return mode_of("/data") == 0777;
+    }
+    if (name == "CAP_SYS_PTRACE") {
+      return restarts_service_of_other(limit);
+    }
+    return daemon_.running();
+  }
+
+  Daemon daemon_;
+
+ private:
+  static bool restarts_service_of_other(milliseconds limit) {
+    Process service;
+    std::vector<std::string> words = {"setpriv", "--reuid=1234", "--clear-groups"};
+    const std::vector<std::string> program = actor_words(service_of_other());
+    words.insert(words.end(), program.begin(), program.end());
+    EXPECT_TRUE(service.start(words));
+    EXPECT_TRUE(eventually([] { return exists(kReadyOfOther); }, 20s));
+    const pid_t old = service.pid();
+    service.kill_now();
+    return wait_for_actor(service_of_other(), old, limit) != 0;
+  }
+};
+
+// Runs `work` in a child with these capabilities only; what it returns is the result.
+int with_only(uint64_t mask, const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    setpgid(0, 0);  // whatever signals its own group means this child alone
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[2] = {};
+    sets[0].effective = sets[0].permitted = static_cast<uint32_t>(mask);
+    _exit(syscall(SYS_capset, &header, sets) == 0 ? work() : 250);
+  }
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 250) << status;
+  return WEXITSTATUS(status);
+}
+
+// Since Linux 6.6 the process connector asks for no right.
+bool everybody_may_listen() {
+  return with_only(0, [] {
+           const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR);
+           sockaddr_nl address = {};
+           address.nl_family = AF_NETLINK;
+           address.nl_groups = 1;
+           return bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : 1;
+         }) == 0;
+}
+
+// What the take-down of a domain and the memory limit do to processes of other users, with this set.
+bool ends_other_users_process(uint64_t mask, milliseconds limit) {
+  Process victim;
+  EXPECT_TRUE(victim.start({"setpriv", "--reuid=1234", "--clear-groups", "sleep", "600"}));
+  EXPECT_TRUE(eventually([&] { return status_field(victim.pid(), "Uid").substr(0, 4) == "1234"; }));
+  make_dirs("/tmp/vsd/3/wex");
+  write_file("/tmp/vsd/3/wex/" + std::to_string(victim.pid()), "");
+  with_only(mask, [] {
+    find_max_rss(3);
+    return 0;
+  });
+  const bool ended = ended_by(victim.wait(limit), SIGKILL);
+  victim.kill_now();
+  return ended;
+}
+
+}  // namespace
+
+TEST_F(Capabilities, TheDocumentedSetIsEnough) {
+  const std::vector<std::string> names = documented();
+  ASSERT_EQ(8U, names.size()) << ::testing::PrintToString(names);
+  ASSERT_TRUE(start_with(names));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  EXPECT_EQ(mask_of(names), strtoull(status_field(daemon_.pid(), "CapEff").c_str(), nullptr, 16));
+  for (const std::string& name : names) {
+    EXPECT_TRUE(does_duty(name)) << name << "\n" << read_console();
+  }
+  if (granted(CAP_SYS_RESOURCE)) {
+    EXPECT_EQ("-1000\n", read_file("/proc/" + std::to_string(daemon_.pid()) + "/oom_score_adj"));
+  }
+  EXPECT_TRUE(ends_other_users_process(mask_of(names), 20s));
+}
+
+// Without it another user's processes are out of reach.
+TEST_F(Capabilities, WithoutCapKillOtherUsersProcessesGoOn) {
+  ASSERT_EQ(7U, all_but("CAP_KILL").size()) << "not in the document";
+  EXPECT_FALSE(ends_other_users_process(mask_of(all_but("CAP_KILL")), 500ms));
+}
+
+class EndsWithout : public Capabilities {};
+
+TEST_P(EndsWithout, AndSaysWhy) {
+  const std::string name = GetParam();
+  ASSERT_EQ(7U, all_but(name).size()) << "not in the document";
+  if (name == "CAP_SYS_RESOURCE" && !granted(CAP_SYS_RESOURCE)) {
+    GTEST_SKIP() << "this machine cannot raise a limit";
+  }
+  if (name == "CAP_NET_ADMIN" && everybody_may_listen()) {
+    GTEST_SKIP() << "this kernel lets everybody listen";
+  }
+  ASSERT_TRUE(start_with(all_but(name)));
+  EXPECT_TRUE(daemon_.wait(20s).has_value()) << "it runs without";
+  if (name == "CAP_SYS_RESOURCE") {
+    EXPECT_TRUE(console_says("[WEX]ULIMIT: Set ulimit error."));
+    return;
+  }
+  const std::regex reason(
+      "Thread \"wex_process_netlink\" exit, wex will be restart\\. res=-[13], Operation not permitted");
+  EXPECT_TRUE(std::regex_search(read_file(kRunningLog1), reason)) << read_file(kRunningLog1);
+}
+
+INSTANTIATE_TEST_SUITE_P(A, EndsWithout,
+                         ::testing::Values("CAP_NET_ADMIN", "CAP_SYS_NICE", "CAP_SYS_RESOURCE"),
+                         [](const auto& row) { return std::string(row.param); });
+
+class NeglectsWithout : public Capabilities {};
+
+TEST_P(NeglectsWithout, ItsDuty) {
+  const std::string name = GetParam();
+  ASSERT_EQ(7U, all_but(name).size()) << "not in the document";
+  ASSERT_TRUE(start_with(all_but(name)));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  EXPECT_FALSE(does_duty(name, 2s));
+}
+
+INSTANTIATE_TEST_SUITE_P(A, NeglectsWithout,
+                         ::testing::Values("CAP_DAC_OVERRIDE", "CAP_FOWNER", "CAP_SETGID", "CAP_SYS_PTRACE"),
+                         [](const auto& row) { return std::string(row.param); });
