@@ -201,7 +201,7 @@ struct kernel_entry {
 void remove_markers(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  const unique_fd dir = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  const unique_fd dir = open_trusted_dir(AT_FDCWD, path);
   if (!dir.valid()) {
     return;
   }
@@ -530,7 +530,7 @@ int32_t find_app(int32_t pid) {
 int save_proc_info(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (chdir(path) != 0) {
+  if (wex_chdir(path) != 0) {
     return -errno;
   }
   wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
@@ -546,7 +546,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
   set_domain_environment(vsd);
   char run_dir[kPathSize];
   wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
-  if (chdir(run_dir) != 0) {
+  if (wex_chdir(run_dir) != 0) {
     return;
   }
   if (enter_domain_group(vsd) == 0) {
@@ -608,7 +608,7 @@ int wex_mk_forkfile(void) {
 }
 
 void wex_rm_forkfile(void) {
-  if (unlink(kForkFile) != 0) {
+  if (wex_unlink(kForkFile) != 0) {
     wex_dbg(WEX_DBG_PUB, "unlink file %s error, reason is %s\n", kForkFile, strerror(errno));
   }
 }

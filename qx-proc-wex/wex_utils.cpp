@@ -13,6 +13,7 @@
 
 #include <limits>
 
+#include "file_lock.h"
 #include "ras_os.h"
 #include "text_number.h"
 #include "text_reader.h"

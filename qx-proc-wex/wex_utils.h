@@ -89,9 +89,9 @@ void wex_make_dir(const char* path, mode_t mode);
 // Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
 int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
 
-// Takes the write lock on a whole file, however long it grows, without waiting. False with errno. Closing any
-// descriptor of the file gives it back.
-bool wex_lock_file(int fd);
+// As unlink() and chdir(), the directory found along trusted links only.
+int wex_unlink(const char* path);
+int wex_chdir(const char* path);
 
 // Formats into a fixed buffer; false (buffer terminated) when it does not fit.
 bool wex_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));

@@ -83,7 +83,7 @@ void wex_make_dir(const char* path, mode_t mode) {
     return;
   }
   mkdirat(parent.get(), name, mode);
-  const unique_fd directory = open_trusted(parent.get(), name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+  const unique_fd directory = open_trusted_dir(parent.get(), name);
   if (directory.valid()) {
     fchmod(directory.get(), mode);
   }
@@ -103,11 +103,15 @@ int32_t wex_read_guarded(const char* path, char* buffer, size_t size) {
   return got;
 }
 
-bool wex_lock_file(int fd) {
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;  // start and length stay 0: all of it
-  return fcntl(fd, F_SETLK, &whole) == 0;
+int wex_unlink(const char* path) {
+  char name[NAME_MAX + 1];
+  const unique_fd parent = open_trusted_parent(path, name);
+  return parent.valid() ? unlinkat(parent.get(), name, 0) : -1;
+}
+
+int wex_chdir(const char* path) {
+  const unique_fd directory = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  return directory.valid() ? fchdir(directory.get()) : -1;
 }
 
 bool wex_format(char* buffer, size_t size, const char* format, ...) {
