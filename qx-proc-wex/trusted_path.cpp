@@ -259,7 +259,13 @@ bool asks_to_change(int flags) {
 }  // namespace
 
 unique_fd open_trusted(int at, const char* path, int flags, mode_t mode) {
-  return walk(at, asks_to_change(flags)).open_path(path, flags, mode);
+  unique_fd file = walk(at, asks_to_change(flags)).open_path(path, flags, mode);
+  if (!file.valid() && errno == EACCES && (flags & O_CREAT) != 0) {
+    // A kernel that guards sticky directories refuses to "create" a file of another user that is there.
+    file = walk(at, true).open_path(path, flags & ~O_CREAT, 0);
+    errno = errno == ENOENT ? EACCES : errno;
+  }
+  return file;
 }
 
 unique_fd open_trusted_dir(int at, const char* path) {

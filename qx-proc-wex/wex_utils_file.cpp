@@ -17,6 +17,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_limits.h"
+#include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 
@@ -49,11 +50,6 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
   // Nothing is truncated before we know that it is ours to truncate, and a FIFO must not stop us.
   const int cautious = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
   unique_fd file = open_trusted(AT_FDCWD, path, cautious, mode);
-  if (!file.valid() && errno == EACCES && (flags & O_CREAT) != 0) {
-    // A kernel that guards sticky directories refuses to "create" a file of another user that is there.
-    file = open_trusted(AT_FDCWD, path, cautious & ~O_CREAT);
-    errno = !file.valid() ? EACCES : errno;
-  }
   if (!file.valid()) {
     return file;
   }
@@ -70,8 +66,10 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
   unique_fd file = open_checked(path, flags, mode);
-  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0 && unlink(path) == 0) {
-    file = open_checked(path, flags, mode);  // the other name keeps the other file
+  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0) {
+    const bool parted = wex_part_names(path, (flags & O_TRUNC) == 0);  // the other name keeps the other file
+    errno = EMLINK;
+    file = parted ? open_checked(path, flags, mode) : unique_fd();
   }
   return file;
 }

@@ -219,7 +219,7 @@ TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
   EXPECT_FALSE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
 }
 
-TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButMakesRoom) {
+TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButParted) {
   write_file("/tmp/victim", "precious");
   ASSERT_EQ(0, link("/tmp/victim", "/tmp/r/log"));
   for (const int flags : {O_WRONLY | O_TRUNC, O_WRONLY | O_APPEND}) {
@@ -228,8 +228,10 @@ TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButMakesRoom) {
   }
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDWR).valid()) << "its lock may be tried";
-  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666).valid());
-  EXPECT_EQ("", contents("/tmp/r/log")) << "a file of its own";
+  const unique_fd log = wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666);
+  ASSERT_EQ(1, write(log.get(), "+", 1));
+  EXPECT_EQ("precious+", contents("/tmp/r/log")) << "a file of its own";
+  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
   EXPECT_EQ("precious", contents("/tmp/victim"));
 }
 
