@@ -229,7 +229,7 @@ int main(int argc, char** argv) {
   wex_parse_dbg_file();
   wex_create_std_fd(1);
   wex_handle_options(argc, argv);
-  unique_fd lock(wex_claim_lock());
+  unique_fd lock(wex_claim_lock(argc > 1));
   if (!lock.valid()) {
     return -1;
   }

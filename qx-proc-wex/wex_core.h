@@ -95,8 +95,9 @@ extern std::atomic<int32_t> wex_monitor_read_until;
 extern std::atomic<bool> wex_delay_ended;
 
 // Takes the lock of the one daemon, whatever lies at its name or at its directory's. The descriptor, or -1
-// when the start is refused, which is printed and written to the running log. Before any thread runs.
-int wex_claim_lock();
+// when the start is refused, which is printed and written to the running log; `after_command` only when it is
+// not another wex that runs. Before any thread does.
+int wex_claim_lock(bool after_command);
 
 // Takes away what lies at `path`, a constant: what is empty is removed, anything else renamed within its
 // directory. wex_tell_moved() writes a running-log line for each. Start, then the server thread.

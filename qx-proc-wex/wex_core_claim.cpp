@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -47,10 +48,24 @@ int lock_holder() {
   return told ? static_cast<int>(whole.l_pid) : 0;
 }
 
-void refuse_start(int cause) {
+bool runs_our_program(int pid) {
+  char path[kPathSize];
+  struct stat its = {};
+  struct stat ours = {};
+  wex_format(path, sizeof path, kProcExeFmt, pid);
+  const bool known = pid > 0 && stat(path, &its) == 0;
+  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(getpid()));
+  return known && stat(path, &ours) == 0 && its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
+}
+
+// A command that was carried out beside a running daemon is no start that somebody will miss.
+void refuse_start(int cause, bool after_command) {
   if (cause == EAGAIN) {
+    const int holder = lock_holder();
     wex_dbg(WEX_DBG_PUB, "wex is already running\n");
-    wex_running_log("Start refused: %s is locked by process %d.\r\n", kLockFile, lock_holder());
+    if (!after_command || !runs_our_program(holder)) {
+      wex_running_log("Start refused: %s is locked by process %d.\r\n", kLockFile, holder);
+    }
   } else {
     wex_running_log("Start refused: %s: %s.\r\n", kLockFile, strerror(cause));
   }
@@ -92,7 +107,7 @@ void wex_tell_moved() {
   g_moved_count = 0;
 }
 
-int wex_claim_lock() {
+int wex_claim_lock(bool after_command) {
   for (int attempt = 0; attempt < kLockTries; ++attempt) {
     const int lock = already_running(kLockFile);
     const int cause = errno;
@@ -101,11 +116,11 @@ int wex_claim_lock() {
       return lock;
     }
     if (cause == EAGAIN || !clear_way_to_lock()) {
-      refuse_start(cause);
+      refuse_start(cause, after_command);
       return -1;
     }
   }
-  refuse_start(EBUSY);
+  refuse_start(EBUSY, after_command);
   return -1;
 }
 

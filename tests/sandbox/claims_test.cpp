@@ -149,6 +149,8 @@ TEST_F(Claims, OnlyALockThatSomebodyHoldsKeepsItFromStarting) {
 TEST_F(Claims, AnotherNameOfItsLockFileDoesNotCostTheLock) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(exited_with(run({Daemon::binary(), "-c", "0"}), 255));
+  EXPECT_EQ(std::string::npos, read_file(kRunningLog1).find("refused")) << "a command, not a start";
   Process service;
   ASSERT_TRUE(service.start(actor_words(kService)));
   const std::string database = "/tmp/vsd/0/wex/db/actor." + std::to_string(service.pid());
