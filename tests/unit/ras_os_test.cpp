@@ -59,13 +59,15 @@ extern "C" void* __wrap_malloc(size_t size) {
   return malloc_fault.strikes() ? nullptr : __real_malloc(size);
 }
 
-extern "C" long sysconf(int name) noexcept {
-  return name == _SC_PAGESIZE && page_fault.strikes() ? -1 : libc<long(int)>("sysconf")(name);
+extern "C" long __real_sysconf(int name);
+extern "C" long __wrap_sysconf(int name) {
+  return name == _SC_PAGESIZE && page_fault.strikes() ? -1 : __real_sysconf(name);
 }
 
-extern "C" unsigned sleep(unsigned seconds) {
+extern "C" unsigned __real_sleep(unsigned seconds);
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
   slept_seconds += seconds;
-  return quick_sleep ? 0 : libc<unsigned(unsigned)>("sleep")(seconds);
+  return quick_sleep ? 0 : __real_sleep(seconds);
 }
 
 extern "C" key_t ftok(const char* path, int project) noexcept {
