@@ -76,6 +76,14 @@ bool copy_contents(int from, int to) {
   return got == 0;
 }
 
+// So that a name just given is there after a power cut.
+void sync_directory(int parent) {
+  const unique_fd readable(openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (readable.valid()) {
+    fsync(readable.get());
+  }
+}
+
 // Puts a copy of the file that `facts` tell of in its place, with its mode and on the disk.
 bool replace_by_copy(int parent, const char* name, const struct stat& facts) {
   struct stat opened = {};
@@ -91,12 +99,14 @@ bool replace_by_copy(int parent, const char* name, const struct stat& facts) {
   }
   const bool done = copy_contents(old.get(), copy.get()) && fchmod(copy.get(), facts.st_mode & 0777) == 0 &&
                     fsync(copy.get()) == 0 && renameat(parent, fresh, parent, name) == 0;
-  if (!done) {
-    const int cause = errno;
-    unlinkat(parent, fresh, 0);
-    errno = cause;
+  if (done) {
+    sync_directory(parent);
+    return true;
   }
-  return done;
+  const int cause = errno;
+  unlinkat(parent, fresh, 0);
+  errno = cause;
+  return false;
 }
 
 }  // namespace

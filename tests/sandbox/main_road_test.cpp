@@ -220,7 +220,7 @@ INSTANTIATE_TEST_SUITE_P(
                                  "]wex_handle_netlink_exit: chdir /tmp/vsd/3/wex/ fail: Permission denied\n"},
                       KeptRecord{{"/tmp/vsd/3", "inject=openat:error=EMFILE:when=3"},
                                  "]wex_handle_netlink_exit: opendir fail: Too many open files\n"},
-                      KeptRecord{{"inject=chdir:error=EACCES:when=1"},
+                      KeptRecord{{"inject=fchdir:error=EACCES:when=2"},
                                  "]wex_handle_netlink_exit: chdir / fail: Permission denied\n"}));
 
 TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {
