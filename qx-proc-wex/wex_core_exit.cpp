@@ -245,7 +245,7 @@ bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, u
 }
 
 void remove_event_log(const char* path, const char* name) {
-  if (unlink(path) != 0) {
+  if (wex_unlink(path) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: remove %s fail: %s\n", kHandler, name, strerror(errno));
   }
 }
