@@ -1,5 +1,4 @@
-// ras_os: named shared memory, semaphores, close-on-exec, path building and the hex dump; the system
-// semaphore.
+// ras_os: named shared memory, semaphores, close-on-exec and the hex dump.
 //
 // The ras_os_ functions are offered to every program of the device and tell failures by number alone. The
 // caller's `err` may well be errno itself, so it is set last.
@@ -15,14 +14,10 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 
-#include "ras_comp_config.h"
-#include "ras_os_sem.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_utils.h"
-
-int32_t g_wex_semid = -1;
 
 namespace {
 
@@ -98,9 +93,8 @@ int map_object(const char* name, uint32_t size, ras_os_record_memory_t* handle, 
   }
   handle->size = length;
   handle->addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, object.get(), 0);
-  if (handle->addr == MAP_FAILED) {
+  if (handle->addr == MAP_FAILED) {  // and so it stays, as programs of the device expect
     *cause = errno;
-    handle->addr = nullptr;
     return kNotMapped;
   }
   object.release();  // stays open for the life of the process: part of the interface
@@ -158,25 +152,6 @@ void dump_row(uint32_t offset, const uint8_t* bytes, uint32_t count) {
   }
   put_characters(put(at, " | "), bytes, count);
   print("%s", row);
-}
-
-// The file only anchors the key.
-bool make_key_file() {
-  const unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDWR | O_CREAT, kSemKeyMode);
-  if (!file.valid()) {
-    wex_dbg(WEX_DBG_PUB, "Open file %s failed: %s.", WEX_SEM_KEY_FILE, strerror(errno));
-  }
-  return file.valid();
-}
-
-// A count that was raised before the daemon restarted is to survive: an existing set is not touched.
-int found_or_failed() {
-  if (errno != EEXIST) {
-    wex_dbg(WEX_DBG_PUB, "Get wex sem on init failed: %s.", strerror(errno));
-    return -1;
-  }
-  wex_dbg(WEX_DBG_PUB, "System wex semaphore already inited.");
-  return 0;
 }
 
 }  // namespace
@@ -275,7 +250,7 @@ int ras_os_close_record_memory(ras_os_record_memory_t* handle, int* err) {
     return kNotUnlinked;
   }
   free(handle->name);
-  *handle = {};
+  handle->name = nullptr;  // address and size stay as they were
   return 0;
 }
 
@@ -304,69 +279,4 @@ int ras_os_dump_msg(const char* prefix, const void* msg, uint32_t len) {
     offset += count;
   }
   return print("%s", kDumpRule);
-}
-
-int ras_make_vsd_path(const char* prefix, const char* suffix, char* out, size_t capacity) {
-  if (prefix == nullptr || suffix == nullptr || out == nullptr) {
-    return -1;
-  }
-  const size_t prefix_length = strlen(prefix);
-  const size_t suffix_length = strlen(suffix);
-  if (prefix_length >= capacity || suffix_length >= capacity - prefix_length) {
-    wex_print("[RAS]<%s, %s, %d>:not enough path memory(prefix:%s, suffix:%s, len:%d)!\n", WEX_MODULE,
-              __func__, __LINE__, prefix, suffix, static_cast<int>(capacity));
-    return -1;
-  }
-  memcpy(out, prefix, prefix_length);
-  memcpy(out + prefix_length, suffix, suffix_length + 1);
-  return 0;
-}
-
-int ras_make_vsd_data_ovix_path(const char* suffix, char* out) {
-  const char* const directory = getenv(RAS_DATA_OVIX_ENV);
-  if (directory == nullptr) {
-    wex_print("[RAS]<%s, %s, %d>:get DATA_OVIX_DIR fail!\r\n", WEX_MODULE, __func__, __LINE__);
-    return -1;
-  }
-  return ras_make_vsd_path(directory, suffix, out, RAS_PATH_SIZE);
-}
-
-int wex_sem_init(void) {
-  if (!make_key_file()) {
-    return -1;
-  }
-  const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
-  if (key == -1) {
-    wex_dbg(WEX_DBG_PUB, "Get sem file key failed: %s.", strerror(errno));
-    return -1;
-  }
-  const int32_t id = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSemKeyMode));
-  if (id < 0) {
-    return found_or_failed();
-  }
-  __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
-  if (!set_value(id, 0)) {
-    wex_dbg(WEX_DBG_PUB, "Set wex sem initial value failed: %s.", strerror(errno));
-    semctl(id, 0, IPC_RMID);
-    return -1;
-  }
-  return 0;
-}
-
-int wex_get_semval(void) {
-  int32_t id = __atomic_load_n(&g_wex_semid, __ATOMIC_RELAXED);
-  if (id == -1) {
-    id = wex_get_semid();
-    if (id < 0) {
-      wex_dbg(WEX_DBG_PUB, "wex get semid failed!\n");
-      return -1;
-    }
-    __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
-  }
-  const int value = semctl(id, 0, GETVAL);
-  if (value < 0) {
-    wex_dbg(WEX_DBG_PUB, "Get wex sem count failed: %s.", strerror(errno));
-    return -1;
-  }
-  return value;
 }

@@ -272,7 +272,7 @@ int wex_client_unreg_thread_notify(int32_t tid);
 /* While its value is not 0 no hang countdown runs. The daemon creates it; programs that need long quiet
  * times raise and lower it through the id that wex_get_semid() finds. */
 #define WEX_SEM_KEY_FILE "/tmp/.wex_semphore_path"
-enum { WEX_SEM_PROJECT = 1 };
+enum { WEX_SEM_PROJECT = 1, WEX_SEM_KEY_TRIES = 30 };
 
 extern int32_t g_wex_semid;
 
@@ -283,7 +283,8 @@ int wex_get_semval(void);
 static inline int32_t wex_get_semid(void) {
   key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
   int32_t id;
-  while (key == (key_t)-1 && errno == ENOMEM) {
+  int tries = 1;
+  while (key == (key_t)-1 && errno == ENOMEM && tries++ < WEX_SEM_KEY_TRIES) {
     sleep(1);
     key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
   }

@@ -225,15 +225,15 @@ int main(int argc, char** argv) {
   wex_parse_dbg_file();
   wex_create_std_fd(1);
   wex_handle_options(argc, argv);
-  unique_fd lock(already_running(kLockFile));
+  unique_fd lock(wex_claim_lock(argc > 1));
   if (!lock.valid()) {
-    wex_dbg(WEX_DBG_PUB, "wex is already running\n");
     return -1;
   }
   const unique_fd directory = hold_directory(lock.get());
   hide_open_files();  // what our starter left open is not for the programs that we start
   raise_open_file_limit();
   make_directories();
+  wex_tell_moved();
   wex_init_wakeup();
   if (!restore_registry()) {
     return -1;
@@ -246,6 +246,7 @@ int main(int argc, char** argv) {
   wex_third_part_proc_init();
 
   threads running;
+  wex_clear_table_name();
   if (wex_sys_init_alive_info(1) != 0) {
     wex_dbg(WEX_DBG_PUB, "fail to init alive_info!!!\n");
     wex_raise_exit_flag();

@@ -154,7 +154,7 @@ void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chai
 // ---- stopped on purpose -----------------------------------------------------------------------------------
 
 bool change_dir(const char* path) {
-  if (chdir(path) == 0) {
+  if (wex_chdir(path) == 0) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "%s: chdir %s fail: %s\n", kHandler, path, strerror(errno));
@@ -169,13 +169,13 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
   if (!change_dir(path)) {
     return false;
   }
-  dir_walk flags(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
+  dir_walk flags(open_trusted_dir(AT_FDCWD, path));
   if (!flags.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: opendir fail: %s\n", kHandler, strerror(errno));
     return false;
   }
   while (const dirent* const entry = flags.next()) {
-    const unique_fd flag(openat(flags.fd(), entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const unique_fd flag = open_trusted(flags.fd(), entry->d_name, O_RDWR | O_NONBLOCK);
     if (!flag.valid()) {
       wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", kHandler, entry->d_name, strerror(errno));
       continue;
@@ -244,7 +244,7 @@ bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, u
 }
 
 void remove_event_log(const char* path, const char* name) {
-  if (unlink(path) != 0) {
+  if (wex_unlink(path) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: remove %s fail: %s\n", kHandler, name, strerror(errno));
   }
 }

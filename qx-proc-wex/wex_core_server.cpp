@@ -27,6 +27,7 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
+#include "wex_utils.h"
 
 namespace {
 
@@ -323,7 +324,9 @@ struct binding {
 void bind_listener(binding* task) {
   sockaddr_un address;
   const socklen_t length = wex_control_address(kControlSocket, &address);
-  unlink(kControlSocket);
+  if (wex_unlink(kControlSocket) != 0 && errno != ENOENT && wex_make_room(kControlSocket)) {
+    wex_tell_moved();
+  }
   task->error = bind(task->sd, reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
   if (task->error == 0) {
     struct stat node = {};

@@ -63,6 +63,6 @@ void wex_log_thread_end(const char* thread, int code, int error) {
 
 void wex_end_unable_to_restart() {
   wex_running_log("Unable to restart the process, wex will be restart.\r\n");
-  unlink(kForkFile);
+  wex_unlink(kForkFile);
   _exit(1);  // not exit(): the other threads still use what its clean-up would take away
 }

@@ -83,7 +83,9 @@ inline constexpr int kPlatformLookMs = 10;          // how often it is looked at
 // What is short for a moment.
 inline constexpr unsigned kMemoryRetrySec = 5;
 inline constexpr unsigned kSemRetrySec = 1;
-inline constexpr int kLockTries = 5;  // the lock file may be replaced between open and lock
+inline constexpr int kSemKeyTries = 8;  // keys tried for the system semaphore while others hold their sets
+inline constexpr int kMovedTold = 4;    // names moved aside before the running log can tell
+inline constexpr int kLockTries = 5;    // the lock file may be replaced between open and lock
 
 // Process facts.
 inline constexpr int kLifeTries = 3;
@@ -129,8 +131,10 @@ inline constexpr unsigned kKillGraceSec = 10;
 inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring must not fill the processor
 
 // Files.
-inline constexpr int kLinksFollowed = 8;     // trusted symbolic links along one path
-inline constexpr unsigned kLinkRestSec = 2;  // age at which a link is read where it cannot be opened
+inline constexpr int kLinksFollowed = 8;       // trusted symbolic links along one path
+inline constexpr uint32_t kAsideTries = 8;     // names tried for what is moved aside
+inline constexpr off_t kOwnCopyMax = 1 << 20;  // bytes; a larger record with a second name is moved aside
+inline constexpr unsigned kLinkRestSec = 2;    // age at which a link is read where it cannot be opened
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
@@ -138,7 +142,6 @@ inline constexpr mode_t kClientMarkerMode = 0777;
 inline constexpr mode_t kMarkerMode = 0754;
 inline constexpr mode_t kForkFileMode = 0755;
 inline constexpr mode_t kLockMode = 0700;
-inline constexpr mode_t kDebugTimeMode = 0754;
 inline constexpr mode_t kSemKeyMode = 0754;
 inline constexpr mode_t kSemMode = 0777;
 inline constexpr mode_t kRecordMemoryMode = 0777;  // narrowed by the umask

@@ -23,6 +23,7 @@
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
+#include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 
@@ -78,6 +79,16 @@ bool is_empty(int fd) {
   return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
+// Opens a record for one more entry. What is no file at all, or a link that is not followed, makes room.
+unique_fd open_record(const char* path) {
+  unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  char aside[kPathSize];
+  if (!file.valid() && (errno == EISDIR || errno == ENXIO || errno == ELOOP) && wex_clear_name(path, aside)) {
+    file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  }
+  return file;
+}
+
 // An entry that is written, and on its way to the disk.
 struct written_entry {
   unique_fd file;
@@ -85,7 +96,7 @@ struct written_entry {
 };
 
 written_entry append(const char* path, const char* text, size_t length) {
-  written_entry entry = {wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode), false};
+  written_entry entry = {open_record(path), false};
   if (entry.file.valid()) {
     entry.maybe_new = is_empty(entry.file.get());
     write_entry(entry.file.get(), text, length);
@@ -159,7 +170,7 @@ running_file look_at(const char* path, struct stat* status) {
     return running_file::drop;
   }
   if (errno != ENOENT) {
-    unlink(path);
+    wex_unlink(path);
   }
   return running_file::take;
 }
@@ -178,7 +189,7 @@ const char* choose_running_file() {
     return two == running_file::take ? kRunningLog2 : nullptr;
   }
   const char* const older = second.st_mtime >= first.st_mtime ? kRunningLog1 : kRunningLog2;
-  unlink(older);
+  wex_unlink(older);
   return older;
 }
 
@@ -218,7 +229,7 @@ void append_running_entry(const char* message) {
 void empty_ring(const char* path) {
   wex_dbg(WEX_DBG_PUB, "file: %s not exist!\n", kNotifyCount);
   if (exists(path)) {
-    unlink(path);
+    wex_unlink(path);
     sync();
     wex_dbg(WEX_DBG_PUB, "unlink file: %s!\n", path);
   }
@@ -245,6 +256,22 @@ bool reboot_refused() {
   int allowed = 1;
   return wex_read_guarded(kRebootSwitch, text, sizeof(text)) > 0 && read_number(text, &allowed) &&
          allowed == 0;
+}
+
+// The reboot record may be unwritable: the running log names the reason, too, in one line. It was printed
+// already.
+void log_reboot(const char* reason, const char* detail) {
+  char text[kMessageSize - 16];
+  char message[kMessageSize];
+  wex_format(text, sizeof text, "%s%s", reason, detail);
+  for (size_t end = strlen(text); end > 0 && text[end - 1] == '\n'; --end) {
+    text[end - 1] = '\0';
+  }
+  for (char* at = text; (at = strchr(at, '\n')) != nullptr;) {
+    *at = ' ';
+  }
+  wex_format(message, sizeof message, "Reboot: %s\r\n", text);
+  append_running_entry(message);
 }
 
 }  // namespace
@@ -364,6 +391,7 @@ void wex_reboot(const char* reason, const char* detail) {
     return;
   }
   wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
+  log_reboot(reason, detail != nullptr ? detail : "");
   safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
   if (detail != nullptr) {
     wex_log_record_reboot_info(kRebootLog, "%s%s\n", reason, detail);

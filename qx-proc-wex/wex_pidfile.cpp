@@ -2,16 +2,14 @@
 //
 // The process itself keeps its file locked while it lives; the daemon only tests that lock. Never keep a
 // descriptor of such a file here: closing any descriptor of a file drops every record lock that this process
-// holds on it. The one exception is the table of files that the daemon locks for programs which cannot do it
-// themselves; it has a lock of its own and is empty in every other process.
+// holds on it. The one exception are the files that the daemon locks for programs which cannot do it
+// themselves (file_lock).
 
 #define WEX_MODULE "wex_pidfile"
 #include "wex_pidfile.h"
 
 #include <fcntl.h>
 #include <limits.h>
-#include <pthread.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -19,8 +17,7 @@
 #include <cstring>
 #include <utility>
 
-#include "mutex_lock.h"
-#include "priority_mutex.h"
+#include "file_lock.h"
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
@@ -32,15 +29,6 @@ namespace {
 
 constexpr size_t kWordSize = 256;  // first word of a command, terminator included
 constexpr size_t kReadSize = 256;  // what is read of a database file, terminator included
-
-struct held_file {
-  held_file* next;
-  int fd;  // owned
-  char name[kPathSize];
-};
-
-held_file* held_files = nullptr;
-priority_mutex held_lock;
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
@@ -94,35 +82,6 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char
     wex_dbg(WEX_DBG_PUB, "%s: file %s fd < 0: %s\n", "wex_db_create", name, strerror(cause));
   }
   return 0;
-}
-
-// Lets go of a file held by this process. Does nothing for any other name.
-void drop_held(const char* name) {
-  mutex_lock hold(held_lock.native);
-  for (held_file** at = &held_files; *at != nullptr; at = &(*at)->next) {
-    held_file* const file = *at;
-    if (strcmp(file->name, name) == 0) {
-      *at = file->next;
-      unique_fd(file->fd).reset();
-      free(file);
-      return;
-    }
-  }
-}
-
-// Without memory the file just loses its lock, which only the daemon itself would ever test: better than to
-// keep the caller, who holds the registry, waiting.
-void keep_held(const char* name, unique_fd&& fd) {
-  held_file* const file = static_cast<held_file*>(calloc(1, sizeof(held_file)));
-  if (file == nullptr) {
-    fd.reset();
-    return;
-  }
-  wex_copy_text(file->name, sizeof file->name, name);
-  mutex_lock hold(held_lock.native);
-  file->fd = fd.release();
-  file->next = held_files;
-  held_files = file;
 }
 
 int32_t action_of(uint32_t kind) {
@@ -188,12 +147,12 @@ int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
   char name[kPathSize];
   copy_command(body, text);
   if (name_file(body->vsd, body->pid, text, name)) {
-    drop_held(name);  // first, because closing it later would drop the new lock too
+    drop_locked_file(name);  // first, because closing it later would drop the new lock too
   }
   unique_fd fd;
   const int result = create_file(body->vsd, body->pid, action_of(kind), text, name, &fd);
   if (fd.valid()) {
-    keep_held(name, std::move(fd));
+    keep_locked_file(name, std::move(fd));
   }
   return finish_registration(body, result);
 }
@@ -203,8 +162,8 @@ int wex_db_destroy(const wex_pid* rec) {
   if (!name_file(rec->vsd, rec->pid, rec->process, name)) {
     return -1;
   }
-  drop_held(name);
-  return unlink(name);
+  drop_locked_file(name);
+  return wex_unlink(name);
 }
 
 int wex_rm_pidfile(const wex_pid* rec) {
@@ -213,7 +172,7 @@ int wex_rm_pidfile(const wex_pid* rec) {
     errno = ENAMETOOLONG;
     return -1;
   }
-  return unlink(path);
+  return wex_unlink(path);
 }
 
 int wex_read_pidfile(const char* path, wex_pid* rec) {

@@ -199,7 +199,7 @@ void set_domain_environment(int32_t vsd) {
 void remove_markers(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  raw_dir markers(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
+  raw_dir markers(open_trusted_dir(AT_FDCWD, path));
   while (const char* const name = markers.valid() ? markers.next() : nullptr) {
     if (name[0] != '.' && text_to_number(name) == pid) {
       unlinkat(markers.fd(), name, 0);
@@ -227,15 +227,9 @@ void enter_place(const launch& start) {
 // of a third-part program stays until its process has been found.
 void remove_old_file(const launch& start) {
   char path[kPathSize];
-  if (start.third_part || wex_get_db_file_name(start.rec->vsd, start.rec->pid, start.rec->process, path,
-                                               sizeof path) >= static_cast<int>(sizeof path)) {
-    return;
-  }
-  char* const name = strrchr(path, '/');
-  *name = '\0';
-  const unique_fd dir = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
-  if (dir.valid()) {
-    unlinkat(dir.get(), name + 1, 0);
+  if (!start.third_part && wex_get_db_file_name(start.rec->vsd, start.rec->pid, start.rec->process, path,
+                                                sizeof path) < static_cast<int>(sizeof path)) {
+    wex_unlink(path);
   }
 }
 
@@ -561,7 +555,7 @@ int32_t find_app(int32_t pid) {
 int save_proc_info(int32_t vsd, int32_t pid) {
   char path[kPathSize];
   wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (chdir(path) != 0) {
+  if (wex_chdir(path) != 0) {
     return -errno;
   }
   wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
@@ -577,7 +571,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
   set_domain_environment(vsd);
   char run_dir[kPathSize];
   wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
-  if (chdir(run_dir) != 0) {
+  if (wex_chdir(run_dir) != 0) {
     return;
   }
   if (enter_domain_group(vsd) == 0) {
@@ -639,7 +633,7 @@ int wex_mk_forkfile(void) {
 }
 
 void wex_rm_forkfile(void) {
-  if (unlink(kForkFile) != 0) {
+  if (wex_unlink(kForkFile) != 0) {
     wex_dbg(WEX_DBG_PUB, "unlink file %s error, reason is %s\n", kForkFile, strerror(errno));
   }
 }

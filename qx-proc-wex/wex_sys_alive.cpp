@@ -165,7 +165,7 @@ void shed_second_name() {
   const unique_fd found = open_trusted(AT_FDCWD, kAliveTableFile, O_RDONLY | O_NONBLOCK);
   struct stat status = {};
   if (found.valid() && fstat(found.get(), &status) == 0 && status.st_nlink > 1 && !is_table(found.get())) {
-    unlink(kAliveTableFile);
+    wex_unlink(kAliveTableFile);
   }
 }
 

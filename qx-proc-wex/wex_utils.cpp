@@ -14,6 +14,7 @@
 
 #include <limits>
 
+#include "file_lock.h"
 #include "ras_os.h"
 #include "text_number.h"
 #include "text_reader.h"
@@ -144,16 +145,23 @@ bool is_same_file(int fd, const char* path) {
          held.st_ino == named.st_ino;
 }
 
-bool is_trusted_file(int fd) {
+// Opened or made; regular files only.
+unique_fd open_lock_file(const char* path) {
+  unique_fd lock = open_trusted(AT_FDCWD, path, O_RDWR | O_CREAT | O_NONBLOCK, kLockMode);
   struct stat status = {};
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-         (status.st_uid == 0 || status.st_uid == geteuid());
+  if (lock.valid() && (fstat(lock.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    lock.reset();
+    errno = ENXIO;
+  }
+  return lock;
 }
 
-// A lock file with a second name may be another file of ours: nothing is written to it.
-bool has_second_name(int fd) {
+// A file of another user's could be locked by him at any time, and one with a second name may be any file:
+// nothing is written to it.
+bool is_ours_alone(int fd) {
   struct stat status = {};
-  return fstat(fd, &status) == 0 && status.st_nlink > 1;
+  return fstat(fd, &status) == 0 && status.st_nlink == 1 &&
+         (status.st_uid == 0 || status.st_uid == geteuid());
 }
 
 bool write_own_pid(int fd) {
@@ -376,21 +384,26 @@ bool wex_proc_lives(int32_t pid, uint64_t start_time) {
 
 int already_running(const char* path) {
   for (int attempt = 0; attempt < kLockTries; ++attempt) {
-    unique_fd lock = open_trusted(AT_FDCWD, path, O_RDWR | O_CREAT | O_NONBLOCK, kLockMode);
-    if (!lock.valid() || !is_trusted_file(lock.get()) || !wex_lock_file(lock.get())) {
+    unique_fd lock = open_lock_file(path);
+    if (!lock.valid()) {
+      return -1;
+    }
+    if (!wex_lock_file(lock.get())) {
+      errno = errno == EACCES ? EAGAIN : errno;
       return -1;
     }
     // A lock on a file that has lost its name keeps nobody out.
     if (!is_same_file(lock.get(), path)) {
       continue;
     }
-    if (has_second_name(lock.get())) {
-      unlink(path);  // nobody holds it, for we do: a new one takes its place
+    if (!is_ours_alone(lock.get())) {
+      wex_unlink(path);  // nobody holds it, for we do: a new one takes its place
       continue;
     }
     write_own_pid(lock.get());
     return lock.release();  // stays open on purpose: the lock lives as long as we do
   }
+  errno = EBUSY;
   return -1;
 }
 

@@ -44,7 +44,8 @@ int wex_get_pid_name(int32_t pid, char* buffer, size_t size);
 // 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms).
 int process_life(int32_t pid);
 
-// Takes the single-instance lock. The descriptor, to be kept for life, or -1.
+// Takes the single-instance lock. The descriptor, to be kept for life, or -1 with errno: EAGAIN when somebody
+// holds it. A file of another user's, or with a second name, that nobody has locked is replaced.
 int already_running(const char* path);
 
 // Low-memory-killer score of a process; ignore = -1000, reset = 0. As safe_write_path.
@@ -93,10 +94,10 @@ bool wex_pid_exists(int32_t pid);
 bool wex_looks_alive(int32_t pid);
 
 // Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
-// to create, truncate or append only those with a single name (else EMLINK; with O_CREAT a new file takes the
-// name). `flags` may hold O_CREAT,
-// O_TRUNC, O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid
-// with errno when refused.
+// to create, truncate or append only those with a single name (else EMLINK; with O_CREAT the name is parted
+// from the others first, see wex_move_aside). Reading changes nothing. `flags` may hold O_CREAT, O_TRUNC,
+// O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid with
+// errno when refused; EBUSY for another name of a file on which this process holds a lock.
 unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 
 // Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
@@ -105,9 +106,9 @@ void wex_make_dir(const char* path, mode_t mode);
 // Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
 int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
 
-// Takes the write lock on a whole file, however long it grows, without waiting. False with errno. Closing any
-// descriptor of the file gives it back.
-bool wex_lock_file(int fd);
+// As unlink() and chdir(), the directory found along trusted links only.
+int wex_unlink(const char* path);
+int wex_chdir(const char* path);
 
 // Formats into a fixed buffer; false (buffer terminated) when it does not fit.
 bool wex_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));

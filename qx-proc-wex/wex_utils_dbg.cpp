@@ -128,7 +128,7 @@ int32_t debug_time(void) {
   if (access(kDebugTime, F_OK) != 0) {
     return kSelfCheckSec;
   }
-  unique_fd file = wex_open_file(kDebugTime, O_RDWR | O_CREAT, kDebugTimeMode);
+  unique_fd file = wex_open_file(kDebugTime, O_RDWR);
   if (!file.valid()) {
     return kSelfCheckSec;
   }

@@ -17,6 +17,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_limits.h"
+#include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 
@@ -49,11 +50,6 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
   // Nothing is truncated before we know that it is ours to truncate, and a FIFO must not stop us.
   const int cautious = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
   unique_fd file = open_trusted(AT_FDCWD, path, cautious, mode);
-  if (!file.valid() && errno == EACCES && (flags & O_CREAT) != 0) {
-    // A kernel that guards sticky directories refuses to "create" a file of another user that is there.
-    file = open_trusted(AT_FDCWD, path, cautious & ~O_CREAT);
-    errno = !file.valid() ? EACCES : errno;
-  }
   if (!file.valid()) {
     return file;
   }
@@ -70,8 +66,10 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
   unique_fd file = open_checked(path, flags, mode);
-  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0 && unlink(path) == 0) {
-    file = open_checked(path, flags, mode);  // the other name keeps the other file
+  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0) {
+    const bool parted = wex_part_names(path, (flags & O_TRUNC) == 0);  // the other name keeps the other file
+    errno = EMLINK;
+    file = parted ? open_checked(path, flags, mode) : unique_fd();
   }
   return file;
 }
@@ -83,7 +81,7 @@ void wex_make_dir(const char* path, mode_t mode) {
     return;
   }
   mkdirat(parent.get(), name, mode);
-  const unique_fd directory = open_trusted(parent.get(), name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+  const unique_fd directory = open_trusted_dir(parent.get(), name);
   if (directory.valid()) {
     fchmod(directory.get(), mode);
   }
@@ -103,11 +101,15 @@ int32_t wex_read_guarded(const char* path, char* buffer, size_t size) {
   return got;
 }
 
-bool wex_lock_file(int fd) {
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;  // start and length stay 0: all of it
-  return fcntl(fd, F_SETLK, &whole) == 0;
+int wex_unlink(const char* path) {
+  char name[NAME_MAX + 1];
+  const unique_fd parent = open_trusted_parent(path, name);
+  return parent.valid() ? unlinkat(parent.get(), name, 0) : -1;
+}
+
+int wex_chdir(const char* path) {
+  const unique_fd directory = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  return directory.valid() ? fchdir(directory.get()) : -1;
 }
 
 bool wex_format(char* buffer, size_t size, const char* format, ...) {

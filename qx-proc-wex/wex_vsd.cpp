@@ -135,7 +135,7 @@ bool enter_domain(int32_t vsd, bool create, const char* caller) {
 bool enter_run_dir(int32_t vsd, const char* caller) {
   char path[kPathSize];
   wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (chdir(path) != 0) {
+  if (wex_chdir(path) != 0) {
     tell(caller, "chdir");
     return false;
   }
@@ -304,7 +304,7 @@ int take_down(const take_down_plan& plan, int32_t vsd) {
   if (ret < 0) {
     return ret;
   }
-  unlink(marker);
+  wex_unlink(marker);
   remove_domain_trees(vsd, plan.remove);
   return 0;
 }

@@ -127,7 +127,7 @@ bool move_marked(dir_walk& dir, int32_t vsd) {
 void set_cgroups(int32_t vsd) {
   char markers[kPathSize];
   wex_format(markers, sizeof markers, kMarkerDirFmt, vsd);
-  if (chdir(markers) != 0) {
+  if (wex_chdir(markers) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: chdir fail: %s\n", __func__, strerror(errno));
     return;
   }

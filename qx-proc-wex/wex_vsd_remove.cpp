@@ -3,6 +3,7 @@
 // It runs as root in directories where everybody may create, rename and link. Hence every look, step down and
 // removal is made relative to a directory that is held open, and a name that turns into something else
 // meanwhile is at worst not removed.
+#define WEX_MODULE "wex_vsd"
 #include "wex_vsd_remove.h"
 
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include "dir_walk.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
@@ -47,10 +49,11 @@ constexpr domain_tree kDomainTrees[] = {
     {kCpuGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
 };
 
-// Opens the directory that `name` is, or that a trusted link of this name leads to.
-unique_fd open_dir(int parent, const char* name) {
-  return open_trusted(parent, name, O_RDONLY | O_DIRECTORY);
-}
+// Where a removal has got to.
+struct removal {
+  dev_t device;  // of the top; what is mounted below it is left alone
+  char path[kLongestPath + 1];
+};
 
 void remember(int* first, int result) {
   if (*first == 0) {
@@ -58,45 +61,79 @@ void remember(int* first, int result) {
   }
 }
 
-int remove_entry(int parent, const char* name, size_t path_length);
+int leave_busy(const removal& tree, const char* reason) {
+  wex_dbg(WEX_DBG_PUB, "%s: %s stays: %s\n", "remove_dir_tree", tree.path, reason);
+  return -EBUSY;
+}
 
-// Empties a directory whose own path has `path_length` characters.
-int remove_entries(unique_fd&& fd, size_t path_length) {
+int remove_entry(int parent, const char* name, removal* tree);
+
+// Empties the directory that the path tells of.
+int remove_entries(unique_fd&& fd, removal* tree) {
   dir_walk dir(std::move(fd));
   if (!dir.valid()) {
     return -errno;
   }
   int first = 0;
+  char* const end = tree->path + strlen(tree->path);
+  const size_t room = sizeof tree->path - static_cast<size_t>(end - tree->path);
   while (const dirent* entry = dir.next()) {
-    remember(&first, remove_entry(dir.fd(), entry->d_name, path_length + 1 + strlen(entry->d_name)));
+    const bool fits = wex_format(end, room, "/%s", entry->d_name);
+    remember(&first, fits ? remove_entry(dir.fd(), entry->d_name, tree) : -ENAMETOOLONG);
+    *end = '\0';
   }
   return first;
 }
 
-int remove_entry(int parent, const char* name, size_t path_length) {
-  if (path_length > kLongestPath) {
-    return -ENAMETOOLONG;
-  }
-  struct stat facts;
-  if (fstatat(parent, name, &facts, 0) != 0) {
-    return -errno;
-  }
-  if (!S_ISDIR(facts.st_mode)) {
-    return unlinkat(parent, name, 0) == 0 ? 0 : -errno;
-  }
-  unique_fd dir = open_dir(parent, name);
-  if (!dir.valid()) {
-    const int err = errno;
-    // Somebody's link to a directory: it goes, where it leads to does not.
-    return err == ELOOP && unlinkat(parent, name, 0) == 0 ? 0 : -err;
-  }
-  int first = remove_entries(std::move(dir), path_length);
+// Empties and removes the directory `name`, opened as `dir`.
+int remove_directory(int parent, const char* name, unique_fd&& dir, removal* tree) {
+  int first = remove_entries(std::move(dir), tree);
   // Tried whatever stayed inside: the files of a control group cannot be unlinked, but go with their
   // directory.
   if (unlinkat(parent, name, AT_REMOVEDIR) != 0) {
-    remember(&first, -errno);
+    const int err = errno;
+    remember(&first, err == EBUSY ? leave_busy(*tree, strerror(err)) : -err);
   }
   return first;
+}
+
+int remove_name(int parent, const char* name) {
+  return unlinkat(parent, name, 0) == 0 ? 0 : -errno;
+}
+
+// Removes what stands below the top. A link goes itself, wherever it leads and whoever made it.
+int remove_entry(int parent, const char* name, removal* tree) {
+  struct stat facts;
+  if (fstatat(parent, name, &facts, AT_SYMLINK_NOFOLLOW) != 0) {
+    return -errno;
+  }
+  if (!S_ISDIR(facts.st_mode)) {
+    return remove_name(parent, name);
+  }
+  if (facts.st_dev != tree->device) {
+    return leave_busy(*tree, "something is mounted there");
+  }
+  unique_fd dir(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return dir.valid() ? remove_directory(parent, name, std::move(dir), tree) : -errno;
+}
+
+// Removes the top, which may be a link that is to be followed.
+int remove_top(int parent, const char* name, removal* tree) {
+  struct stat facts;
+  if (fstatat(parent, name, &facts, AT_SYMLINK_NOFOLLOW) != 0) {
+    return -errno;
+  }
+  const bool is_link = S_ISLNK(facts.st_mode);
+  if (!is_link && !S_ISDIR(facts.st_mode)) {
+    return remove_name(parent, name);
+  }
+  unique_fd dir = open_trusted_dir(parent, name);
+  if (!dir.valid() || fstat(dir.get(), &facts) != 0) {
+    const int err = errno;
+    return is_link ? remove_name(parent, name) : -err;
+  }
+  tree->device = facts.st_dev;
+  return remove_directory(parent, name, std::move(dir), tree);
 }
 
 bool present(const char* path) {
@@ -120,8 +157,10 @@ extern "C" int remove_dir_tree(const char* path) {
     return -ENAMETOOLONG;
   }
   char name[NAME_MAX + 1];
+  removal tree = {};
+  wex_copy_text(tree.path, sizeof tree.path, path);
   const unique_fd parent = open_trusted_parent(path, name);
-  return parent.valid() ? remove_entry(parent.get(), name, length) : -errno;
+  return parent.valid() ? remove_top(parent.get(), name, &tree) : -errno;
 }
 
 void remove_domain_trees(int32_t vsd, unsigned set) {

@@ -17,8 +17,9 @@ void remove_domain_trees(int32_t vsd, unsigned set);
 extern "C" {
 
 // Removes what `path` (absolute) names, a directory with all that is in it. 0, or the negated errno of the
-// first failure; a failure inside stops neither the rest nor the directory's own removal. Never leaves the
-// tree through a symbolic link, unless root owns the link and it leads to a directory: that one is emptied.
+// first failure; a failure inside stops neither the rest nor the directory's own removal. Below `path` no
+// symbolic link is followed and no other file system is entered. A link that `path` itself names is removed,
+// too, unless root put it where nobody else could: then the directory it leads to is emptied.
 // Entries whose path is longer than 255 characters fail with ENAMETOOLONG. Any thread.
 int remove_dir_tree(const char* path);
 }

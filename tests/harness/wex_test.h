@@ -109,8 +109,8 @@ class Daemon {
   // Starts it with all diagnostics on and waits until it answers. `env` as above.
   bool start(const std::vector<std::string>& args = {}, const std::vector<std::string>& env = {});
 
-  // The same through a starter that becomes the daemon ("setpriv ..."): its words, and the daemon's name behind
-  // them. The second does not wait until it answers.
+  // The same through a starter that becomes the daemon ("setpriv ..."): its words, and the daemon's name
+  // behind them. The second does not wait until it answers.
   bool start_by(const std::vector<std::string>& starter);
   bool start_below(const std::vector<std::string>& words);
 

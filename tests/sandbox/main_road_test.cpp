@@ -216,11 +216,11 @@ TEST_P(StoppedInADomain, ItsRecordIsKeptWhenTheDirectoryFailsAndItsNextLifeIsSup
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, StoppedInADomain,
-    ::testing::Values(KeptRecord{{"inject=chdir:error=EACCES:when=1"},
+    ::testing::Values(KeptRecord{{"inject=fchdir:error=EACCES:when=1"},
                                  "]wex_handle_netlink_exit: chdir /tmp/vsd/3/wex/ fail: Permission denied\n"},
-                      KeptRecord{{"/tmp/vsd/3", "inject=openat:error=EMFILE:when=2"},
+                      KeptRecord{{"/tmp/vsd/3", "inject=openat:error=EMFILE:when=3"},
                                  "]wex_handle_netlink_exit: opendir fail: Too many open files\n"},
-                      KeptRecord{{"inject=chdir:error=EACCES:when=2"},
+                      KeptRecord{{"inject=fchdir:error=EACCES:when=2"},
                                  "]wex_handle_netlink_exit: chdir / fail: Permission denied\n"}));
 
 TEST_F(MainRoad, AServiceOfADomainRunsAgainInItsDomain) {

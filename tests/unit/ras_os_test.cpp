@@ -43,7 +43,10 @@ fault ftok_fault;
 fault create_fault;  // semget with creation flags
 fault find_fault;    // semget without
 fault setval_fault;
-fault malloc_fault;  // of the product: the test itself takes its memory otherwise
+fault page_fault;  // sysconf, asked for the size of a page
+std::atomic<unsigned> slept_seconds{0};
+bool quick_sleep = false;  // sleeps are counted, not slept
+fault malloc_fault;        // of the product: the test itself takes its memory otherwise
 
 template <typename F>
 F* libc(const char* name) {
@@ -55,6 +58,17 @@ F* libc(const char* name) {
 extern "C" void* __real_malloc(size_t size);
 extern "C" void* __wrap_malloc(size_t size) {
   return malloc_fault.strikes() ? nullptr : __real_malloc(size);
+}
+
+extern "C" long __real_sysconf(int name);
+extern "C" long __wrap_sysconf(int name) {
+  return name == _SC_PAGESIZE && page_fault.strikes() ? -1 : __real_sysconf(name);
+}
+
+extern "C" unsigned __real_sleep(unsigned seconds);
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+  slept_seconds += seconds;
+  return quick_sleep ? 0 : __real_sleep(seconds);
 }
 
 extern "C" key_t ftok(const char* path, int project) noexcept {
@@ -184,6 +198,22 @@ TEST_F(MutexSem, TheKernelGivesBackTheLockOfADeadHolder) {
   EXPECT_EQ(0, value_of(id));
   holder.end();
   EXPECT_EQ(1, value_of(id));
+}
+
+// Each operation is undone when its process ends, an unlock like a lock.
+TEST_F(MutexSem, AnUnlockIsUndoneWithTheProcessThatDidIt) {
+  int id = -1;
+  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
+  lasting_child unlocker([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
+  EXPECT_EQ(2, value_of(id));
+  unlocker.end();
+  EXPECT_EQ(1, value_of(id));
+  ASSERT_EQ(0, ras_os_lock_mutex_sem(id));
+  lasting_child stranger([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
+  EXPECT_EQ(1, value_of(id)) << "given back by another process";
+  stranger.end();
+  EXPECT_EQ(0, value_of(id)) << "and locked again by that process's end";
+  EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
 }
 
 TEST_F(MutexSem, AnInterruptedLockWaitsASecondAndGoesOn) {
@@ -356,6 +386,8 @@ TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
     ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
     EXPECT_EQ(-6, result);
     EXPECT_EQ(ENOMEM, err);
+    EXPECT_EQ(MAP_FAILED, memory.addr) << "what was stored stays";
+    EXPECT_EQ(nullptr, memory.name);
     EXPECT_EQ(before, open_descriptors());
   });
   EXPECT_FALSE(exists(kObjectFile));
@@ -366,6 +398,30 @@ TEST_F(RasOs, ASizeWithinAPageOf4GiBCannotBeMapped) {
   int err = 0;
   EXPECT_EQ(-6, ras_os_init_record_memory(kObject, UINT32_MAX, &memory, &err));
   EXPECT_EQ(EINVAL, err);
+}
+
+TEST_F(RasOs, AnUnreadablePageSizeRemovesTheObject) {
+  ras_os_record_memory_t memory = {};
+  int err = 0;
+  page_fault.arm(1, EINVAL);
+  EXPECT_EQ(-5, ras_os_init_record_memory(kObject, 1, &memory, &err));
+  EXPECT_EQ(EINVAL, err);
+  EXPECT_FALSE(exists(kObjectFile));
+  EXPECT_EQ(nullptr, memory.name);
+  EXPECT_EQ(0u, memory.size) << "not got so far";
+}
+
+TEST_F(RasOs, ClosingFreesTheNameAndLeavesTheRestAsItWas) {
+  in_child([] {
+    ras_os_record_memory_t memory = {};
+    int err = 5;
+    ASSERT_EQ(0, ras_os_init_record_memory(kObject, 1, &memory, &err));
+    const ras_os_record_memory_t before = memory;
+    EXPECT_EQ(0, ras_os_close_record_memory(&memory, &err));
+    EXPECT_EQ(nullptr, memory.name);
+    EXPECT_EQ(before.addr, memory.addr);
+    EXPECT_EQ(before.size, memory.size);
+  });
 }
 
 TEST_F(RasOs, ClosingTellsWhichStepFailed) {
@@ -399,8 +455,10 @@ TEST_F(RasOs, APathIsJoinedWhenItFitsWithItsEnd) {
   char out[8] = "before";
   EXPECT_EQ(0, ras_make_vsd_path("/ab", "/cde", out, sizeof(out)));
   EXPECT_STREQ("/ab/cde", out);
-  EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_path, N>:not enough path memory(prefix:/abc, suffix:/cde, len:8)!\n",
-            lines_of([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
+  EXPECT_EQ(
+      "[RAS]<ras_comp_config, ras_make_vsd_path, N>:not enough path memory(prefix:/abc, suffix:/cde, "
+      "len:8)!\n",
+      lines_of([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
   EXPECT_STREQ("/ab/cde", out);
   EXPECT_EQ(-1, ras_make_vsd_path(nullptr, "", out, sizeof(out)));
 }
@@ -530,6 +588,93 @@ TEST_F(SystemSem, ASetRemovedFromOutsideStaysLost) {
   ASSERT_EQ(0, wex_sem_init());
   g_wex_semid = -1;
   EXPECT_EQ(0, wex_get_semval());
+}
+
+TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsNotTriedForEver) {
+  ASSERT_EQ(0, wex_sem_init());
+  g_wex_semid = -1;
+  ftok_fault.arm(WEX_SEM_KEY_TRIES, ENOMEM);
+  quick_sleep = true;
+  slept_seconds = 0;
+  EXPECT_EQ(
+      "[WEX:wex:N]Get sem file key failed: Cannot allocate memory.[WEX:ras_os:N]wex get semid failed!\n",
+      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+  quick_sleep = false;
+  EXPECT_EQ(WEX_SEM_KEY_TRIES - 1u, slept_seconds);
+  EXPECT_EQ(0, wex_get_semval()) << "the next look finds it";
+}
+
+TEST_F(SystemSem, ASecondNameOfItsKeyFileChangesNothing) {
+  ASSERT_EQ(0, wex_sem_init());
+  const int id = g_wex_semid;
+  raise_count(id);
+  ASSERT_EQ(0, link(WEX_SEM_KEY_FILE, "/tmp/second"));
+  g_wex_semid = -1;
+  EXPECT_EQ(0, wex_sem_init());
+  EXPECT_EQ(1, wex_get_semval());
+  EXPECT_EQ(id, g_wex_semid);
+}
+
+// What an unprivileged user may have made before the first start.
+TEST_F(SystemSem, OnlyASetAndAKeyFileOfRootsCount) {
+  const struct {
+    const char* told;
+    std::function<void()> by_root;  // before
+    bool file, set;                 // what the user makes
+  } rows[] = {{"file", [] {}, true, false},
+              {"file and set", [] {}, true, true},
+              {"set under the key of root's file", [] { write_file(WEX_SEM_KEY_FILE, ""); }, false, true},
+              {"directory",
+               [] { EXPECT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0777) + chown(WEX_SEM_KEY_FILE, kOtherUser, 0)); },
+               false, false}};
+  for (const auto& row : rows) {
+    row.by_root();
+    int theirs[2];
+    ASSERT_EQ(0, pipe(theirs));
+    in_child([&] {
+      ASSERT_EQ(0, setuid(kOtherUser));
+      if (row.file) {
+        write_file(WEX_SEM_KEY_FILE, "", 0666);
+      }
+      const int id = row.set ? semget(ftok(WEX_SEM_KEY_FILE, 1), 1, IPC_CREAT | IPC_EXCL | 0600) : -1;
+      EXPECT_EQ(row.set, id >= 0);
+      EXPECT_EQ(static_cast<ssize_t>(sizeof id), write(theirs[1], &id, sizeof id));
+    });
+    int their_set = -1;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof their_set), read(theirs[0], &their_set, sizeof their_set));
+    close(theirs[0]);
+    close(theirs[1]);
+    g_wex_semid = -1;
+    EXPECT_EQ(0, wex_sem_init()) << row.told;
+    const int ours = g_wex_semid;
+    EXPECT_GE(ours, 0) << row.told;
+    EXPECT_NE(their_set, ours) << row.told;
+    EXPECT_EQ(ours, wex_get_semid()) << row.told << ": what a client finds";
+    struct stat facts = {};
+    EXPECT_EQ(0, stat(WEX_SEM_KEY_FILE, &facts)) << row.told;
+    EXPECT_EQ(0u, facts.st_uid) << row.told;
+    semctl(ours, 0, IPC_RMID, nullptr);
+    if (row.set) {
+      EXPECT_EQ(0, semctl(their_set, 0, IPC_RMID, nullptr)) << row.told << ": left alone";
+    }
+    unlink(WEX_SEM_KEY_FILE);
+  }
+}
+
+TEST_F(SystemSem, AForeignSetThatTakesTheKeyLaterIsNotRead) {
+  ASSERT_EQ(0, wex_sem_init());
+  const int ours = g_wex_semid;
+  raise_count(ours);
+  ASSERT_EQ(0, unlink(WEX_SEM_KEY_FILE));
+  in_child([] {
+    ASSERT_EQ(0, setuid(kOtherUser));
+    write_file(WEX_SEM_KEY_FILE, "");
+    EXPECT_LE(0, semget(ftok(WEX_SEM_KEY_FILE, 1), 1, IPC_CREAT | IPC_EXCL | 0666));
+  });
+  g_wex_semid = -1;
+  EXPECT_EQ(1, wex_get_semval());
+  EXPECT_EQ(ours, g_wex_semid);
+  semctl(ours, 0, IPC_RMID, nullptr);
 }
 
 TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsTriedEverySecond) {

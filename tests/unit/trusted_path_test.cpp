@@ -2,15 +2,48 @@
 // planted.
 #include "trusted_path.h"
 
+#include <stdarg.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <time.h>
 
+#include "file_lock.h"
 #include "unit_support.h"
+#include "wex_limits.h"
 #include "wex_utils.h"
 
 using namespace unit;
 
 namespace {
+
+// What a kernel makes of descriptors that only name a file.
+enum class era {
+  today,
+  without_fstat,       // 2.6.39 to 3.5: fstat() refuses them
+  without_empty_path,  // no such kernel, but a filter of calls may refuse the other way, too
+  without_o_path,      // before 2.6.39: the flag is ignored
+};
+era kernel = era::today;
+time_t clock_error = 0;                // what time() tells too much
+unsigned slept = 0;                    // seconds, not really waited
+std::function<void()> before_opening;  // called once, before the product opens a last component
+
+struct kernel_of {
+  explicit kernel_of(era past, time_t error = 0) {
+    kernel = past;
+    clock_error = error;
+    slept = 0;
+  }
+  ~kernel_of() {
+    kernel = era::today;
+    clock_error = 0;
+  }
+};
+
+bool only_names(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_PATH) != 0;
+}
 
 class OpenRule : public Sandboxed {
  protected:
@@ -26,6 +59,66 @@ class OpenRule : public Sandboxed {
 };
 
 }  // namespace
+
+// The C library's names of the calls depend on the width of its times.
+#if defined(__USE_TIME64_REDIRECTS) || (defined(__USE_TIME_BITS64) && __SIZEOF_LONG__ == 4)
+#define WRAPPED(call) __wrap___##call##64_time64
+#define REAL(call) __real___##call##64_time64
+#define WRAPPED_TIME __wrap___time64
+#define REAL_TIME __real___time64
+#else
+#define WRAPPED(call) __wrap_##call##64
+#define REAL(call) __real_##call##64
+#define WRAPPED_TIME __wrap_time
+#define REAL_TIME __real_time
+#endif
+
+extern "C" {
+
+int __real_openat64(int at, const char* path, int flags, ...);
+int REAL(fstat)(int fd, struct stat* facts);
+int REAL(fstatat)(int at, const char* path, struct stat* facts, int flags);
+time_t REAL_TIME(time_t* now);
+
+int __wrap_openat64(int at, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if ((flags & O_PATH) == 0 && before_opening) {
+    const std::function<void()> once = std::move(before_opening);
+    before_opening = nullptr;
+    once();
+  }
+  return __real_openat64(at, path, kernel == era::without_o_path ? flags & ~O_PATH : flags, mode);
+}
+
+int WRAPPED(fstat)(int fd, struct stat* facts) {
+  if (kernel != era::today && only_names(fd)) {
+    errno = EBADF;
+    return -1;
+  }
+  return REAL(fstat)(fd, facts);
+}
+
+int WRAPPED(fstatat)(int at, const char* path, struct stat* facts, int flags) {
+  const bool refused = kernel == era::without_empty_path || kernel == era::without_o_path;
+  if (refused && (flags & AT_EMPTY_PATH) != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  return REAL(fstatat)(at, path, facts, flags);
+}
+
+time_t WRAPPED_TIME(time_t* now) {
+  return REAL_TIME(now) + clock_error;
+}
+
+void __wrap_safe_sleep(unsigned seconds) {
+  slept += seconds;
+}
+
+}  // extern "C"
 
 TEST_F(OpenRule, AnHonestFileOpensBlockingAndCloseOnExec) {
   const unique_fd file = wex_open_file("/tmp/r/new", O_RDWR | O_CREAT | O_APPEND, 0777);
@@ -126,7 +219,7 @@ TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
   EXPECT_FALSE(wex_open_file("/tmp/r/own", O_RDONLY).valid());
 }
 
-TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButMakesRoom) {
+TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButParted) {
   write_file("/tmp/victim", "precious");
   ASSERT_EQ(0, link("/tmp/victim", "/tmp/r/log"));
   for (const int flags : {O_WRONLY | O_TRUNC, O_WRONLY | O_APPEND}) {
@@ -135,8 +228,10 @@ TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButMakesRoom) {
   }
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDONLY).valid());
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDWR).valid()) << "its lock may be tried";
-  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666).valid());
-  EXPECT_EQ("", contents("/tmp/r/log")) << "a file of its own";
+  const unique_fd log = wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666);
+  ASSERT_EQ(1, write(log.get(), "+", 1));
+  EXPECT_EQ("precious+", contents("/tmp/r/log")) << "a file of its own";
+  EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
   EXPECT_EQ("precious", contents("/tmp/victim"));
 }
 
@@ -159,38 +254,121 @@ TEST_F(OpenRule, ASecondNameOfRootsLinkIsNotFollowed) {
   EXPECT_EQ(ELOOP, errno);
 }
 
-// From now on a link cannot be opened, as on kernels that do not know O_PATH. In a forked child only.
-void refuse_opened_links() {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 4),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
-      BPF_STMT(BPF_ALU | BPF_AND | BPF_K, O_PATH | O_NOFOLLOW | O_DIRECTORY),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, O_PATH | O_NOFOLLOW, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ELOOP),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter = {sizeof program / sizeof program[0], program};
-  ASSERT_EQ(0, prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
-  ASSERT_EQ(0, prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter));
+TEST_F(OpenRule, HoldsOnEveryKernelThatKnowsItsCallsOrNot) {
+  ASSERT_EQ(0, mkdir("/tmp/r/dir", 0755));
+  write_file("/tmp/r/dir/target", "text");
+  link_of(0, "dir", "/tmp/r/ours");
+  link_of(0, "target", "/tmp/r/dir/last");
+  link_of(kOtherUser, "dir", "/tmp/r/theirs");
+  for (const era past : {era::today, era::without_fstat, era::without_empty_path, era::without_o_path}) {
+    const kernel_of simulated(past, 60);
+    EXPECT_TRUE(wex_open_file("/tmp/r/ours/last", O_RDONLY).valid()) << static_cast<int>(past);
+    EXPECT_TRUE(wex_open_file("/tmp/r/ours/last", O_RDWR).valid()) << static_cast<int>(past);
+    EXPECT_FALSE(wex_open_file("/tmp/r/theirs/target", O_RDONLY).valid()) << static_cast<int>(past);
+    EXPECT_EQ(ELOOP, errno) << static_cast<int>(past);
+    EXPECT_FALSE(wex_open_file("/tmp/r/dir/target/f", O_RDONLY).valid()) << static_cast<int>(past);
+    EXPECT_EQ(ENOTDIR, errno) << static_cast<int>(past);
+    EXPECT_EQ(0u, slept) << static_cast<int>(past);
+  }
 }
 
-TEST_F(OpenRule, WhereLinksCannotBeOpenedTheyAreReadWhenTheyHaveRestedForAWhile) {
+TEST_F(OpenRule, WhereLinksCannotBeOpenedOnlyAFreshOneIsWaitedFor) {
   write_file("/tmp/r/target", "text");
   link_of(0, "target", "/tmp/r/ours");
-  link_of(kOtherUser, "target", "/tmp/r/theirs");
+  const struct {
+    time_t clock_error;
+    unsigned slept;
+  } rows[] = {{0, kLinkRestSec}, {60, 0}, {-3600, 0}};  // the last: a clock that was not set yet
+  for (const auto& row : rows) {
+    const kernel_of simulated(era::without_o_path, row.clock_error);
+    EXPECT_TRUE(wex_open_file("/tmp/r/ours", O_RDONLY).valid());
+    EXPECT_EQ(row.slept, slept) << row.clock_error;
+  }
+}
+
+TEST_F(OpenRule, ForAChangeALinkOfRootsCountsOnlyWhereNobodyElseCouldPutIt) {
+  write_file("/tmp/r/target", "precious");
+  ASSERT_EQ(0, mkdir("/tmp/open", 0777));
+  ASSERT_EQ(0, chmod("/tmp/open", 0777));
+  const struct {
+    const char* above;
+    mode_t mode;
+    uid_t owner;
+    gid_t group;
+    bool usable;
+  } rows[] = {{"/tmp/r", 0755, 0, 0, true},     {"/tmp/r", 0775, 0, 0, true},
+              {"/tmp/r", 0775, 0, 1234, false}, {"/tmp/r", 0777, 0, 0, false},
+              {"/tmp/r", 01777, 0, 0, false},   {"/tmp/r", 0755, kOtherUser, 0, false},
+              {"/tmp/open", 0755, 0, 0, false}};
+  for (const auto& row : rows) {
+    const std::string directory = std::string(row.above) + "/d";
+    const std::string link = directory + "/link";
+    ASSERT_EQ(0, mkdir(directory.c_str(), 0755));
+    ASSERT_EQ(0, chown(directory.c_str(), row.owner, row.group));
+    ASSERT_EQ(0, chmod(directory.c_str(), row.mode));
+    link_of(0, "/tmp/r/target", link.c_str());
+    link_of(0, "/tmp/r", (directory + "/way").c_str());
+    const std::string told = directory + " " + std::to_string(row.mode) + " " + std::to_string(row.group);
+    EXPECT_TRUE(wex_open_file(link.c_str(), O_RDONLY).valid()) << told;
+    for (const int flags : {O_WRONLY, O_RDWR, O_WRONLY | O_CREAT, O_RDONLY | O_CREAT}) {
+      EXPECT_EQ(row.usable, wex_open_file(link.c_str(), flags, 0600).valid()) << told << " " << flags;
+    }
+    wex_make_dir((directory + "/way/made").c_str(), 0755);
+    EXPECT_EQ(row.usable, exists("/tmp/r/made")) << told;
+    EXPECT_EQ(row.usable, open_trusted_dir(AT_FDCWD, (directory + "/way").c_str()).valid()) << told;
+    rmdir("/tmp/r/made");
+    for (const char* const name : {"/link", "/way"}) {
+      ASSERT_EQ(0, unlink((directory + name).c_str()));
+    }
+    ASSERT_EQ(0, rmdir(directory.c_str()));
+  }
+}
+
+TEST_F(OpenRule, SomebodyElsesDirectoryLinkLeadsNoRemovalAndNoChangeOfPlace) {
+  ASSERT_EQ(0, mkdir("/tmp/private", 0700));
+  write_file("/tmp/private/f", "precious");
+  link_of(kOtherUser, "/tmp/private", "/tmp/r/way");
+  EXPECT_EQ(-1, wex_unlink("/tmp/r/way/f"));
+  EXPECT_EQ(ELOOP, errno);
+  EXPECT_EQ("precious", contents("/tmp/private/f"));
   in_child([] {
-    refuse_opened_links();
-    EXPECT_LT(open("/tmp/r/ours", O_PATH | O_NOFOLLOW), 0);
-    EXPECT_LE(milliseconds(1900),
-              time_of([] { EXPECT_TRUE(wex_open_file("/tmp/r/ours", O_RDONLY).valid()); }));
-    EXPECT_GT(milliseconds(1900),
-              time_of([] { EXPECT_TRUE(wex_open_file("/tmp/r/ours", O_RDONLY).valid()); }))
-        << "it has rested";
-    EXPECT_FALSE(wex_open_file("/tmp/r/theirs", O_RDONLY).valid());
+    ASSERT_EQ(0, wex_chdir("/tmp/r"));
+    EXPECT_EQ(-1, wex_chdir("/tmp/r/way"));
     EXPECT_EQ(ELOOP, errno);
-    EXPECT_FALSE(wex_open_file("/tmp/r/target/f", O_RDONLY).valid());
-    EXPECT_EQ(ENOTDIR, errno);
+    EXPECT_TRUE(exists("way")) << "still where it was";
+  });
+  EXPECT_EQ(0, wex_unlink("/tmp/r/way"));
+  EXPECT_FALSE(exists("/tmp/r/way"));
+  EXPECT_EQ(-1, wex_unlink("/tmp/r/way"));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+// ---- Other names of locked files --------------------------------------------------------------------------
+
+TEST_F(OpenRule, AnotherNameOfALockedFileIsNotOpened) {
+  write_file("/tmp/r/lock", "");
+  write_file("/tmp/r/free", "");
+  ASSERT_EQ(0, link("/tmp/r/lock", "/tmp/r/other"));
+  in_child([] {
+    unique_fd lock(open("/tmp/r/lock", O_RDWR | O_CLOEXEC));
+    ASSERT_TRUE(wex_lock_file(lock.get()));
+    keep_locked_file("/tmp/r/lock", std::move(lock));
+    for (const int flags : {O_RDONLY, O_RDWR, O_RDWR | O_CREAT, O_WRONLY | O_APPEND}) {
+      EXPECT_FALSE(wex_open_file("/tmp/r/other", flags, 0600).valid()) << flags;
+      EXPECT_EQ(EBUSY, errno) << flags;
+    }
+    EXPECT_TRUE(wex_open_file("/tmp/r/free", O_RDONLY).valid());
+    // The name changes hands between the look at it and its opening.
+    before_opening = [] { ASSERT_EQ(0, rename("/tmp/r/other", "/tmp/r/free")); };
+    EXPECT_FALSE(wex_open_file("/tmp/r/free", O_RDONLY).valid());
+    in_child([] {
+      const unique_fd other(open("/tmp/r/lock", O_RDWR | O_CLOEXEC));
+      EXPECT_FALSE(wex_lock_file(other.get())) << "our lock is gone";
+      EXPECT_TRUE(wex_open_file("/tmp/r/lock", O_RDONLY).valid())
+          << "a child holds no lock that it could lose";
+    });
+    drop_locked_file("/tmp/r/lock");
+    EXPECT_TRUE(wex_open_file("/tmp/r/lock", O_RDONLY).valid());
   });
 }
 

@@ -204,10 +204,24 @@ TEST_F(RunningLog, WithoutMemoryForTheLookTheEntryIsDroppedAndTheFileStays) {
 }
 
 TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
-  ASSERT_EQ(0, mkfifo(kRunningLog1, 0777));
-  EXPECT_EQ("", output_of([] { wex_running_log("f\n"); }));
+  EXPECT_EQ("", output_of([] {
+              in_child([] {
+                refuse_creation();
+                wex_running_log("f\n");
+              });
+            }));
+  EXPECT_FALSE(exists(kRunningLog1));
   EXPECT_FALSE(exists(kRunningLog2));
-  unlink(kRunningLog1);
+}
+
+// Whoever can link the log must not make us lose what it holds, nor write to a file of his.
+TEST_F(RunningLog, ASecondNameCostsNoEntry) {
+  wex_running_log("a\n");
+  ASSERT_EQ(0, link(kRunningLog1, (std::string(kRunningLog1) + ".link").c_str()));
+  wex_running_log("b\n");
+  EXPECT_EQ(46u, contents(kRunningLog1).size());
+  EXPECT_EQ(23u, contents(std::string(kRunningLog1) + ".link").size());
+  unlink((std::string(kRunningLog1) + ".link").c_str());
 }
 
 // A thread at real-time priority must not wait for the disk of one that is not.
@@ -437,6 +451,32 @@ TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
   wex_log_record_reboot_info("/data/none/record", "lost");
 }
 
+TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
+  const struct {
+    const char* told;
+    std::function<void()> make;
+    const char* kept;  // what it held before
+  } rows[] = {
+      {"directory", [] { EXPECT_EQ(0, mkdir("/data/record", 0755) + mkdir("/data/record/d", 0755)); }, ""},
+      {"FIFO", [] { EXPECT_EQ(0, mkfifo("/data/record", 0777)); }, ""},
+      {"link",
+       [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record") + lchown("/data/record", kOtherUser, 0)); },
+       ""},
+      {"root's link", [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record")); }, ""},
+      {"second name", [] { EXPECT_EQ(0, link("/data/old", "/data/record")); }, "T before\n"},
+  };
+  for (const auto& row : rows) {
+    write_file("/data/victim", "precious");
+    wex_log_record_reboot_info("/data/old", "before");
+    row.make();
+    wex_log_record_reboot_info("/data/record", "why");
+    EXPECT_EQ(row.kept + std::string("T why\n"), without_times(contents("/data/record"))) << row.told;
+    EXPECT_EQ("precious", contents("/data/victim")) << row.told;
+    EXPECT_EQ("T before\n", without_times(contents("/data/old"))) << row.told;
+    EXPECT_EQ(0, system("rm -rf /data/*"));
+  }
+}
+
 TEST_F(RebootRecord, AnEntryIsOnTheDiskWhenItIsMade) {
   using texts = std::vector<std::string>;
   synced.clear();
@@ -475,11 +515,15 @@ TEST_F(Reboot, WithoutTheKernelModuleTheRestStillHappens) {
   EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
 }
 
-TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSame) {
-  ASSERT_EQ(0, mkdir(kRebootLog, 0755));
+TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSameAndTheRunningLogNamesTheReason) {
+  make_parents(kRunningLog1);
+  unlink(kRunningLog1);
+  ASSERT_EQ(0, mount("unit", "/data", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
   errno = 0;
-  EXPECT_GE(time_of([] { wex_reboot("r", nullptr); }), milliseconds(1000));
+  EXPECT_GE(time_of([] { wex_reboot("two\nlines\n", "more\n"); }), milliseconds(1000));
   EXPECT_EQ(EPERM, errno) << "the kernel's refusal";
+  EXPECT_FALSE(exists(kRebootLog));
+  EXPECT_NE(std::string::npos, contents(kRunningLog1).find(": Reboot: two lines more\r\n"));
   EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
 }
 

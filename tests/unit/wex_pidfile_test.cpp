@@ -412,6 +412,35 @@ TEST_F(Pidfile, HeldFileOfAnotherProcessIsNotKept) {
   EXPECT_EQ(before_, count_descriptors());
 }
 
+// In directories where everybody may link files, any name may be a second one of a held file.
+TEST_F(Pidfile, AnotherNameOfAHeldFileDoesNotCostItsLock) {
+  const wex_reg_info body = message(0, 94, "/a/held");
+  const std::string name = db_file(0, "held", 94);
+  const std::string other = db_file(0, "other", 95);
+  ASSERT_EQ(0, wex_mk_pidfile_held(&body, 1));
+  ASSERT_EQ(0, link(name.c_str(), other.c_str()));
+  EXPECT_EQ(1, wex_proc_is_exit(record(0, 95, "/a/other")));
+  EXPECT_EQ(-1, wex_read_pidfile(other.c_str(), record(0, 95, "/a/other")));
+  EXPECT_EQ(1, wex_proc_is_exit(record(0, 94, "/a/held"))) << "nobody else holds it";
+  EXPECT_TRUE(is_locked_for_others(name));
+  EXPECT_EQ(0, wex_db_destroy(record(0, 95, "/a/other")));
+  EXPECT_EQ(0, wex_db_destroy(record(0, 94, "/a/held")));
+}
+
+TEST_F(Pidfile, NothingIsRemovedThroughSomebodysDirectoryLink) {
+  make_dirs("/tmp/victims");
+  write_file("/tmp/victims/foo.96", "precious");
+  write_file("/tmp/victims/96", "precious");
+  ASSERT_EQ(0, rmdir(db_dir(7).c_str()));
+  ASSERT_EQ(0, symlink("/tmp/victims", db_dir(7).c_str()));
+  ASSERT_EQ(0, lchown(db_dir(7).c_str(), 1000, 1000));
+  EXPECT_EQ(-1, wex_db_destroy(record(7, 96, "/a/foo")));
+  EXPECT_EQ(ELOOP, errno);
+  EXPECT_EQ(-1, wex_rm_pidfile(record(7, 96, "/a/foo")));
+  EXPECT_TRUE(exists("/tmp/victims/foo.96"));
+  EXPECT_TRUE(exists("/tmp/victims/96"));
+}
+
 TEST_F(Pidfile, DestroyingTellsWhatUnlinkTold) {
   write_file(db_file(6, "foo", 93), "93\n2\n/a/foo");
   EXPECT_EQ(0, wex_db_destroy(record(6, 93, "/a/foo -with /arguments")));

@@ -269,6 +269,22 @@ TEST_F(ProcWorld, WithoutARunDirectoryNoMarkerIsMade) {
   EXPECT_STREQ("/", getcwd(where, sizeof where));
 }
 
+TEST_F(ProcWorld, SomebodysLinkInPlaceOfTheRunDirectoryIsNotEntered) {
+  make_dirs(domain_dir(2));
+  make_dirs("/data/var/run/vsd");
+  ASSERT_EQ(0, symlink("/etc", run_dir(2).c_str()));
+  ASSERT_EQ(0, lchown(run_dir(2).c_str(), 1000, 1000));
+  EXPECT_EQ(-ELOOP, save_proc_info(2, 4711));
+  EXPECT_FALSE(exists(domain_dir(2) + "/4711"));
+  char where[64];
+  EXPECT_STREQ("/", getcwd(where, sizeof where));
+  EXPECT_EQ(0, in_child([] {
+              set_proc_env(2, 812);
+              char place[64] = "";
+              return getcwd(place, sizeof place) != nullptr && std::string(place) == "/" ? 0 : 1;
+            }));
+}
+
 std::string domain_report() {
   std::string report;
   for (const char* name : {"QX_CFG_DIR", "OVIX_DIR", "DATA_OVIX_DIR", "DATA_OVIX_DIR2", "TMPDIR", "KEPT"}) {

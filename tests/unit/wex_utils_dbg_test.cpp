@@ -169,7 +169,7 @@ TEST_F(Diagnostics, AnUnsetDirectoryIsSaidAtAnyLevel) {
   unsetenv(RAS_DATA_OVIX_ENV);
   for (const Levels& before : {Levels{4, 4, 4}, Levels{2, 3, 5}}) {
     set_all_levels(before);
-    EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_data_ovix_path, N>:get DATA_OVIX_DIR fail!\r\n",
+    EXPECT_EQ("[RAS]<ras_comp_config, ras_make_vsd_data_ovix_path, N>:get DATA_OVIX_DIR fail!\r\n",
               lines_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
     EXPECT_EQ(before, levels());
   }
@@ -186,7 +186,7 @@ TEST_F(Diagnostics, ADirectoryOf226CharactersIsRefused) {
   setenv(RAS_DATA_OVIX_ENV, directory.c_str(), 1);
   for (const Levels& before : {Levels{4, 4, 4}, Levels{2, 3, 5}}) {
     set_all_levels(before);
-    EXPECT_EQ("[RAS]<ras_os, ras_make_vsd_path, N>:not enough path memory(prefix:" + directory +
+    EXPECT_EQ("[RAS]<ras_comp_config, ras_make_vsd_path, N>:not enough path memory(prefix:" + directory +
                   ", suffix:/qx_utils/qx_utils_dbg_cfg.txt, len:256)!\n",
               lines_of([] { wex_parse_dbg_file(); }));
     EXPECT_EQ(before, levels());
@@ -226,6 +226,17 @@ TEST_F(SelfCheckWait, AnythingElseIs300AndSaid) {
     set_levels(WEX_DBG_SILENT, 0);
     EXPECT_EQ("", output_of([] { EXPECT_EQ(300, debug_time()); }));
   }
+}
+
+TEST_F(SelfCheckWait, AFileWithASecondNameIsReadAndStaysAsItIs) {
+  write_file(kDebugTime, "42\n");
+  ASSERT_EQ(0, link(kDebugTime, "/debug_time_of_other_name"));
+  EXPECT_EQ(42, debug_time());
+  EXPECT_EQ("42\n", contents(kDebugTime));
+  struct stat facts = {};
+  EXPECT_EQ(0, stat(kDebugTime, &facts));
+  EXPECT_EQ(2u, facts.st_nlink);
+  EXPECT_EQ(0, unlink("/debug_time_of_other_name"));
 }
 
 TEST_F(SelfCheckWait, WithoutAFileItIs300AndNothingIsMade) {

@@ -13,6 +13,7 @@
 
 #include "dying_process.h"
 #include "failing_allocator.h"
+#include "file_lock.h"
 #include "unit_support.h"
 #include "wex_chain_identity.h"
 #include "wex_paths.h"
@@ -499,18 +500,46 @@ TEST_F(Utils, ASecondProcessIsKeptOutWhileTheFirstLives) {
 
 TEST_F(Utils, AnUntrustworthyLockFileIsRefused) {
   EXPECT_EQ(-1, already_running("/tmp/none/lock"));
+  EXPECT_EQ(ENOENT, errno);
   ASSERT_EQ(0, mkfifo("/tmp/fifo", 0777));
   EXPECT_EQ(-1, already_running("/tmp/fifo"));
+  EXPECT_EQ(ENXIO, errno);
   mkdir("/tmp/open", 0777);
   write_file("/tmp/victim", "precious");
   ASSERT_EQ(0, symlink("/tmp/victim", "/tmp/open/link"));
   ASSERT_EQ(0, lchown("/tmp/open/link", kOtherUser, kOtherUser));
   EXPECT_EQ(-1, already_running("/tmp/open/link"));
-  write_file("/tmp/open/theirs", "theirs");
-  ASSERT_EQ(0, chown("/tmp/open/theirs", kOtherUser, kOtherUser));
-  EXPECT_EQ(-1, already_running("/tmp/open/theirs"));
+  EXPECT_EQ(ELOOP, errno);
   EXPECT_EQ("precious", contents("/tmp/victim"));
-  EXPECT_EQ("theirs", contents("/tmp/open/theirs"));
+}
+
+TEST_F(Utils, ALockFileOfAnotherUsersIsReplacedUnlessItIsHeld) {
+  write_file("/tmp/lock", "theirs", 0666);
+  ASSERT_EQ(0, chown("/tmp/lock", kOtherUser, kOtherUser));
+  lasting_child holder([] {
+    ASSERT_EQ(0, setuid(kOtherUser));
+    ASSERT_TRUE(wex_lock_file(open("/tmp/lock", O_RDWR)));
+  });
+  EXPECT_EQ(-1, already_running("/tmp/lock"));
+  EXPECT_EQ(EAGAIN, errno) << "that is what tells a running daemon";
+  EXPECT_EQ("theirs", contents("/tmp/lock"));
+  holder.end();
+  for (const bool guarded : {false, true}) {
+    ASSERT_EQ(0, chown("/tmp/lock", kOtherUser, kOtherUser));
+    in_child([=] {
+      if (guarded) {
+        refuse_creation();  // also of what is there: only the open without O_CREAT is left
+        EXPECT_EQ(-1, already_running("/tmp/lock")) << "taken away, and no new one could be made";
+        EXPECT_EQ(EACCES, errno);
+        EXPECT_FALSE(exists("/tmp/lock"));
+        return;
+      }
+      EXPECT_GE(already_running("/tmp/lock"), 0);
+      struct stat status = {};
+      EXPECT_EQ(0, stat("/tmp/lock", &status));
+      EXPECT_EQ(0u, status.st_uid);
+    });
+  }
 }
 
 TEST_F(Utils, ALockFileThatIsAnotherFileTooMakesRoomUnlessItIsHeld) {

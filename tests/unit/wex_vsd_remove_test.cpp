@@ -72,49 +72,43 @@ TEST_F(RemovalOfLinks, SomebodysLinkOnTheWayIsNotFollowed) {
   EXPECT_TRUE(kept());
 }
 
-TEST_F(RemovalOfLinks, RootsLinkToADirectoryIsEmptiedAndStays) {
-  link("/keep", "/tmp/tree/inside/link", 0);
-  EXPECT_EQ(-ENOTDIR, remove_dir_tree("/tmp/tree"));
-  EXPECT_TRUE(entries_of("/keep").empty());
-  EXPECT_TRUE(there("/tmp/tree/inside/link"));
-}
-
-TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowed) {
-  link("/keep", "/tmp/way", 0);
-  EXPECT_EQ(0, remove_dir_tree("/tmp/way/below"));
-  EXPECT_EQ((std::set<std::string>{"file"}), entries_of("/keep"));
-}
-
-TEST_F(RemovalOfLinks, RootsLinkToSomebodysLinkIsNotFollowed) {
+// Anybody may give a link of root's another name in a domain's directories.
+TEST_F(RemovalOfLinks, BelowTheTopEveryLinkGoesItselfWhoeverMadeIt) {
   link("/keep", "/tmp/theirs", 1000);
-  link("/tmp/theirs", "/tmp/tree/inside/link", 0);
-  link("/tmp/theirs/below", "/tmp/tree/inside/longer", 0);
-  remove_dir_tree("/tmp/tree");
+  const char* const targets[] = {"/keep", "/keep/file", "/tmp/theirs", "/tmp/theirs/below", "/nowhere", ".",
+                                 "..",    "/tmp/tree",  "loop"};
+  for (const uid_t owner : {uid_t{0}, uid_t{1000}}) {
+    make_dirs("/tmp/tree/inside");
+    int number = 0;
+    for (const char* const target : targets) {
+      link(target, ("/tmp/tree/inside/" + std::to_string(number++)).c_str(), owner);
+    }
+    EXPECT_EQ(0, remove_dir_tree("/tmp/tree")) << owner;
+    EXPECT_FALSE(there("/tmp/tree")) << owner;
+    EXPECT_TRUE(kept()) << owner;
+  }
+}
+
+TEST_F(RemovalOfLinks, RootsLinkAtTheTopIsFollowedOnlyWhereNobodyElseCouldPutIt) {
+  link("/keep", "/tmp/top", 0);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/top"));
+  EXPECT_FALSE(there("/tmp/top"));
   EXPECT_TRUE(kept());
-  link("/tmp/theirs", "/tmp/way", 0);
+  make_dirs("/tmp/guarded");
+  link("/keep", "/tmp/guarded/top", 0);
+  EXPECT_EQ(-ENOTDIR, remove_dir_tree("/tmp/guarded/top"));
+  EXPECT_TRUE(entries_of("/keep").empty());
+  EXPECT_TRUE(there("/tmp/guarded/top"));
+}
+
+TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowedOnlyWhereNobodyElseCouldPutIt) {
+  link("/keep", "/tmp/way", 0);
   EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/way/below"));
   EXPECT_TRUE(kept());
-}
-
-TEST_F(RemovalOfLinks, LinkToAFileGoesItself) {
-  link("/keep/file", "/tmp/tree/mine", 0);
-  link("/keep/file", "/tmp/tree/theirs", 1000);
-  EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
-  EXPECT_TRUE(kept());
-}
-
-TEST_F(RemovalOfLinks, LinkThatLeadsNowhereIsAFailureThatStopsNothingElse) {
-  link("/nowhere", "/tmp/tree/inside/link", 0);
-  write_text("/tmp/tree/file");
-  EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/tree"));
-  EXPECT_EQ((std::set<std::string>{"inside"}), entries_of("/tmp/tree"));
-}
-
-TEST_F(RemovalOfLinks, LoopOfLinksEnds) {
-  link("/tmp/tree", "/tmp/tree/inside/up", 1000);
-  link("loop", "/tmp/tree/inside/loop", 0);
-  EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/tree"));
-  EXPECT_EQ((std::set<std::string>{"loop"}), entries_of("/tmp/tree/inside"));
+  make_dirs("/tmp/guarded");
+  link("/keep", "/tmp/guarded/way", 0);
+  EXPECT_EQ(0, remove_dir_tree("/tmp/guarded/way/below"));
+  EXPECT_EQ((std::set<std::string>{"file"}), entries_of("/keep"));
 }
 
 TEST_F(Removal, EntryWhosePathIsLongerThan255CharactersFailsAlone) {
@@ -165,6 +159,24 @@ TEST_F(Removal, MountedDirectoryStaysAndTheRestGoes) {
   EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
   EXPECT_NE(0, remove_dir_tree("/memory"));
   EXPECT_TRUE(there("/memory/tasks"));
+}
+
+TEST_F(Removal, WhatIsMountedInsideIsNotEnteredAndIsSaid) {
+  make_dirs("/tmp/tree/inside/disk");
+  write_text("/tmp/tree/file");
+  ASSERT_EQ(0, mount("unit", "/tmp/tree/inside/disk", "tmpfs", 0, nullptr)) << strerror(errno);
+  write_text("/tmp/tree/inside/disk/file", "precious");
+  g_wex_dbg_level[WEX_DBG_PUB] = 0;
+  EXPECT_EQ("[WEX:wex_vsd:N]remove_dir_tree: /tmp/tree/inside/disk stays: something is mounted there\n",
+            printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree")); }));
+  EXPECT_EQ("precious", text_of("/tmp/tree/inside/disk/file"));
+  EXPECT_EQ((std::set<std::string>{"inside"}), entries_of("/tmp/tree"));
+  EXPECT_EQ("[WEX:wex_vsd:N]remove_dir_tree: /tmp/tree/inside/disk stays: Device or resource busy\n",
+            printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree/inside/disk")); }))
+      << "emptied, for it was named itself";
+  EXPECT_EQ((std::set<std::string>{}), entries_of("/tmp/tree/inside/disk"));
+  g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
+  EXPECT_EQ(0, umount2("/tmp/tree/inside/disk", MNT_DETACH));
 }
 
 TEST_F(Removal, ControlGroupGoesAlthoughItsFilesCannot) {

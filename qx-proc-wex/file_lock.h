@@ -1,0 +1,34 @@
+// file_lock: record locks on whole files, and the files on which this process holds one.
+//
+// Closing any descriptor of a file drops every record lock that the process holds on it, under whatever name
+// the file was opened. Where everybody may link files, any name may be another name of a locked file of ours,
+// so one asks here before opening. In processes that remember nothing here the question costs nothing.
+#pragma once
+
+#include <sys/stat.h>
+
+#include "unique_fd.h"
+
+// Takes the write lock on a whole file, however long it grows, without waiting. False with errno. Closing any
+// descriptor of the file gives it back.
+bool wex_lock_file(int fd);
+
+// Remembers a file locked through `fd`, which stays the caller's, for the rest of the process's life.
+void note_locked_file(int fd);
+
+// Keeps a locked file by its name until drop_locked_file(). Without memory it loses its lock, which only the
+// daemon itself would ever test: better than to keep the caller, who holds the registry, waiting.
+void keep_locked_file(const char* name, unique_fd&& fd);
+
+// Closes the file kept under this name. Does nothing for any other name.
+void drop_locked_file(const char* name);
+
+// Whether any file is remembered. A child that has not executed its program yet has none of its parent's
+// locks.
+bool holds_locked_files();
+
+// Whether these are the facts of a remembered file.
+bool is_locked_file(const struct stat& facts);
+
+// Takes the lock of a remembered file again, after a descriptor of it was closed.
+void relock_file(const struct stat& facts);

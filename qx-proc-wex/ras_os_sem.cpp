@@ -1,0 +1,140 @@
+// ras_os_sem: the system semaphore, which programs raise while no hang countdown is to run.
+//
+// Any local user may make the key file, or a set under its key, before the daemon does. Only a set that root
+// made counts, and only a key file of root's.
+#define WEX_MODULE "ras_os"
+#include "ras_os_sem.h"
+
+#include <fcntl.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_move_aside.h"
+#include "wex_utils.h"
+
+int32_t g_wex_semid = -1;
+
+namespace {
+
+int32_t g_own_set = -1;  // what wex_sem_init() made or found; written before any thread runs
+
+// The caller of semctl has to declare it.
+union sem_argument {
+  int value;
+  struct semid_ds* status;
+  unsigned short* values;
+};
+
+bool is_ours(uid_t user) {
+  return user == 0 || user == geteuid();
+}
+
+// Whether root, or the user this process runs as, made the set.
+bool is_own_set(int id) {
+  struct semid_ds status = {};
+  sem_argument argument = {};
+  argument.status = &status;
+  return semctl(id, 0, IPC_STAT, argument) == 0 && is_ours(status.sem_perm.cuid);
+}
+
+// The file only anchors the key: nothing is written to it, so that a second name of it harms nobody, and one
+// of ours is never replaced, for the programs that raised a count would lose it. With `anew` it is, because
+// somebody else's set lies under its key.
+bool make_key_file(bool anew) {
+  char aside[kPathSize] = "";
+  struct stat facts = {};
+  if (lstat(WEX_SEM_KEY_FILE, &facts) == 0 && (anew || !is_ours(facts.st_uid))) {
+    wex_move_aside(WEX_SEM_KEY_FILE, aside);
+  }
+  unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDONLY);
+  if (!file.valid() && errno == ENOENT) {
+    file = wex_open_file(WEX_SEM_KEY_FILE, O_RDWR | O_CREAT, kSemKeyMode);
+  }
+  if (!file.valid()) {
+    wex_dbg(WEX_DBG_PUB, "Open file %s failed: %s.", WEX_SEM_KEY_FILE, strerror(errno));
+  }
+  if (aside[0] != '\0' && S_ISREG(facts.st_mode) && facts.st_size == 0) {
+    wex_unlink(aside);  // not before, or the new file could get its number, of which the key is made
+  }
+  return file.valid();
+}
+
+int set_up(int32_t id) {
+  __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
+  g_own_set = id;
+  sem_argument argument = {};
+  if (semctl(id, 0, SETVAL, argument) != 0) {
+    wex_dbg(WEX_DBG_PUB, "Set wex sem initial value failed: %s.", strerror(errno));
+    semctl(id, 0, IPC_RMID);
+    return -1;
+  }
+  return 0;
+}
+
+// A count that was raised before the daemon restarted is to survive: a set of ours is not touched.
+bool take_existing(key_t key) {
+  const int32_t id = semget(key, 1, 0);
+  if (id < 0 || !is_own_set(id)) {
+    return false;
+  }
+  g_own_set = id;
+  wex_dbg(WEX_DBG_PUB, "System wex semaphore already inited.");
+  return true;
+}
+
+// What a look-up found, unless somebody has put a set of his own under our key meanwhile.
+int32_t own_set(int32_t found) {
+  return found < 0 || is_own_set(found) ? found : g_own_set;
+}
+
+}  // namespace
+
+int wex_sem_init(void) {
+  for (int attempt = 0; attempt < kSemKeyTries; ++attempt) {
+    if (!make_key_file(attempt > 0)) {
+      return -1;
+    }
+    const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
+    if (key == -1) {
+      wex_dbg(WEX_DBG_PUB, "Get sem file key failed: %s.", strerror(errno));
+      return -1;
+    }
+    const int32_t id = semget(key, 1, static_cast<int>(IPC_CREAT | IPC_EXCL | kSemKeyMode));
+    if (id >= 0) {
+      return set_up(id);
+    }
+    if (errno != EEXIST) {
+      break;
+    }
+    if (take_existing(key)) {
+      return 0;
+    }
+    errno = EEXIST;
+  }
+  wex_dbg(WEX_DBG_PUB, "Get wex sem on init failed: %s.", strerror(errno));
+  return -1;
+}
+
+int wex_get_semval(void) {
+  int32_t id = __atomic_load_n(&g_wex_semid, __ATOMIC_RELAXED);
+  if (id == -1) {
+    id = own_set(wex_get_semid());
+    if (id < 0) {
+      wex_dbg(WEX_DBG_PUB, "wex get semid failed!\n");
+      return -1;
+    }
+    __atomic_store_n(&g_wex_semid, id, __ATOMIC_RELAXED);
+  }
+  const int value = semctl(id, 0, GETVAL);
+  if (value < 0) {
+    wex_dbg(WEX_DBG_PUB, "Get wex sem count failed: %s.", strerror(errno));
+    return -1;
+  }
+  return value;
+}

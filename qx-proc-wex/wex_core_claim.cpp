@@ -1,0 +1,131 @@
+// wex_core_claim: the daemon's names, whatever lies there when it starts.
+//
+// An ordinary user may have typed "wex" before the first start, or mean to keep it from starting. What is in
+// the way makes room, is said once, and the start goes on; only a lock that somebody holds stops it.
+#define WEX_MODULE "wex_core"
+#include "wex_core.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "file_lock.h"
+#include "trusted_path.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_move_aside.h"
+#include "wex_paths.h"
+#include "wex_utils.h"
+
+namespace {
+
+struct moved_name {
+  const char* path;
+  char to[kPathSize];  // empty: removed
+};
+
+// Kept until there is a directory for the running log.
+moved_name g_moved[kMovedTold];
+int g_moved_count = 0;
+
+bool is_other_than_file(const char* path) {
+  struct stat facts = {};
+  return lstat(path, &facts) == 0 && !S_ISREG(facts.st_mode);
+}
+
+// The process that holds the lock, or 0. Harmless to a process that holds none.
+int lock_holder() {
+  const unique_fd file = wex_open_file(kLockFile, O_RDWR);
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  const bool told = file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+  return told ? static_cast<int>(whole.l_pid) : 0;
+}
+
+bool runs_our_program(int pid) {
+  char path[kPathSize];
+  struct stat its = {};
+  struct stat ours = {};
+  wex_format(path, sizeof path, kProcExeFmt, pid);
+  const bool known = pid > 0 && stat(path, &its) == 0;
+  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(getpid()));
+  return known && stat(path, &ours) == 0 && its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
+}
+
+// A command that was carried out beside a running daemon is no start that somebody will miss.
+void refuse_start(int cause, bool after_command) {
+  if (cause == EAGAIN) {
+    const int holder = lock_holder();
+    wex_dbg(WEX_DBG_PUB, "wex is already running\n");
+    if (!after_command || !runs_our_program(holder)) {
+      wex_running_log("Start refused: %s is locked by process %d.\r\n", kLockFile, holder);
+    }
+  } else {
+    wex_running_log("Start refused: %s: %s.\r\n", kLockFile, strerror(cause));
+  }
+}
+
+// Clears what keeps the lock file from being opened. False when nothing can be done.
+bool clear_way_to_lock() {
+  if (!open_trusted_dir(AT_FDCWD, kRunDir).valid()) {
+    const bool cleared = wex_make_room(kRunDir);
+    wex_make_dir(kRunDir, kOpenDirMode);
+    return cleared;
+  }
+  return is_other_than_file(kLockFile) && wex_make_room(kLockFile);
+}
+
+}  // namespace
+
+bool wex_make_room(const char* path) {
+  char to[kPathSize];
+  if (!wex_clear_name(path, to)) {
+    return false;
+  }
+  if (g_moved_count < kMovedTold) {
+    g_moved[g_moved_count].path = path;
+    wex_copy_text(g_moved[g_moved_count].to, sizeof g_moved[g_moved_count].to, to);
+    ++g_moved_count;
+  }
+  return true;
+}
+
+void wex_tell_moved() {
+  for (int i = 0; i < g_moved_count; ++i) {
+    if (g_moved[i].to[0] != '\0') {
+      wex_running_log("%s was in the way and is now %s.\r\n", g_moved[i].path, g_moved[i].to);
+    } else {
+      wex_running_log("%s was in the way and was removed.\r\n", g_moved[i].path);
+    }
+  }
+  g_moved_count = 0;
+}
+
+int wex_claim_lock(bool after_command) {
+  for (int attempt = 0; attempt < kLockTries; ++attempt) {
+    const int lock = already_running(kLockFile);
+    const int cause = errno;
+    if (lock >= 0) {
+      note_locked_file(lock);
+      return lock;
+    }
+    if (cause == EAGAIN || !clear_way_to_lock()) {
+      refuse_start(cause, after_command);
+      return -1;
+    }
+  }
+  refuse_start(EBUSY, after_command);
+  return -1;
+}
+
+void wex_clear_table_name() {
+  if (is_other_than_file(kAliveTableFile) && wex_make_room(kAliveTableFile)) {
+    wex_tell_moved();
+  }
+}
