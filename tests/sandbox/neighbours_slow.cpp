@@ -1,0 +1,335 @@
+// Bad neighbours and bad luck, at full size: what docs/security.md says was tried and held. Each case prints
+// its figures.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <map>
+#include <memory>
+#include <random>
+
+#include "control_client.h"
+
+using namespace control_client;
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+long since_ms(clock::time_point start) {
+  return std::chrono::duration_cast<milliseconds>(clock::now() - start).count();
+}
+
+std::string tag_of(const std::string& command) {
+  const size_t at = command.find("--tag=");
+  return at == std::string::npos ? "" : command.substr(at + 6, command.find(' ', at) - at - 6);
+}
+
+// The living instances of every service, by its tag.
+std::map<std::string, std::vector<pid_t>> instances() {
+  std::map<std::string, std::vector<pid_t>> found;
+  for (const std::string& entry : list_dir("/proc")) {
+    const pid_t pid = atoi(entry.c_str());
+    if (pid <= 0) {
+      continue;
+    }
+    const std::string command = command_line(pid);
+    if (command.find("--register=RESTART --tag=") != std::string::npos && is_alive(pid)) {
+      found[tag_of(command)].push_back(pid);
+    }
+  }
+  return found;
+}
+
+struct BadLuck : ControlChannel {
+  void start_services(int count) {
+    for (int at = 0; at < count; ++at) {
+      services.emplace_back();
+      ASSERT_TRUE(services.back().start(actor_words(
+          {"--register=RESTART", "--tag=" + std::to_string(at), "--count=/tmp/registered", "--hold"})));
+    }
+    ASSERT_TRUE(eventually([&] { return starts() == count; }, 120s)) << starts();
+    pids.clear();
+    for (const Process& service : services) {
+      pids.push_back(service.pid());
+    }
+  }
+  static int starts() { return static_cast<int>(lines_of(read_file("/tmp/registered")).size()); }
+
+  // Every service lives, with none of `old` among them; how many instances there are too many.
+  int all_back(int count, const std::vector<pid_t>& old, milliseconds limit = 120s) {
+    std::map<std::string, std::vector<pid_t>> now;
+    EXPECT_TRUE(eventually(
+        [&] {
+          now = instances();
+          return static_cast<int>(now.size()) == count &&
+                 std::all_of(now.begin(), now.end(), [&](const auto& each) {
+                   return std::any_of(each.second.begin(), each.second.end(), [&](pid_t pid) {
+                     return std::find(old.begin(), old.end(), pid) == old.end();
+                   });
+                 });
+        },
+        limit))
+        << now.size() << " of " << count << " services live";
+    int twins = 0;
+    for (const auto& [tag, pids_of_it] : now) {
+      twins += static_cast<int>(pids_of_it.size()) - 1;
+    }
+    return twins;
+  }
+  void kill_services() {
+    for (Process& service : services) {
+      service.send(SIGKILL);
+    }
+    for (Process& service : services) {
+      service.wait();
+    }
+  }
+  std::vector<Process> services;
+  std::vector<pid_t> pids;
+};
+
+// Forks, and forks that execute a program, until it goes out of scope.
+class storm {
+ public:
+  explicit storm(int processes) {
+    for (int at = 0; at < processes; ++at) {
+      const pid_t pid = fork();
+      if (pid == 0) {
+        for (int round = 0;; ++round) {
+          const pid_t child = fork();
+          if (child == 0) {
+            if (round % 2 == 0) {
+              execl("/bin/true", "true", nullptr);
+            }
+            _exit(0);
+          }
+          if (child > 0) {
+            waitpid(child, nullptr, 0);
+          }
+        }
+      }
+      pids_.push_back(pid);
+    }
+  }
+  ~storm() {
+    for (const pid_t pid : pids_) {
+      if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    }
+  }
+  storm(const storm&) = delete;
+  storm& operator=(const storm&) = delete;
+
+ private:
+  std::vector<pid_t> pids_;
+};
+
+}  // namespace
+
+TEST_F(BadLuck, AThousandDeathsAtOnceAllComeBack) {
+  constexpr int kServices = 1000;
+  start();
+  start_services(kServices);
+  const clock::time_point begin = clock::now();
+  kill_services();
+  EXPECT_EQ(0, all_back(kServices, pids));
+  printf("\n1,000 deaths at once: all back after %ld ms\n", since_ms(begin));
+}
+
+TEST_F(BadLuck, FiftyDeathsInAForkStormAllComeBack) {
+  constexpr int kServices = 50;
+  start();
+  start_services(kServices);
+  const storm forks(4);
+  const clock::time_point begin = clock::now();
+  for (Process& service : services) {
+    service.kill_now();
+    std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_EQ(0, all_back(kServices, pids));
+  printf("\n50 deaths in a storm of forks: all back after %ld ms\n", since_ms(begin));
+}
+
+// What dies while nobody can listen is found by the next daemon, what dies in the middle of a start as well.
+TEST_F(BadLuck, RandomKillsOfTheDaemonLoseNobody) {
+  constexpr int kServices = 20;
+  constexpr int kKills = 310;
+  start();
+  start_services(kServices);
+  std::mt19937 random(1);
+  for (int round = 0; round < kKills; ++round) {
+    const auto living = instances();
+    if (!living.empty() && random() % 3 == 0) {
+      const auto victim = std::next(living.begin(), static_cast<long>(random() % living.size()));
+      ASSERT_GT(victim->second.front(), 0);
+      kill(victim->second.front(), SIGKILL);
+      for (Process& service : services) {
+        service.running();  // reaps those that are ours
+      }
+    }
+    std::this_thread::sleep_for(milliseconds(random() % 30));
+    daemon.kill_now();
+    ASSERT_TRUE(daemon.start_traced({"trace=none"})) << round;
+    std::this_thread::sleep_for(milliseconds(random() % 100));
+  }
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const int twins = all_back(kServices, {});
+  EXPECT_EQ(0, twins);
+  for (Process& service : services) {
+    service.running();
+  }
+  printf("\n%d kills of the daemon: none of %d services lost, %d twins\n", kKills, kServices, twins);
+}
+
+TEST_F(BadLuck, AStoppedDaemonLosesNobody) {
+  constexpr int kServices = 20;
+  start();
+  start_services(kServices);
+  daemon.send(SIGSTOP);
+  kill_services();
+  std::this_thread::sleep_for(5s);  // not a wait for anything: the daemon stands still for so long
+  const clock::time_point begin = clock::now();
+  daemon.send(SIGCONT);
+  EXPECT_EQ(0, all_back(kServices, pids));
+  printf("\n20 deaths while the daemon was stopped: all back %ld ms after it went on\n", since_ms(begin));
+}
+
+// Small file systems in the place of those that wex writes to, as long as it lives.
+class small_file_systems {
+ public:
+  small_file_systems() {
+    for (const char* const directory : kWritten) {
+      EXPECT_EQ(0, mount("small", directory, "tmpfs", 0, "size=16m,mode=1777")) << strerror(errno);
+    }
+  }
+  ~small_file_systems() {
+    clean_world();  // what the daemon made goes by names that are hidden afterwards
+    for (const char* const directory : kWritten) {
+      umount2(directory, MNT_DETACH);
+    }
+  }
+  small_file_systems(const small_file_systems&) = delete;
+  small_file_systems& operator=(const small_file_systems&) = delete;
+
+  void fill() const {
+    static const char block[4096] = {1};
+    for (const char* const directory : kWritten) {
+      const std::string file = std::string(directory) + "/filler";
+      const unique_fd filler(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+      while (write(filler.get(), block, sizeof block) > 0) {
+      }
+      EXPECT_EQ(ENOSPC, errno) << directory;
+    }
+  }
+
+ private:
+  static constexpr const char* kWritten[] = {"/tmp", "/data", "/dev/shm", "/ovix"};
+};
+
+// No file can be written: registrations, restarts and the logs go without.
+TEST_F(BadLuck, FullFileSystemsLoseNobody) {
+  constexpr int kServices = 10;
+  const small_file_systems small;
+  start();
+  start_services(kServices);
+  small.fill();
+  const clock::time_point begin = clock::now();
+  kill_services();
+  EXPECT_EQ(0, all_back(kServices, pids));
+  EXPECT_TRUE(serves());
+  EXPECT_TRUE(daemon.running());
+  printf("\n10 deaths with all file systems full: all back after %ld ms\n", since_ms(begin));
+  daemon.kill_now();
+  for (Process& service : services) {
+    service.kill_now();
+  }
+}
+
+// Every thread's next use of the call fails. Either the daemon goes on, or it ends and the next one finds
+// all.
+TEST_F(BadLuck, OneFailureOfAnyCallLosesNobody) {
+  constexpr int kServices = 3;
+  const char* const calls[] = {"openat",
+                               "read",
+                               "write",
+                               "close",
+                               "fstat",
+                               "newfstatat",
+                               "readlink",
+                               "readlinkat",
+                               "unlink",
+                               "mkdir",
+                               "chmod",
+                               "fchmod",
+                               "fcntl",
+                               "getdents64",
+                               "mmap",
+                               "munmap",
+                               "ftruncate",
+                               "fsync",
+                               "clone",
+                               "clone3",
+                               "pipe2",
+                               "socket",
+                               "bind",
+                               "connect",
+                               "accept4",
+                               "sendto",
+                               "recvmsg",
+                               "recvfrom",
+                               "setsockopt",
+                               "epoll_ctl",
+                               "epoll_wait",
+                               "poll",
+                               "semop",
+                               "semctl",
+                               "rt_sigprocmask",
+                               "wait4",
+                               "sched_setscheduler",
+                               "prctl",
+                               "rename",
+                               "lseek"};
+  write_file("/etc/dev_mon", "");  // nothing is parked
+  start();
+  start_services(kServices);
+  int ended = 0;
+  for (const char* const call : calls) {
+    SCOPED_TRACE(call);
+    // Not -f: the programs that it starts are to be spared.
+    std::vector<std::string> words = {
+        "strace", "-q", "-o", "/tmp/failures", "-e", std::string("inject=") + call + ":error=ENOMEM:when=1"};
+    for (const std::string& thread : list_dir("/proc/" + std::to_string(daemon.pid()) + "/task")) {
+      words.insert(words.end(), {"-p", thread});
+    }
+    Process tracer;
+    ASSERT_TRUE(tracer.start(words));
+    ASSERT_TRUE(eventually([&] { return status_field(daemon.pid(), "TracerPid") != "0"; }, 20s)) << call;
+    const auto living = instances();
+    ASSERT_FALSE(living.empty());
+    const pid_t victim = living.begin()->second.front();
+    ASSERT_GT(victim, 0);
+    kill(victim, SIGKILL);
+    raw_client().send_body(WEX_CONS_MSG, harmless());
+    for (Process& service : services) {
+      service.running();  // reaps those that are ours
+    }
+    if (eventually([&] { return !daemon.running(); }, 300ms)) {
+      ++ended;
+      ASSERT_TRUE(daemon.start()) << call;
+    }
+    EXPECT_EQ(0, all_back(kServices, {victim}, 70s)) << call;
+    tracer.kill_now();
+    if (!daemon.running() || !serves()) {
+      daemon.kill_now();
+      ASSERT_TRUE(daemon.start()) << call;
+    }
+  }
+  printf("\n%zu calls failed: the daemon ended %d times, and no service was lost\n", std::size(calls), ended);
+}
