@@ -590,7 +590,7 @@ void park_program_of(int vsd) {
     ASSERT_TRUE(eventually([&] { return processes_of(vsd).size() == 1; })) << exit << read_console();
     const pid_t pid = processes_of(vsd)[0];
     ASSERT_GT(pid, 1);
-    kill(pid, SIGKILL);
+    send_signal(pid, SIGKILL);
     ASSERT_TRUE(eventually([&] { return !is_alive(pid); }));
   }
 }

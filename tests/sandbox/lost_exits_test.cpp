@@ -107,7 +107,7 @@ class Stranger {
   }
   ~Stranger() {
     if (pid_ > 0) {
-      kill(pid_, SIGKILL);
+      send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
   }

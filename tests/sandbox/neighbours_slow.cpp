@@ -119,7 +119,7 @@ class storm {
   ~storm() {
     for (const pid_t pid : pids_) {
       if (pid > 0) {
-        kill(pid, SIGKILL);
+        send_signal(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
       }
     }
@@ -169,7 +169,7 @@ TEST_F(BadLuck, RandomKillsOfTheDaemonLoseNobody) {
     if (!living.empty() && random() % 3 == 0) {
       const auto victim = std::next(living.begin(), static_cast<long>(random() % living.size()));
       ASSERT_GT(victim->second.front(), 0);
-      kill(victim->second.front(), SIGKILL);
+      send_signal(victim->second.front(), SIGKILL);
       for (Process& service : services) {
         service.running();  // reaps those that are ours
       }
@@ -315,7 +315,7 @@ TEST_F(BadLuck, OneFailureOfAnyCallLosesNobody) {
     ASSERT_FALSE(living.empty());
     const pid_t victim = living.begin()->second.front();
     ASSERT_GT(victim, 0);
-    kill(victim, SIGKILL);
+    send_signal(victim, SIGKILL);
     raw_client().send_body(WEX_CONS_MSG, harmless());
     for (Process& service : services) {
       service.running();  // reaps those that are ours

@@ -40,7 +40,7 @@ milliseconds plain_loop(int count) {
   close(ends[0]);
   for (const pid_t child : children) {
     if (child > 0) {
-      kill(child, SIGKILL);
+      send_signal(child, SIGKILL);
       waitpid(child, nullptr, 0);
     }
   }

@@ -347,7 +347,7 @@ TEST_F(ThirdPart, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProgram) {
   ASSERT_GT(third, 0) << read_console();
   strace.kill_now();
   EXPECT_TRUE(eventually([&] { return exists(db_file("fleeting", third)); }));
-  kill(third, SIGKILL);
+  send_signal(third, SIGKILL);
   EXPECT_NE(0, wait_for(app, third, 20s)) << "it is supervised as before";
 }
 
@@ -565,12 +565,12 @@ TEST_F(ThirdPart, AProgramThatIsKilledWhileItIsLookedForComesBackEachTime) {
   end_by_hand();
   const pid_t second = unfindable_life(1);
   ASSERT_GT(second, 0) << read_console();
-  kill(second, SIGUSR1);
+  send_signal(second, SIGUSR1);
   EXPECT_TRUE(console_says(" receives event:000a and self-checking ...\n", 20s)) << "the child's status";
   const pid_t third = unfindable_life(2);
   ASSERT_GT(third, 0) << read_console();
   ASSERT_EQ(0, rename((app + ".real").c_str(), app.c_str()));
-  kill(third, SIGKILL);
+  send_signal(third, SIGKILL);
   const pid_t found = wait_for(app, first, 20s);
   ASSERT_NE(0, found) << read_console();
   EXPECT_TRUE(console_says("HA_SELF_CHECK_INFO Self-checking OK: 3 times and new id unlucky/" +
@@ -613,13 +613,13 @@ TEST_F(ThirdPart, AProgramOfADomainComesBackThereAlsoWhenItWasMissedOnce) {
   EXPECT_TRUE(eventually([&] { return exists(db_file("inside", first, 2)); }, 15s)) << read_console();
   EXPECT_TRUE(eventually([&] { return exists("/tmp/vsd/2/wex/" + std::to_string(first)); }));
   replace_by_unfindable(app);
-  kill(first, SIGKILL);
+  send_signal(first, SIGKILL);
   waitpid(first, nullptr, 0);
   const pid_t missed = unfindable_life(1);
   ASSERT_GT(missed, 0) << read_console();
   EXPECT_EQ("3200 ", status_field(missed, "Groups"));
   ASSERT_EQ(0, rename((app + ".real").c_str(), app.c_str()));
-  kill(missed, SIGKILL);
+  send_signal(missed, SIGKILL);
   const pid_t second = wait_for(app, first, 20s);
   ASSERT_GT(second, 0) << read_console();
   EXPECT_EQ("3200 ", status_field(second, "Groups"));

@@ -161,7 +161,7 @@ TEST(EventTick, LiesBetweenTheStartsOfAnEarlierAndALaterProcess) {
     EXPECT_GT(child, 0);
     const process_look look = wex_look_at(child);
     if (child > 0) {
-      kill(child, SIGKILL);
+      wex_test::send_signal(child, SIGKILL);
       waitpid(child, nullptr, 0);
     }
     return look.start_time;

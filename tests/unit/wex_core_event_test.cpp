@@ -102,7 +102,7 @@ class Event : public Parked {
   // Takes a child that lives on out of the registry, and ends it.
   static void end(wex_pid* rec) {
     ASSERT_GT(rec->pid, 1);
-    kill(rec->pid, SIGKILL);
+    wex_test::send_signal(rec->pid, SIGKILL);
     waitpid(rec->pid, nullptr, 0);
     chain_lock hold(wex_chains);
     __wex_drop_record(&wex_chains, rec);
@@ -127,7 +127,7 @@ TEST_F(Event, OfAProcessWhosePidAStrangerHasIsAnExit) {
   wex_take_exit_event(exit_of(stranger, 9, exit_time));
   EXPECT_NE(stranger, pid_of(rec)) << "the program stays down until the stranger ends";
   EXPECT_EQ(9u, rec->exit_signal);
-  EXPECT_EQ(0, kill(stranger, SIGKILL));
+  EXPECT_TRUE(wex_test::send_signal(stranger, SIGKILL));
   waitpid(stranger, nullptr, 0);
 }
 
@@ -242,7 +242,7 @@ TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {
   rec->exit_seen = 1;
   wex_take_exit_event(exit_of(child, 0));
   ASSERT_EQ(child, pid_of(rec));
-  kill(child, SIGKILL);  // this exit is lost
+  wex_test::send_signal(child, SIGKILL);  // this exit is lost
   waitpid(child, nullptr, 0);
   wex_monitor_read_until = INT32_MAX;
   wex_sweep_lost_exits();

@@ -227,7 +227,7 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
       {"a stranger has its pid", [](wex_pid* twin) { ++twin->start_time; }, true},
       {"a zombie",
        [](wex_pid* twin) {
-         kill(twin->pid, SIGKILL);
+         wex_test::send_signal(twin->pid, SIGKILL);
          siginfo_t info = {};
          waitid(P_PID, static_cast<id_t>(twin->pid), &info, WEXITED | WNOWAIT);
        },
@@ -244,12 +244,12 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
     EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
     EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
     EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";
-    kill(twin_pid, SIGKILL);
+    wex_test::send_signal(twin_pid, SIGKILL);
     chain_lock hold(wex_chains);
     record_walk walk(wex_chains);
     while (wex_pid* const left = walk.next()) {
       if (left->pid != twin_pid && left->pid > 1) {
-        kill(left->pid, SIGKILL);
+        wex_test::send_signal(left->pid, SIGKILL);
       }
       __wex_drop_record(&wex_chains, left);
     }
