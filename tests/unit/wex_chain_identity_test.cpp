@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "send_signal.h"
 #include "wex_limits.h"
 
 namespace {

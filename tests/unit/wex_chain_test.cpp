@@ -36,6 +36,8 @@ namespace {
 
 class Chain : public RegistryWorld {
  protected:
+  // The pipe behind the alive table stays open for the life of the process.
+  static void SetUpTestSuite() { wex_sys_init_alive_info(1); }
   void SetUp() override {
     RegistryWorld::SetUp();
     for (wex_chains_t* chain : chains_) {
