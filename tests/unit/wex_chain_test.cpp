@@ -37,7 +37,10 @@ namespace {
 class Chain : public RegistryWorld {
  protected:
   // The pipe behind the alive table stays open for the life of the process.
-  static void SetUpTestSuite() { wex_sys_init_alive_info(1); }
+  static void SetUpTestSuite() {
+    wex_sys_init_alive_info(1);
+    forget_alive_table();
+  }
   void SetUp() override {
     RegistryWorld::SetUp();
     for (wex_chains_t* chain : chains_) {
