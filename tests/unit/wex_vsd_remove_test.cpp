@@ -258,10 +258,10 @@ TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
   EXPECT_TRUE(there("/etc/vsd/13"));
   EXPECT_FALSE(there("/memory/vsd_13"));
   EXPECT_EQ(0, umount2("/etc/vsd/13/busy", MNT_DETACH));
-  const std::vector<std::string> lines = lines_of(printed);
-  ASSERT_EQ(2U, lines.size()) << "what stays, and what therefore could not be removed: " << printed;
-  EXPECT_EQ("[WEX:wex_vsd:N]remove_dir_tree: /etc/vsd/13/busy stays: something is mounted there", lines[0]);
-  EXPECT_EQ(0U, lines[1].find("[WEX:wex_log:N]Fail to remove /etc/vsd/13: ")) << printed;
+  const std::string stays =
+      "[WEX:wex_vsd:N]remove_dir_tree: /etc/vsd/13/busy stays: something is mounted there\n";
+  EXPECT_EQ(0U, printed.find(stays + "[WEX:wex_log:N]Fail to remove /etc/vsd/13: ")) << printed;
+  EXPECT_EQ(printed.size() - 1, printed.find('\n', stays.size())) << "two lines: " << printed;
   const std::string log = text_of(kRunningLog1);
   EXPECT_NE(std::string::npos, log.find(": Fail to remove /etc/vsd/13: ")) << log;
   EXPECT_EQ(log.size() - 1, log.find('\n')) << "one line: " << log;
