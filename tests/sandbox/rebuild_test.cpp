@@ -16,6 +16,8 @@ TEST_F(StartWithTheDead, KilledInTheMiddleItLeavesEachProgramToRunOnce) {
   // Counted in each thread: a program's own process comes to its first only.
   ASSERT_TRUE(daemon.start_traced({"inject=unlinkat:signal=KILL:when=" + std::to_string(kKilledAt), kDbDir}));
   EXPECT_TRUE(ended_by(daemon.wait(60s), SIGKILL)) << Daemon::trace();
+  EXPECT_TRUE(eventually([] { return pids_with_command(Daemon::binary()).empty(); }, 20s))
+      << "a program that was being started has not been executed";
   const size_t left = list_dir(kDbDir).size();
   EXPECT_LT(0u, left);
   EXPECT_GT(size_t{kPrograms}, left) << "it was not killed behind a fork";
