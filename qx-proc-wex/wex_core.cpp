@@ -220,7 +220,8 @@ extern "C" void wex_third_part_proc_init(void) {
 }
 
 int main(int argc, char** argv) {
-  clear_signal_mask();  // a starter that blocks signals may forget to unblock them
+  clear_signal_mask();       // a starter that blocks signals may forget to unblock them
+  signal(SIGCHLD, SIG_DFL);  // ignored, the kernel would reap our children and keep their status from us
   wex_make_dir(kRunDir, kOpenDirMode);
   wex_parse_dbg_file();
   wex_create_std_fd(1);

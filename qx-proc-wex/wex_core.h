@@ -68,9 +68,17 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
-// Whether a domain is being taken down: no exit is followed by a restart then, wherever. The running log
-// tells of its begin and end. Any thread.
+// Whether a domain is being taken down: no exit is followed by a restart then, wherever. Never waits. Any
+// thread.
 bool wex_take_down_under_way();
+
+// Tells the running log of take-downs that have begun or ended since the last call. Delay thread only: the
+// others must not wait for a disk, and two writers would contradict each other.
+void wex_tell_take_downs();
+
+// Sleeps `milliseconds`, less when the stop flag is raised, with wex_chains held by the caller. The delay
+// thread, which waits for that chain meanwhile, cannot see a take-down begin and end: it is noted here.
+void wex_wait_with_registry(int64_t milliseconds);
 
 // The program registered as `pid` has dumped core: restarts the device when too many have within the window.
 // Called with no chain held.

@@ -186,6 +186,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
     }
     wex_tell_long_delays();
+    wex_tell_take_downs();
     const int32_t now = wex_clock_now();
     if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
       last_sweep = now;

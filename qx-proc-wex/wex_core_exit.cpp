@@ -347,7 +347,7 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
   }
   if (rec->restart_delay > 0) {
     // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
-    wex_wait_exit(static_cast<int64_t>(rec->restart_delay) * 1000);
+    wex_wait_with_registry(static_cast<int64_t>(rec->restart_delay) * 1000);
     if (__wex_dropped_with_domain(rec)) {
       return;  // its domain went while it waited
     }

@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include "chain_lock.h"
-#include "mutex_lock.h"
-#include "priority_mutex.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_core.h"
@@ -22,7 +20,8 @@
 
 namespace {
 
-priority_mutex take_down_lock;
+// The domain whose marker was acted on since the running log was last told; 0 for none.
+std::atomic<int32_t> g_acted_on{0};
 
 // A take-down of the domain has been seen, and the registry has not been looked through since. The look may
 // have to wait for the registry longer than the take-down takes.
@@ -36,6 +35,30 @@ bool is_closing(int32_t domain) {
   char marker[kPathSize];
   return domain >= 1 && domain <= kLastTakeDownDomain &&
          (g_closing[domain].load() || marker_exists(domain, marker, sizeof marker));
+}
+
+// The lowest domain that has a marker, or 0.
+int32_t first_marked_domain() {
+  char marker[kPathSize];
+  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+    if (marker_exists(domain, marker, sizeof marker)) {
+      return domain;
+    }
+  }
+  return 0;
+}
+
+// False when no domain is closing.
+bool note_closing_domains() {
+  bool any = false;
+  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+    char marker[kPathSize];
+    if (marker_exists(domain, marker, sizeof marker)) {
+      g_closing[domain].store(true);
+    }
+    any = any || g_closing[domain].load();
+  }
+  return any;
 }
 
 bool any_is_closing() {
@@ -87,27 +110,39 @@ void drop_what_is_down() {
 
 }  // namespace
 
-// The marker of a take-down that was cut short stays and would switch supervision off in silence, hence the
-// lines in the running log.
 bool wex_take_down_under_way() {
-  // The look and its line are one step: two threads that look at once would tell what no longer holds.
-  const mutex_lock hold(take_down_lock.native);
+  const int32_t domain = first_marked_domain();
+  if (domain != 0) {
+    g_acted_on.store(domain);
+  }
+  return domain != 0;
+}
+
+// The marker of a take-down that was cut short stays and would switch supervision off in silence.
+void wex_tell_take_downs() {
   static bool told = false;
-  for (int domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+  const int32_t acted_on = g_acted_on.exchange(0);
+  const int32_t marked = first_marked_domain();
+  const int32_t domain = marked != 0 ? marked : acted_on;
+  if (domain != 0 && !told) {
     char marker[kPathSize];
-    if (marker_exists(domain, marker, sizeof marker)) {
-      if (!told) {
-        wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
-      }
-      told = true;
-      return true;
-    }
+    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
+    wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
+    told = true;
   }
-  if (told) {
+  if (marked == 0 && told) {
     wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
+    told = false;
   }
-  told = false;
-  return false;
+}
+
+void wex_wait_with_registry(int64_t milliseconds) {
+  const int64_t deadline = wex_clock_ms() + milliseconds;
+  for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
+       left = deadline - wex_clock_ms()) {
+    wex_wait_exit(left < kDelayPassMs ? left : kDelayPassMs);
+    note_closing_domains();
+  }
 }
 
 bool wex_drop_taken_down(int32_t pid) {
@@ -131,15 +166,7 @@ bool __wex_dropped_with_domain(wex_pid* rec) {
 }
 
 void wex_drop_domains_taken_down() {
-  bool any = false;
-  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
-    char marker[kPathSize];
-    if (marker_exists(domain, marker, sizeof marker)) {
-      g_closing[domain].store(true);
-      any = true;
-    }
-  }
-  if (!any) {
+  if (!note_closing_domains()) {
     return;
   }
   drop_what_is_down();

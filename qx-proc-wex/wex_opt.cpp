@@ -6,7 +6,6 @@
 #include "wex_opt.h"
 
 #include <getopt.h>
-#include <signal.h>
 
 #include <cstdlib>
 
@@ -51,8 +50,6 @@ int next_option(int argc, char** argv) {
 }
 
 void create_domains(int32_t count) {
-  // Whoever started us may ignore SIGCHLD: a domain's start would be over before its scripts are.
-  signal(SIGCHLD, SIG_DFL);
   for (int64_t vsd = 1; vsd <= count; ++vsd) {
     const int ret = create_vsd(static_cast<int32_t>(vsd));
     if (ret < 0) {

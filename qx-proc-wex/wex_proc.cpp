@@ -368,7 +368,7 @@ void note_fork_failure(const launch& start, int error) {
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
 // failures as end it anyway: the next daemon restarts every program that has a database file and no process.
 bool may_retry_fork() {
-  wex_wait_exit(static_cast<int64_t>(kForkRetrySec) * 1000);
+  wex_wait_with_registry(static_cast<int64_t>(kForkRetrySec) * 1000);
   if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     return true;
   }

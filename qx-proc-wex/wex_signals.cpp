@@ -222,8 +222,9 @@ extern "C" {
 int wex_setup_signals(void) {
   sem_init(&g_wake, 0, 0);
   for (int signal = 0; signal <= kLastSignal; ++signal) {
-    install(signal,
-            SIG_IGN);  // through the library: the raw call would take signals that it needs for itself
+    if (signal != SIGCHLD) {     // ignored for a moment only, it would cost the status of a child
+      install(signal, SIG_IGN);  // through the library, which needs some signals for itself
+    }
   }
   install(SIGINT, SIG_DFL);
   install(SIGALRM, wake_for_alarm);

@@ -191,9 +191,12 @@ void delay_restarts(const char* seconds) {
 void cancel(const char*) {
   wex_cancel_proc(0);
 }
-// The daemon answers in the order of what it was told, so the answer to this proves all before it acted on.
+// The daemon answers before it acts, and a request that waited for no answer leaves its own to be taken for
+// this one's. The answer to the second of two requests proves that the first was come to, and all before it
+// acted on.
 void confirm(const char*) {
   constexpr int32_t kNobody = INT32_MAX;
+  wex_client_unreg_thread_notify(kNobody);
   wex_client_unreg_thread_notify(kNobody);
 }
 

@@ -308,29 +308,31 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
   EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
 }
 
-// A thread that saw the marker and is slow to say so, and another that looks when the marker is gone: the log
-// ends with what holds.
 TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
-  EXPECT_EQ(
-      0, wex_test::run_failing({"write:delay_enter=1000000:when=1"}, [] {  // the diagnostic, before the log
-        g_wex_dbg_level[WEX_DBG_PUB] = 0;
-        write_file("/tmp/first", "x");  // of each thread the first is slow: this one has had it
-        EXPECT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
-        std::string log;
-        for (int round = 0; round < 20 && log.find("exists") == std::string::npos; ++round) {
-          unlink(kRunningLog1);
-          write_file("/tmp/vsd/3/delete_vsd", "");
-          std::thread slow([] { wex_take_down_under_way(); });
-          std::this_thread::sleep_for(
-              std::chrono::milliseconds(300));  // or it saw nothing, and there is another round
-          unlink("/tmp/vsd/3/delete_vsd");
-          wex_take_down_under_way();
-          slow.join();
-          log = contents(kRunningLog1);
-        }
-        const size_t exists = log.find("/tmp/vsd/3/delete_vsd exists, exited processes are not restarted.");
-        EXPECT_NE(std::string::npos, exists) << log;
-        EXPECT_LT(exists, log.find("No domain is taken down any more")) << log;
-        return 0;
-      }));
+  const std::string begin = "/tmp/vsd/3/delete_vsd exists, exited processes are not restarted.\r\n";
+  const std::string end = "No domain is taken down any more, exited processes are restarted.\r\n";
+  const auto log_of = [](bool marked, bool acted_on) {
+    unlink(kRunningLog1);
+    unlink("/tmp/vsd/3/delete_vsd");
+    if (marked || acted_on) {
+      write_file("/tmp/vsd/3/delete_vsd", "");
+    }
+    EXPECT_EQ(marked || acted_on, wex_take_down_under_way());
+    EXPECT_EQ("", contents(kRunningLog1)) << "whoever looks must not wait for the disk";
+    if (!marked) {
+      unlink("/tmp/vsd/3/delete_vsd");
+    }
+    wex_tell_take_downs();
+    return contents(kRunningLog1);
+  };
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
+  EXPECT_EQ("", log_of(false, false));
+  const std::string begun = log_of(true, false);
+  EXPECT_NE(std::string::npos, begun.find(begin)) << begun;
+  EXPECT_EQ(std::string::npos, begun.find(end)) << begun;
+  EXPECT_EQ("", log_of(true, false)) << "told once";
+  const std::string ended = log_of(false, false);
+  EXPECT_NE(std::string::npos, ended.find(end)) << ended;
+  const std::string short_one = log_of(false, true);
+  EXPECT_LT(short_one.find(begin), short_one.find(end)) << "begun and ended between two looks: " << short_one;
 }
