@@ -379,10 +379,12 @@ TEST_F(Chain, OnlyTheAliveChainTakesItsThreadsOutOfTheTable) {
   add(wex_alive_chains, make(163840));
   add(wex_alive_chains, make(-3));
   add(wex_chains, make(6));
-  captured_output output;
-  EXPECT_EQ(0, wex_destroy_chains(&wex_alive_chains));
-  EXPECT_EQ(0, wex_destroy_chains(&wex_chains));
-  EXPECT_EQ("", output.text()) << "ids without an entry must not be asked for";
+  {
+    captured_output output;
+    EXPECT_EQ(0, wex_destroy_chains(&wex_alive_chains));
+    EXPECT_EQ(0, wex_destroy_chains(&wex_chains));
+    EXPECT_EQ("", output.text()) << "ids without an entry must not be asked for";
+  }
   EXPECT_EQ(0, wex_sys_isreg_alive_info(5));
   EXPECT_EQ(0, wex_sys_isreg_alive_info(163839));
   EXPECT_EQ(1, wex_sys_isreg_alive_info(6));
