@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "ras_os.h"
+#include "received_descriptors.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -169,7 +170,7 @@ bool drop_client(server& self, int sd) {
   // By hand, for a program that is just being started has a copy until it executes: the close alone would
   // leave the connection in the interest set, under a number that is somebody else's by then.
   epoll_ctl(self.epoll.get(), EPOLL_CTL_DEL, sd, nullptr);
-  wex_close_control_socket(sd);
+  close_emptied(sd);
   *slot = -1;
   return true;
 }
@@ -414,7 +415,7 @@ void close_clients(const server& self) {
   }
   for (const int32_t sd : client_table) {
     if (sd >= 0) {
-      wex_close_control_socket(sd);
+      close_emptied(sd);
     }
   }
 }

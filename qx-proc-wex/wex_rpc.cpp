@@ -82,33 +82,20 @@ int64_t size_bound(int sd, ssize_t peeked) {
   return queued;  // all records of the queue together, for kernels that hide a record's own size
 }
 
-struct taken_record {
-  ssize_t size;    // as recvmsg has it
-  bool whole;      // it fitted
-  bool ancillary;  // it came with ancillary data
-};
-
-// One receive of a record, without the descriptors that it may carry.
-taken_record receive_record(int sd, void* buffer, size_t size, int flags) {
-  iovec part = {buffer, size};
-  msghdr how = {};
-  how.msg_iov = &part;
-  how.msg_iovlen = 1;
-  received_descriptors unwanted(how);
-  const ssize_t got = recvmsg(sd, &how, flags | MSG_CMSG_CLOEXEC);
-  if (got == -1) {
-    unwanted.none();
-  }
-  return {got, (how.msg_flags & MSG_TRUNC) == 0, unwanted.any()};
-}
-
 // Takes the next record off the queue. `whole` is false when it did not fit.
 ssize_t take_record(int sd, void* buffer, size_t size, bool* whole) {
+  iovec part = {buffer, size};
   for (;;) {
-    const taken_record taken = receive_record(sd, buffer, size, 0);
-    const ssize_t got = taken.size;
+    msghdr how = {};
+    how.msg_iov = &part;
+    how.msg_iovlen = 1;
+    received_descriptors unwanted(how);
+    const ssize_t got = recvmsg(sd, &how, MSG_CMSG_CLOEXEC);
+    if (got == -1) {
+      unwanted.none();
+    }
     if (got != -1 || errno != EINTR) {
-      *whole = taken.whole;
+      *whole = (how.msg_flags & MSG_TRUNC) == 0;
       return got;
     }
     wex_dbg(WEX_DBG_PUB, "%s: recv broken(ret:%d, err:%d,%s)!", "wex_inner_recv_msg", static_cast<int>(got),
@@ -164,7 +151,7 @@ void own_connection() {
 }
 
 void disconnect() {
-  wex_close_control_socket(session.sd);
+  close_emptied(session.sd);
   session.sd = -1;
 }
 
@@ -455,24 +442,6 @@ unique_fd wex_open_control_socket() {
     setsockopt(sd.get(), SOL_SOCKET, SO_PASSRIGHTS, &none, sizeof none);  // unknown to older kernels
   }
   return sd;
-}
-
-// Shut first, so that nothing is added while the queue is emptied. The sender's credentials, which the kernel
-// adds to every record from then on, tell an empty record from the end of the queue.
-void wex_close_control_socket(int sd) {
-  const int cause = errno;
-  const int on = 1;
-  char byte;
-  shutdown(sd, SHUT_RD);
-  setsockopt(sd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-  for (;;) {
-    const taken_record taken = receive_record(sd, &byte, sizeof byte, MSG_DONTWAIT);
-    if (taken.size == -1 ? errno != EINTR : !taken.ancillary) {
-      break;
-    }
-  }
-  close(sd);
-  errno = cause;
 }
 
 socklen_t wex_control_address(const char* path, sockaddr_un* address) {

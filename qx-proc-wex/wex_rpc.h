@@ -45,10 +45,6 @@ int wex_rpc(uint32_t msg_type, const char* name, const void* payload, uint32_t p
 // (Linux 6.16), and an accepted one is like the listener. Invalid with errno.
 unique_fd wex_open_control_socket();
 
-// Empties the queue of a connection, then closes it: what the kernel would discard at the close may carry
-// descriptors, and their close could block the caller. Keeps errno. Not for a connection inherited by fork.
-void wex_close_control_socket(int sd);
-
 // Fills a local address and tells the length to bind or connect with: no terminator is counted, as every
 // program of the device has it.
 socklen_t wex_control_address(const char* path, sockaddr_un* address);

@@ -11,6 +11,7 @@
 #include "control_peer.h"
 #include "injection.h"
 #include "lingering_socket.h"
+#include "received_descriptors.h"
 #include "wex_rpc.h"
 
 using namespace control;
@@ -509,7 +510,39 @@ TEST(ControlSocket, IsEmptiedBeforeItIsClosed) {
   ASSERT_EQ(0, send(pair.there.get(), &record, 0, MSG_NOSIGNAL));
   ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, lingering.take()));
   const auto start = clock::now();
-  wex_close_control_socket(pair.here.release());
+  close_emptied(pair.here.release());
   EXPECT_LT(seconds_since(start), kAtOnce);
   EXPECT_EQ(-1, send(pair.there.get(), &record, sizeof record, MSG_NOSIGNAL));
+}
+
+// One that lies in the queue of another local socket, and one that waits for a listener.
+TEST(InnerRecv, EmptiesTheSocketsThatARecordCarries) {
+  const wex_inner_msg record = {};
+  {
+    const socket_pair pair;
+    socket_pair carried;
+    const lingering_socket lingering(kLingerSec);
+    ASSERT_TRUE(send_descriptor(carried.there.get(), &record, sizeof record, lingering.take()));
+    ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, std::move(carried.here)));
+    carried.there.reset();
+    const auto start = clock::now();
+    EXPECT_EQ(0, receive(pair.here.get()));
+    EXPECT_LT(seconds_since(start), kAtOnce);
+  }
+  const socket_pair pair;
+  const lingering_socket lingering(kLingerSec);
+  unique_fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address;
+  const socklen_t length = wex_control_address("/tmp/carried", &address);
+  ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length));
+  ASSERT_EQ(0, listen(listener.get(), 1));
+  unique_fd waiting(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, connect(waiting.get(), reinterpret_cast<sockaddr*>(&address), length));
+  ASSERT_TRUE(send_descriptor(waiting.get(), &record, sizeof record, lingering.take()));
+  waiting.reset();
+  ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, std::move(listener)));
+  const auto start = clock::now();
+  EXPECT_EQ(0, receive(pair.here.get()));
+  EXPECT_LT(seconds_since(start), kAtOnce);
+  unlink("/tmp/carried");
 }
