@@ -75,6 +75,7 @@ inline constexpr int kFindTries = 10;          // extra looks for a program that
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
 inline constexpr int kLooksCutShort = 10;      // looks through /proc until one is not cut short
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
+inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed

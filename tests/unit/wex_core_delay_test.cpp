@@ -26,6 +26,7 @@
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_third_part.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -130,6 +131,13 @@ class Delay : public RegistryWorld {
   static int32_t present_pid(const wex_pid* rec) {
     chain_lock hold(wex_chains);
     return rec->pid;
+  }
+
+  // What is gone counts as lost then.
+  static void sweep_twice() {
+    wex_sweep_lost_exits();
+    g_now = g_now + kSweepConfirmSec;
+    wex_sweep_lost_exits();
   }
 
   void start_thread() {
@@ -502,6 +510,60 @@ TEST_F(Delay, AVanishedProcessIsRestartedOnlyWhenItHasBeenGoneForAWhileAndTheMon
   wex_sweep_lost_exits();
   EXPECT_NE(pid, present_pid(rec));
   EXPECT_EQ(0u, rec->exit_signal) << "the cause is unknown";
+}
+
+TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
+  for (const int sig : {SIGTERM, SIGKILL}) {
+    const pid_t child = fork();
+    if (child == 0) {
+      signal(sig, SIG_DFL);
+      for (;;) {
+        pause();
+      }
+    }
+    ASSERT_GT(child, 0);
+    wex_pid* const rec = add(child);
+    wex_note_identity(rec);
+    ASSERT_TRUE(wex_record_lives(rec));
+    wex_test::send_signal(child, sig);
+    ASSERT_TRUE(eventually(
+        [&] {
+          wex_chld_handler(SIGCHLD);
+          return !wex_pid_exists(child);
+        },
+        20s));
+    sweep_twice();
+    if (sig == SIGTERM) {
+      EXPECT_EQ(0, count(wex_chains)) << "it was stopped on purpose";
+    } else {
+      EXPECT_NE(child, present_pid(rec));
+      EXPECT_EQ(static_cast<uint32_t>(SIGKILL), rec->exit_signal);
+    }
+  }
+}
+
+TEST_F(Delay, ALostCrashOfAChildCountsAsOneButNotThatOfAnotherProcessWithItsPid) {
+  constexpr int kCrashed = SIGABRT | 0x80;
+  struct row {
+    uint64_t started;  // the child that ended; the record's process started at 1
+    uint32_t code;
+    int32_t crash_time;
+  };
+  for (const row& expected : {row{2, 0, 0}, row{0, 0, 0}, row{1, kCrashed, 1000 + kSweepConfirmSec}}) {
+    g_now = 1000;
+    const int32_t pid = dead_pid();
+    wex_pid* const rec = add(pid);
+    {
+      const spawn_guard guard;
+      wex_note_child_end(pid, expected.started, kCrashed);
+    }
+    sweep_twice();
+    EXPECT_NE(pid, present_pid(rec));
+    EXPECT_EQ(expected.code, rec->exit_signal) << expected.started;
+    EXPECT_EQ(expected.crash_time, rec->crash_time) << expected.started;
+    chain_lock hold(wex_chains);
+    rec->process[0] = '\0';  // the next one is another program
+  }
 }
 
 TEST_F(Delay, AVanishedProcessIsRestartedOnABusyDeviceOnceLaterEventsHaveBeenRead) {
