@@ -68,6 +68,11 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
+// Registers `pid` when it runs a third-part program of which no other process is registered. The other does
+// so for every process that is not supervised yet. Monitor only, with no chain held.
+void wex_register_executed(int32_t pid);
+void wex_register_running();
+
 // Whether a domain is being taken down: no exit is followed by a restart then, wherever. The running log
 // tells of its begin and end. Any thread.
 bool wex_take_down_under_way();
