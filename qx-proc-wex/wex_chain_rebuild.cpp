@@ -59,8 +59,7 @@ void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chai
 // that cannot be. False when it is the copy of a registration that has the fitting name.
 bool settle_name(const char* path, const wex_pid* rec) {
   char fitting[kPathSize];
-  const int length = wex_get_db_file_name(rec->vsd, rec->pid, rec->script, fitting, sizeof fitting);
-  const bool usable = length >= 0 && static_cast<size_t>(length) < sizeof fitting;
+  const bool usable = wex_name_pidfile(rec, fitting);
   if (usable && strcmp(path, fitting) == 0) {
     return true;
   }

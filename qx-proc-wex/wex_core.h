@@ -95,6 +95,11 @@ bool wex_drop_taken_down(int32_t pid);
 void wex_sweep_lost_exits();
 void wex_request_sweep();
 
+// Compares the database files with the registry: what died before its registration was read gets a record, of
+// which the sweep finds the exit lost, and living processes without a file get one. Delay thread only, with
+// nothing held.
+void wex_look_at_files();
+
 // Notes that the program of `process` wants long restart delays; never waits. Control server only.
 void wex_note_long_delay(const char* process, int32_t pid, int32_t delay);
 

@@ -193,6 +193,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   prctl(PR_SET_NAME, "wex_delay_restart");
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
+  int32_t last_files = last_sweep;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_drop_domains_taken_down();
     ready_restart ready = {};
@@ -203,6 +204,10 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     }
     wex_tell_long_delays();
     const int32_t now = wex_clock_now();
+    if (static_cast<int64_t>(now) - last_files >= kSweepEverySec) {
+      last_files = now;
+      wex_look_at_files();
+    }
     if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
       last_sweep = now;
       wex_sweep_lost_exits();
