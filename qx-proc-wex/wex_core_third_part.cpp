@@ -32,8 +32,8 @@ uint32_t g_last_number = 0;
 
 // A ring as well: a lost exit is found within a minute or two.
 struct end {
-  pid_t child;
   uint64_t start_time;
+  pid_t child;
   uint32_t status;
 };
 end g_ends[kEndsKept];
@@ -73,7 +73,7 @@ void wex_note_child_end(pid_t child, uint64_t start_time, int status) {
       one.ended = true;
     }
   }
-  g_ends[g_ends_noted++ % kEndsKept] = {child, start_time, static_cast<uint32_t>(status)};
+  g_ends[g_ends_noted++ % kEndsKept] = {start_time, child, static_cast<uint32_t>(status)};
 }
 
 uint32_t wex_status_of_ended(pid_t child, uint64_t start_time) {
