@@ -37,7 +37,7 @@ inline constexpr int kLastTakeDownDomain = 16;  // take-down markers of domains 
 
 // Postponed restarts and repairs.
 inline constexpr int32_t kForceRestartSec = 301;  // a postponed restart is forced after this
-inline constexpr int32_t kSweepEverySec = 60;    // how often vanished processes and lost registrations are looked for
+inline constexpr int32_t kSweepEverySec = 60;    // how often vanished processes and lost files are looked for
 inline constexpr int32_t kPlacesEverySec = 60;   // how often socket, lock file and directory are looked at
 inline constexpr int32_t kSweepConfirmSec = 2;   // how long one must be gone before the exit counts as lost
 inline constexpr int32_t kReplacedKeepSec = 10;  // how long a replaced pid is remembered for late events
