@@ -54,6 +54,23 @@ void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chai
           new_pid, result);
 }
 
+// A registration is looked for and removed under the name that its content gives it. A file of any other name
+// would stay, and be started again at every start of the daemon; so it gets the fitting name, or goes when
+// that cannot be. False when it is the copy of a registration that has the fitting name.
+bool settle_name(const char* path, const wex_pid* rec) {
+  char fitting[kPathSize];
+  const bool usable = wex_name_pidfile(rec, fitting);
+  if (usable && strcmp(path, fitting) == 0) {
+    return true;
+  }
+  wex_pid other = {};
+  const bool taken = usable && wex_read_pidfile(fitting, &other) == 0;
+  if (!usable || taken || wex_rename(path, fitting) != 0) {
+    wex_unlink(path);
+  }
+  return !taken || other.pid != rec->pid || strcmp(other.script, rec->script) != 0;
+}
+
 // The record of one database file, or null.
 wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   char path[kPathSize];
@@ -65,6 +82,10 @@ wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   }
   rec->vsd = vsd;
   wex_copy_text(rec->process, sizeof rec->process, rec->script);
+  if (!settle_name(path, rec)) {
+    wex_free_record(rec);
+    return nullptr;
+  }
   return rec;
 }
 

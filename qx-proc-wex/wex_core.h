@@ -68,6 +68,11 @@ void wex_log_thread_end(const char* thread, int code, int error);
 void wex_reserve_delay();
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
+// Registers `pid` when it runs a third-part program of which no other process is registered. The other does
+// so for every process that is not supervised yet. Monitor only, with no chain held.
+void wex_register_executed(int32_t pid);
+void wex_register_running();
+
 // Whether a domain is being taken down: no exit is followed by a restart then, wherever. Never waits. Any
 // thread.
 bool wex_take_down_under_way();
@@ -97,6 +102,11 @@ bool wex_drop_taken_down(int32_t pid);
 // Delay thread only; others ask for it.
 void wex_sweep_lost_exits();
 void wex_request_sweep();
+
+// Compares the database files with the registry: what died before its registration was read gets a record, of
+// which the sweep finds the exit lost, and living processes without a file get one. Delay thread only, with
+// nothing held.
+void wex_look_at_files();
 
 // Notes that the program of `process` wants long restart delays; never waits. Control server only.
 void wex_note_long_delay(const char* process, int32_t pid, int32_t delay);

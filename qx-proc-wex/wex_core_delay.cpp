@@ -10,12 +10,14 @@
 
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 
 #include <cstring>
 
 #include "chain_lock.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -87,6 +89,24 @@ bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 && !waits_for_restart(rec->pid);
 }
 
+struct lost_exit {
+  int32_t pid;
+  uint64_t start_time;
+};
+
+// A child's status is known from the reaper. For all else 0 stands for a cause that nobody knows.
+void hand_over(const lost_exit& lost) {
+  wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
+  if (wex_drop_taken_down(lost.pid)) {
+    return;
+  }
+  const uint32_t status = wex_status_of_ended(lost.pid, lost.start_time);
+  if (WCOREDUMP(status)) {
+    wex_count_crash(lost.pid);
+  }
+  wex_handle_netlink_exit(lost.pid, status, 0);
+}
+
 enum class verdict { present, suspected, lost };
 
 // An exit counts as lost only when the process has been gone for a while and the monitor has read everything
@@ -130,7 +150,7 @@ void wex_request_sweep() {
 }
 
 void wex_sweep_lost_exits() {
-  int32_t lost[kLostAtOnce];
+  lost_exit lost[kLostAtOnce];
   int count = 0;
   {
     const int32_t now = wex_clock_now();
@@ -139,18 +159,14 @@ void wex_sweep_lost_exits() {
     while (wex_pid* const rec = walk.next()) {
       const verdict found = judge(rec, now);
       if (found == verdict::lost && count < kLostAtOnce) {
-        lost[count++] = rec->pid;
+        lost[count++] = {rec->pid, rec->start_time};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }
     }
   }
   for (int i = 0; i < count; ++i) {
-    wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", __func__, lost[i]);
-    if (wex_drop_taken_down(lost[i])) {
-      continue;
-    }
-    wex_handle_netlink_exit(lost[i], 0, 0);  // 0 is what stands for a cause that nobody knows
+    hand_over(lost[i]);
   }
 }
 
@@ -177,6 +193,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   prctl(PR_SET_NAME, "wex_delay_restart");
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
+  int32_t last_files = last_sweep;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_drop_domains_taken_down();
     ready_restart ready = {};
@@ -188,6 +205,10 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     wex_tell_long_delays();
     wex_tell_take_downs();
     const int32_t now = wex_clock_now();
+    if (static_cast<int64_t>(now) - last_files >= kSweepEverySec) {
+      last_files = now;
+      wex_look_at_files();
+    }
     if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
       last_sweep = now;
       wex_sweep_lost_exits();

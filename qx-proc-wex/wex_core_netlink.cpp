@@ -18,22 +18,17 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "chain_lock.h"
 #include "ras_os.h"
 #include "text_number.h"
 #include "unique_fd.h"
-#include "wex_chain.h"
 #include "wex_core.h"
 #include "wex_core_event.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
-#include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_proc.h"
 #include "wex_utils.h"
-#include "wex_vsd.h"
 
 namespace {
 
@@ -98,43 +93,6 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
   return true;
-}
-
-// ---- exec -------------------------------------------------------------------------------------------------
-
-void register_executed(int32_t pid) {
-  char type[kTypeSize];
-  if (wex_pid_in_wexdb(pid, kThirdPartList, type, sizeof type) == 0) {
-    return;
-  }
-  wex_pid started = {};
-  started.pid = pid;
-  if (pid_to_cmdline(pid, started.process, sizeof started.process) == nullptr) {
-    wex_dbg(WEX_DBG_PUB, "%s--> pid_to_proc error!\n", kThreadName);
-  }
-  if (wex_proc_in_wexdb(kThirdPartList, started.process, type, sizeof type) == 0) {
-    wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
-    return;
-  }
-  const int32_t vsd = get_vsdid(pid);
-  started.vsd = vsd < 0 ? 0 : vsd;
-  {
-    chain_lock hold(wex_chains);
-    // The registry may have been locked for long. A program that has ended since could not be registered, and
-    // nobody would know it any more.
-    if (wex_proc_lives(pid, 0)) {
-      __wex_drop_failed(started.process, started.vsd, pid);
-    }
-    if (wex_proc_is_running(&started) != nullptr) {
-      wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
-      return;
-    }
-  }
-  wex_dbg(WEX_DBG_PUB, "%s--> To register to wex, process: %s, pid: %d, type: %s, type_len: %d\n",
-          kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
-  if (wex_register_third_part(pid, type, nullptr) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
-  }
 }
 
 // ---- socket -----------------------------------------------------------------------------------------------
@@ -232,6 +190,7 @@ outcome set_up(unique_fd* events) {
 struct monitor {
   int fd;
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
+  bool missed_some = true;  // programs may have been executed that were reported to nobody: at first, all
 };
 
 void on_event(const process_event& event, void* context) {
@@ -244,7 +203,7 @@ void on_event(const process_event& event, void* context) {
       static_cast<monitor*>(context)->ack_wait_ms = -1;
       break;
     case kEventExec:
-      register_executed(event.pid);
+      wex_register_executed(event.pid);
       break;
     default:
       wex_take_exit_event(event);
@@ -261,6 +220,7 @@ void receive_one(monitor* eyes) {
   if (size < 0) {
     if (errno == ENOBUFS) {  // told once, however many events were lost, and before those still queued
       wex_request_sweep();
+      eyes->missed_some = true;
     }
     wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
     return;
@@ -279,6 +239,13 @@ void receive_one(monitor* eyes) {
 int wait_for_event(monitor* eyes, int limit_ms) {
   struct pollfd inputs[] = {{eyes->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
   int ready = poll(inputs, 2, 0);
+  if (ready == 0 && eyes->missed_some && eyes->ack_wait_ms < 0) {
+    // Not before all has been read, for until then the kernel goes on dropping events, and not before it has
+    // had time to carry out the subscription.
+    eyes->missed_some = false;
+    wex_register_running();
+    return 0;
+  }
   if (ready == 0) {
     const bool for_the_answer = eyes->ack_wait_ms >= 0 && (limit_ms < 0 || eyes->ack_wait_ms <= limit_ms);
     wex_monitor_read_until.store(INT32_MAX, std::memory_order_release);

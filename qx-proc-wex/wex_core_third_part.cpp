@@ -1,11 +1,15 @@
-// wex_core_third_part: third-part programs that ended before they were found.
+// wex_core_third_part: how children ended, where the kernel's event does not tell it.
 //
-// After a restart such a program is looked for by its command line, for 5.5 s at the most. When nobody is
-// found the record keeps the pid of a dead process, and the exit of the child that was started would be that
-// of an unknown process: the program would stay down for ever. So the child is remembered until the reaper
-// has its status, and its end counts as one more exit of the record.
+// After a restart a third-part program is looked for by its command line, for 5.5 s at the most. When nobody
+// is found the record keeps the pid of a dead process, and the exit of the child that was started would be
+// that of an unknown process: the program would stay down for ever. So the child is remembered until the
+// reaper has its status, and its end counts as one more exit of the record.
 //
-// The table is guarded by the spawn guard: a child is remembered before it can be reaped.
+// Any other child is remembered when it has ended. Events may get lost, and then the status that the reaper
+// was given tells what they would have told. The two have tables of their own, because many short-lived
+// children must not push out a program that is still to be restarted.
+//
+// Both tables are guarded by the spawn guard: a child is remembered before it can be reaped.
 #define WEX_MODULE "wex_core"
 #include "wex_core_third_part.h"
 
@@ -25,6 +29,15 @@ struct start {
 // A ring: the oldest gives way when so many children live on without having been found.
 start g_starts[kStartsKept];
 uint32_t g_last_number = 0;
+
+// A ring as well: a lost exit is found within a minute or two.
+struct end {
+  uint64_t start_time;
+  pid_t child;
+  uint32_t status;
+};
+end g_ends[kEndsKept];
+unsigned g_ends_noted = 0;
 
 // Takes one that was started no later than `last`.
 bool take_ended(uint32_t last, missed_exit* missed) {
@@ -53,13 +66,24 @@ uint32_t wex_remember_start(pid_t child, uint32_t status) {
   return g_last_number;
 }
 
-void wex_note_child_end(pid_t child, int status) {
+void wex_note_child_end(pid_t child, uint64_t start_time, int status) {
   for (start& one : g_starts) {
     if (one.number != 0 && !one.ended && one.child == child) {
       one.status = static_cast<uint32_t>(status);
       one.ended = true;
     }
   }
+  g_ends[g_ends_noted++ % kEndsKept] = {start_time, child, static_cast<uint32_t>(status)};
+}
+
+uint32_t wex_status_of_ended(pid_t child, uint64_t start_time) {
+  const spawn_guard guard;
+  for (const end& one : g_ends) {
+    if (start_time != 0 && one.start_time == start_time && one.child == child) {
+      return one.status;
+    }
+  }
+  return 0;
 }
 
 void wex_handle_missed_exits() {

@@ -1,4 +1,5 @@
-// wex_core_third_part: children that were started for third-part programs and whose program was not found.
+// wex_core_third_part: how children ended: those that were started for third-part programs and whose program
+// was not found, and those whose exit may turn out to be lost.
 #pragma once
 
 #include <sys/types.h>
@@ -16,8 +17,12 @@ struct missed_exit {
 // holds the spawn guard since before the fork.
 uint32_t wex_remember_start(pid_t child, uint32_t status);
 
-// The reaper's: `child` has ended with this wait status. Caller holds the spawn guard.
-void wex_note_child_end(pid_t child, int status);
+// The reaper's: `child`, which started at `start_time` (clock ticks since boot, 0: unknown), has ended with
+// this wait status. Caller holds the spawn guard.
+void wex_note_child_end(pid_t child, uint64_t start_time, int status);
+
+// The wait status of a child that has ended, 0 when it is not known: not a child, or too long ago.
+uint32_t wex_status_of_ended(pid_t child, uint64_t start_time);
 
 // Hands what has ended to the exit handler. May start programs and search for them: alarm thread only, with
 // nothing held.

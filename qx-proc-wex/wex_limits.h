@@ -37,7 +37,7 @@ inline constexpr int kLastTakeDownDomain = 16;  // take-down markers of domains 
 
 // Postponed restarts and repairs.
 inline constexpr int32_t kForceRestartSec = 301;  // a postponed restart is forced after this
-inline constexpr int32_t kSweepEverySec = 60;    // how often registered but vanished processes are looked for
+inline constexpr int32_t kSweepEverySec = 60;    // how often vanished processes and lost files are looked for
 inline constexpr int32_t kPlacesEverySec = 60;   // how often socket, lock file and directory are looked at
 inline constexpr int32_t kSweepConfirmSec = 2;   // how long one must be gone before the exit counts as lost
 inline constexpr int32_t kReplacedKeepSec = 10;  // how long a replaced pid is remembered for late events
@@ -75,6 +75,7 @@ inline constexpr int kFindTries = 10;          // extra looks for a program that
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
 inline constexpr int kLooksCutShort = 10;      // looks through /proc until one is not cut short
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
+inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed

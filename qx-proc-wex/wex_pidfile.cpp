@@ -157,9 +157,27 @@ int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
   return finish_registration(body, result);
 }
 
+bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]) {
+  return name_file(rec->vsd, rec->pid, rec->process, name);
+}
+
+void wex_mend_pidfile(const wex_pid* rec) {
+  char name[kPathSize];
+  struct stat facts = {};
+  if (!wex_name_pidfile(rec, name) || (lstat(name, &facts) == 0 && facts.st_size > 0)) {
+    return;
+  }
+  drop_locked_file(name);  // ours may be empty, too
+  const unique_fd file = wex_open_file(name, O_RDWR | O_CREAT, kDbMode);
+  if (file.valid()) {
+    fill(file.get(), rec->pid, rec->action, rec->process);
+    save_vsd_flag(rec->vsd, rec->pid);
+  }
+}
+
 int wex_db_destroy(const wex_pid* rec) {
   char name[kPathSize];
-  if (!name_file(rec->vsd, rec->pid, rec->process, name)) {
+  if (!wex_name_pidfile(rec, name)) {
     return -1;
   }
   drop_locked_file(name);
@@ -207,7 +225,7 @@ int wex_read_pidfile(const char* path, wex_pid* rec) {
 
 int wex_proc_is_exit(const wex_pid* rec) {
   char name[kPathSize];
-  const bool fits = name_file(rec->vsd, rec->pid, rec->process, name);
+  const bool fits = wex_name_pidfile(rec, name);
   int cause = errno;
   wex_dbg(WEX_DBG_PUB, "%s vsd:%d ps:%s file:%s\n", __func__, rec->vsd, rec->process, name);
   unique_fd fd;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_paths.h"
 
 extern "C" {
 
@@ -35,3 +36,11 @@ int wex_proc_is_exit(const wex_pid* rec);
 // As wex_mk_pidfile, for the daemon's own registrations: the locked descriptor is kept in a private table and
 // goes with the file, instead of being lost for ever. Caller holds wex_chains.
 int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind);
+
+// The name of the record's database file. False with errno when no such file can exist.
+bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]);
+
+// Writes the database file of a living process when it is missing or empty, and its flag file. It stays
+// unlocked: the process may lock it later, and no end of it is ever taken for one that must wait. Caller
+// holds wex_chains.
+void wex_mend_pidfile(const wex_pid* rec);

@@ -541,6 +541,10 @@ void wex_create_std_fd(int cloexec) {
 int32_t find_app(int32_t pid) {
   for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
+    wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+    if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
+      return vsd;
+    }
     wex_format(path, sizeof path, kMarkerDirFmt, vsd);
     dir_walk markers(path);
     while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {

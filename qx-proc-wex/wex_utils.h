@@ -106,8 +106,9 @@ void wex_make_dir(const char* path, mode_t mode);
 // Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
 int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
 
-// As unlink() and chdir(), the directory found along trusted links only.
+// As unlink(), rename() and chdir(), the directory found along trusted links only.
 int wex_unlink(const char* path);
+int wex_rename(const char* from, const char* to);
 int wex_chdir(const char* path);
 
 // Formats into a fixed buffer; false (buffer terminated) when it does not fit.

@@ -107,6 +107,15 @@ int wex_unlink(const char* path) {
   return parent.valid() ? unlinkat(parent.get(), name, 0) : -1;
 }
 
+int wex_rename(const char* from, const char* to) {
+  char old_name[NAME_MAX + 1];
+  char new_name[NAME_MAX + 1];
+  const unique_fd old_parent = open_trusted_parent(from, old_name);
+  const unique_fd new_parent = open_trusted_parent(to, new_name);
+  const bool both = old_parent.valid() && new_parent.valid();
+  return both ? renameat(old_parent.get(), old_name, new_parent.get(), new_name) : -1;
+}
+
 int wex_chdir(const char* path) {
   const unique_fd directory = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
   return directory.valid() ? fchdir(directory.get()) : -1;

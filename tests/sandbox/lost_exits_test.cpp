@@ -2,9 +2,12 @@
 #include <linux/sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "restart_policy.h"
 
@@ -67,6 +70,23 @@ TEST_F(LostExits, AProgramWhoseExitDrownedIsRestartedAllTheSame) {
   EXPECT_TRUE(console_says("exit of pid " + std::to_string(old_pid) + " was lost\n"));
   EXPECT_TRUE(log.says("%HA-5-HA_RE_INIT: Job " + old + " will be re-initialized ..."))
       << "nobody knows why it ended";
+}
+
+TEST_F(LostExits, AThirdPartProgramWhoseExecutionDrownedIsRegisteredAllTheSame) {
+  write_file("/etc/wex/third_part_proc", "/opt/drowned 1000 WEX_RESTART\n");
+  make_dirs("/opt");
+  std::ofstream("/opt/drowned", std::ios::binary) << std::ifstream("/bin/sleep", std::ios::binary).rdbuf();
+  ASSERT_EQ(0, chmod("/opt/drowned", 0755));
+  stop_daemon();
+  many_exits(700);
+  Process program;
+  ASSERT_TRUE(program.start({"/opt/drowned", "1000"}));
+  ASSERT_TRUE(eventually([&] { return program_of(program.pid()) == "/opt/drowned"; }));
+  daemon_.send(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return exists(db_file("drowned", program.pid())); }, 20s)) << read_console();
+  daemon_.kill_now();
+  program.kill_now();
+  unlink("/opt/drowned");
 }
 
 TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen) {

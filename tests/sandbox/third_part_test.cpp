@@ -208,6 +208,18 @@ TEST_F(ThirdPart, AListedProgramStartedByHandIsRegisteredAndRestarted) {
   EXPECT_EQ(1u, list_dir("/tmp/vsd/0/wex/db").size());
 }
 
+TEST_F(ThirdPart, AProgramThatWasExecutedBeforeTheDaemonIsRegisteredAllTheSame) {
+  const std::string app = install("earlier");
+  describe("earlier", app + " WEX_RESTART");
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(eventually([&] { return program_of(by_hand_.pid()) == app; }));
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "earlier"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  EXPECT_NE(0, wait_for(app, first));
+}
+
 TEST_F(ThirdPart, TheTypeForScriptsRestartsThroughTheCommandMap) {
   const std::string app = install("mapped");
   describe("mapped", app + " WEX_SHELL_RESTART\n");
@@ -666,13 +678,18 @@ uint32_t send_to_monitor(pid_t daemon, uint32_t groups, const std::string& messa
 TEST_F(ThirdPart, EventsThatTheKernelDidNotSendAreDropped) {
   const std::string bystander = install("bystander");
   const std::string app = install("app");
-  describe("bystander", bystander + " WEX_RESTART");
+  const std::string last = install("last");
   describe("app", app + " WEX_RESTART");
-  Process earlier;  // executed before the daemon listened: it is known to nobody
+  describe("last", last + " WEX_RESTART");
+  Process earlier;
   ASSERT_TRUE(earlier.start({bystander}));
-  ASSERT_TRUE(eventually([&] { return program_of(earlier.pid()) == bystander; }));
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(eventually(
+      [&] { return program_of(earlier.pid()) == bystander && program_of(by_hand_.pid()) == app; }));
   ASSERT_TRUE(daemon_.start_traced({"trace=recvfrom"}));
   ASSERT_TRUE(daemon_.wait_ready(30s));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "app"));  // so the look at all processes is past the other one
+  std::ofstream(kThirdPartList, std::ios::app) << bystander << " WEX_RESTART\n";
   const std::string event = exec_event(earlier.pid());
   for (const uint32_t groups : {0u, 1u}) {  // to the daemon alone, and to all who listen
     const uint32_t sender = send_to_monitor(daemon_.pid(), groups, event);
@@ -683,11 +700,14 @@ TEST_F(ThirdPart, EventsThatTheKernelDidNotSendAreDropped) {
         << from << " did not arrive\n"
         << Daemon::trace();
   }
-  ASSERT_TRUE(start_by_hand({app}));  // behind them in the same queue
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "app"));
+  Process behind;  // in the same queue
+  ASSERT_TRUE(behind.start({last}));
+  ASSERT_TRUE(registered(last, behind.pid(), "last"));
   EXPECT_EQ(std::string::npos, read_console().find("To register to wex, process: " + bystander))
       << read_console();
   EXPECT_FALSE(exists(db_file("bystander", earlier.pid())));
+  daemon_.kill_now();
+  behind.kill_now();
   earlier.kill_now();
 }
 

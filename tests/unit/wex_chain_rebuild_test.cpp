@@ -301,6 +301,45 @@ TEST_F(Rebuild, ThirdPartProgramThatIsNotFoundIsFiledUnderNoPid) {
   waitpid(-1, nullptr, 0);  // the program itself
 }
 
+TEST_F(Rebuild, AFileOfAnotherNameThanItsContentGivesIsStartedOnceAndGone) {
+  const int pid = dead_pid();
+  for (const char* name : {"copy", "other.1", "sleep.1"}) {
+    write_file(db_dir(0) + "/" + name, content(pid, 2, "/bin/sleep 1000"));
+  }
+  const int known = dead_pid();
+  write_file(db_file(0, "sleep", known), content(known, 2, "/bin/sleep 1001"));
+  write_file(db_dir(0) + "/copy_of_known", content(known, 2, "/bin/sleep 1001"));
+  write_file(db_dir(0) + "/arguments", content(known, 2, "/bin/sleep 1002"));
+  const int blocked = dead_pid();
+  write_file(db_dir(0) + "/blocked", content(blocked, 2, "/bin/sleep 1003"));
+  ASSERT_EQ(0, mkdir(db_file(0, "sleep", blocked).c_str(), 0777));
+  rebuild();
+  std::multiset<std::string> programs;
+  for (const wex_pid* rec : records()) {
+    EXPECT_TRUE(wex_record_lives(rec)) << rec->process;
+    programs.insert(rec->process);
+  }
+  const std::multiset<std::string> once = {"/bin/sleep 1000", "/bin/sleep 1001", "/bin/sleep 1002",
+                                           "/bin/sleep 1003"};
+  EXPECT_EQ(once, programs);
+  const std::vector<std::string> left = {"sleep." + std::to_string(blocked)};
+  EXPECT_EQ(left, wex_test::list_dir(db_dir(0))) << "or the next start would start them again";
+}
+
+TEST_F(Rebuild, AFileOfAnotherNameOfALivingProgramGetsTheNameThatIsLookedForWhenItEnds) {
+  service alive([] {
+    return wex_db_create(0, getpid(), RESPAWN, "/opt/foo") == 0 &&
+           rename(db_file(0, "foo", getpid()).c_str(), (db_dir(0) + "/other").c_str()) == 0;
+  });
+  ASSERT_TRUE(alive.ready());
+  rebuild();
+  const wex_pid* const rec = find(alive.pid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_FALSE(exists(db_dir(0) + "/other"));
+  EXPECT_TRUE(exists(db_file(0, "foo", alive.pid())));
+  EXPECT_EQ(0, wex_proc_is_exit(rec)) << "its lock goes with the file";
+}
+
 TEST_F(Rebuild, SamePidTwiceMakesTwoRecords) {
   const service alive([] { return wex_db_create(0, getpid(), RESPAWN, "/opt/foo") == 0; });
   write_file(db_file(0, "bar", alive.pid()), content(alive.pid(), 2, "/opt/bar"));

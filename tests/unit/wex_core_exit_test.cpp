@@ -34,7 +34,7 @@ wex_pid* missed(wex_pid* rec, pid_t child) {
 void reap(pid_t child, int status) {
   {
     const spawn_guard guard;
-    wex_note_child_end(child, status);
+    wex_note_child_end(child, 0, status);
   }
   wex_handle_missed_exits();
 }

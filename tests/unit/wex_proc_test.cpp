@@ -244,6 +244,12 @@ TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsMarker) {
   EXPECT_EQ(-1, find_app(81));
 }
 
+TEST_F(ProcWorld, AMarkerIsFoundWithoutReadingItsCrowdedDirectory) {
+  make_domain(3);
+  write_file(domain_dir(3) + "/812", "");
+  EXPECT_EQ(3, run_failing({"getdents64:error=EIO"}, [] { return find_app(812); }));
+}
+
 TEST_F(ProcWorld, TheMainSystemHasNoMarkers) {
   make_domain(0);
   write_file(domain_dir(0) + "/812", "");

@@ -1,0 +1,86 @@
+// wex_core_executed: third-part programs are registered when they are executed, and looked for when that may
+// have been reported to nobody: before the daemon ran, or while events were lost.
+//
+// All of it on the monitor's thread, so that no process is registered twice.
+#define WEX_MODULE "wex_core"
+#include <unistd.h>
+
+#include <cstring>
+
+#include "chain_lock.h"
+#include "dir_walk.h"
+#include "text_number.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_msg.h"
+#include "wex_paths.h"
+#include "wex_proc.h"
+#include "wex_utils.h"
+#include "wex_vsd.h"
+
+namespace {
+
+constexpr char kThreadName[] = "wex_process_netlink";
+constexpr size_t kTypeSize = 1024;
+
+bool is_supervised(int32_t pid) {
+  chain_lock hold(wex_chains);
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  return rec != nullptr && wex_record_lives(rec);
+}
+
+}  // namespace
+
+void wex_register_executed(int32_t pid) {
+  char type[kTypeSize];
+  if (wex_pid_in_wexdb(pid, kThirdPartList, type, sizeof type) == 0) {
+    return;
+  }
+  wex_pid started = {};
+  started.pid = pid;
+  if (pid_to_cmdline(pid, started.process, sizeof started.process) == nullptr) {
+    wex_dbg(WEX_DBG_PUB, "%s--> pid_to_proc error!\n", kThreadName);
+  }
+  if (wex_proc_in_wexdb(kThirdPartList, started.process, type, sizeof type) == 0) {
+    wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
+    return;
+  }
+  const int32_t vsd = get_vsdid(pid);
+  started.vsd = vsd < 0 ? 0 : vsd;
+  {
+    chain_lock hold(wex_chains);
+    // The registry may have been locked for long. A program that has ended since could not be registered, and
+    // nobody would know it any more.
+    if (wex_proc_lives(pid, 0)) {
+      __wex_drop_failed(started.process, started.vsd, pid);
+    }
+    if (wex_proc_is_running(&started) != nullptr) {
+      wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
+      return;
+    }
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> To register to wex, process: %s, pid: %d, type: %s, type_len: %d\n",
+          kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
+  if (wex_register_third_part(pid, type, nullptr) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
+  }
+}
+
+void wex_register_running() {
+  if (access(kThirdPartList, F_OK) != 0) {
+    return;
+  }
+  dir_walk processes(kProcDir);
+  while (const dirent* const entry = processes.valid() ? processes.next() : nullptr) {
+    const int32_t pid =
+        entry->d_name[0] >= '0' && entry->d_name[0] <= '9' ? text_to_number(entry->d_name) : 0;
+    if (wex_exit_flag.load(std::memory_order_relaxed) != 0) {
+      return;
+    }
+    if (pid > 0 && !is_supervised(pid)) {
+      wex_register_executed(pid);
+    }
+  }
+}

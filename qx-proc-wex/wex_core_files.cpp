@@ -1,0 +1,99 @@
+// wex_core_files: database files that do not fit the registry, looked at once a minute.
+//
+// A program may die before its registration is read, when the daemon is busy or stopped; its file is then all
+// that tells of it. And a living one may have found no directory or no room for its file, without which the
+// next life of the daemon would not know it.
+#define WEX_MODULE "wex_core"
+#include <cstring>
+
+#include "chain_lock.h"
+#include "dir_walk.h"
+#include "text_number.h"
+#include "wex_chain.h"
+#include "wex_core.h"
+#include "wex_dbg.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr uint64_t kBeforeAnybody = 1;  // start time, so that a stranger with its pid is not taken for it
+
+// The pid at the end of a database file's name, 0 when there is none.
+int32_t pid_of_name(const char* name) {
+  const char* const dot = strrchr(name, '.');
+  return dot != nullptr ? text_to_number(dot + 1) : 0;
+}
+
+bool has_record(int32_t pid) {
+  chain_lock hold(wex_chains);
+  return __wex_find_pid(&wex_chains, pid) != nullptr;
+}
+
+// Reads the file into `rec`; true when it is a registration that nobody knows, of a process that is gone and
+// with a lock that nobody holds. A file of another name than its content gives it is left to the next start.
+bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  if (wex_read_pidfile(path, rec) != 0) {
+    return false;
+  }
+  rec->vsd = vsd;
+  wex_copy_text(rec->process, sizeof rec->process, rec->script);
+  char fitting[kPathSize];
+  return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
+         (rec->action == RESPAWN || rec->action == SHELL_RESTART) &&
+         __wex_find_pid(&wex_chains, rec->pid) == nullptr && !wex_pid_exists(rec->pid) &&
+         wex_proc_is_exit(rec) == 1;
+}
+
+// Gives it a record, of which the sweep finds that the exit was lost. Should its program be registered by a
+// new process before, or be running already, that one takes its place.
+void adopt_if_lost(int32_t vsd, const char* path) {
+  wex_pid* const rec = wex_new_record();  // may wait for memory, so nothing is held yet
+  chain_lock hold(wex_chains);  // or an exit that is being handled might be about to remove the file
+  if (!read_lost(vsd, path, rec)) {
+    wex_free_record(rec);
+    return;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s: registration of pid %d was lost\n", "wex_look_at_files", rec->pid);
+  rec->start_time = kBeforeAnybody;
+  rec->restart_failed = 1;
+  __wex_add_record(&wex_chains, rec);
+  wex_request_sweep();
+}
+
+void look_at_domain(int32_t vsd) {
+  char dir[kPathSize];
+  char path[kPathSize];
+  wex_format(dir, sizeof dir, kDbDirFmt, vsd);
+  dir_walk files(dir);
+  while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
+    const int32_t pid = pid_of_name(entry->d_name);
+    if (pid > 0 && !wex_pid_exists(pid) && !has_record(pid) &&
+        wex_format(path, sizeof path, "%s/%s", dir, entry->d_name)) {
+      adopt_if_lost(vsd, path);
+    }
+  }
+}
+
+void mend_missing() {
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  while (const wex_pid* const rec = walk.next()) {
+    if (rec->exit_seen == 0 && rec->restart_failed == 0 && wex_record_lives(rec)) {
+      wex_mend_pidfile(rec);
+    }
+  }
+}
+
+}  // namespace
+
+void wex_look_at_files() {
+  if (wex_take_down_under_way()) {
+    return;  // the files of a domain are about to go
+  }
+  for (int32_t vsd = 0; vsd < WEX_DOMAINS; ++vsd) {
+    look_at_domain(vsd);
+  }
+  mend_missing();
+}
