@@ -13,9 +13,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -30,7 +27,6 @@
 #include "wex_log.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_proc.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
@@ -94,7 +90,6 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
       return false;
   }
   event->time_ns = field<uint64_t>(message, kTimeAt);
-  event->time = static_cast<int32_t>(event->time_ns / 1000000000);
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
   return true;
@@ -120,12 +115,9 @@ void register_executed(int32_t pid) {
   started.vsd = vsd < 0 ? 0 : vsd;
   {
     chain_lock hold(wex_chains);
-    // The registry may have been locked for long. A program that has ended since could not be registered, and
-    // nobody would know it any more.
-    if (wex_proc_lives(pid, 0)) {
-      __wex_drop_failed(started.process, started.vsd, pid);
-    }
-    if (wex_proc_is_running(&started) != nullptr) {
+    // A record whose last restart left no process is no hindrance. It goes when the new one is certain, for
+    // this process may have ended by now, and nobody would know its program any more.
+    if (__wex_runs_elsewhere(&started)) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
       return;
     }
@@ -237,7 +229,7 @@ struct monitor {
 void on_event(const process_event& event, void* context) {
   wex_note_event_delay(event);
   if (event.kind != kEventAck) {
-    wex_monitor_read_until.store(event.time, std::memory_order_release);
+    wex_monitor_read_until.store(wex_event_second(event), std::memory_order_release);
   }
   switch (event.kind) {
     case kEventAck:
