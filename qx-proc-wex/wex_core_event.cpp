@@ -41,10 +41,10 @@ bool is_registered(int32_t pid, int32_t tgid) {
   return record_of_event(pid, tgid) != nullptr;
 }
 
-void note_crash(int32_t pid, int32_t tgid, int32_t now) {
+void note_crash(int32_t pid, int32_t tgid) {
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = record_of_event(pid, tgid)) {
-    rec->crash_time = now != 0 ? now : 1;
+    __wex_note_crash(rec);
   }
 }
 
@@ -89,7 +89,7 @@ void look_for_crash(const process_event& event) {
   const int32_t now = wex_clock_now();
   const bool dumped = (event.exit_code & kCoreDumped) != 0;
   if (dumped) {
-    note_crash(event.pid, event.tgid, now);
+    note_crash(event.pid, event.tgid);
   }
   int32_t window;
   int32_t count;
@@ -218,13 +218,16 @@ void wex_take_exit_event(const process_event& event) {
   }
 }
 
-void wex_count_crash(int32_t pid) {
+void __wex_note_crash(wex_pid* rec) {
   const int32_t now = wex_clock_now();
+  rec->crash_time = now != 0 ? now : 1;
+}
+
+void wex_judge_crashes() {
   int32_t window;
   int32_t count;
-  note_crash(pid, pid, now);
   read_burst_rule(&window, &count);
-  apply_burst_rule(now, window, count);
+  apply_burst_rule(wex_clock_now(), window, count);
 }
 
 int wex_settle_exits() {
