@@ -110,8 +110,8 @@ struct reported_exit {
 // An exit that could not be judged at once.
 struct unsettled_exit {
   reported_exit exit;
-  int looks;  // at their time; a look that the end of a thread gave rise to is one more
   int64_t next_look_ms;
+  int looks;  // at their time; a look that the end of a thread gave rise to is one more
   bool hastened;
 };
 unsettled_exit g_unsettled[kUnsettledExits];
@@ -154,7 +154,7 @@ bool settle(const reported_exit& exit, int looks_left) {
 
 void put_aside(const reported_exit& exit) {
   if (g_unsettled_count < kUnsettledExits) {
-    g_unsettled[g_unsettled_count++] = {exit, 0, wex_clock_ms() + kExitLookMs, false};
+    g_unsettled[g_unsettled_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
   } else {
     wex_handle_netlink_exit(exit.pid, exit.code, 0);
   }
