@@ -125,6 +125,26 @@ bool is_same_program(const wex_pid* a, const wex_pid* b) {
   return a->vsd == b->vsd && strcmp(a->process, b->process) == 0;
 }
 
+// The other registration of rec's program, or `rec` itself when it has no flags; null when there is none.
+wex_pid* look_elsewhere(wex_pid* rec, bool failed_too) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  for (wex_pid* other = walk.next(); other != nullptr; other = walk.next()) {
+    if (!is_same_program(other, rec) || other->pid == rec->pid ||
+        (!failed_too && other->restart_failed != 0)) {
+      continue;
+    }
+    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d vsd %d process %s!\n", rec->pid, rec->vsd, rec->process);
+    wex_dbg(WEX_DBG_PUB, "wex_pid pid %d vsd %d process %s!\n", other->pid, other->vsd, other->process);
+    wex_dbg(WEX_DBG_PUB, "%s is running!\n", rec->process);
+    if (rec->flags != 0) {
+      return other;
+    }
+    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d flags:%d\n", rec->pid, static_cast<int>(rec->flags));
+    return rec;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 static_assert((kReplacedKept & (kReplacedKept - 1)) == 0, "the ring's index wraps around");
@@ -212,6 +232,15 @@ wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) {
     }
   }
   return kept;
+}
+
+wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) {
+  if (rec->pid > 0) {
+    return __wex_recycle_pid(chain, rec->pid);
+  }
+  wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "__wex_del_pid", rec->pid);
+  take_out(chain, rec);
+  return rec;
 }
 
 int wex_init_chains(wex_chains_t* chain) {
@@ -305,21 +334,11 @@ const char* wex_program_name(wex_pid* rec) {
 }
 
 wex_pid* wex_proc_is_running(wex_pid* rec) {
-  record_walk walk(wex_chains);
-  for (wex_pid* other = walk.next(); other != nullptr; other = walk.next()) {
-    if (!is_same_program(other, rec) || other->pid == rec->pid) {
-      continue;
-    }
-    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d vsd %d process %s!\n", rec->pid, rec->vsd, rec->process);
-    wex_dbg(WEX_DBG_PUB, "wex_pid pid %d vsd %d process %s!\n", other->pid, other->vsd, other->process);
-    wex_dbg(WEX_DBG_PUB, "%s is running!\n", rec->process);
-    if (rec->flags != 0) {
-      return other;
-    }
-    wex_dbg(WEX_DBG_PUB, "pwex_pid pid %d flags:%d\n", rec->pid, static_cast<int>(rec->flags));
-    return rec;
-  }
-  return nullptr;
+  return look_elsewhere(rec, true);
+}
+
+bool __wex_runs_elsewhere(wex_pid* rec) {
+  return look_elsewhere(rec, false) != nullptr;
 }
 
 int wex_print_chains(int kind, wex_chains_t* chain) {

@@ -68,6 +68,10 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capab
 // none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
+// The same for the pid of `rec`. Below 1 that is nobody's pid, which records of several programs may have:
+// then for this one alone.
+wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
+
 // Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,
 // so only where as much has just been freed.
 wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TSA(requires_capability(chain));
@@ -85,6 +89,10 @@ bool wex_record_lives(const wex_pid* rec);
 
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
 int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
+// True when another registration of rec's program in rec's domain has, or waits for, a process: one whose
+// last restart left none does not count.
+bool __wex_runs_elsewhere(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Deletes records of this program and domain whose last restart left no process, with their database files:
 // the living process `newcomer` takes their place, and keeps its own file should it have got the dead one's

@@ -54,6 +54,10 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
   return exit_verdict::runs;
 }
 
+bool wex_surely_dead(const process_look& now) {
+  return now.sight == process_look::gone || (now.sight == process_look::seen && is_dead_state(now.state));
+}
+
 presence wex_judge_presence(const process_look& now, uint64_t known_start) {
   if (now.sight != process_look::seen) {
     return now.sight == process_look::gone ? presence::absent : presence::unknown;

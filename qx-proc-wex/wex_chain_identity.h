@@ -18,6 +18,9 @@ enum class exit_verdict {
 // `known_start`, given what stands in /proc now. Times are clock ticks since boot, 0 = unknown.
 exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint64_t exit_tick);
 
+// True when nobody has the pid that was looked at, or a process that is dead.
+bool wex_surely_dead(const process_look& now);
+
 enum class presence { present, absent, unknown };
 
 // Whether the process that started at `known_start` (0: any) is still there. One that has begun to exit is,

@@ -172,6 +172,8 @@ void decide(candidates* all) {
       }
       if (wex_looks_alive(row.rec->pid)) {
         row.what = fate::alive;
+        // Not after the restarts: they may take long, and a stranger may have got the pid by then.
+        wex_note_identity(row.rec);
       } else {
         pending = true;
       }
@@ -205,7 +207,6 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   decide(&all);
   for (const candidate& row : all) {
     if (row.what == fate::alive) {
-      wex_note_identity(row.rec);
       tell_stranger(row.rec);
     } else {
       restart_dead(chain, row.rec);

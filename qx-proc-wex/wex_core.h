@@ -26,9 +26,9 @@ void* wex_delay_restart(void* unused);
 void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart);
 
 // The same for a start of a third-part program that found no process and whose child has ended since with
-// this wait status. Does nothing when the program has got another process meanwhile. Called with no chain
-// held.
-void wex_handle_missed_exit(uint32_t start, uint32_t status);
+// this wait status. Does nothing when the program has got another process meanwhile. Without a child (not
+// `forked`) the status is that of the exit before, whose crash has been counted. Called with no chain held.
+void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked);
 
 // Restart events written to the event-log files; drives their alternation. Guarded by wex_chains.
 extern int32_t wex_event_log_count;
@@ -85,13 +85,18 @@ void wex_tell_take_downs();
 // thread, which waits for that chain meanwhile, cannot see a take-down begin and end: it is noted here.
 void wex_wait_with_registry(int64_t milliseconds);
 
-// The program registered as `pid` has dumped core: restarts the device when too many have within the window.
-// Called with no chain held.
-void wex_count_crash(int32_t pid);
-// Programs of a domain that is being taken down which wait for a restart are forgotten, with their files. The
-// first for one record that is about to be restarted: true when it has gone. The second for all of them, once
-// a pass of the delay thread.
+// The record's program has dumped core now.
+void __wex_note_crash(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// Restarts the device when too many programs have dumped core within the window. Called with no chain held.
+void wex_judge_crashes();
+
+// For a record that is about to be restarted: when its domain is being taken down, the record and its
+// database file are removed, and the result is true.
 bool __wex_dropped_with_domain(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// Removes the records, with their database files, of all programs that have no process and whose domain is
+// being taken down. Once a pass of the delay thread.
 void wex_drop_domains_taken_down();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of

@@ -94,6 +94,16 @@ struct lost_exit {
   uint64_t start_time;
 };
 
+void count_crash(int32_t pid) {
+  {
+    chain_lock hold(wex_chains);
+    if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+      __wex_note_crash(rec);
+    }
+  }
+  wex_judge_crashes();
+}
+
 // A child's status is known from the reaper. For all else 0 stands for a cause that nobody knows.
 void hand_over(const lost_exit& lost) {
   wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
@@ -102,7 +112,7 @@ void hand_over(const lost_exit& lost) {
   }
   const uint32_t status = wex_status_of_ended(lost.pid, lost.start_time);
   if (WCOREDUMP(status)) {
-    wex_count_crash(lost.pid);
+    count_crash(lost.pid);
   }
   wex_handle_netlink_exit(lost.pid, status, 0);
 }

@@ -41,10 +41,10 @@ bool is_registered(int32_t pid, int32_t tgid) {
   return record_of_event(pid, tgid) != nullptr;
 }
 
-void note_crash(int32_t pid, int32_t tgid, int32_t now) {
+void note_crash(int32_t pid, int32_t tgid) {
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = record_of_event(pid, tgid)) {
-    rec->crash_time = now != 0 ? now : 1;
+    __wex_note_crash(rec);
   }
 }
 
@@ -89,7 +89,7 @@ void look_for_crash(const process_event& event) {
   const int32_t now = wex_clock_now();
   const bool dumped = (event.exit_code & kCoreDumped) != 0;
   if (dumped) {
-    note_crash(event.pid, event.tgid, now);
+    note_crash(event.pid, event.tgid);
   }
   int32_t window;
   int32_t count;
@@ -110,17 +110,22 @@ struct reported_exit {
 // An exit that could not be judged at once.
 struct unsettled_exit {
   reported_exit exit;
-  int looks;
   int64_t next_look_ms;
+  int looks;  // at their time; a look that the end of a thread gave rise to is one more
+  bool hastened;
 };
 unsettled_exit g_unsettled[kUnsettledExits];
 int g_unsettled_count = 0;
 
 int64_t g_least_delay_ns = INT64_MAX;
 
+// What this process's monotonic clock is ahead of the kernel's: it may run in a time namespace.
+int64_t clock_shift() {
+  return g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
+}
+
 uint64_t tick_of(const process_event& event) {
-  const int64_t shift = g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
-  return wex_event_tick(event.time_ns, shift, wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
+  return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
 }
 
 // Notes when the record's process was reported dead, and judges that with one look. For a pid that is not
@@ -149,7 +154,7 @@ bool settle(const reported_exit& exit, int looks_left) {
 
 void put_aside(const reported_exit& exit) {
   if (g_unsettled_count < kUnsettledExits) {
-    g_unsettled[g_unsettled_count++] = {exit, 0, wex_clock_ms() + kExitLookMs};
+    g_unsettled[g_unsettled_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
   } else {
     wex_handle_netlink_exit(exit.pid, exit.code, 0);
   }
@@ -159,7 +164,7 @@ void put_aside(const reported_exit& exit) {
 void hasten(int32_t pid) {
   for (int i = 0; i < g_unsettled_count; ++i) {
     if (g_unsettled[i].exit.pid == pid) {
-      g_unsettled[i].next_look_ms = 0;
+      g_unsettled[i].hastened = true;
     }
   }
 }
@@ -185,6 +190,13 @@ void wex_note_event_delay(const process_event& event) {
   g_least_delay_ns = std::min(g_least_delay_ns, delay);
 }
 
+int32_t wex_event_second(const process_event& event) {
+  if (event.time_ns == 0 || event.time_ns > INT64_MAX / 4) {
+    return 0;
+  }
+  return static_cast<int32_t>((static_cast<int64_t>(event.time_ns) + clock_shift()) / 1000000000);
+}
+
 void wex_take_exit_event(const process_event& event) {
   if (!is_registered(event.pid, event.tgid)) {
     return;  // an exit of an unregistered process is ignored before any marker is looked at
@@ -206,13 +218,16 @@ void wex_take_exit_event(const process_event& event) {
   }
 }
 
-void wex_count_crash(int32_t pid) {
+void __wex_note_crash(wex_pid* rec) {
   const int32_t now = wex_clock_now();
+  rec->crash_time = now != 0 ? now : 1;
+}
+
+void wex_judge_crashes() {
   int32_t window;
   int32_t count;
-  note_crash(pid, pid, now);
   read_burst_rule(&window, &count);
-  apply_burst_rule(now, window, count);
+  apply_burst_rule(wex_clock_now(), window, count);
 }
 
 int wex_settle_exits() {
@@ -224,13 +239,15 @@ int wex_settle_exits() {
   int kept = 0;
   for (int i = 0; i < g_unsettled_count; ++i) {
     unsettled_exit entry = g_unsettled[i];
-    if (entry.next_look_ms <= now) {
+    const bool due = entry.next_look_ms <= now;
+    if (due) {
       ++entry.looks;
-      if (settle(entry.exit, kExitLooks - entry.looks)) {
-        continue;
-      }
       entry.next_look_ms = now + (entry.looks < kExitLooks ? kExitLookMs : kExitSlowLookMs);
     }
+    if ((due || entry.hastened) && settle(entry.exit, kExitLooks - entry.looks)) {
+      continue;
+    }
+    entry.hastened = false;
     next = std::min(next, entry.next_look_ms);
     g_unsettled[kept++] = entry;
   }

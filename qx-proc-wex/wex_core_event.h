@@ -12,3 +12,6 @@ int wex_settle_exits();
 
 // Tells how long an event took to arrive, so that a time namespace is noticed. For every event.
 void wex_note_event_delay(const process_event& event);
+
+// When the event happened, in seconds of this process's monotonic clock; 0 when its stamp is no time.
+int32_t wex_event_second(const process_event& event);

@@ -51,12 +51,9 @@ void wex_register_executed(int32_t pid) {
   started.vsd = vsd < 0 ? 0 : vsd;
   {
     chain_lock hold(wex_chains);
-    // The registry may have been locked for long. A program that has ended since could not be registered, and
-    // nobody would know it any more.
-    if (wex_proc_lives(pid, 0)) {
-      __wex_drop_failed(started.process, started.vsd, pid);
-    }
-    if (wex_proc_is_running(&started) != nullptr) {
+    // A record whose last restart left no process is no hindrance. It goes when the new one is certain, for
+    // this process may have ended by now, and nobody would know its program any more.
+    if (__wex_runs_elsewhere(&started)) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
       return;
     }

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -102,7 +101,7 @@ bool still_runs(wex_pid* rec) {
 
 void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_db_destroy(rec);
-  __wex_del_pid(&wex_chains, rec->pid);
+  wex_free_record(__wex_recycle_record(&wex_chains, rec));
 }
 
 // A stranger that has got the pid is alive, but not the record's process.
@@ -286,13 +285,13 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
           child);
   const wex_pid before = *rec;
   wex_db_destroy(rec);
-  wex_pid* const memory = __wex_recycle_pid(&wex_chains, rec->pid);
+  wex_pid* const memory = __wex_recycle_record(&wex_chains, rec);
   if (wex_register_third_part(child, kind.third_part_type, memory) == 0) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
-  if (wex_proc_lives(child, 0)) {
-    return true;
+  if (!wex_surely_dead(wex_look_at(child))) {
+    return true;  // also when it cannot be seen: a second instance would be worse than one that is unknown
   }
   *handed = __wex_restore_record(&wex_chains, before);
   return false;
@@ -424,11 +423,29 @@ void handle_missed(uint32_t start, uint32_t status) WEX_TSA(requires_capability(
   handle_ended(rec, status, 0);
 }
 
-// The pid of that record, or 0 when there is none.
-int32_t pid_of_missed(uint32_t start) {
+// What wex_drop_taken_down() does for an exit, here by the start: several such records may have no pid.
+bool drop_missed(uint32_t start) {
+  if (!wex_take_down_under_way()) {
+    return false;
+  }
   chain_lock hold(wex_chains);
-  const wex_pid* const rec = find_missed(start);
-  return rec != nullptr ? rec->pid : 0;
+  if (wex_pid* const rec = find_missed(start)) {
+    wex_db_destroy(rec);
+    __wex_drop_record(&wex_chains, rec);
+  }
+  return true;
+}
+
+void count_crash(uint32_t start) {
+  {
+    chain_lock hold(wex_chains);
+    wex_pid* const rec = find_missed(start);
+    if (rec == nullptr) {
+      return;
+    }
+    __wex_note_crash(rec);
+  }
+  wex_judge_crashes();
 }
 
 // Runs `handle` with the registry locked and memory for a postponed restart at hand.
@@ -453,13 +470,12 @@ void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_re
       [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, force_restart); });
 }
 
-void wex_handle_missed_exit(uint32_t start, uint32_t status) {
-  const int32_t pid = pid_of_missed(start);
-  if (pid == 0 || wex_drop_taken_down(pid)) {
+void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
+  if (drop_missed(start)) {
     return;
   }
-  if (WCOREDUMP(status)) {
-    wex_count_crash(pid);
+  if (forked && WCOREDUMP(status)) {
+    count_crash(start);
   }
   with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) { handle_missed(start, status); });
 }

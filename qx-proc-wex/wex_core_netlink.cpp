@@ -13,9 +13,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "ras_os.h"
@@ -89,7 +86,6 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
       return false;
   }
   event->time_ns = field<uint64_t>(message, kTimeAt);
-  event->time = static_cast<int32_t>(event->time_ns / 1000000000);
   event->pid = field<int32_t>(message, kPidAt);
   event->tgid = field<int32_t>(message, kTgidAt);
   return true;
@@ -196,7 +192,7 @@ struct monitor {
 void on_event(const process_event& event, void* context) {
   wex_note_event_delay(event);
   if (event.kind != kEventAck) {
-    wex_monitor_read_until.store(event.time, std::memory_order_release);
+    wex_monitor_read_until.store(wex_event_second(event), std::memory_order_release);
   }
   switch (event.kind) {
     case kEventAck:

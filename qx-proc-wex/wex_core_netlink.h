@@ -12,8 +12,7 @@ struct process_event {
   int32_t pid;
   int32_t tgid;
   uint32_t exit_code;  // exit events: kernel wait status
-  int32_t time;        // monotonic seconds
-  uint64_t time_ns;    // the same in nanoseconds, as the kernel counts them; 0 = not stamped
+  uint64_t time_ns;    // monotonic, as the kernel counts; 0 = not stamped
 };
 
 enum { kSubscriptionSize = 40 };

@@ -76,7 +76,8 @@ bool is_of_closing_domain(const wex_pid* rec) {
   if (rec->vsd >= 1) {
     return is_closing(rec->vsd);
   }
-  return rec->pid > 0 && any_is_closing() && is_closing(find_app(rec->pid));
+  const int32_t pid = wex_last_process(rec);
+  return pid > 0 && any_is_closing() && is_closing(find_app(pid));
 }
 
 // Living programs of the domain are left to the exit monitor: the take-down may be cut short.

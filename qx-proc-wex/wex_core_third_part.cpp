@@ -14,6 +14,7 @@
 #include "wex_core_third_part.h"
 
 #include "wex_core.h"
+#include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_signals.h"
 
@@ -26,7 +27,6 @@ struct start {
   bool ended;
 };
 
-// A ring: the oldest gives way when so many children live on without having been found.
 start g_starts[kStartsKept];
 uint32_t g_last_number = 0;
 
@@ -39,12 +39,33 @@ struct end {
 end g_ends[kEndsKept];
 unsigned g_ends_noted = 0;
 
+bool is_older(const start& one, const start& other) {
+  return g_last_number - one.number > g_last_number - other.number;  // the numbers start over some day
+}
+
+// An unused entry. When so many children live on without having been found that there is none, the oldest
+// gives way, and its program stays down.
+start* take_entry() {
+  start* oldest = &g_starts[0];
+  for (start& one : g_starts) {
+    if (one.number == 0) {
+      return &one;
+    }
+    if (is_older(one, *oldest)) {
+      oldest = &one;
+    }
+  }
+  wex_dbg(WEX_DBG_PUB, "%s: no room, child %d is forgotten\n", "wex_remember_start",
+          static_cast<int>(oldest->child));
+  return oldest;
+}
+
 // Takes one that was started no later than `last`.
 bool take_ended(uint32_t last, missed_exit* missed) {
   const spawn_guard guard;
   for (start& one : g_starts) {
     if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
-      *missed = {one.number, one.status};
+      *missed = {one.number, one.status, one.child > 0};
       one = {};
       return true;
     }
@@ -59,7 +80,7 @@ uint32_t wex_remember_start(pid_t child, uint32_t status) {
     ++g_last_number;
   }
   const bool ended = child < 1;
-  g_starts[g_last_number % kStartsKept] = {g_last_number, child, status, ended};
+  *take_entry() = {g_last_number, child, status, ended};
   if (ended) {
     wex_wake_reaper();
   }
@@ -96,6 +117,6 @@ void wex_handle_missed_exits() {
   // alarm thread here.
   missed_exit missed;
   while (take_ended(last, &missed)) {
-    wex_handle_missed_exit(missed.start, missed.status);
+    wex_handle_missed_exit(missed.start, missed.status, missed.forked);
   }
 }

@@ -10,6 +10,7 @@
 struct missed_exit {
   uint32_t start;   // the record's `missed_start`
   uint32_t status;  // kernel wait status
+  bool forked;      // false: there was no child, and the status is that of the exit before
 };
 
 // Remembers that `child` was started and no process of its program was found. Without a child (below 1: none

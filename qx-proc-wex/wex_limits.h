@@ -47,7 +47,9 @@ inline constexpr int kReplacedKept = 64;         // and how many of them
 inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part list is read at every look-up
 
 inline constexpr int kUnsettledExits = 64;  // exits that wait for a second look; more are handled at once
-inline constexpr int kExitLooks = 4;        // looks at an exit whose process still has threads
+// Looks at an exit whose process still has threads, after the first that is taken at once. What the end of a
+// thread gives rise to does not count.
+inline constexpr int kExitLooks = 4;
 inline constexpr int kExitLookMs = 5;
 inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc stays unreadable
 inline constexpr uint64_t kStartTickSlack =

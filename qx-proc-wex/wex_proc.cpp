@@ -24,6 +24,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_child.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
@@ -222,9 +223,11 @@ void enter_place(const launch& start) {
   }
 }
 
-// Takes the replaced process's database file away in the very process that becomes the program: whenever the
-// daemon is killed, its next life finds either the file and no program, or the program and no file. The file
-// of a third-part program stays until its process has been found.
+// Takes the replaced process's database file away in the very process that becomes the program: when the
+// daemon is killed after the fork, its next life finds either the file and no program, or the program and no
+// file. Only between here and the exec, and for good when the exec fails, there is neither: then the program
+// is known to the present daemon alone, whose record gets the child's exit. The file of a third-part program
+// stays until its process has been found.
 void remove_old_file(const launch& start) {
   char path[kPathSize];
   if (!start.third_part && wex_get_db_file_name(start.rec->vsd, start.rec->pid, start.rec->process, path,
@@ -325,6 +328,15 @@ void remember_missed(wex_pid* rec, pid_t child) {
   rec->missed_start = wex_remember_start(child, rec->exit_signal);
 }
 
+// A child that has handed over to another process and ended leaves a marker that nobody else removes. While
+// it lives, the take-down of its domain needs the marker.
+void drop_marker_of_dead(int32_t domain, pid_t child) {
+  const process_look now = wex_look_at(static_cast<int32_t>(child));
+  if (child > 0 && (wex_surely_dead(now) || now.exiting)) {
+    remove_markers(domain, static_cast<int32_t>(child));
+  }
+}
+
 // The process of a third-part program, which may have detached from the child. Its pid, or 0.
 int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   wex_pid* const rec = start.rec;
@@ -350,6 +362,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
   }
   if (found != child && start.domain >= 1) {
     save_proc_info(start.domain, found);  // or its next life would be one of the main system
+    drop_marker_of_dead(start.domain, child);
   }
   *out_pid = found;
   return found;

@@ -44,6 +44,7 @@ constexpr self_check_kind kKinds[] = {
 };
 
 sem_t g_wake;
+std::atomic<bool> g_wake_exists{false};  // the rebuild may ask for the reaper before
 std::atomic<bool> g_alarm_due{false};
 std::atomic<bool> g_child_due{false};
 std::atomic<bool> g_stop{false};
@@ -200,7 +201,9 @@ pid_t reap_one() {
 void wex_wake_reaper() {
   const int cause = errno;
   g_child_due.store(true);
-  sem_post(&g_wake);
+  if (g_wake_exists.load()) {
+    sem_post(&g_wake);
+  }
   errno = cause;
 }
 
@@ -236,6 +239,7 @@ extern "C" {
 
 int wex_setup_signals(void) {
   sem_init(&g_wake, 0, 0);
+  g_wake_exists.store(true);
   for (int signal = 0; signal <= kLastSignal; ++signal) {
     if (signal != SIGCHLD) {     // ignored for a moment only, it would cost the status of a child
       install(signal, SIG_IGN);  // through the library, which needs some signals for itself

@@ -546,6 +546,25 @@ TEST_F(Chain, FailedRecordsOfTheProgramGoWithTheirFiles) {
   EXPECT_TRUE(exists(db_file(2, "bar", 5)));
 }
 
+TEST_F(Chain, ARecordWithoutAProcessDoesNotHideThatAnotherOneRuns) {
+  add(1, "/a/foo", 2)->restart_failed = 1;
+  const auto runs_elsewhere = [] {
+    wex_pid newcomer = {};
+    newcomer.pid = 7;
+    newcomer.vsd = 2;
+    snprintf(newcomer.process, sizeof newcomer.process, "/a/foo");
+    chain_lock hold(wex_chains);
+    return __wex_runs_elsewhere(&newcomer);
+  };
+  EXPECT_FALSE(runs_elsewhere());
+  add(7, "/a/foo", 2);
+  add(3, "/a/foo", 3);
+  EXPECT_FALSE(runs_elsewhere());
+  add(4, "/a/foo", 2);
+  EXPECT_TRUE(runs_elsewhere());
+  EXPECT_NE(nullptr, find(1));
+}
+
 TEST_F(Chain, ANewcomerWithTheDeadPidKeepsItsOwnFile) {
   add(1, "/a/foo", 2)->restart_failed = 1;
   write_file(db_file(2, "foo", 1), "x");

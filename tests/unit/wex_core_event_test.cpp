@@ -21,7 +21,7 @@ uint64_t now_ns() {
 }
 
 process_event exit_of(int32_t pid, uint32_t code, uint64_t time_ns = now_ns()) {
-  return {kEventExit, pid, pid, code, static_cast<int32_t>(time_ns / 1000000000), time_ns};
+  return {kEventExit, pid, pid, code, time_ns};
 }
 
 process_event thread_end(int32_t tid, int32_t pid, uint32_t code = 0) {
@@ -165,6 +165,33 @@ TEST_F(Event, OfAMainThreadWaitsForTheOthersWithoutTheRegistry) {
   close(hold[0]);
 }
 
+TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
+  bool in_time = false;
+  for (int attempt = 0; !in_time && attempt < 100; ++attempt) {
+    int hold[2];
+    ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+    const pid_t child = without_main_thread(hold);
+    ASSERT_GT(child, 0);
+    const wex_pid* const rec = add(child);
+    ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+    const int64_t begin = wex_clock_ms();
+    wex_take_exit_event(exit_of(child, 139));
+    for (int other = 1; other <= 2 * kExitLooks; ++other) {
+      wex_take_exit_event(thread_end(child + other, child));
+      wex_settle_exits();
+    }
+    const int32_t pid = pid_of(rec);
+    in_time = wex_clock_ms() - begin < kExitLooks * kExitLookMs;  // else the last look was due
+    if (in_time) {
+      EXPECT_EQ(child, pid);
+    }
+    close(hold[0]);
+    close(hold[1]);
+    ASSERT_TRUE(soon(settled));
+  }
+  EXPECT_TRUE(in_time);
+}
+
 TEST_F(Event, OfAMainThreadBesideThreadsThatGoOnIsHandledAfterSomeLooks) {
   int hold[2];
   ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
@@ -267,6 +294,24 @@ TEST_F(Event, WhatCannotBeSeenIsNoLostExit) {
   g_now = 1100 + kSweepConfirmSec;
   wex_sweep_lost_exits();
   EXPECT_NE(pid, pid_of(rec));
+}
+
+// The shift is kept for good, so it is noticed in a process of its own.
+TEST_F(Event, HasTheSecondOfTheOwnClockInATimeNamespaceToo) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const uint64_t now = now_ns();
+    int failed = wex_event_second(exit_of(5, 9, 7000000001)) == 7 ? 0 : 1;
+    wex_note_event_delay(exit_of(5, 9, now + 100000000000));  // the kernel's clock is 100 s ahead
+    const int32_t second = wex_event_second(exit_of(5, 9, now + 100000000000));
+    failed |= std::abs(second - static_cast<int32_t>(now / 1000000000)) <= 60 ? 0 : 2;
+    failed |= wex_event_second(exit_of(5, 9, 0)) == 0 ? 0 : 4;
+    failed |= wex_event_second(exit_of(5, 9, UINT64_MAX)) == 0 ? 0 : 8;
+    _exit(failed);
+  }
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
 }
 
 // ---- crashes ----------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 // The exit handler's decisions, on a registry that the test fills.
 #include "failing_calls.h"
 #include "parked_world.h"
+#include "registry_files.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_signals.h"
@@ -183,6 +184,172 @@ TEST_F(Exit, OfAChildIsStillKnownWhenManyOthersLiveUnfound) {
   }
   reap(first, 9);
   EXPECT_NE(old_pid, rec->pid);
+}
+
+TEST_F(Exit, OfAMissedChildIsStillHandledAfterManyMoreStarts) {
+  const pid_t first = 5000000;
+  const wex_pid* const rec = missed(park_at(900), first);
+  const int32_t old_pid = rec->pid;
+  for (unsigned other = 1; other <= 2 * kStartsKept; ++other) {
+    {
+      const spawn_guard guard;
+      wex_remember_start(first + static_cast<pid_t>(other), 9);
+    }
+    reap(first + static_cast<pid_t>(other), 9);
+  }
+  reap(first, 9);
+  EXPECT_NE(old_pid, rec->pid) << "its entry was overwritten although others were free";
+}
+
+TEST_F(Exit, OfTheOldestMissedChildIsGivenUpWithALineWhenThereIsNoRoom) {
+  const pid_t first = 5000000;
+  const wex_pid* const oldest = missed(park_at(900), first);
+  const wex_pid* const next = missed(park_at(900, "/bin/sleep 1001"), first + 1);
+  const int32_t old_pid = oldest->pid;
+  const int32_t next_pid = next->pid;
+  registry::captured_output output;
+  {
+    const spawn_guard guard;
+    for (unsigned other = 2; other <= kStartsKept; ++other) {
+      wex_remember_start(first + static_cast<pid_t>(other), 9);
+    }
+  }
+  EXPECT_EQ("[wex_core]wex_remember_start: no room, child 5000000 is forgotten\n", output.text());
+  reap(first, 9);
+  EXPECT_EQ(old_pid, oldest->pid);
+  reap(first + 1, 9);
+  EXPECT_NE(next_pid, next->pid);
+}
+
+TEST_F(Exit, OfARestartThatCouldNotEvenForkIsNoSecondCrash) {
+  wex_pid* const rec = died(park_at(900));
+  rec->exit_signal = 11 | 0x80;
+  {
+    const spawn_guard guard;
+    rec->missed_start = wex_remember_start(-1, rec->exit_signal);
+  }
+  const int32_t old_pid = rec->pid;
+  wex_handle_missed_exits();
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(0, rec->crash_time);
+}
+
+// ---- Several records under no pid
+// --------------------------------------------------------------------------
+
+namespace {
+
+// A record as the rebuild leaves it when it started `child` and found nobody.
+wex_pid* unfound(const char* process, pid_t child) {
+  wex_pid* const rec = wex_new_record();
+  rec->pid = -1;
+  rec->action = RESPAWN;
+  rec->restart_failed = 1;
+  snprintf(rec->process, sizeof rec->process, "%s", process);
+  {
+    const spawn_guard guard;
+    rec->missed_child = child;
+    rec->missed_start = wex_remember_start(child, 0);
+  }
+  chain_lock hold(wex_chains);
+  __wex_add_record(&wex_chains, rec);
+  return rec;
+}
+
+bool holds(const char* process) {
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  while (const wex_pid* const rec = walk.next()) {
+    if (strcmp(rec->process, process) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+class ExitUnderNoPid : public Exit {
+ protected:
+  static constexpr pid_t kChild = 5000000;
+  wex_pid* before_ = nullptr;
+  wex_pid* own_ = nullptr;
+  wex_pid* behind_ = nullptr;
+
+  void SetUp() override {
+    Exit::SetUp();
+    before_ = unfound("/bin/sleep 1001", kChild + 1);
+    own_ = unfound("/bin/sleep 1002", kChild);
+    behind_ = unfound("/bin/sleep 1003", kChild + 2);
+  }
+  static void expect_others() {
+    EXPECT_TRUE(holds("/bin/sleep 1001"));
+    EXPECT_TRUE(holds("/bin/sleep 1003"));
+  }
+};
+
+}  // namespace
+
+TEST_F(ExitUnderNoPid, ACrashIsCountedForItsOwnProgram) {
+  reap(kChild, 11 | 0x80);
+  EXPECT_EQ(1000, own_->crash_time);
+  EXPECT_GT(own_->pid, 0);
+  EXPECT_EQ(0, before_->crash_time);
+  EXPECT_EQ(0, behind_->crash_time);
+  expect_others();
+}
+
+TEST_F(ExitUnderNoPid, ATakeDownDropsItsOwnProgram) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  reap(kChild, 9);
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_FALSE(holds("/bin/sleep 1002"));
+  expect_others();
+}
+
+TEST_F(ExitUnderNoPid, ADuplicateIsDroppedAlone) {
+  own_->flags = 0;  // then it is the one that goes
+  wex_pid* const twin = wex_new_record();
+  twin->pid = getpid();
+  snprintf(twin->process, sizeof twin->process, "%s", own_->process);
+  {
+    chain_lock hold(wex_chains);
+    __wex_add_record(&wex_chains, twin);
+  }
+  reap(kChild, 9);
+  expect_others();
+  chain_lock hold(wex_chains);
+  EXPECT_EQ(3, wex_chains.count);
+  __wex_drop_record(&wex_chains, twin);
+}
+
+TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
+  const pid_t running = fork();
+  if (running == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    execl("/bin/sleep", "/bin/sleep", "4712", nullptr);
+    _exit(1);
+  }
+  ASSERT_GT(running, 1);
+  char command[256] = "";
+  ASSERT_TRUE(soon([&] {
+    return pid_to_cmdline(running, command, sizeof command) != nullptr && strstr(command, " 4712") != nullptr;
+  }));
+  rtrim(command);
+  snprintf(own_->process, sizeof own_->process, "%s", command);
+  write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
+  reap(kChild, 9);
+  EXPECT_TRUE(registered(running));
+  expect_others();
+}
+
+TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheMarkerOfItsLastChild) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && touch /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
+  {
+    chain_lock hold(wex_chains);
+    EXPECT_TRUE(__wex_dropped_with_domain(own_));
+  }
+  ASSERT_EQ(0, system("rm /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
+  EXPECT_FALSE(holds("/bin/sleep 1002"));
+  expect_others();
 }
 
 // ---- Twins ------------------------------------------------------------------------------------------------

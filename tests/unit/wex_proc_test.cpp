@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "dir_walk.h"
 #include "failing_calls.h"
 #include "registry_files.h"
 #include "wex_chain.h"
@@ -768,6 +769,16 @@ TEST_F(ProcWorld, AProgramOrScriptIsFoundThoughAllLooksOfTheSearchWereCutShort) 
   }
 }
 
+// How many processes have a marker in a domain.
+int markers_in(int32_t vsd) {
+  int count = 0;
+  dir_walk markers(domain_dir(vsd).c_str());
+  while (const dirent* const entry = markers.next()) {
+    count += entry->d_name[0] >= '1' && entry->d_name[0] <= '9' ? 1 : 0;
+  }
+  return count;
+}
+
 TEST_F(ProcWorld, ADetachedProcessOfADomainGetsTheDomainsMarkerAndItsNextLifeFindsIt) {
   make_domain(2);
   write_file(domain_dir(2) + "/812", "");
@@ -777,8 +788,10 @@ TEST_F(ProcWorld, ADetachedProcessOfADomainGetsTheDomainsMarkerAndItsNextLifeFin
   Process detached;
   ASSERT_TRUE(detached.start({"sh", "-c", "exec /tmp/wex/cat <> /tmp/wex/fifo"}));
   ASSERT_TRUE(eventually([&] { return command_line(detached.pid()) == "/tmp/wex/cat"; }));
+  ASSERT_EQ(0, chmod("/tmp/wex/cat", 0600));  // so the child ends at once
   EXPECT_EQ(detached.pid(), spawn(record_of("/tmp/wex/cat", 812).get()).result);
   EXPECT_EQ(2, find_app(detached.pid()));
+  EXPECT_EQ(1, markers_in(2)) << "the marker of the child that has ended stays";
   detached.kill_now();
   while (waitpid(-1, nullptr, 0) > 0) {
   }
