@@ -45,11 +45,11 @@ bool is_own_set(int id) {
 
 // The file only anchors the key: nothing is written to it, so that a second name of it harms nobody, and one
 // of ours is never replaced, for the programs that raised a count would lose it. With `anew` it is, because
-// somebody else's set lies under its key.
-bool make_key_file(bool anew) {
+// somebody else's set lies under its key. What is no file, or another user's, is always replaced.
+unique_fd make_key_file(bool anew) {
   char aside[kPathSize] = "";
   struct stat facts = {};
-  if (lstat(WEX_SEM_KEY_FILE, &facts) == 0 && (anew || !is_ours(facts.st_uid))) {
+  if (lstat(WEX_SEM_KEY_FILE, &facts) == 0 && (anew || !S_ISREG(facts.st_mode) || !is_ours(facts.st_uid))) {
     wex_move_aside(WEX_SEM_KEY_FILE, aside);
   }
   unique_fd file = wex_open_file(WEX_SEM_KEY_FILE, O_RDONLY);
@@ -62,7 +62,7 @@ bool make_key_file(bool anew) {
   if (aside[0] != '\0' && S_ISREG(facts.st_mode) && facts.st_size == 0) {
     wex_unlink(aside);  // not before, or the new file could get its number, of which the key is made
   }
-  return file.valid();
+  return file;
 }
 
 int set_up(int32_t id) {
@@ -96,8 +96,10 @@ int32_t own_set(int32_t found) {
 }  // namespace
 
 int wex_sem_init(void) {
+  unique_fd tried[kSemKeyTries];  // open, so that none of their numbers, and with it a key, comes again
   for (int attempt = 0; attempt < kSemKeyTries; ++attempt) {
-    if (!make_key_file(attempt > 0)) {
+    tried[attempt] = make_key_file(attempt > 0);
+    if (!tried[attempt].valid()) {
       return -1;
     }
     const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);

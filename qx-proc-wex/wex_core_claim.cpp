@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "file_lock.h"
@@ -58,22 +59,38 @@ bool runs_our_program(int pid) {
   return known && stat(path, &ours) == 0 && its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
 }
 
-// A command that was carried out beside a running daemon is no start that somebody will miss.
+// A command that was carried out beside a running daemon is no start that somebody will miss. A start that is
+// tried again every few seconds must not push everything else out of the running log: it is refused in one
+// line.
 void refuse_start(int cause, bool after_command) {
+  wex_tell_moved();
   if (cause == EAGAIN) {
     const int holder = lock_holder();
     wex_dbg(WEX_DBG_PUB, "wex is already running\n");
     if (!after_command || !runs_our_program(holder)) {
-      wex_running_log("Start refused: %s is locked by process %d.\r\n", kLockFile, holder);
+      wex_running_log_once("Start refused: %s is locked by process %d.\r\n", kLockFile, holder);
     }
   } else {
-    wex_running_log("Start refused: %s: %s.\r\n", kLockFile, strerror(cause));
+    wex_running_log_once("Start refused: %s: %s.\r\n", kLockFile, strerror(cause));
   }
+}
+
+// Whether the run directory's name is taken by something else. A directory that cannot be opened, for lack of
+// memory perhaps, stays: the daemon that runs has its lock in it.
+bool is_run_dir_blocked() {
+  char name[NAME_MAX + 1];  // without the slash behind it, which would lead to what a link stands for
+  struct stat facts = {};
+  if (open_trusted_dir(AT_FDCWD, kRunDir).valid()) {
+    return false;
+  }
+  const unique_fd parent = open_trusted_parent(kRunDir, name);
+  return parent.valid() && fstatat(parent.get(), name, &facts, AT_SYMLINK_NOFOLLOW) == 0 &&
+         !S_ISDIR(facts.st_mode);
 }
 
 // Clears what keeps the lock file from being opened. False when nothing can be done.
 bool clear_way_to_lock() {
-  if (!open_trusted_dir(AT_FDCWD, kRunDir).valid()) {
+  if (is_run_dir_blocked()) {
     const bool cleared = wex_make_room(kRunDir);
     wex_make_dir(kRunDir, kOpenDirMode);
     return cleared;

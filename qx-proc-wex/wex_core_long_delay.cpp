@@ -2,15 +2,16 @@
 // than an hour, for every restart of every program waits behind such a one.
 //
 // The control server only leaves a note, for it must not wait for a disk; the delay thread writes. Any user
-// can register as often as he likes, so a program is told once a minute at most, and no more than the notes'
-// number of programs: the running log is small, and what it says about crashes must not be pushed out.
+// can register as often as he likes, under any command line: one line a minute is written for all programs
+// together, and the notes wait for it in the order in which they came. The running log is small, and what it
+// says about crashes must not be pushed out. A program that is noted already has no second note, and while
+// all notes wait, no other program is noted.
 #define WEX_MODULE "wex_core"
 
 #include <pthread.h>
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
@@ -22,15 +23,19 @@
 namespace {
 
 struct note {
-  char program[64];  // its command line, as far as it fits; empty in a note that was never used
+  char program[64];  // the first word of its command line, as far as it fits
   int32_t pid;
   int32_t delay;
-  bool waiting;     // to be told
+};
+
+struct waiting_notes {
+  note notes[kLongDelayNotes];
+  int count;
   bool told;        // once at least, last at:
   int32_t told_at;  // monotonic seconds
 };
 
-note g_notes[kLongDelayNotes];
+waiting_notes g_waiting;
 pthread_mutex_t g_mutex;
 pthread_once_t g_mutex_made = PTHREAD_ONCE_INIT;
 
@@ -38,36 +43,35 @@ void make_mutex() {
   create_priority_mutex(&g_mutex, PTHREAD_MUTEX_NORMAL);
 }
 
-bool rests(const note& entry, int32_t now) {
-  return entry.told && static_cast<int64_t>(now) - entry.told_at < kLongDelayToldSec;
-}
-
-// The program's own note, else one that nobody needs any more; null when there is none.
-note* find_note(const char* program, int32_t now) {
-  note* const own = std::find_if(std::begin(g_notes), std::end(g_notes), [program](const note& entry) {
-    return strcmp(entry.program, program) == 0;
-  });
-  if (own != std::end(g_notes)) {
+// The program's own note, else a new one at the end; null when there is no room.
+note* find_note(const char* program) {
+  note* const end = g_waiting.notes + g_waiting.count;
+  note* const own = std::find_if(
+      g_waiting.notes, end, [program](const note& entry) { return strcmp(entry.program, program) == 0; });
+  if (own != end) {
     return own;
   }
-  note* const unused = std::find_if(std::begin(g_notes), std::end(g_notes), [now](const note& entry) {
-    return !entry.waiting && !rests(entry, now);
-  });
-  return unused == std::end(g_notes) ? nullptr : unused;
+  if (g_waiting.count == kLongDelayNotes) {
+    return nullptr;
+  }
+  ++g_waiting.count;
+  wex_copy_text(end->program, sizeof end->program, program);
+  return end;
 }
 
-// Takes the next note that is to be told now.
-bool take_note(note* out, int32_t now) {
+// Takes the note that has waited longest, if a line may be written now.
+bool take_note(note* out) {
+  const int32_t now = wex_clock_now();
   const mutex_lock hold(g_mutex);
-  note* const due = std::find_if(std::begin(g_notes), std::end(g_notes),
-                                 [now](const note& entry) { return entry.waiting && !rests(entry, now); });
-  if (due == std::end(g_notes)) {
+  if (g_waiting.count == 0 ||
+      (g_waiting.told && static_cast<int64_t>(now) - g_waiting.told_at < kLongDelayToldSec)) {
     return false;
   }
-  due->waiting = false;
-  due->told = true;
-  due->told_at = now;
-  *out = *due;
+  *out = g_waiting.notes[0];
+  std::copy(g_waiting.notes + 1, g_waiting.notes + g_waiting.count, g_waiting.notes);
+  --g_waiting.count;
+  g_waiting.told = true;
+  g_waiting.told_at = now;
   return true;
 }
 
@@ -77,26 +81,19 @@ void wex_note_long_delay(const char* process, int32_t pid, int32_t delay) {
   pthread_once(&g_mutex_made, make_mutex);
   char program[sizeof(note::program)];
   wex_copy_text(program, sizeof program, process);
-  const int32_t now = wex_clock_now();
+  program[strcspn(program, " ")] = '\0';
   const mutex_lock hold(g_mutex);
-  note* const entry = find_note(program, now);
-  if (entry == nullptr) {
-    return;
+  note* const entry = find_note(program);
+  if (entry != nullptr) {
+    entry->pid = pid;
+    entry->delay = delay;
   }
-  if (strcmp(entry->program, program) != 0) {
-    *entry = {};
-    memcpy(entry->program, program, sizeof program);
-  }
-  entry->pid = pid;
-  entry->delay = delay;
-  entry->waiting = true;
 }
 
 void wex_tell_long_delays() {
   pthread_once(&g_mutex_made, make_mutex);
-  const int32_t now = wex_clock_now();
   note entry = {};
-  while (take_note(&entry, now)) {
+  if (take_note(&entry)) {
     wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", entry.pid, entry.delay);
   }
 }

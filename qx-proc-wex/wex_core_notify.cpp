@@ -25,16 +25,17 @@ namespace {
 constexpr char kWatchdog[] = "wex_notifer_run";
 constexpr size_t kThreadNameSize = 32;
 
-// The thread whose process was aborted last, or 0: the next scan serves the hung threads behind it first, for
-// its process may ignore the signal. Known to the watchdog's thread alone.
+// The process that was aborted last, if the last scan aborted one: it may ignore the signal, so the next scan
+// serves the next process, however many hung threads this one has. Known to the watchdog's thread alone.
 int32_t last_served = 0;
+bool turn_passed = false;
 
 // What holds for one whole scan.
 struct scan {
   bool counting;    // silent periods count
   bool abort_sent;  // one process at most is aborted
-  bool behind;      // the walk is past the thread that was served last
-  wex_pid* first;   // the first hung thread on the way there
+  wex_pid* next;    // a hung thread of the process whose turn comes next
+  wex_pid* lowest;  // the same, of the process whose turn comes first of all
 };
 
 // Counter arithmetic: the values came out of a message and may be anything.
@@ -92,7 +93,7 @@ void end_period(wex_pid* thread, const scan& now) WEX_TSA(requires_capability(we
           info[WEX_CUR_NTFY_TIME]);
 }
 
-void abort_hung(wex_pid* thread) {
+void abort_hung(const wex_pid* thread) {
   wex_dbg(WEX_DBG_ALIVE, "ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", thread->notify_info[WEX_NTFY_CNT],
           thread->ppid);
   const char* const slash = strrchr(thread->process, '/');
@@ -108,25 +109,34 @@ void abort_hung(wex_pid* thread) {
                       thread->pid);
 }
 
-// Whether the walk is behind the place of the thread that was served last. That thread may be gone.
-bool is_behind(const wex_pid* thread) {
-  return last_served == 0 || wex_hash_pid(thread->pid) > wex_hash_pid(last_served);
+// The order in which processes take turns: that of the walk over their main threads.
+bool has_earlier_turn(int32_t process, int32_t other) {
+  const auto place = wex_hash_pid(process);
+  const auto other_place = wex_hash_pid(other);
+  return place != other_place ? place < other_place : process < other;
 }
 
-void serve(wex_pid* thread, scan* now) {
+void serve(const wex_pid* thread, scan* now) {
   abort_hung(thread);
   now->abort_sent = true;
-  last_served = thread->pid;
+  turn_passed = true;
+  last_served = thread->ppid;
 }
 
 void serve_in_turn(wex_pid* thread, scan* now) {
   if (now->abort_sent) {
     return;
   }
-  if (now->behind) {
+  if (!turn_passed) {
     serve(thread, now);
-  } else if (now->first == nullptr) {
-    now->first = thread;
+    return;
+  }
+  if (now->lowest == nullptr || has_earlier_turn(thread->ppid, now->lowest->ppid)) {
+    now->lowest = thread;
+  }
+  if (has_earlier_turn(last_served, thread->ppid) &&
+      (now->next == nullptr || has_earlier_turn(thread->ppid, now->next->ppid))) {
+    now->next = thread;
   }
 }
 
@@ -150,21 +160,17 @@ void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_c
   }
 }
 
-// The walk itself, with the lock held. Behind the last hung thread it is the first one's turn again.
+// The walk itself, with the lock held. Behind the last process it is the first one's turn again.
 void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
   record_walk walk(wex_alive_chains);
   while (wex_pid* const thread = walk.next()) {
-    const int32_t tid = thread->pid;
-    now->behind = now->behind || is_behind(thread);
     look_at(thread, now);  // may free it
-    now->behind = now->behind || tid == last_served;
   }
-  if (!now->abort_sent && now->first != nullptr) {
-    serve(now->first, now);
+  const wex_pid* const due = now->next != nullptr ? now->next : now->lowest;
+  if (due != nullptr) {
+    serve(due, now);
   }
-  if (!now->abort_sent) {
-    last_served = 0;
-  }
+  turn_passed = now->abort_sent;
 }
 
 // Somebody may have removed or cut the table; then no silence can be told from a report that went elsewhere.
@@ -212,7 +218,7 @@ void wex_scan_alive_chains() {
   const bool paused = access(kKillDebug, F_OK) == 0;
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
-  scan now = {!paused && quiet && table_intact, false, false, nullptr};
+  scan now = {!paused && quiet && table_intact, false, nullptr, nullptr};
   {
     chain_lock hold(wex_alive_chains);
     look_at_all(&now);

@@ -325,25 +325,25 @@ struct binding {
 void bind_listener(binding* task) {
   sockaddr_un address;
   const socklen_t length = wex_control_address(kControlSocket, &address);
-  if (wex_unlink(kControlSocket) != 0 && errno != ENOENT && wex_make_room(kControlSocket)) {
-    wex_tell_moved();
-  }
   task->error = bind(task->sd, reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
-  if (task->error == 0) {
-    struct stat node = {};
-    if (lstat(kControlSocket, &node) != 0) {
-      node.st_ino = ~ino_t{0};  // gone already: whatever comes there is not ours
-    }
-    wex_note_place(WEX_PLACE_SOCKET, node);
-    if (S_ISSOCK(node.st_mode) && (node.st_mode & kSocketMode) != kSocketMode) {
-      wex_running_log("%s could not be opened to all: %s. Clients of other users are turned away.\r\n",
-                      kControlSocket, strerror(task->unshared));
-    }
+}
+
+// Remembers which node is ours, and says when its mode is too narrow.
+void look_at_node(int unshared) {
+  struct stat node = {};
+  if (lstat(kControlSocket, &node) != 0) {
+    node.st_ino = ~ino_t{0};  // gone already: whatever comes there is not ours
+  }
+  wex_note_place(WEX_PLACE_SOCKET, node);
+  if (S_ISSOCK(node.st_mode) && (node.st_mode & kSocketMode) != kSocketMode) {
+    wex_running_log("%s could not be opened to all: %s. Clients of other users are turned away.\r\n",
+                    kControlSocket, strerror(unshared));
   }
 }
 
 // A thread that binds and ends. The node is born with its mode, by a umask that is this thread's alone:
-// another thread may be making a file now, and a program started later keeps the umask of the daemon.
+// another thread may be making a file now, and a program started later keeps the umask of the daemon. Nothing
+// else is made here, or it would be open to all, too.
 void* bind_open_to_all(void* task) {
   auto* const own = static_cast<binding*>(task);
   if (unshare(CLONE_FS) == 0) {
@@ -356,11 +356,11 @@ void* bind_open_to_all(void* task) {
 }
 
 // The mode is never set by the node's name: everybody may write to the directory, and whoever puts a link in
-// the node's place would have root open the link's target to all. Nor by this thread's own umask: its working
-// directory would be unshared with it, and that one is the whole daemon's. Without a thread, or without a
-// umask of its own for it, the starter's umask narrows the mode: clients of other users may then be turned
-// away, which harms nobody's files.
+// the node's place would have root open the link's target to all. Without a thread, or without a umask of its
+// own for it, the starter's umask narrows the mode: clients of other users may then be turned away, which
+// harms nobody's files.
 int bind_control_socket(int sd) {
+  const bool moved = wex_unlink(kControlSocket) != 0 && errno != ENOENT && wex_make_room(kControlSocket);
   binding task = {sd, 0, 0};
   pthread_t binder;
   task.unshared = pthread_create(&binder, nullptr, bind_open_to_all, &task);
@@ -368,6 +368,12 @@ int bind_control_socket(int sd) {
     pthread_join(binder, nullptr);
   } else {
     bind_listener(&task);
+  }
+  if (task.error == 0) {
+    look_at_node(task.unshared);
+  }
+  if (moved) {
+    wex_tell_moved();
   }
   return task.error;
 }

@@ -28,7 +28,7 @@ inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked 
 inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
 inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this is said in the running log
 inline constexpr int kLongDelayNotes = 16;          // of so many programs at a time,
-inline constexpr int32_t kLongDelayToldSec = 60;    // and of each once in this time
+inline constexpr int32_t kLongDelayToldSec = 60;    // one line in this time for all of them
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
@@ -86,9 +86,9 @@ inline constexpr int kPlatformLookMs = 10;          // how often it is looked at
 // What is short for a moment.
 inline constexpr unsigned kMemoryRetrySec = 5;
 inline constexpr unsigned kSemRetrySec = 1;
-inline constexpr int kSemKeyTries = 8;  // keys tried for the system semaphore while others hold their sets
-inline constexpr int kMovedTold = 4;    // names moved aside before the running log can tell
-inline constexpr int kLockTries = 5;    // the lock file may be replaced between open and lock
+inline constexpr int kSemKeyTries = 64;  // keys tried for the system semaphore while others hold their sets
+inline constexpr int kMovedTold = 4;     // names moved aside before the running log can tell
+inline constexpr int kLockTries = 5;     // the lock file may be replaced between open and lock
 
 // Process facts.
 inline constexpr int kLifeTries = 3;

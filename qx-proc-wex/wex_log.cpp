@@ -79,11 +79,13 @@ bool is_empty(int fd) {
   return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
-// Opens a record for one more entry. What is no file at all, or a link that is not followed, makes room.
+// Opens a record for one more entry. What is no file at all, a link that is not followed, or another name of
+// a file that this process keeps locked, makes room.
 unique_fd open_record(const char* path) {
   unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
   char aside[kPathSize];
-  if (!file.valid() && (errno == EISDIR || errno == ENXIO || errno == ELOOP) && wex_clear_name(path, aside)) {
+  const bool in_the_way = errno == EISDIR || errno == ENXIO || errno == ELOOP || errno == EBUSY;
+  if (!file.valid() && in_the_way && wex_clear_name(path, aside)) {
     file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
   }
   return file;
@@ -193,6 +195,11 @@ const char* choose_running_file() {
   return older;
 }
 
+bool is_older(const struct stat& a, const struct stat& b) {
+  return a.st_mtim.tv_sec != b.st_mtim.tv_sec ? a.st_mtim.tv_sec < b.st_mtim.tv_sec
+                                              : a.st_mtim.tv_nsec < b.st_mtim.tv_nsec;
+}
+
 // "2026/01/31 23:59:58: " and the message. Its length.
 size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* message) {
   char stamp[kStampSize] = {};
@@ -206,7 +213,7 @@ size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* mes
   return strlen(entry);
 }
 
-// The disk may take seconds: the others write on meanwhile, those at real-time priority first of all.
+// A sync may take seconds, so it comes when the mutex is free again: nobody waits for another one's sync.
 void append_running_entry(const char* message) {
   const char* path;
   written_entry written;
@@ -221,6 +228,21 @@ void append_running_entry(const char* message) {
     written = append(path, entry, length);
   }
   sync_entry(path, written);
+}
+
+// Whether the running log that was written last ends with this message, whatever the time before it.
+bool ends_running_log(const char* message) {
+  struct stat first = {};
+  struct stat second = {};
+  const bool one = stat(kRunningLog1, &first) == 0;
+  const bool two = stat(kRunningLog2, &second) == 0;
+  const bool second_newer = two && (!one || is_older(first, second));
+  const unique_fd log = wex_open_file(second_newer ? kRunningLog2 : kRunningLog1, O_RDONLY);
+  const size_t length = strlen(message);
+  char end[kMessageSize];
+  return log.valid() && lseek(log.get(), -static_cast<off_t>(length), SEEK_END) >= 0 &&
+         safe_read(log.get(), end, length) == static_cast<int32_t>(length) &&
+         memcmp(end, message, length) == 0;
 }
 
 // ---- The hang ring ----------------------------------------------------------------------------------------
@@ -284,6 +306,18 @@ void wex_running_log(const char* format, ...) {
   va_end(arguments);
   wex_dbg(WEX_DBG_PUB, "%s", message);
   append_running_entry(message);
+}
+
+void wex_running_log_once(const char* format, ...) {
+  char message[kMessageSize] = {};
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(message, sizeof(message), format, arguments);
+  va_end(arguments);
+  wex_dbg(WEX_DBG_PUB, "%s", message);
+  if (!ends_running_log(message)) {
+    append_running_entry(message);
+  }
 }
 
 int wex_openlog(const char* path) {
@@ -391,13 +425,13 @@ void wex_reboot(const char* reason, const char* detail) {
     return;
   }
   wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
-  log_reboot(reason, detail != nullptr ? detail : "");
   safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
   if (detail != nullptr) {
     wex_log_record_reboot_info(kRebootLog, "%s%s\n", reason, detail);
   } else {
     wex_log_record_reboot_info(kRebootLog, "%s", reason);
   }
+  log_reboot(reason, detail != nullptr ? detail : "");
   safe_sleep(kRebootPauseSec);
   reboot(RB_AUTOBOOT);  // at once and without a sync; a refusal sends the caller on its way
 }

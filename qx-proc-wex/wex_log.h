@@ -10,6 +10,9 @@ extern "C" {
 // One line on the daemon's own life (at most 255 characters), synced. Any thread.
 void wex_running_log(const char* format, ...) WEX_PRINTF(1, 2);
 
+// The same, but the newest running log is left as it is when it ends with this very message.
+void wex_running_log_once(const char* format, ...) WEX_PRINTF(1, 2);
+
 // The event log: open (0, or -1), append, close. Caller holds wex_chains from open to close. Without an open
 // log wex_log does nothing.
 int wex_openlog(const char* path);

@@ -129,7 +129,7 @@ bool wex_clear_name(const char* path, char (&to)[kPathSize]) {
   return parent.valid() && (remove_if_empty(parent.get(), name) || wex_move_aside(path, to));
 }
 
-bool wex_part_names(const char* path, bool keep) {
+bool wex_part_names(const char* path, wex_parting how) {
   entry_name name;
   entry_name free;
   struct stat facts;
@@ -140,10 +140,11 @@ bool wex_part_names(const char* path, bool keep) {
   if (!S_ISREG(facts.st_mode) || facts.st_nlink < 2) {
     return true;  // the other name, or this one, has gone meanwhile
   }
-  if (!keep || facts.st_size == 0) {
+  if (how == wex_parting::unlinked || facts.st_size == 0) {
     return unlinkat(parent.get(), name, 0) == 0;
   }
   const bool ours = facts.st_uid == 0 || facts.st_uid == geteuid();
-  return ours && facts.st_size <= kOwnCopyMax ? replace_by_copy(parent.get(), name, facts)
-                                              : rename_aside(parent.get(), name, free);
+  return how == wex_parting::copied && ours && facts.st_size <= kOwnCopyMax
+             ? replace_by_copy(parent.get(), name, facts)
+             : rename_aside(parent.get(), name, free);
 }

@@ -6,6 +6,7 @@
 
 #include "wex_rpc.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include "mutex_lock.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
+#include "trusted_path.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -216,8 +218,10 @@ bool reach_daemon(int sd, const char* step) {
 bool bind_own_path(int sd, const char* path) {
   sockaddr_un own;
   const socklen_t length = wex_control_address(path, &own);
-  if (unlink(path) == -1 && errno != ENOENT) {
-    rmdir(path);
+  char name[NAME_MAX + 1];
+  const unique_fd parent = open_trusted_parent(path, name);
+  if (parent.valid() && unlinkat(parent.get(), name, 0) == -1 && errno != ENOENT) {
+    unlinkat(parent.get(), name, AT_REMOVEDIR);
   }
   return bind(sd, reinterpret_cast<const sockaddr*>(&own), length) == 0;
 }
@@ -239,7 +243,7 @@ int wex_connect() {
   if (!reach_daemon(sd.get(), __func__)) {
     const int cause = errno;
     if (bound) {
-      unlink(path);
+      wex_unlink(path);
     }
     errno = cause;
     return -1;
@@ -425,7 +429,7 @@ void wex_rm_db_file_by_pid(int32_t pid) {
   if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
     return;  // a name cut short would be somebody else's file
   }
-  const int result = unlink(path);
+  const int result = wex_unlink(path);
   wex_dbg(WEX_DBG_PUB, "%s unlink file %s ret %d\n", __func__, path, result);
 }
 

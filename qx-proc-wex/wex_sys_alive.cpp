@@ -47,8 +47,8 @@ uint8_t initialised;       // written under init_mutex, looked at without it
 int table_fd = -1;         // the daemon's; lives as long as the process
 guarded_copy table_bytes;  // open in the daemon only, before it has threads
 
-// The thread that was mapping the table when another one forked is not in the child: what it held and had
-// half done is as if it had never begun.
+// The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
+// there, and the half-filled handle is cleared: the child maps the table again when it needs it.
 void forget_unfinished_init() {
   init_mutex = PTHREAD_MUTEX_INITIALIZER;
   if (initialised == 0) {

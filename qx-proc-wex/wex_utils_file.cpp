@@ -62,12 +62,20 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
   return file;
 }
 
+// A log is begun anew and its history stays beside it: whoever writes to one must not wait for a copy.
+wex_parting parting_for(int flags) {
+  if ((flags & O_TRUNC) != 0) {
+    return wex_parting::unlinked;
+  }
+  return (flags & O_APPEND) != 0 ? wex_parting::moved : wex_parting::copied;
+}
+
 }  // namespace
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
   unique_fd file = open_checked(path, flags, mode);
   if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0) {
-    const bool parted = wex_part_names(path, (flags & O_TRUNC) == 0);  // the other name keeps the other file
+    const bool parted = wex_part_names(path, parting_for(flags));  // the other name keeps the other file
     errno = EMLINK;
     file = parted ? open_checked(path, flags, mode) : unique_fd();
   }

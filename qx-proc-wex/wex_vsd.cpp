@@ -18,6 +18,7 @@
 #include "raw_dir.h"
 #include "text_number.h"
 #include "text_reader.h"
+#include "trusted_path.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -366,7 +367,7 @@ int show_vsd(void) {
   for (; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
     wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-    dir_walk dir(path);
+    dir_walk dir(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
     if (!dir.valid()) {
       continue;
     }

@@ -17,6 +17,7 @@
 #include "dir_walk.h"
 #include "text_number.h"
 #include "text_reader.h"
+#include "trusted_path.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -131,7 +132,7 @@ void set_cgroups(int32_t vsd) {
     wex_dbg(WEX_DBG_PUB, "%s: chdir fail: %s\n", __func__, strerror(errno));
     return;
   }
-  dir_walk dir(markers);
+  dir_walk dir(open_trusted(AT_FDCWD, ".", O_RDONLY | O_DIRECTORY));  // the name may be a link by now
   if (!dir.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: open dir fail: %s\n", __func__, strerror(errno));
     return;  // and stays there, as after a name that is no process: callers use absolute paths
@@ -170,7 +171,7 @@ largest_process find_largest(int32_t vsd) {
   largest_process largest = {0, 0};
   char markers[kPathSize];
   wex_format(markers, sizeof markers, kMarkerDirFmt, vsd);
-  dir_walk dir(markers);
+  dir_walk dir(open_trusted(AT_FDCWD, markers, O_RDONLY | O_DIRECTORY));
   if (!dir.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: open dir fail: %s\n", "find_max_rss", strerror(errno));
     return {-1, 0};

@@ -19,7 +19,8 @@ extern "C" {
 // Removes what `path` (absolute) names, a directory with all that is in it. 0, or the negated errno of the
 // first failure; a failure inside stops neither the rest nor the directory's own removal. Below `path` no
 // symbolic link is followed and no other file system is entered. A link that `path` itself names is removed,
-// too, unless root put it where nobody else could: then the directory it leads to is emptied.
+// too, unless root put it where nobody else could: then the directory it leads to is emptied, the link stays,
+// and the result is -ENOTDIR.
 // Entries whose path is longer than 255 characters fail with ENAMETOOLONG. Any thread.
 int remove_dir_tree(const char* path);
 }

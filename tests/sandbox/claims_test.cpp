@@ -146,6 +146,35 @@ TEST_F(Claims, OnlyALockThatSomebodyHoldsKeepsItFromStarting) {
   EXPECT_EQ(std::string::npos, read_console().find("already running"));
 }
 
+// A directory that cannot be opened for the moment is not in the way: moving it would let a second daemon
+// run.
+TEST_F(Claims, AShortageAtTheLockLeavesTheRunningDaemonItsDirectory) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  texts words = {"strace", "-qq", "-e", "trace=open,openat", "-o", "/tmp/wex/opens", Daemon::binary()};
+  EXPECT_TRUE(exited_with(run(words), 255));
+  int at_lock = 0;
+  for (const std::string& line : lines_of(read_file("/tmp/wex/opens"))) {
+    ++at_lock;
+    if (line.find("\"wex.pid\"") != std::string::npos) {
+      break;
+    }
+  }
+  ASSERT_GT(at_lock, 2) << read_file("/tmp/wex/opens");
+  const std::string when = ":when=" + std::to_string(at_lock - 2) + ".." + std::to_string(at_lock - 1);
+  words = {"strace",        "-qq", "-o", "/dev/null", "-e", "inject=open,openat:error=ENOMEM" + when,
+           Daemon::binary()};
+  for (int again = 0; again < 3; ++again) {
+    EXPECT_TRUE(exited_with(run(words), 255));
+    EXPECT_EQ(daemon.pid(), lock_holder());
+  }
+  const std::string log = read_file(kRunningLog1);
+  const std::string refusal = ": Start refused: /tmp/wex/wex.pid: Cannot allocate memory.\r\n";
+  ASSERT_NE(std::string::npos, log.find(refusal)) << log;
+  EXPECT_EQ(log.find(refusal), log.rfind(refusal)) << "a start that is tried again and again fills no log";
+  daemon.stop();
+}
+
 TEST_F(Claims, AnotherNameOfItsLockFileDoesNotCostTheLock) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

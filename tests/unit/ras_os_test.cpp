@@ -545,10 +545,32 @@ TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
 }
 
 TEST_F(SystemSem, AKeyFileThatCannotBeOpenedIsSaid) {
-  ASSERT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0755));
-  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Is a directory.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
-  rmdir(WEX_SEM_KEY_FILE);
+  rlimit before = {};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Too many open files.", lines_of([&] {
+              const rlimit none = {0, before.rlim_max};
+              EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+              EXPECT_EQ(-1, wex_sem_init());
+              EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+            }));
+}
+
+TEST_F(SystemSem, WhatIsNoFileAtTheNameOfTheKeyMakesRoom) {
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"a directory", [] { EXPECT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0755)); }},
+      {"a link", [] { EXPECT_EQ(0, symlink("/none", WEX_SEM_KEY_FILE)); }},
+      {"a pipe", [] { EXPECT_EQ(0, mkfifo(WEX_SEM_KEY_FILE, 0666)); }}};
+  for (const auto& [told, make] : rows) {
+    make();
+    EXPECT_EQ(0, wex_sem_init()) << told;
+    struct stat facts = {};
+    EXPECT_EQ(0, lstat(WEX_SEM_KEY_FILE, &facts)) << told;
+    EXPECT_TRUE(S_ISREG(facts.st_mode)) << told;
+    EXPECT_EQ(0, wex_get_semval()) << told;
+    EXPECT_EQ(0, semctl(g_wex_semid, 0, IPC_RMID, nullptr)) << told;
+    g_wex_semid = -1;
+    EXPECT_EQ(0, system("rm -rf /tmp/aside-* /tmp/.wex_semphore_path"));
+  }
 }
 
 TEST_F(SystemSem, EachFailedStepOfCreationIsSaid) {

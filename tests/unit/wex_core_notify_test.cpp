@@ -48,6 +48,13 @@ void expect_abort_at(const figures& by, int scans_a_miss, int last) {
 
 // ---- Counting --------------------------------------------------------------------------------------------
 
+// The process that a scan aborted, as its diagnostics have it; 0 when it was not one exactly.
+int process_aborted_in(const std::string& text) {
+  EXPECT_EQ(1U, occurrences(text, "send SIGABRT")) << "one a minute";
+  const size_t at = text.find("send SIGABRT to ppid (");
+  return at == std::string::npos ? 0 : std::stoi(text.substr(at + strlen("send SIGABRT to ppid (")));
+}
+
 TEST_F(Watchdog, AThreadOf120SecondsIsAbortedAtItsTenthSilentScan) {
   in_child([] { expect_abort_at(kShort, 2, 10); });
 }
@@ -294,7 +301,7 @@ TEST_F(Watchdog, AProcessThatIgnoresTheAbortIsAbortedAndLoggedAtEveryScanUntilIt
   });
 }
 
-// In bucket order, and from the beginning again behind the last; whoever died or reported is left out.
+// The first of the walk first, then in the order of their buckets; whoever died or reported is left out.
 TEST_F(Watchdog, ThreadsOfProcessesThatIgnoreTheAbortTakeTurns) {
   in_child([] {
     std::vector<std::unique_ptr<service>> programs;
@@ -315,12 +322,12 @@ TEST_F(Watchdog, ThreadsOfProcessesThatIgnoreTheAbortTakeTurns) {
         order.push_back(rec->pid);
       }
     }
-    const auto aborted = [&] {
-      const std::string text = daemon.scan();
-      EXPECT_EQ(1U, occurrences(text, "send SIGABRT")) << "one a minute";
-      const size_t at = text.find("send SIGABRT to ppid (");
-      return at == std::string::npos ? 0 : std::stoi(text.substr(at + strlen("send SIGABRT to ppid (")));
-    };
+    const int32_t first = order.front();
+    std::sort(order.begin(), order.end(), [](int32_t a, int32_t b) {
+      return std::make_pair(wex_hash_pid(a), a) < std::make_pair(wex_hash_pid(b), b);
+    });
+    std::rotate(order.begin(), std::find(order.begin(), order.end(), first), order.end());
+    const auto aborted = [&] { return process_aborted_in(daemon.scan()); };
     for (const int32_t next : order) {
       EXPECT_EQ(next, aborted());
       if (next == mortal->pid()) {
@@ -334,6 +341,29 @@ TEST_F(Watchdog, ThreadsOfProcessesThatIgnoreTheAbortTakeTurns) {
       }
     }
     EXPECT_EQ(10U, hangs_logged());
+  });
+}
+
+// A process with many hung threads must not keep the watchdog from the others.
+TEST_F(Watchdog, ProcessesTakeTurnsHoweverManyOfTheirThreadsHang) {
+  in_child([] {
+    service many(12, true);
+    service one(1, true);
+    service other(1, true);
+    const daemon_side daemon;
+    for (int at = 0; at < 12; ++at) {
+      daemon.start(many, at, {5, 0, 120, 0});
+    }
+    daemon.start(one, 0, {5, 0, 120, 0});
+    daemon.start(other, 0, {5, 0, 120, 0});
+    std::vector<int> turns;
+    for (int scan = 0; scan < 6; ++scan) {
+      turns.push_back(process_aborted_in(daemon.scan()));
+    }
+    for (const int32_t process : {many.pid(), one.pid(), other.pid()}) {
+      EXPECT_EQ(1, std::count(turns.begin(), turns.begin() + 3, process));
+      EXPECT_EQ(1, std::count(turns.begin() + 3, turns.end(), process));
+    }
   });
 }
 

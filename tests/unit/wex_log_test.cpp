@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "failing_calls.h"
+#include "file_lock.h"
+#include "unique_fd.h"
 #include "unit_support.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -218,10 +220,36 @@ TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
 TEST_F(RunningLog, ASecondNameCostsNoEntry) {
   wex_running_log("a\n");
   ASSERT_EQ(0, link(kRunningLog1, (std::string(kRunningLog1) + ".link").c_str()));
+  synced.clear();
   wex_running_log("b\n");
-  EXPECT_EQ(46u, contents(kRunningLog1).size());
+  EXPECT_EQ(23u, contents(kRunningLog1).size());
   EXPECT_EQ(23u, contents(std::string(kRunningLog1) + ".link").size());
-  unlink((std::string(kRunningLog1) + ".link").c_str());
+  EXPECT_EQ(2u, synced.size()) << "nothing is copied while others wait to write";
+  const std::string directory = std::string(kRunningLog1).substr(0, std::string(kRunningLog1).rfind('/'));
+  EXPECT_EQ(0, system(("grep -q 'a$' " + directory + "/aside-*-running_log1").c_str()));
+  EXPECT_EQ(0, system(("rm " + directory + "/aside-* " + kRunningLog1 + ".link").c_str()));
+}
+
+TEST_F(RunningLog, AMessageThatIsSaidOnceIsNotRepeatedAtTheEndOfTheNewestFile) {
+  const auto lines = [](const char* path) {
+    const std::string text = contents(path);
+    size_t found = 0;
+    for (size_t at = 0; (at = text.find(": refused 1\r\n", at)) != std::string::npos; ++at) {
+      ++found;
+    }
+    return found;
+  };
+  for (int again = 0; again < 3; ++again) {
+    wex_running_log_once("refused %d\r\n", 1);
+  }
+  EXPECT_EQ(1u, lines(kRunningLog1));
+  wex_running_log_once("refused %d\r\n", 2);
+  wex_running_log_once("refused %d\r\n", 1);
+  EXPECT_EQ(2u, lines(kRunningLog1));
+  write_file(kRunningLog2, "newer");
+  set_time(kRunningLog1, 1000);
+  wex_running_log_once("refused %d\r\n", 1);
+  EXPECT_EQ(3u, lines(kRunningLog1)) << "the other file was written last";
 }
 
 // A thread at real-time priority must not wait for the disk of one that is not.
@@ -463,11 +491,14 @@ TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
        [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record") + lchown("/data/record", kOtherUser, 0)); },
        ""},
       {"root's link", [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record")); }, ""},
-      {"second name", [] { EXPECT_EQ(0, link("/data/old", "/data/record")); }, "T before\n"},
+      {"second name", [] { EXPECT_EQ(0, link("/data/old", "/data/record")); }, ""},
+      {"a file that we keep locked", [] { EXPECT_EQ(0, link("/data/locked", "/data/record")); }, ""},
   };
   for (const auto& row : rows) {
     write_file("/data/victim", "precious");
     wex_log_record_reboot_info("/data/old", "before");
+    const unique_fd locked(open("/data/locked", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    note_locked_file(locked.get());
     row.make();
     wex_log_record_reboot_info("/data/record", "why");
     EXPECT_EQ(row.kept + std::string("T why\n"), without_times(contents("/data/record"))) << row.told;
@@ -525,6 +556,19 @@ TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSameAndTheRunningLogNamesTheR
   EXPECT_FALSE(exists(kRebootLog));
   EXPECT_NE(std::string::npos, contents(kRunningLog1).find(": Reboot: two lines more\r\n"));
   EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
+}
+
+TEST_F(Reboot, TheRecordIsOnTheDiskBeforeTheRunningLogIsWritten) {
+  make_parents(kRunningLog1);
+  unlink(kRunningLog1);
+  synced.clear();
+  wex_reboot("r", nullptr);
+  const auto place_of = [](const char* path) {
+    return std::find_if(synced.begin(), synced.end(),
+                        [path](const std::string& entry) { return entry.find(path) == 0; });
+  };
+  EXPECT_NE(synced.end(), place_of(kRunningLog1));
+  EXPECT_LT(place_of(kRebootLog), place_of(kRunningLog1));
 }
 
 TEST_F(Reboot, WithoutAReasonNothingHappens) {

@@ -84,19 +84,22 @@ TEST_F(MoveAside, ARecordIsPartedFromItsSecondNameWithoutLosingWhatItHolds) {
     const char* told;
     uid_t owner;
     off_t size;
-    bool keep, copied, aside;
-  } rows[] = {{"ours", 0, 8, true, true, false},
-              {"ours, to be emptied", 0, 8, false, false, false},
-              {"ours and huge", 0, kOwnCopyMax + 1, true, false, true},
-              {"another user's", kOtherUser, 8, true, false, true},
-              {"another user's, to be emptied", kOtherUser, 8, false, false, false},
-              {"empty", kOtherUser, 0, true, false, false}};
+    wex_parting how;
+    bool copied, aside;
+  } rows[] = {{"ours", 0, 8, wex_parting::copied, true, false},
+              {"ours, to be emptied", 0, 8, wex_parting::unlinked, false, false},
+              {"ours, to be begun anew", 0, 8, wex_parting::moved, false, true},
+              {"ours and huge", 0, kOwnCopyMax + 1, wex_parting::copied, false, true},
+              {"another user's", kOtherUser, 8, wex_parting::copied, false, true},
+              {"another user's, to be emptied", kOtherUser, 8, wex_parting::unlinked, false, false},
+              {"empty", kOtherUser, 0, wex_parting::copied, false, false},
+              {"empty, to be begun anew", 0, 0, wex_parting::moved, false, false}};
   for (const auto& row : rows) {
     write_file("/tmp/victim", "precious", 0640);
     ASSERT_EQ(0, truncate("/tmp/victim", row.size));
     ASSERT_EQ(0, chown("/tmp/victim", row.owner, 0));
     ASSERT_EQ(0, link("/tmp/victim", "/tmp/d/x"));
-    EXPECT_TRUE(wex_part_names("/tmp/d/x", row.keep)) << row.told;
+    EXPECT_TRUE(wex_part_names("/tmp/d/x", row.how)) << row.told;
     EXPECT_EQ(row.copied, contents("/tmp/d/x") == "precious") << row.told;
     EXPECT_EQ(row.copied, exists("/tmp/d/x")) << row.told;
     EXPECT_TRUE(!row.copied || mode_of("/tmp/d/x") == 0640) << row.told << ": no more people may read it";
@@ -114,7 +117,7 @@ TEST_F(MoveAside, ACopyThatCannotBeWrittenLeavesEverythingAsItWas) {
   write_file("/tmp/d/x", "record");
   ASSERT_EQ(0, link("/tmp/d/x", "/tmp/d/other"));
   const ino_t number = number_of("/tmp/d/x");
-  EXPECT_FALSE(wex_part_names("/tmp/d/x", true));
+  EXPECT_FALSE(wex_part_names("/tmp/d/x", wex_parting::copied));
   EXPECT_EQ(number, number_of("/tmp/d/x"));
   EXPECT_EQ("", moved());
   EXPECT_EQ(0, umount("/tmp/d"));

@@ -9,6 +9,7 @@
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
@@ -20,6 +21,8 @@ namespace {
 // Of the looks at a process.
 injection g_open;
 injection g_readlink;
+
+int32_t g_clock_ahead_sec = 0;
 
 bool is_in_proc(const char* path) {
   return strncmp(path, "/proc/", 6) == 0;
@@ -39,6 +42,11 @@ ssize_t __real_readlink(const char* path, char* buffer, size_t size);
 ssize_t __wrap_readlink(const char* path, char* buffer, size_t size);
 ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
   return is_in_proc(path) && g_readlink.now() ? -1 : __real_readlink(path, buffer, size);
+}
+int32_t __real_wex_clock_now(void);
+int32_t __wrap_wex_clock_now(void);
+int32_t __wrap_wex_clock_now(void) {
+  return __real_wex_clock_now() + g_clock_ahead_sec;
 }
 }
 
@@ -278,6 +286,25 @@ TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
   EXPECT_EQ(1U,
             occurrences(log, text_of("Process %d wants its restarts delayed by 3601 s.\r\n", patient.pid())));
   EXPECT_EQ(0U, occurrences(log, text_of("Process %d ", quick.pid())));
+}
+
+// Whatever command lines a user chooses, one line a minute is written.
+TEST_F(Registry, LongDelaysOfManyProgramsAreToldInOneLineAMinute) {
+  for (int at = 0; at < kLongDelayNotes + 4; ++at) {
+    wex_note_long_delay(text_of("/bin/p%d x", at % 2 == 0 ? at : 1).c_str(), 1000 + at, 7200);
+  }
+  for (int minute = 1; minute <= 3; ++minute) {
+    wex_tell_long_delays();
+    wex_tell_long_delays();
+    const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
+    EXPECT_EQ(static_cast<size_t>(minute), occurrences(log, " wants its restarts delayed by 7200 s.\r\n"))
+        << log;
+    g_clock_ahead_sec += 60;
+  }
+  const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
+  EXPECT_LT(log.find("Process 1000 "), log.find("Process 1019 "))
+      << "the note of program p1 has its last pid";
+  EXPECT_LT(log.find("Process 1019 "), log.find("Process 1002 "));
 }
 
 TEST_F(Registry, ALivingProcessReplacesTheDeadRecordOfItsProgram) {
