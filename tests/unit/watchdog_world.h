@@ -130,7 +130,7 @@ class service {
   }
 
  private:
-  static constexpr int kSlots = 4;
+  static constexpr int kSlots = 12;
   static constexpr int kRunning = -1;
   struct slot {
     sem_t order, done;
