@@ -35,7 +35,6 @@ constexpr uint32_t kProcessGroup = 1;  // CN_IDX_PROC, also the multicast group
 constexpr uint32_t kProcessValue = 1;  // CN_VAL_PROC
 constexpr uint32_t kListen = 1;        // PROC_CN_MCAST_LISTEN
 constexpr size_t kDatagramMax = 1024;
-constexpr size_t kTypeSize = 1024;
 
 // Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
 // time stamp, so fields are copied out one by one.

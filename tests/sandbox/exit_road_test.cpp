@@ -110,6 +110,9 @@ TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
   service.send(SIGTERM);
   service.wait();
   ASSERT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
+  EXPECT_TRUE(eventually(
+      [] { return count_in(read_file(kRunningLog1), "No domain is taken down any more") > 0; }, 20s))
+      << "the delay thread looks once a second";
   const std::string log = read_file(kRunningLog1);
   EXPECT_EQ(1u, count_in(log, "/tmp/vsd/5/delete_vsd exists, exited processes are not restarted.\r\n"))
       << log;

@@ -579,16 +579,17 @@ TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
   }
 }
 
+// The second wait of each thread fails: now and then the fork watcher comes to its own first.
 TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
-  Daemon daemon;
-  ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));
-  EXPECT_TRUE(daemon.wait(15s).has_value()) << read_console();
-  const std::string log = running_log();
-  EXPECT_NE(
-      std::string::npos,
-      log.find(
-          "Thread \"wex_process_netlink\" exit, wex will be restart. res=-5, Cannot allocate memory(12)\r\n"))
-      << log;
+  const std::string line =
+      "Thread \"wex_process_netlink\" exit, wex will be restart. res=-5, Cannot allocate memory(12)\r\n";
+  for (int tries = 0; tries < 10 && running_log().find(line) == std::string::npos; ++tries) {
+    mark_console();
+    Daemon daemon;
+    ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));
+    EXPECT_TRUE(daemon.wait(15s).has_value()) << read_console();
+  }
+  EXPECT_NE(std::string::npos, running_log().find(line)) << running_log();
   EXPECT_TRUE(console_says("]wex_process_netlink: select sk_nl fail: Cannot allocate memory\n"));
 }
 
