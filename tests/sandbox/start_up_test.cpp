@@ -579,6 +579,25 @@ TEST_F(StartUp, AMonitorThatCannotWorkTellsWhyAndEndsTheDaemon) {
   }
 }
 
+// Whatever a thread still does must be done before the registry is destroyed and the last line written.
+TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=prctl,write,exit,sendto", "inject=exit:delay_enter=500000",
+                                   "inject=sendto:error=ECONNREFUSED"}));  // the monitor subscribes in vain
+  EXPECT_TRUE(exited_with(daemon.wait(30s), 0)) << read_console();
+  const std::string trace = Daemon::trace();
+  const size_t last_line = trace.find("Exit.\\r\\n\"");
+  ASSERT_NE(std::string::npos, last_line) << trace;
+  for (const char* const name : {"wex_thread_noti", "wex_process_dom", "wex_process_net"}) {
+    std::smatch thread;
+    ASSERT_TRUE(
+        std::regex_search(trace, thread, std::regex("([0-9]+) +prctl\\(PR_SET_NAME, \"" + std::string(name))))
+        << name << "\n"
+        << trace;
+    EXPECT_LT(trace.find(thread[1].str() + " +++ exited with 0 +++"), last_line) << name << "\n" << trace;
+  }
+}
+
 // The second wait of each thread fails: now and then the fork watcher comes to its own first.
 TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
   const std::string line =

@@ -36,6 +36,7 @@ std::string of_size(off_t size) {
 }
 
 std::vector<std::string> synced;  // what was written to the disk, with the size it had, in order
+std::mutex synced_guard;          // entries are synced outside of the log's own lock
 
 void set_time(const char* path, time_t when) {
   const utimbuf times = {when, when};
@@ -97,6 +98,7 @@ extern "C" int __wrap_fsync(int fd) {
   struct stat status = {};
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
   if (readlink(link.c_str(), path, sizeof path - 1) > 0 && fstat(fd, &status) == 0) {
+    const std::lock_guard<std::mutex> hold(synced_guard);
     synced.push_back(S_ISDIR(status.st_mode) ? path
                                              : std::string(path) + " " + std::to_string(status.st_size));
   }
