@@ -43,7 +43,13 @@ endif()
 
 # The shipped binaries need libc only.
 add_library(wex_product_link INTERFACE)
-target_link_options(wex_product_link INTERFACE LINKER:--gc-sections LINKER:--as-needed LINKER:-z,relro LINKER:-z,now)
+target_link_options(wex_product_link INTERFACE LINKER:--gc-sections LINKER:--as-needed LINKER:-z,now)
+# On MIPS relro would protect some 300 bytes, and costs up to 64 KiB of padding in each file.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
+  target_link_options(wex_product_link INTERFACE LINKER:-z,norelro)
+else()
+  target_link_options(wex_product_link INTERFACE LINKER:-z,relro)
+endif()
 if(NOT WEX_SANITIZE)
   target_link_options(wex_product_link INTERFACE -static-libstdc++ -static-libgcc LINKER:--no-undefined)
 endif()
