@@ -201,6 +201,59 @@ TEST_F(BadLuck, AStoppedDaemonLosesNobody) {
   printf("\n20 deaths while the daemon was stopped: all back %ld ms after it went on\n", since_ms(begin));
 }
 
+// Clients that send the next valid message as soon as the last one is acknowledged, until it goes out of
+// scope.
+class busy_clients {
+ public:
+  busy_clients(size_t count, pid_t registered) {
+    for (size_t at = 0; at < count; ++at) {
+      clients_.push_back(std::make_unique<raw_client>());
+      EXPECT_TRUE(clients_.back()->connected());
+    }
+    crowd_ = std::thread([this, registered] {
+      for (const auto& client : clients_) {
+        client->send_body(WEX_RESTART, body_of(registered));
+      }
+      while (!stop_) {
+        for (const auto& client : clients_) {
+          if (client->next(nullptr, 0ms) > 0) {
+            client->send_body(WEX_RESTART, body_of(registered));
+          }
+        }
+      }
+    });
+  }
+  ~busy_clients() {
+    stop_ = true;
+    crowd_.join();
+  }
+  busy_clients(const busy_clients&) = delete;
+  busy_clients& operator=(const busy_clients&) = delete;
+
+ private:
+  std::vector<std::unique_ptr<raw_client>> clients_;
+  std::atomic<bool> stop_{false};
+  std::thread crowd_;
+};
+
+TEST_F(BadLuck, BusyClientsMakeNobodyWaitForLong) {
+  start();
+  start_services(1);
+  for (const size_t count : {200, 1000}) {
+    const busy_clients crowd(count, pids[0]);
+    std::vector<long> waits;
+    for (int round = 0; round < 15; ++round) {
+      const clock::time_point begin = clock::now();
+      EXPECT_TRUE(serves());
+      waits.push_back(since_ms(begin));
+    }
+    std::sort(waits.begin(), waits.end());
+    EXPECT_GT(5000, waits.back());
+    printf("\nbeside %zu busy clients: a newcomer waits %ld ms, %ld at most\n", count,
+           waits[waits.size() / 2], waits.back());
+  }
+}
+
 // Small file systems in the place of those that wex writes to, as long as it lives.
 class small_file_systems {
  public:
