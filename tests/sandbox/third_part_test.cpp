@@ -493,7 +493,7 @@ TEST_F(ThirdPart, AProgramOfSeveralWordsIsFoundAgainByItsWholeCommandLine) {
   ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
   const pid_t first = by_hand_.pid();
   end_by_hand();
-  const pid_t second = wait_for(command, first);
+  const pid_t second = wait_for(command, first, 30s);
   ASSERT_NE(0, second);
   EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
   EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }));
