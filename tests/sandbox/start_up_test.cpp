@@ -594,7 +594,11 @@ TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
         std::regex_search(trace, thread, std::regex("([0-9]+) +prctl\\(PR_SET_NAME, \"" + std::string(name))))
         << name << "\n"
         << trace;
-    EXPECT_LT(trace.find(thread[1].str() + " +++ exited with 0 +++"), last_line) << name << "\n" << trace;
+    std::smatch end;  // numbers are padded to five characters
+    ASSERT_TRUE(std::regex_search(trace, end, std::regex(thread[1].str() + " +\\+\\+\\+ exited with 0")))
+        << name << "\n"
+        << trace;
+    EXPECT_LT(static_cast<size_t>(end.position()), last_line) << name << "\n" << trace;
   }
 }
 
