@@ -11,7 +11,10 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "text_block.h"
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"

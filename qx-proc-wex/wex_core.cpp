@@ -16,8 +16,12 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "ras_os_sem.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_dbg.h"

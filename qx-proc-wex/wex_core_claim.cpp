@@ -14,6 +14,8 @@
 #include <cstring>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"

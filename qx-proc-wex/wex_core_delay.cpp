@@ -15,8 +15,10 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_clock.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"

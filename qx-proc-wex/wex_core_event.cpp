@@ -10,9 +10,14 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_clock.h"
 #include "wex_core.h"
+#include "wex_core_netlink.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"

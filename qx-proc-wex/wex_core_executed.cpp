@@ -11,12 +11,12 @@
 #include "dir_walk.h"
 #include "text_number.h"
 #include "wex_chain.h"
+#include "wex_chain_list.h"
 #include "wex_core.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 

@@ -8,6 +8,7 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_chain.h"
 #include "wex_core.h"

@@ -15,10 +15,11 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "text_buffer.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_limits.h"
 #include "wex_log.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -18,6 +18,7 @@
 #include "ras_os.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_core_event.h"
 #include "wex_dbg.h"
@@ -25,7 +26,6 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
-#include "wex_utils.h"
 
 namespace {
 

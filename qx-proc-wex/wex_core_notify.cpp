@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"

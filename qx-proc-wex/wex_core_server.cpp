@@ -18,6 +18,7 @@
 #include <iterator>
 #include <utility>
 
+#include "guarded_file.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
@@ -28,7 +29,6 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
-#include "wex_utils.h"
 
 namespace {
 

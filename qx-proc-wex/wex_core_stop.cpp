@@ -10,11 +10,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "guarded_file.h"
 #include "ras_os.h"
+#include "safe_io.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_core.h"

@@ -17,26 +17,32 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "ras_os.h"
 #include "raw_dir.h"
+#include "safe_io.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_list.h"
 #include "wex_child.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
-#include "wex_list.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_signals.h"
 #include "wex_utils.h"
+#include "wex_utils_settings.h"
 #include "wex_vsd.h"
 
 namespace {
@@ -620,13 +626,6 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
   const char* const blank = strrchr(line, ' ');
   wex_copy_text(word, size, blank != nullptr ? blank + 1 : line);
   return 1;
-}
-
-void rtrim(char* text) {
-  size_t length = strlen(text);
-  while (length > 0 && (text[length - 1] == ' ' || text[length - 1] == '\t')) {
-    text[--length] = '\0';
-  }
 }
 
 int wex_set_priority(int priority) {

@@ -28,9 +28,6 @@ int wex_proc_to_pid(char* command, int32_t* out_pid, int tries);
 // 1 when a line of `list_path` contains `command` (its last word goes to `word`), else 0.
 int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size);
 
-// Removes trailing blanks and tabs in place.
-void rtrim(char* text);
-
 // Scheduling of the calling thread: SCHED_FIFO at `priority`, or normal time-sharing. 0, or -1.
 int wex_set_priority(int priority);
 int wex_reset_priority(void);

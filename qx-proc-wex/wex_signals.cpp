@@ -20,6 +20,7 @@
 #include "chain_lock.h"
 #include "priority_mutex.h"
 #include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
@@ -28,6 +29,7 @@
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_utils.h"
+#include "wex_utils_settings.h"
 
 namespace {
 

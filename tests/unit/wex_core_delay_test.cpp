@@ -25,6 +25,7 @@
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_limits.h"

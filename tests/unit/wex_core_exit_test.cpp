@@ -2,9 +2,11 @@
 #include "failing_calls.h"
 #include "parked_world.h"
 #include "registry_files.h"
+#include "text_buffer.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_signals.h"
+#include "wex_utils.h"
 
 using namespace parked;
 

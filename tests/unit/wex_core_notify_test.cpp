@@ -4,6 +4,7 @@
 #include "failing_calls.h"
 
 #include "watchdog_world.h"
+#include "wex_core.h"
 
 using namespace watchdog;
 

@@ -2,6 +2,7 @@
 #include "wex_signals.h"
 
 #include "parked_world.h"
+#include "wex_proc.h"
 
 using namespace parked;
 
