@@ -18,6 +18,7 @@
 #include "ras_os.h"
 #include "safe_io.h"
 #include "unique_fd.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"

@@ -13,6 +13,8 @@
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"

@@ -1,7 +1,7 @@
 // wex_core_stop: the stop flag and the descriptor that wakes whoever waits when it is raised. A daemon that
 // has lost a thread must end at once: it still holds the lock that keeps its successor from starting.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_stop.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "mutex_lock.h"
 #include "close_on_exec.h"
+#include "mutex_lock.h"
 
 namespace {
 

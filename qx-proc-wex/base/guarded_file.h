@@ -1,4 +1,5 @@
-// guarded_file: files and directories that others may have planted, found along trusted links only. Any thread.
+// guarded_file: files and directories that others may have planted, found along trusted links only. Any
+// thread.
 #pragma once
 
 #include <sys/types.h>

@@ -9,8 +9,8 @@
 
 #include "parked_world.h"
 #include "waiting.h"
-#include "wex_core.h"
 #include "wex_core_netlink.h"
+#include "wex_core_upkeep.h"
 #include "wex_utils.h"
 
 using namespace parked;

@@ -5,6 +5,7 @@
 
 #include "watchdog_world.h"
 #include "wex_core.h"
+#include "wex_core_stop.h"
 
 using namespace watchdog;
 

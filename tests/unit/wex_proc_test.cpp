@@ -30,10 +30,11 @@
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_clock.h"
-#include "wex_core.h"
+#include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
+#include "wex_proc_marker.h"
 #include "wex_test.h"
 
 namespace {
