@@ -1,0 +1,88 @@
+// What the tests of wexrun share: starting it, and who is supervised after that.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "unique_fd.h"
+#include "wex_paths.h"
+#include "wex_test.h"
+
+namespace wexrun_test {
+
+using namespace wex_test;
+using words = std::vector<std::string>;
+
+inline constexpr char kBinary[] = WEX_BUILD_DIR "/run/wexrun";
+inline constexpr char kNotifier[] = WEX_BUILD_DIR "/tests/harness/notifier";
+inline constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
+inline constexpr char kFacts[] = "/tmp/wexrun-facts";
+
+inline words operator+(words left, const words& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+inline std::string joined(const words& list) {
+  std::string text;
+  for (const std::string& word : list) {
+    text += (text.empty() ? "" : " ") + word;
+  }
+  return text;
+}
+inline words wexrun(const words& options, const words& program) {
+  return words{kBinary} + options + words{"--"} + program;
+}
+
+inline std::string text(pid_t pid) {
+  return std::to_string(pid);
+}
+inline words db_files() {
+  return list_dir(kDbDir);
+}
+inline bool only_registered(pid_t pid) {
+  return db_files() == words{"wexrun." + text(pid)};
+}
+// Who holds the lock of the database file; 0 when nobody does.
+inline pid_t lock_holder(pid_t pid) {
+  const std::string path = std::string(kDbDir) + "/wexrun." + text(pid);
+  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  return file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK ? whole.l_pid : 0;
+}
+
+// The one process with this command line other than `not_this`; 0 when there is none in time.
+inline pid_t wait_for_command(const words& command, pid_t not_this = 0, milliseconds limit = 20s) {
+  pid_t found = 0;
+  eventually(
+      [&] {
+        const std::vector<pid_t> pids = pids_with_command(joined(command));
+        found = pids.size() == 1 && pids[0] != not_this ? pids[0] : 0;
+        return found != 0;
+      },
+      limit);
+  return found;
+}
+
+inline bool is_registered_with_us(const std::string& line) {
+  return console_says(line, 20s);
+}
+
+// Ends whoever is left of a command, for those that are no actors.
+inline void end_all(const words& command) {
+  eventually([&] {
+    const std::vector<pid_t> pids = pids_with_command(joined(command));
+    for (const pid_t pid : pids) {
+      send_signal(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+    return pids.empty();
+  });
+}
+
+}  // namespace wexrun_test
