@@ -30,12 +30,10 @@ constexpr char kUsage[] =
     "  --notify                stay as its parent, take its notifications, report its life to wex\n"
     "  --help, --version\n";
 
-constexpr option kOptions[] = {{"delay", required_argument, nullptr, 'd'},
-                               {"shell-restart", required_argument, nullptr, 's'},
-                               {"notify", no_argument, nullptr, 'n'},
-                               {"help", no_argument, nullptr, 'h'},
-                               {"version", no_argument, nullptr, 'v'},
-                               {nullptr, 0, nullptr, 0}};
+constexpr option kOptions[] = {
+    {"delay", required_argument, nullptr, 'd'}, {"shell-restart", required_argument, nullptr, 's'},
+    {"notify", no_argument, nullptr, 'n'},      {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},     {nullptr, 0, nullptr, 0}};
 
 bool read_delay(const char* text, int32_t* seconds) {
   const char* at = text;

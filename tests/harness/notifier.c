@@ -1,7 +1,8 @@
 /* A program that tells how it is through the real libsystemd. It knows nothing of wex.
  *
- * notifier FILE: writes what it was given to FILE, says that it is ready, and gives a sign of life ten times a second.
- * SIGUSR1: it falls silent; SIGUSR2: it ends with status 9; SIGTERM: as a program that does not catch it. */
+ * notifier FILE: writes what it was given to FILE, says that it is ready, and gives a sign of life ten times
+ * a second. SIGUSR1: it falls silent; SIGUSR2: it ends with status 9; SIGTERM: as a program that does not
+ * catch it. */
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -22,10 +23,10 @@ static void end(int number) {
   over = 1;
 }
 
-static void tell_what_was_given(const char *path) {
+static void tell_what_was_given(const char* path) {
   uint64_t period = 0;
   int watched = sd_watchdog_enabled(0, &period);
-  FILE *file = fopen(path, "we");
+  FILE* file = fopen(path, "we");
 
   if (file == NULL || fprintf(file, "%d %d %llu\n", (int)getpid(), watched, (unsigned long long)period) < 0 ||
       fclose(file) != 0) {
@@ -33,7 +34,7 @@ static void tell_what_was_given(const char *path) {
   }
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   const struct timespec pause = {0, 100000000};
 
   if (argc != 2 || signal(SIGUSR1, fall_silent) == SIG_ERR || signal(SIGUSR2, end) == SIG_ERR) {

@@ -69,10 +69,6 @@ inline pid_t wait_for_command(const words& command, pid_t not_this = 0, millisec
   return found;
 }
 
-inline bool is_registered_with_us(const std::string& line) {
-  return console_says(line, 20s);
-}
-
 // Ends whoever is left of a command, for those that are no actors.
 inline void end_all(const words& command) {
   eventually([&] {
