@@ -46,7 +46,6 @@ class minder final : public notification_reader {
  private:
   void apply(const char* name, const char* value) noexcept;
   void apply_watchdog(const char* value) noexcept;
-  void log(const char* what, const char* text) noexcept;
   void log_status(const char* text) noexcept;
   void hand_on(const signalfd_siginfo& info) noexcept;
   void abort_program() noexcept;
@@ -166,10 +165,6 @@ int minder::wait() noexcept {
 
 // ---- Notifications ----------------------------------------------------------------------------------------
 
-void minder::log(const char* what, const char* text) noexcept {
-  qx_syslog(LOG_NOTICE, "%s/%d %s%s", name_, static_cast<int>(child_), what, text);
-}
-
 // Programs repeat their status with every sign of life; only a new one is worth a line.
 void minder::log_status(const char* text) noexcept {
   char shown[sizeof last_status_];
@@ -180,7 +175,7 @@ void minder::log_status(const char* text) noexcept {
   }
   if (strcmp(shown, last_status_) != 0) {
     memcpy(last_status_, shown, sizeof shown);
-    log("says: ", shown);
+    qx_syslog(LOG_NOTICE, "%s/%d says: %s", name_, child_, shown);
   }
 }
 
@@ -188,7 +183,7 @@ void minder::apply_watchdog(const char* value) noexcept {
   if (strcmp(value, "1") == 0) {
     heart_.beat();
   } else if (strcmp(value, "trigger") == 0) {
-    log("asks to be aborted", "");
+    qx_syslog(LOG_NOTICE, "%s/%d asks to be aborted", name_, child_);
     abort_program();
   }
 }
@@ -201,22 +196,23 @@ void minder::apply(const char* name, const char* value) noexcept {
   } else if (strcmp(name, "STATUS") == 0) {
     log_status(value);
   } else if (strcmp(name, "ERRNO") == 0) {
-    log("failed: ", strerror(atoi(value)));
+    qx_syslog(LOG_NOTICE, "%s/%d failed: %s", name_, child_, strerror(atoi(value)));
   } else if (strcmp(name, "READY") == 0 && strcmp(value, "1") == 0) {
-    log("is ready", "");
+    qx_syslog(LOG_NOTICE, "%s/%d is ready", name_, child_);
   } else if (strcmp(name, "STOPPING") == 0 && strcmp(value, "1") == 0) {
-    log("is stopping", "");
+    qx_syslog(LOG_NOTICE, "%s/%d is stopping", name_, child_);
   } else if (strcmp(name, "WATCHDOG_USEC") == 0 && atoll(value) > kWatchdogUsec) {
-    log("wants a longer watchdog time, which it does not get", "");
+    qx_syslog(LOG_NOTICE, "%s/%d wants a longer watchdog time, which it does not get", name_, child_);
   } else if (strcmp(name, "MAINPID") == 0 && atoi(value) != child_) {
-    log("names another main process, which is not minded", "");
+    qx_syslog(LOG_NOTICE, "%s/%d names another main process, which is not minded", name_, child_);
   }
 }
 
 void minder::take(pid_t sender, char* text) noexcept {
   if (!descends_from(sender, child_) && !descends_from(sender, getpid())) {
     if (!stranger_told_) {
-      log("has strangers who speak for it; they are not listened to", "");
+      qx_syslog(LOG_NOTICE, "%s/%d is spoken for by process %d, which is none of its own", name_, child_,
+                sender);
     }
     stranger_told_ = true;
     return;

@@ -32,7 +32,7 @@ int judge(const char* path) {
 
 // As execvp() searches: the first that can be executed; a file that cannot counts when there is no other.
 int search(const char* name) {
-  char preset[PATH_MAX] = "/bin:/usr/bin";
+  char preset[PATH_MAX] = "";
   const char* directories = getenv("PATH");
   if (directories == nullptr) {
     confstr(_CS_PATH, preset, sizeof preset);

@@ -67,7 +67,7 @@ void Languages::live(const words& command, const std::string& program, size_t th
   ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();
   send_signal(next, SIGTERM);
   EXPECT_TRUE(eventually([&] { return db_files().empty() && !is_alive(next); }, 30s)) << read_console();
-  EXPECT_TRUE(never([] { return !db_files().empty(); }, 1s));
+  EXPECT_TRUE(never([] { return !db_files().empty(); }, 1s)) << read_console();
 }
 
 // The sample of a document that holds this line.

@@ -36,7 +36,7 @@ bool answers_web_requests() {
   char answer[16] = "";
   return connect(fd.get(), reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0 &&
          send(fd.get(), "GET /hostname HTTP/1.0\r\n\r\n", 26, MSG_NOSIGNAL) == 26 &&
-         recv(fd.get(), answer, 8, MSG_WAITALL) == 8 && std::string(answer) == "HTTP/1.0";
+         recv(fd.get(), answer, 7, MSG_WAITALL) == 7 && std::string(answer) == "HTTP/1.";
 }
 
 struct WexrunGuide : WexWorld {

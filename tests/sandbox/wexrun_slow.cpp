@@ -47,7 +47,7 @@ TEST_F(WexrunWatchdog, AProgramThatStopsItsSignsOfLifeIsAbortedLoggedAndStartedA
   ASSERT_TRUE(eventually([] { return !read_file(kFacts).empty(); }, 20s)) << read_console();
   ASSERT_TRUE(console_says("wex_dispatch_domain_msg type:3 err:0", 20s));
   ASSERT_TRUE(shorten_countdown(service.pid()));
-  EXPECT_TRUE(never([&] { return !service.running(); }, 130s)) << "it reported, and was aborted";
+  EXPECT_TRUE(never([&] { return !service.running(); }, 70s)) << "it reported, and was aborted";
   service.send(SIGUSR1);  // handed on: the program falls silent
   EXPECT_TRUE(ended_by(service.wait(200s), SIGABRT));
   EXPECT_NE(std::string::npos, read_file(kNotifyLog).find("thread wexrun:" + text(service.pid()) + " hung."));
