@@ -61,7 +61,7 @@ void Languages::live(const words& command, const std::string& program, size_t th
   expected_program = program_of(service.pid());
   EXPECT_EQ(words{program + "." + text(service.pid())}, db_files());
   ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();
-  service.kill_now();
+  kill_and_reap(&service);
   const pid_t next = registered_pid(service.pid());
   ASSERT_GT(next, 0) << read_console();
   ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();

@@ -105,7 +105,7 @@ TEST_F(WexrunGuide, AfterARestartOfTheDaemonTheScriptOfTheGuideRestartsByScript)
   ASSERT_EQ(service.pid(), wait_for_actor({"--hold"})) << read_console();
   daemon.kill_now();
   ASSERT_TRUE(daemon.start());
-  service.kill_now();
+  kill_and_reap(&service);
   const pid_t next = wait_for_actor({"--hold"}, service.pid());
   ASSERT_GT(next, 0) << read_console();
   EXPECT_TRUE(eventually([&] { return only_registered(next); }, 20s));

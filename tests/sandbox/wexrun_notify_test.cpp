@@ -121,7 +121,7 @@ TEST_F(WexrunNotify, WexSeesTheSignalThatEndedTheProgramAndASigtermIsAStop) {
 TEST_F(WexrunNotify, AKilledWexrunTakesTheProgramAlongSoThatOneRuns) {
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service));
-  service.kill_now();
+  kill_and_reap(&service);
   ASSERT_NO_FATAL_FAILURE(expect_back(service.pid()));
   EXPECT_FALSE(is_alive(program));
 }

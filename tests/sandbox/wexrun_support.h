@@ -69,6 +69,12 @@ inline pid_t wait_for_command(const words& command, pid_t not_this = 0, millisec
   return found;
 }
 
+// As Process::kill_now(), but the process keeps telling its pid.
+inline void kill_and_reap(Process* process) {
+  process->send(SIGKILL);
+  EXPECT_TRUE(ended_by(process->wait(), SIGKILL));
+}
+
 // Ends whoever is left of a command, for those that are no actors.
 inline void end_all(const words& command) {
   eventually([&] {

@@ -64,7 +64,7 @@ TEST_F(Wexrun, ADaemonThatWasRestartedStartsItAgainToo) {
   ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({}, program(options)), options));
   daemon.kill_now();
   ASSERT_TRUE(daemon.start());
-  service.kill_now();
+  kill_and_reap(&service);
   const pid_t next = wait_for_actor(options, service.pid());
   ASSERT_GT(next, 0) << read_console();
   EXPECT_TRUE(eventually([&] { return only_registered(next) && lock_holder(next) == next; }));
@@ -77,7 +77,7 @@ TEST_F(Wexrun, TheDelayIsWaitedBeforeARestart) {
   ASSERT_TRUE(daemon.start());
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({"--delay", "2"}, program(options)), options));
-  service.kill_now();
+  kill_and_reap(&service);
   const auto died = std::chrono::steady_clock::now();
   EXPECT_GT(wait_for_actor(options, service.pid()), 0) << read_console();
   EXPECT_LE(1900ms, std::chrono::steady_clock::now() - died);
@@ -92,7 +92,7 @@ TEST_F(Wexrun, TheScriptOfTheCommandMapRestartsIt) {
   ASSERT_TRUE(daemon.start());
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service, command, options));
-  service.kill_now();
+  kill_and_reap(&service);
   const pid_t next = wait_for_actor(options, service.pid());
   ASSERT_GT(next, 0) << read_console();
   EXPECT_EQ("/etc/cmdmap/revive\n", read_file("/tmp/said"));
@@ -118,7 +118,7 @@ TEST_F(Wexrun, WithoutTheDaemonTheProgramStartsAndALaterDaemonTakesItOver) {
   ASSERT_EQ(0, rename("/tmp/vsd.away", "/tmp/vsd"));
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  service.kill_now();
+  kill_and_reap(&service);
   EXPECT_GT(wait_for_actor(known, service.pid()), 0) << read_console();
   daemon.stop();
 }
