@@ -11,23 +11,19 @@ namespace {
 struct Languages : WexWorld {
   void SetUp() override {
     WexWorld::SetUp();
+    own = processes_inside();
     ASSERT_TRUE(daemon.start({}, kLibrary));
   }
   void TearDown() override {
     daemon.stop();
-    for (const pid_t pid : processes_inside()) {
-      if (program_of(pid) == expected_program) {
-        send_signal(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-      }
-    }
+    end_all_but(own);
     WexWorld::TearDown();
   }
   // The whole life of a service that registers itself as `program`.
   void live(const words& command, const std::string& program, size_t threads);
 
   const words kLibrary = {"LD_LIBRARY_PATH=" WEX_BUILD_DIR};
-  std::string expected_program;
+  std::set<pid_t> own;
   Daemon daemon;
 };
 
@@ -55,10 +51,8 @@ pid_t registered_pid(pid_t not_this) {
 
 void Languages::live(const words& command, const std::string& program, size_t threads) {
   Process service;
-  expected_program = program_of(getpid());  // nobody's, until it is known
   ASSERT_TRUE(service.start(command, kLibrary));
   ASSERT_EQ(service.pid(), registered_pid(0)) << read_console();
-  expected_program = program_of(service.pid());
   EXPECT_EQ(words{program + "." + text(service.pid())}, db_files());
   ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();
   kill_and_reap(&service);

@@ -3,8 +3,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <set>
-
 #include "wexrun_support.h"
 
 using namespace wexrun_test;
@@ -48,12 +46,7 @@ struct WexrunGuide : WexWorld {
   }
   void TearDown() override {
     daemon.stop();
-    for (const pid_t pid : processes_inside()) {
-      if (own_.count(pid) == 0) {
-        send_signal(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-      }
-    }
+    end_all_but(own_);
     for (const char* file : {"feeder", "pulse", "wexrun"}) {
       unlink(("/usr/sbin/" + std::string(file)).c_str());
     }

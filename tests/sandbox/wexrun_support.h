@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -75,16 +76,21 @@ inline void kill_and_reap(Process* process) {
   EXPECT_TRUE(ended_by(process->wait(), SIGKILL));
 }
 
-// Ends whoever is left of a command, for those that are no actors.
-inline void end_all(const words& command) {
-  eventually([&] {
-    const std::vector<pid_t> pids = pids_with_command(joined(command));
-    for (const pid_t pid : pids) {
-      send_signal(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    return pids.empty();
-  });
+// Ends whoever came since. A restart may be under way: its process executes its program a moment later.
+inline void end_all_but(const std::set<pid_t>& before) {
+  EXPECT_TRUE(eventually(
+      [&] {
+        bool none = true;
+        for (const pid_t pid : processes_inside()) {
+          if (before.count(pid) == 0) {
+            none = false;
+            send_signal(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+          }
+        }
+        return none;
+      },
+      20s));
 }
 
 }  // namespace wexrun_test

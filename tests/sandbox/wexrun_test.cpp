@@ -71,6 +71,21 @@ TEST_F(Wexrun, ADaemonThatWasRestartedStartsItAgainToo) {
   daemon.stop();
 }
 
+// The daemon answers before it reads who we are; by then wexrun must not yet be the program.
+TEST_F(Wexrun, ADaemonThatReadsLateStillSeesWexrun) {
+  const words options = {"--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=readlink,readlinkat:delay_enter=300000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({}, program(options)), options));
+  kill_and_reap(&service);
+  const pid_t next = wait_for_actor(options, service.pid(), 30s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_TRUE(eventually([&] { return only_registered(next) && lock_holder(next) == next; }, 20s));
+  daemon.stop();
+}
+
 TEST_F(Wexrun, TheDelayIsWaitedBeforeARestart) {
   const words options = {"--hold"};
   Daemon daemon;
