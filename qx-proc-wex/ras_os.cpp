@@ -25,7 +25,7 @@
 
 namespace {
 
-// The ladder of results. Each number is one failed step; which one is told at the declarations.
+// Results. Each number is one failed step; the declarations say which.
 enum {
   kBadArgument = -1,
   kNullArgument = -2,
@@ -121,13 +121,13 @@ int print(const char* format, ...) {
 }
 
 // Appends to one row of the dump, which always fits.
-char* put(char* at, const char* text) {
+char* append_text(char* at, const char* text) {
   const size_t length = strlen(text);
   memcpy(at, text, length + 1);
   return at + length;
 }
 
-char* put_hex(char* at, uint8_t byte) {
+char* append_hex(char* at, uint8_t byte) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   *at++ = kDigits[byte >> 4];
   *at++ = kDigits[byte & 0xf];
@@ -135,7 +135,7 @@ char* put_hex(char* at, uint8_t byte) {
 }
 
 // The bytes as characters; graphic ones of the "C" locale as themselves, blanks not among them.
-void put_characters(char* at, const uint8_t* bytes, uint32_t count) {
+void append_characters(char* at, const uint8_t* bytes, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
     *at++ = bytes[i] > ' ' && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '.';
   }
@@ -149,12 +149,12 @@ void dump_row(uint32_t offset, const uint8_t* bytes, uint32_t count) {
   for (uint32_t i = 0; i < kDumpRow; ++i) {
     if (i < count) {
       *at++ = ' ';
-      at = put_hex(at, bytes[i]);
+      at = append_hex(at, bytes[i]);
     } else {
-      at = put(at, "   ");
+      at = append_text(at, "   ");
     }
   }
-  put_characters(put(at, " | "), bytes, count);
+  append_characters(append_text(at, " | "), bytes, count);
   print("%s", row);
 }
 

@@ -110,7 +110,7 @@ bool is_known(const char* path) WEX_TSA(requires_capability(list_lock)) {
          same_file(known.mark, mark_of(facts));
 }
 
-void forget() WEX_TSA(requires_capability(list_lock)) {
+void drop_remembered() WEX_TSA(requires_capability(list_lock)) {
   free(known.text);
   known.text = nullptr;
 }
@@ -134,7 +134,7 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(list_lock)) 
     free(text);
     return false;
   }
-  forget();
+  drop_remembered();
   known.text = text;
   known.length = length;
   known.mark = mark_of(facts);

@@ -25,9 +25,9 @@
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_core_claim.h"
-#include "wex_core_place.h"
 #include "wex_core_stop.h"
 #include "wex_core_upkeep.h"
+#include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -93,11 +93,11 @@ void raise_open_file_limit() {
 unique_fd hold_directory(int lock) {
   struct stat facts = {};
   if (fstat(lock, &facts) == 0) {
-    wex_note_place(WEX_PLACE_LOCK, facts);
+    wex_watch_name(WEX_NAME_LOCK, facts);
   }
   unique_fd directory(open(kRunDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.valid() && fstat(directory.get(), &facts) == 0) {
-    wex_note_place(WEX_PLACE_DIRECTORY, facts);
+    wex_watch_name(WEX_NAME_DIRECTORY, facts);
   }
   return directory;
 }
@@ -244,7 +244,7 @@ int main(int argc, char** argv) {
   hide_open_files();  // what our starter left open is not for the programs that we start
   raise_open_file_limit();
   make_directories();
-  wex_tell_moved();
+  wex_log_moved_names();
   wex_init_wakeup();
   if (!restore_registry()) {
     return -1;

@@ -13,5 +13,6 @@ enum class thread_ends_for {
 void wex_attach_filter(int fd);
 void wex_release_filter();
 
-// What ended before the call has not been reported: whoever calls it looks again.
+// Asks for them, or no longer. Threads that ended before the call were not reported, so the caller looks at
+// /proc once more after it.
 void wex_pass_thread_ends(thread_ends_for whom, bool pass);

@@ -126,7 +126,7 @@ bool wex_take_down_under_way() {
 }
 
 // The marker of a take-down that was cut short stays and would switch supervision off in silence.
-void wex_tell_take_downs() {
+void wex_log_take_downs() {
   static bool told = false;
   const int32_t acted_on = g_acted_on.exchange(0);
   const int32_t marked = first_marked_domain();

@@ -86,7 +86,7 @@ void handle_option(int argc, char** argv) {
   }
 }
 
-// wex OPTION NUMBER. A number that is none, or not above 0, is told and the next option looked for.
+// wex OPTION NUMBER. A value that is no number, or not above 0, is printed and the next option read.
 void handle_option_and_number(int argc, char** argv) {
   for (;;) {
     const int chosen = next_option(argc, argv);

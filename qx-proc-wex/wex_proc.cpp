@@ -515,7 +515,7 @@ void wex_reboot_for(const wex_pid* rec) {
 // about the one that is looked for.
 bool wex_find_running(char* command, int32_t* out_pid) {
   int result = -1;
-  for (int look = 0; result < 0 && look < kLooksCutShort; ++look) {
+  for (int look = 0; result < 0 && look < kMaxAbortedScans; ++look) {
     result = wex_proc_to_pid(command, out_pid, 0);
   }
   return result == 1;

@@ -1,4 +1,4 @@
-// wexrun_minder: wexrun --notify, the parent of a program that tells how it is.
+// wexrun_minder: wexrun --notify, the parent of a program that reports its state.
 //
 // One thread: it hands signals on, turns notifications into reports of its own life and lines of the system
 // log, and ends as the program ends, so that wex sees the same cause.

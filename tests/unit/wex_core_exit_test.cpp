@@ -493,7 +493,7 @@ TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
     if (!marked) {
       unlink("/tmp/vsd/3/delete_vsd");
     }
-    wex_tell_take_downs();
+    wex_log_take_downs();
     return contents(kRunningLog1);
   };
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
