@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "request_flag.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_core_third_part.h"
@@ -29,7 +30,7 @@ std::atomic<bool> wex_delay_ended{false};
 
 namespace {
 
-std::atomic<bool> g_sweep_wanted{false};
+request_flag g_sweep_wanted;
 std::atomic<wex_pid*> g_reserved{nullptr};  // set with nothing held, taken with wex_chains held
 
 struct ready_restart {
@@ -158,7 +159,7 @@ bool wex_delay_reserved() {
 }
 
 void wex_request_sweep() {
-  g_sweep_wanted.store(true, std::memory_order_release);
+  g_sweep_wanted.raise();
 }
 
 void wex_sweep_lost_exits() {
@@ -224,7 +225,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       last_files = now;
       wex_look_at_files();
     }
-    if (g_sweep_wanted.exchange(false) || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
+    if (g_sweep_wanted.take() || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
       last_sweep = now;
       wex_sweep_lost_exits();
     }

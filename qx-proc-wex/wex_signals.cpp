@@ -19,6 +19,7 @@
 
 #include "chain_lock.h"
 #include "priority_mutex.h"
+#include "request_flag.h"
 #include "wex_chain.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
@@ -45,8 +46,8 @@ constexpr self_check_kind kKinds[] = {
 
 sem_t g_wake;
 std::atomic<bool> g_wake_exists{false};  // the rebuild may ask for the reaper before
-std::atomic<bool> g_alarm_due{false};
-std::atomic<bool> g_child_due{false};
+request_flag g_alarm_due;
+request_flag g_child_due;
 std::atomic<bool> g_stop{false};
 pthread_t g_thread;
 bool g_started = false;
@@ -62,7 +63,7 @@ void create_spawn_mutex() {
 
 extern "C" void wake_for_alarm(int /*signal*/) {
   const int cause = errno;
-  g_alarm_due.store(true);
+  g_alarm_due.raise();
   sem_post(&g_wake);
   errno = cause;
 }
@@ -77,11 +78,11 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
     if (sem_wait(&g_wake) != 0) {
       continue;
     }
-    if (g_child_due.exchange(false)) {
+    if (g_child_due.take()) {
       wex_chld_handler(SIGCHLD);
       wex_handle_missed_exits();
     }
-    if (g_alarm_due.exchange(false) && !g_stop.load()) {
+    if (g_alarm_due.take() && !g_stop.load()) {
       wex_alrm_handler(SIGALRM);
     }
   }
@@ -200,7 +201,7 @@ pid_t reap_one() {
 
 void wex_wake_reaper() {
   const int cause = errno;
-  g_child_due.store(true);
+  g_child_due.raise();
   if (g_wake_exists.load()) {
     sem_post(&g_wake);
   }
