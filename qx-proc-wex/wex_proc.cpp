@@ -7,7 +7,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "own_scheduling.h"
 #include "ras_os.h"
 #include "raw_dir.h"
 #include "signals_held.h"
@@ -632,14 +632,11 @@ void rtrim(char* text) {
 }
 
 int wex_set_priority(int priority) {
-  sched_param param = {};
-  param.sched_priority = priority;
-  return sched_setscheduler(0, SCHED_FIFO, &param);  // 0 is the calling thread
+  return set_own_scheduling(SCHED_FIFO, priority);
 }
 
 int wex_reset_priority(void) {
-  const sched_param param = {};
-  return sched_setscheduler(0, SCHED_OTHER, &param);
+  return set_own_scheduling(SCHED_OTHER, 0);
 }
 
 int wex_mk_forkfile(void) {
