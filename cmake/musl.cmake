@@ -23,7 +23,7 @@ foreach(directory "/usr/include/${wex_processor}-linux-musl" "${wex_gcc_include}
 endforeach()
 set(wex_library "/usr/include/c++/${wex_gcc_version}")
 set(CMAKE_C_FLAGS_INIT "${wex_musl_headers}")
-set(CMAKE_CXX_FLAGS_INIT "'-D__GLIBC_PREREQ(major,minor)=0' -D__locale_t=locale_t -nostdinc++ \
+set(CMAKE_CXX_FLAGS_INIT "-fno-exceptions '-D__GLIBC_PREREQ(major,minor)=0' -D__locale_t=locale_t -nostdinc++ \
 -isystem ${wex_library} -isystem /usr/include/${wex_gcc_machine}/c++/${wex_gcc_version} ${wex_musl_headers}")
 foreach(kind EXE SHARED)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-specs=/usr/lib/${wex_processor}-linux-musl/musl-gcc.specs")
