@@ -13,6 +13,7 @@
 #include "lingering_socket.h"
 #include "linked_name.h"
 #include "received_descriptors.h"
+#include "unique_fd.h"
 #include "wex_rpc.h"
 
 using namespace control;
