@@ -9,6 +9,8 @@ mkdir -p $work/upper $work/work $work/lists $root
 fail() {
   printf 'FAIL: %s\n' "$*"
   [ -e $work/dpkg.log ] && tail -n 20 $work/dpkg.log
+  echo "asked of policy-rc.d: $(cat $root/policy-asked)"
+  [ -n "${daemon-}" ] && head -n 5 "/proc/$daemon/status" && ls -l "/proc/$daemon/exe"
   inside /etc/init.d/wex stop > /dev/null 2>&1
   [ -n "${clock-}" ] && kill -KILL "$clock" 2> /dev/null
   exit 1
