@@ -38,7 +38,8 @@ present 'build/packages/release/wex_*.deb' './dev package'
 try 'the set-up' ./dev setup
 try 'the build' ./dev build
 present build/release/wex './dev build'
-try 'static analysis and shell syntax' ./dev lint
+# Those that start no daemon and make no sandbox of their own.
+try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.kernel)$'
 try 'the packages of the device' ./dev package mipsel
 present 'build/packages/mipsel/wex_*_mipsel.deb' 'the packages of the device'
 try 'a boot of the emulated device' ./dev device 01-start
