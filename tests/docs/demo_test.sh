@@ -18,14 +18,15 @@ told() {
   printf '%s' "$found"
 }
 pid='([0-9]+)'
-wex=$(told "^1\. .* wex is pid $pid, with [0-9]+ threads")
+wex=$(told "^1\. wex, .*: pid $pid, [0-9]+ threads\$")
 clock=$(told "^2\. .*clock, pid $pid,")
 worker=$(told "^2\. .*worker, pid $pid\$")
 [ "$(told '^ .*locked while its process lives: (.*)')" = "/tmp/vsd/0/wex/db/clock.$clock" ] || complain "another registration than clock's"
 second=$(told "^3\. clock, pid $clock, is killed .* comes back at once, as pid $pid\$")
 told "Task: clock/$clock receives event:(0009)" > /dev/null
 [ "$(told "new id clock/$pid\.")" = "$second" ] || complain "the log tells of another clock than act 3"
-lives=$(told '^4\. (fragile) ' > /dev/null; told '^ .*its lives were the pids ([0-9 ]+);')
+told '^4\. (fragile) ' > /dev/null
+lives=$(told '^ .*its lives were the pids ([0-9 ]+)$')
 [ "$(wc -w <<< "$lives")" = 5 ] && [ "$(tr ' ' '\n' <<< "$lives" | sort -u | wc -l)" = 5 ] || complain "fragile's lives are not five: $lives"
 [ "$(told "Task: fragile/$pid receives event")" = "${lives##* }" ] || complain "the log tells of another last life than $lives"
 told '(Task: fragile had checked more than 5 times)' > /dev/null
