@@ -17,14 +17,14 @@
 
 namespace {
 
-priority_mutex g_lock;  // guards all of the below
-int g_events = -1;
-unsigned g_wanted = 0;  // one bit for each thread_ends_for
-bool g_passing = false;
+priority_mutex g_lock;
+int g_events WEX_TSA(guarded_by(g_lock)) = -1;
+unsigned g_wanted WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
+bool g_passing WEX_TSA(guarded_by(g_lock)) = false;
 
 // The filter machine loads words in network order, the message is in host order. Jumps count from the next
 // instruction.
-void attach(int fd, bool thread_ends) {
+void attach(int fd, bool thread_ends) WEX_TSA(requires_capability(g_lock)) {
   constexpr uint8_t kPassFromFour = 7;
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKindAt),
@@ -50,19 +50,19 @@ void attach(int fd, bool thread_ends) {
 }  // namespace
 
 void wex_attach_filter(int fd) {
-  const mutex_lock hold(g_lock.native);
+  const mutex_lock hold(g_lock);
   g_events = fd;
   attach(fd, g_wanted != 0);
 }
 
 void wex_release_filter() {
-  const mutex_lock hold(g_lock.native);
+  const mutex_lock hold(g_lock);
   g_events = -1;
 }
 
 void wex_pass_thread_ends(thread_ends_for whom, bool pass) {
   const unsigned bit = 1u << static_cast<unsigned>(whom);
-  const mutex_lock hold(g_lock.native);
+  const mutex_lock hold(g_lock);
   g_wanted = pass ? g_wanted | bit : g_wanted & ~bit;
   if (g_events >= 0 && g_passing != (g_wanted != 0)) {
     attach(g_events, g_wanted != 0);

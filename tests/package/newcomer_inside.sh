@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Inside the sandbox: makes the bare root's copy usable and runs a newcomer's commands in it. Argument: build/bare.
+# Inside the sandbox: makes the bare root's copy usable and runs a newcomer's commands in it. Arguments: build/bare, steps of newcomer_test.sh.
 set -u
 bare=$1
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through newcomer_test.sh" >&2; exit 1; }
@@ -32,16 +32,25 @@ present() { compgen -G "$root/root/wex/$1" > /dev/null || fail "$2 left no $1"; 
 for program in file make g++ cmake curl; do
   [ -z "$(chroot "$root" /bin/sh -c "command -v $program")" ] || fail "the bare root has $program: it would hide that a step lacks it"
 done
-# Each step on its own set-up first: a later one installs more, and would hide what an earlier one lacks.
-try 'the packages' ./dev package release
-present 'build/packages/release/wex_*.deb' './dev package'
-try 'the set-up' ./dev setup
-try 'the build' ./dev build
-present build/release/wex './dev build'
-# Those that start no daemon and make no sandbox of their own.
-try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.kernel)$'
-try 'the packages of the device' ./dev package mipsel
-present 'build/packages/mipsel/wex_*_mipsel.deb' 'the packages of the device'
-try 'a boot of the emulated device' ./dev device 01-start
+# A step that needs less stands before those that install more, which would hide what it lacks.
+case " ${*:2} " in *' demo '* | '  ')
+  try 'the demo' ./dev demo ;;
+esac
+case " ${*:2} " in *' package '* | '  ')
+  try 'the packages' ./dev package release
+  present 'build/packages/release/wex_*.deb' './dev package' ;;
+esac
+case " ${*:2} " in *' test '* | '  ')
+  try 'the set-up' ./dev setup
+  try 'the build' ./dev build
+  present build/release/wex './dev build'
+  # Those that start no daemon and make no sandbox of their own.
+  try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.kernel)$' ;;
+esac
+case " ${*:2} " in *' device '* | '  ')
+  try 'the packages of the device' ./dev package mipsel
+  present 'build/packages/mipsel/wex_*_mipsel.deb' 'the packages of the device'
+  try 'a boot of the emulated device' ./dev device 01-start ;;
+esac
 umount --lazy "$root/var/cache/apt/archives" "$root/dev" "$root/proc" "$root/tmp" "$root"
 echo "all well"

@@ -3,6 +3,8 @@
 # boot of the emulated device. Everything happens in tools/sandbox, in a copy of build/bare/root; the copy is thrown away.
 # What was downloaded is kept in build/bare/archives.
 #
+# Arguments: which of demo, package, test and device; without any, all of them.
+#
 # Left out is what ./dev test runs after its set-up and build: those cases run here anyway, in this very test run.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
@@ -18,6 +20,6 @@ git -c safe.directory='*' clone -q --no-hardlinks "$root" "$run/checkout"
 (cd "$root" && git -c safe.directory='*' ls-files -z -m -o --exclude-standard | xargs -0 -r cp --parents -P -t "$run/checkout" 2> /dev/null) || true
 cd "$root/build/bare"
 status=0
-"$root/tools/sandbox" --leak-check --bind "$root/build/bare" -- bash "$here/newcomer_inside.sh" "$root/build/bare" || status=$?
+"$root/tools/sandbox" --leak-check --bind "$root/build/bare" -- bash "$here/newcomer_inside.sh" "$root/build/bare" "$@" || status=$?
 rm -rf "$run"
 exit $status
