@@ -19,6 +19,7 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_msg.h"
@@ -191,7 +192,7 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = wex_last_process(rec);
   const int32_t vsd = pid > 0 ? find_app(pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
-  if ((vsd >= 1 && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
+  if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
     rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
     return;
   }

@@ -9,10 +9,9 @@
 
 #include <cstdlib>
 
-#include "dir_walk.h"
 #include "text_number.h"
 #include "wex_dbg.h"
-#include "wex_paths.h"
+#include "wex_domain.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -111,11 +110,6 @@ void handle_option_and_number(int argc, char** argv) {
   }
 }
 
-bool domain_present(int32_t vsd) {
-  char path[kPathSize];
-  return wex_format(path, sizeof path, kDomainDirFmt, vsd) && dir_walk(path).valid();
-}
-
 // wex add PROGRAM NUMBER
 void handle_add(char** argv) {
   if (argv[1] == nullptr || strcmp(argv[1], "add") != 0 || argv[2] == nullptr || argv[3] == nullptr) {
@@ -123,7 +117,7 @@ void handle_add(char** argv) {
     exit(kNotUnderstood);
   }
   const int32_t vsd = text_to_number(argv[3]);
-  if (!domain_present(vsd)) {
+  if (!wex_domain_exists(vsd)) {
     wex_print("vsd %d is not exist\n", vsd);
     return;
   }

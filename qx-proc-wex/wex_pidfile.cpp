@@ -21,6 +21,7 @@
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
@@ -126,14 +127,13 @@ int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
 }
 
 void save_vsd_flag(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  if (vsd == 0 || !wex_format(path, sizeof path, kMarkerFmt, vsd, pid)) {
+  if (vsd == kMainSystem || wex_make_flag_file(vsd, pid, kClientMarkerMode)) {
     return;
   }
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kClientMarkerMode);
-  if (!marker.valid()) {
-    wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(errno));
-  }
+  const int cause = errno;
+  char path[kPathSize];
+  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(cause));
 }
 
 int wex_mk_pidfile(const wex_reg_info* body, uint32_t kind) {

@@ -29,6 +29,7 @@
 #include "wex_core.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_list.h"
 #include "wex_log.h"
@@ -147,28 +148,15 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
-constexpr int kDomainVariables = 5;
-
-struct domain_variable {
-  const char* name;
-  const char* value_format;
-  const char* only_with;  // directory that must exist, or null
-};
-constexpr domain_variable kVariables[kDomainVariables] = {
-    {"QX_CFG_DIR", kConfigDomainFmt, nullptr},  {"OVIX_DIR", kOvixDomainFmt, nullptr},
-    {"DATA_OVIX_DIR", kDataDomainFmt, nullptr}, {"DATA_OVIX_DIR2", kData2DomainFmt, kData2Dir},
-    {"TMPDIR", kDomainDirFmt, nullptr},
-};
-
 // The child's own copies: setenv() could wait for a lock that another thread held at the fork.
 char g_domain_texts[kDomainVariables][kPathSize];
 char* g_child_environment[kEnvironmentMax];
 
-bool is_domain_variable(const char* entry) {
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const size_t length = strlen(kVariables[i].name);
-    if (g_domain_texts[i][0] != '\0' && strncmp(entry, kVariables[i].name, length) == 0 &&
-        entry[length] == '=') {
+// Whether one of the first `set` texts sets the variable of `entry`.
+bool is_domain_variable(const char* entry, int set) {
+  for (int i = 0; i < set; ++i) {
+    const size_t length = strcspn(g_domain_texts[i], "=") + 1;
+    if (strncmp(entry, g_domain_texts[i], length) == 0) {
       return true;
     }
   }
@@ -176,20 +164,21 @@ bool is_domain_variable(const char* entry) {
 }
 
 void set_domain_environment(int32_t vsd) {
-  int count = 0;
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const domain_variable& variable = kVariables[i];
-    if (variable.only_with != nullptr && access(variable.only_with, F_OK) != 0) {
+  int set = 0;
+  for (const domain_dir& dir : kDomainDirs) {
+    if (dir.variable == nullptr || (dir.second_disk && !wex_has_second_disk())) {
       continue;
     }
     char value[kPathSize - 32];
-    wex_format(value, sizeof value, variable.value_format, vsd);
-    wex_format(g_domain_texts[i], sizeof g_domain_texts[i], "%s=%s", variable.name, value);
-    g_child_environment[count++] = g_domain_texts[i];
+    wex_format(value, sizeof value, dir.format, vsd);
+    wex_format(g_domain_texts[set], sizeof g_domain_texts[set], "%s=%s", dir.variable, value);
+    g_child_environment[set] = g_domain_texts[set];
+    ++set;
   }
+  int count = set;
   for (char** entry = environ; entry != nullptr && *entry != nullptr && count < kEnvironmentMax - 1;
        ++entry) {
-    if (!is_domain_variable(*entry)) {
+    if (!is_domain_variable(*entry, set)) {
       g_child_environment[count++] = *entry;
     }
   }
@@ -211,7 +200,7 @@ void remove_markers(int32_t vsd, int32_t pid) {
 // The child's working directory. A domain that cannot be entered in full is no reason not to start the
 // program.
 void enter_place(const launch& start) {
-  if (start.domain >= 1) {
+  if (start.domain >= kFirstDomain) {
     set_proc_env(start.domain, start.old_pid);
     return;
   }
@@ -300,7 +289,7 @@ void await_exec(pid_t child, const unique_fd& started) {
 // Forks a child that runs the program. The child's pid, or -1 with errno.
 pid_t fork_child(const launch& start) {
   int ends[2] = {-1, -1};
-  if (start.domain >= 1 && pipe(ends) == 0) {
+  if (start.domain >= kFirstDomain && pipe(ends) == 0) {
     ras_os_set_fd_close_on_exec(ends[0]);
     ras_os_set_fd_close_on_exec(ends[1]);
   }
@@ -311,7 +300,7 @@ pid_t fork_child(const launch& start) {
     run_child(start);
   }
   starting.reset();
-  if (child > 0 && start.domain >= 1) {
+  if (child > 0 && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, static_cast<int32_t>(child));
     if (started.valid()) {
       await_exec(child, started);
@@ -360,7 +349,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
     remember_missed(rec, child);
     return 0;
   }
-  if (found != child && start.domain >= 1) {
+  if (found != child && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, found);  // or its next life would be one of the main system
     drop_marker_of_dead(start.domain, child);
   }
@@ -552,7 +541,7 @@ void wex_create_std_fd(int cloexec) {
 }
 
 int32_t find_app(int32_t pid) {
-  for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
+  for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
     wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
     if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
@@ -570,14 +559,7 @@ int32_t find_app(int32_t pid) {
 }
 
 int save_proc_info(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (wex_chdir(path) != 0) {
-    return -errno;
-  }
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
-  return marker.valid() ? 0 : -errno;
+  return wex_enter_run_dir(vsd) == 0 && wex_make_flag_file(vsd, pid, kMarkerMode) ? 0 : -errno;
 }
 
 void set_proc_env(int32_t vsd, int32_t old_pid) {
@@ -586,9 +568,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
     return;
   }
   set_domain_environment(vsd);
-  char run_dir[kPathSize];
-  wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
-  if (wex_chdir(run_dir) != 0) {
+  if (wex_enter_run_dir(vsd) != 0) {
     return;
   }
   if (enter_domain_group(vsd) == 0) {

@@ -22,6 +22,7 @@
 #include "wex_alive_guard.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -68,7 +69,7 @@ bool describe_process(int32_t pid, wex_reg_info* body) {
   const int32_t domain = get_vsdid(pid);
   memset(body, 0, sizeof *body);
   body->pid = pid;
-  body->vsd = domain < 0 ? 0 : domain;
+  body->vsd = wex_domain_or_main(domain);
   return pid_to_cmdline(pid, body->process, kDescribed) != nullptr;
 }
 
