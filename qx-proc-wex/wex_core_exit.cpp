@@ -15,6 +15,7 @@
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
@@ -44,44 +45,6 @@ constexpr uint32_t kStoppedOnPurpose = 15;  // killed by SIGTERM, no core
 // Restart events 1 to 5 go to the first event-log file, 6 to 10 to the second.
 constexpr int32_t kFirstFileLast = 5;
 constexpr int32_t kSecondFileLast = 10;
-
-// What differs between restarting a program and running its restart script. The two event-log files were laid
-// out differently for programs, and operators' tools know both layouts.
-struct restart_kind {
-  const char* action_name;
-  const char* third_part_type;
-  int32_t (*spawn)(wex_pid* rec, int32_t* out_pid);
-  const char* announce_mnemonic;  // system log, for an exit code other than 0
-  const char* announce_print;     // diagnostic
-  const char* done_mnemonic;
-  const char* done_print;
-  const char* announce_entry;  // event log
-  const char* done_entry;
-  int bare_announce;  // event-log file whose announcement has no brackets, 0 = neither
-  int bare_done;
-};
-constexpr restart_kind kProgram = {"RESPAWN",
-                                   "WEX_RESTART",
-                                   wex_spawn,
-                                   "HA_SELF_CHECK",
-                                   "HA_RESTART",
-                                   "HA_SELF_CHECK_INFO",
-                                   "HA_SELF_CHECK_INFO",
-                                   "HA_RESTART",
-                                   "HA_RESTART_INFO",
-                                   2,
-                                   1};
-constexpr restart_kind kScript = {"SHELL_RESTART",
-                                  "WEX_SHELL_RESTART",
-                                  wex_shell_spawn,
-                                  "HA_SCRIPT_SELF_CHECK",
-                                  "HA_SCRIPT_SELF_CHECK",
-                                  "HA_SCRIPT_SELF_CHECK_INFO",
-                                  "HA_SCRIPT_RESTART_INFO",
-                                  "HA_SCRIPT_RESTART",
-                                  "HA_SCRIPT_RESTART_INFO",
-                                  0,
-                                  0};
 
 // ---- before the decision ----------------------------------------------------------------------------------
 
@@ -220,7 +183,7 @@ bool open_event_log(int file) {
 }
 
 // False when the event log is wanted but cannot be written: then nothing is restarted.
-bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, uint32_t code) {
+bool log_announcement(const wex_action& action, const char* name, int32_t pid, uint32_t code) {
   if (debug_log() != 0) {
     return true;
   }
@@ -232,12 +195,12 @@ bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, u
   if (!open_event_log(file)) {
     return false;
   }
-  if (kind.bare_announce == file) {
-    wex_log("%%HA-5-%s: Process:%s/%d receives internal event: %04x and restarts.\n", kind.announce_entry,
+  if (action.bare_begun == file) {
+    wex_log("%%HA-5-%s: Process:%s/%d receives internal event: %04x and restarts.\n", action.begun_entry,
             name, pid, code);
   } else {
-    wex_log("%%HA-5-%s: Process:[%s/%d] receives internal event:[0x%04x] and restarts.\n",
-            kind.announce_entry, name, pid, code);
+    wex_log("%%HA-5-%s: Process:[%s/%d] receives internal event:[0x%04x] and restarts.\n", action.begun_entry,
+            name, pid, code);
   }
   wex_closelog();
   return true;
@@ -249,16 +212,16 @@ void remove_event_log(const char* path, const char* name) {
   }
 }
 
-void log_success(const restart_kind& kind, const char* name, int32_t times, int32_t new_pid) {
+void log_success(const wex_action& action, const char* name, int32_t times, int32_t new_pid) {
   const int file = debug_log() == 0 ? event_file() : 0;
   if (file == 0 || !open_event_log(file)) {
     return;
   }
-  if (kind.bare_done == file) {
-    wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", kind.done_entry, name,
+  if (action.bare_done == file) {
+    wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", action.done_entry, name,
             times, name, new_pid);
   } else {
-    wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", kind.done_entry,
+    wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", action.done_entry,
             name, times, name, new_pid);
   }
   wex_closelog();
@@ -274,7 +237,7 @@ void log_success(const restart_kind& kind, const char* name, int32_t times, int3
 
 // A third-part program that started itself again is registered under its new pid. When that process has ended
 // before it could be registered, the program is still to be restarted, and `*handed` is its new record.
-bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = *handed;
   char type[256];
   int32_t child = 0;
@@ -282,12 +245,12 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
       !wex_find_running(rec->process, &child)) {
     return false;
   }
-  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
   const wex_pid before = *rec;
   wex_db_destroy(rec);
   wex_pid* const memory = __wex_recycle_record(&wex_chains, rec);
-  if (wex_register_third_part(child, kind.third_part_type, memory) == 0) {
+  if (wex_register_third_part(child, action.keyword, memory) == 0) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
@@ -299,38 +262,38 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
 }
 
 // False when nothing may be restarted.
-bool announce(wex_pid* rec, const restart_kind& kind) {
+bool announce(wex_pid* rec, const wex_action& action) {
   const uint32_t code = rec->exit_signal;
   const char* const name = wex_program_name(rec);
   if (code == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT", 1, "Job %s/%d will be re-initialized ...\n", name, rec->pid);
   } else {
-    printk_syslog_ext(5, "HA", kind.announce_mnemonic, 1,
-                      "Task: %s/%d receives event:%04x and self-checking ...\n", name, rec->pid, code);
+    printk_syslog_ext(5, "HA", action.announced, 1, "Task: %s/%d receives event:%04x and self-checking ...\n",
+                      name, rec->pid, code);
   }
-  wex_dbg(WEX_DBG_PUB, "%s Task: %s/%d receives event:%04x and self-checking ...\n", kind.announce_print,
+  wex_dbg(WEX_DBG_PUB, "%s Task: %s/%d receives event:%04x and self-checking ...\n", action.announcement,
           name, rec->pid, code);
-  return log_announcement(kind, name, rec->pid, code);
+  return log_announcement(action, name, rec->pid, code);
 }
 
-void announce_success(wex_pid* rec, const restart_kind& kind) {
+void announce_success(wex_pid* rec, const wex_action& action) {
   const char* const name = wex_program_name(rec);
   if (rec->exit_signal == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
   } else {
-    printk_syslog_ext(5, "HA", kind.done_mnemonic, 1, "Self-checking OK: %d times and new id %s/%d.\n",
+    printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
                       rec->check_count, name, rec->pid);
   }
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", kind.done_print, rec->check_count,
-          name, rec->pid);
-  log_success(kind, name, rec->check_count, rec->pid);
+  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", action.done_print,
+          rec->check_count, name, rec->pid);
+  log_success(action, name, rec->check_count, rec->pid);
 }
 
 // True when the record's program runs again under a new pid, which the record then has.
-bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+bool spawned(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   const spawn_guard guard;
   int32_t new_pid = -1;
-  const int32_t result = kind.spawn(rec, &new_pid);
+  const int32_t result = wex_spawn_as(action, rec, &new_pid);
   if (result <= 0) {
     rec->restart_failed = result == 0 ? 1 : 0;
     return false;
@@ -341,8 +304,8 @@ bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
   return true;
 }
 
-void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(&rec, kind)) {
+void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
+  if (handed_over(&rec, action)) {
     return;
   }
   if (rec->restart_delay > 0) {
@@ -352,23 +315,25 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
       return;  // its domain went while it waited
     }
   }
-  if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
+  if (del_dev_mon_log() < 0 && !announce(rec, action)) {
     rec->restart_failed = 1;
     return;
   }
-  if (!spawned(rec, kind) || del_dev_mon_restart() >= 0) {
+  if (!spawned(rec, action) || del_dev_mon_restart() >= 0) {
     return;
   }
-  announce_success(rec, kind);
+  announce_success(rec, action);
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  if (rec->action == RESPAWN) {
-    restart(rec, kProgram);
-  } else if (rec->action == SHELL_RESTART) {
-    wex_dbg(WEX_DBG_PUB, "process: %s, pid: %d\n", rec->process, rec->pid);
-    restart(rec, kScript);
+  const wex_action* const action = wex_find_action(rec->action);
+  if (action == nullptr) {
+    return;
   }
+  if (action->through_shell) {
+    wex_dbg(WEX_DBG_PUB, "process: %s, pid: %d\n", rec->process, rec->pid);
+  }
+  restart(rec, *action);
 }
 
 // The record's process has ended.

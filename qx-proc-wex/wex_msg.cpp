@@ -9,6 +9,7 @@
 #include "wex_msg.h"
 
 #include "chain_lock.h"
+#include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
@@ -25,15 +26,6 @@ namespace {
 constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
 
 // ---- Processes --------------------------------------------------------------------------------------------
-
-struct restart_kind {
-  const char* handler;
-  const char* line_end;  // of the failure message
-  int32_t action;
-};
-
-constexpr restart_kind kRestart = {"wex_process_restart", "", RESPAWN};
-constexpr restart_kind kShellRestart = {"wex_process_shell_restart", "\n", SHELL_RESTART};
 
 bool short_for_a_moment(int cause) {
   return cause == ENOMEM || cause == EMFILE || cause == ENFILE || cause == EIO;
@@ -61,12 +53,12 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
 
 // A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
 // It is made of `memory`, which is taken over, or of new memory for null.
-wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script,
+wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const char* script,
                        wex_pid* memory) {
   char command[kCommandSize];
   if (!read_registered(body, command, sizeof command)) {
-    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", kind.handler, body.pid, body.ppid,
-            kind.line_end);
+    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
+            body.ppid, action.handler_end);
     wex_free_record(memory);
     return nullptr;
   }
@@ -74,7 +66,7 @@ wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const
   rec->pid = body.pid;
   rec->vsd = body.vsd;
   rec->restart_delay = body.restart_delay;
-  rec->action = kind.action;
+  rec->action = action.number;
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
   wex_copy_text(rec->script, sizeof rec->script, script);
@@ -104,8 +96,8 @@ bool insert_process(wex_pid* rec) {
   return true;
 }
 
-int register_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
-  wex_pid* const rec = build_process(body, kind, script, nullptr);
+int register_process(const wex_reg_info& body, const wex_action& action, const char* script) {
+  wex_pid* const rec = build_process(body, action, script, nullptr);
   if (rec == nullptr) {
     return -1;
   }
@@ -206,7 +198,7 @@ void cancel_thread(int32_t tid) {
 extern "C" {
 
 int wex_process_restart(const wex_reg_info* body) {
-  return register_process(*body, kRestart, "");
+  return register_process(*body, kRespawn, "");
 }
 
 int wex_process_shell_restart(const wex_reg_info* body, const char* script) {
@@ -246,7 +238,7 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   wex_reg_info body;
   const bool described = wex_begin_registration(pid, msg_type, &body);
   // Built before the lock is taken: what is not given must perhaps be waited for.
-  wex_pid* const rec = build_process(body, msg_type == WEX_RESTART ? kRestart : kShellRestart, "", memory);
+  wex_pid* const rec = build_process(body, *wex_find_action(wex_action_number(msg_type)), "", memory);
   if (rec == nullptr) {
     return -1;
   }

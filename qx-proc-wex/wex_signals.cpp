@@ -19,6 +19,7 @@
 
 #include "chain_lock.h"
 #include "priority_mutex.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_core.h"
 #include "wex_core_third_part.h"
@@ -32,16 +33,6 @@
 namespace {
 
 constexpr int kLastSignal = 128;
-
-struct self_check_kind {
-  int32_t action;
-  int32_t (*spawn)(wex_pid* rec, int32_t* out_pid);
-  const char* mnemonic;
-};
-constexpr self_check_kind kKinds[] = {
-    {RESPAWN, wex_spawn, "HA_SELF_CHECK_INFO"},
-    {SHELL_RESTART, wex_shell_spawn, "HA_SCRIPT_SELF_CHECK_INFO"},
-};
 
 sem_t g_wake;
 std::atomic<bool> g_wake_exists{false};  // the rebuild may ask for the reaper before
@@ -99,15 +90,6 @@ int install(int signal, void (*handler)(int)) {
   return sigaction(signal, &action, nullptr);
 }
 
-const self_check_kind* kind_of(const wex_pid* rec) {
-  for (const self_check_kind& kind : kKinds) {
-    if (kind.action == rec->action) {
-      return &kind;
-    }
-  }
-  return nullptr;
-}
-
 int64_t deadline_of(const wex_pid* rec, int32_t wait) {
   return static_cast<int64_t>(wait) + rec->check_start;
 }
@@ -138,19 +120,19 @@ void end_wait(wex_pid* rec, int32_t now) {
   rec->reboot_ref_time = now;
 }
 
-void restart_parked(wex_pid* rec, const self_check_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+void restart_parked(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   const spawn_guard guard;
   int32_t new_pid = -1;
-  const int32_t result = kind.spawn(rec, &new_pid);
+  const int32_t result = wex_spawn_as(action, rec, &new_pid);
   if (result < 1) {
     rec->restart_failed = result == 0 ? 1 : 0;
     return;
   }
   __wex_adopt_pid(&wex_chains, rec, new_pid);
   const char* const name = wex_program_name(rec);
-  printk_syslog_ext(5, "HA", kind.mnemonic, 1, "Self-checking OK: %d times and new id %s/%d.\n",
+  printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
                     rec->check_count, name, new_pid);
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", kind.mnemonic, rec->check_count,
+  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", action.done, rec->check_count,
           name, new_pid);
 }
 
@@ -167,13 +149,13 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     if (deadline < now && (__wex_dropped_with_domain(rec) || drop_if_running(rec))) {
       continue;
     }
-    const self_check_kind* const kind = kind_of(rec);
-    if (kind == nullptr) {
+    const wex_action* const action = wex_find_action(rec->action);
+    if (action == nullptr) {
       continue;
     }
     if (deadline < now) {
       end_wait(rec, now);
-      restart_parked(rec, *kind);
+      restart_parked(rec, *action);
     } else if (next < deadline) {
       next = deadline;
     }
