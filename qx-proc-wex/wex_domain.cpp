@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "wex_utils.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
 
 namespace {
 

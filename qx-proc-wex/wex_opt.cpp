@@ -12,7 +12,6 @@
 #include "text_number.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
-#include "wex_utils.h"
 #include "wex_vsd.h"
 
 namespace {

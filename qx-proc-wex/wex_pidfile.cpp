@@ -18,6 +18,9 @@
 #include <utility>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_action.h"
@@ -25,7 +28,6 @@
 #include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // Datagrams of process events, as anything that can send to the connector socket might make them.
 #include "fuzz_support.h"
+#include "wex_core_event.h"
 #include "wex_core_netlink.h"
 
 namespace {

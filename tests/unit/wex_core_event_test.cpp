@@ -8,7 +8,10 @@
 #include <time.h>
 
 #include "parked_world.h"
-#include "wex_signals.h"
+#include "waiting.h"
+#include "wex_core_netlink.h"
+#include "wex_core_upkeep.h"
+#include "wex_utils.h"
 
 using namespace parked;
 
