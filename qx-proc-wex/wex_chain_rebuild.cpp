@@ -17,12 +17,12 @@
 #include "waiting.h"
 #include "wex_action.h"
 #include "wex_core_delay.h"
+#include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 
 namespace {
@@ -49,11 +49,8 @@ void tell_stranger(const wex_pid* rec) {
 void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   const wex_action* const known = wex_find_action(rec->action);
   const wex_action& action = known != nullptr ? *known : kRespawn;
-  int32_t new_pid = -1;
-  const int32_t result = wex_spawn_as(action, rec, &new_pid);
-  __wex_adopt_pid(chain, rec, new_pid);
-  rec->restart_failed = new_pid < 1;
-  wex_dbg(WEX_DBG_PUB, "pid (%d) %s ret = %d\n", new_pid, action.rebuilt, result);
+  const int32_t result = __wex_start_again(chain, rec, action, kAtStart);
+  wex_dbg(WEX_DBG_PUB, "pid (%d) %s ret = %d\n", rec->pid, action.rebuilt, result);
 }
 
 // A registration is looked for and removed under the name that its content gives it. A file of any other name

@@ -18,13 +18,12 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_action.h"
-#include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
-#include "wex_core_spawn_guard.h"
+#include "wex_core_restart.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
@@ -34,11 +33,9 @@
 #include "wex_log.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_proc_marker.h"
-#include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -73,8 +70,7 @@ bool still_runs(wex_pid* rec) {
 }
 
 void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  wex_db_destroy(rec);
-  wex_free_record(__wex_recycle_record(&wex_chains, rec));
+  wex_free_record(__wex_recycle_registration(rec));
 }
 
 // A stranger that has got the pid is alive, but not the record's process.
@@ -116,10 +112,7 @@ void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chai
     }
     wex_dbg(WEX_DBG_PUB, "%s: delete pid (%d) ppid (%d) from chain!\n", "wex_del_node_chain", thread->pid,
             pid);
-    if (wex_in_alive_table(thread->pid)) {
-      wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
-    }
-    __wex_drop_record(&wex_alive_chains, thread);
+    __wex_drop_thread(&wex_alive_chains, thread);
   }
 }
 
@@ -169,8 +162,7 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s: hlist_del\n", kHandler);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
 }
 
 // ---- event log --------------------------------------------------------------------------------------------
@@ -221,17 +213,18 @@ void remove_event_log(const char* path, const char* name) {
   }
 }
 
-void log_success(const wex_action& action, const char* name, int32_t times, int32_t new_pid) {
+void log_success(const wex_action& action, wex_pid* rec) {
   const int file = debug_log() == 0 ? event_file() : 0;
   if (file == 0 || !open_event_log(file)) {
     return;
   }
+  const char* const name = wex_program_name(rec);
   if (action.bare_done == file) {
     wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", action.done_entry, name,
-            times, name, new_pid);
+            rec->check_count, name, rec->pid);
   } else {
     wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", action.done_entry,
-            name, times, name, new_pid);
+            name, rec->check_count, name, rec->pid);
   }
   wex_closelog();
   if (wex_event_log_count == kFirstFileLast) {
@@ -257,8 +250,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
   const wex_pid before = *rec;
-  wex_db_destroy(rec);
-  wex_pid* const memory = __wex_recycle_record(&wex_chains, rec);
+  wex_pid* const memory = __wex_recycle_registration(rec);
   if (wex_register_third_part(child, action.keyword, memory) == 0) {
     return true;
   }
@@ -285,34 +277,6 @@ bool announce(wex_pid* rec, const wex_action& action) {
   return log_announcement(action, name, rec->pid, code);
 }
 
-void announce_success(wex_pid* rec, const wex_action& action) {
-  const char* const name = wex_program_name(rec);
-  if (rec->exit_signal == 0) {
-    printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
-  } else {
-    printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
-                      rec->check_count, name, rec->pid);
-  }
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", action.done_print,
-          rec->check_count, name, rec->pid);
-  log_success(action, name, rec->check_count, rec->pid);
-}
-
-// True when the record's program runs again under a new pid, which the record then has.
-bool spawned(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
-  const spawn_guard guard;
-  int32_t new_pid = -1;
-  const int32_t result = wex_spawn_as(action, rec, &new_pid);
-  if (result <= 0) {
-    rec->restart_failed = result == 0 ? 1 : 0;
-    return false;
-  }
-  // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
-  __wex_adopt_pid(&wex_chains, rec, new_pid);
-  rec->force_restart = 0;
-  return true;
-}
-
 void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   if (handed_over(&rec, action)) {
     return;
@@ -328,10 +292,10 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     rec->restart_failed = 1;
     return;
   }
-  if (!spawned(rec, action) || del_dev_mon_restart() >= 0) {
-    return;
+  if (__wex_start_again(&wex_chains, rec, action, kAfterExit) > 0 && del_dev_mon_restart() < 0) {
+    wex_tell_restarted(rec, action, kAfterExit);
+    log_success(action, rec);
   }
-  announce_success(rec, action);
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -405,8 +369,7 @@ bool drop_missed(uint32_t start) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = find_missed(start)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
+    __wex_drop_registration(rec);
   }
   return true;
 }

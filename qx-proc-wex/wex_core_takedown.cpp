@@ -21,7 +21,6 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_proc_marker.h"
 #include "wex_utils.h"
 
@@ -100,8 +99,7 @@ void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     }
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "wex_drop_domains_taken_down", rec->pid);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
 }
 
 void drop_what_is_down() {
@@ -158,8 +156,7 @@ bool wex_drop_taken_down(int32_t pid) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
+    __wex_drop_registration(rec);
   }
   return true;
 }

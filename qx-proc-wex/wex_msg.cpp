@@ -117,8 +117,7 @@ void cancel_process(int32_t pid) {
   record_walk records(wex_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == pid) {
-      wex_db_destroy(rec);
-      __wex_drop_record(&wex_chains, rec);
+      __wex_drop_registration(rec);
     }
   }
 }
@@ -188,10 +187,7 @@ void cancel_thread(int32_t tid) {
   record_walk records(wex_alive_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == tid) {
-      if (wex_in_alive_table(tid)) {
-        wex_sys_unreg_alive_info(static_cast<uint32_t>(tid));
-      }
-      __wex_drop_record(&wex_alive_chains, rec);
+      __wex_drop_thread(&wex_alive_chains, rec);
     }
   }
 }

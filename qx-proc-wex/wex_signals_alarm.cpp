@@ -20,11 +20,9 @@
 #include "wex_chain.h"
 #include "wex_clock.h"
 #include "wex_core_exit.h"
-#include "wex_core_spawn_guard.h"
+#include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
-#include "wex_pidfile.h"
-#include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_signals.h"
 #include "wex_signals_reaper.h"
@@ -47,8 +45,7 @@ bool drop_if_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> %s/%d is running!\n", "wex_alrm_handler", other->process, rec->pid);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
   return true;
 }
 
@@ -64,22 +61,6 @@ void end_wait(wex_pid* rec, int32_t now) {
   }
   ++rec->reboot_allow;
   rec->reboot_ref_time = now;
-}
-
-void restart_parked(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
-  const spawn_guard guard;
-  int32_t new_pid = -1;
-  const int32_t result = wex_spawn_as(action, rec, &new_pid);
-  if (result < 1) {
-    rec->restart_failed = result == 0 ? 1 : 0;
-    return;
-  }
-  __wex_adopt_pid(&wex_chains, rec, new_pid);
-  const char* const name = wex_program_name(rec);
-  printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
-                    rec->check_count, name, new_pid);
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", action.done, rec->check_count,
-          name, new_pid);
 }
 
 // Restarts what is due. The latest deadline of what still waits, or 0: one alarm is pending at a time, and
@@ -101,7 +82,9 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     }
     if (deadline < now) {
       end_wait(rec, now);
-      restart_parked(rec, *action);
+      if (__wex_start_again(&wex_chains, rec, *action, kAfterWait) > 0) {
+        wex_tell_restarted(rec, *action, kAfterWait);
+      }
     } else if (next < deadline) {
       next = deadline;
     }
