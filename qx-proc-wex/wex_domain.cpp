@@ -52,12 +52,6 @@ void wex_make_domain_dirs(int32_t vsd, unsigned maker) {
   }
 }
 
-bool wex_domain_exists(int32_t vsd) {
-  char path[kPathSize];
-  struct stat facts;
-  return wex_format(path, sizeof path, kDomainDirSlashFmt, vsd) && stat(path, &facts) == 0;
-}
-
 int wex_enter_run_dir(int32_t vsd) {
   char path[kPathSize];
   wex_format(path, sizeof path, kRunDomainFmt, vsd);

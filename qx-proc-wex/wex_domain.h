@@ -107,9 +107,6 @@ bool wex_has_second_disk();
 // ignored.
 void wex_make_domain_dirs(int32_t vsd, unsigned maker);
 
-// Whether the domain has its run-time directory.
-bool wex_domain_exists(int32_t vsd);
-
 // Changes to the directory in which the domain's programs run. 0, or -1 with errno.
 int wex_enter_run_dir(int32_t vsd);
 

@@ -9,9 +9,11 @@
 
 #include <cstdlib>
 
+#include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_dbg.h"
-#include "wex_domain.h"
+#include "wex_paths.h"
 #include "wex_vsd.h"
 
 namespace {
@@ -109,6 +111,11 @@ void handle_option_and_number(int argc, char** argv) {
   }
 }
 
+bool domain_present(int32_t vsd) {
+  char path[kPathSize];
+  return wex_format(path, sizeof path, kDomainDirFmt, vsd) && dir_walk(path).valid();
+}
+
 // wex add PROGRAM NUMBER
 void handle_add(char** argv) {
   if (argv[1] == nullptr || strcmp(argv[1], "add") != 0 || argv[2] == nullptr || argv[3] == nullptr) {
@@ -116,7 +123,7 @@ void handle_add(char** argv) {
     exit(kNotUnderstood);
   }
   const int32_t vsd = text_to_number(argv[3]);
-  if (!wex_domain_exists(vsd)) {
+  if (!domain_present(vsd)) {
     wex_print("vsd %d is not exist\n", vsd);
     return;
   }

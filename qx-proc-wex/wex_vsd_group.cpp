@@ -210,7 +210,10 @@ void measure_process(int32_t pid) {
 }
 
 void enforce_limit(int32_t vsd) {
-  const int64_t limit = wex_domain_exists(vsd) ? get_maxmem_set(vsd) : 0;
+  char domain[kPathSize];
+  wex_format(domain, sizeof domain, kDomainDirSlashFmt, vsd);
+  struct stat facts;
+  const int64_t limit = stat(domain, &facts) == 0 ? get_maxmem_set(vsd) : 0;
   if (limit == 0) {
     array_rss[vsd] = 0;
   } else if (static_cast<uint64_t>(limit) < array_rss[vsd]) {
