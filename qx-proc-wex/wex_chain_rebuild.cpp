@@ -46,7 +46,7 @@ void tell_stranger(const wex_pid* rec) {
 
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
 // found: nothing may ever be sent to such a pid.
-void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
   const wex_action* const known = wex_find_action(rec->action);
   const wex_action& action = known != nullptr ? *known : kRespawn;
   const int32_t result = __wex_start_again(chain, rec, action, kAtStart);

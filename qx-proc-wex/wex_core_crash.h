@@ -23,7 +23,8 @@ void __wex_note_crash(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Restarts the device when the crashes until `now` (monotonic seconds) break the rule. Called with no chain
 // held.
-void wex_apply_burst_rule(const burst_rule& rule, int32_t now);
+void wex_apply_burst_rule(const burst_rule& rule, int32_t now)
+    WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // The same for the present rule and the present time.
-void wex_judge_crashes();
+void wex_judge_crashes() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));

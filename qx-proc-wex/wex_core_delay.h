@@ -16,7 +16,7 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(
 
 // Reserves the memory of one postponed restart, so that it need not be waited for with the registry locked.
 // May wait: never with a chain held.
-void wex_reserve_delay();
+void wex_reserve_delay() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
 // True while a postponed restart of `pid` waits.

@@ -3,16 +3,7 @@
 
 #include <cstdint>
 
-// Kinds of process events.
-enum : uint32_t { kEventAck = 0, kEventExec = 2, kEventExit = 0x80000000u };
-
-struct process_event {
-  uint32_t kind;
-  int32_t pid;
-  int32_t tgid;
-  uint32_t exit_code;  // exit events: kernel wait status
-  uint64_t time_ns;    // monotonic, as the kernel counts; 0 = not stamped
-};
+#include "wex_core_process_event.h"
 
 // Notes crashes, applies the exit-burst rule and hands the exit of a whole process to the exit handler. An
 // exit that cannot be judged yet is put aside.

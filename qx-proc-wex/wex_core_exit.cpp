@@ -168,14 +168,14 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 // ---- event log --------------------------------------------------------------------------------------------
 
 // The file that the present count belongs to: 1, 2, or 0 for neither.
-int event_file() {
+int event_file() WEX_TSA(requires_capability(wex_chains)) {
   if (wex_event_log_count <= kFirstFileLast) {
     return 1;
   }
   return wex_event_log_count <= kSecondFileLast ? 2 : 0;
 }
 
-bool open_event_log(int file) {
+bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
   if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
     return true;
   }
@@ -184,7 +184,8 @@ bool open_event_log(int file) {
 }
 
 // False when the event log is wanted but cannot be written: then nothing is restarted.
-bool log_announcement(const wex_action& action, const char* name, int32_t pid, uint32_t code) {
+bool log_announcement(const wex_action& action, const char* name, int32_t pid, uint32_t code)
+    WEX_TSA(requires_capability(wex_chains)) {
   if (debug_log() != 0) {
     return true;
   }
@@ -213,7 +214,7 @@ void remove_event_log(const char* path, const char* name) {
   }
 }
 
-void log_success(const wex_action& action, wex_pid* rec) {
+void log_success(const wex_action& action, wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int file = debug_log() == 0 ? event_file() : 0;
   if (file == 0 || !open_event_log(file)) {
     return;
@@ -263,7 +264,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
 }
 
 // False when nothing may be restarted.
-bool announce(wex_pid* rec, const wex_action& action) {
+bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   const uint32_t code = rec->exit_signal;
   const char* const name = wex_program_name(rec);
   if (code == 0) {

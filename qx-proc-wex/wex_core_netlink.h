@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "wex_core_event.h"
+#include "wex_core_process_event.h"
 
 enum { kSubscriptionSize = 40 };
 

@@ -18,7 +18,7 @@ inline constexpr restart_road kAtStart = {"wex_chain", false, false, false};
 // Starts the record's program, or its script, and either has the record adopt the new pid or marks its
 // restart as failed; a record that was parked is not marked. The result of the spawner.
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
-                          const restart_road& road) WEX_TSA(requires_capability(chain));
+                          const restart_road& road) WEX_TSA(requires_capability(chain, wex_chains));
 
 // Tells the system log of a restart that found its process.
 void wex_tell_restarted(wex_pid* rec, const wex_action& action, const restart_road& road);

@@ -25,4 +25,4 @@ void wex_drop_domains_taken_down();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
 // `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.
-bool wex_drop_taken_down(int32_t pid);
+bool wex_drop_taken_down(int32_t pid) WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));

@@ -20,6 +20,7 @@
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"
 #include "wex_core_files.h"
+#include "wex_core_filter.h"
 #include "wex_core_long_delay.h"
 #include "wex_core_netlink.h"
 #include "wex_core_place.h"
@@ -37,7 +38,7 @@ namespace {
 
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
+  return rec->exit_seen == 0 && rec->is_thread == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
          !__wex_waits_for_restart(rec->pid);
 }
 
@@ -98,8 +99,10 @@ void wex_sweep_lost_exits() {
   {
     const int32_t now = wex_clock_now();
     chain_lock hold(wex_chains);
+    bool any_thread = false;
     record_walk walk(wex_chains);
     while (wex_pid* const rec = walk.next()) {
+      any_thread = any_thread || (rec->is_thread != 0 && wex_record_lives(rec));
       const verdict found = judge(rec, now);
       if (found == verdict::lost && count < kLostAtOnce) {
         lost[count++] = {rec->pid, rec->start_time};
@@ -107,6 +110,7 @@ void wex_sweep_lost_exits() {
         wex_request_sweep();
       }
     }
+    wex_pass_thread_ends(thread_ends_for::registrations, any_thread);
   }
   for (int i = 0; i < count; ++i) {
     hand_over(lost[i]);

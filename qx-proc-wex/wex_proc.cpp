@@ -7,7 +7,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 
 #include "dir_walk.h"
 #include "guarded_file.h"
+#include "own_scheduling.h"
 #include "ras_os.h"
 #include "raw_dir.h"
 #include "safe_io.h"
@@ -63,7 +63,7 @@ struct launch {
   char script[4096];
 };
 
-int g_fork_failures = 0;  // in a row; guarded by wex_chains
+int g_fork_failures WEX_TSA(guarded_by(wex_chains)) = 0;  // in a row
 
 const char* first_word(const launch& start) {
   return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
@@ -344,7 +344,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
 
 // The marker lies on the same file system whose exhaustion may be what makes fork fail, so failures are
 // counted in memory too.
-void note_fork_failure(const launch& start, int error) {
+void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capability(wex_chains)) {
   ++g_fork_failures;
   if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
     wex_end_unable_to_restart();
@@ -354,7 +354,7 @@ void note_fork_failure(const launch& start, int error) {
 
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
 // failures as end it anyway: the next daemon restarts every program that has a database file and no process.
-bool may_retry_fork() {
+bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
   wex_wait_with_registry(static_cast<int64_t>(kForkRetrySec) * 1000);
   if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     return true;
@@ -364,7 +364,8 @@ bool may_retry_fork() {
 }
 
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
-int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
+int32_t try_start(const launch& start, int32_t* out_pid, int* error)
+    WEX_TSA(requires_capability(wex_chains)) {
   const signals_held hold(SIGCHLD);
   const pid_t child = fork_child(start);
   *error = errno;
@@ -566,14 +567,11 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
 }
 
 int wex_set_priority(int priority) {
-  sched_param param = {};
-  param.sched_priority = priority;
-  return sched_setscheduler(0, SCHED_FIFO, &param);  // 0 is the calling thread
+  return set_own_scheduling(SCHED_FIFO, priority);
 }
 
 int wex_reset_priority(void) {
-  const sched_param param = {};
-  return sched_setscheduler(0, SCHED_OTHER, &param);
+  return set_own_scheduling(SCHED_OTHER, 0);
 }
 
 int wex_mk_forkfile(void) {

@@ -13,13 +13,13 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cstring>
 
 #include "cancel_held.h"
 #include "guarded_copy.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
+#include "request_flag.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
@@ -42,7 +42,7 @@ constexpr uint32_t kNoSequence = UINT32_MAX;
 constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
-pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
+checked_mutex init_mutex = {PTHREAD_MUTEX_INITIALIZER};
 uint8_t initialised;       // written under init_mutex, looked at without it
 int table_fd = -1;         // the daemon's; lives as long as the process
 guarded_copy table_bytes;  // open in the daemon only, before it has threads
@@ -50,14 +50,13 @@ guarded_copy table_bytes;  // open in the daemon only, before it has threads
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
 void forget_unfinished_init() {
-  init_mutex = PTHREAD_MUTEX_INITIALIZER;
+  init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
   if (initialised == 0) {
     g_wex_alive_info = {};
   }
 }
 
-// Under init_mutex.
-void watch_forks() {
+void watch_forks() WEX_TSA(requires_capability(init_mutex)) {
   static bool watched = false;
   if (!watched) {
     watched = pthread_atfork(nullptr, nullptr, forget_unfinished_init) == 0;
@@ -116,7 +115,7 @@ bool restore_length(int fd) {
 }
 
 // The daemon could not write a byte: its next look at the table must not count what may be missing.
-std::atomic<bool> g_write_failed{false};
+request_flag g_write_failed;
 
 void store(uint32_t offset, uint8_t byte) {
   if (!table_bytes.valid()) {
@@ -128,7 +127,7 @@ void store(uint32_t offset, uint8_t byte) {
   }
   if (!put_bytes(offset, &byte, sizeof byte) &&
       !(restore_length(private_fd()) && put_bytes(offset, &byte, sizeof byte))) {
-    g_write_failed.store(true, std::memory_order_relaxed);
+    g_write_failed.raise();
   }
 }
 
@@ -258,7 +257,7 @@ bool wex_alive_table_intact() {
     return false;
   }
   const bool whole = held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
-  return whole && !g_write_failed.exchange(false, std::memory_order_relaxed);
+  return whole && !g_write_failed.take();
 }
 
 int wex_alive_read_seq(uint32_t tid) {
