@@ -7,7 +7,7 @@ find_package(GTest REQUIRED)
 function(wex_add_tests name)
   cmake_parse_arguments(arg "DAEMON" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  target_link_libraries(${name} PRIVATE wex_core wex_test_harness ${arg_LIBRARIES} GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE wex_test_harness wex_core ${arg_LIBRARIES} GTest::gtest)
   target_link_libraries(${name} PRIVATE wex_warnings)
   target_compile_options(${name} PRIVATE -O0)  # what is tested is optimised; the tests need only be built quickly
   target_compile_definitions(${name} PRIVATE
