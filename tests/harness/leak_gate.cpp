@@ -35,7 +35,7 @@ constexpr const char* kTrees[] = {"/tmp", "/data", "/data2", "/ovix", "/qx_cfg",
 constexpr const char* kDirectories[] = {"/", "/etc", "/dev"};
 
 struct state {
-  std::set<std::string> descriptors, shared_memory, segments, semaphores, mounts, files;
+  std::set<std::string> descriptors, held_mutexes, shared_memory, segments, semaphores, mounts, files;
 };
 
 std::set<std::string>* g_found;  // nftw(3) passes nothing on
@@ -79,21 +79,6 @@ std::set<std::string> ipc_objects(const char* table) {
   return found;
 }
 
-state look() {
-  return {open_descriptors(),
-          set_of(list_dir("/dev/shm")),
-          ipc_objects("/proc/sysvipc/shm"),
-          ipc_objects("/proc/sysvipc/sem"),
-          set_of(lines_of(read_file("/proc/self/mounts"))),
-          files_now()};
-}
-
-std::vector<std::string> new_in(const std::set<std::string>& before, const std::set<std::string>& after) {
-  std::vector<std::string> extra;
-  std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(extra));
-  return extra;
-}
-
 // A mutex is held when another thread cannot have it; that thread may well be the one that forgot it.
 bool is_held(pthread_mutex_t& mutex) {
   bool held = false;
@@ -106,6 +91,35 @@ bool is_held(pthread_mutex_t& mutex) {
   });
   other.join();
   return held;
+}
+
+std::set<std::string> held_mutexes() {
+  const std::pair<const char*, wex_chains_t*> chains[] = {{"wex_chains", &wex_chains},
+                                                          {"wex_alive_chains", &wex_alive_chains},
+                                                          {"wex_chains_delay", &wex_chains_delay}};
+  std::set<std::string> held;
+  for (const auto& [name, chain] : chains) {
+    if (chain != nullptr && is_held(chain->mutex)) {
+      held.insert(name);
+    }
+  }
+  return held;
+}
+
+state look() {
+  return {open_descriptors(),
+          held_mutexes(),
+          set_of(list_dir("/dev/shm")),
+          ipc_objects("/proc/sysvipc/shm"),
+          ipc_objects("/proc/sysvipc/sem"),
+          set_of(lines_of(read_file("/proc/self/mounts"))),
+          files_now()};
+}
+
+std::vector<std::string> new_in(const std::set<std::string>& before, const std::set<std::string>& after) {
+  std::vector<std::string> extra;
+  std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(extra));
+  return extra;
 }
 
 bool has_children() {
@@ -183,17 +197,6 @@ void check_children() {
   }
 }
 
-void check_mutexes() {
-  const std::pair<const char*, wex_chains_t*> chains[] = {{"wex_chains", &wex_chains},
-                                                          {"wex_alive_chains", &wex_alive_chains},
-                                                          {"wex_chains_delay", &wex_chains_delay}};
-  for (const auto& [name, chain] : chains) {
-    if (chain != nullptr && is_held(chain->mutex)) {
-      report(kHeldMutexes, "a held mutex", name);
-    }
-  }
-}
-
 // A new directory tells of what lies in it.
 void check_files(const std::set<std::string>& before, const std::set<std::string>& after) {
   std::string last = "/";
@@ -214,9 +217,9 @@ class leak_gate : public testing::EmptyTestEventListener {
   }
   void OnTestEnd(const testing::TestInfo&) override {
     check_children();
-    check_mutexes();
     clean_world();
     const state after = look();
+    report_new(kHeldMutexes, "a held mutex", before_.held_mutexes, after.held_mutexes);
     report_new(kSharedMemory, "shared memory", before_.shared_memory, after.shared_memory);
     report_new(kSharedMemory, "a shared segment", before_.segments, after.segments);
     report_new(kSemaphores, "a semaphore", before_.semaphores, after.semaphores);

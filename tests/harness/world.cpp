@@ -5,8 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 
+#include "leak_gate.h"
 #include "wex.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -104,6 +106,7 @@ void clean_world() {
 }
 
 void WexWorld::SetUp() {
+  leaves_behind(kFiles, "/tmp/", INT_MAX, "services write what they like to a device that is thrown away");
   ASSERT_EQ(0, chdir("/"));
   setenv("DATA_OVIX_DIR", kDebugDir, 1);
   write_file(std::string(kDebugDir) + "/qx_utils/qx_utils_dbg_cfg.txt", kAllDebugOn);
