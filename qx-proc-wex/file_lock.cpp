@@ -5,7 +5,6 @@
 #include "file_lock.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -27,19 +26,9 @@ struct locked_file {
   char name[kPathSize];
 };
 
-locked_file* files = nullptr;
-pthread_mutex_t files_lock;
-pthread_once_t files_once = PTHREAD_ONCE_INIT;
+priority_mutex files_lock;
+locked_file* files WEX_TSA(guarded_by(files_lock)) WEX_TSA(pt_guarded_by(files_lock)) = nullptr;
 std::atomic<pid_t> holder{0};  // the process that holds the locks; 0 while none was remembered
-
-void create_files_lock() {
-  create_priority_mutex(&files_lock, PTHREAD_MUTEX_NORMAL);
-}
-
-pthread_mutex_t& ready_lock() {
-  pthread_once(&files_once, create_files_lock);
-  return files_lock;
-}
 
 bool is_same(const locked_file& file, const struct stat& facts) {
   return file.device == facts.st_dev && file.inode == facts.st_ino;
@@ -57,7 +46,7 @@ bool remember(const char* name, int fd) {
   file->device = facts.st_dev;
   file->inode = facts.st_ino;
   strncpy(file->name, name, sizeof file->name - 1);
-  const mutex_lock hold(ready_lock());
+  const mutex_lock hold(files_lock);
   file->next = files;
   files = file;
   holder.store(getpid(), std::memory_order_release);
@@ -85,7 +74,7 @@ void keep_locked_file(const char* name, unique_fd&& fd) {
 }
 
 void drop_locked_file(const char* name) {
-  const mutex_lock hold(ready_lock());
+  const mutex_lock hold(files_lock);
   for (locked_file** at = &files; *at != nullptr; at = &(*at)->next) {
     locked_file* const file = *at;
     if (strcmp(file->name, name) == 0) {
@@ -106,7 +95,7 @@ bool is_locked_file(const struct stat& facts) {
   if (!holds_locked_files()) {
     return false;
   }
-  const mutex_lock hold(ready_lock());
+  const mutex_lock hold(files_lock);
   const locked_file* file = files;
   while (file != nullptr && !is_same(*file, facts)) {
     file = file->next;
@@ -115,7 +104,7 @@ bool is_locked_file(const struct stat& facts) {
 }
 
 void relock_file(const struct stat& facts) {
-  const mutex_lock hold(ready_lock());
+  const mutex_lock hold(files_lock);
   for (const locked_file* file = files; file != nullptr; file = file->next) {
     if (is_same(*file, facts)) {
       wex_lock_file(file->fd);

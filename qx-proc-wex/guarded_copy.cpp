@@ -44,7 +44,7 @@ bool guarded_copy::open() noexcept {
 }
 
 bool guarded_copy::copy_piece(void* to, const void* from, size_t size) noexcept {
-  const mutex_lock hold(lock_.native);
+  const mutex_lock hold(lock_);
   ssize_t put;
   do {
     put = write(out_.get(), from, size);

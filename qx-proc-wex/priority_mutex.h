@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include "mutex_lock.h"
+
 // `type` is PTHREAD_MUTEX_NORMAL or PTHREAD_MUTEX_RECURSIVE. 0, or an error number. A kernel without priority
 // inheritance gives a mutex without it.
 inline int create_priority_mutex(pthread_mutex_t* mutex, int type) {
@@ -26,9 +28,8 @@ inline int create_priority_mutex(pthread_mutex_t* mutex, int type) {
 }
 
 // One for the life of the program, ready before main.
-struct priority_mutex {
+struct WEX_TSA(capability("mutex")) priority_mutex : checked_mutex {
   explicit priority_mutex(int type = PTHREAD_MUTEX_NORMAL) noexcept { create_priority_mutex(&native, type); }
   priority_mutex(const priority_mutex&) = delete;
   priority_mutex& operator=(const priority_mutex&) = delete;
-  pthread_mutex_t native;
 };

@@ -15,8 +15,9 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
-/* Clang checks at compile time that whoever walks or changes a chain holds its lock. */
-#if defined(__clang__)
+/* Clang checks at compile time that whoever walks or changes a chain holds its lock, and the order of locks.
+ * Only in C++, where a member can name its own object as its guard. */
+#if defined(__clang__) && defined(__cplusplus)
 #define WEX_TSA(attribute) __attribute__((attribute))
 #else
 #define WEX_TSA(attribute)
@@ -100,6 +101,7 @@ typedef struct wex_pid {
 
   int32_t exit_seen;      /* an exit of this very pid has been handled */
   int32_t restart_failed; /* the last restart left no process: the pid is a dead one */
+  int32_t is_thread;      /* the pid is that of a thread, whose end is no exit */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
   int32_t missed_child;   /* child of the last start, when its program was not found; else 0 */
   uint32_t missed_start;  /* number of that start until its end has been handled, 0 = none */
@@ -122,9 +124,9 @@ WEX_STATIC_ASSERT(offsetof(wex_pid, delay_start) == 4408 + 4 * sizeof(void*) + 2
 
 /* A hash table of records. Whoever looks into it or changes it holds `mutex`. */
 typedef struct WEX_TSA(capability("chain")) wex_chains_t {
-  wex_hnode* heads[WEX_CHAIN_BUCKETS];
+  wex_hnode* heads[WEX_CHAIN_BUCKETS] WEX_TSA(guarded_by(this));
   pthread_mutex_t mutex; /* recursive, priority inheriting */
-  int32_t count;
+  int32_t count WEX_TSA(guarded_by(this));
 } wex_chains_t;
 
 /* ---- Control messages ------------------------------------------------------------------------------ */

@@ -47,8 +47,8 @@ struct replacement {
   int32_t time;
 };
 
-replacement replaced[kReplacedKept];
-unsigned replaced_next = 0;
+replacement replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
+unsigned replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
 
 void link_at_head(wex_hnode** head, wex_hnode* node) {
   node->next = *head;
@@ -78,17 +78,17 @@ void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(cha
   chain->count--;
 }
 
-wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) {
+wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain)) {
   return &chain->heads[wex_hash_pid(pid)];
 }
 
-void note_replaced(int32_t old_pid, int32_t new_pid) {
+void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
   replaced[replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
   replaced_next++;
 }
 
 // The newest replacement of `pid`, unless it is too old or led to no process; else null.
-const replacement* find_replaced(int32_t pid) {
+const replacement* find_replaced(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   for (unsigned back = 1; back <= kReplacedKept; back++) {
     const replacement& entry = replaced[(replaced_next - back) % kReplacedKept];
     if (entry.old_pid == pid) {
@@ -244,12 +244,12 @@ wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) {
 }
 
 int wex_init_chains(wex_chains_t* chain) {
-  memset(chain->heads, 0, sizeof chain->heads);
   const int result = create_priority_mutex(&chain->mutex, PTHREAD_MUTEX_RECURSIVE);
   if (result != 0) {
     return result;
   }
   chain_lock hold(*chain);
+  memset(chain->heads, 0, sizeof chain->heads);
   chain->count = 0;
   return 0;
 }
@@ -273,6 +273,7 @@ void wex_note_identity(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
   rec->start_time = rec->pid > 0 && wex_proc_stat(rec->pid, &state, &start_time) ? start_time : 0;
+  rec->is_thread = rec->start_time != 0 && wex_is_thread(rec->pid) ? 1 : 0;
 }
 
 bool wex_record_lives(const wex_pid* rec) {

@@ -5,12 +5,9 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_lock_order.h"
 
 extern "C" {
-
-extern wex_chains_t wex_chains;        // processes registered for restart
-extern wex_chains_t wex_alive_chains;  // threads registered for hang detection
-extern wex_chains_t wex_chains_delay;  // copies of records whose restart is postponed
 
 // Bucket of a pid or thread id, 0 to 255.
 uint32_t wex_hash_pid(int32_t pid);
@@ -78,7 +75,8 @@ wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TS
 
 // The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
 // bucket, and gives the process the normal low-memory-killer score. For wex_chains.
-void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(chain));
+void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid)
+    WEX_TSA(requires_capability(chain, wex_chains));
 
 // Remembers the identity of the record's present process, so that a reused pid is not taken for it.
 void wex_note_identity(wex_pid* rec);
@@ -111,8 +109,11 @@ const char* wex_program_name(wex_pid* rec);
 // Visits every record, bucket 0 to 255, head to tail. The record just returned may be unlinked and freed.
 class record_walk {
  public:
-  explicit record_walk(const wex_chains_t& chain) noexcept : chain_(chain), ahead_(chain.heads[0]) {}
-  wex_pid* next() noexcept;
+  // Clang 14 looks at this only when the walk is a named variable.
+  explicit record_walk(const wex_chains_t& chain) noexcept WEX_TSA(requires_capability(chain))
+      : chain_(chain), ahead_(chain.heads[0]) {}
+  // Clang does not know that chain_ is the chain that the constructor was given, so it does not look here.
+  wex_pid* next() noexcept WEX_TSA(no_thread_safety_analysis);
 
  private:
   const wex_chains_t& chain_;

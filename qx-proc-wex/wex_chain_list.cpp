@@ -7,7 +7,6 @@
 #include "wex_list.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -43,13 +42,8 @@ struct known_list {
   size_t length;
 };
 
-known_list known;
-pthread_mutex_t list_lock;
-pthread_once_t list_once = PTHREAD_ONCE_INIT;
-
-void create_list_lock() {
-  create_priority_mutex(&list_lock, PTHREAD_MUTEX_NORMAL);
-}
+priority_mutex list_lock;
+known_list known WEX_TSA(guarded_by(list_lock));
 
 bool same_time(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -107,21 +101,21 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
   return kNoLine;
 }
 
-// Caller holds list_lock. Links are followed, as they were when the list was read: one that leads to the very
+// Links are followed, as they were when the list was read: one that leads to the very
 // file that is remembered hides nothing, whoever made it.
-bool is_known(const char* path) {
+bool is_known(const char* path) WEX_TSA(requires_capability(list_lock)) {
   struct stat facts;
   return known.text != nullptr && strcmp(known.path, path) == 0 && stat(path, &facts) == 0 &&
          same_file(known.mark, mark_of(facts));
 }
 
-void forget() {
+void forget() WEX_TSA(requires_capability(list_lock)) {
   free(known.text);
   known.text = nullptr;
 }
 
-// Remembers the list that `fd` is open on, unless it is large or still changing. Caller holds list_lock.
-bool remember(const char* path, int fd) {
+// Remembers the list that `fd` is open on, unless it is large or still changing.
+bool remember(const char* path, int fd) WEX_TSA(requires_capability(list_lock)) {
   struct stat facts;
   if (fstat(fd, &facts) != 0 || facts.st_size > kListRemembered || !has_settled(mark_of(facts)) ||
       strlen(path) >= sizeof known.path) {
@@ -148,7 +142,6 @@ bool remember(const char* path, int fd) {
 }
 
 list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
-  pthread_once(&list_once, create_list_lock);
   {
     mutex_lock hold(list_lock);
     if (is_known(path)) {

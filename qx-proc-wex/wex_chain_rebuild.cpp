@@ -43,7 +43,7 @@ using spawner = int32_t (*)(wex_pid* rec, int32_t* out_pid);
 
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
 // found: nothing may ever be sent to such a pid.
-void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
   const bool by_script = rec->action == SHELL_RESTART;
   const spawner spawn = by_script ? wex_shell_spawn : wex_spawn;
   int32_t new_pid = -1;

@@ -23,15 +23,17 @@ void* wex_delay_restart(void* unused);
 
 // Decides what happens to the registered process `pid` that has exited with `exit_signal` (kernel wait
 // status). Called with no chain held.
-void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart);
+void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
+    WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // The same for a start of a third-part program that found no process and whose child has ended since with
 // this wait status. Does nothing when the program has got another process meanwhile. Without a child (not
 // `forked`) the status is that of the exit before, whose crash has been counted. Called with no chain held.
-void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked);
+void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked)
+    WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
-// Restart events written to the event-log files; drives their alternation. Guarded by wex_chains.
-extern int32_t wex_event_log_count;
+// Restart events written to the event-log files; drives their alternation.
+extern int32_t wex_event_log_count WEX_TSA(guarded_by(wex_chains));
 
 // 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start
 // now. Takes the reserved memory; waits for memory when there is none.
@@ -65,7 +67,7 @@ void wex_log_thread_end(const char* thread, int code, int error);
 
 // Reserves the memory of one postponed restart, so that it need not be waited for with the registry locked.
 // May wait: never with a chain held.
-void wex_reserve_delay();
+void wex_reserve_delay() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
 // Registers `pid` when it runs a third-part program of which no other process is registered. The other does
@@ -89,7 +91,7 @@ void wex_wait_with_registry(int64_t milliseconds);
 void __wex_note_crash(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Restarts the device when too many programs have dumped core within the window. Called with no chain held.
-void wex_judge_crashes();
+void wex_judge_crashes() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // For a record that is about to be restarted: when its domain is being taken down, the record and its
 // database file are removed, and the result is true.
@@ -101,7 +103,7 @@ void wex_drop_domains_taken_down();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
 // `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.
-bool wex_drop_taken_down(int32_t pid);
+bool wex_drop_taken_down(int32_t pid) WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
 // Delay thread only; others ask for it.

@@ -7,6 +7,7 @@
 // daemon still has its socket, its lock file and its directory.
 #define WEX_MODULE "wex_core"
 #include "wex_core.h"
+#include "wex_core_filter.h"
 
 #include <pthread.h>
 #include <sys/prctl.h>
@@ -86,7 +87,8 @@ bool waits_for_restart(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
 
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 && !waits_for_restart(rec->pid);
+  return rec->exit_seen == 0 && rec->is_thread == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
+         !waits_for_restart(rec->pid);
 }
 
 struct lost_exit {
@@ -165,8 +167,10 @@ void wex_sweep_lost_exits() {
   {
     const int32_t now = wex_clock_now();
     chain_lock hold(wex_chains);
+    bool any_thread = false;
     record_walk walk(wex_chains);
     while (wex_pid* const rec = walk.next()) {
+      any_thread = any_thread || (rec->is_thread != 0 && wex_record_lives(rec));
       const verdict found = judge(rec, now);
       if (found == verdict::lost && count < kLostAtOnce) {
         lost[count++] = {rec->pid, rec->start_time};
@@ -174,6 +178,7 @@ void wex_sweep_lost_exits() {
         wex_request_sweep();
       }
     }
+    wex_pass_thread_ends(thread_ends_for::registrations, any_thread);
   }
   for (int i = 0; i < count; ++i) {
     hand_over(lost[i]);

@@ -13,14 +13,13 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_core.h"
+#include "wex_core_filter.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 
 namespace {
-
-constexpr uint32_t kCoreDumped = 0x80;
 
 // ---- crashes ----------------------------------------------------------------------------------------------
 
@@ -152,12 +151,20 @@ bool settle(const reported_exit& exit, int looks_left) {
   return true;
 }
 
+void pass_thread_ends_while_undecided() {
+  wex_pass_thread_ends(thread_ends_for::undecided_exits, g_unsettled_count > 0);
+}
+
 void put_aside(const reported_exit& exit) {
-  if (g_unsettled_count < kUnsettledExits) {
-    g_unsettled[g_unsettled_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
-  } else {
+  if (g_unsettled_count >= kUnsettledExits) {
     wex_handle_netlink_exit(exit.pid, exit.code, 0);
+    return;
   }
+  wex_pass_thread_ends(thread_ends_for::undecided_exits, true);
+  if (!settle(exit, kExitLooks)) {  // the last thread may have ended just before
+    g_unsettled[g_unsettled_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
+  }
+  pass_thread_ends_while_undecided();
 }
 
 // A thread of the process ended: perhaps the last one that the decision waits for.
@@ -252,5 +259,6 @@ int wex_settle_exits() {
     g_unsettled[kept++] = entry;
   }
   g_unsettled_count = kept;
+  pass_thread_ends_while_undecided();
   return kept == 0 ? -1 : static_cast<int>(std::max<int64_t>(next - wex_clock_ms(), 0));
 }

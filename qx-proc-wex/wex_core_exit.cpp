@@ -203,14 +203,14 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 // ---- event log --------------------------------------------------------------------------------------------
 
 // The file that the present count belongs to: 1, 2, or 0 for neither.
-int event_file() {
+int event_file() WEX_TSA(requires_capability(wex_chains)) {
   if (wex_event_log_count <= kFirstFileLast) {
     return 1;
   }
   return wex_event_log_count <= kSecondFileLast ? 2 : 0;
 }
 
-bool open_event_log(int file) {
+bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
   if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
     return true;
   }
@@ -219,7 +219,8 @@ bool open_event_log(int file) {
 }
 
 // False when the event log is wanted but cannot be written: then nothing is restarted.
-bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, uint32_t code) {
+bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, uint32_t code)
+    WEX_TSA(requires_capability(wex_chains)) {
   if (debug_log() != 0) {
     return true;
   }
@@ -248,7 +249,8 @@ void remove_event_log(const char* path, const char* name) {
   }
 }
 
-void log_success(const restart_kind& kind, const char* name, int32_t times, int32_t new_pid) {
+void log_success(const restart_kind& kind, const char* name, int32_t times, int32_t new_pid)
+    WEX_TSA(requires_capability(wex_chains)) {
   const int file = debug_log() == 0 ? event_file() : 0;
   if (file == 0 || !open_event_log(file)) {
     return;
@@ -298,7 +300,7 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
 }
 
 // False when nothing may be restarted.
-bool announce(wex_pid* rec, const restart_kind& kind) {
+bool announce(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
   const uint32_t code = rec->exit_signal;
   const char* const name = wex_program_name(rec);
   if (code == 0) {
@@ -312,7 +314,7 @@ bool announce(wex_pid* rec, const restart_kind& kind) {
   return log_announcement(kind, name, rec->pid, code);
 }
 
-void announce_success(wex_pid* rec, const restart_kind& kind) {
+void announce_success(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
   const char* const name = wex_program_name(rec);
   if (rec->exit_signal == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);

@@ -8,8 +8,6 @@
 // all notes wait, no other program is noted.
 #define WEX_MODULE "wex_core"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -35,16 +33,11 @@ struct waiting_notes {
   int32_t told_at;  // monotonic seconds
 };
 
-waiting_notes g_waiting;
-pthread_mutex_t g_mutex;
-pthread_once_t g_mutex_made = PTHREAD_ONCE_INIT;
-
-void make_mutex() {
-  create_priority_mutex(&g_mutex, PTHREAD_MUTEX_NORMAL);
-}
+priority_mutex g_mutex;
+waiting_notes g_waiting WEX_TSA(guarded_by(g_mutex));
 
 // The program's own note, else a new one at the end; null when there is no room.
-note* find_note(const char* program) {
+note* find_note(const char* program) WEX_TSA(requires_capability(g_mutex)) {
   note* const end = g_waiting.notes + g_waiting.count;
   note* const own = std::find_if(
       g_waiting.notes, end, [program](const note& entry) { return strcmp(entry.program, program) == 0; });
@@ -78,7 +71,6 @@ bool take_note(note* out) {
 }  // namespace
 
 void wex_note_long_delay(const char* process, int32_t pid, int32_t delay) {
-  pthread_once(&g_mutex_made, make_mutex);
   char program[sizeof(note::program)];
   wex_copy_text(program, sizeof program, process);
   program[strcspn(program, " ")] = '\0';
@@ -91,7 +83,6 @@ void wex_note_long_delay(const char* process, int32_t pid, int32_t delay) {
 }
 
 void wex_tell_long_delays() {
-  pthread_once(&g_mutex_made, make_mutex);
   note entry = {};
   if (take_note(&entry)) {
     wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", entry.pid, entry.delay);

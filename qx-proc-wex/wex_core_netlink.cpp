@@ -4,8 +4,6 @@
 #define WEX_MODULE "wex_core"
 #include "wex_core_netlink.h"
 
-#include <arpa/inet.h>
-#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -20,6 +18,7 @@
 #include "unique_fd.h"
 #include "wex_core.h"
 #include "wex_core_event.h"
+#include "wex_core_filter.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -35,18 +34,6 @@ constexpr uint32_t kProcessGroup = 1;  // CN_IDX_PROC, also the multicast group
 constexpr uint32_t kProcessValue = 1;  // CN_VAL_PROC
 constexpr uint32_t kListen = 1;        // PROC_CN_MCAST_LISTEN
 constexpr size_t kDatagramMax = 1024;
-
-// Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
-// time stamp, so fields are copied out one by one.
-enum : size_t {
-  kLenAt = 0,
-  kTypeAt = 4,
-  kKindAt = 36,
-  kTimeAt = 44,
-  kPidAt = 52,
-  kTgidAt = 56,
-  kCodeAt = 60
-};
 
 template <typename T>
 T field(const uint8_t* message, size_t at) {
@@ -96,23 +83,6 @@ struct outcome {
   int code;
   int error;
 };
-
-// Forks, renames and the like of unrelated processes must not crowd out an exit. Failing is not fatal.
-void attach_filter(int fd) {
-  // The filter machine loads words in network order, the message is in host order.
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKindAt),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExit), 3, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExec), 2, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventAck), 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, 0),
-      BPF_STMT(BPF_RET | BPF_K, 0xffffffffu),
-  };
-  const sock_fprog filter = {sizeof program / sizeof program[0], program};
-  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", kThreadName, strerror(errno));
-  }
-}
 
 void enlarge_buffer(int fd) {
   const int wanted = kEventBuffer;
@@ -167,7 +137,7 @@ outcome set_up(unique_fd* events) {
   }
   ras_os_set_fd_close_on_exec(events->get());
   enlarge_buffer(events->get());
-  attach_filter(events->get());
+  wex_attach_filter(events->get());
   if (!bind_to_events(events->get())) {
     const int error = errno;
     wex_dbg(WEX_DBG_PUB, "%s: binding sk_nl fail: %s\n", kThreadName, strerror(error));
@@ -335,6 +305,7 @@ extern "C" void* wex_process_netlink(void* /*unused*/) {
   if (end.code == 0) {
     end = watch(events.get());
   }
+  wex_release_filter();
   wex_raise_exit_flag();
   wex_log_thread_end(kThreadName, end.code, end.error);
   return nullptr;

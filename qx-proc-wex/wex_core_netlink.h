@@ -7,6 +7,20 @@
 // Kinds of process events.
 enum : uint32_t { kEventAck = 0, kEventExec = 2, kEventExit = 0x80000000u };
 
+constexpr uint32_t kCoreDumped = 0x80;  // in an exit code
+
+// Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
+// time stamp, so fields are copied out one by one.
+enum : uint32_t {
+  kLenAt = 0,
+  kTypeAt = 4,
+  kKindAt = 36,
+  kTimeAt = 44,
+  kPidAt = 52,
+  kTgidAt = 56,
+  kCodeAt = 60
+};
+
 struct process_event {
   uint32_t kind;
   int32_t pid;

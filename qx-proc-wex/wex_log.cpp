@@ -45,7 +45,7 @@ enum { kCountMissing = -2, kCountUnreadable = -1 };
 // Threads of every priority write here.
 priority_mutex running_mutex;
 priority_mutex event_mutex;
-int event_fd = -1;  // the open event log, or -1; guarded by event_mutex
+int event_fd WEX_TSA(guarded_by(event_mutex)) = -1;  // the open event log, or -1
 
 // ---- Files ------------------------------------------------------------------------------------------------
 
@@ -218,7 +218,7 @@ void append_running_entry(const char* message) {
   const char* path;
   written_entry written;
   {
-    const mutex_lock hold(running_mutex.native);
+    const mutex_lock hold(running_mutex);
     path = choose_running_file();
     if (path == nullptr) {
       return;
@@ -325,14 +325,14 @@ int wex_openlog(const char* path) {
   if (!file.valid()) {
     return -1;
   }
-  const mutex_lock hold(event_mutex.native);
+  const mutex_lock hold(event_mutex);
   const unique_fd forgotten(event_fd);  // an opener who did not close does not cost a descriptor
   event_fd = file.release();
   return 0;
 }
 
 void wex_log(const char* format, ...) {
-  const mutex_lock hold(event_mutex.native);
+  const mutex_lock hold(event_mutex);
   if (event_fd < 0) {
     return;
   }
@@ -347,7 +347,7 @@ void wex_log(const char* format, ...) {
 }
 
 void wex_closelog(void) {
-  const mutex_lock hold(event_mutex.native);
+  const mutex_lock hold(event_mutex);
   const unique_fd open_log(event_fd);
   event_fd = -1;
 }

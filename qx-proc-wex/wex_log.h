@@ -4,6 +4,7 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_lock_order.h"
 
 extern "C" {
 
@@ -15,9 +16,9 @@ void wex_running_log_once(const char* format, ...) WEX_PRINTF(1, 2);
 
 // The event log: open (0, or -1), append, close. Caller holds wex_chains from open to close. Without an open
 // log wex_log does nothing.
-int wex_openlog(const char* path);
-void wex_log(const char* format, ...) WEX_PRINTF(1, 2);
-void wex_closelog(void);
+int wex_openlog(const char* path) WEX_TSA(requires_capability(wex_chains));
+void wex_log(const char* format, ...) WEX_PRINTF(1, 2) WEX_TSA(requires_capability(wex_chains));
+void wex_closelog(void) WEX_TSA(requires_capability(wex_chains));
 
 // One entry of the hang ring. Watchdog thread only.
 void wex_log_notify_info(const char* path, const char* format, ...) WEX_PRINTF(2, 3);

@@ -12,6 +12,7 @@
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_filter.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
@@ -96,6 +97,9 @@ bool insert_process(wex_pid* rec) {
   }
   __wex_drop_failed(rec->process, rec->vsd, rec->pid);
   wex_note_identity(rec);
+  if (rec->is_thread != 0) {
+    wex_pass_thread_ends(thread_ends_for::registrations, true);
+  }
   __wex_add_record(&wex_chains, rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
     rec->gone_since = wex_clock_now();

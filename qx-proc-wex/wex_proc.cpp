@@ -61,7 +61,7 @@ struct launch {
   char script[4096];
 };
 
-int g_fork_failures = 0;  // in a row; guarded by wex_chains
+int g_fork_failures WEX_TSA(guarded_by(wex_chains)) = 0;  // in a row
 
 const char* first_word(const launch& start) {
   return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
@@ -370,7 +370,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
 
 // The marker lies on the same file system whose exhaustion may be what makes fork fail, so failures are
 // counted in memory too.
-void note_fork_failure(const launch& start, int error) {
+void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capability(wex_chains)) {
   ++g_fork_failures;
   if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
     wex_end_unable_to_restart();
@@ -380,7 +380,7 @@ void note_fork_failure(const launch& start, int error) {
 
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
 // failures as end it anyway: the next daemon restarts every program that has a database file and no process.
-bool may_retry_fork() {
+bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
   wex_wait_with_registry(static_cast<int64_t>(kForkRetrySec) * 1000);
   if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     return true;
@@ -390,7 +390,8 @@ bool may_retry_fork() {
 }
 
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
-int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
+int32_t try_start(const launch& start, int32_t* out_pid, int* error)
+    WEX_TSA(requires_capability(wex_chains)) {
   const signals_held hold(SIGCHLD);
   const pid_t child = fork_child(start);
   *error = errno;
@@ -407,7 +408,8 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error) {
   return *out_pid;
 }
 
-int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind) {
+int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind)
+    WEX_TSA(requires_capability(wex_chains)) {
   *out_pid = -1;
   const int32_t now = wex_clock_now();
   if (rec->check_start == 0) {

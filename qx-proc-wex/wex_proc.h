@@ -2,15 +2,16 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_lock_order.h"
 
 extern "C" {
 
 // Starts the record's program (RESPAWN) or its restart script (SHELL_RESTART) in place of the process
 // rec->pid. The new pid (> 0); 0 when a third-part program was started but its process was not found; -1
 // when the record was parked for its self-check. *out_pid is the new pid, or -1. Repeats a failed fork every
-// 5 s. Caller holds wex_chains, or is the only thread.
-int32_t wex_spawn(wex_pid* rec, int32_t* out_pid);
-int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid);
+// 5 s.
+int32_t wex_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capability(wex_chains));
+int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capability(wex_chains));
 
 // Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.
 void wex_create_std_fd(int cloexec);

@@ -118,15 +118,16 @@ int refuse_record(ssize_t got) {
 
 struct connection {
   std::atomic<int32_t> owner;  // process that uses it; negative while a thread of that process takes it over
-  pthread_mutex_t mutex;       // held for a whole request
-  int sd;                      // -1 = not connected; closed by the kernel at the end
-  ino_t inode;                 // of the socket behind `sd`
+  checked_mutex mutex;         // held for a whole request
+  // -1 = not connected; closed by the kernel at the end. With the inode of the socket behind it.
+  int sd WEX_TSA(guarded_by(mutex));
+  ino_t inode WEX_TSA(guarded_by(mutex));
 };
 
-connection session = {{0}, PTHREAD_MUTEX_INITIALIZER, -1, 0};
+connection session = {{0}, {PTHREAD_MUTEX_INITIALIZER}, -1, 0};
 
 // A forked child may have closed everything and opened something else since: only the very socket is closed.
-void forget_inherited() {
+void forget_inherited() WEX_TSA(requires_capability(session.mutex)) {
   struct stat now = {};
   if (session.sd >= 0 && fstat(session.sd, &now) == 0 && S_ISSOCK(now.st_mode) &&
       now.st_ino == session.inode) {
@@ -136,13 +137,14 @@ void forget_inherited() {
 }
 
 // A forked child must not share its parent's connection, nor wait for a mutex whose holder is not in it. The
-// first thread of the child that comes here starts afresh, the others wait for it.
-void own_connection() {
+// first thread of the child that comes here starts afresh, the others wait for it: until it stores its pid it
+// has the connection to itself, without the mutex.
+void own_connection() WEX_TSA(no_thread_safety_analysis) {
   const int32_t self = getpid();
   int32_t owner = session.owner.load(std::memory_order_acquire);
   while (owner != self) {
     if (owner != -self && session.owner.compare_exchange_strong(owner, -self, std::memory_order_acq_rel)) {
-      session.mutex = PTHREAD_MUTEX_INITIALIZER;
+      session.mutex.native = PTHREAD_MUTEX_INITIALIZER;
       forget_inherited();
       session.owner.store(self, std::memory_order_release);
       return;
@@ -152,7 +154,7 @@ void own_connection() {
   }
 }
 
-void disconnect() {
+void disconnect() WEX_TSA(requires_capability(session.mutex)) {
   close_emptied(session.sd);
   session.sd = -1;
 }
@@ -252,7 +254,7 @@ int wex_connect() {
 }
 
 // Keeps the present connection if it is usable, else makes one. False when there is none.
-bool ensure_connection() {
+bool ensure_connection() WEX_TSA(requires_capability(session.mutex)) {
   if (session.sd >= 0 && wex_check_socket(session.sd) < 0) {
     wex_dbg(WEX_DBG_PUB, "wex_check_socket <0: pid=%d, tid=%ld\r\n", static_cast<int>(getpid()),
             static_cast<long>(wex_thread_id()));
@@ -302,8 +304,9 @@ wex_inner_msg* build_request(uint32_t msg_type, const char* name, const void* pa
   return msg;
 }
 
-// One request over the connection. The caller holds the connection's mutex.
-int exchange(const wex_inner_msg* msg, bool wait_ack, bool ignore_connect_fail) {
+// One request over the connection.
+int exchange(const wex_inner_msg* msg, bool wait_ack, bool ignore_connect_fail)
+    WEX_TSA(requires_capability(session.mutex)) {
   if (!ensure_connection()) {
     wex_dbg(WEX_DBG_PUB, "%s: connect fail(ret:%d)\n", "wex_rpc", -1);
     return ignore_connect_fail ? 0 : -1;

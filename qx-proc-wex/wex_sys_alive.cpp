@@ -42,7 +42,7 @@ constexpr uint32_t kNoSequence = UINT32_MAX;
 constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
-pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
+checked_mutex init_mutex = {PTHREAD_MUTEX_INITIALIZER};
 uint8_t initialised;       // written under init_mutex, looked at without it
 int table_fd = -1;         // the daemon's; lives as long as the process
 guarded_copy table_bytes;  // open in the daemon only, before it has threads
@@ -50,14 +50,13 @@ guarded_copy table_bytes;  // open in the daemon only, before it has threads
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
 void forget_unfinished_init() {
-  init_mutex = PTHREAD_MUTEX_INITIALIZER;
+  init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
   if (initialised == 0) {
     g_wex_alive_info = {};
   }
 }
 
-// Under init_mutex.
-void watch_forks() {
+void watch_forks() WEX_TSA(requires_capability(init_mutex)) {
   static bool watched = false;
   if (!watched) {
     watched = pthread_atfork(nullptr, nullptr, forget_unfinished_init) == 0;

@@ -336,6 +336,11 @@ bool wex_pid_exists(int32_t pid) {
   return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH);
 }
 
+bool wex_is_thread(int32_t pid) {
+  // The kernel finds a thread by its id in every process, but its process only by that of the first one.
+  return pid > 0 && syscall(SYS_tgkill, pid, pid, 0) != 0 && errno == ESRCH && wex_pid_exists(pid);
+}
+
 bool wex_looks_alive(int32_t pid) {
   char text[kStatSize];
   const char* const state = read_stat(pid, text, sizeof(text));

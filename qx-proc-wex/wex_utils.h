@@ -90,6 +90,9 @@ bool wex_proc_lives(int32_t pid, uint64_t start_time);
 // False when the kernel knows of no such process or thread.
 bool wex_pid_exists(int32_t pid);
 
+// True when it is the id of a thread other than the first of its process.
+bool wex_is_thread(int32_t pid);
+
 // One of the looks of process_life(): true when it shows a living process.
 bool wex_looks_alive(int32_t pid);
 

@@ -239,7 +239,7 @@ class busy_clients {
 TEST_F(BadLuck, BusyClientsMakeNobodyWaitForLong) {
   start();
   start_services(1);
-  for (const size_t count : {200, 1000}) {
+  for (const size_t count : {200u, 1000u}) {
     const busy_clients crowd(count, pids[0]);
     std::vector<long> waits;
     for (int round = 0; round < 15; ++round) {

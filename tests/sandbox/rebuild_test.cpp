@@ -33,7 +33,7 @@ TEST_F(StartWithTheDead, KilledAnywhereItLeavesEachProgramToRunOnce) {
   constexpr int kPrograms = 60;
   register_dead(kPrograms);
   Daemon daemon;
-  for (const size_t left : {50, 35, 20, 5}) {
+  for (const size_t left : {50u, 35u, 20u, 5u}) {
     Process starting;
     ASSERT_TRUE(starting.start({Daemon::binary()}));
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir).size() <= left; }, 20s));

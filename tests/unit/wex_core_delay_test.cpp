@@ -382,7 +382,7 @@ TEST_F(Delay, ATakeDownForgetsWhatWaitsInItsDomainAndNothingElse) {
   }
   EXPECT_EQ(0, count(wex_chains_delay));
   chain_lock hold(wex_chains);
-  for (const size_t left : {4, 5, 6}) {
+  for (const size_t left : {4u, 5u, 6u}) {
     __wex_drop_record(&wex_chains, records[left]);
   }
 }

@@ -7,10 +7,34 @@
 #include <sys/syscall.h>
 #include <time.h>
 
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <utility>
+
 #include "parked_world.h"
+#include "wex_core_filter.h"
 #include "wex_signals.h"
 
 using namespace parked;
+
+namespace {
+
+// Called once, just before the ends of threads are let through.
+std::function<void()> g_before_filter_passes;
+
+}  // namespace
+
+void real_pass_thread_ends(thread_ends_for whom,
+                           bool pass) __asm__("__real__Z20wex_pass_thread_ends15thread_ends_forb");
+void wrap_pass_thread_ends(thread_ends_for whom,
+                           bool pass) __asm__("__wrap__Z20wex_pass_thread_ends15thread_ends_forb");
+void wrap_pass_thread_ends(thread_ends_for whom, bool pass) {
+  if (pass && g_before_filter_passes) {
+    std::exchange(g_before_filter_passes, nullptr)();
+  }
+  real_pass_thread_ends(whom, pass);
+}
 
 namespace {
 
@@ -264,6 +288,47 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
   }
   EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+}
+
+// The kernel need not report it, and may have no room to.
+TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
+  std::atomic<int32_t> tid{0};
+  std::atomic<bool> over{false};
+  std::thread thread([&] {
+    tid = wex_thread_id();
+    while (!over) {
+      usleep(1000);
+    }
+  });
+  ASSERT_TRUE(soon([&] { return tid != 0; }));
+  const wex_pid* const rec = add(tid);
+  EXPECT_EQ(1, rec->is_thread);
+  over = true;
+  thread.join();
+  ASSERT_TRUE(soon([&] { return !wex_pid_exists(tid); }));
+  wex_monitor_read_until = INT32_MAX;
+  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+  }
+  EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
+}
+
+TEST_F(Event, OfAMainThreadIsDecidedWhenTheLastThreadEndsBeforeItsEndIsReported) {
+  int hold[2];
+  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  const pid_t child = without_main_thread(hold);
+  ASSERT_GT(child, 0);
+  const wex_pid* const rec = add(child);
+  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  g_before_filter_passes = [&] {
+    close(hold[1]);
+    ASSERT_TRUE(soon([&] { return wex_look_at(child).threads == 1; }));
+  };
+  wex_take_exit_event(exit_of(child, 139));
+  EXPECT_NE(child, pid_of(rec)) << "nobody reports the thread, so it must be looked for";
+  EXPECT_EQ(-1, wex_settle_exits());
+  close(hold[0]);
 }
 
 TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {
