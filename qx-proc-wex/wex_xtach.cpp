@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <glob.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -16,11 +15,16 @@
 #include <cstdlib>
 
 #include "cancel_held.h"
+#include "guarded_file.h"
+#include "own_scheduling.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_alive_guard.h"
 #include "wex_child.h"
+#include "wex_clock.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -127,8 +131,7 @@ pid_t fork_program(const char* program, int32_t* pid_out) {
 // The child's part. Returns only when the child cannot change to "/".
 int32_t become_program(const char* program, char* const* argv) {
   setsid();
-  const sched_param ordinary = {};
-  sched_setscheduler(0, SCHED_OTHER, &ordinary);
+  set_own_scheduling(SCHED_OTHER, 0);
   reset_signal_actions();
   const int result = chdir(kRootDir);
   if (result != 0) {
