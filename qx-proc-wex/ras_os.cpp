@@ -97,11 +97,12 @@ int map_object(const char* name, uint32_t size, ras_os_record_memory_t* handle, 
   }
   handle->size = length;
   handle->addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, object.get(), 0);
-  if (handle->addr == MAP_FAILED) {  // and so it stays, as programs of the device expect
+  // Kept: the address stays MAP_FAILED after a failure, see docs/decisions.md.
+  if (handle->addr == MAP_FAILED) {
     *cause = errno;
     return kNotMapped;
   }
-  object.release();  // stays open for the life of the process: part of the interface
+  object.release();  // Kept: open for the life of the process, see docs/decisions.md.
   return 0;
 }
 
@@ -214,7 +215,8 @@ int ras_os_init_record_memory(const char* name, uint32_t size, ras_os_record_mem
     return 0;
   }
   if (result != kNotOpened) {
-    shm_unlink(name);  // for every process, also when it was there before
+    // Kept: removed for every process, also when it was there before, see docs/decisions.md.
+    shm_unlink(name);
   }
   free(handle->name);
   handle->name = nullptr;

@@ -274,6 +274,7 @@ int wex_client_unreg_thread_notify(int32_t tid);
 
 /* While its value is not 0 no hang countdown runs. The daemon creates it; programs that need long quiet
  * times raise and lower it through the id that wex_get_semid() finds. */
+/* Kept: "semphore", see docs/decisions.md. */
 #define WEX_SEM_KEY_FILE "/tmp/.wex_semphore_path"
 enum { WEX_SEM_PROJECT = 1, WEX_SEM_KEY_TRIES = 30 };
 

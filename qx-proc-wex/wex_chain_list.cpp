@@ -59,8 +59,8 @@ file_mark mark_of(const struct stat& facts) {
   return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim, facts.st_ctim};
 }
 
-// A file that changed just now may change again within the same tick of its time stamp: such a state says
-// nothing about the next moment. Some file systems count whole seconds.
+// A file that changed just now may change again within the same tick of its time stamp, and would look
+// unchanged. Some file systems count whole seconds. So such a state is not remembered.
 bool has_settled(const file_mark& mark) {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);

@@ -48,7 +48,7 @@ enum { kMonitor, kServer, kNotifier, kForkWatcher, kDelay, kThreads };
 struct worker {
   void* (*body)(void*);
   const char* name;
-  const char* suffix;  // the fixed texts are not all alike
+  const char* suffix;  // Kept: one text has no "thread", see docs/decisions.md.
 };
 constexpr worker kWorkers[kThreads] = {
     {wex_process_netlink, "wex_process_netlink", " thread"},
@@ -201,7 +201,7 @@ bool others_have_ended(const threads& running) {
   }
   lock.reset();
   wex_running_log("Exit.\r\n");
-  _exit(0);  // the fork watcher still runs: nothing of the process may be taken apart under it
+  _exit(0);  // not exit(): the fork watcher still runs and uses what the clean-up would destroy
 }
 
 }  // namespace
@@ -238,7 +238,7 @@ int main(int argc, char** argv) {
     return -1;
   }
   const unique_fd directory = hold_directory(lock.get());
-  hide_open_files();  // what our starter left open is not for the programs that we start
+  hide_open_files();  // files that our starter left open are not inherited by the programs we start
   raise_open_file_limit();
   make_directories();
   wex_log_moved_names();

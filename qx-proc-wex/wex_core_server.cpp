@@ -415,8 +415,8 @@ bool set_up(server& self) {
   return open_interest(self);
 }
 
-// A table that was never filled still holds zeros, and descriptor 0 goes with it: once, for the number may be
-// another thread's file a moment later.
+// Kept: a table that was never filled holds zeros, so descriptor 0 is closed, see docs/decisions.md. Once
+// only: another thread may have opened a file under that number by the second time.
 void close_clients(const server& self) {
   if (!self.table_ready) {
     close(client_table[0]);

@@ -22,5 +22,6 @@ void wex_wait_exit(int64_t milliseconds);
 // Writes "Thread ... exit" to the running log: the last line of a thread that ends the daemon.
 void wex_log_thread_end(const char* thread, int code, int error);
 
-// Ends the daemon at once because nothing can be restarted any more: running log, marker, status 1.
+// Ends the daemon at once because nothing can be restarted any more: running log, fork-failure file,
+// status 1.
 [[noreturn]] void wex_end_unable_to_restart();

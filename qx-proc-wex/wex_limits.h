@@ -33,6 +33,7 @@ inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
 inline constexpr int32_t kBurstCount = 10;
+// Kept: sixteen markers although there is no domain 16, and none for domain 0, see docs/decisions.md.
 inline constexpr int kLastTakeDownDomain = 16;  // take-down markers of domains 1 to 16 are looked at
 
 // Postponed restarts and repairs.

@@ -45,11 +45,11 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
     result = wex_read_command(body.pid, command, size);
   }
   if (result == command_read::program) {
-    char told[sizeof body.process + 1] = {};
-    memcpy(told, body.process, sizeof body.process);
+    char from_message[sizeof body.process + 1] = {};
+    memcpy(from_message, body.process, sizeof body.process);
     const size_t length = strlen(command);
-    if (strncmp(told, command, length) == 0 && told[length] == ' ') {
-      wex_copy_text(command, size, told);
+    if (strncmp(from_message, command, length) == 0 && from_message[length] == ' ') {
+      wex_copy_text(command, size, from_message);
     }
   }
   return result != command_read::nothing;
@@ -155,7 +155,7 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
 }
 
 // Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
-wex_pid* settle_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
+wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
     WEX_TSA(requires_capability(wex_alive_chains)) {
   wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
   if (known == nullptr) {
@@ -177,7 +177,7 @@ int register_thread(const wex_reg_info& body, const notify_kind& kind) {
   }
   wex_pid* const fresh = build_thread(body, command);
   const chain_lock hold(wex_alive_chains);
-  wex_pid* const rec = settle_thread(fresh, body, kind.renews);
+  wex_pid* const rec = find_or_add_thread(fresh, body, kind.renews);
   if (wex_in_alive_table(body.pid)) {
     const auto tid = static_cast<uint32_t>(body.pid);
     wex_sys_reg_alive_info(tid);

@@ -1,7 +1,8 @@
 // wex_opt: the command line, a small tool for domains in the daemon's own program.
 //
-// Runs before the daemon has threads or its lock. Some wrong commands return to start-up, as they always
-// have; there the single-instance lock stops them while a daemon runs.
+// Runs before the daemon has threads or its lock.
+// Kept: some wrong commands go on to start the daemon, see docs/decisions.md. While one runs, its lock stops
+// them.
 #define WEX_MODULE "wex_opt"
 #include "wex_opt.h"
 
