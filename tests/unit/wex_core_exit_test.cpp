@@ -347,7 +347,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   expect_others();
 }
 
-TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheMarkerOfItsLastChild) {
+TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheFlagFileOfItsLastChild) {
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && touch /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
   {
     chain_lock hold(wex_chains);
