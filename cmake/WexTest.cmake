@@ -4,7 +4,8 @@ find_package(GTest REQUIRED)
 
 set(wex_test_runner ${CMAKE_SOURCE_DIR}/tools/sandbox --bind ${CMAKE_BINARY_DIR} --)
 if(WEX_SANITIZE MATCHES thread)  # a report of any process fails the test
-  list(APPEND wex_test_runner ${CMAKE_SOURCE_DIR}/tests/harness/tsan_run ${CMAKE_SOURCE_DIR}/tests/tsan.supp)
+  list(APPEND wex_test_runner ${CMAKE_SOURCE_DIR}/tests/harness/tsan_run ${CMAKE_SOURCE_DIR}/tests/tsan.supp
+    ${CMAKE_BINARY_DIR}/races)
 endif()
 list(APPEND wex_test_runner ${CMAKE_CROSSCOMPILING_EMULATOR})
 
