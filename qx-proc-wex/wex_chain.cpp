@@ -15,12 +15,14 @@
 
 #include "chain_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
 #include "text_block.h"
+#include "text_buffer.h"
+#include "wex_clock.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_proc.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 

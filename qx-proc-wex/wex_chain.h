@@ -39,13 +39,6 @@ int wex_syslog_chains(int kind, wex_chains_t* chain);
 // Looks in wex_chains for another registration of rec's program in rec's domain: null when there is none,
 // `rec` itself when it is to be dropped, else the other one, which is to be checked.
 wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
-
-// Finds the first line of the third-part list `path` that contains `needle`; 1 and the text behind its last
-// blank (line end included), else 0.
-int wex_proc_in_wexdb(const char* path, const char* needle, char* word, size_t size);
-
-// The same for the executable of `pid`.
-int wex_pid_in_wexdb(int32_t pid, const char* path, char* word, size_t size);
 }
 
 // A zero-filled record with its links initialised. Waits for memory: never with a chain held.

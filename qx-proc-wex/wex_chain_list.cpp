@@ -4,7 +4,7 @@
 // So the list is kept in memory and read again only when the file looks different; list_lock guards it.
 
 #define WEX_MODULE "wex_chain"
-#include "wex_list.h"
+#include "wex_chain_list.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -15,14 +15,15 @@
 #include <cstdint>
 #include <cstring>
 
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_reader.h"
 #include "unique_fd.h"
-#include "wex_chain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -11,8 +11,12 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "text_block.h"
-#include "wex_core.h"
+#include "text_buffer.h"
+#include "waiting.h"
+#include "wex_core_delay.h"
+#include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"

@@ -12,10 +12,11 @@
 #include <cstring>
 
 #include "raw_dir.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 constexpr int kLastSignal = 127;

@@ -16,10 +16,18 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "ras_os_sem.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_child.h"
+#include "wex_core_claim.h"
+#include "wex_core_place.h"
+#include "wex_core_stop.h"
+#include "wex_core_upkeep.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -27,6 +35,8 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_signals.h"
+#include "wex_signals_alarm.h"
+#include "wex_signals_reaper.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 

@@ -3,6 +3,8 @@
 //
 // All of it on the monitor's thread, so that no process is registered twice.
 #define WEX_MODULE "wex_core"
+#include "wex_core_executed.h"
+
 #include <unistd.h>
 
 #include <cstring>
@@ -11,12 +13,12 @@
 #include "dir_walk.h"
 #include "text_number.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_chain_list.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 

@@ -1,7 +1,7 @@
 // wex_core_exit: what happens to a registered process that has exited. The registry stays locked for the
 // whole of one exit, the spawn included, so exits are handled one at a time.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_exit.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -12,12 +12,21 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_list.h"
+#include "wex_core_crash.h"
+#include "wex_core_delay.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_takedown.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -26,7 +35,7 @@
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
-#include "wex_signals.h"
+#include "wex_proc_marker.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
@@ -483,3 +492,13 @@ void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
 }
 
 }  // extern "C"
+
+void wex_handle_missed_exits() {
+  // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the
+  // alarm thread here.
+  const uint32_t last = wex_last_start();
+  missed_exit missed;
+  while (wex_take_ended_start(last, &missed)) {
+    wex_handle_missed_exit(missed.start, missed.status, missed.forked);
+  }
+}

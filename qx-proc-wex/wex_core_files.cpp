@@ -4,13 +4,17 @@
 // that tells of it. And a living one may have found no directory or no room for its file, without which the
 // next life of the daemon would not know it.
 #define WEX_MODULE "wex_core"
+#include "wex_core_files.h"
+
 #include <cstring>
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"

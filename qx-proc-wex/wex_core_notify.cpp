@@ -9,9 +9,12 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"

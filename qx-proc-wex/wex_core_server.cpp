@@ -18,9 +18,13 @@
 #include <iterator>
 #include <utility>
 
+#include "guarded_file.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
+#include "wex_core_claim.h"
+#include "wex_core_place.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -28,7 +32,6 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -4,18 +4,24 @@
 // restart are another matter: those of other domains come back as ever, those of the very domain are
 // forgotten, or they would come back after the take-down, outside of the domain that they belonged to.
 #define WEX_MODULE "wex_core"
+#include "wex_core_takedown.h"
+
 #include <unistd.h>
 
+#include <atomic>
+
 #include "chain_lock.h"
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
-#include "wex_core.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_proc.h"
+#include "wex_proc_marker.h"
 #include "wex_utils.h"
 
 namespace {

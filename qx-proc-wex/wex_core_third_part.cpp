@@ -13,7 +13,7 @@
 #define WEX_MODULE "wex_core"
 #include "wex_core_third_part.h"
 
-#include "wex_core.h"
+#include "wex_core_spawn_guard.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_signals.h"
@@ -60,19 +60,6 @@ start* take_entry() {
   return oldest;
 }
 
-// Takes one that was started no later than `last`.
-bool take_ended(uint32_t last, missed_exit* missed) {
-  const spawn_guard guard;
-  for (start& one : g_starts) {
-    if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
-      *missed = {one.number, one.status, one.child > 0};
-      one = {};
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace
 
 uint32_t wex_remember_start(pid_t child, uint32_t status) {
@@ -107,16 +94,19 @@ uint32_t wex_status_of_ended(pid_t child, uint64_t start_time) {
   return 0;
 }
 
-void wex_handle_missed_exits() {
-  uint32_t last;
-  {
-    const spawn_guard guard;
-    last = g_last_number;
+uint32_t wex_last_start() {
+  const spawn_guard guard;
+  return g_last_number;
+}
+
+bool wex_take_ended_start(uint32_t last, missed_exit* missed) {
+  const spawn_guard guard;
+  for (start& one : g_starts) {
+    if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
+      *missed = {one.number, one.status, one.child > 0};
+      one = {};
+      return true;
+    }
   }
-  // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the
-  // alarm thread here.
-  missed_exit missed;
-  while (take_ended(last, &missed)) {
-    wex_handle_missed_exit(missed.start, missed.status, missed.forked);
-  }
+  return false;
 }

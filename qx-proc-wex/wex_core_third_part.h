@@ -25,6 +25,8 @@ void wex_note_child_end(pid_t child, uint64_t start_time, int status);
 // The wait status of a child that has ended, 0 when it is not known: not a child, or too long ago.
 uint32_t wex_status_of_ended(pid_t child, uint64_t start_time);
 
-// Hands what has ended to the exit handler. May start programs and search for them: alarm thread only, with
-// nothing held.
-void wex_handle_missed_exits();
+// The number of the latest start, 0 when there was none.
+uint32_t wex_last_start();
+
+// Takes a start that has ended, no later one than `last`. False when there is none.
+bool wex_take_ended_start(uint32_t last, missed_exit* missed);

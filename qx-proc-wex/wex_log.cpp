@@ -16,11 +16,15 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_move_aside.h"

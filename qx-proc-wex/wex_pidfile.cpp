@@ -18,12 +18,14 @@
 #include <utility>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

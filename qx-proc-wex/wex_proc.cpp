@@ -17,26 +17,35 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "ras_os.h"
 #include "raw_dir.h"
+#include "safe_io.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_list.h"
 #include "wex_child.h"
-#include "wex_core.h"
+#include "wex_clock.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_stop.h"
+#include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
-#include "wex_list.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_signals.h"
+#include "wex_proc_marker.h"
+#include "wex_signals_reaper.h"
 #include "wex_utils.h"
+#include "wex_utils_settings.h"
 #include "wex_vsd.h"
 
 namespace {
@@ -197,17 +206,6 @@ void set_domain_environment(int32_t vsd) {
   environ = g_child_environment;
 }
 
-void remove_markers(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  raw_dir markers(open_trusted_dir(AT_FDCWD, path));
-  while (const char* const name = markers.valid() ? markers.next() : nullptr) {
-    if (name[0] != '.' && text_to_number(name) == pid) {
-      unlinkat(markers.fd(), name, 0);
-    }
-  }
-}
-
 // The child's working directory. A domain that cannot be entered in full is no reason not to start the
 // program.
 void enter_place(const launch& start) {
@@ -333,7 +331,7 @@ void remember_missed(wex_pid* rec, pid_t child) {
 void drop_marker_of_dead(int32_t domain, pid_t child) {
   const process_look now = wex_look_at(static_cast<int32_t>(child));
   if (child > 0 && (wex_surely_dead(now) || now.exiting)) {
-    remove_markers(domain, static_cast<int32_t>(child));
+    wex_remove_markers(domain, static_cast<int32_t>(child));
   }
 }
 
@@ -553,35 +551,6 @@ void wex_create_std_fd(int cloexec) {
   wex_dbg(WEX_DBG_PUB, "pid:%d stderr(%s) fd %d\n", pid, kConsole, devices[2].fd);
 }
 
-int32_t find_app(int32_t pid) {
-  for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
-    char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-    if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
-      return vsd;
-    }
-    wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-    dir_walk markers(path);
-    while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {
-      if (text_to_number(entry->d_name) == pid) {
-        return vsd;
-      }
-    }
-  }
-  return -1;
-}
-
-int save_proc_info(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (wex_chdir(path) != 0) {
-    return -errno;
-  }
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
-  return marker.valid() ? 0 : -errno;
-}
-
 void set_proc_env(int32_t vsd, int32_t old_pid) {
   if (fs_set_vsd_envs(vsd, old_pid) < 0) {
     wex_dbg(WEX_DBG_PUB, "%s: fs set vsd envs fail\n", __func__);
@@ -596,7 +565,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
   if (enter_domain_group(vsd) == 0) {
     wex_dbg(WEX_DBG_PUB, "setgroups success\n");
   }
-  remove_markers(vsd, old_pid);
+  wex_remove_markers(vsd, old_pid);
 }
 
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
@@ -622,13 +591,6 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
   const char* const blank = strrchr(line, ' ');
   wex_copy_text(word, size, blank != nullptr ? blank + 1 : line);
   return 1;
-}
-
-void rtrim(char* text) {
-  size_t length = strlen(text);
-  while (length > 0 && (text[length - 1] == ' ' || text[length - 1] == '\t')) {
-    text[--length] = '\0';
-  }
 }
 
 int wex_set_priority(int priority) {

@@ -16,21 +16,12 @@ int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capabil
 // Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.
 void wex_create_std_fd(int cloexec);
 
-// The domain 1 to 15 that has a marker of `pid`, or -1.
-int32_t find_app(int32_t pid);
-
-// Moves to the domain's run directory and creates the marker of `pid` there. 0, or -errno.
-int save_proc_info(int32_t vsd, int32_t pid);
-
 // Looks for a process whose command line is `command`, up to tries + 1 times with growing pauses. 1 and its
 // pid, else 0 or negative. Trims trailing blanks of `command`.
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries);
 
 // 1 when a line of `list_path` contains `command` (its last word goes to `word`), else 0.
 int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size);
-
-// Removes trailing blanks and tabs in place.
-void rtrim(char* text);
 
 // Scheduling of the calling thread: SCHED_FIFO at `priority`, or normal time-sharing. 0, or -1.
 int wex_set_priority(int priority);

@@ -16,10 +16,14 @@
 #include <cstddef>
 
 #include "cancel_held.h"
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"

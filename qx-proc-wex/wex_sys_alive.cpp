@@ -18,6 +18,7 @@
 
 #include "cancel_held.h"
 #include "guarded_copy.h"
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
@@ -25,7 +26,6 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 wex_alive_info g_wex_alive_info;
 

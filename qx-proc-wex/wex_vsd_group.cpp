@@ -15,13 +15,17 @@
 #include <iterator>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -15,12 +15,12 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

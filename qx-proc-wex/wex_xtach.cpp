@@ -16,11 +16,15 @@
 #include <cstdlib>
 
 #include "cancel_held.h"
+#include "guarded_file.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_alive_guard.h"
 #include "wex_child.h"
+#include "wex_clock.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"

@@ -10,8 +10,9 @@
 #include <cstdlib>
 
 #include "ras_os.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
-#include "wex_utils.h"
 #include "wexrun_limits.h"
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include "wex.h"
 #include "wex_alive_guard.h"
+#include "wex_clock.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wexrun_limits.h"

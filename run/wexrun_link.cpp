@@ -10,9 +10,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_paths.h"
 #include "wex_rpc.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -18,9 +18,10 @@
 #include <cstring>
 
 #include "ras_os.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_platform.h"
-#include "wex_utils.h"
 #include "wexrun_child.h"
 #include "wexrun_heartbeat.h"
 #include "wexrun_limits.h"

@@ -15,6 +15,8 @@
 
 #include "ras_os.h"
 #include "received_descriptors.h"
+#include "text_buffer.h"
+#include "unique_fd.h"
 #include "wex_paths.h"
 #include "wex_utils.h"
 #include "wexrun_limits.h"

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex.h"
 #include "wex_paths.h"

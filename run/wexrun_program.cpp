@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "wex_utils.h"
+#include "text_buffer.h"
 #include "wexrun_limits.h"
 
 namespace {

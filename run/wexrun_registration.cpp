@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "file_lock.h"
+#include "guarded_file.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_utils.h"

@@ -11,6 +11,8 @@
 #include "chain_check.h"
 #include "unique_fd.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
+#include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_rpc.h"

@@ -29,6 +29,7 @@
 
 #include "dir_walk.h"
 #include "send_signal.h"
+#include "text_buffer.h"
 #include "wex.h"
 #include "wex_paths.h"
 #include "wex_utils.h"

@@ -13,7 +13,6 @@
 #include "wex_chain.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_utils.h"
 
 using namespace registry;
 

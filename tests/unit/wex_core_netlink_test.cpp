@@ -1,5 +1,7 @@
 // The exit monitor's reading of bytes: what it sends, what it makes of what it gets, and its configuration.
 #include "wex_core_netlink.h"
+#include "wex_core_crash.h"
+#include "wex_core_process_event.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -1,6 +1,7 @@
 // What keeps the watchdog from aborting the wrong process: threads that are gone or are somebody else's, the
 // operator's brakes, a table that is not whole.
 #include "watchdog_world.h"
+#include "wex_utils.h"
 
 using namespace watchdog;
 

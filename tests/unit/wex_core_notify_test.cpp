@@ -4,6 +4,8 @@
 #include "failing_calls.h"
 
 #include "watchdog_world.h"
+#include "wex_core.h"
+#include "wex_core_stop.h"
 
 using namespace watchdog;
 

@@ -26,14 +26,16 @@
 #include "dir_walk.h"
 #include "failing_calls.h"
 #include "registry_files.h"
+#include "text_buffer.h"
 #include "wex_chain.h"
 #include "wex_child.h"
-#include "wex_core.h"
+#include "wex_clock.h"
+#include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
+#include "wex_proc_marker.h"
 #include "wex_test.h"
-#include "wex_utils.h"
 
 namespace {
 int32_t g_now = 1000;

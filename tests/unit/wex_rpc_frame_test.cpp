@@ -12,6 +12,7 @@
 #include "injection.h"
 #include "lingering_socket.h"
 #include "received_descriptors.h"
+#include "unique_fd.h"
 #include "wex_rpc.h"
 
 using namespace control;

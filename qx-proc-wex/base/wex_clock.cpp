@@ -1,7 +1,7 @@
 // wex_clock: the clock of records and decisions. Alone in its file, so that a test links its own.
-#include <time.h>
+#include "wex_clock.h"
 
-#include "wex_utils.h"
+#include <time.h>
 
 int32_t wex_clock_now(void) {
   timespec now = {};

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "wex_utils.h"
+#include "safe_io.h"
 
 class text_reader {
  public:

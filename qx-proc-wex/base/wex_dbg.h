@@ -12,11 +12,5 @@
 // The same line at no level: always printed.
 #define wex_say(...) wex_dbg_print(WEX_MODULE, __LINE__, __VA_ARGS__)
 
-extern "C" {
-
 // Writes the message alone to standard output, always. Keeps errno.
-void wex_print(const char* format, ...) WEX_PRINTF(1, 2);
-
-// The self-check wait in seconds: the positive number in "/debug_time", else 300. Any thread.
-int32_t debug_time(void);
-}
+extern "C" void wex_print(const char* format, ...) WEX_PRINTF(1, 2);

@@ -1,25 +1,22 @@
-// wex_utils_file: opening what others may have planted, and fixed-buffer text.
+// guarded_file: opening and changing what others may have planted.
 //
 // Most of the daemon's directories are writable by everybody and not sticky, so neither the kernel's link
 // protection nor the file mode keeps a local user from putting a link or a FIFO where the daemon, as root, is
 // about to open a file. Everything of that kind goes through here.
-#define WEX_MODULE "wex_utils"
+#include "guarded_file.h"
 
 #include <fcntl.h>
-#include <stdarg.h>
-#include <stdio.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
-#include "ras_os.h"
+#include "close_on_exec.h"
+#include "safe_io.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
-#include "wex_limits.h"
 #include "wex_move_aside.h"
-#include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -53,7 +50,7 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
   if (!file.valid()) {
     return file;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   const bool usable = check_kind(file.get(), flags) && wait_on_transfers(file.get()) &&
                       ((flags & O_TRUNC) == 0 || ftruncate(file.get(), 0) == 0);
   if (!usable) {
@@ -127,27 +124,4 @@ int wex_rename(const char* from, const char* to) {
 int wex_chdir(const char* path) {
   const unique_fd directory = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
   return directory.valid() ? fchdir(directory.get()) : -1;
-}
-
-bool wex_format(char* buffer, size_t size, const char* format, ...) {
-  if (size == 0) {
-    return false;
-  }
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = vsnprintf(buffer, size, format, arguments);
-  va_end(arguments);
-  if (length < 0) {
-    buffer[0] = '\0';
-  }
-  return length >= 0 && static_cast<size_t>(length) < size;
-}
-
-void wex_copy_text(char* to, size_t size, const char* from) {
-  if (size == 0) {
-    return;
-  }
-  const size_t length = strnlen(from, size - 1);
-  memmove(to, from, length);
-  to[length] = '\0';
 }

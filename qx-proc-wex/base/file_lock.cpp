@@ -14,6 +14,7 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "unique_fd.h"
 #include "wex_paths.h"
 
 namespace {

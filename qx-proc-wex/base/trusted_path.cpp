@@ -13,9 +13,11 @@
 #include <utility>
 
 #include "file_lock.h"
+#include "text_buffer.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 // For C libraries older than the flags; the kernel's numbers on the architectures that have no own ones.
 #ifndef O_PATH

@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_limits.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "close_on_exec.h"
 #include "mutex_lock.h"
-#include "ras_os.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ constexpr size_t kPiece = 4096;  // what every pipe takes at once
 
 // Neither end ever waits: the pipe is empty but for the piece that is under way.
 void prepare(int fd) {
-  ras_os_set_fd_close_on_exec(fd);
+  set_close_on_exec(fd);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 

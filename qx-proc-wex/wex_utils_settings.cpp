@@ -1,27 +1,26 @@
-// wex_utils_dbg: the diagnostic lines, the levels that silence them, and the self-check wait.
+// wex_utils_settings: what files of the operator's decide: the levels of diagnostics, and the self-check
+// wait.
 //
-// The levels are plain words that every thread reads; the daemon writes them before it has threads, a client
-// at the start of its registration calls.
+// The daemon reads the levels before it has threads, a client at the start of its registration calls.
 #define WEX_MODULE "wex_utils"
 
-#include "wex_dbg.h"
+#include "wex_utils_settings.h"
 
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <iterator>
 
+#include "guarded_file.h"
 #include "ras_comp_config.h"
+#include "safe_io.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
-
-int32_t g_wex_dbg_level[WEX_DBG_LEVELS] = {WEX_DBG_SILENT, WEX_DBG_SILENT, WEX_DBG_SILENT};
 
 // "invlaid" is spelled so on the device.
 const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1] = {"g_wex_pub_dbg_level", "g_wex_alive_dbg_level",
@@ -29,31 +28,12 @@ const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1] = {"g_wex_pub_dbg_leve
 
 namespace {
 
-constexpr size_t kLineSize = 8192;      // longest line: a command line of 4095 characters, twice
 constexpr size_t kSettingSize = 128;    // a longer line of the configuration is seen in pieces
 constexpr size_t kDebugTimeSize = 257;  // 256 bytes count, one ends them
 
 constexpr const char* kLevelFormats[] = {"g_wex_pub_dbg_level %d", "g_wex_alive_dbg_level %d",
                                          "g_wex_lib_dbg_level %d"};
 static_assert(std::size(kLevelFormats) == WEX_DBG_LEVELS, "a level without its format");
-
-// One write, so that lines of different threads never mix; a console that takes less loses the rest.
-void put(const char* text, size_t length) {
-  ssize_t done;
-  do {
-    done = write(STDOUT_FILENO, text, length);
-  } while (done < 0 && errno == EINTR);
-}
-
-// Appends to a line of `size` bytes that is `used` long. The new length, at most size - 1.
-size_t append(char* line, size_t size, size_t used, const char* format, va_list arguments) {
-  const int length = vsnprintf(line + used, size - used, format, arguments);
-  if (length < 0) {
-    return used;
-  }
-  const size_t wanted = used + static_cast<size_t>(length);
-  return wanted < size ? wanted : size - 1;
-}
 
 void take_setting(const char* line) {
   for (int level = 0; level < WEX_DBG_LEVELS; ++level) {
@@ -88,40 +68,9 @@ int read_levels() {
 
 }  // namespace
 
-void wex_dbg_print(const char* module, int line_number, const char* format, ...) {
-  const int kept = errno;
-  char line[kLineSize];
-  const int prefix = snprintf(line, sizeof(line), "[WEX:%s:%d]", module, line_number);
-  size_t length = prefix < 0 ? 0 : static_cast<size_t>(prefix);
-  if (length >= sizeof(line)) {
-    length = sizeof(line) - 1;
-  }
-  va_list arguments;
-  va_start(arguments, format);
-  length = append(line, sizeof(line), length, format, arguments);
-  va_end(arguments);
-  put(line, length);
-  errno = kept;
-}
-
-void wex_print(const char* format, ...) {
-  const int kept = errno;
-  char text[kLineSize];
-  va_list arguments;
-  va_start(arguments, format);
-  const size_t length = append(text, sizeof(text), 0, format, arguments);
-  va_end(arguments);
-  put(text, length);
-  errno = kept;
-}
-
 int wex_parse_dbg_file(void) {
   read_levels();
   return 0;
-}
-
-int wex_is_open_pub_dbg(void) {
-  return wex_dbg_on(WEX_DBG_PUB) ? 1 : 0;
 }
 
 int32_t debug_time(void) {
