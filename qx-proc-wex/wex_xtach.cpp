@@ -39,7 +39,7 @@ namespace {
 constexpr char kRestartWord[] = "WEX_RESTART";
 constexpr char kShellRestartWord[] = "WEX_SHELL_RESTART";
 
-std::atomic<int32_t> fd_watch_strikes{0};
+std::atomic<int32_t> g_fd_watch_strikes{0};
 
 template <size_t N>
 bool begins_with(const char* text, const char (&word)[N]) {
@@ -107,8 +107,8 @@ void tell_too_many(int32_t pid) {
 
 // The last strike ends the process while it can still be restarted in good order.
 void count_strike() {
-  if (++fd_watch_strikes >= kFdWatchStrikes) {
-    fd_watch_strikes = 0;
+  if (++g_fd_watch_strikes >= kFdWatchStrikes) {
+    g_fd_watch_strikes = 0;
     exit(1);
   }
 }
@@ -302,7 +302,7 @@ void wex_client_watch_process_fd(int32_t pid) {
     tell_too_many(pid);
     count_strike();
   } else {
-    fd_watch_strikes = 0;
+    g_fd_watch_strikes = 0;
   }
 }
 
