@@ -4,13 +4,13 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
 
+#include "own_scheduling.h"
 #include "raw_dir.h"
 #include "safe_io.h"
 #include "text_buffer.h"
@@ -74,8 +74,7 @@ void hide_open_files() {
 }
 
 void leave_starter() {
-  const sched_param normal = {};
-  sched_setscheduler(0, SCHED_OTHER, &normal);
+  set_own_scheduling(SCHED_OTHER, 0);
   setsid();
   reset_signal_actions();
   clear_signal_mask();

@@ -7,7 +7,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 
 #include "dir_walk.h"
 #include "guarded_file.h"
+#include "own_scheduling.h"
 #include "ras_os.h"
 #include "raw_dir.h"
 #include "safe_io.h"
@@ -595,14 +595,11 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
 }
 
 int wex_set_priority(int priority) {
-  sched_param param = {};
-  param.sched_priority = priority;
-  return sched_setscheduler(0, SCHED_FIFO, &param);  // 0 is the calling thread
+  return set_own_scheduling(SCHED_FIFO, priority);
 }
 
 int wex_reset_priority(void) {
-  const sched_param param = {};
-  return sched_setscheduler(0, SCHED_OTHER, &param);
+  return set_own_scheduling(SCHED_OTHER, 0);
 }
 
 int wex_mk_forkfile(void) {

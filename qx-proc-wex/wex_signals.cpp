@@ -10,18 +10,20 @@
 #include <atomic>
 #include <cerrno>
 
+#include "request_flag.h"
+
 namespace {
 
 constexpr int kLastSignal = 128;
 
 sem_t g_wake;
 std::atomic<bool> g_wake_exists{false};  // the rebuild may ask for the reaper before
-std::atomic<bool> g_alarm_due{false};
-std::atomic<bool> g_child_due{false};
+request_flag g_alarm_due;
+request_flag g_child_due;
 
 extern "C" void wake_for_alarm(int /*signal*/) {
   const int cause = errno;
-  g_alarm_due.store(true);
+  g_alarm_due.raise();
   sem_post(&g_wake);
   errno = cause;
 }
@@ -42,7 +44,7 @@ int install(int signal, void (*handler)(int)) {
 
 void wex_wake_reaper() {
   const int cause = errno;
-  g_child_due.store(true);
+  g_child_due.raise();
   if (g_wake_exists.load()) {
     sem_post(&g_wake);
   }
@@ -58,11 +60,11 @@ bool wex_await_signal() {
 }
 
 bool wex_take_child_signal() {
-  return g_child_due.exchange(false);
+  return g_child_due.take();
 }
 
 bool wex_take_alarm_signal() {
-  return g_alarm_due.exchange(false);
+  return g_alarm_due.take();
 }
 
 extern "C" int wex_setup_signals(void) {

@@ -13,13 +13,13 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cstring>
 
 #include "cancel_held.h"
 #include "guarded_copy.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
+#include "request_flag.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
@@ -115,7 +115,7 @@ bool restore_length(int fd) {
 }
 
 // The daemon could not write a byte: its next look at the table must not count what may be missing.
-std::atomic<bool> g_write_failed{false};
+request_flag g_write_failed;
 
 void store(uint32_t offset, uint8_t byte) {
   if (!g_table_bytes.valid()) {
@@ -127,7 +127,7 @@ void store(uint32_t offset, uint8_t byte) {
   }
   if (!put_bytes(offset, &byte, sizeof byte) &&
       !(restore_length(private_fd()) && put_bytes(offset, &byte, sizeof byte))) {
-    g_write_failed.store(true, std::memory_order_relaxed);
+    g_write_failed.raise();
   }
 }
 
@@ -257,7 +257,7 @@ bool wex_alive_table_intact() {
     return false;
   }
   const bool whole = held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
-  return whole && !g_write_failed.exchange(false, std::memory_order_relaxed);
+  return whole && !g_write_failed.take();
 }
 
 int wex_alive_read_seq(uint32_t tid) {

@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <glob.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -17,6 +16,7 @@
 
 #include "cancel_held.h"
 #include "guarded_file.h"
+#include "own_scheduling.h"
 #include "signals_held.h"
 #include "text_buffer.h"
 #include "text_reader.h"
@@ -131,8 +131,7 @@ pid_t fork_program(const char* program, int32_t* pid_out) {
 // The child's part. Returns only when the child cannot change to "/".
 int32_t become_program(const char* program, char* const* argv) {
   setsid();
-  const sched_param ordinary = {};
-  sched_setscheduler(0, SCHED_OTHER, &ordinary);
+  set_own_scheduling(SCHED_OTHER, 0);
   reset_signal_actions();
   const int result = chdir(kRootDir);
   if (result != 0) {
