@@ -18,6 +18,7 @@
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"
+#include "wex_alive_guard.h"
 #include "wex_clock.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -206,6 +207,23 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
   wex_free_record(rec);
 }
 
+void __wex_drop_registration(wex_pid* rec) {
+  wex_db_destroy(rec);
+  __wex_drop_record(&wex_chains, rec);
+}
+
+wex_pid* __wex_recycle_registration(wex_pid* rec) {
+  wex_db_destroy(rec);
+  return __wex_recycle_record(&wex_chains, rec);
+}
+
+void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) {
+  if (wex_in_alive_table(thread->pid)) {
+    wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
+  }
+  __wex_drop_record(chain, thread);
+}
+
 wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   for (wex_hnode* node = chain->heads[wex_hash_pid(pid)]; node != nullptr; node = node->next) {
     wex_pid* const rec = wex_record_of(node);
@@ -260,11 +278,11 @@ int wex_destroy_chains(wex_chains_t* chain) {
   chain_lock hold(*chain);
   record_walk walk(*chain);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
-    const uint32_t tid = static_cast<uint32_t>(rec->pid);
-    if (chain == &wex_alive_chains && tid < WEX_ALIVE_TIDS) {
-      wex_sys_unreg_alive_info(tid);
+    if (chain == &wex_alive_chains) {
+      __wex_drop_thread(chain, rec);
+    } else {
+      __wex_drop_record(chain, rec);
     }
-    __wex_drop_record(chain, rec);
   }
   // The mutex is not destroyed: two threads are never joined, and one that is late must find an empty chain
   // behind a working lock. It owns nothing, so nothing is lost.
@@ -319,9 +337,10 @@ void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
     if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
       if (rec->pid != newcomer) {
-        wex_db_destroy(rec);
+        __wex_drop_registration(rec);
+      } else {
+        __wex_drop_record(&wex_chains, rec);
       }
-      __wex_drop_record(&wex_chains, rec);
     }
   }
 }

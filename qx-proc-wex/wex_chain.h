@@ -54,6 +54,14 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabi
 // Unlinks a record (both links poisoned) and frees it.
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
+// A registration ends: its database file and its record go together. The second takes all records of that
+// pid, as __wex_del_pid, and leaves the memory of one to the caller.
+void __wex_drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+wex_pid* __wex_recycle_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// A thread's registration ends: its record in the alive chain and its entry in the table go together.
+void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_capability(chain));
+
 // As __wex_del_pid, but the memory of one of the records is the caller's from now on: for a new record where
 // none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));

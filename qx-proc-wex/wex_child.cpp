@@ -16,6 +16,7 @@
 #include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "wex_domain.h"
 #include "wex_paths.h"
 
 namespace {
@@ -93,7 +94,6 @@ bool flush_tlb() {
 }
 
 int enter_domain_group(int vsd) {
-  const gid_t group =
-      static_cast<gid_t>(kDomainGroupBase) + static_cast<gid_t>(kDomainGroupStep) * static_cast<gid_t>(vsd);
+  const auto group = static_cast<gid_t>(wex_domain_group(vsd));
   return syscall(kSetGroupsCall, 1, &group) == 0 ? 0 : -1;
 }

@@ -29,6 +29,7 @@
 #include "wex_core_stop.h"
 #include "wex_core_upkeep.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_opt.h"
@@ -106,7 +107,7 @@ void make_directories() {
   for (const char* const path : kMainDirs) {
     wex_make_dir(path, kOpenDirMode);
   }
-  if (access(kData2Dir, F_OK) == 0) {
+  if (wex_has_second_disk()) {
     for (const char* const path : kData2Dirs) {
       wex_make_dir(path, kOpenDirMode);
     }
@@ -115,12 +116,8 @@ void make_directories() {
     wex_make_dir(path, kOpenDirMode);
   }
   chmod(kDataDir, kOpenDirMode);
-  for (int domain = 0; domain < WEX_DOMAINS; ++domain) {
-    char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerDirBareFmt, domain);
-    wex_make_dir(path, kOpenDirMode);
-    wex_format(path, sizeof path, kDbDirFmt, domain);
-    wex_make_dir(path, kOpenDirMode);
+  for (int32_t domain = kMainSystem; domain < WEX_DOMAINS; ++domain) {
+    wex_make_domain_dirs(domain, WEX_MADE_AT_START);
   }
 }
 

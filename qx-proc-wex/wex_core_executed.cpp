@@ -16,6 +16,7 @@
 #include "wex_chain_list.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
@@ -49,8 +50,7 @@ void wex_register_executed(int32_t pid) {
     wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
     return;
   }
-  const int32_t vsd = get_vsdid(pid);
-  started.vsd = vsd < 0 ? 0 : vsd;
+  started.vsd = wex_domain_or_main(get_vsdid(pid));
   {
     chain_lock hold(wex_chains);
     // A record whose last restart left no process is no hindrance. It goes when the new one is certain, for

@@ -48,10 +48,7 @@ int32_t add(int32_t value, int32_t more) {
 
 void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_alive_chains)) {
   wex_dbg(WEX_DBG_ALIVE, "pid is not exist(%d, ret:%d)\n", thread->pid, result);
-  if (wex_in_alive_table(thread->pid)) {
-    wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
-  }
-  __wex_drop_record(&wex_alive_chains, thread);
+  __wex_drop_thread(&wex_alive_chains, thread);
 }
 
 // A changed sequence byte is a report, whatever it changed to. Also in a table that has lost its name:

@@ -204,6 +204,13 @@ bool is_older(const struct stat& a, const struct stat& b) {
                                               : a.st_mtim.tv_nsec < b.st_mtim.tv_nsec;
 }
 
+// What every message is, whether it is written or not: cut to its size, and a diagnostic.
+void print_message(char (&message)[kMessageSize], const char* format, va_list arguments) {
+  message[0] = '\0';
+  vsnprintf(message, sizeof(message), format, arguments);
+  wex_dbg(WEX_DBG_PUB, "%s", message);
+}
+
 // "2026/01/31 23:59:58: " and the message. Its length.
 size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* message) {
   char stamp[kStampSize] = {};
@@ -303,22 +310,20 @@ void log_reboot(const char* reason, const char* detail) {
 }  // namespace
 
 void wex_running_log(const char* format, ...) {
-  char message[kMessageSize] = {};
+  char message[kMessageSize];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(message, sizeof(message), format, arguments);
+  print_message(message, format, arguments);
   va_end(arguments);
-  wex_dbg(WEX_DBG_PUB, "%s", message);
   append_running_entry(message);
 }
 
 void wex_running_log_once(const char* format, ...) {
-  char message[kMessageSize] = {};
+  char message[kMessageSize];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(message, sizeof(message), format, arguments);
+  print_message(message, format, arguments);
   va_end(arguments);
-  wex_dbg(WEX_DBG_PUB, "%s", message);
   if (!ends_running_log(message)) {
     append_running_entry(message);
   }

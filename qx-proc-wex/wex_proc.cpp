@@ -1,6 +1,6 @@
 // wex_proc: starting and restarting the program, or the restart script, of a record.
 //
-// Both spawners are one procedure; `spawn_kind` holds all they differ in. The caller holds wex_chains for the
+// Both spawners are one procedure; the action holds all they differ in. The caller holds wex_chains for the
 // whole of it, so only one spawn is under way at a time.
 #define WEX_MODULE "wex_proc"
 #include "wex_proc.h"
@@ -27,6 +27,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
@@ -37,6 +38,7 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
@@ -50,18 +52,9 @@
 
 namespace {
 
-struct spawn_kind {
-  const char* function;       // as diagnostics name it
-  int32_t action;             // records of this action are throttled
-  const char* wait_mnemonic;  // system log, when one is parked
-  bool through_shell;
-};
-constexpr spawn_kind kProgram = {"wex_spawn", RESPAWN, "HA_WAIT_SELF_CHECK", false};
-constexpr spawn_kind kScript = {"wex_shell_spawn", SHELL_RESTART, "HA_WAIT_SCRIPT_SELF_CHECK", true};
-
 // All that one start needs, made before the fork.
 struct launch {
-  const spawn_kind* kind;
+  const wex_action* action;
   wex_pid* rec;
   int32_t old_pid;  // the process that is replaced; may be below 1
   int32_t domain;   // its domain: 1 to 15, or -1
@@ -85,15 +78,15 @@ void arm_alarm(int32_t wait) {
   alarm(left >= 1 && left <= whole ? left : whole);
 }
 
-void park(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
+void park(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
   const char* const name = wex_program_name(rec);
   printk_syslog_ext(
-      5, "HA", kind.wait_mnemonic, 1,
+      5, "HA", action.parked, 1,
       "Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n", name,
       wait / 60);
   wex_dbg(WEX_DBG_PUB,
           "%s Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n",
-          kind.wait_mnemonic, name, wait / 60);
+          action.parked, name, wait / 60);
   rec->flags = (rec->flags & ~static_cast<uint32_t>(WEX_FLAG_SELF_CHECKING)) | WEX_FLAG_WAITING;
   rec->check_start = now;
   arm_alarm(wait);
@@ -104,8 +97,8 @@ void park(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
 }
 
 // True when the record was parked: nothing is started now.
-bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
-  if (rec->action != kind.action) {
+bool throttled(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
+  if (rec->action != action.number) {
     return false;
   }
   if (now < static_cast<int64_t>(rec->check_start) + kThrottleWindowSec) {
@@ -117,7 +110,7 @@ bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) 
   if (rec->check_count < kThrottleRestarts || del_dev_mon_log() == 0) {
     return false;
   }
-  park(rec, kind, now, wait);
+  park(rec, action, now, wait);
   return true;
 }
 
@@ -133,16 +126,16 @@ void find_script(const char* word, char* script, size_t size) {
   }
 }
 
-void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
-  start->kind = &kind;
+void prepare(launch* start, const wex_action& action, wex_pid* rec) {
+  start->action = &action;
   start->rec = rec;
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
   char word[256];
   start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
-  const bool scripted = kind.through_shell && rec->script[0] != '\0';
+  const bool scripted = action.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
-  if (!kind.through_shell) {
+  if (!action.through_shell) {
     return;
   }
   find_script(first_word(*start), start->script, sizeof start->script);
@@ -156,28 +149,15 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
-constexpr int kDomainVariables = 5;
-
-struct domain_variable {
-  const char* name;
-  const char* value_format;
-  const char* only_with;  // directory that must exist, or null
-};
-constexpr domain_variable kVariables[kDomainVariables] = {
-    {"QX_CFG_DIR", kConfigDomainFmt, nullptr},  {"OVIX_DIR", kOvixDomainFmt, nullptr},
-    {"DATA_OVIX_DIR", kDataDomainFmt, nullptr}, {"DATA_OVIX_DIR2", kData2DomainFmt, kData2Dir},
-    {"TMPDIR", kDomainDirFmt, nullptr},
-};
-
 // The child's own copies: setenv() could wait for a lock that another thread held at the fork.
 char g_domain_texts[kDomainVariables][kPathSize];
 char* g_child_environment[kEnvironmentMax];
 
-bool is_domain_variable(const char* entry) {
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const size_t length = strlen(kVariables[i].name);
-    if (g_domain_texts[i][0] != '\0' && strncmp(entry, kVariables[i].name, length) == 0 &&
-        entry[length] == '=') {
+// Whether one of the first `set` texts sets the variable of `entry`.
+bool is_domain_variable(const char* entry, int set) {
+  for (int i = 0; i < set; ++i) {
+    const size_t length = strcspn(g_domain_texts[i], "=") + 1;
+    if (strncmp(entry, g_domain_texts[i], length) == 0) {
       return true;
     }
   }
@@ -185,20 +165,21 @@ bool is_domain_variable(const char* entry) {
 }
 
 void set_domain_environment(int32_t vsd) {
-  int count = 0;
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const domain_variable& variable = kVariables[i];
-    if (variable.only_with != nullptr && access(variable.only_with, F_OK) != 0) {
+  int set = 0;
+  for (const domain_dir& dir : kDomainDirs) {
+    if (dir.variable == nullptr || (dir.second_disk && !wex_has_second_disk())) {
       continue;
     }
     char value[kPathSize - 32];
-    wex_format(value, sizeof value, variable.value_format, vsd);
-    wex_format(g_domain_texts[i], sizeof g_domain_texts[i], "%s=%s", variable.name, value);
-    g_child_environment[count++] = g_domain_texts[i];
+    wex_format(value, sizeof value, dir.format, vsd);
+    wex_format(g_domain_texts[set], sizeof g_domain_texts[set], "%s=%s", dir.variable, value);
+    g_child_environment[set] = g_domain_texts[set];
+    ++set;
   }
+  int count = set;
   for (char** entry = environ; entry != nullptr && *entry != nullptr && count < kEnvironmentMax - 1;
        ++entry) {
-    if (!is_domain_variable(*entry)) {
+    if (!is_domain_variable(*entry, set)) {
       g_child_environment[count++] = *entry;
     }
   }
@@ -209,14 +190,14 @@ void set_domain_environment(int32_t vsd) {
 // The child's working directory. A domain that cannot be entered in full is no reason not to start the
 // program.
 void enter_place(const launch& start) {
-  if (start.domain >= 1) {
+  if (start.domain >= kFirstDomain) {
     set_proc_env(start.domain, start.old_pid);
     return;
   }
   const int result = chdir(kRootDir);
   if (result != 0) {
     wex_mk_forkfile();
-    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.kind->function, result);
+    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.action->spawner, result);
     _exit(1);  // never back into the daemon's loops
   }
 }
@@ -255,12 +236,7 @@ void remove_old_file(const launch& start) {
   } else {
     errno = ENOENT;
   }
-  const char* const error = strerror(errno);
-  if (start.kind->through_shell) {
-    wex_dbg(WEX_DBG_PUB, "HA_SCRIPT_RESTART execvp fail, error = %s.\n", error);
-  } else {
-    wex_dbg(WEX_DBG_PUB, "HA_RESTART execvp fail, error = %s.\n", error);
-  }
+  wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", start.action->begun_entry, strerror(errno));
   _exit(1);
 }
 
@@ -298,7 +274,7 @@ void await_exec(pid_t child, const unique_fd& started) {
 // Forks a child that runs the program. The child's pid, or -1 with errno.
 pid_t fork_child(const launch& start) {
   int ends[2] = {-1, -1};
-  if (start.domain >= 1 && pipe(ends) == 0) {
+  if (start.domain >= kFirstDomain && pipe(ends) == 0) {
     ras_os_set_fd_close_on_exec(ends[0]);
     ras_os_set_fd_close_on_exec(ends[1]);
   }
@@ -309,7 +285,7 @@ pid_t fork_child(const launch& start) {
     run_child(start);
   }
   starting.reset();
-  if (child > 0 && start.domain >= 1) {
+  if (child > 0 && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, static_cast<int32_t>(child));
     if (started.valid()) {
       await_exec(child, started);
@@ -341,8 +317,8 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
   wex_pid* const rec = start.rec;
   char* const whole = rec->process;
   char* const wanted =
-      start.kind->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
-  const char* const function = start.kind->function;
+      start.action->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
+  const char* const function = start.action->spawner;
   int32_t found = 0;
   bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
   if (!running) {
@@ -359,7 +335,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
     remember_missed(rec, child);
     return 0;
   }
-  if (found != child && start.domain >= 1) {
+  if (found != child && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, found);  // or its next life would be one of the main system
     drop_marker_of_dead(start.domain, child);
   }
@@ -374,7 +350,7 @@ void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capabili
   if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
     wex_end_unable_to_restart();
   }
-  wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.kind->function, strerror(error), error);
+  wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.action->spawner, strerror(error), error);
 }
 
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
@@ -400,45 +376,11 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error)
   if (start.third_part) {
     return find_third_part(start, child, out_pid);
   }
-  const char* const shown = start.kind->through_shell ? start.rec->process : first_word(start);
-  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.kind->function, shown,
+  const char* const shown = start.action->through_shell ? start.rec->process : first_word(start);
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.action->spawner, shown,
           static_cast<int>(child));
   *out_pid = static_cast<int32_t>(child);
   return *out_pid;
-}
-
-int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind)
-    WEX_TSA(requires_capability(wex_chains)) {
-  *out_pid = -1;
-  const int32_t now = wex_clock_now();
-  if (rec->check_start == 0) {
-    rec->check_start = now;
-  }
-  const int32_t wait = debug_time();
-  if (wait < 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", kind.function, strerror(errno));
-  }
-  rec->flags |= WEX_FLAG_SELF_CHECKING;
-  if (throttled(rec, kind, now, wait)) {
-    return -1;
-  }
-  launch start;
-  prepare(&start, kind, rec);
-  while (true) {
-    int error = 0;
-    {
-      const spawn_guard guard;
-      const int32_t result = try_start(start, out_pid, &error);
-      if (result != -1) {
-        return result;
-      }
-    }
-    note_fork_failure(start, error);
-    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
-    if (!may_retry_fork()) {
-      return -1;
-    }
-  }
 }
 
 // ---- searching --------------------------------------------------------------------------------------------
@@ -502,6 +444,39 @@ void plug(int wanted, bool cloexec) {
 
 }  // namespace
 
+int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
+  *out_pid = -1;
+  const int32_t now = wex_clock_now();
+  if (rec->check_start == 0) {
+    rec->check_start = now;
+  }
+  const int32_t wait = debug_time();
+  if (wait < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", action.spawner, strerror(errno));
+  }
+  rec->flags |= WEX_FLAG_SELF_CHECKING;
+  if (throttled(rec, action, now, wait)) {
+    return -1;
+  }
+  launch start;
+  prepare(&start, action, rec);
+  while (true) {
+    int error = 0;
+    {
+      const spawn_guard guard;
+      const int32_t result = try_start(start, out_pid, &error);
+      if (result != -1) {
+        return result;
+      }
+    }
+    note_fork_failure(start, error);
+    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
+    if (!may_retry_fork()) {
+      return -1;
+    }
+  }
+}
+
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
   return rec->reboot_allow > 0 && static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
 }
@@ -525,11 +500,11 @@ bool wex_find_running(char* command, int32_t* out_pid) {
 extern "C" {
 
 int32_t wex_spawn(wex_pid* rec, int32_t* out_pid) {
-  return spawn(rec, out_pid, kProgram);
+  return wex_spawn_as(kRespawn, rec, out_pid);
 }
 
 int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) {
-  return spawn(rec, out_pid, kScript);
+  return wex_spawn_as(kShellRestart, rec, out_pid);
 }
 
 void wex_create_std_fd(int cloexec) {
@@ -558,9 +533,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
     return;
   }
   set_domain_environment(vsd);
-  char run_dir[kPathSize];
-  wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
-  if (wex_chdir(run_dir) != 0) {
+  if (wex_enter_run_dir(vsd) != 0) {
     return;
   }
   if (enter_domain_group(vsd) == 0) {

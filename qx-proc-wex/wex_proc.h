@@ -2,6 +2,7 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_action.h"
 #include "wex_lock_order.h"
 
 extern "C" {
@@ -35,6 +36,10 @@ void wex_rm_forkfile(void);
 // Calls the platform first; when that fails nothing is set. Only between fork and exec.
 void set_proc_env(int32_t vsd, int32_t old_pid);
 }
+
+// wex_spawn(), or wex_shell_spawn().
+int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid)
+    WEX_TSA(requires_capability(wex_chains));
 
 // True when a program that goes to, or comes out of, a self-check wait at `now` has done so too soon after
 // the last time: the device is to be restarted.

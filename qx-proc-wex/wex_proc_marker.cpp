@@ -7,20 +7,20 @@
 #include <cerrno>
 
 #include "dir_walk.h"
-#include "guarded_file.h"
 #include "raw_dir.h"
 #include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 
 extern "C" {
 
 int32_t find_app(int32_t pid) {
-  for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
+  for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
     wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
     if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
@@ -38,14 +38,7 @@ int32_t find_app(int32_t pid) {
 }
 
 int save_proc_info(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (wex_chdir(path) != 0) {
-    return -errno;
-  }
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
-  return marker.valid() ? 0 : -errno;
+  return wex_enter_run_dir(vsd) == 0 && wex_make_flag_file(vsd, pid, kMarkerMode) ? 0 : -errno;
 }
 
 }  // extern "C"

@@ -16,14 +16,13 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
 #include "wex_core_exit.h"
-#include "wex_core_spawn_guard.h"
+#include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
-#include "wex_pidfile.h"
-#include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_signals.h"
 #include "wex_signals_reaper.h"
@@ -31,28 +30,9 @@
 
 namespace {
 
-struct self_check_kind {
-  int32_t action;
-  int32_t (*spawn)(wex_pid* rec, int32_t* out_pid);
-  const char* mnemonic;
-};
-constexpr self_check_kind kKinds[] = {
-    {RESPAWN, wex_spawn, "HA_SELF_CHECK_INFO"},
-    {SHELL_RESTART, wex_shell_spawn, "HA_SCRIPT_SELF_CHECK_INFO"},
-};
-
 std::atomic<bool> g_stop{false};
 pthread_t g_thread;
 bool g_started = false;
-
-const self_check_kind* kind_of(const wex_pid* rec) {
-  for (const self_check_kind& kind : kKinds) {
-    if (kind.action == rec->action) {
-      return &kind;
-    }
-  }
-  return nullptr;
-}
 
 int64_t deadline_of(const wex_pid* rec, int32_t wait) {
   return static_cast<int64_t>(wait) + rec->check_start;
@@ -65,8 +45,7 @@ bool drop_if_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> %s/%d is running!\n", "wex_alrm_handler", other->process, rec->pid);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
   return true;
 }
 
@@ -84,22 +63,6 @@ void end_wait(wex_pid* rec, int32_t now) {
   rec->reboot_ref_time = now;
 }
 
-void restart_parked(wex_pid* rec, const self_check_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  const spawn_guard guard;
-  int32_t new_pid = -1;
-  const int32_t result = kind.spawn(rec, &new_pid);
-  if (result < 1) {
-    rec->restart_failed = result == 0 ? 1 : 0;
-    return;
-  }
-  __wex_adopt_pid(&wex_chains, rec, new_pid);
-  const char* const name = wex_program_name(rec);
-  printk_syslog_ext(5, "HA", kind.mnemonic, 1, "Self-checking OK: %d times and new id %s/%d.\n",
-                    rec->check_count, name, new_pid);
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", kind.mnemonic, rec->check_count,
-          name, new_pid);
-}
-
 // Restarts what is due. The latest deadline of what still waits, or 0: one alarm is pending at a time, and
 // those that fall before it are handled late.
 int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_chains)) {
@@ -113,13 +76,15 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     if (deadline < now && (__wex_dropped_with_domain(rec) || drop_if_running(rec))) {
       continue;
     }
-    const self_check_kind* const kind = kind_of(rec);
-    if (kind == nullptr) {
+    const wex_action* const action = wex_find_action(rec->action);
+    if (action == nullptr) {
       continue;
     }
     if (deadline < now) {
       end_wait(rec, now);
-      restart_parked(rec, *kind);
+      if (__wex_start_again(&wex_chains, rec, *action, kAfterWait) > 0) {
+        wex_tell_restarted(rec, *action, kAfterWait);
+      }
     } else if (next < deadline) {
       next = deadline;
     }

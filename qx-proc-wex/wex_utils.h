@@ -28,7 +28,8 @@ int32_t wex_get_ppid_form_pid(int32_t pid);
 // 0 and the name from the status file, or -1.
 int wex_get_pid_name(int32_t pid, char* buffer, size_t size);
 
-// 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms).
+// 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms). There are other ways to
+// ask for the life of a process: wex_chain_identity.h has the table that tells them apart.
 int process_life(int32_t pid);
 
 // Takes the single-instance lock. The descriptor, to be kept for life, or -1 with errno: EAGAIN when somebody

@@ -22,10 +22,12 @@
 #include "text_reader.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_child.h"
 #include "wex_clock.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -36,14 +38,10 @@
 
 namespace {
 
-constexpr char kRestartWord[] = "WEX_RESTART";
-constexpr char kShellRestartWord[] = "WEX_SHELL_RESTART";
-
 std::atomic<int32_t> g_fd_watch_strikes{0};
 
-template <size_t N>
-bool begins_with(const char* text, const char (&word)[N]) {
-  return strncmp(text, word, N - 1) == 0;
+bool names(const char* text, const wex_action& action) {
+  return strncmp(text, action.keyword, strlen(action.keyword)) == 0;
 }
 
 // ---- Registration of processes ----------------------------------------------------------------------------
@@ -72,7 +70,7 @@ bool describe_process(int32_t pid, wex_reg_info* body) {
   const int32_t domain = get_vsdid(pid);
   memset(body, 0, sizeof *body);
   body->pid = pid;
-  body->vsd = domain < 0 ? 0 : domain;
+  body->vsd = wex_domain_or_main(domain);
   return pid_to_cmdline(pid, body->process, kDescribed) != nullptr;
 }
 
@@ -225,10 +223,10 @@ uint32_t wex_action_type(const char* action) {
   if (action == nullptr) {
     return 0;
   }
-  if (begins_with(action, kRestartWord)) {
-    return WEX_RESTART;
+  if (names(action, kRespawn)) {
+    return kRespawn.message;
   }
-  return begins_with(action, kShellRestartWord) ? WEX_SHELL_RESTART : 0;
+  return names(action, kShellRestart) ? kShellRestart.message : 0;
 }
 
 extern "C" {

@@ -123,6 +123,9 @@ std::vector<std::string> lines_of(const std::string& text) {
 // Not only on one file system: in an overlay a file has another device number than its directory.
 void remove_tree(const std::string& path) {
   nftw(path.c_str(), remove_entry, 16, FTW_PHYS | FTW_DEPTH);
+  if (list_dir(path).size() == 1) {  // one that is deeper than any path
+    run({"rm", "-rf", path});
+  }
 }
 
 bool inside_sandbox() {

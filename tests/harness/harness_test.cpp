@@ -2,12 +2,21 @@
 #include <errno.h>
 #include <gtest/gtest-spi.h>
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/mount.h>
 #include <sys/reboot.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
+#include "leak_gate.h"
+#include "wex_chain.h"
 #include "wex_test.h"
 
 namespace wex_test {
@@ -103,7 +112,122 @@ TEST_F(Harness, RunOutlastingItsLimitIsAFailureAndIsEnded) {
   EXPECT_TRUE(pids_with_command("sleep 60").empty());
 }
 
-// What a test leaves behind must fail that test: the body of a world is run here as a test would run it.
+// ---- The leak gate ----------------------------------------------------------------------------------------
+
+// What a case can leave behind. Each is undone when the program ends.
+struct leaky_case {
+  const char* name;
+  void (*leak)();
+  const char* report;
+};
+constexpr leaky_case kLeaks[] = {
+    {"descriptor", [] { dup(0); }, "a descriptor outlived the test"},
+    {"closed", [] { close(0); }, "the descriptor has gone: 0 -> "},
+    {"zombie",
+     [] {
+       if (fork() == 0) {
+         _exit(0);
+       }
+     },
+     "a child outlived the test"},
+    {"child",
+     [] {
+       if (fork() == 0) {
+         pause();
+       }
+     },
+     "a child outlived the test"},
+    {"mutex",
+     [] {
+       wex_init_chains(&wex_chains_delay);
+       pthread_mutex_lock(&wex_chains_delay.mutex);
+     },
+     "a held mutex outlived the test: wex_chains_delay"},
+    {"memory",
+     [] {
+       write_file("/dev/shm/left", "x");
+       atexit([] { unlink("/dev/shm/left"); });
+     },
+     "shared memory outlived the test: left"},
+    {"segment",
+     [] {
+       static const int id = shmget(IPC_PRIVATE, 1, 0600);
+       atexit([] { shmctl(id, IPC_RMID, nullptr); });
+     },
+     "a shared segment outlived the test"},
+    {"semaphore",
+     [] {
+       static const int id = semget(IPC_PRIVATE, 1, 0600);
+       atexit([] { semctl(id, 0, IPC_RMID); });
+     },
+     "a semaphore outlived the test"},
+    {"mount",
+     [] {
+       EXPECT_EQ(0, mount("left", "/mnt", "tmpfs", 0, nullptr));
+       atexit([] { umount2("/mnt", MNT_DETACH); });
+     },
+     "a mount outlived the test: left /mnt"},
+    {"file", [] { write_file("/tmp/left/below", "x"); }, "a file outlived the test: /tmp/left\n"},
+    {"name", [] { write_file("/etc/left", "x"); }, "a file outlived the test: /etc/left\n"},
+    {"declared",
+     [] {
+       leaves_behind(kFiles, "/tmp/left", 1, "to see that nothing is reported");
+       write_file("/tmp/left", "x");
+     },
+     ""},
+};
+
+// A program of its own: the leak of that name, and a case behind it that must find nothing of it.
+struct Leaking : testing::Test {};
+class leaks_once : public Leaking {
+ public:
+  explicit leaks_once(void (*leak)()) : leak_(leak) {}
+  void TestBody() override { leak_(); }
+
+ private:
+  void (*leak_)();
+};
+class comes_next : public Leaking {
+  void TestBody() override {
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child is still there";
+    EXPECT_FALSE(exists("/tmp/left") || exists("/etc/left")) << "a file is still there";
+  }
+};
+const bool kRegistered = [] {
+  for (const leaky_case& row : kLeaks) {
+    if (getenv("WEX_LEAK") != nullptr && strcmp(getenv("WEX_LEAK"), row.name) == 0) {
+      const auto leak = row.leak;
+      testing::RegisterTest("Leaking", "Once", nullptr, nullptr, __FILE__, __LINE__,
+                            [leak]() -> Leaking* { return new leaks_once(leak); });
+      testing::RegisterTest("Leaking", "Next", nullptr, nullptr, __FILE__, __LINE__,
+                            []() -> Leaking* { return new comes_next; });
+    }
+  }
+  return true;
+}();
+
+TEST(LeakGate, EveryKindOfLeakIsReportedOnceAndWhatCanBeIsSwept) {
+  const temporary out("/tmp/said");
+  const std::string program = program_of(getpid());
+  for (const leaky_case& row : kLeaks) {
+    const bool reported = row.report[0] != '\0';
+    const std::string command = "exec " + program + " --gtest_filter='Leaking.*' > /tmp/said 2>&1";
+    EXPECT_TRUE(exited_with(run({"sh", "-c", command}, 30s, {std::string("WEX_LEAK=") + row.name}), reported))
+        << row.name;
+    const std::string said = read_file("/tmp/said");
+    EXPECT_NE(std::string::npos, said.find(row.report)) << row.name << ": " << said;
+    EXPECT_EQ(reported, said.find("[  FAILED  ] Leaking.Once") != std::string::npos) << said;
+    EXPECT_NE(std::string::npos, said.find("[       OK ] Leaking.Next")) << row.name << ": " << said;
+  }
+}
+
+TEST(LeakGate, NoCaseRunsOutsideTheSandbox) {
+  const std::string program = program_of(getpid());
+  EXPECT_TRUE(exited_with(run({program, "--gtest_filter=Leaking.*"}, 30s, {"WEX_SANDBOX=0"}), 125));
+  EXPECT_TRUE(exited_with(run({program, "--gtest_list_tests"}, 30s, {"WEX_SANDBOX=0"}), 0));
+}
+
+// What a daemon leaves behind must fail the test: the body of a world is run here as a test would run it.
 struct Leaky : WexWorld {
   void TestBody() override { leave(); }
   static std::function<void()> leave;
@@ -116,34 +240,10 @@ struct Leaky : WexWorld {
 };
 std::function<void()> Leaky::leave;
 
-TEST(LeakGate, DescriptorIsSeen) {
-  static int fd = -1;
-  Leaky::leave = [] { fd = dup(0); };
-  EXPECT_NONFATAL_FAILURE(Leaky::live(), "a descriptor outlived the test");
-  close(fd);
-}
-
-TEST(LeakGate, ChildIsSeen) {
-  Leaky::leave = [] {
-    if (fork() == 0) {
-      _exit(0);
-    }
-  };
-  EXPECT_NONFATAL_FAILURE(Leaky::live(), "a child outlived the test");
-  while (waitpid(-1, nullptr, WNOHANG) > 0) {
-  }
-}
-
 TEST(LeakGate, DaemonisedProcessIsSeenAndEnded) {
   Leaky::leave = [] { EXPECT_TRUE(exited_with(run({"sh", "-c", "setsid sleep 61 > /dev/null 2>&1 &"}), 0)); };
   EXPECT_NONFATAL_FAILURE(Leaky::live(), "a process outlived the test");
   EXPECT_TRUE(eventually([] { return pids_with_command("sleep 61").empty(); }));
-}
-
-TEST(LeakGate, SharedMemoryIsSeen) {
-  Leaky::leave = [] { write_file("/dev/shm/left", "x"); };
-  EXPECT_NONFATAL_FAILURE(Leaky::live(), "shared memory outlived the test");
-  unlink("/dev/shm/left");
 }
 
 TEST(LeakGate, SanitizerReportOfTheDaemonIsSeen) {

@@ -45,6 +45,18 @@ std::vector<std::string> lines_of(const std::string& text);  // without their li
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);  // follows no link
 
+// Something of the test's own at this path, or below it: gone when the scope ends.
+class temporary {
+ public:
+  explicit temporary(std::string path) : path_(std::move(path)) {}
+  ~temporary() { remove_tree(path_); }
+  temporary(const temporary&) = delete;
+  temporary& operator=(const temporary&) = delete;
+
+ private:
+  std::string path_;
+};
+
 // ---- Processes and the machine ----------------------------------------------------------------------------
 
 bool inside_sandbox();
@@ -175,25 +187,19 @@ class SyslogSink {
 
 // ---- The world of a test ----------------------------------------------------------------------------------
 
-// Sweeps away what wex and its tests leave behind, so that each test starts on a device that never ran wex.
+// Sweeps away what wex and its tests leave behind. The leak gate does so around every case, so that each
+// starts on a device that never ran wex.
 void clean_world();
 
-// Fails outside tools/sandbox and wherever the machine could be restarted; cleans the world before and
-// after; a descriptor, process, shared-memory object, semaphore, mount or sanitizer report that is left
-// over is a failure. Actors are the exception: services are meant to outlive the daemon, so they are ended.
+// For cases that run the daemon: all diagnostics on, on a console that starts empty. A process or a sanitizer
+// report that is left over is a failure. Actors are the exception: services are meant to outlive the daemon,
+// so they are ended.
 struct WexWorld : ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
  private:
-  struct State {
-    std::set<std::string> descriptors;
-    std::set<pid_t> processes;
-    std::vector<std::string> shared_memory;
-    std::string semaphores, segments, mounts;
-  };
-  static State look();
-  std::optional<State> before_;
+  std::set<pid_t> before_;
 };
 
 }  // namespace wex_test

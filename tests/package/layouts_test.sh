@@ -54,6 +54,14 @@ for name in "${boards[@]}"; do
     missing+=("$name")
   fi
 done
+if command -v musl-gcc > /dev/null; then           # in C only: each header that is installed stands by itself
+  for header in "$top"/qx-proc-wex/wex.h "$top"/include/*.h; do
+    musl-gcc -x c -std=c99 -pedantic -Wall -Wextra -Werror -D_GNU_SOURCE -I"$top/qx-proc-wex" -I"$top/include" \
+      -include "$header" -fsyntax-only /dev/null || { echo "layouts: musl: $header does not compile in C"; bad=1; }
+  done
+else
+  missing+=(musl)
+fi
 echo "layouts: compared: ${compared[*]}"
 [ ${#missing[@]} -eq 0 ] || echo "layouts: no compiler here (./dev boards installs them): ${missing[*]}"
 [ "${1-}" != --all ] || [ ${#missing[@]} -eq 0 ] || bad=1

@@ -1,5 +1,6 @@
 // wexrun --notify with the real daemon: programs that tell how they are, and what wex sees of their ends.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include "wex.h"
@@ -155,15 +156,19 @@ TEST_F(WexrunNotify, AShellScriptSpeaksThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
   write_file(script[0],
              "#!/bin/sh\nsystemd-notify --ready --status=talking\nsystemd-notify WATCHDOG=1\n"
-             "echo done > /tmp/wexrun-facts\nexec sleep 1000\n",
+             "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
+             "sleep 1000\n",
              0755);
   Process service;
+  ASSERT_EQ(0, mkfifo("/tmp/ready", 0600));
   ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
   EXPECT_TRUE(eventually([] { return read_file(kFacts) == "done\n"; }, 30s)) << read_console();
   EXPECT_TRUE(log.says("speaker/", 20s));
   EXPECT_TRUE(log.says(" says: talking", 20s));
   EXPECT_TRUE(eventually([&] { return watched(service.pid()); }, 20s));
-  service.send(SIGTERM);
-  EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
+  write_file("/tmp/ready", "on\n");
+  EXPECT_TRUE(ended_by(service.wait(20s), SIGABRT));
+  EXPECT_TRUE(log.says(" asks to be aborted", 20s));
   unlink(script[0].c_str());
+  unlink("/tmp/ready");
 }

@@ -57,3 +57,22 @@ TEST_F(WexrunWatchdog, AProgramThatStopsItsSignsOfLifeIsAbortedLoggedAndStartedA
   end_all_but(own);
   unlink(kFacts);
 }
+
+TEST_F(WexrunWatchdog, AProgramThatIgnoresTheAbortIsKilledTenSecondsLater) {
+  const words options = {"--ignore=ABRT", "--hold"};
+  const std::set<pid_t> own = processes_inside();
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start(wexrun({"--notify"}, actor_words(options))));
+  const pid_t program = wait_for_actor(options);
+  ASSERT_GT(program, 0) << read_console();
+  ASSERT_TRUE(eventually(
+      [&] { return (strtoul(status_field(program, "SigIgn").c_str(), nullptr, 16) & 0x20U) != 0; }));
+  const auto aborted = std::chrono::steady_clock::now();
+  service.send(SIGABRT);
+  EXPECT_TRUE(ended_by(service.wait(60s), SIGKILL));
+  EXPECT_LE(9900ms, std::chrono::steady_clock::now() - aborted);
+  daemon.stop();
+  end_all_but(own);
+}

@@ -100,7 +100,10 @@ class unreadable_stat {
     write_file("/tmp/no_stat", "not a stat text");
     EXPECT_EQ(0, mount("/tmp/no_stat", path_.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
   }
-  ~unreadable_stat() { EXPECT_EQ(0, umount2(path_.c_str(), MNT_DETACH)) << strerror(errno); }
+  ~unreadable_stat() {
+    EXPECT_EQ(0, umount2(path_.c_str(), MNT_DETACH)) << strerror(errno);
+    unlink("/tmp/no_stat");
+  }
 
  private:
   std::string path_;

@@ -1,6 +1,7 @@
 // The exit handler's decisions, on a registry that the test fills.
 #include "wex_core_exit.h"
 #include "failing_calls.h"
+#include "leak_gate.h"
 #include "parked_world.h"
 #include "registry_files.h"
 #include "text_buffer.h"
@@ -342,6 +343,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
   reap(kChild, 9);
   EXPECT_TRUE(registered(running));
+  wex_test::leaves_behind(wex_test::kDescriptors, "/wex/db/", 1, "its registration is not taken back");
   expect_others();
 }
 
@@ -497,6 +499,7 @@ TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
     return contents(kRunningLog1);
   };
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
+  log_of(false, false);  // what earlier cases had taken down is told by now
   EXPECT_EQ("", log_of(false, false));
   const std::string begun = log_of(true, false);
   EXPECT_NE(std::string::npos, begun.find(begin)) << begun;

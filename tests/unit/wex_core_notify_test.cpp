@@ -2,6 +2,7 @@
 // counting, aborting, dumps, and the thread itself.
 #include <algorithm>
 #include "failing_calls.h"
+#include "leak_gate.h"
 
 #include "watchdog_world.h"
 #include "wex_core.h"
@@ -564,6 +565,8 @@ TEST_F(Watchdog, AThreadThatCannotBeNamedSaysSoAndScansAllTheSame) {
 }
 
 TEST_F(Watchdog, WithoutTheRightToItsPriorityTheThreadSaysSoAndScans) {
+  wex_test::leaves_behind(wex_test::kSemaphores, "", 1,
+                          "the process that made it gives up the right to remove it");
   in_child([] {
     service program(1);
     const daemon_side daemon;

@@ -13,6 +13,7 @@
 using namespace registry;
 using wex_test::refuse_call;
 using wex_test::run_failing;
+using wex_test::temporary;
 
 namespace {
 
@@ -209,6 +210,7 @@ TEST_F(Pidfile, PlantedFifoDirectoryAndLinkAreNotOpened) {
   const std::string link = db_file(0, "link", 5);
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
   ASSERT_EQ(0, mkdir(directory.c_str(), 0777));
+  const temporary precious("/tmp/precious");
   write_file("/tmp/precious", "precious");
   ASSERT_EQ(0, symlink("/tmp/precious", link.c_str()));
   ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
@@ -428,6 +430,7 @@ TEST_F(Pidfile, AnotherNameOfAHeldFileDoesNotCostItsLock) {
 }
 
 TEST_F(Pidfile, NothingIsRemovedThroughSomebodysDirectoryLink) {
+  const temporary victims("/tmp/victims");
   make_dirs("/tmp/victims");
   write_file("/tmp/victims/foo.96", "precious");
   write_file("/tmp/victims/96", "precious");

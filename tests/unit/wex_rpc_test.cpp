@@ -1,5 +1,6 @@
 // The client's connection, against a daemon played by the test.
 #include "wex_rpc.h"
+#include "leak_gate.h"
 
 #include <grp.h>
 #include <signal.h>
@@ -15,6 +16,9 @@
 using namespace control;
 
 namespace {
+
+const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
+                                          "the library keeps its connection for the next request");
 
 injection g_calloc;
 injection g_poll;

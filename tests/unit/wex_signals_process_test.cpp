@@ -1,5 +1,6 @@
 // The reaper, the dispositions, and what signals do to a running process.
 #include "wex_signals.h"
+#include "wex_test.h"
 
 #include "parked_world.h"
 #include "wex_core_spawn_guard.h"
@@ -269,12 +270,13 @@ TEST_F(InAProcessOfItsOwn, StoppingTheAlarmThreadCancelsThePendingAlarm) {
 
 TEST_F(InAProcessOfItsOwn, AProgramRestartedByTheAlarmRunsWithAnEmptyMaskAndDefaultActions) {
   // Without a child: while it starts one, the shell itself has signals blocked.
+  const wex_test::temporary program("/tmp/report");
+  const wex_test::temporary out("/tmp/report.out");
   write_file("/tmp/report",
              "#!/bin/sh\n"
              "while read -r line; do echo \"$line\"; done < /proc/$$/status > /tmp/report.part\n"
              "mv /tmp/report.part /tmp/report.out\nsleep 1000\n");
   chmod("/tmp/report", 0755);
-  unlink("/tmp/report.out");
   wex_pid* const rec = park_at(600, "/tmp/report");
   run([rec] {
     wex_setup_signals();

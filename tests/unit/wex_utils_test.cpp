@@ -65,10 +65,16 @@ void copy_program(const char* from, const char* to) {
   write_file(to, contents(from), 0755);
 }
 
-void make_lowmem_dir() {
-  ASSERT_EQ(0, mount("unit", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
-  ASSERT_EQ(0, mkdir(WEX_LOWMEM, 0755));
-}
+// A device with the low-memory killer's module, while this lives.
+struct lowmem_dir {
+  lowmem_dir() {
+    EXPECT_EQ(0, mount("unit", "/sys/kernel", "tmpfs", 0, nullptr)) << strerror(errno);
+    EXPECT_EQ(0, mkdir(WEX_LOWMEM, 0755));
+  }
+  ~lowmem_dir() { EXPECT_EQ(0, umount2("/sys/kernel", MNT_DETACH)); }
+  lowmem_dir(const lowmem_dir&) = delete;
+  lowmem_dir& operator=(const lowmem_dir&) = delete;
+};
 
 }  // namespace
 
@@ -583,7 +589,7 @@ TEST_F(Utils, TheKernelTakesTheScore) {
 }
 
 TEST_F(Utils, OnlyTheFirstDigitOfTheDaemonStatusCounts) {
-  make_lowmem_dir();
+  const lowmem_dir lowmem;
   const struct {
     const char* text;
     int status;
@@ -595,7 +601,7 @@ TEST_F(Utils, OnlyTheFirstDigitOfTheDaemonStatusCounts) {
 }
 
 TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
-  make_lowmem_dir();
+  const lowmem_dir lowmem;
   set_levels(0, WEX_DBG_SILENT);
   EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: open wex_status file fail: No such file or directory\n",
             lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
@@ -632,7 +638,7 @@ TEST_F(Utils, WhateverFailsIsToldByTheResultAlone) {
 }
 
 TEST_F(Utils, TheTwoThatTellTheirFailuresAreSilentAtLevelFour) {
-  make_lowmem_dir();
+  const lowmem_dir lowmem;
   EXPECT_EQ("", output_of([] {
               EXPECT_EQ(-1, wex_get_proc_status());
               EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1));

@@ -1,4 +1,5 @@
 // wex_vsd_group: control groups, limits, and the memory that domains use.
+#include "wex_test.h"
 #include "wex_vsd.h"
 
 #include <sched.h>
@@ -12,7 +13,9 @@ using namespace domain_world;
 namespace {
 
 struct ControlGroups : World {};
-struct Memory : World {};
+struct Memory : World {
+  const wex_test::temporary smaps_{"/tmp/smaps"};
+};
 
 // ---- Control groups ---------------------------------------------------------------------------------------
 
@@ -279,6 +282,7 @@ TEST_F(PlainControlFiles, LimitIsReadAsA31BitNumberOfBytes) {
 
 TEST_F(PlainControlFiles, PlantedLinkOrPipeIsNoControlFile) {
   ASSERT_EQ(0, unlink(kHard));
+  const wex_test::temporary theirs("/tmp/theirs");
   write_text("/tmp/theirs", "untouched");
   ASSERT_EQ(0, symlink("/tmp/theirs", kHard));
   ASSERT_EQ(0, lchown(kHard, 1000, 1000));

@@ -1,4 +1,5 @@
 // wex_vsd_remove: recursive removal of trees, links, control groups and whole domains.
+#include "wex_test.h"
 #include "wex_vsd.h"
 
 #include <sched.h>
@@ -14,6 +15,13 @@ struct Removal : World {
   void SetUp() override {
     World::SetUp();
     make_dirs("/tmp/tree/inside");
+  }
+  void TearDown() override {
+    for (const char* const path :
+         {"/tmp/tree", "/keep", "/tmp/top", "/tmp/way", "/tmp/theirs", "/tmp/guarded"}) {
+      wex_test::remove_tree(path);
+    }
+    World::TearDown();
   }
 };
 

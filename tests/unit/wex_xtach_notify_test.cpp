@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "control_peer.h"
+#include "leak_gate.h"
 #include "wex_sys_alive.h"
 #include "wex_xtach.h"
 
@@ -40,6 +41,12 @@ TEST(ThreadWithoutATable, ReportsByARegistration) {
 }
 
 namespace {
+
+const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
+                                          "the library keeps its connection for the next request");
+const wex_test::leaves_behind kTable(wex_test::kDescriptors, "/dev/shm/", 2, "the table stays mapped");
+const wex_test::leaves_behind kGuard(wex_test::kDescriptors, "pipe:", 2,
+                                     "the pipe of the guarded copies stays");
 
 class ThreadNotify : public ::testing::Test {
  protected:

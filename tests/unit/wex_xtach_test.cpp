@@ -1,5 +1,7 @@
 // The client calls, against a daemon played by the test at the true path.
 #include "wex_xtach.h"
+#include "leak_gate.h"
+#include "wex_test.h"
 
 #include <dirent.h>
 
@@ -47,6 +49,11 @@ bool locked_by_another(const std::string& path) {
   whole.l_type = F_WRLCK;
   return fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
 }
+
+const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
+                                          "the library keeps its connection for the next request");
+const wex_test::leaves_behind kHeldFile(wex_test::kDescriptors, "/wex/db/", 1,
+                                        "whoever registers holds its database file");
 
 class Registration : public ::testing::Test {
  protected:
@@ -192,6 +199,7 @@ TEST_F(Registration, WithAScriptRefusesANegativePid) {
 
 // A client knows its levels from the file alone, which may have changed since its last call.
 TEST_F(Registration, LoadsTheLevelsOfTheClientFirst) {
+  const wex_test::temporary levels("/tmp/levels");
   setenv("DATA_OVIX_DIR", "/tmp/levels", 1);
   ASSERT_EQ(0, system("mkdir -p /tmp/levels/qx_utils"));
   // The second is refused, and sends nothing, but has loaded them before.
@@ -294,7 +302,10 @@ class reporter {
     chmod(path(), 0755);
     unlink(report());
   }
-  ~reporter() { unlink(report()); }
+  ~reporter() {
+    unlink(report());
+    unlink(path());
+  }
   reporter(const reporter&) = delete;
   reporter& operator=(const reporter&) = delete;
   static const char* path() { return "/tmp/reporter"; }

@@ -25,6 +25,6 @@ is "$foreign" 0 "descriptors of the daemon in the restarted program"
 kill -SEGV $second
 check "did not come back a second time" eventually 15 other_runs $second /usr/bin/service --tag one
 check "the core dump was not announced" eventually 5 grep -q "/$second receives event:008b" $LOG
-start_service /usr/bin/service --tag ends --exit 300 0
+start_service /usr/bin/service --tag ends --exit 3000 0
 check "an orderly end was not announced" eventually 10 grep -q "HA_RE_INIT: Job .* will be re-initialized" $LOG
 pass
