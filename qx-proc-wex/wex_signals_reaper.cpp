@@ -12,7 +12,7 @@
 namespace {
 
 // Reaps one child that has ended. As waitpid() for any child without blocking.
-pid_t reap_one() {
+pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   // Looked at first: as a zombie it still tells when it started, which with its pid says who it was.
   siginfo_t next = {};
   const bool told = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
