@@ -1,12 +1,8 @@
 // wex_core_spawn_guard: keeps the reaper away from fork until the new pid is in its record.
 #include "wex_core_spawn_guard.h"
 
-#include <pthread.h>
-
 #include <cerrno>
 
-// Recursive: the exit handler holds it until the new pid is in its record, the spawner inside it too. The
-// reaper runs at normal priority and holds it as well, hence the inheritance.
 priority_mutex wex_spawn_mutex(PTHREAD_MUTEX_RECURSIVE);
 
 spawn_guard::spawn_guard() noexcept {

@@ -4,11 +4,11 @@
 #include "priority_mutex.h"
 #include "wex_lock_order.h"
 
-// Taken by spawn_guard only; here so that what it guards can name it.
+// Guards the time from a fork until the new pid is in its record: a pid reaped before could be reused.
+// Recursive: the exit handler holds it until then, the spawner inside it too. The reaper runs at normal
+// priority and holds it as well, hence the inheritance. Taken with wex_chains held, or with no chain at all.
 extern priority_mutex wex_spawn_mutex WEX_TSA(acquired_after(wex_chains));
 
-// A reaped pid may be reused: between the fork and the moment when the record has the new pid, nothing is
-// reaped. Recursive; taken with wex_chains held, or with no chain at all.
 class WEX_TSA(scoped_lockable) spawn_guard {
  public:
   spawn_guard() noexcept WEX_TSA(acquire_capability(wex_spawn_mutex));

@@ -9,7 +9,7 @@
 // was given tells what they would have told. The two have tables of their own, because many short-lived
 // children must not push out a program that is still to be restarted.
 //
-// Both tables are guarded by the spawn guard: a child is remembered before it can be reaped.
+// wex_spawn_mutex guards both tables: a child is remembered before it can be reaped.
 #define WEX_MODULE "wex_core"
 #include "wex_core_third_part.h"
 

@@ -21,7 +21,7 @@ struct missed_exit {
 uint32_t wex_remember_start(pid_t child, uint32_t status) WEX_TSA(requires_capability(wex_spawn_mutex));
 
 // The reaper's: `child`, which started at `start_time` (clock ticks since boot, 0: unknown), has ended with
-// this wait status.
+// this wait status. Caller holds the spawn guard.
 void wex_note_child_end(pid_t child, uint64_t start_time, int status)
     WEX_TSA(requires_capability(wex_spawn_mutex));
 
