@@ -2,11 +2,12 @@
 #pragma once
 
 #include "priority_mutex.h"
+#include "wex_lock_order.h"
 
 // Guards the time from a fork until the new pid is in its record: a pid reaped before could be reused.
 // Recursive: the exit handler holds it until then, the spawner inside it too. The reaper runs at normal
 // priority and holds it as well, hence the inheritance. Taken with wex_chains held, or with no chain at all.
-extern priority_mutex wex_spawn_mutex;
+extern priority_mutex wex_spawn_mutex WEX_TSA(acquired_after(wex_chains));
 
 class WEX_TSA(scoped_lockable) spawn_guard {
  public:
