@@ -51,8 +51,8 @@ struct replacement {
   int32_t time;
 };
 
-replacement replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
-unsigned replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
+replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
+unsigned g_replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
 
 void link_at_head(wex_hnode** head, wex_hnode* node) {
   node->next = *head;
@@ -87,14 +87,14 @@ wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capabil
 }
 
 void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
-  replaced[replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
-  replaced_next++;
+  g_replaced[g_replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
+  g_replaced_next++;
 }
 
 // The newest replacement of `pid`, unless it is too old or led to no process; else null.
 const replacement* find_replaced(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   for (unsigned back = 1; back <= kReplacedKept; back++) {
-    const replacement& entry = replaced[(replaced_next - back) % kReplacedKept];
+    const replacement& entry = g_replaced[(g_replaced_next - back) % kReplacedKept];
     if (entry.old_pid == pid) {
       const int64_t age = int64_t{wex_clock_now()} - entry.time;
       return entry.new_pid > 0 && age <= kReplacedKeepSec ? &entry : nullptr;

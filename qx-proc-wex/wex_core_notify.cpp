@@ -30,8 +30,8 @@ constexpr size_t kThreadNameSize = 32;
 
 // The process that was aborted last, if the last scan aborted one. It may ignore the signal, so the next scan
 // takes the next process, however many hung threads this one has. Watchdog's thread only.
-int32_t last_served = 0;
-bool turn_passed = false;
+int32_t g_last_served = 0;
+bool g_turn_passed = false;
 
 // What holds for one whole scan.
 struct scan {
@@ -119,22 +119,22 @@ bool has_earlier_turn(int32_t process, int32_t other) {
 void serve(const wex_pid* thread, scan* now) {
   abort_hung(thread);
   now->abort_sent = true;
-  turn_passed = true;
-  last_served = thread->ppid;
+  g_turn_passed = true;
+  g_last_served = thread->ppid;
 }
 
 void serve_in_turn(wex_pid* thread, scan* now) {
   if (now->abort_sent) {
     return;
   }
-  if (!turn_passed) {
+  if (!g_turn_passed) {
     serve(thread, now);
     return;
   }
   if (now->lowest == nullptr || has_earlier_turn(thread->ppid, now->lowest->ppid)) {
     now->lowest = thread;
   }
-  if (has_earlier_turn(last_served, thread->ppid) &&
+  if (has_earlier_turn(g_last_served, thread->ppid) &&
       (now->next == nullptr || has_earlier_turn(thread->ppid, now->next->ppid))) {
     now->next = thread;
   }
@@ -170,7 +170,7 @@ void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
   if (due != nullptr) {
     serve(due, now);
   }
-  turn_passed = now->abort_sent;
+  g_turn_passed = now->abort_sent;
 }
 
 // Somebody may have removed or cut the table. Reports may then go to another one, and a silent thread looks

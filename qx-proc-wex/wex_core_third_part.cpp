@@ -9,7 +9,7 @@
 // got takes the event's place. The two have tables of their own, because many short-lived children must not
 // push out a program that is still to be restarted.
 //
-// Both tables are guarded by the spawn guard: a child is remembered before it can be reaped.
+// wex_spawn_mutex guards both tables: a child is remembered before it can be reaped.
 #define WEX_MODULE "wex_core"
 #include "wex_core_third_part.h"
 
@@ -27,8 +27,8 @@ struct start {
   bool ended;
 };
 
-start g_starts[kStartsKept];
-uint32_t g_last_number = 0;
+start g_starts[kStartsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
+uint32_t g_last_number WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
 // A ring as well: a lost exit is found within a minute or two.
 struct end {
@@ -36,16 +36,16 @@ struct end {
   pid_t child;
   uint32_t status;
 };
-end g_ends[kEndsKept];
-unsigned g_ends_noted = 0;
+end g_ends[kEndsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
+unsigned g_ends_noted WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
-bool is_older(const start& one, const start& other) {
+bool is_older(const start& one, const start& other) WEX_TSA(requires_capability(wex_spawn_mutex)) {
   return g_last_number - one.number > g_last_number - other.number;  // right also after the 32 bits overflow
 }
 
 // An unused entry. When there is none, because so many children live on without having been found, the oldest
 // entry is taken, and its program stays down.
-start* take_entry() {
+start* take_entry() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   start* oldest = &g_starts[0];
   for (start& one : g_starts) {
     if (one.number == 0) {

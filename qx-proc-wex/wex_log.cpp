@@ -46,9 +46,9 @@ constexpr char kRebootSecondsText[] = "10\n";  // written with its zero byte
 enum { kCountMissing = -2, kCountUnreadable = -1 };
 
 // Threads of every priority write here.
-priority_mutex running_mutex;
-priority_mutex event_mutex;
-int event_fd WEX_TSA(guarded_by(event_mutex)) = -1;  // the open event log, or -1
+priority_mutex g_running_mutex;
+priority_mutex g_event_mutex;
+int g_event_fd WEX_TSA(guarded_by(g_event_mutex)) = -1;  // the open event log, or -1
 
 // ---- Files ------------------------------------------------------------------------------------------------
 
@@ -228,7 +228,7 @@ void append_running_entry(const char* message) {
   const char* path;
   written_entry written;
   {
-    const mutex_lock hold(running_mutex);
+    const mutex_lock hold(g_running_mutex);
     path = choose_running_file();
     if (path == nullptr) {
       return;
@@ -333,15 +333,15 @@ int wex_openlog(const char* path) {
   if (!file.valid()) {
     return -1;
   }
-  const mutex_lock hold(event_mutex);
-  const unique_fd forgotten(event_fd);  // an opener who did not close does not cost a descriptor
-  event_fd = file.release();
+  const mutex_lock hold(g_event_mutex);
+  const unique_fd forgotten(g_event_fd);  // an opener who did not close does not cost a descriptor
+  g_event_fd = file.release();
   return 0;
 }
 
 void wex_log(const char* format, ...) {
-  const mutex_lock hold(event_mutex);
-  if (event_fd < 0) {
+  const mutex_lock hold(g_event_mutex);
+  if (g_event_fd < 0) {
     return;
   }
   char entry[kEntrySize];
@@ -350,14 +350,14 @@ void wex_log(const char* format, ...) {
   const size_t length = build_entry(entry, format, arguments);
   va_end(arguments);
   if (entry[0] != ' ') {  // without a time there is no entry
-    write_entry(event_fd, entry, length);
+    write_entry(g_event_fd, entry, length);
   }
 }
 
 void wex_closelog(void) {
-  const mutex_lock hold(event_mutex);
-  const unique_fd open_log(event_fd);
-  event_fd = -1;
+  const mutex_lock hold(g_event_mutex);
+  const unique_fd open_log(g_event_fd);
+  g_event_fd = -1;
 }
 
 void wex_log_notify_info(const char* path, const char* format, ...) {

@@ -295,7 +295,7 @@ pid_t fork_child(const launch& start) {
 }
 
 // The end of the child, or that there was none, is to count as one more exit of the record.
-void remember_missed(wex_pid* rec, pid_t child) {
+void remember_missed(wex_pid* rec, pid_t child) WEX_TSA(requires_capability(wex_spawn_mutex)) {
   if (child > 0) {
     rec->missed_child = static_cast<int32_t>(child);
   }
@@ -312,7 +312,8 @@ void drop_marker_of_dead(int32_t domain, pid_t child) {
 }
 
 // The process of a third-part program, which may have detached from the child. Its pid, or 0.
-int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
+int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
+    WEX_TSA(requires_capability(wex_spawn_mutex)) {
   wex_pid* const rec = start.rec;
   char* const whole = rec->process;
   char* const wanted =
@@ -365,7 +366,7 @@ bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
 
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
 int32_t try_start(const launch& start, int32_t* out_pid, int* error)
-    WEX_TSA(requires_capability(wex_chains)) {
+    WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex)) {
   const signals_held hold(SIGCHLD);
   const pid_t child = fork_child(start);
   *error = errno;

@@ -12,7 +12,7 @@
 namespace {
 
 // Reaps one child that has ended. As waitpid() for any child without blocking.
-pid_t reap_one() {
+pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   // Looked at before it is reaped: as a zombie it still has its start time, which with the pid identifies it.
   siginfo_t next = {};
   const bool found = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;

@@ -38,7 +38,7 @@
 
 namespace {
 
-std::atomic<int32_t> fd_watch_strikes{0};
+std::atomic<int32_t> g_fd_watch_strikes{0};
 
 // Kept: what stands behind the keyword is not looked at, see docs/decisions.md.
 bool names(const char* text, const wex_action& action) {
@@ -106,8 +106,8 @@ void tell_too_many(int32_t pid) {
 
 // The last strike ends the process while it can still be restarted in good order.
 void count_strike() {
-  if (++fd_watch_strikes >= kFdWatchStrikes) {
-    fd_watch_strikes = 0;
+  if (++g_fd_watch_strikes >= kFdWatchStrikes) {
+    g_fd_watch_strikes = 0;
     exit(1);
   }
 }
@@ -300,7 +300,7 @@ void wex_client_watch_process_fd(int32_t pid) {
     tell_too_many(pid);
     count_strike();
   } else {
-    fd_watch_strikes = 0;
+    g_fd_watch_strikes = 0;
   }
 }
 

@@ -27,9 +27,9 @@ struct locked_file {
   char name[kPathSize];
 };
 
-priority_mutex files_lock;
-locked_file* files WEX_TSA(guarded_by(files_lock)) WEX_TSA(pt_guarded_by(files_lock)) = nullptr;
-std::atomic<pid_t> holder{0};  // the process that holds the locks; 0 while none was remembered
+priority_mutex g_files_mutex;
+locked_file* g_files WEX_TSA(guarded_by(g_files_mutex)) WEX_TSA(pt_guarded_by(g_files_mutex)) = nullptr;
+std::atomic<pid_t> g_holder{0};  // the process that holds the locks; 0 while none was remembered
 
 bool is_same(const locked_file& file, const struct stat& facts) {
   return file.device == facts.st_dev && file.inode == facts.st_ino;
@@ -47,10 +47,10 @@ bool remember(const char* name, int fd) {
   file->device = facts.st_dev;
   file->inode = facts.st_ino;
   strncpy(file->name, name, sizeof file->name - 1);
-  const mutex_lock hold(files_lock);
-  file->next = files;
-  files = file;
-  holder.store(getpid(), std::memory_order_release);
+  const mutex_lock hold(g_files_mutex);
+  file->next = g_files;
+  g_files = file;
+  g_holder.store(getpid(), std::memory_order_release);
   return true;
 }
 
@@ -75,8 +75,8 @@ void keep_locked_file(const char* name, unique_fd&& fd) {
 }
 
 void drop_locked_file(const char* name) {
-  const mutex_lock hold(files_lock);
-  for (locked_file** at = &files; *at != nullptr; at = &(*at)->next) {
+  const mutex_lock hold(g_files_mutex);
+  for (locked_file** at = &g_files; *at != nullptr; at = &(*at)->next) {
     locked_file* const file = *at;
     if (strcmp(file->name, name) == 0) {
       *at = file->next;
@@ -88,7 +88,7 @@ void drop_locked_file(const char* name) {
 }
 
 bool holds_locked_files() {
-  const pid_t process = holder.load(std::memory_order_acquire);
+  const pid_t process = g_holder.load(std::memory_order_acquire);
   return process != 0 && process == getpid();
 }
 
@@ -96,8 +96,8 @@ bool is_locked_file(const struct stat& facts) {
   if (!holds_locked_files()) {
     return false;
   }
-  const mutex_lock hold(files_lock);
-  const locked_file* file = files;
+  const mutex_lock hold(g_files_mutex);
+  const locked_file* file = g_files;
   while (file != nullptr && !is_same(*file, facts)) {
     file = file->next;
   }
@@ -105,8 +105,8 @@ bool is_locked_file(const struct stat& facts) {
 }
 
 void relock_file(const struct stat& facts) {
-  const mutex_lock hold(files_lock);
-  for (const locked_file* file = files; file != nullptr; file = file->next) {
+  const mutex_lock hold(g_files_mutex);
+  for (const locked_file* file = g_files; file != nullptr; file = file->next) {
     if (is_same(*file, facts)) {
       wex_lock_file(file->fd);
     }

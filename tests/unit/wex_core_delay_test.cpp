@@ -136,7 +136,10 @@ class Delay : public RegistryWorld {
     return rec;
   }
 
-  static int32_t count(const wex_chains_t& chain) { return chain.count; }
+  static int32_t count(wex_chains_t& chain) {
+    const chain_lock hold(chain);
+    return chain.count;
+  }
 
   static int32_t present_pid(const wex_pid* rec) {
     chain_lock hold(wex_chains);
@@ -193,6 +196,7 @@ TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
   rec->crash_time = 900;
   snprintf(rec->script, sizeof rec->script, "script a");
   wex_handle_netlink_exit(pid, 139, 0);
+  EXPECT_EQ(pid, present_pid(rec)) << "the registered record stays under its old pid";
   chain_lock hold(wex_chains_delay);
   const wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid);
   ASSERT_NE(nullptr, copy);
@@ -207,7 +211,6 @@ TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
   EXPECT_EQ(0, copy->crash_time);
   EXPECT_STREQ(kProgram, copy->process);
   EXPECT_STREQ("script a", copy->script);
-  EXPECT_EQ(pid, present_pid(rec)) << "the registered record stays under its old pid";
 }
 
 TEST_F(Delay, ASecondExitOfAWaitingPidMakesNoSecondCopy) {
