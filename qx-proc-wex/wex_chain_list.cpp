@@ -103,7 +103,7 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
 }
 
 // Links are followed, as they were when the list was read: one that leads to the very
-// file that is remembered hides nothing, whoever made it.
+// file that is remembered changes nothing, whichever user made it.
 bool is_known(const char* path) WEX_TSA(requires_capability(g_list_mutex)) {
   struct stat facts;
   return g_known.text != nullptr && strcmp(g_known.path, path) == 0 && stat(path, &facts) == 0 &&

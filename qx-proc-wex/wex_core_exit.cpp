@@ -73,7 +73,7 @@ void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_free_record(__wex_recycle_registration(rec));
 }
 
-// A stranger that has got the pid is alive, but not the record's process.
+// True also when another process has got the pid: it is alive, but not the record's process.
 bool is_dead(const wex_pid* rec) {
   if (process_life(rec->pid) < 0) {
     return true;

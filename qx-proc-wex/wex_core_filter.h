@@ -1,8 +1,8 @@
 // wex_core_filter: which process events the kernel puts into the monitor's queue. Any thread.
 #pragma once
 
-// Who needs the ends of single threads that dumped no core. They are most of what a busy machine reports, and
-// nobody else does.
+// Who needs the ends of single threads that dumped no core. On a busy machine they are most of all events, so
+// they pass only while one of these needs them.
 enum class thread_ends_for {
   undecided_exits,  // a main thread has ended, and its process does once the others have
   registrations,    // a thread is registered as if it were a process

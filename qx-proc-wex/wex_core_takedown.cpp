@@ -176,6 +176,6 @@ void wex_drop_domains_taken_down() {
   }
   drop_what_is_down();
   for (std::atomic<bool>& domain : g_closing) {
-    domain.store(false);  // while the marker stays it speaks for itself
+    domain.store(false);  // a marker that is still there is found by looking
   }
 }

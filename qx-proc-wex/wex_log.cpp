@@ -223,7 +223,7 @@ size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* mes
   return strlen(entry);
 }
 
-// A sync may take seconds, so it comes when the mutex is free again: nobody waits for another one's sync.
+// A sync may take seconds, so it comes when the mutex is free again: no thread waits for another's sync.
 void append_running_entry(const char* message) {
   const char* path;
   written_entry written;

@@ -77,7 +77,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   return rec;
 }
 
-// A pid that is left over from a restart that found no process belongs to whoever has it now.
+// A record whose restart found no process keeps a dead pid; the process that has the pid now may register it.
 bool is_registered(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
   return rec != nullptr && (rec->restart_failed == 0 || wex_record_lives(rec));
@@ -136,7 +136,7 @@ struct notify_kind {
 constexpr notify_kind kStart = {"wex_notifier_start", false};
 constexpr notify_kind kReset = {"wex_notifier_reset", true};
 
-// The words are kept as they came; whoever counts with them minds their range.
+// The numbers are kept as they came; the watchdog, which counts with them, checks for overflow.
 void copy_counters(wex_pid* rec, const wex_reg_info& body) {
   rec->notify_info[WEX_NTFY_CNT] = body.ntfy_cnt;
   rec->notify_info[WEX_CUR_CNT] = body.cur_cnt;

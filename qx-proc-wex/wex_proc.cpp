@@ -336,7 +336,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
     return 0;
   }
   if (found != child && start.domain >= kFirstDomain) {
-    save_proc_info(start.domain, found);  // or its next life would be one of the main system
+    save_proc_info(start.domain, found);  // or it would be restarted in the main system
     drop_marker_of_dead(start.domain, child);
   }
   *out_pid = found;

@@ -331,7 +331,7 @@ int already_running(const char* path) {
       continue;
     }
     if (!is_ours_alone(lock.get())) {
-      wex_unlink(path);  // nobody holds it, for we do: a new one takes its place
+      wex_unlink(path);  // no other process holds it, for we have the lock: a new file takes its place
       continue;
     }
     write_own_pid(lock.get());

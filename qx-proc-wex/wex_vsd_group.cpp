@@ -221,8 +221,8 @@ void enforce_limit(int32_t vsd) {
   if (limit == 0) {
     array_rss[vsd] = 0;
   } else if (static_cast<uint64_t>(limit) < array_rss[vsd]) {
-    // Signal 9 to process 0 would be the end of our own process group: a domain whose markers lead to nobody
-    // is over its limit in vain. Looking and killing share one look, so that nobody can vanish in between.
+    // A domain whose flag files lead to no process loses none: signal 9 to process 0 would end our own
+    // process group. The kill uses the result of this look, so that no process can vanish in between.
     const largest_process largest = find_largest(vsd);
     if (largest.pid > 0) {
       kill_largest(largest);

@@ -166,7 +166,7 @@ int minder::wait() noexcept {
 
 // ---- Notifications ----------------------------------------------------------------------------------------
 
-// Programs repeat their status with every sign of life; only a new one is worth a line.
+// Programs repeat their status with every report; only a changed one is logged.
 void minder::log_status(const char* text) noexcept {
   char shown[sizeof last_status_];
   wex_copy_text(shown, sizeof shown, text);
