@@ -194,7 +194,10 @@ TEST_F(MutexSem, EachFailedStepHasItsNumber) {
 TEST_F(MutexSem, TheKernelGivesBackTheLockOfADeadHolder) {
   int id = -1;
   ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  lasting_child holder([&] { EXPECT_EQ(0, ras_os_lock_mutex_sem(id)); });
+  child holder([&] {
+    EXPECT_EQ(0, ras_os_lock_mutex_sem(id));
+    return true;
+  });
   EXPECT_EQ(0, value_of(id));
   holder.end();
   EXPECT_EQ(1, value_of(id));
@@ -204,12 +207,18 @@ TEST_F(MutexSem, TheKernelGivesBackTheLockOfADeadHolder) {
 TEST_F(MutexSem, AnUnlockIsUndoneWithTheProcessThatDidIt) {
   int id = -1;
   ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  lasting_child unlocker([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
+  child unlocker([&] {
+    EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
+    return true;
+  });
   EXPECT_EQ(2, value_of(id));
   unlocker.end();
   EXPECT_EQ(1, value_of(id));
   ASSERT_EQ(0, ras_os_lock_mutex_sem(id));
-  lasting_child stranger([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
+  child stranger([&] {
+    EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
+    return true;
+  });
   EXPECT_EQ(1, value_of(id)) << "given back by another process";
   stranger.end();
   EXPECT_EQ(0, value_of(id)) << "and locked again by that process's end";
@@ -239,7 +248,7 @@ TEST_F(MutexSem, AnInterruptedLockWaitsASecondAndGoesOn) {
 
 TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
   const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
-  const int before = open_descriptors();
+  const size_t before = count_descriptors();
   ras_os_record_memory_t memory = {};
   int err = 99;
   ASSERT_EQ(0, ras_os_init_record_memory(kObject, 184356, &memory, &err));
@@ -250,7 +259,7 @@ TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
     EXPECT_EQ(188416u, memory.size);
   }
   EXPECT_EQ(static_cast<off_t>(memory.size), size_of(kObjectFile));
-  EXPECT_EQ(before + 1, open_descriptors()) << "the object's descriptor stays open";
+  EXPECT_EQ(before + 1, count_descriptors()) << "the object's descriptor stays open";
   for (int fd = 3; fd < 64; ++fd) {
     const int flags = fcntl(fd, F_GETFD);
     struct stat status = {};
@@ -362,12 +371,12 @@ TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
     signal(SIGXFSZ, SIG_IGN);
     rlimit limit = {4096, 4096};
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     ras_os_record_memory_t memory = {};
     int err = 0;
     EXPECT_EQ(-5, ras_os_init_record_memory(kObject, 1 << 20, &memory, &err));
     EXPECT_EQ(EFBIG, err);
-    EXPECT_EQ(before, open_descriptors()) << "a client that keeps trying must not run out of them";
+    EXPECT_EQ(before, count_descriptors()) << "a client that keeps trying must not run out of them";
   });
   EXPECT_FALSE(exists(kObjectFile));
 }
@@ -375,7 +384,7 @@ TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
 TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
   write_file(kObjectFile, "older");
   in_child([] {
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     rlimit limit = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_AS, &limit));
     const rlimit none = {1 << 20, limit.rlim_max};
@@ -388,7 +397,7 @@ TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
     EXPECT_EQ(ENOMEM, err);
     EXPECT_EQ(MAP_FAILED, memory.addr) << "what was stored stays";
     EXPECT_EQ(nullptr, memory.name);
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(before, count_descriptors());
   });
   EXPECT_FALSE(exists(kObjectFile));
 }
@@ -458,7 +467,7 @@ TEST_F(RasOs, APathIsJoinedWhenItFitsWithItsEnd) {
   EXPECT_EQ(
       "[RAS]<ras_comp_config, ras_make_vsd_path, N>:not enough path memory(prefix:/abc, suffix:/cde, "
       "len:8)!\n",
-      lines_of([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
+      lines_printed_by([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
   EXPECT_STREQ("/ab/cde", out);
   EXPECT_EQ(-1, ras_make_vsd_path(nullptr, "", out, sizeof(out)));
 }
@@ -481,12 +490,12 @@ TEST_F(RasOs, ADumpOfTwentyBytesHasAPaddedLastLine) {
           std::string(" Offset  |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F | 0123456789ABCDEF\n") +
           rule + "00000000 | 30 31 32 33 20 35 36 37 38 39 41 42 43 44 45 46 | 0123.56789ABCDEF\n" +
           "00000010 | 7F FF 0A 7A                                     | ...z\n" + rule,
-      output_of([&] { result = ras_os_dump_msg("tag", bytes, 20); }));
+      printed_by([&] { result = ras_os_dump_msg("tag", bytes, 20); }));
   EXPECT_EQ(static_cast<int>(rule.size()), result);
 }
 
 TEST_F(RasOs, ADumpOfSixteenBytesHasNoPartialLine) {
-  const std::string text = output_of([] { ras_os_dump_msg("t", "abcdefghijklmnop", 16); });
+  const std::string text = printed_by([] { ras_os_dump_msg("t", "abcdefghijklmnop", 16); });
   EXPECT_EQ(5, std::count(text.begin(), text.end(), '\n')) << text;
   EXPECT_NE(std::string::npos,
             text.find("00000000 | 61 62 63 64 65 66 67 68 69 6A 6B 6C 6D 6E 6F 70 | abcdefghijklmnop\n"));
@@ -495,16 +504,16 @@ TEST_F(RasOs, ADumpOfSixteenBytesHasNoPartialLine) {
 TEST_F(RasOs, ADumpOfNothingIsRefused) {
   int result = 0;
   const std::string expected = "argument err(prx:(nil), msg:(nil), len0)!\n";
-  EXPECT_EQ(expected, output_of([&] { result = ras_os_dump_msg(nullptr, nullptr, 0); }));
+  EXPECT_EQ(expected, printed_by([&] { result = ras_os_dump_msg(nullptr, nullptr, 0); }));
   EXPECT_EQ(static_cast<int>(expected.size()), result);
-  EXPECT_EQ(0u, output_of([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
+  EXPECT_EQ(0u, printed_by([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
 }
 
 // ---- The system semaphore ---------------------------------------------------------------------------------
 
 TEST_F(SystemSem, IsCreatedAtZeroWithItsKeyFile) {
   umask(0);
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_sem_init()); }));
+  EXPECT_EQ("", printed_by([] { EXPECT_EQ(0, wex_sem_init()); }));
   EXPECT_GE(g_wex_semid, 0);
   EXPECT_EQ(0754u, mode_of_set(g_wex_semid));
   EXPECT_EQ(0754u, mode_of(WEX_SEM_KEY_FILE));
@@ -538,7 +547,7 @@ TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
   raise_count(id);
   g_wex_semid = -1;
   EXPECT_EQ("[WEX:ras_os:N]System wex semaphore already inited.",
-            lines_of([] { EXPECT_EQ(0, wex_sem_init()); }));
+            lines_printed_by([] { EXPECT_EQ(0, wex_sem_init()); }));
   EXPECT_EQ(-1, g_wex_semid);
   EXPECT_EQ(1, wex_get_semval());
   EXPECT_EQ(id, g_wex_semid) << "the first look finds it";
@@ -547,7 +556,8 @@ TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
 TEST_F(SystemSem, AKeyFileThatCannotBeOpenedIsSaid) {
   rlimit before = {};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Too many open files.", lines_of([&] {
+  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Too many open files.",
+            lines_printed_by([&] {
               const rlimit none = {0, before.rlim_max};
               EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
               EXPECT_EQ(-1, wex_sem_init());
@@ -576,14 +586,14 @@ TEST_F(SystemSem, WhatIsNoFileAtTheNameOfTheKeyMakesRoom) {
 TEST_F(SystemSem, EachFailedStepOfCreationIsSaid) {
   ftok_fault.arm(1, EIO);
   EXPECT_EQ("[WEX:ras_os:N]Get sem file key failed: Input/output error.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+            lines_printed_by([] { EXPECT_EQ(-1, wex_sem_init()); }));
   create_fault.arm(1, ENOSPC);
   EXPECT_EQ("[WEX:ras_os:N]Get wex sem on init failed: No space left on device.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+            lines_printed_by([] { EXPECT_EQ(-1, wex_sem_init()); }));
   EXPECT_EQ(-1, g_wex_semid);
   setval_fault.arm(1, ERANGE);
   EXPECT_EQ("[WEX:ras_os:N]Set wex sem initial value failed: Numerical result out of range.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
+            lines_printed_by([] { EXPECT_EQ(-1, wex_sem_init()); }));
   EXPECT_NE(-1, g_wex_semid) << "keeps the id of the set it removed";
   EXPECT_EQ(-1, semget(ftok(WEX_SEM_KEY_FILE, 1), 1, 0));
 }
@@ -592,19 +602,19 @@ TEST_F(SystemSem, AMissingKeyFileOrSetIsSaidTwice) {
   EXPECT_EQ(
       "[WEX:wex:N]Get sem file key failed: No such file or directory."
       "[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+      lines_printed_by([] { EXPECT_EQ(-1, wex_get_semval()); }));
   write_file(WEX_SEM_KEY_FILE, "");
   EXPECT_EQ(
       "[WEX:wex:N]Get wex sem failed: No such file or directory."
       "[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+      lines_printed_by([] { EXPECT_EQ(-1, wex_get_semval()); }));
   EXPECT_EQ(-1, g_wex_semid);
 }
 
 TEST_F(SystemSem, ASetRemovedFromOutsideStaysLost) {
   ASSERT_EQ(0, wex_sem_init());
   semctl(g_wex_semid, 0, IPC_RMID, nullptr);
-  const std::string line = lines_of([] { EXPECT_EQ(-1, wex_get_semval()); });
+  const std::string line = lines_printed_by([] { EXPECT_EQ(-1, wex_get_semval()); });
   EXPECT_EQ(0u, line.find("[WEX:ras_os:N]Get wex sem count failed: ")) << line;
   EXPECT_EQ('.', line.back());
   ASSERT_EQ(0, wex_sem_init());
@@ -620,7 +630,7 @@ TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsNotTriedForEver) {
   slept_seconds = 0;
   EXPECT_EQ(
       "[WEX:wex:N]Get sem file key failed: Cannot allocate memory.[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
+      lines_printed_by([] { EXPECT_EQ(-1, wex_get_semval()); }));
   quick_sleep = false;
   EXPECT_EQ(WEX_SEM_KEY_TRIES - 1u, slept_seconds);
   EXPECT_EQ(0, wex_get_semval()) << "the next look finds it";

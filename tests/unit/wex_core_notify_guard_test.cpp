@@ -22,7 +22,7 @@ TEST_F(Watchdog, AnEndedThreadIsRemovedFromChainAndTable) {
     EXPECT_EQ(0, wex_sys_isreg_alive_info(tid));
     EXPECT_EQ(0U, wex_sys_get_alive_seq(tid));
     EXPECT_EQ(1, wex_sys_isreg_alive_info(static_cast<uint32_t>(program.pid()))) << "its neighbour";
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
     EXPECT_TRUE(program.running());
   });
 }
@@ -50,8 +50,8 @@ TEST_F(Watchdog, AllThreadsOfADeadProcessAreRemovedInOneScan) {
     program.end();
     daemon.scans(1);
     EXPECT_EQ(0, wex_alive_chains.count);
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
-    const std::string table = contents(kAliveTableFile);
+    EXPECT_FALSE(exists(kNotifyLog));
+    const std::string table = read_file(kAliveTableFile);
     EXPECT_EQ(std::string(20481 + 163840, '\0'), table.substr(32, 184353 - 32));
   });
 }
@@ -80,7 +80,7 @@ TEST_F(Watchdog, AThreadIdThatAnotherProcessHasNowIsRemovedBeforeItIsCounted) {
     EXPECT_EQ(0, wex_alive_chains.count);
     EXPECT_EQ(0, wex_sys_isreg_alive_info(static_cast<uint32_t>(reused)));
     EXPECT_TRUE(stranger->running());
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
   });
 }
 
@@ -98,7 +98,7 @@ TEST_F(Watchdog, AProcessThatRunsAnotherProgramNowIsRemoved) {
                                   ", now:" + now + ")\n"));
     EXPECT_EQ(0, wex_alive_chains.count);
     EXPECT_TRUE(program.running());
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
   });
 }
 
@@ -119,7 +119,7 @@ TEST_F(Watchdog, ARegisteredLineThatBeginsWithTheCurrentOneIsTheSameProgram) {
 
 TEST_F(Watchdog, OnlyTheFirst255CharactersOfALongLineAreCompared) {
   in_child([] {
-    const lasting_child program("/bin/sleep", {"sleep", "600", std::string(400, '0')});
+    const child program("/bin/sleep", {"sleep", "600", std::string(400, '0')});
     const daemon_side daemon;
     daemon.start(program.pid(), program.pid(), kShort);
     wex_pid* const rec = daemon.find(program.pid());
@@ -143,7 +143,7 @@ TEST_F(Watchdog, AForgedOwnerIsRemovedAndNobodyIsAborted) {
       daemon.scans(1);
       EXPECT_EQ(0, wex_alive_chains.count);
       EXPECT_TRUE(program.running());
-      EXPECT_EQ("<absent>", contents(kNotifyLog));
+      EXPECT_FALSE(exists(kNotifyLog));
     });
   }
 }
@@ -228,7 +228,7 @@ TEST_F(Watchdog, ATableCutShortIsMendedAndTheThreadsGoOn) {
     daemon.scans(3);
     ASSERT_EQ(0, truncate(kAliveTableFile, 0));
     daemon.scans(1);
-    EXPECT_EQ(188416U, contents(kAliveTableFile).size());
+    EXPECT_EQ(188416U, read_file(kAliveTableFile).size());
     expect_state(program.pid(), 3, 0);
     daemon.start(program, 0, kShort);  // what the thread's next report leads to
     program.report(0);
@@ -248,17 +248,17 @@ TEST_F(Watchdog, ATableThatWasReplacedStopsTheCountAndIsSaidOnce) {
         "/dev/shm/UTILS-wex-shm-001 is not the table that threads were registered in, or is full, "
         "hangs are not counted.\r\n";
     daemon.scans(2);
-    EXPECT_EQ(1U, occurrences(contents(kRunningLog), complaint));
+    EXPECT_EQ(1U, occurrences(read_file(kRunningLog), complaint));
     write_file(kAliveTableFile, std::string(188416, '\xff'));
     daemon.scans(28);
     expect_state(program.pid(), 4, 0);
-    EXPECT_EQ(1U, occurrences(contents(kRunningLog), complaint));
+    EXPECT_EQ(1U, occurrences(read_file(kRunningLog), complaint));
     ASSERT_EQ(0, rename("/dev/shm/aside", kAliveTableFile));
     daemon.scans(2);
     expect_state(program.pid(), 3, 0);
     unlink(kAliveTableFile);
     daemon.scans(1);
-    EXPECT_EQ(2U, occurrences(contents(kRunningLog), complaint)) << "a new loss is said again";
+    EXPECT_EQ(2U, occurrences(read_file(kRunningLog), complaint)) << "a new loss is said again";
   });
 }
 
@@ -298,16 +298,16 @@ TEST_F(Watchdog, TheLastIdOfTheTableReportsThroughItAndTheNextByMessage) {
       ASSERT_EQ(163840, beyond.pid());
       const daemon_side daemon;
       daemon.start(last, 0, kShort);
-      const std::string before = contents(kAliveTableFile);
+      const std::string before = read_file(kAliveTableFile);
       set_levels(WEX_DBG_SILENT, 0);
-      EXPECT_EQ("", lines_of([&] { daemon.start(beyond, 0, kShort); })) << "the table is not asked";
+      EXPECT_EQ("", lines_printed_by([&] { daemon.start(beyond, 0, kShort); })) << "the table is not asked";
       set_levels(WEX_DBG_SILENT, WEX_DBG_SILENT);
-      EXPECT_EQ(before, contents(kAliveTableFile));
+      EXPECT_EQ(before, read_file(kAliveTableFile));
       EXPECT_EQ('\x80', before[20511]);
       EXPECT_EQ('\x01', before[184352]);
       daemon.scans(9);
       last.report(0);
-      EXPECT_EQ('\x02', contents(kAliveTableFile)[184352]);
+      EXPECT_EQ('\x02', read_file(kAliveTableFile)[184352]);
       daemon.reset(beyond, 0, kShort);
       daemon.scans(1);
       expect_state(163839, 5, 0);
