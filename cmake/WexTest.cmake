@@ -2,6 +2,12 @@
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
+set(wex_test_runner)
+if(WEX_SANITIZE MATCHES thread)  # a report of any process fails the test
+  set(wex_test_runner ${CMAKE_SOURCE_DIR}/tests/harness/tsan_run ${CMAKE_SOURCE_DIR}/tests/tsan.supp ${CMAKE_BINARY_DIR}/races)
+endif()
+list(APPEND wex_test_runner ${CMAKE_CROSSCOMPILING_EMULATOR})
+
 # wex_add_tests(<name> [DAEMON] SOURCES ... [LIBRARIES ...] [LABELS ...] [LOCKS ...]): one test program.
 # DAEMON: the cases run the real daemon, and each is a ctest entry with a sandbox of its own. Cases with one of
 # their LOCKS in common (daemon, if none is named) run one after the other.
@@ -16,7 +22,7 @@ function(wex_add_tests name)
   target_compile_definitions(${name} PRIVATE
     WEX_BINARY="$<TARGET_FILE:wex>" WEX_BUILD_DIR="${CMAKE_BINARY_DIR}" WEX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR
-    "${CMAKE_SOURCE_DIR}/tests/harness/run-test;${CMAKE_BINARY_DIR};${CMAKE_CROSSCOMPILING_EMULATOR}")
+    "${CMAKE_SOURCE_DIR}/tests/harness/run-test;${CMAKE_BINARY_DIR};${wex_test_runner}")
   set(timeout 120)
   if("slow" IN_LIST arg_LABELS)
     set(timeout 1200)  # they wait as long as the daemon does

@@ -2,8 +2,6 @@
 //
 // The ras_os_ functions are offered to every program of the device and tell failures by number alone. The
 // caller's `err` may well be errno itself, so it is set last.
-#define WEX_MODULE "ras_os"
-
 #include "ras_os.h"
 
 #include <fcntl.h>
@@ -13,11 +11,17 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
+#include "close_on_exec.h"
+#include "safe_io.h"
 #include "unique_fd.h"
-#include "wex_dbg.h"
+#include "waiting.h"
+#include "wex.h"
 #include "wex_limits.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -255,14 +259,7 @@ int ras_os_close_record_memory(ras_os_record_memory_t* handle, int* err) {
 }
 
 int ras_os_set_fd_close_on_exec(int fd) {
-  if (fd < 0) {
-    return kBadArgument;
-  }
-  const int flags = fcntl(fd, F_GETFD);
-  if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
-    return 0;  // most are born so
-  }
-  return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
+  return set_close_on_exec(fd);
 }
 
 int ras_os_dump_msg(const char* prefix, const void* msg, uint32_t len) {

@@ -12,11 +12,11 @@
 
 #include <cerrno>
 
+#include "guarded_file.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_move_aside.h"
-#include "wex_utils.h"
 
 int32_t g_wex_semid = -1;
 

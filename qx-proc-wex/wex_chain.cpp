@@ -15,12 +15,15 @@
 
 #include "chain_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
 #include "text_block.h"
+#include "text_buffer.h"
+#include "wex_alive_guard.h"
+#include "wex_clock.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_proc.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -47,8 +50,8 @@ struct replacement {
   int32_t time;
 };
 
-replacement replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
-unsigned replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
+replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
+unsigned g_replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
 
 void link_at_head(wex_hnode** head, wex_hnode* node) {
   node->next = *head;
@@ -83,14 +86,14 @@ wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capabil
 }
 
 void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
-  replaced[replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
-  replaced_next++;
+  g_replaced[g_replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
+  g_replaced_next++;
 }
 
 // The newest replacement of `pid`, unless it is too old or led to no process; else null.
 const replacement* find_replaced(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   for (unsigned back = 1; back <= kReplacedKept; back++) {
-    const replacement& entry = replaced[(replaced_next - back) % kReplacedKept];
+    const replacement& entry = g_replaced[(g_replaced_next - back) % kReplacedKept];
     if (entry.old_pid == pid) {
       const int64_t age = int64_t{wex_clock_now()} - entry.time;
       return entry.new_pid > 0 && age <= kReplacedKeepSec ? &entry : nullptr;
@@ -204,6 +207,23 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
   wex_free_record(rec);
 }
 
+void __wex_drop_registration(wex_pid* rec) {
+  wex_db_destroy(rec);
+  __wex_drop_record(&wex_chains, rec);
+}
+
+wex_pid* __wex_recycle_registration(wex_pid* rec) {
+  wex_db_destroy(rec);
+  return __wex_recycle_record(&wex_chains, rec);
+}
+
+void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) {
+  if (wex_in_alive_table(thread->pid)) {
+    wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
+  }
+  __wex_drop_record(chain, thread);
+}
+
 wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   for (wex_hnode* node = chain->heads[wex_hash_pid(pid)]; node != nullptr; node = node->next) {
     wex_pid* const rec = wex_record_of(node);
@@ -258,11 +278,11 @@ int wex_destroy_chains(wex_chains_t* chain) {
   chain_lock hold(*chain);
   record_walk walk(*chain);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
-    const uint32_t tid = static_cast<uint32_t>(rec->pid);
-    if (chain == &wex_alive_chains && tid < WEX_ALIVE_TIDS) {
-      wex_sys_unreg_alive_info(tid);
+    if (chain == &wex_alive_chains) {
+      __wex_drop_thread(chain, rec);
+    } else {
+      __wex_drop_record(chain, rec);
     }
-    __wex_drop_record(chain, rec);
   }
   // The mutex is not destroyed: two threads are never joined, and one that is late must find an empty chain
   // behind a working lock. It owns nothing, so nothing is lost.
@@ -317,9 +337,10 @@ void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
     if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
       if (rec->pid != newcomer) {
-        wex_db_destroy(rec);
+        __wex_drop_registration(rec);
+      } else {
+        __wex_drop_record(&wex_chains, rec);
       }
-      __wex_drop_record(&wex_chains, rec);
     }
   }
 }

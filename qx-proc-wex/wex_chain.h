@@ -39,13 +39,6 @@ int wex_syslog_chains(int kind, wex_chains_t* chain);
 // Looks in wex_chains for another registration of rec's program in rec's domain: null when there is none,
 // `rec` itself when it is to be dropped, else the other one, which is to be checked.
 wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
-
-// Finds the first line of the third-part list `path` that contains `needle`; 1 and the text behind its last
-// blank (line end included), else 0.
-int wex_proc_in_wexdb(const char* path, const char* needle, char* word, size_t size);
-
-// The same for the executable of `pid`.
-int wex_pid_in_wexdb(int32_t pid, const char* path, char* word, size_t size);
 }
 
 // A zero-filled record with its links initialised. Waits for memory: never with a chain held.
@@ -60,6 +53,14 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabi
 
 // Unlinks a record (both links poisoned) and frees it.
 void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
+
+// A registration ends: its database file and its record go together. The second takes all records of that
+// pid, as __wex_del_pid, and leaves the memory of one to the caller.
+void __wex_drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+wex_pid* __wex_recycle_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
+// A thread's registration ends: its record in the alive chain and its entry in the table go together.
+void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_capability(chain));
 
 // As __wex_del_pid, but the memory of one of the records is the caller's from now on: for a new record where
 // none may be waited for. Null when there was none.

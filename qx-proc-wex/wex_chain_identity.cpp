@@ -8,6 +8,7 @@
 
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_utils.h"
 
 namespace {
 

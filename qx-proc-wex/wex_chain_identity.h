@@ -2,6 +2,32 @@
 //
 // A pid alone says nothing: the kernel gives it to somebody else as soon as it is free. Start time and the
 // time of the reported exit tell. Pure decisions here, apart from what reads the clocks.
+//
+// Which question to ask about the life of a process, and what each answers for a process that is
+//
+//                       gone    zombie  zombie with  exiting,  another's,  not to be  looks
+//                                       threads      not dead  pid reused  read
+//   wex_pid_exists      no      yes     yes          yes       yes         yes        1 kill(pid, 0)
+//   wex_looks_alive     no      no      no           yes       yes         no         1 at /proc
+//   process_life        no      no      no           yes       yes         no         1 kill, 1 to 3 at /proc
+//   wex_proc_lives      no      no      no           no        no (a)      no         1 at /proc
+//   wex_record_lives    no      no      no           no        no          no         1 at /proc (b)
+//   wex_surely_dead     yes     yes     yes          no        no          no         none: judges one
+//   wex_judge_presence  absent  absent  present      present   absent (a)  unknown    none: judges one
+//   wex_judge_exit      exited  exited  ask again    (c)       exited (d)  ask again  none: judges one
+//   wex_check_pid_exist a thread's record: as process_life, but no when thread group or command line differ
+//
+//   (a) yes, or present, when no start time is given
+//   (b) no without a look when the record has no pid or start time
+//   (c) exited, or ask again when it has other threads
+//   (d) but runs, or as the columns before, when it started before the exit that the kernel reported
+//
+// All return at once but process_life and wex_check_pid_exist, which sleep 10 ms after each look that shows
+// no living process: 30 ms for one that is dead, or cannot be read, and still has its pid. What is only to be
+// known for certain (a second start, a drop) is asked of those that tell "not to be read" from "dead".
+//
+// Three more ask no process: wex_proc_is_running() and __wex_runs_elsewhere() look for another registration
+// of the same program, wex_proc_is_exit() for the lock on its database file.
 #pragma once
 
 #include <cstdint>

@@ -1,10 +1,10 @@
 // wex_chain_list: look-ups in the third-part list, which programs the daemon is to register by itself.
 //
 // Every program that is executed anywhere on the device is looked up here, by a thread of real-time priority.
-// So the list is kept in memory and read again only when the file looks different; list_lock guards it.
+// So the list is kept in memory and read again only when the file looks different; g_list_mutex guards it.
 
 #define WEX_MODULE "wex_chain"
-#include "wex_list.h"
+#include "wex_chain_list.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -15,14 +15,15 @@
 #include <cstdint>
 #include <cstring>
 
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_reader.h"
 #include "unique_fd.h"
-#include "wex_chain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -42,8 +43,8 @@ struct known_list {
   size_t length;
 };
 
-priority_mutex list_lock;
-known_list known WEX_TSA(guarded_by(list_lock));
+priority_mutex g_list_mutex;
+known_list g_known WEX_TSA(guarded_by(g_list_mutex));
 
 bool same_time(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -103,22 +104,22 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
 
 // Links are followed, as they were when the list was read: one that leads to the very
 // file that is remembered hides nothing, whoever made it.
-bool is_known(const char* path) WEX_TSA(requires_capability(list_lock)) {
+bool is_known(const char* path) WEX_TSA(requires_capability(g_list_mutex)) {
   struct stat facts;
-  return known.text != nullptr && strcmp(known.path, path) == 0 && stat(path, &facts) == 0 &&
-         same_file(known.mark, mark_of(facts));
+  return g_known.text != nullptr && strcmp(g_known.path, path) == 0 && stat(path, &facts) == 0 &&
+         same_file(g_known.mark, mark_of(facts));
 }
 
-void forget() WEX_TSA(requires_capability(list_lock)) {
-  free(known.text);
-  known.text = nullptr;
+void forget() WEX_TSA(requires_capability(g_list_mutex)) {
+  free(g_known.text);
+  g_known.text = nullptr;
 }
 
 // Remembers the list that `fd` is open on, unless it is large or still changing.
-bool remember(const char* path, int fd) WEX_TSA(requires_capability(list_lock)) {
+bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex)) {
   struct stat facts;
   if (fstat(fd, &facts) != 0 || facts.st_size > kListRemembered || !has_settled(mark_of(facts)) ||
-      strlen(path) >= sizeof known.path) {
+      strlen(path) >= sizeof g_known.path) {
     return false;
   }
   const size_t length = static_cast<size_t>(facts.st_size);
@@ -134,18 +135,18 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(list_lock)) 
     return false;
   }
   forget();
-  known.text = text;
-  known.length = length;
-  known.mark = mark_of(facts);
-  wex_copy_text(known.path, sizeof known.path, path);
+  g_known.text = text;
+  g_known.length = length;
+  g_known.mark = mark_of(facts);
+  wex_copy_text(g_known.path, sizeof g_known.path, path);
   return true;
 }
 
 list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
   {
-    mutex_lock hold(list_lock);
+    mutex_lock hold(g_list_mutex);
     if (is_known(path)) {
-      return find_in(memory_reader(known.text, known.length), needle, line);
+      return find_in(memory_reader(g_known.text, g_known.length), needle, line);
     }
   }
   const unique_fd fd = wex_open_file(path, O_RDONLY);
@@ -153,9 +154,9 @@ list_answer find_line(const char* path, const char* needle, char (&line)[kListLi
     return kNoList;
   }
   {
-    mutex_lock hold(list_lock);
+    mutex_lock hold(g_list_mutex);
     if (remember(path, fd.get())) {
-      return find_in(memory_reader(known.text, known.length), needle, line);
+      return find_in(memory_reader(g_known.text, g_known.length), needle, line);
     }
   }
   if (lseek(fd.get(), 0, SEEK_SET) != 0) {

@@ -11,13 +11,18 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "text_block.h"
-#include "wex_core.h"
+#include "text_buffer.h"
+#include "waiting.h"
+#include "wex_action.h"
+#include "wex_core_delay.h"
+#include "wex_core_restart.h"
+#include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 
 namespace {
@@ -39,19 +44,13 @@ void tell_stranger(const wex_pid* rec) {
   }
 }
 
-using spawner = int32_t (*)(wex_pid* rec, int32_t* out_pid);
-
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
 // found: nothing may ever be sent to such a pid.
 void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
-  const bool by_script = rec->action == SHELL_RESTART;
-  const spawner spawn = by_script ? wex_shell_spawn : wex_spawn;
-  int32_t new_pid = -1;
-  const int32_t result = spawn(rec, &new_pid);
-  __wex_adopt_pid(chain, rec, new_pid);
-  rec->restart_failed = new_pid < 1;
-  wex_dbg(WEX_DBG_PUB, by_script ? "pid (%d) shell restart ret = %d\n" : "pid (%d) restart ret = %d\n",
-          new_pid, result);
+  const wex_action* const known = wex_find_action(rec->action);
+  const wex_action& action = known != nullptr ? *known : kRespawn;
+  const int32_t result = __wex_start_again(chain, rec, action, kAtStart);
+  wex_dbg(WEX_DBG_PUB, "pid (%d) %s ret = %d\n", rec->pid, action.rebuilt, result);
 }
 
 // A registration is looked for and removed under the name that its content gives it. A file of any other name

@@ -4,18 +4,20 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
 
+#include "own_scheduling.h"
 #include "raw_dir.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "wex_domain.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 constexpr int kLastSignal = 127;
@@ -73,8 +75,7 @@ void hide_open_files() {
 }
 
 void leave_starter() {
-  const sched_param normal = {};
-  sched_setscheduler(0, SCHED_OTHER, &normal);
+  set_own_scheduling(SCHED_OTHER, 0);
   setsid();
   reset_signal_actions();
   clear_signal_mask();
@@ -93,7 +94,6 @@ bool flush_tlb() {
 }
 
 int enter_domain_group(int vsd) {
-  const gid_t group =
-      static_cast<gid_t>(kDomainGroupBase) + static_cast<gid_t>(kDomainGroupStep) * static_cast<gid_t>(vsd);
+  const auto group = static_cast<gid_t>(wex_domain_group(vsd));
   return syscall(kSetGroupsCall, 1, &group) == 0 ? 0 : -1;
 }

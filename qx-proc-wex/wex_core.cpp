@@ -16,17 +16,28 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "ras_os_sem.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_child.h"
+#include "wex_core_claim.h"
+#include "wex_core_place.h"
+#include "wex_core_stop.h"
+#include "wex_core_upkeep.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_opt.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_signals.h"
+#include "wex_signals_alarm.h"
+#include "wex_signals_reaper.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -96,7 +107,7 @@ void make_directories() {
   for (const char* const path : kMainDirs) {
     wex_make_dir(path, kOpenDirMode);
   }
-  if (access(kData2Dir, F_OK) == 0) {
+  if (wex_has_second_disk()) {
     for (const char* const path : kData2Dirs) {
       wex_make_dir(path, kOpenDirMode);
     }
@@ -105,12 +116,8 @@ void make_directories() {
     wex_make_dir(path, kOpenDirMode);
   }
   chmod(kDataDir, kOpenDirMode);
-  for (int domain = 0; domain < WEX_DOMAINS; ++domain) {
-    char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerDirBareFmt, domain);
-    wex_make_dir(path, kOpenDirMode);
-    wex_format(path, sizeof path, kDbDirFmt, domain);
-    wex_make_dir(path, kOpenDirMode);
+  for (int32_t domain = kMainSystem; domain < WEX_DOMAINS; ++domain) {
+    wex_make_domain_dirs(domain, WEX_MADE_AT_START);
   }
 }
 

@@ -3,7 +3,7 @@
 // An ordinary user may have typed "wex" before the first start, or mean to keep it from starting. What is in
 // the way makes room, is said once, and the start goes on; only a lock that somebody holds stops it.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_claim.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +14,8 @@
 #include <cstring>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"

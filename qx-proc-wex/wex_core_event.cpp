@@ -10,10 +10,15 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
-#include "wex_core.h"
+#include "wex_clock.h"
+#include "wex_core_crash.h"
+#include "wex_core_exit.h"
 #include "wex_core_filter.h"
+#include "wex_core_process_event.h"
+#include "wex_core_takedown.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
@@ -47,54 +52,15 @@ void note_crash(int32_t pid, int32_t tgid) {
   }
 }
 
-void read_burst_rule(int32_t* window, int32_t* count) {
-  char text[257];
-  *window = kBurstWindowSec;
-  *count = kBurstCount;
-  if (wex_read_guarded(kBurstConfig, text, sizeof text) >= 1) {
-    wex_parse_burst(text, window, count);
-  }
-}
-
-// Programs that crashed within the window; their command lines, each with one blank, go to `list`.
-int32_t count_crashed(int32_t now, int32_t window, char* list, size_t size) {
-  int32_t crashed = 0;
-  size_t used = 0;
-  list[0] = '\0';
-  chain_lock hold(wex_chains);
-  record_walk walk(wex_chains);
-  while (const wex_pid* const rec = walk.next()) {
-    if (rec->crash_time == 0 || static_cast<int64_t>(now) - rec->crash_time > window) {
-      continue;
-    }
-    ++crashed;
-    wex_format(list + used, size - used, "%s ", rec->process);
-    used += strlen(list + used);
-  }
-  return crashed;
-}
-
-void apply_burst_rule(int32_t now, int32_t window, int32_t count) {
-  char list[1024];
-  if (count_crashed(now, window, list, sizeof list) < count) {
-    return;
-  }
-  char reason[128];
-  wex_format(reason, sizeof reason, "detect more than %d process exit in shorttime[%d]s\n", count, window);
-  wex_reboot(reason, list);
-}
-
 void look_for_crash(const process_event& event) {
   const int32_t now = wex_clock_now();
   const bool dumped = (event.exit_code & kCoreDumped) != 0;
   if (dumped) {
     note_crash(event.pid, event.tgid);
   }
-  int32_t window;
-  int32_t count;
-  read_burst_rule(&window, &count);
+  const burst_rule rule = wex_read_burst_rule();
   if (dumped) {
-    apply_burst_rule(now, window, count);
+    wex_apply_burst_rule(rule, now);
   }
 }
 
@@ -223,18 +189,6 @@ void wex_take_exit_event(const process_event& event) {
   if (!settle(exit, kExitLooks)) {
     put_aside(exit);
   }
-}
-
-void __wex_note_crash(wex_pid* rec) {
-  const int32_t now = wex_clock_now();
-  rec->crash_time = now != 0 ? now : 1;
-}
-
-void wex_judge_crashes() {
-  int32_t window;
-  int32_t count;
-  read_burst_rule(&window, &count);
-  apply_burst_rule(wex_clock_now(), window, count);
 }
 
 int wex_settle_exits() {

@@ -1,7 +1,9 @@
 // wex_core_event: what one reported exit means. For the exit monitor's thread only.
 #pragma once
 
-#include "wex_core_netlink.h"
+#include <cstdint>
+
+#include "wex_core_process_event.h"
 
 // Notes crashes, applies the exit-burst rule and hands the exit of a whole process to the exit handler. An
 // exit that cannot be judged yet is put aside.

@@ -3,6 +3,8 @@
 //
 // All of it on the monitor's thread, so that no process is registered twice.
 #define WEX_MODULE "wex_core"
+#include "wex_core_executed.h"
+
 #include <unistd.h>
 
 #include <cstring>
@@ -11,12 +13,13 @@
 #include "dir_walk.h"
 #include "text_number.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_chain_list.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -47,8 +50,7 @@ void wex_register_executed(int32_t pid) {
     wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
     return;
   }
-  const int32_t vsd = get_vsdid(pid);
-  started.vsd = vsd < 0 ? 0 : vsd;
+  started.vsd = wex_domain_or_main(get_vsdid(pid));
   {
     chain_lock hold(wex_chains);
     // A record whose last restart left no process is no hindrance. It goes when the new one is certain, for

@@ -1,7 +1,7 @@
 // wex_core_exit: what happens to a registered process that has exited. The registry stays locked for the
 // whole of one exit, the spawn included, so exits are handled one at a time.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_exit.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -12,22 +12,30 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "guarded_file.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
-#include "wex_alive_guard.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_list.h"
+#include "wex_core_crash.h"
+#include "wex_core_delay.h"
+#include "wex_core_restart.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_takedown.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
-#include "wex_signals.h"
-#include "wex_sys_alive.h"
+#include "wex_proc_marker.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -43,44 +51,6 @@ constexpr uint32_t kStoppedOnPurpose = 15;  // killed by SIGTERM, no core
 // Restart events 1 to 5 go to the first event-log file, 6 to 10 to the second.
 constexpr int32_t kFirstFileLast = 5;
 constexpr int32_t kSecondFileLast = 10;
-
-// What differs between restarting a program and running its restart script. The two event-log files were laid
-// out differently for programs, and operators' tools know both layouts.
-struct restart_kind {
-  const char* action_name;
-  const char* third_part_type;
-  int32_t (*spawn)(wex_pid* rec, int32_t* out_pid);
-  const char* announce_mnemonic;  // system log, for an exit code other than 0
-  const char* announce_print;     // diagnostic
-  const char* done_mnemonic;
-  const char* done_print;
-  const char* announce_entry;  // event log
-  const char* done_entry;
-  int bare_announce;  // event-log file whose announcement has no brackets, 0 = neither
-  int bare_done;
-};
-constexpr restart_kind kProgram = {"RESPAWN",
-                                   "WEX_RESTART",
-                                   wex_spawn,
-                                   "HA_SELF_CHECK",
-                                   "HA_RESTART",
-                                   "HA_SELF_CHECK_INFO",
-                                   "HA_SELF_CHECK_INFO",
-                                   "HA_RESTART",
-                                   "HA_RESTART_INFO",
-                                   2,
-                                   1};
-constexpr restart_kind kScript = {"SHELL_RESTART",
-                                  "WEX_SHELL_RESTART",
-                                  wex_shell_spawn,
-                                  "HA_SCRIPT_SELF_CHECK",
-                                  "HA_SCRIPT_SELF_CHECK",
-                                  "HA_SCRIPT_SELF_CHECK_INFO",
-                                  "HA_SCRIPT_RESTART_INFO",
-                                  "HA_SCRIPT_RESTART",
-                                  "HA_SCRIPT_RESTART_INFO",
-                                  0,
-                                  0};
 
 // ---- before the decision ----------------------------------------------------------------------------------
 
@@ -100,8 +70,7 @@ bool still_runs(wex_pid* rec) {
 }
 
 void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  wex_db_destroy(rec);
-  wex_free_record(__wex_recycle_record(&wex_chains, rec));
+  wex_free_record(__wex_recycle_registration(rec));
 }
 
 // A stranger that has got the pid is alive, but not the record's process.
@@ -143,10 +112,7 @@ void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chai
     }
     wex_dbg(WEX_DBG_PUB, "%s: delete pid (%d) ppid (%d) from chain!\n", "wex_del_node_chain", thread->pid,
             pid);
-    if (wex_in_alive_table(thread->pid)) {
-      wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
-    }
-    __wex_drop_record(&wex_alive_chains, thread);
+    __wex_drop_thread(&wex_alive_chains, thread);
   }
 }
 
@@ -191,13 +157,12 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = wex_last_process(rec);
   const int32_t vsd = pid > 0 ? find_app(pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
-  if ((vsd >= 1 && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
+  if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
     rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s: hlist_del\n", kHandler);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
 }
 
 // ---- event log --------------------------------------------------------------------------------------------
@@ -219,7 +184,7 @@ bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
 }
 
 // False when the event log is wanted but cannot be written: then nothing is restarted.
-bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, uint32_t code)
+bool log_announcement(const wex_action& action, const char* name, int32_t pid, uint32_t code)
     WEX_TSA(requires_capability(wex_chains)) {
   if (debug_log() != 0) {
     return true;
@@ -232,12 +197,12 @@ bool log_announcement(const restart_kind& kind, const char* name, int32_t pid, u
   if (!open_event_log(file)) {
     return false;
   }
-  if (kind.bare_announce == file) {
-    wex_log("%%HA-5-%s: Process:%s/%d receives internal event: %04x and restarts.\n", kind.announce_entry,
+  if (action.bare_begun == file) {
+    wex_log("%%HA-5-%s: Process:%s/%d receives internal event: %04x and restarts.\n", action.begun_entry,
             name, pid, code);
   } else {
-    wex_log("%%HA-5-%s: Process:[%s/%d] receives internal event:[0x%04x] and restarts.\n",
-            kind.announce_entry, name, pid, code);
+    wex_log("%%HA-5-%s: Process:[%s/%d] receives internal event:[0x%04x] and restarts.\n", action.begun_entry,
+            name, pid, code);
   }
   wex_closelog();
   return true;
@@ -249,18 +214,18 @@ void remove_event_log(const char* path, const char* name) {
   }
 }
 
-void log_success(const restart_kind& kind, const char* name, int32_t times, int32_t new_pid)
-    WEX_TSA(requires_capability(wex_chains)) {
+void log_success(const wex_action& action, wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int file = debug_log() == 0 ? event_file() : 0;
   if (file == 0 || !open_event_log(file)) {
     return;
   }
-  if (kind.bare_done == file) {
-    wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", kind.done_entry, name,
-            times, name, new_pid);
+  const char* const name = wex_program_name(rec);
+  if (action.bare_done == file) {
+    wex_log("%%HA-5-%s: Process:%s restarts %d times and new process is %s/%d.\n", action.done_entry, name,
+            rec->check_count, name, rec->pid);
   } else {
-    wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", kind.done_entry,
-            name, times, name, new_pid);
+    wex_log("%%HA-5-%s: Process:[%s] restarts [%d] times and new process is [%s/%d].\n", action.done_entry,
+            name, rec->check_count, name, rec->pid);
   }
   wex_closelog();
   if (wex_event_log_count == kFirstFileLast) {
@@ -275,7 +240,7 @@ void log_success(const restart_kind& kind, const char* name, int32_t times, int3
 
 // A third-part program that started itself again is registered under its new pid. When that process has ended
 // before it could be registered, the program is still to be restarted, and `*handed` is its new record.
-bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = *handed;
   char type[256];
   int32_t child = 0;
@@ -283,12 +248,11 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
       !wex_find_running(rec->process, &child)) {
     return false;
   }
-  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, kind.action_name,
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
   const wex_pid before = *rec;
-  wex_db_destroy(rec);
-  wex_pid* const memory = __wex_recycle_record(&wex_chains, rec);
-  if (wex_register_third_part(child, kind.third_part_type, memory) == 0) {
+  wex_pid* const memory = __wex_recycle_registration(rec);
+  if (wex_register_third_part(child, action.keyword, memory) == 0) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
@@ -300,50 +264,22 @@ bool handed_over(wex_pid** handed, const restart_kind& kind) WEX_TSA(requires_ca
 }
 
 // False when nothing may be restarted.
-bool announce(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
+bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   const uint32_t code = rec->exit_signal;
   const char* const name = wex_program_name(rec);
   if (code == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT", 1, "Job %s/%d will be re-initialized ...\n", name, rec->pid);
   } else {
-    printk_syslog_ext(5, "HA", kind.announce_mnemonic, 1,
-                      "Task: %s/%d receives event:%04x and self-checking ...\n", name, rec->pid, code);
+    printk_syslog_ext(5, "HA", action.announced, 1, "Task: %s/%d receives event:%04x and self-checking ...\n",
+                      name, rec->pid, code);
   }
-  wex_dbg(WEX_DBG_PUB, "%s Task: %s/%d receives event:%04x and self-checking ...\n", kind.announce_print,
+  wex_dbg(WEX_DBG_PUB, "%s Task: %s/%d receives event:%04x and self-checking ...\n", action.announcement,
           name, rec->pid, code);
-  return log_announcement(kind, name, rec->pid, code);
+  return log_announcement(action, name, rec->pid, code);
 }
 
-void announce_success(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  const char* const name = wex_program_name(rec);
-  if (rec->exit_signal == 0) {
-    printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
-  } else {
-    printk_syslog_ext(5, "HA", kind.done_mnemonic, 1, "Self-checking OK: %d times and new id %s/%d.\n",
-                      rec->check_count, name, rec->pid);
-  }
-  wex_dbg(WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n", kind.done_print, rec->check_count,
-          name, rec->pid);
-  log_success(kind, name, rec->check_count, rec->pid);
-}
-
-// True when the record's program runs again under a new pid, which the record then has.
-bool spawned(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  const spawn_guard guard;
-  int32_t new_pid = -1;
-  const int32_t result = kind.spawn(rec, &new_pid);
-  if (result <= 0) {
-    rec->restart_failed = result == 0 ? 1 : 0;
-    return false;
-  }
-  // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
-  __wex_adopt_pid(&wex_chains, rec, new_pid);
-  rec->force_restart = 0;
-  return true;
-}
-
-void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(&rec, kind)) {
+void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
+  if (handed_over(&rec, action)) {
     return;
   }
   if (rec->restart_delay > 0) {
@@ -353,23 +289,25 @@ void restart(wex_pid* rec, const restart_kind& kind) WEX_TSA(requires_capability
       return;  // its domain went while it waited
     }
   }
-  if (del_dev_mon_log() < 0 && !announce(rec, kind)) {
+  if (del_dev_mon_log() < 0 && !announce(rec, action)) {
     rec->restart_failed = 1;
     return;
   }
-  if (!spawned(rec, kind) || del_dev_mon_restart() >= 0) {
-    return;
+  if (__wex_start_again(&wex_chains, rec, action, kAfterExit) > 0 && del_dev_mon_restart() < 0) {
+    wex_tell_restarted(rec, action, kAfterExit);
+    log_success(action, rec);
   }
-  announce_success(rec, kind);
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  if (rec->action == RESPAWN) {
-    restart(rec, kProgram);
-  } else if (rec->action == SHELL_RESTART) {
-    wex_dbg(WEX_DBG_PUB, "process: %s, pid: %d\n", rec->process, rec->pid);
-    restart(rec, kScript);
+  const wex_action* const action = wex_find_action(rec->action);
+  if (action == nullptr) {
+    return;
   }
+  if (action->through_shell) {
+    wex_dbg(WEX_DBG_PUB, "process: %s, pid: %d\n", rec->process, rec->pid);
+  }
+  restart(rec, *action);
 }
 
 // The record's process has ended.
@@ -432,8 +370,7 @@ bool drop_missed(uint32_t start) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = find_missed(start)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
+    __wex_drop_registration(rec);
   }
   return true;
 }
@@ -483,3 +420,13 @@ void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
 }
 
 }  // extern "C"
+
+void wex_handle_missed_exits() {
+  // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the
+  // alarm thread here.
+  const uint32_t last = wex_last_start();
+  missed_exit missed;
+  while (wex_take_ended_start(last, &missed)) {
+    wex_handle_missed_exit(missed.start, missed.status, missed.forked);
+  }
+}

@@ -4,13 +4,18 @@
 // that tells of it. And a living one may have found no directory or no room for its file, without which the
 // next life of the daemon would not know it.
 #define WEX_MODULE "wex_core"
+#include "wex_core_files.h"
+
 #include <cstring>
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
+#include "wex_action.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -41,9 +46,8 @@ bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_cap
   wex_copy_text(rec->process, sizeof rec->process, rec->script);
   char fitting[kPathSize];
   return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
-         (rec->action == RESPAWN || rec->action == SHELL_RESTART) &&
-         __wex_find_pid(&wex_chains, rec->pid) == nullptr && !wex_pid_exists(rec->pid) &&
-         wex_proc_is_exit(rec) == 1;
+         wex_find_action(rec->action) != nullptr && __wex_find_pid(&wex_chains, rec->pid) == nullptr &&
+         !wex_pid_exists(rec->pid) && wex_proc_is_exit(rec) == 1;
 }
 
 // Gives it a record, of which the sweep finds that the exit was lost. Should its program be registered by a

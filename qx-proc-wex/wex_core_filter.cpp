@@ -12,7 +12,7 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
-#include "wex_core_netlink.h"
+#include "wex_core_process_event.h"
 #include "wex_dbg.h"
 
 namespace {

@@ -14,13 +14,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "guarded_file.h"
 #include "ras_os.h"
+#include "safe_io.h"
 #include "unique_fd.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

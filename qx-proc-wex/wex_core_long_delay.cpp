@@ -7,16 +7,17 @@
 // says about crashes must not be pushed out. A program that is noted already has no second note, and while
 // all notes wait, no other program is noted.
 #define WEX_MODULE "wex_core"
+#include "wex_core_long_delay.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
-#include "wex_core.h"
+#include "text_buffer.h"
+#include "wex_clock.h"
 #include "wex_limits.h"
 #include "wex_log.h"
-#include "wex_utils.h"
 
 namespace {
 

@@ -16,15 +16,21 @@
 #include "ras_os.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_core_event.h"
+#include "wex_core_executed.h"
 #include "wex_core_filter.h"
+#include "wex_core_process_event.h"
+#include "wex_core_stop.h"
+#include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
-#include "wex_utils.h"
+
+std::atomic<int32_t> wex_monitor_read_until{0};
 
 namespace {
 
@@ -282,17 +288,6 @@ void wex_walk_datagram(const uint8_t* bytes, size_t size,
     bytes += step;
     size -= step;
   }
-}
-
-bool wex_parse_burst(const char* text, int32_t* window, int32_t* count) {
-  int32_t first = 0;
-  int32_t second = 0;
-  if (!scan_number(&text, &first) || !scan_number(&text, &second)) {
-    return false;
-  }
-  *window = first;
-  *count = second;
-  return true;
 }
 
 extern "C" void* wex_process_netlink(void* /*unused*/) {

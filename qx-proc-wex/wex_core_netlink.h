@@ -1,33 +1,11 @@
 // wex_core_netlink: the exit monitor's reading of bytes from the kernel, apart from its socket.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
-// Kinds of process events.
-enum : uint32_t { kEventAck = 0, kEventExec = 2, kEventExit = 0x80000000u };
-
-constexpr uint32_t kCoreDumped = 0x80;  // in an exit code
-
-// Offsets in a message from the start of its netlink header. The event inside is not aligned for its 64-bit
-// time stamp, so fields are copied out one by one.
-enum : uint32_t {
-  kLenAt = 0,
-  kTypeAt = 4,
-  kKindAt = 36,
-  kTimeAt = 44,
-  kPidAt = 52,
-  kTgidAt = 56,
-  kCodeAt = 60
-};
-
-struct process_event {
-  uint32_t kind;
-  int32_t pid;
-  int32_t tgid;
-  uint32_t exit_code;  // exit events: kernel wait status
-  uint64_t time_ns;    // monotonic, as the kernel counts; 0 = not stamped
-};
+#include "wex_core_process_event.h"
 
 enum { kSubscriptionSize = 40 };
 
@@ -39,6 +17,6 @@ void wex_build_subscription(int32_t pid, uint8_t (&message)[kSubscriptionSize]);
 void wex_walk_datagram(const uint8_t* bytes, size_t size,
                        void (*on_event)(const process_event& event, void* context), void* context);
 
-// Window (seconds) and count of the exit burst from the text of its configuration file; false leaves them
-// alone.
-bool wex_parse_burst(const char* text, int32_t* window, int32_t* count);
+// Until when (monotonic seconds) the monitor has read what the kernel reported: only a process that vanished
+// before that may count as a lost exit. Written by the monitor only.
+extern std::atomic<int32_t> wex_monitor_read_until;

@@ -9,9 +9,12 @@
 #include <cstring>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -27,8 +30,8 @@ constexpr size_t kThreadNameSize = 32;
 
 // The process that was aborted last, if the last scan aborted one: it may ignore the signal, so the next scan
 // serves the next process, however many hung threads this one has. Known to the watchdog's thread alone.
-int32_t last_served = 0;
-bool turn_passed = false;
+int32_t g_last_served = 0;
+bool g_turn_passed = false;
 
 // What holds for one whole scan.
 struct scan {
@@ -45,10 +48,7 @@ int32_t add(int32_t value, int32_t more) {
 
 void drop_gone(wex_pid* thread, int result) WEX_TSA(requires_capability(wex_alive_chains)) {
   wex_dbg(WEX_DBG_ALIVE, "pid is not exist(%d, ret:%d)\n", thread->pid, result);
-  if (wex_in_alive_table(thread->pid)) {
-    wex_sys_unreg_alive_info(static_cast<uint32_t>(thread->pid));
-  }
-  __wex_drop_record(&wex_alive_chains, thread);
+  __wex_drop_thread(&wex_alive_chains, thread);
 }
 
 // A changed sequence byte is a report, whatever it changed to. Also in a table that has lost its name:
@@ -119,22 +119,22 @@ bool has_earlier_turn(int32_t process, int32_t other) {
 void serve(const wex_pid* thread, scan* now) {
   abort_hung(thread);
   now->abort_sent = true;
-  turn_passed = true;
-  last_served = thread->ppid;
+  g_turn_passed = true;
+  g_last_served = thread->ppid;
 }
 
 void serve_in_turn(wex_pid* thread, scan* now) {
   if (now->abort_sent) {
     return;
   }
-  if (!turn_passed) {
+  if (!g_turn_passed) {
     serve(thread, now);
     return;
   }
   if (now->lowest == nullptr || has_earlier_turn(thread->ppid, now->lowest->ppid)) {
     now->lowest = thread;
   }
-  if (has_earlier_turn(last_served, thread->ppid) &&
+  if (has_earlier_turn(g_last_served, thread->ppid) &&
       (now->next == nullptr || has_earlier_turn(thread->ppid, now->next->ppid))) {
     now->next = thread;
   }
@@ -170,7 +170,7 @@ void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
   if (due != nullptr) {
     serve(due, now);
   }
-  turn_passed = now->abort_sent;
+  g_turn_passed = now->abort_sent;
 }
 
 // Somebody may have removed or cut the table; then no silence can be told from a report that went elsewhere.

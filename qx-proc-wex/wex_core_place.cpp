@@ -3,9 +3,11 @@
 // The directory is open to everybody, and cleaners of temporary files come by. A daemon that has lost its
 // socket, its lock file or the directory itself looks healthy and is deaf; it cannot mend that, but say so.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_place.h"
 
 #include <sys/stat.h>
+
+#include <atomic>
 
 #include "wex_log.h"
 #include "wex_paths.h"

@@ -18,9 +18,13 @@
 #include <iterator>
 #include <utility>
 
+#include "guarded_file.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
+#include "wex_core_claim.h"
+#include "wex_core_place.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -28,7 +32,6 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -63,8 +66,9 @@ struct server {
   }
 };
 
-int32_t client_table[kMaxClients];  // static, for 2048 slots are too much for a thread's stack on the device
-epoll_event events[kServedAtOnce];
+int32_t
+    g_client_table[kMaxClients];  // static, for 2048 slots are too much for a thread's stack on the device
+epoll_event g_events[kServedAtOnce];
 
 // ---- Messages ---------------------------------------------------------------------------------------------
 
@@ -157,8 +161,8 @@ int wex_dispatch_domain_msg(const wex_inner_msg& msg) {
 
 // The lowest slot that holds `sd`, or null.
 int32_t* find_slot(int32_t sd) {
-  int32_t* const slot = std::find(std::begin(client_table), std::end(client_table), sd);
-  return slot == std::end(client_table) ? nullptr : slot;
+  int32_t* const slot = std::find(std::begin(g_client_table), std::end(g_client_table), sd);
+  return slot == std::end(g_client_table) ? nullptr : slot;
 }
 
 bool drop_client(server& self, int sd) {
@@ -302,11 +306,11 @@ bool handle_event(server& self, const epoll_event& event) {
 // One message for each of the clients that have waited longest: the kernel puts whom it has told of at the
 // end of its list.
 bool run_cycle(server& self) {
-  memset(events, 0, sizeof events);
-  const int ready = epoll_wait(self.epoll.get(), events, kServedAtOnce, kServerWaitMs);
+  memset(g_events, 0, sizeof g_events);
+  const int ready = epoll_wait(self.epoll.get(), g_events, kServedAtOnce, kServerWaitMs);
   self.code = 0;
   for (int at = 0; at < ready; ++at) {
-    if (!handle_event(self, events[at])) {
+    if (!handle_event(self, g_events[at])) {
       return false;
     }
   }
@@ -407,7 +411,7 @@ bool set_up(server& self) {
   if (!open_listener(self)) {
     return false;
   }
-  std::fill(std::begin(client_table), std::end(client_table), -1);
+  std::fill(std::begin(g_client_table), std::end(g_client_table), -1);
   self.table_ready = true;
   return open_interest(self);
 }
@@ -416,10 +420,10 @@ bool set_up(server& self) {
 // another thread's file a moment later.
 void close_clients(const server& self) {
   if (!self.table_ready) {
-    close(client_table[0]);
+    close(g_client_table[0]);
     return;
   }
-  for (const int32_t sd : client_table) {
+  for (const int32_t sd : g_client_table) {
     if (sd >= 0) {
       close_emptied(sd);
     }

@@ -1,7 +1,7 @@
 // wex_core_stop: the stop flag and the descriptor that wakes whoever waits when it is raised. A daemon that
 // has lost a thread must end at once: it still holds the lock that keeps its successor from starting.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_stop.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,11 +10,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "guarded_file.h"
 #include "ras_os.h"
+#include "safe_io.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life

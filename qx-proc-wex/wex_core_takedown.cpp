@@ -4,18 +4,24 @@
 // restart are another matter: those of other domains come back as ever, those of the very domain are
 // forgotten, or they would come back after the take-down, outside of the domain that they belonged to.
 #define WEX_MODULE "wex_core"
+#include "wex_core_takedown.h"
+
 #include <unistd.h>
 
+#include <atomic>
+
 #include "chain_lock.h"
+#include "text_buffer.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
-#include "wex_core.h"
+#include "wex_core_stop.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
-#include "wex_proc.h"
+#include "wex_proc_marker.h"
 #include "wex_utils.h"
 
 namespace {
@@ -27,21 +33,21 @@ std::atomic<int32_t> g_acted_on{0};
 // have to wait for the registry longer than the take-down takes.
 std::atomic<bool> g_closing[kLastTakeDownDomain + 1];
 
-bool marker_exists(int32_t domain, char* path, size_t size) {
-  return wex_format(path, size, kTakeDownFmt, domain) && access(path, F_OK) == 0;
+bool marker_exists(int32_t domain) {
+  char marker[kPathSize];
+  wex_take_down_marker(domain, marker);
+  return access(marker, F_OK) == 0;
 }
 
 bool is_closing(int32_t domain) {
-  char marker[kPathSize];
-  return domain >= 1 && domain <= kLastTakeDownDomain &&
-         (g_closing[domain].load() || marker_exists(domain, marker, sizeof marker));
+  return domain >= kFirstDomain && domain <= kLastTakeDownDomain &&
+         (g_closing[domain].load() || marker_exists(domain));
 }
 
 // The lowest domain that has a marker, or 0.
 int32_t first_marked_domain() {
-  char marker[kPathSize];
-  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
-    if (marker_exists(domain, marker, sizeof marker)) {
+  for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
+    if (marker_exists(domain)) {
       return domain;
     }
   }
@@ -51,9 +57,8 @@ int32_t first_marked_domain() {
 // False when no domain is closing.
 bool note_closing_domains() {
   bool any = false;
-  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
-    char marker[kPathSize];
-    if (marker_exists(domain, marker, sizeof marker)) {
+  for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
+    if (marker_exists(domain)) {
       g_closing[domain].store(true);
     }
     any = any || g_closing[domain].load();
@@ -62,7 +67,7 @@ bool note_closing_domains() {
 }
 
 bool any_is_closing() {
-  for (int32_t domain = 1; domain <= kLastTakeDownDomain; ++domain) {
+  for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
     if (is_closing(domain)) {
       return true;
     }
@@ -73,7 +78,7 @@ bool any_is_closing() {
 // A program that registered without naming its domain is known by its marker file, which takes a walk through
 // all domains to find.
 bool is_of_closing_domain(const wex_pid* rec) {
-  if (rec->vsd >= 1) {
+  if (rec->vsd >= kFirstDomain) {
     return is_closing(rec->vsd);
   }
   const int32_t pid = wex_last_process(rec);
@@ -94,15 +99,14 @@ void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     }
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "wex_drop_domains_taken_down", rec->pid);
-  wex_db_destroy(rec);
-  __wex_drop_record(&wex_chains, rec);
+  __wex_drop_registration(rec);
 }
 
 void drop_what_is_down() {
   chain_lock hold(wex_chains);
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
-    const bool elsewhere = rec->vsd >= 1 && !is_closing(rec->vsd);
+    const bool elsewhere = rec->vsd >= kFirstDomain && !is_closing(rec->vsd);
     if (!elsewhere && is_down(rec) && is_of_closing_domain(rec)) {
       forget(rec);
     }
@@ -127,7 +131,7 @@ void wex_tell_take_downs() {
   const int32_t domain = marked != 0 ? marked : acted_on;
   if (domain != 0 && !told) {
     char marker[kPathSize];
-    wex_format(marker, sizeof marker, kTakeDownFmt, domain);
+    wex_take_down_marker(domain, marker);
     wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
     told = true;
   }
@@ -152,8 +156,7 @@ bool wex_drop_taken_down(int32_t pid) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
-    wex_db_destroy(rec);
-    __wex_drop_record(&wex_chains, rec);
+    __wex_drop_registration(rec);
   }
   return true;
 }

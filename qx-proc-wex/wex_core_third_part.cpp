@@ -9,11 +9,11 @@
 // was given tells what they would have told. The two have tables of their own, because many short-lived
 // children must not push out a program that is still to be restarted.
 //
-// Both tables are guarded by the spawn guard: a child is remembered before it can be reaped.
+// wex_spawn_mutex guards both tables: a child is remembered before it can be reaped.
 #define WEX_MODULE "wex_core"
 #include "wex_core_third_part.h"
 
-#include "wex_core.h"
+#include "wex_core_spawn_guard.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_signals.h"
@@ -27,8 +27,8 @@ struct start {
   bool ended;
 };
 
-start g_starts[kStartsKept];
-uint32_t g_last_number = 0;
+start g_starts[kStartsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
+uint32_t g_last_number WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
 // A ring as well: a lost exit is found within a minute or two.
 struct end {
@@ -36,16 +36,16 @@ struct end {
   pid_t child;
   uint32_t status;
 };
-end g_ends[kEndsKept];
-unsigned g_ends_noted = 0;
+end g_ends[kEndsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
+unsigned g_ends_noted WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
-bool is_older(const start& one, const start& other) {
+bool is_older(const start& one, const start& other) WEX_TSA(requires_capability(wex_spawn_mutex)) {
   return g_last_number - one.number > g_last_number - other.number;  // the numbers start over some day
 }
 
 // An unused entry. When so many children live on without having been found that there is none, the oldest
 // gives way, and its program stays down.
-start* take_entry() {
+start* take_entry() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   start* oldest = &g_starts[0];
   for (start& one : g_starts) {
     if (one.number == 0) {
@@ -58,19 +58,6 @@ start* take_entry() {
   wex_dbg(WEX_DBG_PUB, "%s: no room, child %d is forgotten\n", "wex_remember_start",
           static_cast<int>(oldest->child));
   return oldest;
-}
-
-// Takes one that was started no later than `last`.
-bool take_ended(uint32_t last, missed_exit* missed) {
-  const spawn_guard guard;
-  for (start& one : g_starts) {
-    if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
-      *missed = {one.number, one.status, one.child > 0};
-      one = {};
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace
@@ -107,16 +94,19 @@ uint32_t wex_status_of_ended(pid_t child, uint64_t start_time) {
   return 0;
 }
 
-void wex_handle_missed_exits() {
-  uint32_t last;
-  {
-    const spawn_guard guard;
-    last = g_last_number;
+uint32_t wex_last_start() {
+  const spawn_guard guard;
+  return g_last_number;
+}
+
+bool wex_take_ended_start(uint32_t last, missed_exit* missed) {
+  const spawn_guard guard;
+  for (start& one : g_starts) {
+    if (one.number != 0 && one.ended && last - one.number <= UINT32_MAX / 2) {
+      *missed = {one.number, one.status, one.child > 0};
+      one = {};
+      return true;
+    }
   }
-  // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the
-  // alarm thread here.
-  missed_exit missed;
-  while (take_ended(last, &missed)) {
-    wex_handle_missed_exit(missed.start, missed.status, missed.forked);
-  }
+  return false;
 }

@@ -16,11 +16,15 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_move_aside.h"
@@ -43,9 +47,9 @@ constexpr char kRebootSecondsText[] = "10\n";  // written with its zero byte
 enum { kCountMissing = -2, kCountUnreadable = -1 };
 
 // Threads of every priority write here.
-priority_mutex running_mutex;
-priority_mutex event_mutex;
-int event_fd WEX_TSA(guarded_by(event_mutex)) = -1;  // the open event log, or -1
+priority_mutex g_running_mutex;
+priority_mutex g_event_mutex;
+int g_event_fd WEX_TSA(guarded_by(g_event_mutex)) = -1;  // the open event log, or -1
 
 // ---- Files ------------------------------------------------------------------------------------------------
 
@@ -200,6 +204,13 @@ bool is_older(const struct stat& a, const struct stat& b) {
                                               : a.st_mtim.tv_nsec < b.st_mtim.tv_nsec;
 }
 
+// What every message is, whether it is written or not: cut to its size, and a diagnostic.
+void print_message(char (&message)[kMessageSize], const char* format, va_list arguments) {
+  message[0] = '\0';
+  vsnprintf(message, sizeof(message), format, arguments);
+  wex_dbg(WEX_DBG_PUB, "%s", message);
+}
+
 // "2026/01/31 23:59:58: " and the message. Its length.
 size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* message) {
   char stamp[kStampSize] = {};
@@ -218,7 +229,7 @@ void append_running_entry(const char* message) {
   const char* path;
   written_entry written;
   {
-    const mutex_lock hold(running_mutex);
+    const mutex_lock hold(g_running_mutex);
     path = choose_running_file();
     if (path == nullptr) {
       return;
@@ -299,22 +310,20 @@ void log_reboot(const char* reason, const char* detail) {
 }  // namespace
 
 void wex_running_log(const char* format, ...) {
-  char message[kMessageSize] = {};
+  char message[kMessageSize];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(message, sizeof(message), format, arguments);
+  print_message(message, format, arguments);
   va_end(arguments);
-  wex_dbg(WEX_DBG_PUB, "%s", message);
   append_running_entry(message);
 }
 
 void wex_running_log_once(const char* format, ...) {
-  char message[kMessageSize] = {};
+  char message[kMessageSize];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(message, sizeof(message), format, arguments);
+  print_message(message, format, arguments);
   va_end(arguments);
-  wex_dbg(WEX_DBG_PUB, "%s", message);
   if (!ends_running_log(message)) {
     append_running_entry(message);
   }
@@ -325,15 +334,15 @@ int wex_openlog(const char* path) {
   if (!file.valid()) {
     return -1;
   }
-  const mutex_lock hold(event_mutex);
-  const unique_fd forgotten(event_fd);  // an opener who did not close does not cost a descriptor
-  event_fd = file.release();
+  const mutex_lock hold(g_event_mutex);
+  const unique_fd forgotten(g_event_fd);  // an opener who did not close does not cost a descriptor
+  g_event_fd = file.release();
   return 0;
 }
 
 void wex_log(const char* format, ...) {
-  const mutex_lock hold(event_mutex);
-  if (event_fd < 0) {
+  const mutex_lock hold(g_event_mutex);
+  if (g_event_fd < 0) {
     return;
   }
   char entry[kEntrySize];
@@ -342,14 +351,14 @@ void wex_log(const char* format, ...) {
   const size_t length = build_entry(entry, format, arguments);
   va_end(arguments);
   if (entry[0] != ' ') {  // without a time there is no entry
-    write_entry(event_fd, entry, length);
+    write_entry(g_event_fd, entry, length);
   }
 }
 
 void wex_closelog(void) {
-  const mutex_lock hold(event_mutex);
-  const unique_fd open_log(event_fd);
-  event_fd = -1;
+  const mutex_lock hold(g_event_mutex);
+  const unique_fd open_log(g_event_fd);
+  g_event_fd = -1;
 }
 
 void wex_log_notify_info(const char* path, const char* format, ...) {

@@ -9,14 +9,18 @@
 #include "wex_msg.h"
 
 #include "chain_lock.h"
+#include "text_buffer.h"
+#include "waiting.h"
+#include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_clock.h"
 #include "wex_core_filter.h"
+#include "wex_core_long_delay.h"
+#include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
-#include "wex_proc.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_xtach.h"
@@ -26,15 +30,6 @@ namespace {
 constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
 
 // ---- Processes --------------------------------------------------------------------------------------------
-
-struct restart_kind {
-  const char* handler;
-  const char* line_end;  // of the failure message
-  int32_t action;
-};
-
-constexpr restart_kind kRestart = {"wex_process_restart", "", RESPAWN};
-constexpr restart_kind kShellRestart = {"wex_process_shell_restart", "\n", SHELL_RESTART};
 
 bool short_for_a_moment(int cause) {
   return cause == ENOMEM || cause == EMFILE || cause == ENFILE || cause == EIO;
@@ -62,12 +57,12 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
 
 // A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
 // It is made of `memory`, which is taken over, or of new memory for null.
-wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const char* script,
+wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const char* script,
                        wex_pid* memory) {
   char command[kCommandSize];
   if (!read_registered(body, command, sizeof command)) {
-    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", kind.handler, body.pid, body.ppid,
-            kind.line_end);
+    wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
+            body.ppid, action.handler_end);
     wex_free_record(memory);
     return nullptr;
   }
@@ -75,7 +70,7 @@ wex_pid* build_process(const wex_reg_info& body, const restart_kind& kind, const
   rec->pid = body.pid;
   rec->vsd = body.vsd;
   rec->restart_delay = body.restart_delay;
-  rec->action = kind.action;
+  rec->action = action.number;
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
   wex_copy_text(rec->script, sizeof rec->script, script);
@@ -108,8 +103,8 @@ bool insert_process(wex_pid* rec) {
   return true;
 }
 
-int register_process(const wex_reg_info& body, const restart_kind& kind, const char* script) {
-  wex_pid* const rec = build_process(body, kind, script, nullptr);
+int register_process(const wex_reg_info& body, const wex_action& action, const char* script) {
+  wex_pid* const rec = build_process(body, action, script, nullptr);
   if (rec == nullptr) {
     return -1;
   }
@@ -126,8 +121,7 @@ void cancel_process(int32_t pid) {
   record_walk records(wex_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == pid) {
-      wex_db_destroy(rec);
-      __wex_drop_record(&wex_chains, rec);
+      __wex_drop_registration(rec);
     }
   }
 }
@@ -197,10 +191,7 @@ void cancel_thread(int32_t tid) {
   record_walk records(wex_alive_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == tid) {
-      if (wex_in_alive_table(tid)) {
-        wex_sys_unreg_alive_info(static_cast<uint32_t>(tid));
-      }
-      __wex_drop_record(&wex_alive_chains, rec);
+      __wex_drop_thread(&wex_alive_chains, rec);
     }
   }
 }
@@ -210,7 +201,7 @@ void cancel_thread(int32_t tid) {
 extern "C" {
 
 int wex_process_restart(const wex_reg_info* body) {
-  return register_process(*body, kRestart, "");
+  return register_process(*body, kRespawn, "");
 }
 
 int wex_process_shell_restart(const wex_reg_info* body, const char* script) {
@@ -250,7 +241,7 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   wex_reg_info body;
   const bool described = wex_begin_registration(pid, msg_type, &body);
   // Built before the lock is taken: what is not given must perhaps be waited for.
-  wex_pid* const rec = build_process(body, msg_type == WEX_RESTART ? kRestart : kShellRestart, "", memory);
+  wex_pid* const rec = build_process(body, *wex_find_action(wex_action_number(msg_type)), "", memory);
   if (rec == nullptr) {
     return -1;
   }

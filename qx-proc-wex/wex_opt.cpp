@@ -10,10 +10,10 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_dbg.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 #include "wex_vsd.h"
 
 namespace {

@@ -18,12 +18,16 @@
 #include <utility>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "wex_action.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -84,10 +88,6 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char
   return 0;
 }
 
-int32_t action_of(uint32_t kind) {
-  return kind == WEX_RESTART ? RESPAWN : SHELL_RESTART;
-}
-
 // The command text of a message, which need not be terminated.
 void copy_command(const wex_reg_info* body, char (&text)[sizeof body->process + 1]) {
   const size_t length = strnlen(body->process, sizeof body->process);
@@ -126,20 +126,19 @@ int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
 }
 
 void save_vsd_flag(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  if (vsd == 0 || !wex_format(path, sizeof path, kMarkerFmt, vsd, pid)) {
+  if (vsd == kMainSystem || wex_make_flag_file(vsd, pid, kClientMarkerMode)) {
     return;
   }
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kClientMarkerMode);
-  if (!marker.valid()) {
-    wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(errno));
-  }
+  const int cause = errno;
+  char path[kPathSize];
+  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(cause));
 }
 
 int wex_mk_pidfile(const wex_reg_info* body, uint32_t kind) {
   char text[sizeof body->process + 1];
   copy_command(body, text);
-  return finish_registration(body, wex_db_create(body->vsd, body->pid, action_of(kind), text));
+  return finish_registration(body, wex_db_create(body->vsd, body->pid, wex_action_number(kind), text));
 }
 
 int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
@@ -150,7 +149,7 @@ int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
     drop_locked_file(name);  // first, because closing it later would drop the new lock too
   }
   unique_fd fd;
-  const int result = create_file(body->vsd, body->pid, action_of(kind), text, name, &fd);
+  const int result = create_file(body->vsd, body->pid, wex_action_number(kind), text, name, &fd);
   if (fd.valid()) {
     keep_locked_file(name, std::move(fd));
   }

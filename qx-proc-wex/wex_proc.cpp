@@ -1,13 +1,12 @@
 // wex_proc: starting and restarting the program, or the restart script, of a record.
 //
-// Both spawners are one procedure; `spawn_kind` holds all they differ in. The caller holds wex_chains for the
+// Both spawners are one procedure; the action holds all they differ in. The caller holds wex_chains for the
 // whole of it, so only one spawn is under way at a time.
 #define WEX_MODULE "wex_proc"
 #include "wex_proc.h"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,42 +16,45 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
+#include "own_scheduling.h"
 #include "ras_os.h"
 #include "raw_dir.h"
+#include "safe_io.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "waiting.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_list.h"
 #include "wex_child.h"
-#include "wex_core.h"
+#include "wex_clock.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_stop.h"
+#include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
-#include "wex_list.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_signals.h"
+#include "wex_proc_marker.h"
+#include "wex_signals_reaper.h"
 #include "wex_utils.h"
+#include "wex_utils_settings.h"
 #include "wex_vsd.h"
 
 namespace {
 
-struct spawn_kind {
-  const char* function;       // as diagnostics name it
-  int32_t action;             // records of this action are throttled
-  const char* wait_mnemonic;  // system log, when one is parked
-  bool through_shell;
-};
-constexpr spawn_kind kProgram = {"wex_spawn", RESPAWN, "HA_WAIT_SELF_CHECK", false};
-constexpr spawn_kind kScript = {"wex_shell_spawn", SHELL_RESTART, "HA_WAIT_SCRIPT_SELF_CHECK", true};
-
 // All that one start needs, made before the fork.
 struct launch {
-  const spawn_kind* kind;
+  const wex_action* action;
   wex_pid* rec;
   int32_t old_pid;  // the process that is replaced; may be below 1
   int32_t domain;   // its domain: 1 to 15, or -1
@@ -76,15 +78,15 @@ void arm_alarm(int32_t wait) {
   alarm(left >= 1 && left <= whole ? left : whole);
 }
 
-void park(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
+void park(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
   const char* const name = wex_program_name(rec);
   printk_syslog_ext(
-      5, "HA", kind.wait_mnemonic, 1,
+      5, "HA", action.parked, 1,
       "Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n", name,
       wait / 60);
   wex_dbg(WEX_DBG_PUB,
           "%s Task: %s had checked more than 5 times. After %d mimutes, task will finish self-checking.\n",
-          kind.wait_mnemonic, name, wait / 60);
+          action.parked, name, wait / 60);
   rec->flags = (rec->flags & ~static_cast<uint32_t>(WEX_FLAG_SELF_CHECKING)) | WEX_FLAG_WAITING;
   rec->check_start = now;
   arm_alarm(wait);
@@ -95,8 +97,8 @@ void park(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
 }
 
 // True when the record was parked: nothing is started now.
-bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) {
-  if (rec->action != kind.action) {
+bool throttled(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
+  if (rec->action != action.number) {
     return false;
   }
   if (now < static_cast<int64_t>(rec->check_start) + kThrottleWindowSec) {
@@ -108,7 +110,7 @@ bool throttled(wex_pid* rec, const spawn_kind& kind, int32_t now, int32_t wait) 
   if (rec->check_count < kThrottleRestarts || del_dev_mon_log() == 0) {
     return false;
   }
-  park(rec, kind, now, wait);
+  park(rec, action, now, wait);
   return true;
 }
 
@@ -124,16 +126,16 @@ void find_script(const char* word, char* script, size_t size) {
   }
 }
 
-void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
-  start->kind = &kind;
+void prepare(launch* start, const wex_action& action, wex_pid* rec) {
+  start->action = &action;
   start->rec = rec;
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
   char word[256];
   start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
-  const bool scripted = kind.through_shell && rec->script[0] != '\0';
+  const bool scripted = action.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
-  if (!kind.through_shell) {
+  if (!action.through_shell) {
     return;
   }
   find_script(first_word(*start), start->script, sizeof start->script);
@@ -147,28 +149,15 @@ void prepare(launch* start, const spawn_kind& kind, wex_pid* rec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
-constexpr int kDomainVariables = 5;
-
-struct domain_variable {
-  const char* name;
-  const char* value_format;
-  const char* only_with;  // directory that must exist, or null
-};
-constexpr domain_variable kVariables[kDomainVariables] = {
-    {"QX_CFG_DIR", kConfigDomainFmt, nullptr},  {"OVIX_DIR", kOvixDomainFmt, nullptr},
-    {"DATA_OVIX_DIR", kDataDomainFmt, nullptr}, {"DATA_OVIX_DIR2", kData2DomainFmt, kData2Dir},
-    {"TMPDIR", kDomainDirFmt, nullptr},
-};
-
 // The child's own copies: setenv() could wait for a lock that another thread held at the fork.
 char g_domain_texts[kDomainVariables][kPathSize];
 char* g_child_environment[kEnvironmentMax];
 
-bool is_domain_variable(const char* entry) {
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const size_t length = strlen(kVariables[i].name);
-    if (g_domain_texts[i][0] != '\0' && strncmp(entry, kVariables[i].name, length) == 0 &&
-        entry[length] == '=') {
+// Whether one of the first `set` texts sets the variable of `entry`.
+bool is_domain_variable(const char* entry, int set) {
+  for (int i = 0; i < set; ++i) {
+    const size_t length = strcspn(g_domain_texts[i], "=") + 1;
+    if (strncmp(entry, g_domain_texts[i], length) == 0) {
       return true;
     }
   }
@@ -176,20 +165,21 @@ bool is_domain_variable(const char* entry) {
 }
 
 void set_domain_environment(int32_t vsd) {
-  int count = 0;
-  for (int i = 0; i < kDomainVariables; ++i) {
-    const domain_variable& variable = kVariables[i];
-    if (variable.only_with != nullptr && access(variable.only_with, F_OK) != 0) {
+  int set = 0;
+  for (const domain_dir& dir : kDomainDirs) {
+    if (dir.variable == nullptr || (dir.second_disk && !wex_has_second_disk())) {
       continue;
     }
     char value[kPathSize - 32];
-    wex_format(value, sizeof value, variable.value_format, vsd);
-    wex_format(g_domain_texts[i], sizeof g_domain_texts[i], "%s=%s", variable.name, value);
-    g_child_environment[count++] = g_domain_texts[i];
+    wex_format(value, sizeof value, dir.format, vsd);
+    wex_format(g_domain_texts[set], sizeof g_domain_texts[set], "%s=%s", dir.variable, value);
+    g_child_environment[set] = g_domain_texts[set];
+    ++set;
   }
+  int count = set;
   for (char** entry = environ; entry != nullptr && *entry != nullptr && count < kEnvironmentMax - 1;
        ++entry) {
-    if (!is_domain_variable(*entry)) {
+    if (!is_domain_variable(*entry, set)) {
       g_child_environment[count++] = *entry;
     }
   }
@@ -197,28 +187,17 @@ void set_domain_environment(int32_t vsd) {
   environ = g_child_environment;
 }
 
-void remove_markers(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  raw_dir markers(open_trusted_dir(AT_FDCWD, path));
-  while (const char* const name = markers.valid() ? markers.next() : nullptr) {
-    if (name[0] != '.' && text_to_number(name) == pid) {
-      unlinkat(markers.fd(), name, 0);
-    }
-  }
-}
-
 // The child's working directory. A domain that cannot be entered in full is no reason not to start the
 // program.
 void enter_place(const launch& start) {
-  if (start.domain >= 1) {
+  if (start.domain >= kFirstDomain) {
     set_proc_env(start.domain, start.old_pid);
     return;
   }
   const int result = chdir(kRootDir);
   if (result != 0) {
     wex_mk_forkfile();
-    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.kind->function, result);
+    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.action->spawner, result);
     _exit(1);  // never back into the daemon's loops
   }
 }
@@ -257,12 +236,7 @@ void remove_old_file(const launch& start) {
   } else {
     errno = ENOENT;
   }
-  const char* const error = strerror(errno);
-  if (start.kind->through_shell) {
-    wex_dbg(WEX_DBG_PUB, "HA_SCRIPT_RESTART execvp fail, error = %s.\n", error);
-  } else {
-    wex_dbg(WEX_DBG_PUB, "HA_RESTART execvp fail, error = %s.\n", error);
-  }
+  wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", start.action->begun_entry, strerror(errno));
   _exit(1);
 }
 
@@ -300,7 +274,7 @@ void await_exec(pid_t child, const unique_fd& started) {
 // Forks a child that runs the program. The child's pid, or -1 with errno.
 pid_t fork_child(const launch& start) {
   int ends[2] = {-1, -1};
-  if (start.domain >= 1 && pipe(ends) == 0) {
+  if (start.domain >= kFirstDomain && pipe(ends) == 0) {
     ras_os_set_fd_close_on_exec(ends[0]);
     ras_os_set_fd_close_on_exec(ends[1]);
   }
@@ -311,7 +285,7 @@ pid_t fork_child(const launch& start) {
     run_child(start);
   }
   starting.reset();
-  if (child > 0 && start.domain >= 1) {
+  if (child > 0 && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, static_cast<int32_t>(child));
     if (started.valid()) {
       await_exec(child, started);
@@ -321,7 +295,7 @@ pid_t fork_child(const launch& start) {
 }
 
 // The end of the child, or that there was none, is to count as one more exit of the record.
-void remember_missed(wex_pid* rec, pid_t child) {
+void remember_missed(wex_pid* rec, pid_t child) WEX_TSA(requires_capability(wex_spawn_mutex)) {
   if (child > 0) {
     rec->missed_child = static_cast<int32_t>(child);
   }
@@ -333,17 +307,18 @@ void remember_missed(wex_pid* rec, pid_t child) {
 void drop_marker_of_dead(int32_t domain, pid_t child) {
   const process_look now = wex_look_at(static_cast<int32_t>(child));
   if (child > 0 && (wex_surely_dead(now) || now.exiting)) {
-    remove_markers(domain, static_cast<int32_t>(child));
+    wex_remove_markers(domain, static_cast<int32_t>(child));
   }
 }
 
 // The process of a third-part program, which may have detached from the child. Its pid, or 0.
-int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
+int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
+    WEX_TSA(requires_capability(wex_spawn_mutex)) {
   wex_pid* const rec = start.rec;
   char* const whole = rec->process;
   char* const wanted =
-      start.kind->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
-  const char* const function = start.kind->function;
+      start.action->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
+  const char* const function = start.action->spawner;
   int32_t found = 0;
   bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
   if (!running) {
@@ -360,7 +335,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid) {
     remember_missed(rec, child);
     return 0;
   }
-  if (found != child && start.domain >= 1) {
+  if (found != child && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, found);  // or its next life would be one of the main system
     drop_marker_of_dead(start.domain, child);
   }
@@ -375,7 +350,7 @@ void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capabili
   if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
     wex_end_unable_to_restart();
   }
-  wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.kind->function, strerror(error), error);
+  wex_dbg(WEX_DBG_PUB, "%s--> fork fail, err: %s(%d)\n", start.action->spawner, strerror(error), error);
 }
 
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
@@ -391,7 +366,7 @@ bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
 
 // One round of the fork loop. The result of the spawn, or -1 when the fork failed and is to be repeated.
 int32_t try_start(const launch& start, int32_t* out_pid, int* error)
-    WEX_TSA(requires_capability(wex_chains)) {
+    WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex)) {
   const signals_held hold(SIGCHLD);
   const pid_t child = fork_child(start);
   *error = errno;
@@ -401,45 +376,11 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error)
   if (start.third_part) {
     return find_third_part(start, child, out_pid);
   }
-  const char* const shown = start.kind->through_shell ? start.rec->process : first_word(start);
-  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.kind->function, shown,
+  const char* const shown = start.action->through_shell ? start.rec->process : first_word(start);
+  wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.action->spawner, shown,
           static_cast<int>(child));
   *out_pid = static_cast<int32_t>(child);
   return *out_pid;
-}
-
-int32_t spawn(wex_pid* rec, int32_t* out_pid, const spawn_kind& kind)
-    WEX_TSA(requires_capability(wex_chains)) {
-  *out_pid = -1;
-  const int32_t now = wex_clock_now();
-  if (rec->check_start == 0) {
-    rec->check_start = now;
-  }
-  const int32_t wait = debug_time();
-  if (wait < 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", kind.function, strerror(errno));
-  }
-  rec->flags |= WEX_FLAG_SELF_CHECKING;
-  if (throttled(rec, kind, now, wait)) {
-    return -1;
-  }
-  launch start;
-  prepare(&start, kind, rec);
-  while (true) {
-    int error = 0;
-    {
-      const spawn_guard guard;
-      const int32_t result = try_start(start, out_pid, &error);
-      if (result != -1) {
-        return result;
-      }
-    }
-    note_fork_failure(start, error);
-    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
-    if (!may_retry_fork()) {
-      return -1;
-    }
-  }
 }
 
 // ---- searching --------------------------------------------------------------------------------------------
@@ -503,6 +444,39 @@ void plug(int wanted, bool cloexec) {
 
 }  // namespace
 
+int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
+  *out_pid = -1;
+  const int32_t now = wex_clock_now();
+  if (rec->check_start == 0) {
+    rec->check_start = now;
+  }
+  const int32_t wait = debug_time();
+  if (wait < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: get disable time fail: %s\n", action.spawner, strerror(errno));
+  }
+  rec->flags |= WEX_FLAG_SELF_CHECKING;
+  if (throttled(rec, action, now, wait)) {
+    return -1;
+  }
+  launch start;
+  prepare(&start, action, rec);
+  while (true) {
+    int error = 0;
+    {
+      const spawn_guard guard;
+      const int32_t result = try_start(start, out_pid, &error);
+      if (result != -1) {
+        return result;
+      }
+    }
+    note_fork_failure(start, error);
+    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
+    if (!may_retry_fork()) {
+      return -1;
+    }
+  }
+}
+
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
   return rec->reboot_allow > 0 && static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
 }
@@ -526,11 +500,11 @@ bool wex_find_running(char* command, int32_t* out_pid) {
 extern "C" {
 
 int32_t wex_spawn(wex_pid* rec, int32_t* out_pid) {
-  return spawn(rec, out_pid, kProgram);
+  return wex_spawn_as(kRespawn, rec, out_pid);
 }
 
 int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) {
-  return spawn(rec, out_pid, kScript);
+  return wex_spawn_as(kShellRestart, rec, out_pid);
 }
 
 void wex_create_std_fd(int cloexec) {
@@ -553,50 +527,19 @@ void wex_create_std_fd(int cloexec) {
   wex_dbg(WEX_DBG_PUB, "pid:%d stderr(%s) fd %d\n", pid, kConsole, devices[2].fd);
 }
 
-int32_t find_app(int32_t pid) {
-  for (int32_t vsd = 1; vsd < WEX_DOMAINS; ++vsd) {
-    char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-    if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
-      return vsd;
-    }
-    wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-    dir_walk markers(path);
-    while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {
-      if (text_to_number(entry->d_name) == pid) {
-        return vsd;
-      }
-    }
-  }
-  return -1;
-}
-
-int save_proc_info(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (wex_chdir(path) != 0) {
-    return -errno;
-  }
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-  const unique_fd marker = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
-  return marker.valid() ? 0 : -errno;
-}
-
 void set_proc_env(int32_t vsd, int32_t old_pid) {
   if (fs_set_vsd_envs(vsd, old_pid) < 0) {
     wex_dbg(WEX_DBG_PUB, "%s: fs set vsd envs fail\n", __func__);
     return;
   }
   set_domain_environment(vsd);
-  char run_dir[kPathSize];
-  wex_format(run_dir, sizeof run_dir, kRunDomainFmt, vsd);
-  if (wex_chdir(run_dir) != 0) {
+  if (wex_enter_run_dir(vsd) != 0) {
     return;
   }
   if (enter_domain_group(vsd) == 0) {
     wex_dbg(WEX_DBG_PUB, "setgroups success\n");
   }
-  remove_markers(vsd, old_pid);
+  wex_remove_markers(vsd, old_pid);
 }
 
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
@@ -624,22 +567,12 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
   return 1;
 }
 
-void rtrim(char* text) {
-  size_t length = strlen(text);
-  while (length > 0 && (text[length - 1] == ' ' || text[length - 1] == '\t')) {
-    text[--length] = '\0';
-  }
-}
-
 int wex_set_priority(int priority) {
-  sched_param param = {};
-  param.sched_priority = priority;
-  return sched_setscheduler(0, SCHED_FIFO, &param);  // 0 is the calling thread
+  return set_own_scheduling(SCHED_FIFO, priority);
 }
 
 int wex_reset_priority(void) {
-  const sched_param param = {};
-  return sched_setscheduler(0, SCHED_OTHER, &param);
+  return set_own_scheduling(SCHED_OTHER, 0);
 }
 
 int wex_mk_forkfile(void) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "wex.h"
+#include "wex_action.h"
 #include "wex_lock_order.h"
 
 extern "C" {
@@ -16,21 +17,12 @@ int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capabil
 // Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.
 void wex_create_std_fd(int cloexec);
 
-// The domain 1 to 15 that has a marker of `pid`, or -1.
-int32_t find_app(int32_t pid);
-
-// Moves to the domain's run directory and creates the marker of `pid` there. 0, or -errno.
-int save_proc_info(int32_t vsd, int32_t pid);
-
 // Looks for a process whose command line is `command`, up to tries + 1 times with growing pauses. 1 and its
 // pid, else 0 or negative. Trims trailing blanks of `command`.
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries);
 
 // 1 when a line of `list_path` contains `command` (its last word goes to `word`), else 0.
 int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size);
-
-// Removes trailing blanks and tabs in place.
-void rtrim(char* text);
 
 // Scheduling of the calling thread: SCHED_FIFO at `priority`, or normal time-sharing. 0, or -1.
 int wex_set_priority(int priority);
@@ -44,6 +36,10 @@ void wex_rm_forkfile(void);
 // Calls the platform first; when that fails nothing is set. Only between fork and exec.
 void set_proc_env(int32_t vsd, int32_t old_pid);
 }
+
+// wex_spawn(), or wex_shell_spawn().
+int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid)
+    WEX_TSA(requires_capability(wex_chains));
 
 // True when a program that goes to, or comes out of, a self-check wait at `now` has done so too soon after
 // the last time: the device is to be restarted.

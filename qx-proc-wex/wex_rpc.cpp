@@ -16,10 +16,14 @@
 #include <cstddef>
 
 #include "cancel_held.h"
+#include "guarded_file.h"
 #include "mutex_lock.h"
 #include "ras_os.h"
 #include "received_descriptors.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -124,16 +128,16 @@ struct connection {
   ino_t inode WEX_TSA(guarded_by(mutex));
 };
 
-connection session = {{0}, {PTHREAD_MUTEX_INITIALIZER}, -1, 0};
+connection g_session = {{0}, {PTHREAD_MUTEX_INITIALIZER}, -1, 0};
 
 // A forked child may have closed everything and opened something else since: only the very socket is closed.
-void forget_inherited() WEX_TSA(requires_capability(session.mutex)) {
+void forget_inherited() WEX_TSA(requires_capability(g_session.mutex)) {
   struct stat now = {};
-  if (session.sd >= 0 && fstat(session.sd, &now) == 0 && S_ISSOCK(now.st_mode) &&
-      now.st_ino == session.inode) {
-    close(session.sd);
+  if (g_session.sd >= 0 && fstat(g_session.sd, &now) == 0 && S_ISSOCK(now.st_mode) &&
+      now.st_ino == g_session.inode) {
+    close(g_session.sd);
   }
-  session.sd = -1;
+  g_session.sd = -1;
 }
 
 // A forked child must not share its parent's connection, nor wait for a mutex whose holder is not in it. The
@@ -141,22 +145,22 @@ void forget_inherited() WEX_TSA(requires_capability(session.mutex)) {
 // has the connection to itself, without the mutex.
 void own_connection() WEX_TSA(no_thread_safety_analysis) {
   const int32_t self = getpid();
-  int32_t owner = session.owner.load(std::memory_order_acquire);
+  int32_t owner = g_session.owner.load(std::memory_order_acquire);
   while (owner != self) {
-    if (owner != -self && session.owner.compare_exchange_strong(owner, -self, std::memory_order_acq_rel)) {
-      session.mutex.native = PTHREAD_MUTEX_INITIALIZER;
+    if (owner != -self && g_session.owner.compare_exchange_strong(owner, -self, std::memory_order_acq_rel)) {
+      g_session.mutex.native = PTHREAD_MUTEX_INITIALIZER;
       forget_inherited();
-      session.owner.store(self, std::memory_order_release);
+      g_session.owner.store(self, std::memory_order_release);
       return;
     }
     wex_sleep_ms(kOwnerWaitMs);  // a sleep, because a yield of a real-time thread lets no other one run
-    owner = session.owner.load(std::memory_order_acquire);
+    owner = g_session.owner.load(std::memory_order_acquire);
   }
 }
 
-void disconnect() WEX_TSA(requires_capability(session.mutex)) {
-  close_emptied(session.sd);
-  session.sd = -1;
+void disconnect() WEX_TSA(requires_capability(g_session.mutex)) {
+  close_emptied(g_session.sd);
+  g_session.sd = -1;
 }
 
 // Polls one descriptor; a signal of the client's own program does not cut the wait short.
@@ -254,20 +258,20 @@ int wex_connect() {
 }
 
 // Keeps the present connection if it is usable, else makes one. False when there is none.
-bool ensure_connection() WEX_TSA(requires_capability(session.mutex)) {
-  if (session.sd >= 0 && wex_check_socket(session.sd) < 0) {
+bool ensure_connection() WEX_TSA(requires_capability(g_session.mutex)) {
+  if (g_session.sd >= 0 && wex_check_socket(g_session.sd) < 0) {
     wex_dbg(WEX_DBG_PUB, "wex_check_socket <0: pid=%d, tid=%ld\r\n", static_cast<int>(getpid()),
             static_cast<long>(wex_thread_id()));
     disconnect();
   }
-  if (session.sd < 0) {
+  if (g_session.sd < 0) {
     struct stat made = {};
-    session.sd = wex_connect();
-    if (session.sd >= 0 && fstat(session.sd, &made) == 0) {
-      session.inode = made.st_ino;
+    g_session.sd = wex_connect();
+    if (g_session.sd >= 0 && fstat(g_session.sd, &made) == 0) {
+      g_session.inode = made.st_ino;
     }
   }
-  return session.sd >= 0;
+  return g_session.sd >= 0;
 }
 
 // 0 when the acknowledgement came, and also when it stayed away for as long as we wait.
@@ -306,12 +310,12 @@ wex_inner_msg* build_request(uint32_t msg_type, const char* name, const void* pa
 
 // One request over the connection.
 int exchange(const wex_inner_msg* msg, bool wait_ack, bool ignore_connect_fail)
-    WEX_TSA(requires_capability(session.mutex)) {
+    WEX_TSA(requires_capability(g_session.mutex)) {
   if (!ensure_connection()) {
     wex_dbg(WEX_DBG_PUB, "%s: connect fail(ret:%d)\n", "wex_rpc", -1);
     return ignore_connect_fail ? 0 : -1;
   }
-  int result = wex_inner_send_msg(session.sd, msg);
+  int result = wex_inner_send_msg(g_session.sd, msg);
   if (result != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: send fail(ret:%d, err:%d,%s)\n", "wex_rpc", result, errno, strerror(errno));
     disconnect();
@@ -320,7 +324,7 @@ int exchange(const wex_inner_msg* msg, bool wait_ack, bool ignore_connect_fail)
   if (!wait_ack) {
     return 0;
   }
-  result = wex_wait_msg_ack_timeout(session.sd);
+  result = wex_wait_msg_ack_timeout(g_session.sd);
   if (result != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: recv ack err(ret:%d, err:%d,%s)\n", "wex_rpc", result, errno, strerror(errno));
     disconnect();
@@ -397,7 +401,7 @@ int wex_rpc(uint32_t msg_type, const char* name, const void* payload, uint32_t p
     return -1;
   }
   own_connection();
-  const mutex_lock whole_request(session.mutex);
+  const mutex_lock whole_request(g_session.mutex);
   return exchange(msg.get(), wait_ack != 0, ignore_connect_fail != 0);
 }
 

@@ -13,19 +13,19 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cstring>
 
 #include "cancel_held.h"
 #include "guarded_copy.h"
+#include "guarded_file.h"
 #include "mutex_lock.h"
+#include "request_flag.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 wex_alive_info g_wex_alive_info;
 
@@ -42,21 +42,21 @@ constexpr uint32_t kNoSequence = UINT32_MAX;
 constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
-checked_mutex init_mutex = {PTHREAD_MUTEX_INITIALIZER};
-uint8_t initialised;       // written under init_mutex, looked at without it
-int table_fd = -1;         // the daemon's; lives as long as the process
-guarded_copy table_bytes;  // open in the daemon only, before it has threads
+checked_mutex g_init_mutex = {PTHREAD_MUTEX_INITIALIZER};
+uint8_t g_initialised;       // written under g_init_mutex, looked at without it
+int g_table_fd = -1;         // the daemon's; lives as long as the process
+guarded_copy g_table_bytes;  // open in the daemon only, before it has threads
 
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
 void forget_unfinished_init() {
-  init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
-  if (initialised == 0) {
+  g_init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
+  if (g_initialised == 0) {
     g_wex_alive_info = {};
   }
 }
 
-void watch_forks() WEX_TSA(requires_capability(init_mutex)) {
+void watch_forks() WEX_TSA(requires_capability(g_init_mutex)) {
   static bool watched = false;
   if (!watched) {
     watched = pthread_atfork(nullptr, nullptr, forget_unfinished_init) == 0;
@@ -64,7 +64,7 @@ void watch_forks() WEX_TSA(requires_capability(init_mutex)) {
 }
 
 int private_fd() {
-  return __atomic_load_n(&table_fd, __ATOMIC_ACQUIRE);
+  return __atomic_load_n(&g_table_fd, __ATOMIC_ACQUIRE);
 }
 
 bool in_range(uint32_t tid) {
@@ -89,16 +89,16 @@ uint32_t seq_offset(uint32_t tid) {
 int read_byte(uint32_t offset) {
   const uint8_t* const base = g_wex_alive_info.base;
   uint8_t byte = 0;
-  return base != nullptr && table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
+  return base != nullptr && g_table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
 }
 
 bool put_bytes(uint32_t offset, const void* bytes, size_t size) {
   uint8_t* const base = g_wex_alive_info.base;
-  return base != nullptr && table_bytes.copy(base + offset, bytes, size);
+  return base != nullptr && g_table_bytes.copy(base + offset, bytes, size);
 }
 
 uint8_t load(uint32_t offset) {
-  if (!table_bytes.valid()) {
+  if (!g_table_bytes.valid()) {
     const uint8_t* const base = g_wex_alive_info.base;
     return base == nullptr ? uint8_t{0} : __atomic_load_n(base + offset, __ATOMIC_RELAXED);
   }
@@ -115,10 +115,10 @@ bool restore_length(int fd) {
 }
 
 // The daemon could not write a byte: its next look at the table must not count what may be missing.
-std::atomic<bool> g_write_failed{false};
+request_flag g_write_failed;
 
 void store(uint32_t offset, uint8_t byte) {
-  if (!table_bytes.valid()) {
+  if (!g_table_bytes.valid()) {
     uint8_t* const base = g_wex_alive_info.base;
     if (base != nullptr) {
       __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
@@ -127,7 +127,7 @@ void store(uint32_t offset, uint8_t byte) {
   }
   if (!put_bytes(offset, &byte, sizeof byte) &&
       !(restore_length(private_fd()) && put_bytes(offset, &byte, sizeof byte))) {
-    g_write_failed.store(true, std::memory_order_relaxed);
+    g_write_failed.raise();
   }
 }
 
@@ -171,17 +171,17 @@ void shed_second_name() {
 }  // namespace
 
 int wex_sys_init_alive_info(uint8_t clear) {
-  if (__atomic_load_n(&initialised, __ATOMIC_ACQUIRE) != 0) {
+  if (__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE) != 0) {
     return 0;  // once is enough, and reports must not queue up at the mutex
   }
   const cancel_held whole;  // a thread that was cancelled in here would keep the mutex
-  const mutex_lock hold(init_mutex);
-  if (initialised != 0) {
+  const mutex_lock hold(g_init_mutex);
+  if (g_initialised != 0) {
     return 0;
   }
   watch_forks();
   if (clear != 0) {
-    if (!table_bytes.valid() && !table_bytes.open()) {
+    if (!g_table_bytes.valid() && !g_table_bytes.open()) {
       wex_dbg(WEX_DBG_ALIVE, "pipe err(path:%s, err:%d)!\r\n", kAliveTable, errno);
       return -1;
     }
@@ -199,9 +199,9 @@ int wex_sys_init_alive_info(uint8_t clear) {
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
     clear_table();
-    __atomic_store_n(&table_fd, table.release(), __ATOMIC_RELEASE);
+    __atomic_store_n(&g_table_fd, table.release(), __ATOMIC_RELEASE);
   }
-  __atomic_store_n(&initialised, uint8_t{1}, __ATOMIC_RELEASE);
+  __atomic_store_n(&g_initialised, uint8_t{1}, __ATOMIC_RELEASE);
   return opened;  // the table is usable all the same, so only this first call tells
 }
 
@@ -257,14 +257,14 @@ bool wex_alive_table_intact() {
     return false;
   }
   const bool whole = held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
-  return whole && !g_write_failed.exchange(false, std::memory_order_relaxed);
+  return whole && !g_write_failed.take();
 }
 
 int wex_alive_read_seq(uint32_t tid) {
-  return !table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(seq_offset(tid));
+  return !g_table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(seq_offset(tid));
 }
 
 int wex_alive_read_bit(uint32_t tid) {
-  const int byte = !table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(bit_offset(tid));
+  const int byte = !g_table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(bit_offset(tid));
   return byte < 0 ? -1 : (byte & bit_mask(tid)) != 0 ? 1 : 0;
 }

@@ -1,5 +1,5 @@
-// wex_utils: I/O that survives interruption, an allocator that never fails, facts about processes from /proc,
-// the single-instance lock and the low-memory-killer settings. No state, no heap but safe_malloc's.
+// wex_utils: whole small files, an allocator that never fails, facts about processes from /proc, the
+// single-instance lock and the low-memory-killer settings. No state, no heap but safe_malloc's.
 #define WEX_MODULE "wex_utils"
 
 #include "wex_utils.h"
@@ -10,15 +10,17 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 
-#include <limits>
-
+#include "close_on_exec.h"
 #include "file_lock.h"
-#include "ras_os.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -40,26 +42,6 @@ constexpr int kThreadsField = 20;
 constexpr int kStartTimeField = 22;
 constexpr unsigned long kExiting = 0x4;    // flag of a task that has begun to exit
 constexpr char kDeleted[] = " (deleted)";  // the kernel's mark on the link of a replaced executable
-
-// An absolute deadline: an interruption costs nothing, and no remainder is added up wrongly.
-void sleep_for(int64_t nanoseconds) {
-  constexpr int64_t kSecond = 1000000000;
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t fraction = now.tv_nsec + nanoseconds % kSecond;
-  const int64_t end = int64_t{now.tv_sec} + nanoseconds / kSecond + fraction / kSecond;
-  constexpr int64_t kEndOfTime = std::numeric_limits<time_t>::max();
-  timespec deadline = {};
-  deadline.tv_sec = static_cast<time_t>(end < kEndOfTime ? end : kEndOfTime);
-  deadline.tv_nsec = static_cast<long>(fraction % kSecond);
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
-  }
-}
-
-// The count travels as 32 bits; what would not fit is left to the caller's next call.
-size_t countable(size_t length) {
-  return length < INT32_MAX ? length : INT32_MAX;
-}
 
 // After an update of a running program its link names "FILE (deleted)". The program to be started again is
 // FILE, as long as the new one is there and nothing really bears the marked name. The length that counts.
@@ -103,7 +85,7 @@ bool find_status_line(int32_t pid, const char* key, char* line, size_t size) {
   if (!file.valid()) {
     return false;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   text_reader status(file.get());
   while (status.line(line, size)) {
     if (strncmp(line, key, strlen(key)) == 0) {
@@ -173,16 +155,6 @@ bool write_own_pid(int fd) {
 
 }  // namespace
 
-void safe_sleep(unsigned seconds) {
-  sleep_for(int64_t{seconds} * 1000000000);
-}
-
-void wex_sleep_ms(int milliseconds) {
-  if (milliseconds > 0) {
-    sleep_for(int64_t{milliseconds} * 1000000);
-  }
-}
-
 void* safe_malloc(size_t size) {
   void* block = calloc(1, size > 0 ? size : 1);
   while (block == nullptr) {
@@ -192,51 +164,13 @@ void* safe_malloc(size_t size) {
   return block;
 }
 
-int32_t safe_read(int fd, void* buffer, size_t length) {
-  const size_t wanted = countable(length);
-  size_t done = 0;
-  while (done < wanted) {
-    const ssize_t got = read(fd, static_cast<char*>(buffer) + done, wanted - done);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got < 0) {
-      return -1;
-    }
-    if (got == 0) {
-      break;
-    }
-    done += static_cast<size_t>(got);
-  }
-  return static_cast<int32_t>(done);
-}
-
-int32_t safe_write(int fd, const void* buffer, size_t length) {
-  const size_t wanted = countable(length);
-  size_t done = 0;
-  while (done < wanted) {
-    const ssize_t put = write(fd, static_cast<const char*>(buffer) + done, wanted - done);
-    if (put < 0 && errno == EINTR) {
-      continue;
-    }
-    if (put < 0) {
-      return -1;
-    }
-    if (put == 0) {
-      break;
-    }
-    done += static_cast<size_t>(put);
-  }
-  return static_cast<int32_t>(done);
-}
-
 int32_t safe_write_path(const char* path, const void* buffer, size_t length) {
   const unique_fd file(open(path, O_RDWR | O_CLOEXEC));
   if (!file.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: fd < 0: %s\n", __func__, strerror(errno));
     return -1;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   return safe_write(file.get(), buffer, length);
 }
 
@@ -248,7 +182,7 @@ int32_t wex_read_to_buf(const char* path, char* buffer, size_t size) {
   if (!file.valid()) {
     return -1;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   const int32_t got = safe_read(file.get(), buffer, size - 1);
   buffer[got < 0 ? 0 : got] = '\0';
   return got;
@@ -315,17 +249,11 @@ command_read wex_read_command(int32_t pid, char* buffer, size_t size) {
   if (!file.valid()) {
     return command_read::program;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   text_reader arguments(file.get());
   length = append_arguments(arguments, buffer, length, size);
   buffer[length] = '\0';
   return arguments.failed() ? command_read::program : command_read::whole;
-}
-
-int64_t wex_clock_ms() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 int32_t wex_thread_id() {
@@ -434,7 +362,7 @@ int wex_get_proc_status(void) {
     wex_dbg(WEX_DBG_PUB, "%s: open wex_status file fail: %s\n", __func__, strerror(errno));
     return -1;
   }
-  ras_os_set_fd_close_on_exec(file.get());
+  set_close_on_exec(file.get());
   char digit = '\0';
   errno = 0;  // an empty file is no error of its own
   if (safe_read(file.get(), &digit, 1) != 1) {

@@ -1,5 +1,5 @@
-// wex_utils: I/O that survives interruption, an allocator that never fails, facts about processes from /proc,
-// the single-instance lock and the low-memory-killer settings. No state; any thread may call anything.
+// wex_utils: whole small files, an allocator that never fails, facts about processes from /proc, the
+// single-instance lock and the low-memory-killer settings. No state; any thread may call anything.
 #pragma once
 
 #include <sys/types.h>
@@ -7,24 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "unique_fd.h"
-
 extern "C" {
-
-// Whole seconds of the monotonic clock: the only clock of records and decisions.
-int32_t wex_clock_now(void);
-
-// Sleeps all of it, whatever signals arrive.
-void safe_sleep(unsigned seconds);
-void wex_sleep_ms(int milliseconds);
 
 // Zero-filled memory, never null: waits 5 s and tries again while memory is short. Never for a size that came
 // from outside.
 void* safe_malloc(size_t size);
-
-// The bytes done: `length`, fewer only at the end of file, or -1.
-int32_t safe_read(int fd, void* buffer, size_t length);
-int32_t safe_write(int fd, const void* buffer, size_t length);
 
 // Writes into an existing file, from its start. The bytes written, or -1 (printed when it cannot be opened).
 int32_t safe_write_path(const char* path, const void* buffer, size_t length);
@@ -41,7 +28,8 @@ int32_t wex_get_ppid_form_pid(int32_t pid);
 // 0 and the name from the status file, or -1.
 int wex_get_pid_name(int32_t pid, char* buffer, size_t size);
 
-// 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms).
+// 0 when the process lives, -1 when it is gone (at once) or a zombie (after 30 ms). There are other ways to
+// ask for the life of a process: wex_chain_identity.h has the table that tells them apart.
 int process_life(int32_t pid);
 
 // Takes the single-instance lock. The descriptor, to be kept for life, or -1 with errno: EAGAIN when somebody
@@ -62,9 +50,6 @@ enum class command_read { nothing, program, whole };
 
 // As pid_to_cmdline, and tells how much it is.
 command_read wex_read_command(int32_t pid, char* buffer, size_t size);
-
-// Milliseconds of the monotonic clock, for waits inside one process.
-int64_t wex_clock_ms();
 
 // The kernel's id of the calling thread.
 int32_t wex_thread_id();
@@ -95,27 +80,3 @@ bool wex_is_thread(int32_t pid);
 
 // One of the looks of process_life(): true when it shows a living process.
 bool wex_looks_alive(int32_t pid);
-
-// Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
-// to create, truncate or append only those with a single name (else EMLINK; with O_CREAT the name is parted
-// from the others first, see wex_move_aside). Reading changes nothing. `flags` may hold O_CREAT, O_TRUNC,
-// O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid with
-// errno when refused; EBUSY for another name of a file on which this process holds a lock.
-unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
-
-// Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
-void wex_make_dir(const char* path, mode_t mode);
-
-// Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
-int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
-
-// As unlink(), rename() and chdir(), the directory found along trusted links only.
-int wex_unlink(const char* path);
-int wex_rename(const char* from, const char* to);
-int wex_chdir(const char* path);
-
-// Formats into a fixed buffer; false (buffer terminated) when it does not fit.
-bool wex_format(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
-
-// Copies at most size - 1 bytes and terminates.
-void wex_copy_text(char* to, size_t size, const char* from);

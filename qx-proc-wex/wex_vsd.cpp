@@ -15,12 +15,18 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
 #include "raw_dir.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
@@ -29,34 +35,11 @@
 
 namespace {
 
-constexpr char kGroupsMark[] = "Groups:";
 constexpr char kDigits[] = "0123456789";
 
 // Why a child of create or add could not go on is printed; its status only says that it could not.
 constexpr int kChildFailed = 1;
 constexpr int kNotStarted = 0;
-
-enum dir_need { kAlways, kForCreate, kForCreateOnSecondDisk };
-
-struct domain_dir {
-  const char* format;    // one "%d", the domain
-  const char* variable;  // environment variable that names it, or null
-  dir_need need;
-};
-
-// In the order of creation: parents before what is inside them.
-constexpr domain_dir kDomainDirs[] = {
-    {kConfigDomainFmt, "QX_CFG_DIR", kAlways},
-    {kOvixDomainFmt, "OVIX_DIR", kAlways},
-    {kDataDomainFmt, "DATA_OVIX_DIR", kAlways},
-    {kData2DomainFmt, "DATA_OVIX_DIR2", kForCreateOnSecondDisk},
-    {kData2RunFmt, nullptr, kForCreateOnSecondDisk},
-    {kEtcDomainFmt, nullptr, kAlways},
-    {kDomainDirFmt, "TMPDIR", kAlways},
-    {kMarkerDirFmt, nullptr, kAlways},
-    {kDbDirFmt, nullptr, kForCreate},
-    {kRunDomainFmt, nullptr, kAlways},
-};
 
 struct take_down_plan {
   const char* name;  // as the diagnostics have it
@@ -67,17 +50,8 @@ constexpr take_down_plan kDelete = {"delete_vsd", WEX_REMOVE_DELETE};
 constexpr take_down_plan kStop = {"stop_vsd", WEX_REMOVE_STOP};
 constexpr take_down_plan kReload = {"re_delete_vsd", WEX_REMOVE_RELOAD};
 
-bool exists(const char* path) {
-  struct stat facts;
-  return stat(path, &facts) == 0;
-}
-
 bool all_digits(const char* name) {
   return *name != '\0' && name[strspn(name, kDigits)] == '\0';
-}
-
-int32_t group_of(int32_t vsd) {
-  return static_cast<int32_t>(kDomainGroupBase + static_cast<int64_t>(kDomainGroupStep) * vsd);
 }
 
 // Prints what failed and why, in the name of `caller`; keeps errno.
@@ -87,38 +61,8 @@ void tell(const char* caller, const char* what) {
 
 // ---- In the child -----------------------------------------------------------------------------------------
 
-// What the daemon makes at its start, and a domain that is created earlier needs. Only what is missing: the
-// directories of the system keep their modes.
-void make_parents(const char* path) {
-  char parent[kPathSize];
-  for (const char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
-    wex_format(parent, sizeof parent, "%.*s", static_cast<int>(slash - path), path);
-    if (!exists(parent)) {
-      wex_make_dir(parent, kOpenDirMode);
-    }
-  }
-}
-
-void make_domain_dirs(int32_t vsd, bool create) {
-  const bool second_disk = create && exists(kData2Dir);
-  for (const domain_dir& dir : kDomainDirs) {
-    if ((dir.need == kForCreate && !create) || (dir.need == kForCreateOnSecondDisk && !second_disk)) {
-      continue;
-    }
-    char path[kPathSize];
-    wex_format(path, sizeof path, dir.format, vsd);
-    if (create) {
-      make_parents(path);
-    }
-    wex_make_dir(path, kOpenDirMode);
-    if (dir.variable != nullptr) {
-      setenv(dir.variable, path, 1);
-    }
-  }
-}
-
 // What makes the calling process one of the domain. False, printed, when the device's own part fails.
-bool enter_domain(int32_t vsd, bool create, const char* caller) {
+bool enter_domain(int32_t vsd, unsigned maker, const char* caller) {
   if (enter_domain_group(vsd) == 0) {
     wex_dbg(WEX_DBG_PUB, "%s: Setgroups success\n", caller);
   }
@@ -129,14 +73,12 @@ bool enter_domain(int32_t vsd, bool create, const char* caller) {
   }
   chmod(kLsmDevice, kOpenDirMode);
   chmod(kMapIpcDevice, kOpenDirMode);
-  make_domain_dirs(vsd, create);
+  wex_make_domain_dirs(vsd, maker);
   return true;
 }
 
 bool enter_run_dir(int32_t vsd, const char* caller) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kRunDomainFmt, vsd);
-  if (wex_chdir(path) != 0) {
+  if (wex_enter_run_dir(vsd) != 0) {
     tell(caller, "chdir");
     return false;
   }
@@ -179,7 +121,8 @@ void become(const char* path, const char* const* argv) {
 }
 
 [[noreturn]] void run_start_scripts(int32_t vsd, const char* caller) {
-  if (!enter_domain(vsd, true, caller) || !save_start_time(vsd, caller) || !enter_run_dir(vsd, caller)) {
+  if (!enter_domain(vsd, WEX_MADE_BY_CREATE, caller) || !save_start_time(vsd, caller) ||
+      !enter_run_dir(vsd, caller)) {
     _exit(kChildFailed);
   }
   const char* const argv[] = {kRunParts, kStartScripts, "-a", "vsd", nullptr};
@@ -187,15 +130,8 @@ void become(const char* path, const char* const* argv) {
   _exit(kNotStarted);
 }
 
-// An empty file named after the process. False with errno.
-bool mark_process(int32_t vsd, int32_t pid) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
-  return wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode).valid();
-}
-
 [[noreturn]] void run_program(int32_t vsd, const char* name, const char* caller) {
-  if (!enter_domain(vsd, false, caller) || !enter_run_dir(vsd, caller)) {
+  if (!enter_domain(vsd, WEX_MADE_BY_ADD, caller) || !enter_run_dir(vsd, caller)) {
     _exit(kChildFailed);
   }
   char path[kPathSize];
@@ -209,7 +145,7 @@ bool mark_process(int32_t vsd, int32_t pid) {
     become(path, argv);
     _exit(kNotStarted);
   }
-  if (program > 0 && !mark_process(vsd, program)) {
+  if (program > 0 && !wex_make_flag_file(vsd, program, kMarkerMode)) {
     tell(caller, "open");
     _exit(kChildFailed);
   }
@@ -237,7 +173,7 @@ void save_vsdinfo(int32_t vsd) {
     }
     const int32_t pid = text_to_number(entry->d_name);
     const int32_t domain = get_vsdid(pid);
-    if (domain >= 1 && domain == vsd && !mark_process(vsd, pid)) {
+    if (domain >= kFirstDomain && domain == vsd && !wex_make_flag_file(vsd, pid, kMarkerMode)) {
       tell(__func__, "open");
       return;
     }
@@ -258,7 +194,7 @@ void kill_if_grouped(const char* name, const char* digits, int sig) {
   text_reader status(file.get());
   char line[255];
   while (status.line(line, sizeof line)) {
-    const char* const found = strstr(line, kGroupsMark) == nullptr ? nullptr : strstr(line, digits);
+    const char* const found = strstr(line, kGroupsKey) == nullptr ? nullptr : strstr(line, digits);
     if (found == nullptr) {
       continue;
     }
@@ -279,11 +215,11 @@ void kill_if_grouped(const char* name, const char* digits, int sig) {
 // TERM, time to end, KILL, time to be gone. 0, or -errno (printed).
 int end_processes(const take_down_plan& plan, int32_t vsd) {
   wex_print("Sending vsd: %d all processes the TERM signal...\n", vsd);
-  int ret = kill_proc_by_groups(SIGTERM, group_of(vsd));
+  int ret = kill_proc_by_groups(SIGTERM, wex_domain_group(vsd));
   if (ret == 0) {
     wex_print("After 5s, Sending vsd: %d all processes the KILL signal...\n", vsd);
     safe_sleep(kTermGraceSec);
-    ret = kill_proc_by_groups(SIGKILL, group_of(vsd));
+    ret = kill_proc_by_groups(SIGKILL, wex_domain_group(vsd));
   }
   if (ret < 0) {
     wex_dbg(WEX_DBG_PUB, "%s: ret < 0: %s\n", plan.name, strerror(-ret));
@@ -297,7 +233,7 @@ int end_processes(const take_down_plan& plan, int32_t vsd) {
 // While the marker is there, no exit of any process of the device is followed by a restart.
 int take_down(const take_down_plan& plan, int32_t vsd) {
   char marker[kPathSize];
-  wex_format(marker, sizeof marker, kTakeDownFmt, vsd);
+  wex_take_down_marker(vsd, marker);
   if (!wex_open_file(marker, O_RDWR | O_CREAT, kMarkerMode).valid()) {
     return -errno;
   }
@@ -363,7 +299,7 @@ int reload_vsd(int32_t vsd) {
 }
 
 int show_vsd(void) {
-  int32_t vsd = 1;
+  int32_t vsd = kFirstDomain;
   for (; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
     wex_format(path, sizeof path, kMarkerDirFmt, vsd);

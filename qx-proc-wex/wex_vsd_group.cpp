@@ -15,23 +15,26 @@
 #include <iterator>
 
 #include "dir_walk.h"
+#include "guarded_file.h"
+#include "safe_io.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "trusted_path.h"
+#include "unique_fd.h"
+#include "waiting.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 
-constexpr char kGroupsKey[] = "Groups:";
 constexpr char kResidentKey[] = "VmRSS:";
 constexpr char kThreadGroupKey[] = "Tgid:";
 constexpr char kMappingResident[] = "Rss";
 constexpr char kHardLimit[] = "memory.limit_in_bytes";
 constexpr char kSoftLimit[] = "memory.soft_limit_in_bytes";
-constexpr int kFirstLimited = 1;  // the main system is never limited
 
 // KiB, by domain: the sums of the measurement in progress, and the last completed one.
 uint64_t array_rss[WEX_DOMAINS];
@@ -237,7 +240,7 @@ void poll_use_mem() {
       wex_sleep_ms(kMeasurePauseMs);
     }
   }
-  for (int32_t vsd = kFirstLimited; vsd < WEX_DOMAINS; ++vsd) {
+  for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {  // the main system is never limited
     enforce_limit(vsd);
   }
 }
@@ -262,15 +265,11 @@ int32_t get_vsdid(int32_t pid) {
       break;
     }
   }
-  return static_cast<int32_t>((group - kDomainGroupBase) / kDomainGroupStep);
+  return wex_group_domain(group);
 }
 
 int set_cgroups_all(int32_t vsd) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kMemoryGroupFmt, vsd);
-  wex_make_dir(path, kOpenDirMode);
-  wex_format(path, sizeof path, kCpuGroupFmt, vsd);
-  wex_make_dir(path, kOpenDirMode);
+  wex_make_domain_dirs(vsd, WEX_MADE_FOR_LIMITS);
   set_cgroups(vsd);
   if (errno != 0) {  // also what is left of a directory that was there: operators know the line
     wex_dbg(WEX_DBG_PUB, "%s: set mem group fail: %s\n", __func__, strerror(errno));
@@ -303,7 +302,7 @@ int set_cpu_group(int32_t vsd, int32_t tenths) {
 }
 
 int64_t get_maxmem_set(int32_t vsd) {
-  if (vsd == 0) {
+  if (vsd == kMainSystem) {
     return 0;
   }
   char path[kPathSize];
@@ -347,7 +346,7 @@ int get_vsd_mem(const char* path, int32_t vsd, uint64_t counters[16]) {
   if (vsd >= WEX_DOMAINS) {
     return 0;
   }
-  uint64_t& counter = counters[vsd < 0 ? 0 : vsd];
+  uint64_t& counter = counters[wex_domain_or_main(vsd)];
   bool library = false;
   text_reader maps(file.get());
   char line[1024];

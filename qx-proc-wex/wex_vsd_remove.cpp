@@ -15,39 +15,17 @@
 #include <utility>
 
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 
 // Longest path of an entry. It bounds depth, stack and descriptors as well: about 120 levels below a domain.
 constexpr size_t kLongestPath = 255;
-
-struct domain_tree {
-  const char* format;  // one "%d", the domain
-  unsigned sets;
-  bool second_disk;
-};
-
-constexpr unsigned kEverySet = WEX_REMOVE_DELETE | WEX_REMOVE_STOP | WEX_REMOVE_RELOAD | WEX_REMOVE_FILES;
-
-// In the order of removal.
-constexpr domain_tree kDomainTrees[] = {
-    {kDomainDirFmt, kEverySet, false},
-    {kEtcDomainFmt, kEverySet, false},
-    {kRunDomainFmt, WEX_REMOVE_DELETE | WEX_REMOVE_FILES, false},
-    {kDataDomainFmt, WEX_REMOVE_DELETE, false},
-    {kData2DomainFmt, WEX_REMOVE_DELETE, true},
-    {kData2RunFmt, WEX_REMOVE_DELETE, true},
-    {kConfigDomainFmt, WEX_REMOVE_DELETE, false},
-    {kOvixDomainFmt, WEX_REMOVE_DELETE, false},
-    {kMemoryGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
-    {kCpuGroupFmt, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, false},
-};
 
 // Where a removal has got to.
 struct removal {
@@ -149,6 +127,14 @@ void remove_or_tell(const char* path) {
   }
 }
 
+const domain_dir& removed_in_turn(int turn) {
+  const domain_dir* dir = kDomainDirs;
+  while (dir->removal_turn != turn) {
+    ++dir;
+  }
+  return *dir;
+}
+
 }  // namespace
 
 extern "C" int remove_dir_tree(const char* path) {
@@ -164,11 +150,12 @@ extern "C" int remove_dir_tree(const char* path) {
 }
 
 void remove_domain_trees(int32_t vsd, unsigned set) {
-  const bool second_disk = present(kData2Dir);
-  for (const domain_tree& tree : kDomainTrees) {
+  const bool second_disk = wex_has_second_disk();
+  for (int turn = 1; turn <= kDomainRemovals; ++turn) {
+    const domain_dir& dir = removed_in_turn(turn);
     char path[kPathSize];
-    if ((tree.sets & set) != 0 && (second_disk || !tree.second_disk) &&
-        wex_format(path, sizeof path, tree.format, vsd)) {
+    if ((dir.removed & set) != 0 && (second_disk || !dir.second_disk) &&
+        wex_format(path, sizeof path, dir.format, vsd)) {
       remove_or_tell(path);
     }
   }

@@ -3,15 +3,10 @@
 
 #include <cstdint>
 
-// Which sets of directories: a bit for each operation that removes some.
-enum {
-  WEX_REMOVE_DELETE = 0x1,  // everything a domain has
-  WEX_REMOVE_STOP = 0x2,    // run-time directories and control groups
-  WEX_REMOVE_RELOAD = 0x4,  // what the next start makes anew
-  WEX_REMOVE_FILES = 0x8    // run-time directories
-};
+#include "wex_domain.h"
 
-// Removes the directories of domain `vsd` that belong to `set`. What cannot be removed is left behind.
+// Removes the directories of domain `vsd` that the operation `set` (one of WEX_REMOVE_) removes. What cannot
+// be removed is left behind.
 void remove_domain_trees(int32_t vsd, unsigned set);
 
 extern "C" {

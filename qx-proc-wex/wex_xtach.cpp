@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <glob.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -16,12 +15,19 @@
 #include <cstdlib>
 
 #include "cancel_held.h"
+#include "guarded_file.h"
+#include "own_scheduling.h"
 #include "signals_held.h"
+#include "text_buffer.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
+#include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_child.h"
+#include "wex_clock.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -32,14 +38,10 @@
 
 namespace {
 
-constexpr char kRestartWord[] = "WEX_RESTART";
-constexpr char kShellRestartWord[] = "WEX_SHELL_RESTART";
+std::atomic<int32_t> g_fd_watch_strikes{0};
 
-std::atomic<int32_t> fd_watch_strikes{0};
-
-template <size_t N>
-bool begins_with(const char* text, const char (&word)[N]) {
-  return strncmp(text, word, N - 1) == 0;
+bool names(const char* text, const wex_action& action) {
+  return strncmp(text, action.keyword, strlen(action.keyword)) == 0;
 }
 
 // ---- Registration of processes ----------------------------------------------------------------------------
@@ -68,7 +70,7 @@ bool describe_process(int32_t pid, wex_reg_info* body) {
   const int32_t domain = get_vsdid(pid);
   memset(body, 0, sizeof *body);
   body->pid = pid;
-  body->vsd = domain < 0 ? 0 : domain;
+  body->vsd = wex_domain_or_main(domain);
   return pid_to_cmdline(pid, body->process, kDescribed) != nullptr;
 }
 
@@ -103,8 +105,8 @@ void tell_too_many(int32_t pid) {
 
 // The last strike ends the process while it can still be restarted in good order.
 void count_strike() {
-  if (++fd_watch_strikes >= kFdWatchStrikes) {
-    fd_watch_strikes = 0;
+  if (++g_fd_watch_strikes >= kFdWatchStrikes) {
+    g_fd_watch_strikes = 0;
     exit(1);
   }
 }
@@ -127,8 +129,7 @@ pid_t fork_program(const char* program, int32_t* pid_out) {
 // The child's part. Returns only when the child cannot change to "/".
 int32_t become_program(const char* program, char* const* argv) {
   setsid();
-  const sched_param ordinary = {};
-  sched_setscheduler(0, SCHED_OTHER, &ordinary);
+  set_own_scheduling(SCHED_OTHER, 0);
   reset_signal_actions();
   const int result = chdir(kRootDir);
   if (result != 0) {
@@ -222,10 +223,10 @@ uint32_t wex_action_type(const char* action) {
   if (action == nullptr) {
     return 0;
   }
-  if (begins_with(action, kRestartWord)) {
-    return WEX_RESTART;
+  if (names(action, kRespawn)) {
+    return kRespawn.message;
   }
-  return begins_with(action, kShellRestartWord) ? WEX_SHELL_RESTART : 0;
+  return names(action, kShellRestart) ? kShellRestart.message : 0;
 }
 
 extern "C" {
@@ -298,7 +299,7 @@ void wex_client_watch_process_fd(int32_t pid) {
     tell_too_many(pid);
     count_strike();
   } else {
-    fd_watch_strikes = 0;
+    g_fd_watch_strikes = 0;
   }
 }
 

@@ -21,10 +21,11 @@
 #include <atomic>
 
 #include "ras_os.h"
+#include "text_buffer.h"
 #include "unique_fd.h"
+#include "wex_clock.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
 
 namespace {
 

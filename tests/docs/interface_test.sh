@@ -23,7 +23,7 @@ comm -23 "$work/declared" "$work/platform" > "$work/headers"
 nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/exported"
 sed -n '/global:/,/local:/p' "$root/qx-proc-wex/libwex.map" | tr ';' '\n' | sed -nE 's/^(.*:)? *([a-z][a-zA-Z_0-9]*) *$/\2/p' |
   grep -vE '^(global|local)$' | sort -u > "$work/map"
-sed -nE 's/^ ([a-z][a-zA-Z_0-9]*)@.*/\1/p' "$root/packaging/debian/symbols" | sort -u > "$work/symbols"
+sed -nE 's/^ ([a-z][a-zA-Z_0-9]*)@.*/\1/p' "$root/packaging/debian/libwex1.symbols" | sort -u > "$work/symbols"
 tr -d '{};' < "$root/qx-proc-wex/wex.dynlist" | tr -s ' \t' '\n' | grep -E '^[a-z_]+' | sort -u > "$work/dynlist"
 for other in exported map symbols; do
   cmp -s "$work/headers" "$work/$other" || complain "headers (<) and $other (>) differ: $(diff "$work/headers" "$work/$other" | grep '^[<>]' | tr '\n' ' ')"

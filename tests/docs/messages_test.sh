@@ -11,7 +11,7 @@ spelled() { sed -E 's/Thread "wex_[a-z_]+"/Thread "%"/; s/`[^`]*UTILS-wex-shm-00
 capitals() { sed -E 's/\b(NAME|PID|CODE|N|R|TEXT|THREAD|TID|COMMAND|W|A|B|C|PATH|FUNCTION|LINE|COUNT|D|DIR|NEW)\b/%/g'; }
 
 while IFS= read -r file; do
-  case $file in *.cpp) code "$file" ;; esac
+  case $file in *.cpp | */wex_action.h) code "$file" ;; esac  # the header is a table of mnemonics
 done < <(product_sources) > "$work/code"
 literals < "$work/code" | plain_format | sort -u > "$work/formats"
 

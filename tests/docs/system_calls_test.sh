@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Every system call and every file below /proc and /sys that the daemon, a service and a domain command use stands in
-# docs/system-calls.md. Arguments: libwex.so, wex.
+# docs/system-calls.md. Arguments: libwex.so, wex, wexrun.
 set -u
 . "$(dirname "$0")/lib.sh"
 page=$root/docs/system-calls.md
-cp -L "$1" "$work/libwex.so.1" && cp -L "$2" "$work/wex" &&
+cp -L "$1" "$work/libwex.so.1" && cp -L "$2" "$work/wex" && cp -L "$3" "$work/wexrun" &&
   gcc -std=c99 -D_GNU_SOURCE -I "$root/qx-proc-wex" "$root/examples/worker.c" -o "$work/worker" "$work/libwex.so.1" \
     -Wl,-rpath,"$work" -pthread || exit 1
 cd "$work" || exit 1
@@ -24,7 +24,7 @@ complain_each "docs/system-calls.md lacks the call" < "$work/difference"
 grep -ohE '"/(proc|sys)[^"]*"' "$work"/*.trace | tr -d '"' | sed -E 's/[0-9]+/N/g; s|/$||; s|(/proc/N/fd)/.*|\1|' | sort -u > "$work/files"
 comm -23 "$work/files" "$work/listed" > "$work/difference"
 complain_each "docs/system-calls.md lacks the file" < "$work/difference"
-for must in recv setgroups inotify_add_watch sched_setscheduler execve; do
+for must in signalfd4 recv setgroups inotify_add_watch sched_setscheduler execve; do
   grep -qx $must "$work/used" || complain "the run did not come to $must"
 done
 finish

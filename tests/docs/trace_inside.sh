@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Inside the sandbox: start, registration, restart, a domain created, filled, shown and deleted; all under strace.
-# Argument: the directory with wex, worker and the library, which takes the traces.
+# Inside the sandbox: start, registration, restart, a domain created, filled, shown and deleted, a program below wexrun; all
+# under strace. Argument: the directory with wex, wexrun, worker and the library, which takes the traces.
 set -u
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through system_calls_test.sh" >&2; exit 1; }
 work=$1
 status=0
 within() { local end=$((SECONDS + $1)); shift; until "$@"; do [ "$SECONDS" -ge "$end" ] && return 1; sleep 0.05; done; }
 trace() { local to=$1; shift; env --default-signal strace -f -qq -s 256 -o "$work/$to.trace" "$@" < /dev/null; }
-registered() {                                     # not under the pid $1; its pid in $pid
+registered() {                                     # not under the pid $1; its pid in $pid; NAME, or worker
   local file
-  for file in /tmp/vsd/0/wex/db/worker.*; do
+  for file in /tmp/vsd/0/wex/db/"${2-worker}".*; do
     pid=${file##*.}
     [ -e "$file" ] && [ "$pid" != "$1" ] && [ -d "/proc/$pid" ] && return 0
   done
@@ -32,6 +32,9 @@ within 15 threads_watched || fail "its thread does not register"
 old=$pid
 kill -KILL "$old"
 within 15 registered "$old" || fail "the service does not come back"
+(cd / && trace wexrun "$work/wexrun" --notify -- /usr/bin/sleep 1000) &
+within 15 registered 0 wexrun && within 15 pgrep -P "$pid" sleep > /dev/null || fail "wexrun does not start its program"
+kill -TERM "$pid"
 trace create "$work/wex" -c 1 || fail "no domain can be created"
 trace add "$work/wex" add nothing 1
 trace show "$work/wex" -s

@@ -1,6 +1,6 @@
 // The configuration of the exit burst.
 #include "fuzz_support.h"
-#include "wex_core_netlink.h"
+#include "wex_core_crash.h"
 
 int LLVMFuzzerInitialize(int*, char***) {
   fuzz::begin();

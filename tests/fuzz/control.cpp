@@ -3,7 +3,6 @@
 #include <linux/sockios.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -11,6 +10,8 @@
 #include "chain_check.h"
 #include "unique_fd.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
+#include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_rpc.h"
@@ -22,7 +23,8 @@ extern "C" int kill(pid_t, int) noexcept {
 }
 extern "C" void sync() noexcept {}
 // A server that is never idle must not have this machine to itself.
-extern "C" int sched_setscheduler(pid_t, int, const sched_param*) noexcept {
+extern "C" int __wrap_wex_set_priority(int);
+extern "C" int __wrap_wex_set_priority(int) {
   return 0;
 }
 // Pauses of the product's loops would be most of the time.

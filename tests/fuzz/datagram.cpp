@@ -1,6 +1,7 @@
 // Datagrams of process events, as anything that can send to the connector socket might make them.
 #include "fuzz_support.h"
 #include "wex_core_netlink.h"
+#include "wex_core_process_event.h"
 
 namespace {
 

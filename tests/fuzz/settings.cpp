@@ -3,10 +3,9 @@
 #include <time.h>
 
 #include "fuzz_support.h"
-#include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_utils.h"
+#include "wex_utils_settings.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "fuzz_support.h"
 #include "wex_chain.h"
-#include "wex_list.h"
+#include "wex_chain_list.h"
 #include "wex_proc.h"
 
 namespace {

@@ -1,5 +1,6 @@
 // Command lines on their way to an argument vector, and to a script of the command map.
 #include "fuzz_support.h"
+#include "text_buffer.h"
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_proc.h"

@@ -241,7 +241,8 @@ std::string Daemon::trace() {
   return read_file(kTraceFile);
 }
 const char* Daemon::binary() {
-  return WEX_BINARY;
+  const char* const another = getenv("WEX_BINARY");  // one that is linked in another way, of the same sources
+  return another != nullptr ? another : WEX_BINARY;
 }
 const char* actor_binary() {
   return WEX_ACTOR;

@@ -68,7 +68,7 @@ done
 
 # ---- Installed ---------------------------------------------------------------------------------------------
 
-dpkg --install "$packages"/*.deb > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "dpkg refuses the packages"; }
+dpkg --install "$packages"/wex_*.deb "$packages"/libwex1_*.deb "$packages"/libwex-dev_*.deb > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "dpkg refuses the packages"; }
 ldconfig
 grep -q '^Restart=always$' /usr/lib/systemd/system/wex.service || fail "the systemd unit does not restart wex"
 grep -q '^::respawn:/usr/libexec/wex/wex-respawn --once$' /usr/share/wex/inittab.wex || fail "the line for busybox init does not restart wex"

@@ -8,13 +8,16 @@ root=${here%/tests/package}
 mkdir -p "$1"
 into=$(cd "$1" && pwd)
 "$root/packaging/build" --into "$into" release
+fail() { printf 'FAIL: %s\n' "$*"; exit 1; }
+
+lintian --allow-root --fail-on error,warning "$into"/packages/release/*.changes ||
+  fail "lintian complains about the packages; lintian-explain-tags NAME says why"
 
 # ---- Staged: everything is below the prefix given when installing, and a service builds against it there -------
 
-fail() { printf 'FAIL: %s\n' "$*"; exit 1; }
 stage=$into/stage
 rm -rf "$stage"
-cmake --install "$into/package-release" --prefix "$stage" > "$into/stage.log" 2>&1 || { cat "$into/stage.log"; fail "no staging"; }
+cmake --install "$into/package-release/source/obj" --prefix "$stage" > "$into/stage.log" 2>&1 || { cat "$into/stage.log"; fail "no staging"; }
 outside=$(sed -n 's/^-- \(Installing\|Up-to-date\): //p' "$into/stage.log" | grep -v "^$stage/" || true)
 [ -z "$outside" ] || fail "installed outside the prefix: $outside"
 for file in sbin/wex etc/init.d/wex etc/wex/proc etc/cmdmap; do

@@ -1,6 +1,6 @@
 // expect: cannot call function 'wex_handle_netlink_exit' while chain 'wex_chains' is held
 #include "chain_lock.h"
-#include "wex_core.h"
+#include "wex_core_exit.h"
 
 void probe();
 void probe() {

@@ -13,6 +13,7 @@
 #include <random>
 
 #include "control_client.h"
+#include "unique_fd.h"
 
 using namespace control_client;
 

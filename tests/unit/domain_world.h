@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "wex.h"
 #include "wex_paths.h"
 #include "wex_test.h"

@@ -28,6 +28,7 @@
 #include "chain_lock.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core.h"
 #include "wex_limits.h"
 #include "wex_msg.h"

@@ -8,9 +8,10 @@
 #include <time.h>
 
 #include "file_lock.h"
+#include "guarded_file.h"
+#include "unique_fd.h"
 #include "unit_support.h"
 #include "wex_limits.h"
-#include "wex_utils.h"
 
 using namespace unit;
 

@@ -22,6 +22,7 @@
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core.h"
+#include "wex_core_notify.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"

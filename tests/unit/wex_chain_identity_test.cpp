@@ -11,6 +11,7 @@
 
 #include "send_signal.h"
 #include "wex_limits.h"
+#include "wex_utils.h"
 
 namespace {
 

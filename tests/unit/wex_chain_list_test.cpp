@@ -1,5 +1,4 @@
 // wex_chain_list: look-ups in the third-part list, remembered or not, must answer as a plain reading would.
-#include "wex_list.h"
 
 #include <gtest/gtest.h>
 #include <time.h>
@@ -10,6 +9,7 @@
 
 #include "registry_files.h"
 #include "wex_chain.h"
+#include "wex_chain_list.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 

@@ -8,12 +8,12 @@
 #include <set>
 
 #include "chain_lock.h"
+#include "linked_name.h"
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_utils.h"
 
 using namespace registry;
 
@@ -45,11 +45,11 @@ DIR* __wrap_fdopendir(int fd) {
   return memory_is_short() ? nullptr : __real_fdopendir(fd);
 }
 
-int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
+int LINKED_NANOSLEEP(__real)(clockid_t clock, int flags, const timespec* time, timespec* left);
+int LINKED_NANOSLEEP(__wrap)(clockid_t clock, int flags, const timespec* time, timespec* left);
+int LINKED_NANOSLEEP(__wrap)(clockid_t clock, int flags, const timespec* time, timespec* left) {
   ++pauses;
-  return __real_clock_nanosleep(clock, flags, time, left);
+  return LINKED_NANOSLEEP(__real)(clock, flags, time, left);
 }
 
 void* __wrap_realloc(void* block, size_t size) {

@@ -13,6 +13,7 @@
 #include "chain_lock.h"
 #include "registry_files.h"
 #include "verify_chain.h"
+#include "wex_clock.h"
 #include "wex_limits.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"

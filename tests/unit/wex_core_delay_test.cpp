@@ -25,12 +25,22 @@
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core.h"
+#include "wex_core_delay.h"
+#include "wex_core_exit.h"
+#include "wex_core_files.h"
+#include "wex_core_netlink.h"
+#include "wex_core_place.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_stop.h"
+#include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
+#include "wex_core_upkeep.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
-#include "wex_signals.h"
+#include "wex_signals_reaper.h"
 #include "wex_utils.h"
 
 namespace {
@@ -126,7 +136,10 @@ class Delay : public RegistryWorld {
     return rec;
   }
 
-  static int32_t count(const wex_chains_t& chain) { return chain.count; }
+  static int32_t count(wex_chains_t& chain) {
+    const chain_lock hold(chain);
+    return chain.count;
+  }
 
   static int32_t present_pid(const wex_pid* rec) {
     chain_lock hold(wex_chains);
@@ -183,6 +196,7 @@ TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
   rec->crash_time = 900;
   snprintf(rec->script, sizeof rec->script, "script a");
   wex_handle_netlink_exit(pid, 139, 0);
+  EXPECT_EQ(pid, present_pid(rec)) << "the registered record stays under its old pid";
   chain_lock hold(wex_chains_delay);
   const wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid);
   ASSERT_NE(nullptr, copy);
@@ -197,7 +211,6 @@ TEST_F(Delay, ACopyHoldsWhatTheRestartNeedsAndNothingElse) {
   EXPECT_EQ(0, copy->crash_time);
   EXPECT_STREQ(kProgram, copy->process);
   EXPECT_STREQ("script a", copy->script);
-  EXPECT_EQ(pid, present_pid(rec)) << "the registered record stays under its old pid";
 }
 
 TEST_F(Delay, ASecondExitOfAWaitingPidMakesNoSecondCopy) {

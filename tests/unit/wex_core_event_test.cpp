@@ -13,8 +13,12 @@
 #include <utility>
 
 #include "parked_world.h"
+#include "waiting.h"
 #include "wex_core_filter.h"
-#include "wex_signals.h"
+#include "wex_core_netlink.h"
+#include "wex_core_process_event.h"
+#include "wex_core_upkeep.h"
+#include "wex_utils.h"
 
 using namespace parked;
 

@@ -1,11 +1,15 @@
 // The exit handler's decisions, on a registry that the test fills.
+#include "wex_core_exit.h"
 #include "failing_calls.h"
 #include "leak_gate.h"
 #include "parked_world.h"
 #include "registry_files.h"
-#include "wex_core.h"
+#include "text_buffer.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
-#include "wex_signals.h"
+#include "wex_signals_reaper.h"
+#include "wex_utils.h"
 
 using namespace parked;
 

@@ -1,5 +1,6 @@
 // Which process events reach the monitor's queue: the filter on a socket of the real kernel.
 #include "wex_core_filter.h"
+#include "wex_core_process_event.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -7,8 +8,6 @@
 
 #include <array>
 #include <cstring>
-
-#include "wex_core_netlink.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 // The exit monitor's reading of bytes: what it sends, what it makes of what it gets, and its configuration.
 #include "wex_core_netlink.h"
+#include "wex_core_crash.h"
+#include "wex_core_process_event.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -94,9 +96,17 @@ TEST(Subscription, IsTheseFortyBytes) {
   uint8_t made[kSubscriptionSize];
   memset(made, 0xee, sizeof made);
   wex_build_subscription(0x01020304, made);
-  const uint8_t wanted[40] = {40, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1, 1, 0, 0, 0,
-                              1,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0};
-  EXPECT_EQ(bytes(wanted, wanted + 40), bytes(made, made + 40));
+  const struct {  // in host order, as the kernel reads them
+    uint32_t length;
+    uint16_t type, flags;
+    uint32_t sequence, port;
+    uint32_t index, value, number, acknowledged;
+    uint16_t content_length, content_flags;
+    uint32_t operation;
+  } wanted = {40, 3, 0, 0, 0x01020304, 1, 1, 0, 0, 4, 0, 1};
+  ASSERT_EQ(40u, sizeof wanted);
+  const auto* const first = reinterpret_cast<const uint8_t*>(&wanted);
+  EXPECT_EQ(bytes(first, first + 40), bytes(made, made + 40));
 }
 
 TEST(Datagram, AnExitCarriesPidGroupAndCode) {

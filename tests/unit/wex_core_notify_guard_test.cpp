@@ -1,8 +1,18 @@
 // What keeps the watchdog from aborting the wrong process: threads that are gone or are somebody else's, the
 // operator's brakes, a table that is not whole.
+#include "unique_fd.h"
 #include "watchdog_world.h"
+#include "wex_utils.h"
 
 using namespace watchdog;
+
+namespace {
+// write_file would give the file a mode, which the kernel refuses here.
+void set_kernel(const char* path, int32_t number) {
+  unique_fd file(open(path, O_WRONLY | O_CLOEXEC));
+  EXPECT_LT(0, dprintf(file.get(), "%d", number)) << path << ": " << strerror(errno);
+}
+}  // namespace
 
 // ---- Threads that are no more, or no more themselves -----------------------------------------------------
 
@@ -66,7 +76,7 @@ TEST_F(Watchdog, AThreadIdThatAnotherProcessHasNowIsRemovedBeforeItIsCounted) {
     former->end();
     std::unique_ptr<service> stranger;
     for (int tries = 0; tries < 200 && (stranger == nullptr || stranger->pid() != reused); ++tries) {
-      write_file("/proc/sys/kernel/ns_last_pid", std::to_string(reused - 1));
+      set_kernel("/proc/sys/kernel/ns_last_pid", reused - 1);
       stranger = std::make_unique<service>(1);
     }
     ASSERT_EQ(reused, stranger->pid()) << "others take every pid";
@@ -288,11 +298,11 @@ TEST_F(Watchdog, TheLastIdOfTheTableReportsThroughItAndTheNextByMessage) {
     in_child([] {
       ASSERT_EQ(0, mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
       ASSERT_EQ(0, mount("proc", "/proc", "proc", 0, nullptr));
-      write_file("/proc/sys/kernel/pid_max", "400000");
+      set_kernel("/proc/sys/kernel/pid_max", 400000);
       // Downwards: under user-mode emulation each process takes one id more for a thread of the emulator.
-      write_file("/proc/sys/kernel/ns_last_pid", "163839");
+      set_kernel("/proc/sys/kernel/ns_last_pid", 163839);
       service beyond(1);
-      write_file("/proc/sys/kernel/ns_last_pid", "163838");
+      set_kernel("/proc/sys/kernel/ns_last_pid", 163838);
       service last(1);
       ASSERT_EQ(163839, last.pid());
       ASSERT_EQ(163840, beyond.pid());

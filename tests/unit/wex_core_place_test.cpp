@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "unique_fd.h"
-#include "wex_core.h"
+#include "wex_core_place.h"
 #include "wex_paths.h"
 #include "wex_rpc.h"
 #include "wex_test.h"

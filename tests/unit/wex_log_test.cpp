@@ -256,13 +256,14 @@ TEST_F(RunningLog, AMessageThatIsSaidOnceIsNotRepeatedAtTheEndOfTheNewestFile) {
 
 // A thread at real-time priority must not wait for the disk of one that is not.
 TEST_F(RunningLog, OthersWriteWhileOneWaitsForTheDisk) {
+  static std::thread other;
   slow_disk = [] {
-    std::thread other([] { wex_running_log("second\n"); });
+    other = std::thread([] { wex_running_log("second\n"); });
     EXPECT_TRUE(eventually([] { return read_file(kRunningLog1).find(": second\n") != std::string::npos; },
                            milliseconds(20000)));
-    other.detach();  // an older kind would wait for this very thread
   };
   wex_running_log("first\n");
+  other.join();  // not before: an older kind would wait for this very thread
   EXPECT_LT(read_file(kRunningLog1).find(": first\n"), read_file(kRunningLog1).find(": second\n"));
 }
 

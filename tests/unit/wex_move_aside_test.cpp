@@ -5,7 +5,6 @@
 
 #include "unit_support.h"
 #include "wex_limits.h"
-#include "wex_utils.h"
 
 using namespace unit;
 

@@ -9,7 +9,7 @@
 #include "injection.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
-#include "wex_core.h"
+#include "wex_core_long_delay.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_sys_alive.h"

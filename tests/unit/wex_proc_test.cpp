@@ -1,6 +1,7 @@
 // Starting programs: words, domains, the search for detached programs, throttle and park, standard
 // descriptors, the fork-failure marker, priorities. Real forks; only the clock belongs to the test.
 #include "wex_proc.h"
+#include "linked_name.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,14 +27,16 @@
 #include "dir_walk.h"
 #include "failing_calls.h"
 #include "registry_files.h"
+#include "text_buffer.h"
 #include "wex_chain.h"
 #include "wex_child.h"
-#include "wex_core.h"
+#include "wex_clock.h"
+#include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
+#include "wex_proc_marker.h"
 #include "wex_test.h"
-#include "wex_utils.h"
 
 namespace {
 int32_t g_now = 1000;
@@ -66,9 +69,9 @@ extern "C" DIR* __wrap_fdopendir(int fd) {
   return __real_fdopendir(fd);
 }
 
-extern "C" int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left);
-extern "C" int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
-  return g_pauses_left_out ? 0 : __real_clock_nanosleep(clock, flags, time, left);
+extern "C" int LINKED_NANOSLEEP(__real)(clockid_t clock, int flags, const timespec* time, timespec* left);
+extern "C" int LINKED_NANOSLEEP(__wrap)(clockid_t clock, int flags, const timespec* time, timespec* left) {
+  return g_pauses_left_out ? 0 : LINKED_NANOSLEEP(__real)(clock, flags, time, left);
 }
 
 // At link level: the clock is the test's, and so is the device's system log.

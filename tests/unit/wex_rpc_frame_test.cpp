@@ -11,7 +11,9 @@
 #include "control_peer.h"
 #include "injection.h"
 #include "lingering_socket.h"
+#include "linked_name.h"
 #include "received_descriptors.h"
+#include "unique_fd.h"
 #include "wex_rpc.h"
 
 using namespace control;
@@ -99,18 +101,18 @@ std::atomic<int> g_send_calls{0};
 }  // namespace
 
 extern "C" {
-ssize_t __real_recvmsg(int sd, msghdr* how, int flags);
-ssize_t __wrap_recvmsg(int sd, msghdr* how, int flags) {
-  return g_recvmsg.now() ? -1 : __real_recvmsg(sd, how, flags);
+ssize_t LINKED_RECVMSG(__real)(int sd, msghdr* how, int flags);
+ssize_t LINKED_RECVMSG(__wrap)(int sd, msghdr* how, int flags) {
+  return g_recvmsg.now() ? -1 : LINKED_RECVMSG(__real)(sd, how, flags);
 }
 ssize_t __real_recv(int sd, void* bytes, size_t size, int flags);
 ssize_t __wrap_recv(int sd, void* bytes, size_t size, int flags) {
   return __real_recv(sd, bytes, size, g_peek_hides_size ? flags & ~MSG_TRUNC : flags);
 }
-int __real_ioctl(int fd, unsigned long request, void* argument);
-int __wrap_ioctl(int fd, unsigned long request, void* argument) {
+int LINKED_IOCTL(__real)(int fd, unsigned long request, void* argument);
+int LINKED_IOCTL(__wrap)(int fd, unsigned long request, void* argument) {
   ++g_ioctls;
-  return g_ioctl.now() ? -1 : __real_ioctl(fd, request, argument);
+  return g_ioctl.now() ? -1 : LINKED_IOCTL(__real)(fd, request, argument);
 }
 ssize_t __real_send(int sd, const void* bytes, size_t size, int flags);
 ssize_t __wrap_send(int sd, const void* bytes, size_t size, int flags) {

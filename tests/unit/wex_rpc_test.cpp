@@ -10,6 +10,7 @@
 
 #include "control_peer.h"
 #include "injection.h"
+#include "unique_fd.h"
 #include "wex_limits.h"
 
 using namespace control;

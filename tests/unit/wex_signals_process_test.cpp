@@ -3,6 +3,10 @@
 #include "wex_test.h"
 
 #include "parked_world.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_proc.h"
+#include "wex_signals_alarm.h"
+#include "wex_signals_reaper.h"
 
 using namespace parked;
 

@@ -1,7 +1,8 @@
 // The alarm: what happens at the end of a self-check wait, with a clock that the test sets.
-#include "wex_signals.h"
 
 #include "parked_world.h"
+#include "wex_proc.h"
+#include "wex_signals_alarm.h"
 
 using namespace parked;
 

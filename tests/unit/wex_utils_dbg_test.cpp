@@ -5,7 +5,9 @@
 
 #include "ras_comp_config.h"
 #include "unit_support.h"
+#include "wex_dbg.h"
 #include "wex_paths.h"
+#include "wex_utils_settings.h"
 
 #define WEX_MODULE "wex_utils_dbg_test"
 

@@ -14,8 +14,13 @@
 #include "dying_process.h"
 #include "failing_allocator.h"
 #include "file_lock.h"
+#include "safe_io.h"
+#include "text_buffer.h"
+#include "unique_fd.h"
 #include "unit_support.h"
+#include "waiting.h"
 #include "wex_chain_identity.h"
+#include "wex_clock.h"
 #include "wex_paths.h"
 
 using namespace unit;

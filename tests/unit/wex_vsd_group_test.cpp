@@ -4,6 +4,8 @@
 
 #include <sched.h>
 
+#include <algorithm>
+
 #include "domain_world.h"
 #include "failing_calls.h"
 #include "wex_limits.h"
@@ -447,7 +449,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
   {
     dir_walk dir(path_of(kMarkerDirFmt, 13).c_str());
     const dirent* entry = dir.next();
-    while (threads.count(entry->d_name) == 0) {
+    while (std::find(threads.begin(), threads.end(), entry->d_name) == threads.end()) {
       entry = dir.next();
     }
     first = entry->d_name;

@@ -125,7 +125,7 @@ TEST_F(Removal, EntryWhosePathIsLongerThan255CharactersFailsAlone) {
   ASSERT_EQ(255u, exact.size());
   const std::string too_long = "/tmp/tree/" + std::string(246, 'y');
   make_dirs(too_long);
-  write_file("/tmp/tree/inside/" + std::string(255, 'z'));
+  write_file("/tmp/tree/inside/" + std::string(255, 'z'), "");
   write_file("/tmp/tree/file", "");
   EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree("/tmp/tree"));
   EXPECT_EQ((std::vector<std::string>{"inside", std::string(246, 'y')}), list_dir("/tmp/tree"));
@@ -211,7 +211,7 @@ struct RemovalOfDomains : World {
       for (const int vsd : {13, 1}) {
         make_dirs(path_of(format, vsd));
       }
-      write_file(path_of(format, 13) + "/file");
+      write_file(path_of(format, 13) + "/file", "");
     }
   }
   static std::vector<std::string> left(int vsd) {
@@ -273,7 +273,8 @@ TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
   const std::string log = read_file(kRunningLog1);
   EXPECT_NE(std::string::npos, log.find(": Fail to remove /etc/vsd/13: ")) << log;
   EXPECT_EQ(log.size() - 1, log.find('\n')) << "one line: " << log;
-  EXPECT_EQ("", lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is in the way now";
+  EXPECT_EQ("", lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); }))
+      << "nothing is in the way now";
   EXPECT_EQ("", lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is there";
 }
 

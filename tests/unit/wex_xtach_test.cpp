@@ -10,6 +10,8 @@
 
 #include "control_peer.h"
 #include "failing_calls.h"
+#include "unique_fd.h"
+#include "wex_clock.h"
 #include "wex_utils.h"
 
 using namespace control;

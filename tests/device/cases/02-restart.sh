@@ -14,7 +14,7 @@ check "the exit was not announced" eventually 5 grep -q "HA-5-HA_SELF_CHECK: Tas
 check "the restart was not announced" eventually 5 grep -q "HA-5-HA_SELF_CHECK_INFO: Self-checking OK: 1 times and new id .*/$second" $LOG
 
 is "$(cat /proc/$second/oom_score_adj)" 0 "score of the restarted program for the low-memory killer"
-is "$(field $second SigBlk)" 00000000000000000000000000000000 "blocked signals of the restarted program"
+is "$(field $second SigBlk | tr -d 0)" "" "blocked signals of the restarted program"
 is "$(readlink /proc/$second/fd/0)" /dev/null "standard input of the restarted program"
 is "$(readlink /proc/$second/fd/1)" /dev/console "standard output of the restarted program"
 is "$(readlink /proc/$second/cwd)" / "working directory of the restarted program"
@@ -25,6 +25,6 @@ is "$foreign" 0 "descriptors of the daemon in the restarted program"
 kill -SEGV $second
 check "did not come back a second time" eventually 15 other_runs $second /usr/bin/service --tag one
 check "the core dump was not announced" eventually 5 grep -q "/$second receives event:008b" $LOG
-start_service /usr/bin/service --tag ends --exit 300 0
+start_service /usr/bin/service --tag ends --exit 3000 0
 check "an orderly end was not announced" eventually 10 grep -q "HA_RE_INIT: Job .* will be re-initialized" $LOG
 pass

@@ -1,0 +1,15 @@
+// close_on_exec: descriptors that no program we start is to have.
+#include "close_on_exec.h"
+
+#include <fcntl.h>
+
+int set_close_on_exec(int fd) {
+  if (fd < 0) {
+    return -1;
+  }
+  const int flags = fcntl(fd, F_GETFD);
+  if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
+    return 0;  // most are born so
+  }
+  return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
+}

@@ -1,0 +1,127 @@
+// guarded_file: opening and changing what others may have planted.
+//
+// Most of the daemon's directories are writable by everybody and not sticky, so neither the kernel's link
+// protection nor the file mode keeps a local user from putting a link or a FIFO where the daemon, as root, is
+// about to open a file. Everything of that kind goes through here.
+#include "guarded_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "close_on_exec.h"
+#include "safe_io.h"
+#include "trusted_path.h"
+#include "unique_fd.h"
+#include "wex_move_aside.h"
+
+namespace {
+
+// Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
+// may give any file a name in our directories.
+bool check_kind(int fd, int flags) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
+    return false;
+  }
+  if ((flags & (O_CREAT | O_TRUNC | O_APPEND)) != 0 && status.st_nlink > 1) {
+    errno = EMLINK;
+    return false;
+  }
+  return true;
+}
+
+bool wait_on_transfers(int fd) {
+  const int status = fcntl(fd, F_GETFL);
+  return status >= 0 && fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == 0;
+}
+
+unique_fd open_checked(const char* path, int flags, mode_t mode) {
+  // Nothing is truncated before we know that it is ours to truncate, and a FIFO must not stop us.
+  const int cautious = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+  unique_fd file = open_trusted(AT_FDCWD, path, cautious, mode);
+  if (!file.valid()) {
+    return file;
+  }
+  set_close_on_exec(file.get());
+  const bool usable = check_kind(file.get(), flags) && wait_on_transfers(file.get()) &&
+                      ((flags & O_TRUNC) == 0 || ftruncate(file.get(), 0) == 0);
+  if (!usable) {
+    file.reset();
+  }
+  return file;
+}
+
+// A log is begun anew and its history stays beside it: whoever writes to one must not wait for a copy.
+wex_parting parting_for(int flags) {
+  if ((flags & O_TRUNC) != 0) {
+    return wex_parting::unlinked;
+  }
+  return (flags & O_APPEND) != 0 ? wex_parting::moved : wex_parting::copied;
+}
+
+}  // namespace
+
+unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
+  unique_fd file = open_checked(path, flags, mode);
+  if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0) {
+    const bool parted = wex_part_names(path, parting_for(flags));  // the other name keeps the other file
+    errno = EMLINK;
+    file = parted ? open_checked(path, flags, mode) : unique_fd();
+  }
+  return file;
+}
+
+void wex_make_dir(const char* path, mode_t mode) {
+  char name[NAME_MAX + 1];
+  const unique_fd parent = open_trusted_parent(path, name);
+  if (!parent.valid()) {
+    return;
+  }
+  mkdirat(parent.get(), name, mode);
+  const unique_fd directory = open_trusted_dir(parent.get(), name);
+  if (directory.valid()) {
+    fchmod(directory.get(), mode);
+  }
+}
+
+int32_t wex_read_guarded(const char* path, char* buffer, size_t size) {
+  if (size == 0) {
+    return -1;
+  }
+  buffer[0] = '\0';
+  const unique_fd file = wex_open_file(path, O_RDONLY);
+  if (!file.valid()) {
+    return -1;
+  }
+  const int32_t got = safe_read(file.get(), buffer, size - 1);
+  buffer[got < 0 ? 0 : got] = '\0';
+  return got;
+}
+
+int wex_unlink(const char* path) {
+  char name[NAME_MAX + 1];
+  const unique_fd parent = open_trusted_parent(path, name);
+  return parent.valid() ? unlinkat(parent.get(), name, 0) : -1;
+}
+
+int wex_rename(const char* from, const char* to) {
+  char old_name[NAME_MAX + 1];
+  char new_name[NAME_MAX + 1];
+  const unique_fd old_parent = open_trusted_parent(from, old_name);
+  const unique_fd new_parent = open_trusted_parent(to, new_name);
+  const bool both = old_parent.valid() && new_parent.valid();
+  return both ? renameat(old_parent.get(), old_name, new_parent.get(), new_name) : -1;
+}
+
+int wex_chdir(const char* path) {
+  const unique_fd directory = open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  return directory.valid() ? fchdir(directory.get()) : -1;
+}

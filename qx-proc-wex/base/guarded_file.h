@@ -1,0 +1,28 @@
+// guarded_file: files and directories that others may have planted, found along trusted links only. Any
+// thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "unique_fd.h"
+
+// Opens a file that others may have planted: along trusted links only, never blocking, regular files only,
+// to create, truncate or append only those with a single name (else EMLINK; with O_CREAT the name is parted
+// from the others first, see wex_move_aside). Reading changes nothing. `flags` may hold O_CREAT, O_TRUNC,
+// O_APPEND, O_SYNC; close-on-exec is added. With O_CREAT the mode is narrowed by the umask. Invalid with
+// errno when refused; EBUSY for another name of a file on which this process holds a lock.
+unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
+
+// Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
+void wex_make_dir(const char* path, mode_t mode);
+
+// Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
+int32_t wex_read_guarded(const char* path, char* buffer, size_t size);
+
+// As unlink(), rename() and chdir(), the directory found along trusted links only.
+int wex_unlink(const char* path);
+int wex_rename(const char* from, const char* to);
+int wex_chdir(const char* path);

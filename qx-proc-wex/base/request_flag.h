@@ -1,0 +1,17 @@
+// request_flag: raised by one thread or signal handler, taken by another, each request at most once.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+// A whole word, not a bool: some processors (RISC-V) cannot exchange a single byte, and the compiler then
+// calls a library that is not shipped and takes locks, which a signal handler must not do.
+class request_flag {
+ public:
+  void raise() noexcept { word_.store(1); }
+  // True when it was raised since the last time.
+  bool take() noexcept { return word_.exchange(0) != 0; }
+
+ private:
+  std::atomic<int32_t> word_{0};
+};

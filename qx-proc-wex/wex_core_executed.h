@@ -1,0 +1,9 @@
+// wex_core_executed: third-part programs that are executed, or found running. Monitor only.
+#pragma once
+
+#include <cstdint>
+
+// Registers `pid` when it runs a third-part program of which no other process is registered. The other does
+// so for every process that is not supervised yet. With no chain held.
+void wex_register_executed(int32_t pid);
+void wex_register_running();

@@ -1,0 +1,153 @@
+// wex_core_upkeep: the delay thread, which looks after what no event tells of.
+//
+// It hands on the restarts that waited, writes what other threads noted for the running log, and looks once a
+// minute for registered processes that vanished without an exit event: the kernel may drop events when memory
+// is short or the socket full, and says so at most once. As often it compares the database files with the
+// registry, and looks whether the daemon still has its socket, its lock file and its directory.
+#define WEX_MODULE "wex_core"
+#include "wex_core_upkeep.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include "chain_lock.h"
+#include "wex_chain.h"
+#include "wex_chain_identity.h"
+#include "wex_clock.h"
+#include "wex_core.h"
+#include "wex_core_crash.h"
+#include "wex_core_delay.h"
+#include "wex_core_exit.h"
+#include "wex_core_files.h"
+#include "wex_core_filter.h"
+#include "wex_core_long_delay.h"
+#include "wex_core_netlink.h"
+#include "wex_core_place.h"
+#include "wex_core_stop.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_takedown.h"
+#include "wex_core_third_part.h"
+#include "wex_dbg.h"
+#include "wex_limits.h"
+#include "wex_utils.h"
+
+std::atomic<bool> wex_delay_ended{false};
+
+namespace {
+
+// True when a vanished process of this record would mean a lost exit.
+bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  return rec->exit_seen == 0 && rec->is_thread == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
+         !__wex_waits_for_restart(rec->pid);
+}
+
+struct lost_exit {
+  int32_t pid;
+  uint64_t start_time;
+};
+
+void count_crash(int32_t pid) {
+  {
+    chain_lock hold(wex_chains);
+    if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+      __wex_note_crash(rec);
+    }
+  }
+  wex_judge_crashes();
+}
+
+// A child's status is known from the reaper. For all else 0 stands for a cause that nobody knows.
+void hand_over(const lost_exit& lost) {
+  wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
+  if (wex_drop_taken_down(lost.pid)) {
+    return;
+  }
+  const uint32_t status = wex_status_of_ended(lost.pid, lost.start_time);
+  if (WCOREDUMP(status)) {
+    count_crash(lost.pid);
+  }
+  wex_handle_netlink_exit(lost.pid, status, 0);
+}
+
+enum class verdict { present, suspected, lost };
+
+// An exit counts as lost only when the process has been gone for a while and the monitor has read everything
+// that the kernel reported until then: the real event, with the real exit code, must always come first.
+verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)) {
+  if (!expects_exit(rec)) {
+    return verdict::present;
+  }
+  const presence seen = wex_judge_presence(wex_look_at(rec->pid), rec->start_time);
+  if (seen != presence::absent) {
+    rec->gone_since = 0;
+    return seen == presence::present ? verdict::present : verdict::suspected;
+  }
+  if (rec->gone_since == 0) {
+    rec->gone_since = now != 0 ? now : 1;
+  }
+  const bool confirmed = static_cast<int64_t>(now) - rec->gone_since >= kSweepConfirmSec &&
+                         wex_monitor_read_until.load(std::memory_order_acquire) - 1 > rec->gone_since;
+  return confirmed ? verdict::lost : verdict::suspected;
+}
+
+}  // namespace
+
+void wex_sweep_lost_exits() {
+  lost_exit lost[kLostAtOnce];
+  int count = 0;
+  {
+    const int32_t now = wex_clock_now();
+    chain_lock hold(wex_chains);
+    bool any_thread = false;
+    record_walk walk(wex_chains);
+    while (wex_pid* const rec = walk.next()) {
+      any_thread = any_thread || (rec->is_thread != 0 && wex_record_lives(rec));
+      const verdict found = judge(rec, now);
+      if (found == verdict::lost && count < kLostAtOnce) {
+        lost[count++] = {rec->pid, rec->start_time};
+      } else if (found != verdict::present) {
+        wex_request_sweep();
+      }
+    }
+    wex_pass_thread_ends(thread_ends_for::registrations, any_thread);
+  }
+  for (int i = 0; i < count; ++i) {
+    hand_over(lost[i]);
+  }
+}
+
+extern "C" void* wex_delay_restart(void* /*unused*/) {
+  pthread_detach(pthread_self());
+  prctl(PR_SET_NAME, "wex_delay_restart");
+  int32_t last_sweep = wex_clock_now();
+  int32_t last_look = last_sweep;
+  int32_t last_files = last_sweep;
+  while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_drop_domains_taken_down();
+    ready_restart ready = {};
+    if (wex_take_ready_restart(&ready)) {
+      wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,
+              ready.force_restart);
+      wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
+    }
+    wex_tell_long_delays();
+    wex_tell_take_downs();
+    const int32_t now = wex_clock_now();
+    if (static_cast<int64_t>(now) - last_files >= kSweepEverySec) {
+      last_files = now;
+      wex_look_at_files();
+    }
+    if (wex_take_sweep_request() || static_cast<int64_t>(now) - last_sweep >= kSweepEverySec) {
+      last_sweep = now;
+      wex_sweep_lost_exits();
+    }
+    if (static_cast<int64_t>(now) - last_look >= kPlacesEverySec) {
+      last_look = now;
+      wex_check_places();
+    }
+    wex_wait_exit(kDelayPassMs);
+  }
+  wex_delay_ended.store(true, std::memory_order_release);
+  return nullptr;
+}

@@ -1,0 +1,11 @@
+// wex_core_upkeep: what the delay thread looks after.
+#pragma once
+
+#include <atomic>
+
+// Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
+// Delay thread only; others ask for it.
+void wex_sweep_lost_exits();
+
+// The delay thread has left its loop and touches nothing any more.
+extern std::atomic<bool> wex_delay_ended;

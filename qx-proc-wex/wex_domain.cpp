@@ -1,0 +1,69 @@
+// wex_domain: what domain n is: its group, its directories with their variables and who makes and removes
+// them, its flag files, its take-down marker.
+#include "wex_domain.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "guarded_file.h"
+#include "text_buffer.h"
+
+namespace {
+
+// What the daemon makes at its start, and a domain that is created earlier needs. Only what is missing: the
+// directories of the system keep their modes.
+void make_parents(const char* path) {
+  char parent[kPathSize];
+  struct stat facts;
+  for (const char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
+    wex_format(parent, sizeof parent, "%.*s", static_cast<int>(slash - path), path);
+    if (stat(parent, &facts) != 0) {
+      wex_make_dir(parent, kOpenDirMode);
+    }
+  }
+}
+
+}  // namespace
+
+bool wex_has_second_disk() {
+  return access(kData2Dir, F_OK) == 0;
+}
+
+void wex_make_domain_dirs(int32_t vsd, unsigned maker) {
+  const bool create = maker == WEX_MADE_BY_CREATE;
+  const bool second_disk = create && wex_has_second_disk();
+  for (const domain_dir& dir : kDomainDirs) {
+    if ((dir.made & maker) == 0 || (dir.second_disk && !second_disk)) {
+      continue;
+    }
+    char path[kPathSize];
+    wex_format(path, sizeof path, dir.format, vsd);
+    if (create) {
+      make_parents(path);
+    }
+    wex_make_dir(path, kOpenDirMode);
+    if (dir.variable != nullptr) {
+      setenv(dir.variable, path, 1);
+    }
+  }
+}
+
+int wex_enter_run_dir(int32_t vsd) {
+  char path[kPathSize];
+  wex_format(path, sizeof path, kRunDomainFmt, vsd);
+  return wex_chdir(path);
+}
+
+bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode) {
+  char path[kPathSize];
+  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  return wex_open_file(path, O_RDWR | O_CREAT, mode).valid();
+}
+
+void wex_take_down_marker(int32_t vsd, char (&path)[kPathSize]) {
+  wex_format(path, sizeof path, kTakeDownFmt, vsd);
+}

@@ -1,0 +1,39 @@
+// wex_signals_reaper: takes the statuses of children that have ended.
+#include "wex_signals_reaper.h"
+
+#include <sys/wait.h>
+
+#include <cerrno>
+
+#include "wex_core_spawn_guard.h"
+#include "wex_core_third_part.h"
+#include "wex_utils.h"
+
+namespace {
+
+// Reaps one child that has ended. As waitpid() for any child without blocking.
+pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
+  // Looked at first: as a zombie it still tells when it started, which with its pid says who it was.
+  siginfo_t next = {};
+  const bool told = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
+  const uint64_t start_time = told ? wex_look_at(next.si_pid).start_time : 0;
+  errno = 0;  // an older ECHILD would end the caller's loop with zombies left
+  int status = 0;
+  const pid_t child = waitpid(told ? next.si_pid : -1, &status, WNOHANG);
+  if (child > 0) {
+    wex_note_child_end(child, start_time, status);
+  }
+  return child;
+}
+
+}  // namespace
+
+void wex_chld_handler(int /*signal*/) {
+  const int cause = errno;
+  const spawn_guard not_while_spawning;
+  pid_t child;
+  do {
+    child = reap_one();
+  } while (child != 0 && errno != ECHILD);
+  errno = cause;
+}

@@ -1,0 +1,7 @@
+// wex_utils_settings: what files of the operator's decide. The levels' file is declared in wex.h.
+#pragma once
+
+#include <cstdint>
+
+// The self-check wait in seconds: the positive number in "/debug_time", else 300. Any thread.
+extern "C" int32_t debug_time(void);

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# The demo tells its story on one screen, with what really happened in every act. Arguments: wex, the examples' directory.
+set -u
+. "$(dirname "$0")/lib.sh"
+story=$work/story
+timeout 120 "$root/tools/sandbox" --leak-check -- "$root/tools/demo" "$1" "$2" > "$story" 2> "$work/errors" < /dev/null ||
+  complain "the demo ends with status $?: $(cat "$story" "$work/errors")"
+[ ! -s "$work/errors" ] || complain "the demo complains: $(cat "$work/errors")"
+[ "$(wc -l < "$story")" -le 24 ] || complain "more than 24 lines: $(wc -l < "$story")"
+complain_each "wider than 100 columns:" < <(grep -E '.{101}' "$story")
+complain_each "a diagnostic line in the story:" < <(grep -E '^ +(console|messages|running) +\|' "$story")
+
+# told PATTERN: what the pattern's one group matched, in the one line where it does.
+told() {
+  local found
+  found=$(sed -nE "s#.*$1.*#\\1#p" "$story")
+  [ "$(grep -c . <<< "$found")" = 1 ] || complain "the story does not say once: $1 (but: $found)"
+  printf '%s' "$found"
+}
+pid='([0-9]+)'
+wex=$(told "^1\. wex, .*: pid $pid, [0-9]+ threads\$")
+clock=$(told "^2\. .*clock, pid $pid,")
+worker=$(told "^2\. .*worker, pid $pid\$")
+[ "$(told '^ .*locked while its process lives: (.*)')" = "/tmp/vsd/0/wex/db/clock.$clock" ] || complain "another registration than clock's"
+second=$(told "^3\. clock, pid $clock, is killed .* comes back at once, as pid $pid\$")
+told "Task: clock/$clock receives event:(0009)" > /dev/null
+[ "$(told "new id clock/$pid\.")" = "$second" ] || complain "the log tells of another clock than act 3"
+told '^4\. (fragile) ' > /dev/null
+lives=$(told '^ .*its lives were the pids ([0-9 ]+)$')
+[ "$(wc -w <<< "$lives")" = 5 ] && [ "$(tr ' ' '\n' <<< "$lives" | sort -u | wc -l)" = 5 ] || complain "fragile's lives are not five: $lives"
+[ "$(told "Task: fragile/$pid receives event")" = "${lives##* }" ] || complain "the log tells of another last life than $lives"
+told '(Task: fragile had checked more than 5 times)' > /dev/null
+[ "$(told "^5\. worker, pid $pid, is stopped")" = "$worker" ] || complain "another worker in act 5"
+registered=$(told '^ .*what is registered now: (.*)')
+[[ " $registered" == *" clock.$second"* && $registered != *worker* ]] || complain "act 5 shows the registrations $registered"
+[ "$(told "^6\. wex itself, pid $pid, is killed")" = "$wex" ] || complain "another wex in act 6"
+again=$(told "^6\. .* it is pid $pid now\$")
+[ "$(told "^ .*clock went on meanwhile as pid $pid;")" = "$second" ] || complain "another clock in act 6"
+third=$(told "^ .*the new wex starts it as pid $pid\$")
+[ "$(told "^7\. wex, pid $pid, is stopped with SIGINT")" = "$again" ] || complain "another wex in act 7"
+[ "$(told "clock still runs as pid $pid\$")" = "$third" ] || complain "another clock in act 7"
+[ "$(printf '%s\n' "$wex" "$clock" "$worker" "$second" "$again" "$third" | sort -u | wc -l)" = 6 ] || complain "pids are told twice"
+sed -n '/^What to try next:$/,$p' "$story" | grep -q '\./dev demo --shell' || complain "the story does not end with what to try next"
+[ $failures -eq 0 ] || cat "$story"
+finish

@@ -1,0 +1,1 @@
+# Included after the names are set, as OpenWrt does; nothing of it is needed here.

@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# Inside the sandbox: the lives of the packages in a copy of a bare root. Arguments: that root, the directory of the build.
+set -u
+bare=$1 into=$2
+[ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through life_test.sh" >&2; exit 1; }
+work=/tmp/life root=/tmp/life/root
+mkdir -p $work/upper $work/work $work/lists $root
+
+fail() {
+  printf 'FAIL: %s\n' "$*"
+  [ -e $work/dpkg.log ] && tail -n 20 $work/dpkg.log
+  echo "asked of policy-rc.d: $(cat $root/policy-asked)"
+  inside /etc/init.d/wex stop > /dev/null 2>&1
+  [ -n "${clock-}" ] && kill -KILL "$clock" 2> /dev/null
+  exit 1
+}
+inside() { chroot $root env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
+within() {                                         # SECONDS COMMAND...
+  local end=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ "$SECONDS" -ge "$end" ] && return 1
+    sleep 0.05
+  done
+}
+pid_of() {                                         # of the process in the root that runs this program
+  local dir
+  for dir in /proc/[0-9]*; do
+    [ "$dir/root" -ef $root ] && [ "$dir/exe" -ef "$root$1" ] && { printf '%s' "${dir#/proc/}"; return 0; }
+  done 2> /dev/null
+  return 1
+}
+gone() { ! pid_of "$1" > /dev/null; }
+packages() { inside dpkg "$@" < /dev/null > $work/dpkg.log 2>&1 || fail "dpkg $*"; }
+
+# Every name with kind, mode, owner and goal, and what is in /etc; but for the books that dpkg and ldconfig keep.
+list() {
+  (cd $root && find . -xdev -path ./proc -prune -o -path ./dev -prune -o -path ./var/lib/dpkg -prune -o -path ./packages -prune -o \
+    ! -path './var/log/*.log' ! -path ./var/cache/ldconfig/aux-cache ! -path ./policy-asked -printf '%y %m %U:%G %p %l\n' &&
+    find etc -xdev -type f ! -name ld.so.cache -exec md5sum {} + && ls dev/shm) | sort > "$work/lists/$1"
+}
+same_as_before() {
+  list after
+  cmp -s $work/lists/before $work/lists/after ||
+    fail "$1 leaves (>) or takes (<): $(diff $work/lists/before $work/lists/after | grep '^[<>]' | head -n 20)"
+}
+version() { inside dpkg-query -W -f '${Version}' "$1"; }
+
+mount -t overlay -o "lowerdir=$bare,upperdir=$work/upper,workdir=$work/work" wex-life $root || fail "no copy of the bare root"
+mount -t proc proc $root/proc
+mount --rbind /dev $root/dev
+mkdir $root/packages
+cp -r "$into/packages/release" $root/packages/new
+rm -f $root/packages/new/*-dbgsym_*
+cp -r "$into/lower" $root/packages/lower
+# Notes what maintainer scripts ask for; only stopping is allowed.
+printf '#!/bin/sh\necho "$*" >> /policy-asked\n[ "$2" = stop ] && exit 104\nexit 101\n' > $root/usr/sbin/policy-rc.d
+chmod 0755 $root/usr/sbin/policy-rc.d
+names='wex libwex1 libwex-dev'
+new=$(cd $root && echo packages/new/*.deb | sed 's| *packages| /packages|g')
+lower=$(cd $root && echo packages/lower/*.deb | sed 's| *packages| /packages|g')
+touch $root/policy-asked
+list before
+
+# ---- Unused ------------------------------------------------------------------------------------------------
+
+# The bare root has no compiler and no libc6-dev, which libwex-dev wants.
+# shellcheck disable=SC2086
+packages --force-depends --install $lower
+[ "$(version wex)" = 0.0.1 ] || fail "the lower version is not installed"
+gone /usr/sbin/wex || fail "installing started wex"
+[ -z "$(find $root/etc/rc?.d -name 'S*wex')" ] && [ -n "$(find $root/etc/rc?.d -name 'K*wex')" ] ||
+  fail "the start script is not registered, or enabled: $(find $root/etc/rc?.d -name '*wex')"
+echo 'export SETTING=kept' >> $root/etc/default/wex
+# shellcheck disable=SC2086
+packages --force-depends --install $new
+for name in $names; do
+  [ "$(version $name)" != 0.0.1 ] || fail "$name was not upgraded"
+done
+grep -q '^export SETTING=kept$' $root/etc/default/wex || fail "the upgrade changed the settings"
+! grep -q 'of a lower version' $root/etc/init.d/wex || fail "the upgrade kept the old start script"
+gone /usr/sbin/wex || fail "the upgrade started wex"
+
+packages --remove $names
+list removed
+left=$(comm -13 $work/lists/before $work/lists/removed | sed -n 's/^[fl] [0-9]* [0-9:]* \.\([^ ]*\).*/\1/p' | grep -v -e '^/etc/rc.\.d/K..wex$' -e '^/var/lib/systemd/deb-systemd-helper' | sort | tr '\n' ' ')
+[ "$left" = '/etc/default/wex /etc/init.d/wex ' ] || fail "removed, what is left is not the configuration, but: $left"
+packages --purge $names
+same_as_before "a life without use"
+! grep -v ' stop' $root/policy-asked || fail "a maintainer script asked for more than stopping"
+
+# ---- Used --------------------------------------------------------------------------------------------------
+
+# shellcheck disable=SC2086
+packages --force-depends --install $new
+cp "$into/package-release/source/obj/examples/clock" $root/usr/bin/clock
+answers() { [ -S $root/tmp/wex/.wex ] && daemon=$(pid_of /usr/sbin/wex); }
+registered() { clock=$(pid_of /usr/bin/clock) && [ -e "$root/tmp/vsd/0/wex/db/clock.$clock" ]; }
+inside /etc/init.d/wex start
+within 20 answers || fail "the installed wex does not start"
+(cd / && inside setsid /usr/bin/clock < /dev/null > /dev/null 2>&1) &
+disown $!
+within 20 registered || fail "a service did not register"
+# shellcheck disable=SC2086
+packages --force-depends --install $new
+[ "$(pid_of /usr/sbin/wex)" = "$daemon" ] || [ -d "/proc/$daemon" ] || fail "installing once more stopped the running wex"
+packages --purge wex
+ended() { [ ! -d "/proc/$1" ] || grep -q '^State:.*Z' "/proc/$1/status"; }      # whoever reaps it takes its time
+ended "$daemon" || fail "a purge leaves wex running"
+[ -d "/proc/$clock" ] || fail "a purge ended a service"
+kill -KILL "$clock"
+within 10 gone /usr/bin/clock
+clock=''
+rm $root/usr/bin/clock
+packages --purge libwex-dev libwex1
+same_as_before "a life with use"
+umount --lazy $root/dev $root/proc $root
+echo "all well"

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Inside the sandbox: makes the bare root's copy usable and runs a newcomer's commands in it. Arguments: build/bare, steps of newcomer_test.sh.
+set -u
+bare=$1
+[ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through newcomer_test.sh" >&2; exit 1; }
+root=$bare/run/root
+fail() { printf 'FAIL: %s\n' "$*"; exit 1; }
+
+mount -t overlay -o "lowerdir=$bare/root,upperdir=$bare/run/upper,workdir=$bare/run/work" wex-newcomer "$root" || fail "no copy of the bare root"
+mkdir -p "$root/root/wex" "$root/var/cache/apt/archives"
+mount -t proc proc "$root/proc"
+mount --rbind /dev "$root/dev"
+mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+mount --bind "$bare/archives" "$root/var/cache/apt/archives"
+cp /etc/resolv.conf "$root/etc/resolv.conf"
+rm -f "$root/etc/apt/apt.conf.d/docker-clean"
+printf 'APT::Keep-Downloaded-Packages "true";\nAcquire::Check-Valid-Until "false";\nAcquire::Check-Date "false";\nAPT::Sandbox::User "root";\n' > "$root/etc/apt/apt.conf.d/90newcomer"
+cp -a "$bare/run/checkout/." "$root/root/wex/"
+chown -R 0:0 "$root/root/wex"
+
+# try WHAT COMMAND...: in the checkout, as on a new machine: nothing of this one's settings.
+try() {
+  local what=$1 start=$SECONDS
+  shift
+  nice chroot "$root" env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+    sh -c 'cd /root/wex && exec "$@"' - "$@" < /dev/null > "$bare/newcomer.log" 2>&1 ||
+    { tail -n 40 "$bare/newcomer.log"; fail "$what, with nothing but what a bare Debian has and ./dev has installed"; }
+  printf '%s: %d s\n' "$what" $((SECONDS - start))
+}
+present() { compgen -G "$root/root/wex/$1" > /dev/null || fail "$2 left no $1"; }
+
+for program in file make g++ cmake curl; do
+  [ -z "$(chroot "$root" /bin/sh -c "command -v $program")" ] || fail "the bare root has $program: it would hide that a step lacks it"
+done
+# A step that needs less stands before those that install more, which would hide what it lacks.
+case " ${*:2} " in *' demo '* | '  ')
+  try 'the demo' ./dev demo ;;
+esac
+case " ${*:2} " in *' package '* | '  ')
+  try 'the packages' ./dev package release
+  present 'build/packages/release/wex_*.deb' './dev package' ;;
+esac
+case " ${*:2} " in *' test '* | '  ')
+  try 'the set-up' ./dev setup
+  try 'the build' ./dev build
+  present build/release/wex './dev build'
+  # Those that start no daemon and make no sandbox of their own.
+  try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.kernel)$' ;;
+esac
+case " ${*:2} " in *' device '* | '  ')
+  try 'the packages of the device' ./dev package mipsel
+  present 'build/packages/mipsel/wex_*_mipsel.deb' 'the packages of the device'
+  try 'a boot of the emulated device' ./dev device 01-start ;;
+esac
+umount --lazy "$root/var/cache/apt/archives" "$root/dev" "$root/proc" "$root/tmp" "$root"
+echo "all well"

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# The commands of README.md on a bare Debian 12, which has git and nothing else that is wanted: set-up, build, package, one
+# boot of the emulated device. Everything happens in tools/sandbox, in a copy of build/bare/root; the copy is thrown away.
+# What was downloaded is kept in build/bare/archives.
+#
+# Arguments: which of demo, package, test and device; without any, all of them.
+#
+# Left out is what ./dev test runs after its set-up and build: those cases run here anyway, in this very test run.
+set -eu
+here=$(cd "$(dirname "$0")" && pwd)
+root=${here%/tests/package}
+. "$here/bare.sh"
+bare=$(bare_root "$root")
+run=$root/build/bare/run
+mkdir -p "$root/build/bare/archives/partial"
+rm -rf "$run"
+mkdir -p "$run/upper" "$run/work" "$run/root"
+# What is committed, and what is about to be.
+git -c safe.directory='*' clone -q --no-hardlinks "$root" "$run/checkout"
+(cd "$root" && git -c safe.directory='*' ls-files -z -m -o --exclude-standard | xargs -0 -r cp --parents -P -t "$run/checkout" 2> /dev/null) || true
+cd "$root/build/bare"
+status=0
+"$root/tools/sandbox" --leak-check --bind "$root/build/bare" -- bash "$here/newcomer_inside.sh" "$root/build/bare" "$@" || status=$?
+rm -rf "$run"
+exit $status

@@ -1,0 +1,107 @@
+// The faces of the library for other languages, and the client that needs none: each registers, is killed and
+// comes back, is watched, and goes for good on SIGTERM.
+#include "wex.h"
+#include "wex_sys_alive.h"
+#include "wexrun_support.h"
+
+using namespace wexrun_test;
+
+namespace {
+
+struct Languages : WexWorld {
+  void SetUp() override {
+    WexWorld::SetUp();
+    own = processes_inside();
+    ASSERT_TRUE(daemon.start({}, kLibrary));
+  }
+  void TearDown() override {
+    daemon.stop();
+    end_all_but(own);
+    WexWorld::TearDown();
+  }
+  // The whole life of a service that registers itself as `program`.
+  void live(const words& command, const std::string& program, size_t threads);
+
+  const words kLibrary = {"LD_LIBRARY_PATH=" WEX_BUILD_DIR};
+  std::set<pid_t> own;
+  Daemon daemon;
+};
+
+size_t watched_threads() {
+  const std::string bytes = read_file(kAliveTableFile);
+  size_t count = 0;
+  for (size_t tid = 1; tid < WEX_ALIVE_TIDS && bytes.size() > WEX_ALIVE_SEQ_OFFSET; ++tid) {
+    count += (static_cast<uint8_t>(bytes[WEX_ALIVE_BITMAP_OFFSET + tid / 8]) >> (tid % 8)) & 1U;
+  }
+  return count;
+}
+
+// The pid in the name of the one database file; 0 unless there is one.
+pid_t registered_pid(pid_t not_this) {
+  pid_t pid = 0;
+  eventually(
+      [&] {
+        const words files = db_files();
+        pid = files.size() == 1 ? std::stoi(files[0].substr(files[0].rfind('.') + 1)) : 0;
+        return pid != 0 && pid != not_this;
+      },
+      30s);
+  return pid == not_this ? 0 : pid;
+}
+
+void Languages::live(const words& command, const std::string& program, size_t threads) {
+  Process service;
+  ASSERT_TRUE(service.start(command, kLibrary));
+  ASSERT_EQ(service.pid(), registered_pid(0)) << read_console();
+  EXPECT_EQ(words{program + "." + text(service.pid())}, db_files());
+  ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();
+  kill_and_reap(&service);
+  const pid_t next = registered_pid(service.pid());
+  ASSERT_GT(next, 0) << read_console();
+  ASSERT_TRUE(eventually([&] { return watched_threads() == threads; }, 30s)) << read_console();
+  send_signal(next, SIGTERM);
+  EXPECT_TRUE(eventually([&] { return db_files().empty() && !is_alive(next); }, 30s)) << read_console();
+  EXPECT_TRUE(never([] { return !db_files().empty(); }, 1s)) << read_console();
+}
+
+// The sample of a document that holds this line.
+std::string sample(const std::string& page, const std::string& kind, const std::string& line) {
+  const std::string whole = read_file(page);
+  for (size_t at = 0; (at = whole.find("```" + kind + "\n", at)) != std::string::npos;) {
+    const size_t begin = at + kind.size() + 4;
+    const size_t end = whole.find("\n```", begin);
+    const std::string found = whole.substr(begin, end + 1 - begin);
+    if (found.find(line) != std::string::npos) {
+      return found;
+    }
+    at = end;
+  }
+  return "";
+}
+
+std::string python_name() {
+  char path[256] = "";
+  const ssize_t length = readlink("/usr/bin/python3", path, sizeof path - 1);
+  return length > 0 ? path : "python3";
+}
+
+}  // namespace
+
+TEST_F(Languages, TheServiceInCppIsRegisteredWhileItsObjectsLive) {
+  live({WEX_BUILD_DIR "/examples/guarded"}, "guarded", 2);
+}
+
+#ifndef WEX_SANITIZED  // the interpreter would have to load the sanitizer before the library
+TEST_F(Languages, TheServiceInPythonIsRegisteredInItsBlock) {
+  live({"/usr/bin/python3", WEX_SOURCE_DIR "/examples/service.py"}, python_name(), 1);
+}
+#endif
+
+TEST_F(Languages, TheClientOfTheDocumentNeedsNoLibrary) {
+  const std::string client = sample(WEX_SOURCE_DIR "/docs/wire.md", "python", "/usr/sbin/pyservice");
+  ASSERT_NE("", client);
+  EXPECT_GE(50U, lines_of(client).size()) << "it says fifty lines";
+  write_file("/usr/sbin/pyservice", client, 0755);
+  live({"/usr/bin/python3", "/usr/sbin/pyservice"}, python_name(), 1);
+  unlink("/usr/sbin/pyservice");
+}

@@ -1,0 +1,189 @@
+// wexrun with the real daemon: a program that knows nothing of wex dies and comes back, registered anew.
+#include "wexrun_support.h"
+
+using namespace wexrun_test;
+
+namespace {
+
+struct Wexrun : WexWorld {
+  void SetUp() override {
+    WexWorld::SetUp();
+    for (const char* file : {"/tmp/ready", "/tmp/said", "/tmp/once"}) {
+      unlink(file);
+    }
+  }
+};
+
+words program(const words& options) {
+  return actor_words(options);
+}
+
+// What it says on its standard error goes to a file.
+words said(const words& command, const std::string& file) {
+  return {"sh", "-c", "exec " + joined(command) + " 2> " + file};
+}
+
+// Started, and acted on by the daemon: the program that wexrun became is there.
+void start(Process* service, const words& command, const words& options) {
+  ASSERT_TRUE(service->start(command));
+  ASSERT_EQ(service->pid(), wait_for_actor(options)) << read_console();
+}
+
+}  // namespace
+
+TEST_F(Wexrun, AKilledProgramComesBackWithTheSameCommandLineAndRegisteredAnew) {
+  const words options = {"--tag=a", "--hold"};
+  const words command = wexrun({"--delay=0"}, program(options));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, command, options));
+  pid_t pid = service.pid();
+  EXPECT_EQ(text(pid) + "\n2\n" + joined(command), read_file(std::string(kDbDir) + "/wexrun." + text(pid)));
+  for (int life = 1; life <= 3; ++life) {
+    EXPECT_EQ(pid, lock_holder(pid)) << "life " << life;
+    EXPECT_TRUE(only_registered(pid)) << "life " << life;
+    send_signal(pid, SIGKILL);
+    const pid_t next = wait_for_actor(options, pid);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_TRUE(eventually([&] { return only_registered(next); }));
+    pid = next;
+  }
+  service.wait();
+  send_signal(pid, SIGTERM);  // the first program's own end: stopped on purpose
+  EXPECT_TRUE(eventually([&] { return db_files().empty(); }));
+  EXPECT_TRUE(never([&] { return wait_for_actor(options, 0, 0ms) > 0; }, 1s));
+  daemon.stop();
+}
+
+TEST_F(Wexrun, ADaemonThatWasRestartedStartsItAgainToo) {
+  const words options = {"--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({}, program(options)), options));
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start());
+  kill_and_reap(&service);
+  const pid_t next = wait_for_actor(options, service.pid());
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_TRUE(eventually([&] { return only_registered(next) && lock_holder(next) == next; }));
+  daemon.stop();
+}
+
+// The daemon answers before it reads who we are; by then wexrun must not yet be the program.
+TEST_F(Wexrun, ADaemonThatReadsLateStillSeesWexrun) {
+  const words options = {"--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=readlink,readlinkat:delay_enter=300000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({}, program(options)), options));
+  kill_and_reap(&service);
+  const pid_t next = wait_for_actor(options, service.pid(), 30s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_TRUE(eventually([&] { return only_registered(next) && lock_holder(next) == next; }, 20s));
+  daemon.stop();
+}
+
+TEST_F(Wexrun, TheDelayIsWaitedBeforeARestart) {
+  const words options = {"--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, wexrun({"--delay", "2"}, program(options)), options));
+  kill_and_reap(&service);
+  const auto died = std::chrono::steady_clock::now();
+  EXPECT_GT(wait_for_actor(options, service.pid()), 0) << read_console();
+  EXPECT_LE(1900ms, std::chrono::steady_clock::now() - died);
+  daemon.stop();
+}
+
+TEST_F(Wexrun, TheScriptOfTheCommandMapRestartsIt) {
+  const words options = {"--hold"};
+  const words command = wexrun({"--shell-restart", "revive"}, program(options));
+  write_file("/etc/cmdmap/revive", "echo $0 > /tmp/said\nexec " + joined(command) + "\n");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_NO_FATAL_FAILURE(start(&service, command, options));
+  kill_and_reap(&service);
+  const pid_t next = wait_for_actor(options, service.pid());
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("/etc/cmdmap/revive\n", read_file("/tmp/said"));
+  EXPECT_TRUE(eventually([&] { return only_registered(next); }));
+  daemon.stop();
+}
+
+// Each waits five seconds for a daemon, so they do it side by side.
+TEST_F(Wexrun, WithoutTheDaemonTheProgramStartsAndALaterDaemonTakesItOver) {
+  const words known = {"--tag=known", "--hold"}, unknown = {"--tag=unknown", "--hold"};
+  const std::string start =
+      "wexrun: wex is not running, " + std::string(actor_binary()) + " starts all the same";
+  make_dirs(kDbDir);
+  Process service, other;
+  ASSERT_TRUE(service.start(said(wexrun({}, program(known)), "/tmp/said")));
+  ASSERT_TRUE(eventually([] { return db_files().size() == 1; }, 20s));
+  ASSERT_EQ(0, rename("/tmp/vsd", "/tmp/vsd.away"));  // as if wex had never been there since the boot
+  ASSERT_TRUE(other.start(said(wexrun({}, program(unknown)), "/tmp/ready")));
+  ASSERT_GT(wait_for_actor(unknown, 0, 30s), 0);
+  EXPECT_EQ(start + ", without supervision\n", read_file("/tmp/ready"));
+  ASSERT_GT(wait_for_actor(known, 0, 30s), 0);
+  EXPECT_EQ(start + "; wex takes it over when it starts\n", read_file("/tmp/said"));
+  ASSERT_EQ(0, rename("/tmp/vsd.away", "/tmp/vsd"));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  kill_and_reap(&service);
+  EXPECT_GT(wait_for_actor(known, service.pid()), 0) << read_console();
+  daemon.stop();
+}
+
+TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
+  const std::string actor = actor_binary();
+  const std::string touch = "/bin/touch";
+  const words many(13, "/tmp/ready");
+  struct {
+    words command;
+    int status;
+    const char* reason;
+  } const rows[] = {
+      {{kBinary, touch, "/tmp/ready", "two words"}, 125, "word 3, \"two words\", holds a blank"},
+      {{kBinary, touch, "/tmp/ready", "two\twords"}, 125, "holds a blank"},
+      {{kBinary, touch, "/tmp/ready", "two\nlines"}, 125, "holds a blank"},
+      {{kBinary, touch, "/tmp/ready", ""}, 125, "word 3 is empty"},
+      {words{kBinary, touch} + many, 125, "14 words follow wexrun, a restart repeats 13"},
+      {{kBinary, touch, "/tmp/ready", std::string(300, 'x')}, 125, "a restart repeats 242"},
+      {{kBinary, "bin/touch", "/tmp/ready"}, 125, "name its whole path"},
+      {{kBinary, "--delay=-1", touch, "/tmp/ready"}, 125, "\"-1\" is no number of seconds"},
+      {{kBinary, "--delay=2x", touch, "/tmp/ready"}, 125, "\"2x\" is no number of seconds"},
+      {{kBinary, "--neuter", touch, "/tmp/ready"}, 125, "--neuter"},
+      {{kBinary, "--delay=2"}, 125, "which program?"},
+      {{kBinary, "/bin/no-such-program"}, 127, "cannot execute /bin/no-such-program: No such file"},
+      {{kBinary, "no-such-program"}, 127, "cannot execute no-such-program: No such file"},
+      {{kBinary, "/etc/passwd"}, 126, "cannot execute /etc/passwd: Permission denied"},
+      {{kBinary, "/etc"}, 126, "cannot execute /etc: Permission denied"},
+  };
+  make_dirs(kDbDir);
+  for (const auto& row : rows) {
+    const words quiet = words{"sh", "-c", "exec \"$@\" 2> /tmp/said", "sh"} + row.command;
+    const std::string said = joined(row.command);
+    EXPECT_TRUE(exited_with(run(quiet), row.status)) << said;
+    EXPECT_NE(std::string::npos, read_file("/tmp/said").find(row.reason)) << said << read_file("/tmp/said");
+    EXPECT_FALSE(exists("/tmp/ready")) << said;
+    EXPECT_TRUE(db_files().empty()) << said;
+  }
+  EXPECT_TRUE(exited_with(run({kBinary, "--help"}), 0));
+  EXPECT_TRUE(exited_with(run({kBinary, "--version"}), 0));
+}
+
+TEST_F(Wexrun, AProgramThatCannotBeExecutedAfterAllIsNotSupervised) {
+  write_file("/tmp/ready", "#!/no/such/interpreter\n", 0755);
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(exited_with(run({kBinary, "/tmp/ready"}), 127));
+  EXPECT_TRUE(db_files().empty());
+  EXPECT_TRUE(exited_with(run({kBinary, "--notify", "/tmp/ready"}), 127));
+  EXPECT_TRUE(db_files().empty());
+  EXPECT_TRUE(never([] { return !db_files().empty(); }, 1s));
+  daemon.stop();
+}
