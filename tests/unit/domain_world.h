@@ -73,11 +73,11 @@ inline void hold_memory(size_t kib) {
 }
 
 inline void make_marker_dir(int vsd) {
-  make_dirs(path_of(kMarkerDirBareFmt, vsd));
+  make_dirs(path_of(kFlagDirBareFmt, vsd));
 }
 
 inline void mark(int vsd, pid_t pid) {
-  write_file(path_of(kMarkerFmt, vsd, pid), "");
+  write_file(path_of(kFlagFileFmt, vsd, pid), "");
 }
 
 // Diagnostics print.
