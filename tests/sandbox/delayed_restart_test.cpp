@@ -72,7 +72,7 @@ TEST_F(Postponed, AHeldFileKeepsTheProgramDownUntilItIsReleased) {
   end(pid);
   ASSERT_TRUE(postponed(pid));
   EXPECT_TRUE(never([&] { return wait_for_actor(options("held"), pid, 0ms) != 0; }, 2500ms));
-  holder.let_go();
+  holder.end();
   const auto released = std::chrono::steady_clock::now();
   EXPECT_NE(0, wait_for_actor(options("held"), pid));
   EXPECT_GE(2500ms, std::chrono::steady_clock::now() - released) << "looked at once a second";
@@ -86,7 +86,7 @@ TEST_F(Postponed, TheExitCodeSurvivesTheWait) {
   Holder holder({pid});
   end(pid, SIGTERM);
   ASSERT_TRUE(postponed(pid));
-  holder.let_go();
+  holder.end();
   EXPECT_TRUE(console_says(handed_over(pid, "0xf")));
   EXPECT_TRUE(eventually([&] { return !exists(db_file("actor", pid)); }));
   EXPECT_TRUE(never([&] { return wait_for_actor(options("code"), pid, 0ms) != 0; }, 500ms))
@@ -124,7 +124,7 @@ TEST_F(Postponed, SeveralReadyOnesAreRestartedOneASecondInBucketOrder) {
   std::sort(pids.begin(), pids.end(), [](pid_t a, pid_t b) {
     return wex_hash_pid(static_cast<int32_t>(a)) < wex_hash_pid(static_cast<int32_t>(b));
   });
-  holder.let_go();
+  holder.end();
   size_t last = 0;
   auto previous = std::chrono::steady_clock::now() - 1s;
   for (const pid_t pid : pids) {
@@ -144,7 +144,7 @@ TEST_F(Postponed, WhatWaitedIsSupervisedAsBefore) {
   Holder holder({pid});
   end(pid);
   ASSERT_TRUE(postponed(pid));
-  holder.let_go();
+  holder.end();
   const pid_t second = wait_for_actor(options("after"), pid);
   ASSERT_NE(0, second);
   send_signal(second, SIGKILL);

@@ -97,7 +97,7 @@ std::vector<unique_fd> fill_backlog() {
 
 }  // namespace
 
-TEST_F(WexrunNotify, TheProgramIsToldWhereToSpeakAndItsWordsAreReportsAndLogLines) {
+TEST_F(WexrunNotify, NotificationsOfTheProgramBecomeReportsAndLogLines) {
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service));
   EXPECT_EQ(text(program) + " 1 120000000\n", read_file(kFacts));
@@ -205,7 +205,7 @@ TEST_F(WexrunNotify, OrdinarySignalsReachTheProgramAndABrokenPipeOfItsParentIsNo
 }
 
 // systemd-notify sends and ends; it waits until its message was read.
-TEST_F(WexrunNotify, AShellScriptSpeaksThroughSystemdNotify) {
+TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
   write_file(
       script[0],
