@@ -151,7 +151,16 @@ TEST_F(Registry, FileStillLockedByAnotherIsPostponedUntilTheLockIsGone) {
   Daemon daemon;
   EXPECT_TRUE(daemon.start());
   EXPECT_TRUE(console_says("]pid (" + text(old_pid) + ") is not exist\n"));
-  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(service_of(0))).empty(); }, 2500ms));
+  // The first look postpones; two more are later passes of the delay thread.
+  const auto looks = [&] {
+    size_t count = 0;
+    for (const std::string& line : lines_of(read_console())) {
+      count += line.find("]be lock file " + file + ", ") != std::string::npos ? 1 : 0;
+    }
+    return count;
+  };
+  EXPECT_TRUE(eventually([&] { return looks() >= 3; }, 20s)) << read_console();
+  EXPECT_EQ(std::string::npos, read_console().find("]wex_spawn--> wex_pid->process = ")) << read_console();
   EXPECT_TRUE(exists(file));
   close(holder);
   const pid_t next = wait_for_actor(service_of(0));
