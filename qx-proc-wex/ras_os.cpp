@@ -25,7 +25,7 @@
 
 namespace {
 
-// The ladder of results. Each number is one failed step; which one is told at the declarations.
+// Results. Each number is one failed step; the declarations say which.
 enum {
   kBadArgument = -1,
   kNullArgument = -2,
@@ -97,11 +97,12 @@ int map_object(const char* name, uint32_t size, ras_os_record_memory_t* handle, 
   }
   handle->size = length;
   handle->addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, object.get(), 0);
-  if (handle->addr == MAP_FAILED) {  // and so it stays, as programs of the device expect
+  // Kept: the address stays MAP_FAILED after a failure, see docs/decisions.md.
+  if (handle->addr == MAP_FAILED) {
     *cause = errno;
     return kNotMapped;
   }
-  object.release();  // stays open for the life of the process: part of the interface
+  object.release();  // Kept: open for the life of the process, see docs/decisions.md.
   return 0;
 }
 
@@ -121,13 +122,13 @@ int print(const char* format, ...) {
 }
 
 // Appends to one row of the dump, which always fits.
-char* put(char* at, const char* text) {
+char* append_text(char* at, const char* text) {
   const size_t length = strlen(text);
   memcpy(at, text, length + 1);
   return at + length;
 }
 
-char* put_hex(char* at, uint8_t byte) {
+char* append_hex(char* at, uint8_t byte) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   *at++ = kDigits[byte >> 4];
   *at++ = kDigits[byte & 0xf];
@@ -135,7 +136,7 @@ char* put_hex(char* at, uint8_t byte) {
 }
 
 // The bytes as characters; graphic ones of the "C" locale as themselves, blanks not among them.
-void put_characters(char* at, const uint8_t* bytes, uint32_t count) {
+void append_characters(char* at, const uint8_t* bytes, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
     *at++ = bytes[i] > ' ' && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '.';
   }
@@ -149,12 +150,12 @@ void dump_row(uint32_t offset, const uint8_t* bytes, uint32_t count) {
   for (uint32_t i = 0; i < kDumpRow; ++i) {
     if (i < count) {
       *at++ = ' ';
-      at = put_hex(at, bytes[i]);
+      at = append_hex(at, bytes[i]);
     } else {
-      at = put(at, "   ");
+      at = append_text(at, "   ");
     }
   }
-  put_characters(put(at, " | "), bytes, count);
+  append_characters(append_text(at, " | "), bytes, count);
   print("%s", row);
 }
 
@@ -214,7 +215,8 @@ int ras_os_init_record_memory(const char* name, uint32_t size, ras_os_record_mem
     return 0;
   }
   if (result != kNotOpened) {
-    shm_unlink(name);  // for every process, also when it was there before
+    // Kept: removed for every process, also when it was there before, see docs/decisions.md.
+    shm_unlink(name);
   }
   free(handle->name);
   handle->name = nullptr;

@@ -43,9 +43,9 @@ bool is_own_set(int id) {
   return semctl(id, 0, IPC_STAT, argument) == 0 && is_ours(status.sem_perm.cuid);
 }
 
-// The file only anchors the key: nothing is written to it, so that a second name of it harms nobody, and one
-// of ours is never replaced, for the programs that raised a count would lose it. With `anew` it is, because
-// somebody else's set lies under its key. What is no file, or another user's, is always replaced.
+// The key is made of the file's inode number. Nothing is written to the file, so a second name of it does no
+// harm. A file of ours is replaced only with `anew`, when another user's set lies under its key: programs
+// that have raised the count would lose it. What is no file, or another user's, is always replaced.
 unique_fd make_key_file(bool anew) {
   char aside[kPathSize] = "";
   struct stat facts = {};
@@ -60,7 +60,7 @@ unique_fd make_key_file(bool anew) {
     wex_dbg(WEX_DBG_PUB, "Open file %s failed: %s.", WEX_SEM_KEY_FILE, strerror(errno));
   }
   if (aside[0] != '\0' && S_ISREG(facts.st_mode) && facts.st_size == 0) {
-    wex_unlink(aside);  // not before, or the new file could get its number, of which the key is made
+    wex_unlink(aside);  // only now: earlier the new file could get its inode number, and with it the same key
   }
   return file;
 }
@@ -88,7 +88,7 @@ bool take_existing(key_t key) {
   return true;
 }
 
-// What a look-up found, unless somebody has put a set of his own under our key meanwhile.
+// The set that a look-up found, or -1 when another user has put one of his own under our key meanwhile.
 int32_t own_set(int32_t found) {
   return found < 0 || is_own_set(found) ? found : g_own_set;
 }
@@ -96,7 +96,7 @@ int32_t own_set(int32_t found) {
 }  // namespace
 
 int wex_sem_init(void) {
-  unique_fd tried[kSemKeyTries];  // open, so that none of their numbers, and with it a key, comes again
+  unique_fd tried[kSemKeyTries];  // kept open, so that no later file gets one of their inode numbers, the key
   for (int attempt = 0; attempt < kSemKeyTries; ++attempt) {
     tried[attempt] = make_key_file(attempt > 0);
     if (!tried[attempt].valid()) {

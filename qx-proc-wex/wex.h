@@ -1,4 +1,4 @@
-/* wex: the face that the daemon, its client library and other programs of the device share.
+/* wex: the interface that the daemon, its client library and other programs of the device share.
  *
  * Plain C99 and C++17. Declares the supervised-process record, the chains that hold records, the control
  * messages and every client call. Integers are fixed in width: the message layouts are read by programs
@@ -75,7 +75,8 @@ typedef struct wex_list {
 } wex_list;
 
 /* One registration, of a process or (in the alive chain) of a thread. Times are whole seconds of the
- * monotonic clock. Everything from `start_time` on is the daemon's own knowledge about the pid. */
+ * monotonic clock. Other programs know the fields before `exit_seen`; those from there on are the daemon's
+ * own notes about the pid. */
 typedef struct wex_pid {
   int32_t pid;                           /* process id, or thread id in the alive chain; the hash key */
   int32_t ppid;                          /* alive chain: process that owns the thread; 0 elsewhere */
@@ -273,6 +274,7 @@ int wex_client_unreg_thread_notify(int32_t tid);
 
 /* While its value is not 0 no hang countdown runs. The daemon creates it; programs that need long quiet
  * times raise and lower it through the id that wex_get_semid() finds. */
+/* Kept: "semphore", see docs/decisions.md. */
 #define WEX_SEM_KEY_FILE "/tmp/.wex_semphore_path"
 enum { WEX_SEM_PROJECT = 1, WEX_SEM_KEY_TRIES = 30 };
 

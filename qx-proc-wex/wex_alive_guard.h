@@ -1,4 +1,4 @@
-// wex_alive_guard: the alive table as the daemon may trust it.
+// wex_alive_guard: how the daemon reads the alive table, which any user may damage.
 //
 // Everybody can write the object, so everybody can also cut it short or replace it. A byte of a mapping that
 // was cut short ends the process with SIGBUS, which cannot be ignored; the same byte fetched by the kernel is
@@ -14,7 +14,7 @@ inline bool wex_in_alive_table(int32_t tid) {
   return tid >= 0 && tid < WEX_ALIVE_TIDS;
 }
 
-// Whether the mapped object is still the one that clients find by name. Mends its length when it was cut
+// Whether the mapped object is still the one that clients find by name. Restores its length when it was cut
 // short. False also when the table is not mapped, and when a registration could not be written to it since
 // the last call. Before each scan, one thread at a time.
 bool wex_alive_table_intact();

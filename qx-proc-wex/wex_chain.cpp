@@ -36,7 +36,8 @@ namespace {
 constexpr uint32_t kHashFactor = 0x9e370001U;
 constexpr uint32_t kHashShift = 24;
 
-// What a removed link holds; a record that is used after its removal shows itself by these.
+// What a removed link holds. A record that is used after its removal is recognised by them in a core dump.
+// Kept: these very values, see docs/decisions.md.
 constexpr uintptr_t kPoisonForward = 0x100100;
 constexpr uintptr_t kPoisonBackward = 0x200200;
 
@@ -117,7 +118,7 @@ void gather(int kind, wex_chains_t* chain, text_block* lines) {
   }
 }
 
-// A dump with a gap must not pass for the whole chain.
+// Says that lines are missing, so that the dump is not taken for the whole chain.
 void tell_lost(const char* caller, const text_block& lines) {
   if (lines.lost() > 0) {
     wex_dbg(WEX_DBG_PUB, "%s: no memory for %d lines\n", caller, lines.lost());
@@ -301,8 +302,8 @@ bool wex_record_lives(const wex_pid* rec) {
 }
 
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
-  // First of all: if the daemon is killed before the old file has gone, its next life starts the program
-  // again.
+  // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
+  // program a second time.
   wex_db_destroy(rec);
   note_replaced(rec->pid, new_pid);
   hlist_del(&rec->hnode);
@@ -323,7 +324,8 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
 int32_t __wex_replaced_by(int32_t pid) {
   const replacement* entry = find_replaced(pid);
   int32_t latest = 0;
-  // A program may die again before an event of its earlier life arrives. Bounded: pids may run in a circle.
+  // A program may have been replaced again before an event of its earlier process arrives. The number of
+  // steps is bounded, because the pids may come back to the first one.
   for (int step = 0; entry != nullptr && step < kReplacedKept; step++) {
     latest = entry->new_pid;
     entry = find_replaced(latest);
@@ -349,6 +351,7 @@ int32_t wex_last_process(const wex_pid* rec) {
   return rec->missed_child > 0 ? rec->missed_child : rec->pid;
 }
 
+// Kept: arguments are not left out, see docs/decisions.md.
 const char* wex_program_name(wex_pid* rec) {
   rtrim(rec->process);
   const char* const slash = strrchr(rec->process, '/');

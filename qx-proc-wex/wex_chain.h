@@ -66,8 +66,8 @@ void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_ca
 // none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
-// The same for the pid of `rec`. Below 1 that is nobody's pid, which records of several programs may have:
-// then for this one alone.
+// The same for the pid of `rec`. A pid below 1 is that of no process, and records of several programs may
+// have it: then only `rec` is taken.
 wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
 // Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,
@@ -99,7 +99,7 @@ bool __wex_runs_elsewhere(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer)
     WEX_TSA(requires_capability(wex_chains));
 
-// The process that the record's next one replaces, and that has its marker in a domain: the child of a start
+// The process that the record's next one replaces, and whose flag file names the domain: the child of a start
 // that found no process, else the record's own. May be below 1.
 int32_t wex_last_process(const wex_pid* rec);
 

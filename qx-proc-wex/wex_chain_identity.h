@@ -35,7 +35,7 @@
 #include "wex_utils.h"
 
 enum class exit_verdict {
-  exited,    // nobody has the pid, or a stranger
+  exited,    // no process has the pid, or another one
   runs,      // the record's own process goes on: only a thread of it has ended
   ask_again  // cannot be told yet: its threads may still take over, or /proc could not be read
 };

@@ -59,8 +59,8 @@ file_mark mark_of(const struct stat& facts) {
   return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim, facts.st_ctim};
 }
 
-// A file that changed just now may change again within the same tick of its time stamp: such a state says
-// nothing about the next moment. Some file systems count whole seconds.
+// A file that changed just now may change again within the same tick of its time stamp, and would look
+// unchanged. Some file systems count whole seconds. So such a state is not remembered.
 bool has_settled(const file_mark& mark) {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -103,14 +103,14 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
 }
 
 // Links are followed, as they were when the list was read: one that leads to the very
-// file that is remembered hides nothing, whoever made it.
+// file that is remembered changes nothing, whichever user made it.
 bool is_known(const char* path) WEX_TSA(requires_capability(g_list_mutex)) {
   struct stat facts;
   return g_known.text != nullptr && strcmp(g_known.path, path) == 0 && stat(path, &facts) == 0 &&
          same_file(g_known.mark, mark_of(facts));
 }
 
-void forget() WEX_TSA(requires_capability(g_list_mutex)) {
+void drop_remembered() WEX_TSA(requires_capability(g_list_mutex)) {
   free(g_known.text);
   g_known.text = nullptr;
 }
@@ -134,7 +134,7 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex
     free(text);
     return false;
   }
-  forget();
+  drop_remembered();
   g_known.text = text;
   g_known.length = length;
   g_known.mark = mark_of(facts);

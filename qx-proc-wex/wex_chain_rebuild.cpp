@@ -29,8 +29,8 @@ namespace {
 
 constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its file was read
 
-// A stranger may have got the pid of a dead program. The registration cannot tell for sure, so it is kept;
-// whoever wonders why the program does not run finds the reason here.
+// Another process may have got the pid of a dead program. The registration does not show that for certain, so
+// it is kept; the line tells an operator why the program does not run.
 void tell_stranger(const wex_pid* rec) {
   char command[WEX_PROCESS_SIZE];
   if (!wex_dbg_on(WEX_DBG_PUB) || pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
@@ -96,7 +96,7 @@ bool read_names(const char* dir, text_block* names) {
   }
   for (const dirent* entry = walk.next(); entry != nullptr; entry = walk.next()) {
     while (!names->append("%s", entry->d_name)) {
-      safe_sleep(kMemoryRetrySec);  // a name left out would be a program left alone
+      safe_sleep(kMemoryRetrySec);  // a name left out would be a program that is no longer supervised
     }
   }
   return true;
@@ -117,7 +117,7 @@ class candidates {
   candidates(const candidates&) = delete;
   candidates& operator=(const candidates&) = delete;
 
-  // Waits for memory: a record left out would be a program left alone.
+  // Waits for memory: a record left out would be a program that is no longer supervised.
   void append(wex_pid* rec) {
     if (used_ == size_) {
       const size_t size = size_ == 0 ? 64 : 2 * size_;
@@ -157,8 +157,8 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   }
 }
 
-// Decides who lives of those that have a process. The verdict is that of process_life(), but the pauses
-// between its looks are shared: taken one after the other they would cost 30 ms for every dead program.
+// Finds out which records have a living process. The result is that of process_life(), but the pauses between
+// its looks are shared: one record after the other would cost 30 ms for every dead program.
 void decide(candidates* all) {
   for (candidate& row : *all) {
     row.what = wex_pid_exists(row.rec->pid) ? fate::undecided : fate::dead;

@@ -25,9 +25,9 @@
 #include "wex_chain.h"
 #include "wex_child.h"
 #include "wex_core_claim.h"
-#include "wex_core_place.h"
 #include "wex_core_stop.h"
 #include "wex_core_upkeep.h"
+#include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
 #include "wex_limits.h"
@@ -48,7 +48,7 @@ enum { kMonitor, kServer, kNotifier, kForkWatcher, kDelay, kThreads };
 struct worker {
   void* (*body)(void*);
   const char* name;
-  const char* suffix;  // the fixed texts are not all alike
+  const char* suffix;  // Kept: one text has no "thread", see docs/decisions.md.
 };
 constexpr worker kWorkers[kThreads] = {
     {wex_process_netlink, "wex_process_netlink", " thread"},
@@ -94,11 +94,11 @@ void raise_open_file_limit() {
 unique_fd hold_directory(int lock) {
   struct stat facts = {};
   if (fstat(lock, &facts) == 0) {
-    wex_note_place(WEX_PLACE_LOCK, facts);
+    wex_watch_name(WEX_NAME_LOCK, facts);
   }
   unique_fd directory(open(kRunDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.valid() && fstat(directory.get(), &facts) == 0) {
-    wex_note_place(WEX_PLACE_DIRECTORY, facts);
+    wex_watch_name(WEX_NAME_DIRECTORY, facts);
   }
   return directory;
 }
@@ -201,7 +201,7 @@ bool others_have_ended(const threads& running) {
   }
   lock.reset();
   wex_running_log("Exit.\r\n");
-  _exit(0);  // the fork watcher still runs: nothing of the process may be taken apart under it
+  _exit(0);  // not exit(): the fork watcher still runs and uses what the clean-up would destroy
 }
 
 }  // namespace
@@ -238,10 +238,10 @@ int main(int argc, char** argv) {
     return -1;
   }
   const unique_fd directory = hold_directory(lock.get());
-  hide_open_files();  // what our starter left open is not for the programs that we start
+  hide_open_files();  // files that our starter left open are not inherited by the programs we start
   raise_open_file_limit();
   make_directories();
-  wex_tell_moved();
+  wex_log_moved_names();
   wex_init_wakeup();
   if (!restore_registry()) {
     return -1;

@@ -1,7 +1,9 @@
-// wex_core_claim: the daemon's names, whatever lies there when it starts.
+// wex_core_claim: takes the lock file and the other names that the daemon needs at its start, and makes room
+// where something else has one of them.
 //
-// An ordinary user may have typed "wex" before the first start, or mean to keep it from starting. What is in
-// the way makes room, is said once, and the start goes on; only a lock that somebody holds stops it.
+// An ordinary user may have run "wex" before the first start and left files of his own, or may want to keep
+// the daemon from starting. What is in the way is renamed, the running log gets one line, and the start goes
+// on. Only a lock that another process holds stops the start.
 #define WEX_MODULE "wex_core"
 #include "wex_core_claim.h"
 
@@ -32,8 +34,8 @@ struct moved_name {
   char to[kPathSize];  // empty: removed
 };
 
-// Kept until there is a directory for the running log.
-moved_name g_moved[kMovedTold];
+// What was moved before the directory of the running log exists; logged later.
+moved_name g_moved[kMovedLogged];
 int g_moved_count = 0;
 
 bool is_other_than_file(const char* path) {
@@ -41,14 +43,15 @@ bool is_other_than_file(const char* path) {
   return lstat(path, &facts) == 0 && !S_ISREG(facts.st_mode);
 }
 
-// The process that holds the lock, or 0. Harmless to a process that holds none.
+// The process that holds the lock, or 0. It opens and closes the lock file, which would drop a lock of our
+// own: only for a process that could not get the lock.
 int lock_holder() {
   const unique_fd file = wex_open_file(kLockFile, O_RDWR);
   struct flock whole = {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
-  const bool told = file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
-  return told ? static_cast<int>(whole.l_pid) : 0;
+  const bool locked = file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+  return locked ? static_cast<int>(whole.l_pid) : 0;
 }
 
 bool runs_our_program(int pid) {
@@ -61,11 +64,11 @@ bool runs_our_program(int pid) {
   return known && stat(path, &ours) == 0 && its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
 }
 
-// A command that was carried out beside a running daemon is no start that somebody will miss. A start that is
-// tried again every few seconds must not push everything else out of the running log: it is refused in one
-// line.
+// A command beside a running daemon also comes here after it was carried out; that is no failed start and is
+// not logged. A start that is tried again every few seconds is logged once, or its lines would push
+// everything else out of the running log.
 void refuse_start(int cause, bool after_command) {
-  wex_tell_moved();
+  wex_log_moved_names();
   if (cause == EAGAIN) {
     const int holder = lock_holder();
     wex_dbg(WEX_DBG_PUB, "wex is already running\n");
@@ -107,7 +110,7 @@ bool wex_make_room(const char* path) {
   if (!wex_clear_name(path, to)) {
     return false;
   }
-  if (g_moved_count < kMovedTold) {
+  if (g_moved_count < kMovedLogged) {
     g_moved[g_moved_count].path = path;
     wex_copy_text(g_moved[g_moved_count].to, sizeof g_moved[g_moved_count].to, to);
     ++g_moved_count;
@@ -115,7 +118,7 @@ bool wex_make_room(const char* path) {
   return true;
 }
 
-void wex_tell_moved() {
+void wex_log_moved_names() {
   for (int i = 0; i < g_moved_count; ++i) {
     if (g_moved[i].to[0] != '\0') {
       wex_running_log("%s was in the way and is now %s.\r\n", g_moved[i].path, g_moved[i].to);
@@ -145,6 +148,6 @@ int wex_claim_lock(bool after_command) {
 
 void wex_clear_table_name() {
   if (is_other_than_file(kAliveTableFile) && wex_make_room(kAliveTableFile)) {
-    wex_tell_moved();
+    wex_log_moved_names();
   }
 }

@@ -1,4 +1,4 @@
-// wex_core_delay: restarts that wait.
+// wex_core_delay: postponed restarts.
 //
 // A process may be reported dead while its database file is still locked; a restart then would make a second
 // instance. So a copy of its record waits in wex_chains_delay until the lock is gone, 301 s at the most.
@@ -19,14 +19,15 @@ namespace {
 
 std::atomic<wex_pid*> g_reserved{nullptr};  // set with nothing held, taken with wex_chains held
 
-// Only the rebuild comes without a reservation, and nobody waits for the registry then.
-wex_pid* take_record() WEX_TSA(requires_capability(wex_chains)) {
+// Only the rebuild has reserved nothing. It runs before any thread, so no other thread has to wait for the
+// registry while it waits for memory.
+wex_pid* take_reserved() WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const reserved = g_reserved.exchange(nullptr);
   return reserved != nullptr ? reserved : wex_new_record();
 }
 
 wex_pid* copy_of(const wex_pid& rec) WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const copy = take_record();
+  wex_pid* const copy = take_reserved();
   copy->pid = rec.pid;
   copy->vsd = rec.vsd;
   copy->alarm_wait_flag = rec.alarm_wait_flag;
@@ -94,7 +95,8 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) {
     wex_dbg(WEX_DBG_PUB, "%s pid %d exist in wex_chains_delay\n", __func__, rec->pid);
     return 1;
   }
-  wex_pid* const copy = copy_of(*rec);  // nobody else adds one: that takes wex_chains, which is held
+  // No other copy of this pid can come in between: that takes wex_chains, which the caller holds.
+  wex_pid* const copy = copy_of(*rec);
   chain_lock hold(wex_chains_delay);
   __wex_add_record(&wex_chains_delay, copy);
   return 1;

@@ -1,9 +1,9 @@
-// wex_core_delay: restarts that wait.
+// wex_core_delay: postponed restarts.
 #pragma once
 
 #include "wex_chain.h"
 
-// What waits no longer.
+// A postponed restart whose wait is over.
 struct ready_restart {
   int32_t pid;
   uint32_t exit_signal;

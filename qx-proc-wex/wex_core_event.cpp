@@ -64,7 +64,7 @@ void look_for_crash(const process_event& event) {
   }
 }
 
-// ---- whose exit it was ------------------------------------------------------------------------------------
+// ---- thread or process ------------------------------------------------------------------------------------
 
 struct reported_exit {
   int32_t pid;
@@ -73,18 +73,18 @@ struct reported_exit {
 };
 
 // An exit that could not be judged at once.
-struct unsettled_exit {
+struct pending_exit {
   reported_exit exit;
   int64_t next_look_ms;
-  int looks;  // at their time; a look that the end of a thread gave rise to is one more
-  bool hastened;
+  int looks;  // that were due by time; one made because a thread ended does not count
+  bool thread_ended;
 };
-unsettled_exit g_unsettled[kUnsettledExits];
-int g_unsettled_count = 0;
+pending_exit g_pending[kPendingExits];
+int g_pending_count = 0;
 
 int64_t g_least_delay_ns = INT64_MAX;
 
-// What this process's monotonic clock is ahead of the kernel's: it may run in a time namespace.
+// Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.
 int64_t clock_shift() {
   return g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
 }
@@ -93,8 +93,8 @@ uint64_t tick_of(const process_event& event) {
   return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
 }
 
-// Notes when the record's process was reported dead, and judges that with one look. For a pid that is not
-// registered the exit handler has nothing to do either.
+// Notes in the record when the kernel reported the exit, and judges the report by one look at /proc. A pid
+// without a record counts as exited: the exit handler ignores it.
 exit_verdict judge(const reported_exit& exit, bool* readable) {
   chain_lock hold(wex_chains);
   wex_pid* const rec = __wex_find_pid(&wex_chains, exit.pid);
@@ -107,8 +107,8 @@ exit_verdict judge(const reported_exit& exit, bool* readable) {
   return wex_judge_exit(now, rec->start_time, exit.tick);
 }
 
-// False when the exit is to be looked at again.
-bool settle(const reported_exit& exit, int looks_left) {
+// Judges the exit and hands it to the exit handler; false when it is to be looked at again.
+bool try_to_judge(const reported_exit& exit, int looks_left) {
   bool readable = true;
   if (judge(exit, &readable) == exit_verdict::ask_again && (looks_left > 0 || !readable)) {
     return false;
@@ -118,32 +118,32 @@ bool settle(const reported_exit& exit, int looks_left) {
 }
 
 void pass_thread_ends_while_undecided() {
-  wex_pass_thread_ends(thread_ends_for::undecided_exits, g_unsettled_count > 0);
+  wex_pass_thread_ends(thread_ends_for::undecided_exits, g_pending_count > 0);
 }
 
-void put_aside(const reported_exit& exit) {
-  if (g_unsettled_count >= kUnsettledExits) {
+void keep_pending(const reported_exit& exit) {
+  if (g_pending_count >= kPendingExits) {
     wex_handle_netlink_exit(exit.pid, exit.code, 0);
     return;
   }
   wex_pass_thread_ends(thread_ends_for::undecided_exits, true);
-  if (!settle(exit, kExitLooks)) {  // the last thread may have ended just before
-    g_unsettled[g_unsettled_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
+  if (!try_to_judge(exit, kExitLooks)) {  // the last thread may have ended just before
+    g_pending[g_pending_count++] = {exit, wex_clock_ms() + kExitLookMs, 0, false};
   }
   pass_thread_ends_while_undecided();
 }
 
-// A thread of the process ended: perhaps the last one that the decision waits for.
-void hasten(int32_t pid) {
-  for (int i = 0; i < g_unsettled_count; ++i) {
-    if (g_unsettled[i].exit.pid == pid) {
-      g_unsettled[i].hastened = true;
+// A thread of the process has ended. It may be the last one that a pending exit waits for.
+void look_sooner(int32_t pid) {
+  for (int i = 0; i < g_pending_count; ++i) {
+    if (g_pending[i].exit.pid == pid) {
+      g_pending[i].thread_ended = true;
     }
   }
 }
 
-// A thread may have registered itself as a program. Its end is no exit, so it must not be found missing
-// later.
+// A thread may have registered itself as a program. Its end is no exit, so the sweep must not find it missing
+// later and start the program again.
 void note_thread_end(int32_t tid) {
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = __wex_find_pid(&wex_chains, tid)) {
@@ -176,7 +176,7 @@ void wex_take_exit_event(const process_event& event) {
   }
   if (event.pid != event.tgid) {
     note_thread_end(event.pid);
-    hasten(event.tgid);
+    look_sooner(event.tgid);
   }
   if (wex_drop_taken_down(event.pid)) {
     return;
@@ -186,33 +186,33 @@ void wex_take_exit_event(const process_event& event) {
     return;
   }
   const reported_exit exit = {event.pid, event.exit_code, tick_of(event)};
-  if (!settle(exit, kExitLooks)) {
-    put_aside(exit);
+  if (!try_to_judge(exit, kExitLooks)) {
+    keep_pending(exit);
   }
 }
 
-int wex_settle_exits() {
-  if (g_unsettled_count == 0) {
+int wex_judge_pending_exits() {
+  if (g_pending_count == 0) {
     return -1;
   }
   const int64_t now = wex_clock_ms();
   int64_t next = INT64_MAX;
   int kept = 0;
-  for (int i = 0; i < g_unsettled_count; ++i) {
-    unsettled_exit entry = g_unsettled[i];
+  for (int i = 0; i < g_pending_count; ++i) {
+    pending_exit entry = g_pending[i];
     const bool due = entry.next_look_ms <= now;
     if (due) {
       ++entry.looks;
       entry.next_look_ms = now + (entry.looks < kExitLooks ? kExitLookMs : kExitSlowLookMs);
     }
-    if ((due || entry.hastened) && settle(entry.exit, kExitLooks - entry.looks)) {
+    if ((due || entry.thread_ended) && try_to_judge(entry.exit, kExitLooks - entry.looks)) {
       continue;
     }
-    entry.hastened = false;
+    entry.thread_ended = false;
     next = std::min(next, entry.next_look_ms);
-    g_unsettled[kept++] = entry;
+    g_pending[kept++] = entry;
   }
-  g_unsettled_count = kept;
+  g_pending_count = kept;
   pass_thread_ends_while_undecided();
   return kept == 0 ? -1 : static_cast<int>(std::max<int64_t>(next - wex_clock_ms(), 0));
 }

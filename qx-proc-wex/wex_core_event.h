@@ -6,13 +6,14 @@
 #include "wex_core_process_event.h"
 
 // Notes crashes, applies the exit-burst rule and hands the exit of a whole process to the exit handler. An
-// exit that cannot be judged yet is put aside.
+// exit that cannot be judged yet is kept pending.
 void wex_take_exit_event(const process_event& event);
 
-// Judges again what was put aside and is due. Milliseconds until the next look, or -1 when nothing waits.
-int wex_settle_exits();
+// Judges the pending exits that are due. Milliseconds until the next look, or -1 when none is pending.
+int wex_judge_pending_exits();
 
-// Tells how long an event took to arrive, so that a time namespace is noticed. For every event.
+// Takes the time that an event needed to arrive into account: from the shortest one a time namespace is
+// recognised. To be called for every event.
 void wex_note_event_delay(const process_event& event);
 
 // When the event happened, in seconds of this process's monotonic clock; 0 when its stamp is no time.

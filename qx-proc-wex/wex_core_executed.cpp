@@ -1,5 +1,5 @@
-// wex_core_executed: third-part programs are registered when they are executed, and looked for when that may
-// have been reported to nobody: before the daemon ran, or while events were lost.
+// wex_core_executed: third-part programs are registered when they are executed. They are looked for in /proc
+// when the report may be missing: before the daemon ran, or while events were lost.
 //
 // All of it on the monitor's thread, so that no process is registered twice.
 #define WEX_MODULE "wex_core"
@@ -53,8 +53,8 @@ void wex_register_executed(int32_t pid) {
   started.vsd = wex_domain_or_main(get_vsdid(pid));
   {
     chain_lock hold(wex_chains);
-    // A record whose last restart left no process is no hindrance. It goes when the new one is certain, for
-    // this process may have ended by now, and nobody would know its program any more.
+    // A record whose last restart left no process does not count. It is dropped only when the new one is in
+    // the registry: this process may have ended by now, and its program would not be registered any more.
     if (__wex_runs_elsewhere(&started)) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
       return;

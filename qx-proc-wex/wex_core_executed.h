@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-// Registers `pid` when it runs a third-part program of which no other process is registered. The other does
-// so for every process that is not supervised yet. With no chain held.
+// wex_register_executed() registers `pid` when it runs a third-part program of which no other process is
+// registered; wex_register_running() does so for every process that is not supervised yet. With no chain
+// held.
 void wex_register_executed(int32_t pid);
 void wex_register_running();

@@ -29,13 +29,13 @@
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
-#include "wex_proc_marker.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -69,11 +69,11 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
-void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_free_record(__wex_recycle_registration(rec));
 }
 
-// A stranger that has got the pid is alive, but not the record's process.
+// True also when another process has got the pid: it is alive, but not the record's process.
 bool is_dead(const wex_pid* rec) {
   if (process_life(rec->pid) < 0) {
     return true;
@@ -91,15 +91,15 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
   wex_dbg(WEX_DBG_PUB, "%s--> %s is running!\n", kHandler, rec->process);
   if (other == rec) {
     wex_dbg(WEX_DBG_PUB, "%s--> del %d\n", kHandler, rec->pid);
-    forget(rec);
+    drop_registration(rec);
     return true;
   }
   if (is_dead(other)) {
-    forget(other);
+    drop_registration(other);
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> pid %d alive, del %d\n", kHandler, other->pid, rec->pid);
-  forget(rec);
+  drop_registration(rec);
   return true;
 }
 
@@ -130,7 +130,7 @@ bool change_dir(const char* path) {
 // is the whole process's, and a restart may move it meanwhile.
 bool remove_flag_file(int32_t vsd, int32_t pid) {
   char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
+  wex_format(path, sizeof path, kFlagDirFmt, vsd);
   if (!change_dir(path)) {
     return false;
   }
@@ -189,6 +189,7 @@ bool log_announcement(const wex_action& action, const char* name, int32_t pid, u
   if (debug_log() != 0) {
     return true;
   }
+  // Kept: a failed tenth restart leaves the count above ten for good, see docs/decisions.md.
   ++wex_event_log_count;
   const int file = event_file();
   if (file == 0) {
@@ -257,13 +258,14 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
   if (!wex_surely_dead(wex_look_at(child))) {
-    return true;  // also when it cannot be seen: a second instance would be worse than one that is unknown
+    return true;  // also when it cannot be looked at: a second instance does more harm than an unregistered
+                  // one
   }
   *handed = __wex_restore_record(&wex_chains, before);
   return false;
 }
 
-// False when nothing may be restarted.
+// Logs the restart that begins; false when nothing may be restarted.
 bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   const uint32_t code = rec->exit_signal;
   const char* const name = wex_program_name(rec);
@@ -294,7 +296,7 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     return;
   }
   if (__wex_start_again(&wex_chains, rec, action, kAfterExit) > 0 && del_dev_mon_restart() < 0) {
-    wex_tell_restarted(rec, action, kAfterExit);
+    wex_log_restarted(rec, action, kAfterExit);
     log_success(action, rec);
   }
 }

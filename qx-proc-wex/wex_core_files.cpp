@@ -1,8 +1,8 @@
 // wex_core_files: database files that do not fit the registry, looked at once a minute.
 //
-// A program may die before its registration is read, when the daemon is busy or stopped; its file is then all
-// that tells of it. And a living one may have found no directory or no room for its file, without which the
-// next life of the daemon would not know it.
+// A program may die before its registration is read, when the daemon is busy or stopped; then only its file
+// shows that it was to be supervised. And a living one may have found no directory or no room for its file;
+// without the file the next daemon would not know it.
 #define WEX_MODULE "wex_core"
 #include "wex_core_files.h"
 
@@ -23,7 +23,8 @@
 
 namespace {
 
-constexpr uint64_t kBeforeAnybody = 1;  // start time, so that a stranger with its pid is not taken for it
+constexpr uint64_t kBeforeAnybody =
+    1;  // start time of no process: whoever has the pid now is not the record's
 
 // The pid at the end of a database file's name, 0 when there is none.
 int32_t pid_of_name(const char* name) {
@@ -50,8 +51,8 @@ bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_cap
          !wex_pid_exists(rec->pid) && wex_proc_is_exit(rec) == 1;
 }
 
-// Gives it a record, of which the sweep finds that the exit was lost. Should its program be registered by a
-// new process before, or be running already, that one takes its place.
+// Gives it a record, so that the sweep finds the lost exit and restarts the program. When a new process of
+// the program is registered before that, or runs already, it takes the record's place.
 void adopt_if_lost(int32_t vsd, const char* path) {
   wex_pid* const rec = wex_new_record();  // may wait for memory, so nothing is held yet
   chain_lock hold(wex_chains);  // or an exit that is being handled might be about to remove the file

@@ -1,8 +1,8 @@
 // wex_core_filter: which process events the kernel puts into the monitor's queue. Any thread.
 #pragma once
 
-// Who needs the ends of single threads that dumped no core. They are most of what a busy machine reports, and
-// nobody else does.
+// Who needs the ends of single threads that dumped no core. On a busy machine they are most of all events, so
+// they pass only while one of these needs them.
 enum class thread_ends_for {
   undecided_exits,  // a main thread has ended, and its process does once the others have
   registrations,    // a thread is registered as if it were a process
@@ -13,5 +13,6 @@ enum class thread_ends_for {
 void wex_attach_filter(int fd);
 void wex_release_filter();
 
-// What ended before the call has not been reported: whoever calls it looks again.
+// Asks for them, or no longer. Threads that ended before the call were not reported, so the caller looks at
+// /proc once more after it.
 void wex_pass_thread_ends(thread_ends_for whom, bool pass);

@@ -1,4 +1,4 @@
-// wex_core_fork: watches the fork-failure marker. A daemon that cannot fork cannot restart anything; after
+// wex_core_fork: watches the fork-failure file. A daemon that cannot fork cannot restart anything; after
 // the seventh failure it ends, so that it can be started afresh.
 #define WEX_MODULE "wex_core"
 #include "wex_core.h"
@@ -35,15 +35,15 @@ constexpr size_t kEventBytes = 1024;
   _exit(1);
 }
 
-// The marker holds one byte for each failure.
+// The file holds one byte for each failure.
 void count_failures() {
-  const unique_fd marker = wex_open_file(kForkFile, O_RDONLY);
-  if (!marker.valid()) {
+  const unique_fd file = wex_open_file(kForkFile, O_RDONLY);
+  if (!file.valid()) {
     wex_dbg(WEX_DBG_PUB, "open %s error, %s\n", kForkFile, strerror(errno));
     return;
   }
   char text[256] = {};
-  if (safe_read(marker.get(), text, sizeof text - 1) < 0) {
+  if (safe_read(file.get(), text, sizeof text - 1) < 0) {
     wex_dbg(WEX_DBG_PUB, "read %s error, %s\n", kForkFile, strerror(errno));
     return;
   }

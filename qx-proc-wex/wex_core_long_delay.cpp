@@ -1,11 +1,10 @@
-// wex_core, long restart delays: tells in the running log which programs want their restarts delayed by more
-// than an hour, for every restart of every program waits behind such a one.
+// wex_core, long restart delays: logs which programs ask for restarts delayed by more than an hour. The exit
+// handler sleeps such a delay with the registry locked, so all other restarts wait for it.
 //
-// The control server only leaves a note, for it must not wait for a disk; the delay thread writes. Any user
-// can register as often as he likes, under any command line: one line a minute is written for all programs
-// together, and the notes wait for it in the order in which they came. The running log is small, and what it
-// says about crashes must not be pushed out. A program that is noted already has no second note, and while
-// all notes wait, no other program is noted.
+// The control server must not wait for a disk: it only notes the program, and the delay thread writes the
+// line. Any user can register as often as he likes, under any command line, and the running log is small: so
+// one line a minute is written for all programs together, in the order of the notes. A program has one note
+// at a time, and while all notes are in use, no other program is noted.
 #define WEX_MODULE "wex_core"
 #include "wex_core_long_delay.h"
 
@@ -30,14 +29,14 @@ struct note {
 struct waiting_notes {
   note notes[kLongDelayNotes];
   int count;
-  bool told;        // once at least, last at:
-  int32_t told_at;  // monotonic seconds
+  bool logged;        // at least one line was written, the last one at:
+  int32_t logged_at;  // monotonic seconds
 };
 
 priority_mutex g_mutex;
 waiting_notes g_waiting WEX_TSA(guarded_by(g_mutex));
 
-// The program's own note, else a new one at the end; null when there is no room.
+// The note that the program has, else a new one at the end; null when there is no room.
 note* find_note(const char* program) WEX_TSA(requires_capability(g_mutex)) {
   note* const end = g_waiting.notes + g_waiting.count;
   note* const own = std::find_if(
@@ -58,14 +57,14 @@ bool take_note(note* out) {
   const int32_t now = wex_clock_now();
   const mutex_lock hold(g_mutex);
   if (g_waiting.count == 0 ||
-      (g_waiting.told && static_cast<int64_t>(now) - g_waiting.told_at < kLongDelayToldSec)) {
+      (g_waiting.logged && static_cast<int64_t>(now) - g_waiting.logged_at < kLongDelayLogSec)) {
     return false;
   }
   *out = g_waiting.notes[0];
   std::copy(g_waiting.notes + 1, g_waiting.notes + g_waiting.count, g_waiting.notes);
   --g_waiting.count;
-  g_waiting.told = true;
-  g_waiting.told_at = now;
+  g_waiting.logged = true;
+  g_waiting.logged_at = now;
   return true;
 }
 
@@ -83,7 +82,7 @@ void wex_note_long_delay(const char* process, int32_t pid, int32_t delay) {
   }
 }
 
-void wex_tell_long_delays() {
+void wex_log_long_delays() {
   note entry = {};
   if (take_note(&entry)) {
     wex_running_log("Process %d wants its restarts delayed by %d s.\r\n", entry.pid, entry.delay);

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// Notes that the program of `process` wants long restart delays; never waits. Control server only.
+// Notes that the program of `process` asks for long restart delays; never waits. Control server only.
 void wex_note_long_delay(const char* process, int32_t pid, int32_t delay);
 
 // Writes what was noted to the running log, a program once a minute at most. Delay thread only.
-void wex_tell_long_delays();
+void wex_log_long_delays();

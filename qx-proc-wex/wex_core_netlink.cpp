@@ -1,6 +1,5 @@
-// wex_core_netlink: the daemon's eyes. Subscribes to the kernel's process events; registers third-part
-// programs when they are executed, hands every exit to the exit handler, reboots when too many programs crash
-// at once.
+// wex_core_netlink: the exit monitor. Subscribes to the kernel's process events, reads them, and hands
+// executions and exits on (wex_core_executed, wex_core_event).
 #define WEX_MODULE "wex_core"
 #include "wex_core_netlink.h"
 
@@ -49,7 +48,7 @@ T field(const uint8_t* message, size_t at) {
 }
 
 template <typename T>
-void put(uint8_t* message, size_t at, T value) {
+void store_field(uint8_t* message, size_t at, T value) {
   memcpy(message + at, &value, sizeof value);
 }
 
@@ -157,11 +156,11 @@ outcome set_up(unique_fd* events) {
   return {0, 0};
 }
 
-// What one run of the monitor knows.
+// The state of one run of the monitor.
 struct monitor {
   int fd;
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
-  bool missed_some = true;  // programs may have been executed that were reported to nobody: at first, all
+  bool missed_some = true;  // executions may have gone unreported: at first all of them, later some
 };
 
 void on_event(const process_event& event, void* context) {
@@ -182,16 +181,16 @@ void on_event(const process_event& event, void* context) {
   }
 }
 
-void receive_one(monitor* eyes) {
+void receive_one(monitor* state) {
   uint8_t bytes[kDatagramMax];
   sockaddr_nl from = {};
   socklen_t from_size = sizeof from;
   const ssize_t size =
-      recvfrom(eyes->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
+      recvfrom(state->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
   if (size < 0) {
-    if (errno == ENOBUFS) {  // told once, however many events were lost, and before those still queued
+    if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
       wex_request_sweep();
-      eyes->missed_some = true;
+      state->missed_some = true;
     }
     wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
     return;
@@ -201,29 +200,29 @@ void receive_one(monitor* eyes) {
     return;
   }
   if (from.nl_groups == kProcessGroup && from.nl_pid == 0) {
-    wex_walk_datagram(bytes, static_cast<size_t>(size), on_event, eyes);
+    wex_walk_datagram(bytes, static_cast<size_t>(size), on_event, state);
   }
 }
 
 // Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
 // the flag again, -1 with errno.
-int wait_for_event(monitor* eyes, int limit_ms) {
-  struct pollfd inputs[] = {{eyes->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
+int wait_for_event(monitor* state, int limit_ms) {
+  struct pollfd inputs[] = {{state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
   int ready = poll(inputs, 2, 0);
-  if (ready == 0 && eyes->missed_some && eyes->ack_wait_ms < 0) {
-    // Not before all has been read, for until then the kernel goes on dropping events, and not before it has
-    // had time to carry out the subscription.
-    eyes->missed_some = false;
+  if (ready == 0 && state->missed_some && state->ack_wait_ms < 0) {
+    // Only now that the queue is empty, for a full one makes the kernel drop further events, and only after
+    // the kernel has had time to carry out the subscription: what is executed before that is not reported.
+    state->missed_some = false;
     wex_register_running();
     return 0;
   }
   if (ready == 0) {
-    const bool for_the_answer = eyes->ack_wait_ms >= 0 && (limit_ms < 0 || eyes->ack_wait_ms <= limit_ms);
+    const bool for_the_answer = state->ack_wait_ms >= 0 && (limit_ms < 0 || state->ack_wait_ms <= limit_ms);
     wex_monitor_read_until.store(INT32_MAX, std::memory_order_release);
-    ready = poll(inputs, 2, for_the_answer ? eyes->ack_wait_ms : limit_ms);
+    ready = poll(inputs, 2, for_the_answer ? state->ack_wait_ms : limit_ms);
     wex_monitor_read_until.store(wex_clock_now(), std::memory_order_release);
     if (ready == 0 && for_the_answer) {
-      eyes->ack_wait_ms = -1;
+      state->ack_wait_ms = -1;
       wex_running_log("The kernel does not answer for process events, exits may go unseen.\r\n");
     }
   }
@@ -231,24 +230,24 @@ int wait_for_event(monitor* eyes, int limit_ms) {
     return errno == EINTR ? 0 : -1;
   }
   if ((inputs[0].revents & POLLNVAL) != 0) {
-    errno = EBADF;  // looked at again and again it would never be anything else
+    errno = EBADF;  // poll() would return POLLNVAL at once every time, and the loop would spin
     return -1;
   }
   return (inputs[0].revents & (POLLIN | POLLERR)) != 0 ? 1 : 0;
 }
 
 outcome watch(int fd) {
-  monitor eyes = {fd};
-  wex_request_sweep();  // what died between the rebuild and the subscription was reported to nobody
+  monitor state = {fd};
+  wex_request_sweep();  // exits between the rebuild and the subscription were not reported
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
-    const int ready = wait_for_event(&eyes, wex_settle_exits());
+    const int ready = wait_for_event(&state, wex_judge_pending_exits());
     if (ready < 0) {
       const int error = errno;
       wex_dbg(WEX_DBG_PUB, "%s: select sk_nl fail: %s\n", kThreadName, strerror(error));
       return {-5, error};
     }
     if (ready > 0) {
-      receive_one(&eyes);
+      receive_one(&state);
       usleep(WEX_MONITOR_PAUSE_US);
     }
   }
@@ -259,13 +258,13 @@ outcome watch(int fd) {
 
 void wex_build_subscription(int32_t pid, uint8_t (&message)[kSubscriptionSize]) {
   memset(message, 0, sizeof message);
-  put<uint32_t>(message, 0, kSubscriptionSize);
-  put<uint16_t>(message, 4, NLMSG_DONE);
-  put<int32_t>(message, 12, pid);
-  put<uint32_t>(message, 16, kProcessGroup);
-  put<uint32_t>(message, 20, kProcessValue);
-  put<uint16_t>(message, 32, sizeof kListen);
-  put<uint32_t>(message, 36, kListen);
+  store_field<uint32_t>(message, 0, kSubscriptionSize);
+  store_field<uint16_t>(message, 4, NLMSG_DONE);
+  store_field<int32_t>(message, 12, pid);
+  store_field<uint32_t>(message, 16, kProcessGroup);
+  store_field<uint32_t>(message, 20, kProcessValue);
+  store_field<uint16_t>(message, 32, sizeof kListen);
+  store_field<uint32_t>(message, 36, kListen);
 }
 
 void wex_walk_datagram(const uint8_t* bytes, size_t size,

@@ -28,8 +28,8 @@ namespace {
 constexpr char kWatchdog[] = "wex_notifer_run";
 constexpr size_t kThreadNameSize = 32;
 
-// The process that was aborted last, if the last scan aborted one: it may ignore the signal, so the next scan
-// serves the next process, however many hung threads this one has. Known to the watchdog's thread alone.
+// The process that was aborted last, if the last scan aborted one. It may ignore the signal, so the next scan
+// takes the next process, however many hung threads this one has. Watchdog's thread only.
 int32_t g_last_served = 0;
 bool g_turn_passed = false;
 
@@ -111,9 +111,9 @@ void abort_hung(const wex_pid* thread) {
 
 // The order in which processes take turns: that of the walk over their main threads.
 bool has_earlier_turn(int32_t process, int32_t other) {
-  const auto place = wex_hash_pid(process);
-  const auto other_place = wex_hash_pid(other);
-  return place != other_place ? place < other_place : process < other;
+  const auto bucket = wex_hash_pid(process);
+  const auto other_bucket = wex_hash_pid(other);
+  return bucket != other_bucket ? bucket < other_bucket : process < other;
 }
 
 void serve(const wex_pid* thread, scan* now) {
@@ -173,16 +173,17 @@ void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
   g_turn_passed = now->abort_sent;
 }
 
-// Somebody may have removed or cut the table; then no silence can be told from a report that went elsewhere.
+// Somebody may have removed or cut the table. Reports may then go to another one, and a silent thread looks
+// like one that reports there.
 bool check_table() {
-  static bool told = false;
+  static bool logged = false;
   const bool intact = wex_alive_table_intact();
-  if (!intact && !told) {
+  if (!intact && !logged) {
     wex_running_log(
         "%s is not the table that threads were registered in, or is full, hangs are not counted.\r\n",
         kAliveTableFile);
   }
-  told = !intact;
+  logged = !intact;
   return intact;
 }
 
@@ -228,6 +229,7 @@ void wex_scan_alive_chains() {
   }
 }
 
+// Kept: the spelling, which is also the thread's name, see docs/decisions.md.
 extern "C" void* wex_notifer_run(void* /*unused*/) {
   if (prctl(PR_SET_NAME, "wex_thread_notify_timer") != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: %s", kWatchdog, strerror(errno));

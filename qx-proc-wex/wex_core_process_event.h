@@ -25,5 +25,5 @@ struct process_event {
   int32_t pid;
   int32_t tgid;
   uint32_t exit_code;  // exit events: kernel wait status
-  uint64_t time_ns;    // monotonic, as the kernel counts; 0 = not stamped
+  uint64_t time_ns;    // the kernel's monotonic clock; 0 = no time stamp
 };

@@ -4,21 +4,21 @@
 #include "wex_action.h"
 #include "wex_chain.h"
 
-// What is different after an exit, after a self-check wait, and when the daemon starts.
-struct restart_road {
+// What differs between a restart after an exit, after a self-check wait, and at the start of the daemon.
+struct restart_case {
   const char* module;      // that diagnostics name
   bool needs_process;      // without one the record keeps its pid and file; else its file goes, its pid is -1
   bool may_postpone_next;  // the next exit is postponed again, though this one was forced
-  bool tells_exit;         // the system log tells a new start after exit code 0, diagnostics are an exit's
+  bool logs_exit;  // the system log has a line of its own after exit code 0, and diagnostics name the exit
 };
-inline constexpr restart_road kAfterExit = {"wex_core", true, true, true};
-inline constexpr restart_road kAfterWait = {"wex_signals", true, false, false};
-inline constexpr restart_road kAtStart = {"wex_chain", false, false, false};
+inline constexpr restart_case kAfterExit = {"wex_core", true, true, true};
+inline constexpr restart_case kAfterWait = {"wex_signals", true, false, false};
+inline constexpr restart_case kAtStart = {"wex_chain", false, false, false};
 
 // Starts the record's program, or its script, and either has the record adopt the new pid or marks its
 // restart as failed; a record that was parked is not marked. The result of the spawner.
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
-                          const restart_road& road) WEX_TSA(requires_capability(chain, wex_chains));
+                          const restart_case& after) WEX_TSA(requires_capability(chain, wex_chains));
 
 // Tells the system log of a restart that found its process.
-void wex_tell_restarted(wex_pid* rec, const wex_action& action, const restart_road& road);
+void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after);

@@ -1,4 +1,4 @@
-// wex_core, the control server: the daemon's end of the control channel.
+// wex_core, the control server: the daemon's side of the control channel.
 //
 // One thread owns the listening socket, the table of clients and the epoll set, so none of them is locked. It
 // runs at real-time priority: everything here is bounded, and no send waits for a client.
@@ -23,8 +23,8 @@
 #include "received_descriptors.h"
 #include "unique_fd.h"
 #include "wex_core_claim.h"
-#include "wex_core_place.h"
 #include "wex_core_stop.h"
+#include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -126,7 +126,7 @@ int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
   return result;
 }
 
-// Says only that the message came: the sender is not to wait for what its handler does.
+// The acknowledgement says only that the message arrived: the sender does not wait for the handler.
 int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
   const message_rule* const rule = find_rule(msg.msg_type);
   if (rule == nullptr) {
@@ -179,7 +179,7 @@ bool drop_client(server& self, int sd) {
   return true;
 }
 
-// One message of one client. A client that breaks the rules loses its connection, and nobody else anything.
+// One message of one client. A client whose message is malformed loses its connection; others are unaffected.
 bool serve_client(server& self, int sd) {
   owned_msg msg;
   self.code = wex_recv_domain_msg(sd, msg.fill());
@@ -225,7 +225,7 @@ bool watch_or_fail(server& self, int fd, int why) {
   return self.fail(why, cause);
 }
 
-// Whoever is one client too many ends the daemon: whoever starts it again gets a clean table.
+// One client more than the table holds ends the daemon; it is started again with an empty table.
 bool keep_client(server& self, unique_fd sd) {
   int32_t* const slot = find_slot(-1);
   if (slot == nullptr) {
@@ -238,8 +238,8 @@ bool keep_client(server& self, unique_fd sd) {
   return watch_or_fail(self, *slot, kWatchClientFailed);
 }
 
-// All that wait, up to a bound: a program that connects and leaves all the time must not make the others wait
-// for a cycle each. An accept that fails ends the daemon.
+// Accepts all clients that wait, up to a bound: with one a cycle, a program that connects and leaves all the
+// time would make each of the others wait for another cycle. An accept that fails ends the daemon.
 bool admit_clients(server& self) {
   for (int admitted = 0; admitted < kAcceptedAtOnce; ++admitted) {
     unique_fd sd = accept_client(self.listener.get());
@@ -288,8 +288,8 @@ bool open_interest(server& self) {
   return true;
 }
 
-// A connection without input has broken: current kernels report the reset of a peer that left in bursts
-// without saying that its end can be read. Only the listener is worth the daemon.
+// An event without input means a broken connection: current kernels report the reset of a peer that went away
+// with unread messages without EPOLLIN. A client is dropped then; a broken listener ends the daemon.
 bool handle_event(server& self, const epoll_event& event) {
   const int fd = event.data.fd;
   if (fd == wex_wakeup_fd()) {
@@ -303,8 +303,8 @@ bool handle_event(server& self, const epoll_event& event) {
   return fd == self.listener.get() ? admit_clients(self) : serve_client(self, fd);
 }
 
-// One message for each of the clients that have waited longest: the kernel puts whom it has told of at the
-// end of its list.
+// One message from each of the clients that have waited longest: the kernel moves those that it has reported
+// to the end of its list.
 bool run_cycle(server& self) {
   memset(g_events, 0, sizeof g_events);
   const int ready = epoll_wait(self.epoll.get(), g_events, kServedAtOnce, kServerWaitMs);
@@ -332,13 +332,13 @@ void bind_listener(binding* task) {
   task->error = bind(task->sd, reinterpret_cast<const sockaddr*>(&address), length) == 0 ? 0 : errno;
 }
 
-// Remembers which node is ours, and says when its mode is too narrow.
+// Remembers which node is ours, and logs when its mode is too narrow.
 void look_at_node(int unshared) {
   struct stat node = {};
   if (lstat(kControlSocket, &node) != 0) {
-    node.st_ino = ~ino_t{0};  // gone already: whatever comes there is not ours
+    node.st_ino = ~ino_t{0};  // removed already; no other node has this number, so the loss is logged
   }
-  wex_note_place(WEX_PLACE_SOCKET, node);
+  wex_watch_name(WEX_NAME_SOCKET, node);
   if (S_ISSOCK(node.st_mode) && (node.st_mode & kSocketMode) != kSocketMode) {
     wex_running_log("%s could not be opened to all: %s. Clients of other users are turned away.\r\n",
                     kControlSocket, strerror(unshared));
@@ -362,7 +362,7 @@ void* bind_open_to_all(void* task) {
 // The mode is never set by the node's name: everybody may write to the directory, and whoever puts a link in
 // the node's place would have root open the link's target to all. Without a thread, or without a umask of its
 // own for it, the starter's umask narrows the mode: clients of other users may then be turned away, which
-// harms nobody's files.
+// leaves every file's mode as it is.
 int bind_control_socket(int sd) {
   const bool moved = wex_unlink(kControlSocket) != 0 && errno != ENOENT && wex_make_room(kControlSocket);
   binding task = {sd, 0, 0};
@@ -377,7 +377,7 @@ int bind_control_socket(int sd) {
     look_at_node(task.unshared);
   }
   if (moved) {
-    wex_tell_moved();
+    wex_log_moved_names();
   }
   return task.error;
 }
@@ -399,7 +399,7 @@ bool open_listener(server& self) {
     return self.fail(kListenFailed, cause);
   }
   const int flags = fcntl(self.listener.get(), F_GETFL);
-  fcntl(self.listener.get(), F_SETFL, flags | O_NONBLOCK);  // accepted until nobody waits any more
+  fcntl(self.listener.get(), F_SETFL, flags | O_NONBLOCK);  // accepting goes on until no client waits
   return true;
 }
 
@@ -416,8 +416,8 @@ bool set_up(server& self) {
   return open_interest(self);
 }
 
-// A table that was never filled still holds zeros, and descriptor 0 goes with it: once, for the number may be
-// another thread's file a moment later.
+// Kept: a table that was never filled holds zeros, so descriptor 0 is closed, see docs/decisions.md. Once
+// only: another thread may have opened a file under that number by the second time.
 void close_clients(const server& self) {
   if (!self.table_ready) {
     close(g_client_table[0]);

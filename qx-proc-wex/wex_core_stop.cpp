@@ -1,5 +1,5 @@
-// wex_core_stop: the stop flag and the descriptor that wakes whoever waits when it is raised. A daemon that
-// has lost a thread must end at once: it still holds the lock that keeps its successor from starting.
+// wex_core_stop: the stop flag, and the descriptor that ends every wait when the flag is raised. A daemon
+// that has lost a thread must end at once: it still holds the lock that keeps the next daemon from starting.
 #define WEX_MODULE "wex_core"
 #include "wex_core_stop.h"
 

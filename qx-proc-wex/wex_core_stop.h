@@ -19,8 +19,9 @@ void wex_init_wakeup();
 // Sleeps `milliseconds`, less when the flag is raised.
 void wex_wait_exit(int64_t milliseconds);
 
-// Writes "Thread ... exit" to the running log, the last word of a thread that ends the daemon.
+// Writes "Thread ... exit" to the running log: the last line of a thread that ends the daemon.
 void wex_log_thread_end(const char* thread, int code, int error);
 
-// Ends the daemon at once because nothing can be restarted any more: running log, marker, status 1.
+// Ends the daemon at once because nothing can be restarted any more: running log, fork-failure file,
+// status 1.
 [[noreturn]] void wex_end_unable_to_restart();

@@ -1,8 +1,8 @@
 // wex_core_takedown: what the daemon makes of a domain that is being taken down by the command line.
 //
-// While any domain's marker exists, no exit of any process is followed by a restart. Programs that wait for a
-// restart are another matter: those of other domains come back as ever, those of the very domain are
-// forgotten, or they would come back after the take-down, outside of the domain that they belonged to.
+// While any domain's take-down marker exists, no exit of any process is followed by a restart. A program that
+// waits for a restart is started all the same when it belongs to another domain. One of the domain itself
+// loses its registration: it would be started after the take-down, outside of its domain.
 #define WEX_MODULE "wex_core"
 #include "wex_core_takedown.h"
 
@@ -18,15 +18,15 @@
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_proc_marker.h"
 #include "wex_utils.h"
 
 namespace {
 
-// The domain whose marker was acted on since the running log was last told; 0 for none.
+// The domain whose marker was acted on since the running log was last written to; 0 for none.
 std::atomic<int32_t> g_acted_on{0};
 
 // A take-down of the domain has been seen, and the registry has not been looked through since. The look may
@@ -75,8 +75,8 @@ bool any_is_closing() {
   return false;
 }
 
-// A program that registered without naming its domain is known by its marker file, which takes a walk through
-// all domains to find.
+// A program that registered without naming its domain is recognised by its flag file; finding that takes a
+// walk through all domains.
 bool is_of_closing_domain(const wex_pid* rec) {
   if (rec->vsd >= kFirstDomain) {
     return is_closing(rec->vsd);
@@ -91,7 +91,7 @@ bool is_down(const wex_pid* rec) {
          wex_judge_presence(wex_look_at(rec->pid), rec->start_time) == presence::absent;
 }
 
-void forget(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   {
     chain_lock hold(wex_chains_delay);
     if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, rec->pid)) {
@@ -108,7 +108,7 @@ void drop_what_is_down() {
   while (wex_pid* const rec = walk.next()) {
     const bool elsewhere = rec->vsd >= kFirstDomain && !is_closing(rec->vsd);
     if (!elsewhere && is_down(rec) && is_of_closing_domain(rec)) {
-      forget(rec);
+      drop_with_copy(rec);
     }
   }
 }
@@ -123,21 +123,22 @@ bool wex_take_down_under_way() {
   return domain != 0;
 }
 
-// The marker of a take-down that was cut short stays and would switch supervision off in silence.
-void wex_tell_take_downs() {
-  static bool told = false;
+// The marker of a take-down that was cut short stays and keeps exited programs down, so the running log says
+// that it is there.
+void wex_log_take_downs() {
+  static bool logged = false;
   const int32_t acted_on = g_acted_on.exchange(0);
   const int32_t marked = first_marked_domain();
   const int32_t domain = marked != 0 ? marked : acted_on;
-  if (domain != 0 && !told) {
+  if (domain != 0 && !logged) {
     char marker[kPathSize];
     wex_take_down_marker(domain, marker);
     wex_running_log("%s exists, exited processes are not restarted.\r\n", marker);
-    told = true;
+    logged = true;
   }
-  if (marked == 0 && told) {
+  if (marked == 0 && logged) {
     wex_running_log("No domain is taken down any more, exited processes are restarted.\r\n");
-    told = false;
+    logged = false;
   }
 }
 
@@ -165,7 +166,7 @@ bool __wex_dropped_with_domain(wex_pid* rec) {
   if (!is_of_closing_domain(rec)) {
     return false;
   }
-  forget(rec);
+  drop_with_copy(rec);
   return true;
 }
 
@@ -175,6 +176,6 @@ void wex_drop_domains_taken_down() {
   }
   drop_what_is_down();
   for (std::atomic<bool>& domain : g_closing) {
-    domain.store(false);  // while the marker stays it speaks for itself
+    domain.store(false);  // a marker that is still there is found by looking
   }
 }

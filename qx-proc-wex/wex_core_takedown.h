@@ -7,9 +7,9 @@
 // thread.
 bool wex_take_down_under_way();
 
-// Tells the running log of take-downs that have begun or ended since the last call. Delay thread only: the
-// others must not wait for a disk, and two writers would contradict each other.
-void wex_tell_take_downs();
+// Writes the take-downs that have begun or ended since the last call to the running log. Delay thread only:
+// the others must not wait for a disk, and of two writers each could log a change that the other has logged.
+void wex_log_take_downs();
 
 // Sleeps `milliseconds`, less when the stop flag is raised, with wex_chains held by the caller. The delay
 // thread, which waits for that chain meanwhile, cannot see a take-down begin and end: it is noted here.

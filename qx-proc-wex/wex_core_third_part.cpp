@@ -1,13 +1,13 @@
 // wex_core_third_part: how children ended, where the kernel's event does not tell it.
 //
-// After a restart a third-part program is looked for by its command line, for 5.5 s at the most. When nobody
-// is found the record keeps the pid of a dead process, and the exit of the child that was started would be
-// that of an unknown process: the program would stay down for ever. So the child is remembered until the
-// reaper has its status, and its end counts as one more exit of the record.
+// After a restart a third-part program is looked for by its command line, for 5.5 s at the most. When it is
+// not found the record keeps the pid of a dead process. The exit of the child that was started would then be
+// that of an unregistered process, and the program would stay down for ever. So the child is remembered until
+// the reaper has its status, and its end counts as one more exit of the record.
 //
-// Any other child is remembered when it has ended. Events may get lost, and then the status that the reaper
-// was given tells what they would have told. The two have tables of their own, because many short-lived
-// children must not push out a program that is still to be restarted.
+// Any other child is remembered when it has ended: when its exit event was lost, the status that the reaper
+// got takes the event's place. The two have tables of their own, because many short-lived children must not
+// push out a program that is still to be restarted.
 //
 // wex_spawn_mutex guards both tables: a child is remembered before it can be reaped.
 #define WEX_MODULE "wex_core"
@@ -40,11 +40,11 @@ end g_ends[kEndsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
 unsigned g_ends_noted WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
 bool is_older(const start& one, const start& other) WEX_TSA(requires_capability(wex_spawn_mutex)) {
-  return g_last_number - one.number > g_last_number - other.number;  // the numbers start over some day
+  return g_last_number - one.number > g_last_number - other.number;  // right also after the 32 bits overflow
 }
 
-// An unused entry. When so many children live on without having been found that there is none, the oldest
-// gives way, and its program stays down.
+// An unused entry. When there is none, because so many children live on without having been found, the oldest
+// entry is taken, and its program stays down.
 start* take_entry() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   start* oldest = &g_starts[0];
   for (start& one : g_starts) {

@@ -1,9 +1,9 @@
-// wex_core_upkeep: the delay thread, which looks after what no event tells of.
+// wex_core_upkeep: the delay thread, which does the periodic work.
 //
-// It hands on the restarts that waited, writes what other threads noted for the running log, and looks once a
-// minute for registered processes that vanished without an exit event: the kernel may drop events when memory
-// is short or the socket full, and says so at most once. As often it compares the database files with the
-// registry, and looks whether the daemon still has its socket, its lock file and its directory.
+// It hands postponed restarts to the exit handler and writes what other threads noted for the running log.
+// Once a minute it looks for registered processes that vanished without an exit event (the kernel may drop
+// events when memory is short or the socket full, and says so at most once), compares the database files with
+// the registry, and checks that the daemon still has its socket, its lock file and its directory.
 #define WEX_MODULE "wex_core"
 #include "wex_core_upkeep.h"
 
@@ -23,11 +23,11 @@
 #include "wex_core_filter.h"
 #include "wex_core_long_delay.h"
 #include "wex_core_netlink.h"
-#include "wex_core_place.h"
 #include "wex_core_stop.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
+#include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_utils.h"
@@ -57,7 +57,7 @@ void count_crash(int32_t pid) {
   wex_judge_crashes();
 }
 
-// A child's status is known from the reaper. For all else 0 stands for a cause that nobody knows.
+// The status of a child is known from the reaper. Of any other process the cause is unknown: 0.
 void hand_over(const lost_exit& lost) {
   wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
   if (wex_drop_taken_down(lost.pid)) {
@@ -131,8 +131,8 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
               ready.force_restart);
       wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
     }
-    wex_tell_long_delays();
-    wex_tell_take_downs();
+    wex_log_long_delays();
+    wex_log_take_downs();
     const int32_t now = wex_clock_now();
     if (static_cast<int64_t>(now) - last_files >= kSweepEverySec) {
       last_files = now;
@@ -142,9 +142,9 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       last_sweep = now;
       wex_sweep_lost_exits();
     }
-    if (static_cast<int64_t>(now) - last_look >= kPlacesEverySec) {
+    if (static_cast<int64_t>(now) - last_look >= kNamesEverySec) {
       last_look = now;
-      wex_check_places();
+      wex_check_names();
     }
     wex_wait_exit(kDelayPassMs);
   }

@@ -1,4 +1,4 @@
-// wex_core_upkeep: what the delay thread looks after.
+// wex_core_upkeep: the work of the delay thread.
 #pragma once
 
 #include <atomic>

@@ -60,7 +60,7 @@ int wex_enter_run_dir(int32_t vsd) {
 
 bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode) {
   char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  wex_format(path, sizeof path, kFlagFileFmt, vsd, pid);
   return wex_open_file(path, O_RDWR | O_CREAT, mode).valid();
 }
 

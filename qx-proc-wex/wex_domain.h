@@ -74,7 +74,7 @@ inline constexpr domain_dir kDomainDirs[] = {
     {kData2RunFmt, nullptr, WEX_MADE_BY_CREATE, WEX_REMOVE_DELETE, 6, true},
     {kEtcDomainFmt, nullptr, kMadeForPrograms, kEveryRemoval, 2, false},
     {kDomainDirFmt, "TMPDIR", kMadeForPrograms, kEveryRemoval, 1, false},
-    {kMarkerDirFmt, nullptr, WEX_MADE_AT_START | kMadeForPrograms, 0, 0, false},
+    {kFlagDirFmt, nullptr, WEX_MADE_AT_START | kMadeForPrograms, 0, 0, false},
     {kDbDirFmt, nullptr, WEX_MADE_AT_START | WEX_MADE_BY_CREATE, 0, 0, false},
     {kRunDomainFmt, nullptr, kMadeForPrograms, WEX_REMOVE_DELETE | WEX_REMOVE_FILES, 3, false},
     {kMemoryGroupFmt, nullptr, WEX_MADE_FOR_LIMITS, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, 9, false},

@@ -26,19 +26,20 @@ inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted insi
 inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches this parks the program
 inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
 inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
-inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this is said in the running log
-inline constexpr int kLongDelayNotes = 16;          // of so many programs at a time,
-inline constexpr int32_t kLongDelayToldSec = 60;    // one line in this time for all of them
+inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this gets a running-log line
+inline constexpr int kLongDelayNotes = 16;          // for so many programs at a time,
+inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for all of them
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
 inline constexpr int32_t kBurstCount = 10;
+// Kept: sixteen markers although there is no domain 16, and none for domain 0, see docs/decisions.md.
 inline constexpr int kLastTakeDownDomain = 16;  // take-down markers of domains 1 to 16 are looked at
 
 // Postponed restarts and repairs.
 inline constexpr int32_t kForceRestartSec = 301;  // a postponed restart is forced after this
 inline constexpr int32_t kSweepEverySec = 60;    // how often vanished processes and lost files are looked for
-inline constexpr int32_t kPlacesEverySec = 60;   // how often socket, lock file and directory are looked at
+inline constexpr int32_t kNamesEverySec = 60;    // how often socket, lock file and directory are looked at
 inline constexpr int32_t kSweepConfirmSec = 2;   // how long one must be gone before the exit counts as lost
 inline constexpr int32_t kReplacedKeepSec = 10;  // how long a replaced pid is remembered for late events
 inline constexpr int kReplacedKept = 64;         // and how many of them
@@ -46,9 +47,9 @@ inline constexpr int kReplacedKept = 64;         // and how many of them
 // Registry.
 inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part list is read at every look-up
 
-inline constexpr int kUnsettledExits = 64;  // exits that wait for a second look; more are handled at once
-// Looks at an exit whose process still has threads, after the first that is taken at once. What the end of a
-// thread gives rise to does not count.
+inline constexpr int kPendingExits = 64;  // exits that wait for a second look; more are handled at once
+// Further looks at an exit whose process still has threads; the first one is taken at once. Looks that are
+// made because a thread ended do not count.
 inline constexpr int kExitLooks = 4;
 inline constexpr int kExitLookMs = 5;
 inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc stays unreadable
@@ -75,7 +76,7 @@ inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
 inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
 inline constexpr int kFindTries = 10;          // extra looks for a program that detaches
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
-inline constexpr int kLooksCutShort = 10;      // looks through /proc until one is not cut short
+inline constexpr int kMaxAbortedScans = 10;    // looks through /proc until one is not cut short
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
 inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
@@ -83,11 +84,11 @@ inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
 inline constexpr int kPlatformLookMs = 10;          // how often it is looked at until then
 
-// What is short for a moment.
+// Repetitions while memory, descriptors or keys are short.
 inline constexpr unsigned kMemoryRetrySec = 5;
 inline constexpr unsigned kSemRetrySec = 1;
 inline constexpr int kSemKeyTries = 64;  // keys tried for the system semaphore while others hold their sets
-inline constexpr int kMovedTold = 4;     // names moved aside before the running log can tell
+inline constexpr int kMovedLogged = 4;   // names moved aside before the running log can be written
 inline constexpr int kLockTries = 5;     // the lock file may be replaced between open and lock
 
 // Process facts.
@@ -123,8 +124,9 @@ inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file i
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
 // System log of a plain Linux box.
-inline constexpr int kSystemLogWaitMs = 100;      // for one line; then the log counts as deaf
-inline constexpr int32_t kSystemLogDeafSec = 10;  // lines are not waited for while it does
+inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins
+inline constexpr int32_t kSystemLogBackoffSec =
+    10;  // lines that cannot be sent at once are dropped meanwhile
 
 // Domains.
 inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n

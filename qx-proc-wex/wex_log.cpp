@@ -1,5 +1,4 @@
-// wex_log: the records that outlive what they tell of: running log, event log, hang ring, reboot record; and
-// the reboot itself.
+// wex_log: the log files: running log, event log, hang ring, reboot record; and the reboot itself.
 //
 // Each entry is built in memory and written with one write on an appending descriptor: a full disk loses
 // whole entries, not halves, and two writers never mix. What is to survive a reboot is synced, and after a
@@ -72,10 +71,10 @@ void sync_directory_of(const char* path) {
 
 // One write; a disk that takes less loses the rest of the entry.
 void write_entry(int fd, const char* text, size_t length) {
-  ssize_t put;
+  ssize_t written;
   do {
-    put = write(fd, text, length);
-  } while (put < 0 && errno == EINTR);
+    written = write(fd, text, length);
+  } while (written < 0 && errno == EINTR);
 }
 
 bool is_empty(int fd) {
@@ -126,7 +125,7 @@ void append_synced(const char* path, const char* text, size_t length) {
 
 // ---- Entries ----------------------------------------------------------------------------------------------
 
-// The local time as the library words it, without its newline; empty when it has no words for it.
+// The local time as ctime() writes it, without its newline; empty when it cannot be converted.
 void time_text(char* text) {
   const time_t now = time(nullptr);
   text[0] = '\0';
@@ -224,7 +223,7 @@ size_t stamp_entry(char (&entry)[kStampSize + 2 + kMessageSize], const char* mes
   return strlen(entry);
 }
 
-// A sync may take seconds, so it comes when the mutex is free again: nobody waits for another one's sync.
+// A sync may take seconds, so it comes when the mutex is free again: no thread waits for another's sync.
 void append_running_entry(const char* message) {
   const char* path;
   written_entry written;
@@ -258,7 +257,7 @@ bool ends_running_log(const char* message) {
 
 // ---- The hang ring ----------------------------------------------------------------------------------------
 
-// Without its counter the ring has no next slot: it begins anew.
+// The ring without its counter file has no next slot, so it begins anew.
 void empty_ring(const char* path) {
   wex_dbg(WEX_DBG_PUB, "file: %s not exist!\n", kNotifyCount);
   if (exists(path)) {
@@ -389,7 +388,7 @@ void wex_log_notify_info(const char* path, const char* format, ...) {
 }
 
 int wex_log_notify_get_count(const char* path) {
-  // The number in the file is the result even when it looks like one of ours: "-2" in it empties the ring.
+  // Kept: the number in the file is the result even when it is -2 or -1, see docs/decisions.md.
   const unique_fd file = wex_open_file(path, O_RDONLY);
   if (!file.valid()) {
     return errno == ENOENT ? kCountMissing : kCountUnreadable;
@@ -435,6 +434,7 @@ void wex_reboot(const char* reason, const char* detail) {
   }
   wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
   safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
+  // Kept: most entries end with an empty line, see docs/decisions.md.
   if (detail != nullptr) {
     wex_log_record_reboot_info(kRebootLog, "%s%s\n", reason, detail);
   } else {
@@ -442,5 +442,5 @@ void wex_reboot(const char* reason, const char* detail) {
   }
   log_reboot(reason, detail != nullptr ? detail : "");
   safe_sleep(kRebootPauseSec);
-  reboot(RB_AUTOBOOT);  // at once and without a sync; a refusal sends the caller on its way
+  reboot(RB_AUTOBOOT);  // at once and without a sync; returns only when the kernel refuses
 }

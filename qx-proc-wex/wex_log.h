@@ -1,4 +1,4 @@
-// wex_log: the records that outlive what they tell of: running log, event log, hang ring, reboot record.
+// wex_log: the log files: running log, event log, hang ring, reboot record; and the reboot itself.
 //
 // Each entry is built in memory and written with one write.
 #pragma once

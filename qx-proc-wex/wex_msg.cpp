@@ -45,11 +45,11 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
     result = wex_read_command(body.pid, command, size);
   }
   if (result == command_read::program) {
-    char told[sizeof body.process + 1] = {};
-    memcpy(told, body.process, sizeof body.process);
+    char from_message[sizeof body.process + 1] = {};
+    memcpy(from_message, body.process, sizeof body.process);
     const size_t length = strlen(command);
-    if (strncmp(told, command, length) == 0 && told[length] == ' ') {
-      wex_copy_text(command, size, told);
+    if (strncmp(from_message, command, length) == 0 && from_message[length] == ' ') {
+      wex_copy_text(command, size, from_message);
     }
   }
   return result != command_read::nothing;
@@ -77,7 +77,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   return rec;
 }
 
-// A pid that is left over from a restart that found no process belongs to whoever has it now.
+// A record whose restart found no process keeps a dead pid; the process that has the pid now may register it.
 bool is_registered(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
   return rec != nullptr && (rec->restart_failed == 0 || wex_record_lives(rec));
@@ -136,7 +136,7 @@ struct notify_kind {
 constexpr notify_kind kStart = {"wex_notifier_start", false};
 constexpr notify_kind kReset = {"wex_notifier_reset", true};
 
-// The words are kept as they came; whoever counts with them minds their range.
+// The numbers are kept as they came; the watchdog, which counts with them, checks for overflow.
 void copy_counters(wex_pid* rec, const wex_reg_info& body) {
   rec->notify_info[WEX_NTFY_CNT] = body.ntfy_cnt;
   rec->notify_info[WEX_CUR_CNT] = body.cur_cnt;
@@ -155,7 +155,7 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
 }
 
 // Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
-wex_pid* settle_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
+wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
     WEX_TSA(requires_capability(wex_alive_chains)) {
   wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
   if (known == nullptr) {
@@ -177,7 +177,7 @@ int register_thread(const wex_reg_info& body, const notify_kind& kind) {
   }
   wex_pid* const fresh = build_thread(body, command);
   const chain_lock hold(wex_alive_chains);
-  wex_pid* const rec = settle_thread(fresh, body, kind.renews);
+  wex_pid* const rec = find_or_add_thread(fresh, body, kind.renews);
   if (wex_in_alive_table(body.pid)) {
     const auto tid = static_cast<uint32_t>(body.pid);
     wex_sys_reg_alive_info(tid);

@@ -18,8 +18,8 @@ int wex_notifier_reset(const wex_reg_info* body);
 int wex_process_cons_msg(const wex_cons_info* body);
 }
 
-// Registers a third-part program in process, as if it had sent the message itself: database file, marker and
-// record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1.
+// Registers a third-part program in process, as if it had sent the message itself: database file, flag file
+// and record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1.
 //
 // `memory` is what is left of a record and is taken over, whatever the result; who holds wex_chains must have
 // one. Null: memory is waited for.

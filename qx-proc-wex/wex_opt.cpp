@@ -1,7 +1,8 @@
 // wex_opt: the command line, a small tool for domains in the daemon's own program.
 //
-// Runs before the daemon has threads or its lock. Some wrong commands return to start-up, as they always
-// have; there the single-instance lock stops them while a daemon runs.
+// Runs before the daemon has threads or its lock.
+// Kept: some wrong commands go on to start the daemon, see docs/decisions.md. While one runs, its lock stops
+// them.
 #define WEX_MODULE "wex_opt"
 #include "wex_opt.h"
 
@@ -86,7 +87,7 @@ void handle_option(int argc, char** argv) {
   }
 }
 
-// wex OPTION NUMBER. A number that is none, or not above 0, is told and the next option looked for.
+// wex OPTION NUMBER. A value that is no number, or not above 0, is printed and the next option read.
 void handle_option_and_number(int argc, char** argv) {
   for (;;) {
     const int chosen = next_option(argc, argv);

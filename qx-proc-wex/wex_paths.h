@@ -22,9 +22,9 @@ inline constexpr char kEventLog2[]        = WEX_RUN "/wex.log2";                
 
 inline constexpr char kDomainDirFmt[]     = WEX_DOMAIN;                           // any, gone: domain
 inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                       // the same, as a directory to probe
-inline constexpr char kMarkerDirFmt[]     = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
-inline constexpr char kMarkerDirBareFmt[] = WEX_DOMAIN "/wex";                    // the same without its slash
-inline constexpr char kMarkerFmt[]        = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
+inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
+inline constexpr char kFlagDirBareFmt[]   = WEX_DOMAIN "/wex";                    // the same without its slash
+inline constexpr char kFlagFileFmt[]      = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
 inline constexpr char kDbDirFmt[]         = WEX_DOMAIN "/wex/db";                 // daemon, gone: domain
 inline constexpr char kDbFileFmt[]        = WEX_DOMAIN "/wex/db/%s.%d";           // client, gone: domain, program, pid
 inline constexpr char kOldPidFileFmt[]    = WEX_DOMAIN "/wex/db/%d";              // nobody: domain, pid
@@ -108,7 +108,7 @@ inline constexpr const char* kMainDirs[] = {
 inline constexpr const char* kData2Dirs[] = {"/data2/.ovix/", "/data2/.ovix/vsd/", "/data2/.ovix/vsd/0",
                                              "/data2/var/",   "/data2/var/run/",   "/data2/var/run/vsd/"};
 
-// The last entry is the bare format: the device makes it so, and normally it fails without harm.
+// Kept: the last entry is the bare format; making it normally fails without harm, see docs/decisions.md.
 inline constexpr const char* kRunDirs[] = {"/tmp/vsd_common/", "/tmp/vsd",           "/tmp/vsd/0",
                                            "/etc/vsd",         "/etc/vsd/0",         "/data/var/",
                                            "/data/var/run/",   "/data/var/run/vsd/", kDbDirFmt};

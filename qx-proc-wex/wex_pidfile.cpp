@@ -50,7 +50,7 @@ bool name_file(int32_t vsd, int32_t pid, const char* text, char (&name)[kPathSiz
   return true;
 }
 
-// All three parts in one write: whoever dies here leaves an empty file or a whole one.
+// All three parts in one write: a process that is killed here leaves an empty file or a whole one.
 void fill(int fd, int32_t pid, int32_t action, const char* text) {
   char content[WEX_PROCESS_SIZE + 32];
   const int head = snprintf(content, sizeof content, "%d\n%d\n", pid, action);
@@ -131,7 +131,7 @@ void save_vsd_flag(int32_t vsd, int32_t pid) {
   }
   const int cause = errno;
   char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+  wex_format(path, sizeof path, kFlagFileFmt, vsd, pid);
   wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(cause));
 }
 
@@ -183,6 +183,7 @@ int wex_db_destroy(const wex_pid* rec) {
   return wex_unlink(name);
 }
 
+// Kept: removes a name that nothing creates, see docs/decisions.md.
 int wex_rm_pidfile(const wex_pid* rec) {
   char path[kPathSize];
   if (!wex_format(path, sizeof path, kOldPidFileFmt, rec->vsd, rec->pid)) {

@@ -34,7 +34,7 @@ int wex_proc_is_exit(const wex_pid* rec);
 }
 
 // As wex_mk_pidfile, for the daemon's own registrations: the locked descriptor is kept in a private table and
-// goes with the file, instead of being lost for ever. Caller holds wex_chains.
+// closed when the file is removed. Caller holds wex_chains.
 int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind);
 
 // The name of the record's database file. False with errno when no such file can exist.

@@ -39,12 +39,12 @@
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_proc_marker.h"
 #include "wex_signals_reaper.h"
 #include "wex_utils.h"
 #include "wex_utils_settings.h"
@@ -302,12 +302,12 @@ void remember_missed(wex_pid* rec, pid_t child) WEX_TSA(requires_capability(wex_
   rec->missed_start = wex_remember_start(child, rec->exit_signal);
 }
 
-// A child that has handed over to another process and ended leaves a marker that nobody else removes. While
-// it lives, the take-down of its domain needs the marker.
+// Removes the flag file of a child that has handed over to another process and has ended: nothing else would.
+// While the child lives, the take-down of its domain needs the file.
 void drop_marker_of_dead(int32_t domain, pid_t child) {
   const process_look now = wex_look_at(static_cast<int32_t>(child));
   if (child > 0 && (wex_surely_dead(now) || now.exiting)) {
-    wex_remove_markers(domain, static_cast<int32_t>(child));
+    wex_remove_flag_files(domain, static_cast<int32_t>(child));
   }
 }
 
@@ -336,15 +336,15 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
     return 0;
   }
   if (found != child && start.domain >= kFirstDomain) {
-    save_proc_info(start.domain, found);  // or its next life would be one of the main system
+    save_proc_info(start.domain, found);  // or it would be restarted in the main system
     drop_marker_of_dead(start.domain, child);
   }
   *out_pid = found;
   return found;
 }
 
-// The marker lies on the same file system whose exhaustion may be what makes fork fail, so failures are
-// counted in memory too.
+// A device without memory may be unable to fork as well as to write the fork-failure file, so failures are
+// counted in memory, too.
 void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capability(wex_chains)) {
   ++g_fork_failures;
   if (wex_mk_forkfile() != 0 && g_fork_failures >= kForkFailuresFatal) {
@@ -491,7 +491,7 @@ void wex_reboot_for(const wex_pid* rec) {
 // about the one that is looked for.
 bool wex_find_running(char* command, int32_t* out_pid) {
   int result = -1;
-  for (int look = 0; result < 0 && look < kLooksCutShort; ++look) {
+  for (int look = 0; result < 0 && look < kMaxAbortedScans; ++look) {
     result = wex_proc_to_pid(command, out_pid, 0);
   }
   return result == 1;
@@ -539,7 +539,7 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
   if (enter_domain_group(vsd) == 0) {
     wex_dbg(WEX_DBG_PUB, "setgroups success\n");
   }
-  wex_remove_markers(vsd, old_pid);
+  wex_remove_flag_files(vsd, old_pid);
 }
 
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
@@ -576,11 +576,11 @@ int wex_reset_priority(void) {
 }
 
 int wex_mk_forkfile(void) {
-  const unique_fd marker = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
-  if (!marker.valid() || safe_write(marker.get(), "a", 1) != 1) {
+  const unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
+  if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
     return -1;
   }
-  fsync(marker.get());
+  fsync(file.get());
   return 0;
 }
 

@@ -28,11 +28,11 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
 int wex_set_priority(int priority);
 int wex_reset_priority(void);
 
-// The fork-failure marker: one byte a failure; withdrawn by the first child that starts. mk: 0, or -1.
+// The fork-failure file: one byte a failure; removed by the first child that starts. mk: 0, or -1.
 int wex_mk_forkfile(void);
 void wex_rm_forkfile(void);
 
-// Child-side set-up of a domain: environment, working directory, group, and the old pid's marker taken away.
+// Child-side set-up of a domain: environment, working directory, group; removes the old pid's flag file.
 // Calls the platform first; when that fails nothing is set. Only between fork and exec.
 void set_proc_env(int32_t vsd, int32_t old_pid);
 }

@@ -89,7 +89,7 @@ int64_t size_bound(int sd, ssize_t peeked) {
 }
 
 // Takes the next record off the queue. `whole` is false when it did not fit.
-ssize_t take_record(int sd, void* buffer, size_t size, bool* whole) {
+ssize_t receive_record(int sd, void* buffer, size_t size, bool* whole) {
   iovec part = {buffer, size};
   for (;;) {
     msghdr how = {};
@@ -111,7 +111,7 @@ ssize_t take_record(int sd, void* buffer, size_t size, bool* whole) {
 
 int refuse_record(ssize_t got) {
   if (got >= 0) {
-    errno = 0;  // nothing failed but the sender
+    errno = 0;  // no call failed: the record itself is wrong
   }
   wex_dbg(WEX_DBG_PUB, "%s: recv err(ret:%d, err:%d,%s)!", "wex_inner_recv_msg", static_cast<int>(got), errno,
           strerror(errno));
@@ -131,7 +131,7 @@ struct connection {
 connection g_session = {{0}, {PTHREAD_MUTEX_INITIALIZER}, -1, 0};
 
 // A forked child may have closed everything and opened something else since: only the very socket is closed.
-void forget_inherited() WEX_TSA(requires_capability(g_session.mutex)) {
+void drop_inherited_connection() WEX_TSA(requires_capability(g_session.mutex)) {
   struct stat now = {};
   if (g_session.sd >= 0 && fstat(g_session.sd, &now) == 0 && S_ISSOCK(now.st_mode) &&
       now.st_ino == g_session.inode) {
@@ -149,7 +149,7 @@ void own_connection() WEX_TSA(no_thread_safety_analysis) {
   while (owner != self) {
     if (owner != -self && g_session.owner.compare_exchange_strong(owner, -self, std::memory_order_acq_rel)) {
       g_session.mutex.native = PTHREAD_MUTEX_INITIALIZER;
-      forget_inherited();
+      drop_inherited_connection();
       g_session.owner.store(self, std::memory_order_release);
       return;
     }
@@ -232,8 +232,8 @@ bool bind_own_path(int sd, const char* path) {
   return bind(sd, reinterpret_cast<const sockaddr*>(&own), length) == 0;
 }
 
-// The connected descriptor, or -1. Nobody asks for the address of a client: one that cannot have any connects
-// without it, for its registration matters more.
+// The connected descriptor, or -1. No program looks at the address of a client, so one that cannot be bound
+// is left out: the registration matters more.
 int wex_connect() {
   char path[32];
   wex_format(path, sizeof path, kClientSocketFmt, static_cast<int>(getpid()));
@@ -274,7 +274,7 @@ bool ensure_connection() WEX_TSA(requires_capability(g_session.mutex)) {
   return g_session.sd >= 0;
 }
 
-// 0 when the acknowledgement came, and also when it stayed away for as long as we wait.
+// 0 when the acknowledgement came, and also when none came within the time limit.
 int wex_wait_msg_ack_timeout(int sd) {
   for (int tries = 0; tries < kAckTries; ++tries) {
     short seen = 0;
@@ -370,12 +370,12 @@ int wex_inner_recv_msg(int sd, wex_inner_msg** out) {
   }
   bool whole = false;
   const int64_t total = total_size(header);
-  if (total > size_bound(sd, peeked)) {  // longer than all that has come: take the liar off the queue
-    const ssize_t got = take_record(sd, &header, sizeof header, &whole);
+  if (total > size_bound(sd, peeked)) {  // the header claims more than has arrived: take the record off
+    const ssize_t got = receive_record(sd, &header, sizeof header, &whole);
     return refuse_record(got < 0 ? got : peeked);
   }
   owned_msg msg(static_cast<wex_inner_msg*>(safe_malloc(static_cast<size_t>(total))));
-  const ssize_t got = take_record(sd, msg.get(), static_cast<size_t>(total), &whole);
+  const ssize_t got = receive_record(sd, msg.get(), static_cast<size_t>(total), &whole);
   if (got != total || !whole) {
     return refuse_record(got);
   }
@@ -434,7 +434,7 @@ void wex_rm_db_file_by_pid(int32_t pid) {
   char path[kPathSize];
   const int length = wex_get_db_file_name(found < 0 ? 0 : found, pid, command, path, sizeof path);
   if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
-    return;  // a name cut short would be somebody else's file
+    return;  // a name cut short could be another program's file
   }
   const int result = wex_unlink(path);
   wex_dbg(WEX_DBG_PUB, "%s unlink file %s ret %d\n", __func__, path, result);

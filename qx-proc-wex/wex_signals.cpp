@@ -72,7 +72,7 @@ extern "C" int wex_setup_signals(void) {
   g_wake_exists.store(true);
   for (int signal = 0; signal <= kLastSignal; ++signal) {
     if (signal != SIGCHLD) {     // ignored for a moment only, it would cost the status of a child
-      install(signal, SIG_IGN);  // through the library, which needs some signals for itself
+      install(signal, SIG_IGN);  // through sigaction(), which leaves the C library's own signals alone
     }
   }
   install(SIGINT, SIG_DFL);

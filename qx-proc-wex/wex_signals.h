@@ -14,7 +14,7 @@ void wex_wake_reaper();
 void wex_wake_alarm_thread();
 
 // Waits until one of these functions or handlers wakes the alarm thread; false when a signal handler
-// interrupted the wait. The other two tell once for which signal that was. Alarm thread only.
+// interrupted the wait. The other two say which signal came, once each. Alarm thread only.
 bool wex_await_signal();
 bool wex_take_child_signal();
 bool wex_take_alarm_signal();

@@ -83,7 +83,7 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     if (deadline < now) {
       end_wait(rec, now);
       if (__wex_start_again(&wex_chains, rec, *action, kAfterWait) > 0) {
-        wex_tell_restarted(rec, *action, kAfterWait);
+        wex_log_restarted(rec, *action, kAfterWait);
       }
     } else if (next < deadline) {
       next = deadline;
@@ -106,7 +106,7 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
       wex_alrm_handler(SIGALRM);
     }
   }
-  // A program that was missed in the last moment may have no database file that the next daemon would find.
+  // A third-part program that was not found just before may have no database file for the next daemon.
   wex_chld_handler(SIGCHLD);
   wex_handle_missed_exits();
   return nullptr;

@@ -13,13 +13,13 @@ namespace {
 
 // Reaps one child that has ended. As waitpid() for any child without blocking.
 pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
-  // Looked at first: as a zombie it still tells when it started, which with its pid says who it was.
+  // Looked at before it is reaped: as a zombie it still has its start time, which with the pid identifies it.
   siginfo_t next = {};
-  const bool told = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
-  const uint64_t start_time = told ? wex_look_at(next.si_pid).start_time : 0;
-  errno = 0;  // an older ECHILD would end the caller's loop with zombies left
+  const bool found = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
+  const uint64_t start_time = found ? wex_look_at(next.si_pid).start_time : 0;
+  errno = 0;  // the caller ends its loop at ECHILD, and errno may hold one of an earlier call
   int status = 0;
-  const pid_t child = waitpid(told ? next.si_pid : -1, &status, WNOHANG);
+  const pid_t child = waitpid(found ? next.si_pid : -1, &status, WNOHANG);
   if (child > 0) {
     wex_note_child_end(child, start_time, status);
   }

@@ -49,7 +49,7 @@ guarded_copy g_table_bytes;  // open in the daemon only, before it has threads
 
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
-void forget_unfinished_init() {
+void reset_unfinished_init() {
   g_init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
   if (g_initialised == 0) {
     g_wex_alive_info = {};
@@ -59,7 +59,7 @@ void forget_unfinished_init() {
 void watch_forks() WEX_TSA(requires_capability(g_init_mutex)) {
   static bool watched = false;
   if (!watched) {
-    watched = pthread_atfork(nullptr, nullptr, forget_unfinished_init) == 0;
+    watched = pthread_atfork(nullptr, nullptr, reset_unfinished_init) == 0;
   }
 }
 
@@ -92,7 +92,7 @@ int read_byte(uint32_t offset) {
   return base != nullptr && g_table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
 }
 
-bool put_bytes(uint32_t offset, const void* bytes, size_t size) {
+bool write_bytes(uint32_t offset, const void* bytes, size_t size) {
   uint8_t* const base = g_wex_alive_info.base;
   return base != nullptr && g_table_bytes.copy(base + offset, bytes, size);
 }
@@ -111,10 +111,10 @@ uint8_t load(uint32_t offset) {
 bool restore_length(int fd) {
   const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
   return ftruncate(fd, length) == 0 &&
-         put_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+         write_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
 }
 
-// The daemon could not write a byte: its next look at the table must not count what may be missing.
+// The daemon could not write a byte: its next scan must not count silence, for a registration may be missing.
 request_flag g_write_failed;
 
 void store(uint32_t offset, uint8_t byte) {
@@ -125,8 +125,8 @@ void store(uint32_t offset, uint8_t byte) {
     }
     return;
   }
-  if (!put_bytes(offset, &byte, sizeof byte) &&
-      !(restore_length(private_fd()) && put_bytes(offset, &byte, sizeof byte))) {
+  if (!write_bytes(offset, &byte, sizeof byte) &&
+      !(restore_length(private_fd()) && write_bytes(offset, &byte, sizeof byte))) {
     g_write_failed.raise();
   }
 }
@@ -143,11 +143,11 @@ int open_to_all(const unique_fd& table) {
 // Drops every registration. Somebody may cut the object short meanwhile.
 void clear_table() {
   constexpr uint8_t kNothing[4096] = {};
-  put_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+  write_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
   constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
   for (uint32_t at = WEX_ALIVE_BITMAP_OFFSET; at < kEnd; at += sizeof kNothing) {
     const size_t left = kEnd - at;
-    put_bytes(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
+    write_bytes(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
   }
 }
 
@@ -158,8 +158,8 @@ bool is_table(int fd) {
          size == kAliveTableSize;
 }
 
-// A file with two names that is no table is somebody else's under our name: what opens it to all begins with
-// a new one.
+// A file with two names that is no table belongs to somebody else and was linked to our name: it is neither
+// cleared nor opened to all, a new table takes the name.
 void shed_second_name() {
   const unique_fd found = open_trusted(AT_FDCWD, kAliveTableFile, O_RDONLY | O_NONBLOCK);
   struct stat status = {};

@@ -192,6 +192,7 @@ char* pid_to_cmdline(int32_t pid, char* buffer, size_t size) {
   return wex_read_command(pid, buffer, size) == command_read::nothing ? nullptr : buffer;
 }
 
+// Kept: the name; the thread group is what callers need, see docs/decisions.md.
 int32_t wex_get_ppid_form_pid(int32_t pid) {
   char line[kStatusLineSize];
   int group = -1;
@@ -325,12 +326,12 @@ int already_running(const char* path) {
       errno = errno == EACCES ? EAGAIN : errno;
       return -1;
     }
-    // A lock on a file that has lost its name keeps nobody out.
+    // A lock on a file that was removed or replaced keeps no other daemon out.
     if (!is_same_file(lock.get(), path)) {
       continue;
     }
     if (!is_ours_alone(lock.get())) {
-      wex_unlink(path);  // nobody holds it, for we do: a new one takes its place
+      wex_unlink(path);  // no other process holds it, for we have the lock: a new file takes its place
       continue;
     }
     write_own_pid(lock.get());

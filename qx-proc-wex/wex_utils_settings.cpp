@@ -1,4 +1,4 @@
-// wex_utils_settings: what files of the operator's decide: the levels of diagnostics, and the self-check
+// wex_utils_settings: settings that an operator makes by files: the levels of diagnostics, and the self-check
 // wait.
 //
 // The daemon reads the levels before it has threads, a client at the start of its registration calls.
@@ -22,7 +22,7 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 
-// "invlaid" is spelled so on the device.
+// Kept: "invlaid", see docs/decisions.md.
 const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1] = {"g_wex_pub_dbg_level", "g_wex_alive_dbg_level",
                                                              "g_wex_lib_dbg_level", "invlaid"};
 
@@ -92,6 +92,7 @@ int32_t debug_time(void) {
   if (seconds > 0) {
     return seconds;
   }
+  // Kept: "atio", see docs/decisions.md.
   wex_dbg(WEX_DBG_PUB, "%s: atio fail or file is null: %s\n", __func__, strerror(errno));
   return kSelfCheckSec;
 }

@@ -1,4 +1,4 @@
-// wex_utils_settings: what files of the operator's decide. The levels' file is declared in wex.h.
+// wex_utils_settings: settings that an operator makes by files. The levels are declared in wex.h.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// wex_vsd: the life of a domain: start, one more program, show, take-down; and a few marker files.
+// wex_vsd: what can be done with a domain: start, one more program, show, take-down; and operators' markers.
 //
 // Runs in the command-line tool, which has one thread, and in whatever program of the device loads the
 // library. The children set environment variables because the device's own preparation does so too; a program
@@ -180,6 +180,7 @@ void save_vsdinfo(int32_t vsd) {
   }
 }
 
+// Kept: digits anywhere in the list select, a process may be signalled twice, see docs/decisions.md.
 // Signals process `name` for each line of its status that names groups and holds `digits` anywhere.
 void kill_if_grouped(const char* name, const char* digits, int sig) {
   char path[kPathSize];
@@ -302,7 +303,7 @@ int show_vsd(void) {
   int32_t vsd = kFirstDomain;
   for (; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerDirFmt, vsd);
+    wex_format(path, sizeof path, kFlagDirFmt, vsd);
     dir_walk dir(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
     if (!dir.valid()) {
       continue;
@@ -357,7 +358,8 @@ int dev_mon_restart(void) {
   return probe(kDeviceMonitor, O_CREAT);
 }
 
-// Deletes nothing, whatever its name says: the restart that finds the marker consumes it.
+// The restart that finds the marker removes it.
+// Kept: deletes nothing, see docs/decisions.md.
 int del_dev_mon_log(void) {
   return probe(kDeviceMonitor, 0);
 }

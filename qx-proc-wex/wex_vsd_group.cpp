@@ -104,7 +104,8 @@ bool is_directory(const dir_walk& dir, const char* name, const char* caller) {
   return S_ISDIR(facts.st_mode);
 }
 
-// Moves every process that has a marker in `dir`. False when a name is no process and the walk was given up.
+// Moves every process that has a flag file in `dir`. False when a name is no process and the walk was given
+// up.
 bool move_marked(dir_walk& dir, int32_t vsd) {
   char memory[kPathSize];
   char cpu[kPathSize];
@@ -116,6 +117,7 @@ bool move_marked(dir_walk& dir, int32_t vsd) {
     }
     const int32_t pid = text_to_number(entry->d_name);
     if (pid < 0) {
+      // Kept: "atio", see docs/decisions.md.
       wex_dbg(WEX_DBG_PUB, "%s: atio proc: %s\n", "set_cgroups", strerror(errno));
       return false;
     }
@@ -129,9 +131,9 @@ bool move_marked(dir_walk& dir, int32_t vsd) {
 }
 
 void set_cgroups(int32_t vsd) {
-  char markers[kPathSize];
-  wex_format(markers, sizeof markers, kMarkerDirFmt, vsd);
-  if (wex_chdir(markers) != 0) {
+  char flags[kPathSize];
+  wex_format(flags, sizeof flags, kFlagDirFmt, vsd);
+  if (wex_chdir(flags) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: chdir fail: %s\n", __func__, strerror(errno));
     return;
   }
@@ -172,9 +174,9 @@ bool read_candidate(int32_t pid, int32_t* kib) {
 // The marked process with the most resident memory; the first of equals. Pid 0 when there is none.
 largest_process find_largest(int32_t vsd) {
   largest_process largest = {0, 0};
-  char markers[kPathSize];
-  wex_format(markers, sizeof markers, kMarkerDirFmt, vsd);
-  dir_walk dir(open_trusted(AT_FDCWD, markers, O_RDONLY | O_DIRECTORY));
+  char flags[kPathSize];
+  wex_format(flags, sizeof flags, kFlagDirFmt, vsd);
+  dir_walk dir(open_trusted(AT_FDCWD, flags, O_RDONLY | O_DIRECTORY));
   if (!dir.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: open dir fail: %s\n", "find_max_rss", strerror(errno));
     return {-1, 0};
@@ -185,6 +187,7 @@ largest_process find_largest(int32_t vsd) {
     }
     const int32_t pid = text_to_number(entry->d_name);
     if (pid < 0) {
+      // Kept: "atio", see docs/decisions.md.
       wex_dbg(WEX_DBG_PUB, "%s: atio proc: %s\n", "find_max_rss", strerror(errno));
     }
     int32_t kib = 0;
@@ -195,6 +198,7 @@ largest_process find_largest(int32_t vsd) {
   return largest;
 }
 
+// Kept: find_max_rss() signals process 0 when there is none to end, see docs/decisions.md.
 void kill_largest(const largest_process& largest) {
   wex_dbg(WEX_DBG_PUB, "max_pid %d max_rss %d\n", largest.pid, largest.kib);
   kill(largest.pid, SIGKILL);
@@ -217,8 +221,8 @@ void enforce_limit(int32_t vsd) {
   if (limit == 0) {
     array_rss[vsd] = 0;
   } else if (static_cast<uint64_t>(limit) < array_rss[vsd]) {
-    // Signal 9 to process 0 would be the end of our own process group: a domain whose markers lead to nobody
-    // is over its limit in vain. Looking and killing share one look, so that nobody can vanish in between.
+    // A domain whose flag files lead to no process loses none: signal 9 to process 0 would end our own
+    // process group. The kill uses the result of this look, so that no process can vanish in between.
     const largest_process largest = find_largest(vsd);
     if (largest.pid > 0) {
       kill_largest(largest);
@@ -292,7 +296,7 @@ int set_mem_group(int32_t vsd, uint64_t kib) {
 }
 
 int set_cpu_group(int32_t vsd, int32_t tenths) {
-  // The device computes in 32 bits and wraps; here the wrap is made by hand, where it is defined.
+  // Kept: the product wraps at 32 bits, see docs/decisions.md. Computed unsigned, where that is defined.
   const auto product = static_cast<int32_t>(static_cast<uint32_t>(static_cast<int64_t>(tenths) * 1024));
   char path[kPathSize];
   char text[16];

@@ -40,6 +40,7 @@ namespace {
 
 std::atomic<int32_t> g_fd_watch_strikes{0};
 
+// Kept: what stands behind the keyword is not looked at, see docs/decisions.md.
 bool names(const char* text, const wex_action& action) {
   return strncmp(text, action.keyword, strlen(action.keyword)) == 0;
 }
@@ -146,7 +147,7 @@ int32_t become_program(const char* program, char* const* argv) {
 
 // ---- Thread liveness --------------------------------------------------------------------------------------
 
-// A thread speaks for itself only.
+// A thread may register and report itself only.
 bool acceptable(int32_t pid, int32_t tid, int32_t time, int32_t count) {
   if (pid < 1 || tid == 0 || time == 0 || count == 0) {
     wex_dbg(WEX_DBG_PUB, "parameter error(pid:%d, tid:%d, time:%d, count:%d)!\n", pid, tid, time, count);
@@ -173,8 +174,8 @@ wex_reg_info thread_body(int32_t pid, int32_t tid, int32_t time) {
   return body;
 }
 
-// True when an operator has exempted the thread from hang detection. The last byte of a line is taken for its
-// end, whatever it is: an unfinished last line loses a digit.
+// True when an operator has exempted the thread from hang detection.
+// Kept: an unfinished last line loses a digit, for the last byte counts as its end, see docs/decisions.md.
 bool exempted(int32_t tid) {
   if (access(kExemptThreads, F_OK) != 0) {
     return false;  // the usual case, at the price of one look: opening by the rule takes several

@@ -32,7 +32,7 @@ int main(int argc, char** argv) {
   run_options options;
   const reading read = read_options(argc, argv, &options);
   if (read != reading::run) {
-    return read == reading::told ? 0 : kExitOwnFailure;
+    return read == reading::answered ? 0 : kExitOwnFailure;
   }
   if (!can_be_repeated(argc, argv, options)) {
     return kExitOwnFailure;

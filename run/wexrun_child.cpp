@@ -1,4 +1,4 @@
-// wexrun_child: the program as a child that does not outlive wexrun, and the end that shows how it ended.
+// wexrun_child: starts the program as a child that ends with wexrun, and ends wexrun as the program ended.
 #include "wexrun_child.h"
 
 #include <sys/prctl.h>
@@ -72,7 +72,7 @@ pid_t start_child(char** program, const char* notify_address, const sigset_t& ma
   return child;
 }
 
-// The program has dumped its core; ours would say nothing, and might take its name. A process that may not be
+// The program has dumped its core; ours would be useless, and might overwrite it. A process that may not be
 // dumped writes none, wherever cores go, and shows the signal without the mark of a core dump: crashes of
 // such programs are restarted as all are, but do not count as one of a burst that restarts the device.
 void end_as(int status) {

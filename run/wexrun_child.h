@@ -1,4 +1,4 @@
-// wexrun_child: the program as a child that does not outlive wexrun, and the end that shows how it ended.
+// wexrun_child: starts the program as a child that ends with wexrun, and ends wexrun as the program ended.
 #pragma once
 
 #include <signal.h>

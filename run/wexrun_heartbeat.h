@@ -5,7 +5,7 @@
 
 class heartbeat {
  public:
-  // One sign of life. The first one registers the thread. Never waits long: signals must be handed on.
+  // One report. The first one registers the thread. Never waits long: signals must be handed on.
   void beat() noexcept;
 
  private:

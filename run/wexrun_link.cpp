@@ -1,6 +1,7 @@
 // wexrun_link: a connection to the daemon whose answers are known to be the right ones.
 //
-// The socket has no address of its own: nobody asks for a client's address, and its file would stay behind.
+// The socket has no address of its own: no program looks at a client's address, and its file would stay
+// behind.
 #include "wexrun_link.h"
 
 #include <poll.h>

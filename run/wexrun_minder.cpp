@@ -1,4 +1,4 @@
-// wexrun_minder: wexrun --notify, the parent of a program that tells how it is.
+// wexrun_minder: wexrun --notify, the parent of a program that reports its state.
 //
 // One thread: it hands signals on, turns notifications into reports of its own life and lines of the system
 // log, and ends as the program ends, so that wex sees the same cause.
@@ -166,7 +166,7 @@ int minder::wait() noexcept {
 
 // ---- Notifications ----------------------------------------------------------------------------------------
 
-// Programs repeat their status with every sign of life; only a new one is worth a line.
+// Programs repeat their status with every report; only a changed one is logged.
 void minder::log_status(const char* text) noexcept {
   char shown[sizeof last_status_];
   wex_copy_text(shown, sizeof shown, text);

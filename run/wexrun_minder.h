@@ -1,4 +1,4 @@
-// wexrun_minder: wexrun --notify, the parent of a program that tells how it is.
+// wexrun_minder: wexrun --notify, the parent of a program that reports its state.
 #pragma once
 
 #include "wexrun_options.h"

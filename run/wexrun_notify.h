@@ -1,4 +1,4 @@
-// wexrun_notify: the socket on which a program tells how it is, as sd_notify(3) describes it.
+// wexrun_notify: the socket on which a program reports its state, as sd_notify(3) describes it.
 #pragma once
 
 #include <sys/types.h>

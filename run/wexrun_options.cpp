@@ -1,7 +1,7 @@
 // wexrun_options: the command line, and whether wex could start it again as it is.
 //
-// wex keeps a command line as one text, cut at blanks when it is started again. Whatever that text cannot
-// hold is refused here, where somebody reads the reason, and not found out at the first restart.
+// wex keeps a command line as one text and cuts it at blanks when it starts the program again. What that text
+// cannot hold is refused here, at the start by hand, instead of failing at the first restart.
 #include "wexrun_options.h"
 
 #include <getopt.h>
@@ -47,7 +47,7 @@ bool read_delay(const char* text, int32_t* seconds) {
 
 reading tell(const char* text) {
   fputs(text, stdout);
-  return reading::told;
+  return reading::answered;
 }
 
 bool too_many(int argc) {

@@ -10,9 +10,9 @@ struct run_options {
   char** program = nullptr;  // its words, the null at the end included
 };
 
-enum class reading { run, told, wrong };
+enum class reading { run, answered, wrong };
 
-// Fills `options`. `told`: --help or --version was answered; `wrong`: printed.
+// Fills `options`. `answered`: --help or --version was answered; `wrong`: printed.
 reading read_options(int argc, char** argv, run_options* options);
 
 // False, and the reason printed, when a restart would not repeat these words.

@@ -32,7 +32,7 @@ namespace {
 constexpr size_t kTextSize = 1024;
 constexpr size_t kLineSize = 8192;  // a dump shows whole command lines
 
-std::atomic<int32_t> g_deaf_until{0};  // monotonic seconds: the log is not waited for before
+std::atomic<int32_t> g_backoff_until{0};  // monotonic seconds: the log is not waited for before
 
 unique_fd open_log_socket() {
   unique_fd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -43,15 +43,15 @@ unique_fd open_log_socket() {
   return log;
 }
 
-// A log that is busy gets a moment for each line: a dump is more than its queue may hold. One that took no
-// line in that moment is not waited for again for a while, or until it takes one.
+// A dump may be more than the queue of the log holds, so each line waits for a short time. After a line that
+// could not be sent in that time none waits during the back-off, or until one is sent.
 void send_line(const char* line, size_t length) {
   const unique_fd log = open_log_socket();
   sockaddr_un where = {};
   where.sun_family = AF_UNIX;
   memcpy(where.sun_path, kSystemLog, sizeof kSystemLog);
   const int32_t now = wex_clock_now();
-  const bool patient = now >= g_deaf_until.load(std::memory_order_relaxed);
+  const bool patient = now >= g_backoff_until.load(std::memory_order_relaxed);
   const timeval moment = {0, suseconds_t{1000} * kSystemLogWaitMs};
   setsockopt(log.get(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
   ssize_t sent;
@@ -60,9 +60,9 @@ void send_line(const char* line, size_t length) {
                   reinterpret_cast<const sockaddr*>(&where), sizeof where);
   } while (sent == -1 && errno == EINTR);
   if (sent != -1) {
-    g_deaf_until.store(0, std::memory_order_relaxed);
+    g_backoff_until.store(0, std::memory_order_relaxed);
   } else if (errno == EAGAIN && patient) {
-    g_deaf_until.store(now + kSystemLogDeafSec, std::memory_order_relaxed);
+    g_backoff_until.store(now + kSystemLogBackoffSec, std::memory_order_relaxed);
   }
 }
 

@@ -9,7 +9,7 @@ int set_close_on_exec(int fd) {
   }
   const int flags = fcntl(fd, F_GETFD);
   if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
-    return 0;  // most are born so
+    return 0;  // most are opened so
   }
   return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
 }

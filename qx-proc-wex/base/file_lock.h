@@ -2,7 +2,7 @@
 //
 // Closing any descriptor of a file drops every record lock that the process holds on it, under whatever name
 // the file was opened. Where everybody may link files, any name may be another name of a locked file of ours,
-// so one asks here before opening. In processes that remember nothing here the question costs nothing.
+// so every opening of such a name asks here first. In a process that holds no such lock this costs nothing.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,8 +16,8 @@ bool wex_lock_file(int fd);
 // Remembers a file locked through `fd`, which stays the caller's, for the rest of the process's life.
 void note_locked_file(int fd);
 
-// Keeps a locked file by its name until drop_locked_file(). Without memory it loses its lock, which only the
-// daemon itself would ever test: better than to keep the caller, who holds the registry, waiting.
+// Keeps a locked file by its name until drop_locked_file(). Without memory the file is closed and loses its
+// lock, which only the daemon itself ever tests: the caller holds the registry and must not wait for memory.
 void keep_locked_file(const char* name, unique_fd&& fd);
 
 // Closes the file kept under this name. Does nothing for any other name.

@@ -45,12 +45,12 @@ bool guarded_copy::open() noexcept {
 
 bool guarded_copy::copy_piece(void* to, const void* from, size_t size) noexcept {
   const mutex_lock hold(lock_);
-  ssize_t put;
+  ssize_t written;
   do {
-    put = write(out_.get(), from, size);
-  } while (put < 0 && errno == EINTR);
+    written = write(out_.get(), from, size);
+  } while (written < 0 && errno == EINTR);
   ssize_t got = -1;
-  if (put == static_cast<ssize_t>(size)) {
+  if (written == static_cast<ssize_t>(size)) {
     do {
       got = read(in_.get(), to, size);
     } while (got < 0 && errno == EINTR);

@@ -59,7 +59,8 @@ unique_fd open_checked(const char* path, int flags, mode_t mode) {
   return file;
 }
 
-// A log is begun anew and its history stays beside it: whoever writes to one must not wait for a copy.
+// A log with other names is moved aside and begun anew, not copied: who writes to a log must not wait for
+// that.
 wex_parting parting_for(int flags) {
   if ((flags & O_TRUNC) != 0) {
     return wex_parting::unlinked;

@@ -1,10 +1,10 @@
-// Descriptors that somebody sent along with a record. Nobody here wants any, but the kernel closes what a
-// receiver does not take, in the receiver's thread: the last close of a TCP socket that lingers blocks for as
-// long as its sender chose. So they are received, the lingering is taken off, and they are closed; a local
-// socket among them is emptied before, for its queue may hold more of the kind.
+// received_descriptors: descriptors that somebody sent along with a record. The daemon uses none, but the
+// kernel closes what a receiver does not take, in the receiver's thread, and the last close of a TCP socket
+// that lingers blocks for as long as its sender chose. So they are received, the lingering is taken off, and
+// they are closed; a local socket among them is emptied before, for its queue may hold more such descriptors.
 //
-// What else may block at its last close stays: a file of a file system that some user's program serves. Since
-// Linux 6.16 nothing is received at all.
+// Not covered: a file of a file system that a user's program serves, whose last close may block as well.
+// Since Linux 6.16 no descriptors are received at all.
 #pragma once
 
 #include <sys/socket.h>

@@ -38,17 +38,17 @@ int32_t safe_write(int fd, const void* buffer, size_t length) {
   const size_t wanted = countable(length);
   size_t done = 0;
   while (done < wanted) {
-    const ssize_t put = write(fd, static_cast<const char*>(buffer) + done, wanted - done);
-    if (put < 0 && errno == EINTR) {
+    const ssize_t written = write(fd, static_cast<const char*>(buffer) + done, wanted - done);
+    if (written < 0 && errno == EINTR) {
       continue;
     }
-    if (put < 0) {
+    if (written < 0) {
       return -1;
     }
-    if (put == 0) {
+    if (written == 0) {
       break;
     }
-    done += static_cast<size_t>(put);
+    done += static_cast<size_t>(written);
   }
   return static_cast<int32_t>(done);
 }

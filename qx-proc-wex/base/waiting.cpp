@@ -8,7 +8,7 @@
 
 namespace {
 
-// An absolute deadline: an interruption costs nothing, and no remainder is added up wrongly.
+// An absolute deadline: an interrupted sleep goes on to the same end, without sums of remainders.
 void sleep_for(int64_t nanoseconds) {
   constexpr int64_t kSecond = 1000000000;
   timespec now = {};

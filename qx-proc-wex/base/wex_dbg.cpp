@@ -14,7 +14,7 @@ namespace {
 constexpr size_t kLineSize = 8192;  // longest line: a command line of 4095 characters, twice
 
 // One write, so that lines of different threads never mix; a console that takes less loses the rest.
-void put(const char* text, size_t length) {
+void write_stdout(const char* text, size_t length) {
   ssize_t done;
   do {
     done = write(STDOUT_FILENO, text, length);
@@ -45,7 +45,7 @@ void wex_dbg_print(const char* module, int line_number, const char* format, ...)
   va_start(arguments, format);
   length = append(line, sizeof(line), length, format, arguments);
   va_end(arguments);
-  put(line, length);
+  write_stdout(line, length);
   errno = kept;
 }
 
@@ -56,7 +56,7 @@ void wex_print(const char* format, ...) {
   va_start(arguments, format);
   const size_t length = append(text, sizeof(text), 0, format, arguments);
   va_end(arguments);
-  put(text, length);
+  write_stdout(text, length);
   errno = kept;
 }
 

@@ -1,4 +1,4 @@
-// wex_move_aside: makes room at a name of ours for what belongs there.
+// wex_move_aside: renames what lies at a name that the system needs, and parts files from their other names.
 #include "wex_move_aside.h"
 
 #include <fcntl.h>

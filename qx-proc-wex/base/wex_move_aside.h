@@ -1,4 +1,4 @@
-// wex_move_aside: makes room at a name of ours for what belongs there.
+// wex_move_aside: renames what lies at a name that the system needs, and parts files from their other names.
 //
 // The directories are open to everybody, and what lies at a name may be nothing that we could use, or the
 // second name of a file that must not be written to. It is renamed within its directory, to

@@ -215,7 +215,7 @@ TEST_F(ControlChannel, DropsAClientThatLeavesWithoutAWord) {
   EXPECT_TRUE(eventually([&] { return descriptors_of(daemon.pid()) <= before; }));
 }
 
-TEST_F(ControlChannel, DropsClientsWhoseRecordsLieAndTakesNoMemoryForThem) {
+TEST_F(ControlChannel, DropsClientsWhoseRecordsAreMalformedAndAllocatesNothingForThem) {
   start();
   const std::string before = status_field(daemon.pid(), "VmHWM");
   struct {
@@ -250,7 +250,7 @@ TEST_F(ControlChannel, DropsClientsWhoseRecordsLieAndTakesNoMemoryForThem) {
 
 // The last close of such a socket blocks for as long as its owner chose. Where the kernel does not refuse the
 // descriptor, the daemon receives it.
-TEST_F(ControlChannel, ADescriptorSentAlongHoldsNobodyUp) {
+TEST_F(ControlChannel, ADescriptorSentAlongDoesNotBlockTheServer) {
   start();
   for (const bool lies : {false, true}) {
     const raw_client sender;

@@ -239,7 +239,7 @@ TEST_F(ControlChannel, AnInterruptedReceiveIsRepeated) {
                             "]wex_inner_recv_msg: recv broken(ret:-1, err:4,Interrupted system call)!"));
 }
 
-TEST_F(ControlChannel, InterruptedCallsAreNoReasonToEnd) {
+TEST_F(ControlChannel, InterruptedCallsAreRepeated) {
   ASSERT_TRUE(
       daemon.start_traced({"inject=accept4:error=EINTR:when=1..2", "inject=epoll_wait:error=EINTR:when=3..4",
                            "inject=epoll_pwait:error=EINTR:when=3..4"}));

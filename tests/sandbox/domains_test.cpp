@@ -213,7 +213,7 @@ TEST_F(Domains, ProgramsOfADomainInheritNeitherFilesNorSignalsOfItsStarter) {
   expect_clean_start(facts_of(1));
 }
 
-TEST_F(Domains, AProgramOfTheDeviceThatCreatesADomainHandsItNothingEither) {
+TEST_F(Domains, DomainCreatedThroughTheLibraryInheritsNothing) {
   service_script("");
   const pid_t child = fork();
   if (child == 0) {
@@ -422,7 +422,7 @@ TEST_F(AddProgram, NameThatIsNotInSbinStartsNothing) {
   EXPECT_TRUE(processes_of(6).empty());
 }
 
-TEST_F(AddProgram, ProgramThatCannotRunLeavesItsMarkerAndNothingElse) {
+TEST_F(AddProgram, ProgramThatCannotRunLeavesItsFlagFileAndNothingElse) {
   write_file("/sbin/wex_app", "", 0644);
   EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
   int status = 0;
@@ -432,7 +432,7 @@ TEST_F(AddProgram, ProgramThatCannotRunLeavesItsMarkerAndNothingElse) {
   EXPECT_TRUE(eventually([] { return processes_of(6).empty(); }));
 }
 
-TEST_F(AddProgram, FailsInTheChildWhenItsMarkerCannotBeMade) {
+TEST_F(AddProgram, FailsInTheChildWhenItsFlagFileCannotBeMade) {
   write_file("/sbin/wex_app", "#!/bin/sh\n", 0755);
   write_file("/tmp/vsd/6/wex", "in the way of the directory");
   EXPECT_EQ(0, create_proc_to_vsd("wex_app", 6));
@@ -454,7 +454,7 @@ TEST_F(AddProgram, AndCreateGoOnWhenTheGroupIsRefused) {
   EXPECT_EQ(std::string::npos, testing::internal::GetCapturedStdout().find("Setgroups success"));
 }
 
-TEST_F(AddProgram, ThatCannotBeForkedLeavesNoMarker) {
+TEST_F(AddProgram, ThatCannotBeForkedLeavesNoFlagFile) {
   device_work = [] {  // in the child, so that only its own fork fails
     constexpr unsigned kFork = CLONE_CHILD_CLEARTID | CLONE_CHILD_SETTID | SIGCHLD;
     EXPECT_TRUE(refuse_call(SYS_clone, 0, kFork, EAGAIN));

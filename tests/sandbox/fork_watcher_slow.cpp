@@ -8,7 +8,7 @@ using FailingForks = WexWorld;
 constexpr char kMarker[] = "/tmp/wex/forkfile";
 }  // namespace
 
-TEST_F(FailingForks, SixInARowAreBorneAndTheChildThatFollowsWithdrawsTheMarker) {
+TEST_F(FailingForks, SixInARowAreToleratedAndTheChildThatFollowsRemovesTheFile) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=fork,vfork,clone:error=EAGAIN:when=1..6"}));
   ASSERT_TRUE(daemon.wait_ready());

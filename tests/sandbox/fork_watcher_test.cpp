@@ -70,7 +70,7 @@ class ForkWatcher : public WexWorld {
 
 }  // namespace
 
-TEST_F(ForkWatcher, SixFailuresAreBorneTheSeventhEndsTheDaemon) {
+TEST_F(ForkWatcher, SixFailuresAreToleratedTheSeventhEndsTheDaemon) {
   ASSERT_TRUE(daemon_.start());
   for (int failure = 1; failure <= 6; ++failure) {
     append("a");
@@ -92,7 +92,7 @@ TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
 }
 
-TEST_F(ForkWatcher, ALeftoverMarkerIsActedOnAtTheNextEventOnly) {
+TEST_F(ForkWatcher, ALeftoverFileIsActedOnAtTheNextEventOnly) {
   write_file(kMarker, "aaaaaaa");
   ASSERT_TRUE(daemon_.start());
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
@@ -101,7 +101,7 @@ TEST_F(ForkWatcher, ALeftoverMarkerIsActedOnAtTheNextEventOnly) {
   EXPECT_FALSE(exists(kMarker));
 }
 
-TEST_F(ForkWatcher, OtherFilesBesideTheMarkerMeanNothing) {
+TEST_F(ForkWatcher, OtherFilesBesideItAreIgnored) {
   ASSERT_TRUE(daemon_.start());
   for (const char* name : {"/tmp/wex/forkfile2", "/tmp/wex/forkfil", "/tmp/wex/xforkfile", "/tmp/wex/x"}) {
     write_file(name, "aaaaaaaaaa");
@@ -111,13 +111,13 @@ TEST_F(ForkWatcher, OtherFilesBesideTheMarkerMeanNothing) {
   EXPECT_TRUE(gives_up());
 }
 
-TEST_F(ForkWatcher, ZeroBytesInTheMarkerEndTheTextThatCounts) {
+TEST_F(ForkWatcher, ZeroBytesInTheFileEndTheTextThatCounts) {
   ASSERT_TRUE(daemon_.start());
   append(std::string("aaaaaa\0aaaa", 11));
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
 }
 
-TEST_F(ForkWatcher, AMarkerThatIsNoFileIsToldAndBorne) {
+TEST_F(ForkWatcher, AForkFailureFileThatIsNoFileIsLoggedAndIgnored) {
   ASSERT_TRUE(daemon_.start());
   make_dirs(kMarker);
   EXPECT_TRUE(console_says("open /tmp/wex/forkfile error, "));
@@ -181,7 +181,7 @@ TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
   EXPECT_TRUE(gives_up()) << running_log();
 }
 
-TEST_F(ForkWatcher, AMarkerThatCannotBeReadIsToldAndReadAgainAtTheNextEvent) {
+TEST_F(ForkWatcher, AFileThatCannotBeReadIsLoggedAndReadAgainAtTheNextEvent) {
   ASSERT_TRUE(daemon_.start());
   ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1", kMarker));
   append("aaaaaaa");

@@ -55,7 +55,7 @@ class LostExits : public WexWorld {
 
 }  // namespace
 
-TEST_F(LostExits, AProgramWhoseExitDrownedIsRestartedAllTheSame) {
+TEST_F(LostExits, AProgramWhoseExitWasLostInAnOverflowIsRestarted) {
   SyslogSink log;
   Service service("drowned");
   ASSERT_TRUE(service.start());
@@ -72,7 +72,7 @@ TEST_F(LostExits, AProgramWhoseExitDrownedIsRestartedAllTheSame) {
       << "nobody knows why it ended";
 }
 
-TEST_F(LostExits, AThirdPartProgramWhoseExecutionDrownedIsRegisteredAllTheSame) {
+TEST_F(LostExits, AThirdPartProgramWhoseExecutionWasLostInAnOverflowIsRegistered) {
   write_file("/etc/wex/third_part_proc", "/opt/drowned 1000 WEX_RESTART\n");
   make_dirs("/opt");
   std::ofstream("/opt/drowned", std::ios::binary) << std::ifstream("/bin/sleep", std::ios::binary).rdbuf();

@@ -46,7 +46,7 @@ std::map<std::string, std::vector<pid_t>> instances() {
   return found;
 }
 
-struct BadLuck : ControlChannel {
+struct Stress : ControlChannel {
   void start_services(int count) {
     for (int at = 0; at < count; ++at) {
       services.emplace_back();
@@ -134,7 +134,7 @@ class storm {
 
 }  // namespace
 
-TEST_F(BadLuck, AThousandDeathsAtOnceAllComeBack) {
+TEST_F(Stress, AThousandDeathsAtOnceAllComeBack) {
   constexpr int kServices = 1000;
   start();
   start_services(kServices);
@@ -144,7 +144,7 @@ TEST_F(BadLuck, AThousandDeathsAtOnceAllComeBack) {
   printf("\n1,000 deaths at once: all back after %ld ms\n", since_ms(begin));
 }
 
-TEST_F(BadLuck, FiftyDeathsInAForkStormAllComeBack) {
+TEST_F(Stress, FiftyDeathsInAForkStormAllComeBack) {
   constexpr int kServices = 50;
   start();
   start_services(kServices);
@@ -159,7 +159,7 @@ TEST_F(BadLuck, FiftyDeathsInAForkStormAllComeBack) {
 }
 
 // What dies while nobody can listen is found by the next daemon, what dies in the middle of a start as well.
-TEST_F(BadLuck, RandomKillsOfTheDaemonLoseNobody) {
+TEST_F(Stress, RandomKillsOfTheDaemonLoseNoService) {
   constexpr int kServices = 20;
   constexpr int kKills = 310;
   start();
@@ -189,7 +189,7 @@ TEST_F(BadLuck, RandomKillsOfTheDaemonLoseNobody) {
   printf("\n%d kills of the daemon: none of %d services lost, %d twins\n", kKills, kServices, twins);
 }
 
-TEST_F(BadLuck, AStoppedDaemonLosesNobody) {
+TEST_F(Stress, AStoppedDaemonLosesNoService) {
   constexpr int kServices = 20;
   start();
   start_services(kServices);
@@ -237,7 +237,7 @@ class busy_clients {
   std::thread crowd_;
 };
 
-TEST_F(BadLuck, BusyClientsMakeNobodyWaitForLong) {
+TEST_F(Stress, BusyClientsDelayANewcomerByMilliseconds) {
   start();
   start_services(1);
   for (const size_t count : {200u, 1000u}) {
@@ -288,7 +288,7 @@ class small_file_systems {
 };
 
 // No file can be written: registrations, restarts and the logs go without.
-TEST_F(BadLuck, FullFileSystemsLoseNobody) {
+TEST_F(Stress, FullFileSystemsLoseNoService) {
   constexpr int kServices = 10;
   const small_file_systems small;
   start();
@@ -308,7 +308,7 @@ TEST_F(BadLuck, FullFileSystemsLoseNobody) {
 
 // Every thread's next use of the call fails. Either the daemon goes on, or it ends and the next one finds
 // all.
-TEST_F(BadLuck, OneFailureOfAnyCallLosesNobody) {
+TEST_F(Stress, OneFailureOfAnyCallLosesNoService) {
   constexpr int kServices = 12;  // each is killed four times at most, and so is not parked
   const char* const calls[] = {"openat",         "read",       "write",
 

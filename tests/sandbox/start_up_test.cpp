@@ -123,7 +123,7 @@ TEST_F(StartUp, ReadiesOnlyTheDomainsThatExist) {
   daemon.stop();
 }
 
-TEST_F(StartUp, ADirectoryThatCannotBeMadeOrOpenedToAllKeepsNobodyDown) {
+TEST_F(StartUp, StartGoesOnWhenADirectoryCannotBeMadeOrOpenedToAll) {
   const char* const refusals[] = {"inject=chmod,fchmod:error=EPERM:when=1..20",  // all of them directories
                                   "inject=mkdir,mkdirat:error=EROFS"};
   for (const char* const refusal : refusals) {  // the second finds what the first has made

@@ -514,7 +514,7 @@ TEST_F(ThirdPart, AProgramOfSeveralWordsIsFoundThoughOtherProcessesComeAndGo) {
   EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
 }
 
-TEST_F(ThirdPart, ArgumentsThatTheListDoesNotNameAreSomebodyElses) {
+TEST_F(ThirdPart, AProcessWithArgumentsThatTheListDoesNotNameIsNotRegistered) {
   const std::string app = install("words");
   describe("words", app + " -d WEX_RESTART");
   ASSERT_TRUE(start_daemon());

@@ -81,7 +81,7 @@ bool send_as_stranger(const std::string& address, const std::string& message) {
 
 }  // namespace
 
-TEST_F(WexrunNotify, TheProgramIsToldWhereToSpeakAndItsWordsAreReportsAndLogLines) {
+TEST_F(WexrunNotify, NotificationsOfTheProgramBecomeReportsAndLogLines) {
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service));
   EXPECT_EQ(text(program) + " 1 120000000\n", read_file(kFacts));
@@ -152,7 +152,7 @@ TEST_F(WexrunNotify, TheThreadIsRegisteredAgainWithADaemonThatWasRestarted) {
 }
 
 // systemd-notify sends and ends; it waits until its message was read.
-TEST_F(WexrunNotify, AShellScriptSpeaksThroughSystemdNotify) {
+TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
   write_file(script[0],
              "#!/bin/sh\nsystemd-notify --ready --status=talking\nsystemd-notify WATCHDOG=1\n"

@@ -169,11 +169,11 @@ inline void hold_memory(size_t kib) {
 }
 
 inline void make_marker_dir(int vsd) {
-  make_dirs(path_of(kMarkerDirBareFmt, vsd));
+  make_dirs(path_of(kFlagDirBareFmt, vsd));
 }
 
 inline void mark(int vsd, pid_t pid) {
-  write_text(path_of(kMarkerFmt, vsd, pid));
+  write_text(path_of(kFlagFileFmt, vsd, pid));
 }
 
 // A test in a world of its own: the sandbox. Diagnostics print.

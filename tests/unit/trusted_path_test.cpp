@@ -208,7 +208,7 @@ TEST_F(OpenRule, AWayTooLongForTheWalkIsRefused) {
   EXPECT_EQ(ENAMETOOLONG, errno);
 }
 
-TEST_F(OpenRule, AnOrdinaryUsersOwnLinksServeHimAlone) {
+TEST_F(OpenRule, AUsersOwnLinksAreFollowedForThatUserOnly) {
   write_file("/tmp/r/f", "text");
   link_of(kOtherUser, "f", "/tmp/r/own");
   link_of(kOtherUser + 1, "f", "/tmp/r/theirs");
@@ -383,7 +383,7 @@ TEST_F(OpenRule, ACircleOfRootsLinksEnds) {
   EXPECT_EQ(ELOOP, errno);
 }
 
-TEST_F(OpenRule, WhatIsNoRegularFileCannotBeOpenedAndStopsNobody) {
+TEST_F(OpenRule, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
   ASSERT_EQ(0, mkfifo("/tmp/r/fifo", 0777));
   for (const int access : {O_RDONLY, O_WRONLY, O_RDWR}) {
     EXPECT_FALSE(wex_open_file("/tmp/r/fifo", access).valid());

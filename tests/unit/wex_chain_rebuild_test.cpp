@@ -149,7 +149,7 @@ TEST_F(Rebuild, NoRegistrationIsLeftOutBecauseMemoryIsShort) {
   EXPECT_NE(nullptr, find(alive.pid()));
 }
 
-TEST_F(Rebuild, StrangerUnderTheOldPidIsKeptButTold) {
+TEST_F(Rebuild, AnotherProcessWithTheOldPidIsKeptAndLogged) {
   const service stranger;
   write_file(db_file(0, "foo", stranger.pid()), content(stranger.pid(), 2, "/opt/foo"));
   captured_output output;

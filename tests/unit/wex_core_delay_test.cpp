@@ -31,12 +31,12 @@
 #include "wex_core_exit.h"
 #include "wex_core_files.h"
 #include "wex_core_netlink.h"
-#include "wex_core_place.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_stop.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_core_upkeep.h"
+#include "wex_core_watched_names.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -273,16 +273,16 @@ TEST_F(Delay, OnceAMinuteItLooksWhetherTheDirectoryIsStillTheDaemons) {
   make_dirs("/ovix/vsd/0/utils/wex");
   struct stat facts = {};
   ASSERT_EQ(0, stat(kRunDir, &facts));
-  wex_note_place(WEX_PLACE_DIRECTORY, facts);
+  wex_watch_name(WEX_NAME_DIRECTORY, facts);
   const char line[] = "/tmp/wex/ is gone, failed forks go unseen.\r\n";
   const auto told = [&] { return read_file(kRunningLog1).find(line) != std::string::npos; };
   const int asked = g_asked;
   start_thread();
   ASSERT_TRUE(eventually([&] { return g_asked >= asked + 2; })) << "its minute must have begun";
   ASSERT_EQ(0, rename("/tmp/wex", "/tmp/away"));
-  g_now = 1000 + kPlacesEverySec - 1;
+  g_now = 1000 + kNamesEverySec - 1;
   EXPECT_FALSE(eventually(told, 2200ms));
-  g_now = 1000 + kPlacesEverySec;
+  g_now = 1000 + kNamesEverySec;
   EXPECT_TRUE(eventually(told, 3s)) << read_file(kRunningLog1);
   stop_thread();
   ASSERT_EQ(0, rename("/tmp/away", "/tmp/wex"));

@@ -116,7 +116,7 @@ class Event : public Parked {
     unlink(kBurstConfig);
   }
   void TearDown() override {
-    EXPECT_EQ(-1, wex_settle_exits()) << "an exit of this case would disturb the next one";
+    EXPECT_EQ(-1, wex_judge_pending_exits()) << "an exit of this case would disturb the next one";
     Parked::TearDown();
   }
 
@@ -142,7 +142,7 @@ class Event : public Parked {
     chain_lock hold(wex_chains);
     return rec->pid;
   }
-  static bool settled() { return wex_settle_exits() == -1; }
+  static bool settled() { return wex_judge_pending_exits() == -1; }
 };
 
 }  // namespace
@@ -186,11 +186,11 @@ TEST_F(Event, OfAMainThreadWaitsForTheOthersWithoutTheRegistry) {
   ASSERT_EQ(2, wex_look_at(child).threads);
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_EQ(child, pid_of(rec)) << "a thread of it may be about to execute a program";
-  EXPECT_NE(-1, wex_settle_exits());
+  EXPECT_NE(-1, wex_judge_pending_exits());
   close(hold[1]);
   ASSERT_TRUE(soon([&] { return wex_look_at(child).threads == 1; }));
   wex_take_exit_event(thread_end(child + 1, child));
-  EXPECT_EQ(-1, wex_settle_exits()) << "the last thread's end must be enough for a decision";
+  EXPECT_EQ(-1, wex_judge_pending_exits()) << "the last thread's end must be enough for a decision";
   EXPECT_NE(child, pid_of(rec));
   EXPECT_EQ(139u, rec->exit_signal);
   close(hold[0]);
@@ -209,7 +209,7 @@ TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
     wex_take_exit_event(exit_of(child, 139));
     for (int other = 1; other <= 2 * kExitLooks; ++other) {
       wex_take_exit_event(thread_end(child + other, child));
-      wex_settle_exits();
+      wex_judge_pending_exits();
     }
     const int32_t pid = pid_of(rec);
     in_time = wex_clock_ms() - begin < kExitLooks * kExitLookMs;  // else the last look was due
@@ -246,7 +246,7 @@ TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
     wex_take_exit_event(exit_of(child, 11));
     for (int look = 0; look <= kExitLooks; ++look) {
       wex_sleep_ms(kExitLookMs + 1);
-      EXPECT_NE(-1, wex_settle_exits()) << look << ": what cannot be seen has not ended";
+      EXPECT_NE(-1, wex_judge_pending_exits()) << look << ": what cannot be seen has not ended";
     }
     EXPECT_EQ(child, pid_of(rec));
   }
@@ -256,7 +256,7 @@ TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
 }
 
 TEST_F(Event, MoreUndecidedExitsThanThereIsRoomForAreNotLost) {
-  constexpr int kExits = kUnsettledExits + 3;
+  constexpr int kExits = kPendingExits + 3;
   int hold[2];
   ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
   std::vector<wex_pid*> records;
@@ -331,7 +331,7 @@ TEST_F(Event, OfAMainThreadIsDecidedWhenTheLastThreadEndsBeforeItsEndIsReported)
   };
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_NE(child, pid_of(rec)) << "nobody reports the thread, so it must be looked for";
-  EXPECT_EQ(-1, wex_settle_exits());
+  EXPECT_EQ(-1, wex_judge_pending_exits());
   close(hold[0]);
 }
 

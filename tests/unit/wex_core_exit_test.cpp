@@ -347,7 +347,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   expect_others();
 }
 
-TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheMarkerOfItsLastChild) {
+TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheFlagFileOfItsLastChild) {
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && touch /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
   {
     chain_lock hold(wex_chains);
@@ -495,7 +495,7 @@ TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
     if (!marked) {
       unlink("/tmp/vsd/3/delete_vsd");
     }
-    wex_tell_take_downs();
+    wex_log_take_downs();
     return contents(kRunningLog1);
   };
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));

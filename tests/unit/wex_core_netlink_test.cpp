@@ -133,7 +133,7 @@ TEST(Datagram, TheAcknowledgementIsPassedOn) {
   EXPECT_EQ(kEventAck, seen[0].kind);
 }
 
-TEST(Datagram, OtherKindsAreNobodysBusiness) {
+TEST(Datagram, EventsOfOtherKindsAreIgnored) {
   for (const uint32_t kind :
        {kFork, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u, 0x80000002u, 0xffffffffu}) {
     EXPECT_TRUE(events_of(message(kind, 5, 5, 0)).empty()) << kind;

@@ -579,7 +579,7 @@ TEST_F(Reboot, WithoutAReasonNothingHappens) {
   expect_nothing_happened();
 }
 
-TEST_F(Reboot, TheOperatorsFileForbidsItWithoutAWord) {
+TEST_F(Reboot, TheOperatorsFileForbidsItWithoutALine) {
   write_file(kNoReboot, "");
   set_levels(0, 0);
   EXPECT_EQ("", output_of([] { wex_reboot("r", nullptr); }));
@@ -605,7 +605,7 @@ TEST_F(Reboot, AnythingElseInTheSwitchAllowsIt) {
   EXPECT_EQ(expected, without_times(contents(kRebootLog)));
 }
 
-TEST_F(Reboot, AFifoInPlaceOfTheSwitchStopsNobody) {
+TEST_F(Reboot, AFifoInPlaceOfTheSwitchDoesNotBlock) {
   ASSERT_EQ(0, mkfifo(kRebootSwitch, 0777));
   wex_reboot("r", nullptr);
   EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));

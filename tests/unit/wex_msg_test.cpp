@@ -289,7 +289,7 @@ TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
   EXPECT_EQ(0, wex_process_restart(&long_delay));
   EXPECT_EQ(0, wex_process_restart(&long_delay));
   EXPECT_FALSE(exists("/ovix/vsd/0/utils/wex/running_log1")) << "the server's thread must not write it";
-  wex_tell_long_delays();
+  wex_log_long_delays();
   const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
   EXPECT_EQ(1U,
             occurrences(log, text_of("Process %d wants its restarts delayed by 3601 s.\r\n", patient.pid())));
@@ -303,8 +303,8 @@ TEST_F(Registry, LongDelaysOfManyProgramsAreToldInOneLineAMinute) {
     wex_note_long_delay(text_of("/bin/p%d x", at % 2 == 0 ? at : 1).c_str(), 1000 + at, 7200);
   }
   for (int minute = 1; minute <= 3; ++minute) {
-    wex_tell_long_delays();
-    wex_tell_long_delays();
+    wex_log_long_delays();
+    wex_log_long_delays();
     const std::string log = read_file("/ovix/vsd/0/utils/wex/running_log1");
     EXPECT_EQ(static_cast<size_t>(minute), occurrences(log, " wants its restarts delayed by 7200 s.\r\n"))
         << log;

@@ -32,10 +32,10 @@
 #include "wex_child.h"
 #include "wex_clock.h"
 #include "wex_core_stop.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
-#include "wex_proc_marker.h"
 #include "wex_test.h"
 
 namespace {
@@ -237,7 +237,7 @@ int ended(int32_t pid) {
 
 // ---- Domains ----------------------------------------------------------------------------------------------
 
-TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsMarker) {
+TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsFlagFile) {
   make_domain(3);
   make_domain(15);
   write_file(domain_dir(3) + "/812", "");
@@ -248,19 +248,19 @@ TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsMarker) {
   EXPECT_EQ(-1, find_app(81));
 }
 
-TEST_F(ProcWorld, AMarkerIsFoundWithoutReadingItsCrowdedDirectory) {
+TEST_F(ProcWorld, AFlagFileIsFoundWithoutReadingItsCrowdedDirectory) {
   make_domain(3);
   write_file(domain_dir(3) + "/812", "");
   EXPECT_EQ(3, run_failing({"getdents64:error=EIO"}, [] { return find_app(812); }));
 }
 
-TEST_F(ProcWorld, TheMainSystemHasNoMarkers) {
+TEST_F(ProcWorld, TheMainSystemHasNoFlagFiles) {
   make_domain(0);
   write_file(domain_dir(0) + "/812", "");
   EXPECT_EQ(-1, find_app(812));
 }
 
-TEST_F(ProcWorld, AMarkerIsMadeForThePidAndTheDirectoryMovesThere) {
+TEST_F(ProcWorld, AFlagFileIsMadeForThePidAndTheDirectoryMovesThere) {
   make_domain(2);
   umask(0);
   EXPECT_EQ(0, save_proc_info(2, 4711));
@@ -271,7 +271,7 @@ TEST_F(ProcWorld, AMarkerIsMadeForThePidAndTheDirectoryMovesThere) {
   EXPECT_STREQ(run_dir(2).c_str(), getcwd(where, sizeof where));
 }
 
-TEST_F(ProcWorld, WithoutARunDirectoryNoMarkerIsMade) {
+TEST_F(ProcWorld, WithoutARunDirectoryNoFlagFileIsMade) {
   make_dirs(domain_dir(2));
   EXPECT_EQ(-ENOENT, save_proc_info(2, 4711));
   EXPECT_FALSE(exists(domain_dir(2) + "/4711"));
@@ -390,7 +390,7 @@ TEST_F(ProcWorld, AGroupThatCannotBeSetKeepsNothingElseFromTheProgram) {
   EXPECT_EQ(std::string::npos, read_console().find("setgroups success"));
 }
 
-TEST_F(ProcWorld, ManyMarkersDoNotHideTheOldOne) {
+TEST_F(ProcWorld, ManyFlagFilesDoNotHideTheOldOne) {
   make_domain(1);
   for (int pid = 100000; pid < 100400; ++pid) {
     write_file(domain_dir(1) + "/" + std::to_string(pid), "");
@@ -782,7 +782,7 @@ int markers_in(int32_t vsd) {
   return count;
 }
 
-TEST_F(ProcWorld, ADetachedProcessOfADomainGetsTheDomainsMarkerAndItsNextLifeFindsIt) {
+TEST_F(ProcWorld, ADetachedProcessOfADomainGetsAFlagFileAndItsNextStartFindsIt) {
   make_domain(2);
   write_file(domain_dir(2) + "/812", "");
   ASSERT_TRUE(exited_with(run({"cp", "/bin/cat", "/tmp/wex/cat"}), 0));
@@ -827,7 +827,7 @@ TEST_F(ProcWorld, WhileTheDaemonEndsAFailedForkIsRepeatedSoonAndSevenTimesAtTheM
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s) << "five seconds apart it would be a minute";
 }
 
-TEST_F(ProcWorld, TheSeventhFailureEndsTheDaemonAlsoWhenItsMarkerCannotBeWritten) {
+TEST_F(ProcWorld, TheSeventhFailureEndsTheDaemonAlsoWhenItsFileCannotBeWritten) {
   make_dirs("/ovix/vsd/0/utils/wex");
   make_dirs(kForkFile);
   EXPECT_EQ(1, run_failing({"clone,fork,vfork:error=ENOMEM"}, [] {
@@ -885,7 +885,7 @@ TEST_F(ProcWorld, StandardDescriptorsAreTheNullDeviceAndTheConsole) {
   EXPECT_TRUE(console_says(" stderr(/dev/console) fd 2\n"));
 }
 
-TEST_F(ProcWorld, ClosedStandardDescriptorsAreNoReasonToGetThemWrong) {
+TEST_F(ProcWorld, StandardDescriptorsThatWereClosedAreReopenedUnderTheirNumbers) {
   EXPECT_EQ("/dev/null 0 b\n/dev/console 0 b\n/dev/console 0 b\n", std_fds_after(0, [] {
               close(0);
               close(2);
@@ -904,7 +904,7 @@ TEST_F(ProcWorld, WithoutAConsoleTheNextFileIsNotTakenForIt) {
 
 // ---- The fork-failure marker ------------------------------------------------------------------------------
 
-TEST_F(ProcWorld, TheForkFailureMarkerGrowsByOneByteAFailure) {
+TEST_F(ProcWorld, TheForkFailureFileGrowsByOneByteAFailure) {
   umask(0);
   for (size_t failures = 1; failures <= 3; ++failures) {
     EXPECT_EQ(0, wex_mk_forkfile());
@@ -916,12 +916,12 @@ TEST_F(ProcWorld, TheForkFailureMarkerGrowsByOneByteAFailure) {
   EXPECT_FALSE(exists(kForkFile));
 }
 
-TEST_F(ProcWorld, AMarkerThatCannotBeMadeIsToldToTheCaller) {
+TEST_F(ProcWorld, AFlagFileThatCannotBeMadeIsAFailure) {
   make_dirs(kForkFile);
   EXPECT_EQ(-1, wex_mk_forkfile());
 }
 
-TEST_F(ProcWorld, TheChildThatStartsWithdrawsTheMarker) {
+TEST_F(ProcWorld, TheChildThatStartsRemovesTheForkFailureFile) {
   wex_mk_forkfile();
   const spawned got = spawn(record_of("/bin/true").get());
   EXPECT_EQ(0, ended(got.result));

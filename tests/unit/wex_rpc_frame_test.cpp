@@ -342,7 +342,7 @@ struct lie {
   int32_t length;  // as its header has it
 };
 
-class LyingHeader : public ::testing::TestWithParam<lie> {};
+class OverstatedLength : public ::testing::TestWithParam<lie> {};
 
 void expect_refused(const lie& told) {
   const socket_pair pair;
@@ -361,17 +361,17 @@ void expect_refused(const lie& told) {
   EXPECT_EQ(-1, queued_record(pair.here.get()));
 }
 
-TEST_P(LyingHeader, IsRefusedAndTakenOffTheQueue) {
+TEST_P(OverstatedLength, IsRefusedAndTakenOffTheQueue) {
   expect_refused(GetParam());
 }
 
-TEST_P(LyingHeader, IsRefusedOnAKernelThatHidesTheSizeOfARecord) {
+TEST_P(OverstatedLength, IsRefusedOnAKernelThatHidesTheSizeOfARecord) {
   g_peek_hides_size = true;
   expect_refused(GetParam());
   g_peek_hides_size = false;
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, LyingHeader,
+INSTANTIATE_TEST_SUITE_P(Sizes, OverstatedLength,
                          ::testing::Values(lie{300, 40}, lie{400, 40}, lie{269, 0}, lie{268, 1}, lie{268, 8},
                                            lie{268, 320}, lie{587, 320}, lie{589, 320}, lie{4000, 320},
                                            lie{268, INT32_MAX}, lie{588, INT32_MAX},

@@ -24,7 +24,7 @@ std::set<std::string> tasks_of(const char* format, int vsd) {
   return {std::istream_iterator<std::string>(lines), {}};
 }
 
-TEST_F(ControlGroups, AreCreatedAndTakeInTheMarkedProcesses) {
+TEST_F(ControlGroups, AreCreatedAndTakeInTheProcessesWithFlagFiles) {
   make_dirs(path_of(kDbDirFmt, 13));
   process first({4300});
   process second({4300});
@@ -54,7 +54,7 @@ TEST_F(ControlGroups, AreMadeAndFilledWithoutALineWhenNothingFails) {
   EXPECT_EQ((std::set<std::string>{std::to_string(member.pid())}), tasks_of(kMemoryTasksFmt, 9));
 }
 
-TEST_F(ControlGroups, AreLeftOutWithoutAMarkerDirectory) {
+TEST_F(ControlGroups, AreLeftOutWithoutAFlagFileDirectory) {
   const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]set_cgroups: chdir fail: No such file or directory\n"));
@@ -62,9 +62,9 @@ TEST_F(ControlGroups, AreLeftOutWithoutAMarkerDirectory) {
             text.find("[WEX:wex_vsd:N]set_cgroups_all: set mem group fail: No such file or directory\n"));
 }
 
-TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheMarkerDirectory) {
+TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
   make_marker_dir(13);
-  write_text(path_of(kMarkerFmt, 13, -5));
+  write_text(path_of(kFlagFileFmt, 13, -5));
   const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]set_cgroups: atio proc: "));
   char cwd[64];
@@ -104,11 +104,11 @@ TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
   }
 }
 
-TEST_F(ControlGroups, AMarkerThatLeadsNowhereIsToldAndCountsAsAProcess) {
+TEST_F(ControlGroups, AFlagFileThatLeadsNowhereIsLoggedAndCountsAsAProcess) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
   make_marker_dir(13);
   process subject({4300});
-  ASSERT_EQ(0, symlink("/nowhere", path_of(kMarkerFmt, 13, subject.pid()).c_str()));
+  ASSERT_EQ(0, symlink("/nowhere", path_of(kFlagFileFmt, 13, subject.pid()).c_str()));
   const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]set_cgroups: stat fail: No such file or directory\n"));
@@ -445,7 +445,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
   }
   std::string first;
   {
-    dir_walk dir(path_of(kMarkerDirFmt, 13).c_str());
+    dir_walk dir(path_of(kFlagDirFmt, 13).c_str());
     const dirent* entry = dir.next();
     while (threads.count(entry->d_name) == 0) {
       entry = dir.next();
@@ -460,7 +460,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
 TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
   make_marker_dir(13);
   process victim({4300});
-  const std::string name = path_of(kMarkerFmt, 13, victim.pid());
+  const std::string name = path_of(kFlagFileFmt, 13, victim.pid());
   ASSERT_EQ(0, symlink("/nowhere", name.c_str()));
   const std::string text = printed_by([] { find_max_rss(13); });
   EXPECT_NE(std::string::npos,
@@ -468,7 +468,7 @@ TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
   EXPECT_EQ(SIGKILL, victim.signal());
 }
 
-TEST_F(Memory, NobodyIsKilledWithoutAMarkerDirectory) {
+TEST_F(Memory, NoProcessIsKilledWithoutAFlagFileDirectory) {
   EXPECT_EQ("[WEX:wex_vsd:N]find_max_rss: open dir fail: No such file or directory\n",
             printed_by([] { find_max_rss(13); }));
 }

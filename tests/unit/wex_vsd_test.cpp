@@ -150,7 +150,7 @@ TEST_F(KillByGroup, MissesWhatStandsBehind254Characters) {
   EXPECT_FALSE(late.ended());
 }
 
-TEST_F(KillByGroup, SignalZeroHarmsNobody) {
+TEST_F(KillByGroup, SignalZeroOnlyChecks) {
   process actor({3977});
   EXPECT_EQ(0, kill_proc_by_groups(0, 3977));
   EXPECT_FALSE(actor.ended());
@@ -273,11 +273,11 @@ TEST_F(Recording, GoesOnWhenTheStartFails) {
   const std::string text = printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
   device_answer = 0;
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: fs get vsd envs fail: ")) << text;
-  EXPECT_EQ(0754u, mode_of(path_of(kMarkerFmt, 6, member.pid())));
-  EXPECT_FALSE(there(path_of(kMarkerFmt, 6, other.pid())));
+  EXPECT_EQ(0754u, mode_of(path_of(kFlagFileFmt, 6, member.pid())));
+  EXPECT_FALSE(there(path_of(kFlagFileFmt, 6, other.pid())));
 }
 
-TEST_F(Recording, EndsAtTheFirstMarkerThatCannotBeMade) {
+TEST_F(Recording, EndsAtTheFirstFlagFileThatCannotBeMade) {
   process member({3600});
   process second({3600});
   device_answer = -1;

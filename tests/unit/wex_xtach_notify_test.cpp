@@ -114,7 +114,7 @@ TEST_F(ThreadNotify, RefusesMissingParameters) {
   EXPECT_FALSE(daemon_.has_caller(0ms));
 }
 
-TEST_F(ThreadNotify, RefusesToSpeakForAnother) {
+TEST_F(ThreadNotify, RefusesToReportForAnotherThread) {
   const int32_t pid = getpid();
   const int32_t tid = gettid();
   const int32_t rows[][2] = {{pid + 1, tid}, {pid, tid + 1}, {pid, -tid}, {1, 1}};

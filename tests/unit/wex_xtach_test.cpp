@@ -410,7 +410,7 @@ int32_t stored_pid = -1;
 }  // namespace
 
 // The fork takes so long to come back that the program has ended before.
-TEST(SpawnByUser, ItsCallerHearsOfNoEndBeforeItKnowsThePid) {
+TEST(SpawnByUser, NoSigchldReachesTheCallerBeforeThePidIsStored) {
   EXPECT_EQ(0, wex_test::run_failing({"clone,clone3,fork,vfork:delay_exit=300000:when=1"}, [] {
               struct sigaction note = {};
               note.sa_handler = [](int) { early_ends += stored_pid == -1 ? 1 : 0; };

@@ -1,4 +1,4 @@
-// The road of an exit through the daemon: take-down markers, crashes, duplicates, postponed and lost exits.
+// What becomes of an exit: take-down markers, crashes, duplicates, postponed and lost exits.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -251,7 +251,7 @@ TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, CrashesOfUnregisteredProgramsAreNobodysBusiness) {
+TEST_F(ExitRoad, CrashesOfUnregisteredProgramsNeverRestartTheDevice) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -575,7 +575,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, HandledTerm, ::testing::Values(15, 143));
 
 // ---- Lost exits -------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, AnExitLostInAFloodIsFoundOut) {
+TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",

@@ -1,5 +1,5 @@
-// The main road: a service registers, dies, runs again; is stopped on purpose and dropped; outlives the
-// daemon.
+// The main walkthrough: a service registers, dies, runs again; is stopped on purpose and dropped; outlives
+// the daemon.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>

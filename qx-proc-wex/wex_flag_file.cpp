@@ -1,5 +1,5 @@
-// wex_proc_marker: the files that tell which process belongs to which domain.
-#include "wex_proc_marker.h"
+// wex_flag_file: the files that tell which process belongs to which domain.
+#include "wex_flag_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,13 +22,13 @@ extern "C" {
 int32_t find_app(int32_t pid) {
   for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
-    wex_format(path, sizeof path, kMarkerFmt, vsd, pid);
+    wex_format(path, sizeof path, kFlagFileFmt, vsd, pid);
     if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
       return vsd;
     }
-    wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-    dir_walk markers(path);
-    while (const dirent* const entry = markers.valid() ? markers.next() : nullptr) {
+    wex_format(path, sizeof path, kFlagDirFmt, vsd);
+    dir_walk flags(path);
+    while (const dirent* const entry = flags.valid() ? flags.next() : nullptr) {
       if (text_to_number(entry->d_name) == pid) {
         return vsd;
       }
@@ -43,13 +43,13 @@ int save_proc_info(int32_t vsd, int32_t pid) {
 
 }  // extern "C"
 
-void wex_remove_markers(int32_t vsd, int32_t pid) {
+void wex_remove_flag_files(int32_t vsd, int32_t pid) {
   char path[kPathSize];
-  wex_format(path, sizeof path, kMarkerDirFmt, vsd);
-  raw_dir markers(open_trusted_dir(AT_FDCWD, path));
-  while (const char* const name = markers.valid() ? markers.next() : nullptr) {
+  wex_format(path, sizeof path, kFlagDirFmt, vsd);
+  raw_dir flags(open_trusted_dir(AT_FDCWD, path));
+  while (const char* const name = flags.valid() ? flags.next() : nullptr) {
     if (name[0] != '.' && text_to_number(name) == pid) {
-      unlinkat(markers.fd(), name, 0);
+      unlinkat(flags.fd(), name, 0);
     }
   }
 }

@@ -1,9 +1,10 @@
-// wex_core_place: do the names in the run-time directory still lead to what the daemon holds?
+// wex_core_watched_names: whether the names in the run-time directory still lead to what the daemon holds.
 //
-// The directory is open to everybody, and cleaners of temporary files come by. A daemon that has lost its
-// socket, its lock file or the directory itself looks healthy and is deaf; it cannot mend that, but say so.
+// Everybody may write to the directory, and cleaners of temporary files may empty it. A daemon whose socket,
+// lock file or directory was removed still runs, but no program can register. It cannot repair that, so the
+// running log says it.
 #define WEX_MODULE "wex_core"
-#include "wex_core_place.h"
+#include "wex_core_watched_names.h"
 
 #include <sys/stat.h>
 
@@ -23,28 +24,28 @@ bool operator==(const identity& a, const identity& b) {
   return a.device == b.device && a.inode == b.inode;
 }
 
-struct place {
+struct watched_name {
   const char* path;
-  const char* loss;         // what comes of it when the name leads elsewhere
-  std::atomic<bool> noted;  // set last, by the thread that made it
+  const char* loss;         // the consequence when the name leads elsewhere
+  std::atomic<bool> noted;  // set last, by the thread that calls wex_watch_name()
   identity held;
-  identity seen;  // at the last look; the delay thread's
+  identity seen;  // at the last look; from then on the delay thread's alone
 };
 
-// In the order of wex_place.
-place g_places[] = {
+// In the order of wex_watched_name.
+watched_name g_names[] = {
     {kRunDir, "failed forks go unseen", {false}, {}, {}},
     {kLockFile, "a second wex may start", {false}, {}, {}},
     {kControlSocket, "no process can register", {false}, {}, {}},
 };
 
-// Links are followed: what counts is where a client, or a second daemon, would get to.
+// Links are followed, because a client or a second daemon would follow them, too.
 identity at_name(const char* path) {
   struct stat facts = {};
   return stat(path, &facts) == 0 ? identity{facts.st_dev, facts.st_ino} : identity{};
 }
 
-void tell(const place& changed) {
+void log_change(const watched_name& changed) {
   if (changed.seen == changed.held) {
     wex_running_log("%s is in place again.\r\n", changed.path);
   } else if (changed.seen.inode == 0) {
@@ -56,22 +57,22 @@ void tell(const place& changed) {
 
 }  // namespace
 
-void wex_note_place(wex_place which, const struct stat& held) {
-  place& entry = g_places[which];
+void wex_watch_name(wex_watched_name which, const struct stat& held) {
+  watched_name& entry = g_names[which];
   entry.held = {held.st_dev, held.st_ino};
   entry.seen = entry.held;
   entry.noted.store(true, std::memory_order_release);
 }
 
-void wex_check_places() {
-  for (place& entry : g_places) {
+void wex_check_names() {
+  for (watched_name& entry : g_names) {
     if (!entry.noted.load(std::memory_order_acquire)) {
       continue;
     }
     const identity now = at_name(entry.path);
     if (!(now == entry.seen)) {
       entry.seen = now;
-      tell(entry);
+      log_change(entry);
     }
   }
 }
