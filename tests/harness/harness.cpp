@@ -120,6 +120,14 @@ std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
 // Not only on one file system: in an overlay a file has another device number than its directory.
 void remove_tree(const std::string& path) {
   nftw(path.c_str(), remove_entry, 16, FTW_PHYS | FTW_DEPTH);
@@ -155,6 +163,10 @@ std::set<std::string> open_descriptors() {
   }
   closedir(dir);
   return found;
+}
+
+size_t count_descriptors() {
+  return open_descriptors().size();
 }
 
 // By mount namespace, and by root: the sandbox's own helpers share the namespace but not the root.

@@ -42,6 +42,7 @@ void write_file(const std::string& path, const std::string& text,
 mode_t mode_of(const std::string& path);                     // permission bits; 0 when there is nothing
 std::vector<std::string> list_dir(const std::string& path);  // sorted names
 std::vector<std::string> lines_of(const std::string& text);  // without their line ends
+size_t occurrences(const std::string& text, const std::string& part);
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);  // follows no link
 
@@ -62,6 +63,7 @@ class temporary {
 bool inside_sandbox();
 bool may_restart_machine();                                     // CAP_SYS_BOOT in any set of this process
 std::set<std::string> open_descriptors();                       // "number -> target" of this process
+size_t count_descriptors();                                     // of this process
 std::set<pid_t> processes_inside();                             // of this sandbox, this process excepted
 bool is_alive(pid_t pid);                                       // exists and is no zombie
 std::string command_line(pid_t pid);                            // words parted by one blank; "" when gone
@@ -103,12 +105,61 @@ class Process {
   std::optional<int> status_;
 };
 
+// A forked child that does `work` and then stays until it is ended. It ends with this process at the latest.
+class child {
+ public:
+  explicit child(const std::function<bool()>& work = [] { return true; });
+  // A program instead, by its path, with a pipe as its input: there once it has been executed.
+  child(const char* path, const std::vector<std::string>& words);
+  ~child();  // SIGKILL, and reaped
+  child(const child&) = delete;
+  child& operator=(const child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool ready() const { return ready_; }  // what `work` has returned
+  void kill_only() const;                // a zombie until end()
+  void end();
+  bool ended();                         // and reaped
+  int signal(milliseconds limit = 5s);  // the one that ended it within the limit, else 0
+  static pid_t reaped();                // a pid that nobody has any more
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = 0;
+  bool ready_ = false;
+  bool ended_ = false;
+  int input_ = -1;
+};
+
 // Runs to its end; the wait status, or nothing (a failure) when it took longer than `limit`.
 std::optional<int> run(const std::vector<std::string>& words, milliseconds limit = 30s,
                        const std::vector<std::string>& env = {});
 
 bool exited_with(std::optional<int> status, int code);
 bool ended_by(std::optional<int> status, int signal);
+
+// ---- What this process prints -----------------------------------------------------------------------------
+
+// Everything written to descriptor 1 while it lives.
+class printed {
+ public:
+  printed();
+  ~printed();
+  printed(const printed&) = delete;
+  printed& operator=(const printed&) = delete;
+
+  std::string text() const;
+  bool has(const std::string& part) const { return text().find(part) != std::string::npos; }
+
+ private:
+  int file_ = -1;
+  int before_ = -1;
+};
+
+std::string printed_by(const std::function<void()>& work);
+
+// The line numbers of the sources, which are free, as "N".
+std::string without_line_numbers(const std::string& text);
 
 // ---- The daemon -------------------------------------------------------------------------------------------
 

@@ -27,14 +27,6 @@ using namespace wex_test;
 
 constexpr size_t kHeader = WEX_MSG_HEADER_SIZE;
 
-inline size_t occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
 // A client without the library: it can send what the library never would.
 class raw_client {
  public:

@@ -73,9 +73,9 @@ TEST_F(Postponed, AHeldFileKeepsTheProgramDownUntilItIsReleased) {
   ASSERT_TRUE(postponed(pid));
   // The first look postpones; two more are later passes of the delay thread.
   const std::string held = "]be lock file " + db_file("actor", pid) + ", ";
-  EXPECT_TRUE(eventually([&] { return count_of(read_console(), held) >= 3; }, 20s)) << read_console();
-  EXPECT_EQ(0u, count_of(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
-  holder.let_go();
+  EXPECT_TRUE(eventually([&] { return occurrences(read_console(), held) >= 3; }, 20s)) << read_console();
+  EXPECT_EQ(0u, occurrences(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
+  holder.end();
   const auto released = std::chrono::steady_clock::now();
   EXPECT_NE(0, wait_for_actor(options("held"), pid));
   EXPECT_GE(2500ms, std::chrono::steady_clock::now() - released) << "looked at once a second";
@@ -89,7 +89,7 @@ TEST_F(Postponed, TheExitCodeSurvivesTheWait) {
   Holder holder({pid});
   end(pid, SIGTERM);
   ASSERT_TRUE(postponed(pid));
-  holder.let_go();
+  holder.end();
   EXPECT_TRUE(console_says(handed_over(pid, "0xf")));
   EXPECT_TRUE(eventually([&] { return !exists(db_file("actor", pid)); }));
   EXPECT_TRUE(never([&] { return wait_for_actor(options("code"), pid, 0ms) != 0; }, 500ms))
@@ -127,7 +127,7 @@ TEST_F(Postponed, SeveralReadyOnesAreRestartedOneASecondInBucketOrder) {
   std::sort(pids.begin(), pids.end(), [](pid_t a, pid_t b) {
     return wex_hash_pid(static_cast<int32_t>(a)) < wex_hash_pid(static_cast<int32_t>(b));
   });
-  holder.let_go();
+  holder.end();
   size_t last = 0;
   auto previous = std::chrono::steady_clock::now() - 1s;
   for (const pid_t pid : pids) {
@@ -147,7 +147,7 @@ TEST_F(Postponed, WhatWaitedIsSupervisedAsBefore) {
   Holder holder({pid});
   end(pid);
   ASSERT_TRUE(postponed(pid));
-  holder.let_go();
+  holder.end();
   const pid_t second = wait_for_actor(options("after"), pid);
   ASSERT_NE(0, second);
   send_signal(second, SIGKILL);

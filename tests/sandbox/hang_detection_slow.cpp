@@ -9,14 +9,6 @@ using namespace wex_test;
 namespace {
 using TenMinutes = WexWorld;
 
-size_t occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
 // The worker has reported before it falls silent, so the first scan behind that is not a silent one.
 std::vector<std::string> hanging(const std::string& ready) {
   return {"--register=RESTART",

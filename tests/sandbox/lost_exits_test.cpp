@@ -109,7 +109,7 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   ASSERT_TRUE(witness.start());
   witness.end();
   EXPECT_TRUE(witness.comes_back(30s)) << "its exit, too, may drown";
-  EXPECT_EQ(1u, count_of(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
+  EXPECT_EQ(1u, occurrences(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
 }
 
 // A child that has this very pid and executes one program after the other.
@@ -171,7 +171,7 @@ TEST_F(LostExits, AnOverflowLeavesLivingProgramsAlone) {
   for (const pid_t pid : gone) {
     EXPECT_TRUE(console_says(" exit of pid " + std::to_string(pid) + " was lost\n", 30s)) << read_console();
   }
-  EXPECT_EQ(0u, count_of(read_console(), " exit of pid " + std::to_string(service.pid()) + " was lost\n"));
+  EXPECT_EQ(0u, occurrences(read_console(), " exit of pid " + std::to_string(service.pid()) + " was lost\n"));
   EXPECT_TRUE(first.comes_back());
   EXPECT_TRUE(last.comes_back());
   EXPECT_TRUE(is_alive(service.pid()));

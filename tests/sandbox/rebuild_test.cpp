@@ -38,6 +38,9 @@ TEST_F(StartWithTheDead, KilledAnywhereItLeavesEachProgramToRunOnce) {
     ASSERT_TRUE(starting.start({Daemon::binary()}));
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir).size() <= left; }, 20s));
     starting.kill_now();
+    // A child that was forked and has not executed its program yet: the next daemon would not find that
+    // program.
+    EXPECT_TRUE(eventually([] { return pids_with_command(Daemon::binary()).empty(); }, 20s));
   }
   ASSERT_TRUE(daemon.start());
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }, 20s));

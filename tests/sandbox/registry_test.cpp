@@ -152,14 +152,8 @@ TEST_F(Registry, FileStillLockedByAnotherIsPostponedUntilTheLockIsGone) {
   EXPECT_TRUE(daemon.start());
   EXPECT_TRUE(console_says("]pid (" + text(old_pid) + ") is not exist\n"));
   // The first look postpones; two more are later passes of the delay thread.
-  const auto looks = [&] {
-    size_t count = 0;
-    for (const std::string& line : lines_of(read_console())) {
-      count += line.find("]be lock file " + file + ", ") != std::string::npos ? 1 : 0;
-    }
-    return count;
-  };
-  EXPECT_TRUE(eventually([&] { return looks() >= 3; }, 20s)) << read_console();
+  const std::string held = "]be lock file " + file + ", ";
+  EXPECT_TRUE(eventually([&] { return occurrences(read_console(), held) >= 3; }, 20s)) << read_console();
   EXPECT_EQ(std::string::npos, read_console().find("]wex_spawn--> wex_pid->process = ")) << read_console();
   EXPECT_TRUE(exists(file));
   close(holder);

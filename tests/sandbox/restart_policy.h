@@ -26,14 +26,6 @@ inline std::string db_file(const std::string& program, pid_t pid, int domain = 0
   return "/tmp/vsd/" + std::to_string(domain) + "/wex/db/" + program + "." + std::to_string(pid);
 }
 
-inline size_t count_of(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
 // Children of `parent` that have ended and that nobody has reaped.
 inline size_t zombies_of(pid_t parent) {
   size_t count = 0;
@@ -112,43 +104,16 @@ class Service {
 
 // Registers processes in their name, and so holds their database files until it is ended: as the other
 // processes of a program do that outlive its first one.
-class Holder {
+class Holder : public child {
  public:
-  explicit Holder(const std::vector<pid_t>& pids) {
-    int told[2];
-    EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
-    pid_ = fork();
-    if (pid_ == 0) {
-      for (const pid_t pid : pids) {
-        reg_process_exit_action(pid, WEX_RESTART);
-        reg_process_exit_action(pid, WEX_RESTART);  // answered when the first has been acted on
-      }
-      const char done = 'y';
-      const bool sent = write(told[1], &done, 1) == 1;
-      while (sent) {
-        pause();
-      }
-      _exit(1);
-    }
-    close(told[1]);
-    char answer = 'n';
-    EXPECT_EQ(1, read(told[0], &answer, 1));
-    close(told[0]);
-  }
-  ~Holder() { let_go(); }
-  Holder(const Holder&) = delete;
-  Holder& operator=(const Holder&) = delete;
-
-  void let_go() {
-    if (pid_ > 0) {
-      send_signal(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-      pid_ = 0;
-    }
-  }
-
- private:
-  pid_t pid_ = 0;
+  explicit Holder(const std::vector<pid_t>& pids)
+      : child([&] {
+          for (const pid_t pid : pids) {
+            reg_process_exit_action(pid, WEX_RESTART);
+            reg_process_exit_action(pid, WEX_RESTART);  // answered when the first has been acted on
+          }
+          return true;
+        }) {}
 };
 
 }  // namespace policy

@@ -109,7 +109,7 @@ TEST_F(ShellRestart, AMissingScriptIsTriedUntilItIsParked) {
   ASSERT_TRUE(service.start());
   service.end();
   EXPECT_TRUE(console_says("HA_WAIT_SCRIPT_SELF_CHECK Task: " + service.name()));
-  EXPECT_EQ(4u, count_of(read_console(), "HA_SCRIPT_RESTART_INFO Self-checking OK: "));
+  EXPECT_EQ(4u, occurrences(read_console(), "HA_SCRIPT_RESTART_INFO Self-checking OK: "));
   EXPECT_TRUE(eventually([&] { return zombies_of(daemon.pid()) == 0; }));
 }
 
@@ -139,8 +139,8 @@ TEST_F(ShellRestart, WithoutAShellItIsToldAndTriedUntilItIsParked) {
   ASSERT_TRUE(service.start());
   service.end();
   EXPECT_TRUE(console_says("HA_WAIT_SCRIPT_SELF_CHECK Task: " + service.name(), 15s)) << read_console();
-  EXPECT_EQ(4u,
-            count_of(read_console(), "]HA_SCRIPT_RESTART execvp fail, error = No such file or directory.\n"));
+  EXPECT_EQ(4u, occurrences(read_console(),
+                            "]HA_SCRIPT_RESTART execvp fail, error = No such file or directory.\n"));
   EXPECT_TRUE(console_says(" receives event:0100 and self-checking ...\n")) << "not ended with status 1";
   daemon.stop();
 }

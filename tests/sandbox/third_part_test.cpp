@@ -534,7 +534,7 @@ TEST_F(ThirdPart, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
   end_by_hand();
   ASSERT_TRUE(console_says("wex_spawn--> third part[" + app + "] Not Found new pid!\n", 10s));
   EXPECT_TRUE(console_says("HA_RESTART execvp fail, error = No such file or directory.\n"));
-  ASSERT_TRUE(eventually([] { return count_of(read_console(), "HA_RESTART execvp fail") == 2; }))
+  ASSERT_TRUE(eventually([] { return occurrences(read_console(), "HA_RESTART execvp fail") == 2; }))
       << "that is one more exit, and the next search has begun";
   ASSERT_EQ(0, rename("/tmp/apps/hidden", app.c_str()));
   ASSERT_TRUE(start_by_hand({app}));

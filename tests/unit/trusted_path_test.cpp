@@ -133,7 +133,7 @@ TEST_F(OpenRule, AnHonestFileOpensBlockingAndCloseOnExec) {
 TEST_F(OpenRule, TruncationIsDoneForAnHonestFile) {
   write_file("/tmp/r/f", "old");
   EXPECT_TRUE(wex_open_file("/tmp/r/f", O_WRONLY | O_TRUNC).valid());
-  EXPECT_EQ("", contents("/tmp/r/f"));
+  EXPECT_EQ("", read_file("/tmp/r/f"));
 }
 
 TEST_F(OpenRule, SomebodyElsesLinkIsRefusedAndItsTargetKept) {
@@ -141,7 +141,7 @@ TEST_F(OpenRule, SomebodyElsesLinkIsRefusedAndItsTargetKept) {
   link_of(kOtherUser, "/tmp/victim", "/tmp/r/link");
   EXPECT_FALSE(wex_open_file("/tmp/r/link", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
   EXPECT_EQ(ELOOP, errno);
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
   link_of(kOtherUser, "/tmp/fresh", "/tmp/r/dangling");
   EXPECT_FALSE(wex_open_file("/tmp/r/dangling", O_WRONLY | O_CREAT, 0666).valid());
   EXPECT_FALSE(exists("/tmp/fresh"));
@@ -164,7 +164,7 @@ TEST_F(OpenRule, RootsLinkToSomebodyElsesLinkIsRefused) {
   link_of(kOtherUser, "/tmp/victim", "/tmp/r/theirs");
   link_of(0, "/tmp/r/theirs", "/tmp/r/ours");
   EXPECT_FALSE(wex_open_file("/tmp/r/ours", O_WRONLY | O_TRUNC).valid());
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
 }
 
 TEST_F(OpenRule, LinksOnTheWayAreJudgedLikeThoseAtItsEnd) {
@@ -179,7 +179,7 @@ TEST_F(OpenRule, LinksOnTheWayAreJudgedLikeThoseAtItsEnd) {
   wex_make_dir("/tmp/r/way/d", 0777);
   EXPECT_FALSE(exists("/tmp/private/d"));
   EXPECT_FALSE(exists("/tmp/private/new"));
-  EXPECT_EQ("precious", contents("/tmp/private/f"));
+  EXPECT_EQ("precious", read_file("/tmp/private/f"));
 }
 
 TEST_F(OpenRule, RootsLinksOnTheWayAreFollowed) {
@@ -231,9 +231,9 @@ TEST_F(OpenRule, AFileWithASecondNameIsNeverTruncatedOrAppendedToButParted) {
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_RDWR).valid()) << "its lock may be tried";
   const unique_fd log = wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_APPEND, 0666);
   ASSERT_EQ(1, write(log.get(), "+", 1));
-  EXPECT_EQ("+", contents("/tmp/r/log")) << "a file of its own, begun anew";
+  EXPECT_EQ("+", read_file("/tmp/r/log")) << "a file of its own, begun anew";
   EXPECT_TRUE(wex_open_file("/tmp/r/log", O_WRONLY | O_CREAT | O_TRUNC, 0666).valid());
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
 }
 
 TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
@@ -244,7 +244,7 @@ TEST_F(OpenRule, AFileThatIsThereOpensAlsoWhereTheKernelRefusesToCreateIt) {
     EXPECT_FALSE(wex_open_file("/tmp/r/none", O_WRONLY | O_CREAT, 0666).valid());
     EXPECT_EQ(EACCES, errno) << "not why the second try failed";
   });
-  EXPECT_EQ("", contents("/tmp/r/f"));
+  EXPECT_EQ("", read_file("/tmp/r/f"));
 }
 
 TEST_F(OpenRule, ASecondNameOfRootsLinkIsNotFollowed) {
@@ -331,7 +331,7 @@ TEST_F(OpenRule, SomebodyElsesDirectoryLinkLeadsNoRemovalAndNoChangeOfPlace) {
   link_of(kOtherUser, "/tmp/private", "/tmp/r/way");
   EXPECT_EQ(-1, wex_unlink("/tmp/r/way/f"));
   EXPECT_EQ(ELOOP, errno);
-  EXPECT_EQ("precious", contents("/tmp/private/f"));
+  EXPECT_EQ("precious", read_file("/tmp/private/f"));
   in_child([] {
     ASSERT_EQ(0, wex_chdir("/tmp/r"));
     EXPECT_EQ(-1, wex_chdir("/tmp/r/way"));

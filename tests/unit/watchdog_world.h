@@ -54,14 +54,6 @@ class Watchdog : public Sandboxed {};
 
 constexpr char kRunningLog[] = "/ovix/vsd/0/utils/wex/running_log1";
 
-inline size_t occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
-
 // A process that reports through the client library. Number 0 is its main thread. A thread does what it is
 // told and nothing in between, which is what a hung one looks like.
 class service {
@@ -107,18 +99,18 @@ class service {
     tell(i, 'e');
     const std::string state = "/proc/" + std::to_string(pid_) + "/task/" + std::to_string(tid(i)) + "/stat";
     EXPECT_TRUE(eventually([&] {
-      const std::string text = contents(state);
-      return text == "<absent>" || text.find(") Z ") != std::string::npos;
+      const std::string text = read_file(state);
+      return text.empty() || text.find(") Z ") != std::string::npos;
     })) << "thread "
         << tid(i) << " does not end";
   }
   void become_another_program() {
     tell(0, 'x');
     EXPECT_TRUE(eventually([this] {
-      return contents("/proc/" + std::to_string(pid_) + "/cmdline") == std::string(
-                                                                           "sleep\0"
-                                                                           "600\0",
-                                                                           10);
+      return read_file("/proc/" + std::to_string(pid_) + "/cmdline") == std::string(
+                                                                            "sleep\0"
+                                                                            "600\0",
+                                                                            10);
     }));
   }
   void end() {
@@ -240,7 +232,7 @@ class daemon_side {
   // What one scan prints, at both levels.
   static std::string scan() {
     set_levels(0, 0);
-    const std::string text = lines_of([] { wex_scan_alive_chains(); });
+    const std::string text = lines_printed_by([] { wex_scan_alive_chains(); });
     set_levels(WEX_DBG_SILENT, WEX_DBG_SILENT);
     return text;
   }
@@ -291,7 +283,7 @@ inline std::string hang_line(const std::string& program, int32_t pid, const std:
 }
 
 inline size_t hangs_logged() {
-  return occurrences(contents(kNotifyLog), "hung.\n");
+  return occurrences(read_file(kNotifyLog), "hung.\n");
 }
 
 inline std::string numbers(const char* format, int32_t a, int32_t b = 0, int32_t c = 0, int32_t d = 0) {

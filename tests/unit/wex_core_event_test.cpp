@@ -133,7 +133,7 @@ class Event : public Parked {
   // Takes a child that lives on out of the registry, and ends it.
   static void end(wex_pid* rec) {
     ASSERT_GT(rec->pid, 1);
-    wex_test::send_signal(rec->pid, SIGKILL);
+    send_signal(rec->pid, SIGKILL);
     waitpid(rec->pid, nullptr, 0);
     chain_lock hold(wex_chains);
     __wex_drop_record(&wex_chains, rec);
@@ -158,7 +158,7 @@ TEST_F(Event, OfAProcessWhosePidAStrangerHasIsAnExit) {
   wex_take_exit_event(exit_of(stranger, 9, exit_time));
   EXPECT_NE(stranger, pid_of(rec)) << "the program stays down until the stranger ends";
   EXPECT_EQ(9u, rec->exit_signal);
-  EXPECT_TRUE(wex_test::send_signal(stranger, SIGKILL));
+  EXPECT_TRUE(send_signal(stranger, SIGKILL));
   waitpid(stranger, nullptr, 0);
 }
 
@@ -182,13 +182,13 @@ TEST_F(Event, OfAMainThreadWaitsForTheOthersWithoutTheRegistry) {
   const pid_t child = without_main_thread(hold);
   ASSERT_GT(child, 0);
   const wex_pid* const rec = add(child);
-  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
   ASSERT_EQ(2, wex_look_at(child).threads);
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_EQ(child, pid_of(rec)) << "a thread of it may be about to execute a program";
   EXPECT_NE(-1, wex_judge_pending_exits());
   close(hold[1]);
-  ASSERT_TRUE(soon([&] { return wex_look_at(child).threads == 1; }));
+  ASSERT_TRUE(eventually([&] { return wex_look_at(child).threads == 1; }));
   wex_take_exit_event(thread_end(child + 1, child));
   EXPECT_EQ(-1, wex_judge_pending_exits()) << "the last thread's end must be enough for a decision";
   EXPECT_NE(child, pid_of(rec));
@@ -204,7 +204,7 @@ TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
     const pid_t child = without_main_thread(hold);
     ASSERT_GT(child, 0);
     const wex_pid* const rec = add(child);
-    ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+    ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
     const int64_t begin = wex_clock_ms();
     wex_take_exit_event(exit_of(child, 139));
     for (int other = 1; other <= 2 * kExitLooks; ++other) {
@@ -218,7 +218,7 @@ TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
     }
     close(hold[0]);
     close(hold[1]);
-    ASSERT_TRUE(soon(settled));
+    ASSERT_TRUE(eventually(settled));
   }
   EXPECT_TRUE(in_time);
 }
@@ -229,10 +229,10 @@ TEST_F(Event, OfAMainThreadBesideThreadsThatGoOnIsHandledAfterSomeLooks) {
   const pid_t child = without_main_thread(hold);
   ASSERT_GT(child, 0);
   const wex_pid* const rec = add(child);
-  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
   wex_take_exit_event(exit_of(child, 0));
   EXPECT_EQ(child, pid_of(rec));
-  EXPECT_TRUE(soon(settled));
+  EXPECT_TRUE(eventually(settled));
   EXPECT_NE(child, pid_of(rec)) << "its file is not locked, so nothing postpones the restart";
   close(hold[0]);
   close(hold[1]);
@@ -250,7 +250,7 @@ TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
     }
     EXPECT_EQ(child, pid_of(rec));
   }
-  EXPECT_TRUE(soon(settled));
+  EXPECT_TRUE(eventually(settled));
   EXPECT_NE(child, pid_of(rec));
   EXPECT_EQ(11u, rec->exit_signal);
 }
@@ -266,14 +266,14 @@ TEST_F(Event, MoreUndecidedExitsThanThereIsRoomForAreNotLost) {
     records.push_back(add(child, "/bin/sleep " + std::to_string(1000 + i)));
   }
   for (const wex_pid* const rec : records) {
-    ASSERT_TRUE(soon([&] { return wex_look_at(rec->pid).state == 'Z'; }));
+    ASSERT_TRUE(eventually([&] { return wex_look_at(rec->pid).state == 'Z'; }));
   }
   std::vector<int32_t> before;
   for (const wex_pid* const rec : records) {
     before.push_back(rec->pid);
     wex_take_exit_event(exit_of(rec->pid, 9));
   }
-  EXPECT_TRUE(soon(settled, 20s));
+  EXPECT_TRUE(eventually(settled, 20s));
   for (size_t i = 0; i < records.size(); ++i) {
     EXPECT_NE(before[i], pid_of(records[i])) << i;
   }
@@ -304,12 +304,12 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
       usleep(1000);
     }
   });
-  ASSERT_TRUE(soon([&] { return tid != 0; }));
+  ASSERT_TRUE(eventually([&] { return tid != 0; }));
   const wex_pid* const rec = add(tid);
   EXPECT_EQ(1, rec->is_thread);
   over = true;
   thread.join();
-  ASSERT_TRUE(soon([&] { return !wex_pid_exists(tid); }));
+  ASSERT_TRUE(eventually([&] { return !wex_pid_exists(tid); }));
   wex_monitor_read_until = INT32_MAX;
   for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
     g_now = now;
@@ -324,10 +324,10 @@ TEST_F(Event, OfAMainThreadIsDecidedWhenTheLastThreadEndsBeforeItsEndIsReported)
   const pid_t child = without_main_thread(hold);
   ASSERT_GT(child, 0);
   const wex_pid* const rec = add(child);
-  ASSERT_TRUE(soon([&] { return wex_look_at(child).state == 'Z'; }));
+  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
   g_before_filter_passes = [&] {
     close(hold[1]);
-    ASSERT_TRUE(soon([&] { return wex_look_at(child).threads == 1; }));
+    ASSERT_TRUE(eventually([&] { return wex_look_at(child).threads == 1; }));
   };
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_NE(child, pid_of(rec)) << "nobody reports the thread, so it must be looked for";
@@ -341,7 +341,7 @@ TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {
   rec->exit_seen = 1;
   wex_take_exit_event(exit_of(child, 0));
   ASSERT_EQ(child, pid_of(rec));
-  wex_test::send_signal(child, SIGKILL);  // this exit is lost
+  send_signal(child, SIGKILL);  // this exit is lost
   waitpid(child, nullptr, 0);
   wex_monitor_read_until = INT32_MAX;
   wex_sweep_lost_exits();
@@ -399,7 +399,7 @@ wex_pid* crashing(wex_pid* rec) {
 }
 
 size_t reboots() {
-  const std::string log = contents(kRebootLog);
+  const std::string log = read_file(kRebootLog);
   size_t count = 0;
   for (size_t at = log.find("in shorttime["); at != std::string::npos;
        at = log.find("in shorttime[", at + 1)) {
@@ -449,7 +449,7 @@ TEST_F(Event, TheListOfCrashedProgramsIsCutAt1023Characters) {
   const wex_pid* const second = crashing(add(dead_pid(), "/opt/second"));
   wex_take_exit_event(exit_of(second->pid, kDumped));
   wex_take_exit_event(exit_of(first->pid, kDumped));
-  const std::string log = contents(kRebootLog);
+  const std::string log = read_file(kRebootLog);
   const std::string reason = "detect more than 2 process exit in shorttime[60]s\n";
   const size_t at = log.find(reason);
   ASSERT_NE(std::string::npos, at) << log;

@@ -335,7 +335,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   }
   ASSERT_GT(running, 1);
   char command[256] = "";
-  ASSERT_TRUE(soon([&] {
+  ASSERT_TRUE(eventually([&] {
     return pid_to_cmdline(running, command, sizeof command) != nullptr && strstr(command, " 4712") != nullptr;
   }));
   rtrim(command);
@@ -343,7 +343,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
   reap(kChild, 9);
   EXPECT_TRUE(registered(running));
-  wex_test::leaves_behind(wex_test::kDescriptors, "/wex/db/", 1, "its registration is not taken back");
+  leaves_behind(kDescriptors, "/wex/db/", 1, "its registration is not taken back");
   expect_others();
 }
 
@@ -400,7 +400,7 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
       {"a stranger has its pid", [](wex_pid* twin) { ++twin->start_time; }, true},
       {"a zombie",
        [](wex_pid* twin) {
-         wex_test::send_signal(twin->pid, SIGKILL);
+         send_signal(twin->pid, SIGKILL);
          siginfo_t info = {};
          waitid(P_PID, static_cast<id_t>(twin->pid), &info, WEXITED | WNOWAIT);
        },
@@ -417,12 +417,12 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
     EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
     EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
     EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";
-    wex_test::send_signal(twin_pid, SIGKILL);
+    send_signal(twin_pid, SIGKILL);
     chain_lock hold(wex_chains);
     record_walk walk(wex_chains);
     while (wex_pid* const left = walk.next()) {
       if (left->pid != twin_pid && left->pid > 1) {
-        wex_test::send_signal(left->pid, SIGKILL);
+        send_signal(left->pid, SIGKILL);
       }
       __wex_drop_record(&wex_chains, left);
     }
@@ -466,7 +466,7 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
     wex_handle_netlink_exit(rec->pid, 9, 0);
     ended = true;
   });
-  ASSERT_TRUE(soon([] {  // it has the registry: it is waiting out the delay
+  ASSERT_TRUE(eventually([] {  // it has the registry: it is waiting out the delay
     const bool free = pthread_mutex_trylock(&wex_chains.mutex) == 0;
     if (free) {
       pthread_mutex_unlock(&wex_chains.mutex);
@@ -474,7 +474,7 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
     return !free;
   }));
   EXPECT_EQ(0, system("touch /tmp/vsd/5/delete_vsd"));
-  EXPECT_TRUE(soon([&] { return ended.load(); }, 20s));
+  EXPECT_TRUE(eventually([&] { return ended.load(); }, 20s));
   exit.join();
   EXPECT_EQ(0, wex_chains.count);
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a second instance, outside of the domain";
@@ -491,12 +491,12 @@ TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
       write_file("/tmp/vsd/3/delete_vsd", "");
     }
     EXPECT_EQ(marked || acted_on, wex_take_down_under_way());
-    EXPECT_EQ("", contents(kRunningLog1)) << "whoever looks must not wait for the disk";
+    EXPECT_EQ("", read_file(kRunningLog1)) << "whoever looks must not wait for the disk";
     if (!marked) {
       unlink("/tmp/vsd/3/delete_vsd");
     }
     wex_log_take_downs();
-    return contents(kRunningLog1);
+    return read_file(kRunningLog1);
   };
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/3 /ovix/vsd/0/utils/wex"));
   log_of(false, false);  // what earlier cases had taken down is told by now

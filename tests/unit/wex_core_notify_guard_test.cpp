@@ -1,9 +1,18 @@
 // What keeps the watchdog from aborting the wrong process: threads that are gone or are somebody else's, the
 // operator's brakes, a table that is not whole.
+#include "unique_fd.h"
 #include "watchdog_world.h"
 #include "wex_utils.h"
 
 using namespace watchdog;
+
+namespace {
+// write_file would give the file a mode, which the kernel refuses here.
+void set_kernel(const char* path, int32_t number) {
+  unique_fd file(open(path, O_WRONLY | O_CLOEXEC));
+  EXPECT_LT(0, dprintf(file.get(), "%d", number)) << path << ": " << strerror(errno);
+}
+}  // namespace
 
 // ---- Threads that are no more, or no more themselves -----------------------------------------------------
 
@@ -23,7 +32,7 @@ TEST_F(Watchdog, AnEndedThreadIsRemovedFromChainAndTable) {
     EXPECT_EQ(0, wex_sys_isreg_alive_info(tid));
     EXPECT_EQ(0U, wex_sys_get_alive_seq(tid));
     EXPECT_EQ(1, wex_sys_isreg_alive_info(static_cast<uint32_t>(program.pid()))) << "its neighbour";
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
     EXPECT_TRUE(program.running());
   });
 }
@@ -51,8 +60,8 @@ TEST_F(Watchdog, AllThreadsOfADeadProcessAreRemovedInOneScan) {
     program.end();
     daemon.scans(1);
     EXPECT_EQ(0, wex_alive_chains.count);
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
-    const std::string table = contents(kAliveTableFile);
+    EXPECT_FALSE(exists(kNotifyLog));
+    const std::string table = read_file(kAliveTableFile);
     EXPECT_EQ(std::string(20481 + 163840, '\0'), table.substr(32, 184353 - 32));
   });
 }
@@ -67,7 +76,7 @@ TEST_F(Watchdog, AThreadIdThatAnotherProcessHasNowIsRemovedBeforeItIsCounted) {
     former->end();
     std::unique_ptr<service> stranger;
     for (int tries = 0; tries < 200 && (stranger == nullptr || stranger->pid() != reused); ++tries) {
-      write_file("/proc/sys/kernel/ns_last_pid", std::to_string(reused - 1));
+      set_kernel("/proc/sys/kernel/ns_last_pid", reused - 1);
       stranger = std::make_unique<service>(1);
     }
     ASSERT_EQ(reused, stranger->pid()) << "others take every pid";
@@ -81,7 +90,7 @@ TEST_F(Watchdog, AThreadIdThatAnotherProcessHasNowIsRemovedBeforeItIsCounted) {
     EXPECT_EQ(0, wex_alive_chains.count);
     EXPECT_EQ(0, wex_sys_isreg_alive_info(static_cast<uint32_t>(reused)));
     EXPECT_TRUE(stranger->running());
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
   });
 }
 
@@ -99,7 +108,7 @@ TEST_F(Watchdog, AProcessThatRunsAnotherProgramNowIsRemoved) {
                                   ", now:" + now + ")\n"));
     EXPECT_EQ(0, wex_alive_chains.count);
     EXPECT_TRUE(program.running());
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
   });
 }
 
@@ -120,7 +129,7 @@ TEST_F(Watchdog, ARegisteredLineThatBeginsWithTheCurrentOneIsTheSameProgram) {
 
 TEST_F(Watchdog, OnlyTheFirst255CharactersOfALongLineAreCompared) {
   in_child([] {
-    const lasting_child program("/bin/sleep", {"sleep", "600", std::string(400, '0')});
+    const child program("/bin/sleep", {"sleep", "600", std::string(400, '0')});
     const daemon_side daemon;
     daemon.start(program.pid(), program.pid(), kShort);
     wex_pid* const rec = daemon.find(program.pid());
@@ -144,7 +153,7 @@ TEST_F(Watchdog, AForgedOwnerIsRemovedAndNobodyIsAborted) {
       daemon.scans(1);
       EXPECT_EQ(0, wex_alive_chains.count);
       EXPECT_TRUE(program.running());
-      EXPECT_EQ("<absent>", contents(kNotifyLog));
+      EXPECT_FALSE(exists(kNotifyLog));
     });
   }
 }
@@ -229,7 +238,7 @@ TEST_F(Watchdog, ATableCutShortIsMendedAndTheThreadsGoOn) {
     daemon.scans(3);
     ASSERT_EQ(0, truncate(kAliveTableFile, 0));
     daemon.scans(1);
-    EXPECT_EQ(188416U, contents(kAliveTableFile).size());
+    EXPECT_EQ(188416U, read_file(kAliveTableFile).size());
     expect_state(program.pid(), 3, 0);
     daemon.start(program, 0, kShort);  // what the thread's next report leads to
     program.report(0);
@@ -249,17 +258,17 @@ TEST_F(Watchdog, ATableThatWasReplacedStopsTheCountAndIsSaidOnce) {
         "/dev/shm/UTILS-wex-shm-001 is not the table that threads were registered in, or is full, "
         "hangs are not counted.\r\n";
     daemon.scans(2);
-    EXPECT_EQ(1U, occurrences(contents(kRunningLog), complaint));
+    EXPECT_EQ(1U, occurrences(read_file(kRunningLog), complaint));
     write_file(kAliveTableFile, std::string(188416, '\xff'));
     daemon.scans(28);
     expect_state(program.pid(), 4, 0);
-    EXPECT_EQ(1U, occurrences(contents(kRunningLog), complaint));
+    EXPECT_EQ(1U, occurrences(read_file(kRunningLog), complaint));
     ASSERT_EQ(0, rename("/dev/shm/aside", kAliveTableFile));
     daemon.scans(2);
     expect_state(program.pid(), 3, 0);
     unlink(kAliveTableFile);
     daemon.scans(1);
-    EXPECT_EQ(2U, occurrences(contents(kRunningLog), complaint)) << "a new loss is said again";
+    EXPECT_EQ(2U, occurrences(read_file(kRunningLog), complaint)) << "a new loss is said again";
   });
 }
 
@@ -289,26 +298,26 @@ TEST_F(Watchdog, TheLastIdOfTheTableReportsThroughItAndTheNextByMessage) {
     in_child([] {
       ASSERT_EQ(0, mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
       ASSERT_EQ(0, mount("proc", "/proc", "proc", 0, nullptr));
-      write_file("/proc/sys/kernel/pid_max", "400000");
+      set_kernel("/proc/sys/kernel/pid_max", 400000);
       // Downwards: under user-mode emulation each process takes one id more for a thread of the emulator.
-      write_file("/proc/sys/kernel/ns_last_pid", "163839");
+      set_kernel("/proc/sys/kernel/ns_last_pid", 163839);
       service beyond(1);
-      write_file("/proc/sys/kernel/ns_last_pid", "163838");
+      set_kernel("/proc/sys/kernel/ns_last_pid", 163838);
       service last(1);
       ASSERT_EQ(163839, last.pid());
       ASSERT_EQ(163840, beyond.pid());
       const daemon_side daemon;
       daemon.start(last, 0, kShort);
-      const std::string before = contents(kAliveTableFile);
+      const std::string before = read_file(kAliveTableFile);
       set_levels(WEX_DBG_SILENT, 0);
-      EXPECT_EQ("", lines_of([&] { daemon.start(beyond, 0, kShort); })) << "the table is not asked";
+      EXPECT_EQ("", lines_printed_by([&] { daemon.start(beyond, 0, kShort); })) << "the table is not asked";
       set_levels(WEX_DBG_SILENT, WEX_DBG_SILENT);
-      EXPECT_EQ(before, contents(kAliveTableFile));
+      EXPECT_EQ(before, read_file(kAliveTableFile));
       EXPECT_EQ('\x80', before[20511]);
       EXPECT_EQ('\x01', before[184352]);
       daemon.scans(9);
       last.report(0);
-      EXPECT_EQ('\x02', contents(kAliveTableFile)[184352]);
+      EXPECT_EQ('\x02', read_file(kAliveTableFile)[184352]);
       daemon.reset(beyond, 0, kShort);
       daemon.scans(1);
       expect_state(163839, 5, 0);

@@ -32,7 +32,7 @@ TEST_F(Watchdog, WithTheOperatorsFileAHangingProgramStandsInADebuggerAndLivesOn)
     write_file(kKillDebug, "");
     attach(program);
     daemon.scans(30);
-    EXPECT_EQ("<absent>", contents(kNotifyLog));
+    EXPECT_FALSE(exists(kNotifyLog));
     ASSERT_EQ(0, ptrace(PTRACE_DETACH, program.pid(), nullptr, nullptr));
     program.report(0);  // it was not hanging after all
     unlink(kKillDebug);

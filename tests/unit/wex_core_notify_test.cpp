@@ -32,7 +32,7 @@ void expect_abort_at(const figures& by, int scans_a_miss, int last) {
     EXPECT_EQ(0U, occurrences(text, "send SIGABRT"));
     ASSERT_TRUE(program.running()) << "after scan " << scan;
   }
-  EXPECT_EQ("<absent>", contents(kNotifyLog));
+  EXPECT_FALSE(exists(kNotifyLog));
   program.report(0);
   const std::string text = daemon.scan();
   EXPECT_TRUE(program.aborted());
@@ -40,7 +40,7 @@ void expect_abort_at(const figures& by, int scans_a_miss, int last) {
   EXPECT_EQ(
       1U, occurrences(text, numbers("]ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", by.count, program.pid())));
   EXPECT_EQ(1U, hangs_logged());
-  EXPECT_EQ(1U, occurrences(contents(kNotifyLog), hang_line(name, program.pid(), "worker", program.tid(1))));
+  EXPECT_EQ(1U, occurrences(read_file(kNotifyLog), hang_line(name, program.pid(), "worker", program.tid(1))));
   expect_state(program.tid(1), 0, 0);  // kept until it is found gone
   daemon.scans(1);
   EXPECT_EQ(0, wex_alive_chains.count);
@@ -74,14 +74,14 @@ TEST_F(Watchdog, TheHangEntryIsATimeTheTextAndAnEmptyLine) {
     const std::string name = program_of(daemon.find(program.pid()));
     daemon.scans(1);
     EXPECT_TRUE(program.aborted());
-    const std::string entry = contents(kNotifyLog);
-    const std::string own = contents("/proc/self/comm");
+    const std::string entry = read_file(kNotifyLog);
+    const std::string own = read_file("/proc/self/comm");
     const std::string line = hang_line(name, program.pid(), own.substr(0, own.size() - 1), program.pid());
     ASSERT_GT(entry.size(), line.size());
     EXPECT_EQ(line, entry.substr(entry.size() - line.size()));
     EXPECT_TRUE(matches(entry.substr(0, entry.size() - line.size()),
                         "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{8} [0-9]{4}"));
-    EXPECT_EQ("1", contents(kNotifyCount));
+    EXPECT_EQ("1", read_file(kNotifyCount));
   });
 }
 
@@ -202,9 +202,9 @@ TEST_F(Watchdog, WithoutItsMainThreadAProcessIsNeverCountedDown) {
     }
     EXPECT_TRUE(program.running());
     set_levels(0, WEX_DBG_SILENT);
-    EXPECT_EQ(complaint, lines_of([&] { daemon.scans(2); })) << "a line of the public level";
+    EXPECT_EQ(complaint, lines_printed_by([&] { daemon.scans(2); })) << "a line of the public level";
     set_levels(WEX_DBG_SILENT, 0);
-    EXPECT_EQ(0U, occurrences(lines_of([&] { daemon.scans(2); }), "not reg alive"));
+    EXPECT_EQ(0U, occurrences(lines_printed_by([&] { daemon.scans(2); }), "not reg alive"));
     set_levels(WEX_DBG_SILENT, WEX_DBG_SILENT);
     daemon.start(program, 0, kLong);
     daemon.scans(10);
@@ -399,7 +399,7 @@ TEST_F(Watchdog, AThreadWithoutANameIsLoggedAsUnknown) {
     daemon.start(program, 2, {5, 0, 120, 0});
     daemon.scans(1);
     EXPECT_TRUE(program.aborted());
-    EXPECT_EQ(1U, occurrences(contents(kNotifyLog), numbers("] thread unknown:%d hung.\n", program.tid(2))));
+    EXPECT_EQ(1U, occurrences(read_file(kNotifyLog), numbers("] thread unknown:%d hung.\n", program.tid(2))));
   });
 }
 
@@ -418,8 +418,8 @@ TEST_F(Watchdog, AProgramWithoutASlashIsLoggedByItsWholeCommandLine) {
       __wex_add_record(&wex_alive_chains, rec);
     }
     daemon.scans(1);
-    EXPECT_EQ(
-        1U, occurrences(contents(kNotifyLog), numbers(" detect process:[plain program/%d] ", program.pid())));
+    EXPECT_EQ(1U, occurrences(read_file(kNotifyLog),
+                              numbers(" detect process:[plain program/%d] ", program.pid())));
   });
 }
 
@@ -447,7 +447,7 @@ TEST_F(Watchdog, CountersThatMakeNoSenseAreSurvived) {
       daemon.start(program, 0, row.before);
       daemon.scans(1);
       expect_state(program.pid(), row.left, row.elapsed);
-      EXPECT_EQ("<absent>", contents(kNotifyLog));
+      EXPECT_FALSE(exists(kNotifyLog));
       EXPECT_TRUE(program.running());
     });
   }
@@ -495,7 +495,7 @@ TEST_F(Watchdog, WithPublicDebuggingTheChainsGoToTheSystemLogOrToTheConsole) {
                                  node + "delay restart in wex:\nnode num:0\n[WEX:wex_core:N]pid ("));
     EXPECT_EQ("", system_log);
     set_levels(WEX_DBG_SILENT, 0);
-    EXPECT_EQ(0U, occurrences(lines_of([&] { daemon.scans(1); }), "in wex:"))
+    EXPECT_EQ(0U, occurrences(lines_printed_by([&] { daemon.scans(1); }), "in wex:"))
         << "not without public debugging";
     set_levels(WEX_DBG_SILENT, WEX_DBG_SILENT);
     unlink(kDumpToConsole);
@@ -509,7 +509,7 @@ TEST_F(Watchdog, SilentLevelsPrintNothingAndStillAbortAndLog) {
     service program(1);
     const daemon_side daemon;
     daemon.start(program, 0, kShort);
-    EXPECT_EQ("", output_of([&] { daemon.scans(10); }));
+    EXPECT_EQ("", printed_by([&] { daemon.scans(10); }));
     EXPECT_TRUE(program.aborted());
     EXPECT_EQ(1U, hangs_logged());
   });
@@ -530,7 +530,7 @@ TEST_F(Watchdog, TheThreadHasItsNameAndPriorityScansAtOnceAndEndsWithTheFlag) {
       result = wex_notifer_run(nullptr);
     });
     EXPECT_TRUE(eventually([&] { return elapsed(program.pid()) == 60; }));
-    EXPECT_EQ("wex_thread_noti\n", contents("/proc/self/task/" + std::to_string(tid) + "/comm"));
+    EXPECT_EQ("wex_thread_noti\n", read_file("/proc/self/task/" + std::to_string(tid) + "/comm"));
     sched_param how = {};
     EXPECT_EQ(0, sched_getparam(tid, &how));
     EXPECT_EQ(SCHED_FIFO, sched_getscheduler(tid));
@@ -552,7 +552,7 @@ TEST_F(Watchdog, AThreadThatCannotBeNamedSaysSoAndScansAllTheSame) {
               daemon.start(program, 0, kShort);
               wex_init_wakeup();
               set_levels(0, WEX_DBG_SILENT);
-              const std::string text = lines_of([&] {
+              const std::string text = lines_printed_by([&] {
                 std::thread thread([] { wex_notifer_run(nullptr); });
                 EXPECT_TRUE(eventually([&] { return elapsed(program.pid()) == 60; }));
                 wex_raise_exit_flag();
@@ -565,8 +565,7 @@ TEST_F(Watchdog, AThreadThatCannotBeNamedSaysSoAndScansAllTheSame) {
 }
 
 TEST_F(Watchdog, WithoutTheRightToItsPriorityTheThreadSaysSoAndScans) {
-  wex_test::leaves_behind(wex_test::kSemaphores, "", 1,
-                          "the process that made it gives up the right to remove it");
+  leaves_behind(kSemaphores, "", 1, "the process that made it gives up the right to remove it");
   in_child([] {
     service program(1);
     const daemon_side daemon;
@@ -574,7 +573,7 @@ TEST_F(Watchdog, WithoutTheRightToItsPriorityTheThreadSaysSoAndScans) {
     ASSERT_EQ(0, setuid(kOtherUser));
     wex_init_wakeup();
     set_levels(0, 0);
-    const std::string text = lines_of([&] {
+    const std::string text = lines_printed_by([&] {
       std::thread watchdog([] { wex_notifer_run(nullptr); });
       EXPECT_TRUE(eventually([&] { return elapsed(program.pid()) == 60; }));
       wex_raise_exit_flag();

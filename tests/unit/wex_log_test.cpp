@@ -62,7 +62,7 @@ class Reboot : public Sandboxed {
  protected:
   void SetUp() override {
     Sandboxed::SetUp();
-    const std::string status = contents("/proc/self/status");
+    const std::string status = read_file("/proc/self/status");
     for (const char* const set : {"CapPrm:\t", "CapEff:\t", "CapBnd:\t"}) {
       const size_t at = status.find(set);
       ASSERT_NE(std::string::npos, at) << set;
@@ -81,7 +81,7 @@ class Reboot : public Sandboxed {
   }
   static void expect_nothing_happened() {
     EXPECT_FALSE(exists(kRebootLog));
-    EXPECT_EQ("", contents(kRebootSeconds));
+    EXPECT_EQ("", read_file(kRebootSeconds));
   }
 };
 
@@ -110,18 +110,18 @@ extern "C" int __wrap_fsync(int fd) {
 TEST_F(RunningLog, AnEntryIsTheLocalTimeAndTheMessageAsItIs) {
   wex_running_log("Start.\r\n");
   wex_running_log("%s %d\n", "number", 2);
-  EXPECT_TRUE(matches(contents(kRunningLog1),
+  EXPECT_TRUE(matches(read_file(kRunningLog1),
                       "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}: Start\\.\r\n"
                       "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}: number 2\n"))
-      << contents(kRunningLog1);
+      << read_file(kRunningLog1);
   EXPECT_FALSE(exists(kRunningLog2));
 }
 
 TEST_F(RunningLog, IsAlsoPrinted) {
   set_levels(0, WEX_DBG_SILENT);
-  EXPECT_EQ("[WEX:wex_log:N]Start.\r\n", lines_of([] { wex_running_log("Start.\r\n"); }));
+  EXPECT_EQ("[WEX:wex_log:N]Start.\r\n", lines_printed_by([] { wex_running_log("Start.\r\n"); }));
   set_levels(WEX_DBG_SILENT, 0);
-  EXPECT_EQ("", output_of([] { wex_running_log("Start.\r\n"); }));
+  EXPECT_EQ("", printed_by([] { wex_running_log("Start.\r\n"); }));
 }
 
 // A power cut may follow: what was said is on the disk, and after a creation the name of its file too.
@@ -139,25 +139,25 @@ TEST_F(RunningLog, EachEntryIsOnTheDiskWhenItIsMade) {
 
 TEST_F(RunningLog, AMessageIsCutAt255Characters) {
   wex_running_log("%s", std::string(1000, 'm').c_str());
-  EXPECT_EQ(19u + 2u + 255u, contents(kRunningLog1).size());
+  EXPECT_EQ(19u + 2u + 255u, read_file(kRunningLog1).size());
 }
 
 TEST_F(RunningLog, AFileBelowTheLimitTakesTheEntryAFullOneDoesNot) {
   write_file(kRunningLog1, of_size(102399));
   wex_running_log("a\n");
-  EXPECT_EQ(102399u + 23u, contents(kRunningLog1).size());
+  EXPECT_EQ(102399u + 23u, read_file(kRunningLog1).size());
   EXPECT_FALSE(exists(kRunningLog2));
   write_file(kRunningLog1, of_size(102400));
   wex_running_log("b\n");
-  EXPECT_EQ(102400u, contents(kRunningLog1).size());
-  EXPECT_EQ(23u, contents(kRunningLog2).size());
+  EXPECT_EQ(102400u, read_file(kRunningLog1).size());
+  EXPECT_EQ(23u, read_file(kRunningLog2).size());
 }
 
 TEST_F(RunningLog, TheFirstFileIsTakenAgainOnceItIsShort) {
   write_file(kRunningLog1, "short\n");
   write_file(kRunningLog2, of_size(102400));
   wex_running_log("c\n");
-  EXPECT_EQ(6u + 23u, contents(kRunningLog1).size());
+  EXPECT_EQ(6u + 23u, read_file(kRunningLog1).size());
 }
 
 TEST_F(RunningLog, OfTwoFullFilesTheOlderIsEmptied) {
@@ -173,20 +173,20 @@ TEST_F(RunningLog, OfTwoFullFilesTheOlderIsEmptied) {
     set_time(kRunningLog2, row.second);
     wex_running_log("d\n");
     const bool first = row.emptied == kRunningLog1;
-    EXPECT_EQ(first ? 23u : 102400u, contents(kRunningLog1).size());
-    EXPECT_EQ(first ? 102401u : 23u, contents(kRunningLog2).size());
+    EXPECT_EQ(first ? 23u : 102400u, read_file(kRunningLog1).size());
+    EXPECT_EQ(first ? 102401u : 23u, read_file(kRunningLog2).size());
   }
 }
 
 TEST_F(RunningLog, WhatCannotBeLookedAtIsRemovedAndBegunAnew) {
   ASSERT_EQ(0, symlink(kRunningLog1, kRunningLog1));  // a circle: neither missing nor readable
   wex_running_log("e\n");
-  EXPECT_EQ(23u, contents(kRunningLog1).size());
+  EXPECT_EQ(23u, read_file(kRunningLog1).size());
   write_file(kRunningLog1, of_size(102400));
   ASSERT_EQ(0, symlink(kRunningLog2, kRunningLog2));
   wex_running_log("f\n");
-  EXPECT_EQ(23u, contents(kRunningLog2).size()) << "the second one too";
-  EXPECT_EQ(102400u, contents(kRunningLog1).size());
+  EXPECT_EQ(23u, read_file(kRunningLog2).size()) << "the second one too";
+  EXPECT_EQ(102400u, read_file(kRunningLog1).size());
 }
 
 TEST_F(RunningLog, WithoutMemoryForTheLookTheEntryIsDroppedAndTheFileStays) {
@@ -202,13 +202,13 @@ TEST_F(RunningLog, WithoutMemoryForTheLookTheEntryIsDroppedAndTheFileStays) {
                        wex_running_log("lost\n");
                        return 0;
                      }));
-    EXPECT_EQ(of_size(row.first), contents(kRunningLog1)) << row.looks;
-    EXPECT_EQ(of_size(7), contents(kRunningLog2)) << row.looks;
+    EXPECT_EQ(of_size(row.first), read_file(kRunningLog1)) << row.looks;
+    EXPECT_EQ(of_size(7), read_file(kRunningLog2)) << row.looks;
   }
 }
 
 TEST_F(RunningLog, AFileThatCannotBeOpenedLosesTheEntryQuietly) {
-  EXPECT_EQ("", output_of([] {
+  EXPECT_EQ("", printed_by([] {
               in_child([] {
                 refuse_creation();
                 wex_running_log("f\n");
@@ -224,8 +224,8 @@ TEST_F(RunningLog, ASecondNameCostsNoEntry) {
   ASSERT_EQ(0, link(kRunningLog1, (std::string(kRunningLog1) + ".link").c_str()));
   synced.clear();
   wex_running_log("b\n");
-  EXPECT_EQ(23u, contents(kRunningLog1).size());
-  EXPECT_EQ(23u, contents(std::string(kRunningLog1) + ".link").size());
+  EXPECT_EQ(23u, read_file(kRunningLog1).size());
+  EXPECT_EQ(23u, read_file(std::string(kRunningLog1) + ".link").size());
   EXPECT_EQ(2u, synced.size()) << "nothing is copied while others wait to write";
   const std::string directory = std::string(kRunningLog1).substr(0, std::string(kRunningLog1).rfind('/'));
   EXPECT_EQ(0, system(("grep -q 'a$' " + directory + "/aside-*-running_log1").c_str()));
@@ -234,7 +234,7 @@ TEST_F(RunningLog, ASecondNameCostsNoEntry) {
 
 TEST_F(RunningLog, AMessageThatIsSaidOnceIsNotRepeatedAtTheEndOfTheNewestFile) {
   const auto lines = [](const char* path) {
-    const std::string text = contents(path);
+    const std::string text = read_file(path);
     size_t found = 0;
     for (size_t at = 0; (at = text.find(": refused 1\r\n", at)) != std::string::npos; ++at) {
       ++found;
@@ -259,12 +259,12 @@ TEST_F(RunningLog, OthersWriteWhileOneWaitsForTheDisk) {
   static std::thread other;
   slow_disk = [] {
     other = std::thread([] { wex_running_log("second\n"); });
-    EXPECT_TRUE(eventually([] { return contents(kRunningLog1).find(": second\n") != std::string::npos; },
+    EXPECT_TRUE(eventually([] { return read_file(kRunningLog1).find(": second\n") != std::string::npos; },
                            milliseconds(20000)));
   };
   wex_running_log("first\n");
   other.join();  // not before: an older kind would wait for this very thread
-  EXPECT_LT(contents(kRunningLog1).find(": first\n"), contents(kRunningLog1).find(": second\n"));
+  EXPECT_LT(read_file(kRunningLog1).find(": first\n"), read_file(kRunningLog1).find(": second\n"));
 }
 
 TEST_F(RunningLog, EntriesOfManyThreadsStayWhole) {
@@ -279,7 +279,7 @@ TEST_F(RunningLog, EntriesOfManyThreadsStayWhole) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_TRUE(matches(contents(kRunningLog1),
+  EXPECT_TRUE(matches(read_file(kRunningLog1),
                       "([0-9/]{10} [0-9:]{8}: thread [0-3] says something of some length\n){100}"));
 }
 
@@ -290,7 +290,7 @@ TEST_F(EventLog, AnEntryIsTimeBlankMessageNewline) {
   ASSERT_EQ(0, wex_openlog("/tmp/log"));
   wex_log("restart %s %d", "app", 7);
   wex_log("%s", "");
-  EXPECT_EQ("before\nT restart app 7\nT \n", without_times(contents("/tmp/log")));
+  EXPECT_EQ("before\nT restart app 7\nT \n", without_times(read_file("/tmp/log")));
   wex_closelog();
 }
 
@@ -301,7 +301,7 @@ TEST_F(EventLog, WithoutAnOpenLogNothingIsWritten) {
   wex_closelog();
   wex_log("lost too");
   wex_closelog();
-  EXPECT_EQ("", contents("/tmp/log"));
+  EXPECT_EQ("", read_file("/tmp/log"));
 }
 
 TEST_F(EventLog, ALogThatCannotBeOpenedLeavesNoneOpen) {
@@ -316,8 +316,8 @@ TEST_F(EventLog, OpeningTwiceTakesTheSecondAndLosesNoDescriptor) {
   ASSERT_EQ(0, wex_openlog("/tmp/log2"));
   wex_log("x");
   wex_closelog();
-  EXPECT_EQ("", contents("/tmp/log1"));
-  EXPECT_EQ("T x\n", without_times(contents("/tmp/log2")));
+  EXPECT_EQ("", read_file("/tmp/log1"));
+  EXPECT_EQ("T x\n", without_times(read_file("/tmp/log2")));
 }
 
 TEST_F(EventLog, AnOverlongEntryIsCutAndStillEndsItsLine) {
@@ -325,7 +325,7 @@ TEST_F(EventLog, AnOverlongEntryIsCutAndStillEndsItsLine) {
   wex_log("%s", std::string(20000, 'x').c_str());
   wex_log("next");
   wex_closelog();
-  const std::string text = without_times(contents("/tmp/log"));
+  const std::string text = without_times(read_file("/tmp/log"));
   EXPECT_NE(std::string::npos, text.find("xxx\nT next\n"));
   EXPECT_LT(text.size(), 8300u);
 }
@@ -347,11 +347,11 @@ TEST_F(EventLog, ItsDescriptorIsCloseOnExec) {
 
 TEST_F(NotifyRing, AnEntryIsTwoLinesAndAdvancesTheCounter) {
   report("first");
-  EXPECT_EQ("T first\n\n", without_times(contents(kNotifyLog)));
-  EXPECT_EQ("1", contents(kNotifyCount));
+  EXPECT_EQ("T first\n\n", without_times(read_file(kNotifyLog)));
+  EXPECT_EQ("1", read_file(kNotifyCount));
   report("second");
-  EXPECT_EQ("T first\n\nT second\n\n", without_times(contents(kNotifyLog)));
-  EXPECT_EQ("2", contents(kNotifyCount));
+  EXPECT_EQ("T first\n\nT second\n\n", without_times(read_file(kNotifyLog)));
+  EXPECT_EQ("2", read_file(kNotifyCount));
 }
 
 TEST_F(NotifyRing, TheEleventhEntryOverwritesTheFirst) {
@@ -362,8 +362,8 @@ TEST_F(NotifyRing, TheEleventhEntryOverwritesTheFirst) {
       expected += std::string("T entry ") + c + "\n\n";
     }
   }
-  EXPECT_EQ(expected, without_times(contents(kNotifyLog)));
-  EXPECT_EQ("1", contents(kNotifyCount));
+  EXPECT_EQ(expected, without_times(read_file(kNotifyLog)));
+  EXPECT_EQ("1", read_file(kNotifyCount));
 }
 
 TEST_F(NotifyRing, EachEntryAndItsCounterAreOnTheDiskWhenTheyAreMade) {
@@ -383,7 +383,7 @@ TEST_F(NotifyRing, AShorterEntryLeavesTheTailOfTheOldOne) {
   report("second");
   write_file(kNotifyCount, "0");
   report("new");
-  EXPECT_EQ("T new\n\ng old entry\n\nT second\n\n", without_times(contents(kNotifyLog)).substr(0, 200))
+  EXPECT_EQ("T new\n\ng old entry\n\nT second\n\n", without_times(read_file(kNotifyLog)).substr(0, 200))
       << "overwritten byte for byte";
 }
 
@@ -391,7 +391,7 @@ TEST_F(NotifyRing, ALineOver127CharactersCountsTwice) {
   write_file(kNotifyLog, std::string(130, 'x') + "\n\nnext\n\n");
   write_file(kNotifyCount, "1");
   report("here");
-  EXPECT_EQ(std::string(130, 'x') + "\nT here\n\n", without_times(contents(kNotifyLog)).substr(0, 140))
+  EXPECT_EQ(std::string(130, 'x') + "\nT here\n\n", without_times(read_file(kNotifyLog)).substr(0, 140))
       << "two reads end behind the long line, not behind the empty one";
 }
 
@@ -403,16 +403,16 @@ TEST_F(NotifyRing, WithoutItsCounterTheRingBeginsAnew) {
   EXPECT_EQ(
       "[WEX:wex_log:N]file: /data/.wex_notify_count not exist!\n"
       "[WEX:wex_log:N]unlink file: /data/.wex_notify!\n",
-      lines_of([] { report("new"); }));
-  EXPECT_EQ("T new\n\n", without_times(contents(kNotifyLog)));
-  EXPECT_EQ("1", contents(kNotifyCount));
+      lines_printed_by([] { report("new"); }));
+  EXPECT_EQ("T new\n\n", without_times(read_file(kNotifyLog)));
+  EXPECT_EQ("1", read_file(kNotifyCount));
 }
 
 TEST_F(NotifyRing, WithoutTheRingItselfTheFirstSlotIsTaken) {
   write_file(kNotifyCount, "7");
   report("new");
-  EXPECT_EQ("T new\n\n", without_times(contents(kNotifyLog)));
-  EXPECT_EQ("1", contents(kNotifyCount));
+  EXPECT_EQ("T new\n\n", without_times(read_file(kNotifyLog)));
+  EXPECT_EQ("1", read_file(kNotifyCount));
 }
 
 TEST_F(NotifyRing, TheCounterIsTakenAsItStands) {
@@ -434,15 +434,15 @@ TEST_F(NotifyRing, TheCounterIsTakenAsItStands) {
     write_file(kNotifyLog, "a\nb\n");
     write_file(kNotifyCount, row.count);
     report("n");
-    EXPECT_EQ(row.next, contents(kNotifyCount)) << row.count;
-    EXPECT_EQ(row.ring == nullptr ? "T n\n\n" : row.ring, without_times(contents(kNotifyLog))) << row.count;
+    EXPECT_EQ(row.next, read_file(kNotifyCount)) << row.count;
+    EXPECT_EQ(row.ring == nullptr ? "T n\n\n" : row.ring, without_times(read_file(kNotifyLog))) << row.count;
   }
 }
 
 TEST_F(NotifyRing, AnUnreadableCounterIsSaidAndNothingWritten) {
   ASSERT_EQ(0, mkdir(kNotifyCount, 0755));
   set_levels(0, WEX_DBG_SILENT);
-  EXPECT_EQ("[WEX:wex_log:N]wex_log_notify_get_count error!\n", lines_of([] { report("n"); }));
+  EXPECT_EQ("[WEX:wex_log:N]wex_log_notify_get_count error!\n", lines_printed_by([] { report("n"); }));
   EXPECT_FALSE(exists(kNotifyLog));
 }
 
@@ -450,16 +450,16 @@ TEST_F(NotifyRing, ARingThatCannotBeOpenedLosesTheEntryAndStillAdvancesTheCounte
   ASSERT_EQ(0, mkdir(kNotifyLog, 0755));
   write_file(kNotifyCount, "4");
   set_levels(0, WEX_DBG_SILENT);
-  EXPECT_EQ("", lines_of([] { report("lost"); }));
-  EXPECT_EQ("5", contents(kNotifyCount));
+  EXPECT_EQ("", lines_printed_by([] { report("lost"); }));
+  EXPECT_EQ("5", read_file(kNotifyCount));
 }
 
 TEST_F(NotifyRing, ACounterThatCannotBeWrittenIsSaid) {
   ASSERT_EQ(0, symlink("/data/none/count", kNotifyCount));  // missing when read, not to be made when written
   set_levels(0, WEX_DBG_SILENT);
-  const std::string lines = lines_of([] { report("n"); });
+  const std::string lines = lines_printed_by([] { report("n"); });
   EXPECT_NE(std::string::npos, lines.find("[WEX:wex_log:N]wex_log_notify_update_count error!\n")) << lines;
-  EXPECT_EQ("T n\n\n", without_times(contents(kNotifyLog)));
+  EXPECT_EQ("T n\n\n", without_times(read_file(kNotifyLog)));
 }
 
 TEST_F(NotifyRing, CounterCallsTellMissingFromUnreadableFromText) {
@@ -468,7 +468,7 @@ TEST_F(NotifyRing, CounterCallsTellMissingFromUnreadableFromText) {
   write_file("/data/c", "abc");
   EXPECT_EQ(0, wex_log_notify_get_count("/data/c"));
   EXPECT_EQ(0, wex_log_notify_update_count("/data/c", 4));
-  EXPECT_EQ("4", contents("/data/c")) << "without a newline, without what was longer";
+  EXPECT_EQ("4", read_file("/data/c")) << "without a newline, without what was longer";
   EXPECT_EQ(4, wex_log_notify_get_count("/data/c"));
   EXPECT_EQ(-1, wex_log_notify_update_count("/data/none/c", 4));
 }
@@ -478,7 +478,7 @@ TEST_F(NotifyRing, CounterCallsTellMissingFromUnreadableFromText) {
 TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
   wex_log_record_reboot_info("/data/record", "%s", "why\n");
   wex_log_record_reboot_info("/data/record", "%s%d", "again ", 2);
-  EXPECT_EQ("T why\n\nT again 2\n", without_times(contents("/data/record")));
+  EXPECT_EQ("T why\n\nT again 2\n", without_times(read_file("/data/record")));
   wex_log_record_reboot_info("/data/none/record", "lost");
 }
 
@@ -504,9 +504,9 @@ TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
     note_locked_file(locked.get());
     row.make();
     wex_log_record_reboot_info("/data/record", "why");
-    EXPECT_EQ(row.kept + std::string("T why\n"), without_times(contents("/data/record"))) << row.told;
-    EXPECT_EQ("precious", contents("/data/victim")) << row.told;
-    EXPECT_EQ("T before\n", without_times(contents("/data/old"))) << row.told;
+    EXPECT_EQ(row.kept + std::string("T why\n"), without_times(read_file("/data/record"))) << row.told;
+    EXPECT_EQ("precious", read_file("/data/victim")) << row.told;
+    EXPECT_EQ("T before\n", without_times(read_file("/data/old"))) << row.told;
     EXPECT_EQ(0, system("rm -rf /data/*"));
   }
 }
@@ -526,17 +526,17 @@ TEST_F(Reboot, RecordsTheReasonThenAsksTheKernelAfterASecond) {
   errno = 0;
   milliseconds taken(0);
   EXPECT_EQ("[WEX:wex_log:N]wex reboot reason:too many\n\n",
-            lines_of([&] { taken = time_of([] { wex_reboot("too many\n", nullptr); }); }));
+            lines_printed_by([&] { taken = time_of([] { wex_reboot("too many\n", nullptr); }); }));
   EXPECT_GE(taken, milliseconds(1000));
-  EXPECT_EQ("T too many\n\n", without_times(contents(kRebootLog)));
-  EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
+  EXPECT_EQ("T too many\n\n", without_times(read_file(kRebootLog)));
+  EXPECT_EQ(std::string("10\n\0", 4), read_file(kRebootSeconds));
 }
 
 TEST_F(Reboot, IsRefusedByTheKernelAndReturns) {
   errno = 0;
   wex_reboot("r", "detail");
   EXPECT_EQ(EPERM, errno);
-  EXPECT_EQ("T rdetail\n\n", without_times(contents(kRebootLog)));
+  EXPECT_EQ("T rdetail\n\n", without_times(read_file(kRebootLog)));
 }
 
 TEST_F(Reboot, WithoutTheKernelModuleTheRestStillHappens) {
@@ -545,8 +545,8 @@ TEST_F(Reboot, WithoutTheKernelModuleTheRestStillHappens) {
   EXPECT_EQ(
       "[WEX:wex_log:N]wex reboot reason:r\n"
       "[WEX:wex_utils:N]safe_write_path: fd < 0: No such file or directory\n",
-      lines_of([] { wex_reboot("r", nullptr); }));
-  EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
+      lines_printed_by([] { wex_reboot("r", nullptr); }));
+  EXPECT_EQ("T r\n", without_times(read_file(kRebootLog)));
 }
 
 TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSameAndTheRunningLogNamesTheReason) {
@@ -557,8 +557,8 @@ TEST_F(Reboot, WithoutARecordTheKernelIsAskedAllTheSameAndTheRunningLogNamesTheR
   EXPECT_GE(time_of([] { wex_reboot("two\nlines\n", "more\n"); }), milliseconds(1000));
   EXPECT_EQ(EPERM, errno) << "the kernel's refusal";
   EXPECT_FALSE(exists(kRebootLog));
-  EXPECT_NE(std::string::npos, contents(kRunningLog1).find(": Reboot: two lines more\r\n"));
-  EXPECT_EQ(std::string("10\n\0", 4), contents(kRebootSeconds));
+  EXPECT_NE(std::string::npos, read_file(kRunningLog1).find(": Reboot: two lines more\r\n"));
+  EXPECT_EQ(std::string("10\n\0", 4), read_file(kRebootSeconds));
 }
 
 TEST_F(Reboot, TheRecordIsOnTheDiskBeforeTheRunningLogIsWritten) {
@@ -575,14 +575,14 @@ TEST_F(Reboot, TheRecordIsOnTheDiskBeforeTheRunningLogIsWritten) {
 }
 
 TEST_F(Reboot, WithoutAReasonNothingHappens) {
-  EXPECT_EQ("", output_of([] { wex_reboot(nullptr, "detail"); }));
+  EXPECT_EQ("", printed_by([] { wex_reboot(nullptr, "detail"); }));
   expect_nothing_happened();
 }
 
 TEST_F(Reboot, TheOperatorsFileForbidsItWithoutALine) {
   write_file(kNoReboot, "");
   set_levels(0, 0);
-  EXPECT_EQ("", output_of([] { wex_reboot("r", nullptr); }));
+  EXPECT_EQ("", printed_by([] { wex_reboot("r", nullptr); }));
   expect_nothing_happened();
 }
 
@@ -590,7 +590,7 @@ TEST_F(Reboot, AZeroInTheSwitchForbidsIt) {
   set_levels(0, 0);
   for (const char* const text : {"0", "0\n", " 0", "-0", "0abc", "0x5", "000"}) {
     write_file(kRebootSwitch, text);
-    EXPECT_EQ("", output_of([] { wex_reboot("r", nullptr); })) << text;
+    EXPECT_EQ("", printed_by([] { wex_reboot("r", nullptr); })) << text;
     expect_nothing_happened();
   }
 }
@@ -602,11 +602,11 @@ TEST_F(Reboot, AnythingElseInTheSwitchAllowsIt) {
     wex_reboot(text, nullptr);
     expected += std::string("T ") + text + "\n";
   }
-  EXPECT_EQ(expected, without_times(contents(kRebootLog)));
+  EXPECT_EQ(expected, without_times(read_file(kRebootLog)));
 }
 
 TEST_F(Reboot, AFifoInPlaceOfTheSwitchDoesNotBlock) {
   ASSERT_EQ(0, mkfifo(kRebootSwitch, 0777));
   wex_reboot("r", nullptr);
-  EXPECT_EQ("T r\n", without_times(contents(kRebootLog)));
+  EXPECT_EQ("T r\n", without_times(read_file(kRebootLog)));
 }

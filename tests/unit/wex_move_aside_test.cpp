@@ -60,7 +60,7 @@ TEST_F(MoveAside, WhatIsEmptyIsRemovedAndTheRestGetsAnotherName) {
     EXPECT_TRUE(row.removed || number == number_of(to)) << row.told;
     EXPECT_EQ(0, system("rm -rf /tmp/d/aside-*"));
   }
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
   char to[kPathSize];
   EXPECT_FALSE(wex_clear_name("/tmp/d/none", to));
   EXPECT_EQ(ENOENT, errno);
@@ -74,8 +74,8 @@ TEST_F(MoveAside, ANameThatIsTakenIsNotTakenAgain) {
     ASSERT_TRUE(wex_move_aside("/tmp/d/x", *to));
   }
   EXPECT_STRNE(first, second);
-  EXPECT_EQ("text", contents(first));
-  EXPECT_EQ("text", contents(second));
+  EXPECT_EQ("text", read_file(first));
+  EXPECT_EQ("text", read_file(second));
 }
 
 TEST_F(MoveAside, ARecordIsPartedFromItsSecondNameWithoutLosingWhatItHolds) {
@@ -99,7 +99,7 @@ TEST_F(MoveAside, ARecordIsPartedFromItsSecondNameWithoutLosingWhatItHolds) {
     ASSERT_EQ(0, chown("/tmp/victim", row.owner, 0));
     ASSERT_EQ(0, link("/tmp/victim", "/tmp/d/x"));
     EXPECT_TRUE(wex_part_names("/tmp/d/x", row.how)) << row.told;
-    EXPECT_EQ(row.copied, contents("/tmp/d/x") == "precious") << row.told;
+    EXPECT_EQ(row.copied, read_file("/tmp/d/x") == "precious") << row.told;
     EXPECT_EQ(row.copied, exists("/tmp/d/x")) << row.told;
     EXPECT_TRUE(!row.copied || mode_of("/tmp/d/x") == 0640) << row.told << ": no more people may read it";
     EXPECT_NE(number_of("/tmp/victim"), number_of("/tmp/d/x")) << row.told;

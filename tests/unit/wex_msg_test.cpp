@@ -54,11 +54,9 @@ int32_t __wrap_wex_clock_now(void) {
 namespace {
 
 // The table of this process is mapped until its end, and the pipe of its guarded copies stays.
-const wex_test::leaves_behind kTable(wex_test::kDescriptors, "/dev/shm/", 2, "the table stays mapped");
-const wex_test::leaves_behind kGuard(wex_test::kDescriptors, "pipe:", 2,
-                                     "the pipe of the guarded copies stays");
-const wex_test::leaves_behind kHeldFiles(wex_test::kDescriptors, "/wex/db/", 1,
-                                         "registered third parts are not taken back");
+const leaves_behind kTable(kDescriptors, "/dev/shm/", 2, "the table stays mapped");
+const leaves_behind kGuard(kDescriptors, "pipe:", 2, "the pipe of the guarded copies stays");
+const leaves_behind kHeldFiles(kDescriptors, "/wex/db/", 1, "registered third parts are not taken back");
 
 class Registry : public ::testing::Test {
  protected:
@@ -183,7 +181,7 @@ TEST_F(Registry, TrailingBlanksOfTheCommandLineAreNotKept) {
     const wex_pid* const rec = find(*chain, pid);
     EXPECT_TRUE(rec != nullptr && rec->process == expected) << (rec != nullptr ? rec->process : "none");
   }
-  wex_test::send_signal(pid, SIGKILL);
+  send_signal(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
 }
 
@@ -218,7 +216,7 @@ TEST_F(Registry, AProcessWithoutACommandLineIsRefused) {
   for (const int32_t pid : {gone, 0, -1, INT32_MIN, INT32_MAX}) {
     wex_reg_info body = body_of(pid);
     body.ppid = 5;
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, wex_process_restart(&body));
     EXPECT_EQ(-1, wex_process_shell_restart(&body, "x"));
     const std::string text = out.text();
@@ -383,7 +381,7 @@ TEST_F(Registry, CancellingAThreadBeyondTheTableLeavesTheTableAlone) {
   const std::string before = read_file(kAliveTableFile);
   add(wex_alive_chains, 163840);
   g_wex_dbg_level[WEX_DBG_ALIVE] = 0;
-  const printed out;
+  const control::printed out;
   const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, 163840};
   EXPECT_EQ(0, wex_process_cons_msg(&cancel));
   g_wex_dbg_level[WEX_DBG_ALIVE] = WEX_DBG_SILENT;
@@ -465,7 +463,7 @@ TEST_F(Registry, NotifyCountersAreKeptAsTheyCame) {
 TEST_F(Registry, ANotifyOfAThreadWithoutACommandLineIsRefused) {
   const int32_t gone = end_of_a_pid();
   const wex_reg_info body = thread_body(gone, 5, 5, 120, 0);
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_notifier_start(&body));
   EXPECT_EQ(-1, wex_notifier_reset(&body));
   for (const char* name : {"wex_notifier_start", "wex_notifier_reset"}) {
@@ -549,7 +547,7 @@ TEST_F(Registry, AThirdPartProgramIsToldInTheWordsOfAClientsRegistration) {
   const sleeper process;
   const int32_t gone = end_of_a_pid();
   ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));  // no database file can be made
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART", nullptr));
   EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART", nullptr));
   const std::string text = std::regex_replace(out.text(), std::regex("\\[WEX:([a-z_]+):[0-9]+\\]"), "[$1]");

@@ -19,7 +19,7 @@ struct outcome {
 // Runs the command line in a process of its own, diagnostics silenced.
 outcome run(const std::vector<std::string>& words) {
   outcome result = {"", -1};
-  result.text = printed_by([&] {
+  result.text = lines_printed_by([&] {
     const pid_t child = fork();
     if (child == 0) {
       g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
@@ -163,7 +163,7 @@ TEST_F(CommandLine, AddToAMissingDomainIsToldAndReturns) {
 
 TEST_F(CommandLine, CountOfWordsThatCannotBeIsAMistake) {
   char* none[] = {nullptr};
-  const std::string text = printed_by([&] {
+  const std::string text = lines_printed_by([&] {
     const pid_t child = fork();
     if (child == 0) {
       wex_handle_options(0, none);

@@ -68,7 +68,7 @@ int receive(int sd) {
 }
 
 // All that was printed, the line numbers of the source as "N".
-std::string all_of(const printed& out) {
+std::string all_of(const control::printed& out) {
   return std::regex_replace(out.text(), std::regex("\\[WEX:wex_rpc:[0-9]+\\]"), "[N]");
 }
 
@@ -132,7 +132,7 @@ ssize_t __wrap_send(int sd, const void* bytes, size_t size, int flags) {
 TEST(InnerSend, SendsHeaderAndPayloadAsOneRecordAndTracesIt) {
   const socket_pair pair;
   const roomy msg = make(2, 320);
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg.header));
   EXPECT_EQ(text_of("[N]wex_inner_send_msg: send msg(sd:%d, msg_type:2, msg_len:320)!", pair.here.get()),
             all_of(out))
@@ -152,7 +152,7 @@ TEST(InnerSend, SendsAMessageWithoutPayloadAs268Bytes) {
 TEST(InnerSend, RefusesBadArgumentsWithoutSending) {
   const socket_pair pair;
   roomy msg = make(1, -1);
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_inner_send_msg(-1, &msg.header));
   EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), nullptr));
   EXPECT_EQ(text_of("[N]argument err(sd:-1, msg:%p)![N]argument err(sd:%d, msg:%p)!",
@@ -174,7 +174,7 @@ TEST(InnerSend, FailsAtOnceOnAFullSocket) {
   }
   ASSERT_GT(sent, 0);
   const auto start = clock::now();
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
   EXPECT_LT(seconds_since(start), 0.5);
   const std::string expected = send_trace(pair, 4096) + send_error(pair, 4096, -1, EAGAIN);
@@ -186,7 +186,7 @@ TEST(InnerSend, GoesOnWhileItIsInterruptedOrMemoryIsShort) {
   const roomy msg = make(2, 320);
   g_sends = {{EINTR, -1}, {ENOMEM, -1}, {ENOBUFS, -1}};
   g_send_calls = 0;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg.header));
   EXPECT_EQ(4, g_send_calls);
   EXPECT_EQ(send_trace(pair, 320), all_of(out));
@@ -198,7 +198,7 @@ TEST(InnerSend, FailsWhenAShortageEndsInAnotherError) {
   const roomy msg = make(2, 320);
   g_sends = {{EINTR, -1}, {ENOMEM, -1}, {ENOBUFS, -1}, {EPIPE, -1}};
   g_send_calls = 0;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
   EXPECT_EQ(4, g_send_calls);
   EXPECT_EQ(send_trace(pair, 320) + send_error(pair, 320, -1, EPIPE), all_of(out));
@@ -212,7 +212,7 @@ TEST(InnerSend, CountsAPartOfARecordAsAFailure) {
   for (const ssize_t taken : {0, 100, 587}) {
     g_sends = {{0, taken}};
     g_send_calls = 0;
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, wex_inner_send_msg(pair.here.get(), &msg.header));
     EXPECT_EQ(1, g_send_calls) << "it is not sent again";
     EXPECT_EQ(send_trace(pair, 320) + send_error(pair, 320, taken, 0), all_of(out));
@@ -232,7 +232,7 @@ TEST(InnerSend, FailsOnAClosedPeerAndRaisesNoSignal) {
 TEST(InnerSend, PrintsNothingWhenDiagnosticsAreSilent) {
   const socket_pair pair;
   const wex_inner_msg msg = {};
-  const printed out;
+  const control::printed out;
   g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
   EXPECT_EQ(0, wex_inner_send_msg(pair.here.get(), &msg));
   EXPECT_EQ(-1, wex_inner_send_msg(-1, &msg));
@@ -289,7 +289,7 @@ TEST(InnerRecv, WhereNothingTellsTheSizeOnlyAMessageWithoutPayloadIsTaken) {
 
 TEST(InnerRecv, RefusesBadArguments) {
   const socket_pair pair;
-  const printed out;
+  const control::printed out;
   wex_inner_msg* msg = nullptr;
   EXPECT_EQ(-1, wex_inner_recv_msg(-3, &msg));
   EXPECT_EQ(-1, wex_inner_recv_msg(pair.here.get(), nullptr));
@@ -301,7 +301,7 @@ TEST(InnerRecv, RefusesBadArguments) {
 TEST(InnerRecv, ReportsAClosedPeerAsAPeekError) {
   socket_pair pair;
   pair.there.reset();
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, receive(pair.here.get()));
   EXPECT_TRUE(out.has("]wex_inner_recv_msg: recv peek err(ret:0, err:"));
 }
@@ -311,7 +311,7 @@ TEST(InnerRecv, ReportsARecordShorterThanAHeaderAsAPeekErrorAndLeavesIt) {
     const socket_pair pair;
     const roomy bytes = make(1, 0);
     put(pair.there.get(), &bytes, size);
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, receive(pair.here.get()));
     EXPECT_TRUE(out.has(text_of("recv peek err(ret:%d, err:", static_cast<int>(size))));
     EXPECT_EQ(static_cast<ssize_t>(size), queued_record(pair.here.get()));
@@ -320,7 +320,7 @@ TEST(InnerRecv, ReportsARecordShorterThanAHeaderAsAPeekErrorAndLeavesIt) {
 
 TEST(InnerRecv, ReportsANonSocketAsAPeekError) {
   const unique_fd file(open("/dev/null", O_RDWR | O_CLOEXEC));
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, receive(file.get()));
   EXPECT_TRUE(out.has(text_of("recv peek err(ret:-1, err:%d,%s)!", ENOTSOCK, strerror(ENOTSOCK))));
 }
@@ -330,7 +330,7 @@ TEST(InnerRecv, RefusesANegativeLengthAndLeavesTheRecord) {
     const socket_pair pair;
     const roomy bytes = make(1, length);
     put(pair.there.get(), &bytes, 300);
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, receive(pair.here.get()));
     EXPECT_TRUE(out.has(text_of("]recv domain msg with len=%d\r\n", length)));
     EXPECT_EQ(300, queued_record(pair.here.get()));
@@ -352,7 +352,7 @@ void expect_refused(const lie& told) {
   put(pair.there.get(), &honest, kHeader + 8);
   const long before = resident_kib();
   const auto start = clock::now();
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, receive(pair.here.get()));
   EXPECT_EQ(1U, occurrences(out.text(), "]wex_inner_recv_msg: recv err(ret:"));
   EXPECT_LT(seconds_since(start), 1.0) << "memory was waited for";
@@ -383,7 +383,7 @@ TEST(InnerRecv, SurvivesInterruptionsWhileItWaits) {
   note.sa_handler = [](int) {};
   ASSERT_EQ(0, sigaction(SIGUSR1, &note, nullptr));  // without restart flag: every signal breaks the call
   const socket_pair pair;
-  const printed out;
+  const control::printed out;
   std::atomic<pthread_t> receiver{};
   auto result = calling([&] {
     receiver = pthread_self();
@@ -404,7 +404,7 @@ TEST(InnerRecv, ReceivesAgainWhenAReceiveIsInterrupted) {
   const socket_pair pair;
   const roomy sent = make(2, 320);
   put(pair.there.get(), &sent, kHeader + 320);
-  const printed out;
+  const control::printed out;
   g_recvmsg.fail(3, EINTR);
   EXPECT_EQ(0, receive(pair.here.get()));
   EXPECT_EQ(3U, occurrences(out.text(), text_of("]wex_inner_recv_msg: recv broken(ret:-1, err:%d,%s)!", EINTR,
@@ -416,7 +416,7 @@ TEST(InnerRecv, TellsWhyAReceiveFails) {
   const socket_pair pair;
   const roomy sent = make(2, 320);
   put(pair.there.get(), &sent, kHeader + 320);
-  const printed out;
+  const control::printed out;
   g_recvmsg.fail(1, ENOMEM);
   EXPECT_EQ(-1, receive(pair.here.get()));
   EXPECT_TRUE(
@@ -455,14 +455,6 @@ namespace {
 constexpr int kLingerSec = 60;
 constexpr double kAtOnce = 20;  // seconds; far below the lingering, far above what a busy machine needs
 
-size_t open_descriptors() {
-  size_t count = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    count += fcntl(fd, F_GETFD) == -1 ? 0U : 1U;
-  }
-  return count;
-}
-
 }  // namespace
 
 TEST(InnerRecv, TakesARecordWithALingeringSocketAtOnceAndKeepsNoDescriptor) {
@@ -472,11 +464,11 @@ TEST(InnerRecv, TakesARecordWithALingeringSocketAtOnceAndKeepsNoDescriptor) {
     wex_inner_msg record = {};
     record.msg_len = length;
     ASSERT_TRUE(send_descriptor(pair.there.get(), &record, sizeof record, lingering.take()));
-    const size_t before = open_descriptors();
+    const size_t before = count_descriptors();
     const auto start = clock::now();
     EXPECT_EQ(length == 0 ? 0 : -1, receive(pair.here.get()));
     EXPECT_LT(seconds_since(start), kAtOnce);
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(before, count_descriptors());
   }
 }
 
@@ -498,9 +490,9 @@ TEST(InnerRecv, TakesAllDescriptorsThatARecordCanCarry) {
   rights->cmsg_len = CMSG_LEN(sizeof fds);
   memcpy(CMSG_DATA(rights), fds, sizeof fds);
   ASSERT_EQ(268, sendmsg(pair.there.get(), &how, MSG_NOSIGNAL));
-  const size_t before = open_descriptors();
+  const size_t before = count_descriptors();
   EXPECT_EQ(0, receive(pair.here.get()));
-  EXPECT_EQ(before, open_descriptors());
+  EXPECT_EQ(before, count_descriptors());
 }
 
 // The record behind an empty one is discarded as well: the kernel would do it at the close, and wait.

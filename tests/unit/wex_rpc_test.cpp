@@ -17,8 +17,8 @@ using namespace control;
 
 namespace {
 
-const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
-                                          "the library keeps its connection for the next request");
+const leaves_behind kConnection(kDescriptors, "socket:", 1,
+                                "the library keeps its connection for the next request");
 
 injection g_calloc;
 injection g_poll;
@@ -71,7 +71,7 @@ TEST(Rpc, LeavesTheNameEmptyWithoutOne) {
 
 TEST(Rpc, RefusesANullPayloadWithALength) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_rpc(1, nullptr, nullptr, 8, 0, 0));
   EXPECT_TRUE(out.has("]wex_rpc: argument err!\n"));
   EXPECT_FALSE(daemon.has_caller(0ms));
@@ -122,7 +122,7 @@ TEST(Rpc, ConnectsAnewWhenAnAcknowledgementWasLeftUnread) {
   const peer old = daemon.accept();
   old.receive();
   old.acknowledge();
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
   EXPECT_TRUE(
       out.has(text_of("]wex_check_socket <0: pid=%d, tid=%ld\r\n", getpid(), static_cast<long>(gettid()))));
@@ -146,7 +146,7 @@ TEST(Rpc, ConnectsAnewAfterADaemonRestart) {
 TEST(Rpc, TriesSixTimesOneSecondApartWhileTheDaemonIsAbsent) {
   mkdir(WEX_RUN, 0777);
   unlink(kControlSocket);
-  const printed out;
+  const control::printed out;
   const auto start = clock::now();
   const pid_t hidden = start_child([] { return wex_rpc(4, nullptr, nullptr, 0, 0, 1) == 0 ? 0 : 1; });
   const pid_t told = start_child([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0) == -1 ? 0 : 1; });
@@ -174,7 +174,7 @@ TEST(Rpc, FindsADaemonThatListensLateBehindAStaleSocketFile) {
     strcpy(address.sun_path, kControlSocket);
     ASSERT_EQ(0, bind(stale.get(), reinterpret_cast<sockaddr*>(&address), 15));
   }
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 0, 0); });
   EXPECT_TRUE(eventually([&] { return out.has(text_of("retry:0, err:%d,", ECONNREFUSED)); }));
   daemon.open();
@@ -190,7 +190,7 @@ TEST(Rpc, GivesUpAtOnceOnAnyOtherConnectError) {
   address.sun_family = AF_UNIX;
   strcpy(address.sun_path, kControlSocket);
   ASSERT_EQ(0, bind(other.get(), reinterpret_cast<sockaddr*>(&address), 15));
-  const printed out;
+  const control::printed out;
   const auto start = clock::now();
   EXPECT_EQ(-1, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
   EXPECT_LT(seconds_since(start), 0.9);
@@ -206,7 +206,7 @@ TEST(Rpc, ConnectsWithoutAnAddressWhenItsOwnPathCannotBeBound) {
   unlink(path.c_str());
   ASSERT_EQ(0, mkdir(path.c_str(), 0700));
   ASSERT_EQ(0, mkdir((path + "/full").c_str(), 0700));
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
   EXPECT_EQ(1U, daemon.accept().receive().header.msg_type);
   EXPECT_TRUE(out.has(text_of("]wex_connect: bind fail: %s\n", strerror(EADDRINUSE))));
@@ -243,7 +243,7 @@ TEST(Rpc, CountsAMissingAcknowledgementAsSuccessAndDropsTheLateOne) {
 
 TEST(Rpc, FailsWhenTheDaemonHangsUpInsteadOfAcknowledging) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
   {
     const peer client = daemon.accept();
@@ -260,7 +260,7 @@ TEST(Rpc, FailsWhenTheDaemonHangsUpInsteadOfAcknowledging) {
 TEST(Rpc, FailsWhenTheConnectionBreaksWhileItWaits) {
   const daemon_end daemon;
   for (const int events : {POLLHUP, POLLERR}) {
-    const printed out;
+    const control::printed out;
     g_poll_says = static_cast<short>(events);
     auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
     peer client = daemon.accept();
@@ -305,7 +305,7 @@ TEST(Rpc, FailsWhenTheDaemonDoesNotReadAndConnectsAnew) {
   const daemon_end daemon;
   ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
   const peer deaf = daemon.accept();
-  const printed out;
+  const control::printed out;
   const std::vector<char> payload(60000);
   int result = 0;
   for (int tries = 0; tries < 1000 && result == 0; ++tries) {
@@ -322,7 +322,7 @@ TEST(Rpc, WaitsOnWhenTheClientsOwnSignalsInterruptIt) {
   note.sa_handler = [](int) {};
   ASSERT_EQ(0, sigaction(SIGUSR1, &note, nullptr));
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   std::atomic<pthread_t> caller{};
   auto result = calling([&] {
     caller = pthread_self();
@@ -342,7 +342,7 @@ TEST(Rpc, WaitsOnWhenTheClientsOwnSignalsInterruptIt) {
 
 TEST(Rpc, SendsNothingWithoutMemoryForTheRequest) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   g_calloc.fail(1, ENOMEM);
   EXPECT_EQ(-1, wex_rpc(1, nullptr, "12345678", 8, 1, 0));
   EXPECT_TRUE(out.has(text_of("]wex_rpc: malloc fail: %s\n", strerror(ENOMEM))));
@@ -352,7 +352,7 @@ TEST(Rpc, SendsNothingWithoutMemoryForTheRequest) {
 
 TEST(Rpc, TellsWhenItCanMakeNoSocket) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, in_child([] {
               const rlimit none = {0, 0};
               setrlimit(RLIMIT_NOFILE, &none);
@@ -370,7 +370,7 @@ TEST(Rpc, ConnectsAnewWhenTheConnectionCannotBeTested) {
   ASSERT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
   const peer old = daemon.accept();
   old.receive();
-  const printed out;
+  const control::printed out;
   g_poll.fail(1, ENOMEM);
   EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
   EXPECT_TRUE(
@@ -382,7 +382,7 @@ TEST(Rpc, ConnectsAnewWhenTheConnectionCannotBeTested) {
 
 TEST(Rpc, FailsWhenTheAcknowledgementCannotBeWaitedFor) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0); });
   const peer client = daemon.accept();
   client.receive();
@@ -471,7 +471,7 @@ class DaemonStatus : public ::testing::Test {
 TEST_F(DaemonStatus, ZeroMakesEveryRequestASilentSuccess) {
   publish("0\n");
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 1, 0));
   EXPECT_TRUE(out.has("]wex_rpc: wex process exit, function return.\n"));
   EXPECT_FALSE(daemon.has_caller(0ms));
@@ -552,7 +552,7 @@ TEST(Cancel, WithdrawsTheCallerRemovesItsFileAndRestsASecond) {
   const std::string file = text_of(kDbFileFmt, 0, "sleep", subject.pid());
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/0/wex/db"));
   std::ofstream(file) << "x";
-  const printed out;
+  const control::printed out;
   const auto start = clock::now();
   auto result = calling([&] { return wex_cancel_proc(subject.pid()); });
   const peer client = daemon.accept();
@@ -579,7 +579,7 @@ TEST(Cancel, TakesZeroForTheCaller) {
 
 TEST(Cancel, RefusesANegativePidWithoutSending) {
   const daemon_end daemon;
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_cancel_proc(-3));
   EXPECT_TRUE(out.has("]The pid you enter is -3 < 0 \n"));
   EXPECT_FALSE(daemon.has_caller(0ms));
@@ -600,7 +600,7 @@ TEST(Cancel, RepeatsUntilTheDaemonAnswers) {
 }
 
 TEST(Cancel, TellsWhenTheProcessHasNoCommandLine) {
-  const printed out;
+  const control::printed out;
   pid_t gone = start_child([] { return 0; });
   EXPECT_EQ(0, exit_status(gone));
   wex_rm_db_file_by_pid(gone);
@@ -609,7 +609,7 @@ TEST(Cancel, TellsWhenTheProcessHasNoCommandLine) {
 
 TEST(Cancel, TellsTheResultOfTheRemoval) {
   const sleeper subject;
-  const printed out;
+  const control::printed out;
   wex_rm_db_file_by_pid(subject.pid());
   EXPECT_TRUE(out.has("ret -1\n"));
   EXPECT_TRUE(out.has("]wex_rm_db_file_by_pid unlink file /tmp/vsd/0/wex/db/"));
@@ -650,12 +650,12 @@ TEST(Cancel, RemovesTheFileOfAProgramWithALongNameAndNoOther) {
   const std::string others = whole.substr(0, 255);
   std::ofstream(others) << "x";
   std::ofstream(whole) << "x";
-  const printed out;
+  const control::printed out;
   wex_rm_db_file_by_pid(pid);
   EXPECT_TRUE(exists(others)) << "a registration of somebody else";
   EXPECT_FALSE(exists(whole));
   EXPECT_TRUE(out.has("unlink file " + whole + " ret 0\n"));
-  wex_test::send_signal(pid, SIGKILL);
+  send_signal(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
   unlink(others.c_str());
   unlink(program.c_str());
@@ -672,7 +672,7 @@ TEST(Persistence, CallsThatMustGetThroughGiveUpAfterThirtyTriesOneSecondApart) {
   unlink(kControlSocket);
   ASSERT_EQ(0, bind(stranger.get(), reinterpret_cast<const sockaddr*>(&address), length));
   ASSERT_EQ(0, listen(stranger.get(), 1));
-  const printed out;
+  const control::printed out;
   const auto start = clock::now();
   const pid_t cancelling = start_child([] { return wex_cancel_proc(0) == -1 ? 0 : 1; });
   const pid_t registering = start_child([] { return reg_process_exit_action(0, WEX_RESTART); });

@@ -58,7 +58,7 @@ TEST(Reaper, WaitsUntilTheSpawnInProgressHasStoredItsPid) {
       wex_chld_handler(SIGCHLD);
       done = true;
     });
-    EXPECT_FALSE(soon([&done] { return done.load(); }, 200ms));
+    EXPECT_FALSE(eventually([&done] { return done.load(); }, 200ms));
     EXPECT_EQ(0, kill(child, 0)) << "reaped while its spawn was in progress: its pid is free for a stranger";
   }
   reaper.join();
@@ -71,19 +71,19 @@ TEST(Reaper, WhoeverKeepsAnUrgentSpawnWaitingRunsAtItsPriority) {
   std::thread slow([&] {
     const spawn_guard spawning;
     holder = gettid();
-    EXPECT_TRUE(soon([&let_go] { return let_go.load(); }, 10s));
+    EXPECT_TRUE(eventually([&let_go] { return let_go.load(); }, 10s));
   });
-  ASSERT_TRUE(soon([&holder] { return holder.load() != 0; }));
+  ASSERT_TRUE(eventually([&holder] { return holder.load() != 0; }));
   std::thread urgent([] {
     EXPECT_EQ(0, wex_set_priority(kMonitorPriority));
     const spawn_guard spawning;
   });
   const std::string stat = "/proc/self/task/" + std::to_string(holder.load()) + "/stat";
-  EXPECT_TRUE(soon([&stat] {  // its 18th field: -1 - priority for a thread that runs in real time
-    const std::string text = contents(stat.c_str());
+  EXPECT_TRUE(eventually([&stat] {  // its 18th field: -1 - priority for a thread that runs in real time
+    const std::string text = read_file(stat.c_str());
     const size_t fields = text.rfind(") ");
     return fields != std::string::npos && text.find(" -100 ", fields) != std::string::npos;
-  })) << contents(stat.c_str());
+  })) << read_file(stat.c_str());
   let_go = true;
   slow.join();
   urgent.join();
@@ -104,7 +104,8 @@ class InAProcessOfItsOwn : public Parked {
       _exit(body());
     }
     int status = -1;
-    ASSERT_TRUE(soon([&] { return waitpid(child, &status, WNOHANG) == child; }, 15s)) << "it stands still";
+    ASSERT_TRUE(eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, 15s))
+        << "it stands still";
     EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
     EXPECT_EQ(0, WEXITSTATUS(status));
   }
@@ -154,11 +155,11 @@ TEST_F(InAProcessOfItsOwn, ASigalrmRestartsWhatIsDueOnTheAlarmThread) {
     wex_setup_signals();
     wex_start_alarm_thread();
     raise(SIGALRM);
-    int failed = CHECK_THAT(soon([rec, old_pid] {
+    int failed = CHECK_THAT(eventually([rec, old_pid] {
       chain_lock hold(wex_chains);
       return rec->pid != old_pid;
     }));
-    wex_test::send_signal(rec->pid, SIGKILL);
+    send_signal(rec->pid, SIGKILL);
     wex_stop_alarm_thread();
     return failed;
   });
@@ -179,13 +180,13 @@ TEST_F(InAProcessOfItsOwn, ASigalrmNeverEntersARegistryThatTheInterruptedThreadH
       pthread_kill(pthread_self(), SIGALRM);  // delivered before this returns
       failed += CHECK_THAT(errno == EDOM);
       failed += CHECK_THAT(rec->pid == old_pid && rec->alarm_wait_flag == 1);
-      failed += CHECK_THAT(!soon([rec] { return rec->alarm_wait_flag == 0; }, 200ms));
+      failed += CHECK_THAT(!eventually([rec] { return rec->alarm_wait_flag == 0; }, 200ms));
     }
-    failed += CHECK_THAT(soon([rec, old_pid] {
+    failed += CHECK_THAT(eventually([rec, old_pid] {
       chain_lock hold(wex_chains);
       return rec->pid != old_pid;
     }));
-    wex_test::send_signal(rec->pid, SIGKILL);
+    send_signal(rec->pid, SIGKILL);
     wex_stop_alarm_thread();
     return failed;
   });
@@ -214,7 +215,7 @@ TEST_F(InAProcessOfItsOwn, ASigalrmToAThreadInsideTheSecondLockLeavesTheLockOrde
     record_walk walk(wex_chains);
     while (const wex_pid* const rec = walk.next()) {
       if (rec->flags != 0 && rec->alarm_wait_flag == 0) {
-        wex_test::send_signal(rec->pid, SIGKILL);
+        send_signal(rec->pid, SIGKILL);
       }
     }
     return 0;
@@ -234,7 +235,7 @@ TEST_F(InAProcessOfItsOwn, AThousandChildrenThatDieLeaveNoZombie) {
         return check_failed("fork");
       }
     }
-    const int failed = CHECK_THAT(soon([] {
+    const int failed = CHECK_THAT(eventually([] {
       siginfo_t info = {};
       return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
     }));
@@ -252,7 +253,7 @@ TEST_F(InAProcessOfItsOwn, AChildThatDiesWhileTheRegistryIsLockedIsReaped) {
     if (child == 0) {
       _exit(0);
     }
-    const int failed = CHECK_THAT(soon([child] { return kill(child, 0) != 0; }));
+    const int failed = CHECK_THAT(eventually([child] { return kill(child, 0) != 0; }));
     wex_stop_alarm_thread();
     return failed;
   });
@@ -270,8 +271,8 @@ TEST_F(InAProcessOfItsOwn, StoppingTheAlarmThreadCancelsThePendingAlarm) {
 
 TEST_F(InAProcessOfItsOwn, AProgramRestartedByTheAlarmRunsWithAnEmptyMaskAndDefaultActions) {
   // Without a child: while it starts one, the shell itself has signals blocked.
-  const wex_test::temporary program("/tmp/report");
-  const wex_test::temporary out("/tmp/report.out");
+  const temporary program("/tmp/report");
+  const temporary out("/tmp/report.out");
   write_file("/tmp/report",
              "#!/bin/sh\n"
              "while read -r line; do echo \"$line\"; done < /proc/$$/status > /tmp/report.part\n"
@@ -282,15 +283,15 @@ TEST_F(InAProcessOfItsOwn, AProgramRestartedByTheAlarmRunsWithAnEmptyMaskAndDefa
     wex_setup_signals();
     wex_start_alarm_thread();
     raise(SIGALRM);
-    int failed = CHECK_THAT(soon([] { return exists("/tmp/report.out"); }));
+    int failed = CHECK_THAT(eventually([] { return exists("/tmp/report.out"); }));
     {
       chain_lock hold(wex_chains);
-      wex_test::send_group_signal(rec->pid, SIGKILL);
+      send_group_signal(rec->pid, SIGKILL);
     }
     wex_stop_alarm_thread();
     return failed;
   });
-  const std::string report = contents("/tmp/report.out");
+  const std::string report = read_file("/tmp/report.out");
   EXPECT_NE(std::string::npos, report.find("SigBlk:\t0000000000000000\n")) << report;
   EXPECT_NE(std::string::npos, report.find("SigIgn:\t0000000000000000\n")) << report;
 }

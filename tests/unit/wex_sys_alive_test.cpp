@@ -20,7 +20,7 @@ class AliveTable : public Sandboxed {};
 constexpr uint32_t kLastTid = 163839;
 
 uint8_t byte_at(size_t offset) {
-  const std::string table = contents(kAliveTableFile);
+  const std::string table = read_file(kAliveTableFile);
   return offset < table.size() ? static_cast<uint8_t>(table[offset]) : uint8_t{0xee};
 }
 
@@ -42,7 +42,7 @@ void leave_old_table() {
 TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
   leave_old_table();
   in_child([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); });
-  const std::string table = contents(kAliveTableFile);
+  const std::string table = read_file(kAliveTableFile);
   ASSERT_EQ(188416u, table.size());
   uint32_t size = 0;
   memcpy(&size, &table[8], sizeof(size));
@@ -58,7 +58,7 @@ TEST_F(AliveTable, ATableWithASecondNameStaysTheOneThatClientsHaveMapped) {
   ASSERT_EQ(0, link(kAliveTableFile, "/dev/shm/second"));
   set_byte(20513 + 9, 7);
   in_child([] { ASSERT_EQ(0, wex_sys_init_alive_info(1)); });
-  EXPECT_EQ(0, contents("/dev/shm/second")[20513 + 9]) << "cleared, not replaced";
+  EXPECT_EQ(0, read_file("/dev/shm/second")[20513 + 9]) << "cleared, not replaced";
   struct stat table = {};
   ASSERT_EQ(0, stat(kAliveTableFile, &table));
   EXPECT_EQ(2U, table.st_nlink);
@@ -111,7 +111,7 @@ TEST_F(AliveTable, AnotherFileUnderTheNameOfTheTableIsNeitherClearedNorOpened) {
     EXPECT_EQ(0, wex_sys_init_alive_info(1));
     EXPECT_TRUE(wex_alive_table_intact());
   });
-  EXPECT_EQ(std::string(188416, '\xff'), contents("/dev/shm/victim"));
+  EXPECT_EQ(std::string(188416, '\xff'), read_file("/dev/shm/victim"));
   EXPECT_EQ(0600u, mode_of("/dev/shm/victim"));
   EXPECT_EQ(0, byte_at(20513));
 }
@@ -133,7 +133,7 @@ TEST_F(AliveTable, MappingWithoutClearingLeavesItAsItIs) {
     EXPECT_EQ(0, wex_sys_init_alive_info(0));
     EXPECT_EQ(1, wex_sys_isreg_alive_info(5));
   });
-  EXPECT_EQ(std::string(188416, '\xff'), contents(kAliveTableFile));
+  EXPECT_EQ(std::string(188416, '\xff'), read_file(kAliveTableFile));
 }
 
 TEST_F(AliveTable, TheObjectIsOpenToEveryUser) {
@@ -197,16 +197,16 @@ TEST_F(AliveTable, IdsOutsideAreRefusedByEveryCall) {
     } rows[] = {{163840, "163840"}, {static_cast<uint32_t>(-1), "-1"}, {0x80000000u, "-2147483648"}};
     for (const auto& row : rows) {
       const std::string line = std::string("[WEX:wex_sys_alive:N]pid err(pid:") + row.text + ")!\r\n";
-      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_reg_alive_info(row.tid)); }));
-      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_unreg_alive_info(row.tid)); }));
-      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(-1, wex_sys_update_alive_seq(row.tid)); }));
-      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(UINT32_MAX, wex_sys_get_alive_seq(row.tid)); }));
-      EXPECT_EQ(line, lines_of([&] { EXPECT_EQ(0, wex_sys_isreg_alive_info(row.tid)); }));
+      EXPECT_EQ(line, lines_printed_by([&] { EXPECT_EQ(-1, wex_sys_reg_alive_info(row.tid)); }));
+      EXPECT_EQ(line, lines_printed_by([&] { EXPECT_EQ(-1, wex_sys_unreg_alive_info(row.tid)); }));
+      EXPECT_EQ(line, lines_printed_by([&] { EXPECT_EQ(-1, wex_sys_update_alive_seq(row.tid)); }));
+      EXPECT_EQ(line, lines_printed_by([&] { EXPECT_EQ(UINT32_MAX, wex_sys_get_alive_seq(row.tid)); }));
+      EXPECT_EQ(line, lines_printed_by([&] { EXPECT_EQ(0, wex_sys_isreg_alive_info(row.tid)); }));
       EXPECT_EQ(-1, wex_alive_read_seq(row.tid));
       EXPECT_EQ(-1, wex_alive_read_bit(row.tid));
     }
     set_levels(0, WEX_DBG_SILENT);
-    EXPECT_EQ("", output_of([] { wex_sys_reg_alive_info(163840); })) << "a line of the alive level";
+    EXPECT_EQ("", printed_by([] { wex_sys_reg_alive_info(163840); })) << "a line of the alive level";
   });
 }
 
@@ -237,8 +237,8 @@ TEST_F(AliveTable, AClientThatDoesNotOwnTheTableHearsOnceThatItFailed) {
     EXPECT_EQ(
         "[WEX:wex_sys_alive:N]change mode failed!\r\n[WEX:wex_sys_alive:N]fail to init "
         "alive_info(ret:-1)!!!\n",
-        lines_of([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(9)); }));
-    EXPECT_EQ("", output_of([] { EXPECT_EQ(1, wex_sys_isreg_alive_info(9)); }));
+        lines_printed_by([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(9)); }));
+    EXPECT_EQ("", printed_by([] { EXPECT_EQ(1, wex_sys_isreg_alive_info(9)); }));
     EXPECT_EQ(0, wex_sys_init_alive_info(0));
     EXPECT_EQ(0, wex_sys_update_alive_seq(9));
     EXPECT_EQ(2u, wex_sys_get_alive_seq(9));
@@ -252,7 +252,7 @@ TEST_F(AliveTable, TheFailedModeIsAPublicLineTheRestAliveLines) {
     ASSERT_EQ(0, setuid(kOtherUser));
     set_levels(0, WEX_DBG_SILENT);
     EXPECT_EQ("[WEX:wex_sys_alive:N]change mode failed!\r\n",
-              lines_of([] { EXPECT_EQ(-1, wex_sys_init_alive_info(0)); }));
+              lines_printed_by([] { EXPECT_EQ(-1, wex_sys_init_alive_info(0)); }));
   });
 }
 
@@ -262,12 +262,12 @@ TEST_F(AliveTable, AClearedTableWhoseModeCannotBeSetIsClearedAndFailsOnce) {
   EXPECT_EQ(0, wex_test::run_failing({"fchmod:error=EPERM"}, [] {
               set_levels(0, WEX_DBG_SILENT);
               EXPECT_EQ("[WEX:wex_sys_alive:N]change mode failed!\r\n",
-                        lines_of([] { EXPECT_EQ(-1, wex_sys_init_alive_info(1)); }));
-              EXPECT_EQ("", lines_of([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); }));
+                        lines_printed_by([] { EXPECT_EQ(-1, wex_sys_init_alive_info(1)); }));
+              EXPECT_EQ("", lines_printed_by([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); }));
               EXPECT_EQ(0, wex_sys_isreg_alive_info(5));
               return 0;
             }));
-  const std::string table = contents(kAliveTableFile);
+  const std::string table = read_file(kAliveTableFile);
   ASSERT_EQ(188416u, table.size());
   uint32_t size = 0;
   memcpy(&size, &table[8], sizeof(size));
@@ -279,14 +279,14 @@ TEST_F(AliveTable, ATableThatCannotBeMappedIsTriedAgainEachTime) {
   ASSERT_EQ(0, mkdir(kAliveTableFile, 0755));
   in_child([] {
     set_levels(WEX_DBG_SILENT, 0);
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     for (int attempt = 0; attempt < 3; ++attempt) {
       EXPECT_EQ(
           "[WEX:wex_sys_alive:N]ras_os_init_record_memory err(path:/UTILS-wex-shm-001, ret:-4, err:22)!\r\n"
           "[WEX:wex_sys_alive:N]fail to init alive_info(ret:-4)!!!\n",
-          lines_of([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(1)); }));
+          lines_printed_by([] { EXPECT_EQ(0, wex_sys_isreg_alive_info(1)); }));
     }
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(before, count_descriptors());
     ASSERT_EQ(0, rmdir(kAliveTableFile));
     EXPECT_EQ(0, wex_sys_init_alive_info(0));
     EXPECT_EQ(0, wex_sys_isreg_alive_info(1));
@@ -295,7 +295,7 @@ TEST_F(AliveTable, ATableThatCannotBeMappedIsTriedAgainEachTime) {
 
 TEST_F(AliveTable, ThreadsThatMapAtOnceMapOnce) {
   in_child([] {
-    const int before = open_descriptors();
+    const size_t before = count_descriptors();
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
       threads.emplace_back([] { EXPECT_EQ(0, wex_sys_init_alive_info(0)); });
@@ -303,7 +303,7 @@ TEST_F(AliveTable, ThreadsThatMapAtOnceMapOnce) {
     for (std::thread& thread : threads) {
       thread.join();
     }
-    EXPECT_EQ(before + 1, open_descriptors());
+    EXPECT_EQ(before + 1, count_descriptors());
   });
 }
 
@@ -320,7 +320,7 @@ TEST_F(AliveTable, ATableCutShortNeitherKillsTheDaemonNorStaysShort) {
     EXPECT_EQ(0, wex_sys_reg_alive_info(3));
     EXPECT_EQ(0, wex_sys_unreg_alive_info(100000));
     EXPECT_TRUE(wex_alive_table_intact());
-    EXPECT_EQ(188416u, contents(kAliveTableFile).size());
+    EXPECT_EQ(188416u, read_file(kAliveTableFile).size());
     uint32_t size = 0;
     memcpy(&size, g_wex_alive_info.base + 8, sizeof(size));
     EXPECT_EQ(184356u, size);
@@ -381,7 +381,7 @@ TEST_F(AliveTable, WithoutAPipeTheDaemonSaysSoAndTriesAgain) {
     const rlimit none = {static_cast<rlim_t>(dup(STDIN_FILENO)), few.rlim_max};  // the next one is too many
     ASSERT_EQ(0, close(static_cast<int>(none.rlim_cur)));
     set_levels(WEX_DBG_SILENT, 0);
-    EXPECT_EQ("[WEX:wex_sys_alive:N]pipe err(path:/UTILS-wex-shm-001, err:24)!\r\n", lines_of([&] {
+    EXPECT_EQ("[WEX:wex_sys_alive:N]pipe err(path:/UTILS-wex-shm-001, err:24)!\r\n", lines_printed_by([&] {
                 ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
                 EXPECT_EQ(-1, wex_sys_init_alive_info(1));
                 ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
@@ -394,7 +394,7 @@ TEST_F(AliveTable, AChildForkedWhileAnotherThreadMapsTheTableMapsItForItself) {
   EXPECT_EQ(0, wex_test::run_failing({"fchmod:delay_enter=1000000:when=1"}, [] {
               std::thread slow([] { EXPECT_EQ(0, wex_sys_init_alive_info(0)); });
               EXPECT_TRUE(eventually(
-                  [] { return contents("/proc/self/maps").find(kAliveTableFile) != std::string::npos; },
+                  [] { return read_file("/proc/self/maps").find(kAliveTableFile) != std::string::npos; },
                   milliseconds(20000)));
               const pid_t child = fork();
               if (child == 0) {

@@ -25,7 +25,7 @@ class Diagnostics : public Sandboxed {
   }
   static void configure(const std::string& text) {
     write_file(std::string("/tmp/d") + RAS_WEX_DBG_FILE, text);
-    EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
+    EXPECT_EQ("", printed_by([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
   }
 };
 
@@ -78,14 +78,14 @@ TEST_F(Diagnostics, EveryLevelButFourPrints) {
   for (const int32_t level : {0, 1, -1, 5, INT32_MAX, INT32_MIN}) {
     set_levels(level, WEX_DBG_SILENT);
     EXPECT_EQ(1, wex_is_open_pub_dbg());
-    EXPECT_EQ("[WEX:wex_utils_dbg_test:N]a 1\r\n", lines_of([] {
+    EXPECT_EQ("[WEX:wex_utils_dbg_test:N]a 1\r\n", lines_printed_by([] {
                 wex_dbg(WEX_DBG_PUB, "a %d\r\n", 1);
                 wex_dbg(WEX_DBG_ALIVE, "b\n");
               }));
   }
   set_levels(WEX_DBG_SILENT, 0);
   EXPECT_EQ(0, wex_is_open_pub_dbg());
-  EXPECT_EQ("[WEX:wex_utils_dbg_test:N]b\n", lines_of([] {
+  EXPECT_EQ("[WEX:wex_utils_dbg_test:N]b\n", lines_printed_by([] {
               wex_dbg(WEX_DBG_PUB, "a\n");
               wex_dbg(WEX_DBG_ALIVE, "b\n");
             }));
@@ -118,8 +118,8 @@ TEST_F(Diagnostics, ALineIsOneWriteAndKeepsErrno) {
 
 TEST_F(Diagnostics, ALineThatIsTooLongIsCutInsteadOfOverflowing) {
   const std::string text(20000, 'x');
-  EXPECT_EQ(8191u, output_of([&] { wex_say("%s", text.c_str()); }).size());
-  EXPECT_EQ(8191u, output_of([&] { wex_print("%s", text.c_str()); }).size());
+  EXPECT_EQ(8191u, printed_by([&] { wex_say("%s", text.c_str()); }).size());
+  EXPECT_EQ(8191u, printed_by([&] { wex_print("%s", text.c_str()); }).size());
 }
 
 TEST_F(Diagnostics, TheLastValidSettingWins) {
@@ -161,10 +161,10 @@ TEST_F(Diagnostics, ALongLineIsSeenInPiecesOf127) {
 
 TEST_F(Diagnostics, AMissingFileIsSilentAndChangesNothing) {
   set_levels(2, 3);
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
+  EXPECT_EQ("", printed_by([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
   EXPECT_EQ((Levels{2, 3, 4}), levels());
   ASSERT_EQ(0, mkfifo((std::string("/tmp/d") + RAS_WEX_DBG_FILE).c_str(), 0777));
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); })) << "a FIFO does not stop the reader";
+  EXPECT_EQ("", printed_by([] { EXPECT_EQ(0, wex_parse_dbg_file()); })) << "a FIFO does not stop the reader";
 }
 
 TEST_F(Diagnostics, AnUnsetDirectoryIsSaidAtAnyLevel) {
@@ -172,14 +172,14 @@ TEST_F(Diagnostics, AnUnsetDirectoryIsSaidAtAnyLevel) {
   for (const Levels& before : {Levels{4, 4, 4}, Levels{2, 3, 5}}) {
     set_all_levels(before);
     EXPECT_EQ("[RAS]<ras_comp_config, ras_make_vsd_data_ovix_path, N>:get DATA_OVIX_DIR fail!\r\n",
-              lines_of([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
+              lines_printed_by([] { EXPECT_EQ(0, wex_parse_dbg_file()); }));
     EXPECT_EQ(before, levels());
   }
 }
 
 TEST_F(Diagnostics, ADirectoryOf225CharactersIsAccepted) {
   setenv(RAS_DATA_OVIX_ENV, long_directory(225).c_str(), 1);
-  EXPECT_EQ("", output_of([] { wex_parse_dbg_file(); }));
+  EXPECT_EQ("", printed_by([] { wex_parse_dbg_file(); }));
   EXPECT_EQ(1, g_wex_dbg_level[0]);
 }
 
@@ -190,7 +190,7 @@ TEST_F(Diagnostics, ADirectoryOf226CharactersIsRefused) {
     set_all_levels(before);
     EXPECT_EQ("[RAS]<ras_comp_config, ras_make_vsd_path, N>:not enough path memory(prefix:" + directory +
                   ", suffix:/qx_utils/qx_utils_dbg_cfg.txt, len:256)!\n",
-              lines_of([] { wex_parse_dbg_file(); }));
+              lines_printed_by([] { wex_parse_dbg_file(); }));
     EXPECT_EQ(before, levels());
   }
 }
@@ -222,11 +222,11 @@ TEST_F(SelfCheckWait, AnythingElseIs300AndSaid) {
   for (const char* const text : {"0", "-5", "", "letters", "-99999999999999999999"}) {
     write_file(kDebugTime, text);
     set_levels(0, WEX_DBG_SILENT);
-    const std::string line = lines_of([] { EXPECT_EQ(300, debug_time()); });
+    const std::string line = lines_printed_by([] { EXPECT_EQ(300, debug_time()); });
     EXPECT_EQ(0u, line.find("[WEX:wex_utils:N]debug_time: atio fail or file is null: ")) << line;
     EXPECT_EQ('\n', line.back());
     set_levels(WEX_DBG_SILENT, 0);
-    EXPECT_EQ("", output_of([] { EXPECT_EQ(300, debug_time()); }));
+    EXPECT_EQ("", printed_by([] { EXPECT_EQ(300, debug_time()); }));
   }
 }
 
@@ -234,7 +234,7 @@ TEST_F(SelfCheckWait, AFileWithASecondNameIsReadAndStaysAsItIs) {
   write_file(kDebugTime, "42\n");
   ASSERT_EQ(0, link(kDebugTime, "/debug_time_of_other_name"));
   EXPECT_EQ(42, debug_time());
-  EXPECT_EQ("42\n", contents(kDebugTime));
+  EXPECT_EQ("42\n", read_file(kDebugTime));
   struct stat facts = {};
   EXPECT_EQ(0, stat(kDebugTime, &facts));
   EXPECT_EQ(2u, facts.st_nlink);
@@ -243,7 +243,7 @@ TEST_F(SelfCheckWait, AFileWithASecondNameIsReadAndStaysAsItIs) {
 
 TEST_F(SelfCheckWait, WithoutAFileItIs300AndNothingIsMade) {
   set_levels(0, 0);
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(300, debug_time()); }));
+  EXPECT_EQ("", printed_by([] { EXPECT_EQ(300, debug_time()); }));
   EXPECT_FALSE(exists(kDebugTime));
   ASSERT_EQ(0, mkfifo(kDebugTime, 0777));
   EXPECT_EQ(300, debug_time());
@@ -253,5 +253,5 @@ TEST_F(SelfCheckWait, AReadThatFailsIsSaid) {
   ASSERT_EQ(0, symlink("/proc/self/mem", kDebugTime));  // opens, but there is nothing to read at 0
   set_levels(0, WEX_DBG_SILENT);
   EXPECT_EQ("[WEX:wex_utils:N]debug_time: read fail: Input/output error\n",
-            lines_of([] { EXPECT_EQ(300, debug_time()); }));
+            lines_printed_by([] { EXPECT_EQ(300, debug_time()); }));
 }

@@ -50,7 +50,7 @@ std::string cmdline(pid_t pid, size_t size) {
 
 // Reading calls of this thread so far, this one's own included.
 long reads_so_far() {
-  const std::string facts = contents("/proc/thread-self/io");
+  const std::string facts = read_file("/proc/thread-self/io");
   return strtol(facts.c_str() + facts.find("syscr: ") + 7, nullptr, 10);
 }
 
@@ -62,7 +62,7 @@ long reads_of(const std::function<void()>& work) {
 }
 
 void copy_program(const char* from, const char* to) {
-  write_file(to, contents(from), 0755);
+  write_file(to, read_file(from), 0755);
 }
 
 // A device with the low-memory killer's module, while this lives.
@@ -137,16 +137,16 @@ TEST_F(Utils, ATransferThatFailsHalfwayIsMinusOne) {
 TEST_F(Utils, WritingAPathKeepsWhatIsBehind) {
   write_file("/tmp/f", "abcdef");
   EXPECT_EQ(2, safe_write_path("/tmp/f", "xy", 2));
-  EXPECT_EQ("xycdef", contents("/tmp/f"));
+  EXPECT_EQ("xycdef", read_file("/tmp/f"));
 }
 
 TEST_F(Utils, WritingAMissingPathCreatesNothingAndSaysWhy) {
   set_levels(0, WEX_DBG_SILENT);
   EXPECT_EQ("[WEX:wex_utils:N]safe_write_path: fd < 0: No such file or directory\n",
-            lines_of([] { EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1)); }));
+            lines_printed_by([] { EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1)); }));
   EXPECT_FALSE(exists("/tmp/none"));
   set_levels(WEX_DBG_SILENT, 0);
-  EXPECT_EQ("", output_of([] { safe_write_path("/tmp/none", "x", 1); }));
+  EXPECT_EQ("", printed_by([] { safe_write_path("/tmp/none", "x", 1); }));
 }
 
 TEST_F(Utils, ReadToBufTakesOneByteLessThanTheBufferAndEndsTheText) {
@@ -225,31 +225,31 @@ TEST_F(Utils, TheClockIsTheMonotonicOne) {
 // ---- Command lines ----------------------------------------------------------------------------------------
 
 TEST_F(Utils, CommandLineIsTheExecutableAndTheFurtherArguments) {
-  const lasting_child child("/bin/sh", {"./nonsense", "-c", "read x", "a", "bc"});
-  EXPECT_EQ(real("/bin/sh") + " -c read x a bc", cmdline(child.pid(), 4096));
+  const child process("/bin/sh", {"./nonsense", "-c", "read x", "a", "bc"});
+  EXPECT_EQ(real("/bin/sh") + " -c read x a bc", cmdline(process.pid(), 4096));
 }
 
 TEST_F(Utils, CommandLineOfOneWordHasNoTrailingBlank) {
-  const lasting_child child("/bin/cat", {"only"});
-  EXPECT_EQ(real("/bin/cat"), cmdline(child.pid(), 4096));
+  const child process("/bin/cat", {"only"});
+  EXPECT_EQ(real("/bin/cat"), cmdline(process.pid(), 4096));
 }
 
 TEST_F(Utils, ANewlineInAnArgumentEndsTheVisibleText) {
-  const lasting_child child("/bin/sh", {"sh", "-c", "read x", "a\nb", "c"});
-  EXPECT_EQ(real("/bin/sh") + " -c read x a", cmdline(child.pid(), 4096));
+  const child process("/bin/sh", {"sh", "-c", "read x", "a\nb", "c"});
+  EXPECT_EQ(real("/bin/sh") + " -c read x a", cmdline(process.pid(), 4096));
 }
 
 TEST_F(Utils, CommandLineFitsAnyBuffer) {
-  const lasting_child child("/bin/sh", {"sh", "-c", "read x"});
+  const child process("/bin/sh", {"sh", "-c", "read x"});
   const std::string path = real("/bin/sh");
-  EXPECT_EQ(path.substr(0, 3), cmdline(child.pid(), 4));
-  EXPECT_EQ(path, cmdline(child.pid(), path.size() + 1));
-  EXPECT_EQ(path, cmdline(child.pid(), path.size() + 2));
-  EXPECT_EQ(path + " -", cmdline(child.pid(), path.size() + 3));
-  EXPECT_EQ(path + " -c", cmdline(child.pid(), path.size() + 4));
-  EXPECT_EQ(path + " -c", cmdline(child.pid(), path.size() + 5)) << "a blank at the end is not kept";
-  EXPECT_EQ(path + " -c r", cmdline(child.pid(), path.size() + 6));
-  EXPECT_EQ("<null>", cmdline(child.pid(), 1)) << "no room for a single character of the link";
+  EXPECT_EQ(path.substr(0, 3), cmdline(process.pid(), 4));
+  EXPECT_EQ(path, cmdline(process.pid(), path.size() + 1));
+  EXPECT_EQ(path, cmdline(process.pid(), path.size() + 2));
+  EXPECT_EQ(path + " -", cmdline(process.pid(), path.size() + 3));
+  EXPECT_EQ(path + " -c", cmdline(process.pid(), path.size() + 4));
+  EXPECT_EQ(path + " -c", cmdline(process.pid(), path.size() + 5)) << "a blank at the end is not kept";
+  EXPECT_EQ(path + " -c r", cmdline(process.pid(), path.size() + 6));
+  EXPECT_EQ("<null>", cmdline(process.pid(), 1)) << "no room for a single character of the link";
 }
 
 TEST_F(Utils, CommandLineOfAProcessThatIsGoneIsNull) {
@@ -264,15 +264,15 @@ TEST_F(Utils, CommandLineOfAProcessThatIsGoneIsNull) {
 TEST_F(Utils, AReplacedProgramKeepsItsName) {
   const std::string program = "/tmp/program";
   copy_program("/bin/cat", program.c_str());
-  const lasting_child child(program.c_str(), {"cat", "-"});
+  const child process(program.c_str(), {"cat", "-"});
   copy_program("/bin/cat", "/tmp/newer");
   ASSERT_EQ(0, rename("/tmp/newer", program.c_str()));
-  EXPECT_EQ(program + " -", cmdline(child.pid(), 4096));
+  EXPECT_EQ(program + " -", cmdline(process.pid(), 4096));
   write_file(program + " (deleted)", "a file that is really called so");
-  EXPECT_EQ(program + " (deleted) -", cmdline(child.pid(), 4096));
+  EXPECT_EQ(program + " (deleted) -", cmdline(process.pid(), 4096));
   unlink((program + " (deleted)").c_str());
   unlink(program.c_str());
-  EXPECT_EQ(program + " (deleted) -", cmdline(child.pid(), 4096)) << "nothing there that could be started";
+  EXPECT_EQ(program + " (deleted) -", cmdline(process.pid(), 4096)) << "nothing there that could be started";
 }
 
 // ---- Facts about processes --------------------------------------------------------------------------------
@@ -287,16 +287,19 @@ TEST_F(Utils, AThreadBelongsToItsProcess) {
 }
 
 TEST_F(Utils, ANameIsCopiedAsFarAsItFits) {
-  const lasting_child child([] { prctl(PR_SET_NAME, "a) b (c%s"); });
+  const child process([] {
+    prctl(PR_SET_NAME, "a) b (c%s");
+    return true;
+  });
   char name[16] = {};
-  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, sizeof(name)));
+  EXPECT_EQ(0, wex_get_pid_name(process.pid(), name, sizeof(name)));
   EXPECT_STREQ("a) b (c%s", name);
-  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, 3));
+  EXPECT_EQ(0, wex_get_pid_name(process.pid(), name, 3));
   EXPECT_STREQ("a)", name);
-  EXPECT_EQ(0, wex_get_pid_name(child.pid(), name, 1));
+  EXPECT_EQ(0, wex_get_pid_name(process.pid(), name, 1));
   EXPECT_STREQ("", name);
-  EXPECT_EQ(-1, wex_get_pid_name(child.pid(), nullptr, 16));
-  EXPECT_EQ(-1, wex_get_pid_name(child.pid(), name, 0));
+  EXPECT_EQ(-1, wex_get_pid_name(process.pid(), nullptr, 16));
+  EXPECT_EQ(-1, wex_get_pid_name(process.pid(), name, 0));
   EXPECT_EQ(-1, wex_get_pid_name(INT32_MAX, name, 16));
 }
 
@@ -332,28 +335,28 @@ TEST_F(Utils, AStatFileDecidesAboutLifeOnlyWhenAStateStandsBehindTheName) {
               {"1 (a) ", -1},  {"1 (a)S 1", -1},    {"1 (a)  S", 0},     {"1 (a) S", 0},
               {"1 (a) Z", -1}, {"1 (a) X 1 2", -1}, {"1 (a) Z) R 1", 0}, {"1 (a) R) Z", -1},
               {")) S", 0},     {"1 a S 1 1", -1},   {"1 (a) ?", 0}};
-  const lasting_child child;
+  const child process;
   for (const auto& row : rows) {
-    const stand_in stat(child.pid(), row.text);
-    EXPECT_EQ(row.life, process_life(child.pid())) << row.text;
+    const stand_in stat(process.pid(), row.text);
+    EXPECT_EQ(row.life, process_life(process.pid())) << row.text;
   }
-  EXPECT_EQ(0, process_life(child.pid()));
+  EXPECT_EQ(0, process_life(process.pid()));
 }
 
 TEST_F(Utils, AProcessThatCannotBeSeenIsNotGone) {
-  const lasting_child child;
+  const child process;
   {
-    const stand_in stat(child.pid(), "1 (a) S 1");
-    EXPECT_EQ(process_look::unreadable, wex_look_at(child.pid()).sight) << "no start time in it";
+    const stand_in stat(process.pid(), "1 (a) S 1");
+    EXPECT_EQ(process_look::unreadable, wex_look_at(process.pid()).sight) << "no start time in it";
   }
   rlimit before = {};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
   const rlimit none = {0, before.rlim_max};
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-  const process_look look = wex_look_at(child.pid());
+  const process_look look = wex_look_at(process.pid());
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
   EXPECT_EQ(process_look::unreadable, look.sight) << "there was no descriptor to look with";
-  EXPECT_EQ(process_look::seen, wex_look_at(child.pid()).sight);
+  EXPECT_EQ(process_look::seen, wex_look_at(process.pid()).sight);
 }
 
 TEST_F(Utils, ALivingProcessLivesAtOnce) {
@@ -361,10 +364,13 @@ TEST_F(Utils, ALivingProcessLivesAtOnce) {
 }
 
 TEST_F(Utils, ANameFullOfParenthesesDoesNotHideTheState) {
-  const lasting_child child([] { prctl(PR_SET_NAME, "x) Z 1 ("); });
-  EXPECT_EQ(0, process_life(child.pid()));
+  const child process([] {
+    prctl(PR_SET_NAME, "x) Z 1 (");
+    return true;
+  });
+  EXPECT_EQ(0, process_life(process.pid()));
   char state = 0;
-  EXPECT_TRUE(wex_proc_stat(child.pid(), &state, nullptr));
+  EXPECT_TRUE(wex_proc_stat(process.pid(), &state, nullptr));
   EXPECT_NE('Z', state);
 }
 
@@ -386,7 +392,7 @@ TEST_F(Utils, AZombieIsGoneAfterThreeLooks) {
 }
 
 TEST_F(Utils, OneLookAtALivingProcessIsEnoughAndThreeAtADeadOne) {
-  const lasting_child living;
+  const child living;
   const pid_t zombie = fork();
   if (zombie == 0) {
     _exit(0);
@@ -401,27 +407,27 @@ TEST_F(Utils, OneLookAtALivingProcessIsEnoughAndThreeAtADeadOne) {
 }
 
 TEST_F(Utils, TheLooksAtADeadProcessAreTenMillisecondsApart) {
-  const lasting_child child;
-  const stand_in stat(child.pid(), "no such text");
+  const child process;
+  const stand_in stat(process.pid(), "no such text");
   milliseconds least(1000);
   for (int attempt = 0; attempt < 20 && least >= milliseconds(60); ++attempt) {  // a busy machine adds to it
-    least = std::min(least, time_of([&] { EXPECT_EQ(-1, process_life(child.pid())); }));
+    least = std::min(least, time_of([&] { EXPECT_EQ(-1, process_life(process.pid())); }));
   }
   EXPECT_GE(least, milliseconds(30));
   EXPECT_LT(least, milliseconds(60));
 }
 
 TEST_F(Utils, TheStartTimeTellsAProcessFromItsPid) {
-  const lasting_child child;
+  const child process;
   uint64_t started = 0;
   uint64_t own = 0;
-  ASSERT_TRUE(wex_proc_stat(child.pid(), nullptr, &started));
+  ASSERT_TRUE(wex_proc_stat(process.pid(), nullptr, &started));
   ASSERT_TRUE(wex_proc_stat(getpid(), nullptr, &own));
   EXPECT_GT(started, 0u);
   EXPECT_LE(own, started) << "a child starts later than its parent";
-  EXPECT_TRUE(wex_proc_lives(child.pid(), started));
-  EXPECT_TRUE(wex_proc_lives(child.pid(), 0));
-  EXPECT_FALSE(wex_proc_lives(child.pid(), started + 1));
+  EXPECT_TRUE(wex_proc_lives(process.pid(), started));
+  EXPECT_TRUE(wex_proc_lives(process.pid(), 0));
+  EXPECT_FALSE(wex_proc_lives(process.pid(), started + 1));
   EXPECT_FALSE(wex_proc_lives(0, 0));
   EXPECT_FALSE(wex_proc_lives(-1, 0));
 }
@@ -438,7 +444,7 @@ TEST_F(Utils, AProcessThatIsStillExitingIsDeadButPresent) {
   EXPECT_TRUE(is_present(dying.pid(), started));
   dying.begin_to_exit();
   EXPECT_TRUE(eventually([&] { return !wex_proc_lives(dying.pid(), started); }));
-  const std::string facts = contents("/proc/" + std::to_string(dying.pid()) + "/stat");
+  const std::string facts = read_file("/proc/" + std::to_string(dying.pid()) + "/stat");
   EXPECT_EQ(std::string::npos, facts.find(") Z ")) << facts;
   EXPECT_TRUE(is_present(dying.pid(), started));
   EXPECT_TRUE(is_present(dying.pid(), 0));
@@ -488,7 +494,7 @@ TEST_F(Utils, TheLockFileHoldsThePidAndOneZeroByte) {
   umask(0);
   const int first = already_running("/tmp/lock");
   ASSERT_GE(first, 0);
-  EXPECT_EQ(std::to_string(getpid()) + '\0', contents("/tmp/lock"));
+  EXPECT_EQ(std::to_string(getpid()) + '\0', read_file("/tmp/lock"));
   EXPECT_NE(0, fcntl(first, F_GETFD) & FD_CLOEXEC);
   const int second = already_running("/tmp/lock");
   EXPECT_GE(second, 0) << "a record lock belongs to the process";
@@ -500,9 +506,12 @@ TEST_F(Utils, TheLockFileHoldsThePidAndOneZeroByte) {
 }
 
 TEST_F(Utils, ASecondProcessIsKeptOutWhileTheFirstLives) {
-  lasting_child first([] { EXPECT_GE(already_running("/tmp/lock"), 0); });
+  child first([] {
+    EXPECT_GE(already_running("/tmp/lock"), 0);
+    return true;
+  });
   EXPECT_EQ(-1, already_running("/tmp/lock"));
-  EXPECT_EQ(std::to_string(first.pid()) + '\0', contents("/tmp/lock")) << "the loser changes nothing";
+  EXPECT_EQ(std::to_string(first.pid()) + '\0', read_file("/tmp/lock")) << "the loser changes nothing";
   first.end();
   const int lock = already_running("/tmp/lock");
   EXPECT_GE(lock, 0);
@@ -521,19 +530,16 @@ TEST_F(Utils, AnUntrustworthyLockFileIsRefused) {
   ASSERT_EQ(0, lchown("/tmp/open/link", kOtherUser, kOtherUser));
   EXPECT_EQ(-1, already_running("/tmp/open/link"));
   EXPECT_EQ(ELOOP, errno);
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
 }
 
 TEST_F(Utils, ALockFileOfAnotherUsersIsReplacedUnlessItIsHeld) {
   write_file("/tmp/lock", "theirs", 0666);
   ASSERT_EQ(0, chown("/tmp/lock", kOtherUser, kOtherUser));
-  lasting_child holder([] {
-    ASSERT_EQ(0, setuid(kOtherUser));
-    ASSERT_TRUE(wex_lock_file(open("/tmp/lock", O_RDWR)));
-  });
+  child holder([] { return setuid(kOtherUser) == 0 && wex_lock_file(open("/tmp/lock", O_RDWR)); });
   EXPECT_EQ(-1, already_running("/tmp/lock"));
   EXPECT_EQ(EAGAIN, errno) << "that is what tells a running daemon";
-  EXPECT_EQ("theirs", contents("/tmp/lock"));
+  EXPECT_EQ("theirs", read_file("/tmp/lock"));
   holder.end();
   for (const bool guarded : {false, true}) {
     ASSERT_EQ(0, chown("/tmp/lock", kOtherUser, kOtherUser));
@@ -561,7 +567,7 @@ TEST_F(Utils, ALockFileThatIsAnotherFileTooMakesRoomUnlessItIsHeld) {
   in_child([] { EXPECT_EQ(-1, already_running("/tmp/lock")) << "whoever holds it may be the daemon"; });
   holder.reset();
   in_child([] { EXPECT_GE(already_running("/tmp/lock"), 0) << "nobody holds it"; });
-  EXPECT_EQ("precious", contents("/tmp/victim"));
+  EXPECT_EQ("precious", read_file("/tmp/victim"));
 }
 
 // ---- The low-memory killer --------------------------------------------------------------------------------
@@ -571,20 +577,20 @@ TEST_F(Utils, AScoreIsWrittenWithItsZeroByte) {
   const std::string target = "/proc/" + std::to_string(getpid()) + "/oom_score_adj";
   ASSERT_EQ(0, mount("/tmp/score", target.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
   EXPECT_EQ(7, wex_ignore_lmk(getpid()));
-  EXPECT_EQ(std::string("-1000\n\0", 7), contents("/tmp/score"));
+  EXPECT_EQ(std::string("-1000\n\0", 7), read_file("/tmp/score"));
   write_file("/tmp/score", "");
   EXPECT_EQ(3, wex_reset_lmk(getpid()));
-  EXPECT_EQ(std::string("0\n\0", 3), contents("/tmp/score"));
+  EXPECT_EQ(std::string("0\n\0", 3), read_file("/tmp/score"));
   EXPECT_EQ(0, umount(target.c_str()));
 }
 
 TEST_F(Utils, TheKernelTakesTheScore) {
-  const lasting_child child;
-  const std::string path = "/proc/" + std::to_string(child.pid()) + "/oom_score_adj";
-  EXPECT_EQ(5, wex_set_lmk(345, child.pid()));
-  EXPECT_EQ("345\n", contents(path));
-  EXPECT_EQ(3, wex_reset_lmk(child.pid()));
-  EXPECT_EQ("0\n", contents(path));
+  const child process;
+  const std::string path = "/proc/" + std::to_string(process.pid()) + "/oom_score_adj";
+  EXPECT_EQ(5, wex_set_lmk(345, process.pid()));
+  EXPECT_EQ("345\n", read_file(path));
+  EXPECT_EQ(3, wex_reset_lmk(process.pid()));
+  EXPECT_EQ("0\n", read_file(path));
   EXPECT_EQ(-1, wex_set_lmk(1, INT32_MAX));
 }
 
@@ -604,10 +610,10 @@ TEST_F(Utils, AMissingOrEmptyDaemonStatusIsSaid) {
   const lowmem_dir lowmem;
   set_levels(0, WEX_DBG_SILENT);
   EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: open wex_status file fail: No such file or directory\n",
-            lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+            lines_printed_by([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
   write_file(kWexStatus, "");
   EXPECT_EQ("[WEX:wex_utils:N]wex_get_proc_status: read wex_status file fail: Success\n",
-            lines_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+            lines_printed_by([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
 }
 
 // ---- Failures ---------------------------------------------------------------------------------------------
@@ -623,7 +629,7 @@ TEST_F(Utils, CommandLineOnADeviceWithoutProcIsNull) {
 TEST_F(Utils, WhateverFailsIsToldByTheResultAlone) {
   set_levels(0, 0);
   g_wex_dbg_level[WEX_DBG_LIB] = 0;
-  EXPECT_EQ("", output_of([] {
+  EXPECT_EQ("", printed_by([] {
               char text[16];
               EXPECT_EQ(-1, safe_read(-1, text, 1));
               EXPECT_EQ(-1, safe_write(-1, text, 1));
@@ -639,12 +645,12 @@ TEST_F(Utils, WhateverFailsIsToldByTheResultAlone) {
 
 TEST_F(Utils, TheTwoThatTellTheirFailuresAreSilentAtLevelFour) {
   const lowmem_dir lowmem;
-  EXPECT_EQ("", output_of([] {
+  EXPECT_EQ("", printed_by([] {
               EXPECT_EQ(-1, wex_get_proc_status());
               EXPECT_EQ(-1, safe_write_path("/tmp/none", "x", 1));
             }));
   write_file(kWexStatus, "");
-  EXPECT_EQ("", output_of([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
+  EXPECT_EQ("", printed_by([] { EXPECT_EQ(-1, wex_get_proc_status()); }));
 }
 
 // ---- Text ---------------------------------------------------------------------------------------------

@@ -4,6 +4,8 @@
 
 #include <sched.h>
 
+#include <algorithm>
+
 #include "domain_world.h"
 #include "failing_calls.h"
 #include "wex_limits.h"
@@ -14,13 +16,13 @@ namespace {
 
 struct ControlGroups : World {};
 struct Memory : World {
-  const wex_test::temporary smaps_{"/tmp/smaps"};
+  const temporary smaps_{"/tmp/smaps"};
 };
 
 // ---- Control groups ---------------------------------------------------------------------------------------
 
 std::set<std::string> tasks_of(const char* format, int vsd) {
-  std::istringstream lines(text_of(path_of(format, vsd)));
+  std::istringstream lines(read_file(path_of(format, vsd)));
   return {std::istream_iterator<std::string>(lines), {}};
 }
 
@@ -47,7 +49,7 @@ TEST_F(ControlGroups, AreMadeAndFilledWithoutALineWhenNothingFails) {
   make_marker_dir(9);
   process member({3900});
   mark(9, member.pid());
-  EXPECT_EQ("", printed_by([] {
+  EXPECT_EQ("", lines_printed_by([] {
               errno = 0;  // what is left of an earlier failure would be told, too
               EXPECT_EQ(0, set_cgroups_all(9));
             }));
@@ -55,7 +57,7 @@ TEST_F(ControlGroups, AreMadeAndFilledWithoutALineWhenNothingFails) {
 }
 
 TEST_F(ControlGroups, AreLeftOutWithoutAFlagFileDirectory) {
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]set_cgroups: chdir fail: No such file or directory\n"));
   EXPECT_NE(std::string::npos,
@@ -64,8 +66,8 @@ TEST_F(ControlGroups, AreLeftOutWithoutAFlagFileDirectory) {
 
 TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
   make_marker_dir(13);
-  write_text(path_of(kFlagFileFmt, 13, -5));
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  write_file(path_of(kFlagFileFmt, 13, -5), "");
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]set_cgroups: atio proc: "));
   char cwd[64];
   EXPECT_STREQ("/tmp/vsd/13/wex", getcwd(cwd, sizeof cwd));
@@ -73,8 +75,8 @@ TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
 
 TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
   make_marker_dir(13);
-  write_text("/tmp/vsd/13/wex/junk");
-  write_text("/tmp/vsd/13/wex/0");
+  write_file("/tmp/vsd/13/wex/junk", "");
+  write_file("/tmp/vsd/13/wex/0", "");
   EXPECT_EQ(0, set_cgroups_all(13));
   EXPECT_TRUE(tasks_of(kMemoryTasksFmt, 13).empty());
   EXPECT_TRUE(tasks_of(kCpuTasksFmt, 13).empty());
@@ -83,7 +85,7 @@ TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
 TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyTold) {
   make_marker_dir(13);
   mark(13, 4194304);
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]add_cgroups: fwrite fail: No such process\n"));
 }
 
@@ -95,7 +97,7 @@ TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
   mark(13, first.pid());
   mark(13, 4194304);
   mark(13, second.pid());
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   const std::regex told("add_cgroups: fwrite fail: No such process\n");
   EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << "one a hierarchy";
   for (const char* format : {kMemoryTasksFmt, kCpuTasksFmt}) {
@@ -109,7 +111,7 @@ TEST_F(ControlGroups, AFlagFileThatLeadsNowhereIsLoggedAndCountsAsAProcess) {
   make_marker_dir(13);
   process subject({4300});
   ASSERT_EQ(0, symlink("/nowhere", path_of(kFlagFileFmt, 13, subject.pid()).c_str()));
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]set_cgroups: stat fail: No such file or directory\n"));
   EXPECT_EQ((std::set<std::string>{std::to_string(subject.pid())}), tasks_of(kMemoryTasksFmt, 13));
@@ -125,8 +127,8 @@ struct Limits : ControlGroups {
 
 TEST_F(Limits, HardAndSoftAreWhatTheKernelReadsBack) {
   EXPECT_EQ(0, set_mem_group(13, 65536));
-  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.limit_in_bytes"));
-  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.soft_limit_in_bytes"));
+  EXPECT_EQ("67108864\n", read_file("/memory/vsd_13/memory.limit_in_bytes"));
+  EXPECT_EQ("67108864\n", read_file("/memory/vsd_13/memory.soft_limit_in_bytes"));
   EXPECT_EQ(65536, get_maxmem_set(13));
 }
 
@@ -140,31 +142,31 @@ TEST_F(Limits, SaturateAt31BitsOfBytes) {
   for (const auto& row : rows) {
     EXPECT_EQ(0, set_mem_group(13, row.set));
     EXPECT_EQ(row.got, get_maxmem_set(13)) << row.set;
-    EXPECT_EQ(std::to_string(row.set * 1024) + "\n", text_of("/memory/vsd_13/memory.soft_limit_in_bytes"));
+    EXPECT_EQ(std::to_string(row.set * 1024) + "\n", read_file("/memory/vsd_13/memory.soft_limit_in_bytes"));
   }
 }
 
 TEST_F(Limits, OfTheMainSystemAndOfAMissingDomainAreNone) {
-  EXPECT_EQ("", printed_by([] { EXPECT_EQ(0, get_maxmem_set(0)); }));
+  EXPECT_EQ("", lines_printed_by([] { EXPECT_EQ(0, get_maxmem_set(0)); }));
   EXPECT_EQ("[WEX:wex_vsd:N]get_maxmem_set: open fail: No such file or directory\n",
-            printed_by([] { EXPECT_EQ(0, get_maxmem_set(12)); }));
+            lines_printed_by([] { EXPECT_EQ(0, get_maxmem_set(12)); }));
 }
 
 TEST_F(Limits, FailWithTheReasonForAMissingDomain) {
   EXPECT_EQ(
       "[WEX:wex_vsd:N]set_mem_limit_group: fopen fail: No such file or directory\n"
       "[WEX:wex_vsd:N]set_mem_group: set_hard_mem_limit fail: No such file or directory\n",
-      printed_by([] { EXPECT_EQ(-ENOENT, set_mem_group(12, 1)); }));
+      lines_printed_by([] { EXPECT_EQ(-ENOENT, set_mem_group(12, 1)); }));
   EXPECT_EQ("[WEX:wex_vsd:N]set_cpu_group: fopen fail: No such file or directory\n",
-            printed_by([] { EXPECT_EQ(-ENOENT, set_cpu_group(12, 10)); }));
+            lines_printed_by([] { EXPECT_EQ(-ENOENT, set_cpu_group(12, 10)); }));
 }
 
 TEST_F(Limits, FailWithTheReasonForAValueThatTheKernelRefuses) {
   EXPECT_EQ("[WEX:wex_vsd:N]set_cpu_group: fwrite fail: Invalid argument\n",
-            printed_by([] { EXPECT_EQ(-EINVAL, set_cpu_group(13, -7)); }));
+            lines_printed_by([] { EXPECT_EQ(-EINVAL, set_cpu_group(13, -7)); }));
   ASSERT_EQ(0, set_mem_group(13, 65536));
   process member({4300}, [] {  // memory that cannot be taken from the group
-    write_text(path_of(kMemoryTasksFmt, 13), "0");
+    write_file(path_of(kMemoryTasksFmt, 13), "0");
     if (mlockall(MCL_FUTURE) != 0) {
       _exit(5);
     }
@@ -173,9 +175,9 @@ TEST_F(Limits, FailWithTheReasonForAValueThatTheKernelRefuses) {
   EXPECT_EQ(
       "[WEX:wex_vsd:N]set_mem_limit_group: fwrite fail: Device or resource busy\n"
       "[WEX:wex_vsd:N]set_mem_group: set_hard_mem_limit fail: Device or resource busy\n",
-      printed_by([] { EXPECT_EQ(-EBUSY, set_mem_group(13, 1024)); }));
-  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.limit_in_bytes"));
-  EXPECT_EQ("67108864\n", text_of("/memory/vsd_13/memory.soft_limit_in_bytes")) << "not even tried";
+      lines_printed_by([] { EXPECT_EQ(-EBUSY, set_mem_group(13, 1024)); }));
+  EXPECT_EQ("67108864\n", read_file("/memory/vsd_13/memory.limit_in_bytes"));
+  EXPECT_EQ("67108864\n", read_file("/memory/vsd_13/memory.soft_limit_in_bytes")) << "not even tried";
 }
 
 TEST_F(Limits, CpuWeightIsTenthsOfTheDefault) {
@@ -183,13 +185,13 @@ TEST_F(Limits, CpuWeightIsTenthsOfTheDefault) {
       {10, "1024\n"}, {5, "512\n"}, {7, "716\n"}, {100, "10240\n"}};
   for (const auto& [tenths, shares] : rows) {
     EXPECT_EQ(0, set_cpu_group(13, tenths));
-    EXPECT_EQ(shares, text_of("/cpu/vsd_13/cpu.shares")) << tenths;
+    EXPECT_EQ(shares, read_file("/cpu/vsd_13/cpu.shares")) << tenths;
   }
 }
 
 TEST_F(Limits, CpuWeightWrapsAt32Bits) {
   EXPECT_EQ(0, set_cpu_group(13, 4194304 + 20)) << "the product wraps to 20480";
-  EXPECT_EQ("2048\n", text_of("/cpu/vsd_13/cpu.shares"));
+  EXPECT_EQ("2048\n", read_file("/cpu/vsd_13/cpu.shares"));
 }
 
 // Plain files in the place of control files show the very texts that are written.
@@ -200,9 +202,9 @@ struct PlainControlFiles : World {
       ASSERT_EQ(0, mount("none", hierarchy, "tmpfs", 0, nullptr)) << strerror(errno);
       make_dirs(hierarchy + std::string("/vsd_13"));
     }
-    write_text(kHard);
-    write_text(kSoft);
-    write_text(kShares);
+    write_file(kHard, "");
+    write_file(kSoft, "");
+    write_file(kShares, "");
   }
   void TearDown() override {
     EXPECT_EQ(0, umount("/memory"));
@@ -219,35 +221,35 @@ TEST_F(PlainControlFiles, WithoutATasksFileTheProcessStaysWhereItIs) {
   make_marker_dir(13);
   process subject({4300});
   mark(13, subject.pid());
-  const std::string groups = text_of("/proc/" + std::to_string(subject.pid()) + "/cgroup");
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
+  const std::string groups = read_file("/proc/" + std::to_string(subject.pid()) + "/cgroup");
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   const std::regex told("\\[WEX:wex_vsd:N\\]add_cgroups: fopen fail: No such file or directory\n");
   EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << text;
-  EXPECT_EQ(groups, text_of("/proc/" + std::to_string(subject.pid()) + "/cgroup"));
+  EXPECT_EQ(groups, read_file("/proc/" + std::to_string(subject.pid()) + "/cgroup"));
 }
 
 TEST_F(PlainControlFiles, HoldTheLimitInKilobytes) {
   EXPECT_EQ(0, set_mem_group(13, 65536));
-  EXPECT_EQ("65536K", text_of(kHard));
-  EXPECT_EQ("65536K", text_of(kSoft));
+  EXPECT_EQ("65536K", read_file(kHard));
+  EXPECT_EQ("65536K", read_file(kSoft));
   EXPECT_EQ(0, set_mem_group(13, UINT64_MAX));
-  EXPECT_EQ("18446744073709551615K", text_of(kHard));
-  EXPECT_EQ("18446744073709551615K", text_of(kSoft));
+  EXPECT_EQ("18446744073709551615K", read_file(kHard));
+  EXPECT_EQ("18446744073709551615K", read_file(kSoft));
 }
 
 TEST_F(PlainControlFiles, HoldTheWeightTruncatedTowardsZero) {
   const std::pair<int32_t, const char*> rows[] = {
       {7, "716"}, {10, "1024"}, {0, "0"}, {-7, "-716"}, {1, "102"}};
   for (const auto& [tenths, text] : rows) {
-    write_text(kShares);
+    write_file(kShares, "");
     EXPECT_EQ(0, set_cpu_group(13, tenths));
-    EXPECT_EQ(text, text_of(kShares)) << tenths;
+    EXPECT_EQ(text, read_file(kShares)) << tenths;
   }
 }
 
 TEST_F(PlainControlFiles, LimitThatCannotBeReadIsNone) {
-  write_text(kHard, "65536\n");
-  EXPECT_EQ("[WEX:wex_vsd:N]get_maxmem_set: read fail: Input/output error\n", printed_by([] {
+  write_file(kHard, "65536\n");
+  EXPECT_EQ("[WEX:wex_vsd:N]get_maxmem_set: read fail: Input/output error\n", lines_printed_by([] {
               EXPECT_EQ(0, wex_test::run_failing({"read:error=EIO"},
                                                  [] { return get_maxmem_set(13) == 0 ? 0 : 1; }));
             }));
@@ -258,8 +260,8 @@ TEST_F(PlainControlFiles, SoftLimitThatFailsComesAfterTheHardOne) {
   EXPECT_EQ(
       "[WEX:wex_vsd:N]set_mem_limit_group: fopen fail: No such file or directory\n"
       "[WEX:wex_vsd:N]set_mem_group: set_soft_mem_limit fail: No such file or directory\n",
-      printed_by([] { EXPECT_EQ(-ENOENT, set_mem_group(13, 5)); }));
-  EXPECT_EQ("5K", text_of(kHard));
+      lines_printed_by([] { EXPECT_EQ(-ENOENT, set_mem_group(13, 5)); }));
+  EXPECT_EQ("5K", read_file(kHard));
 }
 
 TEST_F(PlainControlFiles, LimitIsReadAsA31BitNumberOfBytes) {
@@ -275,19 +277,19 @@ TEST_F(PlainControlFiles, LimitIsReadAsA31BitNumberOfBytes) {
                                                   {" 4096\n", 4},
                                                   {"-9223372036854775808", -2097152}};
   for (const auto& [text, kib] : rows) {
-    write_text(kHard, text);
+    write_file(kHard, text);
     EXPECT_EQ(kib, get_maxmem_set(13)) << text;
   }
 }
 
 TEST_F(PlainControlFiles, PlantedLinkOrPipeIsNoControlFile) {
   ASSERT_EQ(0, unlink(kHard));
-  const wex_test::temporary theirs("/tmp/theirs");
-  write_text("/tmp/theirs", "untouched");
+  const temporary theirs("/tmp/theirs");
+  write_file("/tmp/theirs", "untouched");
   ASSERT_EQ(0, symlink("/tmp/theirs", kHard));
   ASSERT_EQ(0, lchown(kHard, 1000, 1000));
   EXPECT_GT(0, set_mem_group(13, 5));
-  EXPECT_EQ("untouched", text_of("/tmp/theirs"));
+  EXPECT_EQ("untouched", read_file("/tmp/theirs"));
   ASSERT_EQ(0, unlink(kShares));
   ASSERT_EQ(0, mkfifo(kShares, 0666));
   EXPECT_GT(0, set_cpu_group(13, 10)) << "and does not block";
@@ -296,7 +298,7 @@ TEST_F(PlainControlFiles, PlantedLinkOrPipeIsNoControlFile) {
 // ---- Memory -----------------------------------------------------------------------------------------------
 
 TEST_F(Memory, OfALibraryMappingDoesNotCount) {
-  write_text("/tmp/smaps",
+  write_file("/tmp/smaps",
              "00400000-00452000 r-xp 00000000 08:02 173521 /usr/bin/app\n"
              "Size:                328 kB\nRss:                 100 kB\nPss:  100 kB\n"
              "7f-80 r-xp 00000000 08:02 1 /lib/libc.so\n"
@@ -314,7 +316,7 @@ TEST_F(Memory, OfALibraryMappingDoesNotCount) {
 }
 
 TEST_F(Memory, IsConvertedAndAddedIn64Bits) {
-  write_text("/tmp/smaps", "Rss: 5000000000 kB\nRss: 2147483648 kB\nRss: 1 kB\n");
+  write_file("/tmp/smaps", "Rss: 5000000000 kB\nRss: 2147483648 kB\nRss: 1 kB\n");
   uint64_t counters[16] = {};
   counters[2] = 7000000000;
   EXPECT_EQ(0, get_vsd_mem("/tmp/smaps", 2, counters));
@@ -322,7 +324,7 @@ TEST_F(Memory, IsConvertedAndAddedIn64Bits) {
 }
 
 TEST_F(Memory, CountsNegativeDomainsAsTheMainSystemAndOthersNotAtAll) {
-  write_text("/tmp/smaps", "Rss: 7 kB\n");
+  write_file("/tmp/smaps", "Rss: 7 kB\n");
   uint64_t counters[17] = {};
   for (const int32_t vsd : {-30, -2, 0, 15, 16, 1000, 42949642}) {
     EXPECT_EQ(0, get_vsd_mem("/tmp/smaps", vsd, counters)) << vsd;
@@ -334,7 +336,7 @@ TEST_F(Memory, CountsNegativeDomainsAsTheMainSystemAndOthersNotAtAll) {
 
 TEST_F(Memory, LineOfMoreThan1023CharactersIsSeenInPieces) {
   // The second piece begins with the resident size; the library mark stands in the first.
-  write_text("/tmp/smaps", "/lib" + std::string(1019, 'x') + "Rss: 9 kB\nRss: 5 kB\nRss: \n\nRss");
+  write_file("/tmp/smaps", "/lib" + std::string(1019, 'x') + "Rss: 9 kB\nRss: 5 kB\nRss: \n\nRss");
   uint64_t counters[16] = {};
   EXPECT_EQ(0, get_vsd_mem("/tmp/smaps", 2, counters));
   EXPECT_EQ(5u, counters[2]);
@@ -343,7 +345,7 @@ TEST_F(Memory, LineOfMoreThan1023CharactersIsSeenInPieces) {
 TEST_F(Memory, OfAnUnreadableProcessIsTheReason) {
   uint64_t counters[16] = {};
   EXPECT_EQ("[WEX:wex_vsd:N]get_vsd_mem: open conf file fail: No such file or directory\n",
-            printed_by([&] { EXPECT_EQ(-ENOENT, get_vsd_mem("/proc/4194304/smaps", 2, counters)); }));
+            lines_printed_by([&] { EXPECT_EQ(-ENOENT, get_vsd_mem("/proc/4194304/smaps", 2, counters)); }));
 }
 
 TEST_F(Memory, OfAProgramOfKnownSizeIsMeasured) {
@@ -382,7 +384,7 @@ TEST_F(Memory, DomainOverItsLimitLosesItsLargestProcessOnly) {
   ASSERT_EQ(0, set_mem_group(13, 16384));
   ASSERT_EQ(0, set_mem_group(12, 8192));
 
-  const std::string text = printed_by([] { EXPECT_EQ(0, set_vsd_mem()); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_vsd_mem()); });
 
   EXPECT_EQ(SIGKILL, large.signal());
   for (process* actor : {&small, &middle, &unmarked, &other, &unlimited, &homeless}) {
@@ -418,9 +420,9 @@ TEST_F(Memory, LargestProcessIsNeitherInitNorTheCallerNorADirectory) {
   for (const pid_t pid : {1, 0, -5, getpid(), own_thread, 4194304, victim.pid()}) {
     mark(13, pid);
   }
-  write_text("/tmp/vsd/13/wex/not a number");
+  write_file("/tmp/vsd/13/wex/not a number", "");
   make_dirs("/tmp/vsd/13/wex/" + std::to_string(spared.pid()));
-  const std::string text = printed_by([] { find_max_rss(13); });
+  const std::string text = lines_printed_by([] { find_max_rss(13); });
   EXPECT_EQ(SIGKILL, victim.signal());
   EXPECT_FALSE(spared.ended());
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]find_max_rss: atio proc: "));
@@ -438,7 +440,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
       std::thread([] { pause(); }).detach();
     }
   });
-  const std::set<std::string> threads = entries_of("/proc/" + std::to_string(victim.pid()) + "/task");
+  const std::vector<std::string> threads = list_dir("/proc/" + std::to_string(victim.pid()) + "/task");
   ASSERT_LE(5u, threads.size());  // an emulator may have its own
   for (const std::string& thread : threads) {
     mark(13, static_cast<pid_t>(std::stol(thread)));
@@ -447,12 +449,12 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
   {
     dir_walk dir(path_of(kFlagDirFmt, 13).c_str());
     const dirent* entry = dir.next();
-    while (threads.count(entry->d_name) == 0) {
+    while (std::find(threads.begin(), threads.end(), entry->d_name) == threads.end()) {
       entry = dir.next();
     }
     first = entry->d_name;
   }
-  const std::string text = printed_by([] { find_max_rss(13); });
+  const std::string text = lines_printed_by([] { find_max_rss(13); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]max_pid " + first + " max_rss ")) << text;
   EXPECT_EQ(SIGKILL, victim.signal());
 }
@@ -462,7 +464,7 @@ TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
   process victim({4300});
   const std::string name = path_of(kFlagFileFmt, 13, victim.pid());
   ASSERT_EQ(0, symlink("/nowhere", name.c_str()));
-  const std::string text = printed_by([] { find_max_rss(13); });
+  const std::string text = lines_printed_by([] { find_max_rss(13); });
   EXPECT_NE(std::string::npos,
             text.find("[WEX:wex_vsd:N]find_max_rss: stat fail: No such file or directory\n"));
   EXPECT_EQ(SIGKILL, victim.signal());
@@ -470,7 +472,7 @@ TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
 
 TEST_F(Memory, NoProcessIsKilledWithoutAFlagFileDirectory) {
   EXPECT_EQ("[WEX:wex_vsd:N]find_max_rss: open dir fail: No such file or directory\n",
-            printed_by([] { find_max_rss(13); }));
+            lines_printed_by([] { find_max_rss(13); }));
 }
 
 TEST_F(Memory, CallWithoutCandidatesSignalsTheCallersOwnGroup) {
@@ -498,10 +500,10 @@ TEST_F(BareRoot, MeasurementSaysSoAndEnds) {
 TEST_F(BareRoot, MeasurementBeginsAnewEachTimeAndTakesItsTime) {
   for (const char* pid : {"4194305", "4194306", "4194307"}) {
     put_process(pid, "Groups:\t4300\n");
-    write_text(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
+    write_file(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
   }
   put_process("4194308", "Groups:\t\n");
-  write_text("/bare/proc/4194308/smaps", "Rss: 5 kB\n");
+  write_file("/bare/proc/4194308/smaps", "Rss: 5 kB\n");
   make_dirs("/bare/tmp/vsd/13");  // a directory, and no control group: no limit
   printed_inside([] {
     for (int round = 0; round < 2; ++round) {
@@ -518,7 +520,7 @@ TEST_F(BareRoot, MeasurementBeginsAnewEachTimeAndTakesItsTime) {
 TEST_F(BareRoot, DomainThatUsesExactlyItsLimitIsNotOverIt) {
   for (const char* pid : {"4194305", "4194306"}) {
     put_process(pid, "Groups:\t4300\n");
-    write_text(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
+    write_file(std::string("/bare/proc/") + pid + "/smaps", "Rss: 7 kB\n");
   }
   make_dirs("/bare/tmp/vsd/13");
   make_dirs("/bare/memory/vsd_13");
@@ -531,7 +533,7 @@ TEST_F(BareRoot, DomainThatUsesExactlyItsLimitIsNotOverIt) {
       {"14335", 13, "[WEX:wex_vsd:N]find_max_rss: open dir fail: No such file or directory\n"},
   };
   for (const auto& row : rows) {
-    write_text("/bare/memory/vsd_13/memory.limit_in_bytes", row.bytes);
+    write_file("/bare/memory/vsd_13/memory.limit_in_bytes", row.bytes);
     EXPECT_EQ(row.printed, printed_inside([&] { return set_vsd_mem() == 0 && vsd_use_mem(13) == row.use; }));
   }
 }
@@ -539,7 +541,7 @@ TEST_F(BareRoot, DomainThatUsesExactlyItsLimitIsNotOverIt) {
 TEST_F(BareRoot, MeasurementTellsOfAProcessItCannotReadAndGoesOn) {
   make_dirs("/bare/proc/4194305");
   make_dirs("/bare/proc/4194306");
-  write_text("/bare/proc/4194306/smaps", "Rss: 7 kB\n");
+  write_file("/bare/proc/4194306/smaps", "Rss: 7 kB\n");
   const std::string text = printed_inside([] { return set_vsd_mem() == 0 && vsd_use_mem(0) == 7; });
   EXPECT_EQ(
       "[WEX:wex_vsd:N]get_vsd_mem: open conf file fail: No such file or directory\n"

@@ -19,7 +19,7 @@ struct Removal : World {
   void TearDown() override {
     for (const char* const path :
          {"/tmp/tree", "/keep", "/tmp/top", "/tmp/way", "/tmp/theirs", "/tmp/guarded"}) {
-      wex_test::remove_tree(path);
+      remove_tree(path);
     }
     World::TearDown();
   }
@@ -29,14 +29,14 @@ struct Removal : World {
 
 TEST_F(Removal, TakesFilesAndDirectoriesOfAnyKind) {
   make_dirs("/tmp/tree/a/b/c");
-  write_text("/tmp/tree/a/file");
+  write_file("/tmp/tree/a/file", "");
   ASSERT_EQ(0, mkfifo("/tmp/tree/a/fifo", 0600));
-  write_text("/tmp/tree/%s%n");
+  write_file("/tmp/tree/%s%n", "");
   EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
-  EXPECT_FALSE(there("/tmp/tree"));
-  write_text("/tmp/file");
+  EXPECT_FALSE(exists("/tmp/tree"));
+  write_file("/tmp/file", "");
   EXPECT_EQ(0, remove_dir_tree("/tmp/file"));
-  EXPECT_FALSE(there("/tmp/file"));
+  EXPECT_FALSE(exists("/tmp/file"));
   EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/file"));
   EXPECT_EQ(-ENOENT, remove_dir_tree("/tmp/nothing/at/all"));
 }
@@ -45,29 +45,29 @@ struct RemovalOfLinks : Removal {
   void SetUp() override {
     Removal::SetUp();
     make_dirs("/keep/below");
-    write_text("/keep/file", "precious");
-    write_text("/keep/below/file", "precious");
+    write_file("/keep/file", "precious");
+    write_file("/keep/below/file", "precious");
   }
   static void link(const char* target, const char* name, uid_t owner) {
     ASSERT_EQ(0, symlink(target, name));
     ASSERT_EQ(0, lchown(name, owner, owner));
   }
   static bool kept() {
-    return text_of("/keep/file") == "precious" && text_of("/keep/below/file") == "precious";
+    return read_file("/keep/file") == "precious" && read_file("/keep/below/file") == "precious";
   }
 };
 
 TEST_F(RemovalOfLinks, SomebodysLinkToADirectoryGoesAndItsTargetStays) {
   link("/keep", "/tmp/tree/inside/link", 1000);
   EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
-  EXPECT_FALSE(there("/tmp/tree"));
+  EXPECT_FALSE(exists("/tmp/tree"));
   EXPECT_TRUE(kept());
 }
 
 TEST_F(RemovalOfLinks, SomebodysLinkAtTheTopGoesAndItsTargetStays) {
   link("/keep", "/tmp/top", 1000);
   EXPECT_EQ(0, remove_dir_tree("/tmp/top"));
-  EXPECT_FALSE(there("/tmp/top"));
+  EXPECT_FALSE(exists("/tmp/top"));
   link("/keep", "/tmp/top", 1000);
   EXPECT_EQ(0, remove_dir_tree("/tmp/top/"));
   EXPECT_TRUE(kept());
@@ -76,7 +76,7 @@ TEST_F(RemovalOfLinks, SomebodysLinkAtTheTopGoesAndItsTargetStays) {
 TEST_F(RemovalOfLinks, SomebodysLinkOnTheWayIsNotFollowed) {
   link("/keep", "/tmp/way", 1000);
   EXPECT_EQ(-ELOOP, remove_dir_tree("/tmp/way/below"));
-  EXPECT_TRUE(there("/tmp/way"));
+  EXPECT_TRUE(exists("/tmp/way"));
   EXPECT_TRUE(kept());
 }
 
@@ -92,7 +92,7 @@ TEST_F(RemovalOfLinks, BelowTheTopEveryLinkGoesItselfWhoeverMadeIt) {
       link(target, ("/tmp/tree/inside/" + std::to_string(number++)).c_str(), owner);
     }
     EXPECT_EQ(0, remove_dir_tree("/tmp/tree")) << owner;
-    EXPECT_FALSE(there("/tmp/tree")) << owner;
+    EXPECT_FALSE(exists("/tmp/tree")) << owner;
     EXPECT_TRUE(kept()) << owner;
   }
 }
@@ -100,13 +100,13 @@ TEST_F(RemovalOfLinks, BelowTheTopEveryLinkGoesItselfWhoeverMadeIt) {
 TEST_F(RemovalOfLinks, RootsLinkAtTheTopIsFollowedOnlyWhereNobodyElseCouldPutIt) {
   link("/keep", "/tmp/top", 0);
   EXPECT_EQ(0, remove_dir_tree("/tmp/top"));
-  EXPECT_FALSE(there("/tmp/top"));
+  EXPECT_FALSE(exists("/tmp/top"));
   EXPECT_TRUE(kept());
   make_dirs("/tmp/guarded");
   link("/keep", "/tmp/guarded/top", 0);
   EXPECT_EQ(-ENOTDIR, remove_dir_tree("/tmp/guarded/top"));
-  EXPECT_TRUE(entries_of("/keep").empty());
-  EXPECT_TRUE(there("/tmp/guarded/top"));
+  EXPECT_TRUE(list_dir("/keep").empty());
+  EXPECT_TRUE(exists("/tmp/guarded/top"));
 }
 
 TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowedOnlyWhereNobodyElseCouldPutIt) {
@@ -116,7 +116,7 @@ TEST_F(RemovalOfLinks, RootsLinkOnTheWayIsFollowedOnlyWhereNobodyElseCouldPutIt)
   make_dirs("/tmp/guarded");
   link("/keep", "/tmp/guarded/way", 0);
   EXPECT_EQ(0, remove_dir_tree("/tmp/guarded/way/below"));
-  EXPECT_EQ((std::set<std::string>{"file"}), entries_of("/keep"));
+  EXPECT_EQ((std::vector<std::string>{"file"}), list_dir("/keep"));
 }
 
 TEST_F(Removal, EntryWhosePathIsLongerThan255CharactersFailsAlone) {
@@ -125,19 +125,19 @@ TEST_F(Removal, EntryWhosePathIsLongerThan255CharactersFailsAlone) {
   ASSERT_EQ(255u, exact.size());
   const std::string too_long = "/tmp/tree/" + std::string(246, 'y');
   make_dirs(too_long);
-  write_text("/tmp/tree/inside/" + std::string(255, 'z'));
-  write_text("/tmp/tree/file");
+  write_file("/tmp/tree/inside/" + std::string(255, 'z'), "");
+  write_file("/tmp/tree/file", "");
   EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree("/tmp/tree"));
-  EXPECT_EQ((std::set<std::string>{"inside", std::string(246, 'y')}), entries_of("/tmp/tree"));
+  EXPECT_EQ((std::vector<std::string>{"inside", std::string(246, 'y')}), list_dir("/tmp/tree"));
   EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree(too_long.c_str()));
 }
 
 TEST_F(Removal, DirectoryWithALongestPathIsNotTakenForItsOwnContent) {
   const std::string exact = "/tmp/tree/" + std::string(245, 'x');
   make_dirs(exact);
-  write_text(exact + "/y");
+  write_file(exact + "/y", "");
   EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree(exact.c_str()));
-  EXPECT_TRUE(there(exact + "/y"));
+  EXPECT_TRUE(exists(exact + "/y"));
 }
 
 TEST_F(Removal, DeepTreeGoesDownToTheLongestPath) {
@@ -147,7 +147,7 @@ TEST_F(Removal, DeepTreeGoesDownToTheLongestPath) {
   }
   make_dirs(deep);
   EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
-  EXPECT_FALSE(there("/tmp/tree"));
+  EXPECT_FALSE(exists("/tmp/tree"));
 }
 
 TEST_F(Removal, TreeDeeperThanAnyPathEndsWithAFailure) {
@@ -158,31 +158,31 @@ TEST_F(Removal, TreeDeeperThanAnyPathEndsWithAFailure) {
   }
   ASSERT_EQ(0, chdir("/"));
   EXPECT_EQ(-ENAMETOOLONG, remove_dir_tree("/tmp/tree"));
-  EXPECT_EQ((std::set<std::string>{"d"}), entries_of("/tmp/tree"));
+  EXPECT_EQ((std::vector<std::string>{"d"}), list_dir("/tmp/tree"));
 }
 
 TEST_F(Removal, MountedDirectoryStaysAndTheRestGoes) {
   // "/memory" of the sandbox is a mount: emptied, busy itself.
-  write_text("/tmp/tree/file");
+  write_file("/tmp/tree/file", "");
   EXPECT_EQ(0, remove_dir_tree("/tmp/tree"));
   EXPECT_NE(0, remove_dir_tree("/memory"));
-  EXPECT_TRUE(there("/memory/tasks"));
+  EXPECT_TRUE(exists("/memory/tasks"));
 }
 
 TEST_F(Removal, WhatIsMountedInsideIsNotEnteredAndIsSaid) {
   make_dirs("/tmp/tree/inside/disk");
-  write_text("/tmp/tree/file");
+  write_file("/tmp/tree/file", "");
   ASSERT_EQ(0, mount("unit", "/tmp/tree/inside/disk", "tmpfs", 0, nullptr)) << strerror(errno);
-  write_text("/tmp/tree/inside/disk/file", "precious");
+  write_file("/tmp/tree/inside/disk/file", "precious");
   g_wex_dbg_level[WEX_DBG_PUB] = 0;
   EXPECT_EQ("[WEX:wex_vsd:N]remove_dir_tree: /tmp/tree/inside/disk stays: something is mounted there\n",
-            printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree")); }));
-  EXPECT_EQ("precious", text_of("/tmp/tree/inside/disk/file"));
-  EXPECT_EQ((std::set<std::string>{"inside"}), entries_of("/tmp/tree"));
+            lines_printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree")); }));
+  EXPECT_EQ("precious", read_file("/tmp/tree/inside/disk/file"));
+  EXPECT_EQ((std::vector<std::string>{"inside"}), list_dir("/tmp/tree"));
   EXPECT_EQ("[WEX:wex_vsd:N]remove_dir_tree: /tmp/tree/inside/disk stays: Device or resource busy\n",
-            printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree/inside/disk")); }))
+            lines_printed_by([] { EXPECT_EQ(-EBUSY, remove_dir_tree("/tmp/tree/inside/disk")); }))
       << "emptied, for it was named itself";
-  EXPECT_EQ((std::set<std::string>{}), entries_of("/tmp/tree/inside/disk"));
+  EXPECT_EQ((std::vector<std::string>{}), list_dir("/tmp/tree/inside/disk"));
   g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
   EXPECT_EQ(0, umount2("/tmp/tree/inside/disk", MNT_DETACH));
 }
@@ -192,7 +192,7 @@ TEST_F(Removal, ControlGroupGoesAlthoughItsFilesCannot) {
   set_cgroups_all(13);
   make_dirs("/memory/vsd_13/nested");
   EXPECT_EQ(-EPERM, remove_dir_tree("/memory/vsd_13/"));
-  EXPECT_FALSE(there("/memory/vsd_13"));
+  EXPECT_FALSE(exists("/memory/vsd_13"));
 }
 
 TEST_F(Removal, BusyControlGroupStays) {
@@ -201,7 +201,7 @@ TEST_F(Removal, BusyControlGroupStays) {
   mark(13, actor.pid());
   set_cgroups_all(13);
   EXPECT_GT(0, remove_dir_tree("/memory/vsd_13/"));
-  EXPECT_TRUE(there("/memory/vsd_13"));
+  EXPECT_TRUE(exists("/memory/vsd_13"));
 }
 
 struct RemovalOfDomains : World {
@@ -211,13 +211,13 @@ struct RemovalOfDomains : World {
       for (const int vsd : {13, 1}) {
         make_dirs(path_of(format, vsd));
       }
-      write_text(path_of(format, 13) + "/file");
+      write_file(path_of(format, 13) + "/file", "");
     }
   }
   static std::vector<std::string> left(int vsd) {
     std::vector<std::string> names;
     for (const char* format : all_) {
-      if (there(path_of(format, vsd))) {
+      if (exists(path_of(format, vsd))) {
         names.push_back(path_of(format, vsd));
       }
     }
@@ -262,19 +262,20 @@ TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
   ASSERT_EQ(0, mount("busy", "/etc/vsd/13/busy", "tmpfs", 0, "")) << strerror(errno);
   make_marker_dir(13);
   set_cgroups_all(13);  // their files cannot be unlinked, which is no failure
-  const std::string printed = printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); });
-  EXPECT_TRUE(there("/etc/vsd/13"));
-  EXPECT_FALSE(there("/memory/vsd_13"));
+  const std::string printed = lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); });
+  EXPECT_TRUE(exists("/etc/vsd/13"));
+  EXPECT_FALSE(exists("/memory/vsd_13"));
   EXPECT_EQ(0, umount2("/etc/vsd/13/busy", MNT_DETACH));
   const std::string stays =
       "[WEX:wex_vsd:N]remove_dir_tree: /etc/vsd/13/busy stays: something is mounted there\n";
   EXPECT_EQ(0U, printed.find(stays + "[WEX:wex_log:N]Fail to remove /etc/vsd/13: ")) << printed;
   EXPECT_EQ(printed.size() - 1, printed.find('\n', stays.size())) << "two lines: " << printed;
-  const std::string log = text_of(kRunningLog1);
+  const std::string log = read_file(kRunningLog1);
   EXPECT_NE(std::string::npos, log.find(": Fail to remove /etc/vsd/13: ")) << log;
   EXPECT_EQ(log.size() - 1, log.find('\n')) << "one line: " << log;
-  EXPECT_EQ("", printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is in the way now";
-  EXPECT_EQ("", printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is there";
+  EXPECT_EQ("", lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); }))
+      << "nothing is in the way now";
+  EXPECT_EQ("", lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); })) << "nothing is there";
 }
 
 TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
@@ -283,8 +284,8 @@ TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
     set_cgroups_all(13);
     remove_domain_trees(13, set);
     const bool gone = (set & (WEX_REMOVE_STOP | WEX_REMOVE_DELETE)) != 0;
-    EXPECT_EQ(!gone, there("/memory/vsd_13")) << set;
-    EXPECT_EQ(!gone, there("/cpu/vsd_13")) << set;
+    EXPECT_EQ(!gone, exists("/memory/vsd_13")) << set;
+    EXPECT_EQ(!gone, exists("/cpu/vsd_13")) << set;
   }
 }
 

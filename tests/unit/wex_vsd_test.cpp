@@ -75,7 +75,7 @@ TEST_F(DomainOfAProcess, StaysInRangeWhateverNumberStandsForTheGroup) {
               {"4294967295", 42949642},
               {"", -30}};
   for (const auto& row : rows) {
-    write_text(facts + "/status", std::string("Groups:\t") + row.groups + " \n");
+    write_file(facts + "/status", std::string("Groups:\t") + row.groups + " \n");
     EXPECT_EQ(row.vsd, get_vsdid(actor.pid())) << row.groups;
   }
   EXPECT_EQ(0, umount2(facts.c_str(), MNT_DETACH));
@@ -85,15 +85,15 @@ TEST_F(DomainOfAProcess, StaysInRangeWhateverNumberStandsForTheGroup) {
 
 TEST_F(Markers, DeviceMonitorMarkerIsCreatedTestedAndConsumed) {
   EXPECT_EQ(-ENOENT, del_dev_mon_log());
-  EXPECT_FALSE(there("/etc/dev_mon")) << "the test creates nothing";
+  EXPECT_FALSE(exists("/etc/dev_mon")) << "the test creates nothing";
   EXPECT_EQ(-ENOENT, del_dev_mon_restart());
   EXPECT_EQ(0, dev_mon_restart());
   EXPECT_EQ(0754u, mode_of("/etc/dev_mon"));
   EXPECT_EQ(0, dev_mon_restart()) << "again";
   EXPECT_EQ(0, del_dev_mon_log());
-  EXPECT_TRUE(there("/etc/dev_mon")) << "deletes nothing";
+  EXPECT_TRUE(exists("/etc/dev_mon")) << "deletes nothing";
   EXPECT_EQ(0, del_dev_mon_restart());
-  EXPECT_FALSE(there("/etc/dev_mon"));
+  EXPECT_FALSE(exists("/etc/dev_mon"));
   EXPECT_EQ(-ENOENT, del_dev_mon_restart());
 }
 
@@ -102,13 +102,13 @@ TEST_F(Markers, DebugLogIsThereOrTheReasonWhyNot) {
   make_dirs("/etc/debug_log");
   EXPECT_EQ(-EISDIR, debug_log());
   ASSERT_EQ(0, rmdir("/etc/debug_log"));
-  write_text("/etc/debug_log", "kept");
+  write_file("/etc/debug_log", "kept");
   EXPECT_EQ(0, debug_log());
-  EXPECT_EQ("kept", text_of("/etc/debug_log"));
+  EXPECT_EQ("kept", read_file("/etc/debug_log"));
 }
 
 TEST_F(Markers, CheckSbinWantsTheExactName) {
-  write_text("/sbin/wex_app");
+  write_file("/sbin/wex_app", "");
   EXPECT_EQ(1, check_sbin("wex_app"));
   for (const char* name :
        {"wex_ap", "wex_app2", "", ".", "..", "/wex_app", "/sbin/wex_app", "../sbin/wex_app"}) {
@@ -125,7 +125,7 @@ TEST_F(KillByGroup, SelectsByTheDigitsAnywhereInTheGroupList) {
   process other({3976, 39078});
   process none({});
   process named({}, [] { prctl(PR_SET_NAME, "Groups:3977"); });
-  const std::string text = printed_by([] { EXPECT_EQ(0, kill_proc_by_groups(SIGTERM, 3977)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, kill_proc_by_groups(SIGTERM, 3977)); });
   for (process* actor : {&exact, &inside, &second, &named}) {
     EXPECT_EQ(SIGTERM, actor->signal());
     EXPECT_NE(std::string::npos, text.find(" pid: " + std::to_string(actor->pid()) + "\n"));
@@ -197,11 +197,11 @@ TEST_F(Show, PrintsEveryDomainThatIsThere) {
   make_marker_dir(16);
   g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
   EXPECT_EQ("Vsd_1: /tmp/vsd/1/wex/\ndb\nVsd_4: /tmp/vsd/4/wex/\n77\n",
-            printed_by([] { EXPECT_EQ(16, show_vsd()); }));
+            lines_printed_by([] { EXPECT_EQ(16, show_vsd()); }));
 }
 
 TEST_F(Show, PrintsNothingWithoutDomains) {
-  EXPECT_EQ("", printed_by([] { EXPECT_EQ(16, show_vsd()); }));
+  EXPECT_EQ("", lines_printed_by([] { EXPECT_EQ(16, show_vsd()); }));
 }
 
 // ---- A device whose directories cannot be read ------------------------------------------------------------
@@ -217,7 +217,7 @@ TEST_F(BareRoot, LookIntoSbinIsTheReason) {
 }
 
 TEST_F(BareRoot, CreateStillReturnsZero) {
-  write_text("/bare/tmp", "in the way of the domain's directory");
+  write_file("/bare/tmp", "in the way of the domain's directory");
   const std::string text = printed_inside([] { return create_vsd(13) == 0; });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: open fail: Not a directory\n"));
   EXPECT_NE(std::string::npos,
@@ -246,14 +246,14 @@ TEST_F(BareRoot, CreateTellsWhichStepOfTheStartFailed) {
   make_dirs("/bare/proc/uptime");
   EXPECT_EQ("create_vsd: read fail: Is a directory", failure());
   ASSERT_EQ(0, rmdir("/bare/proc/uptime"));
-  write_text("/bare/proc/uptime", "12.34 5.67\n");
+  write_file("/bare/proc/uptime", "12.34 5.67\n");
   EXPECT_EQ(0, system("rm -rf /bare/data"));
-  write_text("/bare/data", "in the way of the run directory");
+  write_file("/bare/data", "in the way of the run directory");
   EXPECT_EQ("create_vsd: chdir fail: Not a directory", failure());
-  EXPECT_EQ("12.34 5.67\n", text_of("/bare/tmp/vsd/13/starttime"));
+  EXPECT_EQ("12.34 5.67\n", read_file("/bare/tmp/vsd/13/starttime"));
   ASSERT_EQ(0, mount("none", "/bare/tmp", "tmpfs", 0, "size=4k")) << strerror(errno);
   make_dirs("/bare/tmp/vsd");
-  write_text("/bare/tmp/full", std::string(4096, 'f'));
+  write_file("/bare/tmp/full", std::string(4096, 'f'));
   EXPECT_EQ("create_vsd: write fail: No space left on device", failure());
 }
 
@@ -270,18 +270,18 @@ TEST_F(Recording, GoesOnWhenTheStartFails) {
   process member({3600});
   process other({3500});
   device_answer = -1;
-  const std::string text = printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
   device_answer = 0;
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]create_vsd: fs get vsd envs fail: ")) << text;
   EXPECT_EQ(0754u, mode_of(path_of(kFlagFileFmt, 6, member.pid())));
-  EXPECT_FALSE(there(path_of(kFlagFileFmt, 6, other.pid())));
+  EXPECT_FALSE(exists(path_of(kFlagFileFmt, 6, other.pid())));
 }
 
 TEST_F(Recording, EndsAtTheFirstFlagFileThatCannotBeMade) {
   process member({3600});
   process second({3600});
   device_answer = -1;
-  const std::string text = printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
+  const std::string text = lines_printed_by([] { EXPECT_EQ(0, create_vsd(6)); });
   device_answer = 0;
   const std::string line = "[WEX:wex_vsd:N]save_vsdinfo: open fail: No such file or directory\n";
   EXPECT_EQ(text.find(line), text.rfind(line)) << text;
@@ -297,7 +297,7 @@ TEST_F(BareRoot, ATakeDownWhoseKillFailsKeepsItsMarker) {
   make_dirs("/bare/tmp/vsd/13");
   put_process("4194305", "Groups:\t4300\n");
   std::thread meanwhile([] {
-    EXPECT_TRUE(eventually([] { return there("/bare/tmp/vsd/13/delete_vsd"); }, std::chrono::seconds(20)));
+    EXPECT_TRUE(eventually([] { return exists("/bare/tmp/vsd/13/delete_vsd"); }, std::chrono::seconds(20)));
     std::this_thread::sleep_for(std::chrono::seconds(1));  // the first look takes no time
     EXPECT_EQ(0, rename("/bare/proc", "/bare/proc.away"));
   });
@@ -309,17 +309,17 @@ TEST_F(BareRoot, ATakeDownWhoseKillFailsKeepsItsMarker) {
                       "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n"
                       "[WEX:wex_vsd:N]stop_vsd: ret < 0: No such file or directory\n"))
       << text;
-  EXPECT_TRUE(there("/bare/tmp/vsd/13/delete_vsd"));
+  EXPECT_TRUE(exists("/bare/tmp/vsd/13/delete_vsd"));
 }
 
 TEST_F(TakeDown, OfADomainThatIsNotThereIsRefusedAtOnce) {
-  EXPECT_EQ("", printed_by([] {
+  EXPECT_EQ("", lines_printed_by([] {
               EXPECT_EQ(-ENOENT, delete_vsd(13));
               EXPECT_EQ(-ENOENT, stop_vsd(13));
             }));
   EXPECT_EQ("[WEX:wex_vsd:N]delete 13 vsd fail, error =No such file or directory\n",
-            printed_by([] { EXPECT_EQ(-ENOENT, reload_vsd(13)); }));
-  EXPECT_FALSE(there("/tmp/vsd/13"));
+            lines_printed_by([] { EXPECT_EQ(-ENOENT, reload_vsd(13)); }));
+  EXPECT_FALSE(exists("/tmp/vsd/13"));
 }
 
 TEST_F(TakeDown, IsRefusedWhenSomebodysLinkStandsForTheMarker) {
@@ -327,8 +327,8 @@ TEST_F(TakeDown, IsRefusedWhenSomebodysLinkStandsForTheMarker) {
   ASSERT_EQ(0, symlink("/etc/planted", "/tmp/vsd/13/delete_vsd"));
   ASSERT_EQ(0, lchown("/tmp/vsd/13/delete_vsd", 1000, 1000));
   EXPECT_GT(0, delete_vsd(13));
-  EXPECT_FALSE(there("/etc/planted"));
-  EXPECT_TRUE(there("/tmp/vsd/13"));
+  EXPECT_FALSE(exists("/etc/planted"));
+  EXPECT_TRUE(exists("/tmp/vsd/13"));
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ TEST(ThreadWithoutATable, ReportsByARegistration) {
   ASSERT_EQ(0, mkdir(kAliveTableFile, 0755));
   const daemon_end daemon;
   g_wex_dbg_level[WEX_DBG_ALIVE] = 0;
-  const printed out;
+  const control::printed out;
   const pid_t child = start_child([] { return wex_client_reset_thread_notify(getpid(), gettid(), 60, 5); });
   const message in = answer(daemon);
   EXPECT_EQ(3U, in.header.msg_type);
@@ -42,11 +42,10 @@ TEST(ThreadWithoutATable, ReportsByARegistration) {
 
 namespace {
 
-const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
-                                          "the library keeps its connection for the next request");
-const wex_test::leaves_behind kTable(wex_test::kDescriptors, "/dev/shm/", 2, "the table stays mapped");
-const wex_test::leaves_behind kGuard(wex_test::kDescriptors, "pipe:", 2,
-                                     "the pipe of the guarded copies stays");
+const leaves_behind kConnection(kDescriptors, "socket:", 1,
+                                "the library keeps its connection for the next request");
+const leaves_behind kTable(kDescriptors, "/dev/shm/", 2, "the table stays mapped");
+const leaves_behind kGuard(kDescriptors, "pipe:", 2, "the pipe of the guarded copies stays");
 
 class ThreadNotify : public ::testing::Test {
  protected:
@@ -105,7 +104,7 @@ TEST_F(ThreadNotify, RefusesMissingParameters) {
   const int32_t rows[][4] = {
       {0, tid, 60, 5}, {-1, tid, 60, 5}, {pid, 0, 60, 5}, {pid, tid, 0, 5}, {pid, tid, 60, 0}};
   for (const auto& row : rows) {
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], row[2], row[3]));
     EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], row[2], row[3]));
     EXPECT_EQ(2U, occurrences(out.text(), text_of("]parameter error(pid:%d, tid:%d, time:%d, count:%d)!\n",
@@ -119,7 +118,7 @@ TEST_F(ThreadNotify, RefusesToReportForAnotherThread) {
   const int32_t tid = gettid();
   const int32_t rows[][2] = {{pid + 1, tid}, {pid, tid + 1}, {pid, -tid}, {1, 1}};
   for (const auto& row : rows) {
-    const printed out;
+    const control::printed out;
     EXPECT_EQ(-1, wex_client_reg_thread_notify(row[0], row[1], 60, 5));
     EXPECT_EQ(-1, wex_client_reset_thread_notify(row[0], row[1], 60, 5));
     EXPECT_EQ(2U,
@@ -138,7 +137,7 @@ TEST_F(ThreadNotify, OfARegisteredThreadAdvancesItsByteAndSendsNothing) {
 }
 
 TEST_F(ThreadNotify, OfAnUnregisteredThreadRegistersIt) {
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return wex_client_reset_thread_notify(getpid(), gettid(), 60, 5); });
   const peer client = daemon_.accept();
   const message in = client.receive();
@@ -207,7 +206,7 @@ TEST_F(ThreadNotify, TheFirstIdBeyondTheTableGoesAsAReport) {
 }
 
 TEST_F(ThreadNotify, BeyondTheTableGoesAsAMessageAndNeverFails) {
-  const printed out;
+  const control::printed out;
   const pid_t outer = start_as(200000, [] {
     if (wex_client_reset_thread_notify(200000, 200000, 7, 1) != 0) {
       return 92;
@@ -240,7 +239,7 @@ TEST_F(ThreadNotify, WithdrawalNamesTheThread) {
 }
 
 TEST_F(ThreadNotify, WithdrawalOfThreadZeroIsReportedAndSent) {
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return wex_client_unreg_thread_notify(0); });
   EXPECT_EQ(0, answer(daemon_).body<wex_cons_info>().pid);
   EXPECT_EQ(0, result.get());

@@ -50,10 +50,9 @@ bool locked_by_another(const std::string& path) {
   return fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
 }
 
-const wex_test::leaves_behind kConnection(wex_test::kDescriptors, "socket:", 1,
-                                          "the library keeps its connection for the next request");
-const wex_test::leaves_behind kHeldFile(wex_test::kDescriptors, "/wex/db/", 1,
-                                        "whoever registers holds its database file");
+const leaves_behind kConnection(kDescriptors, "socket:", 1,
+                                "the library keeps its connection for the next request");
+const leaves_behind kHeldFile(kDescriptors, "/wex/db/", 1, "whoever registers holds its database file");
 
 class Registration : public ::testing::Test {
  protected:
@@ -77,7 +76,7 @@ message answer(const daemon_end& daemon) {
 // ---- Registration -----------------------------------------------------------------------------------------
 
 TEST_F(Registration, SendsTheCallersPidDomainAndCommandLineAndWaits) {
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return reg_process_exit_action(0, WEX_RESTART); });
   const message in = answer(daemon_);
   EXPECT_EQ(0, result.get());
@@ -120,7 +119,7 @@ TEST_F(Registration, CanNameAnotherProcess) {
 }
 
 TEST_F(Registration, OfANegativePidIsStillSentWithPidZero) {
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return reg_process_exit_action(-5, WEX_RESTART); });
   const auto body = answer(daemon_).body<wex_reg_info>();
   EXPECT_EQ(0, result.get());
@@ -132,7 +131,7 @@ TEST_F(Registration, OfANegativePidIsStillSentWithPidZero) {
 
 TEST_F(Registration, IsSentAlsoWhenNoDatabaseFileCanBeMade) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));
-  const printed out;
+  const control::printed out;
   auto result = calling([] { return reg_process_exit_action(0, WEX_RESTART); });
   EXPECT_EQ(getpid(), answer(daemon_).body<wex_reg_info>().pid);
   EXPECT_EQ(0, result.get());
@@ -141,7 +140,7 @@ TEST_F(Registration, IsSentAlsoWhenNoDatabaseFileCanBeMade) {
 }
 
 TEST_F(Registration, WithAScriptCarriesItInTheNameAndDoesNotWait) {
-  const printed out;
+  const control::printed out;
   const std::string script(300, 's');
   EXPECT_EQ(0, reg_process_exit_action_shell(0, WEX_SHELL_RESTART, script.c_str()));
   const message in = daemon_.accept().receive();
@@ -170,7 +169,7 @@ TEST_F(Registration, WithAScriptTakesAnyTypeOfTheCaller) {
 TEST_F(Registration, WithAScriptOfAProcessThatIsGoneIsStillSent) {
   const pid_t gone = start_child([] { return 0; });
   ASSERT_EQ(0, exit_status(gone));
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, reg_process_exit_action_shell(gone, WEX_SHELL_RESTART, "x"));
   const message in = daemon_.accept().receive();
   EXPECT_EQ(2U, in.header.msg_type);
@@ -183,7 +182,7 @@ TEST_F(Registration, WithAScriptOfAProcessThatIsGoneIsStillSent) {
 
 TEST_F(Registration, WithAScriptIsSentAlsoWhenNoDatabaseFileCanBeMade) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd/0"));
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, reg_process_exit_action_shell(0, WEX_SHELL_RESTART, "x"));
   EXPECT_EQ(getpid(), daemon_.accept().receive().body<wex_reg_info>().pid);
   EXPECT_TRUE(
@@ -191,7 +190,7 @@ TEST_F(Registration, WithAScriptIsSentAlsoWhenNoDatabaseFileCanBeMade) {
 }
 
 TEST_F(Registration, WithAScriptRefusesANegativePid) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, reg_process_exit_action_shell(-1, WEX_SHELL_RESTART, "x"));
   EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
   EXPECT_FALSE(daemon_.has_caller(0ms));
@@ -199,7 +198,7 @@ TEST_F(Registration, WithAScriptRefusesANegativePid) {
 
 // A client knows its levels from the file alone, which may have changed since its last call.
 TEST_F(Registration, LoadsTheLevelsOfTheClientFirst) {
-  const wex_test::temporary levels("/tmp/levels");
+  const temporary levels("/tmp/levels");
   setenv("DATA_OVIX_DIR", "/tmp/levels", 1);
   ASSERT_EQ(0, system("mkdir -p /tmp/levels/qx_utils"));
   // The second is refused, and sends nothing, but has loaded them before.
@@ -208,7 +207,7 @@ TEST_F(Registration, LoadsTheLevelsOfTheClientFirst) {
                             [] { return reg_process_exit_action(0, WEX_RESTART); }};
   int32_t level = 0;
   for (const auto call : calls) {
-    const printed out;
+    const control::printed out;
     std::ofstream("/tmp/levels/qx_utils/qx_utils_dbg_cfg.txt") << "g_wex_pub_dbg_level " << ++level << "\n";
     const pid_t child = start_child([&] {
       g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
@@ -277,7 +276,7 @@ TEST_F(Registration, OfADelayCarriesPidDelayAndTagOnly) {
 }
 
 TEST_F(Registration, OfADelayRefusesANegativePid) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_time_set(-2, WEX_RESTART, 7));
   EXPECT_TRUE(out.has("]The pid you enter is < 0 \n"));
   EXPECT_FALSE(daemon_.has_caller(0ms));
@@ -318,14 +317,14 @@ class reporter {
 
 void end_program(pid_t pid) {
   ASSERT_GT(pid, 1);
-  wex_test::send_signal(pid, SIGKILL);
+  send_signal(pid, SIGKILL);
   EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
 }
 
 }  // namespace
 
 TEST(StartUserProcess, RefusesNoPathAndAPathThatIsNotThere) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(-1, wex_start_user_process(nullptr));
   EXPECT_TRUE(out.has("]proc_path is null\n"));
   EXPECT_EQ(-1, wex_start_user_process("/bin/sleep 5"));
@@ -336,7 +335,7 @@ TEST(StartUserProcess, StartsAProgramThatMayBeKilledForMemory) {
   const reporter program;
   const std::string before = read_file("/proc/self/oom_score_adj");
   std::ofstream("/proc/self/oom_score_adj") << "500\n";  // the program inherits it
-  const printed out;
+  const control::printed out;
   const pid_t pid = wex_start_user_process(reporter::path());
   std::ofstream("/proc/self/oom_score_adj") << before;
   const std::string said = reporter::said();
@@ -411,7 +410,7 @@ int32_t stored_pid = -1;
 
 // The fork takes so long to come back that the program has ended before.
 TEST(SpawnByUser, NoSigchldReachesTheCallerBeforeThePidIsStored) {
-  EXPECT_EQ(0, wex_test::run_failing({"clone,clone3,fork,vfork:delay_exit=300000:when=1"}, [] {
+  EXPECT_EQ(0, run_failing({"clone,clone3,fork,vfork:delay_exit=300000:when=1"}, [] {
               struct sigaction note = {};
               note.sa_handler = [](int) { early_ends += stored_pid == -1 ? 1 : 0; };
               sigaction(SIGCHLD, &note, nullptr);
@@ -440,7 +439,7 @@ TEST(SpawnByUser, PassesFourteenWordsOfALongerLine) {
 
 TEST(SpawnByUser, EndsTheChildWithStatusOneWhenNothingCanBeExecuted) {
   for (const char* text : {"/tmp/not_there", "", "   "}) {
-    const printed out;
+    const control::printed out;
     wex_pid rec = {};
     strcpy(rec.process, text);
     int32_t pid = -1;
@@ -452,9 +451,9 @@ TEST(SpawnByUser, EndsTheChildWithStatusOneWhenNothingCanBeExecuted) {
 }
 
 TEST(SpawnByUser, AForkThatFailsIsToldAndTriedAgainAfterFiveSeconds) {
-  const printed out;
+  const control::printed out;
   const auto start = clock::now();
-  EXPECT_EQ(0, wex_test::run_failing({"clone,clone3,fork,vfork:error=EAGAIN:when=1"}, [] {
+  EXPECT_EQ(0, run_failing({"clone,clone3,fork,vfork:error=EAGAIN:when=1"}, [] {
               wex_pid rec = {};
               strcpy(rec.process, "/bin/true");
               int32_t pid = -1;
@@ -469,8 +468,8 @@ TEST(SpawnByUser, AForkThatFailsIsToldAndTriedAgainAfterFiveSeconds) {
 }
 
 TEST(SpawnByUser, AChildThatCannotChangeToTheRootReturnsToTheCallersCode) {
-  const printed out;
-  EXPECT_EQ(77, wex_test::run_failing({"chdir:error=EACCES"}, [] {
+  const control::printed out;
+  EXPECT_EQ(77, run_failing({"chdir:error=EACCES"}, [] {
               wex_pid rec = {};
               strcpy(rec.process, "/bin/true");
               int32_t pid = -7;
@@ -489,7 +488,7 @@ TEST(SpawnByUser, TellsTheLowMemoryKillerWhenItIsThere) {
   ASSERT_EQ(0, mkdir("/sys/kernel/qx_lowmem_killer", 0755));
   std::ofstream(kFlushTlb) << "";
   {
-    const printed out;
+    const control::printed out;
     wex_pid rec = {};
     strcpy(rec.process, "/bin/true");
     int32_t pid = -1;

@@ -34,7 +34,7 @@ class filled_table {
 }  // namespace
 
 TEST(DescriptorWatch, FourLooksInARowAtTheLimitEndTheProcessWithStatusOne) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(1, in_child([] {
               const filled_table table;
               for (int look = 0; look < 4; ++look) {
@@ -62,7 +62,7 @@ TEST(DescriptorWatch, ALookBelowTheLimitForgetsTheStrikes) {
 }
 
 TEST(DescriptorWatch, NamesTheProcessItLookedAt) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, in_child([] {
               const filled_table table;
               wex_client_watch_process_fd(getpid());
@@ -72,8 +72,8 @@ TEST(DescriptorWatch, NamesTheProcessItLookedAt) {
 }
 
 TEST(DescriptorWatch, KnowsAProcessWithoutACommandLineByItsNumber) {
-  const printed out;
-  EXPECT_EQ(0, wex_test::run_failing({"readlink,readlinkat:error=EACCES"}, [] {
+  const control::printed out;
+  EXPECT_EQ(0, run_failing({"readlink,readlinkat:error=EACCES"}, [] {
               const filled_table table;
               wex_client_watch_process_fd(getpid());
               return 0;
@@ -89,7 +89,7 @@ TEST(DescriptorWatch, KnowsAProcessWithoutACommandLineByItsNumber) {
 }
 
 TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
-  const printed out;
+  const control::printed out;
   EXPECT_EQ(0, in_child([] {
               for (int look = 0; look < 8; ++look) {
                 wex_client_watch_process_fd(0x7fffffff);
@@ -101,8 +101,8 @@ TEST(DescriptorWatch, CountsNothingWhenTheLookFails) {
 }
 
 TEST(DescriptorWatch, CountsNothingWhenTheLimitCannotBeRead) {
-  const printed out;
-  EXPECT_EQ(50, wex_test::run_failing({"prlimit64:error=EPERM:when=2+"}, [] {
+  const control::printed out;
+  EXPECT_EQ(50, run_failing({"prlimit64:error=EPERM:when=2+"}, [] {
               const filled_table table;  // its own limit is set by the first of these calls
               for (int look = 0; look < 5; ++look) {
                 wex_client_watch_process_fd(getpid());
@@ -115,14 +115,14 @@ TEST(DescriptorWatch, CountsNothingWhenTheLimitCannotBeRead) {
 
 // No kernel lets a limit be set that is negative in 32 bits, so strace answers the fourth look with one.
 TEST(DescriptorWatch, ANegativeLimitLeavesTheStrikesAsTheyAre) {
-  const printed out;
-  EXPECT_EQ(1, wex_test::run_failing(
-                   {"prlimit64:retval=0:poke_exit=@arg4=0000008000000000ffffffffffffffff:when=5"}, [] {
-                     const filled_table table;
-                     for (int look = 0; look < 5; ++look) {
-                       wex_client_watch_process_fd(getpid());
-                     }
-                     return 50;
-                   }));
+  const control::printed out;
+  EXPECT_EQ(1,
+            run_failing({"prlimit64:retval=0:poke_exit=@arg4=0000008000000000ffffffffffffffff:when=5"}, [] {
+              const filled_table table;
+              for (int look = 0; look < 5; ++look) {
+                wex_client_watch_process_fd(getpid());
+              }
+              return 50;
+            }));
   EXPECT_EQ(4U, occurrences(out.text(), ": open files exceed the system upper limit.\n"));
 }

@@ -1,0 +1,235 @@
+// Exits that no event told of, files without a record, and records without a file; the clock is the test's.
+#include <vector>
+
+#include "delay_world.h"
+#include "dying_process.h"
+#include "wex_core_files.h"
+#include "wex_core_spawn_guard.h"
+#include "wex_core_third_part.h"
+
+using namespace delay_world;
+
+// ---- lost exits -------------------------------------------------------------------------------------------
+
+TEST_F(Delay, AVanishedProcessIsRestartedOnlyWhenItHasBeenGoneForAWhileAndTheMonitorIsIdle) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may be on its way";
+  g_now = 1000 + kSweepConfirmSec;
+  wex_monitor_read_until = 0;
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may lie in the socket";
+  wex_monitor_read_until = INT32_MAX;
+  wex_sweep_lost_exits();
+  EXPECT_NE(pid, present_pid(rec));
+  EXPECT_EQ(0u, rec->exit_signal) << "the cause is unknown";
+}
+
+TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
+  for (const int sig : {SIGTERM, SIGKILL}) {
+    const pid_t child = fork();
+    if (child == 0) {
+      signal(sig, SIG_DFL);
+      for (;;) {
+        pause();
+      }
+    }
+    ASSERT_GT(child, 0);
+    wex_pid* const rec = add(child);
+    wex_note_identity(rec);
+    ASSERT_TRUE(wex_record_lives(rec));
+    wex_test::send_signal(child, sig);
+    ASSERT_TRUE(eventually(
+        [&] {
+          wex_chld_handler(SIGCHLD);
+          return !wex_pid_exists(child);
+        },
+        20s));
+    sweep_twice();
+    if (sig == SIGTERM) {
+      EXPECT_EQ(0, count(wex_chains)) << "it was stopped on purpose";
+    } else {
+      EXPECT_NE(child, present_pid(rec));
+      EXPECT_EQ(static_cast<uint32_t>(SIGKILL), rec->exit_signal);
+    }
+  }
+}
+
+TEST_F(Delay, ALostCrashOfAChildCountsAsOneButNotThatOfAnotherProcessWithItsPid) {
+  constexpr int kCrashed = SIGABRT | 0x80;
+  struct row {
+    uint64_t started;  // the child that ended; the record's process started at 1
+    uint32_t code;
+    int32_t crash_time;
+  };
+  for (const row& expected : {row{2, 0, 0}, row{0, 0, 0}, row{1, kCrashed, 1000 + kSweepConfirmSec}}) {
+    g_now = 1000;
+    const int32_t pid = dead_pid();
+    wex_pid* const rec = add(pid);
+    {
+      const spawn_guard guard;
+      wex_note_child_end(pid, expected.started, kCrashed);
+    }
+    sweep_twice();
+    EXPECT_NE(pid, present_pid(rec));
+    EXPECT_EQ(expected.code, rec->exit_signal) << expected.started;
+    EXPECT_EQ(expected.crash_time, rec->crash_time) << expected.started;
+    chain_lock hold(wex_chains);
+    rec->process[0] = '\0';  // the next one is another program
+  }
+}
+
+TEST_F(Delay, AVanishedProcessIsRestartedOnABusyDeviceOnceLaterEventsHaveBeenRead) {
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  wex_sweep_lost_exits();  // gone since 1000
+  g_now = 1100;
+  wex_monitor_read_until = 1001;
+  wex_sweep_lost_exits();
+  EXPECT_EQ(pid, present_pid(rec)) << "its event may be the next one";
+  wex_monitor_read_until = 1002;
+  wex_sweep_lost_exits();
+  EXPECT_NE(pid, present_pid(rec));
+}
+
+TEST_F(Delay, AProcessThatTakesItsTimeToExitIsNoLostExitUntilItIsGone) {
+  wex_test::dying_process dying;
+  wex_pid* const rec = add(dying.pid());
+  wex_note_identity(rec);
+  ASSERT_NE(0u, rec->start_time);
+  dying.begin_to_exit();
+  ASSERT_TRUE(eventually([&] { return !wex_record_lives(rec); }));
+  for (const int32_t now : {1000, 1010, 1600}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+    EXPECT_EQ(dying.pid(), present_pid(rec)) << "its event is still to come, with the true cause";
+    EXPECT_EQ(0, rec->gone_since);
+  }
+  dying.let_it_end();
+  wex_sweep_lost_exits();
+  EXPECT_EQ(dying.pid(), present_pid(rec));
+  g_now = 1600 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(dying.pid(), present_pid(rec));
+}
+
+TEST_F(Delay, AnExitOfAParkedRecordIsLeftToTheAlarm) {
+  wex_pid* const parked = add(dead_pid());
+  const int32_t pid = parked->pid;
+  parked->alarm_wait_flag = 1;
+  parked->flags = WEX_FLAG_WAITING;
+  const captured_output output;
+  wex_handle_netlink_exit(pid, 15, 0);
+  EXPECT_NE(std::string::npos,
+            output.text().find("[wex_core]wex_handle_netlink_exit--> alarm_wait_flag = 1\n"))
+      << output.text();
+  EXPECT_EQ(pid, present_pid(parked)) << "neither restarted nor, though stopped with SIGTERM, dropped";
+  EXPECT_EQ(1, count(wex_chains));
+  EXPECT_EQ(0, parked->exit_seen);
+}
+
+TEST_F(Delay, TheSweepLeavesParkedWaitingAndLivingOnesAlone) {
+  wex_pid* const parked = add(dead_pid());
+  snprintf(parked->process, sizeof parked->process, "/bin/sleep 1001");
+  parked->alarm_wait_flag = 1;
+  parked->flags = WEX_FLAG_WAITING;
+  wex_pid* const waiting = add(dead_pid());
+  snprintf(waiting->process, sizeof waiting->process, "/bin/sleep 1002");
+  lock_keeper keeper(waiting->pid);
+  wex_handle_netlink_exit(waiting->pid, 9, 0);
+  service alive;
+  wex_pid* const living = add(alive.pid());
+  wex_note_identity(living);
+  const int32_t before[] = {parked->pid, waiting->pid, living->pid};
+  for (const int32_t now : {1000, 1010, 1020}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+  }
+  EXPECT_EQ(before[0], parked->pid);
+  EXPECT_EQ(before[1], waiting->pid);
+  EXPECT_EQ(before[2], living->pid);
+  EXPECT_EQ(1, count(wex_chains_delay));
+  chain_lock hold(wex_chains);
+  __wex_drop_record(&wex_chains, living);
+}
+
+// ---- files without a record, and records without a file ---------------------------------------------------
+
+TEST_F(Delay, AProgramThatDiedBeforeItsRegistrationWasReadIsRestartedOnce) {
+  const int32_t pid = dead_pid();
+  write_file(file_of(pid), std::to_string(pid) + "\n2\n" + kProgram);
+  const auto restarted = [] {
+    chain_lock hold(wex_chains);
+    record_walk walk(wex_chains);
+    const wex_pid* const rec = walk.next();
+    return rec != nullptr && wex_record_lives(rec);
+  };
+  const int asked = g_asked;
+  start_thread();
+  ASSERT_TRUE(eventually([&] { return g_asked >= asked + 2; }, 20s)) << "its minute must have begun";
+  g_now = 1000 + kSweepEverySec;
+  ASSERT_TRUE(eventually([] { return count(wex_chains) == 1; }, 20s));
+  EXPECT_FALSE(restarted()) << "seen once only";
+  g_now = g_now + kSweepConfirmSec;
+  EXPECT_TRUE(eventually(restarted, 20s));
+  EXPECT_EQ(1, count(wex_chains));
+  EXPECT_FALSE(exists(file_of(pid)));
+}
+
+TEST_F(Delay, OtherFilesWithoutARecordAreLeftAlone) {
+  service living;
+  const int32_t locked = dead_pid();
+  const int32_t named = dead_pid();
+  const int32_t odd = dead_pid();
+  const int32_t known = dead_pid();
+  const auto content = [](int32_t pid, int action) {
+    return std::to_string(pid) + "\n" + std::to_string(action) + "\n" + kProgram;
+  };
+  add(known);
+  write_file(file_of(known), content(known, 2));
+  write_file(file_of(living.pid()), content(living.pid(), 2));
+  write_file(db_file(0, "other", named), content(named, 2));
+  write_file(file_of(odd), content(odd, 7));
+  write_file(db_file(0, "sleep", INT32_MAX), "nothing");
+  write_file(db_dir(0) + "/none", content(named, 2));
+  const lock_keeper keeper(locked);
+  wex_look_at_files();
+  EXPECT_EQ(1, count(wex_chains));
+  EXPECT_EQ(7u, wex_test::list_dir(db_dir(0)).size());
+  const int32_t late = dead_pid();
+  write_file(file_of(late), content(late, 2));
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  wex_look_at_files();
+  EXPECT_EQ(1, count(wex_chains)) << "while a domain is taken down nothing comes back";
+}
+
+TEST_F(Delay, ALivingProgramGetsTheFileThatItCouldNotMakeAndItsEndIsNotPostponed) {
+  service missing;
+  service empty;
+  service held;
+  std::vector<wex_pid*> records;
+  for (const service* const one : {&missing, &empty, &held}) {
+    wex_pid* const rec = add(one->pid());
+    snprintf(rec->process, sizeof rec->process, "/bin/sleep %zu", 1000 + records.size());
+    rec->vsd = 2;
+    wex_note_identity(rec);
+    records.push_back(rec);
+  }
+  wex_pid* const dead = add(dead_pid());
+  write_file(db_file(2, "sleep", empty.pid()), "");
+  write_file(db_file(2, "sleep", held.pid()), "as it is");
+  wex_look_at_files();
+  for (const wex_pid* const rec : {records[0], records[1]}) {
+    EXPECT_EQ(std::to_string(rec->pid) + "\n2\n" + rec->process,
+              wex_test::read_file(db_file(2, "sleep", rec->pid)));
+    EXPECT_TRUE(exists("/tmp/vsd/2/wex/" + std::to_string(rec->pid)));
+    EXPECT_EQ(1, wex_proc_is_exit(rec)) << "or its restart would wait";
+  }
+  EXPECT_EQ("as it is", wex_test::read_file(db_file(2, "sleep", held.pid())));
+  EXPECT_FALSE(exists(file_of(dead->pid)));
+  chain_lock hold(wex_chains);
+  for (wex_pid* const rec : records) {
+    __wex_drop_record(&wex_chains, rec);
+  }
+}
