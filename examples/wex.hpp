@@ -1,10 +1,14 @@
 // wex.hpp: the supervision of a service, and of its threads, as objects. C++11 or later, without exceptions.
 //
-//   wex::registration service;       // started again however it dies; withdrawn when `service` goes out of
-//   scope wex::heartbeat heart;            // this thread must beat at least once a minute, or the service is
-//   aborted while (work()) heart.beat();
+// clang-format off
+//   wex::registration service;   // started again however it dies; withdrawn when `service` goes out of scope
+//   wex::heartbeat heart;        // ten minutes without a beat of this thread, and the service is aborted
+//   while (work()) heart.beat();
+// clang-format on
 //
-// The main thread needs a heartbeat of its own, or no other one counts. Link with libwex.
+// wex looks once a minute whether there was a beat. At the end of a whole period without one it counts down,
+// and aborts the service at the last: five periods of two minutes here. The main thread needs a heartbeat of
+// its own, or no other one counts. Link with libwex.
 #ifndef WEX_HPP
 #define WEX_HPP
 
@@ -18,11 +22,10 @@ namespace wex {
 class registration {
  public:
   // Waits for the daemon, up to three minutes; then the service runs on without supervision.
-  registration() noexcept { reg_process_exit_action(0, WEX_RESTART); }
+  registration() noexcept : held_(reg_process_exit_action(0, WEX_RESTART) == 0) {}
   // Restarted by this script of the command map. Does not wait.
-  explicit registration(const char* script) noexcept {
-    held_ = reg_process_exit_action_shell(0, WEX_SHELL_RESTART, script) == 0;
-  }
+  explicit registration(const char* script) noexcept
+      : held_(reg_process_exit_action_shell(0, WEX_SHELL_RESTART, script) == 0) {}
   registration(const registration&) = delete;
   registration& operator=(const registration&) = delete;
   ~registration() {
@@ -36,7 +39,7 @@ class registration {
   void keep() noexcept { held_ = false; }
 
  private:
-  bool held_ = true;
+  bool held_;
 };
 
 // How long a thread may be silent.

@@ -3,11 +3,13 @@
     import wex
 
     with wex.registered():               # started again however it dies, left alone after the block
-        with wex.Heartbeat() as heart:   # this thread must beat at least once a minute
+        with wex.Heartbeat() as heart:   # ten minutes without a beat of this thread, and the service is aborted
             while work():
                 heart.beat()
 
-The main thread needs a heartbeat of its own, or no other one counts.
+wex looks once a minute whether there was a beat. At the end of a whole period without one it counts down, and aborts
+the service at the last: five periods of two minutes here. The main thread needs a heartbeat of its own, or no other
+one counts.
 """
 import contextlib
 import ctypes

@@ -56,6 +56,7 @@ inline constexpr char kDebugTime[]        = "/debug_time";                      
 inline constexpr char kStartScripts[]     = "/etc/rc.d/rc.vsd/";                  // device: scripts of a domain's start
 inline constexpr char kRunParts[]         = "/bin/run-parts";                     // device
 inline constexpr char kShell[]            = "/bin/sh";                            // device
+inline constexpr char kSearchPath[]       = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"; // device: programs of wexrun without a path
 inline constexpr char kSbinDir[]          = "/sbin/";                             // device
 inline constexpr char kSbinFmt[]          = "/sbin/%s";                           // device: program
 

@@ -2,10 +2,12 @@
 //
 // It registers its own process and becomes the program, so that the process that wex knows is the program.
 // What wex starts again is the command line of wexrun, so that each life registers itself anew.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "wex_paths.h"
 #include "wexrun_limits.h"
 #include "wexrun_minder.h"
 #include "wexrun_options.h"
@@ -14,21 +16,28 @@
 
 namespace {
 
+// A file of ours that took one of these numbers would be lost to the program, which reads or prints there.
+void fill_standard_descriptors() {
+  int fd = -1;
+  do {
+    fd = open(kNullDevice, O_RDWR | O_NOCTTY);
+  } while (fd >= 0 && fd < STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
+
 // Does not return when all went well.
 int become(const run_options& options, registration& own) {
-  own.keep_through_exec();
+  own.keep_through_exec(options.program[0]);
   execvp(options.program[0], options.program);
-  const int cause = errno;
-  const int status = tell_not_executed(options.program[0], cause);
-  if (!failed_for_a_moment(cause)) {
-    own.withdraw();  // no restart could do better
-  }
-  return status;
+  return give_up(options.program[0], errno, own);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  fill_standard_descriptors();
   run_options options;
   const reading read = read_options(argc, argv, &options);
   if (read != reading::run) {
@@ -37,10 +46,10 @@ int main(int argc, char** argv) {
   if (!can_be_repeated(argc, argv, options)) {
     return kExitOwnFailure;
   }
-  if (const int missing = look_for_program(options.program[0])) {
-    return missing;
-  }
   registration own;
+  if (const int cause = find_program(&options.program[0])) {
+    return give_up(options.program[0], cause, own);
+  }
   own.make(options);
   return options.notify ? mind(options, own) : become(options, own);
 }

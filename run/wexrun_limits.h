@@ -25,8 +25,9 @@ inline constexpr int kDescriptorsLooked = 4096;  // among which the lock is look
 inline constexpr int64_t kWatchdogUsec = int64_t{kShortPeriodSec} * 1000000;
 inline constexpr int32_t kBeatEverySec = 1;      // a byte that counts to 255 must not come round in a minute
 inline constexpr int32_t kRegisterEverySec = 2;  // tries to register the thread while the daemon is away
-inline constexpr int64_t kAbortGraceMs = 10000;  // from SIGABRT to SIGKILL: time to dump a core
-inline constexpr size_t kNotifySize = 4096;      // bytes of one notification; longer ones are ignored
-inline constexpr size_t kLoggedText = 200;       // characters of a status that are logged
-inline constexpr int kNotifyAtOnce = 64;         // notifications read before signals are looked at again
-inline constexpr int kAncestors = 64;            // generations between a sender and its service
+// From SIGABRT to SIGKILL: time to dump a core, and less than the minute after which wex aborts once more.
+inline constexpr int64_t kAbortGraceMs = 50000;
+inline constexpr size_t kNotifySize = 4096;  // bytes of one notification; longer ones are ignored
+inline constexpr size_t kLoggedText = 200;   // characters of a status that are logged
+inline constexpr int kNotifyAtOnce = 64;     // notifications read before signals are looked at again
+inline constexpr int kAncestors = 64;        // generations between a sender and its service

@@ -4,6 +4,7 @@
 // behind.
 #include "wexrun_link.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +21,17 @@ namespace {
 
 bool may_come(int cause) {
   return cause == ENOENT || cause == ECONNREFUSED || cause == EAGAIN || cause == EINTR;
+}
+
+// A daemon that is stopped, or busy with a long restart, takes no connection once its queue is full.
+// connect() would wait for it without end: it answers EAGAIN instead. A record of ours finds room in a new
+// connection.
+unique_fd open_nonblocking_socket() {
+  unique_fd sd = wex_open_control_socket();
+  if (sd.valid()) {
+    fcntl(sd.get(), F_SETFL, fcntl(sd.get(), F_GETFL) | O_NONBLOCK);
+  }
+  return sd;
 }
 
 bool readable_within(int sd, int wait_ms) {
@@ -40,7 +52,7 @@ bool readable_within(int sd, int wait_ms) {
 bool control_link::open(int tries) noexcept {
   sockaddr_un daemon;
   const socklen_t length = wex_control_address(kControlSocket, &daemon);
-  sd_ = wex_open_control_socket();
+  sd_ = open_nonblocking_socket();
   for (int tried = 1; sd_.valid(); ++tried) {
     if (connect(sd_.get(), reinterpret_cast<const sockaddr*>(&daemon), length) == 0) {
       return true;

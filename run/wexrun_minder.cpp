@@ -35,7 +35,8 @@
 namespace {
 
 // What the program would have got, had wexrun become it. SIGABRT is how wex ends what hangs.
-constexpr int kHandedOn[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGWINCH, SIGABRT};
+constexpr int kHandedOn[] = {SIGTERM, SIGINT,   SIGHUP,  SIGQUIT, SIGUSR1, SIGUSR2,
+                             SIGALRM, SIGWINCH, SIGTSTP, SIGCONT, SIGABRT};
 
 class minder final : public notification_reader {
  public:
@@ -64,6 +65,9 @@ class minder final : public notification_reader {
   const char* name_ = "";
   char last_status_[kLoggedText + 1] = "";
   bool stranger_told_ = false;
+  bool ready_ = false;
+  bool beats_ = false;         // it has given its first sign of life
+  bool silence_told_ = false;  // that there is none yet
 };
 
 // ---- Signals and the child --------------------------------------------------------------------------------
@@ -76,7 +80,9 @@ bool minder::prepare() noexcept {
     sigaddset(&watched, number);
   }
   signal(SIGCHLD, SIG_DFL);  // ignored, it would reap the program by itself and lose its status
-  sigprocmask(SIG_BLOCK, &watched, &mask_);
+  sigset_t held = watched;
+  sigaddset(&held, SIGPIPE);  // our own, of a log daemon that went away; the program gets its mask back
+  sigprocmask(SIG_BLOCK, &held, &mask_);
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // since 3.4: what the program leaves behind stays known as its own
   signals_.reset(signalfd(-1, &watched, 0));
   if (!signals_.valid() || !socket_.open()) {
@@ -103,12 +109,15 @@ void minder::abort_program() noexcept {
 }
 
 // What a terminal sends goes to the program as well; only what was meant for our pid alone is handed on.
+// Whoever stops us at a terminal waits until we have stopped, too.
 void minder::hand_on(const signalfd_siginfo& info) noexcept {
   const int number = static_cast<int>(info.ssi_signo);
   if (number == SIGABRT) {
     abort_program();
   } else if (info.ssi_code <= 0) {
     kill(child_, number);
+  } else if (number == SIGTSTP) {
+    kill(getpid(), SIGSTOP);
   }
 }
 
@@ -182,6 +191,7 @@ void minder::log_status(const char* text) noexcept {
 
 void minder::apply_watchdog(const char* value) noexcept {
   if (strcmp(value, "1") == 0) {
+    beats_ = true;
     heart_.beat();
   } else if (strcmp(value, "trigger") == 0) {
     qx_syslog(LOG_NOTICE, "%s/%d asks to be aborted", name_, child_);
@@ -199,11 +209,12 @@ void minder::apply(const char* name, const char* value) noexcept {
   } else if (strcmp(name, "ERRNO") == 0) {
     qx_syslog(LOG_NOTICE, "%s/%d failed: %s", name_, child_, strerror(atoi(value)));
   } else if (strcmp(name, "READY") == 0 && strcmp(value, "1") == 0) {
+    ready_ = true;
     qx_syslog(LOG_NOTICE, "%s/%d is ready", name_, child_);
   } else if (strcmp(name, "STOPPING") == 0 && strcmp(value, "1") == 0) {
     qx_syslog(LOG_NOTICE, "%s/%d is stopping", name_, child_);
-  } else if (strcmp(name, "WATCHDOG_USEC") == 0 && atoll(value) > kWatchdogUsec) {
-    qx_syslog(LOG_NOTICE, "%s/%d wants a longer watchdog time, which it does not get", name_, child_);
+  } else if (strcmp(name, "WATCHDOG_USEC") == 0 && atoll(value) != kWatchdogUsec) {
+    qx_syslog(LOG_NOTICE, "%s/%d wants another watchdog time, which it does not get", name_, child_);
   } else if (strcmp(name, "MAINPID") == 0 && atoi(value) != child_) {
     qx_syslog(LOG_NOTICE, "%s/%d names another main process, which is not minded", name_, child_);
   }
@@ -225,6 +236,11 @@ void minder::take(pid_t sender, char* text) noexcept {
       apply(line, equal + 1);
     }
   }
+  // Many programs say that they are ready and nothing more; they are not to be aborted for it.
+  if (ready_ && !beats_ && !silence_told_) {
+    silence_told_ = true;
+    qx_syslog(LOG_NOTICE, "%s/%d is not watched before its first WATCHDOG=1", name_, child_);
+  }
 }
 
 }  // namespace
@@ -236,12 +252,7 @@ int mind(const run_options& options, registration& own) {
     return kExitOwnFailure;
   }
   if (!it.start(options.program)) {
-    const int cause = errno;
-    const int status = tell_not_executed(options.program[0], cause);
-    if (!failed_for_a_moment(cause)) {
-      own.withdraw();
-    }
-    return status;
+    return give_up(options.program[0], errno, own);
   }
   end_as(it.wait());
 }

@@ -16,6 +16,7 @@
 #include "wex_paths.h"
 #include "wex_utils.h"
 #include "wexrun_limits.h"
+#include "wexrun_program.h"
 
 namespace {
 
@@ -140,5 +141,5 @@ reading read_options(int argc, char** argv, run_options* options) {
 
 bool can_be_repeated(int argc, char** argv, const run_options& options) {
   return !too_many(argc) && !has_lost_word(argc, argv) && !depends_on_directory(options.program[0]) &&
-         !does_not_fit();
+         !depends_on_path(options.program[0]) && !does_not_fit();
 }

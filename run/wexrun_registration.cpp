@@ -65,11 +65,13 @@ bool registration::make_file(const run_options& options) noexcept {
 
 bool registration::tell_daemon(const run_options& options) noexcept {
   control_link link;
-  if (wex_get_proc_status() == 0 || !link.open(kLinkTries)) {
+  const bool open = wex_get_proc_status() != 0 && link.open(kLinkTries);
+  if (!open && errno != EAGAIN) {
     fprintf(stderr, "wexrun: wex is not running, %s starts all the same", options.program[0]);
     return false;
   }
-  if (link.ask(type_of(options), options.script, &body_, sizeof body_, kAnswerWaitMs) && was_acted_on(link)) {
+  if (open && link.ask(type_of(options), options.script, &body_, sizeof body_, kAnswerWaitMs) &&
+      was_acted_on(link)) {
     return true;
   }
   fprintf(stderr, "wexrun: wex does not answer (%s), %s starts all the same", strerror(errno),
@@ -92,7 +94,7 @@ void registration::make(const run_options& options) noexcept {
   }
 }
 
-void registration::keep_through_exec() noexcept {
+void registration::keep_through_exec(const char* program) noexcept {
   char name[kPathSize];
   struct stat file = {};
   if (!described_ || !name_file(body_, name) || lstat(name, &file) != 0) {
@@ -100,6 +102,10 @@ void registration::keep_through_exec() noexcept {
   }
   const int fd = find_descriptor(file);
   if (fd < 0) {
+    fprintf(
+        stderr,
+        "wexrun: the lock of its database file is not among the first %d descriptors, %s starts without it\n",
+        kDescriptorsLooked, program);
     return;
   }
   const int kept = fcntl(fd, F_DUPFD, kLockDescriptor);
@@ -111,7 +117,8 @@ void registration::keep_through_exec() noexcept {
   wex_lock_file(kept);
 }
 
-void registration::withdraw() noexcept {
+// The cancellation is answered before it is acted on as well. An end in between would be an exit like others.
+bool registration::withdraw() noexcept {
   char name[kPathSize];
   control_link link;
   wex_cons_info body = {};
@@ -120,7 +127,6 @@ void registration::withdraw() noexcept {
   if (described_ && name_file(body_, name)) {
     wex_unlink(name);
   }
-  if (link.open(1)) {
-    link.ask(WEX_CONS_MSG, nullptr, &body, sizeof body, kAnswerWaitMs);
-  }
+  return link.open(1) && link.ask(WEX_CONS_MSG, nullptr, &body, sizeof body, kAnswerWaitMs) &&
+         was_acted_on(link);
 }

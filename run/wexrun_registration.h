@@ -10,9 +10,9 @@ class registration {
   // line. What keeps us from being supervised is printed, and does not stop us.
   void make(const run_options& options) noexcept;
   // Leaves the lock of the database file to the program that this process is about to become.
-  void keep_through_exec() noexcept;
-  // Takes it all back.
-  void withdraw() noexcept;
+  void keep_through_exec(const char* program) noexcept;
+  // Takes it all back, also what the daemon itself registered for this process. True when the daemon knows.
+  bool withdraw() noexcept;
 
  private:
   bool tell_daemon(const run_options& options) noexcept;

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# What docs/operator.md quotes is what the sources print, and what the sources log or print unasked is explained there.
+# What docs/operator.md quotes is what the golden files list, and what the sources log or print unasked is explained
+# there. That the golden files list what the sources print is the subject of golden_test.sh.
 set -u
 . "$(dirname "$0")/lib.sh"
+. "$(dirname "$0")/lib_texts.sh"
 
 # Texts with everything variable as "%": a conversion in a format, a word in capitals in the document.
 plain_format() { sed -E 's/\\r|\\n//g; s/\\"/"/g; s/%%/\x01/g; s/%[0-9]*l?l?[a-z]/%/g; s/\x01/%/g'; }
@@ -13,7 +15,7 @@ capitals() { sed -E 's/\b(NAME|PID|CODE|N|R|TEXT|THREAD|TID|COMMAND|W|A|B|C|PATH
 while IFS= read -r file; do
   case $file in *.cpp | */wex_action.h) code "$file" ;; esac  # the header is a table of mnemonics
 done < <(product_sources) > "$work/code"
-literals < "$work/code" | plain_format | sort -u > "$work/formats"
+cat "$golden"/*.txt | plain_format | sort -u > "$work/formats"
 
 # A call's first literal: calls NAME
 calls() { tr '\n' ' ' < "$work/code" | sed -E 's/" *"//g' | grep -oE "$1\([^\";]*\"([^\"\\\\]|\\\\.)*\"" | sed -E 's/^[^"]*"//; s/"$//'; }

@@ -127,7 +127,7 @@ TEST_F(ControlChannel, AcknowledgesBeforeItHandles) {
   ASSERT_TRUE(console_says(dispatched(1, 0)));
   service.kill_now();
   // The exit handler now sleeps with the registry in its hand: whatever needs the registry waits.
-  std::this_thread::sleep_for(500ms);
+  ASSERT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 9\n"));
   mark_console();
   ASSERT_TRUE(client.send_body(WEX_CONS_MSG, wex_cons_info{WEX_CANCEL_PROC, INT32_MAX}));
   std::string record;

@@ -151,7 +151,10 @@ TEST_F(Registry, FileStillLockedByAnotherIsPostponedUntilTheLockIsGone) {
   Daemon daemon;
   EXPECT_TRUE(daemon.start());
   EXPECT_TRUE(console_says("]pid (" + text(old_pid) + ") is not exist\n"));
-  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(service_of(0))).empty(); }, 2500ms));
+  // The first look postpones; two more are later passes of the delay thread.
+  const std::string held = "]be lock file " + file + ", ";
+  EXPECT_TRUE(eventually([&] { return occurrences(read_console(), held) >= 3; }, 20s)) << read_console();
+  EXPECT_EQ(std::string::npos, read_console().find("]wex_spawn--> wex_pid->process = ")) << read_console();
   EXPECT_TRUE(exists(file));
   close(holder);
   const pid_t next = wait_for_actor(service_of(0));

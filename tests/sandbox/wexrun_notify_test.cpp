@@ -79,6 +79,22 @@ bool send_as_stranger(const std::string& address, const std::string& message) {
                 length) == static_cast<ssize_t>(message.size());
 }
 
+// Connections up to the one for which there is no room left.
+std::vector<unique_fd> fill_backlog() {
+  std::vector<unique_fd> made;
+  sockaddr_un to = {};
+  to.sun_family = AF_UNIX;
+  memcpy(to.sun_path, kControlSocket, sizeof kControlSocket);
+  for (;;) {
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
+      EXPECT_EQ(EAGAIN, errno);
+      return made;
+    }
+    made.push_back(std::move(fd));
+  }
+}
+
 }  // namespace
 
 TEST_F(WexrunNotify, NotificationsOfTheProgramBecomeReportsAndLogLines) {
@@ -90,6 +106,7 @@ TEST_F(WexrunNotify, NotificationsOfTheProgramBecomeReportsAndLogLines) {
   EXPECT_TRUE(eventually([&] { return watched(service.pid()); }, 20s));
   EXPECT_TRUE(reports(service.pid()));
   EXPECT_TRUE(log.says("notifier/" + text(program) + " is ready", 20s));
+  EXPECT_TRUE(log.says("notifier/" + text(program) + " is not watched before its first WATCHDOG=1", 20s));
   EXPECT_TRUE(log.says("notifier/" + text(program) + " says: up since " + text(program), 20s));
 
   ASSERT_TRUE(send_as_stranger(variable(program, "NOTIFY_SOCKET"), "STATUS=forged"));
@@ -151,20 +168,58 @@ TEST_F(WexrunNotify, TheThreadIsRegisteredAgainWithADaemonThatWasRestarted) {
   EXPECT_TRUE(reports(service.pid()));
 }
 
+// A stopped daemon takes no connection once its queue is full. The program starts all the same, and its signs
+// of life, each of which is such an attempt, do not keep signals from it.
+TEST_F(WexrunNotify, ADaemonThatTakesNoConnectionHoldsNeitherTheProgramNorItsSignalsUp) {
+  daemon.send(SIGSTOP);
+  const std::vector<unique_fd> waiting = fill_backlog();
+  Process service;
+  ASSERT_TRUE(service.start(kCommand));
+  EXPECT_TRUE(eventually([] { return !read_file(kFacts).empty(); }, 60s));
+  EXPECT_TRUE(log.says(" is ready", 20s));
+  service.send(SIGUSR2);
+  EXPECT_TRUE(exited_with(service.wait(20s), 9));
+  daemon.send(SIGCONT);
+}
+
+TEST_F(WexrunNotify, OrdinarySignalsReachTheProgramAndABrokenPipeOfItsParentIsNothing) {
+  const words script = {"/tmp/speaker"};
+  const temporary speaker(script[0]);
+  write_file(script[0],
+             "#!/bin/sh\nsay() { echo $1 >> /tmp/wexrun-facts; }\ntrap 'say stop' TSTP\ntrap 'say go' CONT\n"
+             "say up\nwhile :; do sleep 0.1; done\n",
+             0755);
+  Process service;
+  const auto told = [](const char* lines) {
+    return eventually([&] { return read_file(kFacts) == lines; }, 20s);
+  };
+  ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
+  ASSERT_TRUE(told("up\n"));
+  service.send(SIGPIPE);
+  service.send(SIGTSTP);
+  EXPECT_TRUE(told("up\nstop\n")) << read_file(kFacts);
+  service.send(SIGCONT);
+  EXPECT_TRUE(told("up\nstop\ngo\n")) << read_file(kFacts);
+  service.send(SIGTERM);
+  EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
+}
+
 // systemd-notify sends and ends; it waits until its message was read.
 TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
-  write_file(script[0],
-             "#!/bin/sh\nsystemd-notify --ready --status=talking\nsystemd-notify WATCHDOG=1\n"
-             "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
-             "sleep 1000\n",
-             0755);
+  write_file(
+      script[0],
+      "#!/bin/sh\nsystemd-notify --ready --status=talking\nsystemd-notify WATCHDOG=1 WATCHDOG_USEC=60000000\n"
+      "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
+      "sleep 1000\n",
+      0755);
   Process service;
   ASSERT_EQ(0, mkfifo("/tmp/ready", 0600));
   ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
   EXPECT_TRUE(eventually([] { return read_file(kFacts) == "done\n"; }, 30s)) << read_console();
   EXPECT_TRUE(log.says("speaker/", 20s));
   EXPECT_TRUE(log.says(" says: talking", 20s));
+  EXPECT_TRUE(log.says(" wants another watchdog time, which it does not get", 20s));
   EXPECT_TRUE(eventually([&] { return watched(service.pid()); }, 20s));
   write_file("/tmp/ready", "on\n");
   EXPECT_TRUE(ended_by(service.wait(20s), SIGABRT));

@@ -58,7 +58,7 @@ TEST_F(WexrunWatchdog, AProgramThatStopsItsSignsOfLifeIsAbortedLoggedAndStartedA
   unlink(kFacts);
 }
 
-TEST_F(WexrunWatchdog, AProgramThatIgnoresTheAbortIsKilledTenSecondsLater) {
+TEST_F(WexrunWatchdog, AProgramThatIgnoresTheAbortIsKilledFiftySecondsLater) {
   const words options = {"--ignore=ABRT", "--hold"};
   const std::set<pid_t> own = processes_inside();
   Daemon daemon;
@@ -71,8 +71,8 @@ TEST_F(WexrunWatchdog, AProgramThatIgnoresTheAbortIsKilledTenSecondsLater) {
       [&] { return (strtoul(status_field(program, "SigIgn").c_str(), nullptr, 16) & 0x20U) != 0; }));
   const auto aborted = std::chrono::steady_clock::now();
   service.send(SIGABRT);
-  EXPECT_TRUE(ended_by(service.wait(60s), SIGKILL));
-  EXPECT_LE(9900ms, std::chrono::steady_clock::now() - aborted);
+  EXPECT_TRUE(ended_by(service.wait(120s), SIGKILL));
+  EXPECT_LE(49900ms, std::chrono::steady_clock::now() - aborted);
   daemon.stop();
   end_all_but(own);
 }

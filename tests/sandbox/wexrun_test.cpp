@@ -29,6 +29,12 @@ void start(Process* service, const words& command, const words& options) {
   ASSERT_EQ(service->pid(), wait_for_actor(options)) << read_console();
 }
 
+std::string link_target(pid_t pid, int fd) {
+  char path[256] = "";
+  const std::string name = "/proc/" + text(pid) + "/fd/" + std::to_string(fd);
+  return readlink(name.c_str(), path, sizeof path - 1) > 0 ? path : "";
+}
+
 }  // namespace
 
 TEST_F(Wexrun, AKilledProgramComesBackWithTheSameCommandLineAndRegisteredAnew) {
@@ -154,6 +160,10 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
       {words{kBinary, touch} + many, 125, "14 words follow wexrun, a restart repeats 13"},
       {{kBinary, touch, "/tmp/ready", std::string(300, 'x')}, 125, "a restart repeats 242"},
       {{kBinary, "bin/touch", "/tmp/ready"}, 125, "name its whole path"},
+      {{"env", "PATH=/tmp/bin", kBinary, "speaker"},
+       125,
+       "would not find /tmp/bin/speaker: name its whole path"},
+      {{"env", "PATH=/tmp/bin:/bin", kBinary, "touch", "/tmp/ready"}, 125, "would not find /tmp/bin/touch"},
       {{kBinary, "--delay=-1", touch, "/tmp/ready"}, 125, "\"-1\" is no number of seconds"},
       {{kBinary, "--delay=2x", touch, "/tmp/ready"}, 125, "\"2x\" is no number of seconds"},
       {{kBinary, "--neuter", touch, "/tmp/ready"}, 125, "--neuter"},
@@ -163,6 +173,9 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
       {{kBinary, "/etc/passwd"}, 126, "cannot execute /etc/passwd: Permission denied"},
       {{kBinary, "/etc"}, 126, "cannot execute /etc: Permission denied"},
   };
+  const temporary elsewhere("/tmp/bin");
+  write_file("/tmp/bin/speaker", "#!/bin/sh\n", 0755);
+  write_file("/tmp/bin/touch", "#!/bin/sh\n", 0755);
   make_dirs(kDbDir);
   for (const auto& row : rows) {
     const words quiet = words{"sh", "-c", "exec \"$@\" 2> /tmp/said", "sh"} + row.command;
@@ -176,14 +189,52 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
   EXPECT_TRUE(exited_with(run({kBinary, "--version"}), 0));
 }
 
+// Its cancellation is acknowledged before it is acted on: its end must not come in between.
 TEST_F(Wexrun, AProgramThatCannotBeExecutedAfterAllIsNotSupervised) {
   write_file("/tmp/ready", "#!/no/such/interpreter\n", 0755);
+  SyslogSink log;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"inject=sendto,sendmsg:delay_exit=200000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  for (const words& options : {words{}, words{"--notify"}}) {
+    const words command = words{kBinary} + options + words{"/tmp/ready"};
+    EXPECT_TRUE(exited_with(run(command), 127)) << joined(command);
+    EXPECT_TRUE(db_files().empty()) << joined(command);
+    EXPECT_TRUE(never([&] { return log.count("receives event") > 0; }, 1s)) << joined(command);
+    EXPECT_TRUE(log.says("cannot execute /tmp/ready: No such file or directory; it is not supervised"));
+    log.clear();
+  }
+  daemon.stop();
+}
+
+TEST_F(Wexrun, AProgramThatWasRemovedIsNotRestartedAgainAndAgain) {
+  const words program = {"/bin/sh", "/tmp/ready"};
+  write_file("/tmp/ready", "#!/bin/sh\nkill -STOP $$\n", 0755);
+  SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  EXPECT_TRUE(exited_with(run({kBinary, "/tmp/ready"}), 127));
+  Process service;
+  ASSERT_TRUE(service.start({kBinary, "/tmp/ready"}));
+  ASSERT_EQ(service.pid(), wait_for_command(program)) << read_console();
+  unlink("/tmp/ready");
+  kill_and_reap(&service);
+  EXPECT_TRUE(log.says("cannot execute /tmp/ready: No such file or directory; it is not supervised", 20s));
+  EXPECT_TRUE(never([&] { return log.count("receives event") > 1; }, 1s)) << read_console();
   EXPECT_TRUE(db_files().empty());
-  EXPECT_TRUE(exited_with(run({kBinary, "--notify", "/tmp/ready"}), 127));
-  EXPECT_TRUE(db_files().empty());
-  EXPECT_TRUE(never([] { return !db_files().empty(); }, 1s));
+  daemon.stop();
+}
+
+TEST_F(Wexrun, TheLockIsKeptWithoutStandardDescriptors) {
+  const words program = {"/usr/bin/sleep", "1000"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start({"sh", "-c", "exec " + joined(wexrun({}, {"sleep", "1000"})) + " <&- >&- 2>&-"}));
+  ASSERT_EQ(service.pid(), wait_for_command(program)) << read_console();
+  EXPECT_EQ(service.pid(), lock_holder(service.pid()));
+  EXPECT_EQ("/dev/null", link_target(service.pid(), 2));
+  service.send(SIGTERM);
+  EXPECT_TRUE(ended_by(service.wait(), SIGTERM));
+  EXPECT_TRUE(eventually([] { return db_files().empty(); }, 20s));
   daemon.stop();
 }
