@@ -45,9 +45,13 @@ expect 0 "$work/group" 'CONFIG_RT_GROUP_SCHED: wex must be started in the root C
 : > "$work/empty"
 expect 2 "$work/empty" 'is no kernel configuration'
 expect 2 "$work/nothing" 'cannot read'
-for config in "$root"/build/device/board/root/boot/config-*; do    # the emulated device's, when it was fetched
-  [ ! -f "$config" ] || expect 0 "$config" 'wex has what it needs'
+looked_at=''
+for config in "$root"/build/device*/board/root/boot/config-*; do   # those of emulated boards, which tools/device fetches
+  [ -f "$config" ] || continue
+  looked_at=1
+  expect 0 "$config" 'wex has what it needs'
 done
+[ -n "$looked_at" ] || echo "not looked at: the kernels of emulated boards, for tools/device has not fetched any here"
 
 # The same options in the guide.
 sed -n '/^## What the device needs/,/^## /p' "$root/docs/integrator.md" | grep -oE 'CONFIG_[A-Z0-9_]+' | sort -u > "$work/guide"

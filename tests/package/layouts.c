@@ -12,10 +12,15 @@ extern "C" {
 #define SIZE(type) NUMBER(same_##type, sizeof(type))
 #define OFFSET(type, field) NUMBER(same_##type##_##field, offsetof(type, field))
 #define CONSTANT(value) NUMBER(same_##value, value)
-/* Behind the record's pointers: the same on all boards with pointers of one size. */
+/* Behind the record's pointers: the same on all boards with pointers and alignment of one size. */
 #define OFFSET_BY_POINTER(type, field) NUMBER(pointer_##type##_##field, offsetof(type, field))
 
 NUMBER(bytes_of_pointer, sizeof(void*));
+struct wide_behind_a_byte {
+  char byte;
+  int64_t wide;
+};
+NUMBER(alignment_of_int64, offsetof(struct wide_behind_a_byte, wide));
 
 /* Messages on the wire. */
 SIZE(wex_inner_msg);

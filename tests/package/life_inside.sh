@@ -30,6 +30,8 @@ pid_of() {                                         # of the process in the root 
   done 2> /dev/null
   return 1
 }
+started() { sed 's/.*) //' "/proc/$1/stat" 2> /dev/null | cut -d' ' -f20; }    # when; a later process of the number differs
+lives() { [ -n "$2" ] && [ "$(started "$1")" = "$2" ]; }                          # PID, what started said
 gone() { ! pid_of "$1" > /dev/null; }
 packages() { inside dpkg "$@" < /dev/null > $work/dpkg.log 2>&1 || fail "dpkg $*"; }
 
@@ -101,15 +103,16 @@ within 20 answers || fail "the installed wex does not start"
 (cd / && inside setsid /usr/bin/clock < /dev/null > /dev/null 2>&1) &
 disown $!
 within 20 registered || fail "a service did not register"
+since=$(started "$daemon") clock_since=$(started "$clock")
 # shellcheck disable=SC2086
 packages --force-depends --install $new
-[ "$(pid_of /usr/sbin/wex)" = "$daemon" ] || [ -d "/proc/$daemon" ] || fail "installing once more stopped the running wex"
+lives "$daemon" "$since" || fail "installing once more stopped the running wex"
 packages --purge wex
-ended() { [ ! -d "/proc/$1" ] || grep -q '^State:.*Z' "/proc/$1/status"; }      # whoever reaps it takes its time
-ended "$daemon" || fail "a purge leaves wex running"
-[ -d "/proc/$clock" ] || fail "a purge ended a service"
+ended() { ! lives "$1" "$2" || grep -q '^State:.*Z' "/proc/$1/status"; }      # whoever reaps it takes its time
+ended "$daemon" "$since" || fail "a purge leaves wex running"
+lives "$clock" "$clock_since" || fail "a purge ended a service"
 kill -KILL "$clock"
-within 10 gone /usr/bin/clock
+within 10 gone /usr/bin/clock || fail "a service outlives SIGKILL"
 clock=''
 rm $root/usr/bin/clock
 packages --purge libwex-dev libwex1

@@ -6,15 +6,20 @@ bare=$1
 root=$bare/run/root
 fail() { printf 'FAIL: %s\n' "$*"; exit 1; }
 
-mount -t overlay -o "lowerdir=$bare/root,upperdir=$bare/run/upper,workdir=$bare/run/work" wex-newcomer "$root" || fail "no copy of the bare root"
+# Where the checkout lies on an overlay itself, nothing can be laid over it: then it is copied.
+mount -t overlay -o "lowerdir=$bare/root,upperdir=$bare/run/upper,workdir=$bare/run/work" wex-newcomer "$root" 2> /dev/null ||
+  { mkdir "$bare/run/copy" && cp -a "$bare/root/." "$bare/run/copy" && mount --bind "$bare/run/copy" "$root"; } ||
+  fail "no copy of the bare root"
 mkdir -p "$root/root/wex" "$root/var/cache/apt/archives"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
+mount --rbind /sys "$root/sys"                     # the tests' own sandboxes show it
 mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
 mount --bind "$bare/archives" "$root/var/cache/apt/archives"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 rm -f "$root/etc/apt/apt.conf.d/docker-clean"
 printf 'APT::Keep-Downloaded-Packages "true";\nAcquire::Check-Valid-Until "false";\nAcquire::Check-Date "false";\nAPT::Sandbox::User "root";\n' > "$root/etc/apt/apt.conf.d/90newcomer"
+printf '%s\n' "${WEX_APT_PROXIES-}" >> "$root/etc/apt/apt.conf.d/90newcomer"
 cp -a "$bare/run/checkout/." "$root/root/wex/"
 chown -R 0:0 "$root/root/wex"
 
@@ -44,13 +49,13 @@ case " ${*:2} " in *' test '* | '  ')
   try 'the set-up' ./dev setup
   try 'the build' ./dev build
   present build/release/wex './dev build'
-  # Those that start no daemon and make no sandbox of their own.
-  try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.kernel)$' ;;
+  try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.(kernel|layouts))$'
+  try 'unit tests and the main roads' ./dev test --only '^(unit_.*|MainRoad\..*)$' ;;
 esac
 case " ${*:2} " in *' device '* | '  ')
   try 'the packages of the device' ./dev package mipsel
   present 'build/packages/mipsel/wex_*_mipsel.deb' 'the packages of the device'
   try 'a boot of the emulated device' ./dev device 01-start ;;
 esac
-umount --lazy "$root/var/cache/apt/archives" "$root/dev" "$root/proc" "$root/tmp" "$root"
+umount --lazy "$root/var/cache/apt/archives" "$root/dev" "$root/sys" "$root/proc" "$root/tmp" "$root"
 echo "all well"

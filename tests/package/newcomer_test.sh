@@ -5,11 +5,13 @@
 #
 # Arguments: which of demo, package, test and device; without any, all of them.
 #
-# Left out is what ./dev test runs after its set-up and build: those cases run here anyway, in this very test run.
+# Of what ./dev test runs after its set-up and build: the unit tests, the main roads, and what compares documents. The other
+# cases run here anyway, in this very test run.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 root=${here%/tests/package}
 . "$here/bare.sh"
+[ -e "$root/.git" ] || { echo "$root has no .git: this test clones the checkout, as a newcomer does. Run it in a clone." >&2; exit 1; }
 bare=$(bare_root "$root")
 run=$root/build/bare/run
 mkdir -p "$root/build/bare/archives/partial"
@@ -18,6 +20,11 @@ mkdir -p "$run/upper" "$run/work" "$run/root"
 # What is committed, and what is about to be.
 git -c safe.directory='*' clone -q --no-hardlinks "$root" "$run/checkout"
 (cd "$root" && git -c safe.directory='*' ls-files -z -m -o --exclude-standard | xargs -0 -r cp --parents -P -t "$run/checkout" 2> /dev/null) || true
+WEX_APT_PROXIES=$(for scheme in http https; do
+  proxy=$(proxy_of $scheme)
+  [ -z "$proxy" ] || printf 'Acquire::%s::Proxy "%s";\n' $scheme "$proxy"
+done)
+export WEX_APT_PROXIES
 cd "$root/build/bare"
 status=0
 "$root/tools/sandbox" --leak-check --bind "$root/build/bare" -- bash "$here/newcomer_inside.sh" "$root/build/bare" "$@" || status=$?
