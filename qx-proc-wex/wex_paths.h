@@ -23,7 +23,6 @@ inline constexpr char kEventLog2[]        = WEX_RUN "/wex.log2";                
 inline constexpr char kDomainDirFmt[]     = WEX_DOMAIN;                           // any, gone: domain
 inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                       // the same, as a directory to probe
 inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
-inline constexpr char kFlagDirBareFmt[]   = WEX_DOMAIN "/wex";                    // the same without its slash
 inline constexpr char kFlagFileFmt[]      = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
 inline constexpr char kDbDirFmt[]         = WEX_DOMAIN "/wex/db";                 // daemon, gone: domain
 inline constexpr char kDbFileFmt[]        = WEX_DOMAIN "/wex/db/%s.%d";           // client, gone: domain, program, pid
