@@ -27,8 +27,8 @@ void make_parents(const char* path) {
   }
 }
 
-template <size_t count>
-void make_dirs(const char* const (&paths)[count]) {
+template <size_t count, size_t length>
+void make_dirs(const char (&paths)[count][length]) {
   for (const char* const path : paths) {
     wex_make_dir(path, kOpenDirMode);
   }
