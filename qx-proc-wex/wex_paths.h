@@ -72,7 +72,8 @@ inline constexpr char kExemptThreads[]    = "/data/.wex_debug_pid";             
 
 inline constexpr char kAliveTable[]       = "/UTILS-wex-shm-001";                 // daemon: shared-memory object
 inline constexpr char kAliveTableFile[]   = "/dev/shm/UTILS-wex-shm-001";         // the same as a file
-inline constexpr char kStatusTableFile[]  = "/dev/shm/wex-status";                // daemon, gone: its table for everybody to read
+inline constexpr char kStatusTable[]      = "/dev/shm/wex-status";                // daemon, gone: what it does, for readers
+inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";
 inline constexpr char kConsole[]          = "/dev/console";
 inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";
@@ -94,7 +95,6 @@ inline constexpr char kProcStatusNameFmt[] = "/proc/%s/status";                 
 inline constexpr char kProcOomScoreFmt[]  = "/proc/%d/oom_score_adj";             // pid
 inline constexpr char kProcSmapsFmt[]     = "%s/%d/smaps";                        // "/proc", pid
 inline constexpr char kProcFdGlobFmt[]    = "/proc/%d/fd/[0-9]*";                 // pid
-inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";    // another one after each start of the machine
 inline constexpr char kUptime[]           = "/proc/uptime";
 inline constexpr char kRootDir[]          = "/";
 inline constexpr char kLibraryMark[]     = "/lib";                        // in the path of every library's mapping

@@ -21,7 +21,7 @@ int tell_why_not(const status_copy& copy, const daemon_health& daemon) {
     return kExitDead;
   }
   if (copy.look == table_look::foreign || copy.look == table_look::no_table) {
-    fprintf(stderr, "What to do: see who made %s, remove it, and restart wex\n", kStatusTableFile);
+    fprintf(stderr, "What to do: see who made %s, remove it, and restart wex\n", kStatusTable);
   } else if (copy.look == table_look::other_version) {
     fputs("What to do: use the wexstat that came with the wex that runs\n", stderr);
   }
@@ -61,7 +61,7 @@ int show(const stat_options& options, status_copy* copy, const daemon_health& da
 }
 
 int answer(const stat_options& options) {
-  status_copy copy = read_status(kStatusTableFile);
+  status_copy copy = read_status(kStatusTable);
   const moment at = now();
   const daemon_health daemon = look_at_daemon(copy, at);
   switch (options.what) {
@@ -85,9 +85,9 @@ int carry_out(const stat_options& options) {
     case wish::wrong:
       return kExitUnknown;
     case wish::watch:
-      return watch(kStatusTableFile, options.number);
+      return watch(kStatusTable, options.number);
     case wish::wait:
-      return wait_for(kStatusTableFile, options.name, options.timeout);
+      return wait_for(kStatusTable, options.name, options.timeout);
     default:
       return answer(options);
   }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstring>
 #include <iterator>
 
@@ -108,9 +107,8 @@ daemon_health without_table(const status_copy& copy) {
       break;
     case table_look::other_version:
       say(&out, daemon_state::unknown, "");
-      wex_format(out.text, sizeof out.text,
-                 "the table has version %" PRIu32 ", this wexstat reads version %d", copy.version,
-                 WEX_STATUS_VERSION);
+      wex_format(out.text, sizeof out.text, "the table has version %u, this wexstat reads version %d",
+                 copy.version, WEX_STATUS_VERSION);
       break;
     case table_look::unreadable:
       say(&out, daemon_state::unknown, "");
@@ -124,6 +122,9 @@ daemon_health without_table(const status_copy& copy) {
       break;
     case table_look::no_table:
       say(&out, daemon_state::unknown, "what lies in the table's place is no table");
+      break;
+    case table_look::being_made:
+      say(&out, daemon_state::unknown, "the table is being made");
       break;
     case table_look::damaged:
     case table_look::good:
@@ -153,7 +154,7 @@ void add_names(const status_copy& copy, uint32_t state, char* line, size_t size)
   }
   if (left > 0) {
     const size_t at = strlen(line);
-    wex_format(line + at, size - at, " and %" PRIu32 " more", left);
+    wex_format(line + at, size - at, " and %u more", left);
   }
 }
 
@@ -164,8 +165,7 @@ bool say_troubles(const status_copy& copy, const state_counts& counts, char* lin
   for (const uint32_t state : kTroubles) {
     if (counts.of[state] > 0) {
       const size_t at = strlen(line);
-      wex_format(line + at, size - at, "%s%" PRIu32 " %s:", any ? "; " : "", counts.of[state],
-                 state_word(state));
+      wex_format(line + at, size - at, "%s%u %s:", any ? "; " : "", counts.of[state], state_word(state));
       add_names(copy, state, line, size);
       any = true;
     }
@@ -245,9 +245,9 @@ int judge_all(const status_copy& copy, const daemon_health& daemon, char* line, 
     return kExitTrouble;
   }
   if (copy.slots.unread > 0) {
-    wex_format(line, size, "unknown: %" PRIu32 " registrations are being written", copy.slots.unread);
+    wex_format(line, size, "unknown: %u registrations are being written", copy.slots.unread);
     return kExitUnknown;
   }
-  wex_format(line, size, "well: %" PRIu32 " supervised", counts.all);
+  wex_format(line, size, "well: %u supervised", counts.all);
   return kExitWell;
 }

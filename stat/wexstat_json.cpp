@@ -1,11 +1,12 @@
 // wexstat_json: the whole table as one JSON object.
-#include <cinttypes>
 
 #include "wexstat_limits.h"
 #include "wexstat_machines.h"
 #include "wexstat_words.h"
 
 namespace {
+
+constexpr char kQuote = '\x22';
 
 // Puts the commas, and quotes texts.
 class json_writer {
@@ -23,7 +24,7 @@ class json_writer {
   }
   void number(const char* key, int64_t value) {
     start(key);
-    fprintf(out_, "%" PRId64, value);
+    fprintf(out_, "%lld", static_cast<long long>(value));
   }
   void truth(const char* key, bool value) {
     start(key);
@@ -62,20 +63,20 @@ class json_writer {
   }
   // A byte that is no part of a character becomes the replacement character.
   void quote(const char* value, size_t length) {
-    fputc('"', out_);
+    fputc(kQuote, out_);
     for (size_t at = 0; at < length;) {
       const size_t count = utf8_length(value + at, length - at);
       const unsigned char byte = static_cast<unsigned char>(value[at]);
       if (count == 0) {
         fputs("\\ufffd", out_);
-      } else if (byte < 0x20 || byte == 0x7f || byte == '"' || byte == '\\') {
+      } else if (byte < 0x20 || byte == 0x7f || byte == kQuote || byte == '\\') {
         fprintf(out_, "\\u%04x", static_cast<unsigned>(byte));
       } else {
         fwrite(value + at, 1, count, out_);
       }
       at += count == 0 ? 1 : count;
     }
-    fputc('"', out_);
+    fputc(kQuote, out_);
   }
 
   FILE* out_;

@@ -4,7 +4,6 @@
 // each restart. Of the types only those appear that the older text format knows, too: the Prometheus node
 // exporter reads its files in that format, and refuses the others.
 #include <algorithm>
-#include <cinttypes>
 #include <cstring>
 #include <iterator>
 
@@ -12,6 +11,8 @@
 #include "wexstat_words.h"
 
 namespace {
+
+constexpr char kQuote = '\x22';
 
 // ---- Text -------------------------------------------------------------------------------------------------
 
@@ -24,7 +25,7 @@ void put_family(const char* name, const char* type, const char* unit, const char
 }
 
 void put_label(const char* name, const char* value, size_t length, FILE* out) {
-  fprintf(out, "%s=\"", name);
+  fprintf(out, "%s=%c", name, kQuote);
   for (size_t at = 0; at < length;) {
     const size_t count = utf8_length(value + at, length - at);
     const char byte = value[at];
@@ -32,14 +33,14 @@ void put_label(const char* name, const char* value, size_t length, FILE* out) {
       fputs("\xef\xbf\xbd", out);  // the replacement character
     } else if (byte == '\n') {
       fputs("\\n", out);
-    } else if (byte == '"' || byte == '\\') {
+    } else if (byte == kQuote || byte == '\\') {
       fprintf(out, "\\%c", byte);
     } else {
       fwrite(value + at, 1, count, out);
     }
     at += count == 0 ? 1 : count;
   }
-  fputc('"', out);
+  fputc(kQuote, out);
 }
 
 template <size_t N>
@@ -50,12 +51,13 @@ void put_field_label(const char* name, const char (&field)[N], FILE* out) {
 }
 
 void put_milliseconds(int64_t milliseconds, FILE* out) {
-  fprintf(out, "%" PRId64 ".%03d", milliseconds / 1000, static_cast<int>(milliseconds % 1000));
+  fprintf(out, "%lld.%03d", static_cast<long long>(milliseconds / 1000),
+          static_cast<int>(milliseconds % 1000));
 }
 
 void put_gauge(const char* name, const char* help, int64_t value, FILE* out) {
   put_family(name, "gauge", nullptr, help, out);
-  fprintf(out, "%s %" PRId64 "\n", name, value);
+  fprintf(out, "%s %lld\n", name, static_cast<long long>(value));
 }
 
 // ---- The daemon -------------------------------------------------------------------------------------------
@@ -80,7 +82,7 @@ void put_counters(const wex_status_head& head, FILE* out) {
     char name[64];
     snprintf(name, sizeof name, "wex_%s", kCounterNames[index]);
     put_family(name, "counter", nullptr, kCounterHelp[index], out);
-    fprintf(out, "%s_total %" PRIu32 "\n", name, head.counters[index]);
+    fprintf(out, "%s_total %u\n", name, head.counters[index]);
   }
 }
 
@@ -109,7 +111,7 @@ void put_daemon(const status_copy& copy, const moment& at, FILE* out) {
   put_field_label("version", head.daemon_version, out);
   fputs("} 1\n", out);
   put_family("wex_start_time_seconds", "gauge", "seconds", "When the daemon was started, since 1970.", out);
-  fprintf(out, "wex_start_time_seconds %" PRId64 "\n", head.started_wall);
+  fprintf(out, "wex_start_time_seconds %lld\n", static_cast<long long>(head.started_wall));
   put_gauge("wex_starts", "Starts of the daemon since the device started.", head.generation, out);
   put_counters(head, out);
   put_thread_ages(copy, "wex_thread_busy_seconds", "How long a thread of the daemon has been at one thing.",
@@ -152,9 +154,9 @@ void for_each_series(const status_copy& copy, const Put& put) {
 void put_labels(const series& one, const char* state, FILE* out) {
   fputc('{', out);
   put_field_label("name", one.first->name, out);
-  fprintf(out, ",domain=\"%" PRId32 "\"", one.first->domain);
+  fprintf(out, ",domain=%c%d%c", kQuote, one.first->domain, kQuote);
   if (state != nullptr) {
-    fprintf(out, ",state=\"%s\"", state);
+    fprintf(out, ",state=%c%s%c", kQuote, state, kQuote);
   }
   fputs("} ", out);
 }
@@ -180,7 +182,7 @@ void put_values(const status_copy& copy, const char* sample, const Value& value,
     if (value(one, &number)) {
       fputs(sample, out);
       put_labels(one, nullptr, out);
-      fprintf(out, "%" PRId64 "\n", number);
+      fprintf(out, "%lld\n", static_cast<long long>(number));
     }
   });
 }
@@ -224,7 +226,7 @@ void put_registrations(const status_copy& copy, FILE* out) {
   const state_counts counts = count_states(copy);
   put_family("wex_registrations", "gauge", nullptr, "Registrations in each state.", out);
   for (uint32_t state = WEX_STATUS_RUNNING; state <= WEX_STATUS_DOWN; ++state) {
-    fprintf(out, "wex_registrations{state=\"%s\"} %" PRIu32 "\n", state_word(state), counts.of[state]);
+    fprintf(out, "wex_registrations{state=\"%s\"} %u\n", state_word(state), counts.of[state]);
   }
   put_gauge("wex_registrations_not_shown", "Registrations without a place in the table.",
             copy.head.counters[WEX_STATUS_NOT_SHOWN], out);

@@ -197,6 +197,29 @@ bool is_trusted(const struct stat& facts) {
          (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
+// The head's number stands behind what it is about.
+table_look copy_head(int fd, uint64_t file_size, wex_status_head* out) {
+  wex_status_head before;
+  wex_status_head after;
+  for (int tries = 0; tries < kRecordTries + kRecordWaits; ++tries) {
+    if (tries >= kRecordTries) {
+      wex_sleep_ms(1);
+    }
+    for (wex_status_head* const to : {&before, out, &after}) {
+      std::atomic_thread_fence(std::memory_order_seq_cst);
+      if (file_size < sizeof *to || !read_at(fd, to, sizeof *to, 0)) {
+        return table_look::no_table;
+      }
+    }
+    if (before.seq == after.seq && before.seq % 2 == 0) {
+      return table_look::good;
+    }
+  }
+  // What is no table has no number either.
+  return memcmp(out->magic, WEX_STATUS_MAGIC, sizeof out->magic) == 0 ? table_look::being_made
+                                                                      : table_look::no_table;
+}
+
 table_look read_head(int fd, status_copy* out) {
   struct stat facts;
   if (fstat(fd, &facts) != 0) {
@@ -206,11 +229,10 @@ table_look read_head(int fd, status_copy* out) {
   if (!is_trusted(facts)) {
     return table_look::foreign;
   }
-  if (facts.st_size < static_cast<off_t>(sizeof out->head) || !read_at(fd, &out->head, sizeof out->head, 0)) {
-    return table_look::no_table;
-  }
+  const uint64_t size = static_cast<uint64_t>(facts.st_size);
+  const table_look look = copy_head(fd, size, &out->head);
   out->version = out->head.version;
-  return judge(out->head, static_cast<uint64_t>(facts.st_size));
+  return look == table_look::good ? judge(out->head, size) : look;
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ enum class table_look {
   no_table,       // no magic in it
   other_machine,  // another byte order
   other_version,  // number in `version`
+  being_made,     // the daemon is about to start, or was killed then
   damaged         // sizes that cannot be, or the file is too short
 };
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -89,6 +88,9 @@ void say_state(const wex_status_slot& slot, const moment& at, char* out, size_t 
   if (slot.state == WEX_STATUS_PARKED && slot.until > 0) {
     say_duration(time_between(at.monotonic_ms, slot.until), time, sizeof time);
     wex_format(out, size, "parked, %s more", time);
+  } else if (slot.state == WEX_STATUS_RESTARTING && slot.until > at.monotonic_ms) {
+    say_duration(time_between(at.monotonic_ms, slot.until), time, sizeof time);
+    wex_format(out, size, "restarting in %s", time);
   } else if (slot.state != WEX_STATUS_RUNNING && slot.since > 0) {
     say_duration(time_between(slot.since, at.monotonic_ms), time, sizeof time);
     wex_format(out, size, "%s for %s", state_word(slot.state), time);
@@ -114,9 +116,9 @@ void say_threads(const wex_status_slot& slot, char* out, size_t size) {
   if (slot.watched_threads <= 0) {
     wex_copy_text(out, size, "-");
   } else if (slot.fewest_misses >= 0 && slot.fewest_misses <= 1) {
-    wex_format(out, size, "%" PRId32 ", %" PRId32 " left", slot.watched_threads, slot.fewest_misses);
+    wex_format(out, size, "%d, %d left", slot.watched_threads, slot.fewest_misses);
   } else {
-    wex_format(out, size, "%" PRId32, slot.watched_threads);
+    wex_format(out, size, "%d", slot.watched_threads);
   }
 }
 
@@ -134,10 +136,10 @@ void say_cell(const wex_status_slot& slot, column which, const moment& at, char*
       say_field(slot.name, out, size);
       return;
     case kPid:
-      wex_format(out, size, "%" PRId32, slot.pid);
+      wex_format(out, size, "%d", slot.pid);
       return;
     case kDomain:
-      wex_format(out, size, "%" PRId32, slot.domain);
+      wex_format(out, size, "%d", slot.domain);
       return;
     case kState:
       say_state(slot, at, out, size);
@@ -146,7 +148,7 @@ void say_cell(const wex_status_slot& slot, column which, const moment& at, char*
       say_up(slot, at, out, size);
       return;
     case kRestarts:
-      wex_format(out, size, "%" PRIu32, slot.restarts);
+      wex_format(out, size, "%u", slot.restarts);
       return;
     case kLastExit:
       say_last_exit(slot, at, out, size);
@@ -230,8 +232,8 @@ void put_times(const wex_status_slot& slot, const moment& at, const look_and_fee
   }
   say_up(slot, at, text, sizeof text);
   put_fact("up for", text, look, out);
-  wex_format(text, sizeof text, "%" PRIu32 " since its registration, %" PRIu32 " within the window",
-             slot.restarts, slot.restarts_window);
+  wex_format(text, sizeof text, "%u since its registration, %u within the window", slot.restarts,
+             slot.restarts_window);
   put_fact("restarts", text, look, out);
   say_last_exit(slot, at, text, sizeof text);
   if (slot.last_exit_wall != 0) {
@@ -244,17 +246,16 @@ void put_times(const wex_status_slot& slot, const moment& at, const look_and_fee
 
 void put_rules(const wex_status_slot& slot, const look_and_feel& look, FILE* out) {
   char text[kWordsSize * 3];
-  wex_format(text, sizeof text, "%s%s, domain %" PRId32 ", pause before a restart %" PRId32 " s",
-             action_word(slot.action), slot.is_thread != 0 ? " of a thread" : "", slot.domain,
-             slot.restart_delay);
+  wex_format(text, sizeof text, "%s%s, domain %d, pause before a restart %d s", action_word(slot.action),
+             slot.is_thread != 0 ? " of a thread" : "", slot.domain, slot.restart_delay);
   put_fact("action", text, look, out);
   if (slot.watched_threads > 0) {
-    wex_format(text, sizeof text, "%" PRId32 " watched, %" PRId32 " misses left to one of them",
-               slot.watched_threads, slot.fewest_misses);
+    wex_format(text, sizeof text, "%d watched, %d misses left to one of them", slot.watched_threads,
+               slot.fewest_misses);
     put_fact("threads", text, look, out);
   }
   if (slot.uid != 0) {
-    wex_format(text, sizeof text, "%" PRIu32, slot.uid);
+    wex_format(text, sizeof text, "%u", slot.uid);
     put_fact("user", text, look, out);
   }
 }
@@ -268,9 +269,9 @@ void put_event(const wex_status_event& event, bool with_name, const look_and_fee
   say_field(event.name, name, sizeof name);
   say_event(event, text, sizeof text);
   if (with_name) {
-    wex_format(line, sizeof line, "%s  %-15s %7" PRId32 "  %s", time, name, event.pid, text);
+    wex_format(line, sizeof line, "%s  %-15s %7d  %s", time, name, event.pid, text);
   } else {
-    wex_format(line, sizeof line, "  %s  %7" PRId32 "  %s", time, event.pid, text);
+    wex_format(line, sizeof line, "  %s  %7d  %s", time, event.pid, text);
   }
   put_line(line, nullptr, look, out);
 }
@@ -303,7 +304,7 @@ void put_events_of(const status_copy& copy, const wex_status_slot& slot, const l
 void add(char* line, size_t size, const char* before, uint32_t count, const char* what) {
   if (count > 0) {
     const size_t at = strlen(line);
-    wex_format(line + at, size - at, "%s%" PRIu32 " %s", before, count, what);
+    wex_format(line + at, size - at, "%s%u %s", before, count, what);
   }
 }
 
@@ -314,18 +315,17 @@ void say_daemon(const status_copy& copy, const daemon_health& daemon, const mome
   say_field(copy.head.daemon_version, version, sizeof version);
   if (daemon.state == daemon_state::running || daemon.state == daemon_state::stuck) {
     say_duration(time_between(copy.head.started_monotonic, at.monotonic_ms), time, sizeof time);
-    wex_format(out, size, "wex %s, pid %" PRId32 ", up for %s%s%s", version, copy.head.daemon_pid, time,
+    wex_format(out, size, "wex %s, pid %d, up for %s%s%s", version, copy.head.daemon_pid, time,
                daemon.state == daemon_state::stuck ? ", STUCK: " : "",
                daemon.state == daemon_state::stuck ? daemon.text : "");
   } else {
-    wex_format(out, size, "wex is NOT RUNNING (%s); pid %" PRId32 " left this:", daemon.text,
-               copy.head.daemon_pid);
+    wex_format(out, size, "wex is NOT RUNNING (%s); pid %d left this:", daemon.text, copy.head.daemon_pid);
   }
 }
 
 void say_totals(const status_copy& copy, char* out, size_t size) {
   const state_counts counts = count_states(copy);
-  wex_format(out, size, "%" PRIu32 " registered", counts.all);
+  wex_format(out, size, "%u registered", counts.all);
   for (uint32_t state = WEX_STATUS_DOWN; state > WEX_STATUS_FREE; --state) {
     add(out, size, ", ", counts.of[state], state_word(state));
   }
@@ -333,8 +333,8 @@ void say_totals(const status_copy& copy, char* out, size_t size) {
   const uint32_t* const counter = copy.head.counters;
   add(out, size, ", ", counter[WEX_STATUS_NOT_SHOWN], "not shown");
   const size_t at = strlen(out);
-  wex_format(out + at, size - at, "; since its start %" PRIu32 " exits, %" PRIu32 " restarts",
-             counter[WEX_STATUS_EXITS], counter[WEX_STATUS_RESTARTS]);
+  wex_format(out + at, size - at, "; since its start %u exits, %u restarts", counter[WEX_STATUS_EXITS],
+             counter[WEX_STATUS_RESTARTS]);
   add(out, size, ", ", counter[WEX_STATUS_PARKS], "parkings");
   add(out, size, ", ", counter[WEX_STATUS_HANGS], "hangs");
   add(out, size, ", ", counter[WEX_STATUS_LOST_EXITS], "lost exits");
@@ -381,7 +381,7 @@ void show_table(status_copy* copy, const moment& at, const look_and_feel& look, 
     put_row(copy->slots.records[i], widths, at, look, out);
   }
   if (shown < copy->slots.count) {
-    fprintf(out, "and %" PRIu32 " more\n", copy->slots.count - shown);
+    fprintf(out, "and %u more\n", copy->slots.count - shown);
   }
 }
 
@@ -404,7 +404,7 @@ uint32_t show_named(const status_copy& copy, const char* name, const moment& at,
     char line[kLineSize];
     say_field(slot.name, own, sizeof own);
     say_state(slot, at, state, sizeof state);
-    wex_format(line, sizeof line, "%s, pid %" PRId32 ": %s", own, slot.pid, state);
+    wex_format(line, sizeof line, "%s, pid %d: %s", own, slot.pid, state);
     put_line(line, colour_of(slot) != nullptr ? colour_of(slot) : kBold, look, out);
     put_command(slot, look, out);
     put_rules(slot, look, out);

@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <time.h>
 
-#include <cinttypes>
 #include <cstdio>
 #include <iterator>
 
@@ -39,11 +38,9 @@ const char* signal_word(int number) {
 constexpr const char* kStates[] = {"free", "running", "restarting", "parked", "postponed", "down"};
 static_assert(std::size(kStates) == WEX_STATUS_DOWN + 1, "every state has a word");
 
-constexpr const char* kReboots[] = {"other", "self_check", "burst", "fork"};
-static_assert(std::size(kReboots) == WEX_STATUS_REBOOT_FORK + 1, "every reason has a word");
 constexpr const char* kRebootReasons[] = {"no reason told", "a program was parked again too soon",
-                                          "too many programs dumped core", "no process can be started"};
-static_assert(std::size(kRebootReasons) == std::size(kReboots), "every reason is explained");
+                                          "too many programs dumped core"};
+static_assert(std::size(kRebootReasons) == WEX_STATUS_REBOOT_BURST + 1, "every reason is explained");
 
 // How the number of an event is put into its text.
 enum class with { nothing, exit, new_pid, value, seconds, reason };
@@ -118,15 +115,15 @@ void say_number(const wex_status_event& event, with number, char* out, size_t si
 }  // namespace
 
 void say_duration(int64_t milliseconds, char* out, size_t size) {
-  const int64_t seconds = milliseconds > 0 ? milliseconds / 1000 : 0;
+  const long long seconds = milliseconds > 0 ? milliseconds / 1000 : 0;
   if (seconds < 60) {
-    wex_format(out, size, "%" PRId64 " s", seconds);
+    wex_format(out, size, "%lld s", seconds);
   } else if (seconds < 3600) {
-    wex_format(out, size, "%" PRId64 " min %" PRId64 " s", seconds / 60, seconds % 60);
+    wex_format(out, size, "%lld min %lld s", seconds / 60, seconds % 60);
   } else if (seconds < 86400) {
-    wex_format(out, size, "%" PRId64 " h %" PRId64 " min", seconds / 3600, seconds / 60 % 60);
+    wex_format(out, size, "%lld h %lld min", seconds / 3600, seconds / 60 % 60);
   } else {
-    wex_format(out, size, "%" PRId64 " d %" PRId64 " h", seconds / 86400, seconds / 3600 % 24);
+    wex_format(out, size, "%lld d %lld h", seconds / 86400, seconds / 3600 % 24);
   }
 }
 
@@ -172,11 +169,6 @@ const char* action_word(int32_t action) {
 
 const char* kind_word(uint32_t kind) {
   return kind < std::size(kKinds) ? kKinds[kind].name : "unknown";
-}
-
-const char* reboot_word(int32_t reason) {
-  const bool known = reason >= 0 && static_cast<size_t>(reason) < std::size(kReboots);
-  return kReboots[known ? reason : 0];
 }
 
 void say_event(const wex_status_event& event, char* out, size_t size) {

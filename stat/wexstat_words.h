@@ -27,7 +27,6 @@ const char* state_word(uint32_t state);
 const char* action_word(int32_t action);
 // Stable names, for machines.
 const char* kind_word(uint32_t kind);
-const char* reboot_word(int32_t reason);
 
 // What happened, for people: "exited: SIGSEGV, core".
 void say_event(const wex_status_event& event, char* out, size_t size);

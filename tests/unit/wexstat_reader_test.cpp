@@ -68,6 +68,7 @@ TEST_F(WexstatReader, TellsWhatItCannotRead) {
   EXPECT_EQ(table_look::no_table, look_at(std::string(WEX_STATUS_FILE_SIZE, '\0')));
   EXPECT_EQ(table_look::other_version, changed([](wex_status_head* head) { head->version = 7; }));
   EXPECT_EQ(7U, read_status(kTable).version);
+  EXPECT_EQ(table_look::being_made, changed([](wex_status_head* head) { head->seq = 7; }));
   EXPECT_EQ(table_look::other_machine, changed([](wex_status_head* head) { head->byte_order = 0x04030201; }));
   for (const auto field :
        {&wex_status_head::head_size, &wex_status_head::slot_size, &wex_status_head::slots,
