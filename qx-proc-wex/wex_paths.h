@@ -92,7 +92,6 @@ inline constexpr char kProcStatFmt[]      = "/proc/%d/stat";                    
 inline constexpr char kProcStatusFmt[]    = "/proc/%d/status";                    // pid
 inline constexpr char kProcStatusNameFmt[] = "/proc/%s/status";                    // pid as text
 inline constexpr char kProcOomScoreFmt[]  = "/proc/%d/oom_score_adj";             // pid
-inline constexpr char kOwnOomScore[]      = "/proc/self/oom_score_adj";           // the calling process's
 inline constexpr char kProcSmapsFmt[]     = "%s/%d/smaps";                        // "/proc", pid
 inline constexpr char kProcFdGlobFmt[]    = "/proc/%d/fd/[0-9]*";                 // pid
 inline constexpr char kUptime[]           = "/proc/uptime";

@@ -248,7 +248,8 @@ void execute(char* const* argv) {
   if (!flush_tlb()) {
     wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
   }
-  wex_reset_own_lmk();  // before the program can fork children that could never be chosen
+  wex_reset_lmk(
+      static_cast<int32_t>(getpid()));  // before the program can fork children that could never be chosen
   remove_old_file(start);
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
@@ -296,8 +297,9 @@ bool console_is_there() {
 }
 
 // Whether the child may have our memory: what it does takes only system calls, and no time. A domain's child
-// calls foreign code, and the search for a bare word may take memory. A third-part program is looked for next:
-// found as soon as it is executed, it would be taken for one that stays, though it may be about to detach.
+// calls foreign code, and the search for a bare word may take memory. A third-part program is looked for
+// next: found as soon as it is executed, it would be taken for one that stays, though it may be about to
+// detach.
 bool may_share_memory(const launch& what) {
   const char* const word = what.words.argv[0];
   const bool only_calls = what.domain < kFirstDomain && (word == nullptr || names_path(word));

@@ -35,7 +35,6 @@ constexpr size_t kStatSize = 1024;
 constexpr size_t kLmkTextSize = 128;
 constexpr int32_t kLmkIgnore = -1000;
 constexpr int32_t kLmkNormal = 0;
-constexpr char kLmkNormalText[] = "0\n";  // as wex_set_lmk() writes it
 // Fields of /proc/PID/stat, counted from 1.
 constexpr int kStateField = 3;
 constexpr int kFlagsField = 9;
@@ -358,10 +357,6 @@ int32_t wex_ignore_lmk(int32_t pid) {
 
 int32_t wex_reset_lmk(int32_t pid) {
   return wex_set_lmk(kLmkNormal, pid);
-}
-
-int32_t wex_reset_own_lmk(void) {
-  return safe_write_path(kOwnOomScore, kLmkNormalText, sizeof kLmkNormalText);
 }
 
 int wex_get_proc_status(void) {

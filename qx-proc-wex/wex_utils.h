@@ -40,7 +40,6 @@ int already_running(const char* path);
 int32_t wex_set_lmk(int32_t score, int32_t pid);
 int32_t wex_ignore_lmk(int32_t pid);
 int32_t wex_reset_lmk(int32_t pid);
-int32_t wex_reset_own_lmk(void);  // of the calling process, by its own name in /proc
 
 // The status digit published by the low-memory-killer module, or -1.
 int wex_get_proc_status(void);
