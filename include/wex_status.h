@@ -1,12 +1,14 @@
 /* wex_status: what wex does, for everybody to read.
  *
  * The daemon keeps a table in shared memory, "/dev/shm/wex-status": a head with counters and the daemon's
- * threads, one slot a registration, a ring of the last events. Only the daemon writes. A reader maps it
- * read-only and never makes anybody wait.
+ * threads, one slot a registration, a ring of the last events. Only the daemon writes; what has happened
+ * stands there within a quarter of a second. A reader opens it read-only and never makes anybody wait. One
+ * that maps it must not touch slots from `slots_used` on, which may have no memory.
  *
- * The counters are single words, always whole. Each thread, slot and event has a `seq`, which is odd while it
- * is being written. A reader takes a copy, and keeps it when `seq` was even before and is the same after; an
- * odd one that does not change was left by a daemon that was killed in the middle.
+ * The counters, `event_next` and `slots_used` are single words, always whole. The head and each thread, slot
+ * and event have a `seq`, which is odd while it is being written. A reader takes a copy, and keeps it when
+ * `seq` was even before and is the same after; an odd one that does not change was left by a daemon that was
+ * killed in the middle.
  *
  * Numbers are in the byte order of the machine. The layout is the same on 32 and on 64 bits. A reader takes
  * sizes and offsets from the head, and refuses a table whose `magic`, `byte_order` or `version` it does not
@@ -96,7 +98,7 @@ typedef struct wex_status_head {
   char boot_id[40];          /* /proc/sys/kernel/random/boot_id */
   char daemon_version[24];
   uint32_t event_next; /* number of the next event; event n stands at n modulo `events` */
-  uint32_t reserved;
+  uint32_t seq; /* of the fields above, which change when a daemon starts or ends; event_next excepted */
   uint32_t counters[WEX_STATUS_COUNTERS];
   wex_status_thread threads[WEX_STATUS_THREADS];
 } wex_status_head;
@@ -126,7 +128,8 @@ typedef struct wex_status_slot {
   int64_t registered;    /* monotonic */
   int64_t started;       /* monotonic: of this process, as far as wex knows: registered or started again */
   int64_t since;         /* monotonic: in this state since */
-  int64_t until;         /* monotonic: end of the parking, or the moment when a postponed restart is forced */
+  int64_t until;         /* monotonic: end of the parking, of the delay before a restart, or the moment when a
+                            postponed restart is forced */
   int64_t last_exit_wall;   /* 0: none since its registration */
   uint32_t last_exit;       /* in the form of wait(2) */
   uint32_t restarts;        /* since its registration */
@@ -167,8 +170,7 @@ typedef enum wex_status_kind {
 typedef enum wex_status_reboot {
   WEX_STATUS_REBOOT_OTHER = 0,
   WEX_STATUS_REBOOT_SELF_CHECK = 1, /* a program was parked again too soon */
-  WEX_STATUS_REBOOT_BURST = 2,      /* too many programs dumped core */
-  WEX_STATUS_REBOOT_FORK = 3        /* no process can be started */
+  WEX_STATUS_REBOOT_BURST = 2       /* too many programs dumped core */
 } wex_status_reboot;
 
 typedef struct wex_status_event {
