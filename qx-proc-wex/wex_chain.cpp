@@ -294,7 +294,7 @@ void wex_note_identity(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
   rec->start_time = rec->pid > 0 && wex_proc_stat(rec->pid, &state, &start_time) ? start_time : 0;
-  rec->is_thread = rec->start_time != 0 && wex_is_thread(rec->pid) ? 1 : 0;
+  rec->is_thread = wex_is_thread(rec->pid) ? 1 : 0;
 }
 
 bool wex_record_lives(const wex_pid* rec) {

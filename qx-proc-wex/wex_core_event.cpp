@@ -29,11 +29,12 @@ namespace {
 // ---- crashes ----------------------------------------------------------------------------------------------
 
 // The record an event belongs to. The thread that dumped core is often reported after its process, whose
-// record then already has the replacement's pid.
+// record then already has the replacement's pid. A record that was made for a thread has no process of its
+// own: one with that id got it after the thread had ended.
 wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
   for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
     wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
-    if (rec != nullptr) {
+    if (rec != nullptr && (rec->is_thread == 0 || candidate != tgid)) {
       return rec;
     }
   }
@@ -142,11 +143,13 @@ void look_sooner(int32_t pid) {
   }
 }
 
-// A thread may have registered itself as a program. Its end is no exit, so the sweep must not find it missing
-// later and start the program again.
+// A thread may have been registered as a program, and have ended before anybody could see that it was one.
+// Its end is no exit, so the sweep must not find it missing later and start the program again. A process that
+// was seen has lost its id to this thread: the sweep has to find that.
 void note_thread_end(int32_t tid) {
   chain_lock hold(wex_chains);
-  if (wex_pid* const rec = __wex_find_pid(&wex_chains, tid)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, tid);
+  if (rec != nullptr && rec->start_time == 0) {
     rec->exit_seen = 1;
   }
 }

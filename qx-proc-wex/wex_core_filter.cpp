@@ -19,8 +19,8 @@ namespace {
 
 priority_mutex g_lock;
 int g_events WEX_TSA(guarded_by(g_lock)) = -1;
-unsigned g_wanted WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
-bool g_passing WEX_TSA(guarded_by(g_lock)) = false;
+unsigned g_wanted WEX_TSA(guarded_by(g_lock)) = 0;   // one bit for each thread_ends_for
+bool g_passing WEX_TSA(guarded_by(g_lock)) = false;  // as the socket is, not as it should be
 
 // The filter machine loads words in network order, the message is in host order. Jumps count from the next
 // instruction.
@@ -41,10 +41,16 @@ void attach(int fd, bool thread_ends) WEX_TSA(requires_capability(g_lock)) {
       BPF_STMT(BPF_RET | BPF_K, 0xffffffffu),
   };
   const sock_fprog filter = {sizeof program / sizeof program[0], program};
-  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", "wex_process_netlink", strerror(errno));
+  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) == 0) {
+    g_passing = thread_ends;
+    return;
   }
-  g_passing = thread_ends;
+  wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", "wex_process_netlink", strerror(errno));
+  // Too many events are better than too few: somebody waits for what the filter that is in place would drop.
+  if (thread_ends && !g_passing &&
+      setsockopt(fd, SOL_SOCKET, SO_DETACH_FILTER, &filter, sizeof filter) == 0) {
+    g_passing = true;
+  }
 }
 
 }  // namespace
@@ -52,6 +58,7 @@ void attach(int fd, bool thread_ends) WEX_TSA(requires_capability(g_lock)) {
 void wex_attach_filter(int fd) {
   const mutex_lock hold(g_lock);
   g_events = fd;
+  g_passing = true;  // nothing filters yet
   attach(fd, g_wanted != 0);
 }
 

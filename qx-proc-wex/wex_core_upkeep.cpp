@@ -102,7 +102,7 @@ void wex_sweep_lost_exits() {
     bool any_thread = false;
     record_walk walk(wex_chains);
     while (wex_pid* const rec = walk.next()) {
-      any_thread = any_thread || (rec->is_thread != 0 && wex_record_lives(rec));
+      any_thread = any_thread || (rec->is_thread != 0 && wex_pid_exists(rec->pid));
       const verdict found = judge(rec, now);
       if (found == verdict::lost && count < kLostAtOnce) {
         lost[count++] = {rec->pid, rec->start_time};

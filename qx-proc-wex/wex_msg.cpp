@@ -8,6 +8,8 @@
 
 #include "wex_msg.h"
 
+#include <cstring>
+
 #include "chain_lock.h"
 #include "text_buffer.h"
 #include "waiting.h"
@@ -77,10 +79,31 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   return rec;
 }
 
-// A record whose restart found no process keeps a dead pid; the process that has the pid now may register it.
+// A record keeps a dead pid when its restart found no process, or when a thread was registered and has ended.
+// The process that has the pid now may register it.
 bool is_registered(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  return rec != nullptr && (rec->restart_failed == 0 || wex_record_lives(rec));
+  if (rec != nullptr && rec->is_thread != 0 && rec->start_time == 0) {
+    return wex_is_thread(pid);
+  }
+  return rec != nullptr && ((rec->restart_failed == 0 && rec->is_thread == 0) || wex_record_lives(rec));
+}
+
+// Makes room for the process that has a dead thread's id. The thread's database file goes, too, unless the
+// process has written its own under that name.
+void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const thread = __wex_find_pid(&wex_chains, newcomer->pid);
+  if (thread == nullptr || thread->is_thread == 0) {
+    return;
+  }
+  char old_name[kPathSize];
+  char new_name[kPathSize];
+  if (wex_name_pidfile(thread, old_name) && wex_name_pidfile(newcomer, new_name) &&
+      strcmp(old_name, new_name) != 0) {
+    __wex_drop_registration(thread);
+  } else {
+    __wex_drop_record(&wex_chains, thread);
+  }
 }
 
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
@@ -91,6 +114,7 @@ bool insert_process(wex_pid* rec) {
     return false;
   }
   __wex_drop_failed(rec->process, rec->vsd, rec->pid);
+  drop_ended_thread(rec);
   wex_note_identity(rec);
   if (rec->is_thread != 0) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);

@@ -266,8 +266,10 @@ bool wex_pid_exists(int32_t pid) {
 }
 
 bool wex_is_thread(int32_t pid) {
-  // The kernel finds a thread by its id in every process, but its process only by that of the first one.
-  return pid > 0 && syscall(SYS_tgkill, pid, pid, 0) != 0 && errno == ESRCH && wex_pid_exists(pid);
+  // The kernel finds a thread by its id in every process, but its process only by that of the first one. The
+  // process is looked for twice: the id may have been free at the first look, and a process's at the second.
+  const auto no_process = [pid] { return syscall(SYS_tgkill, pid, pid, 0) != 0 && errno == ESRCH; };
+  return pid > 0 && no_process() && wex_pid_exists(pid) && no_process();
 }
 
 bool wex_looks_alive(int32_t pid) {

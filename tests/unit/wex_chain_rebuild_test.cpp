@@ -10,8 +10,10 @@
 #include "chain_lock.h"
 #include "linked_name.h"
 #include "registry_files.h"
+#include "running_thread.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_core_filter.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 
@@ -24,6 +26,8 @@ int short_of_memory = 0;
 
 int pauses = 0;  // made so far
 
+bool thread_ends_wanted = false;
+
 bool memory_is_short() {
   if (short_of_memory <= 0) {
     return false;
@@ -34,6 +38,12 @@ bool memory_is_short() {
 }
 
 }  // namespace
+
+void wrap_pass_thread_ends(thread_ends_for whom,
+                           bool pass) __asm__("__wrap__Z20wex_pass_thread_ends15thread_ends_forb");
+void wrap_pass_thread_ends(thread_ends_for whom, bool pass) {
+  thread_ends_wanted = pass && whom == thread_ends_for::registrations;
+}
 
 extern "C" {
 DIR* __real_fdopendir(int fd);
@@ -62,6 +72,7 @@ namespace {
 struct Rebuild : RegistryWorld {
   void SetUp() override {
     RegistryWorld::SetUp();
+    thread_ends_wanted = false;
     make_dirs(WEX_RUN);
     for (int vsd = 1; vsd < 16; ++vsd) {
       make_dirs("/data/var/run/vsd/" + std::to_string(vsd));
@@ -157,6 +168,26 @@ TEST_F(Rebuild, AnotherProcessWithTheOldPidIsKeptAndLogged) {
   EXPECT_NE(nullptr, find(stranger.pid()));
   EXPECT_NE(std::string::npos,
             output.text().find("pid (" + std::to_string(stranger.pid()) + ") of /opt/foo runs /"));
+}
+
+TEST_F(Rebuild, TheEndOfAThreadThatWasRegisteredIsWanted) {
+  const running_thread thread;
+  const int32_t tid = thread.tid();
+  write_file(db_file(0, "foo", tid), content(tid, 2, wex_test::command_line(tid)));
+  rebuild();
+  ASSERT_NE(nullptr, find(tid));
+  EXPECT_EQ(1, find(tid)->is_thread);
+  EXPECT_TRUE(thread_ends_wanted);
+}
+
+TEST_F(Rebuild, AStrangersThreadWithTheOldPidIsNoRegisteredThread) {
+  const running_thread thread;
+  const int32_t tid = thread.tid();
+  write_file(db_file(0, "foo", tid), content(tid, 2, "/opt/foo"));
+  rebuild();
+  ASSERT_NE(nullptr, find(tid));
+  EXPECT_EQ(0, find(tid)->is_thread) << "its end must start the program";
+  EXPECT_FALSE(thread_ends_wanted);
 }
 
 TEST_F(Rebuild, DeadProgramIsRestartedAndItsOldFileRemoved) {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "parked_world.h"
+#include "running_thread.h"
 #include "waiting.h"
 #include "wex_core_filter.h"
 #include "wex_core_netlink.h"
@@ -26,6 +27,7 @@ namespace {
 
 // Called once, just before the ends of threads are let through.
 std::function<void()> g_before_filter_passes;
+bool g_asked = false;  // for the ends of threads that were registered
 
 }  // namespace
 
@@ -36,6 +38,9 @@ void wrap_pass_thread_ends(thread_ends_for whom,
 void wrap_pass_thread_ends(thread_ends_for whom, bool pass) {
   if (pass && g_before_filter_passes) {
     std::exchange(g_before_filter_passes, nullptr)();
+  }
+  if (whom == thread_ends_for::registrations) {
+    g_asked = pass;
   }
   real_pass_thread_ends(whom, pass);
 }
@@ -296,26 +301,66 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
 
 // The kernel need not report it, and may have no room to.
 TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
-  std::atomic<int32_t> tid{0};
-  std::atomic<bool> over{false};
-  std::thread thread([&] {
-    tid = wex_thread_id();
-    while (!over) {
-      usleep(1000);
-    }
-  });
-  ASSERT_TRUE(eventually([&] { return tid != 0; }));
+  running_thread thread;
+  const int32_t tid = thread.tid();
   const wex_pid* const rec = add(tid);
   EXPECT_EQ(1, rec->is_thread);
-  over = true;
-  thread.join();
-  ASSERT_TRUE(eventually([&] { return !wex_pid_exists(tid); }));
+  thread.end();
   wex_monitor_read_until = INT32_MAX;
   for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
     g_now = now;
     wex_sweep_lost_exits();
   }
   EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
+}
+
+// The descriptors may have run out when it was registered.
+TEST_F(Event, OfAThreadThatCouldNotBeLookedAtMayBeLost) {
+  running_thread thread;
+  const int32_t tid = thread.tid();
+  const wex_pid* rec = nullptr;
+  {
+    const unreadable_stat none(tid);
+    rec = add(tid);
+  }
+  EXPECT_EQ(0U, rec->start_time);
+  EXPECT_EQ(1, rec->is_thread);
+  g_asked = false;
+  wex_sweep_lost_exits();
+  EXPECT_TRUE(g_asked) << "the sweep sees that the thread runs, and that its end is wanted";
+  thread.end();
+  wex_monitor_read_until = INT32_MAX;
+  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
+    g_now = now;
+    wex_sweep_lost_exits();
+  }
+  EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
+  EXPECT_FALSE(g_asked) << "nobody wants the ends of threads any more";
+}
+
+TEST_F(Event, OfAProcessThatGotTheIdOfAnEndedThreadIsNoEndOfTheThreadsProgram) {
+  const pid_t child = lasting();
+  wex_pid* const rec = add(child);
+  rec->is_thread = 1;
+  rec->start_time = 1;
+  send_signal(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  wex_take_exit_event(exit_of(child, kCoreDumped | SIGSEGV));
+  EXPECT_EQ(child, pid_of(rec));
+  EXPECT_EQ(0, rec->crash_time);
+}
+
+TEST_F(Event, OfAThreadThatGotTheIdOfALostProcessDoesNotHideTheLoss) {
+  const pid_t child = lasting();
+  wex_pid* const rec = add(child);
+  send_signal(child, SIGKILL);  // this exit is lost
+  waitpid(child, nullptr, 0);
+  wex_take_exit_event(thread_end(child, getpid()));
+  wex_monitor_read_until = INT32_MAX;
+  wex_sweep_lost_exits();
+  g_now = 1000 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(child, pid_of(rec));
 }
 
 TEST_F(Event, OfAMainThreadIsDecidedWhenTheLastThreadEndsBeforeItsEndIsReported) {

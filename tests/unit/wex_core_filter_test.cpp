@@ -9,6 +9,23 @@
 #include <array>
 #include <cstring>
 
+#include "injection.h"
+#include "wex_dbg.h"
+
+namespace {
+
+injection g_setsockopt;
+
+}  // namespace
+
+extern "C" {
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+  return g_setsockopt.now() ? -1 : __real_setsockopt(fd, level, name, value, size);
+}
+}
+
 namespace {
 
 constexpr uint32_t kFork = 1;
@@ -95,4 +112,26 @@ TEST_F(Filter, RemembersWhoNeedsThreadsBeforeThereIsASocket) {
 
 TEST_F(Filter, DropsAnExitThatEndsBeforeItsPid) {
   EXPECT_FALSE(passes(kEventExit, 7, 7, 0, 54));
+}
+
+TEST_F(Filter, IsTakenAwayWhenTheOneThatPassesThreadsIsRefused) {
+  g_setsockopt.fail(1, ENOMEM);
+  wex_pass_thread_ends(thread_ends_for::registrations, true);
+  EXPECT_TRUE(thread_ends_pass());
+  wex_pass_thread_ends(thread_ends_for::registrations, false);
+  EXPECT_FALSE(thread_ends_pass()) << "and is put back when it can be";
+}
+
+TEST_F(Filter, ThatWasRefusedIsTriedAgainAtTheNextOccasion) {
+  g_setsockopt.fail(2, ENOMEM);
+  wex_pass_thread_ends(thread_ends_for::registrations, true);
+  EXPECT_FALSE(thread_ends_pass()) << "neither could it be taken away";
+  wex_pass_thread_ends(thread_ends_for::undecided_exits, true);
+  EXPECT_TRUE(thread_ends_pass());
+  g_setsockopt.fail(1, ENOMEM);
+  wex_pass_thread_ends(thread_ends_for::undecided_exits, false);
+  wex_pass_thread_ends(thread_ends_for::registrations, false);
+  EXPECT_TRUE(thread_ends_pass()) << "too many, but none too few";
+  wex_pass_thread_ends(thread_ends_for::registrations, false);
+  EXPECT_FALSE(thread_ends_pass());
 }

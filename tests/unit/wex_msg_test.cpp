@@ -7,6 +7,7 @@
 #include "chain_lock.h"
 #include "control_peer.h"
 #include "injection.h"
+#include "running_thread.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core_long_delay.h"
@@ -339,6 +340,34 @@ TEST_F(Registry, APidLeftOverFromAFailedRestartCanBeRegisteredByItsNewOwner) {
   const wex_reg_info body = body_of(process.pid());
   EXPECT_EQ(0, wex_process_restart(&body));
   EXPECT_EQ(process.command(), find(wex_chains, process.pid())->process);
+}
+
+TEST_F(Registry, TheIdOfAnEndedThreadCanBeRegisteredByTheProcessThatHasIt) {
+  const sleeper process;
+  for (const std::string& command : {process.command(), std::string("/bin/other")}) {
+    wex_pid* const thread = add(wex_chains, process.pid(), command.c_str());
+    thread->is_thread = 1;
+    thread->start_time = 1;
+    const std::string old_file = text_of(kDbFileFmt, 0, program_of(command).c_str(), process.pid());
+    std::ofstream(old_file) << "x";
+    const wex_reg_info body = body_of(process.pid());
+    EXPECT_EQ(0, wex_process_restart(&body));
+    ASSERT_EQ(1, wex_chains.count) << command;
+    EXPECT_EQ(0, find(wex_chains, process.pid())->is_thread);
+    EXPECT_EQ(command == process.command(), exists(old_file)) << "the process may have made it";
+    const wex_cons_info cancel = {WEX_CANCEL_PROC, process.pid()};
+    EXPECT_EQ(0, wex_process_cons_msg(&cancel));
+  }
+}
+
+TEST_F(Registry, AThreadThatCouldNotBeLookedAtIsRegisteredOnce) {
+  const running_thread thread;
+  const int32_t tid = thread.tid();
+  wex_pid* const rec = add(wex_chains, tid);
+  rec->is_thread = 1;
+  const wex_reg_info body = body_of(tid);
+  EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_EQ(1, wex_chains.count);
 }
 
 // ---- Cancelling -------------------------------------------------------------------------------------------
