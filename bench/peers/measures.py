@@ -17,10 +17,11 @@ SLOTS, HEAD, SLOT = 2048, 64, 64             # tools/bench.h
 QUANTILES = (0, 1, 5, 10, 20, 30, 40, 50, 60, 70, 80, 90, 95, 98, 99, 100)
 
 FULL = dict(latency_rounds=4, latency_s=240, kills=1.0, young=3, sizes=(200, 1000), mass_repeats=3, patience=1.0,
-            idle_s=30, request_rounds=2, request_ms=700, storm_rates=(250, 1000, 0), storm_kills=50, report_batches=2000,
-            noise_ms=2000)
+            idle_s=30, request_rounds=2, request_ms=700, storm_rates=(250, 1000, 0), storm_kills=50,
+            report_batches=2000, noise_ms=2000)
 QUICK = dict(latency_rounds=1, latency_s=60, kills=0.3, young=1, sizes=(200,), mass_repeats=1, patience=0.3,
-             idle_s=5, request_rounds=1, request_ms=300, storm_rates=(1000,), storm_kills=20, report_batches=500, noise_ms=500)
+             idle_s=5, request_rounds=1, request_ms=300, storm_rates=(1000,), storm_kills=20,
+             report_batches=500, noise_ms=500)
 
 started = time.monotonic()
 
