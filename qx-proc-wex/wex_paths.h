@@ -25,6 +25,7 @@ inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                    
 inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
 inline constexpr char kFlagFileFmt[]      = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
 inline constexpr char kDbDirFmt[]         = WEX_DOMAIN "/wex/db";                 // daemon, gone: domain
+inline constexpr char kMainDbDir[]        = "/tmp/vsd/0/wex/db";                  // the main system's
 inline constexpr char kDbFileFmt[]        = WEX_DOMAIN "/wex/db/%s.%d";           // client, gone: domain, program, pid
 inline constexpr char kOldPidFileFmt[]    = WEX_DOMAIN "/wex/db/%d";              // nobody: domain, pid
 inline constexpr char kTakeDownFmt[]      = WEX_DOMAIN "/delete_vsd";             // domain take-down, gone: domain
