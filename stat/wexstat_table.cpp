@@ -211,13 +211,15 @@ void put_fact(const char* what, const char* text, const look_and_feel& look, FIL
   put_line(line, nullptr, look, out);
 }
 
+constexpr char kCut[] = " ...";
+
 void put_command(const wex_status_slot& slot, const look_and_feel& look, FILE* out) {
   char command[sizeof slot.command * 4 + 8];
   size_t length;
   const char* const text = bounded(slot.command, &length);
-  escape(text, length, command, sizeof command - 4);
+  escape(text, length, command, sizeof command - sizeof kCut);
   if (length == sizeof slot.command) {
-    strcat(command, " ...");
+    memcpy(command + strlen(command), kCut, sizeof kCut);
   }
   put_fact("command", command, look, out);
 }
