@@ -73,6 +73,8 @@ inline constexpr char kExemptThreads[]    = "/data/.wex_debug_pid";             
 
 inline constexpr char kAliveTable[]       = "/UTILS-wex-shm-001";                 // daemon: shared-memory object
 inline constexpr char kAliveTableFile[]   = "/dev/shm/UTILS-wex-shm-001";         // the same as a file
+inline constexpr char kStatusTable[]      = "/dev/shm/wex-status";                // daemon, gone: what it does, for readers
+inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";
 inline constexpr char kConsole[]          = "/dev/console";
 inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";
