@@ -19,7 +19,7 @@
 #include "wex_paths.h"
 
 namespace {
-int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life
+int g_wakeup[2] = {-1, -1};  // read end, write end; made before any thread runs, open for life
 }  // namespace
 
 extern "C" {

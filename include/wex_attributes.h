@@ -1,0 +1,15 @@
+/* wex_attributes: what a compiler is told beyond the language. */
+#ifndef WEX_ATTRIBUTES_H
+#define WEX_ATTRIBUTES_H
+
+/* Clang checks at compile time that whoever walks or changes a chain holds its lock, and the order of locks.
+ * Only in C++, where a member can name its own object as its guard. */
+#if defined(__clang__) && defined(__cplusplus)
+#define WEX_TSA(attribute) __attribute__((attribute))
+#else
+#define WEX_TSA(attribute)
+#endif
+
+#define WEX_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
+
+#endif
