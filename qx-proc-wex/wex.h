@@ -18,14 +18,6 @@
 #include "wex_attributes.h"
 #include "wex_diagnostics.h"
 
-#if defined(__cplusplus)
-#define WEX_STATIC_ASSERT(condition, reason) static_assert(condition, reason)
-#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
-#define WEX_STATIC_ASSERT(condition, reason) _Static_assert(condition, reason)
-#else
-#define WEX_STATIC_ASSERT(condition, reason) extern char wex_static_assert_holds[(condition) ? 1 : -1]
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
