@@ -17,6 +17,7 @@
 
 #include "dir_walk.h"
 #include "guarded_file.h"
+#include "held_dir.h"
 #include "ras_os_sem.h"
 #include "safe_io.h"
 #include "text_buffer.h"
@@ -106,18 +107,7 @@ unique_fd hold_directory(int lock) {
 }
 
 void make_directories() {
-  for (const char* const path : kMainDirs) {
-    wex_make_dir(path, kOpenDirMode);
-  }
-  if (wex_has_second_disk()) {
-    for (const char* const path : kData2Dirs) {
-      wex_make_dir(path, kOpenDirMode);
-    }
-  }
-  for (const char* const path : kRunDirs) {
-    wex_make_dir(path, kOpenDirMode);
-  }
-  chmod(kDataDir, kOpenDirMode);
+  wex_make_main_dirs();
   for (int32_t domain = kMainSystem; domain < WEX_DOMAINS; ++domain) {
     wex_make_domain_dirs(domain, WEX_MADE_AT_START);
   }
@@ -255,6 +245,7 @@ int main(int argc, char** argv) {
   hide_open_files();  // files that our starter left open are not inherited by the programs we start
   raise_open_file_limit();
   make_directories();
+  wex_hold_dirs();
   wex_log_moved_names();
   wex_init_wakeup();
   wex_status_open();

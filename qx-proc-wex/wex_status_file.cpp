@@ -44,7 +44,8 @@ struct table {
   unique_fd file;
   bool opened;  // this process is the daemon, and shows what it does
   bool begun;   // the image goes on from an earlier table, or has begun anew
-  bool failure_logged;
+  int error;    // why it could not be made or not be written; 0 when all is well
+  bool error_logged;
   int64_t next_try;     // to make it, when it could not be made
   uint32_t event_next;  // the first event that is not in the file
   status_words words;   // as in the file
@@ -376,22 +377,24 @@ bool make_table(table* to) {
 
 // ---- One pass ---------------------------------------------------------------------------------------------
 
-// Whether a failure is to be logged: not while the one before lasts.
-bool is_first_failure(table* of) {
-  const bool first = !of->failure_logged;
-  of->failure_logged = true;
-  return first;
+// Not while the daemon starts, whose own lines come first.
+void log_failure(table* of) {
+  if (of->error != 0 && !of->error_logged) {
+    if (of->file.valid()) {
+      wex_running_log("%s cannot be written, not all is shown: %s.\r\n", kStatusTable, strerror(of->error));
+    } else {
+      wex_running_log("%s cannot be made, what wex does is not shown: %s.\r\n", kStatusTable,
+                      strerror(of->error));
+    }
+  }
+  of->error_logged = of->error != 0;
 }
 
 void try_to_make(table* to) {
   to->next_try = wex_clock_ms() + kStatusRetryMs;
   if (!make_table(to) || !write_identity(to->file.get(), &to->head)) {
-    const int cause = errno;
+    to->error = errno;
     to->file.reset();
-    if (is_first_failure(to)) {
-      wex_running_log("%s cannot be made, what wex does is not shown: %s.\r\n", kStatusTable,
-                      strerror(cause));
-    }
   }
 }
 
@@ -417,11 +420,7 @@ void show_changes(table* to) {
   const bool done =
       write_new_events(to, words.event_next) && write_heartbeats(to, words) &&
       (memcmp(&words, &to->words, offsetof(status_words, threads)) == 0 || write_words(to, words));
-  if (done && unwritten == 0) {
-    to->failure_logged = false;
-  } else if (is_first_failure(to)) {
-    wex_running_log("%s cannot be written, not all is shown: %s.\r\n", kStatusTable, strerror(errno));
-  }
+  to->error = done && unwritten == 0 ? 0 : errno;
 }
 
 void publish(table* to) {
@@ -457,6 +456,7 @@ void wex_status_publish() {
   const mutex_lock hold(g_file_mutex);
   if (g_table.opened) {
     publish(&g_table);
+    log_failure(&g_table);
   }
 }
 

@@ -124,7 +124,7 @@ void copy_name(char (&to)[WEX_STATUS_NAME_SIZE], const char* process) {
 }
 
 void copy_facts(wex_status_slot* slot, const wex_pid* rec) {
-  slot->is_thread = rec->is_thread != 0 ? 1 : 0;
+  slot->is_thread = rec->thread_of != 0 ? 1 : 0;
   slot->action = rec->action;
   slot->pid = rec->pid;
   slot->domain = rec->vsd;

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 #include "leak_gate.h"
@@ -21,11 +23,12 @@ constexpr char kAllDebugOn[] = "g_wex_pub_dbg_level 0\ng_wex_alive_dbg_level 0\n
 
 // Everything wex, its services and its tests write outside their own directories.
 constexpr const char* kTraces[] = {
-    WEX_RUN,     "/tmp/vsd",     "/tmp/vsd_common", WEX_SEM_KEY_FILE, kRebootSwitch, "/tmp/wex-trace",
-    "/ovix",     "/qx_cfg",      "/data/.ovix",     "/data/var",      kNotifyLog,    kNotifyCount,
-    kRebootLog,  kKillDebug,     kExemptThreads,    "/data2",         "/etc/wex",    kBurstConfig,
-    kCommandMap, kDeviceMonitor, kDebugLog,         "/etc/vsd",       "/etc/rc.d",   kDebugTime,
-    kNoReboot,   kDumpToConsole, "/core",           kAliveTableFile,  kLsmDevice,    kMapIpcDevice};
+    WEX_RUN,      "/tmp/vsd",     "/tmp/vsd_common", WEX_SEM_KEY_FILE, kRebootSwitch, "/tmp/wex-trace",
+    "/ovix",      "/qx_cfg",      "/data/.ovix",     "/data/var",      kNotifyLog,    kNotifyCount,
+    kRebootLog,   kKillDebug,     kExemptThreads,    "/data2",         "/etc/wex",    kBurstConfig,
+    kCommandMap,  kDeviceMonitor, kDebugLog,         "/etc/vsd",       "/etc/rc.d",   kDebugTime,
+    kNoReboot,    kDumpToConsole, "/core",           kAliveTableFile,  kStatusTable,  kLsmDevice,
+    kMapIpcDevice};
 
 void remove_semaphore() {
   const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
@@ -87,6 +90,16 @@ void expect_no_sanitizer_report() {
   }
 }
 
+// Of all that the case had printed, whatever it looked at itself.
+void tell_end_of_console() {
+  constexpr size_t kLines = 40;
+  const std::vector<std::string> lines = lines_of(read_file(kConsoleLog));
+  printf("The end of the console:\n");
+  for (size_t at = lines.size() - std::min(lines.size(), kLines); at < lines.size(); ++at) {
+    printf("%s\n", lines[at].c_str());
+  }
+}
+
 }  // namespace
 
 void clean_world() {
@@ -119,6 +132,9 @@ void WexWorld::TearDown() {
   expect_nobody_new(before_);
   expect_no_sanitizer_report();
   EXPECT_EQ(0, chdir("/"));
+  if (HasFailure()) {
+    tell_end_of_console();
+  }
 }
 
 }  // namespace wex_test
