@@ -40,7 +40,7 @@
 #include "wex_log.h"
 #include "wex_opt.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_signals.h"
 #include "wex_signals_alarm.h"
 #include "wex_signals_reaper.h"
