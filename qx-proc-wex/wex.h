@@ -108,6 +108,7 @@ typedef struct wex_pid {
   uint32_t missed_start;  /* number of that start until its end has been handled, 0 = none */
   uint64_t start_time;    /* of the process, field 22 of /proc/PID/stat: tells a reused pid; 0 = unknown */
   uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
+  int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");

@@ -5,14 +5,20 @@
 #include "wex_dbg.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_status_image.h"
 
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) {
   const spawn_guard guard;
+  const int32_t old_pid = rec->pid;
   int32_t new_pid = -1;
+  wex_status_restarting(rec);
   const int32_t result = wex_spawn_as(action, rec, &new_pid);
   if (result < 1 && after.needs_process) {
     rec->restart_failed = result == 0 ? 1 : 0;
+    if (result == 0) {  // else it was parked, or the daemon ends
+      wex_status_tell(WEX_STATUS_EV_FAILED, rec);
+    }
     return result;
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
@@ -21,6 +27,7 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   if (after.may_postpone_next) {
     rec->force_restart = 0;
   }
+  wex_status_tell(new_pid < 1 ? WEX_STATUS_EV_FAILED : WEX_STATUS_EV_RESTARTED, rec, {old_pid, new_pid});
   return result;
 }
 

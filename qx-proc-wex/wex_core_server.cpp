@@ -32,6 +32,7 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
+#include "wex_status_image.h"
 
 namespace {
 
@@ -131,6 +132,7 @@ int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
   const message_rule* const rule = find_rule(msg.msg_type);
   if (rule == nullptr) {
     wex_dbg(WEX_DBG_PUB, "recv unknown type msg %d\n", static_cast<int>(msg.msg_type));
+    wex_status_count(WEX_STATUS_REFUSED);
     return -1;
   }
   if (!rule->acknowledged) {
@@ -179,11 +181,21 @@ bool drop_client(server& self, int sd) {
   return true;
 }
 
+// A client that has left sent nothing to be refused.
+void count_if_refused(int sd) {
+  char next = 0;
+  const ssize_t got = recv(sd, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT);
+  if (got > 0 || (got < 0 && errno == EAGAIN)) {
+    wex_status_count(WEX_STATUS_REFUSED);
+  }
+}
+
 // One message of one client. A client whose message is malformed loses its connection; others are unaffected.
 bool serve_client(server& self, int sd) {
   owned_msg msg;
   self.code = wex_recv_domain_msg(sd, msg.fill());
   if (self.code != 0) {
+    count_if_refused(sd);
     return drop_client(self, sd);
   }
   self.code = wex_rsp_domain_msg(sd, *msg.get());
@@ -307,7 +319,9 @@ bool handle_event(server& self, const epoll_event& event) {
 // to the end of its list.
 bool run_cycle(server& self) {
   memset(g_events, 0, sizeof g_events);
+  wex_status_idle(kStatusServer);
   const int ready = epoll_wait(self.epoll.get(), g_events, kServedAtOnce, kServerWaitMs);
+  wex_status_busy(kStatusServer);
   self.code = 0;
   for (int at = 0; at < ready; ++at) {
     if (!handle_event(self, g_events[at])) {
@@ -449,6 +463,7 @@ extern "C" void* wex_process_domain(void*) {
     wex_dbg(WEX_DBG_PUB, "%s: %s", kThread, strerror(errno));
     return nullptr;
   }
+  wex_status_thread_is(kStatusServer);
   server self;
   bool running = set_up(self);
   while (running && wex_exit_flag == 0) {

@@ -61,47 +61,61 @@ TEST_F(Wexstat, AServiceIsShownInEveryState) {
   ASSERT_TRUE(daemon.start());
   EXPECT_TRUE(checked(0, "well: 0 supervised")) << wexstat("--check").text;
   Service parked("parked");
-  Service held("held");
   Service down("down");
-  ASSERT_TRUE(parked.start() && held.start() && down.start());
-  EXPECT_TRUE(checked(0, "well: 3 supervised")) << wexstat("--check").text;
-  ASSERT_TRUE(is_in_state(held.pid(), "running")) << wexstat(number(held.pid())).text;
-  ASSERT_TRUE(held.ends_and_comes_back());
-  EXPECT_TRUE(told(number(held.pid()), "exited: SIGKILL")) << wexstat(number(held.pid())).text;
-  EXPECT_TRUE(told(number(held.pid()), "restarted as pid " + number(held.pid())));
-  EXPECT_TRUE(told(number(held.pid()), "1 since its registration"));
+  ASSERT_TRUE(parked.start() && down.start());
+  EXPECT_TRUE(checked(0, "well: 2 supervised")) << wexstat("--check").text;
+  ASSERT_TRUE(is_in_state(down.pid(), "running")) << wexstat(number(down.pid())).text;
+  ASSERT_TRUE(down.ends_and_comes_back());
+  EXPECT_TRUE(told(number(down.pid()), "exited: SIGKILL")) << wexstat(number(down.pid())).text;
+  EXPECT_TRUE(told(number(down.pid()), "restarted as pid " + number(down.pid())));
+  EXPECT_TRUE(told(number(down.pid()), "1 since its registration"));
 
   ASSERT_TRUE(parked.park());
   EXPECT_TRUE(is_in_state(parked.pid(), "parked, 59 min ")) << wexstat(number(parked.pid())).text;
   EXPECT_TRUE(checked(1, "1 parked: actor")) << wexstat("--check").text;
 
-  Holder holder({held.pid()});
-  const pid_t postponed = held.pid();
-  held.end();
-  EXPECT_TRUE(is_in_state(postponed, "postponed for ")) << wexstat().text;
-  EXPECT_TRUE(checked(1, "1 parked: actor; 1 postponed: actor")) << wexstat("--check").text;
-  holder.end();
-  ASSERT_TRUE(held.comes_back(20s));
-  EXPECT_TRUE(is_in_state(held.pid(), "running")) << wexstat().text;
-
   write_file("/etc/debug_log", "");
   unlink(kEventLog1);
   make_dirs(kEventLog1);  // what must be logged and cannot be is not done
-  const pid_t gone = down.pid();
   down.end();
-  EXPECT_TRUE(is_in_state(gone, "down for ")) << wexstat().text;
+  EXPECT_TRUE(is_in_state(down.pid(), "down for ")) << wexstat().text;
   EXPECT_TRUE(checked(1, "1 down: actor; 1 parked: actor")) << wexstat("--check").text;
+  Service running("running");
+  ASSERT_TRUE(running.start());
+  EXPECT_TRUE(is_in_state(running.pid(), "running")) << wexstat().text;
   const std::vector<std::string> lines = lines_of(wexstat().text);
   ASSERT_EQ(6U, lines.size()) << wexstat().text;
   EXPECT_NE(std::string::npos, lines[3].find(" down for ")) << "problems come first";
   EXPECT_NE(std::string::npos, lines[4].find(" parked, "));
   EXPECT_NE(std::string::npos, lines[5].find(" running "));
 
-  send_signal(held.pid(), SIGTERM);  // on purpose
+  running.end(SIGTERM);  // on purpose
   EXPECT_TRUE(told("--history", "stopped on purpose")) << wexstat("--history").text;
-  EXPECT_TRUE(eventually([&] { return wexstat(number(held.pid())).status == 1; }, 20s)) << "forgotten";
+  EXPECT_TRUE(eventually([&] { return wexstat(number(running.pid())).status == 1; }, 20s)) << "forgotten";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
+  daemon.kill_now();
+}
+
+TEST_F(Wexstat, APostponedRestartIsShownUntilItIsMade) {
+  const std::vector<std::string> options = {"--tag=held", "--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process held;
+  ASSERT_TRUE(held.start(actor_words(options)));
+  const pid_t pid = wait_for_actor(options);
+  ASSERT_EQ(held.pid(), pid);
+  Holder holder({pid});
+  held.send(SIGKILL);
+  held.wait();
+  EXPECT_TRUE(is_in_state(pid, "postponed for ")) << wexstat().text;
+  EXPECT_TRUE(checked(1, "1 postponed: actor")) << wexstat("--check").text;
+  holder.end();
+  const pid_t next = wait_for_actor(options, pid, 20s);
+  ASSERT_GT(next, 0);
+  EXPECT_TRUE(is_in_state(next, "running")) << wexstat().text;
+  EXPECT_TRUE(told(number(next), "restart postponed: its database file is held"))
+      << wexstat(number(next)).text;
   daemon.kill_now();
 }
 
