@@ -278,6 +278,13 @@ bool clear_slots(int fd, uint32_t used) {
   return true;
 }
 
+// Counters and threads are this daemon's own.
+bool clear_counts(int fd) {
+  constexpr size_t kFrom = offsetof(wex_status_head, counters);
+  constexpr char kNothing[sizeof(wex_status_head) - kFrom] = {};
+  return write_at(fd, kNothing, sizeof kNothing, kFrom);
+}
+
 // Goes on with the table of an earlier daemon of the same kind. False when it is to be replaced.
 bool take_over(table* to, int fd) {
   wex_status_head before = {};
@@ -290,7 +297,8 @@ bool take_over(table* to, int fd) {
   to->head.event_next = before.event_next;
   wex_status_begin(to->head.generation, before.event_next);
   to->event_next = before.event_next - WEX_STATUS_EVENTS;  // all are written again, as they were checked
-  return take_over_events(fd, before, to->head.started_monotonic) && clear_slots(fd, before.slots_used);
+  return take_over_events(fd, before, to->head.started_monotonic) && clear_slots(fd, before.slots_used) &&
+         clear_counts(fd);
 }
 
 // Head and ring have their memory from the beginning.
