@@ -8,7 +8,7 @@ fail() { echo "FAIL: $*"; exit 1; }
 export DATA_OVIX_DIR=/data/.ovix/vsd/0
 PATH=${stat%/*}:$PATH
 "$wex" < /dev/null & daemon=$!
-(cd / && setsid "$services/worker" < /dev/null > /dev/null 2>&1 &)
+(cd / && setsid "$services/worker" < /dev/null > /dev/null 2>&1 &) 2> /dev/null
 wexstat --wait worker --timeout 20 || fail "worker does not run"
 pid() { wexstat --json | sed -n 's/.*"name":"worker","pid":\([0-9]*\).*/\1/p'; }
 first=$(pid)
@@ -21,8 +21,9 @@ done
 wexstat --openmetrics > "$out/openmetrics" || fail "no OpenMetrics"
 "$examples/wex-textfile" "$out/wex.prom" || fail "wex-textfile"
 [ "$(ls "$out" | tr '\n' ' ')" = "openmetrics wex.prom " ] || fail "wex-textfile leaves something: $(ls "$out")"
-# With a full disk the file from before stays.
-"$examples/wex-textfile" /dev/full 2> /dev/null && fail "wex-textfile is content with nothing"
+# Without output the file from before stays.
+PATH=/usr/bin:/bin "$examples/wex-textfile" "$out/wex.prom" 2> /dev/null && fail "wex-textfile is content with nothing"
+grep -q '^wex_up 1$' "$out/wex.prom" && [ "$(ls "$out" | wc -l)" = 2 ] || fail "wex-textfile spoils the file"
 kill -INT "$daemon"
 wait "$daemon"
 kill -KILL "$(pid)"
