@@ -20,7 +20,7 @@
 #include "wex_status_file.h"
 
 namespace {
-int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life
+int g_wakeup[2] = {-1, -1};  // read end, write end; made before any thread runs, open for life
 }  // namespace
 
 extern "C" {
