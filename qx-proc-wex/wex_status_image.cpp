@@ -338,6 +338,15 @@ bool wex_status_copy_event(uint32_t number, wex_status_event* copy) {
   return copy->kind != WEX_STATUS_EV_NONE && copy->number == number;
 }
 
+bool wex_status_copy_slot(uint32_t number, wex_status_slot* copy) {
+  const mutex_lock hold(g_mutex);
+  const bool shown = number < g_slots_used && g_slots[number].state != WEX_STATUS_FREE;
+  if (shown) {
+    *copy = g_slots[number];
+  }
+  return shown;
+}
+
 void wex_status_copy_words(status_words* words) {
   {
     const mutex_lock hold(g_mutex);
