@@ -24,8 +24,13 @@
 #include "unique_fd.h"
 #include "waiting.h"
 #include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 #include "wex_child.h"
 #include "wex_core_claim.h"
+#include "wex_core_fork.h"
+#include "wex_core_netlink.h"
+#include "wex_core_notify.h"
+#include "wex_core_server.h"
 #include "wex_core_stop.h"
 #include "wex_core_upkeep.h"
 #include "wex_core_watched_names.h"
@@ -35,7 +40,7 @@
 #include "wex_log.h"
 #include "wex_opt.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_signals.h"
 #include "wex_signals_alarm.h"
 #include "wex_signals_reaper.h"
@@ -168,11 +173,16 @@ void start_threads(threads* running) {
 // The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
 void show_status() {
   wex_status_thread_is(kStatusMain);
+  const int news = wex_status_open_news();
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMain);
+    wex_status_take_news();
     wex_status_publish();
     wex_status_idle(kStatusMain);
     wex_wait_exit(kStatusPassMs);
+    if (news >= 0) {
+      wex_wait_exit_or(news, kStatusIdleMs);
+    }
   }
 }
 

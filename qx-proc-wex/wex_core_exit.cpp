@@ -287,7 +287,7 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     return;
   }
   if (__wex_start_again(&wex_chains, rec, action, kAfterExit) > 0 && del_dev_mon_restart() < 0) {
-    wex_log_restarted(rec, action, kAfterExit);
+    wex_log_restarted(rec, action, kAfterExit, __LINE__);
     log_success(action, rec);
   }
 }

@@ -1,7 +1,7 @@
 // wex_core_fork: watches the fork-failure file. A daemon that cannot fork cannot restart anything; after
 // the seventh failure it ends, so that it can be started afresh.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_fork.h"
 
 #include <fcntl.h>
 #include <poll.h>

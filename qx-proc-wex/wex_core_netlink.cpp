@@ -16,7 +16,6 @@
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_event.h"
 #include "wex_core_executed.h"
 #include "wex_core_filter.h"

@@ -13,7 +13,6 @@
 #include "wex_alive_guard.h"
 #include "wex_black_box.h"
 #include "wex_chain.h"
-#include "wex_core.h"
 #include "wex_core_notify.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
@@ -186,7 +185,7 @@ void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
 // Somebody may have removed or cut the table. Reports may then go to another one, and a silent thread looks
 // like one that reports there.
 bool check_table() {
-  static bool logged = false;
+  static bool logged = false;  // watchdog's thread only
   const bool intact = wex_alive_table_intact();
   if (!intact && !logged) {
     wex_running_log(

@@ -31,7 +31,7 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   return result;
 }
 
-void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after) {
+void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line) {
   const char* const name = wex_program_name(rec);
   if (after.logs_exit && rec->exit_signal == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
@@ -39,6 +39,8 @@ void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_cas
     printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
                       rec->check_count, name, rec->pid);
   }
-  wex_dbg_as(after.module, WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n",
-             after.logs_exit ? action.done_print : action.done, rec->check_count, name, rec->pid);
+  if (wex_dbg_on(WEX_DBG_PUB)) {
+    wex_dbg_print(after.module, line, "%s Self-checking OK: %d times and new id %s/%d.\n",
+                  after.logs_exit ? action.done_print : action.done, rec->check_count, name, rec->pid);
+  }
 }

@@ -4,7 +4,7 @@
 // runs at real-time priority: everything here is bounded, and no send waits for a client.
 #define WEX_MODULE "wex_core"
 
-#include "wex_core.h"
+#include "wex_core_server.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -22,6 +22,7 @@
 #include "ras_os.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
+#include "wex_action.h"
 #include "wex_core_claim.h"
 #include "wex_core_stop.h"
 #include "wex_core_watched_names.h"
@@ -67,8 +68,9 @@ struct server {
   }
 };
 
-int32_t
-    g_client_table[kMaxClients];  // static, for 2048 slots are too much for a thread's stack on the device
+// The server's thread's alone: no lock. Static, for 2048 slots are too much for a thread's stack on the
+// device.
+int32_t g_client_table[kMaxClients];
 epoll_event g_events[kServedAtOnce];
 
 // ---- Messages ---------------------------------------------------------------------------------------------
@@ -88,8 +90,8 @@ struct message_rule {
 };
 
 constexpr message_rule kRules[] = {
-    {WEX_RESTART, true, [](const request& in) { return wex_process_restart(&in.reg); }},
-    {WEX_SHELL_RESTART, true,
+    {kRespawn.message, true, [](const request& in) { return wex_process_restart(&in.reg); }},
+    {kShellRestart.message, true,
      [](const request& in) { return wex_process_shell_restart(&in.reg, in.script); }},
     {WEX_NOTIFIER_START, true, [](const request& in) { return wex_notifier_start(&in.reg); }},
     {WEX_NOTIFIER_RESET, false, [](const request& in) { return wex_notifier_reset(&in.reg); }},  // sent often

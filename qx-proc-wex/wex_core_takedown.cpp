@@ -128,7 +128,7 @@ bool wex_take_down_under_way() {
 // The marker of a take-down that was cut short stays and keeps exited programs down, so the running log says
 // that it is there.
 void wex_log_take_downs() {
-  static bool logged = false;
+  static bool logged = false;  // delay thread only
   const int32_t acted_on = g_acted_on.exchange(0);
   const int32_t marked = first_marked_domain();
   const int32_t domain = marked != 0 ? marked : acted_on;

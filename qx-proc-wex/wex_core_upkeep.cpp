@@ -15,7 +15,6 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"

@@ -32,7 +32,7 @@
 namespace {
 
 std::atomic<bool> g_stop{false};
-pthread_t g_thread;
+pthread_t g_thread;  // these two are the main thread's alone
 bool g_started = false;
 
 int64_t deadline_of(const wex_pid* rec, int32_t wait) {
@@ -86,7 +86,7 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     if (deadline < now) {
       end_wait(rec, now);
       if (__wex_start_again(&wex_chains, rec, *action, kAfterWait) > 0) {
-        wex_log_restarted(rec, *action, kAfterWait);
+        wex_log_restarted(rec, *action, kAfterWait, __LINE__);
       }
     } else if (next < deadline) {
       next = deadline;

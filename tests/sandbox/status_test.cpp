@@ -180,6 +180,8 @@ TEST_F(Status, TheThreadsOfTheDaemonComeRound) {
     return named == 7;
   }));
   const int64_t before = StatusReader().head().threads[0].last_pass;
+  Service service("news");  // an idle daemon has its threads looked at every ten seconds only
+  ASSERT_TRUE(service.start());
   EXPECT_TRUE(eventually([&] { return StatusReader().head().threads[0].last_pass > before; }, 30s));
 }
 
