@@ -272,7 +272,7 @@ void await_exec(pid_t child, const unique_fd& started) {
 }
 
 // Forks a child that runs the program. The child's pid, or -1 with errno.
-pid_t fork_child(const launch& start) {
+pid_t fork_child(const launch& start) WEX_TSA(requires_capability(wex_chains)) {
   int ends[2] = {-1, -1};
   if (start.domain >= kFirstDomain && pipe(ends) == 0) {
     ras_os_set_fd_close_on_exec(ends[0]);
@@ -285,6 +285,7 @@ pid_t fork_child(const launch& start) {
     run_child(start);
   }
   starting.reset();
+  __wex_expect_exit(static_cast<int32_t>(child));
   if (child > 0 && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, static_cast<int32_t>(child));
     if (started.valid()) {
