@@ -21,6 +21,7 @@
 #include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -147,9 +148,7 @@ class candidates {
 void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   char dir[kPathSize];
   text_block names;
-  if (!wex_format(dir, sizeof dir, kDbDirFmt, vsd)) {
-    return;
-  }
+  wex_name_db_dir(vsd, dir);
   while (!read_names(dir, &names)) {
     safe_sleep(kMemoryRetrySec);
   }

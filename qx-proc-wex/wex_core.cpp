@@ -104,18 +104,7 @@ unique_fd hold_directory(int lock) {
 }
 
 void make_directories() {
-  for (const char* const path : kMainDirs) {
-    wex_make_dir(path, kOpenDirMode);
-  }
-  if (wex_has_second_disk()) {
-    for (const char* const path : kData2Dirs) {
-      wex_make_dir(path, kOpenDirMode);
-    }
-  }
-  for (const char* const path : kRunDirs) {
-    wex_make_dir(path, kOpenDirMode);
-  }
-  chmod(kDataDir, kOpenDirMode);
+  wex_make_main_dirs();
   for (int32_t domain = kMainSystem; domain < WEX_DOMAINS; ++domain) {
     wex_make_domain_dirs(domain, WEX_MADE_AT_START);
   }

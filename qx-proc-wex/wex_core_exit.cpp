@@ -3,20 +3,13 @@
 #define WEX_MODULE "wex_core"
 #include "wex_core_exit.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "chain_lock.h"
-#include "dir_walk.h"
 #include "guarded_file.h"
-#include "text_buffer.h"
-#include "text_number.h"
-#include "trusted_path.h"
-#include "unique_fd.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
@@ -126,29 +119,19 @@ bool change_dir(const char* path) {
   return false;
 }
 
-// Deletes the domain's flag file of `pid`. Names are looked up in the opened directory: the working directory
-// is the whole process's, and a restart may move it meanwhile.
+void log_refused(const char* name) {
+  wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", kHandler, name, strerror(errno));
+}
+
 bool remove_flag_file(int32_t vsd, int32_t pid) {
   char path[kPathSize];
-  wex_format(path, sizeof path, kFlagDirFmt, vsd);
+  wex_name_flag_dir(vsd, path);
   if (!change_dir(path)) {
     return false;
   }
-  dir_walk flags(open_trusted_dir(AT_FDCWD, path));
-  if (!flags.valid()) {
+  if (!wex_remove_checked_flag_file(vsd, pid, log_refused)) {
     wex_dbg(WEX_DBG_PUB, "%s: opendir fail: %s\n", kHandler, strerror(errno));
     return false;
-  }
-  while (const dirent* const entry = flags.next()) {
-    const unique_fd flag = open_trusted(flags.fd(), entry->d_name, O_RDWR | O_NONBLOCK);
-    if (!flag.valid()) {
-      wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", kHandler, entry->d_name, strerror(errno));
-      continue;
-    }
-    if (text_to_number(entry->d_name) == pid) {
-      unlinkat(flags.fd(), entry->d_name, 0);
-      break;
-    }
   }
   return true;
 }

@@ -17,6 +17,7 @@
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_utils.h"
@@ -70,7 +71,7 @@ void adopt_if_lost(int32_t vsd, const char* path) {
 void look_at_domain(int32_t vsd) {
   char dir[kPathSize];
   char path[kPathSize];
-  wex_format(dir, sizeof dir, kDbDirFmt, vsd);
+  wex_name_db_dir(vsd, dir);
   dir_walk files(dir);
   while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
     const int32_t pid = pid_of_name(entry->d_name);

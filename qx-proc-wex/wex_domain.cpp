@@ -1,5 +1,5 @@
 // wex_domain: what domain n is: its group, its directories with their variables and who makes and removes
-// them, its flag files, its take-down marker.
+// them, its take-down marker.
 #include "wex_domain.h"
 
 #include <fcntl.h>
@@ -27,10 +27,26 @@ void make_parents(const char* path) {
   }
 }
 
+template <size_t count, size_t length>
+void make_dirs(const char (&paths)[count][length]) {
+  for (const char* const path : paths) {
+    wex_make_dir(path, kOpenDirMode);
+  }
+}
+
 }  // namespace
 
 bool wex_has_second_disk() {
   return access(kData2Dir, F_OK) == 0;
+}
+
+void wex_make_main_dirs() {
+  make_dirs(kMainDirs);
+  if (wex_has_second_disk()) {
+    make_dirs(kData2Dirs);
+  }
+  make_dirs(kRunDirs);
+  chmod(kDataDir, kOpenDirMode);
 }
 
 void wex_make_domain_dirs(int32_t vsd, unsigned maker) {
@@ -58,10 +74,12 @@ int wex_enter_run_dir(int32_t vsd) {
   return wex_chdir(path);
 }
 
-bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode) {
-  char path[kPathSize];
-  wex_format(path, sizeof path, kFlagFileFmt, vsd, pid);
-  return wex_open_file(path, O_RDWR | O_CREAT, mode).valid();
+void wex_name_domain_dir(int32_t vsd, char (&path)[kPathSize]) {
+  wex_format(path, sizeof path, kDomainDirFmt, vsd);
+}
+
+void wex_name_db_dir(int32_t vsd, char (&path)[kPathSize]) {
+  wex_format(path, sizeof path, kDbDirFmt, vsd);
 }
 
 void wex_take_down_marker(int32_t vsd, char (&path)[kPathSize]) {

@@ -1,5 +1,5 @@
 // wex_domain: what domain n is: its group, its directories with their variables and who makes and removes
-// them, its flag files, its take-down marker.
+// them, its take-down marker. Its flag files are wex_flag_file's.
 //
 // Everything else about domains (their life, their control groups, what the daemon does while one is taken
 // down) asks here. No state; any thread may call anything, also between fork and exec.
@@ -102,6 +102,9 @@ inline constexpr int kDomainVariables = count_domain_variables();
 
 bool wex_has_second_disk();
 
+// Makes the directories of the main system, as far as they are missing. Failures are ignored.
+void wex_make_main_dirs();
+
 // Makes the domain's directories of this maker (one of WEX_MADE_), as far as they are missing, and sets their
 // variables for the calling process, which must have no other thread where there are any. Failures are
 // ignored.
@@ -110,10 +113,11 @@ void wex_make_domain_dirs(int32_t vsd, unsigned maker);
 // Changes to the directory in which the domain's programs run. 0, or -1 with errno.
 int wex_enter_run_dir(int32_t vsd);
 
-// ---- Flag files and the take-down marker ------------------------------------------------------------------
+// ---- Names ------------------------------------------------------------------------------------------------
 
-// Makes the empty file that says that `pid` is a process of the domain. False with errno.
-bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode);
+// The domain's own directory, and the one of its database files.
+void wex_name_domain_dir(int32_t vsd, char (&path)[kPathSize]);
+void wex_name_db_dir(int32_t vsd, char (&path)[kPathSize]);
 
 // The name of the file that exists while the domain is taken down.
 void wex_take_down_marker(int32_t vsd, char (&path)[kPathSize]);

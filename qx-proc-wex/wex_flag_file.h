@@ -1,7 +1,12 @@
-// wex_flag_file: the flag files, which say which process belongs to which domain.
+// wex_flag_file: the flag files, which say which process belongs to which domain: their names, making and
+// removing them. No state; any thread may call anything, the removal also between fork and exec.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+
+#include "wex_paths.h"
 
 extern "C" {
 
@@ -12,5 +17,16 @@ int32_t find_app(int32_t pid);
 int save_proc_info(int32_t vsd, int32_t pid);
 }
 
-// Removes the flag files of `pid` in the domain. Also between fork and exec.
+// The domain's directory of flag files, with a slash at its end, and the flag file of `pid`.
+void wex_name_flag_dir(int32_t vsd, char (&path)[kPathSize]);
+void wex_name_flag_file(int32_t vsd, int32_t pid, char (&path)[kPathSize]);
+
+// Makes the empty file that says that `pid` is a process of the domain. False with errno.
+bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode);
+
+// Removes every flag file of `pid` in the domain.
 void wex_remove_flag_files(int32_t vsd, int32_t pid);
+
+// Removes one flag file of `pid`. Each name before it is opened first, and `refused` is told, with errno, of
+// what cannot be: that stays. False with errno when the directory cannot be opened.
+bool wex_remove_checked_flag_file(int32_t vsd, int32_t pid, void (*refused)(const char* name));

@@ -11,9 +11,9 @@
 #include <cstdlib>
 
 #include "dir_walk.h"
-#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_paths.h"
 #include "wex_vsd.h"
 
@@ -114,7 +114,8 @@ void handle_option_and_number(int argc, char** argv) {
 
 bool domain_present(int32_t vsd) {
   char path[kPathSize];
-  return wex_format(path, sizeof path, kDomainDirFmt, vsd) && dir_walk(path).valid();
+  wex_name_domain_dir(vsd, path);
+  return dir_walk(path).valid();
 }
 
 // wex add PROGRAM NUMBER

@@ -23,7 +23,6 @@ inline constexpr char kEventLog2[]        = WEX_RUN "/wex.log2";                
 inline constexpr char kDomainDirFmt[]     = WEX_DOMAIN;                           // any, gone: domain
 inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                       // the same, as a directory to probe
 inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
-inline constexpr char kFlagDirBareFmt[]   = WEX_DOMAIN "/wex";                    // the same without its slash
 inline constexpr char kFlagFileFmt[]      = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
 inline constexpr char kDbDirFmt[]         = WEX_DOMAIN "/wex/db";                 // daemon, gone: domain
 inline constexpr char kDbFileFmt[]        = WEX_DOMAIN "/wex/db/%s.%d";           // client, gone: domain, program, pid
@@ -99,21 +98,22 @@ inline constexpr char kUptime[]           = "/proc/uptime";
 inline constexpr char kRootDir[]          = "/";
 inline constexpr char kLibraryMark[]     = "/lib";                        // in the path of every library's mapping
 
-// Directories of the main system, in the order in which they are made.
-inline constexpr const char* kMainDirs[] = {
+// Directories of the main system, in the order in which they are made. Rows of characters: pointers to texts would cost
+// a relocation each, and the client library would carry the texts without using them.
+inline constexpr char kMainDirs[][24] = {
     "/qx_cfg/",      "/qx_cfg/vsd_common/",      "/qx_cfg/vsd/",      "/qx_cfg/vsd/0",
     "/ovix/",        "/ovix/vsd_common/",        "/ovix/vsd/",        "/ovix/vsd/0",
     "/ovix/vsd/0/utils", "/ovix/vsd/0/utils/wex",
     "/data/.ovix/",  "/data/.ovix/vsd_common/",  "/data/.ovix/vsd/",  "/data/.ovix/vsd/0"};
 
 // Only on a device with a second data disk.
-inline constexpr const char* kData2Dirs[] = {"/data2/.ovix/", "/data2/.ovix/vsd/", "/data2/.ovix/vsd/0",
-                                             "/data2/var/",   "/data2/var/run/",   "/data2/var/run/vsd/"};
+inline constexpr char kData2Dirs[][20] = {"/data2/.ovix/", "/data2/.ovix/vsd/", "/data2/.ovix/vsd/0",
+                                          "/data2/var/",   "/data2/var/run/",   "/data2/var/run/vsd/"};
 
 // Kept: the last entry is the bare format; making it normally fails without harm, see docs/decisions.md.
-inline constexpr const char* kRunDirs[] = {"/tmp/vsd_common/", "/tmp/vsd",           "/tmp/vsd/0",
-                                           "/etc/vsd",         "/etc/vsd/0",         "/data/var/",
-                                           "/data/var/run/",   "/data/var/run/vsd/", kDbDirFmt};
+inline constexpr char kRunDirs[][20] = {"/tmp/vsd_common/", "/tmp/vsd",           "/tmp/vsd/0",
+                                        "/etc/vsd",         "/etc/vsd/0",         "/data/var/",
+                                        "/data/var/run/",   "/data/var/run/vsd/", WEX_DOMAIN "/wex/db"};
 
 inline constexpr char kDataDir[]          = "/data/";                             // device, opened to everybody
 // clang-format on

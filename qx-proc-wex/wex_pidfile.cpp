@@ -26,6 +26,7 @@
 #include "wex_action.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 
@@ -131,7 +132,7 @@ void save_vsd_flag(int32_t vsd, int32_t pid) {
   }
   const int cause = errno;
   char path[kPathSize];
-  wex_format(path, sizeof path, kFlagFileFmt, vsd, pid);
+  wex_name_flag_file(vsd, pid, path);
   wex_dbg(WEX_DBG_PUB, "%s: open %s fail: %s\n", __func__, path, strerror(cause));
 }
 

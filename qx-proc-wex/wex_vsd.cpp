@@ -27,6 +27,7 @@
 #include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
@@ -303,7 +304,7 @@ int show_vsd(void) {
   int32_t vsd = kFirstDomain;
   for (; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
-    wex_format(path, sizeof path, kFlagDirFmt, vsd);
+    wex_name_flag_dir(vsd, path);
     dir_walk dir(open_trusted(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
     if (!dir.valid()) {
       continue;

@@ -25,6 +25,7 @@
 #include "waiting.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 
@@ -132,7 +133,7 @@ bool move_marked(dir_walk& dir, int32_t vsd) {
 
 void set_cgroups(int32_t vsd) {
   char flags[kPathSize];
-  wex_format(flags, sizeof flags, kFlagDirFmt, vsd);
+  wex_name_flag_dir(vsd, flags);
   if (wex_chdir(flags) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: chdir fail: %s\n", __func__, strerror(errno));
     return;
@@ -175,7 +176,7 @@ bool read_candidate(int32_t pid, int32_t* kib) {
 largest_process find_largest(int32_t vsd) {
   largest_process largest = {0, 0};
   char flags[kPathSize];
-  wex_format(flags, sizeof flags, kFlagDirFmt, vsd);
+  wex_name_flag_dir(vsd, flags);
   dir_walk dir(open_trusted(AT_FDCWD, flags, O_RDONLY | O_DIRECTORY));
   if (!dir.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: open dir fail: %s\n", "find_max_rss", strerror(errno));

@@ -73,7 +73,7 @@ inline void hold_memory(size_t kib) {
 }
 
 inline void make_marker_dir(int vsd) {
-  make_dirs(path_of(kFlagDirBareFmt, vsd));
+  make_dirs(path_of(kFlagDirFmt, vsd));
 }
 
 inline void mark(int vsd, pid_t pid) {
