@@ -14,8 +14,8 @@
 #include <iterator>
 
 #include "chain_lock.h"
-#include "priority_mutex.h"
 #include "pid_set.h"
+#include "priority_mutex.h"
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"

@@ -16,6 +16,7 @@
 #include "mutex_lock.h"
 #include "priority_mutex.h"
 #include "wex_core_filter_program.h"
+#include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
 
 namespace {
@@ -45,8 +46,8 @@ int g_events WEX_TSA(guarded_by(g_lock)) = -1;
 unsigned g_threads_for WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
 bool g_executions WEX_TSA(guarded_by(g_lock)) = true;
 pid_set g_exits WEX_TSA(guarded_by(g_lock));
-bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;  // more processes than the set holds
-bool g_refused WEX_TSA(guarded_by(g_lock)) = false;   // the kernel did not take the set
+bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;                 // more processes than the set holds
+bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
 passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
 difference g_difference WEX_TSA(guarded_by(g_lock)) = difference::none;
 sock_filter g_program[kFilterProgramMax] WEX_TSA(guarded_by(g_lock));
@@ -84,11 +85,14 @@ bool attach(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
   return true;
 }
 
+// Where even that fails, the sweep looks for what is not reported meanwhile, and tidying tries again.
 void detach() WEX_TSA(requires_capability(g_lock)) {
-  if (set_option(SO_DETACH_FILTER, {})) {
-    g_in_place = kUnfiltered;
-    g_difference = difference::none;
+  if (!set_option(SO_DETACH_FILTER, {})) {
+    wex_request_sweep();
+    return;
   }
+  g_in_place = kUnfiltered;
+  g_difference = difference::none;
 }
 
 // Somebody waits for what the filter in place drops.

@@ -41,8 +41,7 @@ class program_writer {
     if_true = near(if_true);
     const auto over_true = static_cast<uint8_t>(if_true - at_);
     const auto over_false = static_cast<uint8_t>(if_false - at_);
-    space_[--at_] =
-        BPF_JUMP(static_cast<uint16_t>(BPF_JMP | comparison), operand, over_true, over_false);
+    space_[--at_] = BPF_JUMP(static_cast<uint16_t>(BPF_JMP | comparison), operand, over_true, over_false);
     return at_;
   }
 
@@ -66,7 +65,8 @@ struct outcomes {
   size_t drop;
 };
 
-// The search among [first, first + count) for the word that A belongs to. Goes on at `test` with its bits in A.
+// The search among [first, first + count) for the word that A belongs to. Goes on at `test` with its bits in
+// A.
 size_t write_search(program_writer* out, const pid_set::word* first, size_t count, size_t test,
                     size_t* drop) {
   if (count == 1) {

@@ -20,7 +20,8 @@
 
 namespace {
 
-constexpr uint32_t kOfTheList = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE;
+constexpr uint32_t kOfTheList =
+    IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE;
 constexpr uint32_t kOfTheDirectory = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr uint32_t kWatchIsLost = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
 
@@ -56,11 +57,17 @@ bool tells_the_end(const char* bytes, size_t size) {
 
 void list_watch::open() {
   instance_.reset(open_instance());
-  if (instance_.valid() && inotify_add_watch(instance_.get(), kThirdPartListDir, kOfTheList | kOfTheDirectory) < 0) {
-    instance_.reset();
+  const auto add = [this](const char* dir) {
+    return instance_.valid() && inotify_add_watch(instance_.get(), dir, kOfTheList | kOfTheDirectory) >= 0;
+  };
+  of_parent_ = false;
+  if (add(kThirdPartListDir)) {
+    return;
   }
-  if (!instance_.valid()) {
+  of_parent_ = errno == ENOENT && add(kSettingsDir);
+  if (!of_parent_) {
     wex_dbg(WEX_DBG_PUB, "%s is not watched: %s\n", kThirdPartListDir, strerror(errno));
+    instance_.reset();
   }
 }
 
@@ -79,9 +86,11 @@ bool list_watch::may_name_programs() const {
 void list_watch::take_changes() {
   char bytes[1024];
   ssize_t size;
-  while (instance_.valid() && (size = read(instance_.get(), bytes, sizeof bytes)) > 0) {
-    if (tells_the_end(bytes, static_cast<size_t>(size))) {
-      instance_.reset();
-    }
+  bool lost = false;
+  while ((size = read(instance_.get(), bytes, sizeof bytes)) > 0) {
+    lost = lost || of_parent_ || tells_the_end(bytes, static_cast<size_t>(size));
+  }
+  if (lost) {
+    open();  // another directory may have taken its place
   }
 }

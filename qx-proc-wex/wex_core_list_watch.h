@@ -14,9 +14,10 @@ class list_watch {
   // Readable when the list may have changed; below 0 when there is no such descriptor.
   int fd() const noexcept { return instance_.get(); }
 
-  // Takes what fd() has to say.
+  // Takes what fd() has to say, before the next look at the list.
   void take_changes();
 
  private:
   unique_fd instance_;
+  bool of_parent_ = false;  // the list's directory was not there
 };

@@ -227,7 +227,8 @@ void receive_one(monitor* state) {
 // Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
 // the flag again, -1 with errno.
 int wait_for_event(monitor* state, int limit_ms) {
-  struct pollfd inputs[] = {{state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}, {state->list.fd(), POLLIN, 0}};
+  struct pollfd inputs[] = {
+      {state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}, {state->list.fd(), POLLIN, 0}};
   int ready = poll(inputs, 3, 0);
   if (ready == 0 && state->missed_some && state->executions_wanted && state->ack_wait_ms < 0) {
     // Only now that the queue is empty, for a full one makes the kernel drop further events, and only after

@@ -1,5 +1,5 @@
-// pid_set: a bounded set of process ids as a sparse bit table, in the form in which a packet filter can search
-// it (wex_core_filter_program).
+// pid_set: a bounded set of process ids as a sparse bit table, in the form in which a packet filter can
+// search it (wex_core_filter_program).
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,8 @@
 
 class pid_set {
  public:
-  static constexpr size_t kWords = 512;  // a program of four instructions a word fits what older kernels allow
+  static constexpr size_t kWords =
+      512;  // a program of four instructions a word fits what older kernels allow
 
   // 32 neighbouring ids. Their common part is in network order, and the words are sorted by that.
   struct word {

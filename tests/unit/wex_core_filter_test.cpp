@@ -87,7 +87,8 @@ class Filter : public ::testing::Test {
   void expect_exactly(const std::set<int32_t>& pids) {
     for (const int32_t pid : pids) {
       ASSERT_TRUE(exit_passes(pid)) << pid;
-      for (const int32_t other : {pid - 1, pid + 1, pid ^ 0x20, pid ^ 0x2000, pid ^ 0x10000, pid ^ 0x1000000}) {
+      for (const int32_t other :
+           {pid - 1, pid + 1, pid ^ 0x20, pid ^ 0x2000, pid ^ 0x10000, pid ^ 0x1000000}) {
         ASSERT_EQ(pids.count(other) != 0, exit_passes(other)) << other << " beside " << pid;
       }
     }
