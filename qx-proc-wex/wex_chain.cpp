@@ -328,14 +328,24 @@ int wex_destroy_chains(wex_chains_t* chain) {
 }
 
 void wex_note_identity(wex_pid* rec) {
+  rec->thread_of = wex_is_thread(rec->pid) ? wex_get_ppid_form_pid(rec->pid) : 0;
+  wex_note_start(rec);
+}
+
+void wex_note_start(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
-  rec->start_time = rec->pid > 0 && wex_proc_stat(rec->pid, &state, &start_time) ? start_time : 0;
-  rec->is_thread = wex_is_thread(rec->pid) ? 1 : 0;
+  const int32_t process = wex_process_of(rec);
+  rec->start_time = process > 0 && wex_proc_stat(process, &state, &start_time) ? start_time : 0;
+}
+
+int32_t wex_process_of(const wex_pid* rec) {
+  return rec->thread_of != 0 ? rec->thread_of : rec->pid;
 }
 
 bool wex_record_lives(const wex_pid* rec) {
-  return rec->pid > 0 && rec->start_time != 0 && wex_proc_lives(rec->pid, rec->start_time);
+  const int32_t process = wex_process_of(rec);
+  return process > 0 && rec->start_time != 0 && wex_proc_lives(process, rec->start_time);
 }
 
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {

@@ -86,8 +86,15 @@ wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TS
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid)
     WEX_TSA(requires_capability(chain, wex_chains));
 
-// Remembers the identity of the record's present process, so that a reused pid is not taken for it.
+// Remembers the identity of the record's present process, so that a reused pid is not taken for it. Whoever
+// registered a thread means its process.
 void wex_note_identity(wex_pid* rec);
+
+// The second half of it, for a record whose `thread_of` is known.
+void wex_note_start(wex_pid* rec);
+
+// The process that the record stands for: its pid, or the process whose thread has that id. May be below 1.
+int32_t wex_process_of(const wex_pid* rec);
 
 // True when the record's own process (not a stranger with its pid) is alive now; false when its identity was
 // never noted. Reads /proc once, no sleeping.

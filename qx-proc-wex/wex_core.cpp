@@ -17,6 +17,7 @@
 
 #include "dir_walk.h"
 #include "guarded_file.h"
+#include "held_dir.h"
 #include "ras_os_sem.h"
 #include "safe_io.h"
 #include "text_buffer.h"
@@ -230,6 +231,7 @@ int main(int argc, char** argv) {
   hide_open_files();  // files that our starter left open are not inherited by the programs we start
   raise_open_file_limit();
   make_directories();
+  wex_hold_dirs();
   wex_log_moved_names();
   wex_init_wakeup();
   if (!restore_registry()) {

@@ -88,7 +88,7 @@ bool is_of_closing_domain(const wex_pid* rec) {
 // Living programs of the domain are left to the exit monitor: the take-down may be cut short.
 bool is_down(const wex_pid* rec) {
   return rec->alarm_wait_flag == 1 || rec->restart_failed != 0 || rec->pid < 1 ||
-         wex_judge_presence(wex_look_at(rec->pid), rec->start_time) == presence::absent;
+         wex_judge_presence(wex_look_at(wex_process_of(rec)), rec->start_time) == presence::absent;
 }
 
 void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {

@@ -19,7 +19,6 @@
 namespace wex_test {
 namespace {
 
-constexpr char kConsoleLog[] = "/dev/console.log";
 size_t console_mark = 0;
 
 std::string link_target(const std::string& path) {

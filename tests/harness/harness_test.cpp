@@ -221,6 +221,42 @@ TEST(LeakGate, EveryKindOfLeakIsReportedOnceAndWhatCanBeIsSwept) {
   }
 }
 
+// A program of its own: a case of the daemon that prints, fails if it is told so, and ends.
+class prints_and_ends : public WexWorld {
+ public:
+  explicit prints_and_ends(bool fails) : fails_(fails) {}
+  void TestBody() override {
+    EXPECT_TRUE(exited_with(run({"sh", "-c", "seq -f 'line %g of 100' 100 > /dev/console"}), 0));
+    EXPECT_TRUE(console_says("line 100 of 100"));
+    mark_console();  // what the case itself has done with already
+    EXPECT_FALSE(fails_);
+  }
+
+ private:
+  bool fails_;
+};
+const bool kPrinting = [] {
+  const char* const how = getenv("WEX_PRINTS");
+  if (how != nullptr) {
+    testing::RegisterTest("Printing", "Once", nullptr, nullptr, __FILE__, __LINE__, [how]() -> WexWorld* {
+      return new prints_and_ends(strcmp(how, "and fails") == 0);
+    });
+  }
+  return true;
+}();
+
+TEST(LeakGate, AFailedCaseShowsTheEndOfTheConsole) {
+  const temporary out("/tmp/said");
+  const std::string command =
+      "exec " + program_of(getpid()) + " --gtest_filter='Printing.*' > /tmp/said 2>&1";
+  EXPECT_TRUE(exited_with(run({"sh", "-c", command}, 30s, {"WEX_PRINTS=and fails"}), 1));
+  EXPECT_NE(std::string::npos, read_file("/tmp/said").find("\nline 61 of 100\n")) << read_file("/tmp/said");
+  EXPECT_NE(std::string::npos, read_file("/tmp/said").find("\nline 100 of 100\n"));
+  EXPECT_EQ(std::string::npos, read_file("/tmp/said").find("line 60 of 100"));
+  EXPECT_TRUE(exited_with(run({"sh", "-c", command}, 30s, {"WEX_PRINTS=and succeeds"}), 0));
+  EXPECT_EQ(std::string::npos, read_file("/tmp/said").find("line 100 of 100"));
+}
+
 TEST(LeakGate, NoCaseRunsOutsideTheSandbox) {
   const std::string program = program_of(getpid());
   EXPECT_TRUE(exited_with(run({program, "--gtest_filter=Leaking.*"}, 30s, {"WEX_SANDBOX=0"}), 125));

@@ -47,6 +47,20 @@ check "and is ended, too" eventually alone --tag=7004
 check "kill(0) does not reach us" status_is 137 "$sandbox" -- bash -c 'kill -KILL 0'
 check "no signal is ignored inside" status_is 0 "$sandbox" -- sh -c 'grep -q "SigIgn:.0000000000000000" /proc/self/status'
 
+# What upset a failed command: events that the daemon missed, and how busy the machine was.
+says() { grep -Eq "^sandbox: the daemon lost process events $1; the machine forked [0-9]+ times a second\$" "$work/out"; }
+says_nothing() { [ ! -s "$work/out" ]; }
+lose='printf "[1.2]wex_process_netlink: netlink recvfrom fail: %s\n" "No buffer space available" "No buffer space available" > /dev/console
+  until grep -q recvfrom /dev/console.log; do sleep 0.02; done'
+check "lost events do not change the status" status_is 3 "$sandbox" -- sh -c "$lose; exit 3"
+check "and a failed command tells of them" says '2 times'
+check "a command that is well" status_is 0 "$sandbox" -- sh -c "$lose"
+check "tells nothing" says_nothing
+check "one whose daemon printed something else" status_is 3 "$sandbox" -- sh -c 'echo hello > /dev/console; until grep -q hello /dev/console.log; do sleep 0.02; done; exit 3'
+check "tells that none were lost" says '0 times'
+check "one without a daemon" status_is 3 "$sandbox" -- sh -c 'exit 3'
+check "has nothing to tell" says_nothing
+
 for signal in TERM INT KILL; do
   env --default-signal "$sandbox" -- sh -c 'mkdir -p /memory/vsd_1 /cpu/vsd_1; setsid sleep 7002 & : > /tmp/up; sleep 7003' < /dev/null > /dev/null 2>&1 &
   pid=$!

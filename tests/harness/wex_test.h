@@ -75,6 +75,7 @@ std::vector<pid_t> pids_with_command(
 // ---- The console ------------------------------------------------------------------------------------------
 
 // The console is gathered in a file by another process: what was printed may take a moment to arrive.
+inline constexpr char kConsoleLog[] = "/dev/console.log";
 void mark_console();         // forget what was printed so far
 std::string read_console();  // everything since the mark
 bool console_says(const std::string& text, milliseconds limit = 5s);
@@ -243,8 +244,8 @@ class SyslogSink {
 void clean_world();
 
 // For cases that run the daemon: all diagnostics on, on a console that starts empty. A process or a sanitizer
-// report that is left over is a failure. Actors are the exception: services are meant to outlive the daemon,
-// so they are ended.
+// report that is left over is a failure, and a failed case shows the end of its console. Actors are the
+// exception: services are meant to outlive the daemon, so they are ended.
 struct WexWorld : ::testing::Test {
   void SetUp() override;
   void TearDown() override;

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 #include "leak_gate.h"
@@ -87,6 +89,16 @@ void expect_no_sanitizer_report() {
   }
 }
 
+// Of all that the case had printed, whatever it looked at itself.
+void tell_end_of_console() {
+  constexpr size_t kLines = 40;
+  const std::vector<std::string> lines = lines_of(read_file(kConsoleLog));
+  printf("The end of the console:\n");
+  for (size_t at = lines.size() - std::min(lines.size(), kLines); at < lines.size(); ++at) {
+    printf("%s\n", lines[at].c_str());
+  }
+}
+
 }  // namespace
 
 void clean_world() {
@@ -119,6 +131,9 @@ void WexWorld::TearDown() {
   expect_nobody_new(before_);
   expect_no_sanitizer_report();
   EXPECT_EQ(0, chdir("/"));
+  if (HasFailure()) {
+    tell_end_of_console();
+  }
 }
 
 }  // namespace wex_test

@@ -17,6 +17,13 @@ using wex_test::temporary;
 
 namespace {
 
+// By which fcntl() locks.
+#ifdef SYS_fcntl64
+constexpr long kLockCall = SYS_fcntl64;
+#else
+constexpr long kLockCall = SYS_fcntl;
+#endif
+
 class Pidfile : public RegistryWorld {
  protected:
   void TearDown() override {
@@ -263,7 +270,7 @@ TEST_F(Pidfile, LockThatCannotBeTriedCountsAsExited) {
   wex_pid* const rec = record(0, 77, "/a/foo");
   const captured_output output;
   EXPECT_EQ(0, in_child([&] {
-              const bool refused = refuse_call(SYS_fcntl, 1, F_SETLK, ENOLCK);
+              const bool refused = refuse_call(kLockCall, 1, F_SETLK, ENOLCK);
               const size_t fds = count_descriptors();
               return refused && wex_proc_is_exit(rec) == 1 && count_descriptors() == fds;
             }));
@@ -276,7 +283,7 @@ TEST_F(Pidfile, LockThatCannotBeTriedCountsAsExited) {
 TEST_F(Pidfile, FileThatCannotBeLockedIsWrittenAllTheSameAndItsDescriptorKept) {
   const captured_output output;
   EXPECT_EQ(0, in_child([] {
-              const bool refused = refuse_call(SYS_fcntl, 1, F_SETLK, ENOLCK);
+              const bool refused = refuse_call(kLockCall, 1, F_SETLK, ENOLCK);
               const size_t fds = count_descriptors();
               return refused && wex_db_create(0, 77, RESPAWN, "/a/foo") == 0 &&
                      count_descriptors() == fds + 1;

@@ -1,6 +1,7 @@
 // Starting programs: words, the search for detached programs, standard descriptors, the fork-failure marker,
 // priorities. Real forks; only the clock belongs to the test.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -14,11 +15,14 @@
 
 using namespace proc_world;
 
-// Its number where there are several.
+// How stat() looks at a name: the call, which of its arguments are the flags, and what they are then. With
+// 64-bit times a 32-bit C library makes another call.
 #ifdef SYS_newfstatat
 constexpr long kStatCall = SYS_newfstatat;
+constexpr unsigned kFlagsOfStat = 3, kFlagsOfName = 0;
 #else
-constexpr long kStatCall = SYS_fstatat64;
+constexpr long kStatCall = SYS_statx;
+constexpr unsigned kFlagsOfStat = 2, kFlagsOfName = AT_NO_AUTOMOUNT;
 #endif
 
 namespace {
@@ -123,9 +127,10 @@ TEST_F(ProcWorld, ALookThatMustStopGivesItsNegatedReason) {
               setrlimit(RLIMIT_NOFILE, &none);
               return -wex_proc_to_pid(command, &found, 0);
             }));
-  constexpr unsigned kFlagsOfStat = 3;  // 0 where an entry is looked at by its name
   EXPECT_EQ(EIO, in_child([&] {
-              return refuse_call(kStatCall, kFlagsOfStat, 0, EIO) ? -wex_proc_to_pid(command, &found, 0) : 0;
+              return refuse_call(kStatCall, kFlagsOfStat, kFlagsOfName, EIO)
+                         ? -wex_proc_to_pid(command, &found, 0)
+                         : 0;
             }));
 }
 

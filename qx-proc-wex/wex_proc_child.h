@@ -1,0 +1,28 @@
+// wex_proc_child: a new process, from its start to its program.
+#pragma once
+
+#include <sys/types.h>
+
+#include "wex.h"
+#include "wex_action.h"
+#include "wex_child.h"
+#include "wex_core_spawn_guard.h"
+
+// All that one start needs, made before it.
+struct launch {
+  const wex_action* action;
+  wex_pid* rec;
+  int32_t old_pid;  // the process that is replaced; may be below 1
+  int32_t domain;   // its domain: 1 to 15, or -1
+  bool third_part;
+  child_words words;
+  char script[4096];
+};
+
+inline const char* wex_first_word(const launch& start) {
+  return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
+}
+
+// Starts a child that runs the program. The child's pid, or -1 with errno. One of a domain has executed its
+// program, or ended, when this returns.
+pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex));
