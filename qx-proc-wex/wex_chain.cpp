@@ -26,6 +26,7 @@
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -79,6 +80,9 @@ void unlink_list(wex_list* link) {
 }
 
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+  if (chain == &wex_chains) {
+    wex_status_hide(rec);
+  }
   hlist_del(&rec->hnode);
   unlink_list(&rec->list);
   chain->count--;
@@ -231,6 +235,9 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
+  if (chain == &wex_chains) {
+    wex_status_show(rec);
+  }
 }
 
 wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) {

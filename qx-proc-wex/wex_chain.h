@@ -28,10 +28,6 @@ void __wex_del_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability
 // Unlinks a bucket link and poisons it.
 void hlist_del(wex_hnode* node);
 
-// Restores wex_chains from the database files of all domains and restarts what died meanwhile. 0. Before any
-// thread runs.
-int wex_rebuild_chains(wex_chains_t* chain);
-
 // Dumps a chain to standard output, or to the system log. kind 0, 1, 2 choose the heading. 0.
 int wex_print_chains(int kind, wex_chains_t* chain);
 int wex_syslog_chains(int kind, wex_chains_t* chain);

@@ -1,5 +1,5 @@
-// wex_paths: every path of the file-system interface, on one screen. Two stand in public headers, because
-// clients need them: WEX_SEM_KEY_FILE (wex.h) and RAS_WEX_DBG_FILE (ras_comp_config.h).
+// wex_paths: every path of the file-system interface, on one screen. Three stand in public headers, because
+// others need them: WEX_SEM_KEY_FILE (wex.h), RAS_WEX_DBG_FILE (ras_comp_config.h) and WEX_STATUS_NAME (wex_status.h).
 //
 // "gone" and "kept" say whether the file is to outlive a reboot of the device.
 #pragma once

@@ -35,7 +35,6 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 
 #ifdef SYS_timer_settime32  // what a C library of 64-bit times calls the call that takes two longs a time

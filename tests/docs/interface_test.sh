@@ -7,7 +7,7 @@
 set -u
 . "$(dirname "$0")/lib.sh"
 library=$1 daemon=$2
-headers=("$root/qx-proc-wex/wex.h" "$root"/include/*.h)
+headers=("$root"/qx-proc-wex/wex{,_diagnostics}.h "$root"/include/*.h)
 
 for header in "${headers[@]}"; do
   echo "#include \"$header\"" > "$work/declared.c"
