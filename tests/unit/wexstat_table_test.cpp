@@ -171,6 +171,24 @@ TEST_F(WexstatTable, WrongWordsAreRefused) {
   EXPECT_EQ("wexstat 1.0.0\n", wexstat("--version").text);
 }
 
+TEST_F(WexstatTable, TheShellCompletesOptionsAndNames) {
+  status_table table;
+  table.add("clock");
+  table.add("clean", WEX_STATUS_PARKED);
+  table.add("other");
+  table.save();
+  const auto completed = [](const std::string& words, int word) {
+    return shell("PATH=" WEX_BUILD_DIR "/stat:$PATH bash -c 'source " WEX_SOURCE_DIR
+                 "/packaging/completion/wexstat; COMP_WORDS=(" +
+                 words + ") COMP_CWORD=" + std::to_string(word) + "; _wexstat; echo ${COMPREPLY[*]}'")
+        .text;
+  };
+  EXPECT_EQ("--history --help\n", completed("wexstat --h", 1));
+  EXPECT_EQ("clean clock\n", completed("wexstat cl", 1));
+  EXPECT_EQ("other\n", completed("wexstat --wait o", 2));
+  EXPECT_EQ("\n", completed("wexstat --watch \"\"", 2));
+}
+
 TEST_F(WexstatTable, OutputThatIsLostIsAFailure) {
   status_table().save();
   for (const char* words : {"", "--json", "--openmetrics", "--check", "--watch"}) {
