@@ -7,6 +7,7 @@ if [ "$1" = 2 ]; then
   is "$(cat /data/steps)" "well stopped" "steps before the restart"
   pass
 fi
+[ ! -e /modules/watchdog.ko ] || insmod /modules/watchdog.ko
 insmod /modules/softdog.ko soft_margin=15 || fail "no software watchdog"
 check "no watchdog device" eventually 5 [ -c /dev/watchdog ]
 start_service /usr/bin/service --tag one

@@ -2,6 +2,7 @@
 # device stays up.
 # seconds: 900
 . /test/lib.sh
+[ ! -e /modules/watchdog.ko ] || insmod /modules/watchdog.ko
 insmod /modules/softdog.ko soft_margin=20 || fail "no software watchdog"
 check "no watchdog device" eventually 5 [ -c /dev/watchdog ]
 start /usr/sbin/wex-watchdog /dev/watchdog 2
