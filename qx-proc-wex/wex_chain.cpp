@@ -24,6 +24,7 @@
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -77,6 +78,9 @@ void unlink_list(wex_list* link) {
 }
 
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+  if (chain == &wex_chains) {
+    wex_status_hide(rec);
+  }
   hlist_del(&rec->hnode);
   unlink_list(&rec->list);
   chain->count--;
@@ -194,6 +198,9 @@ void wex_free_record(wex_pid* rec) {
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
+  if (chain == &wex_chains) {
+    wex_status_show(rec);
+  }
 }
 
 wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) {
@@ -291,14 +298,24 @@ int wex_destroy_chains(wex_chains_t* chain) {
 }
 
 void wex_note_identity(wex_pid* rec) {
+  rec->thread_of = wex_is_thread(rec->pid) ? wex_get_ppid_form_pid(rec->pid) : 0;
+  wex_note_start(rec);
+}
+
+void wex_note_start(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
-  rec->start_time = rec->pid > 0 && wex_proc_stat(rec->pid, &state, &start_time) ? start_time : 0;
-  rec->is_thread = wex_is_thread(rec->pid) ? 1 : 0;
+  const int32_t process = wex_process_of(rec);
+  rec->start_time = process > 0 && wex_proc_stat(process, &state, &start_time) ? start_time : 0;
+}
+
+int32_t wex_process_of(const wex_pid* rec) {
+  return rec->thread_of != 0 ? rec->thread_of : rec->pid;
 }
 
 bool wex_record_lives(const wex_pid* rec) {
-  return rec->pid > 0 && rec->start_time != 0 && wex_proc_lives(rec->pid, rec->start_time);
+  const int32_t process = wex_process_of(rec);
+  return process > 0 && rec->start_time != 0 && wex_proc_lives(process, rec->start_time);
 }
 
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {

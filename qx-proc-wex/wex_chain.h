@@ -28,10 +28,6 @@ void __wex_del_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability
 // Unlinks a bucket link and poisons it.
 void hlist_del(wex_hnode* node);
 
-// Restores wex_chains from the database files of all domains and restarts what died meanwhile. 0. Before any
-// thread runs.
-int wex_rebuild_chains(wex_chains_t* chain);
-
 // Dumps a chain to standard output, or to the system log. kind 0, 1, 2 choose the heading. 0.
 int wex_print_chains(int kind, wex_chains_t* chain);
 int wex_syslog_chains(int kind, wex_chains_t* chain);
@@ -79,8 +75,15 @@ wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TS
 void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid)
     WEX_TSA(requires_capability(chain, wex_chains));
 
-// Remembers the identity of the record's present process, so that a reused pid is not taken for it.
+// Remembers the identity of the record's present process, so that a reused pid is not taken for it. Whoever
+// registered a thread means its process.
 void wex_note_identity(wex_pid* rec);
+
+// The second half of it, for a record whose `thread_of` is known.
+void wex_note_start(wex_pid* rec);
+
+// The process that the record stands for: its pid, or the process whose thread has that id. May be below 1.
+int32_t wex_process_of(const wex_pid* rec);
 
 // True when the record's own process (not a stranger with its pid) is alive now; false when its identity was
 // never noted. Reads /proc once, no sleeping.

@@ -2,7 +2,7 @@
 //
 // What lived on meanwhile is taken over, what died is started again. Runs before any thread does.
 #define WEX_MODULE "wex_chain"
-#include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -16,6 +16,7 @@
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_action.h"
+#include "wex_chain.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
 #include "wex_core_restart.h"
@@ -31,22 +32,18 @@ namespace {
 
 constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its file was read
 
-// Another process, or a thread of one, may have got the pid of a dead program. The registration does not show
-// that for certain, so it is kept; the line tells an operator why the program does not run. The end of a
-// stranger's thread is looked for, and starts the program; that of a thread which was registered is not.
-void look_for_stranger(wex_pid* rec) {
+// Another process may have got the pid of a dead program. The registration does not show that for certain, so
+// it is kept; the line tells an operator why the program does not run.
+void tell_stranger(const wex_pid* rec) {
   char command[WEX_PROCESS_SIZE];
-  if (pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
+  if (!wex_dbg_on(WEX_DBG_PUB) || pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
     return;
   }
   const size_t length = strlen(rec->process);
   const bool same =
       strncmp(command, rec->process, length) == 0 && (command[length] == '\0' || length >= kSurelyWhole);
   if (!same) {
-    rec->is_thread = 0;
     wex_dbg(WEX_DBG_PUB, "pid (%d) of %s runs %s\n", rec->pid, rec->process, command);
-  } else if (rec->is_thread != 0) {
-    wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
 }
 
@@ -177,6 +174,9 @@ void decide(candidates* all) {
         row.what = fate::alive;
         // Not after the restarts: they may take long, and a stranger may have got the pid by then.
         wex_note_identity(row.rec);
+        if (row.rec->thread_of != 0) {
+          wex_pass_thread_ends(thread_ends_for::registrations, true);
+        }
       } else {
         pending = true;
       }
@@ -210,7 +210,7 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   decide(&all);
   for (const candidate& row : all) {
     if (row.what == fate::alive) {
-      look_for_stranger(row.rec);
+      tell_stranger(row.rec);
     } else {
       restart_dead(chain, row.rec);
     }

@@ -29,6 +29,14 @@ constexpr long kSetGroupsCall = SYS_setgroups32;
 #else
 constexpr long kSetGroupsCall = SYS_setgroups;
 #endif
+
+void set_signal_action(int signal, void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+}
 }  // namespace
 
 void split_words(const char* command, child_words* words) {
@@ -48,14 +56,19 @@ void split_words(const char* command, child_words* words) {
   }
 }
 
+// The daemon ignores every signal, and executing a program changes nothing about an ignored one, so all of
+// them are set.
 void reset_signal_actions() {
-  struct sigaction action = {};
-  action.sa_handler = SIG_DFL;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
   for (int signal = 1; signal <= kLastSignal; ++signal) {
-    sigaction(signal, &action, nullptr);  // numbers that are no signals fail, and so do KILL and STOP
+    if (signal != SIGKILL && signal != SIGSTOP) {
+      set_signal_action(signal, SIG_DFL);  // numbers that are no signals fail
+    }
   }
+}
+
+void ignore_handled_signals() {
+  set_signal_action(SIGALRM, SIG_IGN);
+  set_signal_action(SIGCHLD, SIG_IGN);
 }
 
 void clear_signal_mask() {

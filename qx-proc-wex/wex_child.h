@@ -18,6 +18,9 @@ void split_words(const char* command, child_words* words);
 // Signals 1 to 127 back to their default action.
 void reset_signal_actions();
 
+// Takes away the handlers that this program installs: their signals are ignored.
+void ignore_handled_signals();
+
 // An empty signal mask: nothing this process blocks is blocked in the program.
 void clear_signal_mask();
 

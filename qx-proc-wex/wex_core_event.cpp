@@ -29,12 +29,12 @@ namespace {
 // ---- crashes ----------------------------------------------------------------------------------------------
 
 // The record an event belongs to. The thread that dumped core is often reported after its process, whose
-// record then already has the replacement's pid. A record that was made for a thread has no process of its
-// own: one with that id got it after the thread had ended.
+// record then already has the replacement's pid. A record that was made for a thread is not meant when a
+// process has its id: that process got it after the thread had ended.
 wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
   for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
     wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
-    if (rec != nullptr && (rec->is_thread == 0 || candidate != tgid)) {
+    if (rec != nullptr && (rec->thread_of == 0 || candidate != tgid)) {
       return rec;
     }
   }
@@ -80,9 +80,9 @@ struct pending_exit {
   int looks;  // that were due by time; one made because a thread ended does not count
   bool thread_ended;
 };
+// These three are the exit monitor's alone: no lock.
 pending_exit g_pending[kPendingExits];
 int g_pending_count = 0;
-
 int64_t g_least_delay_ns = INT64_MAX;
 
 // Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.
@@ -144,13 +144,14 @@ void look_sooner(int32_t pid) {
 }
 
 // A thread may have been registered as a program, and have ended before anybody could see that it was one.
-// Its end is no exit, so the sweep must not find it missing later and start the program again. A process that
-// was seen has lost its id to this thread: the sweep has to find that.
-void note_thread_end(int32_t tid) {
+// Its end is no exit: the program goes on until its process ends. A process that was seen has lost its id to
+// this thread.
+void note_thread_end(int32_t tid, int32_t process) {
   chain_lock hold(wex_chains);
   wex_pid* const rec = __wex_find_pid(&wex_chains, tid);
   if (rec != nullptr && rec->start_time == 0) {
-    rec->exit_seen = 1;
+    rec->thread_of = process;
+    wex_note_start(rec);
   }
 }
 
@@ -178,7 +179,7 @@ void wex_take_exit_event(const process_event& event) {
     return;  // an exit of an unregistered process is ignored before any marker is looked at
   }
   if (event.pid != event.tgid) {
-    note_thread_end(event.pid);
+    note_thread_end(event.pid, event.tgid);
     look_sooner(event.tgid);
   }
   if (wex_drop_taken_down(event.pid)) {

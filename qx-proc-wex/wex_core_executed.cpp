@@ -31,7 +31,7 @@ constexpr size_t kTypeSize = 1024;
 bool is_supervised(int32_t pid) {
   chain_lock hold(wex_chains);
   const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  return rec != nullptr && wex_record_lives(rec);
+  return rec != nullptr && rec->thread_of == 0 && wex_record_lives(rec);
 }
 
 }  // namespace

@@ -16,7 +16,6 @@
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_event.h"
 #include "wex_core_executed.h"
 #include "wex_core_filter.h"
@@ -28,6 +27,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
+#include "wex_status_image.h"
 
 std::atomic<int32_t> wex_monitor_read_until{0};
 
@@ -189,6 +189,7 @@ void receive_one(monitor* state) {
       recvfrom(state->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
   if (size < 0) {
     if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
+      wex_status_count(WEX_STATUS_OVERFLOWS);
       wex_request_sweep();
       state->missed_some = true;
     }
@@ -239,14 +240,19 @@ int wait_for_event(monitor* state, int limit_ms) {
 outcome watch(int fd) {
   monitor state = {fd};
   wex_request_sweep();  // exits between the rebuild and the subscription were not reported
+  wex_status_thread_is(kStatusMonitor);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
-    const int ready = wait_for_event(&state, wex_judge_pending_exits());
+    wex_status_busy(kStatusMonitor);
+    const int limit_ms = wex_judge_pending_exits();
+    wex_status_idle(kStatusMonitor);
+    const int ready = wait_for_event(&state, limit_ms);
     if (ready < 0) {
       const int error = errno;
       wex_dbg(WEX_DBG_PUB, "%s: select sk_nl fail: %s\n", kThreadName, strerror(error));
       return {-5, error};
     }
     if (ready > 0) {
+      wex_status_busy(kStatusMonitor);
       receive_one(&state);
       usleep(WEX_MONITOR_PAUSE_US);
     }

@@ -17,9 +17,10 @@
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_file.h"
 
 namespace {
-int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life
+int g_wakeup[2] = {-1, -1};  // read end, write end; made before any thread runs, open for life
 }  // namespace
 
 extern "C" {
@@ -65,6 +66,7 @@ void wex_log_thread_end(const char* thread, int code, int error) {
 
 void wex_end_unable_to_restart() {
   wex_running_log("Unable to restart the process, wex will be restart.\r\n");
+  wex_status_end();
   wex_unlink(kForkFile);
   _exit(1);  // not exit(): the other threads still use what its clean-up would take away
 }

@@ -22,6 +22,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 namespace {
@@ -88,7 +89,7 @@ bool is_of_closing_domain(const wex_pid* rec) {
 // Living programs of the domain are left to the exit monitor: the take-down may be cut short.
 bool is_down(const wex_pid* rec) {
   return rec->alarm_wait_flag == 1 || rec->restart_failed != 0 || rec->pid < 1 ||
-         wex_judge_presence(wex_look_at(rec->pid), rec->start_time) == presence::absent;
+         wex_judge_presence(wex_look_at(wex_process_of(rec)), rec->start_time) == presence::absent;
 }
 
 void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -99,6 +100,7 @@ void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     }
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "wex_drop_domains_taken_down", rec->pid);
+  wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
   __wex_drop_registration(rec);
 }
 
@@ -126,7 +128,7 @@ bool wex_take_down_under_way() {
 // The marker of a take-down that was cut short stays and keeps exited programs down, so the running log says
 // that it is there.
 void wex_log_take_downs() {
-  static bool logged = false;
+  static bool logged = false;  // delay thread only
   const int32_t acted_on = g_acted_on.exchange(0);
   const int32_t marked = first_marked_domain();
   const int32_t domain = marked != 0 ? marked : acted_on;
@@ -157,6 +159,7 @@ bool wex_drop_taken_down(int32_t pid) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
     __wex_drop_registration(rec);
   }
   return true;

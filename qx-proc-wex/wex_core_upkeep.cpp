@@ -15,7 +15,6 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"
@@ -30,6 +29,7 @@
 #include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 std::atomic<bool> wex_delay_ended{false};
@@ -38,12 +38,13 @@ namespace {
 
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  return rec->exit_seen == 0 && rec->is_thread == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
+  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
          !__wex_waits_for_restart(rec->pid);
 }
 
 struct lost_exit {
   int32_t pid;
+  int32_t process;  // whose exit it is
   uint64_t start_time;
 };
 
@@ -63,7 +64,7 @@ void hand_over(const lost_exit& lost) {
   if (wex_drop_taken_down(lost.pid)) {
     return;
   }
-  const uint32_t status = wex_status_of_ended(lost.pid, lost.start_time);
+  const uint32_t status = wex_status_of_ended(lost.process, lost.start_time);
   if (WCOREDUMP(status)) {
     count_crash(lost.pid);
   }
@@ -72,13 +73,23 @@ void hand_over(const lost_exit& lost) {
 
 enum class verdict { present, suspected, lost };
 
+// Finds out whose thread was registered, when /proc could not be read at that time. False while it is
+// unknown.
+bool knows_process(wex_pid* rec) {
+  if (rec->thread_of < 0) {
+    rec->thread_of = wex_get_ppid_form_pid(rec->pid);
+    wex_note_start(rec);
+  }
+  return rec->thread_of >= 0;
+}
+
 // An exit counts as lost only when the process has been gone for a while and the monitor has read everything
 // that the kernel reported until then: the real event, with the real exit code, must always come first.
 verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)) {
-  if (!expects_exit(rec)) {
+  if (!expects_exit(rec) || !knows_process(rec)) {
     return verdict::present;
   }
-  const presence seen = wex_judge_presence(wex_look_at(rec->pid), rec->start_time);
+  const presence seen = wex_judge_presence(wex_look_at(wex_process_of(rec)), rec->start_time);
   if (seen != presence::absent) {
     rec->gone_since = 0;
     return seen == presence::present ? verdict::present : verdict::suspected;
@@ -102,10 +113,11 @@ void wex_sweep_lost_exits() {
     bool any_thread = false;
     record_walk walk(wex_chains);
     while (wex_pid* const rec = walk.next()) {
-      any_thread = any_thread || (rec->is_thread != 0 && wex_pid_exists(rec->pid));
       const verdict found = judge(rec, now);
+      any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
-        lost[count++] = {rec->pid, rec->start_time};
+        wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec);
+        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }
@@ -123,7 +135,9 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
   int32_t last_files = last_sweep;
+  wex_status_thread_is(kStatusDelay);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_status_busy(kStatusDelay);
     wex_drop_domains_taken_down();
     ready_restart ready = {};
     if (wex_take_ready_restart(&ready)) {
@@ -146,6 +160,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       last_look = now;
       wex_check_names();
     }
+    wex_status_idle(kStatusDelay);
     wex_wait_exit(kDelayPassMs);
   }
   wex_delay_ended.store(true, std::memory_order_release);

@@ -123,6 +123,10 @@ inline constexpr uint32_t kAliveTableSize = 184356;
 inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
+// The status table.
+inline constexpr int kStatusPassMs = 250;          // how often what has happened is shown to readers
+inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
+
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins
 inline constexpr int32_t kSystemLogBackoffSec =
@@ -151,6 +155,7 @@ inline constexpr mode_t kSemKeyMode = 0754;
 inline constexpr mode_t kSemMode = 0777;
 inline constexpr mode_t kRecordMemoryMode = 0777;  // narrowed by the umask
 inline constexpr mode_t kAliveTableMode = 0777;
+inline constexpr mode_t kStatusTableMode = 0644;
 inline constexpr mode_t kLogMode = 0666;
 
 inline constexpr int kMonitorPriority = 99;  // SCHED_FIFO, for the threads that must not starve

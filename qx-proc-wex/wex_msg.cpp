@@ -23,6 +23,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_xtach.h"
@@ -65,6 +66,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
             body.ppid, action.handler_end);
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(memory);
     return nullptr;
   }
@@ -76,24 +78,29 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
   wex_copy_text(rec->script, sizeof rec->script, script);
+  wex_note_identity(rec);  // of the process whose command was read: the registry may have to be waited for
   return rec;
 }
 
-// A record keeps a dead pid when its restart found no process, or when a thread was registered and has ended.
-// The process that has the pid now may register it.
-bool is_registered(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
-  const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && rec->is_thread != 0 && rec->start_time == 0) {
-    return wex_is_thread(pid);
+// Whether the newcomer's pid has its record already. A record keeps a dead pid when its restart found no
+// process, or when it was made for a thread that has ended: the process, or another one's thread, that has
+// the id now may register it.
+bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
+  if (rec == nullptr) {
+    return false;
   }
-  return rec != nullptr && ((rec->restart_failed == 0 && rec->is_thread == 0) || wex_record_lives(rec));
+  if (rec->thread_of != 0) {
+    return rec->thread_of == newcomer->thread_of;
+  }
+  return rec->restart_failed == 0 || wex_record_lives(rec);
 }
 
 // Makes room for the process that has a dead thread's id. The thread's database file goes, too, unless the
 // process has written its own under that name.
 void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const thread = __wex_find_pid(&wex_chains, newcomer->pid);
-  if (thread == nullptr || thread->is_thread == 0) {
+  if (thread == nullptr || thread->thread_of == 0) {
     return;
   }
   char old_name[kPathSize];
@@ -109,17 +116,18 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
-  if (is_registered(rec->pid)) {
+  if (is_registered(rec)) {
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;
   }
   __wex_drop_failed(rec->process, rec->vsd, rec->pid);
   drop_ended_thread(rec);
-  wex_note_identity(rec);
-  if (rec->is_thread != 0) {
+  if (rec->thread_of != 0) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
   __wex_add_record(&wex_chains, rec);
+  wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
     rec->gone_since = wex_clock_now();
     wex_request_sweep();
@@ -145,6 +153,7 @@ void cancel_process(int32_t pid) {
   record_walk records(wex_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == pid) {
+      wex_status_tell(WEX_STATUS_EV_CANCELLED, rec);
       __wex_drop_registration(rec);
     }
   }

@@ -1,5 +1,5 @@
-// wex_paths: every path of the file-system interface, on one screen. Two stand in public headers, because
-// clients need them: WEX_SEM_KEY_FILE (wex.h) and RAS_WEX_DBG_FILE (ras_comp_config.h).
+// wex_paths: every path of the file-system interface, on one screen. Three stand in public headers, because
+// others need them: WEX_SEM_KEY_FILE (wex.h), RAS_WEX_DBG_FILE (ras_comp_config.h) and WEX_STATUS_NAME (wex_status.h).
 //
 // "gone" and "kept" say whether the file is to outlive a reboot of the device.
 #pragma once
@@ -25,6 +25,7 @@ inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                    
 inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process
 inline constexpr char kFlagFileFmt[]      = WEX_DOMAIN "/wex/%d";                 // client or daemon, gone: domain, pid
 inline constexpr char kDbDirFmt[]         = WEX_DOMAIN "/wex/db";                 // daemon, gone: domain
+inline constexpr char kMainDbDir[]        = "/tmp/vsd/0/wex/db";                  // the main system's
 inline constexpr char kDbFileFmt[]        = WEX_DOMAIN "/wex/db/%s.%d";           // client, gone: domain, program, pid
 inline constexpr char kOldPidFileFmt[]    = WEX_DOMAIN "/wex/db/%d";              // nobody: domain, pid
 inline constexpr char kTakeDownFmt[]      = WEX_DOMAIN "/delete_vsd";             // domain take-down, gone: domain
@@ -72,6 +73,8 @@ inline constexpr char kExemptThreads[]    = "/data/.wex_debug_pid";             
 
 inline constexpr char kAliveTable[]       = "/UTILS-wex-shm-001";                 // daemon: shared-memory object
 inline constexpr char kAliveTableFile[]   = "/dev/shm/UTILS-wex-shm-001";         // the same as a file
+inline constexpr char kStatusTable[]      = "/dev/shm/wex-status";                // daemon, gone: what it does, for readers
+inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";
 inline constexpr char kConsole[]          = "/dev/console";
 inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";

@@ -6,7 +6,6 @@
 #include "wex_proc.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,22 +15,15 @@
 #include <cstring>
 
 #include "dir_walk.h"
-#include "guarded_file.h"
 #include "own_scheduling.h"
-#include "ras_os.h"
-#include "raw_dir.h"
-#include "safe_io.h"
 #include "signals_held.h"
 #include "text_buffer.h"
 #include "text_number.h"
-#include "trusted_path.h"
-#include "unique_fd.h"
 #include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
-#include "wex_child.h"
 #include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_stop.h"
@@ -43,31 +35,17 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_proc_child.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 #include "wex_utils_settings.h"
 #include "wex_vsd.h"
 
 namespace {
 
-// All that one start needs, made before the fork.
-struct launch {
-  const wex_action* action;
-  wex_pid* rec;
-  int32_t old_pid;  // the process that is replaced; may be below 1
-  int32_t domain;   // its domain: 1 to 15, or -1
-  bool third_part;
-  child_words words;
-  char script[4096];
-};
-
 int g_fork_failures WEX_TSA(guarded_by(wex_chains)) = 0;  // in a row
-
-const char* first_word(const launch& start) {
-  return start.words.argv[0] != nullptr ? start.words.argv[0] : "";
-}
 
 // ---- throttle ---------------------------------------------------------------------------------------------
 
@@ -91,6 +69,7 @@ void park(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
   rec->check_start = now;
   arm_alarm(wait);
   rec->alarm_wait_flag = 1;
+  wex_status_tell(WEX_STATUS_EV_PARKED, rec, {0, 0, rec->exit_signal, wait});
   if (wex_reboot_is_due(rec, now)) {
     wex_reboot_for(rec);
   }
@@ -138,7 +117,7 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   if (!action.through_shell) {
     return;
   }
-  find_script(first_word(*start), start->script, sizeof start->script);
+  find_script(wex_first_word(*start), start->script, sizeof start->script);
   // The shell and the script take the place of the first word.
   for (int i = start->words.count; i >= 1; --i) {
     start->words.argv[i + 1] = start->words.argv[i];
@@ -147,152 +126,7 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->words.argv[0] = const_cast<char*>(kShell);
 }
 
-// ---- child ------------------------------------------------------------------------------------------------
-
-// The child's own copies: setenv() could wait for a lock that another thread held at the fork.
-char g_domain_texts[kDomainVariables][kPathSize];
-char* g_child_environment[kEnvironmentMax];
-
-// Whether one of the first `set` texts sets the variable of `entry`.
-bool is_domain_variable(const char* entry, int set) {
-  for (int i = 0; i < set; ++i) {
-    const size_t length = strcspn(g_domain_texts[i], "=") + 1;
-    if (strncmp(entry, g_domain_texts[i], length) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-void set_domain_environment(int32_t vsd) {
-  int set = 0;
-  for (const domain_dir& dir : kDomainDirs) {
-    if (dir.variable == nullptr || (dir.second_disk && !wex_has_second_disk())) {
-      continue;
-    }
-    char value[kPathSize - 32];
-    wex_format(value, sizeof value, dir.format, vsd);
-    wex_format(g_domain_texts[set], sizeof g_domain_texts[set], "%s=%s", dir.variable, value);
-    g_child_environment[set] = g_domain_texts[set];
-    ++set;
-  }
-  int count = set;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr && count < kEnvironmentMax - 1;
-       ++entry) {
-    if (!is_domain_variable(*entry, set)) {
-      g_child_environment[count++] = *entry;
-    }
-  }
-  g_child_environment[count] = nullptr;
-  environ = g_child_environment;
-}
-
-// The child's working directory. A domain that cannot be entered in full is no reason not to start the
-// program.
-void enter_place(const launch& start) {
-  if (start.domain >= kFirstDomain) {
-    set_proc_env(start.domain, start.old_pid);
-    return;
-  }
-  const int result = chdir(kRootDir);
-  if (result != 0) {
-    wex_mk_forkfile();
-    wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.action->spawner, result);
-    _exit(1);  // never back into the daemon's loops
-  }
-}
-
-// Takes the replaced process's database file away in the very process that becomes the program: when the
-// daemon is killed after the fork, its next life finds either the file and no program, or the program and no
-// file. Only between here and the exec, and for good when the exec fails, there is neither: then the program
-// is known to the present daemon alone, whose record gets the child's exit. The file of a third-part program
-// stays until its process has been found.
-void remove_old_file(const launch& start) {
-  char path[kPathSize];
-  if (!start.third_part && wex_get_db_file_name(start.rec->vsd, start.rec->pid, start.rec->process, path,
-                                                sizeof path) < static_cast<int>(sizeof path)) {
-    wex_unlink(path);
-  }
-}
-
-[[noreturn]] void run_child(const launch& start) {
-  wex_reset_priority();  // first: opening the console may block, and at real-time priority nobody else would
-                         // run
-  wex_create_std_fd(0);
-  clear_signal_mask();
-  setsid();
-  reset_signal_actions();
-  enter_place(start);
-  wex_rm_forkfile();
-  if (!flush_tlb()) {
-    wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
-  }
-  wex_reset_lmk(
-      static_cast<int32_t>(getpid()));  // before the program can fork children that could never be chosen
-  remove_old_file(start);
-  char* const* const argv = start.words.argv;
-  if (argv[0] != nullptr) {
-    execvp(argv[0], argv);
-  } else {
-    errno = ENOENT;
-  }
-  wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", start.action->begun_entry, strerror(errno));
-  _exit(1);
-}
-
 // ---- parent -----------------------------------------------------------------------------------------------
-
-// False once the child has executed its program or ended.
-bool runs_our_code(pid_t child) {
-  char path[kPathSize];
-  char ours[kPathSize];
-  char its[kPathSize];
-  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(getpid()));
-  const ssize_t our_length = readlink(path, ours, sizeof ours);
-  wex_format(path, sizeof path, kProcExeFmt, static_cast<int>(child));
-  const ssize_t its_length = readlink(path, its, sizeof its);
-  return our_length > 0 && our_length == its_length &&
-         memcmp(ours, its, static_cast<size_t>(its_length)) == 0;
-}
-
-// A domain's child runs foreign code before its program starts; one that never gets there would leave its
-// program down with nobody noticing. The end of the pipe tells at once that the program runs. A process that
-// the platform forked meanwhile may hold the pipe open, so the child itself is looked at, too.
-void await_exec(pid_t child, const unique_fd& started) {
-  struct pollfd end = {started.get(), POLLIN, 0};
-  const int64_t deadline = wex_clock_ms() + kPlatformTimeLimitMs;
-  do {
-    if (poll(&end, 1, kPlatformLookMs) > 0 || !runs_our_code(child)) {
-      return;
-    }
-  } while (wex_clock_ms() < deadline);
-  wex_dbg(WEX_DBG_PUB, "%s: child %d did not get to its program, killed\n", __func__,
-          static_cast<int>(child));
-  kill(child, SIGKILL);
-}
-
-// Forks a child that runs the program. The child's pid, or -1 with errno.
-pid_t fork_child(const launch& start) {
-  int ends[2] = {-1, -1};
-  if (start.domain >= kFirstDomain && pipe(ends) == 0) {
-    ras_os_set_fd_close_on_exec(ends[0]);
-    ras_os_set_fd_close_on_exec(ends[1]);
-  }
-  const unique_fd started(ends[0]);
-  unique_fd starting(ends[1]);
-  const pid_t child = fork();
-  if (child == 0) {
-    run_child(start);
-  }
-  starting.reset();
-  if (child > 0 && start.domain >= kFirstDomain) {
-    save_proc_info(start.domain, static_cast<int32_t>(child));
-    if (started.valid()) {
-      await_exec(child, started);
-    }
-  }
-  return child;
-}
 
 // The end of the child, or that there was none, is to count as one more exit of the record.
 void remember_missed(wex_pid* rec, pid_t child) WEX_TSA(requires_capability(wex_spawn_mutex)) {
@@ -368,7 +202,7 @@ bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
 int32_t try_start(const launch& start, int32_t* out_pid, int* error)
     WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex)) {
   const signals_held hold(SIGCHLD);
-  const pid_t child = fork_child(start);
+  const pid_t child = wex_start_child(start);
   *error = errno;
   if (child > 0) {
     g_fork_failures = 0;
@@ -376,7 +210,7 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error)
   if (start.third_part) {
     return find_third_part(start, child, out_pid);
   }
-  const char* const shown = start.action->through_shell ? start.rec->process : first_word(start);
+  const char* const shown = start.action->through_shell ? start.rec->process : wex_first_word(start);
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->process = %s, new pid: %d\n", start.action->spawner, shown,
           static_cast<int>(child));
   *out_pid = static_cast<int32_t>(child);
@@ -414,32 +248,6 @@ int scan_processes(const char* command, int32_t* out_pid, int before) {
     }
   }
   return before;
-}
-
-// The console must not hang the opening, nor become the controlling terminal of whoever opens it.
-int open_std_device(const char* path, bool cloexec) {
-  int fd = -1;
-  for (int attempt = 1; (fd = open(path, O_RDWR | O_NONBLOCK | O_NOCTTY)) < 0; ++attempt) {
-    if (attempt == kConsoleTries) {
-      return -1;
-    }
-    wex_sleep_ms(kConsoleRetryMs);
-  }
-  if (cloexec) {
-    ras_os_set_fd_close_on_exec(fd);
-  }
-  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-  return fd;
-}
-
-// Without a console the number would go to the next file that is opened, and every diagnostic into that file.
-void plug(int wanted, bool cloexec) {
-  const int fd = open(kNullDevice, O_RDWR | O_NOCTTY);
-  if (fd != wanted && fd >= 0) {
-    close(fd);
-  } else if (cloexec) {
-    ras_os_set_fd_close_on_exec(fd);
-  }
 }
 
 }  // namespace
@@ -507,41 +315,6 @@ int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) {
   return wex_spawn_as(kShellRestart, rec, out_pid);
 }
 
-void wex_create_std_fd(int cloexec) {
-  struct {
-    const char* path;
-    int fd;
-  } devices[] = {{kNullDevice, -1}, {kConsole, -1}, {kConsole, -1}};
-  for (int fd = 0; fd <= 2; ++fd) {
-    close(fd);
-  }
-  for (int number = 0; number <= 2; ++number) {
-    devices[number].fd = open_std_device(devices[number].path, cloexec != 0);
-    if (devices[number].fd < 0) {
-      plug(number, cloexec != 0);
-    }
-  }
-  const int pid = static_cast<int>(getpid());
-  wex_dbg(WEX_DBG_PUB, "pid:%d stdin(%s) fd %d\n", pid, kNullDevice, devices[0].fd);
-  wex_dbg(WEX_DBG_PUB, "pid:%d stdout(%s) fd %d\n", pid, kConsole, devices[1].fd);
-  wex_dbg(WEX_DBG_PUB, "pid:%d stderr(%s) fd %d\n", pid, kConsole, devices[2].fd);
-}
-
-void set_proc_env(int32_t vsd, int32_t old_pid) {
-  if (fs_set_vsd_envs(vsd, old_pid) < 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: fs set vsd envs fail\n", __func__);
-    return;
-  }
-  set_domain_environment(vsd);
-  if (wex_enter_run_dir(vsd) != 0) {
-    return;
-  }
-  if (enter_domain_group(vsd) == 0) {
-    wex_dbg(WEX_DBG_PUB, "setgroups success\n");
-  }
-  wex_remove_flag_files(vsd, old_pid);
-}
-
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
   if (command == nullptr || out_pid == nullptr) {
     return -1;
@@ -573,21 +346,6 @@ int wex_set_priority(int priority) {
 
 int wex_reset_priority(void) {
   return set_own_scheduling(SCHED_OTHER, 0);
-}
-
-int wex_mk_forkfile(void) {
-  const unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
-  if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
-    return -1;
-  }
-  fsync(file.get());
-  return 0;
-}
-
-void wex_rm_forkfile(void) {
-  if (wex_unlink(kForkFile) != 0) {
-    wex_dbg(WEX_DBG_PUB, "unlink file %s error, reason is %s\n", kForkFile, strerror(errno));
-  }
 }
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-// signals_held: keeps one signal out of this thread for a scope.
+// signals_held: keeps one signal, or every signal, out of this thread for a scope.
 #pragma once
 
 #include <pthread.h>
@@ -10,6 +10,11 @@ class signals_held {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, &before_);
+  }
+  signals_held() noexcept {
+    sigset_t set;
+    sigfillset(&set);
     pthread_sigmask(SIG_BLOCK, &set, &before_);
   }
   ~signals_held() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }

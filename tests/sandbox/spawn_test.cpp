@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +32,10 @@ struct Spawn : WexWorld {};
 bool is_registered(pid_t pid) {
   return read_file(kReady) == text(pid) + "\n";
 }
+
+// A kernel, or a filter of system calls, that refuses to let a child have its parent's memory. The service is
+// then forked. (Where the C library makes that call of another one, nothing is refused.)
+const char kNoSharedMemory[] = "inject=?vfork:error=ENOSYS";
 
 // Starts a service under a daemon, kills it, and gives the facts its second life tells.
 Facts facts_of_second_life(const texts& options, Daemon* daemon, pid_t* next, const texts& env = {}) {
@@ -61,12 +66,9 @@ const texts kDomainTeller = {"--first-time=/tmp/wex/joined",
                              "--ready=/tmp/wex/ready",
                              "--hold"};
 
-TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
-  Daemon daemon;
-  pid_t next = 0;
-  Facts facts = facts_of_second_life(kTeller, &daemon, &next);
+void expect_clean_place(Facts facts, pid_t next, pid_t daemon) {
   EXPECT_EQ(texts{text(next)}, facts["pid"]);
-  EXPECT_EQ(texts{text(daemon.pid())}, facts["ppid"]);
+  EXPECT_EQ(texts{text(daemon)}, facts["ppid"]);
   EXPECT_EQ(texts{text(next)}, facts["session"]);
   EXPECT_EQ(texts{text(next)}, facts["pgrp"]);
   EXPECT_EQ(texts{"/"}, facts["cwd"]);
@@ -83,8 +85,73 @@ TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
   EXPECT_EQ(texts{"0000000000000000"}, facts["SigIgn"]);
   EXPECT_EQ(texts{text(SCHED_OTHER)}, facts["policy"]);
   EXPECT_EQ(texts{"0"}, facts["priority"]);
+  EXPECT_EQ(texts{"0"}, facts["nice"]);
+  EXPECT_EQ(texts{"18"}, facts["umask"]);  // 022, as the daemon's
+  EXPECT_EQ(1, std::count(facts["env"].begin(), facts["env"].end(), "MARK=yes"));
   EXPECT_EQ(texts{"0"}, facts["oom_score_adj"]);
   EXPECT_EQ(0u, facts["nofile"][0].find("2304 ")) << facts["nofile"][0];
+}
+
+void set_score(pid_t pid, const std::string& score) {
+  const int file = open(("/proc/" + text(pid) + "/oom_score_adj").c_str(), O_WRONLY | O_CLOEXEC);
+  EXPECT_EQ(static_cast<ssize_t>(score.size()), write(file, score.data(), score.size()));
+  close(file);
+}
+
+// What a child could change while it has the daemon's memory.
+Facts state_of(pid_t daemon) {
+  Facts state;
+  for (const std::string& task : list_dir("/proc/" + text(daemon) + "/task")) {
+    for (const char* field : {"SigBlk", "SigIgn", "SigCgt", "Groups", "Umask"}) {
+      state[task].push_back(status_field(static_cast<pid_t>(std::stol(task)), field));
+    }
+  }
+  char cwd[256] = {};
+  EXPECT_GT(readlink(("/proc/" + text(daemon) + "/cwd").c_str(), cwd, sizeof cwd - 1), 0);
+  state["daemon"] = {cwd, read_file("/proc/" + text(daemon) + "/oom_score_adj"),
+                     text(sched_getscheduler(daemon))};
+  return state;
+}
+
+// A restart changes nothing of the daemon, and gives the program all that it is to have.
+void expect_clean_restart(const char* injection) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,clone3,fork,?vfork", injection}, {}, {"MARK=yes"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  // A score that is told from a program's, also where the machine does not let the daemon have its own.
+  set_score(daemon.pid(), "300\n");
+  const Facts before = state_of(daemon.pid());
+  EXPECT_EQ("300\n", before.at("daemon")[1]);
+  pid_t next = 0;
+  const Facts facts = facts_of_second_life(kTeller, &daemon, &next);
+  expect_clean_place(facts, next, daemon.pid());
+  EXPECT_EQ(before, state_of(daemon.pid()));
+  daemon.stop();
+}
+
+TEST_F(Spawn, ARestartedProgramFindsACleanPlace) {
+  expect_clean_restart("signal=none");
+}
+
+TEST_F(Spawn, AForkedProgramFindsTheSamePlaceWhereMemoryCannotBeShared) {
+  expect_clean_restart(kNoSharedMemory);
+#if defined(SYS_vfork) && !defined(__SANITIZE_THREAD__)
+  EXPECT_TRUE(Daemon::trace().find(" = -1 ENOSYS ") != std::string::npos) << Daemon::trace();
+#endif
+}
+
+TEST_F(Spawn, AScriptWithoutAnInterpreterLineIsRunByTheShellWithItsWords) {
+  write_file("/tmp/wex/script", std::string("exec ") + actor_binary() + " \"$@\" --tag=by-shell\n", 0755);
+  const texts words = {"/tmp/wex/script", "--facts=/tmp/wex/facts", "--hold"};
+  // As left by a daemon that was killed: the file of a process that is no more.
+  make_dirs("/tmp/vsd/0/wex/db");
+  const pid_t gone = child::reaped();
+  write_file("/tmp/vsd/0/wex/db/script." + text(gone),
+             text(gone) + "\n2\n" + words[0] + " " + words[1] + " " + words[2]);
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(eventually([] { return exists(kFacts); })) << read_console();
+  EXPECT_EQ((texts{actor_binary(), words[1], words[2], "--tag=by-shell"}), read_facts(kFacts)["argv"]);
   daemon.stop();
 }
 
@@ -269,6 +336,37 @@ TEST_F(Spawn, AMissingConsoleDoesNotKeepAProgramDown) {
   EXPECT_EQ((texts{"0 /dev/null", "1 /dev/null", "2 /dev/null"}), read_facts(kFacts)["fd"]);
   daemon.stop();
 }
+
+#ifdef SYS_vfork
+size_t shared_starts() {
+  return occurrences(Daemon::trace(), "vfork(");
+}
+
+// A child waits for a console that is not there, and a parent that shares its memory with it.
+TEST_F(Spawn, WithoutAConsoleTheDaemonWaitsForOneChildOnly) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=?vfork"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_EQ(0, rename("/dev/console", "/dev/console.away"));
+  pid_t pid = service.pid();
+  texts starts;
+  for (int kill_number = 1; kill_number <= 3; ++kill_number) {
+    if (kill_number == 3) {
+      ASSERT_EQ(0, rename("/dev/console.away", "/dev/console"));
+    }
+    send_signal(pid, SIGKILL);
+    const pid_t next = wait_for_actor(kTeller, pid);
+    ASSERT_TRUE(eventually([&] { return is_registered(next); }, 20s));
+    pid = next;
+    starts.push_back(text(static_cast<long>(shared_starts())));
+  }
+  EXPECT_EQ((texts{"1", "1", "2"}), starts);
+  daemon.stop();
+}
+#endif
 
 TEST_F(Spawn, ADomainWithoutARunDirectoryDoesNotKeepItsProgramDown) {
   make_dirs("/tmp/vsd/2");

@@ -13,6 +13,7 @@
 #include "running_thread.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 #include "wex_core_filter.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -176,18 +177,8 @@ TEST_F(Rebuild, TheEndOfAThreadThatWasRegisteredIsWanted) {
   write_file(db_file(0, "foo", tid), content(tid, 2, wex_test::command_line(tid)));
   rebuild();
   ASSERT_NE(nullptr, find(tid));
-  EXPECT_EQ(1, find(tid)->is_thread);
+  EXPECT_EQ(getpid(), find(tid)->thread_of);
   EXPECT_TRUE(thread_ends_wanted);
-}
-
-TEST_F(Rebuild, AStrangersThreadWithTheOldPidIsNoRegisteredThread) {
-  const running_thread thread;
-  const int32_t tid = thread.tid();
-  write_file(db_file(0, "foo", tid), content(tid, 2, "/opt/foo"));
-  rebuild();
-  ASSERT_NE(nullptr, find(tid));
-  EXPECT_EQ(0, find(tid)->is_thread) << "its end must start the program";
-  EXPECT_FALSE(thread_ends_wanted);
 }
 
 TEST_F(Rebuild, DeadProgramIsRestartedAndItsOldFileRemoved) {

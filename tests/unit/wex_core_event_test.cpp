@@ -98,10 +98,11 @@ pid_t without_main_thread(const int (&hold)[2]) {
   return child;
 }
 
-// Something that cannot be read in the place of a process's stat file.
+// Something that says nothing in the place of a process's file in /proc.
 class unreadable_stat {
  public:
-  explicit unreadable_stat(pid_t pid) : path_("/proc/" + std::to_string(pid) + "/stat") {
+  explicit unreadable_stat(pid_t pid, const char* name = "stat")
+      : path_("/proc/" + std::to_string(pid) + "/" + name) {
     write_file("/tmp/no_stat", "not a stat text");
     EXPECT_EQ(0, mount("/tmp/no_stat", path_.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
   }
@@ -304,7 +305,7 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
   running_thread thread;
   const int32_t tid = thread.tid();
   const wex_pid* const rec = add(tid);
-  EXPECT_EQ(1, rec->is_thread);
+  EXPECT_EQ(getpid(), rec->thread_of);
   thread.end();
   wex_monitor_read_until = INT32_MAX;
   for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
@@ -314,35 +315,72 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
   EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
 }
 
-// The descriptors may have run out when it was registered.
-TEST_F(Event, OfAThreadThatCouldNotBeLookedAtMayBeLost) {
+// The descriptors may have run out when they were registered.
+TEST_F(Event, OfThreadsThatCouldNotBeLookedAtMayBeLost) {
   running_thread thread;
-  const int32_t tid = thread.tid();
-  const wex_pid* rec = nullptr;
+  running_thread brief;
+  wex_pid* rec = nullptr;
+  wex_pid* other = nullptr;
   {
-    const unreadable_stat none(tid);
-    rec = add(tid);
+    const unreadable_stat none(thread.tid(), "status");
+    rec = add(thread.tid());
   }
-  EXPECT_EQ(0U, rec->start_time);
-  EXPECT_EQ(1, rec->is_thread);
-  g_asked = false;
+  {
+    const unreadable_stat none(brief.tid(), "status");
+    other = add(brief.tid(), "/bin/sleep 2000");
+  }
+  EXPECT_EQ(-1, rec->thread_of);
+  brief.end();
   wex_sweep_lost_exits();
   EXPECT_TRUE(g_asked) << "the sweep sees that the thread runs, and that its end is wanted";
+  EXPECT_EQ(getpid(), rec->thread_of);
   thread.end();
   wex_monitor_read_until = INT32_MAX;
   for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
     g_now = now;
     wex_sweep_lost_exits();
   }
-  EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
+  EXPECT_EQ(thread.tid(), pid_of(rec)) << "a second instance beside the process that goes on";
+  EXPECT_EQ(brief.tid(), pid_of(other));
   EXPECT_FALSE(g_asked) << "nobody wants the ends of threads any more";
+}
+
+// The record of the process itself goes as that of a program that is registered elsewhere, too.
+TEST_F(Event, OfAProcessWhoseThreadWasRegisteredIsFoundByTheSweep) {
+  int told[2];
+  ASSERT_EQ(0, pipe2(told, O_CLOEXEC));
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const running_thread thread;
+    const int32_t tid = thread.tid();
+    (void)!write(told[1], &tid, sizeof tid);
+    for (;;) {
+      pause();
+    }
+  }
+  int32_t tid = 0;
+  ASSERT_EQ(ssize_t{sizeof tid}, read(told[0], &tid, sizeof tid));
+  close(told[0]);
+  close(told[1]);
+  const wex_pid* const rec = add(tid);
+  EXPECT_EQ(child, rec->thread_of);
+  wex_monitor_read_until = INT32_MAX;
+  wex_sweep_lost_exits();
+  EXPECT_EQ(tid, pid_of(rec));
+  send_signal(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  wex_sweep_lost_exits();
+  g_now = 1000 + kSweepConfirmSec;
+  wex_sweep_lost_exits();
+  EXPECT_NE(tid, pid_of(rec));
+  EXPECT_EQ(0, rec->thread_of);
 }
 
 TEST_F(Event, OfAProcessThatGotTheIdOfAnEndedThreadIsNoEndOfTheThreadsProgram) {
   const pid_t child = lasting();
   wex_pid* const rec = add(child);
-  rec->is_thread = 1;
-  rec->start_time = 1;
+  rec->thread_of = getpid();
   send_signal(child, SIGKILL);
   waitpid(child, nullptr, 0);
   wex_take_exit_event(exit_of(child, kCoreDumped | SIGSEGV));

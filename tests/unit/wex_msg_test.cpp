@@ -2,7 +2,9 @@
 #include "wex_msg.h"
 #include "leak_gate.h"
 
+#include <atomic>
 #include <regex>
+#include <thread>
 
 #include "chain_lock.h"
 #include "control_peer.h"
@@ -24,6 +26,8 @@ namespace {
 injection g_open;
 injection g_readlink;
 
+std::atomic<int> g_commands_read{0};
+
 int32_t g_clock_ahead_sec = 0;
 
 bool is_in_proc(const char* path) {
@@ -36,9 +40,11 @@ extern "C" {
 int __real_open64(const char* path, int flags, mode_t mode);
 int __wrap_open64(const char* path, int flags, mode_t mode);
 int __wrap_open64(const char* path, int flags, mode_t mode) {
-  return is_in_proc(path) && strstr(path, "cmdline") != nullptr && g_open.now()
-             ? -1
-             : __real_open64(path, flags, mode);
+  if (!is_in_proc(path) || strstr(path, "cmdline") == nullptr) {
+    return __real_open64(path, flags, mode);
+  }
+  ++g_commands_read;
+  return g_open.now() ? -1 : __real_open64(path, flags, mode);
 }
 ssize_t __real_readlink(const char* path, char* buffer, size_t size);
 ssize_t __wrap_readlink(const char* path, char* buffer, size_t size);
@@ -346,28 +352,55 @@ TEST_F(Registry, TheIdOfAnEndedThreadCanBeRegisteredByTheProcessThatHasIt) {
   const sleeper process;
   for (const std::string& command : {process.command(), std::string("/bin/other")}) {
     wex_pid* const thread = add(wex_chains, process.pid(), command.c_str());
-    thread->is_thread = 1;
+    thread->thread_of = 1;
     thread->start_time = 1;
     const std::string old_file = text_of(kDbFileFmt, 0, program_of(command).c_str(), process.pid());
     std::ofstream(old_file) << "x";
     const wex_reg_info body = body_of(process.pid());
     EXPECT_EQ(0, wex_process_restart(&body));
     ASSERT_EQ(1, wex_chains.count) << command;
-    EXPECT_EQ(0, find(wex_chains, process.pid())->is_thread);
+    EXPECT_EQ(0, find(wex_chains, process.pid())->thread_of);
     EXPECT_EQ(command == process.command(), exists(old_file)) << "the process may have made it";
     const wex_cons_info cancel = {WEX_CANCEL_PROC, process.pid()};
     EXPECT_EQ(0, wex_process_cons_msg(&cancel));
   }
 }
 
-TEST_F(Registry, AThreadThatCouldNotBeLookedAtIsRegisteredOnce) {
+TEST_F(Registry, AThreadIsRegisteredOnce) {
   const running_thread thread;
-  const int32_t tid = thread.tid();
-  wex_pid* const rec = add(wex_chains, tid);
-  rec->is_thread = 1;
-  const wex_reg_info body = body_of(tid);
+  const wex_reg_info body = body_of(thread.tid());
   EXPECT_EQ(0, wex_process_restart(&body));
-  EXPECT_EQ(1, wex_chains.count);
+  wex_pid* const rec = find(wex_chains, thread.tid());
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(getpid(), rec->thread_of);
+  rec->check_count = 3;
+  EXPECT_EQ(0, wex_process_restart(&body));
+  ASSERT_EQ(1, wex_chains.count);
+  EXPECT_EQ(3, find(wex_chains, thread.tid())->check_count);
+}
+
+// An exit that is being handled may hold the registry for seconds.
+TEST_F(Registry, AThreadThatEndsWhileItsRegistrationWaitsIsKnownAsOne) {
+  running_thread thread;
+  const wex_reg_info body = body_of(thread.tid());
+  std::atomic<int32_t> server{0};
+  std::thread worker;
+  {
+    const chain_lock hold(wex_chains);
+    g_commands_read = 0;
+    worker = std::thread([&] {
+      server = wex_thread_id();
+      wex_process_restart(&body);
+    });
+    EXPECT_TRUE(wex_test::eventually([&] {
+      return g_commands_read > 0 && wex_look_at(server).state == 'S' && wex_look_at(server).state == 'S';
+    }));
+    thread.end();
+  }
+  worker.join();
+  const wex_pid* const rec = find(wex_chains, body.pid);
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(getpid(), rec->thread_of) << "its end would be taken for a lost exit";
 }
 
 // ---- Cancelling -------------------------------------------------------------------------------------------
