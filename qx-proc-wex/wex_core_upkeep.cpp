@@ -123,6 +123,7 @@ void wex_sweep_lost_exits() {
       }
     }
     wex_pass_thread_ends(thread_ends_for::registrations, any_thread);
+    __wex_tidy_filter();
   }
   for (int i = 0; i < count; ++i) {
     hand_over(lost[i]);

@@ -61,6 +61,7 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
+inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
 inline constexpr int kSubscriptionWaitMs = 100;  // how long the kernel may take to answer the subscription
 
 // The end of the daemon. A restart that is under way may take 5.5 s of searching and the platform's time
@@ -124,7 +125,8 @@ inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file i
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
 // The status table.
-inline constexpr int kStatusPassMs = 250;          // how often what has happened is shown to readers
+inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
+inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
 
 // System log of a plain Linux box.

@@ -47,6 +47,8 @@ inline constexpr char kCpuTasksFmt[]      = "/cpu/vsd_%d/tasks";                
 inline constexpr char kCpuSharesFmt[]     = "/cpu/vsd_%d/cpu.shares";             // domain: domain
 
 inline constexpr char kThirdPartDir[]     = "/etc/wex/proc";                      // device: one file a third-part program
+inline constexpr char kThirdPartListDir[] = "/etc/wex";                           // device: holds the list
+inline constexpr char kSettingsDir[]      = "/etc";                               // device: holds that directory
 inline constexpr char kThirdPartList[]    = "/etc/wex/third_part_proc";           // daemon at start: one line a program
 inline constexpr char kBurstConfig[]      = "/etc/wex_config";                    // device: "window count"
 inline constexpr char kCommandMap[]       = "/etc/cmdmap";                        // device: restart scripts
