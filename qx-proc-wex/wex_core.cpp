@@ -173,11 +173,16 @@ void start_threads(threads* running) {
 // The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
 void show_status() {
   wex_status_thread_is(kStatusMain);
+  const int news = wex_status_open_news();
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMain);
+    wex_status_take_news();
     wex_status_publish();
     wex_status_idle(kStatusMain);
     wex_wait_exit(kStatusPassMs);
+    if (news >= 0) {
+      wex_wait_exit_or(news, kStatusIdleMs);
+    }
   }
 }
 

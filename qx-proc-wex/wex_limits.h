@@ -124,7 +124,8 @@ inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file i
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
 // The status table.
-inline constexpr int kStatusPassMs = 250;          // how often what has happened is shown to readers
+inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
+inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
 
 // System log of a plain Linux box.

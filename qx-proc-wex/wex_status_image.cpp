@@ -4,13 +4,16 @@
 // so it may be taken with any other lock held.
 #include "wex_status_image.h"
 
+#include <fcntl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <iterator>
 
+#include "close_on_exec.h"
 #include "priority_mutex.h"
 #include "text_buffer.h"
 #include "waiting.h"
@@ -77,6 +80,9 @@ uint32_t g_counters[WEX_STATUS_COUNTERS] WEX_TSA(guarded_by(g_mutex));
 int64_t g_wall_ahead WEX_TSA(guarded_by(g_mutex)) =
     0;  // milliseconds by which it is ahead of the monotonic clock
 
+int g_news[2] = {-1, -1};             // read end, write end; made once, open for life
+std::atomic<bool> g_news_told{true};  // nobody waits for them yet
+
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
 
@@ -107,8 +113,16 @@ wex_status_slot* slot_of(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex
                                                                        : nullptr;
 }
 
+// Wakes the main thread, once for all that happens until it looks.
+void tell_news() {
+  if (!g_news_told.exchange(true)) {
+    (void)!write(g_news[1], "x", 1);
+  }
+}
+
 void mark(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex)) {
   set_bit(g_changed, rec->status_slot - 1);
+  tell_news();
 }
 
 // The program without its directory and its arguments. A name that is too long fills the field.
@@ -185,6 +199,7 @@ void add_event(wex_status_kind kind, int32_t pid, int32_t domain, const char* pr
   event.value = more.value;
   event.kind = kind;
   copy_name(event.name, process);
+  tell_news();
 }
 
 }  // namespace
@@ -360,6 +375,25 @@ void wex_status_return_all() {
   const mutex_lock hold(g_mutex);
   for (uint32_t number = 0; number < g_slots_used; ++number) {
     set_bit(g_changed, static_cast<int32_t>(number));
+  }
+}
+
+int wex_status_open_news() {
+  if (pipe(g_news) != 0) {
+    return -1;
+  }
+  for (const int end : g_news) {
+    set_close_on_exec(end);
+    fcntl(end, F_SETFL, O_NONBLOCK);
+  }
+  return g_news[0];
+}
+
+void wex_status_take_news() {
+  char told[8];
+  if (g_news[0] >= 0) {
+    (void)!read(g_news[0], told, sizeof told);
+    g_news_told.store(false);  // only now: what is told from here on is told by another byte
   }
 }
 

@@ -91,5 +91,10 @@ void wex_status_copy_words(status_words* words);
 void wex_status_return_slot(int32_t number);
 void wex_status_return_all();
 
+// A descriptor that can be read once something has changed, until that is taken note of; -1 when there is
+// none. So nobody has to look while nothing happens. The main thread's.
+int wex_status_open_news();
+void wex_status_take_news();
+
 // Brings the wall clock of events and slots up to date.
 void wex_status_set_clock();

@@ -77,9 +77,9 @@ const char* colour_of(const wex_status_slot& slot) {
 
 // ---- Cells ------------------------------------------------------------------------------------------------
 
-enum column { kName, kPid, kDomain, kState, kUp, kRestarts, kLastExit, kThreads, kColumns };
-constexpr const char* kTitles[] = {"NAME",   "PID",      "DOMAIN",    "STATE",
-                                   "UP FOR", "RESTARTS", "LAST EXIT", "THREADS"};
+enum column { kName, kPid, kDomain, kState, kUp, kRestarts, kThreads, kLastExit, kColumns };
+constexpr const char* kTitles[] = {"NAME",   "PID",      "DOMAIN",  "STATE",
+                                   "UP FOR", "RESTARTS", "THREADS", "LAST EXIT"};
 static_assert(std::size(kTitles) == kColumns, "every column has a title");
 constexpr size_t kCellSize = sizeof wex_status_slot::name * 4 + 1;
 

@@ -2,6 +2,7 @@
 // and whatever becomes of the table.
 #include "wex_status_file.h"
 
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -472,5 +473,28 @@ TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
     wex_status_idle(kStatusServer);
     wex_status_publish();
     EXPECT_EQ(0, seen().busy_since);
+  });
+}
+
+TEST_F(StatusTable, NobodyHasToLookWhileNothingHappens) {
+  in_child([] {
+    start();
+    const int news = wex_status_open_news();
+    ASSERT_GE(news, 0);
+    const auto told = [news] {
+      struct pollfd wait = {news, POLLIN, 0};
+      return poll(&wait, 1, 0) == 1;
+    };
+    EXPECT_FALSE(told()) << "nobody waits yet";
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    EXPECT_TRUE(told());
+    drop(rec);
   });
 }

@@ -58,12 +58,10 @@ TEST_F(WexstatTable, EachCellIsInItsColumn) {
   watched.fewest_misses = 4;
   watched.started = at.monotonic_ms - int64_t{76} * 3600000;
   EXPECT_EQ(
-      "NAME     PID   DOMAIN  STATE                    UP FOR   RESTARTS  LAST EXIT                     "
-      "THREADS\n"
-      "fragile  1000  0       parked, 4 min 12 s more  -        4         SIGABRT, core, 2 h 0 min ago  "
-      "-\n"
-      "clock    1001  3       running                  3 d 4 h  0         -                             "
-      "2\n",
+      "NAME     PID   DOMAIN  STATE                    UP FOR   RESTARTS  THREADS  LAST EXIT\n"
+      "fragile  1000  0       parked, 4 min 12 s more  -        4         -        SIGABRT, core, 2 h 0 min "
+      "ago\n"
+      "clock    1001  3       running                  3 d 4 h  0         2        -\n",
       table_of(table, {}, at));
 }
 
