@@ -1,11 +1,27 @@
 // wex_core_restart: a record's program is started again, and the record follows its new process.
 #include "wex_core_restart.h"
 
+#include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_status_image.h"
+
+namespace {
+
+// The process ended before its exit could be asked for, or just after. A child of ours is told by the reaper
+// as well, for anything else the sweep must look. Whichever comes first counts: the restart changes the pid.
+void expect_lost_exit(wex_pid* rec) WEX_TSA(requires_capability(wex_spawn_mutex)) {
+  rec->missed_start = wex_remember_start(rec->pid, rec->exit_signal);
+  rec->gone_since = wex_clock_now();
+  wex_request_sweep();
+}
+
+}  // namespace
 
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) {
@@ -23,6 +39,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
   __wex_adopt_pid(chain, rec, new_pid);
+  if (new_pid > 0 && !wex_record_lives(rec)) {
+    expect_lost_exit(rec);
+  }
   rec->restart_failed = new_pid < 1 ? 1 : 0;
   if (after.may_postpone_next) {
     rec->force_restart = 0;

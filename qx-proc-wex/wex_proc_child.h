@@ -25,7 +25,7 @@ inline const char* wex_first_word(const launch& start) {
 
 // Starts a child that runs the program. The child's pid, or -1 with errno. One of a domain has executed its
 // program, or ended, when this returns.
-pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_spawn_mutex));
+pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex));
 
 extern "C" {
 
