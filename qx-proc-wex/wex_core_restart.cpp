@@ -5,6 +5,8 @@
 #include "wex_dbg.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_proc_child.h"
+#include "wex_utils.h"
 
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) {
@@ -17,6 +19,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
   __wex_adopt_pid(chain, rec, new_pid);
+  if (!wex_child_has_normal_lmk(new_pid)) {
+    wex_reset_lmk(new_pid);
+  }
   rec->restart_failed = new_pid < 1 ? 1 : 0;
   if (after.may_postpone_next) {
     rec->force_restart = 0;

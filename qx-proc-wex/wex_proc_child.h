@@ -26,3 +26,10 @@ inline const char* wex_first_word(const launch& start) {
 // Starts a child that runs the program. The child's pid, or -1 with errno. One of a domain has executed its
 // program, or ended, when this returns.
 pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_spawn_mutex));
+
+// Has the children of the calling thread, which runs at this real-time priority, begin at normal priority: one
+// that gives the real-time priority up by itself goes behind all that wait for its processor.
+void wex_start_children_at_normal_priority(int own_priority);
+
+// Whether the child that was started last is `pid` and is known to have the normal low-memory-killer score.
+bool wex_child_has_normal_lmk(int32_t pid) WEX_TSA(requires_capability(wex_spawn_mutex));
