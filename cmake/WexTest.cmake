@@ -12,8 +12,7 @@ list(APPEND wex_test_runner ${CMAKE_CROSSCOMPILING_EMULATOR})
 # DAEMON: the cases run the real daemon, and each is a ctest entry with a sandbox of its own. Cases with one of
 # their LOCKS in common (daemon, if none is named) run one after the other.
 # Without it all cases are one ctest entry, and share one sandbox and one process: the leak gate of the harness
-# makes the device clean between them. WEX_EACH_CASE=1 in the environment of ctest adds one entry a case;
-# programs named there instead, parted by blanks, add theirs only.
+# makes the device clean between them. WEX_EACH_CASE=1 in the environment of ctest adds one entry a case.
 function(wex_add_tests name)
   cmake_parse_arguments(arg "DAEMON" "" "SOURCES;LIBRARIES;LABELS;LOCKS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
@@ -70,6 +69,6 @@ function(wex_hide_single_cases name)
   get_property(files DIRECTORY PROPERTY TEST_INCLUDE_FILES)
   list(POP_BACK files single_cases)
   set(file "${CMAKE_CURRENT_BINARY_DIR}/${name}_on_demand.cmake")
-  wex_write_for_ctest("${file}" "if(\" \$ENV{WEX_EACH_CASE} \" MATCHES \" (1|${name}) \")\n  include(\"${single_cases}\")\nendif()\n")
+  wex_write_for_ctest("${file}" "if(DEFINED ENV{WEX_EACH_CASE})\n  include(\"${single_cases}\")\nendif()\n")
   set_property(DIRECTORY PROPERTY TEST_INCLUDE_FILES "${files};${file}")
 endfunction()

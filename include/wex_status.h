@@ -19,7 +19,7 @@
 #include <stdint.h>
 
 #ifdef __cplusplus
-#define WEX_STATUS_CHECK(condition) static_assert(condition, "the layout is the same everywhere")
+#define WEX_STATUS_CHECK(condition) static_assert(condition)
 extern "C" {
 #else
 #define WEX_STATUS_JOIN2(a, b) a##b

@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "guarded_file.h"
 #include "unique_fd.h"
+#include "wex.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_move_aside.h"
@@ -88,7 +90,8 @@ bool take_existing(key_t key) {
   return true;
 }
 
-// The set that a look-up found, or -1 when another user has put one of his own under our key meanwhile.
+// The set that a look-up found. When another user has put one of his own under our key meanwhile: the one
+// that wex_sem_init() made or found in this process, or -1.
 int32_t own_set(int32_t found) {
   return found < 0 || is_own_set(found) ? found : g_own_set;
 }

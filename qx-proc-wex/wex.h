@@ -15,23 +15,8 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
-/* Clang checks at compile time that whoever walks or changes a chain holds its lock, and the order of locks.
- * Only in C++, where a member can name its own object as its guard. */
-#if defined(__clang__) && defined(__cplusplus)
-#define WEX_TSA(attribute) __attribute__((attribute))
-#else
-#define WEX_TSA(attribute)
-#endif
-
-#if defined(__cplusplus)
-#define WEX_STATIC_ASSERT(condition, reason) static_assert(condition, reason)
-#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
-#define WEX_STATIC_ASSERT(condition, reason) _Static_assert(condition, reason)
-#else
-#define WEX_STATIC_ASSERT(condition, reason) extern char wex_static_assert_holds[(condition) ? 1 : -1]
-#endif
-
-#define WEX_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
+#include "wex_attributes.h"
+#include "wex_diagnostics.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -108,6 +93,7 @@ typedef struct wex_pid {
   uint32_t missed_start;  /* number of that start until its end has been handled, 0 = none */
   uint64_t start_time;    /* of the process, field 22 of /proc/PID/stat: tells a reused pid; 0 = unknown */
   uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
+  int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");
@@ -182,34 +168,6 @@ WEX_STATIC_ASSERT(offsetof(wex_reg_info, restart_delay) == 28 && offsetof(wex_re
                       offsetof(wex_reg_info, tag) == 288,
                   "older clients read these bytes");
 WEX_STATIC_ASSERT(sizeof(wex_cons_info) == 8, "older clients read these bytes");
-
-/* ---- Diagnostics ----------------------------------------------------------------------------------- */
-
-/* Levels: 4 silences the lines it guards, every other value lets them print. */
-enum { WEX_DBG_PUB, WEX_DBG_ALIVE, WEX_DBG_LIB, WEX_DBG_LEVELS };
-enum { WEX_DBG_SILENT = 4 };
-
-extern int32_t g_wex_dbg_level[WEX_DBG_LEVELS];
-extern const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1];
-
-/* Reads the debug levels from the configuration file below DATA_OVIX_DIR. Always 0; what cannot be read
- * leaves the levels as they are. Any thread, but not two at once. */
-int wex_parse_dbg_file(void);
-
-/* 1 when public diagnostics print, else 0. Any thread. */
-int wex_is_open_pub_dbg(void);
-
-/* Writes "[WEX:module:line]" and the message to standard output in one write. Keeps errno. Any thread,
- * also between fork and exec. Use wex_dbg(), which looks at the level first. */
-void wex_dbg_print(const char* module, int line, const char* format, ...) WEX_PRINTF(3, 4);
-
-#define wex_dbg_on(level) (__atomic_load_n(&g_wex_dbg_level[level], __ATOMIC_RELAXED) != WEX_DBG_SILENT)
-#define wex_dbg_as(module, level, ...)              \
-  do {                                              \
-    if (wex_dbg_on(level)) {                        \
-      wex_dbg_print(module, __LINE__, __VA_ARGS__); \
-    }                                               \
-  } while (0)
 
 /* ---- Registration of processes --------------------------------------------------------------------- */
 

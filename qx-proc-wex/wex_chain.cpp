@@ -14,16 +14,19 @@
 #include <iterator>
 
 #include "chain_lock.h"
+#include "pid_set.h"
 #include "priority_mutex.h"
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
 #include "wex_clock.h"
+#include "wex_core_filter.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -77,6 +80,9 @@ void unlink_list(wex_list* link) {
 }
 
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
+  if (chain == &wex_chains) {
+    wex_status_hide(rec);
+  }
   hlist_del(&rec->hnode);
   unlink_list(&rec->list);
   chain->count--;
@@ -91,16 +97,35 @@ void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability
   g_replaced_next++;
 }
 
+bool is_recent(const replacement& entry) {
+  return int64_t{wex_clock_now()} - entry.time <= kReplacedKeepSec;
+}
+
 // The newest replacement of `pid`, unless it is too old or led to no process; else null.
 const replacement* find_replaced(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   for (unsigned back = 1; back <= kReplacedKept; back++) {
     const replacement& entry = g_replaced[(g_replaced_next - back) % kReplacedKept];
     if (entry.old_pid == pid) {
-      const int64_t age = int64_t{wex_clock_now()} - entry.time;
-      return entry.new_pid > 0 && age <= kReplacedKeepSec ? &entry : nullptr;
+      return entry.new_pid > 0 && is_recent(entry) ? &entry : nullptr;
     }
   }
   return nullptr;
+}
+
+// Every process whose exit, or whose threads' core dumps, concern the registry. False when they are too many.
+bool gather_expected(pid_set* pids) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  for (const wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
+    if (rec->pid > 0 && !pids->add(rec->pid)) {
+      return false;
+    }
+  }
+  for (const replacement& entry : g_replaced) {
+    if (entry.old_pid > 0 && is_recent(entry) && !pids->add(entry.old_pid)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // The console and the system log may be slow or stand still: what they get is gathered with the chain held
@@ -191,9 +216,28 @@ void wex_free_record(wex_pid* rec) {
   free(rec);
 }
 
+void __wex_expect_exit(int32_t pid) {
+  if (!wex_pass_exits_of(pid)) {
+    __wex_tidy_filter();
+    wex_pass_exits_of(pid);
+  }
+}
+
+void __wex_tidy_filter() {
+  pid_set pids;
+  wex_pass_exits_only_of(gather_expected(&pids) ? &pids : nullptr);
+}
+
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
+  if (chain == &wex_chains) {
+    chain_lock hold(wex_chains);  // the same lock, under the name that the filter asks for
+    __wex_expect_exit(rec->pid);
+  }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
+  if (chain == &wex_chains) {
+    wex_status_show(rec);
+  }
 }
 
 wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) {
@@ -316,6 +360,7 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // program a second time.
   wex_db_destroy(rec);
   note_replaced(rec->pid, new_pid);
+  __wex_expect_exit(new_pid);
   hlist_del(&rec->hnode);
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);

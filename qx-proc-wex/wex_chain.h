@@ -28,10 +28,6 @@ void __wex_del_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability
 // Unlinks a bucket link and poisons it.
 void hlist_del(wex_hnode* node);
 
-// Restores wex_chains from the database files of all domains and restarts what died meanwhile. 0. Before any
-// thread runs.
-int wex_rebuild_chains(wex_chains_t* chain);
-
 // Dumps a chain to standard output, or to the system log. kind 0, 1, 2 choose the heading. 0.
 int wex_print_chains(int kind, wex_chains_t* chain);
 int wex_syslog_chains(int kind, wex_chains_t* chain);
@@ -48,7 +44,14 @@ void wex_free_record(wex_pid* rec);
 // Makes such a record of the memory of one that has left its chain.
 wex_pid* wex_blank_record(wex_pid* memory);
 
-// Puts a record at the head of its bucket.
+// Has the exit of this process reported from now on. What a caller takes for alive must be looked at after
+// this: an exit that came before was not reported.
+void __wex_expect_exit(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
+// No longer has those exits reported that concern no record.
+void __wex_tidy_filter() WEX_TSA(requires_capability(wex_chains));
+
+// Puts a record at the head of its bucket. In wex_chains the exit of its process is reported from then on.
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
 // Unlinks a record (both links poisoned) and frees it.

@@ -2,7 +2,7 @@
 //
 // What lived on meanwhile is taken over, what died is started again. Runs before any thread does.
 #define WEX_MODULE "wex_chain"
-#include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -16,6 +16,7 @@
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_action.h"
+#include "wex_chain.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
 #include "wex_core_restart.h"

@@ -24,8 +24,13 @@
 #include "unique_fd.h"
 #include "waiting.h"
 #include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 #include "wex_child.h"
 #include "wex_core_claim.h"
+#include "wex_core_fork.h"
+#include "wex_core_netlink.h"
+#include "wex_core_notify.h"
+#include "wex_core_server.h"
 #include "wex_core_stop.h"
 #include "wex_core_upkeep.h"
 #include "wex_core_watched_names.h"
@@ -35,10 +40,12 @@
 #include "wex_log.h"
 #include "wex_opt.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_signals.h"
 #include "wex_signals_alarm.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_file.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -163,6 +170,22 @@ void start_threads(threads* running) {
   }
 }
 
+// The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
+void show_status() {
+  wex_status_thread_is(kStatusMain);
+  const int news = wex_status_open_news();
+  while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_status_busy(kStatusMain);
+    wex_status_take_news();
+    wex_status_publish();
+    wex_status_idle(kStatusMain);
+    wex_wait_exit(kStatusPassMs);
+    if (news >= 0) {
+      wex_wait_exit_or(news, kStatusIdleMs);
+    }
+  }
+}
+
 void join_threads(const threads& running) {
   for (const int number : kJoined) {
     if (number < running.created) {
@@ -184,6 +207,7 @@ bool others_have_ended(const threads& running) {
 }
 
 [[noreturn]] void tear_down(const threads& running, unique_fd&& lock) {
+  wex_status_end();  // before the chains are emptied: what was registered stays to be seen
   if (others_have_ended(running)) {
     wex_destroy_chains(&wex_chains);
     wex_destroy_chains(&wex_alive_chains);
@@ -234,6 +258,7 @@ int main(int argc, char** argv) {
   wex_hold_dirs();
   wex_log_moved_names();
   wex_init_wakeup();
+  wex_status_open();
   if (!restore_registry()) {
     return -1;
   }
@@ -252,6 +277,7 @@ int main(int argc, char** argv) {
   } else {
     start_threads(&running);
   }
+  show_status();
   join_threads(running);
   tear_down(running, std::move(lock));
 }

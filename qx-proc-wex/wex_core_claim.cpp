@@ -34,7 +34,8 @@ struct moved_name {
   char to[kPathSize];  // empty: removed
 };
 
-// What was moved before the directory of the running log exists; logged later.
+// What was moved before the directory of the running log exists; logged later. No lock: at the start there is
+// one thread, and from then on only the control server moves names.
 moved_name g_moved[kMovedLogged];
 int g_moved_count = 0;
 

@@ -11,6 +11,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_image.h"
 
 namespace {
 
@@ -61,9 +62,11 @@ void __wex_note_crash(wex_pid* rec) {
 
 void wex_apply_burst_rule(const burst_rule& rule, int32_t now) {
   char list[1024];
-  if (count_crashed(now, rule.window, list, sizeof list) < rule.count) {
+  const int32_t crashed = count_crashed(now, rule.window, list, sizeof list);
+  if (crashed < rule.count) {
     return;
   }
+  wex_status_tell_of(WEX_STATUS_EV_BURST, 0, "", {0, 0, 0, crashed});
   char reason[128];
   wex_format(reason, sizeof reason, "detect more than %d process exit in shorttime[%d]s\n", rule.count,
              rule.window);

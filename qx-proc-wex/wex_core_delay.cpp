@@ -14,6 +14,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 
 namespace {
 
@@ -99,5 +100,6 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) {
   wex_pid* const copy = copy_of(*rec);
   chain_lock hold(wex_chains_delay);
   __wex_add_record(&wex_chains_delay, copy);
+  wex_status_tell(WEX_STATUS_EV_POSTPONED, rec, {0, 0, rec->exit_signal});
   return 1;
 }

@@ -77,9 +77,9 @@ struct pending_exit {
   int looks;  // that were due by time; one made because a thread ended does not count
   bool thread_ended;
 };
+// These three are the exit monitor's alone: no lock.
 pending_exit g_pending[kPendingExits];
 int g_pending_count = 0;
-
 int64_t g_least_delay_ns = INT64_MAX;
 
 // Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.

@@ -29,6 +29,7 @@
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -58,6 +59,7 @@ bool still_runs(wex_pid* rec) {
   rec->exit_seen = 0;
   rec->exit_tick = 0;
   rec->gone_since = 0;
+  wex_status_refresh(rec);
   wex_request_sweep();
   return true;
 }
@@ -84,6 +86,7 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
   wex_dbg(WEX_DBG_PUB, "%s--> %s is running!\n", kHandler, rec->process);
   if (other == rec) {
     wex_dbg(WEX_DBG_PUB, "%s--> del %d\n", kHandler, rec->pid);
+    wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec);
     drop_registration(rec);
     return true;
   }
@@ -92,6 +95,7 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> pid %d alive, del %d\n", kHandler, other->pid, rec->pid);
+  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, other->pid});
   drop_registration(rec);
   return true;
 }
@@ -140,6 +144,7 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = wex_last_process(rec);
   const int32_t vsd = pid > 0 ? find_app(pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
+  wex_status_tell(WEX_STATUS_EV_STOPPED, rec, {0, 0, rec->exit_signal});
   if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
     rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
     return;
@@ -234,6 +239,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
+  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, child});
   const wex_pid before = *rec;
   wex_pid* const memory = __wex_recycle_registration(rec);
   if (wex_register_third_part(child, action.keyword, memory) == 0) {
@@ -268,6 +274,7 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     return;
   }
   if (rec->restart_delay > 0) {
+    wex_status_restarting(rec, static_cast<int64_t>(rec->restart_delay) * 1000);
     // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
     wex_wait_with_registry(static_cast<int64_t>(rec->restart_delay) * 1000);
     if (__wex_dropped_with_domain(rec)) {
@@ -276,10 +283,11 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
   }
   if (del_dev_mon_log() < 0 && !announce(rec, action)) {
     rec->restart_failed = 1;
+    wex_status_tell(WEX_STATUS_EV_FAILED, rec);
     return;
   }
   if (__wex_start_again(&wex_chains, rec, action, kAfterExit) > 0 && del_dev_mon_restart() < 0) {
-    wex_log_restarted(rec, action, kAfterExit);
+    wex_log_restarted(rec, action, kAfterExit, __LINE__);
     log_success(action, rec);
   }
 }
@@ -295,9 +303,19 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   restart(rec, *action);
 }
 
+// Tells of the end of the record's process once: a postponed one comes here a second time.
+void tell_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool told) {
+  if (!told) {
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, exit_signal});
+  } else if (force_restart == 1) {
+    wex_status_tell(WEX_STATUS_EV_FORCED, rec, {0, 0, exit_signal});
+  }
+}
+
 // The record's process has ended.
-void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool told)
     WEX_TSA(requires_capability(wex_chains)) {
+  tell_ended(rec, exit_signal, force_restart, told);
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
@@ -330,7 +348,7 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint6
   }
   const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
   if (known_ended || !still_runs(rec)) {
-    handle_ended(rec, exit_signal, force_restart);
+    handle_ended(rec, exit_signal, force_restart, rec->exit_seen != 0 || wex_status_waits(rec));
   }
 }
 
@@ -351,7 +369,7 @@ void handle_missed(uint32_t start, uint32_t status) WEX_TSA(requires_capability(
   }
   wex_dbg(WEX_DBG_PUB, "%s--> %s ended before it was found\n", kHandler, rec->process);
   rec->missed_start = 0;
-  handle_ended(rec, status, 0);
+  handle_ended(rec, status, 0, rec->alarm_wait_flag == 1);
 }
 
 // What wex_drop_taken_down() does for an exit, here by the start: several such records may have no pid.
@@ -361,6 +379,7 @@ bool drop_missed(uint32_t start) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = find_missed(start)) {
+    wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
     __wex_drop_registration(rec);
   }
   return true;

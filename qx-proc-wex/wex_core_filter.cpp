@@ -1,10 +1,13 @@
-// wex_core_filter: the packet filter on the socket of process events, so that forks, renames and threads of
-// unrelated processes can neither crowd out an exit nor keep the monitor busy.
+// wex_core_filter: the packet filter on the socket of process events, so that unrelated processes can neither
+// crowd out an exit nor keep the monitor busy.
+//
+// The filter holds the registered processes' ids. It may pass too much, never too little: when the kernel
+// refuses one, a shorter one takes its place that passes the exits of all processes, and when that is refused
+// there is none. A process that is no longer registered stays in the filter until the next tidying, for a
+// thread of it may still be reported.
 #define WEX_MODULE "wex_core"
 #include "wex_core_filter.h"
 
-#include <arpa/inet.h>
-#include <linux/filter.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -12,44 +15,108 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
-#include "wex_core_process_event.h"
+#include "wex_core_filter_program.h"
+#include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
 
 namespace {
 
+// What comes through.
+struct passed_events {
+  bool executions;
+  thread_ends threads;
+  bool every_exit;
+
+  bool operator==(const passed_events& other) const noexcept {
+    return executions == other.executions && threads == other.threads && every_exit == other.every_exit;
+  }
+  // Of the exits only their kind: which processes an exact filter holds is not compared.
+  bool includes(const passed_events& other) const noexcept {
+    return executions >= other.executions && threads >= other.threads && every_exit >= other.every_exit;
+  }
+};
+
+constexpr passed_events kUnfiltered = {true, thread_ends::all, true};
+
+// How the processes in the filter that is in place differ from those that are wanted.
+enum class difference { none, too_many, too_few };
+
 priority_mutex g_lock;
 int g_events WEX_TSA(guarded_by(g_lock)) = -1;
-unsigned g_wanted WEX_TSA(guarded_by(g_lock)) = 0;   // one bit for each thread_ends_for
-bool g_passing WEX_TSA(guarded_by(g_lock)) = false;  // as the socket is, not as it should be
+unsigned g_threads_for WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
+bool g_executions WEX_TSA(guarded_by(g_lock)) = true;
+pid_set g_exits WEX_TSA(guarded_by(g_lock));
+bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;                 // more processes than the set holds
+bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
+passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
+difference g_difference WEX_TSA(guarded_by(g_lock)) = difference::none;
+sock_filter g_program[kFilterProgramMax] WEX_TSA(guarded_by(g_lock));
 
-// The filter machine loads words in network order, the message is in host order. Jumps count from the next
-// instruction.
-void attach(int fd, bool thread_ends) WEX_TSA(requires_capability(g_lock)) {
-  constexpr uint8_t kPassFromFour = 7;
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKindAt),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExec), 9, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventAck), 8, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(kEventExit), thread_ends ? kPassFromFour : uint8_t{0}, 6),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kPidAt),
-      BPF_STMT(BPF_MISC | BPF_TAX, 0),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kTgidAt),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_X, 0, 3, 0),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kCodeAt),
-      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(kCoreDumped), 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, 0),
-      BPF_STMT(BPF_RET | BPF_K, 0xffffffffu),
-  };
-  const sock_fprog filter = {sizeof program / sizeof program[0], program};
-  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) == 0) {
-    g_passing = thread_ends;
+unsigned bit_of(thread_ends_for whom) {
+  return 1U << static_cast<unsigned>(whom);
+}
+
+thread_ends wanted_threads() WEX_TSA(requires_capability(g_lock)) {
+  if ((g_threads_for & bit_of(thread_ends_for::registrations)) != 0) {
+    return thread_ends::all;
+  }
+  return g_threads_for != 0 ? thread_ends::of_passed_processes : thread_ends::none;
+}
+
+bool set_option(int option, const sock_fprog& program) WEX_TSA(requires_capability(g_lock)) {
+  if (setsockopt(g_events, SOL_SOCKET, option, &program, sizeof program) == 0) {
+    return true;
+  }
+  if (option == SO_ATTACH_FILTER) {
+    wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", "wex_process_netlink", strerror(errno));
+  }
+  return false;
+}
+
+// The kernel exchanges the old filter for the new one at once: each event meets one of them.
+bool attach(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
+  const filter_program program = wex_build_filter(
+      {wanted.executions, wanted.threads, wanted.every_exit ? nullptr : &g_exits}, g_program);
+  if (!set_option(SO_ATTACH_FILTER, {program.length, program.first})) {
+    return false;
+  }
+  g_in_place = wanted;
+  g_difference = difference::none;
+  return true;
+}
+
+// Where even that fails, the sweep looks for what is not reported meanwhile, and tidying tries again.
+void detach() WEX_TSA(requires_capability(g_lock)) {
+  if (!set_option(SO_DETACH_FILTER, {})) {
+    wex_request_sweep();
     return;
   }
-  wex_dbg(WEX_DBG_PUB, "%s: attach filter fail: %s\n", "wex_process_netlink", strerror(errno));
-  // Too many events are better than too few: somebody waits for what the filter that is in place would drop.
-  if (thread_ends && !g_passing &&
-      setsockopt(fd, SOL_SOCKET, SO_DETACH_FILTER, &filter, sizeof filter) == 0) {
-    g_passing = true;
+  g_in_place = kUnfiltered;
+  g_difference = difference::none;
+}
+
+// Somebody waits for what the filter in place drops.
+bool drops_too_much(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
+  return !g_in_place.includes(wanted) || (g_difference == difference::too_few && !g_in_place.every_exit);
+}
+
+// Brings the socket's filter into line with what is wanted.
+void update() WEX_TSA(requires_capability(g_lock)) {
+  passed_events wanted = {g_executions, wanted_threads(), g_overfull || g_refused};
+  const bool same_exits = wanted.every_exit || g_difference == difference::none;
+  if (g_events < 0 || (wanted == g_in_place && same_exits) || attach(wanted)) {
+    return;
+  }
+  const bool must_pass_more = drops_too_much(wanted);
+  if (!wanted.every_exit) {
+    g_refused = true;
+    wanted.every_exit = true;
+    if (must_pass_more && attach(wanted)) {
+      return;
+    }
+  }
+  if (must_pass_more) {
+    detach();
   }
 }
 
@@ -58,8 +125,8 @@ void attach(int fd, bool thread_ends) WEX_TSA(requires_capability(g_lock)) {
 void wex_attach_filter(int fd) {
   const mutex_lock hold(g_lock);
   g_events = fd;
-  g_passing = true;  // nothing filters yet
-  attach(fd, g_wanted != 0);
+  g_in_place = kUnfiltered;
+  update();
 }
 
 void wex_release_filter() {
@@ -68,10 +135,38 @@ void wex_release_filter() {
 }
 
 void wex_pass_thread_ends(thread_ends_for whom, bool pass) {
-  const unsigned bit = 1u << static_cast<unsigned>(whom);
   const mutex_lock hold(g_lock);
-  g_wanted = pass ? g_wanted | bit : g_wanted & ~bit;
-  if (g_events >= 0 && g_passing != (g_wanted != 0)) {
-    attach(g_events, g_wanted != 0);
+  g_threads_for = pass ? g_threads_for | bit_of(whom) : g_threads_for & ~bit_of(whom);
+  update();
+}
+
+void wex_pass_executions(bool pass) {
+  const mutex_lock hold(g_lock);
+  g_executions = pass;
+  update();
+}
+
+bool wex_pass_exits_of(int32_t pid) {
+  const mutex_lock hold(g_lock);
+  if (pid < 1) {
+    return true;
   }
+  if (!g_exits.has(pid)) {
+    g_difference = difference::too_few;
+    g_overfull = !g_exits.add(pid) || g_overfull;
+  }
+  update();
+  return !g_overfull;
+}
+
+void wex_pass_exits_only_of(const pid_set* pids) {
+  const mutex_lock hold(g_lock);
+  if (pids != nullptr && !(*pids == g_exits)) {
+    g_exits = *pids;
+    const bool some_missing = g_overfull || g_difference == difference::too_few;
+    g_difference = some_missing ? difference::too_few : difference::too_many;
+  }
+  g_overfull = pids == nullptr;
+  g_refused = false;
+  update();
 }

@@ -1,18 +1,36 @@
 // wex_core_filter: which process events the kernel puts into the monitor's queue. Any thread.
+//
+// Only what the daemon acts on shall cost anything: the exits of registered processes, and executions while
+// the list of third-part programs names any. What ended before a call below asked for it was not reported, so
+// each caller looks at /proc once more after the call.
 #pragma once
+
+#include <cstdint>
+
+#include "pid_set.h"
+#include "wex_lock_order.h"
 
 // Who needs the ends of single threads that dumped no core. On a busy machine they are most of all events, so
 // they pass only while one of these needs them.
 enum class thread_ends_for {
-  undecided_exits,  // a main thread has ended, and its process does once the others have
-  registrations,    // a thread is registered as if it were a process
+  undecided_exits,  // a main thread has ended, and its process does once the others have: those of registered
+                    // processes
+  registrations,    // a thread is registered as if it were a process: all
 };
 
-// Filters the events of `fd` from now on, until wex_release_filter(). Failing is not fatal: then every event
-// is read and looked at.
+// Filters the events of `fd` from now on, until wex_release_filter(). Failing is not fatal: then more events
+// than are needed are read and looked at.
 void wex_attach_filter(int fd);
 void wex_release_filter();
 
-// Asks for them, or no longer. Threads that ended before the call were not reported, so the caller looks at
-// /proc once more after it.
 void wex_pass_thread_ends(thread_ends_for whom, bool pass);
+
+void wex_pass_executions(bool pass);
+
+// Passes the exits of this process, too. False when there is no room for it: then those of all processes
+// pass, until wex_pass_exits_only_of().
+bool wex_pass_exits_of(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
+// Forgets all processes but these; null when they are too many. With the registry held, for a pid that is
+// asked for meanwhile would be forgotten as well.
+void wex_pass_exits_only_of(const pid_set* pids) WEX_TSA(requires_capability(wex_chains));

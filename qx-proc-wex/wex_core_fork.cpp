@@ -1,7 +1,7 @@
 // wex_core_fork: watches the fork-failure file. A daemon that cannot fork cannot restart anything; after
 // the seventh failure it ends, so that it can be started afresh.
 #define WEX_MODULE "wex_core"
-#include "wex_core.h"
+#include "wex_core_fork.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -23,6 +23,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_image.h"
 
 namespace {
 
@@ -92,7 +93,9 @@ extern "C" void* wex_inotify_fork_error(void* /*unused*/) {
     end_watch(instance, -1, -1);
   }
 
+  wex_status_thread_is(kStatusForkWatcher);
   while (true) {
+    wex_status_idle(kStatusForkWatcher);
     struct pollfd input = {instance, POLLIN, 0};
     const int count = poll(&input, 1, -1);
     if (count < 0 && errno != EINTR) {
@@ -101,6 +104,7 @@ extern "C" void* wex_inotify_fork_error(void* /*unused*/) {
     if (count <= 0 || (input.revents & POLLIN) == 0) {
       continue;
     }
+    wex_status_busy(kStatusForkWatcher);
     char events[kEventBytes];
     const ssize_t size = read(instance, events, sizeof events);
     if (size > 0) {

@@ -16,10 +16,10 @@
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_event.h"
 #include "wex_core_executed.h"
 #include "wex_core_filter.h"
+#include "wex_core_list_watch.h"
 #include "wex_core_process_event.h"
 #include "wex_core_stop.h"
 #include "wex_core_sweep_request.h"
@@ -29,6 +29,7 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
+#include "wex_status_image.h"
 
 std::atomic<int32_t> wex_monitor_read_until{0};
 
@@ -62,6 +63,7 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
   event->kind = field<uint32_t>(message, kKindAt);
   switch (event->kind) {
     case kEventAck:
+      event->time_ns = size >= kTimeAt + sizeof event->time_ns ? field<uint64_t>(message, kTimeAt) : 0;
       return true;
     case kEventExit:
       if (size < kCodeAt + sizeof event->exit_code) {
@@ -160,10 +162,28 @@ outcome set_up(unique_fd* events) {
 
 // The state of one run of the monitor.
 struct monitor {
-  int fd;
+  int fd = -1;
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
   bool missed_some = true;  // executions may have gone unreported: at first all of them, later some
+  list_watch list;
+  bool executions_wanted = true;
 };
+
+// Has executions reported only while the list names programs. What was executed before is looked for.
+void look_at_list(monitor* state) {
+  const bool wanted = state->list.may_name_programs();
+  if (wanted == state->executions_wanted) {
+    return;
+  }
+  state->executions_wanted = wanted;
+  wex_pass_executions(wanted);
+  state->missed_some = state->missed_some || wanted;
+}
+
+// The shorter of two limits, of which -1 is none.
+int shorter(int one, int other) {
+  return one < 0 || (other >= 0 && other < one) ? other : one;
+}
 
 void on_event(const process_event& event, void* context) {
   wex_note_event_delay(event);
@@ -191,6 +211,7 @@ void receive_one(monitor* state) {
       recvfrom(state->fd, bytes, sizeof bytes, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
   if (size < 0) {
     if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
+      wex_status_count(WEX_STATUS_OVERFLOWS);
       wex_request_sweep();
       state->missed_some = true;
     }
@@ -209,9 +230,10 @@ void receive_one(monitor* state) {
 // Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
 // the flag again, -1 with errno.
 int wait_for_event(monitor* state, int limit_ms) {
-  struct pollfd inputs[] = {{state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}};
-  int ready = poll(inputs, 2, 0);
-  if (ready == 0 && state->missed_some && state->ack_wait_ms < 0) {
+  struct pollfd inputs[] = {
+      {state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}, {state->list.fd(), POLLIN, 0}};
+  int ready = poll(inputs, 3, 0);
+  if (ready == 0 && state->missed_some && state->executions_wanted && state->ack_wait_ms < 0) {
     // Only now that the queue is empty, for a full one makes the kernel drop further events, and only after
     // the kernel has had time to carry out the subscription: what is executed before that is not reported.
     state->missed_some = false;
@@ -221,7 +243,7 @@ int wait_for_event(monitor* state, int limit_ms) {
   if (ready == 0) {
     const bool for_the_answer = state->ack_wait_ms >= 0 && (limit_ms < 0 || state->ack_wait_ms <= limit_ms);
     wex_monitor_read_until.store(INT32_MAX, std::memory_order_release);
-    ready = poll(inputs, 2, for_the_answer ? state->ack_wait_ms : limit_ms);
+    ready = poll(inputs, 3, for_the_answer ? state->ack_wait_ms : limit_ms);
     wex_monitor_read_until.store(wex_clock_now(), std::memory_order_release);
     if (ready == 0 && for_the_answer) {
       state->ack_wait_ms = -1;
@@ -231,6 +253,10 @@ int wait_for_event(monitor* state, int limit_ms) {
   if (ready < 0) {
     return errno == EINTR ? 0 : -1;
   }
+  if (ready == 0 || inputs[2].revents != 0) {
+    state->list.take_changes();
+    look_at_list(state);
+  }
   if ((inputs[0].revents & POLLNVAL) != 0) {
     errno = EBADF;  // poll() would return POLLNVAL at once every time, and the loop would spin
     return -1;
@@ -239,16 +265,26 @@ int wait_for_event(monitor* state, int limit_ms) {
 }
 
 outcome watch(int fd) {
-  monitor state = {fd};
+  monitor state;
+  state.fd = fd;
+  state.list.open();
+  look_at_list(&state);
   wex_request_sweep();  // exits between the rebuild and the subscription were not reported
+  wex_status_thread_is(kStatusMonitor);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
-    const int ready = wait_for_event(&state, wex_judge_pending_exits());
+    wex_status_busy(kStatusMonitor);
+    // Without executions a list in a directory that was mounted over the watched one would go unnoticed.
+    const int until_look = state.executions_wanted ? -1 : kListLookMs;
+    const int limit_ms = shorter(wex_judge_pending_exits(), until_look);
+    wex_status_idle(kStatusMonitor);
+    const int ready = wait_for_event(&state, limit_ms);
     if (ready < 0) {
       const int error = errno;
       wex_dbg(WEX_DBG_PUB, "%s: select sk_nl fail: %s\n", kThreadName, strerror(error));
       return {-5, error};
     }
     if (ready > 0) {
+      wex_status_busy(kStatusMonitor);
       receive_one(&state);
       usleep(WEX_MONITOR_PAUSE_US);
     }

@@ -9,6 +9,9 @@
 
 enum { kSubscriptionSize = 40 };
 
+// The exit monitor's thread; the argument is ignored.
+extern "C" void* wex_process_netlink(void* unused);
+
 // The message that asks the connector for process events, in the name of process `pid`.
 void wex_build_subscription(int32_t pid, uint8_t (&message)[kSubscriptionSize]);
 

@@ -12,7 +12,6 @@
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
-#include "wex_core.h"
 #include "wex_core_notify.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
@@ -20,6 +19,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -105,6 +105,7 @@ void abort_hung(const wex_pid* thread) {
   if (thread->ppid > 0) {  // 0 and below would address whole process groups
     kill(thread->ppid, SIGABRT);
   }
+  wex_status_tell_of(WEX_STATUS_EV_HANG, thread->ppid, thread->process, {0, thread->pid});
   wex_log_notify_info(kNotifyLog, "detect process:[%s/%d] thread %s:%d hung.\n", program, thread->ppid, name,
                       thread->pid);
 }
@@ -176,7 +177,7 @@ void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
 // Somebody may have removed or cut the table. Reports may then go to another one, and a silent thread looks
 // like one that reports there.
 bool check_table() {
-  static bool logged = false;
+  static bool logged = false;  // watchdog's thread only
   const bool intact = wex_alive_table_intact();
   if (!intact && !logged) {
     wex_running_log(
@@ -237,8 +238,11 @@ extern "C" void* wex_notifer_run(void* /*unused*/) {
   if (wex_set_priority(kMonitorPriority) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: set priority fail: %s\n", kWatchdog, strerror(errno));
   }
+  wex_status_thread_is(kStatusNotifier);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_status_busy(kStatusNotifier);
     wex_scan_alive_chains();
+    wex_status_idle(kStatusNotifier);
     wex_wait_exit(static_cast<int64_t>(kScanSec) * 1000);
   }
   return nullptr;

@@ -3,6 +3,9 @@
 
 #include "wex.h"
 
+// The watchdog's thread; the argument is ignored.
+extern "C" void* wex_notifer_run(void* unused);
+
 // 0 when the registered thread is still the same living thread, else not 0.
 extern "C" int wex_check_pid_exist(wex_pid* rec);
 

@@ -1,20 +1,42 @@
 // wex_core_restart: a record's program is started again, and the record follows its new process.
 #include "wex_core_restart.h"
 
+#include "wex_chain.h"
+#include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
+#include "wex_core_sweep_request.h"
+#include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
+
+namespace {
+
+// The process ended before its exit could be asked for, or just after. A child of ours is told by the reaper
+// as well, for anything else the sweep must look. Whichever comes first counts: the restart changes the pid.
+void expect_lost_exit(wex_pid* rec) WEX_TSA(requires_capability(wex_spawn_mutex)) {
+  rec->missed_start = wex_remember_start(rec->pid, rec->exit_signal);
+  rec->gone_since = wex_clock_now();
+  wex_request_sweep();
+}
+
+}  // namespace
 
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) {
   const spawn_guard guard;
+  const int32_t old_pid = rec->pid;
   int32_t new_pid = -1;
+  wex_status_restarting(rec);
   const int32_t result = wex_spawn_as(action, rec, &new_pid);
   if (result < 1 && after.needs_process) {
     rec->restart_failed = result == 0 ? 1 : 0;
+    if (result == 0) {  // else it was parked, or the daemon ends
+      wex_status_tell(WEX_STATUS_EV_FAILED, rec);
+    }
     return result;
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
@@ -22,14 +44,18 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   if (!wex_child_has_normal_lmk(new_pid)) {
     wex_reset_lmk(new_pid);
   }
+  if (new_pid > 0 && !wex_record_lives(rec)) {
+    expect_lost_exit(rec);
+  }
   rec->restart_failed = new_pid < 1 ? 1 : 0;
   if (after.may_postpone_next) {
     rec->force_restart = 0;
   }
+  wex_status_tell(new_pid < 1 ? WEX_STATUS_EV_FAILED : WEX_STATUS_EV_RESTARTED, rec, {old_pid, new_pid});
   return result;
 }
 
-void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after) {
+void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line) {
   const char* const name = wex_program_name(rec);
   if (after.logs_exit && rec->exit_signal == 0) {
     printk_syslog_ext(5, "HA", "HA_RE_INIT_INFO", 1, "Re-initialized OK: new job id: %d.\n", rec->pid);
@@ -37,6 +63,8 @@ void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_cas
     printk_syslog_ext(5, "HA", action.done, 1, "Self-checking OK: %d times and new id %s/%d.\n",
                       rec->check_count, name, rec->pid);
   }
-  wex_dbg_as(after.module, WEX_DBG_PUB, "%s Self-checking OK: %d times and new id %s/%d.\n",
-             after.logs_exit ? action.done_print : action.done, rec->check_count, name, rec->pid);
+  if (wex_dbg_on(WEX_DBG_PUB)) {
+    wex_dbg_print(after.module, line, "%s Self-checking OK: %d times and new id %s/%d.\n",
+                  after.logs_exit ? action.done_print : action.done, rec->check_count, name, rec->pid);
+  }
 }

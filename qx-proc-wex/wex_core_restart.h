@@ -6,7 +6,7 @@
 
 // What differs between a restart after an exit, after a self-check wait, and at the start of the daemon.
 struct restart_case {
-  const char* module;      // that diagnostics name
+  const char* module;      // that diagnostics name, with a line of it
   bool needs_process;      // without one the record keeps its pid and file; else its file goes, its pid is -1
   bool may_postpone_next;  // the next exit is postponed again, though this one was forced
   bool logs_exit;  // the system log has a line of its own after exit code 0, and diagnostics name the exit
@@ -16,9 +16,11 @@ inline constexpr restart_case kAfterWait = {"wex_signals", true, false, false};
 inline constexpr restart_case kAtStart = {"wex_chain", false, false, false};
 
 // Starts the record's program, or its script, and either has the record adopt the new pid or marks its
-// restart as failed; a record that was parked is not marked. The result of the spawner.
+// restart as failed. Neither happens where a process is needed and the spawner gave -1: then the record was
+// parked, or the daemon ends. The result of the spawner.
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) WEX_TSA(requires_capability(chain, wex_chains));
 
-// Tells the system log of a restart that found its process.
-void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after);
+// Tells the system log of a restart that found its process, and the diagnostics, in the name of the caller's
+// module and line.
+void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line);

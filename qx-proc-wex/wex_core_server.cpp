@@ -4,7 +4,7 @@
 // runs at real-time priority: everything here is bounded, and no send waits for a client.
 #define WEX_MODULE "wex_core"
 
-#include "wex_core.h"
+#include "wex_core_server.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -22,6 +22,7 @@
 #include "ras_os.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
+#include "wex_action.h"
 #include "wex_core_claim.h"
 #include "wex_core_stop.h"
 #include "wex_core_watched_names.h"
@@ -32,6 +33,7 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_rpc.h"
+#include "wex_status_image.h"
 
 namespace {
 
@@ -66,8 +68,9 @@ struct server {
   }
 };
 
-int32_t
-    g_client_table[kMaxClients];  // static, for 2048 slots are too much for a thread's stack on the device
+// The server's thread's alone: no lock. Static, for 2048 slots are too much for a thread's stack on the
+// device.
+int32_t g_client_table[kMaxClients];
 epoll_event g_events[kServedAtOnce];
 
 // ---- Messages ---------------------------------------------------------------------------------------------
@@ -87,8 +90,8 @@ struct message_rule {
 };
 
 constexpr message_rule kRules[] = {
-    {WEX_RESTART, true, [](const request& in) { return wex_process_restart(&in.reg); }},
-    {WEX_SHELL_RESTART, true,
+    {kRespawn.message, true, [](const request& in) { return wex_process_restart(&in.reg); }},
+    {kShellRestart.message, true,
      [](const request& in) { return wex_process_shell_restart(&in.reg, in.script); }},
     {WEX_NOTIFIER_START, true, [](const request& in) { return wex_notifier_start(&in.reg); }},
     {WEX_NOTIFIER_RESET, false, [](const request& in) { return wex_notifier_reset(&in.reg); }},  // sent often
@@ -131,6 +134,7 @@ int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
   const message_rule* const rule = find_rule(msg.msg_type);
   if (rule == nullptr) {
     wex_dbg(WEX_DBG_PUB, "recv unknown type msg %d\n", static_cast<int>(msg.msg_type));
+    wex_status_count(WEX_STATUS_REFUSED);
     return -1;
   }
   if (!rule->acknowledged) {
@@ -179,11 +183,21 @@ bool drop_client(server& self, int sd) {
   return true;
 }
 
+// A client that has left sent nothing to be refused.
+void count_if_refused(int sd) {
+  char next = 0;
+  const ssize_t got = recv(sd, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT);
+  if (got > 0 || (got < 0 && errno == EAGAIN)) {
+    wex_status_count(WEX_STATUS_REFUSED);
+  }
+}
+
 // One message of one client. A client whose message is malformed loses its connection; others are unaffected.
 bool serve_client(server& self, int sd) {
   owned_msg msg;
   self.code = wex_recv_domain_msg(sd, msg.fill());
   if (self.code != 0) {
+    count_if_refused(sd);
     return drop_client(self, sd);
   }
   self.code = wex_rsp_domain_msg(sd, *msg.get());
@@ -307,7 +321,9 @@ bool handle_event(server& self, const epoll_event& event) {
 // to the end of its list.
 bool run_cycle(server& self) {
   memset(g_events, 0, sizeof g_events);
+  wex_status_idle(kStatusServer);
   const int ready = epoll_wait(self.epoll.get(), g_events, kServedAtOnce, kServerWaitMs);
+  wex_status_busy(kStatusServer);
   self.code = 0;
   for (int at = 0; at < ready; ++at) {
     if (!handle_event(self, g_events[at])) {
@@ -449,6 +465,7 @@ extern "C" void* wex_process_domain(void*) {
     wex_dbg(WEX_DBG_PUB, "%s: %s", kThread, strerror(errno));
     return nullptr;
   }
+  wex_status_thread_is(kStatusServer);
   server self;
   bool running = set_up(self);
   while (running && wex_exit_flag == 0) {

@@ -17,9 +17,10 @@
 #include "wex_dbg.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_file.h"
 
 namespace {
-int g_wakeup[2] = {-1, -1};  // read end, write end; both stay open for life
+int g_wakeup[2] = {-1, -1};  // read end, write end; made before any thread runs, open for life
 }  // namespace
 
 extern "C" {
@@ -49,12 +50,19 @@ void wex_raise_exit_flag() {
 }
 
 void wex_wait_exit(int64_t milliseconds) {
+  wex_wait_exit_or(-1, milliseconds);
+}
+
+void wex_wait_exit_or(int fd, int64_t milliseconds) {
   const int64_t deadline = wex_clock_ms() + milliseconds;
-  struct pollfd wakeup = {g_wakeup[0], POLLIN, 0};
+  struct pollfd wakeup[] = {{g_wakeup[0], POLLIN, 0}, {fd, POLLIN, 0}};
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
        left = deadline - wex_clock_ms()) {
     constexpr int64_t kLongestPoll = 3600000;
-    poll(&wakeup, 1, static_cast<int>(left < kLongestPoll ? left : kLongestPoll));
+    poll(wakeup, 2, static_cast<int>(left < kLongestPoll ? left : kLongestPoll));
+    if (wakeup[1].revents != 0) {
+      return;
+    }
   }
 }
 
@@ -65,6 +73,7 @@ void wex_log_thread_end(const char* thread, int code, int error) {
 
 void wex_end_unable_to_restart() {
   wex_running_log("Unable to restart the process, wex will be restart.\r\n");
+  wex_status_end();
   wex_unlink(kForkFile);
   _exit(1);  // not exit(): the other threads still use what its clean-up would take away
 }

@@ -25,6 +25,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 namespace {
@@ -114,6 +115,7 @@ void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     }
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "wex_drop_domains_taken_down", rec->pid);
+  wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
   __wex_drop_registration(rec);
 }
 
@@ -141,7 +143,7 @@ bool wex_take_down_under_way() {
 // The marker of a take-down that was cut short stays and keeps exited programs down, so the running log says
 // that it is there.
 void wex_log_take_downs() {
-  static bool logged = false;
+  static bool logged = false;  // delay thread only
   const int32_t acted_on = g_acted_on.exchange(0);
   const int32_t marked = first_marked_domain();
   const int32_t domain = marked != 0 ? marked : acted_on;
@@ -172,6 +174,7 @@ bool wex_drop_taken_down(int32_t pid) {
   }
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
     __wex_drop_registration(rec);
   }
   return true;

@@ -15,7 +15,6 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"
@@ -30,6 +29,7 @@
 #include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 std::atomic<bool> wex_delay_ended{false};
@@ -116,12 +116,14 @@ void wex_sweep_lost_exits() {
       const verdict found = judge(rec, now);
       any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
+        wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec);
         lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }
     }
     wex_pass_thread_ends(thread_ends_for::registrations, any_thread);
+    __wex_tidy_filter();
   }
   for (int i = 0; i < count; ++i) {
     hand_over(lost[i]);
@@ -134,7 +136,9 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
   int32_t last_files = last_sweep;
+  wex_status_thread_is(kStatusDelay);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
+    wex_status_busy(kStatusDelay);
     wex_drop_domains_taken_down();
     ready_restart ready = {};
     if (wex_take_ready_restart(&ready)) {
@@ -157,6 +161,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
       last_look = now;
       wex_check_names();
     }
+    wex_status_idle(kStatusDelay);
     wex_wait_exit(kDelayPassMs);
   }
   wex_delay_ended.store(true, std::memory_order_release);

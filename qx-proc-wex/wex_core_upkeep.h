@@ -3,6 +3,9 @@
 
 #include <atomic>
 
+// The delay thread; the argument is ignored.
+extern "C" void* wex_delay_restart(void* unused);
+
 // Looks for registered processes that vanished although no exit was seen and hands them to the exit handler.
 // Delay thread only; others ask for it.
 void wex_sweep_lost_exits();

@@ -32,7 +32,7 @@ struct watched_name {
   identity seen;  // at the last look; from then on the delay thread's alone
 };
 
-// In the order of wex_watched_name.
+// In the order of wex_watched_name. No lock: who holds what in a row is said above.
 watched_name g_names[] = {
     {kRunDir, "failed forks go unseen", {false}, {}, {}},
     {kLockFile, "a second wex may start", {false}, {}, {}},

@@ -2,7 +2,8 @@
 // them, its take-down marker. Its flag files are wex_flag_file's.
 //
 // Everything else about domains (their life, their control groups, what the daemon does while one is taken
-// down) asks here. No state; any thread may call anything, also between fork and exec.
+// down) asks here. No state; any thread may call anything. Between fork and exec a child of a threaded
+// program may do all but make directories: their variables are set in the environment, which takes memory.
 #pragma once
 
 #include <sys/types.h>
@@ -82,14 +83,23 @@ inline constexpr domain_dir kDomainDirs[] = {
 };
 inline constexpr int kDomainRemovals = 10;
 
-constexpr bool removal_turns_are_complete() {
-  int turns = 0;
+constexpr bool removal_turns_are_right() {
+  int removed = 0;
   for (const domain_dir& dir : kDomainDirs) {
-    turns |= dir.removed != 0 ? 1 << dir.removal_turn : 0;
+    removed += dir.removed != 0 ? 1 : 0;
   }
-  return turns == ((1 << kDomainRemovals) - 1) << 1;
+  for (int turn = 1; turn <= kDomainRemovals; ++turn) {
+    int dirs = 0;
+    for (const domain_dir& dir : kDomainDirs) {
+      dirs += dir.removal_turn == turn && dir.removed != 0 ? 1 : 0;
+    }
+    if (dirs != 1) {
+      return false;
+    }
+  }
+  return removed == kDomainRemovals;
 }
-static_assert(removal_turns_are_complete(), "each directory that is removed has a turn of its own");
+static_assert(removal_turns_are_right(), "each directory that is removed has a turn of its own");
 
 constexpr int count_domain_variables() {
   int count = 0;

@@ -61,6 +61,7 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
+inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
 inline constexpr int kSubscriptionWaitMs = 100;  // how long the kernel may take to answer the subscription
 
 // The end of the daemon. A restart that is under way may take 5.5 s of searching and the platform's time
@@ -123,6 +124,11 @@ inline constexpr uint32_t kAliveTableSize = 184356;
 inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
 inline constexpr int kNotifyRing = 10;           // hang reports kept
 
+// The status table.
+inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
+inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens
+inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
+
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins
 inline constexpr int32_t kSystemLogBackoffSec =
@@ -152,6 +158,7 @@ inline constexpr mode_t kSemKeyMode = 0754;
 inline constexpr mode_t kSemMode = 0777;
 inline constexpr mode_t kRecordMemoryMode = 0777;  // narrowed by the umask
 inline constexpr mode_t kAliveTableMode = 0777;
+inline constexpr mode_t kStatusTableMode = 0644;
 inline constexpr mode_t kLogMode = 0666;
 
 inline constexpr int kMonitorPriority = 99;  // SCHED_FIFO, for the threads that must not starve

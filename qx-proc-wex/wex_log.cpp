@@ -28,6 +28,7 @@
 #include "wex_limits.h"
 #include "wex_move_aside.h"
 #include "wex_paths.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 namespace {
@@ -290,6 +291,21 @@ bool reboot_refused() {
          allowed == 0;
 }
 
+// The rule that asks for a reboot, by the words that its reason begins with.
+int32_t cause_of(const char* reason) {
+  constexpr struct {
+    const char* words;
+    wex_status_reboot cause;
+  } kCauses[] = {{"detect process ", WEX_STATUS_REBOOT_SELF_CHECK},
+                 {"detect more than ", WEX_STATUS_REBOOT_BURST}};
+  for (const auto& known : kCauses) {
+    if (strncmp(reason, known.words, strlen(known.words)) == 0) {
+      return known.cause;
+    }
+  }
+  return WEX_STATUS_REBOOT_OTHER;
+}
+
 // The reboot record may be unwritable: the running log names the reason, too, in one line. It was printed
 // already.
 void log_reboot(const char* reason, const char* detail) {
@@ -429,9 +445,15 @@ void wex_log_record_reboot_info(const char* path, const char* format, ...) {
 }
 
 void wex_reboot(const char* reason, const char* detail) {
-  if (reason == nullptr || exists(kNoReboot) || reboot_refused()) {
+  if (reason == nullptr) {
     return;
   }
+  const status_detail cause = {0, 0, 0, cause_of(reason)};
+  if (exists(kNoReboot) || reboot_refused()) {
+    wex_status_tell_of(WEX_STATUS_EV_REBOOT_REFUSED, 0, "", cause);
+    return;
+  }
+  wex_status_tell_of(WEX_STATUS_EV_REBOOT_ASKED, 0, "", cause);
   wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
   safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
   // Kept: most entries end with an empty line, see docs/decisions.md.

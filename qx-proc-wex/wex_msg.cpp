@@ -23,6 +23,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_xtach.h"
@@ -65,6 +66,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
             body.ppid, action.handler_end);
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(memory);
     return nullptr;
   }
@@ -115,6 +117,7 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   if (is_registered(rec)) {
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;
   }
@@ -124,6 +127,7 @@ bool insert_process(wex_pid* rec) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
   __wex_add_record(&wex_chains, rec);
+  wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
     rec->gone_since = wex_clock_now();
     wex_request_sweep();
@@ -149,6 +153,7 @@ void cancel_process(int32_t pid) {
   record_walk records(wex_chains);
   while (wex_pid* const rec = records.next()) {
     if (rec->pid == pid) {
+      wex_status_tell(WEX_STATUS_EV_CANCELLED, rec);
       __wex_drop_registration(rec);
     }
   }

@@ -1,5 +1,5 @@
-// wex_paths: every path of the file-system interface, on one screen. Two stand in public headers, because
-// clients need them: WEX_SEM_KEY_FILE (wex.h) and RAS_WEX_DBG_FILE (ras_comp_config.h).
+// wex_paths: every path of the file-system interface, on one screen. Three stand in public headers, because
+// others need them: WEX_SEM_KEY_FILE (wex.h), RAS_WEX_DBG_FILE (ras_comp_config.h) and WEX_STATUS_NAME (wex_status.h).
 //
 // "gone" and "kept" say whether the file is to outlive a reboot of the device.
 #pragma once
@@ -48,6 +48,8 @@ inline constexpr char kCpuTasksFmt[]      = "/cpu/vsd_%d/tasks";                
 inline constexpr char kCpuSharesFmt[]     = "/cpu/vsd_%d/cpu.shares";             // domain: domain
 
 inline constexpr char kThirdPartDir[]     = "/etc/wex/proc";                      // device: one file a third-part program
+inline constexpr char kThirdPartListDir[] = "/etc/wex";                           // device: holds the list
+inline constexpr char kSettingsDir[]      = "/etc";                               // device: holds that directory
 inline constexpr char kThirdPartList[]    = "/etc/wex/third_part_proc";           // daemon at start: one line a program
 inline constexpr char kBurstConfig[]      = "/etc/wex_config";                    // device: "window count"
 inline constexpr char kCommandMap[]       = "/etc/cmdmap";                        // device: restart scripts
@@ -74,6 +76,8 @@ inline constexpr char kExemptThreads[]    = "/data/.wex_debug_pid";             
 
 inline constexpr char kAliveTable[]       = "/UTILS-wex-shm-001";                 // daemon: shared-memory object
 inline constexpr char kAliveTableFile[]   = "/dev/shm/UTILS-wex-shm-001";         // the same as a file
+inline constexpr char kStatusTable[]      = "/dev/shm/wex-status";                // daemon, gone: what it does, for readers
+inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";
 inline constexpr char kConsole[]          = "/dev/console";
 inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";

@@ -38,6 +38,7 @@
 #include "wex_platform.h"
 #include "wex_proc_child.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 #include "wex_utils_settings.h"
 #include "wex_vsd.h"
@@ -68,6 +69,7 @@ void park(wex_pid* rec, const wex_action& action, int32_t now, int32_t wait) {
   rec->check_start = now;
   arm_alarm(wait);
   rec->alarm_wait_flag = 1;
+  wex_status_tell(WEX_STATUS_EV_PARKED, rec, {0, 0, rec->exit_signal, wait});
   if (wex_reboot_is_due(rec, now)) {
     wex_reboot_for(rec);
   }

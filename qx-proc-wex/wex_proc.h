@@ -14,9 +14,6 @@ extern "C" {
 int32_t wex_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capability(wex_chains));
 int32_t wex_shell_spawn(wex_pid* rec, int32_t* out_pid) WEX_TSA(requires_capability(wex_chains));
 
-// Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.
-void wex_create_std_fd(int cloexec);
-
 // Looks for a process whose command line is `command`, up to tries + 1 times with growing pauses. 1 and its
 // pid, else 0 or negative. Trims trailing blanks of `command`.
 int wex_proc_to_pid(char* command, int32_t* out_pid, int tries);
@@ -27,14 +24,6 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
 // Scheduling of the calling thread: SCHED_FIFO at `priority`, or normal time-sharing. 0, or -1.
 int wex_set_priority(int priority);
 int wex_reset_priority(void);
-
-// The fork-failure file: one byte a failure; removed by the first child that starts. mk: 0, or -1.
-int wex_mk_forkfile(void);
-void wex_rm_forkfile(void);
-
-// Child-side set-up of a domain: environment, working directory, group; removes the old pid's flag file.
-// Calls the platform first; when that fails nothing is set. Only between fork and exec.
-void set_proc_env(int32_t vsd, int32_t old_pid);
 }
 
 // wex_spawn(), or wex_shell_spawn().

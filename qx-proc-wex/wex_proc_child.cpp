@@ -28,6 +28,7 @@
 #include "text_buffer.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex_chain.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
 #include "wex_flag_file.h"
@@ -35,7 +36,6 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
-#include "wex_proc.h"
 #include "wex_utils.h"
 
 #ifdef SYS_timer_settime32  // what a C library of 64-bit times calls the call that takes two longs a time
@@ -332,7 +332,7 @@ __attribute__((noinline)) pid_t fork_child(child_start& start) {
 }
 
 // The child's pid, or -1 with errno. Signals are held back, because a handler would run in shared memory.
-pid_t start_child(child_start* start) {
+pid_t share_or_fork(child_start* start) {
   const signals_held all_signals;
   if (start->parent_waits) {
     const pid_t child = share_memory_with_child(*start);
@@ -345,8 +345,14 @@ pid_t start_child(child_start* start) {
   return fork_child(*start);
 }
 
+pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
+  const pid_t child = share_or_fork(start);
+  __wex_expect_exit(static_cast<int32_t>(child));
+  return child;
+}
+
 // The child of a domain, which gets its flag file, and is waited for until it has executed its program.
-pid_t start_in_domain(child_start* start) {
+pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   int ends[2] = {-1, -1};
   if (pipe(ends) == 0) {
     ras_os_set_fd_close_on_exec(ends[0]);

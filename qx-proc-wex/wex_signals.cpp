@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kLastSignal = 128;
 
-sem_t g_wake;
+sem_t g_wake;                            // made once, before any thread runs
 std::atomic<bool> g_wake_exists{false};  // the rebuild may ask for the reaper before
 request_flag g_alarm_due;
 request_flag g_child_due;

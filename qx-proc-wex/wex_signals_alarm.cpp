@@ -26,12 +26,13 @@
 #include "wex_proc.h"
 #include "wex_signals.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_image.h"
 #include "wex_utils_settings.h"
 
 namespace {
 
 std::atomic<bool> g_stop{false};
-pthread_t g_thread;
+pthread_t g_thread;  // these two are the main thread's alone
 bool g_started = false;
 
 int64_t deadline_of(const wex_pid* rec, int32_t wait) {
@@ -45,11 +46,13 @@ bool drop_if_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> %s/%d is running!\n", "wex_alrm_handler", other->process, rec->pid);
+  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, other->pid});
   __wex_drop_registration(rec);
   return true;
 }
 
 void end_wait(wex_pid* rec, int32_t now) {
+  wex_status_tell(WEX_STATUS_EV_TRIED_AGAIN, rec);
   rec->flags &= ~static_cast<uint32_t>(WEX_FLAG_WAITING);
   rec->check_count = 0;
   rec->alarm_wait_flag = 0;
@@ -83,7 +86,7 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
     if (deadline < now) {
       end_wait(rec, now);
       if (__wex_start_again(&wex_chains, rec, *action, kAfterWait) > 0) {
-        wex_log_restarted(rec, *action, kAfterWait);
+        wex_log_restarted(rec, *action, kAfterWait, __LINE__);
       }
     } else if (next < deadline) {
       next = deadline;
@@ -94,10 +97,13 @@ int64_t restart_due(int32_t now, int32_t wait) WEX_TSA(requires_capability(wex_c
 
 extern "C" void* run_alarm_thread(void* /*unused*/) {
   prctl(PR_SET_NAME, "wex_alarm");
+  wex_status_thread_is(kStatusAlarm);
   while (!g_stop.load()) {
+    wex_status_idle(kStatusAlarm);
     if (!wex_await_signal()) {
       continue;
     }
+    wex_status_busy(kStatusAlarm);
     if (wex_take_child_signal()) {
       wex_chld_handler(SIGCHLD);
       wex_handle_missed_exits();

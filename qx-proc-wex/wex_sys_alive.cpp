@@ -1,10 +1,8 @@
 // wex_sys_alive: the table through which registered threads prove that they run.
 //
 // A client touches single bytes of its mapping: a report costs no system call and no lock. The daemon, which
-// cleared the table at its start, has the kernel touch them for it, because anybody may cut the object short
-// and the missing page of a mapping would kill it. It stays with the mapping: reading or writing the file
-// instead may miss what is still in a client's cache, where caches know memory by its virtual address. The
-// bitmap is written by the daemon alone, under the lock of wex_alive_chains.
+// cleared the table at its start, has the kernel touch them for it (wex_alive_guard). The bitmap is written
+// by the daemon alone, under the lock of wex_alive_chains.
 #define WEX_MODULE "wex_sys_alive"
 
 #include "wex_sys_alive.h"
@@ -13,13 +11,11 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <cstring>
+#include <utility>
 
 #include "cancel_held.h"
-#include "guarded_copy.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
-#include "request_flag.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_alive_guard.h"
@@ -43,9 +39,7 @@ constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
 checked_mutex g_init_mutex = {PTHREAD_MUTEX_INITIALIZER};
-uint8_t g_initialised;       // written under g_init_mutex, looked at without it
-int g_table_fd = -1;         // the daemon's; lives as long as the process
-guarded_copy g_table_bytes;  // open in the daemon only, before it has threads
+uint8_t g_initialised;  // written under g_init_mutex, looked at without it
 
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
@@ -63,10 +57,6 @@ void watch_forks() WEX_TSA(requires_capability(g_init_mutex)) {
   }
 }
 
-int private_fd() {
-  return __atomic_load_n(&g_table_fd, __ATOMIC_ACQUIRE);
-}
-
 bool in_range(uint32_t tid) {
   if (tid < WEX_ALIVE_TIDS) {
     return true;
@@ -75,59 +65,22 @@ bool in_range(uint32_t tid) {
   return false;
 }
 
-uint32_t bit_offset(uint32_t tid) {
-  return WEX_ALIVE_BITMAP_OFFSET + tid / 8;
-}
-uint8_t bit_mask(uint32_t tid) {
-  return static_cast<uint8_t>(1u << (tid % 8));
-}
-uint32_t seq_offset(uint32_t tid) {
-  return WEX_ALIVE_SEQ_OFFSET + tid;
-}
-
-// One byte of the daemon's mapping, or -1 when the table ends before it.
-int read_byte(uint32_t offset) {
-  const uint8_t* const base = g_wex_alive_info.base;
-  uint8_t byte = 0;
-  return base != nullptr && g_table_bytes.copy(&byte, base + offset, sizeof byte) ? byte : -1;
-}
-
-bool write_bytes(uint32_t offset, const void* bytes, size_t size) {
-  uint8_t* const base = g_wex_alive_info.base;
-  return base != nullptr && g_table_bytes.copy(base + offset, bytes, size);
-}
-
-uint8_t load(uint32_t offset) {
-  if (!g_table_bytes.valid()) {
+// Not inlined: seven copies of this and the next would cost more than half a KiB.
+[[gnu::noinline]] uint8_t load(uint32_t offset) {
+  if (!wex_alive_guarded()) {
     const uint8_t* const base = g_wex_alive_info.base;
     return base == nullptr ? uint8_t{0} : __atomic_load_n(base + offset, __ATOMIC_RELAXED);
   }
-  const int byte = read_byte(offset);
+  const int byte = wex_alive_read(offset);
   return byte < 0 ? uint8_t{0} : static_cast<uint8_t>(byte);  // what was cut off reads as nothing
 }
 
-// Missing pages come back empty: every registration in them is gone, and is renewed by the thread's next
-// report.
-bool restore_length(int fd) {
-  const off_t length = static_cast<off_t>(g_wex_alive_info.memory.size);
-  return ftruncate(fd, length) == 0 &&
-         write_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
-}
-
-// The daemon could not write a byte: its next scan must not count silence, for a registration may be missing.
-request_flag g_write_failed;
-
-void store(uint32_t offset, uint8_t byte) {
-  if (!g_table_bytes.valid()) {
-    uint8_t* const base = g_wex_alive_info.base;
-    if (base != nullptr) {
-      __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
-    }
-    return;
-  }
-  if (!write_bytes(offset, &byte, sizeof byte) &&
-      !(restore_length(private_fd()) && write_bytes(offset, &byte, sizeof byte))) {
-    g_write_failed.raise();
+[[gnu::noinline]] void store(uint32_t offset, uint8_t byte) {
+  uint8_t* const base = g_wex_alive_info.base;
+  if (wex_alive_guarded()) {
+    wex_alive_store(offset, byte);
+  } else if (base != nullptr) {
+    __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
   }
 }
 
@@ -143,11 +96,11 @@ int open_to_all(const unique_fd& table) {
 // Drops every registration. Somebody may cut the object short meanwhile.
 void clear_table() {
   constexpr uint8_t kNothing[4096] = {};
-  write_bytes(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
+  wex_alive_write(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
   constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
   for (uint32_t at = WEX_ALIVE_BITMAP_OFFSET; at < kEnd; at += sizeof kNothing) {
     const size_t left = kEnd - at;
-    write_bytes(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
+    wex_alive_write(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
   }
 }
 
@@ -181,7 +134,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   }
   watch_forks();
   if (clear != 0) {
-    if (!g_table_bytes.valid() && !g_table_bytes.open()) {
+    if (!wex_alive_guard_open(g_wex_alive_info)) {
       wex_dbg(WEX_DBG_ALIVE, "pipe err(path:%s, err:%d)!\r\n", kAliveTable, errno);
       return -1;
     }
@@ -199,7 +152,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
     clear_table();
-    __atomic_store_n(&g_table_fd, table.release(), __ATOMIC_RELEASE);
+    wex_alive_hold(std::move(table));
   }
   __atomic_store_n(&g_initialised, uint8_t{1}, __ATOMIC_RELEASE);
   return opened;  // the table is usable all the same, so only this first call tells
@@ -209,8 +162,8 @@ int wex_sys_reg_alive_info(uint32_t tid) {
   if (!in_range(tid)) {
     return -1;
   }
-  store(bit_offset(tid), static_cast<uint8_t>(load(bit_offset(tid)) | bit_mask(tid)));
-  store(seq_offset(tid), kFirstSequence);
+  store(wex_bit_offset(tid), static_cast<uint8_t>(load(wex_bit_offset(tid)) | wex_bit_mask(tid)));
+  store(wex_seq_offset(tid), kFirstSequence);
   return 0;
 }
 
@@ -218,8 +171,8 @@ int wex_sys_unreg_alive_info(uint32_t tid) {
   if (!in_range(tid)) {
     return -1;
   }
-  store(bit_offset(tid), static_cast<uint8_t>(load(bit_offset(tid)) & ~bit_mask(tid)));
-  store(seq_offset(tid), 0);
+  store(wex_bit_offset(tid), static_cast<uint8_t>(load(wex_bit_offset(tid)) & ~wex_bit_mask(tid)));
+  store(wex_seq_offset(tid), 0);
   return 0;
 }
 
@@ -227,13 +180,13 @@ int wex_sys_update_alive_seq(uint32_t tid) {
   if (!in_range(tid)) {
     return -1;
   }
-  const uint8_t seen = load(seq_offset(tid));
-  store(seq_offset(tid), seen == kLastSequence ? kFirstSequence : static_cast<uint8_t>(seen + 1));
+  const uint8_t seen = load(wex_seq_offset(tid));
+  store(wex_seq_offset(tid), seen == kLastSequence ? kFirstSequence : static_cast<uint8_t>(seen + 1));
   return 0;
 }
 
 uint32_t wex_sys_get_alive_seq(uint32_t tid) {
-  return in_range(tid) ? load(seq_offset(tid)) : kNoSequence;
+  return in_range(tid) ? load(wex_seq_offset(tid)) : kNoSequence;
 }
 
 int wex_sys_isreg_alive_info(uint32_t tid) {
@@ -245,26 +198,5 @@ int wex_sys_isreg_alive_info(uint32_t tid) {
     wex_dbg(WEX_DBG_ALIVE, "fail to init alive_info(ret:%d)!!!\n", result);
     return 0;
   }
-  return (load(bit_offset(tid)) & bit_mask(tid)) != 0 ? 1 : 0;
-}
-
-bool wex_alive_table_intact() {
-  const int fd = private_fd();
-  struct stat held = {};
-  struct stat named = {};
-  if (fd < 0 || fstat(fd, &held) != 0 || stat(kAliveTableFile, &named) != 0 || held.st_dev != named.st_dev ||
-      held.st_ino != named.st_ino) {
-    return false;
-  }
-  const bool whole = held.st_size >= static_cast<off_t>(g_wex_alive_info.memory.size) || restore_length(fd);
-  return whole && !g_write_failed.take();
-}
-
-int wex_alive_read_seq(uint32_t tid) {
-  return !g_table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(seq_offset(tid));
-}
-
-int wex_alive_read_bit(uint32_t tid) {
-  const int byte = !g_table_bytes.valid() || tid >= WEX_ALIVE_TIDS ? -1 : read_byte(bit_offset(tid));
-  return byte < 0 ? -1 : (byte & bit_mask(tid)) != 0 ? 1 : 0;
+  return (load(wex_bit_offset(tid)) & wex_bit_mask(tid)) != 0 ? 1 : 0;
 }

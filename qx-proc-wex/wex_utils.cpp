@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <cstring>
+
 #include "close_on_exec.h"
 #include "file_lock.h"
 #include "guarded_file.h"

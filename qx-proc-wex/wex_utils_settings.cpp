@@ -10,6 +10,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include "guarded_file.h"
@@ -43,7 +45,7 @@ void take_setting(const char* line) {
     }
     int value = 0;
     if (sscanf(line, kLevelFormats[level], &value) == 1) {
-      __atomic_store_n(&g_wex_dbg_level[level], value, __ATOMIC_RELAXED);
+      wex_set_dbg_level(level, value);
     }
     return;
   }

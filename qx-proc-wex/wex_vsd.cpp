@@ -12,7 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "dir_walk.h"
 #include "guarded_file.h"
@@ -24,6 +26,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex.h"
 #include "wex_child.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"

@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "dir_walk.h"
@@ -23,6 +25,7 @@
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
 #include "wex_flag_file.h"

@@ -3,7 +3,7 @@
 
 #include <pthread.h>
 
-#include "wex.h"
+#include "wex_attributes.h"
 
 // A mutex that clang's analysis knows; what it guards says so with WEX_TSA(guarded_by(...)).
 struct WEX_TSA(capability("mutex")) checked_mutex {

@@ -1,4 +1,4 @@
-// wex_dbg: printing, and the levels that silence it. The levels are plain words that every thread reads.
+// wex_dbg: printing, and the levels that silence it.
 #include "wex_dbg.h"
 
 #include <stdarg.h>
@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+// No lock: plain words, each read and written whole; wex_dbg_on() is how every thread reads them.
 int32_t g_wex_dbg_level[WEX_DBG_LEVELS] = {WEX_DBG_SILENT, WEX_DBG_SILENT, WEX_DBG_SILENT};
 
 namespace {
@@ -58,6 +59,10 @@ void wex_print(const char* format, ...) {
   va_end(arguments);
   write_stdout(text, length);
   errno = kept;
+}
+
+void wex_set_dbg_level(int level, int32_t value) {
+  __atomic_store_n(&g_wex_dbg_level[level], value, __ATOMIC_RELAXED);
 }
 
 int wex_is_open_pub_dbg(void) {

@@ -17,9 +17,9 @@ fail() {
 # Seconds since power-on.
 uptime_sec() { read -r up _ < /proc/uptime; echo "${up%.*}"; }
 
-# eventually SECONDS COMMAND...: until the command succeeds; its last failure otherwise.
+# eventually SECONDS COMMAND...: until the command succeeds; its last failure otherwise. Longer where emulation is slow.
 eventually() {
-  local end=$(($(uptime_sec) + $1))
+  local end=$(($(uptime_sec) + $1 * ${time_factor:-1}))
   shift
   until "$@"; do
     [ "$(uptime_sec)" -gt "$end" ] && return 1

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # What libwex.so offers, what the headers declare, the linker's map and the package's symbols file agree; the shipped
-# binaries need libc only; each header stands alone. Arguments: libwex.so, wex.
+# binaries need libc only; each header stands alone. Arguments: libwex.so, wex, wexrun, wexstat.
 #
 # The functions of wex_platform.h are the device's. wex calls them and must not offer them: a program that links libwex.so,
 # or a library that wex loads, would get the generic ones in place of the device's.
 set -u
 . "$(dirname "$0")/lib.sh"
 library=$1 daemon=$2
-headers=("$root/qx-proc-wex/wex.h" "$root"/include/*.h)
+headers=("$root"/qx-proc-wex/wex{,_diagnostics}.h "$root"/include/*.h)
 
 for header in "${headers[@]}"; do
   echo "#include \"$header\"" > "$work/declared.c"
@@ -36,7 +36,7 @@ comm -12 "$work/platform" "$work/daemon" > "$work/difference"
 complain_each "the daemon displaces the device's" < "$work/difference"
 
 readelf -d "$library" | grep -qF 'soname: [libwex.so.1]' || complain "$library has no soname libwex.so.1"
-for file in "$library" "$daemon"; do
+for file in "$library" "$daemon" "$3" "$4"; do
   while IFS= read -r needed; do
     case $needed in
       libc.so.* | libpthread.so.* | librt.so.* | ld-linux*.so.* | ld.so.*) ;;  # all of glibc

@@ -28,4 +28,4 @@ literals() {
 # The product's sources without comments and without #include lines, file by file: code FILE
 code() { g++ -x c++ -std=c++17 -fpreprocessed -dD -E -P -w "$1" 2> /dev/null | grep -v '^ *# *include'; }
 
-product_sources() { find "$root/qx-proc-wex" "$root/platform" "$root/include" "$root/run" -name '*.cpp' -o -name '*.c' -o -name '*.h' | sort; }
+product_sources() { find "$root/qx-proc-wex" "$root/platform" "$root/include" "$root/run" "$root/stat" -name '*.cpp' -o -name '*.c' -o -name '*.h' | sort; }

@@ -11,6 +11,7 @@ module_of() {
     name=${name%.*}
     case $name in
       wexrun*) name=wexrun ;;
+      wexstat*) name=wexstat ;;
       wex_core_*) name=wex_core ;;
       wex_platform*) name=wex_platform ;;
     esac

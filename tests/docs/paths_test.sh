@@ -19,7 +19,7 @@ comm -13 "$work/in_code" "$work/in_document" > "$work/difference"; complain_each
 
 while IFS= read -r file; do
   case $file in */wex_paths.h) continue ;; esac
-  found=$(code "$file" | grep -v -e 'define WEX_SEM_KEY_FILE' -e 'define RAS_WEX_DBG_FILE' | literals |
+  found=$(code "$file" | grep -v -e 'define WEX_SEM_KEY_FILE' -e 'define RAS_WEX_DBG_FILE' -e 'define WEX_STATUS_NAME' | literals |
     grep -E '^/[A-Za-z._]')
   [ -z "$found" ] || complain "${file#"$root"/} holds a path of its own: $found"
 done < <(product_sources)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Every system call and every file below /proc and /sys that the daemon, a service and a domain command use stands in
-# docs/system-calls.md. Arguments: libwex.so, wex, wexrun.
+# docs/system-calls.md. Arguments: libwex.so, wex, wexrun, wexstat.
 set -u
 . "$(dirname "$0")/lib.sh"
 page=$root/docs/system-calls.md
-cp -L "$1" "$work/libwex.so.1" && cp -L "$2" "$work/wex" && cp -L "$3" "$work/wexrun" &&
+cp -L "$1" "$work/libwex.so.1" && cp -L "$2" "$work/wex" && cp -L "$3" "$work/wexrun" && cp -L "$4" "$work/wexstat" &&
   gcc -std=c99 -D_GNU_SOURCE -I "$root/qx-proc-wex" "$root/examples/worker.c" -o "$work/worker" "$work/libwex.so.1" \
     -Wl,-rpath,"$work" -pthread || exit 1
 cd "$work" || exit 1

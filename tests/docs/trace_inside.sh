@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Inside the sandbox: start, registration, restart, a domain created, filled, shown and deleted, a program below wexrun; all
-# under strace. Argument: the directory with wex, wexrun, worker and the library, which takes the traces.
+# under strace. Argument: the directory with wex, wexrun, wexstat, worker and the library, which takes the traces.
 set -u
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through system_calls_test.sh" >&2; exit 1; }
 work=$1
@@ -35,6 +35,10 @@ within 15 registered "$old" || fail "the service does not come back"
 (cd / && trace wexrun "$work/wexrun" --notify -- /usr/bin/sleep 1000) &
 within 15 registered 0 wexrun && within 15 pgrep -P "$pid" sleep > /dev/null || fail "wexrun does not start its program"
 kill -TERM "$pid"
+trace show_status "$work/wexstat" --json > /dev/null
+trace watch_status "$work/wexstat" --watch > /dev/null &
+watches() { grep -q ppoll "$work/watch_status.trace" && read -r watcher _ < "$work/watch_status.trace"; }
+within 15 watches && kill -TERM "$watcher" || fail "wexstat does not watch"
 trace create "$work/wex" -c 1 || fail "no domain can be created"
 trace add "$work/wex" add nothing 1
 trace show "$work/wex" -s

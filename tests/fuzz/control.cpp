@@ -9,8 +9,8 @@
 
 #include "chain_check.h"
 #include "unique_fd.h"
-#include "wex_core.h"
 #include "wex_core_notify.h"
+#include "wex_core_server.h"
 #include "wex_core_stop.h"
 #include "wex_limits.h"
 #include "wex_paths.h"

@@ -5,6 +5,7 @@
 
 #include "chain_check.h"
 #include "dir_walk.h"
+#include "wex_chain_rebuild.h"
 #include "wex_paths.h"
 
 // Programs are not started: these bytes might name anything.

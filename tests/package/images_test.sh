@@ -26,10 +26,10 @@ if [ "$libdir" != "$work/all/usr/lib" ]; then
   cp -a "$libdir/." "$work/all/usr/lib/" && rm -r "$libdir"
 fi
 cp -a "$work/all" "$work/image"
-(cd "$work/image/usr" && rm -r include share/man share/doc lib/pkgconfig lib/cmake lib/libwex.so)
+(cd "$work/image/usr" && rm -r include share/man share/doc share/bash-completion lib/pkgconfig lib/cmake lib/libwex.so)
 mkdir -p "$work/image/etc/default" && cp "$root/packaging/init/wex.default" "$work/image/etc/default/wex"
 files "$work/image" > "$work/wanted"
-grep -q '^/usr/sbin/wex$' "$work/wanted" && [ "$(wc -l < "$work/wanted")" -ge 10 ] || complain "nothing was installed: $(cat "$work/wanted")"
+grep -q '^/usr/sbin/wex$' "$work/wanted" && grep -q '^/usr/bin/wexstat$' "$work/wanted" && [ "$(wc -l < "$work/wanted")" -ge 10 ] || complain "nothing was installed: $(cat "$work/wanted")"
 sed -n 's/^\(CONFIG_.*\)=y/\1/p' "$root/packaging/kernel/wex.config" | sort > "$work/options"
 # Syntax only: neither has a program to run with here.
 sh -n "$root/packaging/init/wex.default" || complain "wex.default does not parse"
@@ -128,6 +128,7 @@ take libwex $(expanded FILES:libwex)
 # shellcheck disable=SC2046
 take dev /usr/include '/usr/lib/lib*.so' /usr/lib/pkgconfig $(expanded 'FILES:${PN}-dev')
 take doc /usr/share/doc /usr/share/man
+take completion /usr/share/bash-completion
 # shellcheck disable=SC2046
 take wex '/usr/bin/*' '/usr/sbin/*' '/usr/libexec/*' /etc '/usr/share/wex' $(expanded 'FILES:${PN}')
 set +f

@@ -61,7 +61,7 @@ done
 
 mkdir $work/tree
 tar -xzf "$packages"/wex-*.tar.gz -C $work/tree || fail "the tarball does not unpack"
-for file in usr/sbin/wex etc/init.d/wex usr/libexec/wex/wex-respawn usr/include/wex/wex.h; do
+for file in usr/sbin/wex usr/bin/wexstat usr/include/wex/wex_status.h etc/init.d/wex usr/libexec/wex/wex-respawn usr/include/wex/wex.h; do
   [ -e "$work/tree/$file" ] || fail "the tarball lacks $file"
 done
 [ -n "$(find $work/tree/usr/lib -name libwex.so.1)" ] || fail "the tarball lacks libwex.so.1"

@@ -392,9 +392,7 @@ TEST_F(ControlChannel, HoldsAllItsClientsAndEndsAtOneTooMany) {
     const raw_client one_too_many;
     EXPECT_TRUE(exited_with(daemon.wait(20s), 0));
     EXPECT_TRUE(console_says("]wex_process_domain: logic err, clnt_sd full, now_sd:"));
-    EXPECT_NE(std::string::npos,
-              running_log().find(
-                  "Thread \"wex_process_domain\" exit, wex will be restart. res=-9, Success(0)\r\n"));
+    EXPECT_TRUE(server_ended("-9")) << running_log();
   }
   setrlimit(RLIMIT_NOFILE, &files);
 }

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -166,6 +167,12 @@ struct ControlChannel : WexWorld {
     return other.connected() && other.send_body(WEX_CONS_MSG, harmless()) && other.acknowledged();
   }
   static std::string running_log() { return read_file(kRunningLog1) + read_file(kRunningLog2); }
+  // Without an error. What the daemon's C library calls that is its own: glibc, musl.
+  static bool server_ended(const std::string& result) {
+    const std::regex last_word("Thread \"wex_process_domain\" exit, wex will be restart\\. res=" + result +
+                               ", (Success|No error information)\\(0\\)\r\n");
+    return std::regex_search(running_log(), last_word);
+  }
 
   Daemon daemon;
 };

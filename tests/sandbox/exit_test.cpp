@@ -577,14 +577,21 @@ INSTANTIATE_TEST_SUITE_P(Statuses, HandledTerm, ::testing::Values(15, 143));
 
 TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
   Daemon daemon;
-  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=EPERM"}));  // a small queue, and strangers in it
+  ASSERT_TRUE(daemon.wait_ready());
   const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",
                          "--ready=/tmp/wex/ready", "--hold"};
   Process service;
   ASSERT_TRUE(start_service(&service, options));
   const pid_t old_pid = service.pid();
   send_signal(daemon.pid(), SIGSTOP);
-  for (int i = 0; i < 7000; ++i) {
+  for (const std::string& task : list_dir("/proc/" + text(daemon.pid()) + "/task")) {
+    ASSERT_TRUE(eventually([&] {
+      const std::string state = status_field(std::stoi(task), "State");
+      return state[0] == 'T' || state[0] == 't';
+    }));
+  }
+  for (int i = 0; i < 700; ++i) {
     const pid_t child = vfork();
     if (child == 0) {
       _exit(0);

@@ -18,7 +18,6 @@
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"
 #include "wex_core_netlink.h"

@@ -29,7 +29,6 @@
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
-#include "wex_core.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"

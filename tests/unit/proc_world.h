@@ -27,6 +27,7 @@
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_test.h"
 #include "wex_utils.h"
 

@@ -21,7 +21,6 @@
 #include "unit_support.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
-#include "wex_core.h"
 #include "wex_core_notify.h"
 #include "wex_limits.h"
 #include "wex_msg.h"

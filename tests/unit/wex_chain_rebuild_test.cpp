@@ -13,6 +13,7 @@
 #include "running_thread.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_chain_rebuild.h"
 #include "wex_core_filter.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"

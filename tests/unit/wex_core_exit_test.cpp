@@ -5,6 +5,7 @@
 #include "parked_world.h"
 #include "registry_files.h"
 #include "text_buffer.h"
+#include "wex_chain_rebuild.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"

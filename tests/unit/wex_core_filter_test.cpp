@@ -8,8 +8,13 @@
 
 #include <array>
 #include <cstring>
+#include <memory>
+#include <random>
+#include <set>
 
+#include "chain_lock.h"
 #include "injection.h"
+#include "wex_chain.h"
 #include "wex_dbg.h"
 
 namespace {
@@ -34,7 +39,11 @@ constexpr uint32_t kComm = 0x200;
 class Filter : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_EQ(0, wex_init_chains(&wex_chains));
+    forget_all();
+    wex_pass_executions(true);
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends_));
+    expect_exit_of(7);
     wex_attach_filter(ends_[1]);
   }
   void TearDown() override {
@@ -57,7 +66,33 @@ class Filter : public ::testing::Test {
     uint8_t got[sizeof message];
     return recv(ends_[1], got, sizeof got, MSG_DONTWAIT) == static_cast<ssize_t>(size);
   }
+  bool exit_passes(int32_t pid) { return passes(kEventExit, pid, pid); }
   bool thread_ends_pass() { return passes(kEventExit, 9, 7, 0); }
+
+  static bool expect_exit_of(int32_t pid) {
+    const chain_lock hold(wex_chains);
+    return wex_pass_exits_of(pid);
+  }
+  static void keep_only(const std::set<int32_t>& pids) {
+    const auto kept = std::make_unique<pid_set>();
+    for (const int32_t pid : pids) {
+      EXPECT_TRUE(kept->add(pid));
+    }
+    const chain_lock hold(wex_chains);
+    wex_pass_exits_only_of(kept.get());
+  }
+  static void forget_all() { keep_only({}); }
+
+  // Each of these and none of its neighbours, nor of processes that differ from it in one bit, comes through.
+  void expect_exactly(const std::set<int32_t>& pids) {
+    for (const int32_t pid : pids) {
+      ASSERT_TRUE(exit_passes(pid)) << pid;
+      for (const int32_t other :
+           {pid - 1, pid + 1, pid ^ 0x20, pid ^ 0x2000, pid ^ 0x10000, pid ^ 0x1000000}) {
+        ASSERT_EQ(pids.count(other) != 0, exit_passes(other)) << other << " beside " << pid;
+      }
+    }
+  }
 
  private:
   int ends_[2] = {-1, -1};
@@ -69,7 +104,7 @@ TEST_F(Filter, PassesWhatTheMonitorActsOn) {
   EXPECT_TRUE(passes(kEventAck));
   EXPECT_TRUE(passes(kEventExec));
   EXPECT_TRUE(passes(kEventExit));
-  EXPECT_TRUE(passes(kEventExit, 0x12345678, 0x12345678, 11)) << "a killed process";
+  EXPECT_TRUE(passes(kEventExit, 7, 7, 11)) << "a killed process";
   EXPECT_FALSE(passes(kFork));
   EXPECT_FALSE(passes(kComm));
 }
@@ -81,10 +116,88 @@ TEST_F(Filter, DropsTheEndsOfThreadsThatDumpedNoCore) {
   EXPECT_TRUE(passes(kEventExit, 9, 7, 0x80 | 11));
 }
 
+TEST_F(Filter, DropsTheExitsOfOtherProcessesWhateverTheirEnd) {
+  EXPECT_FALSE(exit_passes(8));
+  EXPECT_FALSE(exit_passes(7 + 32));
+  EXPECT_FALSE(passes(kEventExit, 8, 8, 0x80 | 11));
+  EXPECT_FALSE(passes(kEventExit, 7, 8, 0x80 | 11)) << "a thread of another process";
+  forget_all();
+  EXPECT_FALSE(exit_passes(7));
+  EXPECT_TRUE(passes(kEventAck));
+}
+
+TEST_F(Filter, DropsExecutionsWhileNobodyWantsThem) {
+  wex_pass_executions(false);
+  EXPECT_FALSE(passes(kEventExec, 7, 7));
+  EXPECT_TRUE(exit_passes(7));
+  wex_pass_executions(true);
+  EXPECT_TRUE(passes(kEventExec));
+}
+
+TEST_F(Filter, HoldsAnySetOfProcesses) {
+  std::mt19937 numbers(13);
+  // From ids side by side to one in each word, as many as there is room for.
+  for (const int32_t highest : {400, 32767, 4194303, INT32_MAX}) {
+    std::set<int32_t> pids;
+    while (pids.size() < (highest == 400 ? 300 : pid_set::kWords)) {
+      pids.insert(std::uniform_int_distribution<int32_t>(1, highest)(numbers));
+    }
+    keep_only(pids);
+    expect_exactly(pids);
+  }
+  for (const size_t count : {1, 2, 3, 62, 63, 64, 65, 127, 128, 129, 255, 256, 257, 511, 512}) {
+    std::set<int32_t> pids;
+    for (size_t i = 1; i <= count; ++i) {
+      pids.insert(static_cast<int32_t>(i * 32 + i % 32));
+    }
+    keep_only(pids);
+    expect_exactly(pids);
+  }
+}
+
+TEST_F(Filter, KeepsAProcessUntilItIsTidied) {
+  EXPECT_TRUE(expect_exit_of(1000));
+  EXPECT_TRUE(exit_passes(1000));
+  EXPECT_TRUE(exit_passes(7));
+  EXPECT_FALSE(exit_passes(1001));
+  keep_only({1000});
+  EXPECT_TRUE(exit_passes(1000));
+  EXPECT_FALSE(exit_passes(7));
+}
+
+TEST_F(Filter, PassesTheExitsOfAllWhenItsProcessesAreTooMany) {
+  for (int32_t at = 1; at < static_cast<int32_t>(pid_set::kWords); ++at) {
+    ASSERT_TRUE(expect_exit_of(at * 32));
+  }
+  EXPECT_FALSE(exit_passes(100001));
+  EXPECT_FALSE(expect_exit_of(100000));
+  EXPECT_TRUE(exit_passes(100000));
+  EXPECT_TRUE(exit_passes(100001));
+  EXPECT_FALSE(thread_ends_pass());
+  EXPECT_FALSE(expect_exit_of(200000)) << "until somebody tidies";
+  {
+    const chain_lock hold(wex_chains);
+    wex_pass_exits_only_of(nullptr);
+  }
+  EXPECT_TRUE(exit_passes(100001)) << "they still are too many";
+  keep_only({7, 100000});
+  EXPECT_TRUE(exit_passes(100000));
+  EXPECT_FALSE(exit_passes(100001));
+}
+
+TEST_F(Filter, HasNoProcessesBelow1) {
+  EXPECT_TRUE(expect_exit_of(0));
+  EXPECT_TRUE(expect_exit_of(-1));
+  EXPECT_FALSE(exit_passes(0));
+  EXPECT_FALSE(exit_passes(-1));
+}
+
 TEST_F(Filter, PassesTheEndsOfThreadsWhileAnybodyNeedsThem) {
   wex_pass_thread_ends(thread_ends_for::undecided_exits, true);
   EXPECT_TRUE(thread_ends_pass());
+  EXPECT_FALSE(passes(kEventExit, 9, 8)) << "its process is not registered";
   wex_pass_thread_ends(thread_ends_for::registrations, true);
+  EXPECT_TRUE(passes(kEventExit, 9, 8)) << "thread 9 may be";
   wex_pass_thread_ends(thread_ends_for::undecided_exits, false);
   EXPECT_TRUE(thread_ends_pass()) << "one of two still needs them";
   EXPECT_FALSE(passes(kFork));
@@ -114,24 +227,47 @@ TEST_F(Filter, DropsAnExitThatEndsBeforeItsPid) {
   EXPECT_FALSE(passes(kEventExit, 7, 7, 0, 54));
 }
 
-TEST_F(Filter, IsTakenAwayWhenTheOneThatPassesThreadsIsRefused) {
+TEST_F(Filter, ThatIsRefusedIsReplacedByOneThatPassesAllExits) {
   g_setsockopt.fail(1, ENOMEM);
+  EXPECT_TRUE(expect_exit_of(1000));
+  EXPECT_TRUE(exit_passes(1000));
+  EXPECT_TRUE(exit_passes(1001));
+  EXPECT_FALSE(thread_ends_pass());
+  EXPECT_TRUE(expect_exit_of(2000));
+  EXPECT_TRUE(exit_passes(1001)) << "the kernel is not asked again at every registration";
+  keep_only({7, 1000});
+  EXPECT_FALSE(exit_passes(1001)) << "but when the filter is tidied";
+  EXPECT_TRUE(exit_passes(1000));
+}
+
+TEST_F(Filter, ThatWouldPassLessStaysWhenItsSuccessorIsRefused) {
+  expect_exit_of(1000);
+  g_setsockopt.fail(1, ENOMEM);
+  keep_only({7});
+  EXPECT_TRUE(exit_passes(1000)) << "one too many";
+  EXPECT_FALSE(exit_passes(1001));
+  EXPECT_TRUE(expect_exit_of(1001));
+  EXPECT_TRUE(exit_passes(1001));
+}
+
+TEST_F(Filter, IsTakenAwayWhenEveryOtherIsRefused) {
+  g_setsockopt.fail(2, ENOMEM);
   wex_pass_thread_ends(thread_ends_for::registrations, true);
   EXPECT_TRUE(thread_ends_pass());
+  EXPECT_TRUE(passes(kFork)) << "nothing filters";
   wex_pass_thread_ends(thread_ends_for::registrations, false);
-  EXPECT_FALSE(thread_ends_pass()) << "and is put back when it can be";
+  EXPECT_FALSE(thread_ends_pass()) << "and one is put back when it can be";
 }
 
 TEST_F(Filter, ThatWasRefusedIsTriedAgainAtTheNextOccasion) {
+  g_setsockopt.fail(3, ENOMEM);
+  EXPECT_TRUE(expect_exit_of(1000));
+  EXPECT_FALSE(exit_passes(1000)) << "neither could it be taken away";
+  EXPECT_TRUE(expect_exit_of(1000));
+  EXPECT_TRUE(exit_passes(1000));
   g_setsockopt.fail(2, ENOMEM);
   wex_pass_thread_ends(thread_ends_for::registrations, true);
-  EXPECT_FALSE(thread_ends_pass()) << "neither could it be taken away";
+  EXPECT_FALSE(thread_ends_pass());
   wex_pass_thread_ends(thread_ends_for::undecided_exits, true);
   EXPECT_TRUE(thread_ends_pass());
-  g_setsockopt.fail(1, ENOMEM);
-  wex_pass_thread_ends(thread_ends_for::undecided_exits, false);
-  wex_pass_thread_ends(thread_ends_for::registrations, false);
-  EXPECT_TRUE(thread_ends_pass()) << "too many, but none too few";
-  wex_pass_thread_ends(thread_ends_for::registrations, false);
-  EXPECT_FALSE(thread_ends_pass());
 }

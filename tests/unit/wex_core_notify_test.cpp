@@ -5,7 +5,6 @@
 #include "leak_gate.h"
 
 #include "watchdog_world.h"
-#include "wex_core.h"
 #include "wex_core_stop.h"
 
 using namespace watchdog;

@@ -6,7 +6,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=49613395764c29c79b1e07e04131bdbc"
 
 # Built from the checkout that this layer is a part of.
-inherit externalsrc cmake pkgconfig systemd update-rc.d
+inherit externalsrc cmake pkgconfig systemd update-rc.d bash-completion
 EXTERNALSRC ?= "${@os.path.abspath(os.path.join(d.getVar('THISDIR'), '../../../../..'))}"
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 

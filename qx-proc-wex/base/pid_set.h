@@ -1,0 +1,32 @@
+// pid_set: a bounded set of process ids as a sparse bit table, in the form in which a packet filter can
+// search it (wex_core_filter_program).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+class pid_set {
+ public:
+  static constexpr size_t kWords =
+      512;  // a program of four instructions a word fits what older kernels allow
+
+  // 32 neighbouring ids. Their common part is in network order, and the words are sorted by that.
+  struct word {
+    uint32_t common;
+    uint32_t bits;
+  };
+
+  // True when the id is in the set now; false when there is no room, or when it is that of no process.
+  bool add(int32_t pid) noexcept;
+  bool has(int32_t pid) const noexcept;
+
+  const word* begin() const noexcept { return words_; }
+  const word* end() const noexcept { return words_ + used_; }
+  bool operator==(const pid_set& other) const noexcept;
+
+ private:
+  word* place_of(uint32_t common) noexcept;
+
+  size_t used_ = 0;
+  word words_[kWords] = {};
+};

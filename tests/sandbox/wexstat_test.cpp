@@ -1,0 +1,168 @@
+// wexstat beside the real daemon: every state as a service goes through it, and a daemon that is stopped,
+// killed or not there.
+#include <cstdio>
+
+#include "restart_policy.h"
+
+using namespace policy;
+
+namespace {
+
+constexpr char kBinary[] = WEX_BUILD_DIR "/stat/wexstat";
+
+struct answer {
+  int status;
+  std::string text;
+};
+
+answer wexstat(const std::string& arguments = "") {
+  answer out = {-1, ""};
+  FILE* const pipe = popen((std::string(kBinary) + " " + arguments + " 2>&1").c_str(), "re");
+  char buffer[65536];
+  size_t got;
+  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    out.text.append(buffer, got);
+  }
+  const int status = pipe != nullptr ? pclose(pipe) : -1;
+  out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
+}
+
+bool told(const std::string& arguments, const std::string& text, milliseconds limit = 20s) {
+  return eventually([&] { return wexstat(arguments).text.find(text) != std::string::npos; }, limit);
+}
+bool checked(int status, const std::string& text) {
+  return eventually(
+      [&] {
+        const answer now = wexstat("--check");
+        return now.status == status && now.text.find(text) != std::string::npos;
+      },
+      20s);
+}
+std::string number(pid_t pid) {
+  return std::to_string(pid);
+}
+// The first line about one registration.
+bool is_in_state(pid_t pid, const std::string& state) {
+  return told(number(pid), ", pid " + number(pid) + ": " + state);
+}
+
+struct Wexstat : WexWorld {
+  void SetUp() override {
+    WexWorld::SetUp();
+    write_file("/debug_time", "3600\n");
+  }
+};
+
+}  // namespace
+
+TEST_F(Wexstat, AServiceIsShownInEveryState) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(checked(0, "well: 0 supervised")) << wexstat("--check").text;
+  Service parked("parked");
+  Service down("down");
+  ASSERT_TRUE(parked.start() && down.start());
+  EXPECT_TRUE(checked(0, "well: 2 supervised")) << wexstat("--check").text;
+  ASSERT_TRUE(is_in_state(down.pid(), "running")) << wexstat(number(down.pid())).text;
+  ASSERT_TRUE(down.ends_and_comes_back());
+  EXPECT_TRUE(told(number(down.pid()), "exited: SIGKILL")) << wexstat(number(down.pid())).text;
+  EXPECT_TRUE(told(number(down.pid()), "restarted as pid " + number(down.pid())));
+  EXPECT_TRUE(told(number(down.pid()), "1 since its registration"));
+
+  ASSERT_TRUE(parked.park());
+  EXPECT_TRUE(is_in_state(parked.pid(), "parked, 59 min ")) << wexstat(number(parked.pid())).text;
+  EXPECT_TRUE(checked(1, "1 parked: actor")) << wexstat("--check").text;
+
+  write_file("/etc/debug_log", "");
+  unlink(kEventLog1);
+  make_dirs(kEventLog1);  // what must be logged and cannot be is not done
+  down.end();
+  EXPECT_TRUE(is_in_state(down.pid(), "down for ")) << wexstat().text;
+  EXPECT_TRUE(checked(1, "1 down: actor; 1 parked: actor")) << wexstat("--check").text;
+  Service running("running");
+  ASSERT_TRUE(running.start());
+  EXPECT_TRUE(is_in_state(running.pid(), "running")) << wexstat().text;
+  const std::vector<std::string> lines = lines_of(wexstat().text);
+  ASSERT_EQ(6U, lines.size()) << wexstat().text;
+  EXPECT_NE(std::string::npos, lines[3].find(" down for ")) << "problems come first";
+  EXPECT_NE(std::string::npos, lines[4].find(" parked, "));
+  EXPECT_NE(std::string::npos, lines[5].find(" running "));
+
+  running.end(SIGTERM);  // on purpose
+  EXPECT_TRUE(told("--history", "stopped on purpose")) << wexstat("--history").text;
+  EXPECT_TRUE(eventually([&] { return wexstat(number(running.pid())).status == 1; }, 20s)) << "forgotten";
+  remove_tree(kEventLog1);
+  unlink("/etc/debug_log");
+  daemon.kill_now();
+}
+
+TEST_F(Wexstat, APostponedRestartIsShownUntilItIsMade) {
+  const std::vector<std::string> options = {"--tag=held", "--hold"};
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Process held;
+  ASSERT_TRUE(held.start(actor_words(options)));
+  const pid_t pid = wait_for_actor(options);
+  ASSERT_EQ(held.pid(), pid);
+  Holder holder({pid});
+  held.send(SIGKILL);
+  held.wait();
+  EXPECT_TRUE(is_in_state(pid, "postponed for ")) << wexstat().text;
+  EXPECT_TRUE(checked(1, "1 postponed: actor")) << wexstat("--check").text;
+  holder.end();
+  const pid_t next = wait_for_actor(options, pid, 20s);
+  ASSERT_GT(next, 0);
+  EXPECT_TRUE(is_in_state(next, "running")) << wexstat().text;
+  EXPECT_TRUE(told(number(next), "restart postponed: its database file is held"))
+      << wexstat(number(next)).text;
+  daemon.kill_now();
+}
+
+TEST_F(Wexstat, ADaemonThatIsStoppedOrKilledIsNotWell) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("left");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(checked(0, "well: 1 supervised"));
+  daemon.send(SIGSTOP);
+  EXPECT_TRUE(checked(2, "wex is stuck: it is stopped by a signal")) << wexstat("--check").text;
+  EXPECT_TRUE(told("", "STUCK: it is stopped by a signal"));
+  EXPECT_TRUE(told("--openmetrics", "\nwex_stuck 1\n"));
+  daemon.send(SIGCONT);
+  EXPECT_TRUE(checked(0, "well")) << wexstat("--check").text;
+  const pid_t first = daemon.pid();
+  daemon.kill_now();
+  EXPECT_TRUE(checked(2, "wex is not running: it was killed")) << wexstat("--check").text;
+  const answer left = wexstat();
+  EXPECT_EQ(0U, left.text.find("wex is NOT RUNNING (it was killed); pid " + number(first) + " left this:\n"))
+      << left.text;
+  EXPECT_NE(std::string::npos, left.text.find(" running ")) << left.text;
+  EXPECT_TRUE(told("--openmetrics", "\nwex_up 0\n"));
+  EXPECT_EQ(1, wexstat("--wait actor --timeout 0").status) << "nobody supervises it";
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(checked(0, "well: 1 supervised")) << wexstat("--check").text;
+  EXPECT_EQ(2U, occurrences(wexstat("--history 100").text, "wex started")) << wexstat("--history 100").text;
+  EXPECT_TRUE(told("--history 100", "  registered\n"));
+  daemon.kill_now();
+}
+
+TEST_F(Wexstat, AScriptWaitsForAProgramBeforeThereIsADaemon) {
+  Process waiting;
+  ASSERT_TRUE(waiting.start({kBinary, "--wait", "actor"}));
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(never([&] { return !waiting.running(); }, 300ms));
+  Service service("awaited");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(exited_with(waiting.wait(20s), 0));
+  daemon.kill_now();
+}
+
+TEST_F(Wexstat, AnyUserMayLook) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  const auto status = run({"setpriv", "--reuid=1234", "--regid=1234", "--clear-groups", kBinary, "--check"});
+  EXPECT_TRUE(exited_with(status, 0));
+  daemon.kill_now();
+}

@@ -1,0 +1,500 @@
+// wex_status_file and wex_status_image: what readers see of the registry, whatever lies at the table's name
+// and whatever becomes of the table.
+#include "wex_status_file.h"
+
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <random>
+
+#include "chain_lock.h"
+#include "status_reader.h"
+#include "text_buffer.h"
+#include "unit_support.h"
+#include "wex_chain.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_status_image.h"
+
+using namespace unit;
+
+namespace {
+std::atomic<int64_t> clock_ahead{0};
+}  // namespace
+
+// The milliseconds of the product, as these cases want them.
+extern "C" int64_t __real__Z12wex_clock_msv();
+extern "C" int64_t __wrap__Z12wex_clock_msv() {
+  return __real__Z12wex_clock_msv() + clock_ahead;
+}
+
+namespace {
+
+void a_minute_passes() {
+  clock_ahead += 60000;
+}
+
+constexpr char kRunningLogDir[] = "/ovix/vsd/0/utils/wex";
+
+// The image belongs to the process and is never emptied: a case works in a child of its own.
+class StatusTable : public Sandboxed {
+ protected:
+  void SetUp() override {
+    Sandboxed::SetUp();
+    make_dirs(kRunningLogDir);
+  }
+  void TearDown() override {
+    remove_tree("/ovix");
+    Sandboxed::TearDown();
+  }
+  static std::string running_log() { return read_file(kRunningLog1); }
+};
+
+// A registry with one record for each number.
+wex_pid* add(int32_t pid, const char* process = "/usr/bin/service -a 1") {
+  wex_pid* const rec = wex_new_record();
+  rec->pid = pid;
+  rec->vsd = 3;
+  rec->action = RESPAWN;
+  wex_copy_text(rec->process, sizeof rec->process, process);
+  const chain_lock hold(wex_chains);
+  __wex_add_record(&wex_chains, rec);
+  return rec;
+}
+
+void drop(wex_pid* rec) {
+  const chain_lock hold(wex_chains);
+  __wex_drop_record(&wex_chains, rec);
+}
+
+void start() {
+  wex_init_chains(&wex_chains);
+  wex_status_open();
+}
+
+}  // namespace
+
+TEST_F(StatusTable, ShowsTheDaemonWhoeverLooks) {
+  in_child([] {
+    umask(0077);
+    start();
+    EXPECT_EQ(0644U, mode_of(kStatusTable));
+    struct stat facts = {};
+    ASSERT_EQ(0, stat(kStatusTable, &facts));
+    EXPECT_EQ(WEX_STATUS_FILE_SIZE, facts.st_size);
+    EXPECT_LE(facts.st_blocks * 512, 64 * 1024) << "no memory for slots that are not in use";
+    const StatusReader reader;
+    const wex_status_head head = reader.head();
+    EXPECT_STREQ(WEX_STATUS_MAGIC, head.magic);
+    EXPECT_EQ(uint32_t{WEX_STATUS_BYTE_ORDER}, head.byte_order);
+    EXPECT_EQ(getpid(), head.daemon_pid);
+    EXPECT_EQ(1U, head.generation);
+    EXPECT_EQ(0U, head.flags);
+    EXPECT_EQ(read_file("/proc/sys/kernel/random/boot_id"), std::string(head.boot_id) + "\n");
+    EXPECT_EQ("1", reader.kinds());
+    wex_status_end();
+    EXPECT_EQ(uint32_t{WEX_STATUS_ENDED}, reader.head().flags);
+    EXPECT_EQ("1 19", reader.kinds());
+  });
+}
+
+TEST_F(StatusTable, ASlotFollowsItsRegistration) {
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    wex_status_publish();
+    const StatusReader reader;
+    auto slot = reader.slot_of(100);
+    ASSERT_TRUE(slot);
+    EXPECT_STREQ("service", slot->name);
+    EXPECT_STREQ("/usr/bin/service -a 1", slot->command);
+    EXPECT_EQ(3, slot->domain);
+    EXPECT_EQ(WEX_STATUS_RUNNING, slot->state);
+    EXPECT_GT(slot->registered, 0);
+    EXPECT_EQ(-1, slot->fewest_misses);
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, 139});
+    wex_status_publish();
+    slot = reader.slot_of(100);
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(WEX_STATUS_RESTARTING, slot->state);
+    EXPECT_EQ(139U, slot->last_exit);
+    EXPECT_NEAR(static_cast<double>(time(nullptr)), static_cast<double>(slot->last_exit_wall), 5);
+    rec->pid = 101;
+    wex_status_tell(WEX_STATUS_EV_RESTARTED, rec, {100, 101});
+    wex_status_publish();
+    slot = reader.slot_of(101);
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(WEX_STATUS_RUNNING, slot->state);
+    EXPECT_EQ(1U, slot->restarts);
+    EXPECT_EQ(1U, reader.counter(WEX_STATUS_EXITS));
+    EXPECT_EQ(1U, reader.counter(WEX_STATUS_RESTARTS));
+    drop(rec);
+    wex_status_publish();
+    EXPECT_TRUE(reader.slots().empty());
+    EXPECT_EQ("1 2 4 5", reader.kinds());
+    EXPECT_EQ(100, reader.events()[3].pid);
+    EXPECT_EQ(101, reader.events()[3].new_pid);
+  });
+}
+
+TEST_F(StatusTable, RegistrationsBeyondTheLastSlotAreCounted) {
+  in_child([] {
+    start();
+    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+      add(pid);
+    }
+    wex_status_publish();
+    const StatusReader reader;
+    EXPECT_EQ(size_t{WEX_STATUS_SLOTS}, reader.slots().size());
+    EXPECT_EQ(5U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    {
+      const chain_lock hold(wex_chains);
+      for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+        __wex_del_pid(&wex_chains, pid);
+      }
+    }
+    add(7);
+    wex_status_publish();
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(1U, reader.slots().size());
+  });
+}
+
+// What may lie at the name, and what becomes of it.
+TEST_F(StatusTable, WhateverLiesAtTheNameMakesRoom) {
+  const struct {
+    const char* told;
+    std::function<void()> make;
+    bool kept;  // under another name
+  } rows[] = {
+      {"nothing", [] {}, false},
+      {"empty directory", [] { mkdir(kStatusTable, 0700); }, false},
+      {"directory", [] { make_dirs(std::string(kStatusTable) + "/x"); }, true},
+      {"link", [] { EXPECT_EQ(0, symlink("/tmp/victim", kStatusTable)); }, true},
+      {"FIFO", [] { EXPECT_EQ(0, mkfifo(kStatusTable, 0666)); }, false},
+      {"text of root's", [] { write_file(kStatusTable, "precious"); }, true},
+      {"another user's file",
+       [] {
+         write_file(kStatusTable, "theirs");
+         EXPECT_EQ(0, chown(kStatusTable, kOtherUser, kOtherUser));
+       },
+       true},
+      {"second name",
+       [] {
+         write_file("/dev/shm/other", "other");
+         EXPECT_EQ(0, link("/dev/shm/other", kStatusTable));
+       },
+       true},
+      {"table of another version",
+       [] {
+         std::string old(WEX_STATUS_FILE_SIZE, '\0');
+         old.replace(0, 8, WEX_STATUS_MAGIC, 8);
+         write_file(kStatusTable, old);
+       },
+       false},
+  };
+  write_file("/tmp/victim", "precious");
+  for (const auto& row : rows) {
+    row.make();
+    in_child([&] {
+      start();
+      const StatusReader reader;
+      ASSERT_TRUE(reader.valid()) << row.told;
+      EXPECT_EQ(1U, reader.head().generation) << row.told;
+      EXPECT_EQ("1", reader.kinds()) << row.told;
+      EXPECT_EQ(0644U, mode_of(kStatusTable)) << row.told;
+      const std::string log = running_log();
+      EXPECT_EQ(row.kept,
+                log.find("/dev/shm/wex-status was in the way and is now /dev/shm/aside-") != log.npos)
+          << row.told << "\n"
+          << log;
+    });
+    EXPECT_EQ("precious", read_file("/tmp/victim")) << row.told;
+    for (const std::string& name : list_dir("/dev/shm")) {
+      remove_tree("/dev/shm/" + name);
+    }
+    unlink(kRunningLog1);
+  }
+}
+
+TEST_F(StatusTable, TheNextDaemonGoesOnWithTheEventsAndMendsWhatWasHalfWritten) {
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    for (int i = 0; i < 20; ++i) {
+      wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    }
+    wex_status_publish();
+  });
+  {
+    const unique_fd file(open(kStatusTable, O_RDWR));
+    const uint32_t odd = 7;  // as a daemon leaves it that is killed in the middle of this event
+    ASSERT_EQ(4, pwrite(file.get(), &odd, 4, WEX_STATUS_EVENTS_AT + 3 * sizeof(wex_status_event)));
+  }
+  in_child([] {
+    const StatusReader before;
+    EXPECT_EQ(1U, before.slots().size());
+    EXPECT_FALSE(before.event(3));
+    start();
+    const StatusReader reader;
+    EXPECT_EQ(2U, reader.head().generation);
+    EXPECT_TRUE(reader.slots().empty());
+    EXPECT_EQ(21U, reader.events().size()) << "20 exits, less the torn one, and two starts";
+    ASSERT_TRUE(reader.event(3));
+    EXPECT_EQ(0U, reader.event(3)->kind);
+    EXPECT_EQ(2U, reader.events().back().generation);
+    EXPECT_EQ("", running_log());
+  });
+}
+
+TEST_F(StatusTable, RandomBytesInATableThatIsTakenOverDoNoHarm) {
+  std::mt19937 random(15);
+  for (int round = 0; round < 20; ++round) {
+    in_child([] {
+      start();
+      wex_status_publish();
+    });
+    {
+      const unique_fd file(open(kStatusTable, O_RDWR));
+      wex_status_head head = {};
+      ASSERT_EQ(ssize_t{sizeof head}, pread(file.get(), &head, sizeof head, 0));
+      std::string ring(WEX_STATUS_EVENTS * sizeof(wex_status_event), '\0');
+      for (char& byte : ring) {
+        byte = static_cast<char>(random());
+      }
+      // A few that look right but for their texts: they are taken, and what is printed is printable.
+      for (uint32_t number = 0; number < 4; ++number) {
+        wex_status_event event = {};
+        event.number = head.event_next - 1 - number;
+        event.kind = WEX_STATUS_EV_EXITED;
+        event.generation = 1;
+        memset(event.name, '\033', sizeof event.name);
+        memcpy(&ring[event.number % WEX_STATUS_EVENTS * sizeof event], &event, sizeof event);
+      }
+      ASSERT_EQ(static_cast<ssize_t>(ring.size()),
+                pwrite(file.get(), ring.data(), ring.size(), WEX_STATUS_EVENTS_AT));
+      head.slots_used = static_cast<uint32_t>(random());
+      head.generation = static_cast<uint32_t>(random() | 1U);
+      ASSERT_EQ(ssize_t{sizeof head}, pwrite(file.get(), &head, sizeof head, 0));
+    }
+    in_child([] {
+      start();
+      wex_status_publish();
+      const StatusReader reader;
+      EXPECT_EQ(WEX_STATUS_EV_DAEMON_STARTED, reader.events().back().kind);
+      EXPECT_LE(reader.events().size(), 5U);
+      for (const wex_status_event& event : reader.events()) {
+        EXPECT_LT(event.kind, uint32_t{WEX_STATUS_EV_KINDS});
+        EXPECT_EQ(nullptr, memchr(event.name, '\033', sizeof event.name));
+      }
+    });
+    unlink(kStatusTable);
+  }
+}
+
+TEST_F(StatusTable, ATableThatIsCutShortOrRemovedIsWholeAgain) {
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    wex_status_publish();
+    ASSERT_EQ(0, truncate(kStatusTable, 100));
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    wex_status_publish();
+    {
+      const StatusReader reader;
+      EXPECT_EQ("1 2 4", reader.kinds());
+      EXPECT_EQ(getpid(), reader.head().daemon_pid);
+      ASSERT_EQ(1U, reader.slots().size());
+      EXPECT_EQ(WEX_STATUS_RESTARTING, reader.slots()[0].state);
+    }
+    ASSERT_EQ(0, unlink(kStatusTable));
+    wex_status_publish();  // found: it is made anew at the next try
+    a_minute_passes();
+    wex_status_publish();
+    const StatusReader reader;
+    ASSERT_TRUE(reader.valid());
+    EXPECT_EQ("1 2 4", reader.kinds());
+    EXPECT_EQ(1U, reader.slots().size());
+  });
+}
+
+TEST_F(StatusTable, WithoutMemoryWhatHasNoneIsCountedAndComesLater) {
+  ASSERT_EQ(0, mount("unit", "/dev/shm", "tmpfs", MS_REMOUNT, "nr_blocks=20"));
+  in_child([] {
+    start();
+    for (int32_t pid = 1; pid <= 300; ++pid) {
+      add(pid);
+    }
+    wex_status_publish();
+    const StatusReader reader;
+    const size_t shown = reader.slots().size();
+    EXPECT_GT(shown, 10U);
+    EXPECT_LT(shown, 300U);
+    EXPECT_EQ(300 - shown, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_NE(std::string::npos,
+              running_log().find("/dev/shm/wex-status cannot be written, not all is shown: No space left"));
+    EXPECT_EQ(0, mount("unit", "/dev/shm", "tmpfs", MS_REMOUNT, "nr_blocks=300"));
+    wex_status_publish();
+    EXPECT_EQ(300U, reader.slots().size());
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(1U, lines_of(running_log()).size()) << running_log();
+  });
+}
+
+TEST_F(StatusTable, ATableThatCannotBeMadeStopsNothingAndIsLoggedOnce) {
+  ASSERT_EQ(0, mount("unit", "/dev/shm", "tmpfs", MS_REMOUNT | MS_RDONLY, ""));
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    a_minute_passes();
+    wex_status_publish();
+    EXPECT_FALSE(exists(kStatusTable));
+    EXPECT_NE(std::string::npos,
+              running_log().find(
+                  "/dev/shm/wex-status cannot be made, what wex does is not shown: Read-only file system."));
+    EXPECT_EQ(1U, lines_of(running_log()).size()) << running_log();
+    EXPECT_EQ(0, mount("unit", "/dev/shm", "tmpfs", MS_REMOUNT, ""));
+    a_minute_passes();
+    wex_status_publish();
+    EXPECT_EQ("1 2", StatusReader().kinds());
+  });
+}
+
+// Readers at full speed never see a part that is torn: all of it was written by one call.
+TEST_F(StatusTable, ReadersSeeWholeSlotsWhileTheyChange) {
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_publish();
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+      for (int32_t round = 1; !stop; ++round) {
+        rec->pid = rec->vsd = rec->restart_delay = round;
+        rec->start_time = static_cast<uint64_t>(round);
+        wex_status_tell(WEX_STATUS_EV_EXITED, rec, {round, round, static_cast<uint32_t>(round), round});
+        wex_status_publish();
+      }
+    });
+    const unique_fd file(open(kStatusTable, O_RDONLY));
+    auto* const base =
+        static_cast<const char*>(mmap(nullptr, WEX_STATUS_FILE_SIZE, PROT_READ, MAP_SHARED, file.get(), 0));
+    ASSERT_NE(MAP_FAILED, base);
+    const auto* const slot = reinterpret_cast<const wex_status_slot*>(base + WEX_STATUS_HEAD_SIZE);
+    int whole = 0;
+    for (const auto end = steady_clock::now() + 300ms; steady_clock::now() < end || whole < 1000;) {
+      const uint32_t before = __atomic_load_n(&slot->seq, __ATOMIC_ACQUIRE);
+      wex_status_slot copy;
+      memcpy(&copy, slot, sizeof copy);
+      __atomic_thread_fence(__ATOMIC_ACQUIRE);
+      if (before % 2 == 0 && before == __atomic_load_n(&slot->seq, __ATOMIC_RELAXED) && copy.pid != 100) {
+        ++whole;
+        ASSERT_TRUE(copy.pid == copy.domain && copy.pid == copy.restart_delay &&
+                    copy.last_exit == static_cast<uint32_t>(copy.pid) &&
+                    copy.pid_start == static_cast<uint64_t>(copy.pid));
+      }
+    }
+    stop = true;
+    writer.join();
+    EXPECT_GT(whole, 0);
+  });
+}
+
+TEST_F(StatusTable, AWriterThatIsKilledLeavesAtMostOnePartBeingWritten) {
+  std::mt19937 random(15);
+  for (int round = 0; round < 100; ++round) {
+    fflush(stdout);
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+      start();
+      wex_pid* const recs[] = {add(1), add(2), add(3)};
+      for (;;) {
+        for (wex_pid* const rec : recs) {
+          wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+        }
+        wex_status_publish();
+      }
+    }
+    usleep(static_cast<useconds_t>(random() % 3000));
+    ASSERT_GT(writer, 0);
+    kill(writer, SIGKILL);
+    ASSERT_EQ(writer, waitpid(writer, nullptr, 0));
+    const unique_fd file(open(kStatusTable, O_RDONLY));
+    if (!file.valid()) {
+      continue;  // it did not come that far
+    }
+    int odd = 0;
+    const auto look = [&](size_t at) {
+      uint32_t seq = 0;
+      odd +=
+          pread(file.get(), &seq, sizeof seq, static_cast<off_t>(at)) == ssize_t{sizeof seq} && seq % 2 != 0;
+    };
+    look(offsetof(wex_status_head, seq));
+    for (size_t at = 0; at < WEX_STATUS_THREADS; ++at) {
+      look(offsetof(wex_status_head, threads) + at * sizeof(wex_status_thread));
+    }
+    for (size_t at = 0; at < 4; ++at) {
+      look(WEX_STATUS_HEAD_SIZE + at * sizeof(wex_status_slot));
+    }
+    for (size_t at = 0; at < WEX_STATUS_EVENTS; ++at) {
+      look(WEX_STATUS_EVENTS_AT + at * sizeof(wex_status_event));
+    }
+    ASSERT_LE(odd, 1) << "round " << round;
+  }
+}
+
+TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
+  in_child([] {
+    start();
+    wex_status_thread_is(kStatusServer);
+    wex_status_publish();
+    const StatusReader reader;
+    const auto seen = [&] { return reader.head().threads[kStatusServer]; };
+    EXPECT_EQ(gettid(), seen().tid);
+    EXPECT_STREQ("wex_process_dom", seen().name);
+    EXPECT_GT(seen().last_pass, 0);
+    EXPECT_EQ(0, seen().busy_since);
+    wex_status_busy(kStatusServer);
+    wex_status_publish();
+    const int64_t since = seen().busy_since;
+    EXPECT_GT(since, 0);
+    usleep(5000);
+    wex_status_publish();
+    EXPECT_EQ(since, seen().busy_since) << "the same piece of work";
+    wex_status_busy(kStatusServer);
+    wex_status_publish();
+    EXPECT_GT(seen().busy_since, since) << "another one";
+    wex_status_idle(kStatusServer);
+    wex_status_publish();
+    EXPECT_EQ(0, seen().busy_since);
+  });
+}
+
+TEST_F(StatusTable, NobodyHasToLookWhileNothingHappens) {
+  in_child([] {
+    start();
+    const int news = wex_status_open_news();
+    ASSERT_GE(news, 0);
+    const auto told = [news] {
+      struct pollfd wait = {news, POLLIN, 0};
+      return poll(&wait, 1, 0) == 1;
+    };
+    EXPECT_FALSE(told()) << "nobody waits yet";
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    EXPECT_TRUE(told());
+    drop(rec);
+  });
+}

@@ -1,0 +1,114 @@
+// Whether wex is well.
+#include "wexstat_health.h"
+
+#include "wexstat_world.h"
+
+using namespace wexstat_test;
+
+namespace {
+
+using WexstatHealth = WexstatWorld;
+
+daemon_health judged(const status_table& table, char process = 'S') {
+  return judge_daemon(read_back(table), now(), process);
+}
+answer checked(const status_copy& copy, daemon_state state = daemon_state::running) {
+  const daemon_health daemon = {state, "TEXT"};
+  char line[kHealthText * 4];
+  const int status = judge_all(copy, daemon, line, sizeof line);
+  return {status, line};
+}
+
+}  // namespace
+
+TEST_F(WexstatHealth, AThreadThatIsBusyOrSilentForTooLongIsStuck) {
+  const struct {
+    const char* thread;
+    int64_t pass_ago;
+    int64_t busy_for;
+    const char* text;
+  } rows[] = {
+      {"wex_delay_resta", 1000, 0, "it runs"},
+      {"wex_delay_resta", 100000, 0, "it runs"},
+      {"wex_delay_resta", 200000, 0, "its thread wex_delay_resta has not come round for 3 min 20 s"},
+      {"wex_process_dom", 200000, 0, "its thread wex_process_dom has not come round for 3 min 20 s"},
+      {"wex_process_net", 9000000, 0, "it runs"},
+      {"wex_process_net", 9000000, 90000, "it runs"},
+      {"wex_process_net", 1, 130000, "its thread wex_process_net has been at one thing for 2 min 10 s"},
+      {"wex_delay_resta", 200000, 1000, "it runs"}};
+  for (const auto& row : rows) {
+    status_table table;
+    table.add_thread("wex_alarm", 5000000);
+    table.add_thread(row.thread, row.pass_ago, row.busy_for);
+    EXPECT_STREQ(row.text, judged(table).text);
+    EXPECT_EQ(row.text == std::string("it runs") ? daemon_state::running : daemon_state::stuck,
+              judged(table).state);
+  }
+}
+
+TEST_F(WexstatHealth, APauseThatAProgramAskedForIsNotStuck) {
+  status_table table;
+  table.add_thread("wex_process_net", 1, 200000);
+  table.add("running").restart_delay = 3600;
+  EXPECT_EQ(daemon_state::stuck, judged(table).state);
+  table.add("restarting", WEX_STATUS_RESTARTING).restart_delay = 100;
+  EXPECT_EQ(daemon_state::running, judged(table).state);
+}
+
+TEST_F(WexstatHealth, TheProcessDecides) {
+  status_table table;
+  EXPECT_EQ(daemon_state::running, judged(table, '?').state);
+  EXPECT_EQ(daemon_state::stuck, judged(table, 'T').state);
+  EXPECT_EQ(daemon_state::dead, judged(table, '\0').state);
+  table.head.flags = WEX_STATUS_ENDED;
+  EXPECT_EQ(daemon_state::ended, judged(table, '\0').state);
+}
+
+TEST_F(WexstatHealth, AnotherProcessWithItsPidIsNotTheDaemon) {
+  status_table table;
+  const moment at = now();
+  EXPECT_EQ(daemon_state::running, look_at_daemon(read_back(table), at).state);
+  table.head.daemon_start = 1;
+  EXPECT_EQ(daemon_state::dead, look_at_daemon(read_back(table), at).state);
+  table.head.daemon_start = 0;
+  table.head.daemon_pid = child::reaped();
+  EXPECT_EQ(daemon_state::dead, look_at_daemon(read_back(table), at).state);
+  for (const int32_t pid : {0, -1, INT32_MIN}) {
+    table.head.daemon_pid = pid;
+    EXPECT_EQ(daemon_state::dead, look_at_daemon(read_back(table), at).state) << pid;
+  }
+}
+
+TEST_F(WexstatHealth, ATableOfAnotherStartOfTheMachineIsToldApart) {
+  status_table table;
+  put_text(table.head.boot_id, lines_of(read_file("/proc/sys/kernel/random/boot_id")).at(0));
+  EXPECT_EQ(daemon_state::running, look_at_daemon(read_back(table), now()).state);
+  put_text(table.head.boot_id, "11111111-2222-3333-4444-555555555555");
+  EXPECT_EQ(daemon_state::other_boot, look_at_daemon(read_back(table), now()).state);
+}
+
+TEST_F(WexstatHealth, TheCheckNamesWhatIsWrong) {
+  status_table table;
+  table.add("one");
+  table.add("restarting", WEX_STATUS_RESTARTING);
+  EXPECT_EQ("well: 2 supervised", checked(read_back(table)).text);
+  EXPECT_EQ(0, checked(read_back(table)).status);
+  table.add("torn").seq = 1;
+  EXPECT_EQ(3, checked(read_back(table)).status);
+  table.add("held", WEX_STATUS_WAITING);
+  EXPECT_EQ("1 postponed: held", checked(read_back(table)).text);
+  for (const char* name : {"a", "b\n", "c", "d", "e"}) {
+    table.add(name, WEX_STATUS_PARKED);
+  }
+  table.add("gone", WEX_STATUS_DOWN);
+  const answer trouble = checked(read_back(table));
+  EXPECT_EQ("1 down: gone; 5 parked: a, b\\x0a, c and 2 more; 1 postponed: held", trouble.text);
+  EXPECT_EQ(1, trouble.status);
+  EXPECT_EQ(2, checked(read_back(table), daemon_state::stuck).status);
+  EXPECT_EQ("wex is stuck: TEXT", checked(read_back(table), daemon_state::stuck).text);
+  for (const auto state :
+       {daemon_state::dead, daemon_state::ended, daemon_state::other_boot, daemon_state::absent}) {
+    EXPECT_EQ(2, checked({}, state).status);
+  }
+  EXPECT_EQ(3, checked({}, daemon_state::unknown).status);
+}
