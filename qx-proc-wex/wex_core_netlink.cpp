@@ -30,6 +30,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_status_image.h"
 
 std::atomic<int32_t> wex_monitor_read_until{0};
@@ -138,6 +139,7 @@ outcome set_up(unique_fd* events) {
     wex_dbg(WEX_DBG_PUB, "%s: set priority fail: %s\n", kThreadName, strerror(error));
     return {-1, error};
   }
+  wex_start_children_at_normal_priority(kMonitorPriority);
   events->reset(open_socket());
   if (!events->valid()) {
     const int error = errno;
