@@ -372,8 +372,8 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
     rec->missed_start = 0;
   }
   rec->exit_tick = 0;
-  wex_note_identity(rec);
-  wex_reset_lmk(new_pid);
+  rec->thread_of = 0;  // what was started is a process
+  wex_note_start(rec);
 }
 
 int32_t __wex_replaced_by(int32_t pid) {

@@ -9,12 +9,12 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
 
+#include "file_mark.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
@@ -27,15 +27,6 @@
 
 namespace {
 
-// What tells one state of a file from another.
-struct file_mark {
-  dev_t device;
-  ino_t inode;
-  off_t size;
-  timespec modified;
-  timespec changed;  // contents or attributes; nobody can set it back
-};
-
 struct known_list {
   char path[kPathSize];
   file_mark mark;
@@ -45,27 +36,6 @@ struct known_list {
 
 priority_mutex g_list_mutex;
 known_list g_known WEX_TSA(guarded_by(g_list_mutex));
-
-bool same_time(const timespec& a, const timespec& b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-bool same_file(const file_mark& a, const file_mark& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && same_time(a.changed, b.changed) &&
-         same_time(a.modified, b.modified);
-}
-
-file_mark mark_of(const struct stat& facts) {
-  return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim, facts.st_ctim};
-}
-
-// A file that changed just now may change again within the same tick of its time stamp, and would look
-// unchanged. Some file systems count whole seconds. So such a state is not remembered.
-bool has_settled(const file_mark& mark) {
-  timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec > mark.changed.tv_sec + 1 && now.tv_sec > mark.modified.tv_sec + 1;
-}
 
 // Lines of a text in memory, cut as text_reader cuts those of a file.
 class memory_reader {
@@ -107,7 +77,7 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
 bool is_known(const char* path) WEX_TSA(requires_capability(g_list_mutex)) {
   struct stat facts;
   return g_known.text != nullptr && strcmp(g_known.path, path) == 0 && stat(path, &facts) == 0 &&
-         same_file(g_known.mark, mark_of(facts));
+         same_mark(g_known.mark, mark_of(facts));
 }
 
 void drop_remembered() WEX_TSA(requires_capability(g_list_mutex)) {
@@ -129,7 +99,7 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex
   }
   struct stat after;
   const bool whole = safe_read(fd, text, length) == static_cast<int32_t>(length) && fstat(fd, &after) == 0 &&
-                     same_file(mark_of(facts), mark_of(after));
+                     same_mark(mark_of(facts), mark_of(after));
   if (!whole) {
     free(text);
     return false;

@@ -53,16 +53,13 @@ void note_crash(int32_t pid, int32_t tgid) {
   }
 }
 
+// The burst rule is read for a crash only: nothing else asks for it.
 void look_for_crash(const process_event& event) {
-  const int32_t now = wex_clock_now();
-  const bool dumped = (event.exit_code & kCoreDumped) != 0;
-  if (dumped) {
-    note_crash(event.pid, event.tgid);
+  if ((event.exit_code & kCoreDumped) == 0) {
+    return;
   }
-  const burst_rule rule = wex_read_burst_rule();
-  if (dumped) {
-    wex_apply_burst_rule(rule, now);
-  }
+  note_crash(event.pid, event.tgid);
+  wex_judge_crashes();
 }
 
 // ---- thread or process ------------------------------------------------------------------------------------
@@ -95,8 +92,9 @@ uint64_t tick_of(const process_event& event) {
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report by one look at /proc. A pid
-// without a record counts as exited: the exit handler ignores it.
-exit_verdict judge(const reported_exit& exit, bool* readable) {
+// without a record counts as exited: the exit handler ignores it. `*start_time` is that of the process that
+// was judged, if it is known.
+exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_time) {
   chain_lock hold(wex_chains);
   wex_pid* const rec = __wex_find_pid(&wex_chains, exit.pid);
   if (rec == nullptr) {
@@ -105,16 +103,19 @@ exit_verdict judge(const reported_exit& exit, bool* readable) {
   rec->exit_tick = exit.tick;
   const process_look now = wex_look_at(exit.pid);
   *readable = now.sight != process_look::unreadable;
+  *start_time = rec->start_time;
   return wex_judge_exit(now, rec->start_time, exit.tick);
 }
 
 // Judges the exit and hands it to the exit handler; false when it is to be looked at again.
 bool try_to_judge(const reported_exit& exit, int looks_left) {
   bool readable = true;
-  if (judge(exit, &readable) == exit_verdict::ask_again && (looks_left > 0 || !readable)) {
+  uint64_t start_time = 0;
+  const exit_verdict verdict = judge(exit, &readable, &start_time);
+  if (verdict == exit_verdict::ask_again && (looks_left > 0 || !readable)) {
     return false;
   }
-  wex_handle_netlink_exit(exit.pid, exit.code, 0);
+  wex_handle_judged_exit(exit.pid, exit.code, verdict == exit_verdict::exited ? start_time : 0);
   return true;
 }
 

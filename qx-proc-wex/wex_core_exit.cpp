@@ -338,10 +338,16 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
   restart_by_action(rec);
 }
 
-void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart)
+// `ended_start`: the start time of a process that is known to have ended, or 0. Another process of the same
+// pid, registered since, has another one.
+void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && !still_runs(rec)) {
+  if (rec == nullptr) {
+    return;
+  }
+  const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
+  if (known_ended || !still_runs(rec)) {
     handle_ended(rec, exit_signal, force_restart, rec->exit_seen != 0 || wex_status_waits(rec));
   }
 }
@@ -410,7 +416,7 @@ extern "C" {
 
 void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
   with_reserve(
-      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, force_restart); });
+      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, force_restart, 0); });
 }
 
 void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
@@ -424,6 +430,11 @@ void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
 }
 
 }  // extern "C"
+
+void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
+  with_reserve(
+      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, 0, ended_start); });
+}
 
 void wex_handle_missed_exits() {
   // What is started meanwhile is left to the next call, or a program that cannot be forked would keep the

@@ -9,7 +9,9 @@
 #include "wex_dbg.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_status_image.h"
+#include "wex_utils.h"
 
 namespace {
 
@@ -39,6 +41,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
   __wex_adopt_pid(chain, rec, new_pid);
+  if (!wex_child_has_normal_lmk(new_pid)) {
+    wex_reset_lmk(new_pid);
+  }
   if (new_pid > 0 && !wex_record_lives(rec)) {
     expect_lost_exit(rec);
   }

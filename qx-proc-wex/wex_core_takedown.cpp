@@ -8,7 +8,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 
 #include "chain_lock.h"
 #include "text_buffer.h"
@@ -18,6 +20,7 @@
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_domain_present.h"
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -45,35 +48,47 @@ bool is_closing(int32_t domain) {
          (g_closing[domain].load() || marker_exists(domain));
 }
 
-// The lowest domain that has a marker, or 0.
-int32_t first_marked_domain() {
+// The domains that have a marker: bit n stands for domain n.
+uint32_t marked_domains() {
+  const uint32_t present = wex_domains_present();
+  uint32_t marked = 0;
   for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
-    if (marker_exists(domain)) {
-      return domain;
+    if ((present >> domain & 1) != 0 && marker_exists(domain)) {
+      marked |= uint32_t{1} << domain;
     }
   }
-  return 0;
+  return marked;
+}
+
+// The lowest domain that has a marker, or 0.
+int32_t first_marked_domain() {
+  const uint32_t marked = marked_domains();
+  int32_t domain = 0;
+  while (marked != 0 && (marked >> domain & 1) == 0) {
+    ++domain;
+  }
+  return domain;
+}
+
+// Whether a domain is closing whose marker need not be there any more.
+bool any_was_closing() {
+  return std::any_of(std::begin(g_closing), std::end(g_closing),
+                     [](const std::atomic<bool>& domain) { return domain.load(); });
 }
 
 // False when no domain is closing.
 bool note_closing_domains() {
-  bool any = false;
+  const uint32_t marked = marked_domains();
   for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
-    if (marker_exists(domain)) {
+    if ((marked >> domain & 1) != 0) {
       g_closing[domain].store(true);
     }
-    any = any || g_closing[domain].load();
   }
-  return any;
+  return any_was_closing();
 }
 
 bool any_is_closing() {
-  for (int32_t domain = kFirstDomain; domain <= kLastTakeDownDomain; ++domain) {
-    if (is_closing(domain)) {
-      return true;
-    }
-  }
-  return false;
+  return any_was_closing() || marked_domains() != 0;
 }
 
 // A program that registered without naming its domain is recognised by its flag file; finding that takes a

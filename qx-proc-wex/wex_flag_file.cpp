@@ -15,6 +15,7 @@
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_domain.h"
+#include "wex_domain_present.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 
@@ -33,8 +34,12 @@ unique_fd open_flag_dir(int32_t vsd) {
 extern "C" {
 
 int32_t find_app(int32_t pid) {
+  const uint32_t present = wex_domains_present();
   for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {
     char path[kPathSize];
+    if ((present >> vsd & 1) == 0) {
+      continue;
+    }
     wex_name_flag_file(vsd, pid, path);
     if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
       return vsd;

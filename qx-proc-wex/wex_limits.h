@@ -146,6 +146,7 @@ inline constexpr int32_t kSystemLogBackoffSec =
     10;  // lines that cannot be sent at once are dropped meanwhile
 
 // Domains.
+inline constexpr int kDomainNamesMax = 256;        // names looked at in the directory of all domains
 inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n
 inline constexpr int32_t kDomainGroupStep = 100;
 inline constexpr unsigned kTermGraceSec = 5;

@@ -20,6 +20,7 @@ inline constexpr char kForkFileName[]     = "forkfile";                         
 inline constexpr char kEventLog1[]        = WEX_RUN "/wex.log1";                  // daemon, gone
 inline constexpr char kEventLog2[]        = WEX_RUN "/wex.log2";                  // daemon, gone
 
+inline constexpr char kDomainsDir[]       = "/tmp/vsd";                           // daemon, gone: a directory a domain
 inline constexpr char kDomainDirFmt[]     = WEX_DOMAIN;                           // any, gone: domain
 inline constexpr char kDomainDirSlashFmt[] = WEX_DOMAIN "/";                       // the same, as a directory to probe
 inline constexpr char kFlagDirFmt[]       = WEX_DOMAIN "/wex/";                   // any, gone: domain; one empty file a process

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -19,6 +20,7 @@
 
 #include "file_lock.h"
 #include "guarded_file.h"
+#include "held_dir.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "text_number.h"
@@ -49,6 +51,15 @@ bool name_file(int32_t vsd, int32_t pid, const char* text, char (&name)[kPathSiz
     return false;
   }
   return true;
+}
+
+// The directory of the registration's database file, when it is one that is held open; else -1.
+int held_directory(const wex_pid* rec) {
+  return rec->vsd == kMainSystem ? wex_database_dir.get() : -1;
+}
+
+const char* last_component(const char* name) {
+  return strrchr(name, '/') + 1;
 }
 
 // All three parts in one write: a process that is killed here leaves an empty file or a whole one.
@@ -181,7 +192,8 @@ int wex_db_destroy(const wex_pid* rec) {
     return -1;
   }
   drop_locked_file(name);
-  return wex_unlink(name);
+  const int directory = held_directory(rec);
+  return directory >= 0 ? unlinkat(directory, last_component(name), 0) : wex_unlink(name);
 }
 
 // Kept: removes a name that nothing creates, see docs/decisions.md.
@@ -231,7 +243,9 @@ int wex_proc_is_exit(const wex_pid* rec) {
   wex_dbg(WEX_DBG_PUB, "%s vsd:%d ps:%s file:%s\n", __func__, rec->vsd, rec->process, name);
   unique_fd fd;
   if (fits) {
-    fd = wex_open_file(name, O_RDWR);
+    const int directory = held_directory(rec);
+    fd = directory >= 0 ? wex_open_file_at(directory, last_component(name), O_RDWR)
+                        : wex_open_file(name, O_RDWR);
     cause = errno;
   }
   if (!fd.valid()) {

@@ -11,6 +11,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -52,10 +53,13 @@ struct child_start {
   int run_dir;           // held open, or -1
   int old_file_dir;      // the same, with the replaced process's database file in it
   const char* old_file;  // its name there, or its path; null: it stays
+  bool normal_lmk;       // told by the child in shared memory: its low-memory-killer score is the normal one
 };
 
+std::atomic<int> g_nice{0};  // the nice value of programs, when a child may begin with another
 std::atomic<bool> g_sharing_refused{false};  // by a kernel, or by whoever filters its calls
-std::atomic<bool> g_console_missed{false};   // a child that shares our memory says so, too
+int32_t g_normal_lmk_child WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
+std::atomic<bool> g_console_missed{false};  // a child that shares our memory says so, too
 
 // ---- domain -----------------------------------------------------------------------------------------------
 
@@ -231,10 +235,13 @@ void execute(char* const* argv) {
 // All that comes between the start and the program, for both ways of starting. A handler of the daemon's must
 // not run here: the memory may be the daemon's. So the handlers go before the signals are let through again,
 // and what is ignored is still ignored then, for a signal may have been sent to the daemon's whole group.
-[[noreturn]] void run_child(const child_start& start) {
+[[noreturn]] void run_child(child_start& start) {
   const launch& what = *start.what;
-  set_own_scheduling(SCHED_OTHER, 0);  // first: opening the console may block, and at real-time priority
-                                       // nobody else would run
+  set_own_scheduling(SCHED_OTHER, 0);  // first, where it did not begin so: opening the console may block, and
+                                       // at real-time priority nobody else would run
+  if (g_nice != 0) {
+    setpriority(PRIO_PROCESS, 0, g_nice);
+  }
   if (start.parent_waits) {
     limit_time_to_program();
   }
@@ -248,8 +255,7 @@ void execute(char* const* argv) {
   if (!flush_tlb()) {
     wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
   }
-  wex_reset_lmk(
-      static_cast<int32_t>(getpid()));  // before the program can fork children that could never be chosen
+  start.normal_lmk = wex_reset_lmk(static_cast<int32_t>(getpid())) > 0;  // before the program can fork
   remove_old_file(start);
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
@@ -309,7 +315,7 @@ bool may_share_memory(const launch& what) {
 // The stack is shared as well. So this function calls nothing that returns in the child, and is never inlined
 // into one that does. Not clone(): with shared memory it makes C libraries before glibc 2.25 forget who the
 // calling thread is, by which its mutexes know their holder.
-__attribute__((noinline)) pid_t share_memory_with_child(const child_start& start) {
+__attribute__((noinline)) pid_t share_memory_with_child(child_start& start) {
   const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
   if (child == 0) {
     run_child(start);
@@ -317,7 +323,7 @@ __attribute__((noinline)) pid_t share_memory_with_child(const child_start& start
   return child;
 }
 
-__attribute__((noinline)) pid_t fork_child(const child_start& start) {
+__attribute__((noinline)) pid_t fork_child(child_start& start) {
   const pid_t child = fork();
   if (child == 0) {
     run_child(start);
@@ -382,9 +388,25 @@ void find_old_file(child_start* start, char (&path)[kPathSize]) {
 
 pid_t wex_start_child(const launch& what) {
   char path[kPathSize];
-  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr};
+  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, false};
   find_old_file(&start, path);
-  return what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
+  const pid_t child = what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
+  g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;
+  return child;
+}
+
+void wex_start_children_at_normal_priority(int own_priority) {
+#ifdef SCHED_RESET_ON_FORK
+  errno = 0;
+  const int nice = getpriority(PRIO_PROCESS, 0);
+  if (errno == 0 && set_own_scheduling(SCHED_FIFO | SCHED_RESET_ON_FORK, own_priority) == 0) {
+    g_nice = nice;  // such a child would have lost it; before 2.6.32 the call is refused
+  }
+#endif
+}
+
+bool wex_child_has_normal_lmk(int32_t pid) {
+  return pid > 0 && pid == g_normal_lmk_child;
 }
 
 extern "C" {

@@ -27,6 +27,13 @@ inline const char* wex_first_word(const launch& start) {
 // program, or ended, when this returns.
 pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex));
 
+// Has the children of the calling thread, which runs at this real-time priority, begin at normal priority:
+// one that gives the real-time priority up by itself goes behind all that wait for its processor.
+void wex_start_children_at_normal_priority(int own_priority);
+
+// Whether the child that was started last is `pid` and is known to have the normal low-memory-killer score.
+bool wex_child_has_normal_lmk(int32_t pid) WEX_TSA(requires_capability(wex_spawn_mutex));
+
 extern "C" {
 
 // Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.

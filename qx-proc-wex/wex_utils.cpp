@@ -87,7 +87,7 @@ bool find_status_line(int32_t pid, const char* key, char* line, size_t size) {
   if (!file.valid()) {
     return false;
   }
-  set_close_on_exec(file.get());
+  confirm_close_on_exec(file.get());
   text_reader status(file.get());
   while (status.line(line, size)) {
     if (strncmp(line, key, strlen(key)) == 0) {
@@ -97,12 +97,27 @@ bool find_status_line(int32_t pid, const char* key, char* line, size_t size) {
   return false;
 }
 
+// One read gives all of a short file below /proc, terminated. False with errno.
+bool read_once(const char* path, char* buffer, size_t size) {
+  const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    return false;
+  }
+  confirm_close_on_exec(file.get());
+  ssize_t got;
+  do {
+    got = read(file.get(), buffer, size - 1);
+  } while (got < 0 && errno == EINTR);
+  buffer[got < 0 ? 0 : got] = '\0';
+  return got >= 0;
+}
+
 // Where the state letter stands in the stat text of a process, or null with errno. The command name before it
 // is anything, parentheses included: only the last one ends it.
 const char* read_stat(int32_t pid, char* text, size_t size) {
   char path[kProcPathSize];
   wex_format(path, sizeof(path), kProcStatFmt, pid);
-  if (wex_read_to_buf(path, text, size) < 0) {
+  if (!read_once(path, text, size)) {
     return nullptr;
   }
   const char* const end = strrchr(text, ')');
@@ -172,7 +187,7 @@ int32_t safe_write_path(const char* path, const void* buffer, size_t length) {
     wex_dbg(WEX_DBG_PUB, "%s: fd < 0: %s\n", __func__, strerror(errno));
     return -1;
   }
-  set_close_on_exec(file.get());
+  confirm_close_on_exec(file.get());
   return safe_write(file.get(), buffer, length);
 }
 
@@ -184,7 +199,7 @@ int32_t wex_read_to_buf(const char* path, char* buffer, size_t size) {
   if (!file.valid()) {
     return -1;
   }
-  set_close_on_exec(file.get());
+  confirm_close_on_exec(file.get());
   const int32_t got = safe_read(file.get(), buffer, size - 1);
   buffer[got < 0 ? 0 : got] = '\0';
   return got;
@@ -252,7 +267,7 @@ command_read wex_read_command(int32_t pid, char* buffer, size_t size) {
   if (!file.valid()) {
     return command_read::program;
   }
-  set_close_on_exec(file.get());
+  confirm_close_on_exec(file.get());
   text_reader arguments(file.get());
   length = append_arguments(arguments, buffer, length, size);
   buffer[length] = '\0';
@@ -367,7 +382,7 @@ int wex_get_proc_status(void) {
     wex_dbg(WEX_DBG_PUB, "%s: open wex_status file fail: %s\n", __func__, strerror(errno));
     return -1;
   }
-  set_close_on_exec(file.get());
+  confirm_close_on_exec(file.get());
   char digit = '\0';
   errno = 0;  // an empty file is no error of its own
   if (safe_read(file.get(), &digit, 1) != 1) {

@@ -34,31 +34,56 @@ constexpr size_t kLineSize = 8192;  // a dump shows whole command lines
 
 std::atomic<int32_t> g_backoff_until{0};  // monotonic seconds: the log is not waited for before
 
+// The socket is not connected, so that it outlives a log daemon that is started again: the name is looked up
+// for each line. -1 before the first line.
+std::atomic<int> g_log{-1};
+
 unique_fd open_log_socket() {
   unique_fd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!log.valid() && errno == EINVAL) {  // kernels before 2.6.27
     log.reset(socket(AF_UNIX, SOCK_DGRAM, 0));
     ras_os_set_fd_close_on_exec(log.get());
   }
+  const timeval moment = {0, suseconds_t{1000} * kSystemLogWaitMs};
+  setsockopt(log.get(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
   return log;
+}
+
+// The socket that all threads write to.
+int log_socket() {
+  int log = g_log.load(std::memory_order_acquire);
+  if (log < 0) {
+    unique_fd opened = open_log_socket();
+    if (opened.valid() && g_log.compare_exchange_strong(log, opened.get())) {
+      log = opened.release();
+    }
+  }
+  return log;
+}
+
+ssize_t send_to_log(const char* line, size_t length, int flags) {
+  sockaddr_un where = {};
+  where.sun_family = AF_UNIX;
+  memcpy(where.sun_path, kSystemLog, sizeof kSystemLog);
+  ssize_t sent;
+  do {
+    sent = sendto(log_socket(), line, length, MSG_NOSIGNAL | flags, reinterpret_cast<const sockaddr*>(&where),
+                  sizeof where);
+  } while (sent == -1 && errno == EINTR);
+  return sent;
 }
 
 // A dump may be more than the queue of the log holds, so each line waits for a short time. After a line that
 // could not be sent in that time none waits during the back-off, or until one is sent.
 void send_line(const char* line, size_t length) {
-  const unique_fd log = open_log_socket();
-  sockaddr_un where = {};
-  where.sun_family = AF_UNIX;
-  memcpy(where.sun_path, kSystemLog, sizeof kSystemLog);
   const int32_t now = wex_clock_now();
   const bool patient = now >= g_backoff_until.load(std::memory_order_relaxed);
-  const timeval moment = {0, suseconds_t{1000} * kSystemLogWaitMs};
-  setsockopt(log.get(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
-  ssize_t sent;
-  do {
-    sent = sendto(log.get(), line, length, MSG_NOSIGNAL | (patient ? 0 : MSG_DONTWAIT),
-                  reinterpret_cast<const sockaddr*>(&where), sizeof where);
-  } while (sent == -1 && errno == EINTR);
+  const int flags = patient ? 0 : MSG_DONTWAIT;
+  ssize_t sent = send_to_log(line, length, flags);
+  if (sent == -1 && (errno == EBADF || errno == ENOTSOCK)) {  // somebody has closed all descriptors
+    g_log.store(-1);
+    sent = send_to_log(line, length, flags);
+  }
   if (sent != -1) {
     g_backoff_until.store(0, std::memory_order_relaxed);
   } else if (errno == EAGAIN && patient) {

@@ -93,9 +93,6 @@ bool holds_locked_files() {
 }
 
 bool is_locked_file(const struct stat& facts) {
-  if (!holds_locked_files()) {
-    return false;
-  }
   const mutex_lock hold(g_files_mutex);
   const locked_file* file = g_files;
   while (file != nullptr && !is_same(*file, facts)) {

@@ -27,7 +27,7 @@ void drop_locked_file(const char* name);
 // locks.
 bool holds_locked_files();
 
-// Whether these are the facts of a remembered file.
+// Whether these are the facts of a remembered file. Only in a process that holds some.
 bool is_locked_file(const struct stat& facts);
 
 // Takes the lock of a remembered file again, after a descriptor of it was closed.

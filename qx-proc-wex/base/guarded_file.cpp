@@ -38,20 +38,20 @@ bool check_kind(int fd, int flags) {
   return true;
 }
 
-bool wait_on_transfers(int fd) {
-  const int status = fcntl(fd, F_GETFL);
-  return status >= 0 && fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == 0;
+// Of the flags that can be set later, `flags` holds those the file was opened with.
+bool wait_on_transfers(int fd, int flags) {
+  return fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
 }
 
-unique_fd open_checked(const char* path, int flags, mode_t mode) {
+unique_fd open_checked(int at, const char* path, int flags, mode_t mode) {
   // Nothing is truncated before we know that it is ours to truncate, and a FIFO must not stop us.
   const int cautious = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-  unique_fd file = open_trusted(AT_FDCWD, path, cautious, mode);
+  unique_fd file = open_trusted(at, path, cautious, mode);
   if (!file.valid()) {
     return file;
   }
-  set_close_on_exec(file.get());
-  const bool usable = check_kind(file.get(), flags) && wait_on_transfers(file.get()) &&
+  confirm_close_on_exec(file.get());
+  const bool usable = check_kind(file.get(), flags) && wait_on_transfers(file.get(), flags) &&
                       ((flags & O_TRUNC) == 0 || ftruncate(file.get(), 0) == 0);
   if (!usable) {
     file.reset();
@@ -71,13 +71,17 @@ wex_parting parting_for(int flags) {
 }  // namespace
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
-  unique_fd file = open_checked(path, flags, mode);
+  unique_fd file = open_checked(AT_FDCWD, path, flags, mode);
   if (!file.valid() && errno == EMLINK && (flags & O_CREAT) != 0) {
     const bool parted = wex_part_names(path, parting_for(flags));  // the other name keeps the other file
     errno = EMLINK;
-    file = parted ? open_checked(path, flags, mode) : unique_fd();
+    file = parted ? open_checked(AT_FDCWD, path, flags, mode) : unique_fd();
   }
   return file;
+}
+
+unique_fd wex_open_file_at(int directory, const char* name, int flags) {
+  return open_checked(directory, name, flags, 0);
 }
 
 void wex_make_dir(const char* path, mode_t mode) {

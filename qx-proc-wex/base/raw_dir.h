@@ -18,12 +18,14 @@ class raw_dir {
 
   bool valid() const noexcept { return dir_.valid(); }
   int fd() const noexcept { return dir_.get(); }
+  bool failed() const noexcept { return failed_; }  // at the end: names may be missing
   // The next name, "." and ".." included; null at the end. It lasts until the next call.
   const char* next() noexcept {
     if (at_ == size_) {
       at_ = 0;
       size_ = syscall(SYS_getdents64, dir_.get(), bytes_, sizeof bytes_);
       if (size_ <= 0) {
+        failed_ = size_ < 0;
         size_ = 0;
         return nullptr;
       }
@@ -44,5 +46,6 @@ class raw_dir {
   unique_fd dir_;
   long at_ = 0;
   long size_ = 0;
+  bool failed_ = false;
   alignas(entry) char bytes_[2048];
 };

@@ -195,6 +195,7 @@ TEST_F(Spawn, ASignalMaskOrIgnoredSignalOfTheDaemonsStarterDoesNotReachPrograms)
   Facts facts = read_facts(kFacts);
   EXPECT_EQ(texts{"0000000000000000"}, facts["SigBlk"]);
   EXPECT_EQ(texts{}, facts["signal_ignored"]);
+  EXPECT_EQ(texts{"5"}, facts["nice"]) << "inherited from the daemon's starter";
   starter.kill_now();
 }
 
