@@ -59,11 +59,13 @@ bool wex_alive_write(uint32_t offset, const void* bytes, size_t size) {
   return base != nullptr && g_table_bytes.copy(base + offset, bytes, size);
 }
 
-void wex_alive_store(uint32_t offset, uint8_t byte) {
-  if (!wex_alive_write(offset, &byte, sizeof byte) &&
-      !(restore_length(held_fd()) && wex_alive_write(offset, &byte, sizeof byte))) {
-    g_write_failed.raise();
+bool wex_alive_store(uint32_t offset, uint8_t byte) {
+  if (wex_alive_write(offset, &byte, sizeof byte) ||
+      (restore_length(held_fd()) && wex_alive_write(offset, &byte, sizeof byte))) {
+    return true;
   }
+  g_write_failed.raise();
+  return false;
 }
 
 bool wex_alive_table_intact() {

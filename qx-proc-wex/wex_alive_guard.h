@@ -35,10 +35,10 @@ void wex_alive_hold(unique_fd&& file);
 bool wex_alive_guarded();
 
 // Only where wex_alive_guarded(). One byte, or -1 when the table ends before it; some bytes; one byte, with
-// the table made whole when that is what it takes.
+// the table made whole when that is what it takes, or false.
 int wex_alive_read(uint32_t offset);
 bool wex_alive_write(uint32_t offset, const void* bytes, size_t size);
-void wex_alive_store(uint32_t offset, uint8_t byte);
+bool wex_alive_store(uint32_t offset, uint8_t byte);
 
 // Whether the mapped object is still the one that clients find by name. Restores its length when it was cut
 // short. False also when the table is not mapped, and when a registration could not be written to it since

@@ -11,6 +11,7 @@
 #include "chain_lock.h"
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
+#include "wex_black_box.h"
 #include "wex_chain.h"
 #include "wex_core_notify.h"
 #include "wex_core_stop.h"
@@ -93,6 +94,11 @@ void end_period(wex_pid* thread, const scan& now) WEX_TSA(requires_capability(we
           info[WEX_CUR_NTFY_TIME]);
 }
 
+// Asked by the watchdog's thread, which holds the chain.
+bool is_watched(int32_t tid) WEX_TSA(no_thread_safety_analysis) {
+  return __wex_find_pid(&wex_alive_chains, tid) != nullptr;
+}
+
 void abort_hung(const wex_pid* thread) {
   wex_dbg(WEX_DBG_ALIVE, "ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", thread->notify_info[WEX_NTFY_CNT],
           thread->ppid);
@@ -102,12 +108,14 @@ void abort_hung(const wex_pid* thread) {
   if (wex_get_pid_name(thread->pid, name, sizeof name) != 0) {
     wex_copy_text(name, sizeof name, "unknown");
   }
+  wex_look_at_hung(thread->ppid, thread->pid);
   if (thread->ppid > 0) {  // 0 and below would address whole process groups
     kill(thread->ppid, SIGABRT);
   }
   wex_status_tell_of(WEX_STATUS_EV_HANG, thread->ppid, thread->process, {0, thread->pid});
   wex_log_notify_info(kNotifyLog, "detect process:[%s/%d] thread %s:%d hung.\n", program, thread->ppid, name,
                       thread->pid);
+  wex_keep_hung(is_watched);
 }
 
 // The order in which processes take turns: that of the walk over their main threads.

@@ -27,6 +27,7 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_core_watched_names.h"
+#include "wex_core_watched_threads.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_status_image.h"
@@ -136,6 +137,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   int32_t last_sweep = wex_clock_now();
   int32_t last_look = last_sweep;
   int32_t last_files = last_sweep;
+  int32_t last_watched = last_sweep;
   wex_status_thread_is(kStatusDelay);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusDelay);
@@ -160,6 +162,10 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     if (static_cast<int64_t>(now) - last_look >= kNamesEverySec) {
       last_look = now;
       wex_check_names();
+    }
+    if (static_cast<int64_t>(now) - last_watched >= kWatchedEverySec) {
+      last_watched = now;
+      wex_show_watched_threads();
     }
     wex_status_idle(kStatusDelay);
     wex_wait_exit(kDelayPassMs);

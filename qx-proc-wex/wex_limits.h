@@ -127,7 +127,18 @@ inline constexpr int kNotifyRing = 10;           // hang reports kept
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
 inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens
+inline constexpr int32_t kWatchedEverySec = 5;    // how often watched threads are counted
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
+
+// The black box.
+inline constexpr off_t kBlackBoxMax = 32768;      // bytes of one file; there are two of each kind
+inline constexpr int64_t kBlackBoxFree = 262144;  // bytes of the disk that are left to the reboot record
+inline constexpr mode_t kBlackBoxMode = 0600;     // what a process was doing is not for everybody
+inline constexpr uint32_t kHistoryEvents = 64;    // before a reboot
+inline constexpr int kHistoryParked = 64;
+inline constexpr int kHungThreads = 64;      // of one process
+inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
+inline constexpr int kHungPauseMs = 2;
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins

@@ -24,6 +24,7 @@
 #include "text_reader.h"
 #include "unique_fd.h"
 #include "waiting.h"
+#include "wex_black_box.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_move_aside.h"
@@ -456,6 +457,7 @@ void wex_reboot(const char* reason, const char* detail) {
   wex_status_tell_of(WEX_STATUS_EV_REBOOT_ASKED, 0, "", cause);
   wex_dbg(WEX_DBG_PUB, "wex reboot reason:%s\n", reason);
   safe_write_path(kRebootSeconds, kRebootSecondsText, sizeof(kRebootSecondsText));
+  wex_keep_history(reason);
   // Kept: most entries end with an empty line, see docs/decisions.md.
   if (detail != nullptr) {
     wex_log_record_reboot_info(kRebootLog, "%s%s\n", reason, detail);

@@ -211,6 +211,7 @@ void wex_status_show(wex_pid* rec) {
   rec->status_slot = number + 1;
   if (number < 0) {
     ++g_counters[WEX_STATUS_NOT_SHOWN];
+    tell_news();
     return;
   }
   set_bit(g_used, number);
@@ -300,11 +301,13 @@ void wex_status_watched(const wex_pid* rec, int32_t threads, int32_t fewest_miss
 void wex_status_count(int counter) {
   const mutex_lock hold(g_mutex);
   ++g_counters[counter];
+  tell_news();
 }
 
 void wex_status_thread_is(status_thread which) {
   g_tids[which].store(wex_thread_id(), std::memory_order_relaxed);
   wex_status_idle(which);
+  tell_news();
 }
 
 // A step of two keeps the number odd: the piece of work is another one.
@@ -351,6 +354,15 @@ bool wex_status_copy_event(uint32_t number, wex_status_event* copy) {
   }
   *copy = g_events[number % WEX_STATUS_EVENTS];
   return copy->kind != WEX_STATUS_EV_NONE && copy->number == number;
+}
+
+bool wex_status_copy_slot(uint32_t number, wex_status_slot* copy) {
+  const mutex_lock hold(g_mutex);
+  const bool shown = number < g_slots_used && g_slots[number].state != WEX_STATUS_FREE;
+  if (shown) {
+    *copy = g_slots[number];
+  }
+  return shown;
 }
 
 void wex_status_copy_words(status_words* words) {

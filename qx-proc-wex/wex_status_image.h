@@ -76,6 +76,7 @@ void wex_status_restore(const wex_status_event& event);
 // event `number`, while there is one and the ring still has it; the words of the head.
 int32_t wex_status_take_slot(wex_status_slot* copy);
 bool wex_status_copy_event(uint32_t number, wex_status_event* copy);
+bool wex_status_copy_slot(uint32_t number, wex_status_slot* copy);
 struct status_words {
   uint32_t event_next;
   uint32_t slots_used;

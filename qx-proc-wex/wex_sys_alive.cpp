@@ -34,6 +34,7 @@ static_assert(offsetof(wex_alive_info, base) == 3 * sizeof(void*), "the handle's
 
 namespace {
 
+constexpr uint32_t kSequencesEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;
 constexpr uint32_t kNoSequence = UINT32_MAX;
 constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
@@ -75,13 +76,15 @@ bool in_range(uint32_t tid) {
   return byte < 0 ? uint8_t{0} : static_cast<uint8_t>(byte);  // what was cut off reads as nothing
 }
 
-[[gnu::noinline]] void store(uint32_t offset, uint8_t byte) {
+[[gnu::noinline]] bool store(uint32_t offset, uint8_t byte) {
   uint8_t* const base = g_wex_alive_info.base;
   if (wex_alive_guarded()) {
-    wex_alive_store(offset, byte);
-  } else if (base != nullptr) {
+    return wex_alive_store(offset, byte);
+  }
+  if (base != nullptr) {
     __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
   }
+  return true;
 }
 
 // Clients of any user are to map the table, whatever umask its creator had.
@@ -93,14 +96,35 @@ int open_to_all(const unique_fd& table) {
   return -1;
 }
 
-// Drops every registration. Somebody may cut the object short meanwhile.
-void clear_table() {
+// The first offset from `at` on that has memory; the end of the sequences when there is none. A kernel before
+// 3.1 cannot tell, nor does a table that could not be opened: then all of it counts as written.
+uint32_t next_written(int fd, uint32_t at) {
+  const off_t found = lseek(fd, static_cast<off_t>(at), SEEK_DATA);
+  if (found < 0) {
+    return errno == ENXIO ? kSequencesEnd : at;
+  }
+  return found < static_cast<off_t>(kSequencesEnd) ? static_cast<uint32_t>(found) : kSequencesEnd;
+}
+
+void clear_bytes(uint32_t from, uint32_t end) {
   constexpr uint8_t kNothing[4096] = {};
+  for (uint32_t at = from; at < end; at += sizeof kNothing) {
+    wex_alive_write(at, kNothing, end - at < sizeof kNothing ? end - at : sizeof kNothing);
+  }
+}
+
+// Drops every registration. Somebody may cut the object short meanwhile. Sequences that were never written
+// are left alone: to clear them would take memory for all threads there can be. The bitmap gets its memory
+// here, because clients look at it before the daemon knows them, and one that finds none left is killed.
+void clear_table(int fd) {
   wex_alive_write(WEX_ALIVE_SIZE_OFFSET, &kAliveTableSize, sizeof(kAliveTableSize));
-  constexpr uint32_t kEnd = WEX_ALIVE_SEQ_OFFSET + WEX_ALIVE_SEQ_BYTES;  // the sequences follow the bitmap
-  for (uint32_t at = WEX_ALIVE_BITMAP_OFFSET; at < kEnd; at += sizeof kNothing) {
-    const size_t left = kEnd - at;
-    wex_alive_write(at, kNothing, left < sizeof kNothing ? left : sizeof kNothing);
+  clear_bytes(WEX_ALIVE_BITMAP_OFFSET, WEX_ALIVE_SEQ_OFFSET);
+  const uint32_t page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
+  for (uint32_t at = next_written(fd, WEX_ALIVE_SEQ_OFFSET); at < kSequencesEnd; at = next_written(fd, at)) {
+    const uint32_t next_page = at - at % page + page;
+    const uint32_t end = next_page < kSequencesEnd ? next_page : kSequencesEnd;
+    clear_bytes(at, end);
+    at = end;
   }
 }
 
@@ -151,7 +175,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
   const int opened = open_to_all(table);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
-    clear_table();
+    clear_table(table.get());
     wex_alive_hold(std::move(table));
   }
   __atomic_store_n(&g_initialised, uint8_t{1}, __ATOMIC_RELEASE);
@@ -162,8 +186,10 @@ int wex_sys_reg_alive_info(uint32_t tid) {
   if (!in_range(tid)) {
     return -1;
   }
-  store(wex_bit_offset(tid), static_cast<uint8_t>(load(wex_bit_offset(tid)) | wex_bit_mask(tid)));
-  store(wex_seq_offset(tid), kFirstSequence);
+  // The sequence first: a client that sees the bit writes the sequence, whose page must be there by then.
+  if (store(wex_seq_offset(tid), kFirstSequence)) {
+    store(wex_bit_offset(tid), static_cast<uint8_t>(load(wex_bit_offset(tid)) | wex_bit_mask(tid)));
+  }
   return 0;
 }
 

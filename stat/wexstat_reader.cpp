@@ -199,8 +199,8 @@ bool is_trusted(const struct stat& facts) {
 
 // The head's number stands behind what it is about.
 table_look copy_head(int fd, uint64_t file_size, wex_status_head* out) {
-  wex_status_head before;
-  wex_status_head after;
+  wex_status_head before = {};
+  wex_status_head after = {};
   for (int tries = 0; tries < kRecordTries + kRecordWaits; ++tries) {
     if (tries >= kRecordTries) {
       wex_sleep_ms(1);

@@ -22,13 +22,15 @@ constexpr char kDebugDir[] = "/data/.ovix/vsd/0";
 constexpr char kAllDebugOn[] = "g_wex_pub_dbg_level 0\ng_wex_alive_dbg_level 0\ng_wex_lib_dbg_level 0\n";
 
 // Everything wex, its services and its tests write outside their own directories.
-constexpr const char* kTraces[] = {
-    WEX_RUN,      "/tmp/vsd",     "/tmp/vsd_common", WEX_SEM_KEY_FILE, kRebootSwitch, "/tmp/wex-trace",
-    "/ovix",      "/qx_cfg",      "/data/.ovix",     "/data/var",      kNotifyLog,    kNotifyCount,
-    kRebootLog,   kKillDebug,     kExemptThreads,    "/data2",         "/etc/wex",    kBurstConfig,
-    kCommandMap,  kDeviceMonitor, kDebugLog,         "/etc/vsd",       "/etc/rc.d",   kDebugTime,
-    kNoReboot,    kDumpToConsole, "/core",           kAliveTableFile,  kStatusTable,  kLsmDevice,
-    kMapIpcDevice};
+constexpr const char* kTraces[] = {WEX_RUN,       "/tmp/vsd",       "/tmp/vsd_common", WEX_SEM_KEY_FILE,
+                                   kRebootSwitch, "/tmp/wex-trace", "/ovix",           "/qx_cfg",
+                                   "/data/.ovix", "/data/var",      kNotifyLog,        kNotifyCount,
+                                   kRebootLog,    kHistory,         kHistoryOld,       kHung,
+                                   kHungOld,      kKillDebug,       kExemptThreads,    "/data2",
+                                   "/etc/wex",    kBurstConfig,     kCommandMap,       kDeviceMonitor,
+                                   kDebugLog,     "/etc/vsd",       "/etc/rc.d",       kDebugTime,
+                                   kNoReboot,     kDumpToConsole,   "/core",           kAliveTableFile,
+                                   kStatusTable,  kLsmDevice,       kMapIpcDevice};
 
 void remove_semaphore() {
   const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);

@@ -2,18 +2,11 @@
 # Inside the sandbox, with wex installed and started by its start script: the script believes no file that others
 # can write or that has outlived its time. Leaves wex running.
 set -u
+. "$(dirname "$0")/lib_inside.sh"
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through package_test.sh" >&2; exit 1; }
 wex=/usr/sbin/wex loop=/usr/libexec/wex/wex-respawn
 
 fail() { printf 'FAIL: start script: %s\n' "$*"; kill -KILL "$stranger" 2> /dev/null; exit 1; }
-within() {                                         # SECONDS COMMAND...
-  local end=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ "$SECONDS" -ge "$end" ] && return 1
-    sleep 0.05
-  done
-}
 count() {                                          # of the processes here with these words in their command line
   local dir words found=0
   for dir in /proc/[0-9]*; do

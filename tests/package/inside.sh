@@ -2,6 +2,7 @@
 # Inside the sandbox: installs the packages as an integrator would, builds a service against them in C and in C++, and
 # lets the installed daemon restart both, be killed, be stopped. Arguments: directory of the packages, of this test.
 set -u
+. "$(dirname "$0")/lib_inside.sh"
 packages=$1 here=$2
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through package_test.sh" >&2; exit 1; }
 work=/tmp/package-test
@@ -13,22 +14,6 @@ fail() {
   end_all
   exit 1
 }
-within() {                                         # SECONDS COMMAND...
-  local end=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ "$SECONDS" -ge "$end" ] && return 1
-    sleep 0.05
-  done
-}
-pid_of() {                                         # of the process here that runs this program
-  local dir
-  for dir in /proc/[0-9]*; do
-    [ "$dir/exe" -ef "$1" ] && [ "$dir/root" -ef / ] && { printf '%s' "${dir#/proc/}"; return 0; }
-  done 2> /dev/null
-  return 1
-}
-gone() { ! pid_of "$1" > /dev/null; }
 registered() { [ -e "/tmp/vsd/0/wex/db/$1.$2" ]; }
 runs_again() {                                     # PROGRAM OLD-PID: registered under a new pid
   local now

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Inside the sandbox: the lives of the packages in a copy of a bare root. Arguments: that root, the directory of the build.
 set -u
+. "$(dirname "$0")/lib_inside.sh"
 bare=$1 into=$2
 [ "${WEX_SANDBOX-}" = 1 ] || { echo "start me through life_test.sh" >&2; exit 1; }
 work=/tmp/life root=/tmp/life/root
@@ -15,14 +16,6 @@ fail() {
   exit 1
 }
 inside() { chroot $root env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
-within() {                                         # SECONDS COMMAND...
-  local end=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ "$SECONDS" -ge "$end" ] && return 1
-    sleep 0.05
-  done
-}
 pid_of() {                                         # of the process in the root that runs this program
   local dir
   for dir in /proc/[0-9]*; do

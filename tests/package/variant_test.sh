@@ -6,6 +6,7 @@
 # Inside the sandbox it is started, examples of the same build (each linked with its libwex.so) register, are
 # killed and come back, and hang reports arrive. bench/device-budget.PRESET holds what it may cost.
 set -u
+. "$(dirname "$0")/lib_inside.sh"
 here=$(cd "$(dirname "$0")" && pwd)
 root=${here%/tests/package}
 
@@ -24,22 +25,6 @@ fail() {
   end_all
   exit 1
 }
-within() {                                         # SECONDS COMMAND...
-  local end=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ "$SECONDS" -ge "$end" ] && return 1
-    sleep 0.05
-  done
-}
-pid_of() {                                         # of the process here that runs this program
-  local dir
-  for dir in /proc/[0-9]*; do
-    [ "$dir/exe" -ef "$1" ] && [ "$dir/root" -ef / ] && { printf '%s' "${dir#/proc/}"; return 0; }
-  done 2> /dev/null
-  return 1
-}
-gone() { ! pid_of "$1" > /dev/null; }
 registered_other_than() {                          # PROGRAM OLD-PID
   local now
   now=$(pid_of "$1") && [ "$now" != "$2" ] && [ -e "/tmp/vsd/0/wex/db/${1##*/}.$now" ]

@@ -75,6 +75,12 @@ TEST_F(SelfCheck, ParkedAgainSoonAfterTheAlarmRestartTheDeviceIsRebootedWithTheR
                "reboot(LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART) = -1 "
                "EPERM") != std::string::npos;
   })) << Daemon::trace();
+  const std::string history = read_file(kHistory);
+  EXPECT_NE(std::string::npos, history.find(" wex restarts the device: detect process ")) << history;
+  EXPECT_NE(std::string::npos, history.find(" registered actor pid ")) << history;
+  EXPECT_NE(std::string::npos, history.find(" reboot asked ")) << history;
+  EXPECT_NE(std::string::npos, history.find("\nparked: actor pid " + std::to_string(service.pid())))
+      << history;
   EXPECT_TRUE(daemon.running()) << "a refused reboot changes nothing";
   EXPECT_TRUE(service.comes_back()) << "and the alarm restarts it all the same";
 }

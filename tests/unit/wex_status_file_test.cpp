@@ -495,6 +495,12 @@ TEST_F(StatusTable, NobodyHasToLookWhileNothingHappens) {
     EXPECT_FALSE(told());
     wex_status_tell(WEX_STATUS_EV_EXITED, rec);
     EXPECT_TRUE(told());
+    wex_status_take_news();
+    wex_status_count(WEX_STATUS_REFUSED);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    wex_status_thread_is(kStatusServer);
+    EXPECT_TRUE(told());
     drop(rec);
   });
 }

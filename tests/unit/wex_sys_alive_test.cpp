@@ -4,6 +4,7 @@
 
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include "failing_calls.h"
 #include "unit_support.h"
@@ -37,6 +38,16 @@ void leave_old_table() {
   write_file(kAliveTableFile, std::string(188416, '\xff'), 0600);
 }
 
+long page_size() {
+  return sysconf(_SC_PAGESIZE);
+}
+
+long memory_of_table() {
+  struct stat table = {};
+  EXPECT_EQ(0, stat(kAliveTableFile, &table));
+  return static_cast<long>(table.st_blocks) * 512;
+}
+
 }  // namespace
 
 TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
@@ -51,6 +62,51 @@ TEST_F(AliveTable, ClearingEmptiesEverythingAndNothingElse) {
   EXPECT_EQ(std::string(20, '\xff'), table.substr(12, 20)) << "reserved";
   EXPECT_EQ(std::string(20481 + 163840, '\0'), table.substr(32, 184353 - 32));
   EXPECT_EQ(std::string(188416 - 184353, '\xff'), table.substr(184353)) << "the tail is not cleared";
+}
+
+// A device has little memory, and of 163,840 threads few are registered.
+TEST_F(AliveTable, ANewTableTakesMemoryForItsBitmapOnly) {
+  in_child([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); });
+  EXPECT_EQ(std::string(20481 + 163840, '\0'), read_file(kAliveTableFile).substr(32, 184353 - 32));
+  const long bitmap_pages = (20513 + page_size() - 1) / page_size();
+  EXPECT_EQ(bitmap_pages * page_size(), memory_of_table());
+}
+
+TEST_F(AliveTable, ClearingAnOldTableTakesNoMemoryThatItDidNotHave) {
+  in_child([] { ASSERT_EQ(0, wex_sys_init_alive_info(1)); });
+  const long fresh = memory_of_table();
+  for (const off_t offset : {20513 + 100000, 184352}) {
+    set_byte(offset, 9);
+  }
+  in_child([] { EXPECT_EQ(0, wex_sys_init_alive_info(1)); });
+  EXPECT_EQ(std::string(20481 + 163840, '\0'), read_file(kAliveTableFile).substr(32, 184353 - 32));
+  EXPECT_EQ(fresh + 2 * page_size(), memory_of_table());
+}
+
+// SEEK_DATA came with Linux 3.1.
+TEST_F(AliveTable, AKernelThatCannotTellWhatIsEmptyHasEverythingCleared) {
+  leave_old_table();
+  in_child([] {
+    ASSERT_TRUE(wex_test::refuse_call(SYS_lseek, 2, SEEK_DATA, EINVAL));
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+  });
+  EXPECT_EQ(std::string(20481 + 163840, '\0'), read_file(kAliveTableFile).substr(32, 184353 - 32));
+}
+
+// A client that sees the bit writes the sequence at once, and a page that no memory is left for would kill
+// it.
+TEST_F(AliveTable, AThreadWithoutMemoryForItsSequenceDoesNotCountAsRegistered) {
+  const long bitmap_pages = (20513 + page_size() - 1) / page_size();
+  in_child([bitmap_pages] {
+    const std::string size = "size=" + std::to_string((bitmap_pages + 1) * page_size());
+    ASSERT_EQ(0, mount("full", "/dev/shm", "tmpfs", 0, size.c_str())) << strerror(errno);
+    write_file("/dev/shm/filler", "x");
+    EXPECT_EQ(0, wex_sys_init_alive_info(1));
+    wex_sys_reg_alive_info(150000);
+    EXPECT_EQ(0, wex_alive_read_bit(150000));
+    EXPECT_FALSE(wex_alive_table_intact());
+  });
+  umount("/dev/shm");
 }
 
 TEST_F(AliveTable, ATableWithASecondNameStaysTheOneThatClientsHaveMapped) {

@@ -41,8 +41,8 @@ status_table full() {
 // The values of Python expressions about the JSON output, as `it`, one a line.
 std::string python(const std::vector<std::string>& expressions) {
   const temporary script("/tmp/wexstat-look.py");
-  std::string text = "import json, subprocess\nit = json.loads(subprocess.check_output(['" + binary() +
-                     "', '--json']))\nall = it['registrations']\n";
+  std::string text = "import json, subprocess\nit = json.loads(subprocess.check_output('" + binary() +
+                     " --json', shell=True))\nall = it['registrations']\n";
   for (const std::string& expression : expressions) {
     text += "print(" + expression + ", sep=' ')\n";
   }
@@ -111,8 +111,10 @@ TEST_F(WexstatMachines, EveryNameIsDocumentedAndNoOther) {
                  "    if isinstance(it, list):\n"
                  "        for one in it:\n"
                  "            yield from keys(one, path[:-1] + '[].')\n"
-                 "told = {key for key in keys(json.loads(subprocess.check_output([wexstat, '--json'])))}\n"
-                 "families = {line.split()[2] for line in subprocess.check_output([wexstat, '--openmetrics'])"
+                 "told = {key for key in keys(json.loads(subprocess.check_output(wexstat + ' --json', "
+                 "shell=True)))}\n"
+                 "families = {line.split()[2] for line in subprocess.check_output(wexstat + ' "
+                 "--openmetrics', shell=True)"
                  ".decode().splitlines() if line.startswith('# TYPE')}\n"
                  "json_part, metrics_part = page.split('## OpenMetrics')\n"
                  "documented = set(re.findall(r'^\\| `([^`]+)` \\|', json_part, re.M))\n"

@@ -31,7 +31,7 @@ class terminal {
   terminal& operator=(const terminal&) = delete;
 
   void start() {
-    const std::string program = binary();
+    const std::string command = "exec " + binary() + " --watch 1";
     pid_ = fork();
     if (pid_ == 0) {
       setsid();
@@ -40,7 +40,7 @@ class terminal {
         dup2(other_.get(), fd);
       }
       setenv("TERM", "linux", 1);
-      execl(program.c_str(), "wexstat", "--watch", "1", static_cast<char*>(nullptr));
+      execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
   }

@@ -36,8 +36,9 @@ inline answer shell(const std::string& command) {
   return out;
 }
 
+// The program, behind the emulator that runs it where this machine cannot.
 inline std::string binary() {
-  return WEX_BUILD_DIR "/stat/wexstat";
+  return WEX_EMULATOR " " WEX_BUILD_DIR "/stat/wexstat";
 }
 inline answer wexstat(const std::string& arguments) {
   return shell(binary() + " " + arguments);

@@ -16,13 +16,16 @@ while [ $n -lt 100 ]; do
   start /usr/bin/service --tag $n
   if [ $n = 10 ]; then
     check "10 services did not register" eventually 60 registered_now 10
-    size resident-kib-10-services "$(resident)"
+    with_10=$(resident)
+    size resident-kib-10-services $with_10
   fi
 done
 check "100 services did not register" eventually 120 registered_now 100
 all_ready() { [ "$(ls /tmp/ready.* | wc -l)" -ge 100 ]; }
 check "100 services were not all answered" eventually 60 all_ready
-size resident-kib-100-services "$(resident)"
+with_100=$(resident)
+size resident-kib-100-services $with_100
+size bytes-of-a-registration $(((with_100 - with_10) * 1024 / 90))
 note "$(descriptors) descriptors with 100 services"
 
 old=$(for file in $DB/service.*; do echo ${file##*.}; done)

@@ -1,0 +1,334 @@
+// wex_black_box: what led to a restart of the device, and what a hung process was doing, on the disk.
+#include "wex_black_box.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <iterator>
+
+#include "dir_walk.h"
+#include "guarded_file.h"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
+#include "text_number.h"
+#include "unique_fd.h"
+#include "waiting.h"
+#include "wex_limits.h"
+#include "wex_paths.h"
+#include "wex_status_image.h"
+#include "wex_utils.h"
+
+namespace {
+
+// ---- Text -------------------------------------------------------------------------------------------------
+
+// Lines in a buffer; a line that does not fit is left out, and so are those behind it.
+struct page {
+  char* text;
+  size_t size;
+  size_t used;
+  bool full;
+};
+
+__attribute__((format(printf, 2, 3))) void add_line(page* to, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const size_t room = to->size - to->used;
+  const int length = to->full ? -1 : vsnprintf(to->text + to->used, room, format, arguments);
+  va_end(arguments);
+  if (length < 0 || static_cast<size_t>(length) >= room) {
+    to->full = true;
+    return;
+  }
+  // Names are of the programs' choosing: they begin no line and move no cursor.
+  char* const begin = to->text + to->used;
+  std::replace_if(
+      begin, begin + length - 1, [](char letter) { return letter < ' ' || letter > '~'; }, '?');
+  to->used += static_cast<size_t>(length);
+}
+
+using time_stamp = char[32];
+
+// Of milliseconds since 1970.
+void write_time(int64_t wall, time_stamp& text) {
+  const auto seconds = static_cast<time_t>(wall / 1000);
+  struct tm local = {};
+  text[0] = '\0';
+  if (localtime_r(&seconds, &local) != nullptr &&
+      strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &local) > 0) {
+    const size_t used = strlen(text);
+    wex_format(text + used, sizeof text - used, ".%03d", static_cast<int>(wall % 1000));
+  }
+}
+
+int64_t wall_now() {
+  return int64_t{time(nullptr)} * 1000;
+}
+
+// ---- Files ------------------------------------------------------------------------------------------------
+
+// A new file may take the last block of the disk, so this comes first.
+bool has_room() {
+  struct statvfs disk = {};
+  return statvfs(kDataDir, &disk) == 0 &&
+         static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize >= static_cast<uint64_t>(kBlackBoxFree);
+}
+
+unique_fd open_page(const char* path) {
+  return wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kBlackBoxMode);
+}
+
+// Appends the text to a file of bounded size: a full one gives its place to a new one, and stays as the old
+// one.
+void keep(const char* path, const char* old_path, const char* text, size_t length) {
+  unique_fd file;
+  struct stat facts = {};
+  if (has_room()) {
+    file = open_page(path);
+  }
+  if (!file.valid() || fstat(file.get(), &facts) != 0) {
+    return;
+  }
+  if (facts.st_size + static_cast<off_t>(length) > kBlackBoxMax) {
+    if (wex_rename(path, old_path) != 0) {
+      return;
+    }
+    file = open_page(path);
+  }
+  if (file.valid()) {
+    safe_write(file.get(), text, length);
+    fsync(file.get());
+  }
+}
+
+// ---- History ----------------------------------------------------------------------------------------------
+
+constexpr const char* kKindNames[] = {"nothing",        "daemon started", "registered",     "cancelled",
+                                      "exited",         "restarted",      "parked",         "tried again",
+                                      "postponed",      "forced",         "handed over",    "stopped",
+                                      "dropped",        "hung",           "burst",          "reboot asked",
+                                      "reboot refused", "exit was lost",  "restart failed", "daemon ended"};
+static_assert(std::size(kKindNames) == WEX_STATUS_EV_KINDS, "an event without a name");
+
+priority_mutex g_history_mutex;
+char g_history[kBlackBoxMax / 2] WEX_TSA(guarded_by(g_history_mutex));
+
+void add_event(page* to, const wex_status_event& event) {
+  time_stamp when;
+  write_time(event.wall, when);
+  add_line(to, "%s %s %.32s pid %d to %d domain %d exit %04x value %d\n", when, kKindNames[event.kind],
+           event.name, event.pid, event.new_pid, event.domain, event.exit_code, event.value);
+}
+
+void add_parked(page* to, const wex_status_slot& slot) {
+  const int64_t left = slot.until - wex_clock_ms();
+  add_line(to, "parked: %.32s pid %d domain %d restarts %u exit %04x tried again in %d s\n", slot.name,
+           slot.pid, slot.domain, slot.restarts, slot.last_exit,
+           static_cast<int>(std::max<int64_t>(left, 0) / 1000));
+}
+
+void describe_history(page* to, const char* reason) {
+  time_stamp when;
+  write_time(wall_now(), when);
+  add_line(to, "%s wex restarts the device: %.*s\n", when, static_cast<int>(strcspn(reason, "\n")), reason);
+  status_words words;
+  wex_status_copy_words(&words);
+  for (uint32_t number = words.event_next - kHistoryEvents; number != words.event_next; ++number) {
+    wex_status_event event;
+    if (wex_status_copy_event(number, &event)) {
+      add_event(to, event);
+    }
+  }
+  int shown = 0;
+  for (uint32_t number = 0; number < words.slots_used && shown < kHistoryParked; ++number) {
+    wex_status_slot slot;
+    if (wex_status_copy_slot(number, &slot) && slot.state == WEX_STATUS_PARKED) {
+      add_parked(to, slot);
+      ++shown;
+    }
+  }
+}
+
+// ---- Hung process -----------------------------------------------------------------------------------------
+
+// What the looking thread has seen, for the watchdog: as much as `used` says never changes any more.
+struct seen_thread {
+  int32_t tid;
+  size_t begin;
+  size_t end;
+};
+char g_seen[kBlackBoxMax / 2];
+seen_thread g_threads[kHungThreads];
+std::atomic<int> g_threads_seen{0};
+std::atomic<bool> g_looking{false};  // a look that is stuck in the kernel keeps the buffers
+std::atomic<bool> g_timed_out{false};
+int32_t g_hung_pid = 0;
+int32_t g_hung_tid = 0;
+bool g_seen_any = false;  // watchdog's thread only
+
+// A file of the thread below /proc, or "" when it cannot be read.
+template <size_t kSize>
+void read_fact(int32_t pid, int32_t tid, const char* name, char (&text)[kSize]) {
+  char path[kPathSize];
+  text[0] = '\0';
+  wex_format(path, sizeof path, kProcTaskFileFmt, pid, tid, name);
+  if (wex_read_to_buf(path, text, sizeof text) < 0) {
+    text[0] = '\0';
+  }
+  const size_t length = strlen(text);
+  if (length > 0 && text[length - 1] == '\n') {
+    text[length - 1] = '\0';
+  }
+}
+
+// State and processor time, in clock ticks, of a stat line. The name before them may hold anything.
+void read_times(const char* stat, char* state, int64_t* ticks) {
+  const char* at = strrchr(stat, ')');
+  *state = '?';
+  *ticks = 0;
+  if (at == nullptr || at[1] == '\0' || at[2] == '\0') {
+    return;
+  }
+  *state = at[2];
+  at += 3;
+  constexpr int kBeforeTimes = 10;  // fields between state and utime
+  for (int field = 0; at != nullptr && field <= kBeforeTimes; ++field) {
+    at = strchr(at, ' ');
+    at = at != nullptr ? at + 1 : nullptr;
+  }
+  int64_t user = 0;
+  int64_t kernel = 0;
+  if (at != nullptr && scan_integer(&at, &user) && scan_integer(&at, &kernel)) {
+    *ticks = user + kernel;
+  }
+}
+
+void describe_thread(page* to, int32_t pid, int32_t tid) {
+  char stat[512];
+  char name[32];
+  char call[192];
+  char channel[64];
+  char stack[1024];
+  read_fact(pid, tid, "stat", stat);
+  read_fact(pid, tid, "comm", name);
+  read_fact(pid, tid, "wchan", channel);
+  read_fact(pid, tid, "syscall", call);
+  read_fact(pid, tid, "stack", stack);
+  char state = '?';
+  int64_t ticks = 0;
+  read_times(stat, &state, &ticks);
+  const auto per_second = std::max<int64_t>(sysconf(_SC_CLK_TCK), 1);
+  add_line(to, "thread %d %s: state %c, processor %d ms, waits in %s, call %s\n", tid, name, state,
+           static_cast<int>(std::min<int64_t>(ticks * 1000 / per_second, INT_MAX)), channel, call);
+  for (char* line = stack; *line != '\0';) {
+    const size_t length = strcspn(line, "\n");
+    add_line(to, "  %.*s\n", static_cast<int>(length), line);
+    line += length + (line[length] != '\0' ? 1 : 0);
+  }
+}
+
+void look_at_thread(page* to, int32_t tid) {
+  const int number = g_threads_seen.load(std::memory_order_relaxed);
+  const size_t begin = to->used;
+  describe_thread(to, g_hung_pid, tid);
+  g_threads[number] = {tid, begin, to->used};
+  g_threads_seen.store(number + 1, std::memory_order_release);
+}
+
+// A thread of its own, for /proc may make whoever asks wait as long as the process holds a lock of the
+// kernel. The silent thread comes first.
+extern "C" void* look_at_threads(void* /*unused*/) {
+  page to = {g_seen, sizeof g_seen, 0, false};
+  look_at_thread(&to, g_hung_tid);
+  char path[kPathSize];
+  wex_format(path, sizeof path, kProcTasksFmt, g_hung_pid);
+  dir_walk tasks(path);
+  for (const dirent* entry = tasks.valid() ? tasks.next() : nullptr;
+       entry != nullptr && g_threads_seen.load(std::memory_order_relaxed) < kHungThreads &&
+       !g_timed_out.load();
+       entry = tasks.next()) {
+    const int32_t tid =
+        entry->d_name[0] >= '0' && entry->d_name[0] <= '9' ? text_to_number(entry->d_name) : 0;
+    if (tid > 0 && tid != g_hung_tid) {
+      look_at_thread(&to, tid);
+    }
+  }
+  g_looking.store(false, std::memory_order_release);
+  return nullptr;
+}
+
+bool start_looking() {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) {
+    return false;
+  }
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t looker;
+  const bool started = pthread_create(&looker, &attributes, look_at_threads, nullptr) == 0;
+  pthread_attr_destroy(&attributes);
+  return started;
+}
+
+}  // namespace
+
+void wex_keep_history(const char* reason) {
+  const mutex_lock hold(g_history_mutex);
+  page to = {g_history, sizeof g_history, 0, false};
+  describe_history(&to, reason);
+  keep(kHistory, kHistoryOld, to.text, to.used);
+}
+
+void wex_look_at_hung(int32_t pid, int32_t tid) {
+  g_seen_any = false;
+  if (pid < 1 || g_looking.exchange(true, std::memory_order_acquire)) {
+    return;
+  }
+  g_hung_pid = pid;
+  g_hung_tid = tid;
+  g_threads_seen.store(0);
+  g_timed_out.store(false);
+  if (!start_looking()) {
+    g_looking.store(false);
+    return;
+  }
+  g_seen_any = true;
+  const int64_t deadline = wex_clock_ms() + kHungLookMs;
+  while (g_looking.load(std::memory_order_acquire) && wex_clock_ms() < deadline) {
+    wex_sleep_ms(kHungPauseMs);
+  }
+  g_timed_out.store(true);
+}
+
+void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
+  static char text[kBlackBoxMax / 2];  // watchdog's thread only
+  if (!g_seen_any) {
+    return;
+  }
+  page to = {text, sizeof text, 0, false};
+  time_stamp when;
+  write_time(wall_now(), when);
+  const int seen = g_threads_seen.load(std::memory_order_acquire);
+  add_line(&to, "%s process %d, thread %d hung; %d threads seen\n", when, g_hung_pid, g_hung_tid, seen);
+  for (int number = 0; number < seen; ++number) {
+    const seen_thread& thread = g_threads[number];
+    add_line(&to, "%s\n", is_watched(thread.tid) ? "watched:" : "not watched:");
+    const size_t length = thread.end - thread.begin;
+    if (to.size - to.used > length) {
+      memcpy(to.text + to.used, g_seen + thread.begin, length);
+      to.used += length;
+    }
+  }
+  keep(kHung, kHungOld, to.text, to.used);
+}

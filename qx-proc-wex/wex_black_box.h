@@ -1,0 +1,16 @@
+// wex_black_box: what led to a restart of the device, and what a hung process was doing, on the disk.
+//
+// It comes before things that must happen: nothing here waits longer than it says, and a failure is silent.
+#pragma once
+
+#include <cstdint>
+
+// Writes the last events and the parked registrations behind this reason. Not where room on the disk is
+// short: the reboot record comes next. Any thread.
+void wex_keep_history(const char* reason);
+
+// Looks at the threads of a process, 100 ms at the most, the silent one first. Watchdog's thread.
+void wex_look_at_hung(int32_t pid, int32_t tid);
+
+// Writes down what was seen: when the process has been aborted, for the disk may be slow. Watchdog's thread.
+void wex_keep_hung(bool (*is_watched)(int32_t tid));

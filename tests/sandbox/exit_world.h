@@ -1,0 +1,45 @@
+// exit_world: what the tests of exits share: a service that registers itself, and its database file.
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "wex_test.h"
+
+using namespace wex_test;
+using texts = std::vector<std::string>;
+
+inline constexpr char kDbDir[] = "/tmp/vsd/0/wex/db";
+inline constexpr char kReady[] = "/tmp/wex/ready";
+// A request is answered before it is handled: only the answer to a second one says that the first is done.
+inline const texts kService = {"--register=RESTART", "--confirm", "--ready=/tmp/wex/ready", "--hold"};
+
+inline std::string text(long number) {
+  return std::to_string(number);
+}
+inline std::string db_path(pid_t pid) {
+  return std::string(kDbDir) + "/actor." + text(pid);
+}
+
+struct ExitRoad : WexWorld {};
+
+// Starts a service; true once it is registered.
+inline bool start_service(Process* service, const texts& options = kService) {
+  unlink(kReady);
+  return service->start(actor_words(options)) &&
+         eventually([&] { return read_file(kReady) == text(service->pid()) + "\n"; });
+}
+
+inline size_t starts(const std::string& path) {
+  return lines_of(read_file(path)).size();
+}
+
+inline size_t count_in(const std::string& where, const std::string& what) {
+  size_t count = 0;
+  for (size_t at = where.find(what); at != std::string::npos; at = where.find(what, at + 1)) {
+    ++count;
+  }
+  return count;
+}

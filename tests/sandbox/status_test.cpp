@@ -1,0 +1,235 @@
+// The status table of the real daemon, as real services go through every state.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+
+#include "control_client.h"
+#include "restart_policy.h"
+#include "status_reader.h"
+#include "wex_status.h"
+
+using namespace policy;
+
+namespace {
+
+class Status : public WexWorld {
+ protected:
+  void SetUp() override {
+    WexWorld::SetUp();
+    write_file(kDebugTime, "2\n");
+    ASSERT_TRUE(daemon_.start());
+    ASSERT_TRUE(eventually([] { return StatusReader().valid(); }));
+  }
+  void TearDown() override {
+    daemon_.kill_now();
+    WexWorld::TearDown();
+  }
+
+  // Whether this event of this process comes to be seen.
+  static bool told(wex_status_kind kind, pid_t pid, pid_t new_pid = 0, milliseconds limit = 20s) {
+    return eventually(
+        [=] {
+          for (const wex_status_event& event : StatusReader().events()) {
+            if (event.kind == static_cast<uint32_t>(kind) && event.pid == pid &&
+                (new_pid == 0 || event.new_pid == new_pid)) {
+              return true;
+            }
+          }
+          return false;
+        },
+        limit);
+  }
+  static bool shows(pid_t pid, wex_status_state state, milliseconds limit = 20s) {
+    return eventually(
+        [=] {
+          const auto slot = StatusReader().slot_of(pid);
+          return slot && slot->state == state;
+        },
+        limit);
+  }
+  static bool counts(int counter, uint32_t at_least) {
+    return eventually([=] { return StatusReader().counter(counter) >= at_least; }, 20s);
+  }
+
+  Daemon daemon_;
+};
+
+}  // namespace
+
+TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
+  Service service("walk");
+  ASSERT_TRUE(service.start());
+  pid_t pid = service.pid();
+  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, pid));
+  EXPECT_TRUE(shows(pid, WEX_STATUS_RUNNING));
+  const auto first = StatusReader().slot_of(pid);
+  ASSERT_TRUE(first);
+  EXPECT_STREQ("actor", first->name);
+  EXPECT_EQ(service.command().substr(0, sizeof first->command), std::string(first->command));
+  EXPECT_EQ(RESPAWN, first->action);
+  for (int restart = 1; restart <= 4; ++restart) {
+    ASSERT_TRUE(service.ends_and_comes_back());
+    EXPECT_TRUE(told(WEX_STATUS_EV_EXITED, pid));
+    EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
+    pid = service.pid();
+  }
+  service.end();
+  EXPECT_TRUE(told(WEX_STATUS_EV_PARKED, pid));
+  EXPECT_TRUE(shows(pid, WEX_STATUS_PARKED));
+  EXPECT_TRUE(told(WEX_STATUS_EV_TRIED_AGAIN, pid));
+  ASSERT_TRUE(service.comes_back());
+  pid = service.pid();
+  EXPECT_TRUE(shows(pid, WEX_STATUS_RUNNING));
+  const auto last = StatusReader().slot_of(pid);
+  ASSERT_TRUE(last);
+  EXPECT_EQ(5U, last->restarts);
+  EXPECT_EQ(uint32_t{SIGKILL}, last->last_exit);
+  EXPECT_GT(last->last_exit_wall, 0);
+  EXPECT_EQ(5U, StatusReader().counter(WEX_STATUS_RESTARTS));
+  EXPECT_EQ(5U, StatusReader().counter(WEX_STATUS_EXITS));
+  EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_PARKS));
+  service.end(SIGTERM);
+  EXPECT_TRUE(told(WEX_STATUS_EV_STOPPED, pid));
+  EXPECT_TRUE(eventually([] { return StatusReader().slots().empty(); }));
+}
+
+TEST_F(Status, APostponedRestartWaitsInTheTable) {
+  Process service;
+  ASSERT_TRUE(service.start(actor_words({"--tag=held", "--hold"})));
+  const pid_t pid = wait_for_actor({"--tag=held", "--hold"});
+  ASSERT_GT(pid, 0);
+  Holder holder({pid});
+  service.kill_now();
+  EXPECT_TRUE(told(WEX_STATUS_EV_POSTPONED, pid));
+  EXPECT_TRUE(shows(pid, WEX_STATUS_WAITING));
+  const auto slot = StatusReader().slot_of(pid);
+  ASSERT_TRUE(slot);
+  EXPECT_NEAR(301000, static_cast<double>(slot->until - slot->since), 1000);
+  holder.end();
+  const pid_t next = wait_for_actor({"--tag=held", "--hold"}, pid);
+  ASSERT_GT(next, 0);
+  EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, next));
+  EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_EXITS)) << "the same end came twice";
+  EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_POSTPONED));
+}
+
+TEST_F(Status, WhatEndsARegistrationIsToldApart) {
+  Process cancelled;
+  ASSERT_TRUE(cancelled.start(actor_words({"--tag=c", "--register=RESTART", "--cancel", "--hold"})));
+  EXPECT_TRUE(told(WEX_STATUS_EV_CANCELLED, cancelled.pid()));
+  Service dropped("dropped");
+  ASSERT_TRUE(dropped.start());
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  dropped.end();
+  EXPECT_TRUE(told(WEX_STATUS_EV_DROPPED, dropped.pid()));
+  unlink("/tmp/vsd/5/delete_vsd");
+  Process twin;
+  const std::vector<std::string> same = {"--tag=same", "--register=RESTART", "--confirm", "--hold"};
+  Process one;
+  ASSERT_TRUE(one.start(actor_words(same)));
+  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, one.pid()));
+  ASSERT_TRUE(twin.start(actor_words(same)));
+  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, twin.pid()));
+  const pid_t first = one.pid();
+  one.kill_now();
+  EXPECT_TRUE(told(WEX_STATUS_EV_HANDED_OVER, first));
+}
+
+TEST_F(Status, RefusedMessagesAreCountedAndClientsThatLeaveAreNot) {
+  Service service("plain");
+  ASSERT_TRUE(service.start());
+  {
+    const control_client::raw_client leaves;
+    ASSERT_TRUE(leaves.connected());
+  }
+  const control_client::raw_client unknown;
+  ASSERT_TRUE(unknown.send_record(77, 0, control_client::kHeader));
+  EXPECT_TRUE(counts(WEX_STATUS_REFUSED, 1));
+  const control_client::raw_client lies;
+  ASSERT_TRUE(lies.send_record(1, 5000, control_client::kHeader));
+  EXPECT_TRUE(counts(WEX_STATUS_REFUSED, 2));
+  EXPECT_EQ(2U, StatusReader().counter(WEX_STATUS_REFUSED));
+}
+
+TEST_F(Status, WatchedThreadsAreCounted) {
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(
+      {"--tag=t", "--register=RESTART", "--register-main-thread=120", "--thread=120,5", "--hold"})));
+  EXPECT_TRUE(eventually(
+      [&] {
+        const auto slot = StatusReader().slot_of(service.pid());
+        return slot && slot->watched_threads == 2 && slot->fewest_misses == 5;
+      },
+      20s));
+}
+
+TEST_F(Status, TheThreadsOfTheDaemonComeRound) {
+  EXPECT_TRUE(eventually([&] {
+    const wex_status_head head = StatusReader().head();
+    int named = 0;
+    for (const wex_status_thread& thread : head.threads) {
+      if (thread.tid > 0) {
+        ++named;
+        EXPECT_EQ(std::string(thread.name) + "\n",
+                  read_file("/proc/" + std::to_string(daemon_.pid()) + "/task/" + std::to_string(thread.tid) +
+                            "/comm"));
+      }
+    }
+    return named == 7;
+  }));
+  const int64_t before = StatusReader().head().threads[0].last_pass;
+  Service service("news");  // an idle daemon has its threads looked at every ten seconds only
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(eventually([&] { return StatusReader().head().threads[0].last_pass > before; }, 30s));
+}
+
+TEST_F(Status, ATableThatIsCutShortUnderTheRunningDaemonIsWholeAgain) {
+  Service service("cut");
+  ASSERT_TRUE(service.start());
+  ASSERT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  for (int round = 0; round < 20; ++round) {
+    ASSERT_EQ(0, truncate(kStatusTable, round * 4000));
+    usleep(20000);
+  }
+  EXPECT_TRUE(service.ends_and_comes_back());
+  EXPECT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  EXPECT_EQ(daemon_.pid(), StatusReader().head().daemon_pid);
+  EXPECT_TRUE(daemon_.running());
+}
+
+TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded) {
+  Service service("next");
+  ASSERT_TRUE(service.start());
+  ASSERT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  daemon_.kill_now();
+  EXPECT_EQ(0U, StatusReader().head().flags & WEX_STATUS_ENDED);
+  EXPECT_EQ(1U, StatusReader().slots().size()) << "what it left";
+  Daemon next;
+  ASSERT_TRUE(next.start());
+  EXPECT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  EXPECT_EQ(2U, StatusReader().head().generation);
+  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
+  next.kill_now();
+}
+
+TEST_F(Status, AThousandRegistrationsHaveTheirSlots) {
+  std::vector<std::unique_ptr<child>> sleepers;
+  constexpr int kPrograms = 1000;
+  std::vector<pid_t> pids;
+  for (int number = 0; number < kPrograms; ++number) {
+    sleepers.push_back(std::make_unique<child>());
+    pids.push_back(sleepers.back()->pid());
+  }
+  const control_client::raw_client client;
+  for (const pid_t pid : pids) {
+    wex_reg_info body = {};
+    body.pid = pid;
+    ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  }
+  EXPECT_TRUE(eventually([&] { return StatusReader().slots().size() == kPrograms; }, 60s))
+      << StatusReader().slots().size();
+  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_NOT_SHOWN));
+  daemon_.kill_now();  // or it would start them again
+}

@@ -1,0 +1,194 @@
+// wex_black_box: what is on the disk after a reboot, and after a hang.
+#include "wex_black_box.h"
+
+#include <sys/mount.h>
+#include <sys/prctl.h>
+
+#include "chain_lock.h"
+#include "text_buffer.h"
+#include "unit_support.h"
+#include "wex_chain.h"
+#include "wex_limits.h"
+#include "wex_log.h"
+#include "wex_paths.h"
+#include "wex_status_image.h"
+
+using namespace unit;
+
+// The second before a reboot that is refused here.
+extern "C" void __wrap_safe_sleep(unsigned) {}
+
+namespace {
+
+// The image belongs to the process: a case works in a child of its own.
+class BlackBox : public Sandboxed {};
+
+wex_pid* add(int32_t pid, const char* process) {
+  wex_pid* const rec = wex_new_record();
+  rec->pid = pid;
+  rec->vsd = 3;
+  rec->exit_signal = 139;
+  wex_copy_text(rec->process, sizeof rec->process, process);
+  const chain_lock hold(wex_chains);
+  __wex_add_record(&wex_chains, rec);
+  return rec;
+}
+
+std::string text(int number) {
+  return std::to_string(number);
+}
+
+}  // namespace
+
+TEST_F(BlackBox, ARebootIsPrecededByTheLastEventsAndTheParkedPrograms) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    wex_status_set_clock();
+    wex_pid* const rec = add(100, "/usr/bin/loop\033[2J -a");
+    for (int i = 0; i < 100; ++i) {
+      wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, 139, i});
+    }
+    wex_status_tell(WEX_STATUS_EV_PARKED, rec, {0, 0, 139, 300});
+    wex_reboot("detect process /usr/bin/loop can not restart, so restart system.\n", nullptr);
+    const std::vector<std::string> lines = lines_of(read_file(kHistory));
+    ASSERT_EQ(66U, lines.size()) << read_file(kHistory);
+    const std::string stamp = "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}.[0-9]{3} ";
+    EXPECT_TRUE(
+        matches(lines[0], stamp + "wex restarts the device: detect process /usr/bin/loop can not restart, "
+                                  "so restart system."))
+        << lines[0];
+    EXPECT_TRUE(matches(lines[1], stamp + "exited loop\\?\\[2J pid 100 to 0 domain 3 exit 008b value 38"))
+        << lines[1];
+    EXPECT_TRUE(matches(lines[63], stamp + "parked loop\\?\\[2J pid 100 to 0 domain 3 exit 008b value 300"))
+        << lines[63];
+    EXPECT_TRUE(matches(lines[64], stamp + "reboot asked  pid 0 to 0 domain 0 exit 0000 value 1"))
+        << lines[64];
+    EXPECT_TRUE(matches(
+        lines[65], "parked: loop\\?\\[2J pid 100 domain 3 restarts 0 exit 008b tried again in (299|300) s"))
+        << lines[65];
+    EXPECT_EQ(0600U, mode_of(kHistory));
+    EXPECT_NE("", read_file(kRebootLog));
+  });
+}
+
+TEST_F(BlackBox, TheHistoryIsBoundedToTwoFiles) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    wex_pid* const rec = add(100, "/usr/bin/loop");
+    for (int i = 0; i < 100; ++i) {
+      wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    }
+    for (int reboot = 0; reboot < 30; ++reboot) {
+      wex_keep_history(("number " + text(reboot)).c_str());
+    }
+    EXPECT_LE(read_file(kHistory).size(), 32768U);
+    EXPECT_LE(read_file(kHistoryOld).size(), 32768U);
+    EXPECT_GT(read_file(kHistoryOld).size(), 16000U);
+    EXPECT_NE(std::string::npos, read_file(kHistory).find("number 29\n"));
+    EXPECT_EQ(2U, list_dir("/data").size());
+  });
+}
+
+TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
+  const struct {
+    const char* told;
+    std::function<void()> make;
+  } rows[] = {
+      {"link",
+       [] {
+         EXPECT_EQ(0, symlink("/tmp/victim", kHistory));
+         EXPECT_EQ(0, lchown(kHistory, kOtherUser, kOtherUser));
+       }},
+      {"directory", [] { make_dirs(kHistory); }},
+      {"FIFO", [] { EXPECT_EQ(0, mkfifo(kHistory, 0666)); }},
+      {"full disk", [] { EXPECT_EQ(0, mount("small", "/data", "tmpfs", 0, "nr_blocks=8")); }},
+      {"too long",
+       [] { write_file(kHistory, std::string(100000, 'x')), make_dirs(std::string(kHistoryOld) + "/x"); }},
+  };
+  write_file("/tmp/victim", "precious");
+  for (const auto& row : rows) {
+    row.make();
+    in_child([&] {
+      wex_init_chains(&wex_chains);
+      wex_reboot("because\n", nullptr);
+      EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" because\n")) << row.told;
+      EXPECT_EQ("precious", read_file("/tmp/victim")) << row.told;
+    });
+    EXPECT_FALSE(row.told == std::string("full disk") && exists(kHistory));
+    if (row.told == std::string("full disk")) {
+      EXPECT_EQ(0, umount("/data"));
+    }
+    for (const std::string& name : list_dir("/data")) {
+      remove_tree("/data/" + name);
+    }
+  }
+}
+
+TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
+  write_file(kRebootSwitch, "0\n");
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_reboot("because\n", nullptr);
+    EXPECT_TRUE(list_dir("/data").empty());
+  });
+}
+
+TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
+  child hung([] {
+    for (int i = 0; i < 2; ++i) {
+      std::thread([] {
+        prctl(PR_SET_NAME, "second\nthread");
+        pause();
+      }).detach();
+    }
+    return true;
+  });
+  ASSERT_TRUE(hung.ready());
+  const std::string tasks = "/proc/" + text(hung.pid()) + "/task";
+  ASSERT_TRUE(eventually([&] {
+    size_t named = 0;
+    for (const std::string& tid : list_dir(tasks)) {
+      named += read_file(tasks + "/" + tid + "/comm").find("second") == 0;
+    }
+    return named == 2;
+  }));
+  static int32_t watched;
+  watched = hung.pid();
+  wex_look_at_hung(hung.pid(), hung.pid());
+  wex_keep_hung([](int32_t tid) { return tid == watched; });
+  const std::string told = read_file(kHung);
+  EXPECT_NE(std::string::npos, told.find(" process " + text(hung.pid()) + ", thread " + text(hung.pid()) +
+                                         " hung; 3 threads seen\nwatched:\nthread " + text(hung.pid()) + " "))
+      << told;
+  EXPECT_EQ(1U, occurrences(told, "\nwatched:\n")) << told;
+  EXPECT_EQ(2U, occurrences(told, "\nnot watched:\n")) << told;
+  EXPECT_EQ(2U, occurrences(told, " second?thread: state S, processor ")) << told;
+  EXPECT_EQ(3U, occurrences(told, ", waits in ")) << told;
+  EXPECT_EQ(0600U, mode_of(kHung));
+}
+
+TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
+  child many([] {
+    for (int i = 0; i < 200; ++i) {
+      std::thread([] { pause(); }).detach();
+    }
+    return true;
+  });
+  ASSERT_TRUE(many.ready());
+  wex_look_at_hung(many.pid(), many.pid());
+  wex_keep_hung([](int32_t) { return false; });
+  const std::string told = read_file(kHung);
+  EXPECT_LE(occurrences(told, "\nthread "), 64U);
+  EXPECT_GE(occurrences(told, "\nthread "), 1U) << told;
+  EXPECT_LE(told.size(), 32768U);
+  unlink(kHung);
+  wex_look_at_hung(child::reaped(), child::reaped());
+  wex_keep_hung([](int32_t) { return false; });
+  EXPECT_NE(std::string::npos, read_file(kHung).find(" 1 threads seen\n")) << read_file(kHung);
+  unlink(kHung);
+  wex_look_at_hung(0, 0);
+  wex_keep_hung([](int32_t) { return false; });
+  EXPECT_FALSE(exists(kHung));
+}
