@@ -109,9 +109,12 @@ void update() WEX_TSA(requires_capability(g_lock)) {
   }
   const bool must_pass_more = drops_too_much(wanted);
   if (!wanted.every_exit) {
-    g_refused = true;
+    // The memory of the filter in place counts until another one has taken its place: a short one makes room.
+    const passed_events exact = wanted;
     wanted.every_exit = true;
-    if (must_pass_more && attach(wanted)) {
+    const bool short_one = attach(wanted);
+    g_refused = !short_one || !attach(exact);
+    if (short_one) {
       return;
     }
   }
@@ -151,12 +154,13 @@ bool wex_pass_exits_of(int32_t pid) {
   if (pid < 1) {
     return true;
   }
+  const bool was_overfull = g_overfull;
   if (!g_exits.has(pid)) {
     g_difference = difference::too_few;
     g_overfull = !g_exits.add(pid) || g_overfull;
   }
   update();
-  return !g_overfull;
+  return was_overfull || !g_overfull;
 }
 
 void wex_pass_exits_only_of(const pid_set* pids) {

@@ -27,8 +27,8 @@ void wex_pass_thread_ends(thread_ends_for whom, bool pass);
 
 void wex_pass_executions(bool pass);
 
-// Passes the exits of this process, too. False when there is no room for it: then those of all processes
-// pass, until wex_pass_exits_only_of().
+// Passes the exits of this process, too. When there is no room for it those of all processes pass until
+// wex_pass_exits_only_of(); the first time that happens the result is false.
 bool wex_pass_exits_of(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
 // Forgets all processes but these; null when they are too many. With the registry held, for a pid that is

@@ -38,14 +38,20 @@ int open_instance() {
   return older;
 }
 
-// Whether one of the events means that there will be no further ones.
-bool tells_the_end(const char* bytes, size_t size) {
+constexpr const char* kListDirName = kThirdPartListDir + sizeof kSettingsDir;  // below kSettingsDir
+constexpr int kReadsAtOnce = 4;  // whoever keeps the directory busy must not keep the monitor
+
+// Whether one of the events means that there will be no further ones, or that the list's directory was made.
+bool tells_the_end(const char* bytes, size_t size, bool of_parent) {
   size_t at = 0;
   while (size - at >= sizeof(inotify_event)) {
     inotify_event event;  // copied out: the bytes need not be aligned
     memcpy(&event, bytes + at, sizeof event);
     at += sizeof event;
     if ((event.mask & kWatchIsLost) != 0 || event.len > size - at) {
+      return true;
+    }
+    if (of_parent && event.len > 0 && strncmp(bytes + at, kListDirName, event.len) == 0) {
       return true;
     }
     at += event.len;
@@ -85,12 +91,21 @@ bool list_watch::may_name_programs() const {
 
 void list_watch::take_changes() {
   char bytes[1024];
-  ssize_t size;
-  bool lost = false;
-  while ((size = read(instance_.get(), bytes, sizeof bytes)) > 0) {
-    lost = lost || of_parent_ || tells_the_end(bytes, static_cast<size_t>(size));
+  ssize_t size = 0;
+  bool lost = !instance_.valid();
+  for (int reads = 0; !lost && reads < kReadsAtOnce; ++reads) {
+    size = read(instance_.get(), bytes, sizeof bytes);
+    if (size <= 0) {
+      break;
+    }
+    lost = tells_the_end(bytes, static_cast<size_t>(size), of_parent_);
   }
   if (lost) {
     open();  // another directory may have taken its place
   }
+}
+
+void list_watch::close_lost() {
+  instance_.release();
+  of_parent_ = false;
 }

@@ -14,8 +14,11 @@ class list_watch {
   // Readable when the list may have changed; below 0 when there is no such descriptor.
   int fd() const noexcept { return instance_.get(); }
 
-  // Takes what fd() has to say, before the next look at the list.
+  // Takes what fd() has to say, before the next look at the list; opens it anew when there is none.
   void take_changes();
+
+  // fd() is no descriptor of ours any more.
+  void close_lost();
 
  private:
   unique_fd instance_;

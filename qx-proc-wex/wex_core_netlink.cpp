@@ -9,12 +9,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "ras_os.h"
 #include "text_number.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_clock.h"
 #include "wex_core_event.h"
 #include "wex_core_executed.h"
@@ -166,11 +168,14 @@ struct monitor {
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
   bool missed_some = true;  // executions may have gone unreported: at first all of them, later some
   list_watch list;
+  int64_t next_list_look = 0;
+  bool list_changed = false;  // since the last pause
   bool executions_wanted = true;
 };
 
 // Has executions reported only while the list names programs. What was executed before is looked for.
 void look_at_list(monitor* state) {
+  state->next_list_look = wex_clock_ms() + kListLookMs;
   const bool wanted = state->list.may_name_programs();
   if (wanted == state->executions_wanted) {
     return;
@@ -253,7 +258,11 @@ int wait_for_event(monitor* state, int limit_ms) {
   if (ready < 0) {
     return errno == EINTR ? 0 : -1;
   }
-  if (ready == 0 || inputs[2].revents != 0) {
+  if ((inputs[2].revents & POLLNVAL) != 0) {
+    state->list.close_lost();
+  }
+  if (inputs[2].revents != 0 || wex_clock_ms() >= state->next_list_look) {
+    state->list_changed = inputs[2].revents != 0;
     state->list.take_changes();
     look_at_list(state);
   }
@@ -274,7 +283,9 @@ outcome watch(int fd) {
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMonitor);
     // Without executions a list in a directory that was mounted over the watched one would go unnoticed.
-    const int until_look = state.executions_wanted ? -1 : kListLookMs;
+    const bool told = state.executions_wanted && state.list.fd() >= 0;
+    const int until_look =
+        told ? -1 : static_cast<int>(std::max<int64_t>(state.next_list_look - wex_clock_ms(), 0));
     const int limit_ms = shorter(wex_judge_pending_exits(), until_look);
     wex_status_idle(kStatusMonitor);
     const int ready = wait_for_event(&state, limit_ms);
@@ -286,6 +297,9 @@ outcome watch(int fd) {
     if (ready > 0) {
       wex_status_busy(kStatusMonitor);
       receive_one(&state);
+    }
+    if (ready > 0 || state.list_changed) {
+      state.list_changed = false;
       usleep(WEX_MONITOR_PAUSE_US);
     }
   }

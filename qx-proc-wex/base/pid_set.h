@@ -7,8 +7,9 @@
 
 class pid_set {
  public:
-  static constexpr size_t kWords =
-      512;  // a program of four instructions a word fits what older kernels allow
+  // A program of four instructions a word, within the kernel's 4,096. A kernel that gives a socket less
+  // memory for it (net.core.optmem_max) refuses a large set.
+  static constexpr size_t kWords = 512;
 
   // 32 neighbouring ids. Their common part is in network order, and the words are sorted by that.
   struct word {

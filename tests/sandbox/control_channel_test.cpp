@@ -173,6 +173,7 @@ TEST_F(ControlChannel, AcknowledgesEachRegistrationBeforeItLooksAtTheProcess) {
     }
     return steps == "rsprsprsp";
   })) << steps;
+  daemon.kill_now();  // or it would start the service again
 }
 
 TEST_F(ControlChannel, RefusesOtherTypesAndDropsTheirSenderOnly) {

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "status_reader.h"
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_limits.h"
@@ -372,5 +373,19 @@ TEST_F(HangDetection, TheSecondScanAbortsLogsAndRemovesAndTheServiceIsRestarted)
   EXPECT_TRUE(console_says("]ntfy_cnt(4), send SIGABRT to ppid (" + std::to_string(pid) + ")\n"));
   EXPECT_TRUE(console_says("]pid is not exist(" + std::to_string(former) + ", ret:-1)\n"));
   EXPECT_TRUE(console_says("register hang in wex:\nnode num:2\n"));
+  const std::string number = std::to_string(pid);
+  const std::string seen = " process " + number + ", thread " + number +
+                           " hung; 1 threads seen\nwatched:\nthread " + number +
+                           " actor: state S, processor ";
+  EXPECT_TRUE(eventually([&] { return read_file(kHung).find(seen) != std::string::npos; }))
+      << read_file(kHung);
+  EXPECT_TRUE(eventually([&] {
+    for (const wex_status_event& event : StatusReader().events()) {
+      if (event.kind == WEX_STATUS_EV_HANG && event.pid == pid && event.new_pid == pid) {
+        return StatusReader().counter(WEX_STATUS_HANGS) == 1;
+      }
+    }
+    return false;
+  }));
   unlink("/tmp/ready");
 }
