@@ -99,16 +99,15 @@ void raise_open_file_limit() {
 }
 
 // The directory stays open for life like the lock: its inode number cannot become another one's.
-unique_fd hold_directory(int lock) {
+void hold_names(int lock) {
   struct stat facts = {};
   if (fstat(lock, &facts) == 0) {
     wex_watch_name(WEX_NAME_LOCK, facts);
   }
-  unique_fd directory(open(kRunDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.valid() && fstat(directory.get(), &facts) == 0) {
+  wex_run_dir.hold();
+  if (fstat(wex_run_dir.get(), &facts) == 0) {
     wex_watch_name(WEX_NAME_DIRECTORY, facts);
   }
-  return directory;
 }
 
 void make_directories() {
@@ -251,11 +250,11 @@ int main(int argc, char** argv) {
   if (!lock.valid()) {
     return -1;
   }
-  const unique_fd directory = hold_directory(lock.get());
+  hold_names(lock.get());
   hide_open_files();  // files that our starter left open are not inherited by the programs we start
   raise_open_file_limit();
   make_directories();
-  wex_hold_dirs();
+  wex_database_dir.hold();
   wex_log_moved_names();
   wex_init_wakeup();
   wex_status_open();

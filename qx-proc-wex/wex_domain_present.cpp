@@ -31,8 +31,8 @@ uint32_t g_present WEX_TSA(guarded_by(g_mutex));
 
 // The bit of the domain whose directory has this name; 0 for other names.
 uint32_t domain_bit(const char* name) {
-  const int32_t vsd = name[0] >= '1' && name[0] <= '9' ? text_to_number(name) : 0;
-  return vsd <= kLastTakeDownDomain ? uint32_t{1} << vsd : 0;
+  const int32_t vsd = text_to_number(name);
+  return vsd >= 1 && vsd <= kLastTakeDownDomain ? uint32_t{1} << vsd : 0;
 }
 
 // Anybody may fill the directory, and the caller may hold the registry: after so many names the answer is

@@ -316,10 +316,12 @@ bool may_share_memory(const launch& what) {
 // into one that does. Not clone(): with shared memory it makes C libraries before glibc 2.25 forget who the
 // calling thread is, by which its mutexes know their holder.
 __attribute__((noinline)) pid_t share_memory_with_child(child_start& start) {
-  const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+  // NOLINTBEGIN(clang-analyzer-security.insecureAPI.vfork, clang-analyzer-unix.Vfork)
+  const pid_t child = vfork();
   if (child == 0) {
     run_child(start);
   }
+  // NOLINTEND(clang-analyzer-security.insecureAPI.vfork, clang-analyzer-unix.Vfork)
   return child;
 }
 

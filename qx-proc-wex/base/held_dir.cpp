@@ -28,8 +28,3 @@ int held_dir::get() const {
       fd_ >= 0 && stat(path_, &named) == 0 && named.st_dev == device_ && named.st_ino == inode_;
   return in_place ? fd_ : -1;
 }
-
-void wex_hold_dirs() {
-  wex_run_dir.hold();
-  wex_database_dir.hold();
-}

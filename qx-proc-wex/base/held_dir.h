@@ -28,4 +28,3 @@ class held_dir {
 // The daemon's; a client holds none.
 extern held_dir wex_run_dir;       // lock file, fork-failure file
 extern held_dir wex_database_dir;  // database files of the main system
-void wex_hold_dirs();
