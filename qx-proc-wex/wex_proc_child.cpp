@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,11 +54,14 @@ struct child_start {
   int run_dir;           // held open, or -1
   int old_file_dir;      // the same, with the replaced process's database file in it
   const char* old_file;  // its name there, or its path; null: it stays
-  bool normal_lmk;       // told by the child in shared memory: its low-memory-killer score is the normal one
+  // Told by the child in shared memory:
+  bool normal_lmk;  // its low-memory-killer score is the normal one
+  bool at_program;  // all is done but executing it
 };
 
 std::atomic<int> g_nice{0};  // the nice value of programs, when a child may begin with another
-std::atomic<bool> g_sharing_refused{false};  // by a kernel, or by whoever filters its calls
+// By a kernel, or by whoever filters its calls, or because a child did not get to its program.
+std::atomic<bool> g_sharing_refused{false};
 int32_t g_normal_lmk_child WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 std::atomic<bool> g_console_missed{false};  // a child that shares our memory says so, too
 
@@ -164,8 +168,9 @@ int duplicate_std_fd(int console, bool cloexec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
-// A file system that does not answer must not keep the daemon standing still for ever. Executing a program
-// removes the timer; the time limit is the one that a domain's child has.
+// What keeps the child from its program, a disk or somebody at a higher priority, must not keep the daemon
+// standing still for ever. Executing a program removes the timer; the time limit is the one that a domain's
+// child has. A child that no signal can wake, because its file system is gone, holds the daemon all the same.
 void limit_time_to_program() {
 #if defined(SYS_timer_create) && defined(WEX_SET_TIMER_CALL)
   sigevent deadly = {};
@@ -257,6 +262,7 @@ void execute(char* const* argv) {
   }
   start.normal_lmk = wex_reset_lmk(static_cast<int32_t>(getpid())) > 0;  // before the program can fork
   remove_old_file(start);
+  start.at_program = true;
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
   _exit(1);
@@ -333,12 +339,40 @@ __attribute__((noinline)) pid_t fork_child(child_start& start) {
   return child;
 }
 
+// Whether the child was killed before it was a program. It is reaped then. It gives our memory back a moment
+// before its end can be seen: one that did not come to execute has surely ended, any other gets that moment.
+bool was_cut_short(const child_start& start, pid_t child, int64_t took_ms) {
+  int options = WEXITED | WNOWAIT;
+  if (start.at_program) {
+    if (took_ms < kPlatformTimeLimitMs) {
+      return false;
+    }
+    wex_sleep_ms(kKilledChildMs);
+    options |= WNOHANG;
+  }
+  siginfo_t end = {};
+  return waitid(P_PID, static_cast<id_t>(child), &end, options) == 0 && end.si_pid == child &&
+         end.si_code == CLD_KILLED && end.si_status == SIGKILL && waitpid(child, nullptr, WNOHANG) == child;
+}
+
+// Starts a child that has the daemon's memory until it is a program. False when one is to be forked instead:
+// this way of starting is refused, or the child was killed on its way, by its time limit most likely. That is
+// no end of the program, and the next child may take all the time it needs.
+bool start_in_our_memory(child_start* start, pid_t* child) {
+  const int64_t begun = wex_clock_ms();
+  *child = share_memory_with_child(*start);
+  if (*child > 0) {
+    return !was_cut_short(*start, *child, wex_clock_ms() - begun);
+  }
+  return errno == EAGAIN || errno == ENOMEM;
+}
+
 // The child's pid, or -1 with errno. Signals are held back, because a handler would run in shared memory.
 pid_t share_or_fork(child_start* start) {
   const signals_held all_signals;
   if (start->parent_waits) {
-    const pid_t child = share_memory_with_child(*start);
-    if (child >= 0 || (errno != ENOSYS && errno != EINVAL)) {
+    pid_t child = -1;
+    if (start_in_our_memory(start, &child)) {
       return child;
     }
     g_sharing_refused.store(true);
@@ -390,7 +424,7 @@ void find_old_file(child_start* start, char (&path)[kPathSize]) {
 
 pid_t wex_start_child(const launch& what) {
   char path[kPathSize];
-  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, false};
+  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, false, false};
   find_old_file(&start, path);
   const pid_t child = what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
   g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;

@@ -343,6 +343,39 @@ size_t shared_starts() {
   return occurrences(Daemon::trace(), "vfork(");
 }
 
+// A child of any of its threads, or 0.
+pid_t child_of(pid_t daemon) {
+  pid_t child = 0;
+  for (const std::string& task : list_dir("/proc/" + text(daemon) + "/task")) {
+    sscanf(read_file("/proc/" + text(daemon) + "/task/" + task + "/children").c_str(), "%d", &child);
+  }
+  return child;
+}
+
+// Whoever filters the daemon's calls mostly says so.
+TEST_F(Spawn, AChildIsForkedWhereSharingIsNotPermitted) {
+  expect_clean_restart("inject=?vfork:error=EPERM");
+}
+
+// Its time limit may do that, when a disk or a busy processor keeps it from its program.
+TEST_F(Spawn, AChildThatIsKilledOnItsWayIsNoEndOfItsProgram) {
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start_traced({"trace=setsid,?vfork", "inject=setsid:delay_enter=1000000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(kTeller)));
+  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  service.kill_now();
+  pid_t child = 0;
+  ASSERT_TRUE(eventually([&] { return (child = child_of(daemon.pid())) > 0; }, 20s));
+  send_signal(child, SIGKILL);
+  const pid_t next = wait_for_actor(kTeller, service.pid());
+  EXPECT_NE(child, next);
+  EXPECT_TRUE(eventually([&] { return is_registered(next); }, 20s));
+  EXPECT_EQ(1U, shared_starts());
+  daemon.stop();
+}
+
 // A child waits for a console that is not there, and a parent that shares its memory with it.
 TEST_F(Spawn, WithoutAConsoleTheDaemonWaitsForOneChildOnly) {
   Daemon daemon;
