@@ -1,8 +1,8 @@
 /* wex_status: what wex does, for everybody to read.
  *
  * The daemon keeps a table in shared memory, "/dev/shm/wex-status": a head with counters and the daemon's
- * threads, one slot a registration, a ring of the last events. Only the daemon writes; what has happened
- * stands there within a quarter of a second. A reader opens it read-only and never makes anybody wait. One
+ * threads, one slot a registration, a ring of the last events. Only the daemon writes, a
+ * moment after something has happened; heartbeats, while nothing does, every ten seconds. A reader opens it read-only and never makes anybody wait. One
  * that maps it must not touch slots from `slots_used` on, which may have no memory.
  *
  * The counters, `event_next` and `slots_used` are single words, always whole. The head and each thread, slot
