@@ -1,9 +1,10 @@
 /* wex_status: what wex does, for everybody to read.
  *
  * The daemon keeps a table in shared memory, "/dev/shm/wex-status": a head with counters and the daemon's
- * threads, one slot a registration, a ring of the last events. Only the daemon writes; what has happened
- * stands there within a quarter of a second. A reader opens it read-only and never makes anybody wait. One
- * that maps it must not touch slots from `slots_used` on, which may have no memory.
+ * threads, one slot a registration, a ring of the last events. Only the daemon writes, a moment after
+ * something has happened; while nothing does, heartbeats every ten seconds. A reader opens it read-only and
+ * never makes anybody wait. One that maps it must not touch slots from `slots_used` on, which may have no
+ * memory.
  *
  * The counters, `event_next` and `slots_used` are single words, always whole. The head and each thread, slot
  * and event have a `seq`, which is odd while it is being written. A reader takes a copy, and keeps it when

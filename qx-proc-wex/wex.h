@@ -87,11 +87,11 @@ typedef struct wex_pid {
 
   int32_t exit_seen;      /* an exit of this very pid has been handled */
   int32_t restart_failed; /* the last restart left no process: the pid is a dead one */
-  int32_t thread_of;      /* the pid is a thread of this process; 0 = a process, -1 = not known yet of which */
+  int32_t thread_of;      /* the pid is of a thread of this process; 0 = a process, -1 = not known yet */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
   int32_t missed_child;   /* child of the last start, when its program was not found; else 0 */
   uint32_t missed_start;  /* number of that start until its end has been handled, 0 = none */
-  uint64_t start_time;    /* of the process, field 22 of /proc/PID/stat: tells a reused pid; 0 = unknown */
+  uint64_t start_time;    /* of the process, as in /proc/PID/stat: tells a reused pid; 0 = unknown */
   uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
   int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
 } wex_pid;

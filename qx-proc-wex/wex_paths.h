@@ -1,5 +1,6 @@
 // wex_paths: every path of the file-system interface, on one screen. Three stand in public headers, because
-// others need them: WEX_SEM_KEY_FILE (wex.h), RAS_WEX_DBG_FILE (ras_comp_config.h) and WEX_STATUS_NAME (wex_status.h).
+// others need them: WEX_SEM_KEY_FILE (wex.h), RAS_WEX_DBG_FILE (ras_comp_config.h) and
+// WEX_STATUS_NAME (wex_status.h).
 //
 // "gone" and "kept" say whether the file is to outlive a reboot of the device.
 #pragma once
@@ -124,7 +125,8 @@ inline constexpr char kData2Dirs[][20] = {"/data2/.ovix/", "/data2/.ovix/vsd/", 
 // Kept: the last entry is the bare format; making it normally fails without harm, see docs/decisions.md.
 inline constexpr char kRunDirs[][20] = {"/tmp/vsd_common/", "/tmp/vsd",           "/tmp/vsd/0",
                                         "/etc/vsd",         "/etc/vsd/0",         "/data/var/",
-                                        "/data/var/run/",   "/data/var/run/vsd/", WEX_DOMAIN "/wex/db"};
+                                        "/data/var/run/",   "/data/var/run/vsd/",
+                                        WEX_DOMAIN "/wex/db"};  // NOLINT(bugprone-suspicious-missing-comma)
 
 inline constexpr char kDataDir[]          = "/data/";                             // device, opened to everybody
 // clang-format on
