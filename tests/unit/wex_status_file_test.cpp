@@ -423,7 +423,7 @@ TEST_F(StatusTable, AWriterThatIsKilledLeavesAtMostOnePartBeingWritten) {
     }
     usleep(static_cast<useconds_t>(random() % 3000));
     ASSERT_GT(writer, 0);
-    kill(writer, SIGKILL);
+    wex_test::send_signal(writer, SIGKILL);
     ASSERT_EQ(writer, waitpid(writer, nullptr, 0));
     const unique_fd file(open(kStatusTable, O_RDONLY));
     if (!file.valid()) {

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <termios.h>
 
+#include "send_signal.h"
 #include "unique_fd.h"
 #include "wexstat_world.h"
 
@@ -23,7 +24,7 @@ class terminal {
   }
   ~terminal() {
     if (pid_ > 0) {
-      kill(pid_, SIGKILL);
+      wex_test::send_signal(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
   }
