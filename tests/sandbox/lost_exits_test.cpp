@@ -109,7 +109,9 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   ASSERT_TRUE(witness.start());
   witness.end();
   EXPECT_TRUE(witness.comes_back(30s)) << "its exit, too, may drown";
-  EXPECT_EQ(1u, occurrences(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
+  const std::string started = "]wex_spawn--> wex_pid->process = ";
+  EXPECT_TRUE(console_says(started, 20s)) << "it is told once the new process runs its program";
+  EXPECT_EQ(1u, occurrences(read_console(), started)) << read_console();
 }
 
 // A child that has this very pid and executes one program after the other.
