@@ -26,6 +26,7 @@
 #include "unique_fd.h"
 #include "waiting.h"
 #include "wex_limits.h"
+#include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
 #include "wex_utils.h"
@@ -82,12 +83,33 @@ int64_t wall_now() {
 // A new file may take the last block of the disk, so this comes first.
 bool has_room() {
   struct statvfs disk = {};
+  constexpr unsigned kFilesLeft = 4;  // the record of the reboot needs one; some file systems count none
   return statvfs(kDataDir, &disk) == 0 &&
-         static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize >= static_cast<uint64_t>(kBlackBoxFree);
+         static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize >= static_cast<uint64_t>(kBlackBoxFree) &&
+         (disk.f_files == 0 || disk.f_favail >= kFilesLeft);
 }
 
+// A file that somebody else made, or may read, gets out of the way: not everybody may know what root's
+// processes were doing.
 unique_fd open_page(const char* path) {
-  return wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kBlackBoxMode);
+  unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kBlackBoxMode);
+  struct stat facts = {};
+  if (file.valid() && (fstat(file.get(), &facts) != 0 || facts.st_uid != geteuid() ||
+                       (facts.st_mode & 0777 & ~kBlackBoxMode) != 0)) {
+    char aside[kPathSize];
+    file.reset();
+    if (wex_clear_name(path, aside)) {
+      file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL, kBlackBoxMode);
+    }
+  }
+  return file;
+}
+
+// Makes room for a new file. What is in the way of the old one's name and is no file gets aside.
+bool turn_page(const char* path, const char* old_path) {
+  char aside[kPathSize];
+  return wex_rename(path, old_path) == 0 ||
+         (wex_clear_name(old_path, aside) && wex_rename(path, old_path) == 0);
 }
 
 // Appends the text to a file of bounded size: a full one gives its place to a new one, and stays as the old
@@ -102,7 +124,7 @@ void keep(const char* path, const char* old_path, const char* text, size_t lengt
     return;
   }
   if (facts.st_size + static_cast<off_t>(length) > kBlackBoxMax) {
-    if (wex_rename(path, old_path) != 0) {
+    if (!turn_page(path, old_path)) {
       return;
     }
     file = open_page(path);

@@ -26,6 +26,7 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
+#include "wex_status_file.h"
 #include "wex_utils.h"
 
 namespace {
@@ -213,6 +214,7 @@ int wex_rebuild_chains(wex_chains_t* chain) {
       tell_stranger(row.rec);
     } else {
       restart_dead(chain, row.rec);
+      wex_status_publish();  // many starts may take long, and nobody else shows them yet
     }
   }
   return 0;

@@ -171,7 +171,6 @@ void start_threads(threads* running) {
 
 // The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
 void show_status() {
-  wex_status_thread_is(kStatusMain);
   const int news = wex_status_open_news();
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMain);
@@ -257,6 +256,9 @@ int main(int argc, char** argv) {
   wex_database_dir.hold();
   wex_log_moved_names();
   wex_init_wakeup();
+  wex_status_open_news();
+  wex_status_thread_is(kStatusMain);
+  wex_status_busy(kStatusMain);
   wex_status_open();
   if (!restore_registry()) {
     return -1;

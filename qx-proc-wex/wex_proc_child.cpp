@@ -216,7 +216,7 @@ void execute_path(char* const* argv) {
     return;
   }
   char* through_shell[kMaxWords + 4] = {const_cast<char*>(kShell)};
-  for (int i = 0; argv[i] != nullptr && i < kMaxWords + 2; ++i) {
+  for (int i = 0; i < kMaxWords + 2 && argv[i] != nullptr; ++i) {
     through_shell[i + 1] = argv[i];
   }
   execve(kShell, through_shell, environ);

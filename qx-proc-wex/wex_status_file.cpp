@@ -14,6 +14,7 @@
 #include <iterator>
 #include <utility>
 
+#include "close_on_exec.h"
 #include "guarded_file.h"
 #include "priority_mutex.h"
 #include "text_buffer.h"
@@ -347,8 +348,10 @@ unique_fd open_earlier(int parent, const char* name) {
   if (file.valid() && is_ours(file.get())) {
     return file;
   }
-  if (file.valid() || errno != ENOENT) {
-    file.reset();
+  const bool ours_to_clear = file.valid() || (errno != ENOENT && errno != EMFILE && errno != ENFILE &&
+                                              errno != ENOMEM && errno != EINTR);
+  file.reset();
+  if (ours_to_clear) {
     make_room();
   }
   return file;
@@ -380,6 +383,9 @@ bool make_table(table* to) {
     file = make_new(parent.get(), name);
   }
   to->file = std::move(file);
+  if (to->file.valid()) {
+    confirm_close_on_exec(to->file.get());
+  }
   return to->file.valid();
 }
 
@@ -410,7 +416,9 @@ void try_to_make(table* to) {
 // is made anew.
 bool is_whole(table* to) {
   struct stat facts = {};
-  if (!to->file.valid() || fstat(to->file.get(), &facts) != 0 || facts.st_nlink == 0) {
+  struct stat named = {};
+  if (!to->file.valid() || fstat(to->file.get(), &facts) != 0 || lstat(kStatusTable, &named) != 0 ||
+      named.st_dev != facts.st_dev || named.st_ino != facts.st_ino) {
     return false;
   }
   if (facts.st_size == WEX_STATUS_FILE_SIZE) {

@@ -86,6 +86,15 @@ std::atomic<bool> g_news_told{true};  // nobody waits for them yet
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
 
+thread_local int t_which = kNone;  // of the calling thread; those of clients and of tests are none
+
+// A thread that tells something is not stuck: what it does next is another piece of work.
+void note_progress() {
+  if (t_which != kNone && g_turns[t_which].load(std::memory_order_relaxed) % 2 != 0) {
+    wex_status_busy(static_cast<status_thread>(t_which));
+  }
+}
+
 void set_bit(uint32_t* words, int32_t number) {
   words[number / kWordBits] |= 1U << (number % kWordBits);
 }
@@ -243,6 +252,7 @@ void wex_status_hide(wex_pid* rec) {
 }
 
 void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_detail& more) {
+  note_progress();
   const int64_t now = wex_clock_ms();
   const mutex_lock hold(g_mutex);
   add_event(kind, more.pid != 0 ? more.pid : rec->pid, rec->vsd, rec->process, more, now);
@@ -265,6 +275,7 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process, 
 }
 
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
+  note_progress();
   const int64_t now = wex_clock_ms();
   const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
@@ -305,6 +316,7 @@ void wex_status_count(int counter) {
 }
 
 void wex_status_thread_is(status_thread which) {
+  t_which = which;
   g_tids[which].store(wex_thread_id(), std::memory_order_relaxed);
   wex_status_idle(which);
   tell_news();
@@ -391,8 +403,8 @@ void wex_status_return_all() {
 }
 
 int wex_status_open_news() {
-  if (pipe(g_news) != 0) {
-    return -1;
+  if (g_news[0] >= 0 || pipe(g_news) != 0) {
+    return g_news[0];
   }
   for (const int end : g_news) {
     set_close_on_exec(end);

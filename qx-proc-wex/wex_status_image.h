@@ -93,7 +93,7 @@ void wex_status_return_slot(int32_t number);
 void wex_status_return_all();
 
 // A descriptor that can be read once something has changed, until that is taken note of; -1 when there is
-// none. So nobody has to look while nothing happens. The main thread's.
+// none. So nobody has to look while nothing happens. The main thread's, first before any other thread runs.
 int wex_status_open_news();
 void wex_status_take_news();
 

@@ -33,7 +33,8 @@ bool comes_round(const wex_status_thread& thread) {
 int64_t pauses_ms(const status_copy& copy) {
   int64_t all = 0;
   for (const wex_status_slot& slot : copy.slots) {
-    if (slot.state != WEX_STATUS_RUNNING && slot.restart_delay > 0) {
+    const bool under_way = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
+    if (under_way && slot.restart_delay > 0) {
       all = std::min(all + int64_t{slot.restart_delay} * 1000, kPausesMaxMs);
     }
   }

@@ -72,6 +72,38 @@ TEST_F(BlackBox, ARebootIsPrecededByTheLastEventsAndTheParkedPrograms) {
   });
 }
 
+TEST_F(BlackBox, NothingIsKeptInAFileThatOthersMayRead) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    for (const bool strangers : {true, false}) {
+      write_file(kHistory, "planted", 0666);
+      if (strangers) {
+        ASSERT_EQ(0, chown(kHistory, 1000, 1000));
+      }
+      wex_keep_history("why");
+      struct stat facts = {};
+      ASSERT_EQ(0, stat(kHistory, &facts));
+      EXPECT_EQ(0U, facts.st_uid);
+      EXPECT_EQ(0600U, facts.st_mode & 0777);
+      EXPECT_EQ(std::string::npos, read_file(kHistory).find("planted"));
+      EXPECT_NE(std::string::npos, read_file(kHistory).find("why"));
+      unlink(kHistory);
+    }
+  });
+}
+
+TEST_F(BlackBox, ADirectoryInTheWayOfTheOldFileStopsNothing) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    write_file(kHistory, std::string(32700, '.'), 0600);
+    make_dirs(std::string(kHistoryOld) + "/full");
+    wex_keep_history("number 2");
+    EXPECT_NE(std::string::npos, read_file(kHistory).find("number 2"));
+  });
+}
+
 TEST_F(BlackBox, TheHistoryIsBoundedToTwoFiles) {
   in_child([] {
     wex_init_chains(&wex_chains);

@@ -312,14 +312,17 @@ TEST_F(StatusTable, ATableThatIsCutShortOrRemovedIsWholeAgain) {
       ASSERT_EQ(1U, reader.slots().size());
       EXPECT_EQ(WEX_STATUS_RESTARTING, reader.slots()[0].state);
     }
-    ASSERT_EQ(0, unlink(kStatusTable));
-    wex_status_publish();  // found: it is made anew at the next try
-    a_minute_passes();
-    wex_status_publish();
-    const StatusReader reader;
-    ASSERT_TRUE(reader.valid());
-    EXPECT_EQ("1 2 4", reader.kinds());
-    EXPECT_EQ(1U, reader.slots().size());
+    for (const bool renamed : {false, true}) {
+      ASSERT_EQ(0, renamed ? rename(kStatusTable, "/dev/shm/elsewhere") : unlink(kStatusTable));
+      wex_status_publish();  // found: it is made anew at the next try
+      a_minute_passes();
+      wex_status_publish();
+      const StatusReader reader;
+      ASSERT_TRUE(reader.valid());
+      EXPECT_EQ("1 2 4", reader.kinds());
+      EXPECT_EQ(1U, reader.slots().size());
+    }
+    unlink("/dev/shm/elsewhere");
   });
 }
 
@@ -470,6 +473,13 @@ TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
     wex_status_busy(kStatusServer);
     wex_status_publish();
     EXPECT_GT(seen().busy_since, since) << "another one";
+    const int64_t second = seen().busy_since;
+    wex_pid* const rec = add(100);
+    usleep(5000);
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    wex_status_publish();
+    EXPECT_GT(seen().busy_since, second) << "what it tells ends a piece, too";
+    drop(rec);
     wex_status_idle(kStatusServer);
     wex_status_publish();
     EXPECT_EQ(0, seen().busy_since);
