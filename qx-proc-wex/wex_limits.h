@@ -82,8 +82,8 @@ inline constexpr unsigned kStartsKept = 128;   // started third-part children re
 inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
-inline constexpr int kKilledChildMs =
-    20;  // from the moment that a killed child gives its memory back to its end
+inline constexpr int kKilledChildMs = 10;    // pause before a look whether a child was killed on its way,
+inline constexpr int kKilledChildLooks = 5;  // and how many such looks
 inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
 inline constexpr int kPlatformLookMs = 10;          // how often it is looked at until then
 

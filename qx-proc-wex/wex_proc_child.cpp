@@ -340,19 +340,24 @@ __attribute__((noinline)) pid_t fork_child(child_start& start) {
 }
 
 // Whether the child was killed before it was a program. It is reaped then. It gives our memory back a moment
-// before its end can be seen: one that did not come to execute has surely ended, any other gets that moment.
+// before its end can be seen. One that lives, and has not told that it is about to execute, has memory of its
+// own: some emulators and sanitizers fork where vfork() is called.
 bool was_cut_short(const child_start& start, pid_t child, int64_t took_ms) {
-  int options = WEXITED | WNOWAIT;
-  if (start.at_program) {
-    if (took_ms < kPlatformTimeLimitMs) {
-      return false;
-    }
-    wex_sleep_ms(kKilledChildMs);
-    options |= WNOHANG;
+  if (start.at_program && took_ms < kPlatformTimeLimitMs) {
+    return false;
   }
   siginfo_t end = {};
-  return waitid(P_PID, static_cast<id_t>(child), &end, options) == 0 && end.si_pid == child &&
-         end.si_code == CLD_KILLED && end.si_status == SIGKILL && waitpid(child, nullptr, WNOHANG) == child;
+  for (int look = 0; look < kKilledChildLooks && end.si_pid == 0; ++look) {
+    wex_sleep_ms(kKilledChildMs);
+    if (waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0) {
+      return false;
+    }
+  }
+  if (end.si_pid == 0) {
+    g_sharing_refused.store(!start.at_program || g_sharing_refused.load());
+    return false;
+  }
+  return end.si_code == CLD_KILLED && end.si_status == SIGKILL && waitpid(child, nullptr, WNOHANG) == child;
 }
 
 // Starts a child that has the daemon's memory until it is a program. False when one is to be forked instead:
