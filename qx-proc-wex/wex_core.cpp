@@ -169,6 +169,13 @@ void start_threads(threads* running) {
   }
 }
 
+void open_status() {
+  wex_status_open_news();
+  wex_status_thread_is(kStatusMain);
+  wex_status_busy(kStatusMain);
+  wex_status_open();
+}
+
 // The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
 void show_status() {
   const int news = wex_status_open_news();
@@ -256,10 +263,7 @@ int main(int argc, char** argv) {
   wex_database_dir.hold();
   wex_log_moved_names();
   wex_init_wakeup();
-  wex_status_open_news();
-  wex_status_thread_is(kStatusMain);
-  wex_status_busy(kStatusMain);
-  wex_status_open();
+  open_status();
   if (!restore_registry()) {
     return -1;
   }

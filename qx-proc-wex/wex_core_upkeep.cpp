@@ -103,6 +103,15 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
   return confirmed ? verdict::lost : verdict::suspected;
 }
 
+void hand_back_ready_restart() {
+  ready_restart ready = {};
+  if (wex_take_ready_restart(&ready)) {
+    wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,
+            ready.force_restart);
+    wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
+  }
+}
+
 }  // namespace
 
 void wex_sweep_lost_exits() {
@@ -142,12 +151,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusDelay);
     wex_drop_domains_taken_down();
-    ready_restart ready = {};
-    if (wex_take_ready_restart(&ready)) {
-      wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,
-              ready.force_restart);
-      wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
-    }
+    hand_back_ready_restart();
     wex_log_long_delays();
     wex_log_take_downs();
     const int32_t now = wex_clock_now();
