@@ -606,7 +606,7 @@ TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
 TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
   const std::string line =
       "Thread \"wex_process_netlink\" exit, wex will be restart. res=-5, Cannot allocate memory(12)\r\n";
-  for (int tries = 0; tries < 10 && running_log().find(line) == std::string::npos; ++tries) {
+  for (int tries = 0; tries < 40 && running_log().find(line) == std::string::npos; ++tries) {
     mark_console();
     Daemon daemon;
     ASSERT_TRUE(daemon.start_traced({"inject=poll:error=ENOMEM:when=2"}));
