@@ -128,7 +128,7 @@ TEST_F(MainRoad, AServiceEndedBySigtermIsDroppedWithItsFile) {
   service.send(SIGTERM);
   EXPECT_TRUE(ended_by(service.wait(), SIGTERM));
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n")) << read_console();
-  EXPECT_TRUE(db_files().empty());
+  EXPECT_TRUE(eventually([] { return db_files().empty(); })) << "it goes just after the line";
   EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) > 0; }, 1500ms));
   daemon.stop();
 }
