@@ -42,9 +42,9 @@ def copy_programs(options):
     shutil.copytree(options.tools, TOOLS)
     supervisors.Wex.binary = options.wex
     supervisors.WexWithoutPauses.binary = options.wex_no_pauses
-    if options.library:
-        shutil.copy2(options.library, TOOLS)
-        supervisors.Wex.library = options.library
+    if options.client_library:
+        shutil.copy2(options.client_library, TOOLS)
+        supervisors.Wex.client_library = options.client_library
 
 
 def unpack_packages(packages):
@@ -154,7 +154,7 @@ def arguments():
     parser.add_argument("--tools", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--wex", help=argparse.SUPPRESS)
     parser.add_argument("--wex-no-pauses", help=argparse.SUPPRESS)
-    parser.add_argument("--library", help=argparse.SUPPRESS)
+    parser.add_argument("--library", dest="client_library", help=argparse.SUPPRESS)
     parser.add_argument("--packages", default="", help=argparse.SUPPRESS)
     options = parser.parse_args()
     for name in options.only.split(",") if options.only else []:

@@ -372,11 +372,11 @@ def report(settings, chosen, result):
     """The hot call of a supervised thread."""
     result["report_ns"] = tool("reports", "floor", settings["report_batches"])
     for supervisor in chosen:
-        if supervisor.name == "wex" and supervisor.library is not None:
+        if supervisor.name == "wex" and supervisor.client_library is not None:
             with Run(supervisor, 1) as run:
                 run.rest()
                 result["report_ns"].update(tool("reports", "wex", settings["report_batches"], supervisor.root(),
-                                                os.path.join(TOOLS, os.path.basename(supervisor.library))))
+                                                os.path.join(TOOLS, os.path.basename(supervisor.client_library))))
     say("report")
 
 

@@ -325,7 +325,7 @@ class Wex(Supervisor):
     kind = "wex"
     how = "as it ships, pauses of 1 ms"
     binary = None                            # set by compare.py
-    library = None
+    client_library = None
 
     def available(self):
         return self.binary is not None and os.access(self.binary, os.X_OK)
