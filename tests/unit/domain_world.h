@@ -72,11 +72,11 @@ inline void hold_memory(size_t kib) {
   memset(block, 1, kib * 1024);
 }
 
-inline void make_marker_dir(int vsd) {
+inline void make_flag_dir(int vsd) {
   make_dirs(path_of(kFlagDirFmt, vsd));
 }
 
-inline void mark(int vsd, pid_t pid) {
+inline void make_flag_file(int vsd, pid_t pid) {
   write_file(path_of(kFlagFileFmt, vsd, pid), "");
 }
 

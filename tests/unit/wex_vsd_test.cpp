@@ -191,10 +191,10 @@ TEST_F(BareRoot, AGroupThatIsNoneIsToldAndTheProcessSignalled) {
 
 TEST_F(Show, PrintsEveryDomainThatIsThere) {
   make_dirs(path_of(kDbDirFmt, 1));
-  make_marker_dir(4);
-  mark(4, 77);
-  make_marker_dir(0);
-  make_marker_dir(16);
+  make_flag_dir(4);
+  make_flag_file(4, 77);
+  make_flag_dir(0);
+  make_flag_dir(16);
   g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
   EXPECT_EQ("Vsd_1: /tmp/vsd/1/wex/\ndb\nVsd_4: /tmp/vsd/4/wex/\n77\n",
             lines_printed_by([] { EXPECT_EQ(16, show_vsd()); }));
@@ -266,7 +266,7 @@ struct Recording : World {
 
 // What runs in the domain is recorded whatever became of its start.
 TEST_F(Recording, GoesOnWhenTheStartFails) {
-  make_marker_dir(6);
+  make_flag_dir(6);
   process member({3600});
   process other({3500});
   device_answer = -1;
