@@ -105,17 +105,18 @@ struct BareRoot : World {
     make_dirs(std::string(kRoot) + "/proc/" + pid);
     write_file(std::string(kRoot) + "/proc/" + pid + "/status", status);
   }
+  static void run_inside(const std::function<bool()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(chroot(kRoot) == 0 && chdir("/") == 0 && work() ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+  }
   // What `work` prints inside.
   static std::string printed_inside(const std::function<bool()>& work) {
-    return lines_printed_by([&] {
-      const pid_t child = fork();
-      if (child == 0) {
-        _exit(chroot(kRoot) == 0 && chdir("/") == 0 && work() ? 0 : 1);
-      }
-      int status = -1;
-      EXPECT_EQ(child, waitpid(child, &status, 0));
-      EXPECT_EQ(0, status);
-    });
+    return lines_printed_by([&] { run_inside(work); });
   }
   static constexpr char kRoot[] = "/bare";
 };

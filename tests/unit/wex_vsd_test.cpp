@@ -296,14 +296,14 @@ struct TakeDown : World {};
 TEST_F(BareRoot, ATakeDownWhoseKillFailsKeepsItsMarker) {
   make_dirs("/bare/tmp/vsd/13");
   put_process("4194305", "Groups:\t4300\n");
-  std::thread meanwhile([] {
-    EXPECT_TRUE(eventually([] { return exists("/bare/tmp/vsd/13/delete_vsd"); }, std::chrono::seconds(20)));
-    std::this_thread::sleep_for(std::chrono::seconds(1));  // the first look takes no time
+  const printed output;
+  std::thread meanwhile([&] {  // between the first look, which finds the process, and the second
+    EXPECT_TRUE(eventually([&] { return output.has("supplement_id: 4300 pid: 4194305\n"); }, 20s));
     EXPECT_EQ(0, rename("/bare/proc", "/bare/proc.away"));
   });
-  const std::string text = printed_inside([] { return stop_vsd(13) == -ENOENT; });
+  run_inside([] { return stop_vsd(13) == -ENOENT; });
   meanwhile.join();
-  EXPECT_NE(std::string::npos, text.find("supplement_id: 4300 pid: 4194305\n")) << text;
+  const std::string text = without_line_numbers(output.text());
   EXPECT_NE(std::string::npos,
             text.find("After 5s, Sending vsd: 13 all processes the KILL signal...\n"
                       "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n"
