@@ -34,7 +34,7 @@ void crash_once(int number, const std::string& how = "--crash=SEGV") {
   ASSERT_GT(wait_for_actor(crasher(number, how), service.pid()), 0) << read_console();
 }
 
-TEST_F(ExitRoad, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
+TEST_F(ExitHandling, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -44,7 +44,7 @@ TEST_F(ExitRoad, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
+TEST_F(ExitHandling, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
   write_file(kBurstConfig, "60 3\n");
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=reboot"}));
@@ -67,7 +67,7 @@ TEST_F(ExitRoad, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
+TEST_F(ExitHandling, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -76,9 +76,8 @@ TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
-    ASSERT_GT(next, 0) << read_console();
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
+    const pid_t next = next_life(pid);
+    ASSERT_GT(next, 0);
     send_signal(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
     pid = next;
   }
@@ -93,7 +92,7 @@ struct NoRule {
   void (*place)();  // what there is in place of two numbers
 };
 
-class WithoutARule : public ExitRoad, public ::testing::WithParamInterface<NoRule> {};
+class WithoutARule : public ExitHandling, public ::testing::WithParamInterface<NoRule> {};
 
 TEST_P(WithoutARule, TheTenthCrashWithinFifteenMinutesRestartsTheDevice) {
   GetParam().place();
@@ -117,7 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, WithoutARule,
                                            NoRule{"unreadable", [] { make_dirs(kBurstConfig); }}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
+TEST_F(ExitHandling, TheConfigurationIsReadAtEveryExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   ASSERT_NO_FATAL_FAILURE(crash_once(1));
@@ -128,7 +127,7 @@ TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
+TEST_F(ExitHandling, ACrashOfAThreadCountsForItsProgram) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -139,7 +138,7 @@ TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, CrashesOfUnregisteredProgramsNeverRestartTheDevice) {
+TEST_F(ExitHandling, CrashesOfUnregisteredProgramsNeverRestartTheDevice) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

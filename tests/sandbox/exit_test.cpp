@@ -1,20 +1,16 @@
 // What becomes of an exit: take-down markers, threads, duplicates, postponed and lost exits.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exit_world.h"
-#include "unique_fd.h"
+#include "raw_client.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -23,7 +19,7 @@ namespace {
 
 // ---- Take-down --------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
+TEST_F(ExitHandling, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int domain = 1; domain <= 16; ++domain) {
@@ -47,7 +43,7 @@ TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
+TEST_F(ExitHandling, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   write_file("/tmp/vsd/0/delete_vsd", "");
   write_file("/tmp/vsd/17/delete_vsd", "");
   Daemon daemon;
@@ -60,7 +56,7 @@ TEST_F(ExitRoad, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
+TEST_F(ExitHandling, ATakeDownIsToldOnceAndSoIsItsEnd) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 3; ++round) {
@@ -117,11 +113,11 @@ void wait_until_exits_are_handled() {
 }
 
 // How often the daemon has started a program anew.
-size_t restarts_told() {
+size_t restarts_logged() {
   return count_in(read_console(), "]wex_spawn--> wex_pid->process = ");
 }
 
-TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
+TEST_F(ExitHandling, AThreadThatEndsIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART",     "--confirm", "--count=/tmp/wex/starts", "--end-thread",
@@ -137,7 +133,7 @@ TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
 }
 
 // Only a whole process exits.
-TEST_F(ExitRoad, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds) {
+TEST_F(ExitHandling, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--end-thread=/tmp/wex/thread", "--ready=/tmp/wex/ready", "--hold"};
@@ -150,7 +146,7 @@ TEST_F(ExitRoad, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds)
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
+TEST_F(ExitHandling, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
   constexpr int kThreads = 1000;
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=recvfrom", "signal=none"}));
@@ -163,7 +159,7 @@ TEST_F(ExitRoad, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
+TEST_F(ExitHandling, AProgramExecutedByAThreadIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART",
@@ -178,7 +174,7 @@ TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
   const pid_t pid = service.pid();
   ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
   ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
-  EXPECT_EQ(0u, restarts_told()) << read_console();
+  EXPECT_EQ(0u, restarts_logged()) << read_console();
   EXPECT_EQ((texts{text(pid), text(pid)}), lines_of(read_file("/tmp/wex/starts")));
   EXPECT_TRUE(service.running());
   service.kill_now();
@@ -188,7 +184,7 @@ TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
 
 // ---- Duplicates -------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, OfTwoRunningAlikeTheOneThatDiesIsForgotten) {
+TEST_F(ExitHandling, OfTwoRunningAlikeTheOneThatDiesIsForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process first, second;
@@ -214,7 +210,7 @@ pid_t restarted(Process* service) {
   return next;
 }
 
-TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
+TEST_F(ExitHandling, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process first, twin;
@@ -234,7 +230,7 @@ TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
+TEST_F(ExitHandling, TwinsThatDieTogetherComeBackAsOne) {
   for (const bool restarted_first : {true, false}) {
     mark_console();
     Daemon daemon;
@@ -256,7 +252,7 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
     EXPECT_GT(one, 0) << read_console();
     ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
     EXPECT_EQ(one, wait_for_actor(kService, 0, 0ms)) << "there are two, or none";
-    EXPECT_EQ(2u, restarts_told()) << read_console();
+    EXPECT_EQ(2u, restarts_logged()) << read_console();
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir) == texts{"actor." + text(one)}; }));
     daemon.kill_now();
     send_signal(one, SIGKILL);
@@ -265,7 +261,7 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
   }
 }
 
-TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
+TEST_F(ExitHandling, AlikeInTwoDomainsAreNoDuplicates) {
   make_dirs("/tmp/vsd/4");
   make_dirs("/data/var/run/vsd/4");
   Daemon daemon;
@@ -288,7 +284,7 @@ TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
 
 // ---- Restart delay ----------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, ARestartDelayIsWaitedFor) {
+TEST_F(ExitHandling, ARestartDelayIsWaitedFor) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--time-set=2", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
@@ -305,7 +301,7 @@ TEST_F(ExitRoad, ARestartDelayIsWaitedFor) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
+TEST_F(ExitHandling, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--time-set=3600", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
@@ -321,21 +317,8 @@ TEST_F(ExitRoad, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   daemon.stop();
 }
 
-// Connects until the server is refused one of its accepts, which ends the daemon.
-bool end_through_server() {
-  std::vector<unique_fd> clients;
-  return eventually([&] {
-    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
-                   2 + sizeof kControlSocket - 1) != 0;
-  });
-}
-
 // Without a database file the next daemon would not know the program.
-TEST_F(ExitRoad, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
+TEST_F(ExitHandling, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -351,7 +334,7 @@ TEST_F(ExitRoad, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestart
   EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
 }
 
-TEST_F(ExitRoad, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce) {
+TEST_F(ExitHandling, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced(
       {"inject=clone,fork,vfork:error=ENOMEM:when=1..3", "inject=accept4:error=ECONNABORTED:when=40"}));
@@ -371,7 +354,7 @@ TEST_F(ExitRoad, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce
 // ---- Exit statuses that look like SIGTERM -----------------------------------------------------------------
 
 namespace {
-class HandledTerm : public ExitRoad, public ::testing::WithParamInterface<int> {};
+class HandledTerm : public ExitHandling, public ::testing::WithParamInterface<int> {};
 }  // namespace
 
 // Only death by the signal itself means "stopped on purpose".
@@ -397,7 +380,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, HandledTerm, ::testing::Values(15, 143));
 
 // ---- Lost exits -------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
+TEST_F(ExitHandling, AnExitLostInAnOverflowIsFound) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=EPERM"}));  // a small queue, and strangers in it
   ASSERT_TRUE(daemon.wait_ready());
@@ -427,13 +410,13 @@ TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
   EXPECT_TRUE(console_says(" exit of pid " + text(old_pid) + " was lost\n"));
   EXPECT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
   ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
-  EXPECT_EQ(1u, restarts_told()) << "restarted twice";
+  EXPECT_EQ(1u, restarts_logged()) << "restarted twice";
   EXPECT_EQ(1u, count_in(read_console(), " exit of pid "));
   EXPECT_EQ(1u, list_dir(kDbDir).size()) << "the lost one is still registered";
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AnInterruptedWaitForEventsIsTakenUpAgain) {
+TEST_F(ExitHandling, AnInterruptedWaitForEventsIsTakenUpAgain) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=poll,ppoll:error=EINTR:when=3..40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -447,7 +430,7 @@ TEST_F(ExitRoad, AnInterruptedWaitForEventsIsTakenUpAgain) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
+TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=recvfrom:poke_exit=@arg6=08000000:when=1"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -460,7 +443,7 @@ TEST_F(ExitRoad, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
+TEST_F(ExitHandling, AnExitThatComesLateIsNotTakenForALostOne) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",
@@ -482,11 +465,11 @@ TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 15s)) << read_console().substr(0, 4000);
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
   EXPECT_EQ(0u, count_in(read_console(), " exit of pid ")) << "taken for lost";
-  EXPECT_EQ(0u, restarts_told());
+  EXPECT_EQ(0u, restarts_logged());
   daemon.stop();
 }
 
-TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
+TEST_F(ExitHandling, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 20; ++round) {
@@ -513,7 +496,7 @@ TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
 
 // ---- Zombies ----------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
+TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process service;
@@ -521,9 +504,8 @@ TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
+    const pid_t next = next_life(pid);
     ASSERT_GT(next, 0);
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
     send_signal(next, SIGKILL);
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;

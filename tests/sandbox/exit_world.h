@@ -23,13 +23,21 @@ inline std::string db_path(pid_t pid) {
   return std::string(kDbDir) + "/actor." + text(pid);
 }
 
-struct ExitRoad : WexWorld {};
+struct ExitHandling : WexWorld {};
 
 // Starts a service; true once it is registered.
 inline bool start_service(Process* service, const texts& options = kService) {
   unlink(kReady);
   return service->start(actor_words(options)) &&
          eventually([&] { return read_file(kReady) == text(service->pid()) + "\n"; });
+}
+
+// The service in its next life, once it is registered; 0 when it does not come.
+inline pid_t next_life(pid_t before) {
+  const pid_t next = wait_for_actor(kService, before);
+  const bool ready = next > 0 && eventually([&] { return read_file(kReady) == text(next) + "\n"; });
+  EXPECT_TRUE(ready) << read_console();
+  return ready ? next : 0;
 }
 
 inline size_t starts(const std::string& path) {
