@@ -29,6 +29,7 @@
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_status_kinds.h"
 #include "wex_utils.h"
 
 namespace {
@@ -105,9 +106,13 @@ unique_fd open_page(const char* path) {
   return file;
 }
 
-// Makes room for a new file. What is in the way of the old one's name and is no file gets aside.
-bool turn_page(const char* path, const char* old_path) {
+// Makes room for a new file. One that is larger than ours ever are was put there by somebody else, and goes.
+// What is in the way of the old one's name and is no file gets aside.
+bool turn_page(const char* path, const char* old_path, off_t size) {
   char aside[kPathSize];
+  if (size > kBlackBoxMax) {
+    return wex_unlink(path) == 0;
+  }
   return wex_rename(path, old_path) == 0 ||
          (wex_clear_name(old_path, aside) && wex_rename(path, old_path) == 0);
 }
@@ -134,7 +139,7 @@ void append_text(const kept_file& one) {
   }
   const bool full = facts.st_size + static_cast<off_t>(one.length) > kBlackBoxMax;
   if (full) {
-    if (!turn_page(one.path, one.old_path)) {
+    if (!turn_page(one.path, one.old_path, facts.st_size)) {
       return;
     }
     file = open_page(one.path);
@@ -194,20 +199,13 @@ void keep(kept_file* one, size_t length) {
 
 // ---- History ----------------------------------------------------------------------------------------------
 
-constexpr const char* kKindNames[] = {"nothing",        "daemon started", "registered",     "cancelled",
-                                      "exited",         "restarted",      "parked",         "tried again",
-                                      "postponed",      "forced",         "handed over",    "stopped",
-                                      "dropped",        "hung",           "burst",          "reboot asked",
-                                      "reboot refused", "exit was lost",  "restart failed", "daemon ended"};
-static_assert(std::size(kKindNames) == WEX_STATUS_EV_KINDS, "an event without a name");
-
 priority_mutex g_history_mutex;  // one history at a time
 kept_file g_history = {kHistory, kHistoryOld, "", 0, {false}};
 
 void add_event(page* to, const wex_status_event& event) {
   time_stamp when;
   write_time(event.wall, when);
-  add_line(to, "%s %s %.32s pid %d to %d domain %d exit %04x value %d\n", when, kKindNames[event.kind],
+  add_line(to, "%s %s %.32s pid %d to %d domain %d exit %04x value %d\n", when, kStatusKinds[event.kind].name,
            event.name, event.pid, event.new_pid, event.domain, event.exit_code, event.value);
 }
 

@@ -91,7 +91,7 @@ TEST_F(BlackBox, ARebootIsPrecededByTheLastEventsAndTheParkedPrograms) {
         << lines[1];
     EXPECT_TRUE(matches(lines[63], stamp + "parked loop\\?\\[2J pid 100 to 0 domain 3 exit 008b value 300"))
         << lines[63];
-    EXPECT_TRUE(matches(lines[64], stamp + "reboot asked  pid 0 to 0 domain 0 exit 0000 value 1"))
+    EXPECT_TRUE(matches(lines[64], stamp + "reboot_asked  pid 0 to 0 domain 0 exit 0000 value 1"))
         << lines[64];
     EXPECT_TRUE(matches(
         lines[65], "parked: loop\\?\\[2J pid 100 domain 3 restarts 0 exit 008b tried again in (299|300) s"))
@@ -149,6 +149,17 @@ TEST_F(BlackBox, TheHistoryIsBoundedToTwoFiles) {
     EXPECT_GT(read_file(kHistoryOld).size(), 16000U);
     EXPECT_NE(std::string::npos, read_file(kHistory).find("number 29\n"));
     EXPECT_EQ(2U, list_dir("/data").size());
+  });
+}
+
+TEST_F(BlackBox, AFileThatIsLargerThanAnyOfOursIsNotKept) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    write_file(kHistory, std::string(100000, 'x'), 0600);
+    wex_keep_history("why");
+    EXPECT_LT(read_file(kHistory).size(), 1000U);
+    EXPECT_FALSE(exists(kHistoryOld));
   });
 }
 
