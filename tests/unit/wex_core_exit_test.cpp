@@ -99,7 +99,7 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
     chain_lock hold(wex_chains);
     EXPECT_EQ(rec, __wex_find_pid(&wex_chains, old_pid)) << action;
   }
-  EXPECT_TRUE(g_syslog.empty()) << "nor announced";
+  EXPECT_TRUE(g_system_log.empty()) << "nor announced";
 }
 
 // It started itself again as another process, which ends just before it can be registered: nothing was handed
@@ -168,8 +168,8 @@ TEST_F(Exit, OfAMissedChildHasTheStatusThatTheReaperSaw) {
   EXPECT_NE(old_pid, rec->pid);
   EXPECT_EQ(11u | 0x80u, rec->exit_signal);
   EXPECT_EQ(1000, rec->crash_time) << "it counts among the crashes";
-  ASSERT_FALSE(g_syslog.empty());
-  EXPECT_NE(std::string::npos, g_syslog[0].text.find(" receives event:008b and self-checking ...\n"));
+  ASSERT_FALSE(g_system_log.empty());
+  EXPECT_NE(std::string::npos, g_system_log[0].text.find(" receives event:008b and self-checking ...\n"));
 }
 
 TEST_F(Exit, OfAMissedChildStoppedOnPurposeDropsTheProgram) {
@@ -198,7 +198,7 @@ TEST_F(Exit, OfAMissedChildMeansNothingOnceItsProgramHasBeenReplaced) {
     __wex_del_pid(&wex_chains, old_pid);
   }
   reap(4194304, 9);
-  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_TRUE(g_system_log.empty());
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
 }
 
