@@ -46,6 +46,12 @@ void make_file(const char* path, const std::string& text) {
   ASSERT_EQ(0, chown(path, kSomebody, kSomebody));
 }
 
+uid_t owner_of(const char* path) {
+  struct stat facts = {};
+  EXPECT_EQ(0, stat(path, &facts)) << path;
+  return facts.st_uid;
+}
+
 // Who holds the lock of the daemon, as the kernel tells; 0 when nobody does.
 pid_t lock_holder() {
   const int fd = open(kLockFile, O_RDWR | O_CLOEXEC);
@@ -63,6 +69,14 @@ TEST_F(Claims, WhateverLiesAtItsNamesTheDaemonStartsAndSaysWhatItMoved) {
     texts moved, removed;
   } rows[] = {
       {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {}, {}},
+      {"what another user has who once typed wex",
+       [] {
+         make_file(kLockFile, "");
+         ASSERT_EQ(0, chown(kRunDir, kSomebody, kSomebody));
+         ASSERT_EQ(0, chmod(kRunDir, 0755));
+       },
+       {},
+       {}},
       {"his link in place of the directory, his FIFO in place of the table",
        [] {
          remove_tree("/tmp/wex");
@@ -106,6 +120,8 @@ TEST_F(Claims, WhateverLiesAtItsNamesTheDaemonStartsAndSaysWhatItMoved) {
       lines += line.find("in the way") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(row.moved.size() + row.removed.size(), lines) << row.told << ": " << log;
+    EXPECT_EQ(0777u, mode_of(kRunDir)) << row.told;
+    EXPECT_EQ(0u, owner_of(kLockFile)) << row.told;
     for (const std::string& path : row.moved) {
       EXPECT_NE(std::string::npos, log.find(path + " was in the way and is now /")) << row.told << log;
     }
