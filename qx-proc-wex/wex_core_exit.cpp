@@ -247,8 +247,8 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
   if (!wex_surely_dead(wex_look_at(child))) {
-    return true;  // also when it cannot be looked at: a second instance does more harm than an unregistered
-                  // one
+    // Also when /proc cannot be read: a second instance does more harm than one that is not registered.
+    return true;
   }
   *handed = __wex_restore_record(&wex_chains, before);
   return false;
@@ -303,9 +303,9 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   restart(rec, *action);
 }
 
-// Tells of the end of the record's process once: a postponed one comes here a second time.
-void tell_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool told) {
-  if (!told) {
+// Reports the end of the record's process once: a postponed one comes here a second time.
+void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported) {
+  if (!reported) {
     wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, exit_signal});
   } else if (force_restart == 1) {
     wex_status_tell(WEX_STATUS_EV_FORCED, rec, {0, 0, exit_signal});
@@ -313,9 +313,9 @@ void tell_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restart,
 }
 
 // The record's process has ended.
-void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool told)
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
     WEX_TSA(requires_capability(wex_chains)) {
-  tell_ended(rec, exit_signal, force_restart, told);
+  report_ended(rec, exit_signal, force_restart, reported);
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
