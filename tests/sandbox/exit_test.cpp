@@ -1,20 +1,16 @@
 // What becomes of an exit: take-down markers, threads, duplicates, postponed and lost exits.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exit_world.h"
-#include "unique_fd.h"
+#include "raw_client.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -321,19 +317,6 @@ TEST_F(ExitHandling, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   daemon.stop();
 }
 
-// Connects until the server is refused one of its accepts, which ends the daemon.
-bool end_through_server() {
-  std::vector<unique_fd> clients;
-  return eventually([&] {
-    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
-                   2 + sizeof kControlSocket - 1) != 0;
-  });
-}
-
 // Without a database file the next daemon would not know the program.
 TEST_F(ExitHandling, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
   Daemon daemon;
@@ -521,9 +504,8 @@ TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
+    const pid_t next = next_life(pid);
     ASSERT_GT(next, 0);
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
     send_signal(next, SIGKILL);
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;
