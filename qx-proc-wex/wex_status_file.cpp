@@ -242,14 +242,21 @@ bool has_right_form(int fd) {
          facts.st_size == WEX_STATUS_FILE_SIZE;
 }
 
+// Of -1 there are records: no process was found for them.
+bool check_values(const wex_status_event& event) {
+  const bool reboot = event.kind == WEX_STATUS_EV_REBOOT_ASKED || event.kind == WEX_STATUS_EV_REBOOT_REFUSED;
+  return event.pid >= -1 && event.new_pid >= -1 && event.domain >= -1 &&
+         event.domain <= kLastTakeDownDomain &&
+         (!reboot || (event.value >= WEX_STATUS_REBOOT_OTHER && event.value <= WEX_STATUS_REBOOT_BURST));
+}
+
 // An event of an earlier daemon is taken when each of its fields can be right. Its name is shown to people.
 bool check_event(wex_status_event* event, uint32_t index, const wex_status_head& before, int64_t now) {
   const uint32_t age = before.event_next - event->number;
   if (event->seq % 2 != 0 || age < 1 || age > WEX_STATUS_EVENTS ||
       event->number % WEX_STATUS_EVENTS != index || event->kind <= WEX_STATUS_EV_NONE ||
       event->kind >= WEX_STATUS_EV_KINDS || event->monotonic < 0 || event->monotonic > now ||
-      event->wall < 0 || before.generation - event->generation > INT32_MAX || event->domain < -1 ||
-      event->domain > kLastTakeDownDomain) {
+      event->wall < 0 || before.generation - event->generation > INT32_MAX || !check_values(*event)) {
     return false;
   }
   for (char& letter : event->name) {

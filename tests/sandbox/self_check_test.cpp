@@ -78,7 +78,7 @@ TEST_F(SelfCheck, ParkedAgainSoonAfterTheAlarmRestartTheDeviceIsRebootedWithTheR
   const std::string history = read_file(kHistory);
   EXPECT_NE(std::string::npos, history.find(" wex restarts the device: detect process ")) << history;
   EXPECT_NE(std::string::npos, history.find(" registered actor pid ")) << history;
-  EXPECT_NE(std::string::npos, history.find(" reboot asked ")) << history;
+  EXPECT_NE(std::string::npos, history.find(" reboot_asked ")) << history;
   EXPECT_NE(std::string::npos, history.find("\nparked: actor pid " + std::to_string(service.pid())))
       << history;
   EXPECT_TRUE(daemon.running()) << "a refused reboot changes nothing";

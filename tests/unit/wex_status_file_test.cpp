@@ -308,6 +308,44 @@ TEST_F(StatusTable, TheNextDaemonGoesOnWithTheEventsAndMendsWhatWasHalfWritten) 
   });
 }
 
+TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
+  const struct {
+    const char* told;
+    void (*change)(wex_status_event*);
+    bool taken;
+  } rows[] = {
+      {"as it was", [](wex_status_event*) {}, true},
+      {"no process found", [](wex_status_event* event) { event->pid = event->new_pid = -1; }, true},
+      {"pid", [](wex_status_event* event) { event->pid = -2; }, false},
+      {"new pid", [](wex_status_event* event) { event->new_pid = -2; }, false},
+      {"domain", [](wex_status_event* event) { event->domain = 1000000; }, false},
+      {"kind", [](wex_status_event* event) { event->kind = WEX_STATUS_EV_KINDS; }, false},
+      {"time", [](wex_status_event* event) { event->monotonic = INT64_MAX; }, false},
+      {"no reason", [](wex_status_event* event) { event->value = WEX_STATUS_REBOOT_BURST + 1; }, false},
+      {"negative reason", [](wex_status_event* event) { event->value = -1; }, false},
+  };
+  for (const auto& row : rows) {
+    in_child([] {
+      start();
+      wex_status_tell_of(WEX_STATUS_EV_REBOOT_ASKED, 100, "x", {0, 0, 0, WEX_STATUS_REBOOT_BURST});
+      wex_status_publish();
+    });
+    {
+      const unique_fd file(open(kStatusTable, O_RDWR));
+      wex_status_event event = {};
+      constexpr off_t kAt = WEX_STATUS_EVENTS_AT + sizeof event;
+      ASSERT_EQ(ssize_t{sizeof event}, pread(file.get(), &event, sizeof event, kAt));
+      row.change(&event);
+      ASSERT_EQ(ssize_t{sizeof event}, pwrite(file.get(), &event, sizeof event, kAt));
+    }
+    in_child([&] {
+      start();
+      EXPECT_EQ(row.taken ? "1 15 1" : "1 1", StatusReader().kinds()) << row.told;
+    });
+    unlink(kStatusTable);
+  }
+}
+
 TEST_F(StatusTable, RandomBytesInATableThatIsTakenOverDoNoHarm) {
   std::mt19937 random(15);
   for (int round = 0; round < 20; ++round) {
@@ -335,6 +373,7 @@ TEST_F(StatusTable, RandomBytesInATableThatIsTakenOverDoNoHarm) {
       ASSERT_EQ(static_cast<ssize_t>(ring.size()),
                 pwrite(file.get(), ring.data(), ring.size(), WEX_STATUS_EVENTS_AT));
       head.slots_used = static_cast<uint32_t>(random());
+      head.event_next = round % 2 == 0 ? head.event_next : static_cast<uint32_t>(random());
       head.generation = static_cast<uint32_t>(random() | 1U);
       ASSERT_EQ(ssize_t{sizeof head}, pwrite(file.get(), &head, sizeof head, 0));
     }
