@@ -79,7 +79,7 @@ inline constexpr int kFindTries = 10;          // extra looks for a program that
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
 inline constexpr int kMaxAbortedScans = 10;    // looks through /proc until one is not cut short
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
-inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
+inline constexpr unsigned kEndsKept = 1024;    // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kKilledChildMs = 10;    // pause before a look whether a child was killed on its way,
@@ -149,6 +149,7 @@ inline constexpr int32_t kSystemLogBackoffSec =
 
 // Domains.
 inline constexpr int kDomainNamesMax = 256;        // names looked at in the directory of all domains
+inline constexpr int kFlagNamesMax = 1024;         // names looked at in a domain's directory of flag files
 inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n
 inline constexpr int32_t kDomainGroupStep = 100;
 inline constexpr unsigned kTermGraceSec = 5;

@@ -159,12 +159,15 @@ TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
 }
 
 TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
-  write_file(kRebootSwitch, "0\n");
-  in_child([] {
-    wex_init_chains(&wex_chains);
-    wex_reboot("because\n", nullptr);
-    EXPECT_TRUE(list_dir("/data").empty());
-  });
+  for (const char* const forbids : {kRebootSwitch, kNoReboot}) {
+    write_file(forbids, "0\n");
+    in_child([] {
+      wex_init_chains(&wex_chains);
+      wex_reboot("because\n", nullptr);
+      EXPECT_TRUE(list_dir("/data").empty());
+    });
+    unlink(forbids);
+  }
 }
 
 TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
