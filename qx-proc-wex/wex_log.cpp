@@ -71,8 +71,8 @@ bool is_empty(int fd) {
   return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
-// Opens a record for one more entry. What is no file at all, a link that is not followed, or another name of
-// a file that this process keeps locked, makes room.
+// Opens a record for one more entry. When a directory, a device, a link that is not followed, or another name
+// of a file that this process keeps locked has the name, that is moved aside first.
 unique_fd open_record(const char* path) {
   unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
   char aside[kPathSize];
@@ -192,7 +192,8 @@ bool is_older(const struct stat& a, const struct stat& b) {
                                               : a.st_mtim.tv_nsec < b.st_mtim.tv_nsec;
 }
 
-// What every message is, whether it is written or not: cut to its size, and a diagnostic.
+// Formats a message, cut to its size, and prints it: every message is a diagnostic, also one that is not
+// written.
 void print_message(char (&message)[kMessageSize], const char* format, va_list arguments) {
   message[0] = '\0';
   vsnprintf(message, sizeof(message), format, arguments);
