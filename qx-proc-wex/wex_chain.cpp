@@ -394,6 +394,7 @@ void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
     if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
+      wex_status_tell(WEX_STATUS_EV_REPLACED, rec, {0, newcomer});
       if (rec->pid != newcomer) {
         __wex_drop_registration(rec);
       } else {

@@ -193,8 +193,7 @@ void decide(candidates* all) {
 }
 
 void restart_dead(wex_chains_t* chain, wex_pid* rec) {
-  chain_lock registry(
-      wex_chains);  // the restart rules ask for it by name; it is the same lock, and recursive
+  chain_lock registry(wex_chains);  // clang wants it by name below; it is the same lock, and recursive
   chain_lock hold(*chain);
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
   if (!__wex_dropped_with_domain(rec) && wex_proc_restart_delay(rec) == 0) {

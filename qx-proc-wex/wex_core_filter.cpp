@@ -96,7 +96,7 @@ void detach() WEX_TSA(requires_capability(g_lock)) {
   g_difference = difference::none;
 }
 
-// Somebody waits for what the filter in place drops.
+// True when the filter in place drops events that are needed.
 bool drops_too_much(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
   return !g_in_place.includes(wanted) || (g_difference == difference::too_few && !g_in_place.every_exit);
 }

@@ -133,14 +133,15 @@ inline constexpr int32_t kWatchedEverySec = 5;    // how often watched threads a
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
 
 // The black box.
-inline constexpr off_t kBlackBoxMax = 32768;      // bytes of one file; there are two of each kind
-inline constexpr int64_t kBlackBoxFree = 262144;  // bytes of the disk that are left to the reboot record
-inline constexpr mode_t kBlackBoxMode = 0600;     // what a process was doing is not for everybody
-inline constexpr uint32_t kHistoryEvents = 64;    // before a reboot
+inline constexpr off_t kBlackBoxMax = 32768;       // bytes of one file; there are two of each kind
+inline constexpr int64_t kBlackBoxFree = 262144;   // bytes of the disk that are left to the reboot record
+inline constexpr mode_t kBlackBoxMode = 0600;      // what a process was doing is not for everybody
+inline constexpr int64_t kBlackBoxWriteMs = 2000;  // wait for the disk; the writing goes on behind it
+inline constexpr uint32_t kHistoryEvents = 64;     // before a reboot
 inline constexpr int kHistoryParked = 64;
 inline constexpr int kHungThreads = 64;      // of one process
 inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
-inline constexpr int kHungPauseMs = 2;
+inline constexpr int kBlackBoxPauseMs = 2;   // between two looks whether a thread is done
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins

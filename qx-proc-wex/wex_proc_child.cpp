@@ -39,7 +39,7 @@
 #include "wex_platform.h"
 #include "wex_utils.h"
 
-#ifdef SYS_timer_settime32  // what a C library of 64-bit times calls the call that takes two longs a time
+#ifdef SYS_timer_settime32  // where time_t has 64 bits: the call whose times are two longs each
 #define WEX_SET_TIMER_CALL SYS_timer_settime32
 #else
 #define WEX_SET_TIMER_CALL SYS_timer_settime

@@ -45,7 +45,7 @@ int32_t wex_reset_lmk(int32_t pid);
 int wex_get_proc_status(void);
 }
 
-// What could be read of a command line: at least its first word, all of it, or, with errno, less.
+// How much of a command line could be read: nothing or the program alone (errno tells why), or all that fits.
 enum class command_read { nothing, program, whole };
 
 // As pid_to_cmdline, and tells how much it is.

@@ -13,6 +13,7 @@
 #include <memory>
 #include <sstream>
 
+#include "handled_exits.h"
 #include "lingering_socket.h"
 #include "received_descriptors.h"
 #include "wex_rpc.h"
@@ -97,8 +98,7 @@ TEST_F(ControlChannel, ARegistrationBringsTheProgramBackAndACancellationDoesNot)
   ASSERT_GT(second, 0);
   ASSERT_EQ(0, in_child([&] { return wex_cancel_proc(second); }));
   send_signal(second, SIGKILL);
-  EXPECT_TRUE(
-      never([&] { return !pids_with_command(actor_command(options)).empty() && !is_alive(second); }, 1s));
+  EXPECT_TRUE(stays_down(options, second));
 }
 
 TEST_F(ControlChannel, CancellingRemovesTheDatabaseFile) {
@@ -112,7 +112,7 @@ TEST_F(ControlChannel, CancellingRemovesTheDatabaseFile) {
   ASSERT_EQ(0, in_child([&] { return wex_cancel_proc(service.pid()); }));
   EXPECT_FALSE(exists(file));
   service.kill_now();
-  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(options)).empty(); }, 1s));
+  EXPECT_TRUE(stays_down(options));
 }
 
 TEST_F(ControlChannel, AcknowledgesBeforeItHandles) {
@@ -196,8 +196,7 @@ TEST_F(ControlChannel, RefusesOtherTypesAndDropsTheirSenderOnly) {
   ASSERT_TRUE(console_says(dispatched(5, 0)));
   EXPECT_EQ(1U, occurrences(read_console(), "]wex_dispatch_domain_msg ")) << "one of them was applied";
   service.kill_now();
-  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(options)).empty(); }, 700ms))
-      << "one of them registered it";
+  EXPECT_TRUE(stays_down(options)) << "one of them registered it";
 }
 
 TEST_F(ControlChannel, ARequestWhoseHandlerFailsSucceedsAllTheSame) {
@@ -336,8 +335,7 @@ TEST_F(ControlChannel, ReadsAShortPayloadAsZerosAndIgnoresALongOnesRest) {
   EXPECT_TRUE(client.acknowledged());
   EXPECT_TRUE(console_says(dispatched(5, 0)));
   service.kill_now();
-  EXPECT_TRUE(never([&] { return !pids_with_command(actor_command(options)).empty(); }, 700ms))
-      << "it was not cancelled";
+  EXPECT_TRUE(stays_down(options)) << "it was not cancelled";
 }
 
 // Of a name that fills its field 255 characters are kept, and nothing of what lies behind it.

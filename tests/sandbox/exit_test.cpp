@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "exit_world.h"
+#include "handled_exits.h"
 #include "raw_client.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -96,20 +97,6 @@ void wait_for_later_exit() {
   const pid_t old_pid = witness.pid();
   witness.kill_now();
   ASSERT_GT(wait_for_actor(options, old_pid), 0) << read_console();
-}
-
-// The same, and nothing of the witness is left: it stops on purpose, and its file goes once that is handled.
-void wait_until_exits_are_handled() {
-  const texts options = {"--tag=leaver", "--register=RESTART", "--confirm", "--ready=/tmp/wex/leaver",
-                         "--hold"};
-  unlink("/tmp/wex/leaver");
-  Process witness;
-  ASSERT_TRUE(witness.start(actor_words(options)));
-  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/leaver"); }));
-  const std::string file = db_path(witness.pid());
-  ASSERT_TRUE(exists(file));
-  witness.send(SIGTERM);
-  ASSERT_TRUE(eventually([&] { return !exists(file); }, 20s)) << read_console();
 }
 
 // How often the daemon has started a program anew.
