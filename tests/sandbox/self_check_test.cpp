@@ -9,6 +9,7 @@
 
 #include "handled_exits.h"
 #include "restart_policy.h"
+#include "status_reader.h"
 
 using namespace policy;
 
@@ -76,6 +77,9 @@ TEST_F(SelfCheck, ParkedAgainSoonAfterTheAlarmRestartTheDeviceIsRebootedWithTheR
                "reboot(LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART) = -1 "
                "EPERM") != std::string::npos;
   })) << Daemon::trace();
+  const auto asked = wait_for_event(WEX_STATUS_EV_REBOOT_ASKED);
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(WEX_STATUS_REBOOT_SELF_CHECK, asked->value);
   const std::string history = read_file(kHistory);
   EXPECT_NE(std::string::npos, history.find(" wex restarts the device: detect process ")) << history;
   EXPECT_NE(std::string::npos, history.find(" registered actor pid ")) << history;
@@ -101,6 +105,9 @@ TEST_F(SelfCheck, TheSwitchThatForbidsRebootsKeepsTheRecordClean) {
   }
   service.end();
   ASSERT_TRUE(service.comes_back());
+  const auto refused = wait_for_event(WEX_STATUS_EV_REBOOT_REFUSED);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(WEX_STATUS_REBOOT_SELF_CHECK, refused->value);
   EXPECT_FALSE(exists(kRebootLog));
   EXPECT_EQ(std::string::npos, Daemon::trace().find("reboot("));
 }

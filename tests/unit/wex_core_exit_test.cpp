@@ -102,6 +102,29 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
   EXPECT_TRUE(g_system_log.empty()) << "nor announced";
 }
 
+TEST_F(Exit, OfAProgramThatIsNotShownStartsItAgain) {
+  std::vector<wex_pid*> others;
+  {
+    chain_lock hold(wex_chains);
+    for (int32_t number = 0; number < WEX_STATUS_SLOTS; ++number) {
+      wex_pid* const rec = wex_new_record();
+      rec->pid = 5000000 + number;
+      __wex_add_record(&wex_chains, rec);
+      others.push_back(rec);
+    }
+  }
+  const wex_pid* const rec = died(park_at(900));
+  ASSERT_EQ(0, rec->status_slot);
+  const int32_t old_pid = rec->pid;
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(0, kill(rec->pid, 0));
+  chain_lock hold(wex_chains);
+  for (wex_pid* const other : others) {
+    __wex_drop_record(&wex_chains, other);
+  }
+}
+
 // It started itself again as another process, which ends just before it can be registered: nothing was handed
 // over, and the record comes back.
 TEST_F(Exit, OfAProgramWhoseNextProcessHasEndedTooGoesOnWithWhatIsShownOfIt) {
