@@ -551,7 +551,7 @@ TEST_F(ControlChannel, CallsThatDoNotWaitAreAllApplied) {
       << "each of them leaves a connection behind";
 }
 
-TEST_F(ControlChannel, ALongRestartDelayIsToldInTheRunningLog) {
+TEST_F(ControlChannel, ALongRestartDelayIsReportedInTheRunningLog) {
   start();
   const std::vector<std::string> options = {"--time-set=3601", "--hold"};
   Process service;

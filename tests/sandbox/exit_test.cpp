@@ -49,7 +49,7 @@ TEST_F(ExitHandling, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   daemon.stop();
 }
 
-TEST_F(ExitHandling, ATakeDownIsToldOnceAndSoIsItsEnd) {
+TEST_F(ExitHandling, ATakeDownIsReportedOnceAndSoIsItsEnd) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 3; ++round) {
@@ -399,7 +399,7 @@ TEST_F(ExitHandling, AnInterruptedWaitForEventsIsTakenUpAgain) {
   daemon.stop();
 }
 
-TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
+TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsReportedAndTheNextOneStillRead) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=recvfrom:poke_exit=@arg6=08000000:when=1"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
