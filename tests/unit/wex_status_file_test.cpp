@@ -234,7 +234,7 @@ TEST_F(StatusTable, AFreedSlotGoesToARegistrationThatFoundNone) {
     const StatusReader reader;
     EXPECT_EQ(5U, reader.counter(WEX_STATUS_NOT_SHOWN));
     EXPECT_EQ(3U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES));
-    for (const size_t at : {0, 1, 2, 3}) {
+    for (size_t at = 0; at < 4; ++at) {
       drop(recs[at]);
     }
     wex_show_watched_threads();
