@@ -41,11 +41,11 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
     return result;
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
-  __wex_adopt_pid(chain, rec, new_pid);
+  const bool lives = __wex_adopt_pid(chain, rec, new_pid);
   if (!wex_child_has_normal_lmk(new_pid)) {
     wex_reset_lmk(new_pid);
   }
-  if (new_pid > 0 && !wex_record_lives(rec)) {
+  if (new_pid > 0 && !lives) {
     expect_lost_exit(rec);
   }
   rec->restart_failed = new_pid < 1 ? 1 : 0;

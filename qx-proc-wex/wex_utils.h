@@ -69,6 +69,9 @@ process_look wex_look_at(int32_t pid);
 // cannot be seen.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
 
+// The state letter of a process that has ended; some older kernels write "x" before it vanishes.
+bool wex_is_dead_state(char state);
+
 // True when the very process that started at `start_time` (0: any) is there and neither dead nor a zombie.
 bool wex_proc_lives(int32_t pid, uint64_t start_time);
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "wex_platform.h"
+
 namespace wex_test {
 
 struct system_log_call {
