@@ -256,6 +256,11 @@ class Service:
         return len(living) == 1 and living[0] != self.pid and any(
             name.endswith(".%d" % living[0]) for name in names(self.database))
 
+    def wrote_file(self):
+        """The process that was started first has written its database file whole, which happens at once."""
+        return any(name.endswith(".%d" % self.pid) and os.path.getsize(self.database + "/" + name) > 0
+                   for name in names(self.database))
+
     def follow(self):
         self.pid = (self.lives() or [0])[0]
 

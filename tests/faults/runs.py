@@ -75,7 +75,10 @@ class Run:
         else:
             self.strace = self.attach(expressions)
             scenario.act(self.daemon)
-        device.eventually(lambda: self.ended() or scenario.settled(), scenario.settle_s)
+        device.eventually(lambda: self.ended() or self.client_ended() or scenario.settled(), scenario.settle_s)
+
+    def client_ended(self):
+        return self.scenario.traced == "client" and not device.is_alive(self.scenario.services[0].pid)
 
     def attach(self, expressions):
         tasks = {name: task for task, name in self.daemon.tasks().items()}
@@ -119,7 +122,7 @@ class Run:
         """The described end, or another daemon's."""
         scenario = self.scenario
         self.replace_ended()
-        if scenario.traced == "client" and not scenario.services[0].lives():
+        if self.client_ended():
             self.reaction = "program ended"
             self.forget_or_keep()
         elif not device.eventually(scenario.settled, 0.5 if self.expression else 10):
@@ -128,9 +131,11 @@ class Run:
             need(self.wait_for(scenario.settled, 1.0), "not settled: " + self.describe())
 
     def forget_or_keep(self):
-        """A program that ended by its failure may come back, when it had its file by then, and need not."""
-        self.scenario.hasten(self.daemon, self.clock)
-        if not device.eventually(self.scenario.settled, 1.0):
+        """A program that ended while it registered comes back when its file had been written, and need not before."""
+        service = self.scenario.services[0]
+        if service.wrote_file() or service.lives():
+            need(self.wait_for(self.scenario.settled, 1.0), "not settled: " + self.describe())
+        else:
             self.scenario.gone += self.scenario.services
             self.scenario.services = []
 

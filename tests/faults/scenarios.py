@@ -105,6 +105,7 @@ class Registration(Scenario):
 class Client(Registration):
     name, what = "client", "the same, with the calls of the program failing"
     traced = "client"
+    settle_s = 10.0
 
 
 class Parking(Restart):
