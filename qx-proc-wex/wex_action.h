@@ -1,8 +1,9 @@
-// wex_action: what can happen when a supervised program exits. All that tells RESPAWN from SHELL_RESTART,
-// once.
+// wex_action: what can happen when a supervised program exits. All differences between RESPAWN and
+// SHELL_RESTART stand in this one table.
 //
-// Numbers, message types and keywords are fixed by clients, files and the device's lists. Of the mnemonics no
-// two columns are alike in both rows: operators' tools know each by its place.
+// Numbers, message types and keywords are fixed by clients, files and the device's lists. Two mnemonics may
+// be the same text in one row and differ in the other, so each has a column of its own: operators' tools look
+// for these texts.
 #pragma once
 
 #include "wex.h"

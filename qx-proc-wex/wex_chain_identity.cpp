@@ -3,7 +3,9 @@
 #include "wex_chain_identity.h"
 
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "wex_limits.h"
@@ -75,6 +77,15 @@ uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset
   }
   const int64_t since_boot = static_cast<int64_t>(event_ns) + shift_ns + boot_offset_ns;
   return since_boot > 0 ? static_cast<uint64_t>(since_boot / (kSecondNs / ticks_per_second)) : 0;
+}
+
+int64_t wex_start_on_clock_ms(uint64_t start_time) {
+  const auto ticks_per_second = static_cast<uint64_t>(std::max<long>(sysconf(_SC_CLK_TCK), 1));
+  if (start_time == 0 || start_time > INT64_MAX / 1000) {
+    return 0;
+  }
+  const auto since_boot = static_cast<int64_t>(start_time * 1000 / ticks_per_second);
+  return std::max<int64_t>(since_boot - wex_boot_offset_ns() / 1000000, 0);
 }
 
 int64_t wex_clock_shift(int64_t least_delay_ns) {

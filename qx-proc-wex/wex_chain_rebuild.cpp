@@ -17,6 +17,7 @@
 #include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
 #include "wex_core_restart.h"
@@ -27,6 +28,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_status_file.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 namespace {
@@ -175,6 +177,7 @@ void decide(candidates* all) {
         row.what = fate::alive;
         // Not after the restarts: they may take long, and a stranger may have got the pid by then.
         wex_note_identity(row.rec);
+        wex_status_found(row.rec, wex_start_on_clock_ms(row.rec->start_time));
         if (row.rec->thread_of != 0) {
           wex_pass_thread_ends(thread_ends_for::registrations, true);
         }

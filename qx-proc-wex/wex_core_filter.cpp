@@ -30,7 +30,7 @@ struct passed_events {
   bool operator==(const passed_events& other) const noexcept {
     return executions == other.executions && threads == other.threads && every_exit == other.every_exit;
   }
-  // Of the exits only their kind: which processes an exact filter holds is not compared.
+  // Compares kinds of events. Which processes are in a filter that holds single ones is not compared here.
   bool includes(const passed_events& other) const noexcept {
     return executions >= other.executions && threads >= other.threads && every_exit >= other.every_exit;
   }
@@ -85,7 +85,8 @@ bool attach(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
   return true;
 }
 
-// Where even that fails, the sweep looks for what is not reported meanwhile, and tidying tries again.
+// Removes the filter. When that fails, too, the sweep finds the exits that are not reported, and the minute's
+// tidying tries again.
 void detach() WEX_TSA(requires_capability(g_lock)) {
   if (!set_option(SO_DETACH_FILTER, {})) {
     wex_request_sweep();
@@ -109,7 +110,9 @@ void update() WEX_TSA(requires_capability(g_lock)) {
   }
   const bool must_pass_more = drops_too_much(wanted);
   if (!wanted.every_exit) {
-    // The memory of the filter in place counts until another one has taken its place: a short one makes room.
+    // The kernel limits the memory of a socket, and counts the filter in place until another has replaced it.
+    // So a short filter is attached in between, which frees the memory of the long one before the next long
+    // one comes.
     const passed_events exact = wanted;
     wanted.every_exit = true;
     const bool short_one = attach(wanted);

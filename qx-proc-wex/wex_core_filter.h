@@ -10,12 +10,12 @@
 #include "pid_set.h"
 #include "wex_lock_order.h"
 
-// Who needs the ends of single threads that dumped no core. On a busy machine they are most of all events, so
-// they pass only while one of these needs them.
+// Why the ends of single threads that dumped no core are wanted. On a busy machine most events are of this
+// kind, so they pass only while there is one of these reasons.
 enum class thread_ends_for {
-  undecided_exits,  // a main thread has ended, and its process does once the others have: those of registered
-                    // processes
-  registrations,    // a thread is registered as if it were a process: all
+  undecided_exits,  // the main thread of a registered process has ended, and the process ends with its last
+                    // thread: the ends of threads of registered processes pass
+  registrations,    // a thread is registered as if it were a process: the ends of all threads pass
 };
 
 // Filters the events of `fd` from now on, until wex_release_filter(). Failing is not fatal: then more events

@@ -19,8 +19,9 @@ constexpr uint32_t kBitNumber = 31;
 constexpr uint32_t kDrop = 0;
 constexpr uint32_t kPass = 0xffffffff;
 
-// Writes a program from its end to its beginning, so that what is jumped to is there before the jump. A step
-// goes on with what was written just before it. Places are numbers of instructions.
+// Writes a program from its last instruction to its first, so that the target of a jump is written before the
+// jump. Each instruction is followed by the one written just before it. Targets are indexes into the space of
+// instructions.
 class program_writer {
  public:
   explicit program_writer(sock_filter (&space)[kFilterProgramMax]) noexcept : space_(space) {}
@@ -45,7 +46,7 @@ class program_writer {
     return at_;
   }
 
-  // The place itself, or a jump to it that a branch written next can reach.
+  // The target itself, or a jump to it, near enough for a branch that is written next.
   size_t near(size_t target) noexcept {
     constexpr size_t kReach = 255 - 1;  // less a jump that is written for the branch's other target
     return target - at_ <= kReach ? target : jump(target);

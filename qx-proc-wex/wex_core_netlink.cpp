@@ -283,9 +283,9 @@ outcome watch(int fd) {
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMonitor);
     // Without executions a list in a directory that was mounted over the watched one would go unnoticed.
-    const bool told = state.executions_wanted && state.list.fd() >= 0;
+    const bool list_is_watched = state.executions_wanted && state.list.fd() >= 0;
     const int until_look =
-        told ? -1 : static_cast<int>(std::max<int64_t>(state.next_list_look - wex_clock_ms(), 0));
+        list_is_watched ? -1 : static_cast<int>(std::max<int64_t>(state.next_list_look - wex_clock_ms(), 0));
     const int limit_ms = shorter(wex_judge_pending_exits(), until_look);
     wex_status_idle(kStatusMonitor);
     const int ready = wait_for_event(&state, limit_ms);

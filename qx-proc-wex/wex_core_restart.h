@@ -6,8 +6,9 @@
 
 // What differs between a restart after an exit, after a self-check wait, and at the start of the daemon.
 struct restart_case {
-  const char* module;      // that diagnostics name, with a line of it
-  bool needs_process;      // without one the record keeps its pid and file; else its file goes, its pid is -1
+  const char* module;      // the module that diagnostics name
+  bool needs_process;      // a start without a process leaves the record its pid and file; else the file is
+                           // removed and the pid is -1
   bool may_postpone_next;  // the next exit is postponed again, though this one was forced
   bool logs_exit;  // the system log has a line of its own after exit code 0, and diagnostics name the exit
 };

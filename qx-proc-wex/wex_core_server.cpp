@@ -352,7 +352,7 @@ void bind_listener(binding* task) {
 void look_at_node(int unshared) {
   struct stat node = {};
   if (lstat(kControlSocket, &node) != 0) {
-    node.st_ino = ~ino_t{0};  // removed already; no other node has this number, so the loss is logged
+    node.st_ino = ~ino_t{0};  // removed already: no node has this number, so the watch of names logs the loss
   }
   wex_watch_name(WEX_NAME_SOCKET, node);
   if (S_ISSOCK(node.st_mode) && (node.st_mode & kSocketMode) != kSocketMode) {

@@ -69,7 +69,7 @@ void hand_over(const lost_exit& lost) {
   if (WCOREDUMP(status)) {
     count_crash(lost.pid);
   }
-  wex_handle_netlink_exit(lost.pid, status, 0);
+  wex_handle_lost_exit(lost.pid, status, lost.start_time);
 }
 
 enum class verdict { present, suspected, lost };
@@ -80,6 +80,7 @@ bool knows_process(wex_pid* rec) {
   if (rec->thread_of < 0) {
     rec->thread_of = wex_get_ppid_form_pid(rec->pid);
     wex_note_start(rec);
+    wex_status_refresh(rec);
   }
   return rec->thread_of >= 0;
 }
@@ -126,7 +127,6 @@ void wex_sweep_lost_exits() {
       const verdict found = judge(rec, now);
       any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
-        wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec);
         lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time};
       } else if (found != verdict::present) {
         wex_request_sweep();

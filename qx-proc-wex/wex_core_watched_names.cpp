@@ -27,12 +27,12 @@ bool operator==(const identity& a, const identity& b) {
 struct watched_name {
   const char* path;
   const char* loss;         // the consequence when the name leads elsewhere
-  std::atomic<bool> noted;  // set last, by the thread that calls wex_watch_name()
+  std::atomic<bool> noted;  // set last: from then on the fields below are the delay thread's alone
   identity held;
-  identity seen;  // at the last look; from then on the delay thread's alone
+  identity seen;  // at the last look
 };
 
-// In the order of wex_watched_name. No lock: who holds what in a row is said above.
+// In the order of wex_watched_name. No lock: see `noted`.
 watched_name g_names[] = {
     {kRunDir, "failed forks go unseen", {false}, {}, {}},
     {kLockFile, "a second wex may start", {false}, {}, {}},

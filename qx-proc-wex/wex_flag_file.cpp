@@ -56,7 +56,7 @@ int32_t find_app(int32_t pid) {
 }
 
 int save_proc_info(int32_t vsd, int32_t pid) {
-  return wex_enter_run_dir(vsd) == 0 && wex_make_flag_file(vsd, pid, kMarkerMode) ? 0 : -errno;
+  return wex_enter_run_dir(vsd) == 0 && wex_make_flag_file(vsd, pid, kDomainFileMode) ? 0 : -errno;
 }
 
 }  // extern "C"

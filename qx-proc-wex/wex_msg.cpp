@@ -273,7 +273,7 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   }
   wex_reg_info body;
   const bool described = wex_begin_registration(pid, msg_type, &body);
-  // Built before the lock is taken: what is not given must perhaps be waited for.
+  // Before the lock is taken: without `memory` the record is allocated, which may have to wait for memory.
   wex_pid* const rec = build_process(body, *wex_find_action(wex_action_number(msg_type)), "", memory);
   if (rec == nullptr) {
     return -1;

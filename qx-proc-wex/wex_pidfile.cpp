@@ -138,7 +138,7 @@ int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
 }
 
 void save_vsd_flag(int32_t vsd, int32_t pid) {
-  if (vsd == kMainSystem || wex_make_flag_file(vsd, pid, kClientMarkerMode)) {
+  if (vsd == kMainSystem || wex_make_flag_file(vsd, pid, kClientFlagFileMode)) {
     return;
   }
   const int cause = errno;

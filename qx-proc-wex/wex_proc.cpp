@@ -138,7 +138,7 @@ void remember_missed(wex_pid* rec, pid_t child) WEX_TSA(requires_capability(wex_
 
 // Removes the flag file of a child that has handed over to another process and has ended: nothing else would.
 // While the child lives, the take-down of its domain needs the file.
-void drop_marker_of_dead(int32_t domain, pid_t child) {
+void drop_flag_file_of_dead(int32_t domain, pid_t child) {
   const process_look now = wex_look_at(static_cast<int32_t>(child));
   if (child > 0 && (wex_surely_dead(now) || now.exiting)) {
     wex_remove_flag_files(domain, static_cast<int32_t>(child));
@@ -171,7 +171,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
   }
   if (found != child && start.domain >= kFirstDomain) {
     save_proc_info(start.domain, found);  // or it would be restarted in the main system
-    drop_marker_of_dead(start.domain, child);
+    drop_flag_file_of_dead(start.domain, child);
   }
   *out_pid = found;
   return found;
@@ -278,7 +278,7 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
       }
     }
     note_fork_failure(start, error);
-    wex_chld_handler(SIGCHLD);  // our own zombies may be what there is no room for
+    wex_chld_handler(SIGCHLD);  // our zombies count as processes: reaping them may make room for the child
     if (!may_retry_fork()) {
       return -1;
     }

@@ -47,23 +47,24 @@
 
 namespace {
 
-// A start with what only the parent can tell.
+// What a child needs: its program, and what the parent has found out or opened before the fork.
 struct child_start {
   const launch* what;
-  bool parent_waits;     // in the memory that it shares with the child
+  bool parent_waits;     // vfork(): the child has our memory, and we stand still until it executes
   int run_dir;           // held open, or -1
-  int old_file_dir;      // the same, with the replaced process's database file in it
-  const char* old_file;  // its name there, or its path; null: it stays
-  // Told by the child in shared memory:
+  int old_file_dir;      // the directory of the replaced process's database file: held open, or -1
+  const char* old_file;  // that file's name in it, or its path without it; null when the file is to stay
+  // Written by a child that has our memory, read here when it has executed its program or ended:
   bool normal_lmk;  // its low-memory-killer score is the normal one
   bool at_program;  // all is done but executing it
 };
 
 std::atomic<int> g_nice{0};  // the nice value of programs, when a child may begin with another
-// By a kernel, or by whoever filters its calls, or because a child did not get to its program.
+// Children get a copy of our memory from now on: vfork() is refused by the kernel or by a filter of system
+// calls, or a child with our memory did not get to its program.
 std::atomic<bool> g_sharing_refused{false};
 int32_t g_normal_lmk_child WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
-std::atomic<bool> g_console_missed{false};  // a child that shares our memory says so, too
+std::atomic<bool> g_console_missed{false};  // it could not be opened lately; a child with our memory says so
 
 // ---- domain -----------------------------------------------------------------------------------------------
 
@@ -105,9 +106,9 @@ void set_domain_environment(int32_t vsd) {
   environ = g_child_environment;
 }
 
-// The child's working directory. A domain that cannot be entered in full is no reason not to start the
-// program.
-void enter_place(const launch& start) {
+// Of a domain's program its group and variables, too. A domain that cannot be entered in full is no reason
+// not to start the program.
+void enter_working_directory(const launch& start) {
   if (start.domain >= kFirstDomain) {
     set_proc_env(start.domain, start.old_pid);
     return;
@@ -184,7 +185,7 @@ void limit_time_to_program() {
 #endif
 }
 
-// A fork has succeeded, so the marker of earlier failures is withdrawn.
+// A fork has succeeded, so the fork-failure file of earlier failures goes.
 void withdraw_fork_failures(int run_dir) {
   if (run_dir < 0) {
     wex_rm_forkfile();
@@ -255,7 +256,7 @@ void execute(char* const* argv) {
   clear_signal_mask();
   setsid();
   reset_signal_actions();
-  enter_place(what);
+  enter_working_directory(what);
   withdraw_fork_failures(start.run_dir);
   if (!flush_tlb()) {
     wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
@@ -299,7 +300,8 @@ void await_exec(pid_t child, const unique_fd& started) {
   kill(child, SIGKILL);
 }
 
-// A child that finds no console tries for some time, in which its parent had better not stand still.
+// A child that finds no console tries again for some time. A parent that lent its memory would stand still
+// meanwhile, so no memory is lent as long as the console is missing.
 bool console_is_there() {
   if (g_console_missed.load()) {
     const unique_fd console(open(kConsole, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

@@ -112,8 +112,13 @@ bool write_new_events(table* to, uint32_t next) {
   return true;
 }
 
-// The number of slots that could not be written: there is no memory for them.
-uint32_t write_changed_slots(int fd) {
+bool is_trouble(const wex_status_slot& slot) {
+  return slot.state == WEX_STATUS_PARKED || slot.state == WEX_STATUS_WAITING || slot.state == WEX_STATUS_DOWN;
+}
+
+// Counts the slots that could not be written, for there is no memory for them, as not shown. False when there
+// is one.
+bool write_changed_slots(int fd, status_words* words) {
   constexpr char kNothing[8] = {};  // no sequence number, free
   uint32_t failed[WEX_STATUS_SLOTS / 32] = {};
   uint32_t count = 0;
@@ -124,6 +129,7 @@ uint32_t write_changed_slots(int fd) {
       write_at(fd, kNothing, sizeof kNothing, offset);
       failed[number / 32] |= 1U << (number % 32);
       ++count;
+      words->counters[WEX_STATUS_HIDDEN_TROUBLES] += is_trouble(slot) ? 1 : 0;
     }
   }
   for (int32_t number = 0; count > 0 && number < WEX_STATUS_SLOTS; ++number) {
@@ -131,7 +137,8 @@ uint32_t write_changed_slots(int fd) {
       wex_status_return_slot(number);
     }
   }
-  return count;
+  words->counters[WEX_STATUS_NOT_SHOWN] += count;
+  return count == 0;
 }
 
 bool write_words(table* to, const status_words& words) {
@@ -431,12 +438,11 @@ bool is_whole(table* to) {
 void show_changes(table* to) {
   status_words words;
   wex_status_copy_words(&words);
-  const uint32_t unwritten = write_changed_slots(to->file.get());
-  words.counters[WEX_STATUS_NOT_SHOWN] += unwritten;
+  const bool all_slots = write_changed_slots(to->file.get(), &words);
   const bool done =
       write_new_events(to, words.event_next) && write_heartbeats(to, words) &&
       (memcmp(&words, &to->words, offsetof(status_words, threads)) == 0 || write_words(to, words));
-  to->error = done && unwritten == 0 ? 0 : errno;
+  to->error = done && all_slots ? 0 : errno;
 }
 
 void publish(table* to) {

@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <utility>
 
 #include "cancel_held.h"
@@ -40,21 +41,21 @@ constexpr uint8_t kLastSequence = 255;
 constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
 checked_mutex g_init_mutex = {PTHREAD_MUTEX_INITIALIZER};
-uint8_t g_initialised;  // written under g_init_mutex, looked at without it
+std::atomic<bool> g_initialised{false};  // set under g_init_mutex, looked at without it
+bool g_forks_watched WEX_TSA(guarded_by(g_init_mutex)) = false;
 
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
 // there, and the half-filled handle is cleared: the child maps the table again when it needs it.
 void reset_unfinished_init() {
   g_init_mutex.native = PTHREAD_MUTEX_INITIALIZER;
-  if (g_initialised == 0) {
+  if (!g_initialised.load(std::memory_order_relaxed)) {
     g_wex_alive_info = {};
   }
 }
 
 void watch_forks() WEX_TSA(requires_capability(g_init_mutex)) {
-  static bool watched = false;
-  if (!watched) {
-    watched = pthread_atfork(nullptr, nullptr, reset_unfinished_init) == 0;
+  if (!g_forks_watched) {
+    g_forks_watched = pthread_atfork(nullptr, nullptr, reset_unfinished_init) == 0;
   }
 }
 
@@ -148,12 +149,12 @@ void shed_second_name() {
 }  // namespace
 
 int wex_sys_init_alive_info(uint8_t clear) {
-  if (__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE) != 0) {
+  if (g_initialised.load(std::memory_order_acquire)) {
     return 0;  // once is enough, and reports must not queue up at the mutex
   }
   const cancel_held whole;  // a thread that was cancelled in here would keep the mutex
   const mutex_lock hold(g_init_mutex);
-  if (g_initialised != 0) {
+  if (g_initialised.load(std::memory_order_relaxed)) {
     return 0;
   }
   watch_forks();
@@ -178,7 +179,7 @@ int wex_sys_init_alive_info(uint8_t clear) {
     clear_table(table.get());
     wex_alive_hold(std::move(table));
   }
-  __atomic_store_n(&g_initialised, uint8_t{1}, __ATOMIC_RELEASE);
+  g_initialised.store(true, std::memory_order_release);
   return opened;  // the table is usable all the same, so only this first call tells
 }
 

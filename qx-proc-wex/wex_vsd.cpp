@@ -92,7 +92,7 @@ bool enter_run_dir(int32_t vsd, const char* caller) {
 bool save_start_time(int32_t vsd, const char* caller) {
   char path[kPathSize];
   wex_format(path, sizeof path, kStartTimeFmt, vsd);
-  const unique_fd file = wex_open_file(path, O_RDWR | O_CREAT, kMarkerMode);
+  const unique_fd file = wex_open_file(path, O_RDWR | O_CREAT, kDomainFileMode);
   if (!file.valid()) {
     tell(caller, "open");
     return false;
@@ -149,7 +149,7 @@ void become(const char* path, const char* const* argv) {
     become(path, argv);
     _exit(kNotStarted);
   }
-  if (program > 0 && !wex_make_flag_file(vsd, program, kMarkerMode)) {
+  if (program > 0 && !wex_make_flag_file(vsd, program, kDomainFileMode)) {
     tell(caller, "open");
     _exit(kChildFailed);
   }
@@ -177,7 +177,7 @@ void save_vsdinfo(int32_t vsd) {
     }
     const int32_t pid = text_to_number(entry->d_name);
     const int32_t domain = get_vsdid(pid);
-    if (domain >= kFirstDomain && domain == vsd && !wex_make_flag_file(vsd, pid, kMarkerMode)) {
+    if (domain >= kFirstDomain && domain == vsd && !wex_make_flag_file(vsd, pid, kDomainFileMode)) {
       tell(__func__, "open");
       return;
     }
@@ -239,7 +239,7 @@ int end_processes(const take_down_plan& plan, int32_t vsd) {
 int take_down(const take_down_plan& plan, int32_t vsd) {
   char marker[kPathSize];
   wex_take_down_marker(vsd, marker);
-  if (!wex_open_file(marker, O_RDWR | O_CREAT, kMarkerMode).valid()) {
+  if (!wex_open_file(marker, O_RDWR | O_CREAT, kDomainFileMode).valid()) {
     return -errno;
   }
   const int ret = end_processes(plan, vsd);
@@ -253,7 +253,7 @@ int take_down(const take_down_plan& plan, int32_t vsd) {
 
 // 0 when the file can be opened so, else -errno.
 int probe(const char* path, int flags) {
-  const unique_fd file(open(path, flags | O_RDWR | O_CLOEXEC | O_NONBLOCK, kMarkerMode));
+  const unique_fd file(open(path, flags | O_RDWR | O_CLOEXEC | O_NONBLOCK, kDomainFileMode));
   return file.valid() ? 0 : -errno;
 }
 

@@ -110,7 +110,7 @@ bool is_directory(const dir_walk& dir, const char* name, const char* caller) {
 
 // Moves every process that has a flag file in `dir`. False when a name is no process and the walk was given
 // up.
-bool move_marked(dir_walk& dir, int32_t vsd) {
+bool move_flagged(dir_walk& dir, int32_t vsd) {
   char memory[kPathSize];
   char cpu[kPathSize];
   wex_format(memory, sizeof memory, kMemoryTasksFmt, vsd);
@@ -144,15 +144,16 @@ void set_cgroups(int32_t vsd) {
   dir_walk dir(open_trusted(AT_FDCWD, ".", O_RDONLY | O_DIRECTORY));  // the name may be a link by now
   if (!dir.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: open dir fail: %s\n", __func__, strerror(errno));
-    return;  // and stays there, as after a name that is no process: callers use absolute paths
+    return;  // the working directory stays changed, as after a name that is no number: callers use absolute
+             // paths
   }
-  if (move_marked(dir, vsd) && chdir(kRootDir) != 0) {
+  if (move_flagged(dir, vsd) && chdir(kRootDir) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: chdir fail: %s\n", __func__, strerror(errno));
   }
 }
 
 // Resident size of a process that may be killed. False for one that is not there, for init and for ourselves,
-// also when the name is that of one of our threads: a marker is only a file that anybody may have written.
+// also when the name is that of one of our threads: anybody may have made the flag file.
 bool read_candidate(int32_t pid, int32_t* kib) {
   char path[kPathSize];
   wex_format(path, sizeof path, kProcStatusFmt, pid);
@@ -175,7 +176,8 @@ bool read_candidate(int32_t pid, int32_t* kib) {
   return false;
 }
 
-// The marked process with the most resident memory; the first of equals. Pid 0 when there is none.
+// The process with a flag file that has the most resident memory; the first of equals. Pid 0 when there is
+// none.
 largest_process find_largest(int32_t vsd) {
   largest_process largest = {0, 0};
   char flags[kPathSize];

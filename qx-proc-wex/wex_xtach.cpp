@@ -178,7 +178,7 @@ wex_reg_info thread_body(int32_t pid, int32_t tid, int32_t time) {
 // Kept: an unfinished last line loses a digit, for the last byte counts as its end, see docs/decisions.md.
 bool exempted(int32_t tid) {
   if (access(kExemptThreads, F_OK) != 0) {
-    return false;  // the usual case, at the price of one look: opening by the rule takes several
+    return false;  // the usual case, for one system call: a guarded opening takes several
   }
   const cancel_held whole;
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);

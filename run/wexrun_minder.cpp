@@ -64,10 +64,10 @@ class minder final : public notification_reader {
   int64_t kill_at_ = 0;  // 0: it has not been aborted
   const char* name_ = "";
   char last_status_[kLoggedText + 1] = "";
-  bool stranger_told_ = false;
+  bool stranger_logged_ = false;
   bool ready_ = false;
-  bool beats_ = false;         // it has given its first sign of life
-  bool silence_told_ = false;  // that there is none yet
+  bool beats_ = false;           // it has given its first sign of life
+  bool silence_logged_ = false;  // that there is none yet
 };
 
 // ---- Signals and the child --------------------------------------------------------------------------------
@@ -222,11 +222,11 @@ void minder::apply(const char* name, const char* value) noexcept {
 
 void minder::take(pid_t sender, char* text) noexcept {
   if (!descends_from(sender, child_) && !descends_from(sender, getpid())) {
-    if (!stranger_told_) {
+    if (!stranger_logged_) {
       qx_syslog(LOG_NOTICE, "%s/%d is spoken for by process %d, which is none of its own", name_, child_,
                 sender);
     }
-    stranger_told_ = true;
+    stranger_logged_ = true;
     return;
   }
   char* rest = nullptr;
@@ -237,8 +237,8 @@ void minder::take(pid_t sender, char* text) noexcept {
     }
   }
   // Many programs say that they are ready and nothing more; they are not to be aborted for it.
-  if (ready_ && !beats_ && !silence_told_) {
-    silence_told_ = true;
+  if (ready_ && !beats_ && !silence_logged_) {
+    silence_logged_ = true;
     qx_syslog(LOG_NOTICE, "%s/%d is not watched before its first WATCHDOG=1", name_, child_);
   }
 }

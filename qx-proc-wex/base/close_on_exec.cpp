@@ -11,7 +11,7 @@ int set_close_on_exec(int fd) {
   }
   const int flags = fcntl(fd, F_GETFD);
   if (flags >= 0 && (flags & FD_CLOEXEC) != 0) {
-    return 0;  // most are opened so
+    return 0;  // most are opened with the flag, and need no second call
   }
   return flags >= 0 && fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0 ? 0 : -1;
 }

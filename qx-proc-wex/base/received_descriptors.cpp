@@ -39,7 +39,8 @@ void close_waiting(int sd, int depth) {
   }
 }
 
-// Takes one record off the queue. False when it was empty: only a record has ancillary data.
+// Takes one record off the queue and closes the descriptors in it. False when the queue was empty: a record,
+// also one without bytes, brings at least its sender's credentials, which close_emptied() asks for.
 bool discard_record(int sd, int depth) {
   char bytes[1024];
   iovec part = {bytes, sizeof bytes};

@@ -53,4 +53,11 @@ sed -n '/^4\. /,/^5\. /p' "$story" | shape > "$work/told"
 [ "$(wc -l < "$work/told")" = 4 ] || complain "wexstat does not tell of three services"
 diff "$work/shown" "$work/told" > "$work/difference" || complain "README.md (<) shows another table than the demo (>): $(cat "$work/difference")"
 [ $failures -eq 0 ] || cat "$story"
+
+# The same with --verbose: what the console and the logs say stands between the acts.
+timeout 120 "$root/tools/sandbox" --leak-check -- "$root/tools/demo" "$1" "$2" --verbose > "$work/verbose" 2> "$work/errors" < /dev/null ||
+  complain "the demo ends with status $? when it is to tell all: $(tail -n 40 "$work/verbose" "$work/errors")"
+for log in 'console  \| \[WEX:[a-z_]+:[0-9]+\]' 'messages \| .*HA_SELF_CHECK' 'running  \| '; do
+  grep -Eq "^   $log" "$work/verbose" || complain "--verbose shows no line of $log"
+done
 finish

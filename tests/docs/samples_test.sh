@@ -60,6 +60,10 @@ done
 [ -n "$register" ] && [ ${#scripts[@]} -ge 2 ] || complain "the shell services were not found"
 [ -n "$limits" ] || complain "the program that limits a domain was not found"
 
+# The face for C++ promises the oldest of the language's versions that is still met, and no exceptions.
+g++ -std=c++11 -pedantic -fno-exceptions -fno-rtti -Wall -Wextra -Werror -I "$root/qx-proc-wex" -I "$root/include" \
+  -fsyntax-only "$root/examples/guarded.cpp" || complain "examples/wex.hpp is not C++11 without exceptions"
+
 [ $failures -gt 0 ] && finish
 cd "$work" || exit 1                               # seen inside, writes vanish
 "$root/tools/sandbox" --leak-check -- bash "$root/tests/docs/run_samples.sh" "$work/wex" "$register" "$limits" "${scripts[*]}" "${services[@]}" ||

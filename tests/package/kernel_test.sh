@@ -45,6 +45,36 @@ expect 0 "$work/group" 'CONFIG_RT_GROUP_SCHED: wex must be started in the root C
 : > "$work/empty"
 expect 2 "$work/empty" 'is no kernel configuration'
 expect 2 "$work/nothing" 'cannot read'
+
+# Without an argument: the kernel that runs, from /proc/config.gz or else from /boot, both made up on a private device. What
+# is asked of the first lacks an option, so that they differ.
+gzip -c "$work/module" > "$work/module.gz"
+cat > "$work/inside" <<'TEXT'
+tool=$1 work=$2
+boot=/boot/config-$(uname -r)
+mount -t tmpfs tmpfs /proc && mkdir -p /boot && rm -f "$boot" || exit 9
+ask() { "$tool"; echo "status $?"; }
+ask > "$work/neither" 2>&1
+cp "$work/good" "$boot"
+ask > "$work/boot" 2>&1
+cp "$work/module.gz" /proc/config.gz
+ask > "$work/proc" 2>&1
+TEXT
+"$root/tools/sandbox" --bind "$work" -- sh "$work/inside" "$root/tools/check-kernel" "$work" ||
+  complain "no private device to ask for the running kernel on"
+boot=/boot/config-$(uname -r)
+answered() {                                       # FILE STATUS TEXT...
+  local file=$work/$1 text
+  [ "$(tail -n 1 "$file")" = "status $2" ] || complain "$1: not status $2: $(cat "$file")"
+  shift 2
+  for text in "$@"; do
+    grep -qF -- "$text" "$file" || complain "$file: not said: $text; but: $(cat "$file")"
+  done
+}
+answered neither 2 "tells its configuration neither in /proc/config.gz nor in $boot"
+answered boot 0 "$boot:" 'wex has what it needs'
+answered proc 1 '/proc/config.gz:' 'LACKS  CONFIG_CONNECTOR'
+
 looked_at=''
 for config in "$root"/build/device*/board/root/boot/config-*; do   # those of emulated boards, which tools/device fetches
   [ -f "$config" ] || continue

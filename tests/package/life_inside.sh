@@ -55,6 +55,7 @@ names='wex libwex1 libwex-dev'
 new=$(cd $root && echo packages/new/*.deb | sed 's| *packages| /packages|g')
 lower=$(cd $root && echo packages/lower/*.deb | sed 's| *packages| /packages|g')
 touch $root/policy-asked
+mkdir -m 0777 $root/data && echo "the device's own" > $root/data/own
 list before
 
 # ---- Unused ------------------------------------------------------------------------------------------------
@@ -84,24 +85,51 @@ packages --purge $names
 same_as_before "a life without use"
 ! grep -v ' stop' $root/policy-asked || fail "a maintainer script asked for more than stopping"
 
-# ---- Used --------------------------------------------------------------------------------------------------
+# ---- Used: upgraded and installed once more while wex runs -----------------------------------------------
 
 # shellcheck disable=SC2086
-packages --force-depends --install $new
+packages --force-depends --install $lower
 cp "$into/package-release/source/obj/examples/clock" $root/usr/bin/clock
 answers() { [ -S $root/tmp/wex/.wex ] && daemon=$(pid_of /usr/sbin/wex); }
 registered() { clock=$(pid_of /usr/bin/clock) && [ -e "$root/tmp/vsd/0/wex/db/clock.$clock" ]; }
+ended() { ! lives "$1" "$2" || grep -q '^State:.*Z' "/proc/$1/status"; }      # whoever reaps it takes its time
+registered_anew() { registered && [ "$clock" != "$old_clock" ]; }
+kill_clock() {                                     # AFTER-WHAT
+  old_clock=$clock
+  kill -KILL "$clock"
+  within 20 registered_anew || fail "$1 a killed service does not come back"
+}
 inside /etc/init.d/wex start
 within 20 answers || fail "the installed wex does not start"
 (cd / && inside setsid /usr/bin/clock < /dev/null > /dev/null 2>&1) &
 disown $!
 within 20 registered || fail "a service did not register"
 since=$(started "$daemon") clock_since=$(started "$clock")
+
+# shellcheck disable=SC2086
+packages --force-depends --install $new
+[ "$(version wex)" != 0.0.1 ] || fail "wex was not upgraded while it runs"
+lives "$daemon" "$since" || fail "an upgrade stopped the running wex"
+lives "$clock" "$clock_since" || fail "an upgrade ended a service"
+gone /usr/sbin/wex || fail "the running wex is the new program, without having been started again"
+kill_clock "after the upgrade,"
+clock_since=$(started "$clock")
+daemon_before=$daemon
+inside /etc/init.d/wex restart
+within 20 answers || fail "the upgraded wex does not start"
+ended "$daemon_before" "$since" || fail "a restart of wex left the old one running"
+lives "$clock" "$clock_since" || fail "a restart of wex ended a service"
+kill_clock "with the upgraded wex,"
+since=$(started "$daemon") clock_since=$(started "$clock")
+
 # shellcheck disable=SC2086
 packages --force-depends --install $new
 lives "$daemon" "$since" || fail "installing once more stopped the running wex"
+# What a hang and a reboot leave, too.
+for name in history history.old hang hang.old notify notify_count reboot; do
+  echo '' > "$root/data/.wex_$name" || fail "no file to be purged"
+done
 packages --purge wex
-ended() { ! lives "$1" "$2" || grep -q '^State:.*Z' "/proc/$1/status"; }      # whoever reaps it takes its time
 ended "$daemon" "$since" || fail "a purge leaves wex running"
 lives "$clock" "$clock_since" || fail "a purge ended a service"
 kill -KILL "$clock"

@@ -50,7 +50,7 @@ case " ${*:2} " in *' test '* | '  ')
   try 'the build' ./dev build
   present build/release/wex './dev build'
   try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.(kernel|layouts))$'
-  try 'unit tests and the main roads' ./dev test --only '^(unit_.*|MainRoad\..*)$' ;;
+  try 'unit tests and the main walkthroughs' ./dev test --only '^(unit_.*|MainWalkthrough\..*)$' ;;
 esac
 case " ${*:2} " in *' device '* | '  ')
   try 'the packages of the device' ./dev package mipsel

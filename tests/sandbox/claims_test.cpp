@@ -51,68 +51,69 @@ pid_t lock_holder() {
   const int fd = open(kLockFile, O_RDWR | O_CLOEXEC);
   struct flock whole = {};
   whole.l_type = F_WRLCK;
-  const bool told = fd >= 0 && fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+  const bool locked = fd >= 0 && fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
   close(fd);
-  return told ? whole.l_pid : 0;
+  return locked ? whole.l_pid : 0;
+}
+
+struct obstacle {
+  const char* what;
+  std::function<void()> make;
+  texts moved, removed;
+};
+
+const obstacle kObstacles[] = {
+    {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {}, {}},
+    {"his link in place of the directory, his FIFO in place of the table",
+     [] {
+       remove_tree("/tmp/wex");
+       make_link("/tmp/wex");
+       ASSERT_EQ(0, mkfifo(kAliveTableFile, 0666));
+     },
+     {kRunDir},
+     {kAliveTableFile}},
+    {"a file in place of the directory, a directory in place of the table",
+     [] {
+       remove_tree("/tmp/wex");
+       make_file("/tmp/wex", "theirs");
+       make_dirs(std::string(kAliveTableFile) + "/d");
+     },
+     {kRunDir, kAliveTableFile},
+     {}},
+    {"a FIFO in place of the lock, a directory in place of the socket, a link in place of the table",
+     [] {
+       ASSERT_EQ(0, mkfifo(kLockFile, 0666));
+       make_dirs(std::string(kControlSocket) + "/d");
+       make_link(kAliveTableFile);
+     },
+     {kAliveTableFile, kControlSocket},
+     {kLockFile}},
+    {"a directory in place of the lock", [] { make_dirs(std::string(kLockFile) + "/d"); }, {kLockFile}, {}},
+    {"his link in place of the lock", [] { make_link(kLockFile); }, {kLockFile}, {}},
+};
+
+void expect_logged(const obstacle& row, const std::string& log) {
+  EXPECT_EQ(row.moved.size() + row.removed.size(), occurrences(log, "in the way")) << row.what << ": " << log;
+  for (const std::string& path : row.moved) {
+    EXPECT_NE(std::string::npos, log.find(path + " was in the way and is now /")) << row.what << log;
+  }
+  for (const std::string& path : row.removed) {
+    EXPECT_NE(std::string::npos, log.find(path + " was in the way and was removed.\r\n")) << row.what << log;
+  }
 }
 
 TEST_F(Claims, WhateverLiesAtItsNamesTheDaemonStartsAndSaysWhatItMoved) {
-  const struct {
-    const char* told;
-    std::function<void()> make;
-    texts moved, removed;
-  } rows[] = {
-      {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {}, {}},
-      {"his link in place of the directory, his FIFO in place of the table",
-       [] {
-         remove_tree("/tmp/wex");
-         make_link("/tmp/wex");
-         ASSERT_EQ(0, mkfifo(kAliveTableFile, 0666));
-       },
-       {kRunDir},
-       {kAliveTableFile}},
-      {"a file in place of the directory, a directory in place of the table",
-       [] {
-         remove_tree("/tmp/wex");
-         make_file("/tmp/wex", "theirs");
-         make_dirs(std::string(kAliveTableFile) + "/d");
-       },
-       {kRunDir, kAliveTableFile},
-       {}},
-      {"a FIFO in place of the lock, a directory in place of the socket, a link in place of the table",
-       [] {
-         ASSERT_EQ(0, mkfifo(kLockFile, 0666));
-         make_dirs(std::string(kControlSocket) + "/d");
-         make_link(kAliveTableFile);
-       },
-       {kAliveTableFile, kControlSocket},
-       {kLockFile}},
-      {"a directory in place of the lock", [] { make_dirs(std::string(kLockFile) + "/d"); }, {kLockFile}, {}},
-      {"his link in place of the lock", [] { make_link(kLockFile); }, {kLockFile}, {}},
-  };
   write_file("/data/theirs", "precious");
-  for (const auto& row : rows) {
+  for (const obstacle& row : kObstacles) {
     make_dirs("/tmp/wex");
     unlink(kLockFile);
     unlink(kRunningLog1);
     unlink(kAliveTableFile);
     row.make();
     Daemon daemon;
-    ASSERT_TRUE(daemon.start()) << row.told << read_console();
-    EXPECT_EQ(daemon.pid(), lock_holder()) << row.told;
-    const std::string log = read_file(kRunningLog1);
-    size_t lines = 0;
-    for (const std::string& line : lines_of(log)) {
-      lines += line.find("in the way") != std::string::npos ? 1 : 0;
-    }
-    EXPECT_EQ(row.moved.size() + row.removed.size(), lines) << row.told << ": " << log;
-    for (const std::string& path : row.moved) {
-      EXPECT_NE(std::string::npos, log.find(path + " was in the way and is now /")) << row.told << log;
-    }
-    for (const std::string& path : row.removed) {
-      EXPECT_NE(std::string::npos, log.find(path + " was in the way and was removed.\r\n"))
-          << row.told << log;
-    }
+    ASSERT_TRUE(daemon.start()) << row.what << read_console();
+    EXPECT_EQ(daemon.pid(), lock_holder()) << row.what;
+    expect_logged(row, read_file(kRunningLog1));
     daemon.stop();
     remove_tree("/tmp/wex");
   }

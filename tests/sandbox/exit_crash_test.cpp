@@ -34,7 +34,7 @@ void crash_once(int number, const std::string& how = "--crash=SEGV") {
   ASSERT_GT(wait_for_actor(crasher(number, how), service.pid()), 0) << read_console();
 }
 
-TEST_F(ExitRoad, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
+TEST_F(ExitHandling, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -44,7 +44,7 @@ TEST_F(ExitRoad, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
+TEST_F(ExitHandling, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
   write_file(kBurstConfig, "60 3\n");
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=reboot"}));
@@ -67,7 +67,7 @@ TEST_F(ExitRoad, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevice) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ExitsWithoutACoreDumpNeverRestartTheDevice) {
+TEST_F(ExitHandling, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -93,7 +93,7 @@ struct NoRule {
   void (*place)();  // what there is in place of two numbers
 };
 
-class WithoutARule : public ExitRoad, public ::testing::WithParamInterface<NoRule> {};
+class WithoutARule : public ExitHandling, public ::testing::WithParamInterface<NoRule> {};
 
 TEST_P(WithoutARule, TheTenthCrashWithinFifteenMinutesRestartsTheDevice) {
   GetParam().place();
@@ -117,7 +117,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, WithoutARule,
                                            NoRule{"unreadable", [] { make_dirs(kBurstConfig); }}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
+TEST_F(ExitHandling, TheConfigurationIsReadAtEveryExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   ASSERT_NO_FATAL_FAILURE(crash_once(1));
@@ -128,7 +128,7 @@ TEST_F(ExitRoad, TheConfigurationIsReadAtEveryExit) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
+TEST_F(ExitHandling, ACrashOfAThreadCountsForItsProgram) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -139,7 +139,7 @@ TEST_F(ExitRoad, ACrashOfAThreadCountsForItsProgram) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, CrashesOfUnregisteredProgramsNeverRestartTheDevice) {
+TEST_F(ExitHandling, CrashesOfUnregisteredProgramsNeverRestartTheDevice) {
   write_file(kBurstConfig, "60 1");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

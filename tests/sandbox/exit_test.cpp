@@ -23,7 +23,7 @@ namespace {
 
 // ---- Take-down --------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
+TEST_F(ExitHandling, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int domain = 1; domain <= 16; ++domain) {
@@ -47,7 +47,7 @@ TEST_F(ExitRoad, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
+TEST_F(ExitHandling, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   write_file("/tmp/vsd/0/delete_vsd", "");
   write_file("/tmp/vsd/17/delete_vsd", "");
   Daemon daemon;
@@ -60,7 +60,7 @@ TEST_F(ExitRoad, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ATakeDownIsToldOnceAndSoIsItsEnd) {
+TEST_F(ExitHandling, ATakeDownIsToldOnceAndSoIsItsEnd) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 3; ++round) {
@@ -117,11 +117,11 @@ void wait_until_exits_are_handled() {
 }
 
 // How often the daemon has started a program anew.
-size_t restarts_told() {
+size_t restarts_logged() {
   return count_in(read_console(), "]wex_spawn--> wex_pid->process = ");
 }
 
-TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
+TEST_F(ExitHandling, AThreadThatEndsIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART",     "--confirm", "--count=/tmp/wex/starts", "--end-thread",
@@ -137,7 +137,7 @@ TEST_F(ExitRoad, AThreadThatEndsIsNoExit) {
 }
 
 // Only a whole process exits.
-TEST_F(ExitRoad, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds) {
+TEST_F(ExitHandling, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--end-thread=/tmp/wex/thread", "--ready=/tmp/wex/ready", "--hold"};
@@ -150,7 +150,7 @@ TEST_F(ExitRoad, AThreadThatRegisteredItselfAsAProgramIsNotHandedOverWhenItEnds)
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
+TEST_F(ExitHandling, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
   constexpr int kThreads = 1000;
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=recvfrom", "signal=none"}));
@@ -163,7 +163,7 @@ TEST_F(ExitRoad, TheEndsOfStrangersThreadsDoNotReachTheMonitor) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
+TEST_F(ExitHandling, AProgramExecutedByAThreadIsNoExit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART",
@@ -178,7 +178,7 @@ TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
   const pid_t pid = service.pid();
   ASSERT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
   ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
-  EXPECT_EQ(0u, restarts_told()) << read_console();
+  EXPECT_EQ(0u, restarts_logged()) << read_console();
   EXPECT_EQ((texts{text(pid), text(pid)}), lines_of(read_file("/tmp/wex/starts")));
   EXPECT_TRUE(service.running());
   service.kill_now();
@@ -188,7 +188,7 @@ TEST_F(ExitRoad, AProgramExecutedByAThreadIsNoExit) {
 
 // ---- Duplicates -------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, OfTwoRunningAlikeTheOneThatDiesIsForgotten) {
+TEST_F(ExitHandling, OfTwoRunningAlikeTheOneThatDiesIsForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process first, second;
@@ -214,7 +214,7 @@ pid_t restarted(Process* service) {
   return next;
 }
 
-TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
+TEST_F(ExitHandling, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process first, twin;
@@ -234,7 +234,7 @@ TEST_F(ExitRoad, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
+TEST_F(ExitHandling, TwinsThatDieTogetherComeBackAsOne) {
   for (const bool restarted_first : {true, false}) {
     mark_console();
     Daemon daemon;
@@ -256,7 +256,7 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
     EXPECT_GT(one, 0) << read_console();
     ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
     EXPECT_EQ(one, wait_for_actor(kService, 0, 0ms)) << "there are two, or none";
-    EXPECT_EQ(2u, restarts_told()) << read_console();
+    EXPECT_EQ(2u, restarts_logged()) << read_console();
     EXPECT_TRUE(eventually([&] { return list_dir(kDbDir) == texts{"actor." + text(one)}; }));
     daemon.kill_now();
     send_signal(one, SIGKILL);
@@ -265,7 +265,7 @@ TEST_F(ExitRoad, TwinsThatDieTogetherComeBackAsOne) {
   }
 }
 
-TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
+TEST_F(ExitHandling, AlikeInTwoDomainsAreNoDuplicates) {
   make_dirs("/tmp/vsd/4");
   make_dirs("/data/var/run/vsd/4");
   Daemon daemon;
@@ -288,7 +288,7 @@ TEST_F(ExitRoad, AlikeInTwoDomainsAreNoDuplicates) {
 
 // ---- Restart delay ----------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, ARestartDelayIsWaitedFor) {
+TEST_F(ExitHandling, ARestartDelayIsWaitedFor) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--time-set=2", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
@@ -305,7 +305,7 @@ TEST_F(ExitRoad, ARestartDelayIsWaitedFor) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
+TEST_F(ExitHandling, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--time-set=3600", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
@@ -335,7 +335,7 @@ bool end_through_server() {
 }
 
 // Without a database file the next daemon would not know the program.
-TEST_F(ExitRoad, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
+TEST_F(ExitHandling, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -351,7 +351,7 @@ TEST_F(ExitRoad, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestart
   EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
 }
 
-TEST_F(ExitRoad, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce) {
+TEST_F(ExitHandling, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced(
       {"inject=clone,fork,vfork:error=ENOMEM:when=1..3", "inject=accept4:error=ECONNABORTED:when=40"}));
@@ -371,7 +371,7 @@ TEST_F(ExitRoad, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAtOnce
 // ---- Exit statuses that look like SIGTERM -----------------------------------------------------------------
 
 namespace {
-class HandledTerm : public ExitRoad, public ::testing::WithParamInterface<int> {};
+class HandledTerm : public ExitHandling, public ::testing::WithParamInterface<int> {};
 }  // namespace
 
 // Only death by the signal itself means "stopped on purpose".
@@ -397,7 +397,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, HandledTerm, ::testing::Values(15, 143));
 
 // ---- Lost exits -------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
+TEST_F(ExitHandling, AnExitLostInAnOverflowIsFound) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=EPERM"}));  // a small queue, and strangers in it
   ASSERT_TRUE(daemon.wait_ready());
@@ -427,13 +427,13 @@ TEST_F(ExitRoad, AnExitLostInAnOverflowIsFound) {
   EXPECT_TRUE(console_says(" exit of pid " + text(old_pid) + " was lost\n"));
   EXPECT_TRUE(eventually([] { return starts("/tmp/wex/starts") == 2; }));
   ASSERT_NO_FATAL_FAILURE(wait_until_exits_are_handled());
-  EXPECT_EQ(1u, restarts_told()) << "restarted twice";
+  EXPECT_EQ(1u, restarts_logged()) << "restarted twice";
   EXPECT_EQ(1u, count_in(read_console(), " exit of pid "));
   EXPECT_EQ(1u, list_dir(kDbDir).size()) << "the lost one is still registered";
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AnInterruptedWaitForEventsIsTakenUpAgain) {
+TEST_F(ExitHandling, AnInterruptedWaitForEventsIsTakenUpAgain) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=poll,ppoll:error=EINTR:when=3..40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -447,7 +447,7 @@ TEST_F(ExitRoad, AnInterruptedWaitForEventsIsTakenUpAgain) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
+TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=recvfrom:poke_exit=@arg6=08000000:when=1"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -460,7 +460,7 @@ TEST_F(ExitRoad, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
   daemon.stop();
 }
 
-TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
+TEST_F(ExitHandling, AnExitThatComesLateIsNotTakenForALostOne) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--register=RESTART", "--confirm", "--count=/tmp/wex/starts",
@@ -482,11 +482,11 @@ TEST_F(ExitRoad, AnExitThatComesLateIsNotTakenForALostOne) {
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 15s)) << read_console().substr(0, 4000);
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
   EXPECT_EQ(0u, count_in(read_console(), " exit of pid ")) << "taken for lost";
-  EXPECT_EQ(0u, restarts_told());
+  EXPECT_EQ(0u, restarts_logged());
   daemon.stop();
 }
 
-TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
+TEST_F(ExitHandling, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 20; ++round) {
@@ -513,7 +513,7 @@ TEST_F(ExitRoad, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
 
 // ---- Zombies ----------------------------------------------------------------------------------------------
 
-TEST_F(ExitRoad, NoneOfItsChildrenStaysAZombie) {
+TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process service;

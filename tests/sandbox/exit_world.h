@@ -23,7 +23,7 @@ inline std::string db_path(pid_t pid) {
   return std::string(kDbDir) + "/actor." + text(pid);
 }
 
-struct ExitRoad : WexWorld {};
+struct ExitHandling : WexWorld {};
 
 // Starts a service; true once it is registered.
 inline bool start_service(Process* service, const texts& options = kService) {

@@ -5,7 +5,7 @@ using namespace policy;
 
 namespace {
 using FailingForks = WexWorld;
-constexpr char kMarker[] = "/tmp/wex/forkfile";
+constexpr char kForkFailures[] = "/tmp/wex/forkfile";
 }  // namespace
 
 TEST_F(FailingForks, SixInARowAreToleratedAndTheChildThatFollowsRemovesTheFile) {
@@ -15,9 +15,9 @@ TEST_F(FailingForks, SixInARowAreToleratedAndTheChildThatFollowsRemovesTheFile) 
   Service service("six");
   ASSERT_TRUE(service.start());
   service.end();
-  EXPECT_TRUE(eventually([] { return read_file(kMarker) == "aaaaaa"; }, 40s));
+  EXPECT_TRUE(eventually([] { return read_file(kForkFailures) == "aaaaaa"; }, 40s));
   EXPECT_TRUE(service.comes_back(20s));
-  EXPECT_FALSE(exists(kMarker));
+  EXPECT_FALSE(exists(kForkFailures));
   EXPECT_TRUE(daemon.running());
   EXPECT_TRUE(console_says("wex_spawn--> fork fail, err: Resource temporarily unavailable(11)\n"));
 }
@@ -32,7 +32,7 @@ TEST_F(FailingForks, TheSeventhInARowEndsTheDaemonWithStatus1) {
   service.end();
   EXPECT_TRUE(exited_with(daemon.wait(60s), 1));
   EXPECT_LE(29s, std::chrono::steady_clock::now() - begin);
-  EXPECT_FALSE(exists(kMarker));
+  EXPECT_FALSE(exists(kForkFailures));
   EXPECT_NE(std::string::npos,
             read_file(kRunningLog1).find(": Unable to restart the process, wex will be restart.\r\n"));
 }

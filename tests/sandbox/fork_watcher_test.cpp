@@ -1,4 +1,4 @@
-// The marker of failed forks: when the daemon gives up, and how it says so.
+// The fork-failure file: when the daemon gives up, and how it says so.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,7 +8,7 @@ using namespace policy;
 
 namespace {
 
-constexpr char kMarker[] = "/tmp/wex/forkfile";
+constexpr char kForkFailures[] = "/tmp/wex/forkfile";
 constexpr char kGivesUp[] = ": Unable to restart the process, wex will be restart.\r\n";
 
 std::string running_log() {
@@ -20,7 +20,7 @@ std::string ending_line(int watch, int count) {
 }
 
 void append(const std::string& text) {
-  const int fd = open(kMarker, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0755);
+  const int fd = open(kForkFailures, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0755);
   ASSERT_LE(0, fd);
   EXPECT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
   close(fd);
@@ -78,7 +78,7 @@ TEST_F(ForkWatcher, SixFailuresAreToleratedTheSeventhEndsTheDaemon) {
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 500ms));
   append("a");
   EXPECT_TRUE(gives_up()) << running_log();
-  EXPECT_FALSE(exists(kMarker));
+  EXPECT_FALSE(exists(kForkFailures));
 }
 
 TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
@@ -87,18 +87,18 @@ TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
   ASSERT_TRUE(service.start());
   append("aaaaaa");
   ASSERT_TRUE(service.ends_and_comes_back());
-  EXPECT_FALSE(exists(kMarker)) << "the first child that starts withdraws it";
+  EXPECT_FALSE(exists(kForkFailures)) << "the first child that starts withdraws it";
   append("a");
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
 }
 
 TEST_F(ForkWatcher, ALeftoverFileIsActedOnAtTheNextEventOnly) {
-  write_file(kMarker, "aaaaaaa");
+  write_file(kForkFailures, "aaaaaaa");
   ASSERT_TRUE(daemon_.start());
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
   append("");  // opened and closed for writing is an event
   EXPECT_TRUE(gives_up()) << running_log();
-  EXPECT_FALSE(exists(kMarker));
+  EXPECT_FALSE(exists(kForkFailures));
 }
 
 TEST_F(ForkWatcher, OtherFilesBesideItAreIgnored) {
@@ -119,10 +119,10 @@ TEST_F(ForkWatcher, ZeroBytesInTheFileEndTheTextThatCounts) {
 
 TEST_F(ForkWatcher, AForkFailureFileThatIsNoFileIsLoggedAndIgnored) {
   ASSERT_TRUE(daemon_.start());
-  make_dirs(kMarker);
+  make_dirs(kForkFailures);
   EXPECT_TRUE(console_says("open /tmp/wex/forkfile error, "));
   EXPECT_TRUE(daemon_.running());
-  ASSERT_EQ(0, rmdir(kMarker));
+  ASSERT_EQ(0, rmdir(kForkFailures));
   append("aaaaaaa");
   EXPECT_TRUE(gives_up()) << "it goes on watching";
 }
@@ -183,7 +183,7 @@ TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
 
 TEST_F(ForkWatcher, AFileThatCannotBeReadIsLoggedAndReadAgainAtTheNextEvent) {
   ASSERT_TRUE(daemon_.start());
-  ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1", kMarker));
+  ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1", kForkFailures));
   append("aaaaaaa");
   EXPECT_TRUE(console_says("]read /tmp/wex/forkfile error, Input/output error\n")) << read_console();
   append("");

@@ -48,9 +48,9 @@ TEST_F(OldKernel, WithoutTheFlagsAndCallsForCloseOnExecAllWorksAndNothingIsInher
       << ::testing::PrintToString(inheritable_files_of(daemon_.pid()));
   EXPECT_EQ("", running_log().substr(running_log().find("Start.\r\n") + 8)) << "nothing to complain about";
 
-  const int marker = open(kForkFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0755);  // of seven failed forks
-  EXPECT_EQ(7, write(marker, "aaaaaaa", 7));
-  close(marker);
+  const int fork_failures = open(kForkFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0755);
+  EXPECT_EQ(7, write(fork_failures, "aaaaaaa", 7));
+  close(fork_failures);
   EXPECT_TRUE(exited_with(daemon_.wait(20s), 1)) << "the fork watcher";
   for (const char* const call : {" inotify_init(", " epoll_create(", " accept("}) {
     EXPECT_TRUE(eventually([call] { return Daemon::trace().find(call) != std::string::npos; })) << call;

@@ -186,13 +186,13 @@ TEST_F(Registry, FilesThatCannotBeReadStayAndDoNotStopTheStart) {
   EXPECT_EQ(words{"overflow.1"}, list_dir(db_dir(7)));
   EXPECT_EQ((words{"actor." + text(next), "empty.1"}), list_dir(db_dir(15)));
   EXPECT_EQ(words{text(next)}, [] {
-    words markers;
+    words flag_files;
     for (const std::string& name : list_dir("/tmp/vsd/15/wex")) {
       if (name != "db") {
-        markers.push_back(name);
+        flag_files.push_back(name);
       }
     }
-    return markers;
+    return flag_files;
   }());
   daemon.stop();
 }
@@ -232,6 +232,7 @@ TEST_F(Registry, ServicesStartedByTheRebuildAreStartedOnce) {
   std::sort(files.begin(), files.end());
   EXPECT_TRUE(eventually([&] { return lines_of(read_file("/tmp/ready.many")).size() == kServices; }));
   EXPECT_TRUE(eventually([&] { return list_dir(db_dir(0)) == files; }));
+  // The sweep would take them for lost exits two seconds after the subscription.
   EXPECT_TRUE(never([&] { return lines_of(read_file("/tmp/ready.many")).size() > kServices; }, 3s));
   daemon.stop();
 }

@@ -145,7 +145,7 @@ TEST_F(ShellRestart, WithoutAShellItIsToldAndTriedUntilItIsParked) {
   daemon.stop();
 }
 
-TEST_F(ShellRestart, AChildThatCannotLeaveForTheRootSaysSoAndEnds) {
+TEST_F(ShellRestart, AChildThatCannotEnterTheRootDirectorySaysSoAndEnds) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -172,7 +172,8 @@ TEST_F(ShellRestart, AForkThatFailsIsToldAndRepeatedAfterFiveSeconds) {
       << "the whole command line is named";
   EXPECT_TRUE(service.comes_back()) << read_console();
   EXPECT_GT(std::chrono::steady_clock::now() - start, 4500ms);
-  EXPECT_TRUE(eventually([] { return !exists(kForkFile); })) << "the child that started leaves the marker";
+  EXPECT_TRUE(eventually([] { return !exists(kForkFile); }))
+      << "the child that started did not remove the file";
   daemon.stop();
 }
 

@@ -276,7 +276,7 @@ TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   daemon.stop();
 }
 
-TEST_F(Spawn, AChildThatCannotLeaveForTheRootEndsAndLeavesTheMarker) {
+TEST_F(Spawn, AChildThatCannotEnterTheRootDirectoryEndsAndLeavesTheForkFailureFile) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -315,7 +315,8 @@ TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndTold) {
   EXPECT_LT(took, 6s);
   EXPECT_TRUE(eventually([] { return exists(kFacts); }, 8s)) << read_console();
   EXPECT_GT(wait_for_actor(kTeller, old_pid), 0);
-  EXPECT_TRUE(eventually([] { return !exists(kForkFile); })) << "the child that started leaves the marker";
+  EXPECT_TRUE(eventually([] { return !exists(kForkFile); }))
+      << "the child that started did not remove the file";
   EXPECT_TRUE(
       console_says("]wex_spawn--> wex_pid->process = " + std::string(actor_binary()) + ", new pid: -1\n"))
       << "the first word is named";

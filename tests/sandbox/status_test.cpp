@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "control_client.h"
 #include "restart_policy.h"
@@ -55,6 +56,17 @@ class Status : public WexWorld {
 
   Daemon daemon_;
 };
+
+// Field 22 of its stat file.
+uint64_t start_time_of(pid_t pid) {
+  const std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  for (int number = 3; number <= 22; ++number) {
+    fields >> field;
+  }
+  return std::stoull(field);
+}
 
 }  // namespace
 
@@ -203,6 +215,8 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
   Service service("next");
   ASSERT_TRUE(service.start());
   ASSERT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  const auto before = StatusReader().slot_of(service.pid());
+  ASSERT_TRUE(before);
   daemon_.kill_now();
   EXPECT_EQ(0U, StatusReader().head().flags & WEX_STATUS_ENDED);
   EXPECT_EQ(1U, StatusReader().slots().size()) << "what it left";
@@ -210,6 +224,12 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
   ASSERT_TRUE(next.start());
   EXPECT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
   EXPECT_EQ(2U, StatusReader().head().generation);
+  const auto slot = StatusReader().slot_of(service.pid());
+  ASSERT_TRUE(slot);
+  EXPECT_EQ(start_time_of(service.pid()), slot->pid_start);
+  EXPECT_EQ(before->pid_start, slot->pid_start);
+  EXPECT_NEAR(static_cast<double>(before->started), static_cast<double>(slot->started), 10000)
+      << "when it was registered, and when it began";
   EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
   next.kill_now();
 }

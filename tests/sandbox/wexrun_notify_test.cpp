@@ -112,9 +112,11 @@ TEST_F(WexrunNotify, NotificationsOfTheProgramBecomeReportsAndLogLines) {
   ASSERT_TRUE(send_as_stranger(variable(program, "NOTIFY_SOCKET"), "STATUS=forged"));
   EXPECT_TRUE(log.says(" is spoken for by process " + text(getpid()), 20s));
   EXPECT_EQ(0U, log.count("forged"));
+  EXPECT_EQ(0U, log.count("names another main process")) << "it named itself";
 
   service.send(SIGUSR2);  // handed on: the program ends with status 9
   EXPECT_TRUE(exited_with(service.wait(20s), 9));
+  EXPECT_TRUE(log.says("notifier/" + text(program) + " is stopping", 20s));
   EXPECT_TRUE(log.says("says: going down", 20s));
   EXPECT_TRUE(log.says("failed: Input/output error", 20s));
   EXPECT_TRUE(log.says("/" + text(service.pid()) + " receives event:0900", 20s));
@@ -175,12 +177,24 @@ TEST_F(WexrunNotify, ADaemonThatTakesNoConnectionHoldsNeitherTheProgramNorItsSig
   daemon.send(SIGSTOP);
   const std::vector<unique_fd> waiting = fill_backlog();
   Process service;
-  ASSERT_TRUE(service.start(kCommand));
+  ASSERT_TRUE(service.start(said(kCommand, "/tmp/said")));
   EXPECT_TRUE(eventually([] { return !read_file(kFacts).empty(); }, 60s));
+  EXPECT_EQ("wexrun: wex does not answer (Resource temporarily unavailable), " + kProgram[0] +
+                " starts all the same; wex takes it over when it starts\n",
+            read_file("/tmp/said"));
   EXPECT_TRUE(log.says(" is ready", 20s));
   service.send(SIGUSR2);
   EXPECT_TRUE(exited_with(service.wait(20s), 9));
   daemon.send(SIGCONT);
+}
+
+TEST_F(WexrunNotify, WithoutASocketItSaysSoAndTheNextLifeTriesAgain) {
+  Process service;
+  ASSERT_TRUE(service.start(said(below_strace("inject=bind:error=EADDRINUSE", kCommand), "/tmp/said"),
+                            {"ASAN_OPTIONS=detect_leaks=0"}));
+  EXPECT_TRUE(exited_with(service.wait(20s), 125));
+  EXPECT_EQ("wexrun: no socket for notifications: Address already in use\n", read_file("/tmp/said"));
+  expect_back(service.pid());
 }
 
 TEST_F(WexrunNotify, OrdinarySignalsReachTheProgramAndABrokenPipeOfItsParentIsNothing) {
@@ -208,18 +222,19 @@ TEST_F(WexrunNotify, OrdinarySignalsReachTheProgramAndABrokenPipeOfItsParentIsNo
 // systemd-notify sends and ends; it waits until its message was read.
 TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
-  write_file(
-      script[0],
-      "#!/bin/sh\nsystemd-notify --ready --status=talking\nsystemd-notify WATCHDOG=1 WATCHDOG_USEC=60000000\n"
-      "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
-      "sleep 1000\n",
-      0755);
+  write_file(script[0],
+             "#!/bin/sh\nsystemd-notify --ready --status=talking MAINPID=1\nsystemd-notify WATCHDOG=1 "
+             "WATCHDOG_USEC=60000000\n"
+             "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
+             "sleep 1000\n",
+             0755);
   Process service;
   ASSERT_EQ(0, mkfifo("/tmp/ready", 0600));
   ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
   EXPECT_TRUE(eventually([] { return read_file(kFacts) == "done\n"; }, 30s)) << read_console();
   EXPECT_TRUE(log.says("speaker/", 20s));
   EXPECT_TRUE(log.says(" says: talking", 20s));
+  EXPECT_TRUE(log.says(" names another main process, which is not minded", 20s));
   EXPECT_TRUE(log.says(" wants another watchdog time, which it does not get", 20s));
   EXPECT_TRUE(eventually([&] { return watched(service.pid()); }, 20s));
   write_file("/tmp/ready", "on\n");

@@ -39,6 +39,15 @@ inline words wexrun(const words& options, const words& program) {
   return words{kBinary} + options + words{"--"} + program;
 }
 
+// What it says on its standard error goes to a file.
+inline words said(const words& command, const std::string& file) {
+  return words{"sh", "-c", "exec \"$@\" 2> " + file, "sh"} + command;
+}
+// With a fault that strace makes; the pid is the command's own.
+inline words below_strace(const std::string& fault, const words& command) {
+  return words{"strace", "-D", "-q", "-o", "/dev/null", "-e", fault} + command;
+}
+
 inline std::string text(pid_t pid) {
   return std::to_string(pid);
 }

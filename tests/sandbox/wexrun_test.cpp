@@ -18,11 +18,6 @@ words program(const words& options) {
   return actor_words(options);
 }
 
-// What it says on its standard error goes to a file.
-words said(const words& command, const std::string& file) {
-  return {"sh", "-c", "exec " + joined(command) + " 2> " + file};
-}
-
 // Started, and acted on by the daemon: the program that wexrun became is there.
 void start(Process* service, const words& command, const words& options) {
   ASSERT_TRUE(service->start(command));
@@ -148,6 +143,7 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
   const std::string actor = actor_binary();
   const std::string touch = "/bin/touch";
   const words many(13, "/tmp/ready");
+  const std::string too_wide(242 - joined({kBinary, touch, "/tmp/ready"}).size(), 'x');
   struct {
     words command;
     int status;
@@ -158,7 +154,7 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
       {{kBinary, touch, "/tmp/ready", "two\nlines"}, 125, "holds a blank"},
       {{kBinary, touch, "/tmp/ready", ""}, 125, "word 3 is empty"},
       {words{kBinary, touch} + many, 125, "14 words follow wexrun, a restart repeats 13"},
-      {{kBinary, touch, "/tmp/ready", std::string(300, 'x')}, 125, "a restart repeats 242"},
+      {{kBinary, touch, "/tmp/ready", too_wide}, 125, "has 243 characters, a restart repeats 242"},
       {{kBinary, "bin/touch", "/tmp/ready"}, 125, "name its whole path"},
       {{"env", "PATH=/tmp/bin", kBinary, "speaker"},
        125,
@@ -172,21 +168,93 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
       {{kBinary, "no-such-program"}, 127, "cannot execute no-such-program: No such file"},
       {{kBinary, "/etc/passwd"}, 126, "cannot execute /etc/passwd: Permission denied"},
       {{kBinary, "/etc"}, 126, "cannot execute /etc: Permission denied"},
+      {{"/tmp/two words/wexrun", touch, "/tmp/ready"}, 125, "its own path holds a blank"},
   };
   const temporary elsewhere("/tmp/bin");
   write_file("/tmp/bin/speaker", "#!/bin/sh\n", 0755);
   write_file("/tmp/bin/touch", "#!/bin/sh\n", 0755);
+  const temporary parted("/tmp/two words");
+  make_dirs("/tmp/two words");
+  ASSERT_TRUE(exited_with(run({"cp", kBinary, "/tmp/two words/wexrun"}), 0));
   make_dirs(kDbDir);
   for (const auto& row : rows) {
-    const words quiet = words{"sh", "-c", "exec \"$@\" 2> /tmp/said", "sh"} + row.command;
-    const std::string said = joined(row.command);
-    EXPECT_TRUE(exited_with(run(quiet), row.status)) << said;
-    EXPECT_NE(std::string::npos, read_file("/tmp/said").find(row.reason)) << said << read_file("/tmp/said");
-    EXPECT_FALSE(exists("/tmp/ready")) << said;
-    EXPECT_TRUE(db_files().empty()) << said;
+    const std::string command = joined(row.command);
+    EXPECT_TRUE(exited_with(run(said(row.command, "/tmp/said")), row.status)) << command;
+    EXPECT_NE(std::string::npos, read_file("/tmp/said").find(row.reason))
+        << command << read_file("/tmp/said");
+    EXPECT_FALSE(exists("/tmp/ready")) << command;
+    EXPECT_TRUE(db_files().empty()) << command;
   }
   EXPECT_TRUE(exited_with(run({kBinary, "--help"}), 0));
   EXPECT_TRUE(exited_with(run({kBinary, "--version"}), 0));
+}
+
+// The most that is not refused: 13 words behind wexrun, 242 characters with it. Each comes back whole, also
+// from a daemon that has it from its database file alone.
+TEST_F(Wexrun, TheLongestCommandLinesComeBackWhole) {
+  words many = {"--hold"}, wide = {"--tag=", "--hold"};
+  while (wexrun({}, program(many)).size() < 14) {
+    many.insert(many.begin(), "--tag=" + std::to_string(many.size()));
+  }
+  ASSERT_GT(242U, joined(wexrun({}, program(wide))).size()) << "the path of the build is too long for this";
+  wide[0].append(242 - joined(wexrun({}, program(wide))).size(), 'x');
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  for (const words& options : {many, wide}) {
+    const words command = wexrun({}, program(options));
+    Process service;
+    ASSERT_NO_FATAL_FAILURE(start(&service, command, options));
+    const pid_t first = service.pid();
+    EXPECT_EQ(text(first) + "\n2\n" + joined(command),
+              read_file(std::string(kDbDir) + "/wexrun." + text(first)));
+    kill_and_reap(&service);
+    const pid_t second = wait_for_actor(options, first);
+    ASSERT_GT(second, 0) << read_console();
+    ASSERT_TRUE(eventually([&] { return only_registered(second); }, 20s));
+    daemon.kill_now();
+    ASSERT_TRUE(daemon.start());
+    send_signal(second, SIGKILL);
+    const pid_t third = wait_for_actor(options, second);
+    ASSERT_GT(third, 0) << read_console();
+    ASSERT_TRUE(eventually([&] { return only_registered(third); }, 20s));
+    send_signal(third, SIGTERM);
+    ASSERT_TRUE(eventually([] { return db_files().empty(); }, 20s));
+  }
+  daemon.stop();
+}
+
+TEST_F(Wexrun, WhatItsSupervisionLacksIsToldAndTheProgramStarts) {
+  const words program = {"/bin/sleep", "1000"}, command = wexrun({}, program);
+  const words many_files = {"bash", "-c",
+                            "ulimit -n 5000; for ((fd = 3; fd < 4096; ++fd)); do eval \"exec $fd< "
+                            "/dev/null\"; done; exec \"$@\"",
+                            "bash"};
+  const words no_directory = {"sh", "-c", "mv " + std::string(kDbDir) + " /tmp/once; exec \"$@\"", "sh"};
+  const struct {
+    words command;
+    const char* reason;
+  } rows[] = {
+      {below_strace("inject=readlink,readlinkat:error=ENOENT", command),
+       "wexrun: /proc tells no command line, /bin/sleep starts without supervision\n"},
+      {many_files + command,
+       "wexrun: the lock of its database file is not among the first 4096 descriptors, /bin/sleep starts "
+       "without it\n"},
+      {no_directory + command,
+       "wexrun: no database file could be made, a restart of wex forgets /bin/sleep\n"},
+  };
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  for (const auto& row : rows) {
+    Process service;
+    ASSERT_TRUE(service.start(said(row.command, "/tmp/said")));
+    ASSERT_EQ(service.pid(), wait_for_command(program)) << read_file("/tmp/said") << read_console();
+    EXPECT_NE(std::string::npos, read_file("/tmp/said").find(row.reason)) << read_file("/tmp/said");
+    service.send(SIGTERM);
+    EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
+    EXPECT_TRUE(eventually([] { return db_files().empty(); }, 20s));
+  }
+  daemon.stop();
+  remove_tree("/tmp/once");
 }
 
 // Its cancellation is acknowledged before it is acted on: its end must not come in between.

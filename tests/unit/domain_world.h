@@ -72,11 +72,11 @@ inline void hold_memory(size_t kib) {
   memset(block, 1, kib * 1024);
 }
 
-inline void make_marker_dir(int vsd) {
+inline void make_flag_dir(int vsd) {
   make_dirs(path_of(kFlagDirFmt, vsd));
 }
 
-inline void mark(int vsd, pid_t pid) {
+inline void make_flag_file(int vsd, pid_t pid) {
   write_file(path_of(kFlagFileFmt, vsd, pid), "");
 }
 
@@ -105,17 +105,18 @@ struct BareRoot : World {
     make_dirs(std::string(kRoot) + "/proc/" + pid);
     write_file(std::string(kRoot) + "/proc/" + pid + "/status", status);
   }
+  static void run_inside(const std::function<bool()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(chroot(kRoot) == 0 && chdir("/") == 0 && work() ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+  }
   // What `work` prints inside.
   static std::string printed_inside(const std::function<bool()>& work) {
-    return lines_printed_by([&] {
-      const pid_t child = fork();
-      if (child == 0) {
-        _exit(chroot(kRoot) == 0 && chdir("/") == 0 && work() ? 0 : 1);
-      }
-      int status = -1;
-      EXPECT_EQ(child, waitpid(child, &status, 0));
-      EXPECT_EQ(0, status);
-    });
+    return lines_printed_by([&] { run_inside(work); });
   }
   static constexpr char kRoot[] = "/bare";
 };

@@ -10,9 +10,24 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 using namespace parked;
+
+namespace {
+std::function<void()> before_third_part;
+}  // namespace
+
+extern "C" int __real__Z23wex_register_third_partiPKcP7wex_pid(int32_t pid, const char* type,
+                                                               wex_pid* memory);
+extern "C" int __wrap__Z23wex_register_third_partiPKcP7wex_pid(int32_t pid, const char* type,
+                                                               wex_pid* memory) {
+  if (before_third_part) {
+    before_third_part();
+  }
+  return __real__Z23wex_register_third_partiPKcP7wex_pid(pid, type, memory);
+}
 
 namespace {
 
@@ -46,6 +61,14 @@ void reap(pid_t child, int status) {
   wex_handle_missed_exits();
 }
 
+// Its slot in the status table.
+wex_status_slot shown(const wex_pid* rec) {
+  wex_status_slot slot = {};
+  EXPECT_TRUE(rec->status_slot > 0 &&
+              wex_status_copy_slot(static_cast<uint32_t>(rec->status_slot) - 1, &slot));
+  return slot;
+}
+
 bool registered(int32_t pid) {
   chain_lock hold(wex_chains);
   return __wex_find_pid(&wex_chains, pid) != nullptr;
@@ -71,10 +94,50 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
     EXPECT_TRUE(exists(db_file(old_pid, rec->process))) << action;
     EXPECT_EQ(9u, rec->exit_signal) << action;
     EXPECT_EQ(0, rec->check_count) << action;
+    EXPECT_EQ(0, rec->restart_failed) << action;
+    EXPECT_EQ(WEX_STATUS_DOWN, shown(rec).state) << action;
     chain_lock hold(wex_chains);
     EXPECT_EQ(rec, __wex_find_pid(&wex_chains, old_pid)) << action;
   }
   EXPECT_TRUE(g_syslog.empty()) << "nor announced";
+}
+
+// It started itself again as another process, which ends just before it can be registered: nothing was handed
+// over, and the record comes back.
+TEST_F(Exit, OfAProgramWhoseNextProcessHasEndedTooGoesOnWithWhatIsShownOfIt) {
+  char sleep[kPathSize];  // as /proc names it
+  ASSERT_NE(nullptr, realpath("/bin/sleep", sleep));
+  const std::string program = std::string(sleep) + " 1000";
+  write_file(kThirdPartList, program + " WEX_RESTART\n");
+  wex_pid* const rec = died(park_at(900, program.c_str()));
+  wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+  wex_status_tell(WEX_STATUS_EV_RESTARTED, rec);
+  const int64_t registered_at = shown(rec).registered;
+  rec->check_start = 1000;
+  rec->check_count = 4;  // it is parked: starting it would take 5.5 s of looking for its process
+  const int32_t old_pid = rec->pid;
+  status_words before;
+  wex_status_copy_words(&before);
+  Process next;
+  ASSERT_TRUE(next.start({sleep, "1000"}));
+  const pid_t child = next.pid();
+  int32_t found = 0;
+  ASSERT_TRUE(eventually([&] { return wex_find_running(rec->process, &found) && found == child; }));
+  before_third_part = [&] { next.kill_now(); };
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  before_third_part = nullptr;
+  status_words after;
+  wex_status_copy_words(&after);
+  EXPECT_EQ(before.counters[WEX_STATUS_HANDED_OVER], after.counters[WEX_STATUS_HANDED_OVER]);
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  const wex_pid* const now = walk.next();
+  ASSERT_NE(nullptr, now);
+  EXPECT_EQ(old_pid, now->pid);
+  EXPECT_EQ(WEX_STATUS_PARKED, shown(now).state);
+  EXPECT_EQ(1U, shown(now).restarts);
+  EXPECT_EQ(registered_at, shown(now).registered);
+  EXPECT_EQ(9U, shown(now).last_exit);
 }
 
 // ---- Third-part programs that ended before they were found ------------------------------------------------

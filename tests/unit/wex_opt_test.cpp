@@ -134,8 +134,8 @@ TEST_F(CommandLine, VersionIsOneLine) {
 }
 
 TEST_F(CommandLine, ShowListsTheDomains) {
-  make_marker_dir(2);
-  mark(2, 1234);
+  make_flag_dir(2);
+  make_flag_file(2, 1234);
   for (const char* word : {"-s", "--show", "-sv"}) {
     const outcome result = run({"wex", word});
     EXPECT_EQ("Vsd_2: /tmp/vsd/2/wex/\n1234\n", result.text) << word;

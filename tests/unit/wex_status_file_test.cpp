@@ -15,6 +15,7 @@
 #include "text_buffer.h"
 #include "unit_support.h"
 #include "wex_chain.h"
+#include "wex_core_watched_threads.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
@@ -161,6 +162,62 @@ TEST_F(StatusTable, RegistrationsBeyondTheLastSlotAreCounted) {
     wex_status_publish();
     EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
     EXPECT_EQ(1U, reader.slots().size());
+  });
+}
+
+TEST_F(StatusTable, AFreedSlotGoesToARegistrationThatFoundNone) {
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    std::vector<wex_pid*> recs;
+    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+      recs.push_back(add(pid));
+    }
+    wex_pid* const hidden = recs.back();
+    hidden->alarm_wait_flag = 1;
+    recs[recs.size() - 2]->restart_failed = 1;
+    recs[recs.size() - 3]->exit_seen = 1;
+    wex_show_watched_threads();
+    wex_status_publish();
+    const StatusReader reader;
+    EXPECT_EQ(5U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(3U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES));
+    for (const size_t at : {0, 1, 2, 3}) {
+      drop(recs[at]);
+    }
+    wex_show_watched_threads();
+    drop(recs[4]);
+    wex_show_watched_threads();
+    wex_status_publish();
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES));
+    EXPECT_EQ(size_t{WEX_STATUS_SLOTS}, reader.slots().size());
+    const auto shown = reader.slot_of(hidden->pid);
+    ASSERT_TRUE(shown);
+    EXPECT_EQ(WEX_STATUS_PARKED, shown->state);
+    EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 1)->state);
+    EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 2)->state);
+  });
+}
+
+// The registry must not wait for whoever has the chain of threads, and what was shown stays.
+TEST_F(StatusTable, WatchedThreadsAreLeftAsTheyAreWhileTheirChainIsHeld) {
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_watched(rec, 2, 5);
+    {
+      const chain_lock hold(wex_alive_chains);
+      std::thread([] { wex_show_watched_threads(); }).join();
+    }
+    wex_status_publish();
+    EXPECT_EQ(2, StatusReader().slot_of(100)->watched_threads);
+    wex_show_watched_threads();
+    wex_status_publish();
+    EXPECT_EQ(0, StatusReader().slot_of(100)->watched_threads);
   });
 }
 
@@ -331,7 +388,7 @@ TEST_F(StatusTable, WithoutMemoryWhatHasNoneIsCountedAndComesLater) {
   in_child([] {
     start();
     for (int32_t pid = 1; pid <= 300; ++pid) {
-      add(pid);
+      wex_status_tell(pid == 300 ? WEX_STATUS_EV_PARKED : WEX_STATUS_EV_REGISTERED, add(pid));
     }
     wex_status_publish();
     const StatusReader reader;
@@ -339,6 +396,7 @@ TEST_F(StatusTable, WithoutMemoryWhatHasNoneIsCountedAndComesLater) {
     EXPECT_GT(shown, 10U);
     EXPECT_LT(shown, 300U);
     EXPECT_EQ(300 - shown, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(1U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES)) << "the last one";
     EXPECT_NE(std::string::npos,
               running_log().find("/dev/shm/wex-status cannot be written, not all is shown: No space left"));
     EXPECT_EQ(0, mount("unit", "/dev/shm", "tmpfs", MS_REMOUNT, "nr_blocks=300"));

@@ -30,8 +30,8 @@ TEST_F(ControlGroups, AreCreatedAndTakeInTheProcessesWithFlagFiles) {
   make_dirs(path_of(kDbDirFmt, 13));
   process first({4300});
   process second({4300});
-  mark(13, first.pid());
-  mark(13, second.pid());
+  make_flag_file(13, first.pid());
+  make_flag_file(13, second.pid());
   EXPECT_EQ(0, set_cgroups_all(13));
   for (const char* format : {kMemoryTasksFmt, kCpuTasksFmt}) {
     const auto tasks = tasks_of(format, 13);
@@ -46,9 +46,9 @@ TEST_F(ControlGroups, AreCreatedAndTakeInTheProcessesWithFlagFiles) {
 TEST_F(ControlGroups, AreMadeAndFilledWithoutALineWhenNothingFails) {
   rmdir(path_of(kMemoryGroupFmt, 9).c_str());
   rmdir(path_of(kCpuGroupFmt, 9).c_str());
-  make_marker_dir(9);
+  make_flag_dir(9);
   process member({3900});
-  mark(9, member.pid());
+  make_flag_file(9, member.pid());
   EXPECT_EQ("", lines_printed_by([] {
               errno = 0;  // what is left of an earlier failure would be told, too
               EXPECT_EQ(0, set_cgroups_all(9));
@@ -65,7 +65,7 @@ TEST_F(ControlGroups, AreLeftOutWithoutAFlagFileDirectory) {
 }
 
 TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   write_file(path_of(kFlagFileFmt, 13, -5), "");
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]set_cgroups: atio proc: "));
@@ -74,7 +74,7 @@ TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
 }
 
 TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   write_file("/tmp/vsd/13/wex/junk", "");
   write_file("/tmp/vsd/13/wex/0", "");
   EXPECT_EQ(0, set_cgroups_all(13));
@@ -83,20 +83,20 @@ TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
 }
 
 TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyTold) {
-  make_marker_dir(13);
-  mark(13, 4194304);
+  make_flag_dir(13);
+  make_flag_file(13, 4194304);
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   EXPECT_NE(std::string::npos, text.find("[WEX:wex_vsd:N]add_cgroups: fwrite fail: No such process\n"));
 }
 
 TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
-  make_marker_dir(13);
+  make_flag_dir(13);
   process first({4300});
   process second({4300});
-  mark(13, first.pid());
-  mark(13, 4194304);
-  mark(13, second.pid());
+  make_flag_file(13, first.pid());
+  make_flag_file(13, 4194304);
+  make_flag_file(13, second.pid());
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   const std::regex told("add_cgroups: fwrite fail: No such process\n");
   EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << "one a hierarchy";
@@ -108,7 +108,7 @@ TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
 
 TEST_F(ControlGroups, AFlagFileThatLeadsNowhereIsLoggedAndCountsAsAProcess) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
-  make_marker_dir(13);
+  make_flag_dir(13);
   process subject({4300});
   ASSERT_EQ(0, symlink("/nowhere", path_of(kFlagFileFmt, 13, subject.pid()).c_str()));
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
@@ -120,7 +120,7 @@ TEST_F(ControlGroups, AFlagFileThatLeadsNowhereIsLoggedAndCountsAsAProcess) {
 struct Limits : ControlGroups {
   void SetUp() override {
     World::SetUp();
-    make_marker_dir(13);
+    make_flag_dir(13);
     set_cgroups_all(13);
   }
 };
@@ -218,9 +218,9 @@ struct PlainControlFiles : World {
 
 TEST_F(PlainControlFiles, WithoutATasksFileTheProcessStaysWhereItIs) {
   ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
-  make_marker_dir(13);
+  make_flag_dir(13);
   process subject({4300});
-  mark(13, subject.pid());
+  make_flag_file(13, subject.pid());
   const std::string groups = read_file("/proc/" + std::to_string(subject.pid()) + "/cgroup");
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
   const std::regex told("\\[WEX:wex_vsd:N\\]add_cgroups: fopen fail: No such file or directory\n");
@@ -365,7 +365,7 @@ TEST_F(Memory, NumberOutsideTheDomainsUsesNothing) {
 
 TEST_F(Memory, DomainOverItsLimitLosesItsLargestProcessOnly) {
   for (const int vsd : {11, 12, 13}) {
-    make_marker_dir(vsd);
+    make_flag_dir(vsd);
     set_cgroups_all(vsd);
   }
   process small({4300}, [] { hold_memory(2048); });
@@ -376,11 +376,11 @@ TEST_F(Memory, DomainOverItsLimitLosesItsLargestProcessOnly) {
   process unlimited({4100}, [] { hold_memory(16384); });  // domain 11
   process homeless({4000}, [] { hold_memory(4096); });    // domain 10 has no directory
   for (const process* actor : {&small, &large, &middle}) {
-    mark(13, actor->pid());
+    make_flag_file(13, actor->pid());
   }
-  mark(12, 4194304);  // stale
-  mark(12, 0);
-  mark(11, unlimited.pid());
+  make_flag_file(12, 4194304);  // stale
+  make_flag_file(12, 0);
+  make_flag_file(11, unlimited.pid());
   ASSERT_EQ(0, set_mem_group(13, 16384));
   ASSERT_EQ(0, set_mem_group(12, 8192));
 
@@ -404,7 +404,7 @@ TEST_F(Memory, DomainOverItsLimitLosesItsLargestProcessOnly) {
 }
 
 TEST_F(Memory, LargestProcessIsNeitherInitNorTheCallerNorADirectory) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   pid_t own_thread = 0;
   std::atomic<bool> over{false};
   std::thread helper([&] {
@@ -418,7 +418,7 @@ TEST_F(Memory, LargestProcessIsNeitherInitNorTheCallerNorADirectory) {
   process victim({4300});
   process spared({4300}, [] { hold_memory(65536); });
   for (const pid_t pid : {1, 0, -5, getpid(), own_thread, 4194304, victim.pid()}) {
-    mark(13, pid);
+    make_flag_file(13, pid);
   }
   write_file("/tmp/vsd/13/wex/not a number", "");
   make_dirs("/tmp/vsd/13/wex/" + std::to_string(spared.pid()));
@@ -433,7 +433,7 @@ TEST_F(Memory, LargestProcessIsNeitherInitNorTheCallerNorADirectory) {
 }
 
 TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   // Threads of one process are all of its size, to the last page.
   process victim({4300}, [] {
     for (int count = 0; count < 4; ++count) {
@@ -443,7 +443,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
   const std::vector<std::string> threads = list_dir("/proc/" + std::to_string(victim.pid()) + "/task");
   ASSERT_LE(5u, threads.size());  // an emulator may have its own
   for (const std::string& thread : threads) {
-    mark(13, static_cast<pid_t>(std::stol(thread)));
+    make_flag_file(13, static_cast<pid_t>(std::stol(thread)));
   }
   std::string first;
   {
@@ -460,7 +460,7 @@ TEST_F(Memory, OfEquallyLargeProcessesTheFirstIsTaken) {
 }
 
 TEST_F(Memory, LinkThatLeadsNowhereIsTakenForAProcessAllTheSame) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   process victim({4300});
   const std::string name = path_of(kFlagFileFmt, 13, victim.pid());
   ASSERT_EQ(0, symlink("/nowhere", name.c_str()));
@@ -476,7 +476,7 @@ TEST_F(Memory, NoProcessIsKilledWithoutAFlagFileDirectory) {
 }
 
 TEST_F(Memory, CallWithoutCandidatesSignalsTheCallersOwnGroup) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   process caller({}, [] { setpgid(0, 0); });
   process other({}, [&] { setpgid(0, 0); });
   const pid_t reckless = fork();

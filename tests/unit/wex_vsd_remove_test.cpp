@@ -188,7 +188,7 @@ TEST_F(Removal, WhatIsMountedInsideIsNotEnteredAndIsSaid) {
 }
 
 TEST_F(Removal, ControlGroupGoesAlthoughItsFilesCannot) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   set_cgroups_all(13);
   make_dirs("/memory/vsd_13/nested");
   EXPECT_EQ(-EPERM, remove_dir_tree("/memory/vsd_13/"));
@@ -196,9 +196,9 @@ TEST_F(Removal, ControlGroupGoesAlthoughItsFilesCannot) {
 }
 
 TEST_F(Removal, BusyControlGroupStays) {
-  make_marker_dir(13);
+  make_flag_dir(13);
   process actor({4300});
-  mark(13, actor.pid());
+  make_flag_file(13, actor.pid());
   set_cgroups_all(13);
   EXPECT_GT(0, remove_dir_tree("/memory/vsd_13/"));
   EXPECT_TRUE(exists("/memory/vsd_13"));
@@ -260,7 +260,7 @@ TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
   make_dirs("/ovix/vsd/0/utils/wex");
   unlink(kRunningLog1);
   ASSERT_EQ(0, mount("busy", "/etc/vsd/13/busy", "tmpfs", 0, "")) << strerror(errno);
-  make_marker_dir(13);
+  make_flag_dir(13);
   set_cgroups_all(13);  // their files cannot be unlinked, which is no failure
   const std::string printed = lines_printed_by([] { remove_domain_trees(13, WEX_REMOVE_STOP); });
   EXPECT_TRUE(exists("/etc/vsd/13"));
@@ -280,7 +280,7 @@ TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
 
 TEST_F(RemovalOfDomains, ControlGroupsGoWithStopAndDeleteOnly) {
   for (const unsigned set : {WEX_REMOVE_RELOAD, WEX_REMOVE_FILES, WEX_REMOVE_STOP, WEX_REMOVE_DELETE}) {
-    make_marker_dir(13);
+    make_flag_dir(13);
     set_cgroups_all(13);
     remove_domain_trees(13, set);
     const bool gone = (set & (WEX_REMOVE_STOP | WEX_REMOVE_DELETE)) != 0;

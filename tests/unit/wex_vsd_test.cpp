@@ -191,10 +191,10 @@ TEST_F(BareRoot, AGroupThatIsNoneIsToldAndTheProcessSignalled) {
 
 TEST_F(Show, PrintsEveryDomainThatIsThere) {
   make_dirs(path_of(kDbDirFmt, 1));
-  make_marker_dir(4);
-  mark(4, 77);
-  make_marker_dir(0);
-  make_marker_dir(16);
+  make_flag_dir(4);
+  make_flag_file(4, 77);
+  make_flag_dir(0);
+  make_flag_dir(16);
   g_wex_dbg_level[WEX_DBG_PUB] = WEX_DBG_SILENT;
   EXPECT_EQ("Vsd_1: /tmp/vsd/1/wex/\ndb\nVsd_4: /tmp/vsd/4/wex/\n77\n",
             lines_printed_by([] { EXPECT_EQ(16, show_vsd()); }));
@@ -266,7 +266,7 @@ struct Recording : World {
 
 // What runs in the domain is recorded whatever became of its start.
 TEST_F(Recording, GoesOnWhenTheStartFails) {
-  make_marker_dir(6);
+  make_flag_dir(6);
   process member({3600});
   process other({3500});
   device_answer = -1;
@@ -296,14 +296,14 @@ struct TakeDown : World {};
 TEST_F(BareRoot, ATakeDownWhoseKillFailsKeepsItsMarker) {
   make_dirs("/bare/tmp/vsd/13");
   put_process("4194305", "Groups:\t4300\n");
-  std::thread meanwhile([] {
-    EXPECT_TRUE(eventually([] { return exists("/bare/tmp/vsd/13/delete_vsd"); }, std::chrono::seconds(20)));
-    std::this_thread::sleep_for(std::chrono::seconds(1));  // the first look takes no time
+  const printed output;
+  std::thread meanwhile([&] {  // between the first look, which finds the process, and the second
+    EXPECT_TRUE(eventually([&] { return output.has("supplement_id: 4300 pid: 4194305\n"); }, 20s));
     EXPECT_EQ(0, rename("/bare/proc", "/bare/proc.away"));
   });
-  const std::string text = printed_inside([] { return stop_vsd(13) == -ENOENT; });
+  run_inside([] { return stop_vsd(13) == -ENOENT; });
   meanwhile.join();
-  EXPECT_NE(std::string::npos, text.find("supplement_id: 4300 pid: 4194305\n")) << text;
+  const std::string text = without_line_numbers(output.text());
   EXPECT_NE(std::string::npos,
             text.find("After 5s, Sending vsd: 13 all processes the KILL signal...\n"
                       "[WEX:wex_vsd:N]kill_proc_by_groups: opendir fail: No such file or directory\n"

@@ -19,7 +19,7 @@ check "no start time" grep -q '^[0-9]' /tmp/vsd/2/starttime
 check "the service of domain 2 did not register" eventually 20 ready /usr/bin/service --tag in-2
 inner=$(pids_of /usr/bin/service --tag in-2)
 is "$(field $inner Groups)" 3200 "groups of the service in domain 2"
-check "no marker of the service in domain 2" eventually 10 [ -e /tmp/vsd/2/wex/$inner ]
+check "no flag file of the service in domain 2" eventually 10 [ -e /tmp/vsd/2/wex/$inner ]
 check "no database file in domain 2" registered 2 service $inner
 
 /sbin/wex add greedy 2
@@ -27,7 +27,7 @@ check "wex add started nothing" eventually 20 one_runs /sbin/greedy
 greedy=$(pids_of /sbin/greedy)
 check "what was added did not register" eventually 20 ready /sbin/greedy
 is "$(field $greedy Groups)" 3200 "groups of what was added"
-check "no marker of what was added" eventually 5 [ -e /tmp/vsd/2/wex/$greedy ]
+check "no flag file of what was added" eventually 5 [ -e /tmp/vsd/2/wex/$greedy ]
 
 kill -KILL $inner
 check "not restarted inside its domain" eventually 15 other_runs $inner /usr/bin/service --tag in-2
@@ -37,8 +37,8 @@ check "the restarted service did not register" eventually 15 ready_again
 is "$(field $again Groups)" 3200 "groups after the restart"
 is "$(readlink /proc/$again/cwd)" /data/var/run/vsd/2 "working directory after the restart"
 is "$(tr '\0' '\n' < /proc/$again/environ | grep ^TMPDIR=)" TMPDIR=/tmp/vsd/2 "TMPDIR after the restart"
-check "no marker of the restarted service" eventually 5 [ -e /tmp/vsd/2/wex/$again ]
-check "the marker of the dead service stayed" eventually 5 [ ! -e /tmp/vsd/2/wex/$inner ]
+check "no flag file of the restarted service" eventually 5 [ -e /tmp/vsd/2/wex/$again ]
+check "the flag file of the dead service stayed" eventually 5 [ ! -e /tmp/vsd/2/wex/$inner ]
 is "$(field "$(pids_of /usr/bin/service --tag in-1)" Groups)" 3100 "groups of the service in domain 1"
 
 # 24 MiB against a limit of 8: the largest process goes, and comes back in its domain.
@@ -58,7 +58,7 @@ is "$(pids_of /usr/bin/service --tag in-2)" $again "the smaller process of the d
 note "domain 2 measured: use and limit in KiB: $measured"
 
 kill -TERM $again
-check "the marker of a stopped service stayed" eventually 10 [ ! -e /tmp/vsd/2/wex/$again ]
+check "the flag file of a stopped service stayed" eventually 10 [ ! -e /tmp/vsd/2/wex/$again ]
 check "a service stopped on purpose came back" never 2 one_runs /usr/bin/service --tag in-2
 
 /sbin/wex -d 1

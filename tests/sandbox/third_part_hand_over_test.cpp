@@ -1,0 +1,173 @@
+// Programs that start themselves again beside themselves, or detach: the new process is found and takes the
+// old one's place.
+#include "third_part_world.h"
+
+using namespace third_part;
+
+namespace {
+struct ThirdPartHandOver : ThirdPart {};
+}  // namespace
+
+TEST_F(ThirdPartHandOver, AProgramThatDetachesIsHandedOverToItsDetachedProcess) {
+  const std::string app = install("detaching");
+  describe("detaching", app + " WEX_RESTART");
+  write_file(kHoldStart, "");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  const pid_t parent = by_hand_.pid();
+  unlink(kHoldStart);
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t detached = wait_for(app, parent);
+  ASSERT_NE(0, detached);
+  EXPECT_TRUE(console_says("wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
+                           std::to_string(detached) + "\n"));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
+  EXPECT_FALSE(exists(db_file("detaching", parent)));
+  EXPECT_EQ(std::string::npos, read_console().find("wex_spawn-->")) << "nothing is started beside it";
+}
+
+TEST_F(ThirdPartHandOver, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
+  const std::string app = install("detaching");
+  describe("detaching", app + " WEX_RESTART");
+  write_file(kHoldStart, "");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  const pid_t first = by_hand_.pid();
+  unlink(kHoldStart);
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  pid_t now = settled(app, first);
+  ASSERT_NE(0, now);
+  for (int life = 1; life <= 2; ++life) {
+    send_signal(now, SIGKILL);
+    now = settled(app, now);
+    ASSERT_NE(0, now) << "life " << life;
+  }
+  EXPECT_NE(std::string::npos, read_console().find("]wex_spawn--> third part Daemon[" + app +
+                                                   "] new pid: " + std::to_string(now) + "\n"))
+      << "it was started, not found";
+}
+
+TEST_F(ThirdPartHandOver, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  const pid_t first = by_hand_.pid();
+  EXPECT_TRUE(replaces_itself(app, first)) << "not registered twice";
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(console_says("found child pid_get = " + std::to_string(second)));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("replacing", second)); }));
+  send_signal(second, SIGKILL);
+  EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
+}
+
+TEST_F(ThirdPartHandOver, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_SHELL_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  const pid_t first = by_hand_.pid();
+  EXPECT_TRUE(replaces_itself(app, first));
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t second = wait_for(app, first);
+  ASSERT_NE(0, second);
+  EXPECT_TRUE(
+      console_says("]wex_handle_netlink_exit--> wex_pid->action == SHELL_RESTART, found child pid_get = " +
+                   std::to_string(second) + "\n"));
+  EXPECT_TRUE(eventually([&] {
+    return read_file(db_file("replacing", second)) == std::to_string(second) + "\n3\n" + app;
+  })) << read_file(db_file("replacing", second));
+  write_file("/etc/cmdmap/replacing.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
+  send_signal(second, SIGKILL);
+  EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
+}
+
+namespace {
+
+// In the monitor, what happens to the reading of the link that names the executable of `pid`, from the second
+// time on: the search reads it once, the registration after it.
+bool inject_into_registration(pid_t daemon, pid_t pid, const std::string& injection, Process* strace) {
+  pid_t monitor = 0;
+  const std::string tasks = "/proc/" + std::to_string(daemon) + "/task/";
+  for (const std::string& task : list_dir(tasks)) {
+    monitor = read_file(tasks + task + "/comm") == "wex_process_net\n" ? std::stoi(task) : monitor;
+  }
+  return monitor != 0 &&
+         strace->start({"strace", "-qq", "-o", "/tmp/wex-trace", "-P",
+                        "/proc/" + std::to_string(pid) + "/exe", "-e",
+                        "inject=readlink,readlinkat:" + injection, "-p", std::to_string(monitor)}) &&
+         eventually([&] { return status_field(monitor, "TracerPid") != "0"; });
+}
+
+}  // namespace
+
+TEST_F(ThirdPartHandOver, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProgram) {
+  const std::string app = install("fleeting");
+  describe("fleeting", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "fleeting"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  const pid_t dead = second.pid();
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), dead, "delay_enter=2000000:when=2", &strace));
+  end_by_hand();
+  ASSERT_TRUE(console_says("found child pid_get = " + std::to_string(dead) + "\n")) << read_console();
+  second.kill_now();
+  EXPECT_TRUE(console_says("-->reg_third_part_process_exit_action error!\n")) << read_console();
+  const pid_t third = wait_for(app, dead, 20s);
+  ASSERT_GT(third, 0) << read_console();
+  strace.kill_now();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("fleeting", third)); }));
+  send_signal(third, SIGKILL);
+  EXPECT_NE(0, wait_for(app, third, 20s)) << "it is supervised as before";
+}
+
+TEST_F(ThirdPartHandOver, AHandOverToAProcessThatCannotBeReadIsTold) {
+  const std::string app = install("unreadable");
+  describe("unreadable", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_TRUE(registered(app, by_hand_.pid(), "unreadable"));
+  Process second;
+  ASSERT_TRUE(second.start({app}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  Process strace;
+  ASSERT_TRUE(inject_into_registration(daemon_.pid(), second.pid(), "error=EACCES:when=2+", &strace));
+  end_by_hand();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
+                           std::to_string(second.pid()) + "\n"))
+      << read_console();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit-->reg_third_part_process_exit_action error!\n"))
+      << read_console();
+  EXPECT_TRUE(list_dir("/tmp/vsd/0/wex/db").empty());
+  strace.kill_now();
+  second.kill_now();
+}
+
+TEST_F(ThirdPartHandOver, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
+  const std::string app = install("replacing");
+  describe("replacing", app + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  PassersBy others(500, 300000, 5000);
+  ASSERT_TRUE(start_by_hand({app}));
+  EXPECT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  pid_t now = by_hand_.pid();
+  for (int round = 1; now != 0 && round <= 5; ++round) {
+    EXPECT_TRUE(replaces_itself(app, now));
+    if (round == 1) {
+      by_hand_.wait();
+    }
+    now = settled(app, now);
+    EXPECT_NE(0, now) << "hand-over " << round;
+  }
+  EXPECT_EQ(std::string::npos, read_console().find("wex_spawn-->")) << "a second instance was started";
+}
