@@ -40,6 +40,7 @@ class Run:
         device.clean()
         self.clock = device.Clock()
         self.scenario = scenario(tools)
+        device.write("/debug_time", "1\n")   # seconds that a program waits which has failed five times
         self.scenario.before_daemon()
         self.daemon = device.Daemon(tools)
         self.reaction = "at once"
@@ -177,7 +178,8 @@ class Run:
         self.start_daemon()
         # Not ready: who comes back before the control socket is there tries again a second later.
         need(self.all_are(Service.is_filed) and not self.twins(), "not there once after the next start: " + self.describe())
-        need(not any(service.lives() for service in scenario.gone), "came back though cancelled: " + self.describe())
+        allowed = 1 if scenario.traced == "client" else 0    # one that ended as it registered may come back or not
+        need(not any(len(service.lives()) > allowed for service in scenario.gone), "came back: " + self.describe())
         self.files = device.left_files()
 
     def no_more_than_usual(self):
@@ -267,7 +269,7 @@ def in_turn(work, seed):
 
 def carry_out(outcome, arguments, work):
     """`work`: of each scenario its (who, expression) rows."""
-    for scenario, (who, expression) in in_turn(work, arguments.seed):
+    for scenario, (who, expression) in in_turn(work, arguments.seed)[arguments.skip:]:
         if outcome.out_of_time():
             break
         place = "%s: %s" % (who, expression)
