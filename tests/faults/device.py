@@ -194,8 +194,10 @@ class Daemon:
         return self.running() and self.answers()
 
     def kill(self):
+        """Reaped: until then its lock may be held by a thread that is still ending."""
         if self.running():
-            end(self.pid)
+            send(self.pid, signal.SIGKILL)
+        eventually(lambda: self.pid == 0 or self.pid in ended, 20)
 
     def held(self):
         """What it holds that it could forget to give back; numbers are left out."""

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The daemon killed before each of its writes, and a program before each call of its registration; then at random moments of
-a busy life (docs/reliability.md). Each time it is started again.
+"""The daemon killed before each of its writes, a child before its program, and a program before each call of its
+registration; then the daemon at random moments of a busy life (docs/reliability.md). Each time it is started again.
 
 Runs inside tools/sandbox; tests/faults/run starts it there.
 """
@@ -68,10 +68,13 @@ class Busy(Scenario):
 
 
 def kills(scenario, points):
+    """A tracer that follows children sees the daemon's threads as well, so a child is killed where they do not call: the
+    daemon and its child, killed both before the child is a program, do lose it."""
+    daemon = {call for who, call in points if who != runs.CHILD} | {"write", "unlinkat"}   # of what follows a dead child
     for (who, call), times in sorted(points.items()):
-        if call in WRITES or scenario is Client:
-            for number in range(1, min(times, runs.MOST) + 1):
-                yield who, "inject=%s:signal=KILL:when=%d" % (call, number)
+        wanted = call in WRITES and who != runs.CHILD or scenario is Client or (who == runs.CHILD and call not in daemon)
+        for number in range(1, min(times, runs.MOST) + 1 if wanted else 1):
+            yield who, "inject=%s:signal=KILL:when=%d" % (call, number)
 
 
 def kill_at_random(outcome, arguments, times):
