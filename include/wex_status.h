@@ -166,6 +166,8 @@ typedef enum wex_status_kind {
   WEX_STATUS_EV_LOST_EXIT = 17,
   WEX_STATUS_EV_FAILED = 18, /* a restart left no process */
   WEX_STATUS_EV_DAEMON_ENDED = 19,
+  WEX_STATUS_EV_REPLACED =
+      20, /* a record without a process made room; new_pid: of the one that has its place */
   WEX_STATUS_EV_KINDS
 } wex_status_kind;
 

@@ -211,8 +211,7 @@ bool dropped_as_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 }
 
 void restart_dead(wex_chains_t* chain, wex_pid* rec) {
-  chain_lock registry(
-      wex_chains);  // the restart rules ask for it by name; it is the same lock, and recursive
+  chain_lock registry(wex_chains);  // clang wants it by name below; it is the same lock, and recursive
   chain_lock hold(*chain);
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
   if (!__wex_dropped_with_domain(rec) && !dropped_as_running(rec) && wex_proc_restart_delay(rec) == 0) {

@@ -91,6 +91,7 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
     return true;
   }
   if (is_dead(other)) {
+    wex_status_tell(WEX_STATUS_EV_REPLACED, other, {0, rec->pid});
     drop_registration(other);
     return false;
   }

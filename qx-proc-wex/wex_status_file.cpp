@@ -161,14 +161,15 @@ bool write_heartbeat(int fd, heartbeat* beat, int which, uint32_t turn, int32_t 
   if (tid == 0 || (turn == beat->turn && tid == shown.tid)) {
     return true;
   }
-  beat->turn = turn;
   shown.seq += 2;
   shown.tid = tid;
   wex_copy_text(shown.name, sizeof shown.name, kThreadNames[which]);
   shown.last_pass = now;
   shown.busy_since = turn % 2 != 0 ? now : 0;
   const size_t offset = offsetof(wex_status_head, threads) + static_cast<size_t>(which) * sizeof shown;
-  return write_part(fd, shown, offset);
+  const bool done = write_part(fd, shown, offset);
+  beat->turn = done ? turn : turn - 1;  // what could not be written is written at the next pass
+  return done;
 }
 
 bool write_heartbeats(table* to, const status_words& words) {
@@ -242,14 +243,21 @@ bool has_right_form(int fd) {
          facts.st_size == WEX_STATUS_FILE_SIZE;
 }
 
+// Of -1 there are records: no process was found for them.
+bool check_values(const wex_status_event& event) {
+  const bool reboot = event.kind == WEX_STATUS_EV_REBOOT_ASKED || event.kind == WEX_STATUS_EV_REBOOT_REFUSED;
+  return event.pid >= -1 && event.new_pid >= -1 && event.domain >= -1 &&
+         event.domain <= kLastTakeDownDomain &&
+         (!reboot || (event.value >= WEX_STATUS_REBOOT_OTHER && event.value <= WEX_STATUS_REBOOT_BURST));
+}
+
 // An event of an earlier daemon is taken when each of its fields can be right. Its name is shown to people.
 bool check_event(wex_status_event* event, uint32_t index, const wex_status_head& before, int64_t now) {
   const uint32_t age = before.event_next - event->number;
   if (event->seq % 2 != 0 || age < 1 || age > WEX_STATUS_EVENTS ||
       event->number % WEX_STATUS_EVENTS != index || event->kind <= WEX_STATUS_EV_NONE ||
       event->kind >= WEX_STATUS_EV_KINDS || event->monotonic < 0 || event->monotonic > now ||
-      event->wall < 0 || before.generation - event->generation > INT32_MAX || event->domain < -1 ||
-      event->domain > kLastTakeDownDomain) {
+      event->wall < 0 || before.generation - event->generation > INT32_MAX || !check_values(*event)) {
     return false;
   }
   for (char& letter : event->name) {
@@ -276,10 +284,16 @@ bool take_over_events(int fd, const wex_status_head& before, int64_t now) {
   return true;
 }
 
+// Slots are written before `used` says so: a daemon that was killed may have begun some behind it.
 bool clear_slots(int fd, uint32_t used) {
   constexpr wex_status_slot kEmpty = {};
-  for (uint32_t number = 0; number < std::min<uint32_t>(used, WEX_STATUS_SLOTS); ++number) {
-    if (!write_at(fd, &kEmpty, sizeof kEmpty, WEX_STATUS_HEAD_SIZE + number * sizeof kEmpty)) {
+  for (uint32_t number = 0; number < WEX_STATUS_SLOTS; ++number) {
+    const size_t offset = WEX_STATUS_HEAD_SIZE + number * sizeof kEmpty;
+    uint32_t seq = 0;
+    if (number >= used && (!read_at(fd, &seq, sizeof seq, offset) || seq == 0)) {
+      return true;
+    }
+    if (!write_at(fd, &kEmpty, sizeof kEmpty, offset)) {
       return false;
     }
   }
@@ -364,10 +378,13 @@ unique_fd open_earlier(int parent, const char* name) {
   return file;
 }
 
-// A table of another kind, or a damaged one, is of no use any more. What is no table is kept for its owner.
+// A table of another kind, a damaged one, or one that was never finished is of no use any more. What is no
+// table is kept for its owner.
 void replace(int fd, int parent, const char* name) {
+  constexpr char kUnfinished[sizeof wex_status_head::magic] = {};
   char magic[sizeof wex_status_head::magic] = {};
-  if (read_at(fd, magic, sizeof magic, 0) && memcmp(magic, WEX_STATUS_MAGIC, sizeof magic) == 0) {
+  if (read_at(fd, magic, sizeof magic, 0) &&
+      (memcmp(magic, WEX_STATUS_MAGIC, sizeof magic) == 0 || memcmp(magic, kUnfinished, sizeof magic) == 0)) {
     unlinkat(parent, name, 0);
   } else {
     make_room();

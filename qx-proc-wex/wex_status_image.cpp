@@ -18,6 +18,7 @@
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_limits.h"
+#include "wex_status_kinds.h"
 #include "wex_utils.h"
 
 namespace {
@@ -54,16 +55,9 @@ constexpr kind_rule kRules[] = {
     {WEX_STATUS_EV_LOST_EXIT, WEX_STATUS_LOST_EXITS, kUnchanged},
     {WEX_STATUS_EV_FAILED, WEX_STATUS_FAILED, WEX_STATUS_DOWN},
     {WEX_STATUS_EV_DAEMON_ENDED, kNone, kUnchanged},
+    {WEX_STATUS_EV_REPLACED, kNone, kUnchanged},
 };
-constexpr bool rules_in_order() {
-  for (size_t at = 0; at < std::size(kRules); ++at) {
-    if (kRules[at].kind != static_cast<wex_status_kind>(at)) {
-      return false;
-    }
-  }
-  return true;
-}
-static_assert(std::size(kRules) == WEX_STATUS_EV_KINDS && rules_in_order(), "an event without a rule");
+static_assert(one_row_a_kind(kRules), "an event without a rule");
 static_assert((WEX_STATUS_EVENTS & (WEX_STATUS_EVENTS - 1)) == 0, "the ring's index wraps around");
 static_assert(int{kStatusThreads} <= int{WEX_STATUS_THREADS}, "a thread without its place");
 

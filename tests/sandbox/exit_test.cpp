@@ -1,20 +1,17 @@
 // What becomes of an exit: take-down markers, threads, duplicates, postponed and lost exits.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exit_world.h"
-#include "unique_fd.h"
+#include "handled_exits.h"
+#include "raw_client.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -100,20 +97,6 @@ void wait_for_later_exit() {
   const pid_t old_pid = witness.pid();
   witness.kill_now();
   ASSERT_GT(wait_for_actor(options, old_pid), 0) << read_console();
-}
-
-// The same, and nothing of the witness is left: it stops on purpose, and its file goes once that is handled.
-void wait_until_exits_are_handled() {
-  const texts options = {"--tag=leaver", "--register=RESTART", "--confirm", "--ready=/tmp/wex/leaver",
-                         "--hold"};
-  unlink("/tmp/wex/leaver");
-  Process witness;
-  ASSERT_TRUE(witness.start(actor_words(options)));
-  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/leaver"); }));
-  const std::string file = db_path(witness.pid());
-  ASSERT_TRUE(exists(file));
-  witness.send(SIGTERM);
-  ASSERT_TRUE(eventually([&] { return !exists(file); }, 20s)) << read_console();
 }
 
 // How often the daemon has started a program anew.
@@ -321,19 +304,6 @@ TEST_F(ExitHandling, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   daemon.stop();
 }
 
-// Connects until the server is refused one of its accepts, which ends the daemon.
-bool end_through_server() {
-  std::vector<unique_fd> clients;
-  return eventually([&] {
-    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
-                   2 + sizeof kControlSocket - 1) != 0;
-  });
-}
-
 // Without a database file the next daemon would not know the program.
 TEST_F(ExitHandling, ADaemonThatEndsByItselfInTheMiddleOfADelayCutsItShortAndRestarts) {
   Daemon daemon;
@@ -521,9 +491,8 @@ TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
+    const pid_t next = next_life(pid);
     ASSERT_GT(next, 0);
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
     send_signal(next, SIGKILL);
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;

@@ -99,7 +99,30 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
     chain_lock hold(wex_chains);
     EXPECT_EQ(rec, __wex_find_pid(&wex_chains, old_pid)) << action;
   }
-  EXPECT_TRUE(g_syslog.empty()) << "nor announced";
+  EXPECT_TRUE(g_system_log.empty()) << "nor announced";
+}
+
+TEST_F(Exit, OfAProgramThatIsNotShownStartsItAgain) {
+  std::vector<wex_pid*> others;
+  {
+    chain_lock hold(wex_chains);
+    for (int32_t number = 0; number < WEX_STATUS_SLOTS; ++number) {
+      wex_pid* const rec = wex_new_record();
+      rec->pid = 5000000 + number;
+      __wex_add_record(&wex_chains, rec);
+      others.push_back(rec);
+    }
+  }
+  const wex_pid* const rec = died(park_at(900));
+  ASSERT_EQ(0, rec->status_slot);
+  const int32_t old_pid = rec->pid;
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(0, kill(rec->pid, 0));
+  chain_lock hold(wex_chains);
+  for (wex_pid* const other : others) {
+    __wex_drop_record(&wex_chains, other);
+  }
 }
 
 // It started itself again as another process, which ends just before it can be registered: nothing was handed
@@ -168,8 +191,8 @@ TEST_F(Exit, OfAMissedChildHasTheStatusThatTheReaperSaw) {
   EXPECT_NE(old_pid, rec->pid);
   EXPECT_EQ(11u | 0x80u, rec->exit_signal);
   EXPECT_EQ(1000, rec->crash_time) << "it counts among the crashes";
-  ASSERT_FALSE(g_syslog.empty());
-  EXPECT_NE(std::string::npos, g_syslog[0].text.find(" receives event:008b and self-checking ...\n"));
+  ASSERT_FALSE(g_system_log.empty());
+  EXPECT_NE(std::string::npos, g_system_log[0].text.find(" receives event:008b and self-checking ...\n"));
 }
 
 TEST_F(Exit, OfAMissedChildStoppedOnPurposeDropsTheProgram) {
@@ -198,7 +221,7 @@ TEST_F(Exit, OfAMissedChildMeansNothingOnceItsProgramHasBeenReplaced) {
     __wex_del_pid(&wex_chains, old_pid);
   }
   reap(4194304, 9);
-  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_TRUE(g_system_log.empty());
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
 }
 

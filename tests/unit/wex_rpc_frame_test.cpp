@@ -495,6 +495,17 @@ TEST(InnerRecv, TakesAllDescriptorsThatARecordCanCarry) {
   EXPECT_EQ(before, count_descriptors());
 }
 
+TEST(ControlSocket, RefusesDescriptorsWhereTheKernelCan) {
+  const unique_fd sd = wex_open_control_socket();
+  int taken = 1;
+  socklen_t size = sizeof taken;
+  if (getsockopt(sd.get(), SOL_SOCKET, SO_PASSRIGHTS, &taken, &size) == 0) {
+    EXPECT_EQ(0, taken);
+  } else {
+    EXPECT_EQ(ENOPROTOOPT, errno);
+  }
+}
+
 // The record behind an empty one is discarded as well: the kernel would do it at the close, and wait.
 TEST(ControlSocket, IsEmptiedBeforeItIsClosed) {
   socket_pair pair;
