@@ -11,7 +11,7 @@ import time
 import device
 import runs
 from report import Arguments, Outcome
-from scenarios import TABLE, Client, Scenario
+from scenarios import TABLE, Client, Scenario, StartWithTheDead
 
 # What changes a file, the table of others, or who lives.
 WRITES = """write pwrite64 unlink unlinkat rename renameat link linkat ftruncate mkdir mkdirat rmdir fsync chmod fchmod
@@ -72,8 +72,14 @@ def kills(scenario, points):
     daemon and its child, killed both before the child is a program, do lose it."""
     daemon = {call for who, call in points if who != runs.CHILD} | {"write", "unlinkat"}   # of what follows a dead child
     for (who, call), times in sorted(points.items()):
-        wanted = call in WRITES and who != runs.CHILD or scenario is Client or (who == runs.CHILD and call not in daemon)
-        for number in range(1, min(times, runs.MOST) + 1 if wanted else 1):
+        if who == runs.CHILD:
+            wanted = call not in daemon
+        elif who in (runs.ALL, runs.MAIN):
+            wanted = call in WRITES and who == (runs.MAIN if scenario is StartWithTheDead else runs.ALL)
+        else:
+            wanted = call in WRITES or scenario is Client
+        most = 1 if call == "rt_sigaction" else runs.MOST    # made for each signal, nothing changes in between
+        for number in range(1, min(times, most) + 1 if wanted else 1):
             yield who, "inject=%s:signal=KILL:when=%d" % (call, number)
 
 
@@ -96,7 +102,7 @@ def main():
     arguments = Arguments(__doc__, [scenario.name for scenario in TABLE] + [Busy.name])
     outcome = Outcome("kills", arguments)
     if Busy.name in arguments.scenarios:
-        kill_at_random(outcome, arguments, 100 if arguments.budget else 2000)
+        kill_at_random(outcome, arguments, arguments.times or (100 if arguments.budget else 2000))
     work = []
     for scenario in TABLE:
         if scenario.name in arguments.scenarios:

@@ -14,6 +14,7 @@ from device import Service
 
 CHILD = "a child before its program"
 ALL = "every thread"
+MAIN = "the main thread"                     # of a daemon that is traced from its start, without its children
 CLIENT = "the program"
 # By a thread that failed 0, refused or restored nothing 255, forks failed 1, no limit of descriptors: abort.
 DESCRIBED = (0, 1, 255, -6)
@@ -66,7 +67,7 @@ class Run:
         if scenario.from_start:
             self.first_start()
             scenario.act(self.daemon)
-            self.daemon.start(before=tracing.beside(expressions))
+            self.daemon.start(before=tracing.beside(expressions, follow=self.who != MAIN))
             device.eventually(lambda: self.ended() or (self.daemon.answers() and scenario.settled()), scenario.settle_s)
             return
         self.start_daemon()
@@ -198,6 +199,9 @@ class Run:
         more = self.files - USUAL[self.scenario.name][1]
         # Empty files of processes that have ended lie in a domain's directory until it is taken down.
         del more["file /tmp/vsd/N/wex/N"]
+        # A program that cannot be started again and again is a reason to restart the device, which is refused here.
+        for name in ("reboot", "history"):
+            del more["file /data/.wex_" + name]
         # What could not be removed is there, by definition.
         need(sum(more.values()) <= (1 if self.removal_failed() else 0), "left behind: %s" % dict(more))
 
@@ -236,6 +240,8 @@ def plain_run(tools, scenario):
                 who = run.tasks.get(task, CHILD)
             for call, times in calls.items():
                 points[who, call] = max(points[who, call], times)
+                if scenario.from_start and task == run.daemon.pid:
+                    points[MAIN, call] = times
         run.repair()
         run.prove()
         USUAL[scenario.name] = (run.held, run.files)

@@ -64,11 +64,12 @@ class Strace:
                 end(self.pid)
 
 
-def beside(expressions, children=True):
-    """Words before a program that is traced from its first call, and stays the process that was started."""
+def beside(expressions, children=True, follow=True):
+    """Words before a program that is traced from its first call, and stays the process that was started. `follow`: with its
+    threads and children; with `children` until these execute a program."""
     for path in (TRACE, SAID):
         remove(path)
-    words = ["strace", "-D", "-q", "-f", "-o", TRACE] + (["-b", "execve"] if children else [])
+    words = ["strace", "-D", "-q", "-o", TRACE] + (["-f"] if follow else []) + (["-b", "execve"] if children else [])
     for expression in expressions:
         words += ["-e", expression]
     return words
