@@ -2,6 +2,7 @@
 #include "control_client.h"
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -551,7 +552,33 @@ TEST_F(ControlChannel, CallsThatDoNotWaitAreAllApplied) {
       << "each of them leaves a connection behind";
 }
 
-TEST_F(ControlChannel, ALongRestartDelayIsToldInTheRunningLog) {
+// Neither the client's socket nor its database file can be made.
+TEST_F(ControlChannel, AServiceRegistersAndComesBackWhileThereIsNoRoomForAnyFile) {
+  const std::vector<std::string> options = {"--register=RESTART", "--confirm", "--ready=/data/ready",
+                                            "--hold"};
+  ASSERT_EQ(0, mount("small", "/tmp", "tmpfs", 0, "size=1m,nr_inodes=1000,mode=1777")) << strerror(errno);
+  start();
+  int files = 0;
+  while (unique_fd(open(("/tmp/" + std::to_string(files)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600))
+             .valid()) {
+    ++files;
+  }
+  EXPECT_EQ(ENOSPC, errno);
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  const pid_t first = service.pid();
+  EXPECT_TRUE(eventually([] { return exists("/data/ready"); }, 20s)) << read_console();
+  EXPECT_TRUE(list_dir("/tmp/vsd/0/wex/db").empty()) << "there was room";
+  service.kill_now();
+  EXPECT_GT(wait_for_actor(options, first, 20s), 0) << read_console();
+  EXPECT_TRUE(daemon.running());
+  daemon.kill_now();
+  clean_world();  // what the daemon made goes by names that are hidden afterwards
+  EXPECT_EQ(0, umount2("/tmp", MNT_DETACH)) << strerror(errno);
+  unlink("/data/ready");
+}
+
+TEST_F(ControlChannel, ALongRestartDelayIsReportedInTheRunningLog) {
   start();
   const std::vector<std::string> options = {"--time-set=3601", "--hold"};
   Process service;

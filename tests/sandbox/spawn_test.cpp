@@ -298,7 +298,7 @@ TEST_F(Spawn, AChildThatCannotEnterTheRootDirectoryEndsAndLeavesTheForkFailureFi
   daemon.stop();
 }
 
-TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndTold) {
+TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndReported) {
   Daemon daemon;
   ASSERT_TRUE(
       daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM:when=1..2"}));

@@ -301,6 +301,23 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
 }
 
+// As the end of any process that is reported meanwhile.
+TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramDropsItsRecordDuringATakeDown) {
+  running_thread thread;
+  const int32_t tid = thread.tid();
+  add(tid);
+  const std::string file = db_file(tid, "/bin/sleep");
+  write_file(file, std::to_string(tid) + "\n2\n/bin/sleep 1000");
+  ASSERT_EQ(0, mkdir("/tmp/vsd/5", 0777));
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  thread.end();
+  wex_take_exit_event(thread_end(tid, getpid()));
+  wex_test::remove_tree("/tmp/vsd/5");
+  EXPECT_FALSE(exists(file));
+  chain_lock hold(wex_chains);
+  EXPECT_EQ(nullptr, __wex_find_pid(&wex_chains, tid));
+}
+
 // The kernel need not report it, and may have no room to.
 TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
   running_thread thread;
