@@ -26,6 +26,7 @@
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_status_layout.h"
 #include "wex_utils.h"
 
 namespace {
@@ -197,15 +198,7 @@ void forget_written(table* to) {
 
 void fill_identity(table* to) {
   wex_status_head& head = to->head;
-  memcpy(head.magic, WEX_STATUS_MAGIC, sizeof head.magic);
-  head.byte_order = WEX_STATUS_BYTE_ORDER;
-  head.version = WEX_STATUS_VERSION;
-  head.head_size = WEX_STATUS_HEAD_SIZE;
-  head.slot_size = sizeof(wex_status_slot);
-  head.slots = WEX_STATUS_SLOTS;
-  head.events_at = WEX_STATUS_EVENTS_AT;
-  head.event_size = sizeof(wex_status_event);
-  head.events = WEX_STATUS_EVENTS;
+  wex_fill_layout(&head);
   head.generation = 1;
   head.daemon_pid = static_cast<int32_t>(getpid());
   char state = 0;

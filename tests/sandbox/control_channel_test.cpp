@@ -578,7 +578,7 @@ TEST_F(ControlChannel, AServiceRegistersAndComesBackWhileThereIsNoRoomForAnyFile
   unlink("/data/ready");
 }
 
-TEST_F(ControlChannel, ALongRestartDelayIsToldInTheRunningLog) {
+TEST_F(ControlChannel, ALongRestartDelayIsReportedInTheRunningLog) {
   start();
   const std::vector<std::string> options = {"--time-set=3601", "--hold"};
   Process service;

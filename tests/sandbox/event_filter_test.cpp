@@ -22,7 +22,7 @@ constexpr char kScript[] = "/tmp/brief.sh";
 constexpr char kStarts[] = "/tmp/brief.starts";
 constexpr char kList[] = "/etc/wex/third_part_proc";
 
-// Of the program below.
+// Living processes that run kScript.
 std::vector<pid_t> instances() {
   std::vector<pid_t> found;
   for (const pid_t pid : processes_inside()) {
@@ -116,7 +116,7 @@ constexpr moment kMoments[] = {{"BeforeTheFilterKnowsIt", "delay_enter", false},
                                {"AfterTheFilterKnowsIt", "delay_exit", true}};
 
 struct EndingProcess : EventFilter, ::testing::WithParamInterface<moment> {
-  // Holds up what each thread does with its options from the n-th on: the first ones belong to the start.
+  // Holds up each thread's calls of setsockopt() from the `from`th on: the first ones belong to the start.
   bool start_holding_up(int from, int ms) {
     const std::string each = GetParam().held + std::string("=") + std::to_string(ms) + "ms";
     return daemon.start_traced({"inject=setsockopt:" + each + ":when=" + std::to_string(from) + "+"}) &&

@@ -35,7 +35,7 @@ void crash_once(int number, const std::string& how = "--crash=SEGV") {
   ASSERT_GT(wait_for_actor(crasher(number, how), service.pid()), 0) << read_console();
 }
 
-TEST_F(ExitHandling, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
+TEST_F(ExitHandling, ACoreDumpIsReportedWithItsBitInFourHexadecimalDigits) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

@@ -111,7 +111,7 @@ TEST_F(ThirdPartHandOver, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProg
   EXPECT_NE(0, wait_for(app_, third, 20s)) << "it is supervised as before";
 }
 
-TEST_F(ThirdPartHandOver, AHandOverToAProcessThatCannotBeReadIsTold) {
+TEST_F(ThirdPartHandOver, AHandOverToAProcessThatCannotBeReadIsReported) {
   ASSERT_NO_FATAL_FAILURE(start_listed("unreadable"));
   Process second;
   ASSERT_TRUE(second.start({app_}));

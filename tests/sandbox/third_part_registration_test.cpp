@@ -200,7 +200,7 @@ TEST_F(ThirdPartRegistration, EventsThatTheKernelDidNotSendAreDropped) {
 
 // As when a program has died before it was looked at. No text is part of every line, so it gets as far as the
 // registration, with the type of the first.
-TEST_F(ThirdPartRegistration, AProgramWhoseCommandLineCannotBeReadIsToldAndRefused) {
+TEST_F(ThirdPartRegistration, AProgramWhoseCommandLineCannotBeReadIsReportedAndRefused) {
   const std::string app = install("unread");
   describe("unread", app + " WEX_RESTART");
   // Every program executed anywhere makes the monitor read one link, a listed one further ones.

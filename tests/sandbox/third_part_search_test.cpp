@@ -178,3 +178,23 @@ TEST_F(ThirdPartSearch, ADaemonThatEndsDuringASearchFinishesItAndLeavesOneInstan
   ASSERT_TRUE(start_daemon());
   EXPECT_TRUE(never([&] { return pids_with_command(app) != std::vector<pid_t>{second}; }, 1s));
 }
+
+// The file of the process before lies there as long as the search goes on.
+TEST_F(ThirdPartSearch, ADaemonThatIsKilledDuringASearchLeavesOneInstanceToTheNext) {
+  const std::string app = install("words");
+  const std::string command = app + " -d";
+  describe("words", command + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app, "-d"}));
+  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(command, first, 30s);
+  ASSERT_NE(0, second);
+  daemon_.kill_now();
+  ASSERT_TRUE(exists(db_file("words", first))) << "the search had ended before";
+  ASSERT_TRUE(start_daemon());
+  EXPECT_TRUE(registered(command, second, "words"));
+  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command));
+  EXPECT_FALSE(exists(db_file("words", first)));
+}

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "restart_policy.h"
+#include "shell_answer.h"
 
 using namespace policy;
 
@@ -13,22 +14,8 @@ namespace {
 
 constexpr char kBinary[] = WEX_BUILD_DIR "/stat/wexstat";
 
-struct answer {
-  int status;
-  std::string text;
-};
-
 answer wexstat(const std::string& arguments = "") {
-  answer out = {-1, ""};
-  FILE* const pipe = popen((std::string(kBinary) + " " + arguments + " 2>&1").c_str(), "re");
-  char buffer[65536];
-  size_t got;
-  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    out.text.append(buffer, got);
-  }
-  const int status = pipe != nullptr ? pclose(pipe) : -1;
-  out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
+  return shell(std::string(kBinary) + " " + arguments);
 }
 
 bool told(const std::string& arguments, const std::string& text, milliseconds limit = 20s) {

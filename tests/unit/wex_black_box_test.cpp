@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -262,7 +263,8 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   ASSERT_TRUE(eventually([&] {
     size_t named = 0;
     for (const std::string& tid : list_dir(tasks)) {
-      named += read_file(tasks + "/" + tid + "/comm").find("second") == 0;
+      named += read_file(tasks + "/" + tid + "/comm").find("second") == 0 &&
+               read_file(tasks + "/" + tid + "/syscall").find("running") == std::string::npos;
     }
     return named == 2;
   }));
@@ -277,6 +279,21 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   EXPECT_EQ(1U, occurrences(told, "\nwatched:\n")) << told;
   EXPECT_EQ(2U, occurrences(told, "\nnot watched:\n")) << told;
   EXPECT_EQ(2U, occurrences(told, " second?thread: state S, processor ")) << told;
+  for (const std::string& tid : list_dir(tasks)) {
+    const std::string thread = tasks + "/" + tid;
+    if (read_file(thread + "/comm").find("second") ==
+        0) {  // it pauses, so that it is in the same place still
+      const std::string call = read_file(thread + "/syscall");
+      const std::string line = "thread " + tid + " second.thread: state S, processor [0-9]+ ms, waits in " +
+                               read_file(thread + "/wchan") + ", call " + call.substr(0, call.find(' ')) +
+                               " .*";
+      const std::vector<std::string> lines = lines_of(told);
+      EXPECT_TRUE(
+          std::any_of(lines.begin(), lines.end(), [&](const std::string& one) { return matches(one, line); }))
+          << line << "\n"
+          << told;
+    }
+  }
   EXPECT_EQ(3U, occurrences(told, ", waits in ")) << told;
   EXPECT_EQ(0600U, mode_of(kHung));
 }
@@ -289,7 +306,8 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
     return true;
   });
   ASSERT_TRUE(many.ready());
-  wex_look_at_hung(many.pid(), many.pid());
+  const milliseconds taken = time_of([&] { wex_look_at_hung(many.pid(), many.pid()); });
+  EXPECT_GT(milliseconds(10 * kHungLookMs), taken);
   wex_keep_hung([](int32_t) { return false; });
   const std::string told = read_file(kHung);
   EXPECT_LE(occurrences(told, "\nthread "), 64U);

@@ -468,6 +468,20 @@ wex_pid* living_twin(const wex_pid* rec) {
   return twin;
 }
 
+// Whether this was told of `pid` and the other process, among the last few events.
+bool was_reported(wex_status_kind kind, int32_t pid, int32_t other) {
+  status_words words;
+  wex_status_copy_words(&words);
+  for (uint32_t number = words.event_next - 4; number != words.event_next; ++number) {
+    wex_status_event event = {};
+    if (wex_status_copy_event(number, &event) && event.kind == kind && event.pid == pid &&
+        event.new_pid == other) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool is_in_registry(int32_t pid) {
   chain_lock hold(wex_chains);
   return __wex_find_pid(&wex_chains, pid) != nullptr;
@@ -503,6 +517,8 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
     wex_handle_netlink_exit(old_pid, 9, 0);
     EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
     EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
+    EXPECT_EQ(row.dead, was_reported(WEX_STATUS_EV_REPLACED, twin_pid, old_pid)) << row.name;
+    EXPECT_EQ(!row.dead, was_reported(WEX_STATUS_EV_HANDED_OVER, old_pid, twin_pid)) << row.name;
     EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";
     send_signal(twin_pid, SIGKILL);
     chain_lock hold(wex_chains);

@@ -495,7 +495,7 @@ TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
   }
 }
 
-TEST_F(Watchdog, AHangIsToldWithTheDomainOfItsProcess) {
+TEST_F(Watchdog, AHangIsReportedWithTheDomainOfItsProcess) {
   in_child([] {
     const gid_t group = 3300;
     ASSERT_EQ(0, setgroups(1, &group));

@@ -286,7 +286,7 @@ TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead
   EXPECT_EQ(program, find(wex_chains, lying.pid())->process);
 }
 
-TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
+TEST_F(Registry, ALongDelayIsReportedInTheRunningLogOnce) {
   const sleeper patient;
   const sleeper quick;
   const wex_reg_info long_delay = body_of(patient.pid(), 0, 3601);
@@ -303,7 +303,7 @@ TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
 }
 
 // Whatever command lines a user chooses, one line a minute is written.
-TEST_F(Registry, LongDelaysOfManyProgramsAreToldInOneLineAMinute) {
+TEST_F(Registry, LongDelaysOfManyProgramsAreReportedInOneLineAMinute) {
   g_clock_ahead_sec += 60;  // an earlier case may have been told of within this minute
   for (int at = 0; at < kLongDelayNotes + 4; ++at) {
     wex_note_long_delay(text_of("/bin/p%d x", at % 2 == 0 ? at : 1).c_str(), 1000 + at, 7200);
