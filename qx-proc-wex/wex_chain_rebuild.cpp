@@ -196,7 +196,8 @@ void decide(candidates* all) {
 }
 
 // The process of a listed program that an earlier daemon had started and was still looking for when it was
-// killed: it runs, nobody has registered it, and the file is that of the process before. 0 when there is none.
+// killed: it runs, nobody has registered it, and the file is that of the process before. 0 when there is
+// none.
 int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   char type[256];
   int32_t found = 0;
