@@ -129,6 +129,7 @@ def spawn(words, output="/dev/null"):
             os.execvp(words[0], words)
         finally:
             os._exit(127)
+    ended.pop(pid, None)                     # another process had the number before
     return pid
 
 
@@ -187,6 +188,12 @@ class Daemon:
             if int(words[1]) == CONNECTOR and int(words[2]) == self.pid and int(words[3], 16) & 1:
                 return True
         return False
+
+    def describe(self):
+        """Whether it runs, where its threads wait, and what it has written."""
+        waits = ["%s: %s" % (name, read("/proc/%d/task/%d/wchan" % (self.pid, task))) for task, name in self.tasks().items()]
+        return "status %s, threads %s, events %s; %s" % (self.status(), waits, self.hears_events(),
+                                                         read("/ovix/vsd/0/utils/wex/running_log1")[-300:])
 
     def wait_ready(self, seconds=20):
         """False when it ended, or does not answer in time."""

@@ -54,8 +54,8 @@ class Busy(Scenario):
 
     def whole(self):
         """What was lost; a start that failed by itself counts as well."""
-        if not self.daemon.wait_ready():
-            return "the daemon does not start"
+        if not self.daemon.wait_ready(60):
+            return "the daemon does not start: %s" % self.daemon.describe()
         for _ in range(runs.REPAIR_S):
             if device.eventually(self.settled, 3):
                 return ""

@@ -4,8 +4,8 @@ Afterwards the daemon lives, or has ended by a described status and is started a
 back, is there once after another start of the daemon, and nothing is left that a run without a failure does not leave.
 """
 import collections
+import hashlib
 import itertools
-import random
 import time
 
 import device
@@ -263,13 +263,11 @@ def attempt(tools, scenario, who, expression):
 
 
 def in_turn(work, seed):
-    """Rows of several scenarios, each shuffled, one of each after the other: a budget is spread evenly, and always alike."""
-    order = random.Random(seed)
-    columns = []
-    for scenario, rows in work:
-        rows = list(rows)
-        order.shuffle(rows)
-        columns.append([(scenario, row) for row in rows])
+    """Rows of several scenarios, one of each after the other: a budget is spread evenly. The order of a scenario's rows is by
+    chance but always alike, also where a plain run has seen a row more or less."""
+    def by_chance(row):
+        return hashlib.md5(("%d %s" % (seed, row)).encode()).digest()
+    columns = [[(scenario, row) for row in sorted(rows, key=by_chance)] for scenario, rows in work]
     return [row for line in itertools.zip_longest(*columns) for row in line if row is not None]
 
 
