@@ -41,6 +41,7 @@ class Run:
         device.clean()
         self.clock = device.Clock()
         self.scenario = scenario(tools)
+        self.scenario.clock = self.clock
         device.write("/debug_time", "1\n")   # seconds that a program waits which has failed five times
         self.scenario.before_daemon()
         self.daemon = device.Daemon(tools)
