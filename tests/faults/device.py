@@ -266,9 +266,8 @@ class Service:
             name.endswith(".%d" % living[0]) for name in names(self.database))
 
     def wrote_file(self):
-        """The process that was started first has written its database file whole, which happens at once."""
-        return any(name.endswith(".%d" % self.pid) and os.path.getsize(self.database + "/" + name) > 0
-                   for name in names(self.database))
+        """The process `pid` has written its database file, in one piece."""
+        return any(name.endswith(".%d" % self.pid) and read(self.database + "/" + name) for name in names(self.database))
 
     def follow(self):
         self.pid = (self.lives() or [0])[0]

@@ -38,10 +38,11 @@ class Busy(Scenario):
         self.prepare(self.daemon)
 
     def disturb(self):
-        """Some programs are killed. A program that is not there is being started by somebody."""
+        """Some programs are killed. One that has not written its file yet is known to the daemon alone that started it."""
         for service in self.random.sample(self.services, self.random.randrange(4)):
-            for pid in service.lives()[:1]:
-                device.send(pid, device.signal.SIGKILL)
+            service.pid = (service.lives() or [0])[0]
+            if service.wrote_file():
+                device.send(service.pid, device.signal.SIGKILL)
 
     def round(self):
         self.disturb()

@@ -54,7 +54,7 @@ class Run:
 
     def start_daemon(self):
         self.daemon.start()
-        need(self.daemon.wait_ready(), "the daemon does not start: status %s" % self.daemon.status())
+        need(self.daemon.wait_ready(60), "the daemon does not start: " + self.daemon.describe())
 
     def first_start(self):
         """For scenarios that are a start: what they need was registered with a daemon that has been killed."""
