@@ -289,7 +289,7 @@ TEST_F(ControlChannel, ADescriptorBehindABadRecordDoesNotBlockTheServer) {
   ASSERT_TRUE(daemon.wait_ready(30s));
   const raw_client sender;
   const lingering_socket lingering(60);
-  daemon.send(SIGSTOP);
+  ASSERT_NO_FATAL_FAILURE(stop_traced());
   ASSERT_TRUE(sender.send_record(WEX_RESTART, 40, kHeader));
   ASSERT_TRUE(sender.send_with_descriptor(WEX_CONS_MSG, 0, lingering.take())) << strerror(errno);
   daemon.send(SIGCONT);

@@ -90,6 +90,18 @@ struct ControlChannel : WexWorld {
     ASSERT_TRUE(daemon.start());
     mark_console();
   }
+  // The traced daemon's server stands still when this returns: the signal alone stops it some time later.
+  void stop_traced() {
+    const std::string server = thread_of(daemon.pid(), "wex_process_dom") + " ";
+    daemon.send(SIGSTOP);
+    ASSERT_TRUE(eventually([&] {
+      const std::vector<std::string> lines = lines_of(Daemon::trace());
+      return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.compare(0, server.size(), server) == 0 &&
+               line.find("--- stopped by SIGSTOP") != std::string::npos;
+      });
+    })) << Daemon::trace();
+  }
   // The daemon serves others, at once.
   static bool serves() {
     const raw_client other;

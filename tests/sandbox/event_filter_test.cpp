@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -21,7 +22,7 @@ constexpr char kScript[] = "/tmp/brief.sh";
 constexpr char kStarts[] = "/tmp/brief.starts";
 constexpr char kList[] = "/etc/wex/third_part_proc";
 
-// Of the program below.
+// Living processes that run kScript.
 std::vector<pid_t> instances() {
   std::vector<pid_t> found;
   for (const pid_t pid : processes_inside()) {
@@ -115,7 +116,7 @@ constexpr moment kMoments[] = {{"BeforeTheFilterKnowsIt", "delay_enter", false},
                                {"AfterTheFilterKnowsIt", "delay_exit", true}};
 
 struct EndingProcess : EventFilter, ::testing::WithParamInterface<moment> {
-  // Holds up what each thread does with its options from the n-th on: the first ones belong to the start.
+  // Holds up each thread's calls of setsockopt() from the `from`th on: the first ones belong to the start.
   bool start_holding_up(int from, int ms) {
     const std::string each = GetParam().held + std::string("=") + std::to_string(ms) + "ms";
     return daemon.start_traced({"inject=setsockopt:" + each + ":when=" + std::to_string(from) + "+"}) &&
@@ -219,6 +220,28 @@ TEST_P(EndingProcess, ComesBackWhenItEndsAsSoonAsItIsStarted) {
 
 INSTANTIATE_TEST_SUITE_P(Moments, EndingProcess, ::testing::ValuesIn(kMoments),
                          [](const auto& row) { return row.param.name; });
+
+// The end of the process itself is reported under a pid that nobody registered.
+TEST_F(EventFilter, PassesTheSignalThatEndedARegisteredThreadAndItsProcess) {
+  const std::vector<std::string> options = {"--thread=120", "--ready=/tmp/ready", "--hold"};
+  ASSERT_TRUE(daemon.start());
+  Process service;
+  ASSERT_TRUE(service.start(actor_words(options)));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/ready"); }, 20s));
+  int32_t thread = 0;
+  for (const std::string& tid : list_dir("/proc/" + std::to_string(service.pid()) + "/task")) {
+    thread = std::max(thread, atoi(tid.c_str()));
+  }
+  ASSERT_GT(thread, service.pid());
+  const raw_client client;
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body_of(thread)) && client.acknowledged());
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, control_client::harmless()) && client.acknowledged());
+  service.send(SIGTERM);
+  service.wait();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 15\n", 30s)) << read_console();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 20s)) << read_console();
+  EXPECT_TRUE(pids_with_command(actor_command(options)).empty()) << "it was stopped on purpose";
+}
 
 TEST_F(EventFilter, ThatIsRefusedLaterKeepsNoExitBack) {
   ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=ENOMEM:when=4+"}));

@@ -426,7 +426,7 @@ TEST_F(ExitHandling, AnExitThatComesLateIsNotTakenForALostOne) {
   service.send(SIGTERM);  // stopped on purpose: a made-up exit code would start it again
   service.wait();
   send_signal(daemon.pid(), SIGCONT);
-  // Whoever handles the exit drops the registration, or gives it a new pid: there is no second time.
+  // The exit is handled once: that drops the registration, or gives it a new pid.
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 15s)) << read_console().substr(0, 4000);
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
   EXPECT_EQ(0u, count_in(read_console(), " exit of pid ")) << "taken for lost";
@@ -449,7 +449,7 @@ TEST_F(ExitHandling, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
     Process service;
     ASSERT_TRUE(service.start(actor_words(options)));
     EXPECT_TRUE(ended_by(service.wait(), SIGKILL));
-    // One that is gone before its command line was read is refused, and that is told.
+    // A service that is gone before its command line was read is refused, which the console says.
     const std::string refused = "fail to get pid " + text(service.pid()) + "'s cmdline";
     EXPECT_TRUE(eventually(
         [&] { return starts(count) == 2 || read_console().find(refused) != std::string::npos; }, 15s))

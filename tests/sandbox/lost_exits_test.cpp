@@ -110,7 +110,8 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   EXPECT_TRUE(wait_for_event(WEX_STATUS_EV_DROPPED, old_pid));
   EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_LOST_EXITS));
   unlink("/tmp/vsd/5/delete_vsd");
-  // A restart would be made under the registry's lock, which the one of a later exit takes, too.
+  // A restart of the first is over when a later exit has led to a restart: both are made with the registry
+  // locked.
   Service witness("witness");
   ASSERT_TRUE(witness.start());
   witness.end();

@@ -153,7 +153,9 @@ TEST_F(MainWalkthrough, AServiceThatEndsByItselfIsReinitialised) {
 }
 
 TEST_F(MainWalkthrough, AServiceOfADomainIsDroppedWithItsFlagFile) {
-  make_dirs("/tmp/vsd/3/wex/before");  // no flag, and whatever the order one of the two comes before the flag
+  // Beside "db" a second directory among the flag files: in whatever order they are read, one of the two
+  // comes before the flag file.
+  make_dirs("/tmp/vsd/3/wex/before");
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

@@ -10,7 +10,7 @@
 #include "wex_paths.h"
 #include "wex_test.h"
 
-// The sanitizers make calls of their own.
+// Not in builds with a sanitizer, which makes calls of its own.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 namespace {

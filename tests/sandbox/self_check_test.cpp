@@ -1,4 +1,4 @@
-// Programs that keep dying: parked, restarted by the alarm, and the end of patience.
+// Programs that keep dying: they are parked, restarted by the alarm, and at last the reason of a reboot.
 #include <sys/syscall.h>
 #include <unistd.h>
 

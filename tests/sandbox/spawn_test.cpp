@@ -123,7 +123,7 @@ void expect_clean_restart(const char* injection) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=clone,clone3,fork,?vfork", injection}, {}, {"MARK=yes"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
-  // A score that is told from a program's, also where the machine does not let the daemon have its own.
+  // A score that no program has, also on a machine that does not let the daemon lower its own.
   set_score(daemon.pid(), "300\n");
   const Facts before = state_of(daemon.pid());
   EXPECT_EQ("300\n", before.at("daemon")[1]);
@@ -354,12 +354,12 @@ pid_t child_of(pid_t daemon) {
   return child;
 }
 
-// Whoever filters the daemon's calls mostly says so.
+// What a filter of system calls answers in most cases.
 TEST_F(Spawn, AChildIsForkedWhereSharingIsNotPermitted) {
   expect_clean_restart("inject=?vfork:error=EPERM");
 }
 
-// Its time limit may do that, when a disk or a busy processor keeps it from its program.
+// The time limit kills a child that a disk or a busy processor keeps from its program.
 TEST_F(Spawn, AChildThatIsKilledOnItsWayIsNoEndOfItsProgram) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=setsid,?vfork", "inject=setsid:delay_enter=1000000"}));

@@ -272,8 +272,9 @@ std::string open_file_limit(pid_t pid) {
 // prlimit(1) stands in front: the test itself keeps its limits.
 Process started_with(const std::string& limits, bool traced = false) {
   std::vector<std::string> words = {"prlimit", "--nofile=" + limits};
-  if (traced) {  // a machine that grants no higher limit is told to say yes: what was asked for is what
-                 // counts
+  // A machine may refuse a higher limit, so the call is made to succeed: the test looks at what was asked
+  // for.
+  if (traced) {
     for (const char* word : {"strace", "-D", "-q", "-o", "/tmp/wex-limits", "-e", "trace=prlimit64,setrlimit",
                              "-e", "inject=prlimit64,setrlimit:retval=0:when=4"}) {
       words.push_back(word);
@@ -520,7 +521,7 @@ TEST_F(StartUp, AThreadThatCannotBeCreatedEndsTheDaemonInGoodOrder) {
   for (int worker = 1; worker <= 5; ++worker) {
     unlink(kRunningLog1);
     Daemon daemon;
-    // Those already created take their time, so a main thread that does not wait for them is gone before.
+    // The threads that exist are delayed, so that a main thread that does not wait for them would end first.
     ASSERT_TRUE(daemon.start_traced({"trace=clone3,write,sched_setscheduler",
                                      "inject=clone3:error=EAGAIN:when=" + text(worker + 1),
                                      "inject=sched_setscheduler:delay_enter=300000"}));
@@ -659,7 +660,8 @@ TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
   }
 }
 
-// The second wait of each thread fails: now and then the fork watcher comes to its own first.
+// The second wait of each thread fails. Sometimes the fork watcher, which ends the daemon, too, reaches its
+// second wait before the monitor does; so there are several tries.
 TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
   const std::string line =
       "Thread \"wex_process_netlink\" exit, wex will be restart. res=-5, Cannot allocate memory(12)\r\n";
