@@ -104,6 +104,7 @@ class Run:
         need(status in DESCRIBED or (self.scenario.from_start and status == LOADER) or
              (status == KILLED and "signal=KILL" in self.expression), "the daemon ended with %s" % status)
         self.reaction = "daemon ended"
+        self.scenario.replaced = True
         self.start_daemon()
 
     def wait_for(self, condition, seconds):
