@@ -248,7 +248,7 @@ class Service:
 
     def lives(self):
         """The process ids of its living instances."""
-        pids = [int(line) for line in read(self.starts).split()]
+        pids = {int(line) for line in read(self.starts).split()}     # one may have come twice
         return [pid for pid in pids if is_alive(pid) and command_of(pid) == self.command]
 
     def is_up(self):
