@@ -39,7 +39,13 @@ for program in file make g++ cmake curl; do
 done
 # A step that needs less stands before those that install more, which would hide what it lacks.
 case " ${*:2} " in *' demo '* | '  ')
-  try 'the demo' ./dev demo ;;
+  start=$SECONDS
+  try 'the demo' ./dev demo
+  built=$(sed -n 's/^Set up and built in \([0-9]*\) s\.$/\1/p' "$bare/newcomer.log")
+  [ -n "$built" ] || fail "the demo does not say how long set-up and build took: $(cat "$bare/newcomer.log")"
+  told=$((SECONDS - start - built))
+  printf '  of these for set-up, downloads and build: %d s; for the story: %d s\n' "$built" $told
+  [ $told -le 60 ] || fail "the story of the demo takes $told s, which is more than a minute" ;;
 esac
 case " ${*:2} " in *' package '* | '  ')
   try 'the packages' ./dev package release
@@ -50,7 +56,13 @@ case " ${*:2} " in *' test '* | '  ')
   try 'the build' ./dev build
   present build/release/wex './dev build'
   try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.(kernel|layouts))$'
-  try 'unit tests and the main walkthroughs' ./dev test --only '^(unit_.*|MainWalkthrough\..*)$' ;;
+  try 'unit tests and the main walkthroughs' ./dev test --only '^(unit_.*|MainWalkthrough\..*)$'
+  try 'the lint' ./dev lint
+  for preset in asan tsan; do
+    try "a test of $preset" sh -c '
+      cmake --preset $1 -Wno-dev && cmake --build --preset $1 --target wex wex_shared unit_wex_chain_test &&
+        ctest --test-dir build/$1 --output-on-failure --no-tests=error -R "^unit_wex_chain_test\$"' - $preset
+  done ;;
 esac
 case " ${*:2} " in *' device '* | '  ')
   try 'the packages of the device' ./dev package mipsel

@@ -5,8 +5,8 @@
 #
 # Arguments: which of demo, package, test and device; without any, all of them.
 #
-# Of what ./dev test runs after its set-up and build: the unit tests, the main walkthroughs, and what compares documents. The other
-# cases run here anyway, in this very test run.
+# Of what ./dev test runs after its set-up and build: the unit tests, the main walkthroughs, what compares documents, the lint, and
+# one test of each sanitizer. The other cases run here anyway, in this very test run.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 root=${here%/tests/package}
