@@ -28,6 +28,7 @@ def add(total, part):
             sums[column] = max(sums.get(column, 0), row[column])
         for column in ("tried", "injected", "lost"):
             sums[column] = sums.get(column, 0) + row[column]
+        sums["planned"] = max(sums["planned"], sums["tried"])
         sums["reactions"] = dict(collections.Counter(sums["reactions"]) + collections.Counter(row["reactions"]))
 
 
