@@ -129,6 +129,7 @@ def spawn(words, output="/dev/null"):
             os.execvp(words[0], words)
         finally:
             os._exit(127)
+    ended.pop(pid, None)                     # another process had the number before
     return pid
 
 
@@ -188,6 +189,12 @@ class Daemon:
                 return True
         return False
 
+    def describe(self):
+        """Whether it runs, where its threads wait, and what it has written."""
+        waits = ["%s: %s" % (name, read("/proc/%d/task/%d/wchan" % (self.pid, task))) for task, name in self.tasks().items()]
+        return "status %s, threads %s, events %s; %s" % (self.status(), waits, self.hears_events(),
+                                                         read("/ovix/vsd/0/utils/wex/running_log1")[-300:])
+
     def wait_ready(self, seconds=20):
         """False when it ended, or does not answer in time."""
         eventually(lambda: not self.running() or self.answers(), seconds)
@@ -241,7 +248,7 @@ class Service:
 
     def lives(self):
         """The process ids of its living instances."""
-        pids = [int(line) for line in read(self.starts).split()]
+        pids = {int(line) for line in read(self.starts).split()}     # one may have come twice
         return [pid for pid in pids if is_alive(pid) and command_of(pid) == self.command]
 
     def is_up(self):
@@ -259,9 +266,8 @@ class Service:
             name.endswith(".%d" % living[0]) for name in names(self.database))
 
     def wrote_file(self):
-        """The process that was started first has written its database file whole, which happens at once."""
-        return any(name.endswith(".%d" % self.pid) and os.path.getsize(self.database + "/" + name) > 0
-                   for name in names(self.database))
+        """The process `pid` has written its database file, in one piece."""
+        return any(name.endswith(".%d" % self.pid) and read(self.database + "/" + name) for name in names(self.database))
 
     def follow(self):
         self.pid = (self.lives() or [0])[0]

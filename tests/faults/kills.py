@@ -38,10 +38,11 @@ class Busy(Scenario):
         self.prepare(self.daemon)
 
     def disturb(self):
-        """Some programs are killed. A program that is not there is being started by somebody."""
+        """Some programs are killed. One that has not written its file yet is known to the daemon alone that started it."""
         for service in self.random.sample(self.services, self.random.randrange(4)):
-            for pid in service.lives()[:1]:
-                device.send(pid, device.signal.SIGKILL)
+            service.pid = (service.lives() or [0])[0]
+            if service.wrote_file():
+                device.send(service.pid, device.signal.SIGKILL)
 
     def round(self):
         self.disturb()
@@ -54,8 +55,8 @@ class Busy(Scenario):
 
     def whole(self):
         """What was lost; a start that failed by itself counts as well."""
-        if not self.daemon.wait_ready():
-            return "the daemon does not start"
+        if not self.daemon.wait_ready(60):
+            return "the daemon does not start: %s" % self.daemon.describe()
         for _ in range(runs.REPAIR_S):
             if device.eventually(self.settled, 3):
                 return ""

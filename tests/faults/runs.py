@@ -4,8 +4,8 @@ Afterwards the daemon lives, or has ended by a described status and is started a
 back, is there once after another start of the daemon, and nothing is left that a run without a failure does not leave.
 """
 import collections
+import hashlib
 import itertools
-import random
 import time
 
 import device
@@ -41,6 +41,7 @@ class Run:
         device.clean()
         self.clock = device.Clock()
         self.scenario = scenario(tools)
+        self.scenario.clock = self.clock
         device.write("/debug_time", "1\n")   # seconds that a program waits which has failed five times
         self.scenario.before_daemon()
         self.daemon = device.Daemon(tools)
@@ -53,7 +54,7 @@ class Run:
 
     def start_daemon(self):
         self.daemon.start()
-        need(self.daemon.wait_ready(), "the daemon does not start: status %s" % self.daemon.status())
+        need(self.daemon.wait_ready(60), "the daemon does not start: " + self.daemon.describe())
 
     def first_start(self):
         """For scenarios that are a start: what they need was registered with a daemon that has been killed."""
@@ -103,6 +104,7 @@ class Run:
         need(status in DESCRIBED or (self.scenario.from_start and status == LOADER) or
              (status == KILLED and "signal=KILL" in self.expression), "the daemon ended with %s" % status)
         self.reaction = "daemon ended"
+        self.scenario.replaced = True
         self.start_daemon()
 
     def wait_for(self, condition, seconds):
@@ -263,13 +265,11 @@ def attempt(tools, scenario, who, expression):
 
 
 def in_turn(work, seed):
-    """Rows of several scenarios, each shuffled, one of each after the other: a budget is spread evenly, and always alike."""
-    order = random.Random(seed)
-    columns = []
-    for scenario, rows in work:
-        rows = list(rows)
-        order.shuffle(rows)
-        columns.append([(scenario, row) for row in rows])
+    """Rows of several scenarios, one of each after the other: a budget is spread evenly. The order of a scenario's rows is by
+    chance but always alike, also where a plain run has seen a row more or less."""
+    def by_chance(row):
+        return hashlib.md5(("%d %s" % (seed, row)).encode()).digest()
+    columns = [[(scenario, row) for row in sorted(rows, key=by_chance)] for scenario, rows in work]
     return [row for line in itertools.zip_longest(*columns) for row in line if row is not None]
 
 

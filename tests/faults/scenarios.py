@@ -19,6 +19,8 @@ class Scenario:
 
     def __init__(self, tools):
         self.tools = tools
+        self.clock = None                    # set by the run
+        self.replaced = False                # whether another daemon came after the first one
         self.services = []
         self.gone = []                       # services that must not come back
 
@@ -184,6 +186,26 @@ class StartWithTheDead(Restart):
         return self.services[0].is_filed() and self.services[1].is_up()
 
 
+class Hang(Restart):
+    name, what = "hang", "a thread falls silent, its process is aborted at the tenth look"
+    settle_s = 3.0
+
+    def before_daemon(self):
+        self.service(options=("--register=RESTART", "--register-main-thread=7", "--thread=60", "--sleep=200", "--hang",
+                              "--confirm"))
+
+    def act(self, daemon):
+        self.services[0].follow()
+        for _ in range(14):
+            self.clock.move(61, daemon, "wex_thread_noti")
+            if device.eventually(self.services[0].is_back, 0.05):
+                return
+
+    def settled(self):
+        """A daemon that follows another one knows no threads: the program goes on."""
+        return super().settled() or (self.replaced and self.services[0].is_up())
+
+
 class Reboot(Restart):
     name, what = "reboot", "a core dump that is one too many: the restart of the device is asked for, and refused"
     settle_s = 4.0
@@ -208,4 +230,4 @@ def make_domain(number):
 
 
 TABLE = [Start, StartWithTheDead, Registration, Client, Restart, ScriptRestart, ThirdPart, DomainRestart, Parking,
-         Postponing, Cancel, Reboot]
+         Postponing, Cancel, Hang, Reboot]

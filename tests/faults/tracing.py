@@ -17,7 +17,7 @@ ERRORS = {
     "unlink": ["EIO", "EROFS"], "unlinkat": ["EIO", "EROFS"], "rmdir": ["EBUSY"], "rename": ["ENOSPC"],
     "renameat": ["ENOSPC"], "link": ["ENOSPC"], "mkdir": ["ENOSPC"], "mkdirat": ["ENOSPC"], "chmod": ["EROFS"],
     "fchmod": ["EROFS"], "chdir": ["ENOMEM"], "fchdir": ["EIO"], "getdents64": ["EIO"], "ftruncate": ["ENOSPC", "EINTR"],
-    "fsync": ["EIO"], "fcntl": ["ENOLCK"], "ioctl": ["EIO"], "dup": ["EMFILE"], "pipe": ["ENFILE"], "pipe2": ["ENFILE"],
+    "fsync": ["EIO"], "ioctl": ["EIO"], "dup": ["EMFILE"], "pipe": ["ENFILE"], "pipe2": ["ENFILE"],
     "mmap": ["ENOMEM"], "clone": ["EAGAIN", "ENOMEM"], "clone3": ["EAGAIN"], "fork": ["EAGAIN"], "vfork": ["EAGAIN", "ENOMEM"],
     "execve": ["ENOMEM"], "wait4": ["EINTR"], "waitid": ["EINTR"], "kill": ["EPERM"], "tgkill": ["EAGAIN"],
     "setpriority": ["EACCES"], "sched_setscheduler": ["EPERM"], "setgroups": ["ENOMEM"], "timer_create": ["EAGAIN"],
@@ -31,9 +31,9 @@ ERRORS = {
 }
 
 # Those that a kernel cannot refuse, or that fail only for what the caller did wrong. close() gives the descriptor back
-# whatever it answers, which strace cannot imitate.
+# whatever it answers, which strace cannot imitate; of fcntl() only locks can fail, which strace cannot tell from the rest.
 CANNOT_FAIL = set("""
-    close brk munmap mprotect madvise arch_prctl set_tid_address set_robust_list rseq getrandom futex getpid gettid getppid
+    close fcntl brk munmap mprotect madvise arch_prctl set_tid_address set_robust_list rseq getrandom futex getpid gettid getppid
     geteuid getuid getgid getegid rt_sigaction rt_sigprocmask rt_sigreturn restart_syscall sched_yield umask getpriority
     sched_getaffinity sched_getscheduler sched_getparam timer_settime timer_delete alarm setitimer exit exit_group uname sync
     clock_gettime reboot getsockname getcwd getgroups shutdown pause sched_setaffinity getsid getpgrp getrusage sysinfo
