@@ -77,7 +77,7 @@ WEX_STATUS_CHECK(sizeof(wex_status_thread) == 40);
 /* Bits of `flags` in the head. */
 enum {
   WEX_STATUS_ENDED = 1, /* the daemon ended by itself; not set, it runs or was killed */
-  WEX_STATUS_STRICT = 2 /* users may speak for their own processes only */
+  WEX_STATUS_STRICT = 2 /* reserved */
 };
 
 typedef struct wex_status_head {
@@ -100,7 +100,8 @@ typedef struct wex_status_head {
   char boot_id[40];          /* /proc/sys/kernel/random/boot_id */
   char daemon_version[24];
   uint32_t event_next; /* number of the next event; event n stands at n modulo `events` */
-  uint32_t seq; /* of the fields above, which change when a daemon starts or ends; event_next excepted */
+  uint32_t
+      seq; /* of the fields above, which change when a daemon starts or ends; not event_next, slots_used */
   uint32_t counters[WEX_STATUS_COUNTERS];
   wex_status_thread threads[WEX_STATUS_THREADS];
 } wex_status_head;
@@ -139,7 +140,7 @@ typedef struct wex_status_slot {
   uint32_t restarts_window; /* within the window of the throttle */
   int32_t watched_threads;
   int32_t fewest_misses;                 /* left to one of them until it counts as hung; -1 without threads */
-  uint32_t uid;                          /* of strict mode: whom it belongs to; else 0 */
+  uint32_t uid;                          /* reserved, 0 */
   char name[WEX_STATUS_NAME_SIZE];       /* the program without its directory */
   char command[WEX_STATUS_COMMAND_SIZE]; /* command line; cut when it ends without a zero byte */
 } wex_status_slot;

@@ -32,6 +32,7 @@
 #include "wex_status_file.h"
 #include "wex_status_image.h"
 #include "wex_utils.h"
+#include "wex_vsd.h"
 
 namespace {
 
@@ -194,19 +195,32 @@ void decide(candidates* all) {
   }
 }
 
-// True when the program of a dead process runs already and only the registration was to go: a daemon that is
-// killed while it looks for a listed program that it has started leaves the file of the process before. The
-// monitor registers the one that runs, as it does with all listed programs that were executed unseen.
-bool dropped_as_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+// The process of a listed program that an earlier daemon had started and was still looking for when it was
+// killed: it runs, nobody has registered it, and the file is that of the process before. 0 when there is
+// none.
+int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   char type[256];
   int32_t found = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &found)) {
+      !wex_find_running(rec->process, &found) || __wex_find_pid(&wex_chains, found) != nullptr) {
+    return 0;
+  }
+  return wex_domain_or_main(get_vsdid(found)) == rec->vsd ? found : 0;
+}
+
+// Ends that search. False when the program is to be started.
+bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
+  const int32_t found = find_started(rec);
+  if (found < 1) {
     return false;
   }
-  wex_dbg(WEX_DBG_PUB, "pid (%d) of %s is pid %d now\n", rec->pid, rec->process, found);
-  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, found});
-  __wex_drop_registration(rec);
+  const int32_t old_pid = rec->pid;
+  wex_dbg(WEX_DBG_PUB, "pid (%d) of %s is pid %d now\n", old_pid, rec->process, found);
+  if (!__wex_adopt_pid(chain, rec, found)) {
+    return false;  // it has just ended
+  }
+  wex_mend_pidfile(rec);
+  wex_status_tell(WEX_STATUS_EV_RESTARTED, rec, {old_pid, found});
   return true;
 }
 
@@ -214,7 +228,7 @@ void restart_dead(wex_chains_t* chain, wex_pid* rec) {
   chain_lock registry(wex_chains);  // clang wants it by name below; it is the same lock, and recursive
   chain_lock hold(*chain);
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
-  if (!__wex_dropped_with_domain(rec) && !dropped_as_running(rec) && wex_proc_restart_delay(rec) == 0) {
+  if (!__wex_dropped_with_domain(rec) && wex_proc_restart_delay(rec) == 0 && !found_running(chain, rec)) {
     restart(chain, rec);
   }
 }

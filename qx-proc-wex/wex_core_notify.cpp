@@ -187,10 +187,11 @@ int32_t domain_of(int32_t process) {
 // the same.
 bool is_still_there(const hung_thread& hung) {
   const process_look now = wex_look_at(hung.process);
-  if (now.sight != process_look::seen) {
-    return now.sight != process_look::gone;
+  if (now.sight == process_look::gone || hung.before.sight == process_look::gone) {
+    return false;
   }
-  return hung.before.sight != process_look::seen || now.start_time == hung.before.start_time;
+  return now.sight != process_look::seen || hung.before.sight != process_look::seen ||
+         now.start_time == hung.before.start_time;
 }
 
 void abort_hung(const wex_pid* thread, int32_t domain) {
@@ -214,9 +215,12 @@ void abort_hung(const wex_pid* thread, int32_t domain) {
 // False when the thread needs no abort any more: it was removed, has reported, or its process has ended.
 bool abort_if_still_hung(const hung_thread& hung) {
   chain_lock hold(wex_alive_chains);
-  const wex_pid* const thread = __wex_find_pid(&wex_alive_chains, hung.tid);
-  if (thread == nullptr || thread->ppid != hung.process || thread->notify_info[WEX_CUR_CNT] != 0 ||
-      (hung.process > 0 && !is_still_there(hung))) {
+  wex_pid* const thread = __wex_find_pid(&wex_alive_chains, hung.tid);
+  if (thread == nullptr || thread->ppid != hung.process || (hung.process > 0 && !is_still_there(hung))) {
+    return false;
+  }
+  look_for_report(thread);
+  if (thread->notify_info[WEX_CUR_CNT] != 0) {
     return false;
   }
   abort_hung(thread, hung.domain);

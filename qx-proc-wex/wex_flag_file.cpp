@@ -2,7 +2,8 @@
 //
 // A restart asks for the domain of its old pid with the registry held, and anybody may fill the directories.
 // A file of the usual name is found without a listing. Listings are for other spellings of the number; that a
-// directory has none of them is remembered as long as its time stamps stay. g_mutex guards that.
+// directory has none of them, as far as it is read, is remembered as long as its time stamps stay. g_mutex
+// guards that.
 #include "wex_flag_file.h"
 
 #include <fcntl.h>
@@ -37,7 +38,7 @@ unique_fd open_flag_dir(int32_t vsd) {
   return open_trusted_dir(AT_FDCWD, path);
 }
 
-// What a listing has shown: no number but in the usual spelling.
+// What a listing has shown: among the first kFlagNamesMax names no number but in the usual spelling.
 struct plain_listing {
   bool known;
   file_mark mark;

@@ -122,6 +122,7 @@ bool is_trouble(const wex_status_slot& slot) {
 bool write_changed_slots(int fd, status_words* words) {
   constexpr char kNothing[8] = {};  // no sequence number, free
   uint32_t failed[WEX_STATUS_SLOTS / 32] = {};
+  uint32_t failures = 0;  // of free slots, too: an earlier registration is shown there
   uint32_t count = 0;
   wex_status_slot slot;
   for (int32_t number = wex_status_take_slot(&slot); number >= 0; number = wex_status_take_slot(&slot)) {
@@ -129,11 +130,12 @@ bool write_changed_slots(int fd, status_words* words) {
     if (!write_part(fd, slot, offset)) {
       write_at(fd, kNothing, sizeof kNothing, offset);
       failed[number / 32] |= 1U << (number % 32);
-      ++count;
+      ++failures;
+      count += slot.state != WEX_STATUS_FREE ? 1 : 0;
       words->counters[WEX_STATUS_HIDDEN_TROUBLES] += is_trouble(slot) ? 1 : 0;
     }
   }
-  for (int32_t number = 0; count > 0 && number < WEX_STATUS_SLOTS; ++number) {
+  for (int32_t number = 0; failures > 0 && number < WEX_STATUS_SLOTS; ++number) {
     if ((failed[number / 32] >> (number % 32) & 1U) != 0) {
       wex_status_return_slot(number);
     }

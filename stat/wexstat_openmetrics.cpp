@@ -112,7 +112,7 @@ void put_daemon(const status_copy& copy, const moment& at, FILE* out) {
   fputs("} 1\n", out);
   put_family("wex_start_time_seconds", "gauge", "seconds", "When the daemon was started, since 1970.", out);
   fprintf(out, "wex_start_time_seconds %lld\n", static_cast<long long>(head.started_wall));
-  put_gauge("wex_starts", "Starts of the daemon since the device started.", head.generation, out);
+  put_gauge("wex_starts", "Starts of the daemon since the table was made.", head.generation, out);
   put_counters(head, out);
   put_thread_ages(copy, "wex_thread_busy_seconds", "How long a thread of the daemon has been at one thing.",
                   &wex_status_thread::busy_since, at, out);

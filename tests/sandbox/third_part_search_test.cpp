@@ -194,7 +194,9 @@ TEST_F(ThirdPartSearch, ADaemonThatIsKilledDuringASearchLeavesOneInstanceToTheNe
   daemon_.kill_now();
   ASSERT_TRUE(exists(db_file("words", first))) << "the search had ended before";
   ASSERT_TRUE(start_daemon());
-  EXPECT_TRUE(registered(command, second, "words"));
-  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command));
+  EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }, 20s));
   EXPECT_FALSE(exists(db_file("words", first)));
+  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command));
+  ASSERT_TRUE(send_signal(second, SIGKILL));
+  EXPECT_NE(0, wait_for(command, second, 30s)) << "it is supervised";
 }

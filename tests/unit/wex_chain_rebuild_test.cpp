@@ -1,5 +1,6 @@
 // wex_chain_rebuild: what a starting daemon makes of the database files it finds, with real programs.
 #include <dirent.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "wex_chain.h"
 #include "wex_chain_rebuild.h"
 #include "wex_core_filter.h"
+#include "wex_domain.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 
@@ -119,6 +121,34 @@ struct Rebuild : RegistryWorld {
   static std::string content(int pid, int action, const std::string& command) {
     return std::to_string(pid) + "\n" + std::to_string(action) + "\n" + command;
   }
+};
+
+// A process of the program that the cases list, in a domain when it has that domain's group.
+class listed_program {
+ public:
+  explicit listed_program(int32_t domain_group = 0) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const auto group = static_cast<gid_t>(domain_group);
+      setgroups(group != 0 ? 1 : 0, &group);
+      execl("/usr/bin/sleep", "/usr/bin/sleep", "4321", nullptr);
+      _exit(127);
+    }
+    EXPECT_TRUE(eventually([&] { return wex_test::command_line(pid_) == "/usr/bin/sleep 4321"; }));
+  }
+  ~listed_program() {
+    for (const pid_t pid : wex_test::pids_with_command("/usr/bin/sleep 4321")) {
+      wex_test::send_signal(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+  }
+  listed_program(const listed_program&) = delete;
+  listed_program& operator=(const listed_program&) = delete;
+  pid_t pid() const { return pid_; }
+  static size_t instances() { return wex_test::pids_with_command("/usr/bin/sleep 4321").size(); }
+
+ private:
+  pid_t pid_ = -1;
 };
 
 }  // namespace
@@ -321,6 +351,36 @@ TEST_F(Rebuild, ThirdPartProgramThatIsNotFoundIsFiledUnderNoPid) {
   EXPECT_EQ(1, rec->restart_failed);
   EXPECT_FALSE(exists(db_file(0, "true", old_pid)));
   waitpid(-1, nullptr, 0);  // the program itself
+}
+
+// A daemon that was killed while it looked for a program that it had started leaves the file of the one
+// before.
+TEST_F(Rebuild, AListedProgramThatRunsUnregisteredIsAdopted) {
+  const int old_pid = dead_pid();
+  make_dirs("/etc/wex");
+  write_file(kThirdPartList, "/usr/bin/sleep 4321 WEX_RESTART\n");
+  const listed_program running;
+  write_file(db_file(0, "sleep", old_pid), content(old_pid, 2, "/usr/bin/sleep 4321"));
+  rebuild();
+  ASSERT_EQ(1, wex_chains.count);
+  ASSERT_NE(nullptr, find(running.pid()));
+  EXPECT_TRUE(wex_record_lives(find(running.pid())));
+  EXPECT_EQ(1U, listed_program::instances());
+  EXPECT_FALSE(exists(db_file(0, "sleep", old_pid)));
+  EXPECT_TRUE(exists(db_file(0, "sleep", running.pid())));
+}
+
+TEST_F(Rebuild, AListedProgramIsStartedBesideARegisteredOneAndOneOfAnotherDomain) {
+  const int old_pid = dead_pid();
+  make_dirs("/etc/wex");
+  write_file(kThirdPartList, "/usr/bin/sleep 4321 WEX_RESTART\n");
+  const listed_program registered;
+  const listed_program elsewhere(wex_domain_group(3));
+  write_file(db_file(0, "sleep", registered.pid()), content(registered.pid(), 2, "/usr/bin/sleep 4321"));
+  write_file(db_file(0, "sleep", old_pid), content(old_pid, 2, "/usr/bin/sleep 4321"));
+  rebuild();
+  EXPECT_EQ(2, wex_chains.count);
+  EXPECT_EQ(3U, listed_program::instances());
 }
 
 TEST_F(Rebuild, AFileOfAnotherNameThanItsContentGivesIsStartedOnceAndGone) {

@@ -472,6 +472,7 @@ TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
       {"it cannot be seen", nullptr, [](process_look* seen) { seen->sight = process_look::unreadable; },
        true},
       {"it reports", [](service& program) { daemon_side::reset(program, 0, kShort); }, nullptr, false},
+      {"it reports through the table", [](service& program) { program.report(0); }, nullptr, false},
   };
   for (const auto& row : rows) {
     in_child([&] {
@@ -488,6 +489,8 @@ TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
       EXPECT_EQ(row.aborted, exists(kHung)) << row.told;
       if (row.aborted) {
         EXPECT_TRUE(program.aborted()) << row.told;
+      } else if (std::string(row.told) != "it ends") {
+        EXPECT_TRUE(program.running()) << row.told;
       }
     });
     unlink(kNotifyLog);

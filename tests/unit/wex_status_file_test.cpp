@@ -729,7 +729,7 @@ TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
   });
 }
 
-// Ten times what it may cost on a machine that does nothing else.
+// Its limit is for a busy machine: a quiet one needs a hundredth of it.
 TEST_F(StatusTable, AChangeTakesMicrosecondsAndWakesTheMainThreadOnce) {
   in_child([] {
     start();
