@@ -45,20 +45,21 @@ enum {
 
 /* Indexes of `counters`. Each counts from the start of the daemon, and begins again at 0 after 2^32. */
 enum {
-  WEX_STATUS_EXITS,          /* ends of registered processes that were handled */
-  WEX_STATUS_RESTARTS,       /* processes started again, whatever the occasion */
-  WEX_STATUS_PARKS,          /* registrations parked because they restarted too often */
-  WEX_STATUS_POSTPONED,      /* restarts that waited for a held database file */
-  WEX_STATUS_FORCED,         /* postponed restarts made after the longest wait */
-  WEX_STATUS_HANDED_OVER,    /* exits of a program that had another registered process by then */
-  WEX_STATUS_DROPPED,        /* registrations dropped with a domain that was taken down */
-  WEX_STATUS_FAILED,         /* restarts that left no process */
-  WEX_STATUS_LOST_EXITS,     /* exits the kernel did not report, found by the sweep */
-  WEX_STATUS_OVERFLOWS,      /* times the kernel said that it dropped events */
-  WEX_STATUS_REFUSED,        /* control messages that were not understood or not allowed */
-  WEX_STATUS_HANGS,          /* hung threads reported */
-  WEX_STATUS_NOT_REGISTERED, /* registrations refused: the process was gone, or known already */
-  WEX_STATUS_NOT_SHOWN,      /* registrations without a slot, now */
+  WEX_STATUS_EXITS,           /* ends of registered processes that were handled */
+  WEX_STATUS_RESTARTS,        /* processes started again, whatever the occasion */
+  WEX_STATUS_PARKS,           /* registrations parked because they restarted too often */
+  WEX_STATUS_POSTPONED,       /* restarts that waited for a held database file */
+  WEX_STATUS_FORCED,          /* postponed restarts made after the longest wait */
+  WEX_STATUS_HANDED_OVER,     /* exits of a program that had another registered process by then */
+  WEX_STATUS_DROPPED,         /* registrations dropped with a domain that was taken down */
+  WEX_STATUS_FAILED,          /* restarts that left no process */
+  WEX_STATUS_LOST_EXITS,      /* exits the kernel did not report, found by the sweep */
+  WEX_STATUS_OVERFLOWS,       /* times the kernel said that it dropped events */
+  WEX_STATUS_REFUSED,         /* control messages that were not understood or not allowed */
+  WEX_STATUS_HANGS,           /* hung threads reported */
+  WEX_STATUS_NOT_REGISTERED,  /* registrations refused: the process was gone, or known already */
+  WEX_STATUS_NOT_SHOWN,       /* registrations without a slot, now */
+  WEX_STATUS_HIDDEN_TROUBLES, /* of these, the parked, postponed and down ones, a few seconds ago */
   WEX_STATUS_COUNTERS_USED,
   WEX_STATUS_COUNTERS = 32
 };
@@ -127,10 +128,11 @@ typedef struct wex_status_slot {
   int32_t restart_delay; /* seconds */
   uint64_t pid_start;    /* field 22 of /proc/PID/stat of this process */
   int64_t registered;    /* monotonic */
-  int64_t started;       /* monotonic: of this process, as far as wex knows: registered or started again */
-  int64_t since;         /* monotonic: in this state since */
-  int64_t until;         /* monotonic: end of the parking, of the delay before a restart, or the moment when a
-                            postponed restart is forced */
+  int64_t started; /* monotonic: when this process was registered or started again; when wex found it at its
+                      own start, when it began */
+  int64_t since;   /* monotonic: in this state since */
+  int64_t until;   /* monotonic: end of the parking, of the delay before a restart, or the moment when a
+                      postponed restart is forced */
   int64_t last_exit_wall;   /* 0: none since its registration */
   uint32_t last_exit;       /* in the form of wait(2) */
   uint32_t restarts;        /* since its registration */
@@ -164,6 +166,8 @@ typedef enum wex_status_kind {
   WEX_STATUS_EV_LOST_EXIT = 17,
   WEX_STATUS_EV_FAILED = 18, /* a restart left no process */
   WEX_STATUS_EV_DAEMON_ENDED = 19,
+  WEX_STATUS_EV_REPLACED =
+      20, /* a record without a process made room; new_pid: of the one that has its place */
   WEX_STATUS_EV_KINDS
 } wex_status_kind;
 

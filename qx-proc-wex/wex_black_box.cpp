@@ -29,6 +29,7 @@
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_status_kinds.h"
 #include "wex_utils.h"
 
 namespace {
@@ -105,52 +106,106 @@ unique_fd open_page(const char* path) {
   return file;
 }
 
-// Makes room for a new file. What is in the way of the old one's name and is no file gets aside.
-bool turn_page(const char* path, const char* old_path) {
+// Makes room for a new file. One that is larger than ours ever are was put there by somebody else, and goes.
+// What is in the way of the old one's name and is no file gets aside.
+bool turn_page(const char* path, const char* old_path, off_t size) {
   char aside[kPathSize];
+  if (size > kBlackBoxMax) {
+    return wex_unlink(path) == 0;
+  }
   return wex_rename(path, old_path) == 0 ||
          (wex_clear_name(old_path, aside) && wex_rename(path, old_path) == 0);
 }
 
+// A text and its file. While it is being written, which may take long, the writing thread has the text.
+struct kept_file {
+  const char* path;
+  const char* old_path;
+  char text[kBlackBoxMax / 2];
+  size_t length;
+  std::atomic<bool> busy;
+};
+
 // Appends the text to a file of bounded size: a full one gives its place to a new one, and stays as the old
 // one.
-void keep(const char* path, const char* old_path, const char* text, size_t length) {
+void append_text(const kept_file& one) {
   unique_fd file;
   struct stat facts = {};
   if (has_room()) {
-    file = open_page(path);
+    file = open_page(one.path);
   }
   if (!file.valid() || fstat(file.get(), &facts) != 0) {
     return;
   }
-  if (facts.st_size + static_cast<off_t>(length) > kBlackBoxMax) {
-    if (!turn_page(path, old_path)) {
+  const bool full = facts.st_size + static_cast<off_t>(one.length) > kBlackBoxMax;
+  if (full) {
+    if (!turn_page(one.path, one.old_path, facts.st_size)) {
       return;
     }
-    file = open_page(path);
+    file = open_page(one.path);
   }
   if (file.valid()) {
-    safe_write(file.get(), text, length);
+    safe_write(file.get(), one.text, one.length);
     fsync(file.get());
+    if (full || facts.st_size == 0) {
+      wex_sync_directory_of(one.path);
+    }
+  }
+}
+
+// ---- Work that may take long ------------------------------------------------------------------------------
+
+// On a thread that nobody joins.
+bool start_thread(void* (*work)(void*), void* of) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) {
+    return false;
+  }
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const bool started = pthread_create(&thread, &attributes, work, of) == 0;
+  pthread_attr_destroy(&attributes);
+  return started;
+}
+
+void wait_while(const std::atomic<bool>& busy, int64_t limit_ms) {
+  const int64_t deadline = wex_clock_ms() + limit_ms;
+  while (busy.load(std::memory_order_acquire) && wex_clock_ms() < deadline) {
+    wex_sleep_ms(kBlackBoxPauseMs);
+  }
+}
+
+extern "C" void* append_on_own_thread(void* of) {
+  auto* const one = static_cast<kept_file*>(of);
+  append_text(*one);
+  one->busy.store(false, std::memory_order_release);
+  return nullptr;
+}
+
+// False while an earlier text is still being written.
+bool begin(kept_file* one) {
+  return !one->busy.exchange(true, std::memory_order_acquire);
+}
+
+// Writes the text that was put in since begin(). A disk that stands still keeps one thread, and nobody else.
+void keep(kept_file* one, size_t length) {
+  one->length = length;
+  if (start_thread(append_on_own_thread, one)) {
+    wait_while(one->busy, kBlackBoxWriteMs);
+  } else {
+    one->busy.store(false, std::memory_order_release);
   }
 }
 
 // ---- History ----------------------------------------------------------------------------------------------
 
-constexpr const char* kKindNames[] = {"nothing",        "daemon started", "registered",     "cancelled",
-                                      "exited",         "restarted",      "parked",         "tried again",
-                                      "postponed",      "forced",         "handed over",    "stopped",
-                                      "dropped",        "hung",           "burst",          "reboot asked",
-                                      "reboot refused", "exit was lost",  "restart failed", "daemon ended"};
-static_assert(std::size(kKindNames) == WEX_STATUS_EV_KINDS, "an event without a name");
-
-priority_mutex g_history_mutex;
-char g_history[kBlackBoxMax / 2] WEX_TSA(guarded_by(g_history_mutex));
+priority_mutex g_history_mutex;  // one history at a time
+kept_file g_history = {kHistory, kHistoryOld, "", 0, {false}};
 
 void add_event(page* to, const wex_status_event& event) {
   time_stamp when;
   write_time(event.wall, when);
-  add_line(to, "%s %s %.32s pid %d to %d domain %d exit %04x value %d\n", when, kKindNames[event.kind],
+  add_line(to, "%s %s %.32s pid %d to %d domain %d exit %04x value %d\n", when, kStatusKinds[event.kind].name,
            event.name, event.pid, event.new_pid, event.domain, event.exit_code, event.value);
 }
 
@@ -196,6 +251,7 @@ seen_thread g_threads[kHungThreads];
 std::atomic<int> g_threads_seen{0};
 std::atomic<bool> g_looking{false};  // a look that is stuck in the kernel keeps the buffers
 std::atomic<bool> g_timed_out{false};
+// Written by the watchdog while nobody looks, read by the looking thread that it starts then.
 int32_t g_hung_pid = 0;
 int32_t g_hung_tid = 0;
 bool g_seen_any = false;  // watchdog's thread only
@@ -291,25 +347,16 @@ extern "C" void* look_at_threads(void* /*unused*/) {
   return nullptr;
 }
 
-bool start_looking() {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) {
-    return false;
-  }
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t looker;
-  const bool started = pthread_create(&looker, &attributes, look_at_threads, nullptr) == 0;
-  pthread_attr_destroy(&attributes);
-  return started;
-}
-
 }  // namespace
 
 void wex_keep_history(const char* reason) {
   const mutex_lock hold(g_history_mutex);
-  page to = {g_history, sizeof g_history, 0, false};
+  if (!begin(&g_history)) {
+    return;
+  }
+  page to = {g_history.text, sizeof g_history.text, 0, false};
   describe_history(&to, reason);
-  keep(kHistory, kHistoryOld, to.text, to.used);
+  keep(&g_history, to.used);
 }
 
 void wex_look_at_hung(int32_t pid, int32_t tid) {
@@ -321,24 +368,21 @@ void wex_look_at_hung(int32_t pid, int32_t tid) {
   g_hung_tid = tid;
   g_threads_seen.store(0);
   g_timed_out.store(false);
-  if (!start_looking()) {
+  if (!start_thread(look_at_threads, nullptr)) {
     g_looking.store(false);
     return;
   }
   g_seen_any = true;
-  const int64_t deadline = wex_clock_ms() + kHungLookMs;
-  while (g_looking.load(std::memory_order_acquire) && wex_clock_ms() < deadline) {
-    wex_sleep_ms(kHungPauseMs);
-  }
+  wait_while(g_looking, kHungLookMs);
   g_timed_out.store(true);
 }
 
 void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
-  static char text[kBlackBoxMax / 2];  // watchdog's thread only
-  if (!g_seen_any) {
+  static kept_file hung = {kHung, kHungOld, "", 0, {false}};
+  if (!g_seen_any || !begin(&hung)) {
     return;
   }
-  page to = {text, sizeof text, 0, false};
+  page to = {hung.text, sizeof hung.text, 0, false};
   time_stamp when;
   write_time(wall_now(), when);
   const int seen = g_threads_seen.load(std::memory_order_acquire);
@@ -352,5 +396,5 @@ void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
       to.used += length;
     }
   }
-  keep(kHung, kHungOld, to.text, to.used);
+  keep(&hung, to.used);
 }

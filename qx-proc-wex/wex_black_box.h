@@ -1,6 +1,7 @@
 // wex_black_box: what led to a restart of the device, and what a hung process was doing, on the disk.
 //
-// It comes before things that must happen: nothing here waits longer than it says, and a failure is silent.
+// It comes before things that must happen: a failure is silent, and nobody waits for the disk for longer than
+// two seconds. While it stands still, a thread waits for it, and what is to be kept meanwhile is lost.
 #pragma once
 
 #include <cstdint>

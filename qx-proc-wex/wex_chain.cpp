@@ -223,6 +223,13 @@ void __wex_expect_exit(int32_t pid) {
   }
 }
 
+void __wex_expect_exit_of_start(int32_t pid) {
+  if (!wex_pass_exits_of_start(pid)) {
+    __wex_tidy_filter();
+    wex_pass_exits_of_start(pid);
+  }
+}
+
 void __wex_tidy_filter() {
   pid_set pids;
   wex_pass_exits_only_of(gather_expected(&pids) ? &pids : nullptr);
@@ -339,11 +346,13 @@ void wex_note_identity(wex_pid* rec) {
   wex_note_start(rec);
 }
 
-void wex_note_start(wex_pid* rec) {
+bool wex_note_start(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
   const int32_t process = wex_process_of(rec);
-  rec->start_time = process > 0 && wex_proc_stat(process, &state, &start_time) ? start_time : 0;
+  const bool seen = process > 0 && wex_proc_stat(process, &state, &start_time);
+  rec->start_time = seen ? start_time : 0;
+  return rec->start_time != 0 && !wex_is_dead_state(state);
 }
 
 int32_t wex_process_of(const wex_pid* rec) {
@@ -355,7 +364,7 @@ bool wex_record_lives(const wex_pid* rec) {
   return process > 0 && rec->start_time != 0 && wex_proc_lives(process, rec->start_time);
 }
 
-void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
+bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
   // program a second time.
   wex_db_destroy(rec);
@@ -373,7 +382,8 @@ void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   }
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
-  wex_note_start(rec);
+  rec->thread_code = 0;
+  return wex_note_start(rec);
 }
 
 int32_t __wex_replaced_by(int32_t pid) {
@@ -393,6 +403,7 @@ void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
     if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
+      wex_status_tell(WEX_STATUS_EV_REPLACED, rec, {0, newcomer});
       if (rec->pid != newcomer) {
         __wex_drop_registration(rec);
       } else {

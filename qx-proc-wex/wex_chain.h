@@ -48,6 +48,9 @@ wex_pid* wex_blank_record(wex_pid* memory);
 // this: an exit that came before was not reported.
 void __wex_expect_exit(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
+// The same for a process that the daemon has just started.
+void __wex_expect_exit_of_start(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
 // No longer has those exits reported that concern no record.
 void __wex_tidy_filter() WEX_TSA(requires_capability(wex_chains));
 
@@ -78,16 +81,17 @@ wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(require
 wex_pid* __wex_restore_record(wex_chains_t* chain, const wex_pid& before) WEX_TSA(requires_capability(chain));
 
 // The record's program runs again as `new_pid`: removes the old database file, moves the record to the new
-// bucket, and gives the process the normal low-memory-killer score. For wex_chains.
-void __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid)
+// bucket. False when that process does not live any more, or is none: its end may not have been reported. For
+// wex_chains.
+bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid)
     WEX_TSA(requires_capability(chain, wex_chains));
 
 // Remembers the identity of the record's present process, so that a reused pid is not taken for it. Whoever
 // registered a thread means its process.
 void wex_note_identity(wex_pid* rec);
 
-// The second half of it, for a record whose `thread_of` is known.
-void wex_note_start(wex_pid* rec);
+// The second half of it, for a record whose `thread_of` is known. True when the process lives.
+bool wex_note_start(wex_pid* rec);
 
 // The process that the record stands for: its pid, or the process whose thread has that id. May be below 1.
 int32_t wex_process_of(const wex_pid* rec);

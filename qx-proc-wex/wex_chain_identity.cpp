@@ -3,7 +3,9 @@
 #include "wex_chain_identity.h"
 
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "wex_limits.h"
@@ -13,10 +15,6 @@
 namespace {
 
 constexpr int64_t kSecondNs = 1000000000;
-
-bool is_dead_state(char state) {
-  return state == 'Z' || state == 'X' || state == 'x';
-}
 
 int64_t nanoseconds(const timespec& time) {
   return int64_t{time.tv_sec} * kSecondNs + time.tv_nsec;
@@ -48,7 +46,7 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
   if (!same && !took_over) {
     return exit_verdict::exited;
   }
-  if (is_dead_state(now.state) || now.exiting) {
+  if (wex_is_dead_state(now.state) || now.exiting) {
     // Beside a dead main thread the others either end, too, or one of them is about to take its place.
     return now.threads > 1 ? exit_verdict::ask_again : exit_verdict::exited;
   }
@@ -56,7 +54,7 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
 }
 
 bool wex_surely_dead(const process_look& now) {
-  return now.sight == process_look::gone || (now.sight == process_look::seen && is_dead_state(now.state));
+  return now.sight == process_look::gone || (now.sight == process_look::seen && wex_is_dead_state(now.state));
 }
 
 presence wex_judge_presence(const process_look& now, uint64_t known_start) {
@@ -66,7 +64,7 @@ presence wex_judge_presence(const process_look& now, uint64_t known_start) {
   if (known_start != 0 && now.start_time != known_start) {
     return presence::absent;
   }
-  return is_dead_state(now.state) && now.threads <= 1 ? presence::absent : presence::present;
+  return wex_is_dead_state(now.state) && now.threads <= 1 ? presence::absent : presence::present;
 }
 
 uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset_ns, long ticks_per_second) {
@@ -75,6 +73,15 @@ uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset
   }
   const int64_t since_boot = static_cast<int64_t>(event_ns) + shift_ns + boot_offset_ns;
   return since_boot > 0 ? static_cast<uint64_t>(since_boot / (kSecondNs / ticks_per_second)) : 0;
+}
+
+int64_t wex_start_on_clock_ms(uint64_t start_time) {
+  const auto ticks_per_second = static_cast<uint64_t>(std::max<long>(sysconf(_SC_CLK_TCK), 1));
+  if (start_time == 0 || start_time > INT64_MAX / 1000) {
+    return 0;
+  }
+  const auto since_boot = static_cast<int64_t>(start_time * 1000 / ticks_per_second);
+  return std::max<int64_t>(since_boot - wex_boot_offset_ns() / 1000000, 0);
 }
 
 int64_t wex_clock_shift(int64_t least_delay_ns) {

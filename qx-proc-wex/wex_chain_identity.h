@@ -62,5 +62,9 @@ uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset
 // shift of a time namespace, or 0 when it is only that delay.
 int64_t wex_clock_shift(int64_t least_delay_ns);
 
+// When a process with this start time began, in milliseconds of the monotonic clock; 0 when it is not known,
+// or was before that clock began.
+int64_t wex_start_on_clock_ms(uint64_t start_time);
+
 // How much the boot clock is ahead of the monotonic clock now.
 int64_t wex_boot_offset_ns();

@@ -17,6 +17,8 @@
 #include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
+#include "wex_chain_list.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
 #include "wex_core_restart.h"
@@ -26,7 +28,9 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
+#include "wex_proc.h"
 #include "wex_status_file.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 namespace {
@@ -175,6 +179,7 @@ void decide(candidates* all) {
         row.what = fate::alive;
         // Not after the restarts: they may take long, and a stranger may have got the pid by then.
         wex_note_identity(row.rec);
+        wex_status_found(row.rec, wex_start_on_clock_ms(row.rec->start_time));
         if (row.rec->thread_of != 0) {
           wex_pass_thread_ends(thread_ends_for::registrations, true);
         }
@@ -189,12 +194,27 @@ void decide(candidates* all) {
   }
 }
 
+// True when the program of a dead process runs already and only the registration was to go: a daemon that is
+// killed while it looks for a listed program that it has started leaves the file of the process before. The
+// monitor registers the one that runs, as it does with all listed programs that were executed unseen.
+bool dropped_as_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  char type[256];
+  int32_t found = 0;
+  if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
+      !wex_find_running(rec->process, &found)) {
+    return false;
+  }
+  wex_dbg(WEX_DBG_PUB, "pid (%d) of %s is pid %d now\n", rec->pid, rec->process, found);
+  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, found});
+  __wex_drop_registration(rec);
+  return true;
+}
+
 void restart_dead(wex_chains_t* chain, wex_pid* rec) {
-  chain_lock registry(
-      wex_chains);  // the restart rules ask for it by name; it is the same lock, and recursive
+  chain_lock registry(wex_chains);  // clang wants it by name below; it is the same lock, and recursive
   chain_lock hold(*chain);
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
-  if (!__wex_dropped_with_domain(rec) && wex_proc_restart_delay(rec) == 0) {
+  if (!__wex_dropped_with_domain(rec) && !dropped_as_running(rec) && wex_proc_restart_delay(rec) == 0) {
     restart(chain, rec);
   }
 }

@@ -223,6 +223,11 @@ bool others_have_ended(const threads& running) {
   _exit(0);  // not exit(): the fork watcher still runs and uses what the clean-up would destroy
 }
 
+void leave_signals_of_starter() {
+  clear_signal_mask();       // a starter that blocks signals may forget to unblock them
+  signal(SIGCHLD, SIG_DFL);  // ignored, the kernel would reap our children and keep their status from us
+}
+
 }  // namespace
 
 extern "C" void wex_third_part_proc_init(void) {
@@ -246,8 +251,7 @@ extern "C" void wex_third_part_proc_init(void) {
 }
 
 int main(int argc, char** argv) {
-  clear_signal_mask();       // a starter that blocks signals may forget to unblock them
-  signal(SIGCHLD, SIG_DFL);  // ignored, the kernel would reap our children and keep their status from us
+  leave_signals_of_starter();
   wex_make_dir(kRunDir, kOpenDirMode);
   wex_parse_dbg_file();
   wex_create_std_fd(1);

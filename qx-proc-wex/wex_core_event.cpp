@@ -3,6 +3,7 @@
 #define WEX_MODULE "wex_core"
 #include "wex_core_event.h"
 
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "wex_core_exit.h"
 #include "wex_core_filter.h"
 #include "wex_core_process_event.h"
+#include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -147,12 +149,22 @@ void look_sooner(int32_t pid) {
 // A thread may have been registered as a program, and have ended before anybody could see that it was one.
 // Its end is no exit: the program goes on until its process ends. A process that was seen has lost its id to
 // this thread.
-void note_thread_end(int32_t tid, int32_t process) {
+//
+// A signal that ends a process ends each thread of it with the same code. The end of the process itself is
+// reported under a pid that has no record, so the sweep finds it, and takes the code from the record.
+void note_thread_end(const process_event& event) {
   chain_lock hold(wex_chains);
-  wex_pid* const rec = __wex_find_pid(&wex_chains, tid);
-  if (rec != nullptr && rec->start_time == 0) {
-    rec->thread_of = process;
+  wex_pid* const rec = __wex_find_pid(&wex_chains, event.pid);
+  if (rec == nullptr) {
+    return;
+  }
+  if (rec->start_time == 0) {
+    rec->thread_of = event.tgid;
     wex_note_start(rec);
+  }
+  if (rec->thread_of == event.tgid && WTERMSIG(event.exit_code) != 0) {
+    rec->thread_code = event.exit_code;
+    wex_request_sweep();
   }
 }
 
@@ -180,7 +192,7 @@ void wex_take_exit_event(const process_event& event) {
     return;  // an exit of an unregistered process is ignored before any marker is looked at
   }
   if (event.pid != event.tgid) {
-    note_thread_end(event.pid, event.tgid);
+    note_thread_end(event);
     look_sooner(event.tgid);
   }
   if (wex_drop_taken_down(event.pid)) {

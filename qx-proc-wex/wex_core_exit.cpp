@@ -91,6 +91,7 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
     return true;
   }
   if (is_dead(other)) {
+    wex_status_tell(WEX_STATUS_EV_REPLACED, other, {0, rec->pid});
     drop_registration(other);
     return false;
   }
@@ -239,19 +240,22 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
-  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, rec, {0, child});
-  const wex_pid before = *rec;
+  wex_pid before = *rec;
+  wex_status_slot shown = {};
+  wex_status_copy_slot_of(rec, &shown);
   wex_pid* const memory = __wex_recycle_registration(rec);
-  if (wex_register_third_part(child, action.keyword, memory) == 0) {
-    return true;
+  before.status_slot = 0;  // it was the old record's, and may be another's by now
+  if (wex_register_third_part(child, action.keyword, memory) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
+    // Not when /proc cannot be read: a second instance does more harm than one that is not registered.
+    if (wex_surely_dead(wex_look_at(child))) {
+      *handed = __wex_restore_record(&wex_chains, before);
+      wex_status_restore_slot(*handed, shown);
+      return false;
+    }
   }
-  wex_dbg(WEX_DBG_PUB, "%s-->reg_third_part_process_exit_action error!\n", kHandler);
-  if (!wex_surely_dead(wex_look_at(child))) {
-    // Also when /proc cannot be read: a second instance does more harm than one that is not registered.
-    return true;
-  }
-  *handed = __wex_restore_record(&wex_chains, before);
-  return false;
+  wex_status_tell(WEX_STATUS_EV_HANDED_OVER, &before, {0, child});
+  return true;
 }
 
 // Logs the restart that begins; false when nothing may be restarted.
@@ -295,6 +299,7 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const wex_action* const action = wex_find_action(rec->action);
   if (action == nullptr) {
+    wex_status_down(rec);  // its record stays, and nothing is started
     return;
   }
   if (action->through_shell) {
@@ -350,6 +355,18 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint6
   if (known_ended || !still_runs(rec)) {
     handle_ended(rec, exit_signal, force_restart, rec->exit_seen != 0 || wex_status_waits(rec));
   }
+}
+
+// The exit of the process that started at `start_time` was not reported. It may have come after all, or the
+// pid may belong to somebody else, since that was found.
+void handle_lost(int32_t pid, uint32_t exit_signal, uint64_t start_time)
+    WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec == nullptr || rec->start_time != start_time || rec->exit_seen != 0 || still_runs(rec)) {
+    return;
+  }
+  wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec, {0, 0, exit_signal});
+  handle_ended(rec, exit_signal, 0, wex_status_waits(rec));
 }
 
 // The record whose start of this number is still without a process, or null.
@@ -430,6 +447,10 @@ void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
 }
 
 }  // extern "C"
+
+void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time) {
+  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) { handle_lost(pid, exit_signal, start_time); });
+}
 
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
   with_reserve(

@@ -24,8 +24,9 @@
 
 namespace {
 
-constexpr uint64_t kBeforeAnybody =
-    1;  // start time of no process: whoever has the pid now is not the record's
+// A start time that no process has, so that a process that has got the pid meanwhile is not taken for the
+// record's.
+constexpr uint64_t kBeforeAnybody = 1;
 
 // The pid at the end of a database file's name, 0 when there is none.
 int32_t pid_of_name(const char* name) {

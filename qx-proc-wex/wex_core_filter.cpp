@@ -96,7 +96,7 @@ void detach() WEX_TSA(requires_capability(g_lock)) {
   g_difference = difference::none;
 }
 
-// Somebody waits for what the filter in place drops.
+// True when the filter in place drops events that are needed.
 bool drops_too_much(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
   return !g_in_place.includes(wanted) || (g_difference == difference::too_few && !g_in_place.every_exit);
 }
@@ -126,6 +126,20 @@ void update() WEX_TSA(requires_capability(g_lock)) {
   }
 }
 
+bool pass_exits(int32_t pid, bool (pid_set::*add)(int32_t)) {
+  const mutex_lock hold(g_lock);
+  if (pid < 1) {
+    return true;
+  }
+  const bool was_overfull = g_overfull;
+  if (!g_exits.has(pid)) {
+    g_difference = difference::too_few;
+    g_overfull = !(g_exits.*add)(pid) || g_overfull;
+  }
+  update();
+  return was_overfull || !g_overfull;
+}
+
 }  // namespace
 
 void wex_attach_filter(int fd) {
@@ -153,17 +167,11 @@ void wex_pass_executions(bool pass) {
 }
 
 bool wex_pass_exits_of(int32_t pid) {
-  const mutex_lock hold(g_lock);
-  if (pid < 1) {
-    return true;
-  }
-  const bool was_overfull = g_overfull;
-  if (!g_exits.has(pid)) {
-    g_difference = difference::too_few;
-    g_overfull = !g_exits.add(pid) || g_overfull;
-  }
-  update();
-  return was_overfull || !g_overfull;
+  return pass_exits(pid, &pid_set::add);
+}
+
+bool wex_pass_exits_of_start(int32_t pid) {
+  return pass_exits(pid, &pid_set::add_with_next);
 }
 
 void wex_pass_exits_only_of(const pid_set* pids) {

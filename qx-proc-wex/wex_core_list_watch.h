@@ -8,16 +8,16 @@ class list_watch {
   // Before the first look at the list.
   void open();
 
-  // False while the list certainly names no program, and a change of it would be told through fd().
+  // False when it is certain that the list names no program and that fd() will report a change of it.
   bool may_name_programs() const;
 
   // Readable when the list may have changed; below 0 when there is no such descriptor.
   int fd() const noexcept { return instance_.get(); }
 
-  // Takes what fd() has to say, before the next look at the list; opens it anew when there is none.
+  // Reads the events of fd(), before the next look at the list. Opens it anew when there is none.
   void take_changes();
 
-  // fd() is no descriptor of ours any more.
+  // For when poll() says that fd() is not open: forgets the number and closes nothing.
   void close_lost();
 
  private:

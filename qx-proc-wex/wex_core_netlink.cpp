@@ -165,7 +165,7 @@ outcome set_up(unique_fd* events) {
 // The state of one run of the monitor.
 struct monitor {
   int fd = -1;
-  int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or has been found not to
+  int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or the time for it is over
   bool missed_some = true;  // executions may have gone unreported: at first all of them, later some
   list_watch list;
   int64_t next_list_look = 0;

@@ -16,6 +16,7 @@
 #include "wex_core_notify.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
@@ -23,6 +24,7 @@
 #include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
+#include "wex_vsd.h"
 
 namespace {
 
@@ -36,10 +38,18 @@ bool g_turn_passed = false;
 
 // What holds for one whole scan.
 struct scan {
-  bool counting;    // silent periods count
-  bool abort_sent;  // one process at most is aborted
-  wex_pid* next;    // a hung thread of the process whose turn comes next
-  wex_pid* lowest;  // the same, of the process whose turn comes first of all
+  bool counting;          // silent periods count
+  const wex_pid* first;   // the hung thread that the walk met first
+  const wex_pid* next;    // a hung thread of the process whose turn comes next
+  const wex_pid* lowest;  // the same, of the process whose turn comes first of all
+};
+
+// The hung thread that is served, and what its process was like before the look at it.
+struct hung_thread {
+  int32_t tid;
+  int32_t process;
+  process_look before;
+  int32_t domain;
 };
 
 // Counter arithmetic: the values came out of a message and may be anything.
@@ -94,30 +104,6 @@ void end_period(wex_pid* thread, const scan& now) WEX_TSA(requires_capability(we
           info[WEX_CUR_NTFY_TIME]);
 }
 
-// Asked by the watchdog's thread, which holds the chain.
-bool is_watched(int32_t tid) WEX_TSA(no_thread_safety_analysis) {
-  return __wex_find_pid(&wex_alive_chains, tid) != nullptr;
-}
-
-void abort_hung(const wex_pid* thread) {
-  wex_dbg(WEX_DBG_ALIVE, "ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", thread->notify_info[WEX_NTFY_CNT],
-          thread->ppid);
-  const char* const slash = strrchr(thread->process, '/');
-  const char* const program = slash != nullptr ? slash + 1 : thread->process;
-  char name[kThreadNameSize];
-  if (wex_get_pid_name(thread->pid, name, sizeof name) != 0) {
-    wex_copy_text(name, sizeof name, "unknown");
-  }
-  wex_look_at_hung(thread->ppid, thread->pid);
-  if (thread->ppid > 0) {  // 0 and below would address whole process groups
-    kill(thread->ppid, SIGABRT);
-  }
-  wex_status_tell_of(WEX_STATUS_EV_HANG, thread->ppid, thread->process, {0, thread->pid});
-  wex_log_notify_info(kNotifyLog, "detect process:[%s/%d] thread %s:%d hung.\n", program, thread->ppid, name,
-                      thread->pid);
-  wex_keep_hung(is_watched);
-}
-
 // The order in which processes take turns: that of the walk over their main threads.
 bool has_earlier_turn(int32_t process, int32_t other) {
   const auto bucket = wex_hash_pid(process);
@@ -125,20 +111,9 @@ bool has_earlier_turn(int32_t process, int32_t other) {
   return bucket != other_bucket ? bucket < other_bucket : process < other;
 }
 
-void serve(const wex_pid* thread, scan* now) {
-  abort_hung(thread);
-  now->abort_sent = true;
-  g_turn_passed = true;
-  g_last_served = thread->ppid;
-}
-
-void serve_in_turn(wex_pid* thread, scan* now) {
-  if (now->abort_sent) {
-    return;
-  }
-  if (!g_turn_passed) {
-    serve(thread, now);
-    return;
+void note_hung(const wex_pid* thread, scan* now) {
+  if (now->first == nullptr) {
+    now->first = thread;
   }
   if (now->lowest == nullptr || has_earlier_turn(thread->ppid, now->lowest->ppid)) {
     now->lowest = thread;
@@ -165,21 +140,98 @@ void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_c
     end_period(thread, *now);
   }
   if (info[WEX_CUR_CNT] == 0) {
-    serve_in_turn(thread, now);
+    note_hung(thread, now);
   }
 }
 
-// The walk itself, with the lock held. Behind the last process it is the first one's turn again.
-void look_at_all(scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
+// Whose turn it is. Behind the last process it is the first one's again, and so it is after a scan that found
+// nobody hung.
+const wex_pid* choose(const scan& now) {
+  if (!g_turn_passed) {
+    return now.first;
+  }
+  return now.next != nullptr ? now.next : now.lowest;
+}
+
+// True when a hung thread is to be served.
+bool look_at_all(scan* now, hung_thread* served) {
+  chain_lock hold(wex_alive_chains);
   record_walk walk(wex_alive_chains);
   while (wex_pid* const thread = walk.next()) {
     look_at(thread, now);  // may free it
   }
-  const wex_pid* const due = now->next != nullptr ? now->next : now->lowest;
-  if (due != nullptr) {
-    serve(due, now);
+  const wex_pid* const due = choose(*now);
+  g_turn_passed = due != nullptr;
+  if (due == nullptr) {
+    return false;
   }
-  g_turn_passed = now->abort_sent;
+  g_last_served = due->ppid;
+  served->tid = due->pid;
+  served->process = due->ppid;
+  return true;
+}
+
+// ---- Aborting ---------------------------------------------------------------------------------------------
+
+bool is_watched(int32_t tid) {
+  chain_lock hold(wex_alive_chains);
+  return __wex_find_pid(&wex_alive_chains, tid) != nullptr;
+}
+
+int32_t domain_of(int32_t process) {
+  const int32_t domain = get_vsdid(process);
+  return domain >= kFirstDomain && domain < WEX_DOMAINS ? domain : kMainSystem;
+}
+
+// False when the process has ended since; another one may have its pid by now. What cannot be seen counts as
+// the same.
+bool is_still_there(const hung_thread& hung) {
+  const process_look now = wex_look_at(hung.process);
+  if (now.sight != process_look::seen) {
+    return now.sight != process_look::gone;
+  }
+  return hung.before.sight != process_look::seen || now.start_time == hung.before.start_time;
+}
+
+void abort_hung(const wex_pid* thread, int32_t domain) {
+  wex_dbg(WEX_DBG_ALIVE, "ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", thread->notify_info[WEX_NTFY_CNT],
+          thread->ppid);
+  const char* const slash = strrchr(thread->process, '/');
+  const char* const program = slash != nullptr ? slash + 1 : thread->process;
+  char name[kThreadNameSize];
+  if (wex_get_pid_name(thread->pid, name, sizeof name) != 0) {
+    wex_copy_text(name, sizeof name, "unknown");
+  }
+  // Told first: the exit that follows from the signal comes behind it.
+  wex_status_tell_of(WEX_STATUS_EV_HANG, thread->ppid, thread->process, {0, thread->pid, 0, 0, domain});
+  if (thread->ppid > 0) {  // 0 and below would address whole process groups
+    kill(thread->ppid, SIGABRT);
+  }
+  wex_log_notify_info(kNotifyLog, "detect process:[%s/%d] thread %s:%d hung.\n", program, thread->ppid, name,
+                      thread->pid);
+}
+
+// False when the thread needs no abort any more: it was removed, has reported, or its process has ended.
+bool abort_if_still_hung(const hung_thread& hung) {
+  chain_lock hold(wex_alive_chains);
+  const wex_pid* const thread = __wex_find_pid(&wex_alive_chains, hung.tid);
+  if (thread == nullptr || thread->ppid != hung.process || thread->notify_info[WEX_CUR_CNT] != 0 ||
+      (hung.process > 0 && !is_still_there(hung))) {
+    return false;
+  }
+  abort_hung(thread, hung.domain);
+  return true;
+}
+
+// The look at the process's threads and the file about them take their time, the disk's above all. Threads
+// register and exits are handled meanwhile, so the chain is not held.
+void serve(hung_thread hung) {
+  hung.before = wex_look_at(hung.process);
+  hung.domain = domain_of(hung.process);
+  wex_look_at_hung(hung.process, hung.tid);
+  if (abort_if_still_hung(hung)) {
+    wex_keep_hung(is_watched);
+  }
 }
 
 // Somebody may have removed or cut the table. Reports may then go to another one, and a silent thread looks
@@ -228,10 +280,10 @@ void wex_scan_alive_chains() {
   const bool paused = access(kKillDebug, F_OK) == 0;
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
-  scan now = {!paused && quiet && table_intact, false, nullptr, nullptr};
-  {
-    chain_lock hold(wex_alive_chains);
-    look_at_all(&now);
+  scan now = {!paused && quiet && table_intact, nullptr, nullptr, nullptr};
+  hung_thread hung = {};
+  if (look_at_all(&now, &hung)) {
+    serve(hung);
   }
   if (wex_dbg_on(WEX_DBG_ALIVE)) {
     wex_dbg(WEX_DBG_ALIVE, "sem_cnt = %d\n", wex_get_semval());

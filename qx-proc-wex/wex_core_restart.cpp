@@ -15,8 +15,9 @@
 
 namespace {
 
-// The process ended before its exit could be asked for, or just after. A child of ours is told by the reaper
-// as well, for anything else the sweep must look. Whichever comes first counts: the restart changes the pid.
+// The new process ended about when the filter was told to pass its exit, so the event may be missing. The
+// reaper hands the end over when it is a child of ours, else the sweep finds it. The event may come all the
+// same; whichever is first counts, because the restart that follows changes the pid of the record.
 void expect_lost_exit(wex_pid* rec) WEX_TSA(requires_capability(wex_spawn_mutex)) {
   rec->missed_start = wex_remember_start(rec->pid, rec->exit_signal);
   rec->gone_since = wex_clock_now();
@@ -40,11 +41,11 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
     return result;
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
-  __wex_adopt_pid(chain, rec, new_pid);
+  const bool lives = __wex_adopt_pid(chain, rec, new_pid);
   if (!wex_child_has_normal_lmk(new_pid)) {
     wex_reset_lmk(new_pid);
   }
-  if (new_pid > 0 && !wex_record_lives(rec)) {
+  if (new_pid > 0 && !lives) {
     expect_lost_exit(rec);
   }
   rec->restart_failed = new_pid < 1 ? 1 : 0;

@@ -175,8 +175,8 @@ bool drop_client(server& self, int sd) {
     wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd:%d lost!\n", kThread, sd);
     return self.fail(kClientLost, 0);
   }
-  // By hand, for a program that is just being started has a copy until it executes: the close alone would
-  // leave the connection in the interest set, under a number that is somebody else's by then.
+  // A program that is just being started has a copy of the descriptor until it executes. Closing ours alone
+  // would leave the connection in the interest set, reported under a number that another client may have.
   epoll_ctl(self.epoll.get(), EPOLL_CTL_DEL, sd, nullptr);
   close_emptied(sd);
   *slot = -1;

@@ -40,7 +40,8 @@ end g_ends[kEndsKept] WEX_TSA(guarded_by(wex_spawn_mutex));
 unsigned g_ends_noted WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 
 bool is_older(const start& one, const start& other) WEX_TSA(requires_capability(wex_spawn_mutex)) {
-  return g_last_number - one.number > g_last_number - other.number;  // right also after the 32 bits overflow
+  // Differences, because the numbers begin again at 0 after 2^32 starts.
+  return g_last_number - one.number > g_last_number - other.number;
 }
 
 // An unused entry. When there is none, because so many children live on without having been found, the oldest

@@ -47,6 +47,7 @@ struct lost_exit {
   int32_t pid;
   int32_t process;  // whose exit it is
   uint64_t start_time;
+  uint32_t thread_code;
 };
 
 void count_crash(int32_t pid) {
@@ -59,7 +60,8 @@ void count_crash(int32_t pid) {
   wex_judge_crashes();
 }
 
-// The status of a child is known from the reaper. Of any other process the cause is unknown: 0.
+// The status of a child is known from the reaper, and a signal that ended the registered thread of a process
+// from its event. Of any other process the cause is unknown: 0.
 void hand_over(const lost_exit& lost) {
   wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
   if (wex_drop_taken_down(lost.pid)) {
@@ -69,7 +71,7 @@ void hand_over(const lost_exit& lost) {
   if (WCOREDUMP(status)) {
     count_crash(lost.pid);
   }
-  wex_handle_netlink_exit(lost.pid, status, 0);
+  wex_handle_lost_exit(lost.pid, status != 0 ? status : lost.thread_code, lost.start_time);
 }
 
 enum class verdict { present, suspected, lost };
@@ -80,6 +82,7 @@ bool knows_process(wex_pid* rec) {
   if (rec->thread_of < 0) {
     rec->thread_of = wex_get_ppid_form_pid(rec->pid);
     wex_note_start(rec);
+    wex_status_refresh(rec);
   }
   return rec->thread_of >= 0;
 }
@@ -126,8 +129,7 @@ void wex_sweep_lost_exits() {
       const verdict found = judge(rec, now);
       any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
-        wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec);
-        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time};
+        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time, rec->thread_code};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }

@@ -1,5 +1,6 @@
-// wex_core_watched_threads: for the status table, how many threads of each registered process are watched,
-// and the fewest misses that one of them has left.
+// wex_core_watched_threads: what the status table gets by looking every few seconds: how many threads of each
+// registered process are watched, the fewest misses that one of them has left, and registrations that found
+// no slot.
 //
 // Not done by the watchdog, which must not wait for the registry: an exit may keep that for a long time.
 #include "wex_core_watched_threads.h"
@@ -9,6 +10,7 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
+#include "wex_core_delay.h"
 #include "wex_status_image.h"
 
 namespace {
@@ -20,24 +22,62 @@ struct watched {
 };
 watched g_watched[WEX_STATUS_SLOTS + 1];
 
-void count_threads() WEX_TSA(requires_capability(wex_chains)) {
+void count_thread(const wex_pid* thread) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, thread->ppid);
+  if (rec == nullptr || rec->status_slot == 0) {
+    return;
+  }
+  watched& seen = g_watched[rec->status_slot];
+  const int32_t left = std::max(thread->notify_info[WEX_CUR_CNT], 0);
+  seen.fewest_misses = seen.threads == 0 ? left : std::min(seen.fewest_misses, left);
+  ++seen.threads;
+}
+
+// False while somebody has the chain of threads: the registry, which is held here, is not kept from others
+// for that. Clang cannot follow a lock that may not be had.
+bool count_threads() WEX_TSA(no_thread_safety_analysis) {
+  if (pthread_mutex_trylock(&wex_alive_chains.mutex) != 0) {
+    return false;
+  }
   std::fill(std::begin(g_watched), std::end(g_watched), watched{0, -1});
-  chain_lock hold(wex_alive_chains);
   record_walk walk(wex_alive_chains);
   while (const wex_pid* const thread = walk.next()) {
-    const wex_pid* const rec = __wex_find_pid(&wex_chains, thread->ppid);
-    if (rec == nullptr || rec->status_slot == 0) {
-      continue;
-    }
-    watched& seen = g_watched[rec->status_slot];
-    const int32_t left = std::max(thread->notify_info[WEX_CUR_CNT], 0);
-    seen.fewest_misses = seen.threads == 0 ? left : std::min(seen.fewest_misses, left);
-    ++seen.threads;
+    count_thread(thread);
   }
+  pthread_mutex_unlock(&wex_alive_chains.mutex);
+  return true;
+}
+
+// A restart under way keeps the registry, so a record whose exit was handled has no process coming.
+wex_status_state state_of(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  if (rec->alarm_wait_flag == 1) {
+    return WEX_STATUS_PARKED;
+  }
+  if (__wex_waits_for_restart(rec->pid)) {
+    return WEX_STATUS_WAITING;
+  }
+  return rec->restart_failed != 0 || rec->exit_seen != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING;
+}
+
+// Registrations that found no slot get those that have become free.
+void show_hidden() WEX_TSA(requires_capability(wex_chains)) {
+  uint32_t troubles = 0;
+  record_walk walk(wex_chains);
+  while (wex_pid* const rec = walk.next()) {
+    if (rec->status_slot == 0) {
+      const wex_status_state state = state_of(rec);
+      const bool shown = wex_status_show_later(rec, state);
+      troubles += !shown && state != WEX_STATUS_RUNNING ? 1 : 0;
+    }
+  }
+  wex_status_hidden_troubles(troubles);
 }
 
 void show() WEX_TSA(requires_capability(wex_chains)) {
-  count_threads();
+  show_hidden();
+  if (!count_threads()) {
+    return;
+  }
   record_walk walk(wex_chains);
   while (const wex_pid* const rec = walk.next()) {
     if (rec->status_slot != 0) {

@@ -1,13 +1,21 @@
 // wex_flag_file: the flag files, which say which process belongs to which domain.
+//
+// A restart asks for the domain of its old pid with the registry held, and anybody may fill the directories.
+// A file of the usual name is found without a listing. Listings are for other spellings of the number; that a
+// directory has none of them is remembered as long as its time stamps stay. g_mutex guards that.
 #include "wex_flag_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "dir_walk.h"
+#include "file_mark.h"
 #include "guarded_file.h"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
 #include "raw_dir.h"
 #include "text_buffer.h"
 #include "text_number.h"
@@ -29,6 +37,60 @@ unique_fd open_flag_dir(int32_t vsd) {
   return open_trusted_dir(AT_FDCWD, path);
 }
 
+// What a listing has shown: no number but in the usual spelling.
+struct plain_listing {
+  bool known;
+  file_mark mark;
+};
+
+priority_mutex g_mutex;
+plain_listing g_plain[WEX_DOMAINS] WEX_TSA(guarded_by(g_mutex));
+
+bool is_usual_spelling(const char* name, int32_t number) {
+  char usual[16];
+  return wex_format(usual, sizeof usual, "%d", number) && strcmp(name, usual) == 0;
+}
+
+// Looks for a name that stands for `pid` in another spelling than the usual one. After kFlagNamesMax names it
+// is given up.
+bool lists(const char* path, int32_t pid, plain_listing* found) {
+  dir_walk flags(path);
+  struct stat before = {};
+  struct stat after = {};
+  if (!flags.valid() || fstat(flags.fd(), &before) != 0) {
+    return false;
+  }
+  bool plain = true;
+  for (int names = 0; names < kFlagNamesMax; ++names) {
+    const dirent* const entry = flags.next();
+    if (entry == nullptr) {
+      break;
+    }
+    const int32_t number = text_to_number(entry->d_name);
+    if (number == pid) {
+      return true;
+    }
+    plain = plain && (number == 0 || is_usual_spelling(entry->d_name, number));
+  }
+  found->known = plain && fstat(flags.fd(), &after) == 0 && same_mark(mark_of(before), mark_of(after)) &&
+                 has_settled(mark_of(after));
+  found->mark = mark_of(after);
+  return false;
+}
+
+bool has_other_spelling(int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  struct stat now = {};
+  wex_name_flag_dir(vsd, path);
+  const mutex_lock hold(g_mutex);
+  plain_listing& plain = g_plain[vsd];
+  if (plain.known && pid != 0 && stat(path, &now) == 0 && same_mark(plain.mark, mark_of(now))) {
+    return false;
+  }
+  plain.known = false;
+  return lists(path, pid, &plain);
+}
+
 }  // namespace
 
 extern "C" {
@@ -41,15 +103,8 @@ int32_t find_app(int32_t pid) {
       continue;
     }
     wex_name_flag_file(vsd, pid, path);
-    if (access(path, F_OK) == 0) {  // anybody may fill the directory, and the caller holds the registry
+    if (access(path, F_OK) == 0 || has_other_spelling(vsd, pid)) {
       return vsd;
-    }
-    wex_name_flag_dir(vsd, path);
-    dir_walk flags(path);
-    while (const dirent* const entry = flags.valid() ? flags.next() : nullptr) {
-      if (text_to_number(entry->d_name) == pid) {
-        return vsd;
-      }
     }
   }
   return -1;

@@ -1,5 +1,5 @@
 // wex_flag_file: the flag files, which say which process belongs to which domain: their names, making and
-// removing them. No state; any thread may call anything, the removal also between fork and exec.
+// removing them. Any thread may call anything, the removal also between fork and exec.
 #pragma once
 
 #include <sys/types.h>

@@ -79,7 +79,7 @@ inline constexpr int kFindTries = 10;          // extra looks for a program that
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
 inline constexpr int kMaxAbortedScans = 10;    // looks through /proc until one is not cut short
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
-inline constexpr unsigned kEndsKept = 128;     // children that have ended, remembered for lost exits
+inline constexpr unsigned kEndsKept = 1024;    // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kKilledChildMs = 10;    // pause before a look whether a child was killed on its way,
@@ -133,14 +133,15 @@ inline constexpr int32_t kWatchedEverySec = 5;    // how often watched threads a
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
 
 // The black box.
-inline constexpr off_t kBlackBoxMax = 32768;      // bytes of one file; there are two of each kind
-inline constexpr int64_t kBlackBoxFree = 262144;  // bytes of the disk that are left to the reboot record
-inline constexpr mode_t kBlackBoxMode = 0600;     // what a process was doing is not for everybody
-inline constexpr uint32_t kHistoryEvents = 64;    // before a reboot
+inline constexpr off_t kBlackBoxMax = 32768;       // bytes of one file; there are two of each kind
+inline constexpr int64_t kBlackBoxFree = 262144;   // bytes of the disk that are left to the reboot record
+inline constexpr mode_t kBlackBoxMode = 0600;      // what a process was doing is not for everybody
+inline constexpr int64_t kBlackBoxWriteMs = 2000;  // wait for the disk; the writing goes on behind it
+inline constexpr uint32_t kHistoryEvents = 64;     // before a reboot
 inline constexpr int kHistoryParked = 64;
 inline constexpr int kHungThreads = 64;      // of one process
 inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
-inline constexpr int kHungPauseMs = 2;
+inline constexpr int kBlackBoxPauseMs = 2;   // between two looks whether a thread is done
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins
@@ -149,6 +150,7 @@ inline constexpr int32_t kSystemLogBackoffSec =
 
 // Domains.
 inline constexpr int kDomainNamesMax = 256;        // names looked at in the directory of all domains
+inline constexpr int kFlagNamesMax = 1024;         // names looked at in a domain's directory of flag files
 inline constexpr int32_t kDomainGroupBase = 3000;  // supplementary group of domain n: base + 100 n
 inline constexpr int32_t kDomainGroupStep = 100;
 inline constexpr unsigned kTermGraceSec = 5;

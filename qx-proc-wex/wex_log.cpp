@@ -58,19 +58,6 @@ bool exists(const char* path) {
   return access(path, F_OK) == 0;
 }
 
-// So that a file just created is still there after a reboot.
-void sync_directory_of(const char* path) {
-  char directory[kPathSize];
-  const char* const slash = strrchr(path, '/');
-  const int length = slash == nullptr ? 0 : static_cast<int>(slash - path) + 1;
-  if (wex_format(directory, sizeof(directory), "%.*s.", length, path)) {
-    const unique_fd opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.valid()) {
-      fsync(opened.get());
-    }
-  }
-}
-
 // One write; a disk that takes less loses the rest of the entry.
 void write_entry(int fd, const char* text, size_t length) {
   ssize_t written;
@@ -84,8 +71,8 @@ bool is_empty(int fd) {
   return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
-// Opens a record for one more entry. What is no file at all, a link that is not followed, or another name of
-// a file that this process keeps locked, makes room.
+// Opens a record for one more entry. When a directory, a device, a link that is not followed, or another name
+// of a file that this process keeps locked has the name, that is moved aside first.
 unique_fd open_record(const char* path) {
   unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
   char aside[kPathSize];
@@ -117,7 +104,7 @@ void sync_entry(const char* path, const written_entry& entry) {
   }
   fsync(entry.file.get());
   if (entry.maybe_new) {
-    sync_directory_of(path);
+    wex_sync_directory_of(path);
   }
 }
 
@@ -205,7 +192,8 @@ bool is_older(const struct stat& a, const struct stat& b) {
                                               : a.st_mtim.tv_nsec < b.st_mtim.tv_nsec;
 }
 
-// What every message is, whether it is written or not: cut to its size, and a diagnostic.
+// Formats a message, cut to its size, and prints it: every message is a diagnostic, also one that is not
+// written.
 void print_message(char (&message)[kMessageSize], const char* format, va_list arguments) {
   message[0] = '\0';
   vsnprintf(message, sizeof(message), format, arguments);
@@ -390,7 +378,7 @@ void wex_log_notify_info(const char* path, const char* format, ...) {
   if (!exists(path)) {
     slot = 0;
     if (wex_open_file(path, O_RDWR | O_CREAT, kLogMode).valid()) {
-      sync_directory_of(path);
+      wex_sync_directory_of(path);
     }
   }
   char entry[kEntrySize];
@@ -431,7 +419,7 @@ int wex_log_notify_update_count(const char* path, int value) {
   const bool written = safe_write(file.get(), text, length) == static_cast<int32_t>(length) &&
                        ftruncate(file.get(), static_cast<off_t>(length)) == 0 && fsync(file.get()) == 0;
   if (maybe_new) {
-    sync_directory_of(path);
+    wex_sync_directory_of(path);
   }
   return written ? 0 : -1;
 }

@@ -103,6 +103,7 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
   if (thread == nullptr || thread->thread_of == 0) {
     return;
   }
+  wex_status_tell(WEX_STATUS_EV_REPLACED, thread, {0, newcomer->pid});
   char old_name[kPathSize];
   char new_name[kPathSize];
   if (wex_name_pidfile(thread, old_name) && wex_name_pidfile(newcomer, new_name) &&

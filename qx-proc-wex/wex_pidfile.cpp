@@ -107,7 +107,8 @@ void copy_command(const wex_reg_info* body, char (&text)[sizeof body->process + 
   text[length] = '\0';
 }
 
-// What both ways of making a registration's files do with the result.
+// The last step of making the files of a registration: prints that the database file failed, or makes the
+// flag file.
 int finish_registration(const wex_reg_info* body, int result) {
   if (result != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: wex create db failed! (ret=%d)\r\n", "wex_mk_pidfile", result);

@@ -39,7 +39,7 @@
 #include "wex_platform.h"
 #include "wex_utils.h"
 
-#ifdef SYS_timer_settime32  // what a C library of 64-bit times calls the call that takes two longs a time
+#ifdef SYS_timer_settime32  // where time_t has 64 bits: the call whose times are two longs each
 #define WEX_SET_TIMER_CALL SYS_timer_settime32
 #else
 #define WEX_SET_TIMER_CALL SYS_timer_settime
@@ -390,7 +390,7 @@ pid_t share_or_fork(child_start* start) {
 
 pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   const pid_t child = share_or_fork(start);
-  __wex_expect_exit(static_cast<int32_t>(child));
+  __wex_expect_exit_of_start(static_cast<int32_t>(child));
   return child;
 }
 

@@ -112,7 +112,7 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
       wex_alrm_handler(SIGALRM);
     }
   }
-  // A third-part program that was not found just before may have no database file for the next daemon.
+  // The next daemon would not know a third-part program that has no database file because it was not found.
   wex_chld_handler(SIGCHLD);
   wex_handle_missed_exits();
   return nullptr;

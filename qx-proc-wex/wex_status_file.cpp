@@ -26,6 +26,7 @@
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_status_layout.h"
 #include "wex_utils.h"
 
 namespace {
@@ -112,8 +113,13 @@ bool write_new_events(table* to, uint32_t next) {
   return true;
 }
 
-// The number of slots that could not be written: there is no memory for them.
-uint32_t write_changed_slots(int fd) {
+bool is_trouble(const wex_status_slot& slot) {
+  return slot.state == WEX_STATUS_PARKED || slot.state == WEX_STATUS_WAITING || slot.state == WEX_STATUS_DOWN;
+}
+
+// Counts the slots that could not be written, for there is no memory for them, as not shown. False when there
+// is one.
+bool write_changed_slots(int fd, status_words* words) {
   constexpr char kNothing[8] = {};  // no sequence number, free
   uint32_t failed[WEX_STATUS_SLOTS / 32] = {};
   uint32_t count = 0;
@@ -124,6 +130,7 @@ uint32_t write_changed_slots(int fd) {
       write_at(fd, kNothing, sizeof kNothing, offset);
       failed[number / 32] |= 1U << (number % 32);
       ++count;
+      words->counters[WEX_STATUS_HIDDEN_TROUBLES] += is_trouble(slot) ? 1 : 0;
     }
   }
   for (int32_t number = 0; count > 0 && number < WEX_STATUS_SLOTS; ++number) {
@@ -131,7 +138,8 @@ uint32_t write_changed_slots(int fd) {
       wex_status_return_slot(number);
     }
   }
-  return count;
+  words->counters[WEX_STATUS_NOT_SHOWN] += count;
+  return count == 0;
 }
 
 bool write_words(table* to, const status_words& words) {
@@ -154,14 +162,15 @@ bool write_heartbeat(int fd, heartbeat* beat, int which, uint32_t turn, int32_t 
   if (tid == 0 || (turn == beat->turn && tid == shown.tid)) {
     return true;
   }
-  beat->turn = turn;
   shown.seq += 2;
   shown.tid = tid;
   wex_copy_text(shown.name, sizeof shown.name, kThreadNames[which]);
   shown.last_pass = now;
   shown.busy_since = turn % 2 != 0 ? now : 0;
   const size_t offset = offsetof(wex_status_head, threads) + static_cast<size_t>(which) * sizeof shown;
-  return write_part(fd, shown, offset);
+  const bool done = write_part(fd, shown, offset);
+  beat->turn = done ? turn : turn - 1;  // what could not be written is written at the next pass
+  return done;
 }
 
 bool write_heartbeats(table* to, const status_words& words) {
@@ -189,15 +198,7 @@ void forget_written(table* to) {
 
 void fill_identity(table* to) {
   wex_status_head& head = to->head;
-  memcpy(head.magic, WEX_STATUS_MAGIC, sizeof head.magic);
-  head.byte_order = WEX_STATUS_BYTE_ORDER;
-  head.version = WEX_STATUS_VERSION;
-  head.head_size = WEX_STATUS_HEAD_SIZE;
-  head.slot_size = sizeof(wex_status_slot);
-  head.slots = WEX_STATUS_SLOTS;
-  head.events_at = WEX_STATUS_EVENTS_AT;
-  head.event_size = sizeof(wex_status_event);
-  head.events = WEX_STATUS_EVENTS;
+  wex_fill_layout(&head);
   head.generation = 1;
   head.daemon_pid = static_cast<int32_t>(getpid());
   char state = 0;
@@ -235,14 +236,21 @@ bool has_right_form(int fd) {
          facts.st_size == WEX_STATUS_FILE_SIZE;
 }
 
+// Of -1 there are records: no process was found for them.
+bool check_values(const wex_status_event& event) {
+  const bool reboot = event.kind == WEX_STATUS_EV_REBOOT_ASKED || event.kind == WEX_STATUS_EV_REBOOT_REFUSED;
+  return event.pid >= -1 && event.new_pid >= -1 && event.domain >= -1 &&
+         event.domain <= kLastTakeDownDomain &&
+         (!reboot || (event.value >= WEX_STATUS_REBOOT_OTHER && event.value <= WEX_STATUS_REBOOT_BURST));
+}
+
 // An event of an earlier daemon is taken when each of its fields can be right. Its name is shown to people.
 bool check_event(wex_status_event* event, uint32_t index, const wex_status_head& before, int64_t now) {
   const uint32_t age = before.event_next - event->number;
   if (event->seq % 2 != 0 || age < 1 || age > WEX_STATUS_EVENTS ||
       event->number % WEX_STATUS_EVENTS != index || event->kind <= WEX_STATUS_EV_NONE ||
       event->kind >= WEX_STATUS_EV_KINDS || event->monotonic < 0 || event->monotonic > now ||
-      event->wall < 0 || before.generation - event->generation > INT32_MAX || event->domain < -1 ||
-      event->domain > kLastTakeDownDomain) {
+      event->wall < 0 || before.generation - event->generation > INT32_MAX || !check_values(*event)) {
     return false;
   }
   for (char& letter : event->name) {
@@ -269,10 +277,16 @@ bool take_over_events(int fd, const wex_status_head& before, int64_t now) {
   return true;
 }
 
+// Slots are written before `used` says so: a daemon that was killed may have begun some behind it.
 bool clear_slots(int fd, uint32_t used) {
   constexpr wex_status_slot kEmpty = {};
-  for (uint32_t number = 0; number < std::min<uint32_t>(used, WEX_STATUS_SLOTS); ++number) {
-    if (!write_at(fd, &kEmpty, sizeof kEmpty, WEX_STATUS_HEAD_SIZE + number * sizeof kEmpty)) {
+  for (uint32_t number = 0; number < WEX_STATUS_SLOTS; ++number) {
+    const size_t offset = WEX_STATUS_HEAD_SIZE + number * sizeof kEmpty;
+    uint32_t seq = 0;
+    if (number >= used && (!read_at(fd, &seq, sizeof seq, offset) || seq == 0)) {
+      return true;
+    }
+    if (!write_at(fd, &kEmpty, sizeof kEmpty, offset)) {
       return false;
     }
   }
@@ -357,10 +371,13 @@ unique_fd open_earlier(int parent, const char* name) {
   return file;
 }
 
-// A table of another kind, or a damaged one, is of no use any more. What is no table is kept for its owner.
+// A table of another kind, a damaged one, or one that was never finished is of no use any more. What is no
+// table is kept for its owner.
 void replace(int fd, int parent, const char* name) {
+  constexpr char kUnfinished[sizeof wex_status_head::magic] = {};
   char magic[sizeof wex_status_head::magic] = {};
-  if (read_at(fd, magic, sizeof magic, 0) && memcmp(magic, WEX_STATUS_MAGIC, sizeof magic) == 0) {
+  if (read_at(fd, magic, sizeof magic, 0) &&
+      (memcmp(magic, WEX_STATUS_MAGIC, sizeof magic) == 0 || memcmp(magic, kUnfinished, sizeof magic) == 0)) {
     unlinkat(parent, name, 0);
   } else {
     make_room();
@@ -431,12 +448,11 @@ bool is_whole(table* to) {
 void show_changes(table* to) {
   status_words words;
   wex_status_copy_words(&words);
-  const uint32_t unwritten = write_changed_slots(to->file.get());
-  words.counters[WEX_STATUS_NOT_SHOWN] += unwritten;
+  const bool all_slots = write_changed_slots(to->file.get(), &words);
   const bool done =
       write_new_events(to, words.event_next) && write_heartbeats(to, words) &&
       (memcmp(&words, &to->words, offsetof(status_words, threads)) == 0 || write_words(to, words));
-  to->error = done && unwritten == 0 ? 0 : errno;
+  to->error = done && all_slots ? 0 : errno;
 }
 
 void publish(table* to) {

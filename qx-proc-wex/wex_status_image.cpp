@@ -1,7 +1,7 @@
 // wex_status_image: what the daemon tells about itself, as an image of the table that readers see.
 //
-// One mutex guards the image. It is held for a copy of some hundred bytes, and its holder takes nothing else,
-// so it may be taken with any other lock held.
+// One mutex guards the image. It is held for a copy of some hundred bytes, and its holder takes nothing else
+// and makes no system call, so it may be taken with any other lock held.
 #include "wex_status_image.h"
 
 #include <fcntl.h>
@@ -18,6 +18,7 @@
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_limits.h"
+#include "wex_status_kinds.h"
 #include "wex_utils.h"
 
 namespace {
@@ -54,16 +55,9 @@ constexpr kind_rule kRules[] = {
     {WEX_STATUS_EV_LOST_EXIT, WEX_STATUS_LOST_EXITS, kUnchanged},
     {WEX_STATUS_EV_FAILED, WEX_STATUS_FAILED, WEX_STATUS_DOWN},
     {WEX_STATUS_EV_DAEMON_ENDED, kNone, kUnchanged},
+    {WEX_STATUS_EV_REPLACED, kNone, kUnchanged},
 };
-constexpr bool rules_in_order() {
-  for (size_t at = 0; at < std::size(kRules); ++at) {
-    if (kRules[at].kind != static_cast<wex_status_kind>(at)) {
-      return false;
-    }
-  }
-  return true;
-}
-static_assert(std::size(kRules) == WEX_STATUS_EV_KINDS && rules_in_order(), "an event without a rule");
+static_assert(one_row_a_kind(kRules), "an event without a rule");
 static_assert((WEX_STATUS_EVENTS & (WEX_STATUS_EVENTS - 1)) == 0, "the ring's index wraps around");
 static_assert(int{kStatusThreads} <= int{WEX_STATUS_THREADS}, "a thread without its place");
 
@@ -77,11 +71,13 @@ uint32_t g_slots_used WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_event_next WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_generation WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_counters[WEX_STATUS_COUNTERS] WEX_TSA(guarded_by(g_mutex));
+bool g_any_change WEX_TSA(guarded_by(g_mutex)) = false;  // that the main thread is to be woken for
 int64_t g_wall_ahead WEX_TSA(guarded_by(g_mutex)) =
     0;  // milliseconds by which it is ahead of the monotonic clock
 
-int g_news[2] = {-1, -1};             // read end, write end; made once, open for life
-std::atomic<bool> g_news_told{true};  // nobody waits for them yet
+int g_news[2] = {-1, -1};  // read end, write end; made once, open for life
+// The main thread has been woken and has not looked since. At first true: nobody waits yet.
+std::atomic<bool> g_woken{true};
 
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
@@ -94,6 +90,30 @@ void note_progress() {
     wex_status_busy(static_cast<status_thread>(t_which));
   }
 }
+
+// Wakes the main thread, once for all that happens until it looks.
+void wake_main_thread() {
+  if (!g_woken.exchange(true)) {
+    (void)!write(g_news[1], "x", 1);
+  }
+}
+
+// Holds the image while it is changed, and wakes the main thread when that is over: the one system call that
+// a change may cost is made by nobody who keeps others waiting for the image.
+class WEX_TSA(scoped_lockable) image_change {
+ public:
+  image_change() noexcept WEX_TSA(acquire_capability(g_mutex)) { pthread_mutex_lock(&g_mutex.native); }
+  ~image_change() WEX_TSA(release_capability()) {
+    const bool any = g_any_change;
+    g_any_change = false;
+    pthread_mutex_unlock(&g_mutex.native);
+    if (any) {
+      wake_main_thread();
+    }
+  }
+  image_change(const image_change&) = delete;
+  image_change& operator=(const image_change&) = delete;
+};
 
 void set_bit(uint32_t* words, int32_t number) {
   words[number / kWordBits] |= 1U << (number % kWordBits);
@@ -122,16 +142,9 @@ wex_status_slot* slot_of(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex
                                                                        : nullptr;
 }
 
-// Wakes the main thread, once for all that happens until it looks.
-void tell_news() {
-  if (!g_news_told.exchange(true)) {
-    (void)!write(g_news[1], "x", 1);
-  }
-}
-
 void mark(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex)) {
   set_bit(g_changed, rec->status_slot - 1);
-  tell_news();
+  g_any_change = true;
 }
 
 // The program without its directory and its arguments. A name that is too long fills the field.
@@ -208,20 +221,15 @@ void add_event(wex_status_kind kind, int32_t pid, int32_t domain, const char* pr
   event.value = more.value;
   event.kind = kind;
   copy_name(event.name, process);
-  tell_news();
+  g_any_change = true;
 }
 
-}  // namespace
-
-void wex_status_show(wex_pid* rec) {
-  const int64_t now = wex_clock_ms();
-  const mutex_lock hold(g_mutex);
+// Gives the record a slot; false when there is none.
+bool take_slot(wex_pid* rec, wex_status_state state, int64_t now) WEX_TSA(requires_capability(g_mutex)) {
   const int32_t number = find_free();
   rec->status_slot = number + 1;
   if (number < 0) {
-    ++g_counters[WEX_STATUS_NOT_SHOWN];
-    tell_news();
-    return;
+    return false;
   }
   set_bit(g_used, number);
   g_slots_used = std::max(g_slots_used, static_cast<uint32_t>(number) + 1);
@@ -230,15 +238,61 @@ void wex_status_show(wex_pid* rec) {
   slot = {};
   slot.seq = seq;
   slot.fewest_misses = -1;
-  enter_state(&slot, rec->restart_failed != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING, now);
+  enter_state(&slot, state, now);
   copy_facts(&slot, rec);
   copy_name(slot.name, rec->process);
   memcpy(slot.command, rec->process, strnlen(rec->process, sizeof slot.command));
   mark(rec);
+  return true;
+}
+
+}  // namespace
+
+void wex_status_show(wex_pid* rec) {
+  const int64_t now = wex_clock_ms();
+  const image_change hold;
+  if (!take_slot(rec, rec->restart_failed != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING, now)) {
+    ++g_counters[WEX_STATUS_NOT_SHOWN];
+    g_any_change = true;
+  }
+}
+
+bool wex_status_show_later(wex_pid* rec, wex_status_state state) {
+  const int64_t now = wex_clock_ms();
+  const image_change hold;
+  const bool shown = take_slot(rec, state, now);
+  if (shown && g_counters[WEX_STATUS_NOT_SHOWN] > 0) {
+    --g_counters[WEX_STATUS_NOT_SHOWN];
+  }
+  return shown;
+}
+
+void wex_status_hidden_troubles(uint32_t count) {
+  const image_change hold;
+  g_any_change = g_any_change || g_counters[WEX_STATUS_HIDDEN_TROUBLES] != count;
+  g_counters[WEX_STATUS_HIDDEN_TROUBLES] = count;
+}
+
+void wex_status_copy_slot_of(const wex_pid* rec, wex_status_slot* copy) {
+  const mutex_lock hold(g_mutex);
+  if (const wex_status_slot* const slot = slot_of(rec)) {
+    *copy = *slot;
+  }
+}
+
+void wex_status_restore_slot(const wex_pid* rec, const wex_status_slot& shown) {
+  const image_change hold;
+  wex_status_slot* const slot = slot_of(rec);
+  if (slot != nullptr && shown.state != WEX_STATUS_FREE) {
+    const uint32_t seq = slot->seq;
+    *slot = shown;
+    slot->seq = seq;
+    mark(rec);
+  }
 }
 
 void wex_status_hide(wex_pid* rec) {
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   if (wex_status_slot* const slot = slot_of(rec)) {
     const uint32_t seq = slot->seq;
     *slot = {};
@@ -254,7 +308,7 @@ void wex_status_hide(wex_pid* rec) {
 void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_detail& more) {
   note_progress();
   const int64_t now = wex_clock_ms();
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   add_event(kind, more.pid != 0 ? more.pid : rec->pid, rec->vsd, rec->process, more, now);
   wex_status_slot* const slot = slot_of(rec);
   if (slot == nullptr) {
@@ -270,17 +324,26 @@ void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_deta
 
 void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process, const status_detail& more) {
   const int64_t now = wex_clock_ms();
-  const mutex_lock hold(g_mutex);
-  add_event(kind, pid, 0, process, more, now);
+  const image_change hold;
+  add_event(kind, pid, more.domain, process, more, now);
 }
 
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
   note_progress();
   const int64_t now = wex_clock_ms();
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   if (wex_status_slot* const slot = slot_of(rec)) {
     enter_state(slot, WEX_STATUS_RESTARTING, now);
     slot->until = delay_ms > 0 ? now + delay_ms : 0;
+    mark(rec);
+  }
+}
+
+void wex_status_down(const wex_pid* rec) {
+  const int64_t now = wex_clock_ms();
+  const image_change hold;
+  if (wex_status_slot* const slot = slot_of(rec)) {
+    enter_state(slot, WEX_STATUS_DOWN, now);
     mark(rec);
   }
 }
@@ -292,15 +355,24 @@ bool wex_status_waits(const wex_pid* rec) {
 }
 
 void wex_status_refresh(const wex_pid* rec) {
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   if (wex_status_slot* const slot = slot_of(rec)) {
     copy_facts(slot, rec);
     mark(rec);
   }
 }
 
+void wex_status_found(const wex_pid* rec, int64_t started) {
+  const image_change hold;
+  if (wex_status_slot* const slot = slot_of(rec)) {
+    copy_facts(slot, rec);
+    slot->started = started;
+    mark(rec);
+  }
+}
+
 void wex_status_watched(const wex_pid* rec, int32_t threads, int32_t fewest_misses) {
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   wex_status_slot* const slot = slot_of(rec);
   if (slot != nullptr && (slot->watched_threads != threads || slot->fewest_misses != fewest_misses)) {
     slot->watched_threads = threads;
@@ -310,16 +382,16 @@ void wex_status_watched(const wex_pid* rec, int32_t threads, int32_t fewest_miss
 }
 
 void wex_status_count(int counter) {
-  const mutex_lock hold(g_mutex);
+  const image_change hold;
   ++g_counters[counter];
-  tell_news();
+  g_any_change = true;
 }
 
 void wex_status_thread_is(status_thread which) {
   t_which = which;
   g_tids[which].store(wex_thread_id(), std::memory_order_relaxed);
   wex_status_idle(which);
-  tell_news();
+  wake_main_thread();
 }
 
 // A step of two keeps the number odd: the piece of work is another one.
@@ -414,10 +486,10 @@ int wex_status_open_news() {
 }
 
 void wex_status_take_news() {
-  char told[8];
+  char bytes[8];
   if (g_news[0] >= 0) {
-    (void)!read(g_news[0], told, sizeof told);
-    g_news_told.store(false);  // only now: what is told from here on is told by another byte
+    (void)!read(g_news[0], bytes, sizeof bytes);
+    g_woken.store(false);  // behind the read(), which would else take the byte of a change that comes now
   }
 }
 

@@ -2,9 +2,10 @@
 // (wex_status.h).
 //
 // The places that do something say so here with one short call: it changes the image in the daemon's own
-// memory and makes no system call but for the time, where that is one. wex_status_file brings the image to
-// the readers. A registration's record keeps nothing but the number of its slot. Any thread; callers that
-// pass a record hold the chain it is in. Not in a child between fork and exec.
+// memory. Its system calls are one for the time, where that is one, and at the first change after each pass
+// of the main thread a write() that wakes it. wex_status_file brings the image to the readers. A
+// registration's record keeps nothing but the number of its slot. Any thread; callers that pass a record hold
+// the chain it is in. Not in a child between fork and exec.
 #pragma once
 
 #include "wex.h"
@@ -14,12 +15,23 @@
 void wex_status_show(wex_pid* rec);
 void wex_status_hide(wex_pid* rec);
 
+// One that got none gets a slot that has become free, in its present state. False when there is still none.
+bool wex_status_show_later(wex_pid* rec, wex_status_state state);
+
+// How many registrations without a slot are parked, postponed or down.
+void wex_status_hidden_troubles(uint32_t count);
+
+// What is shown of a record. A record that was taken out and came back goes on with what was shown of it.
+void wex_status_copy_slot_of(const wex_pid* rec, wex_status_slot* copy);
+void wex_status_restore_slot(const wex_pid* rec, const wex_status_slot& shown);
+
 // What an event tells beside its registration.
 struct status_detail {
   int32_t pid = 0;        // 0: the record's
   int32_t other_pid = 0;  // `new_pid` of the event
   uint32_t exit_code = 0;
   int32_t value = 0;
+  int32_t domain = 0;  // of what has no registration at hand
 };
 
 // Something happened to a registration: an event, the counter of its kind, and the state of the slot that
@@ -33,11 +45,18 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 // The registration's process has ended and the next one is being started, after `delay_ms`; no event.
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms = 0);
 
+// The registration stays without a process; no event.
+void wex_status_down(const wex_pid* rec);
+
 // Whether the slot shows a postponed restart.
 bool wex_status_waits(const wex_pid* rec);
 
 // Takes over what has changed in the record without an event.
 void wex_status_refresh(const wex_pid* rec);
+
+// The same for a registration of an earlier daemon whose process lives; `started`, on the monotonic clock in
+// milliseconds, is when that process began, 0 when it is not known.
+void wex_status_found(const wex_pid* rec, int64_t started);
 
 // The threads of this process that are watched, and the fewest misses that one of them has left; -1 without
 // threads.

@@ -327,11 +327,14 @@ bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time) {
   return true;
 }
 
+bool wex_is_dead_state(char state) {
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
 bool wex_proc_lives(int32_t pid, uint64_t start_time) {
   char state = '\0';
   uint64_t started = 0;
-  // Some older kernels write "x" for a process that is about to vanish.
-  return wex_proc_stat(pid, &state, &started) && state != 'X' && state != 'x' && state != 'Z' &&
+  return wex_proc_stat(pid, &state, &started) && !wex_is_dead_state(state) &&
          (start_time == 0 || start_time == started);
 }
 

@@ -45,7 +45,7 @@ int32_t wex_reset_lmk(int32_t pid);
 int wex_get_proc_status(void);
 }
 
-// What could be read of a command line: at least its first word, all of it, or, with errno, less.
+// How much of a command line could be read: nothing or the program alone (errno tells why), or all that fits.
 enum class command_read { nothing, program, whole };
 
 // As pid_to_cmdline, and tells how much it is.
@@ -68,6 +68,9 @@ process_look wex_look_at(int32_t pid);
 // State letter and start time of a process; a process that has begun to exit is 'X' or 'Z'. False when it
 // cannot be seen.
 bool wex_proc_stat(int32_t pid, char* state, uint64_t* start_time);
+
+// The state letter of a process that has ended; some older kernels write "x" before it vanishes.
+bool wex_is_dead_state(char state);
 
 // True when the very process that started at `start_time` (0: any) is there and neither dead nor a zombie.
 bool wex_proc_lives(int32_t pid, uint64_t start_time);

@@ -53,7 +53,8 @@ bool starts_with(const char* line, const char* key) {
   return strncmp(line, key, strlen(key)) == 0;
 }
 
-// The first group id of a list: ids go up to 2^32 - 2, and what is no id stays small enough to compute with.
+// The first group id of a list. Ids go up to 2^32 - 2; other numbers are limited, so that computing with them
+// cannot overflow.
 int64_t group_id(const char* text) {
   int64_t id = 0;
   scan_integer(&text, &id);

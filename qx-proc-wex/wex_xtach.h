@@ -3,13 +3,13 @@
 
 #include "wex.h"
 
-// What reg_process_exit_action begins with: fills pid, domain and command line of a registration, all else
-// zero, and tells of it. False, told too, when the command line cannot be read; pid and domain are set all
-// the same.
+// The first step of reg_process_exit_action: fills pid, domain and command line of a registration, all else
+// zero, and prints that. False, printed as well, when the command line cannot be read; pid and domain are set
+// all the same.
 bool wex_begin_registration(int32_t pid, uint32_t type, wex_reg_info* body);
 
 // Has `make` (wex_mk_pidfile or wex_mk_pidfile_held) make the database file of a described registration, and
-// tells when it could not.
+// prints when it could not.
 void wex_make_database_file(const wex_reg_info& body, uint32_t type,
                             int (*make)(const wex_reg_info* body, uint32_t kind));
 

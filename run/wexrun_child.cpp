@@ -34,7 +34,7 @@ int execute(char** program, const char* notify_address, const sigset_t& mask, pi
     return errno;
   }
   if (getppid() != parent) {
-    return ESRCH;  // killed before we had asked
+    return ESRCH;  // our parent was killed before prctl(): the kernel sends no signal for that
   }
   if (!set_environment(notify_address)) {
     return errno;

@@ -5,7 +5,7 @@
 
 #include "unique_fd.h"
 
-// Who is told of each notification: a text of lines "NAME=VALUE", terminated, to be changed at will.
+// Receives the notifications. Each is a terminated text of lines "NAME=VALUE", which the receiver may change.
 class notification_reader {
  public:
   virtual void take(pid_t sender, char* text) noexcept = 0;

@@ -83,7 +83,8 @@ bool depends_on_directory(const char* program) {
   return true;
 }
 
-// The text that wex will read from /proc. Where there is no /proc nothing is supervised, which is told later.
+// True, and the reason printed, when a restart would not repeat the command line that wex reads from /proc.
+// Without /proc nothing is supervised, which is printed when the registration fails.
 bool does_not_fit() {
   char command[WEX_PROCESS_SIZE] = "";
   if (pid_to_cmdline(getpid(), command, sizeof command) == nullptr) {

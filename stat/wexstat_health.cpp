@@ -174,6 +174,17 @@ bool say_troubles(const status_copy& copy, const state_counts& counts, char* lin
   return any;
 }
 
+// Those of registrations that have no place in the table, which are counted only.
+bool say_hidden_troubles(const status_copy& copy, bool any_shown, char* line, size_t size) {
+  const uint32_t count = copy.head.counters[WEX_STATUS_HIDDEN_TROUBLES];
+  if (count > 0) {
+    const size_t at = strlen(line);
+    wex_format(line + at, size - at, "%s%u not shown: parked, postponed or down", any_shown ? "; " : "",
+               count);
+  }
+  return count > 0;
+}
+
 }  // namespace
 
 moment now() {
@@ -242,7 +253,8 @@ int judge_all(const status_copy& copy, const daemon_health& daemon, char* line, 
   }
   const state_counts counts = count_states(copy);
   wex_copy_text(line, size, "");
-  if (say_troubles(copy, counts, line, size)) {
+  const bool any_shown = say_troubles(copy, counts, line, size);
+  if (say_hidden_troubles(copy, any_shown, line, size) || any_shown) {
     return kExitTrouble;
   }
   if (copy.slots.unread > 0) {
@@ -250,5 +262,9 @@ int judge_all(const status_copy& copy, const daemon_health& daemon, char* line, 
     return kExitUnknown;
   }
   wex_format(line, size, "well: %u supervised", counts.all);
+  if (const uint32_t hidden = copy.head.counters[WEX_STATUS_NOT_SHOWN]; hidden > 0) {
+    const size_t at = strlen(line);
+    wex_format(line + at, size - at, "; %u registrations are not shown", hidden);
+  }
   return kExitWell;
 }

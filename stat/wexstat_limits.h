@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "wex_limits.h"
+
 // Exit statuses. Those of --check are a monitor's; the others have the same meaning where they can.
 inline constexpr int kExitWell = 0;
 inline constexpr int kExitTrouble = 1;  // something is parked, postponed or down; not found; not in time
@@ -21,10 +23,14 @@ inline constexpr int kRecordTries = 8;   // looks at one record, at once
 inline constexpr int kRecordWaits = 50;  // pauses of a millisecond between further looks, for one whole table
 
 // wex is stuck when a thread has been at one thing for so long, or has not come round. The longest that it
-// may need: forks that fail (35 s) and the search for a program that detaches (5.5 s). The pauses that
-// programs asked for before their restarts are added. The slowest thread comes round once a minute.
+// may need: forks that fail and the search for a program that detaches. The pauses that programs asked for
+// before their restarts are added. The slowest thread comes round once a scan of the watchdog.
 inline constexpr int64_t kBusyLimitMs = 120000;
 inline constexpr int64_t kPassLimitMs = 150000;
+inline constexpr int64_t kLongestForkMs = int64_t{kForkFailuresFatal} * kForkRetrySec * 1000;
+inline constexpr int64_t kLongestSearchMs = int64_t{kFindStepMs} * kFindTries * (kFindTries + 1) / 2;
+static_assert(kBusyLimitMs > 2 * (kLongestForkMs + kLongestSearchMs), "a slow restart would be called stuck");
+static_assert(kPassLimitMs > 2 * int64_t{kScanSec} * 1000, "the watchdog would be called stuck");
 inline constexpr int64_t kPausesMaxMs = int64_t{24} * 3600 * 1000;  // of all such pauses together
 
 inline constexpr uint32_t kHistoryLines = 20;       // of --history without a number

@@ -230,6 +230,9 @@ void put_registrations(const status_copy& copy, FILE* out) {
   }
   put_gauge("wex_registrations_not_shown", "Registrations without a place in the table.",
             copy.head.counters[WEX_STATUS_NOT_SHOWN], out);
+  put_gauge("wex_registrations_not_shown_in_trouble",
+            "Registrations without a place in the table that are parked, postponed or down.",
+            copy.head.counters[WEX_STATUS_HIDDEN_TROUBLES], out);
   put_states(copy, out);
   put_family("wex_registration_restarts", "counter", nullptr, "Restarts since the registration.", out);
   put_values(copy, "wex_registration_restarts_total", sum_of_restarts, out);

@@ -197,7 +197,8 @@ bool is_trusted(const struct stat& facts) {
          (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// The head's number stands behind what it is about.
+// The head is read three times: its `seq` stands at its end, so one reading does not show whether its
+// beginning was being written meanwhile.
 table_look copy_head(int fd, uint64_t file_size, wex_status_head* out) {
   wex_status_head before = {};
   wex_status_head after = {};

@@ -33,10 +33,12 @@ void put_line(const char* line, const char* colour, const look_and_feel& look, F
   fprintf(out, "%s%.*s%s\n", coloured ? colour : "", static_cast<int>(shown), line, coloured ? kPlain : "");
 }
 
+// A field that is full may hold the beginning of a longer name.
 bool is_name(const char (&field)[WEX_STATUS_NAME_SIZE], const char* name) {
   size_t length;
   const char* const text = bounded(field, &length);
-  return strlen(name) == length && memcmp(text, name, length) == 0;
+  return (length == sizeof field ? strlen(name) >= length : strlen(name) == length) &&
+         memcmp(text, name, length) == 0;
 }
 
 // ---- Order ------------------------------------------------------------------------------------------------

@@ -88,7 +88,7 @@ void catch_ends(sigset_t* before) {
   action.sa_handler = note_nothing;
   sigaction(SIGWINCH, &action, nullptr);
   sigaddset(&held, SIGWINCH);
-  sigprocmask(SIG_BLOCK, &held, before);  // they arrive while it waits, and never just before
+  sigprocmask(SIG_BLOCK, &held, before);  // delivered during the wait only, so that none is missed before it
 }
 
 // True when it is to end.

@@ -10,6 +10,7 @@
 
 #include "text_buffer.h"
 #include "wex.h"
+#include "wex_status_kinds.h"
 
 namespace {
 
@@ -48,41 +49,32 @@ enum class with { nothing, exit, new_pid, value, seconds, reason };
 struct kind_words {
   uint32_t kind;
   with number;
-  const char* name;
   const char* before;
   const char* behind;
 };
 constexpr kind_words kKinds[] = {
-    {WEX_STATUS_EV_NONE, with::nothing, "none", "nothing", ""},
-    {WEX_STATUS_EV_DAEMON_STARTED, with::nothing, "daemon_started", "wex started", ""},
-    {WEX_STATUS_EV_REGISTERED, with::nothing, "registered", "registered", ""},
-    {WEX_STATUS_EV_CANCELLED, with::nothing, "cancelled", "registration cancelled", ""},
-    {WEX_STATUS_EV_EXITED, with::exit, "exited", "exited: ", ""},
-    {WEX_STATUS_EV_RESTARTED, with::new_pid, "restarted", "restarted as pid ", ""},
-    {WEX_STATUS_EV_PARKED, with::seconds, "parked", "parked for ", ": restarted too often"},
-    {WEX_STATUS_EV_TRIED_AGAIN, with::nothing, "tried_again", "parking is over, tried again", ""},
-    {WEX_STATUS_EV_POSTPONED, with::nothing, "postponed", "restart postponed: its database file is held", ""},
-    {WEX_STATUS_EV_FORCED, with::nothing, "forced", "postponed restart made after the longest wait", ""},
-    {WEX_STATUS_EV_HANDED_OVER, with::new_pid, "handed_over", "handed over to pid ", ""},
-    {WEX_STATUS_EV_STOPPED, with::nothing, "stopped", "stopped on purpose (SIGTERM), not started again", ""},
-    {WEX_STATUS_EV_DROPPED, with::nothing, "dropped", "dropped with its domain", ""},
-    {WEX_STATUS_EV_HANG, with::new_pid, "hang", "thread ", " hangs, the process is aborted"},
-    {WEX_STATUS_EV_BURST, with::value, "burst", "", " programs dumped core in a short time"},
-    {WEX_STATUS_EV_REBOOT_ASKED, with::reason, "reboot_asked", "wex restarts the device: ", ""},
-    {WEX_STATUS_EV_REBOOT_REFUSED, with::reason, "reboot_refused", "restart of the device refused: ", ""},
-    {WEX_STATUS_EV_LOST_EXIT, with::exit, "lost_exit", "exit found that the kernel did not report: ", ""},
-    {WEX_STATUS_EV_FAILED, with::nothing, "failed", "restart left no process", ""},
-    {WEX_STATUS_EV_DAEMON_ENDED, with::nothing, "daemon_ended", "wex ended", ""}};
-static_assert(std::size(kKinds) == WEX_STATUS_EV_KINDS, "every kind of event has its words");
-constexpr bool in_order() {
-  for (uint32_t kind = 0; kind < std::size(kKinds); ++kind) {
-    if (kKinds[kind].kind != kind) {
-      return false;
-    }
-  }
-  return true;
-}
-static_assert(in_order(), "a kind is found by its number");
+    {WEX_STATUS_EV_NONE, with::nothing, "nothing", ""},
+    {WEX_STATUS_EV_DAEMON_STARTED, with::nothing, "wex started", ""},
+    {WEX_STATUS_EV_REGISTERED, with::nothing, "registered", ""},
+    {WEX_STATUS_EV_CANCELLED, with::nothing, "registration cancelled", ""},
+    {WEX_STATUS_EV_EXITED, with::exit, "exited: ", ""},
+    {WEX_STATUS_EV_RESTARTED, with::new_pid, "restarted as pid ", ""},
+    {WEX_STATUS_EV_PARKED, with::seconds, "parked for ", ": restarted too often"},
+    {WEX_STATUS_EV_TRIED_AGAIN, with::nothing, "parking is over, tried again", ""},
+    {WEX_STATUS_EV_POSTPONED, with::nothing, "restart postponed: its database file is held", ""},
+    {WEX_STATUS_EV_FORCED, with::nothing, "postponed restart made after the longest wait", ""},
+    {WEX_STATUS_EV_HANDED_OVER, with::new_pid, "handed over to pid ", ""},
+    {WEX_STATUS_EV_STOPPED, with::nothing, "stopped on purpose (SIGTERM), not started again", ""},
+    {WEX_STATUS_EV_DROPPED, with::nothing, "dropped with its domain", ""},
+    {WEX_STATUS_EV_HANG, with::new_pid, "thread ", " hangs, the process is aborted"},
+    {WEX_STATUS_EV_BURST, with::value, "", " programs dumped core in a short time"},
+    {WEX_STATUS_EV_REBOOT_ASKED, with::reason, "wex restarts the device: ", ""},
+    {WEX_STATUS_EV_REBOOT_REFUSED, with::reason, "restart of the device refused: ", ""},
+    {WEX_STATUS_EV_LOST_EXIT, with::exit, "exit found that the kernel did not report: ", ""},
+    {WEX_STATUS_EV_FAILED, with::nothing, "restart left no process", ""},
+    {WEX_STATUS_EV_DAEMON_ENDED, with::nothing, "wex ended", ""},
+    {WEX_STATUS_EV_REPLACED, with::new_pid, "its place was taken by pid ", ""}};
+static_assert(one_row_a_kind(kKinds), "every kind of event has its words");
 
 const char* reboot_reason(int32_t reason) {
   const bool known = reason >= 0 && static_cast<size_t>(reason) < std::size(kRebootReasons);
@@ -168,7 +160,7 @@ const char* action_word(int32_t action) {
 }
 
 const char* kind_word(uint32_t kind) {
-  return kind < std::size(kKinds) ? kKinds[kind].name : "unknown";
+  return kind < std::size(kStatusKinds) ? kStatusKinds[kind].name : "unknown";
 }
 
 void say_event(const wex_status_event& event, char* out, size_t size) {

@@ -170,12 +170,15 @@ class Folders(Supervisor):
         pass
 
 
-class Runit(Folders):
+class BareFolders(Folders):
+    most = 999
+    how = "./run is the service itself, no shell"
+
+
+class Runit(BareFolders):
     name = package = "runit"
     program = "runsvdir"
     words = ["runsvdir"]
-    most = 999
-    how = "./run is the service itself, no shell"
 
 
 class S6(Folders):
@@ -192,12 +195,10 @@ class S6(Folders):
         return dict(super().environment(table), BENCH_READY_FD="3")
 
 
-class Daemontools(Folders):
+class Daemontools(BareFolders):
     name = package = "daemontools"
     program = "svscan"
     words = ["svscan"]
-    most = 999
-    how = "./run is the service itself, no shell"
 
 
 # ---- One process for all -------------------------------------------------------------------------------------

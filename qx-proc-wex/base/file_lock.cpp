@@ -21,7 +21,7 @@ namespace {
 
 struct locked_file {
   locked_file* next;
-  int fd;  // owned by files that have a name
+  int fd;  // ours to close when the file has a name, else the caller's
   dev_t device;
   ino_t inode;
   char name[kPathSize];
@@ -35,7 +35,7 @@ bool is_same(const locked_file& file, const struct stat& facts) {
   return file.device == facts.st_dev && file.inode == facts.st_ino;
 }
 
-// Files the entry; false without memory.
+// Adds the file to the list. False when there is no memory, or its facts cannot be read.
 bool remember(const char* name, int fd) {
   struct stat facts = {};
   locked_file* const file = static_cast<locked_file*>(calloc(1, sizeof(locked_file)));

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,9 +15,11 @@
 
 #include "close_on_exec.h"
 #include "safe_io.h"
+#include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex_move_aside.h"
+#include "wex_paths.h"
 
 namespace {
 
@@ -82,6 +85,18 @@ unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
 
 unique_fd wex_open_file_at(int directory, const char* name, int flags) {
   return open_checked(directory, name, flags, 0);
+}
+
+void wex_sync_directory_of(const char* path) {
+  char directory[kPathSize];
+  const char* const slash = strrchr(path, '/');
+  const int length = slash == nullptr ? 0 : static_cast<int>(slash - path) + 1;
+  if (wex_format(directory, sizeof(directory), "%.*s.", length, path)) {
+    const unique_fd opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.valid()) {
+      fsync(opened.get());
+    }
+  }
 }
 
 void wex_make_dir(const char* path, mode_t mode) {

@@ -19,6 +19,9 @@ unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 // The same for a file that exists, by its name in a directory that was opened along trusted links.
 unique_fd wex_open_file_at(int directory, const char* name, int flags);
 
+// Puts a name that was just given on the disk: a file just created is still there after a power cut.
+void wex_sync_directory_of(const char* path);
+
 // Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
 void wex_make_dir(const char* path, mode_t mode);
 

@@ -14,8 +14,8 @@ class text_block {
   text_block(const text_block&) = delete;
   text_block& operator=(const text_block&) = delete;
 
-  // Appends one formatted text. False, with nothing added and one more lost, while memory is short: it never
-  // waits.
+  // Appends one formatted text. When there is no memory it does not wait: the text counts as lost, and the
+  // result is false.
   bool append(const char* format, ...) noexcept __attribute__((format(printf, 2, 3))) {
     va_list arguments;
     va_start(arguments, format);

@@ -19,7 +19,8 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 
-// For C libraries older than the flags; the kernel's numbers on the architectures that have no own ones.
+// C libraries that are older than these flags do not define them. The numbers are those of all architectures
+// but alpha, parisc and sparc.
 #ifndef O_PATH
 #define O_PATH 010000000
 #endif
@@ -71,7 +72,7 @@ bool is_guarded_place(int at) {
       return false;
     }
     if (same_file(here, above)) {
-      return true;  // the root leads to itself
+      return true;  // the root directory: ".." leads to itself there
     }
     if (others_may_move(above)) {
       return false;
@@ -115,14 +116,14 @@ bool facts_of_link(int fd, struct stat* facts) {
   return fstatat(fd, "", facts, AT_EMPTY_PATH) == 0 || fstat(fd, facts) == 0;
 }
 
-// The text of the very link that `facts` then tells of, without a terminator. -1 with errno, which is kept
-// when it is no link.
+// Reads the text of a link, without a terminator, and the facts of the same link. Its length; -1 with errno,
+// which stays as it was when `name` is no link.
 ssize_t read_link(int at, const char* name, struct stat* facts, char* text, size_t size) {
   const int cause = errno;
   const bool is_link = fstatat(at, name, facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(facts->st_mode);
   errno = cause;
   if (!is_link) {
-    return -1;  // where O_PATH is ignored, what is no link would really be opened
+    return -1;  // a kernel that ignores O_PATH would open the file or device itself
   }
   const unique_fd link(openat(at, name, O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   const bool known = link.valid() && facts_of_link(link.get(), facts);
@@ -183,7 +184,7 @@ class walk {
  private:
   int at() const noexcept { return here_.valid() ? here_.get() : start_; }
 
-  // What is to be walked from now on. False with errno.
+  // Sets the path that is walked from here on. False with errno when it is empty or too long.
   bool go_on_with(const char* path) {
     const size_t length = strlen(path);
     if (length == 0 || length >= sizeof way_) {
@@ -195,8 +196,8 @@ class walk {
     return true;
   }
 
-  // Cuts the next component off the rest. The first one of an absolute path keeps its slash, which takes it
-  // to the root whatever the place; the place itself when there is none.
+  // Cuts the next component off the rest. The first one of an absolute path keeps its slash, so that it is
+  // looked up from the root. "." when nothing is left.
   const char* take_component() {
     char* const name = rest_;
     rest_ += strspn(rest_, "/");

@@ -25,8 +25,8 @@ bool look_at(int parent, const char* name, struct stat* facts) {
   return fstatat(parent, name, facts, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-// A name that is free beside `name`. The mark comes first: in some directories a name that begins with digits
-// is a process.
+// A name that is free in the directory of `name`. It begins with "aside-", because in some directories a name
+// that begins with digits stands for a process.
 bool find_free_name(int parent, const char* name, entry_name& free) {
   const uint32_t now = static_cast<uint32_t>(wex_clock_ms());
   for (uint32_t attempt = 0; attempt < kAsideTries; ++attempt) {

@@ -88,6 +88,18 @@ start_service() {
 }
 ready() { local pid; pid=$(pids_of "$@"); [ -n "$pid" ] && [ -e "/tmp/ready.$pid" ]; }
 
+# Twenty services whose restarts are measured: the one whose file is /tmp/stamp.N writes the time of its main() there.
+stamps_there() { [ "$(ls /tmp/stamp.*[0-9] 2> /dev/null | wc -l)" = 20 ]; }
+start_stamps() {
+  local n=0
+  while [ $n -lt 20 ]; do
+    n=$((n + 1))
+    start /usr/bin/stamp /tmp/stamp.$n
+  done
+  check "20 services did not start" eventually 60 stamps_there
+  sleep 2                                          # what they and the daemon do at first is over
+}
+
 # One byte of a file as a number.
 byte() { od -An -tu1 -j "$2" -N 1 "$1" | tr -d ' '; }
 ALIVE=/dev/shm/UTILS-wex-shm-001

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every function, field, constant and file that docs/decisions.md names in back ticks is there, and each oddity that it
-# calls kept is marked in the code, with no mark left over.
+# Every function, field, constant and file that docs/decisions.md names in back ticks is there, each oddity that it
+# calls kept is marked in the code, with no mark left over, and each addition says what happens without it.
 set -u
 . "$(dirname "$0")/lib.sh"
 page=$root/docs/decisions.md
@@ -27,4 +27,19 @@ product_sources | xargs grep -l 'Kept: ' | while IFS= read -r file; do
   [ "$(grep -c 'Kept: ' "$file")" = "$(grep -c 'see docs/decisions.md' "$file")" ] || echo "$file"
 done > "$work/unsaid"
 complain_each "a mark \"Kept:\" without \"see docs/decisions.md\" in" < "$work/unsaid"
+
+# An entry begins with a paragraph in bold and ends before the next one. Those before the table of additions are no
+# additions, and what concerns the sources alone has no effect on a device.
+awk '
+  function check() {
+    if (entry != "") entries++
+    if (entry != "" && entry !~ /\*Without:\*/ && tolower(entry) !~ /no behaviour/) print title
+    entry = ""
+  }
+  /^## / { check(); wanted = additions && !/^## How the sources are kept/; additions = additions || /^## Where the additions are/ }
+  /^\*\*/ { check(); if (wanted) title = $0 }
+  wanted && (/^\*\*/ || entry != "") { entry = entry " " $0 }
+  END { check(); if (entries < 30) print "only " entries + 0 " entries were found" }
+' "$page" > "$work/without"
+complain_each "docs/decisions.md says neither *Without:* nor \"no behaviour\" in" < "$work/without"
 finish

@@ -4,11 +4,6 @@
 set -u
 . "$(dirname "$0")/lib.sh"
 
-# cases_of DIRECTORY...: Suite.Name of each, also where the macro takes more than one line.
-cases_of() {
-  find "$@" -name '*.cpp' -exec cat {} + | tr '\n' ' ' |
-    grep -oE '\bTEST(_F|_P)?\( *[A-Za-z0-9_]+, *[A-Za-z0-9_]+' | sed -E 's/.*\( *([^, ]+), */\1./' | sort -u
-}
 names_in() { sed -e 's/#.*//' -e 's/[[:space:]]*$//' "$1" | grep . | sort; }
 
 # left_over LIST DIRECTORY...: names of the list that no source below the directories has.

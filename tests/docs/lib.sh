@@ -28,4 +28,10 @@ literals() {
 # The product's sources without comments and without #include lines, file by file: code FILE
 code() { g++ -x c++ -std=c++17 -fpreprocessed -dD -E -P -w "$1" 2> /dev/null | grep -v '^ *# *include'; }
 
+# cases_of DIRECTORY...: Suite.Name of each, also where the macro takes more than one line.
+cases_of() {
+  find "$@" -name '*.cpp' -exec cat {} + | tr '\n' ' ' |
+    grep -oE '\bTEST(_F|_P)?\( *[A-Za-z0-9_]+, *[A-Za-z0-9_]+' | sed -E 's/.*\( *([^, ]+), */\1./' | sort -u
+}
+
 product_sources() { find "$root/qx-proc-wex" "$root/platform" "$root/include" "$root/run" "$root/stat" -name '*.cpp' -o -name '*.c' -o -name '*.h' | sort; }

@@ -191,9 +191,9 @@ void delay_restarts(const char* seconds) {
 void cancel(const char*) {
   wex_cancel_proc(0);
 }
-// The daemon answers before it acts, and a request that waited for no answer leaves its own to be taken for
-// this one's. The answer to the second of two requests proves that the first was come to, and all before it
-// acted on.
+// The daemon answers a request before it acts on it, and the answer to an earlier request, for which nobody
+// waited, may be taken for the answer to this one. So there are two requests: the answer to the second proves
+// that the daemon has begun the first, and has acted on everything before it.
 void confirm(const char*) {
   constexpr int32_t kNobody = INT32_MAX;
   wex_client_unreg_thread_notify(kNobody);

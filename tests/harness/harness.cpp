@@ -156,7 +156,8 @@ std::set<std::string> open_descriptors() {
     const std::string name = entry->d_name;
     if (name[0] != '.' && name != std::to_string(dirfd(dir))) {
       const std::string target = link_target("/proc/self/fd/" + name);
-      // A file that lost its name is the same file: whoever runs the tests may have tidied up behind us.
+      // Without the kernel's mark of a removed file: whoever runs the tests may remove files that we
+      // inherited.
       found.insert(name + " -> " + target.substr(0, target.find(" (deleted)")));
     }
   }

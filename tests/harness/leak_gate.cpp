@@ -24,7 +24,7 @@
 #include "wex_limits.h"
 #include "wex_test.h"
 
-// Weak: a program that has no use for the chains is not to get them through this gate.
+// Weak references: a program that does not use the chains is not linked with them because of this gate.
 extern "C" {
 extern wex_chains_t wex_chains __attribute__((weak));
 extern wex_chains_t wex_alive_chains __attribute__((weak));
@@ -110,8 +110,8 @@ std::set<std::string> held_mutexes() {
   return held;
 }
 
-// The generic port opens its socket to the system log once, at the first line. It is told by its send timeout
-// and by having no name: another one that is left open is a leak.
+// The generic port opens its socket to the system log once, at the first line. It is recognised by its
+// send timeout and by having no name: another one that is left open is a leak.
 bool is_log_socket(int fd) {
   timeval timeout = {};
   socklen_t size = sizeof timeout;
@@ -175,7 +175,7 @@ struct intention {
   int most;
 };
 
-// Of the whole program, and of the case that runs. The first are made before main().
+// What is left on purpose: by all cases of the program (declared before main()), and by the present one.
 std::vector<intention>& lasting_intentions() {
   static std::vector<intention> list;
   return list;
@@ -204,7 +204,7 @@ void report_new(leak kind, const std::string& what, const std::set<std::string>&
   }
 }
 
-// What was there before and is gone is as bad, unless it was left on purpose by an earlier case.
+// What was there before the case and is gone counts as well, unless an earlier case left it on purpose.
 void compare(leak kind, const std::string& what, const std::set<std::string>& before,
              const std::set<std::string>& after) {
   report_new(kind, "a " + what, before, after);

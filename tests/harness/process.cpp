@@ -204,7 +204,9 @@ bool Daemon::start_traced(const std::vector<std::string>& expressions, const std
   // -D: strace stands beside the daemon, not above it, so that pid and wait status are the daemon's own.
   std::vector<std::string> words = {"strace", "-D", "-f", "-q", "-o", kTraceFile};
   for (const std::string& expression : expressions) {
-    words.push_back(expression[0] == '/' ? "-P" : "-e");
+    if (expression[0] != '-') {
+      words.push_back(expression[0] == '/' ? "-P" : "-e");
+    }
     words.push_back(expression);
   }
   words.push_back(binary());

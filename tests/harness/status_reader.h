@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "unique_fd.h"
 #include "wex_paths.h"
 #include "wex_status.h"
+#include "wex_test.h"
 
 namespace wex_test {
 
@@ -107,5 +109,21 @@ class StatusReader {
   }
   unique_fd file_;
 };
+
+// The last event of this kind, of this process unless it is 0, as soon as there is one.
+inline std::optional<wex_status_event> wait_for_event(wex_status_kind kind, int32_t pid = 0) {
+  std::optional<wex_status_event> found;
+  eventually(
+      [&] {
+        for (const wex_status_event& event : StatusReader().events()) {
+          if (event.kind == static_cast<uint32_t>(kind) && (pid == 0 || event.pid == pid)) {
+            found = event;
+          }
+        }
+        return found.has_value();
+      },
+      std::chrono::seconds(20));
+  return found;
+}
 
 }  // namespace wex_test

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "wex_status.h"
+#include "wex_status_layout.h"
 #include "wex_test.h"
 
 namespace wex_test {
@@ -24,19 +25,11 @@ class status_table {
  public:
   // As a daemon makes it that has been running for an hour, and is this process.
   status_table() {
-    head.byte_order = WEX_STATUS_BYTE_ORDER;
-    head.version = WEX_STATUS_VERSION;
-    head.head_size = WEX_STATUS_HEAD_SIZE;
-    head.slot_size = sizeof(wex_status_slot);
-    head.slots = WEX_STATUS_SLOTS;
-    head.events_at = WEX_STATUS_EVENTS_AT;
-    head.event_size = sizeof(wex_status_event);
-    head.events = WEX_STATUS_EVENTS;
+    wex_fill_layout(&head);
     head.generation = 1;
     head.daemon_pid = getpid();
     head.started_wall = wall_ms() / 1000 - 3600;
     head.started_monotonic = monotonic_ms() - 3600000;
-    memcpy(head.magic, WEX_STATUS_MAGIC, sizeof head.magic);
     put_text(head.daemon_version, "1.0.0");
   }
 

@@ -47,7 +47,7 @@ std::vector<std::string> documented() {
   return names;
 }
 
-// This machine may lack one itself.
+// The machine that runs the tests may lack one itself.
 bool granted(unsigned number) {
   return prctl(PR_CAPBSET_READ, number) == 1;
 }
@@ -104,8 +104,8 @@ class Capabilities : public WexWorld, public ::testing::WithParamInterface<const
     EXPECT_EQ(0, chmod("/data", 0755));
   }
 
-  // With a limit of descriptors below what it wants, where that can be raised.
-  // The hard limit is too low wherever the daemon can raise it, or is to fail to.
+  // With `low_limit` the hard limit of descriptors is below what the daemon wants: for cases in which it can
+  // raise the limit, and for the one in which it is to fail.
   bool start_with(const std::vector<std::string>& names, bool low_limit = granted(CAP_SYS_RESOURCE)) {
     const uint64_t mask = mask_of(names);
     std::string set = "--bounding-set=";

@@ -46,6 +46,12 @@ void make_file(const char* path, const std::string& text) {
   ASSERT_EQ(0, chown(path, kSomebody, kSomebody));
 }
 
+uid_t owner_of(const char* path) {
+  struct stat facts = {};
+  EXPECT_EQ(0, stat(path, &facts)) << path;
+  return facts.st_uid;
+}
+
 // Who holds the lock of the daemon, as the kernel tells; 0 when nobody does.
 pid_t lock_holder() {
   const int fd = open(kLockFile, O_RDWR | O_CLOEXEC);
@@ -64,6 +70,14 @@ struct obstacle {
 
 const obstacle kObstacles[] = {
     {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {}, {}},
+    {"what another user has who once typed wex",
+     [] {
+       make_file(kLockFile, "");
+       ASSERT_EQ(0, chown(kRunDir, kSomebody, kSomebody));
+       ASSERT_EQ(0, chmod(kRunDir, 0755));
+     },
+     {},
+     {}},
     {"his link in place of the directory, his FIFO in place of the table",
      [] {
        remove_tree("/tmp/wex");
@@ -113,6 +127,8 @@ TEST_F(Claims, WhateverLiesAtItsNamesTheDaemonStartsAndSaysWhatItMoved) {
     Daemon daemon;
     ASSERT_TRUE(daemon.start()) << row.what << read_console();
     EXPECT_EQ(daemon.pid(), lock_holder()) << row.what;
+    EXPECT_EQ(0u, owner_of(kLockFile)) << row.what;
+    EXPECT_EQ(0777u, mode_of(kRunDir)) << row.what;
     expect_logged(row, read_file(kRunningLog1));
     daemon.stop();
     remove_tree("/tmp/wex");

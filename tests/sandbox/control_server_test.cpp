@@ -5,6 +5,7 @@
 #include <memory>
 #include <ostream>
 #include <regex>
+#include <set>
 
 #include "control_client.h"
 
@@ -277,14 +278,48 @@ TEST_F(ControlChannel, AcceptsAllThatWaitInOneCycle) {
       {"trace=accept4,epoll_wait,epoll_pwait", "inject=epoll_wait,epoll_pwait:delay_enter=3000000:when=1"}));
   ASSERT_TRUE(eventually([] { return raw_client().connected(); }, 30s));
   std::vector<std::unique_ptr<raw_client>> crowd;
-  for (int at = 0; at < 40; ++at) {
+  for (int at = 0; at < kAcceptedAtOnce + 6; ++at) {
     crowd.push_back(std::make_unique<raw_client>());
     ASSERT_TRUE(crowd.back()->connected());
   }
   EXPECT_TRUE(serves());
   const std::string server = thread_of(daemon.pid(), "wex_process_dom");
-  const std::regex one_cycle("(\naccept4\\([^\n]*= [0-9]+){40}\n");
+  const std::regex one_cycle("\nepoll_[^\n]*(\naccept4\\([^\n]*= [0-9]+){64}\nepoll_[^\n]*\n");
   EXPECT_TRUE(eventually([&] { return std::regex_search(calls_of(server), one_cycle); })) << calls_of(server);
+}
+
+// The kernel moves the clients that it has reported behind those that still wait.
+TEST_F(ControlChannel, ServesEachOfACrowdOnceBeforeAnyTwice) {
+  constexpr size_t kCrowd = 100;
+  ASSERT_TRUE(daemon.start_traced({"trace=recvmsg"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  std::vector<std::unique_ptr<raw_client>> crowd;
+  for (size_t at = 0; at < kCrowd; ++at) {
+    crowd.push_back(std::make_unique<raw_client>());
+    ASSERT_TRUE(crowd.back()->send_body(WEX_CONS_MSG, harmless()) && crowd.back()->acknowledged());
+  }
+  const std::string server = thread_of(daemon.pid(), "wex_process_dom");
+  ASSERT_NO_FATAL_FAILURE(stop_traced());
+  for (const auto& client : crowd) {
+    ASSERT_TRUE(client->send_body(WEX_CONS_MSG, harmless()) && client->send_body(WEX_CONS_MSG, harmless()));
+  }
+  daemon.send(SIGCONT);
+  for (const auto& client : crowd) {
+    ASSERT_TRUE(client->acknowledged() && client->acknowledged());
+  }
+  const std::regex of_whom("recvmsg\\(([0-9]+), [^\n]*= 276\n");
+  std::vector<std::string> served;
+  EXPECT_TRUE(eventually([&] {
+    const std::string calls = calls_of(server);
+    served.clear();
+    for (std::sregex_iterator at(calls.begin(), calls.end(), of_whom), end; at != end; ++at) {
+      served.push_back(at->str(1));
+    }
+    return served.size() == 3 * kCrowd;
+  })) << served.size();
+  ASSERT_EQ(3 * kCrowd, served.size());
+  const auto first = served.begin() + kCrowd;  // behind the message by which each has been accepted
+  EXPECT_EQ(kCrowd, std::set<std::string>(first, first + kCrowd).size());
 }
 
 TEST_F(ControlChannel, WorksOnAKernelWithoutTheNewerCalls) {

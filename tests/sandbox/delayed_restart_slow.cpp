@@ -2,6 +2,7 @@
 #include <chrono>
 
 #include "restart_policy.h"
+#include "status_reader.h"
 
 using namespace policy;
 
@@ -28,4 +29,8 @@ TEST_F(HeldForEver, TheRestartIsForcedAfter301Seconds) {
   EXPECT_TRUE(
       console_says(actor_command(options) + "/" + std::to_string(pid) + " more than 300s delay restart.\n"));
   EXPECT_TRUE(console_says("pid:" + std::to_string(pid) + ", exit_signal:0x9, force_restart:1\n"));
+  const auto forced = wait_for_event(WEX_STATUS_EV_FORCED, pid);
+  ASSERT_TRUE(forced);
+  EXPECT_EQ(uint32_t{SIGKILL}, forced->exit_code);
+  EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_FORCED));
 }

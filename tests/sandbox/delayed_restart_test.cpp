@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 
+#include "handled_exits.h"
 #include "restart_policy.h"
 #include "wex.h"
 #include "wex_chain.h"
@@ -92,8 +93,7 @@ TEST_F(Postponed, TheExitCodeSurvivesTheWait) {
   holder.end();
   EXPECT_TRUE(console_says(handed_over(pid, "0xf")));
   EXPECT_TRUE(eventually([&] { return !exists(db_file("actor", pid)); }));
-  EXPECT_TRUE(never([&] { return wait_for_actor(options("code"), pid, 0ms) != 0; }, 500ms))
-      << "stopped on purpose, though it took a while";
+  EXPECT_TRUE(stays_down(options("code"), pid)) << "stopped on purpose, though it took a while";
 }
 
 TEST_F(Postponed, ARegistrationWithdrawnMeanwhileMakesTheHandOverDoNothing) {
@@ -110,7 +110,7 @@ TEST_F(Postponed, ARegistrationWithdrawnMeanwhileMakesTheHandOverDoNothing) {
   waitpid(canceller, &status, 0);
   EXPECT_TRUE(exited_with(status, 0));
   EXPECT_TRUE(console_says(handed_over(pid))) << "a file that is gone counts as released";
-  EXPECT_TRUE(never([&] { return wait_for_actor(options("withdrawn"), pid, 0ms) != 0; }, 1500ms));
+  EXPECT_TRUE(stays_down(options("withdrawn"), pid));
 }
 
 TEST_F(Postponed, SeveralReadyOnesAreRestartedOneASecondInBucketOrder) {

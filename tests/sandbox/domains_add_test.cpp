@@ -154,7 +154,7 @@ TEST_F(AddProgram, CommandReturnsToStartUpWhichFindsTheDaemon) {
   daemon.stop();
 }
 
-TEST_F(DomainCommands, WordThatIsNoCommandIsToldAndStartsTheDaemon) {
+TEST_F(DomainCommands, WordThatIsNoCommandIsReportedAndStartsTheDaemon) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start({"foo"}));
   EXPECT_TRUE(console_says("]input error!!!input wex -h for help!!!\n"));

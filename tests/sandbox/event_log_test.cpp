@@ -218,7 +218,7 @@ TEST_F(EventLog, AProgramThatWasNotRestartedForItIsSupervisedAgainWhenSomebodySt
   EXPECT_TRUE(eventually([] { return entries(kLog1).size() == 4; })) << read_file(kLog1);
 }
 
-TEST_F(EventLog, ADeletionThatFailsIsTold) {
+TEST_F(EventLog, ADeletionThatFailsIsReported) {
   Service* const three[] = {&service("first"), &service("second"), &service("third")};
   for (int number = 1; number <= 10; ++number) {
     if (number == 10) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "exit_world.h"
+#include "status_reader.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -34,7 +35,7 @@ void crash_once(int number, const std::string& how = "--crash=SEGV") {
   ASSERT_GT(wait_for_actor(crasher(number, how), service.pid()), 0) << read_console();
 }
 
-TEST_F(ExitHandling, ACoreDumpIsToldWithItsBitInFourHexadecimalDigits) {
+TEST_F(ExitHandling, ACoreDumpIsReportedWithItsBitInFourHexadecimalDigits) {
   SyslogSink log;
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -60,6 +61,12 @@ TEST_F(ExitHandling, TheThirdProgramThatDumpsCoreWithinTheWindowRestartsTheDevic
     EXPECT_NE(std::string::npos, entry.find(actor_command(crasher(number)) + " ")) << entry;
   }
   EXPECT_EQ("\n\n", entry.substr(entry.size() - 2));
+  const auto burst = wait_for_event(WEX_STATUS_EV_BURST);
+  ASSERT_TRUE(burst);
+  EXPECT_EQ(3, burst->value);
+  const auto asked = wait_for_event(WEX_STATUS_EV_REBOOT_ASKED);
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(WEX_STATUS_REBOOT_BURST, asked->value);
   EXPECT_TRUE(eventually([] {
     return Daemon::trace().find("LINUX_REBOOT_CMD_RESTART) = -1 EPERM") != std::string::npos;
   })) << Daemon::trace();
@@ -76,9 +83,8 @@ TEST_F(ExitHandling, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
-    ASSERT_GT(next, 0) << read_console();
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
+    const pid_t next = next_life(pid);
+    ASSERT_GT(next, 0);
     send_signal(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
     pid = next;
   }

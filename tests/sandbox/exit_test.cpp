@@ -1,20 +1,17 @@
 // What becomes of an exit: take-down markers, threads, duplicates, postponed and lost exits.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exit_world.h"
-#include "unique_fd.h"
+#include "handled_exits.h"
+#include "raw_client.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
@@ -39,11 +36,7 @@ TEST_F(ExitHandling, WhileAnyDomainIsTakenDownExitedProgramsAreForgotten) {
   }
   EXPECT_EQ(0u, count_in(read_console(), "wex_handle_netlink_exit--> exit_signal"));
   // A record left over would make this one a duplicate, and duplicates are not started again.
-  Process service;
-  ASSERT_TRUE(start_service(&service));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
-  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_GT(wait_for_actor(kService, killed_service()), 0) << read_console();
   daemon.stop();
 }
 
@@ -52,15 +45,11 @@ TEST_F(ExitHandling, AMarkerOfTheMainSystemOrBehindTheLastHasNoEffect) {
   write_file("/tmp/vsd/17/delete_vsd", "");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  Process service;
-  ASSERT_TRUE(start_service(&service));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
-  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_GT(wait_for_actor(kService, killed_service()), 0) << read_console();
   daemon.stop();
 }
 
-TEST_F(ExitHandling, ATakeDownIsToldOnceAndSoIsItsEnd) {
+TEST_F(ExitHandling, ATakeDownIsReportedOnceAndSoIsItsEnd) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   for (int round = 0; round < 3; ++round) {
@@ -100,20 +89,6 @@ void wait_for_later_exit() {
   const pid_t old_pid = witness.pid();
   witness.kill_now();
   ASSERT_GT(wait_for_actor(options, old_pid), 0) << read_console();
-}
-
-// The same, and nothing of the witness is left: it stops on purpose, and its file goes once that is handled.
-void wait_until_exits_are_handled() {
-  const texts options = {"--tag=leaver", "--register=RESTART", "--confirm", "--ready=/tmp/wex/leaver",
-                         "--hold"};
-  unlink("/tmp/wex/leaver");
-  Process witness;
-  ASSERT_TRUE(witness.start(actor_words(options)));
-  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/leaver"); }));
-  const std::string file = db_path(witness.pid());
-  ASSERT_TRUE(exists(file));
-  witness.send(SIGTERM);
-  ASSERT_TRUE(eventually([&] { return !exists(file); }, 20s)) << read_console();
 }
 
 // How often the daemon has started a program anew.
@@ -309,29 +284,13 @@ TEST_F(ExitHandling, ADaemonEndedInTheMiddleOfADelayLeavesTheRestartToTheNext) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const texts options = {"--time-set=3600", "--register=RESTART", "--ready=/tmp/wex/ready", "--hold"};
-  Process service;
-  ASSERT_TRUE(start_service(&service, options));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
+  const pid_t old_pid = killed_service(options);
   ASSERT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 9\n"));  // now it waits
   ASSERT_TRUE(eventually([&] { return exists(db_path(old_pid)); }));
   daemon.kill_now();
   ASSERT_TRUE(daemon.start());
   EXPECT_GT(wait_for_actor(options, old_pid), 0) << read_console();
   daemon.stop();
-}
-
-// Connects until the server is refused one of its accepts, which ends the daemon.
-bool end_through_server() {
-  std::vector<unique_fd> clients;
-  return eventually([&] {
-    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
-                   2 + sizeof kControlSocket - 1) != 0;
-  });
 }
 
 // Without a database file the next daemon would not know the program.
@@ -357,10 +316,7 @@ TEST_F(ExitHandling, ADaemonThatEndsByItselfWhileForksFailTriesTheRestartAgainAt
       {"inject=clone,fork,vfork:error=ENOMEM:when=1..3", "inject=accept4:error=ECONNABORTED:when=40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   const texts options = {"--time-set=0", "--confirm", "--ready=/tmp/wex/ready", "--hold"};
-  Process service;
-  ASSERT_TRUE(start_service(&service, options));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
+  const pid_t old_pid = killed_service(options);
   ASSERT_TRUE(console_says("]wex_spawn--> fork fail, err: Cannot allocate memory(12)\n"));
   ASSERT_TRUE(end_through_server());
   EXPECT_TRUE(exited_with(daemon.wait(20s), 0)) << read_console();
@@ -437,26 +393,18 @@ TEST_F(ExitHandling, AnInterruptedWaitForEventsIsTakenUpAgain) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=poll,ppoll:error=EINTR:when=3..40"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
-  Process service;
-  ASSERT_TRUE(start_service(&service));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
-  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_GT(wait_for_actor(kService, killed_service()), 0) << read_console();
   EXPECT_NE(std::string::npos, Daemon::trace().find("EINTR (Interrupted system call) (INJECTED)"));
   EXPECT_EQ(0u, count_in(read_console(), "select sk_nl fail")) << read_console();
   daemon.stop();
 }
 
-TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsToldAndTheNextOneStillRead) {
+TEST_F(ExitHandling, ADatagramWithAStrangeAddressIsReportedAndTheNextOneStillRead) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=recvfrom:poke_exit=@arg6=08000000:when=1"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   EXPECT_TRUE(console_says("]wex_process_netlink: bad address size reading netlink socket: "));
-  Process service;
-  ASSERT_TRUE(start_service(&service));
-  const pid_t old_pid = service.pid();
-  service.kill_now();
-  EXPECT_GT(wait_for_actor(kService, old_pid), 0) << read_console();
+  EXPECT_GT(wait_for_actor(kService, killed_service()), 0) << read_console();
   daemon.stop();
 }
 
@@ -478,7 +426,7 @@ TEST_F(ExitHandling, AnExitThatComesLateIsNotTakenForALostOne) {
   service.send(SIGTERM);  // stopped on purpose: a made-up exit code would start it again
   service.wait();
   send_signal(daemon.pid(), SIGCONT);
-  // Whoever handles the exit drops the registration, or gives it a new pid: there is no second time.
+  // The exit is handled once: that drops the registration, or gives it a new pid.
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 15s)) << read_console().substr(0, 4000);
   EXPECT_TRUE(eventually([] { return list_dir(kDbDir).empty(); }));
   EXPECT_EQ(0u, count_in(read_console(), " exit of pid ")) << "taken for lost";
@@ -501,7 +449,7 @@ TEST_F(ExitHandling, WhatDiesTheMomentItRegistersIsRestartedOrRefused) {
     Process service;
     ASSERT_TRUE(service.start(actor_words(options)));
     EXPECT_TRUE(ended_by(service.wait(), SIGKILL));
-    // One that is gone before its command line was read is refused, and that is told.
+    // A service that is gone before its command line was read is refused, which the console says.
     const std::string refused = "fail to get pid " + text(service.pid()) + "'s cmdline";
     EXPECT_TRUE(eventually(
         [&] { return starts(count) == 2 || read_console().find(refused) != std::string::npos; }, 15s))
@@ -521,9 +469,8 @@ TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   pid_t pid = service.pid();
   service.kill_now();
   for (int life = 0; life < 3; ++life) {
-    const pid_t next = wait_for_actor(kService, pid);
+    const pid_t next = next_life(pid);
     ASSERT_GT(next, 0);
-    ASSERT_TRUE(eventually([&] { return read_file(kReady) == text(next) + "\n"; }));
     send_signal(next, SIGKILL);
     EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
     pid = next;

@@ -32,6 +32,23 @@ inline bool start_service(Process* service, const texts& options = kService) {
          eventually([&] { return read_file(kReady) == text(service->pid()) + "\n"; });
 }
 
+// A service was registered, and has been killed: the pid it had.
+inline pid_t killed_service(const texts& options = kService) {
+  Process service;
+  EXPECT_TRUE(start_service(&service, options)) << read_console();
+  const pid_t pid = service.pid();
+  service.kill_now();
+  return pid;
+}
+
+// The service in its next life, once it is registered; 0 when it does not come.
+inline pid_t next_life(pid_t before) {
+  const pid_t next = wait_for_actor(kService, before);
+  const bool ready = next > 0 && eventually([&] { return read_file(kReady) == text(next) + "\n"; });
+  EXPECT_TRUE(ready) << read_console();
+  return ready ? next : 0;
+}
+
 inline size_t starts(const std::string& path) {
   return lines_of(read_file(path)).size();
 }

@@ -1,17 +1,15 @@
 // Hang detection with the real daemon and real threads: the shared table, the calls of a service, and the
 // second scan, a minute after the start.
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstring>
 
+#include "raw_client.h"
 #include "status_reader.h"
-#include "unique_fd.h"
 #include "wex.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -77,34 +75,6 @@ int in_client(const std::function<int()>& work) {
 
 int32_t own_tid() {
   return static_cast<int32_t>(syscall(SYS_gettid));
-}
-
-// A message that the library would not send.
-bool send_counters(uint32_t type, int32_t tid, int32_t pid, int32_t count, int32_t left, int32_t period) {
-  const unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  strcpy(address.sun_path, kControlSocket);
-  struct {
-    wex_inner_msg header;
-    wex_reg_info body;
-  } record = {};
-  record.header.msg_type = type;
-  record.header.msg_len = sizeof record.body;
-  record.body.pid = tid;
-  record.body.ppid = pid;
-  record.body.ntfy_cnt = count;
-  record.body.cur_cnt = left;
-  record.body.ntfy_time = period;
-  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), 2 + sizeof kControlSocket - 1) != 0 ||
-      send(fd.get(), &record, sizeof record, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof record)) {
-    return false;
-  }
-  if (type == WEX_NOTIFIER_RESET) {
-    return true;  // never acknowledged
-  }
-  wex_inner_msg ack = {};
-  return recv(fd.get(), &ack, sizeof ack, 0) == static_cast<ssize_t>(sizeof ack);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "restart_policy.h"
+#include "status_reader.h"
 
 using namespace policy;
 
@@ -70,6 +71,9 @@ TEST_F(LostExits, AProgramWhoseExitWasLostInAnOverflowIsRestarted) {
   EXPECT_TRUE(console_says("exit of pid " + std::to_string(old_pid) + " was lost\n"));
   EXPECT_TRUE(log.says("%HA-5-HA_RE_INIT: Job " + old + " will be re-initialized ..."))
       << "nobody knows why it ended";
+  EXPECT_TRUE(wait_for_event(WEX_STATUS_EV_LOST_EXIT, old_pid));
+  EXPECT_TRUE(eventually([] { return StatusReader().counter(WEX_STATUS_LOST_EXITS) == 1; }));
+  EXPECT_GE(StatusReader().counter(WEX_STATUS_OVERFLOWS), 1U);
 }
 
 TEST_F(LostExits, AThirdPartProgramWhoseExecutionWasLostInAnOverflowIsRegistered) {
@@ -103,8 +107,11 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   daemon_.send(SIGCONT);
   EXPECT_TRUE(console_says("exit of pid " + std::to_string(old_pid) + " was lost\n", 20s)) << read_console();
   EXPECT_TRUE(eventually([&] { return !exists(file); }));
+  EXPECT_TRUE(wait_for_event(WEX_STATUS_EV_DROPPED, old_pid));
+  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_LOST_EXITS));
   unlink("/tmp/vsd/5/delete_vsd");
-  // A restart would be made under the registry's lock, which the one of a later exit takes, too.
+  // A restart of the first is over when a later exit has led to a restart: both are made with the registry
+  // locked.
   Service witness("witness");
   ASSERT_TRUE(witness.start());
   witness.end();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "handled_exits.h"
 #include "wex_paths.h"
 #include "wex_test.h"
 
@@ -129,7 +130,7 @@ TEST_F(MainWalkthrough, AServiceEndedBySigtermIsDroppedWithItsFile) {
   EXPECT_TRUE(ended_by(service.wait(), SIGTERM));
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n")) << read_console();
   EXPECT_TRUE(eventually([] { return db_files().empty(); })) << "it goes just after the line";
-  EXPECT_TRUE(never([&] { return wait_for_actor(kService, 0, 0ms) > 0; }, 1500ms));
+  EXPECT_TRUE(stays_down(kService));
   daemon.stop();
 }
 
@@ -152,7 +153,9 @@ TEST_F(MainWalkthrough, AServiceThatEndsByItselfIsReinitialised) {
 }
 
 TEST_F(MainWalkthrough, AServiceOfADomainIsDroppedWithItsFlagFile) {
-  make_dirs("/tmp/vsd/3/wex/before");  // no flag, and whatever the order one of the two comes before the flag
+  // Beside "db" a second directory among the flag files: in whatever order they are read, one of the two
+  // comes before the flag file.
+  make_dirs("/tmp/vsd/3/wex/before");
   make_dirs("/data/var/run/vsd/3");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

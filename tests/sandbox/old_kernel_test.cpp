@@ -58,7 +58,7 @@ TEST_F(OldKernel, WithoutTheFlagsAndCallsForCloseOnExecAllWorksAndNothingIsInher
 }
 
 // The kernel cuts the size down without an error. Here it does not take it at all.
-TEST_F(OldKernel, AnEventBufferThatIsCutDownIsTold) {
+TEST_F(OldKernel, AnEventBufferThatIsCutDownIsReported) {
   const int plain = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   int size = 0;
   socklen_t length = sizeof size;
@@ -72,7 +72,7 @@ TEST_F(OldKernel, AnEventBufferThatIsCutDownIsTold) {
 
 // The subscription is lost on its way. Other subscribers of the machine may let some events through all the
 // same.
-TEST_F(OldKernel, ASubscriptionThatIsNotAnsweredIsTold) {
+TEST_F(OldKernel, ASubscriptionThatIsNotAnsweredIsReported) {
   ASSERT_TRUE(daemon_.start_traced({"inject=sendto:retval=40:when=1"}));
   ASSERT_TRUE(daemon_.wait_ready(30s));
   EXPECT_TRUE(says("The kernel does not answer for process events, exits may go unseen.")) << running_log();

@@ -73,4 +73,4 @@ TEST_P(ManyDead, AreBackAboutAsFastAsTheyCouldBeStarted) {
   EXPECT_LT(taken, 10 * plain + 2000ms) << "1.5 times and 30 ms on a quiet machine";
 }
 
-INSTANTIATE_TEST_SUITE_P(Services, ManyDead, ::testing::Values(100, 1000));
+INSTANTIATE_TEST_SUITE_P(Services, ManyDead, ::testing::Values(100, 1000, 3000));

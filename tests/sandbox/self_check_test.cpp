@@ -1,4 +1,4 @@
-// Programs that keep dying: parked, restarted by the alarm, and the end of patience.
+// Programs that keep dying: they are parked, restarted by the alarm, and at last the reason of a reboot.
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -7,7 +7,9 @@
 #include <memory>
 #include <thread>
 
+#include "handled_exits.h"
 #include "restart_policy.h"
+#include "status_reader.h"
 
 using namespace policy;
 
@@ -75,10 +77,13 @@ TEST_F(SelfCheck, ParkedAgainSoonAfterTheAlarmRestartTheDeviceIsRebootedWithTheR
                "reboot(LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART) = -1 "
                "EPERM") != std::string::npos;
   })) << Daemon::trace();
+  const auto asked = wait_for_event(WEX_STATUS_EV_REBOOT_ASKED);
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(WEX_STATUS_REBOOT_SELF_CHECK, asked->value);
   const std::string history = read_file(kHistory);
   EXPECT_NE(std::string::npos, history.find(" wex restarts the device: detect process ")) << history;
   EXPECT_NE(std::string::npos, history.find(" registered actor pid ")) << history;
-  EXPECT_NE(std::string::npos, history.find(" reboot asked ")) << history;
+  EXPECT_NE(std::string::npos, history.find(" reboot_asked ")) << history;
   EXPECT_NE(std::string::npos, history.find("\nparked: actor pid " + std::to_string(service.pid())))
       << history;
   EXPECT_TRUE(daemon.running()) << "a refused reboot changes nothing";
@@ -100,6 +105,9 @@ TEST_F(SelfCheck, TheSwitchThatForbidsRebootsKeepsTheRecordClean) {
   }
   service.end();
   ASSERT_TRUE(service.comes_back());
+  const auto refused = wait_for_event(WEX_STATUS_EV_REBOOT_REFUSED);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(WEX_STATUS_REBOOT_SELF_CHECK, refused->value);
   EXPECT_FALSE(exists(kRebootLog));
   EXPECT_EQ(std::string::npos, Daemon::trace().find("reboot("));
 }
@@ -138,7 +146,7 @@ TEST_F(SelfCheck, AParkedProgramThatSomebodyStartedIsDroppedAndTheNewOneIsSuperv
   const pid_t by_hand = service.pid();
   EXPECT_TRUE(console_says("wex_alrm_handler--> " + service.command() + "/" + std::to_string(parked) +
                            " is running!\n"));
-  EXPECT_TRUE(never([&] { return wait_for_actor(service.options(), by_hand, 0ms) != 0; }, 1500ms));
+  EXPECT_TRUE(stays_down(service.options(), by_hand)) << "started beside the one by hand";
   EXPECT_TRUE(is_alive(by_hand));
   EXPECT_TRUE(service.ends_and_comes_back());
 }

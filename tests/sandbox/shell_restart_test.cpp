@@ -131,7 +131,7 @@ TEST_F(ShellRestart, EveryAnnouncementIsTheScriptsOwn) {
   EXPECT_TRUE(console_says("process: " + service.command() + ", pid: "));
 }
 
-TEST_F(ShellRestart, WithoutAShellItIsToldAndTriedUntilItIsParked) {
+TEST_F(ShellRestart, WithoutAShellItIsReportedAndTriedUntilItIsParked) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=execve:error=ENOENT"}));  // of its children: it runs already
   ASSERT_TRUE(daemon.wait_ready(30s));
@@ -157,7 +157,7 @@ TEST_F(ShellRestart, AChildThatCannotEnterTheRootDirectorySaysSoAndEnds) {
   daemon.stop();
 }
 
-TEST_F(ShellRestart, AForkThatFailsIsToldAndRepeatedAfterFiveSeconds) {
+TEST_F(ShellRestart, AForkThatFailsIsReportedAndRepeatedAfterFiveSeconds) {
   Service service("unforked", "--register-shell=revive");
   write_file("/etc/cmdmap/revive", "exec " + service.command() + "\n");
   Daemon daemon;

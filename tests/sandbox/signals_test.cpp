@@ -1,4 +1,4 @@
-// What signals do to the running daemon, and that nobody who dies under it stays a zombie.
+// What signals do to the running daemon, and that none of its children stays a zombie.
 #include <signal.h>
 
 #include <algorithm>

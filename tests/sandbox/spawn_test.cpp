@@ -57,6 +57,11 @@ Facts facts_of_second_life(const texts& options, Daemon* daemon, pid_t* next, co
 const texts kTeller = {"--facts=/tmp/wex/facts", "--register=RESTART", "--confirm", "--ready=/tmp/wex/ready",
                        "--hold"};
 
+bool start_teller(Process* service) {
+  return service->start(actor_words(kTeller)) &&
+         eventually([&] { return exists(kFacts) && is_registered(service->pid()); });
+}
+
 // Joins its domain by itself in its first life only: what the second finds is the daemon's doing.
 const texts kDomainTeller = {"--first-time=/tmp/wex/joined",
                              "--group=3200",
@@ -118,7 +123,7 @@ void expect_clean_restart(const char* injection) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=clone,clone3,fork,?vfork", injection}, {}, {"MARK=yes"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
-  // A score that is told from a program's, also where the machine does not let the daemon have its own.
+  // A score that no program has, also on a machine that does not let the daemon lower its own.
   set_score(daemon.pid(), "300\n");
   const Facts before = state_of(daemon.pid());
   EXPECT_EQ("300\n", before.at("daemon")[1]);
@@ -187,8 +192,7 @@ TEST_F(Spawn, ASignalMaskOrIgnoredSignalOfTheDaemonsStarterDoesNotReachPrograms)
                             {}, true));
   ASSERT_TRUE(eventually([] { return exists(kControlSocket); }));
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   unlink(kFacts);
   service.kill_now();
   ASSERT_TRUE(eventually([&] { return exists(kFacts); })) << read_console();
@@ -281,8 +285,7 @@ TEST_F(Spawn, AChildThatCannotEnterTheRootDirectoryEndsAndLeavesTheForkFailureFi
   ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   service.kill_now();
   EXPECT_TRUE(console_says("HA_WAIT_SELF_CHECK Task: ", 15s)) << read_console();
   EXPECT_TRUE(console_says("]wex_spawn--> chdir failed, ret: -1\n"));
@@ -295,14 +298,13 @@ TEST_F(Spawn, AChildThatCannotEnterTheRootDirectoryEndsAndLeavesTheForkFailureFi
   daemon.stop();
 }
 
-TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndTold) {
+TEST_F(Spawn, AForkThatFailsIsRepeatedEveryFiveSecondsAndReported) {
   Daemon daemon;
   ASSERT_TRUE(
       daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM:when=1..2"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   unlink(kFacts);
   const pid_t old_pid = service.pid();
   service.kill_now();
@@ -327,8 +329,7 @@ TEST_F(Spawn, AMissingConsoleDoesNotKeepAProgramDown) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   ASSERT_EQ(0, rename("/dev/console", "/dev/console.away"));
   unlink(kFacts);
   service.kill_now();
@@ -353,19 +354,18 @@ pid_t child_of(pid_t daemon) {
   return child;
 }
 
-// Whoever filters the daemon's calls mostly says so.
+// What a filter of system calls answers in most cases.
 TEST_F(Spawn, AChildIsForkedWhereSharingIsNotPermitted) {
   expect_clean_restart("inject=?vfork:error=EPERM");
 }
 
-// Its time limit may do that, when a disk or a busy processor keeps it from its program.
+// The time limit kills a child that a disk or a busy processor keeps from its program.
 TEST_F(Spawn, AChildThatIsKilledOnItsWayIsNoEndOfItsProgram) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"trace=setsid,?vfork", "inject=setsid:delay_enter=1000000"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   service.kill_now();
   pid_t child = 0;
   ASSERT_TRUE(eventually([&] { return (child = child_of(daemon.pid())) > 0; }, 20s));
@@ -383,8 +383,7 @@ TEST_F(Spawn, WithoutAConsoleTheDaemonWaitsForOneChildOnly) {
   ASSERT_TRUE(daemon.start_traced({"trace=?vfork"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process service;
-  ASSERT_TRUE(service.start(actor_words(kTeller)));
-  ASSERT_TRUE(eventually([&] { return exists(kFacts) && is_registered(service.pid()); }));
+  ASSERT_TRUE(start_teller(&service));
   ASSERT_EQ(0, rename("/dev/console", "/dev/console.away"));
   pid_t pid = service.pid();
   texts starts;

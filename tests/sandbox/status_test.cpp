@@ -1,9 +1,11 @@
 // The status table of the real daemon, as real services go through every state.
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "control_client.h"
 #include "restart_policy.h"
@@ -56,6 +58,17 @@ class Status : public WexWorld {
   Daemon daemon_;
 };
 
+// Field 22 of its stat file.
+uint64_t start_time_of(pid_t pid) {
+  const std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  for (int number = 3; number <= 22; ++number) {
+    fields >> field;
+  }
+  return std::stoull(field);
+}
+
 }  // namespace
 
 TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
@@ -75,6 +88,7 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
     EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
     pid = service.pid();
   }
+  EXPECT_EQ(4U, StatusReader().slot_of(pid)->restarts_window);
   service.end();
   EXPECT_TRUE(told(WEX_STATUS_EV_PARKED, pid));
   EXPECT_TRUE(shows(pid, WEX_STATUS_PARKED));
@@ -135,6 +149,43 @@ TEST_F(Status, WhatEndsARegistrationIsToldApart) {
   const pid_t first = one.pid();
   one.kill_now();
   EXPECT_TRUE(told(WEX_STATUS_EV_HANDED_OVER, first));
+  EXPECT_TRUE(counts(WEX_STATUS_HANDED_OVER, 1));
+  EXPECT_TRUE(counts(WEX_STATUS_DROPPED, 1));
+}
+
+TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
+  const child sleeper;
+  const control_client::raw_client client;
+  wex_reg_info body = {};
+  body.pid = sleeper.pid();
+  body.restart_delay = 3;
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  ASSERT_TRUE(told(WEX_STATUS_EV_REGISTERED, sleeper.pid()));
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  EXPECT_TRUE(counts(WEX_STATUS_NOT_REGISTERED, 1)) << "it is known";
+  write_file("/etc/debug_log", "");
+  unlink(kEventLog1);
+  make_dirs(kEventLog1);  // what must be logged and cannot be is not done
+  send_signal(sleeper.pid(), SIGKILL);
+  EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_RESTARTING));
+  const auto slot = StatusReader().slot_of(sleeper.pid());
+  ASSERT_TRUE(slot);
+  EXPECT_EQ(3000, slot->until - slot->since);
+  EXPECT_TRUE(told(WEX_STATUS_EV_FAILED, sleeper.pid()));
+  EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_DOWN));
+  EXPECT_TRUE(counts(WEX_STATUS_FAILED, 1));
+  remove_tree(kEventLog1);
+  unlink("/etc/debug_log");
+}
+
+TEST_F(Status, ADaemonThatEndsByItselfSaysSo) {
+  struct stat facts = {};
+  ASSERT_EQ(0, stat(kStatusTable, &facts));
+  EXPECT_EQ(0U, facts.st_uid);
+  EXPECT_EQ(start_time_of(daemon_.pid()), StatusReader().head().daemon_start);
+  write_file("/tmp/wex/forkfile", "1234567");  // as many failed forks as end it
+  EXPECT_TRUE(told(WEX_STATUS_EV_DAEMON_ENDED, daemon_.pid()));
+  EXPECT_TRUE(eventually([] { return (StatusReader().head().flags & WEX_STATUS_ENDED) != 0; }));
 }
 
 TEST_F(Status, RefusedMessagesAreCountedAndClientsThatLeaveAreNot) {
@@ -203,6 +254,8 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
   Service service("next");
   ASSERT_TRUE(service.start());
   ASSERT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
+  const auto before = StatusReader().slot_of(service.pid());
+  ASSERT_TRUE(before);
   daemon_.kill_now();
   EXPECT_EQ(0U, StatusReader().head().flags & WEX_STATUS_ENDED);
   EXPECT_EQ(1U, StatusReader().slots().size()) << "what it left";
@@ -210,6 +263,12 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
   ASSERT_TRUE(next.start());
   EXPECT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING));
   EXPECT_EQ(2U, StatusReader().head().generation);
+  const auto slot = StatusReader().slot_of(service.pid());
+  ASSERT_TRUE(slot);
+  EXPECT_EQ(start_time_of(service.pid()), slot->pid_start);
+  EXPECT_EQ(before->pid_start, slot->pid_start);
+  EXPECT_NEAR(static_cast<double>(before->started), static_cast<double>(slot->started), 10000)
+      << "when it was registered, and when it began";
   EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
   next.kill_now();
 }

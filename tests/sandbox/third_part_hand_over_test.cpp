@@ -9,16 +9,12 @@ struct ThirdPartHandOver : ThirdPart {};
 }  // namespace
 
 TEST_F(ThirdPartHandOver, AProgramThatDetachesIsHandedOverToItsDetachedProcess) {
-  const std::string app = install("detaching");
-  describe("detaching", app + " WEX_RESTART");
   write_file(kHoldStart, "");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("detaching"));
   const pid_t parent = by_hand_.pid();
   unlink(kHoldStart);
   EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
-  const pid_t detached = wait_for(app, parent);
+  const pid_t detached = wait_for(app_, parent);
   ASSERT_NE(0, detached);
   EXPECT_TRUE(console_says("wex_handle_netlink_exit--> wex_pid->action == RESPAWN, found child pid_get = " +
                            std::to_string(detached) + "\n"));
@@ -28,62 +24,50 @@ TEST_F(ThirdPartHandOver, AProgramThatDetachesIsHandedOverToItsDetachedProcess) 
 }
 
 TEST_F(ThirdPartHandOver, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
-  const std::string app = install("detaching");
-  describe("detaching", app + " WEX_RESTART");
   write_file(kHoldStart, "");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "detaching"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("detaching"));
   const pid_t first = by_hand_.pid();
   unlink(kHoldStart);
   EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
-  pid_t now = settled(app, first);
+  pid_t now = settled(app_, first);
   ASSERT_NE(0, now);
   for (int life = 1; life <= 2; ++life) {
     send_signal(now, SIGKILL);
-    now = settled(app, now);
+    now = settled(app_, now);
     ASSERT_NE(0, now) << "life " << life;
   }
-  EXPECT_NE(std::string::npos, read_console().find("]wex_spawn--> third part Daemon[" + app +
+  EXPECT_NE(std::string::npos, read_console().find("]wex_spawn--> third part Daemon[" + app_ +
                                                    "] new pid: " + std::to_string(now) + "\n"))
       << "it was started, not found";
 }
 
 TEST_F(ThirdPartHandOver, AProgramThatReplacesItselfIsHandedOverToItsNewProcess) {
-  const std::string app = install("replacing");
-  describe("replacing", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("replacing"));
   const pid_t first = by_hand_.pid();
-  EXPECT_TRUE(replaces_itself(app, first)) << "not registered twice";
+  EXPECT_TRUE(replaces_itself(app_, first)) << "not registered twice";
   EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
-  const pid_t second = wait_for(app, first);
+  const pid_t second = wait_for(app_, first);
   ASSERT_NE(0, second);
   EXPECT_TRUE(console_says("found child pid_get = " + std::to_string(second)));
   EXPECT_TRUE(eventually([&] { return exists(db_file("replacing", second)); }));
   send_signal(second, SIGKILL);
-  EXPECT_NE(0, wait_for(app, second)) << "the new process is supervised";
+  EXPECT_NE(0, wait_for(app_, second)) << "the new process is supervised";
 }
 
 TEST_F(ThirdPartHandOver, AProgramWithAScriptThatReplacesItselfKeepsItsScript) {
-  const std::string app = install("replacing");
-  describe("replacing", app + " WEX_SHELL_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "replacing"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("replacing", "WEX_SHELL_RESTART"));
   const pid_t first = by_hand_.pid();
-  EXPECT_TRUE(replaces_itself(app, first));
+  EXPECT_TRUE(replaces_itself(app_, first));
   EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
-  const pid_t second = wait_for(app, first);
+  const pid_t second = wait_for(app_, first);
   ASSERT_NE(0, second);
   EXPECT_TRUE(
       console_says("]wex_handle_netlink_exit--> wex_pid->action == SHELL_RESTART, found child pid_get = " +
                    std::to_string(second) + "\n"));
   EXPECT_TRUE(eventually([&] {
-    return read_file(db_file("replacing", second)) == std::to_string(second) + "\n3\n" + app;
+    return read_file(db_file("replacing", second)) == std::to_string(second) + "\n3\n" + app_;
   })) << read_file(db_file("replacing", second));
-  write_file("/etc/cmdmap/replacing.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
+  write_file("/etc/cmdmap/replacing.sh", "echo ran > /tmp/apps/ran\nexec " + app_ + "\n");
   send_signal(second, SIGKILL);
   EXPECT_TRUE(eventually([] { return exists("/tmp/apps/ran"); })) << "not restarted through its script";
 }
@@ -108,14 +92,10 @@ bool inject_into_registration(pid_t daemon, pid_t pid, const std::string& inject
 }  // namespace
 
 TEST_F(ThirdPartHandOver, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProgram) {
-  const std::string app = install("fleeting");
-  describe("fleeting", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "fleeting"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("fleeting"));
   Process second;
-  ASSERT_TRUE(second.start({app}));
-  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  ASSERT_TRUE(second.start({app_}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app_ + " is running\n"));
   const pid_t dead = second.pid();
   Process strace;
   ASSERT_TRUE(inject_into_registration(daemon_.pid(), dead, "delay_enter=2000000:when=2", &strace));
@@ -123,23 +103,19 @@ TEST_F(ThirdPartHandOver, AHandOverToAProcessThatHasDiedMeanwhileRestartsTheProg
   ASSERT_TRUE(console_says("found child pid_get = " + std::to_string(dead) + "\n")) << read_console();
   second.kill_now();
   EXPECT_TRUE(console_says("-->reg_third_part_process_exit_action error!\n")) << read_console();
-  const pid_t third = wait_for(app, dead, 20s);
+  const pid_t third = wait_for(app_, dead, 20s);
   ASSERT_GT(third, 0) << read_console();
   strace.kill_now();
   EXPECT_TRUE(eventually([&] { return exists(db_file("fleeting", third)); }));
   send_signal(third, SIGKILL);
-  EXPECT_NE(0, wait_for(app, third, 20s)) << "it is supervised as before";
+  EXPECT_NE(0, wait_for(app_, third, 20s)) << "it is supervised as before";
 }
 
-TEST_F(ThirdPartHandOver, AHandOverToAProcessThatCannotBeReadIsTold) {
-  const std::string app = install("unreadable");
-  describe("unreadable", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "unreadable"));
+TEST_F(ThirdPartHandOver, AHandOverToAProcessThatCannotBeReadIsReported) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("unreadable"));
   Process second;
-  ASSERT_TRUE(second.start({app}));
-  ASSERT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  ASSERT_TRUE(second.start({app_}));
+  ASSERT_TRUE(console_says("wex_process_netlink--> " + app_ + " is running\n"));
   Process strace;
   ASSERT_TRUE(inject_into_registration(daemon_.pid(), second.pid(), "error=EACCES:when=2+", &strace));
   end_by_hand();

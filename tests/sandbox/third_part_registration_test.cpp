@@ -12,22 +12,19 @@ struct ThirdPartRegistration : ThirdPart {};
 }  // namespace
 
 TEST_F(ThirdPartRegistration, AListedProgramStartedByHandIsRegisteredAndRestarted) {
-  const std::string app = install("plain");
-  describe("plain", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "plain"));
-  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n2\n" + app, read_file(db_file("plain", by_hand_.pid())));
+  ASSERT_NO_FATAL_FAILURE(start_listed("plain"));
+  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n2\n" + app_, read_file(db_file("plain", by_hand_.pid())));
   const pid_t first = by_hand_.pid();
   end_by_hand();
-  const pid_t second = wait_for(app, first);
+  const pid_t second = wait_for(app_, first);
   ASSERT_NE(0, second);
-  EXPECT_TRUE(console_says("wex_spawn--> third part Normal[" + app + "] new pid: " + std::to_string(second)));
+  EXPECT_TRUE(
+      console_says("wex_spawn--> third part Normal[" + app_ + "] new pid: " + std::to_string(second)));
   EXPECT_FALSE(exists(db_file("plain", first)));
   EXPECT_TRUE(eventually([&] { return exists(db_file("plain", second)); }))
       << "its exec event makes the new file";
   send_signal(second, SIGKILL);
-  const pid_t third = wait_for(app, second);
+  const pid_t third = wait_for(app_, second);
   EXPECT_NE(0, third) << "it stays supervised";
   EXPECT_TRUE(eventually([&] { return exists(db_file("plain", third)); }));
   EXPECT_EQ(1u, list_dir("/tmp/vsd/0/wex/db").size());
@@ -46,46 +43,34 @@ TEST_F(ThirdPartRegistration, AProgramThatWasExecutedBeforeTheDaemonIsRegistered
 }
 
 TEST_F(ThirdPartRegistration, TheTypeForScriptsRestartsThroughTheCommandMap) {
-  const std::string app = install("mapped");
-  describe("mapped", app + " WEX_SHELL_RESTART\n");
-  write_file("/etc/cmdmap/mapped.sh", "echo ran > /tmp/apps/ran\nexec " + app + "\n");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "mapped"));
-  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n3\n" + app, read_file(db_file("mapped", by_hand_.pid())));
+  ASSERT_NO_FATAL_FAILURE(start_listed("mapped", "WEX_SHELL_RESTART\n"));
+  write_file("/etc/cmdmap/mapped.sh", "echo ran > /tmp/apps/ran\nexec " + app_ + "\n");
+  EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n3\n" + app_, read_file(db_file("mapped", by_hand_.pid())));
   const pid_t first = by_hand_.pid();
   end_by_hand();
-  const pid_t second = wait_for(app, first);
+  const pid_t second = wait_for(app_, first);
   ASSERT_NE(0, second);
   EXPECT_TRUE(
-      console_says("wex_shell_spawn--> third part Normal[" + app + "] new pid: " + std::to_string(second)));
+      console_says("wex_shell_spawn--> third part Normal[" + app_ + "] new pid: " + std::to_string(second)));
   EXPECT_TRUE(exists("/tmp/apps/ran"));
 }
 
 TEST_F(ThirdPartRegistration, ASecondInstanceIsNotRegistered) {
-  const std::string app = install("twice");
-  describe("twice", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "twice"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("twice"));
   Process second;
-  ASSERT_TRUE(second.start({app}));
-  EXPECT_TRUE(console_says("wex_process_netlink--> " + app + " is running\n"));
+  ASSERT_TRUE(second.start({app_}));
+  EXPECT_TRUE(console_says("wex_process_netlink--> " + app_ + " is running\n"));
   EXPECT_FALSE(exists(db_file("twice", second.pid())));
   EXPECT_TRUE(exists(db_file("twice", by_hand_.pid())));
 }
 
 TEST_F(ThirdPartRegistration, StoppedWithSigtermItIsForgotten) {
-  const std::string app = install("stopped");
-  describe("stopped", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "stopped"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("stopped"));
   const pid_t pid = by_hand_.pid();
   by_hand_.send(SIGTERM);
   EXPECT_TRUE(ended_by(by_hand_.wait(), SIGTERM));
   EXPECT_TRUE(eventually([&] { return !exists(db_file("stopped", pid)); }));
-  EXPECT_TRUE(never([&] { return !pids_with_command(app).empty(); }, 500ms));
+  EXPECT_TRUE(never([&] { return !pids_with_command(app_).empty(); }, 500ms));
 }
 
 TEST_F(ThirdPartRegistration, AProcessWithArgumentsThatTheListDoesNotNameIsNotRegistered) {
@@ -111,20 +96,12 @@ TEST_F(ThirdPartRegistration, AListLineWithoutABlankRegistersNothing) {
 }
 
 TEST_F(ThirdPartRegistration, ATypeKeepsItsLineEndAndIsUnderstood) {
-  const std::string app = install("lineend");
-  describe("lineend", app + " WEX_RESTART\n");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "lineend"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("lineend", "WEX_RESTART\n"));
   EXPECT_TRUE(console_says("type: WEX_RESTART\n, type_len: 12\n"));
 }
 
 TEST_F(ThirdPartRegistration, ATypeThatOnlyBeginsLikeAKeywordIsUnderstood) {
-  const std::string app = install("longer");
-  describe("longer", app + " WEX_RESTARTING");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  EXPECT_TRUE(registered(app, by_hand_.pid(), "longer"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("longer", "WEX_RESTARTING"));
 }
 
 namespace {
@@ -223,7 +200,7 @@ TEST_F(ThirdPartRegistration, EventsThatTheKernelDidNotSendAreDropped) {
 
 // As when a program has died before it was looked at. No text is part of every line, so it gets as far as the
 // registration, with the type of the first.
-TEST_F(ThirdPartRegistration, AProgramWhoseCommandLineCannotBeReadIsToldAndRefused) {
+TEST_F(ThirdPartRegistration, AProgramWhoseCommandLineCannotBeReadIsReportedAndRefused) {
   const std::string app = install("unread");
   describe("unread", app + " WEX_RESTART");
   // Every program executed anywhere makes the monitor read one link, a listed one further ones.

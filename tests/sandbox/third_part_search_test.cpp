@@ -1,11 +1,9 @@
 // Restarted third-part programs are looked for by their command line: what becomes of those that are not
 // found at once.
 #include <grp.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
+#include "raw_client.h"
 #include "third_part_world.h"
-#include "unique_fd.h"
 
 using namespace third_part;
 
@@ -44,25 +42,21 @@ TEST_F(ThirdPartSearch, AProgramOfSeveralWordsIsFoundThoughOtherProcessesComeAnd
 }
 
 TEST_F(ThirdPartSearch, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
-  const std::string app = install("vanishing");
-  describe("vanishing", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "vanishing"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("vanishing"));
   const pid_t first = by_hand_.pid();
-  ASSERT_EQ(0, rename(app.c_str(), "/tmp/apps/hidden"));
+  ASSERT_EQ(0, rename(app_.c_str(), "/tmp/apps/hidden"));
   end_by_hand();
-  ASSERT_TRUE(console_says("wex_spawn--> third part[" + app + "] Not Found new pid!\n", 10s));
+  ASSERT_TRUE(console_says("wex_spawn--> third part[" + app_ + "] Not Found new pid!\n", 10s));
   EXPECT_TRUE(console_says("HA_RESTART execvp fail, error = No such file or directory.\n"));
   ASSERT_TRUE(eventually([] { return occurrences(read_console(), "HA_RESTART execvp fail") == 2; }))
       << "that is one more exit, and the next search has begun";
-  ASSERT_EQ(0, rename("/tmp/apps/hidden", app.c_str()));
-  ASSERT_TRUE(start_by_hand({app}));
+  ASSERT_EQ(0, rename("/tmp/apps/hidden", app_.c_str()));
+  ASSERT_TRUE(start_by_hand({app_}));
   const pid_t second = by_hand_.pid();
   EXPECT_TRUE(eventually([&] { return exists(db_file("vanishing", second)); }, 15s));
   EXPECT_FALSE(exists(db_file("vanishing", first)));
   end_by_hand();
-  EXPECT_NE(0, wait_for(app, second));
+  EXPECT_NE(0, wait_for(app_, second));
 }
 
 // ---- Programs that end before they are found --------------------------------------------------------------
@@ -87,13 +81,9 @@ pid_t unfindable_life(size_t number) {
 }  // namespace
 
 TEST_F(ThirdPartSearch, AProgramThatIsKilledWhileItIsLookedForComesBackEachTime) {
-  const std::string app = install("unlucky");
-  describe("unlucky", app + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app}));
-  ASSERT_TRUE(registered(app, by_hand_.pid(), "unlucky"));
+  ASSERT_NO_FATAL_FAILURE(start_listed("unlucky"));
   const pid_t first = by_hand_.pid();
-  replace_by_unfindable(app);
+  replace_by_unfindable(app_);
   end_by_hand();
   const pid_t second = unfindable_life(1);
   ASSERT_GT(second, 0) << read_console();
@@ -101,9 +91,9 @@ TEST_F(ThirdPartSearch, AProgramThatIsKilledWhileItIsLookedForComesBackEachTime)
   EXPECT_TRUE(console_says(" receives event:000a and self-checking ...\n", 20s)) << "the child's status";
   const pid_t third = unfindable_life(2);
   ASSERT_GT(third, 0) << read_console();
-  ASSERT_EQ(0, rename((app + ".real").c_str(), app.c_str()));
+  ASSERT_EQ(0, rename((app_ + ".real").c_str(), app_.c_str()));
   send_signal(third, SIGKILL);
-  const pid_t found = wait_for(app, first, 20s);
+  const pid_t found = wait_for(app_, first, 20s);
   ASSERT_NE(0, found) << read_console();
   EXPECT_TRUE(console_says("HA_SELF_CHECK_INFO Self-checking OK: 3 times and new id unlucky/" +
                            std::to_string(found) + ".\n"))
@@ -175,15 +165,7 @@ TEST_F(ThirdPartSearch, ADaemonThatEndsDuringASearchFinishesItAndLeavesOneInstan
   write_file(app, "#!/bin/sh\nsleep 4\nmv /tmp/apps/late.real " + app + "\nexec " + app + "\n", 0755);
   end_by_hand();
   ASSERT_TRUE(console_says("receives event:0009 and self-checking ...\n"));
-  std::vector<unique_fd> clients;
-  ASSERT_TRUE(eventually([&] {  // one of them is refused, and that ends the daemon
-    clients.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kControlSocket);
-    return connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address),
-                   2 + sizeof kControlSocket - 1) != 0;
-  })) << "the server still runs";
+  ASSERT_TRUE(end_through_server()) << "the server still runs";
   EXPECT_EQ(std::string::npos, read_console().find("third part Normal[" + app))
       << "the search is over already";
   EXPECT_TRUE(exited_with(daemon_.wait(20s), 0)) << read_console();
@@ -195,4 +177,24 @@ TEST_F(ThirdPartSearch, ADaemonThatEndsDuringASearchFinishesItAndLeavesOneInstan
   ASSERT_NE(0, second);
   ASSERT_TRUE(start_daemon());
   EXPECT_TRUE(never([&] { return pids_with_command(app) != std::vector<pid_t>{second}; }, 1s));
+}
+
+// The file of the process before lies there as long as the search goes on.
+TEST_F(ThirdPartSearch, ADaemonThatIsKilledDuringASearchLeavesOneInstanceToTheNext) {
+  const std::string app = install("words");
+  const std::string command = app + " -d";
+  describe("words", command + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(start_by_hand({app, "-d"}));
+  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t second = wait_for(command, first, 30s);
+  ASSERT_NE(0, second);
+  daemon_.kill_now();
+  ASSERT_TRUE(exists(db_file("words", first))) << "the search had ended before";
+  ASSERT_TRUE(start_daemon());
+  EXPECT_TRUE(registered(command, second, "words"));
+  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command));
+  EXPECT_FALSE(exists(db_file("words", first)));
 }

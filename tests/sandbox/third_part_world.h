@@ -136,6 +136,15 @@ class ThirdPart : public WexWorld {
     write_file(std::string(kThirdPartDir) + "/" + name, text);
   }
 
+  // Installs a program, lists it, and starts the daemon and the program. It is registered then.
+  void start_listed(const std::string& name, const std::string& type = "WEX_RESTART") {
+    app_ = install(name);
+    describe(name, app_ + " " + type);
+    ASSERT_TRUE(start_daemon());
+    ASSERT_TRUE(start_by_hand({app_}));
+    ASSERT_TRUE(registered(app_, by_hand_.pid(), name));
+  }
+
   bool start_daemon() { return daemon_.start(); }
   bool start_by_hand(const std::vector<std::string>& words) { return by_hand_.start(words); }
 
@@ -197,6 +206,7 @@ class ThirdPart : public WexWorld {
     by_hand_.wait();
   }
 
+  std::string app_;  // of start_listed()
   Daemon daemon_;
   Process by_hand_;
 };

@@ -16,7 +16,7 @@ bool log_says(const std::string& line, milliseconds limit) {
 
 }  // namespace
 
-TEST_F(TakenAway, IsToldWithinAMinuteAndSoIsItsReturn) {
+TEST_F(TakenAway, IsReportedWithinAMinuteAndSoIsItsReturn) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   unlink(kControlSocket);

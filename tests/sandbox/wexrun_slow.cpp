@@ -1,10 +1,5 @@
 // A program under wexrun --notify that stops its signs of life, by the wall clock of the watchdog.
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <cstring>
-
-#include "wex.h"
+#include "raw_client.h"
 #include "wexrun_support.h"
 
 using namespace wexrun_test;
@@ -15,23 +10,7 @@ using WexrunWatchdog = WexWorld;
 
 // The countdown of ten minutes shortened to one silent look: what the library would not send.
 bool shorten_countdown(pid_t pid) {
-  const unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  strcpy(address.sun_path, kControlSocket);
-  struct {
-    wex_inner_msg header;
-    wex_reg_info body;
-  } record = {};
-  record.header.msg_type = WEX_NOTIFIER_RESET;
-  record.header.msg_len = sizeof record.body;
-  record.body.pid = pid;
-  record.body.ppid = pid;
-  record.body.ntfy_cnt = 1;
-  record.body.cur_cnt = 1;
-  record.body.ntfy_time = 60;
-  return connect(fd.get(), reinterpret_cast<sockaddr*>(&address), 2 + sizeof kControlSocket - 1) == 0 &&
-         send(fd.get(), &record, sizeof record, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof record);
+  return send_counters(WEX_NOTIFIER_RESET, pid, pid, 1, 1, 60);
 }
 
 }  // namespace

@@ -1,8 +1,12 @@
 // wexstat beside the real daemon: every state as a service goes through it, and a daemon that is stopped,
 // killed or not there.
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include <cstdio>
 
 #include "restart_policy.h"
+#include "shell_answer.h"
 
 using namespace policy;
 
@@ -10,22 +14,8 @@ namespace {
 
 constexpr char kBinary[] = WEX_BUILD_DIR "/stat/wexstat";
 
-struct answer {
-  int status;
-  std::string text;
-};
-
 answer wexstat(const std::string& arguments = "") {
-  answer out = {-1, ""};
-  FILE* const pipe = popen((std::string(kBinary) + " " + arguments + " 2>&1").c_str(), "re");
-  char buffer[65536];
-  size_t got;
-  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    out.text.append(buffer, got);
-  }
-  const int status = pipe != nullptr ? pclose(pipe) : -1;
-  out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
+  return shell(std::string(kBinary) + " " + arguments);
 }
 
 bool told(const std::string& arguments, const std::string& text, milliseconds limit = 20s) {
@@ -95,6 +85,24 @@ TEST_F(Wexstat, AServiceIsShownInEveryState) {
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
   daemon.kill_now();
+}
+
+TEST_F(Wexstat, ATableThatCannotBeMadeStopsNoRestart) {
+  ASSERT_EQ(0, mkdir(kStatusTable, 0755));
+  ASSERT_EQ(0, mount("taken", kStatusTable, "tmpfs", 0, ""));  // it can be neither removed nor renamed
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  Service service("unseen");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(service.ends_and_comes_back());
+  const std::string line = "/dev/shm/wex-status cannot be made, what wex does is not shown: ";
+  EXPECT_TRUE(eventually([&] { return occurrences(read_file(kRunningLog1), line) == 1; }, 20s))
+      << read_file(kRunningLog1);
+  EXPECT_EQ(3, wexstat("--check").status) << wexstat("--check").text;
+  daemon.kill_now();
+  EXPECT_EQ(1U, occurrences(read_file(kRunningLog1), line));
+  ASSERT_EQ(0, umount(kStatusTable));
+  ASSERT_EQ(0, rmdir(kStatusTable));
 }
 
 TEST_F(Wexstat, APostponedRestartIsShownUntilItIsMade) {

@@ -14,8 +14,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -26,6 +24,7 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "system_log_calls.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
@@ -43,15 +42,6 @@ namespace parked {
 using namespace std::chrono_literals;
 
 inline std::atomic<int32_t> g_now{1000};
-
-struct syslog_line {
-  int severity;
-  std::string facility;
-  std::string mnemonic;
-  int flag;
-  std::string text;
-};
-inline std::vector<syslog_line> g_syslog;
 
 using namespace wex_test;
 
@@ -88,7 +78,7 @@ class Parked : public ::testing::Test {
     ASSERT_EQ(0, wex_init_chains(&wex_alive_chains));
     ASSERT_EQ(0, wex_init_chains(&wex_chains_delay));
     g_now = 1000;
-    g_syslog.clear();
+    g_system_log.clear();
     alarm(0);
   }
 
@@ -132,18 +122,7 @@ class Parked : public ::testing::Test {
 
 }  // namespace parked
 
-// The clock and the device's system log as these cases want them. One source file of a test program includes
-// this header.
+// The clock as these cases want it. One source file of a test program includes this header.
 extern "C" int32_t wex_clock_now(void) {
   return parked::g_now;
-}
-
-extern "C" void printk_syslog_ext(int severity, const char* facility, const char* mnemonic, int flag,
-                                  const char* format, ...) {
-  char text[1024];
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  parked::g_syslog.push_back({severity, facility, mnemonic, flag, text});
 }

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "chain_lock.h"
+#include "system_log_calls.h"
 #include "text_buffer.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
@@ -35,23 +35,11 @@ namespace proc_world {
 inline int32_t g_now = 1000;
 inline int g_platform_result = 0;
 inline void (*g_platform_work)() = nullptr;
-inline std::vector<std::string> g_system_log;
 }  // namespace proc_world
 
 // At link level.
 extern "C" int32_t wex_clock_now(void) {
   return proc_world::g_now;
-}
-
-extern "C" void printk_syslog_ext(int severity, const char* facility, const char* mnemonic, int flag,
-                                  const char* format, ...) {
-  char text[5000];
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  proc_world::g_system_log.push_back(std::to_string(severity) + " " + facility + " " + mnemonic + " " +
-                                     std::to_string(flag) + " " + text);
 }
 
 extern "C" int fs_set_vsd_envs(int /*vsd*/, int /*old_pid*/) {

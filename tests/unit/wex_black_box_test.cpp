@@ -4,6 +4,10 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+
 #include "chain_lock.h"
 #include "text_buffer.h"
 #include "unit_support.h"
@@ -18,7 +22,33 @@ using namespace unit;
 // The second before a reboot that is refused here.
 extern "C" void __wrap_safe_sleep(unsigned) {}
 
+// What was put on the disk, in this order, and what it waits for before the history.
+std::mutex synced_guard;
+std::string synced;
+std::atomic<bool> disk_stands_still{false};
+
+extern "C" int __real_fsync(int fd);
+extern "C" int __wrap_fsync(int fd) {
+  char path[256] = "";
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  if (readlink(link.c_str(), path, sizeof path - 1) > 0) {
+    {
+      const std::lock_guard<std::mutex> hold(synced_guard);
+      synced += std::string(path) + " ";
+    }
+    while (disk_stands_still && strcmp(path, kHistory) == 0) {
+      usleep(1000);
+    }
+  }
+  return __real_fsync(fd);
+}
+
 namespace {
+
+std::string on_disk() {
+  const std::lock_guard<std::mutex> hold(synced_guard);
+  return synced;
+}
 
 // The image belongs to the process: a case works in a child of its own.
 class BlackBox : public Sandboxed {};
@@ -62,7 +92,7 @@ TEST_F(BlackBox, ARebootIsPrecededByTheLastEventsAndTheParkedPrograms) {
         << lines[1];
     EXPECT_TRUE(matches(lines[63], stamp + "parked loop\\?\\[2J pid 100 to 0 domain 3 exit 008b value 300"))
         << lines[63];
-    EXPECT_TRUE(matches(lines[64], stamp + "reboot asked  pid 0 to 0 domain 0 exit 0000 value 1"))
+    EXPECT_TRUE(matches(lines[64], stamp + "reboot_asked  pid 0 to 0 domain 0 exit 0000 value 1"))
         << lines[64];
     EXPECT_TRUE(matches(
         lines[65], "parked: loop\\?\\[2J pid 100 domain 3 restarts 0 exit 008b tried again in (299|300) s"))
@@ -123,6 +153,17 @@ TEST_F(BlackBox, TheHistoryIsBoundedToTwoFiles) {
   });
 }
 
+TEST_F(BlackBox, AFileThatIsLargerThanAnyOfOursIsNotKept) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    write_file(kHistory, std::string(100000, 'x'), 0600);
+    wex_keep_history("why");
+    EXPECT_LT(read_file(kHistory).size(), 1000U);
+    EXPECT_FALSE(exists(kHistoryOld));
+  });
+}
+
 TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
   const struct {
     const char* told;
@@ -158,13 +199,53 @@ TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
   }
 }
 
-TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
-  write_file(kRebootSwitch, "0\n");
+TEST_F(BlackBox, ANewHistoryIsOnTheDiskBeforeTheRebootRecordIsWritten) {
   in_child([] {
     wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
     wex_reboot("because\n", nullptr);
-    EXPECT_TRUE(list_dir("/data").empty());
+    EXPECT_EQ(0U, on_disk().find("/data/.wex_history /data /data/.wex_reboot ")) << on_disk();
+    synced.clear();
+    wex_keep_history("again");
+    EXPECT_EQ("/data/.wex_history ", on_disk()) << "its name is there";
+    synced.clear();
+    write_file(kHistory, std::string(32700, '.'), 0600);
+    wex_keep_history("turned");
+    EXPECT_EQ("/data/.wex_history /data ", on_disk());
   });
+}
+
+TEST_F(BlackBox, ADiskThatStandsStillKeepsNobodyFromTheReboot) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    disk_stands_still = true;
+    wex_reboot("first\n", nullptr);
+    EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" first\n"));
+    wex_reboot("second\n", nullptr);
+    EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" second\n"));
+    EXPECT_EQ(std::string::npos, read_file(kHistory).find("second")) << "the first is still being written";
+    disk_stands_still = false;
+    EXPECT_TRUE(eventually(
+        [] {
+          wex_keep_history("third");
+          return read_file(kHistory).find("third") != std::string::npos;
+        },
+        20s));
+    EXPECT_NE(std::string::npos, read_file(kHistory).find("first"));
+  });
+}
+
+TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
+  for (const char* const forbids : {kRebootSwitch, kNoReboot}) {
+    write_file(forbids, "0\n");
+    in_child([] {
+      wex_init_chains(&wex_chains);
+      wex_reboot("because\n", nullptr);
+      EXPECT_TRUE(list_dir("/data").empty());
+    });
+    unlink(forbids);
+  }
 }
 
 TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
@@ -182,7 +263,8 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   ASSERT_TRUE(eventually([&] {
     size_t named = 0;
     for (const std::string& tid : list_dir(tasks)) {
-      named += read_file(tasks + "/" + tid + "/comm").find("second") == 0;
+      named += read_file(tasks + "/" + tid + "/comm").find("second") == 0 &&
+               read_file(tasks + "/" + tid + "/syscall").find("running") == std::string::npos;
     }
     return named == 2;
   }));
@@ -197,6 +279,21 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   EXPECT_EQ(1U, occurrences(told, "\nwatched:\n")) << told;
   EXPECT_EQ(2U, occurrences(told, "\nnot watched:\n")) << told;
   EXPECT_EQ(2U, occurrences(told, " second?thread: state S, processor ")) << told;
+  for (const std::string& tid : list_dir(tasks)) {
+    const std::string thread = tasks + "/" + tid;
+    if (read_file(thread + "/comm").find("second") ==
+        0) {  // it pauses, so that it is in the same place still
+      const std::string call = read_file(thread + "/syscall");
+      const std::string line = "thread " + tid + " second.thread: state S, processor [0-9]+ ms, waits in " +
+                               read_file(thread + "/wchan") + ", call " + call.substr(0, call.find(' ')) +
+                               " .*";
+      const std::vector<std::string> lines = lines_of(told);
+      EXPECT_TRUE(
+          std::any_of(lines.begin(), lines.end(), [&](const std::string& one) { return matches(one, line); }))
+          << line << "\n"
+          << told;
+    }
+  }
   EXPECT_EQ(3U, occurrences(told, ", waits in ")) << told;
   EXPECT_EQ(0600U, mode_of(kHung));
 }
@@ -209,7 +306,8 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
     return true;
   });
   ASSERT_TRUE(many.ready());
-  wex_look_at_hung(many.pid(), many.pid());
+  const milliseconds taken = time_of([&] { wex_look_at_hung(many.pid(), many.pid()); });
+  EXPECT_GT(milliseconds(10 * kHungLookMs), taken);
   wex_keep_hung([](int32_t) { return false; });
   const std::string told = read_file(kHung);
   EXPECT_LE(occurrences(told, "\nthread "), 64U);

@@ -7,6 +7,7 @@
 #include <random>
 #include <thread>
 
+#include "read_calls.h"
 #include "registry_files.h"
 #include "wex_chain.h"
 #include "wex_chain_list.h"
@@ -14,6 +15,7 @@
 #include "wex_paths.h"
 
 using namespace registry;
+using wex_test::reads_of;
 
 namespace {
 
@@ -67,18 +69,6 @@ void wait_until_settled(const std::string& path) {
         return now.tv_sec > facts.st_ctim.tv_sec + 1 && now.tv_sec > facts.st_mtim.tv_sec + 1;
       },
       10s));
-}
-
-long reads_so_far() {
-  const std::string facts = read_file("/proc/thread-self/io");
-  return strtol(facts.c_str() + facts.find("syscr: ") + 7, nullptr, 10);
-}
-
-long reads_of(const std::function<void()>& work) {
-  const long idle_from = reads_so_far();
-  const long from = reads_so_far();
-  work();
-  return reads_so_far() - from - (from - idle_from);
 }
 
 struct List : RegistryWorld {

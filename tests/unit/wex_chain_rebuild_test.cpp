@@ -240,7 +240,7 @@ TEST_F(Rebuild, FileStillLockedByAnotherPostponesTheRestart) {
   EXPECT_STREQ("/bin/sleep 1000", copy->process);
 }
 
-TEST_F(Rebuild, FilesThatCannotBeReadAreToldAndStay) {
+TEST_F(Rebuild, FilesThatCannotBeReadAreReportedAndStay) {
   write_file(db_file(0, "noslash", 1), "812\n2\nnone");
   write_file(db_file(0, "nonumber", 1), "/opt/foo");
   write_file(db_file(0, "overflow", 1), "99999999999\n2\n/opt/foo");

@@ -11,6 +11,7 @@
 #include <random>
 
 #include "chain_lock.h"
+#include "pid_set.h"
 #include "registry_files.h"
 #include "verify_chain.h"
 #include "wex_clock.h"
@@ -23,8 +24,18 @@ using namespace registry;
 namespace {
 
 int32_t clock_offset = 0;
+pid_set g_expected;  // the processes whose exits are to pass since the last tidying
 
 }  // namespace
+
+void real_pass_exits_only_of(const pid_set* pids) __asm__("__real__Z22wex_pass_exits_only_ofPK7pid_set");
+void wrap_pass_exits_only_of(const pid_set* pids) __asm__("__wrap__Z22wex_pass_exits_only_ofPK7pid_set");
+void wrap_pass_exits_only_of(const pid_set* pids) {
+  if (pids != nullptr) {
+    g_expected = *pids;
+  }
+  real_pass_exits_only_of(pids);
+}
 
 // The clock of records, as these cases want it.
 extern "C" int32_t wex_clock_now(void) {
@@ -501,6 +512,19 @@ TEST_F(Chain, ReplacedPidIsRememberedForSomeSeconds) {
   EXPECT_EQ(30000813, replaced_by(30000812));
   clock_offset = kReplacedKeepSec + 2;
   EXPECT_EQ(0, replaced_by(30000812));
+}
+
+// A thread that dumped core is reported after its process.
+TEST_F(Chain, ReplacedPidStaysInTheFilterAsLongAsItIsRemembered) {
+  wex_pid* const rec = add(814);
+  adopt(rec, 815);
+  for (const bool recent : {true, false}) {
+    clock_offset = recent ? kReplacedKeepSec - 1 : kReplacedKeepSec + 2;
+    const chain_lock hold(wex_chains);
+    __wex_tidy_filter();
+    EXPECT_TRUE(g_expected.has(815));
+    EXPECT_EQ(recent, g_expected.has(814));
+  }
 }
 
 TEST_F(Chain, ReplacedPidLeadsToTheLatestOne) {

@@ -18,6 +18,7 @@
 #include "wex_core_filter.h"
 #include "wex_core_netlink.h"
 #include "wex_core_process_event.h"
+#include "wex_core_sweep_request.h"
 #include "wex_core_upkeep.h"
 #include "wex_utils.h"
 
@@ -300,6 +301,23 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
 }
 
+// As the end of any process that is reported meanwhile.
+TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramDropsItsRecordDuringATakeDown) {
+  running_thread thread;
+  const int32_t tid = thread.tid();
+  add(tid);
+  const std::string file = db_file(tid, "/bin/sleep");
+  write_file(file, std::to_string(tid) + "\n2\n/bin/sleep 1000");
+  ASSERT_EQ(0, mkdir("/tmp/vsd/5", 0777));
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  thread.end();
+  wex_take_exit_event(thread_end(tid, getpid()));
+  wex_test::remove_tree("/tmp/vsd/5");
+  EXPECT_FALSE(exists(file));
+  chain_lock hold(wex_chains);
+  EXPECT_EQ(nullptr, __wex_find_pid(&wex_chains, tid));
+}
+
 // The kernel need not report it, and may have no room to.
 TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
   running_thread thread;
@@ -345,24 +363,35 @@ TEST_F(Event, OfThreadsThatCouldNotBeLookedAtMayBeLost) {
   EXPECT_FALSE(g_asked) << "nobody wants the ends of threads any more";
 }
 
-// The record of the process itself goes as that of a program that is registered elsewhere, too.
-TEST_F(Event, OfAProcessWhoseThreadWasRegisteredIsFoundByTheSweep) {
+namespace {
+
+// A process with a thread beside its main one.
+pid_t with_a_thread(int32_t* tid) {
   int told[2];
-  ASSERT_EQ(0, pipe2(told, O_CLOEXEC));
+  EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const running_thread thread;
-    const int32_t tid = thread.tid();
-    (void)!write(told[1], &tid, sizeof tid);
+    const int32_t own = thread.tid();
+    (void)!write(told[1], &own, sizeof own);
     for (;;) {
       pause();
     }
   }
-  int32_t tid = 0;
-  ASSERT_EQ(ssize_t{sizeof tid}, read(told[0], &tid, sizeof tid));
+  EXPECT_EQ(ssize_t{sizeof *tid}, read(told[0], tid, sizeof *tid));
   close(told[0]);
   close(told[1]);
+  return child;
+}
+
+}  // namespace
+
+// The record of the process itself goes as that of a program that is registered elsewhere, too.
+TEST_F(Event, OfAProcessWhoseThreadWasRegisteredIsFoundByTheSweep) {
+  int32_t tid = 0;
+  const pid_t child = with_a_thread(&tid);
+  ASSERT_GT(child, 0);
   const wex_pid* const rec = add(tid);
   EXPECT_EQ(child, rec->thread_of);
   wex_monitor_read_until = INT32_MAX;
@@ -375,6 +404,48 @@ TEST_F(Event, OfAProcessWhoseThreadWasRegisteredIsFoundByTheSweep) {
   wex_sweep_lost_exits();
   EXPECT_NE(tid, pid_of(rec));
   EXPECT_EQ(0, rec->thread_of);
+  EXPECT_EQ(0u, rec->exit_signal) << "nobody reported the cause";
+}
+
+// A signal that ends a process ends each of its threads with the same code, and the kernel reports those.
+TEST_F(Event, OfAProcessWhoseThreadWasRegisteredHasTheCodeThatEndedTheThread) {
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    int32_t tid = 0;
+    const pid_t child = with_a_thread(&tid);
+    ASSERT_GT(child, 0);
+    const wex_pid* const rec = add(tid);
+    const std::string file = db_file(tid, "/bin/sleep");
+    write_file(file, std::to_string(tid) + "\n2\n/bin/sleep 1000");
+    send_signal(child, signal);
+    waitpid(child, nullptr, 0);
+    wex_take_sweep_request();
+    wex_take_exit_event(thread_end(tid, child, static_cast<uint32_t>(signal)));
+    EXPECT_TRUE(wex_take_sweep_request()) << "it would be found a minute later";
+    wex_monitor_read_until = INT32_MAX;
+    g_now = 1000;
+    wex_sweep_lost_exits();
+    g_now = 1000 + kSweepConfirmSec;
+    wex_sweep_lost_exits();
+    EXPECT_FALSE(exists(file));
+    if (signal == SIGTERM) {
+      chain_lock hold(wex_chains);
+      EXPECT_EQ(0, wex_chains.count) << "it was stopped on purpose";
+      EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "and was started again";
+    } else {
+      EXPECT_NE(tid, pid_of(rec));
+      EXPECT_EQ(9u, rec->exit_signal);
+      EXPECT_EQ(0u, rec->thread_code) << "the next end of it is another one";
+    }
+  }
+}
+
+// The next end of the process is another matter: a thread may end by itself, with any code.
+TEST_F(Event, OfAThreadThatEndedByItselfTellsNothingOfItsProcess) {
+  const int32_t tid = dead_pid();
+  wex_pid* const rec = add(tid);
+  wex_take_exit_event(thread_end(tid, getpid(), 15 << 8));
+  EXPECT_EQ(getpid(), rec->thread_of);
+  EXPECT_EQ(0u, rec->thread_code);
 }
 
 TEST_F(Event, OfAProcessThatGotTheIdOfAnEndedThreadIsNoEndOfTheThreadsProgram) {

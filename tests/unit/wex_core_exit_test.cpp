@@ -10,9 +10,24 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_signals_reaper.h"
+#include "wex_status_image.h"
 #include "wex_utils.h"
 
 using namespace parked;
+
+namespace {
+std::function<void()> before_third_part;
+}  // namespace
+
+extern "C" int __real__Z23wex_register_third_partiPKcP7wex_pid(int32_t pid, const char* type,
+                                                               wex_pid* memory);
+extern "C" int __wrap__Z23wex_register_third_partiPKcP7wex_pid(int32_t pid, const char* type,
+                                                               wex_pid* memory) {
+  if (before_third_part) {
+    before_third_part();
+  }
+  return __real__Z23wex_register_third_partiPKcP7wex_pid(pid, type, memory);
+}
 
 namespace {
 
@@ -46,6 +61,14 @@ void reap(pid_t child, int status) {
   wex_handle_missed_exits();
 }
 
+// Its slot in the status table.
+wex_status_slot shown(const wex_pid* rec) {
+  wex_status_slot slot = {};
+  EXPECT_TRUE(rec->status_slot > 0 &&
+              wex_status_copy_slot(static_cast<uint32_t>(rec->status_slot) - 1, &slot));
+  return slot;
+}
+
 bool registered(int32_t pid) {
   chain_lock hold(wex_chains);
   return __wex_find_pid(&wex_chains, pid) != nullptr;
@@ -71,10 +94,73 @@ TEST_F(Exit, OfARecordWithAnotherActionKeepsItAndStartsNothing) {
     EXPECT_TRUE(exists(db_file(old_pid, rec->process))) << action;
     EXPECT_EQ(9u, rec->exit_signal) << action;
     EXPECT_EQ(0, rec->check_count) << action;
+    EXPECT_EQ(0, rec->restart_failed) << action;
+    EXPECT_EQ(WEX_STATUS_DOWN, shown(rec).state) << action;
     chain_lock hold(wex_chains);
     EXPECT_EQ(rec, __wex_find_pid(&wex_chains, old_pid)) << action;
   }
-  EXPECT_TRUE(g_syslog.empty()) << "nor announced";
+  EXPECT_TRUE(g_system_log.empty()) << "nor announced";
+}
+
+TEST_F(Exit, OfAProgramThatIsNotShownStartsItAgain) {
+  std::vector<wex_pid*> others;
+  {
+    chain_lock hold(wex_chains);
+    for (int32_t number = 0; number < WEX_STATUS_SLOTS; ++number) {
+      wex_pid* const rec = wex_new_record();
+      rec->pid = 5000000 + number;
+      __wex_add_record(&wex_chains, rec);
+      others.push_back(rec);
+    }
+  }
+  const wex_pid* const rec = died(park_at(900));
+  ASSERT_EQ(0, rec->status_slot);
+  const int32_t old_pid = rec->pid;
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  EXPECT_NE(old_pid, rec->pid);
+  EXPECT_EQ(0, kill(rec->pid, 0));
+  chain_lock hold(wex_chains);
+  for (wex_pid* const other : others) {
+    __wex_drop_record(&wex_chains, other);
+  }
+}
+
+// It started itself again as another process, which ends just before it can be registered: nothing was handed
+// over, and the record comes back.
+TEST_F(Exit, OfAProgramWhoseNextProcessHasEndedTooGoesOnWithWhatIsShownOfIt) {
+  char sleep[kPathSize];  // as /proc names it
+  ASSERT_NE(nullptr, realpath("/bin/sleep", sleep));
+  const std::string program = std::string(sleep) + " 1000";
+  write_file(kThirdPartList, program + " WEX_RESTART\n");
+  wex_pid* const rec = died(park_at(900, program.c_str()));
+  wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+  wex_status_tell(WEX_STATUS_EV_RESTARTED, rec);
+  const int64_t registered_at = shown(rec).registered;
+  rec->check_start = 1000;
+  rec->check_count = 4;  // it is parked: starting it would take 5.5 s of looking for its process
+  const int32_t old_pid = rec->pid;
+  status_words before;
+  wex_status_copy_words(&before);
+  Process next;
+  ASSERT_TRUE(next.start({sleep, "1000"}));
+  const pid_t child = next.pid();
+  int32_t found = 0;
+  ASSERT_TRUE(eventually([&] { return wex_find_running(rec->process, &found) && found == child; }));
+  before_third_part = [&] { next.kill_now(); };
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  before_third_part = nullptr;
+  status_words after;
+  wex_status_copy_words(&after);
+  EXPECT_EQ(before.counters[WEX_STATUS_HANDED_OVER], after.counters[WEX_STATUS_HANDED_OVER]);
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  const wex_pid* const now = walk.next();
+  ASSERT_NE(nullptr, now);
+  EXPECT_EQ(old_pid, now->pid);
+  EXPECT_EQ(WEX_STATUS_PARKED, shown(now).state);
+  EXPECT_EQ(1U, shown(now).restarts);
+  EXPECT_EQ(registered_at, shown(now).registered);
+  EXPECT_EQ(9U, shown(now).last_exit);
 }
 
 // ---- Third-part programs that ended before they were found ------------------------------------------------
@@ -105,8 +191,8 @@ TEST_F(Exit, OfAMissedChildHasTheStatusThatTheReaperSaw) {
   EXPECT_NE(old_pid, rec->pid);
   EXPECT_EQ(11u | 0x80u, rec->exit_signal);
   EXPECT_EQ(1000, rec->crash_time) << "it counts among the crashes";
-  ASSERT_FALSE(g_syslog.empty());
-  EXPECT_NE(std::string::npos, g_syslog[0].text.find(" receives event:008b and self-checking ...\n"));
+  ASSERT_FALSE(g_system_log.empty());
+  EXPECT_NE(std::string::npos, g_system_log[0].text.find(" receives event:008b and self-checking ...\n"));
 }
 
 TEST_F(Exit, OfAMissedChildStoppedOnPurposeDropsTheProgram) {
@@ -135,7 +221,7 @@ TEST_F(Exit, OfAMissedChildMeansNothingOnceItsProgramHasBeenReplaced) {
     __wex_del_pid(&wex_chains, old_pid);
   }
   reap(4194304, 9);
-  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_TRUE(g_system_log.empty());
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
 }
 
@@ -382,6 +468,20 @@ wex_pid* living_twin(const wex_pid* rec) {
   return twin;
 }
 
+// Whether this was told of `pid` and the other process, among the last few events.
+bool was_reported(wex_status_kind kind, int32_t pid, int32_t other) {
+  status_words words;
+  wex_status_copy_words(&words);
+  for (uint32_t number = words.event_next - 4; number != words.event_next; ++number) {
+    wex_status_event event = {};
+    if (wex_status_copy_event(number, &event) && event.kind == kind && event.pid == pid &&
+        event.new_pid == other) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool is_in_registry(int32_t pid) {
   chain_lock hold(wex_chains);
   return __wex_find_pid(&wex_chains, pid) != nullptr;
@@ -417,6 +517,8 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
     wex_handle_netlink_exit(old_pid, 9, 0);
     EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
     EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
+    EXPECT_EQ(row.dead, was_reported(WEX_STATUS_EV_REPLACED, twin_pid, old_pid)) << row.name;
+    EXPECT_EQ(!row.dead, was_reported(WEX_STATUS_EV_HANDED_OVER, old_pid, twin_pid)) << row.name;
     EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";
     send_signal(twin_pid, SIGKILL);
     chain_lock hold(wex_chains);

@@ -4,10 +4,65 @@
 #include "failing_calls.h"
 #include "leak_gate.h"
 
+#include <grp.h>
 #include "watchdog_world.h"
 #include "wex_core_stop.h"
+#include "wex_status_image.h"
 
 using namespace watchdog;
+
+namespace {
+
+// What happens while the watchdog looks at a hung process, and what it finds of the process afterwards.
+std::function<void()> during_look;
+std::function<void(process_look*)> after_look;
+std::atomic<bool> looked{false};
+std::atomic<bool> hang_file_synced{false};
+std::atomic<bool> chain_held{false};
+
+bool is_free(wex_chains_t& chain) {
+  bool had = false;
+  std::thread other([&] {
+    had = pthread_mutex_trylock(&chain.mutex) == 0;
+    if (had) {
+      pthread_mutex_unlock(&chain.mutex);
+    }
+  });
+  other.join();
+  return had;
+}
+
+}  // namespace
+
+extern "C" void __real__Z16wex_look_at_hungii(int32_t pid, int32_t tid);
+extern "C" void __wrap__Z16wex_look_at_hungii(int32_t pid, int32_t tid) {
+  chain_held = chain_held || !is_free(wex_alive_chains);
+  __real__Z16wex_look_at_hungii(pid, tid);
+  looked = true;
+  if (during_look) {
+    during_look();
+  }
+}
+
+extern "C" process_look __real__Z11wex_look_ati(int32_t pid);
+extern "C" process_look __wrap__Z11wex_look_ati(int32_t pid) {
+  process_look seen = __real__Z11wex_look_ati(pid);
+  if (looked && after_look) {
+    after_look(&seen);
+  }
+  return seen;
+}
+
+extern "C" int __real_fsync(int fd);
+extern "C" int __wrap_fsync(int fd) {
+  char path[256] = "";
+  if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path - 1) > 0 &&
+      strcmp(path, kHung) == 0) {
+    hang_file_synced = true;
+    chain_held = chain_held || !is_free(wex_alive_chains);
+  }
+  return __real_fsync(fd);
+}
 
 namespace {
 
@@ -388,6 +443,72 @@ TEST_F(Watchdog, AfterAScanWithoutAHangTheFirstIsServedFirstAgain) {
       return text.substr(at, text.find('\n', at) - at);
     };
     EXPECT_EQ(target(first), target(again));
+  });
+}
+
+TEST_F(Watchdog, ThreadsMayRegisterWhileAHungProcessIsLookedAtAndWrittenAbout) {
+  in_child([] {
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 0, 120, 0});
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+    EXPECT_TRUE(looked);
+    EXPECT_TRUE(hang_file_synced);
+    EXPECT_FALSE(chain_held);
+  });
+}
+
+TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
+  const struct {
+    const char* told;
+    std::function<void(service&)> during;
+    std::function<void(process_look*)> after;
+    bool aborted;
+  } rows[] = {
+      {"nothing happens", nullptr, nullptr, true},
+      {"it ends", [](service& program) { program.end(); }, nullptr, false},
+      {"another process has its pid", nullptr, [](process_look* seen) { ++seen->start_time; }, false},
+      {"it cannot be seen", nullptr, [](process_look* seen) { seen->sight = process_look::unreadable; },
+       true},
+      {"it reports", [](service& program) { daemon_side::reset(program, 0, kShort); }, nullptr, false},
+  };
+  for (const auto& row : rows) {
+    in_child([&] {
+      service program(1);
+      const daemon_side daemon;
+      daemon.start(program, 0, {5, 0, 120, 0});
+      if (row.during) {
+        during_look = [&] { row.during(program); };
+      }
+      after_look = row.after;
+      daemon.scans(1);
+      EXPECT_TRUE(looked) << row.told;
+      EXPECT_EQ(row.aborted ? 1U : 0U, hangs_logged()) << row.told;
+      EXPECT_EQ(row.aborted, exists(kHung)) << row.told;
+      if (row.aborted) {
+        EXPECT_TRUE(program.aborted()) << row.told;
+      }
+    });
+    unlink(kNotifyLog);
+    unlink(kHung);
+  }
+}
+
+TEST_F(Watchdog, AHangIsReportedWithTheDomainOfItsProcess) {
+  in_child([] {
+    const gid_t group = 3300;
+    ASSERT_EQ(0, setgroups(1, &group));
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 0, 120, 0});
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+    wex_status_event event = {};
+    ASSERT_TRUE(wex_status_copy_event(0, &event));
+    EXPECT_EQ(uint32_t{WEX_STATUS_EV_HANG}, event.kind);
+    EXPECT_EQ(program.pid(), event.pid);
+    EXPECT_EQ(3, event.domain);
   });
 }
 

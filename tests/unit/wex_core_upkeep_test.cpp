@@ -3,9 +3,11 @@
 
 #include "delay_world.h"
 #include "dying_process.h"
+#include "wex_core_exit.h"
 #include "wex_core_files.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_third_part.h"
+#include "wex_status_image.h"
 
 using namespace delay_world;
 
@@ -25,6 +27,18 @@ TEST_F(Delay, AVanishedProcessIsRestartedOnlyWhenItHasBeenGoneForAWhileAndTheMon
   EXPECT_NE(pid, present_pid(rec));
   EXPECT_EQ(0u, rec->exit_signal) << "the cause is unknown";
 }
+
+namespace {
+
+// Children that end by themselves, as restart scripts do.
+void other_ends(int count) {
+  const spawn_guard guard;
+  for (int at = 0; at < count; ++at) {
+    wex_note_child_end(1000000 + at, static_cast<uint64_t>(at), 0);
+  }
+}
+
+}  // namespace
 
 TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
   for (const int sig : {SIGTERM, SIGKILL}) {
@@ -46,6 +60,7 @@ TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
           return !wex_pid_exists(child);
         },
         20s));
+    other_ends(200);
     sweep_twice();
     if (sig == SIGTERM) {
       EXPECT_EQ(0, count(wex_chains)) << "it was stopped on purpose";
@@ -54,6 +69,41 @@ TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
       EXPECT_EQ(static_cast<uint32_t>(SIGKILL), rec->exit_signal);
     }
   }
+}
+
+// Between the look that found it lost and its handling its domain may be taken down, or its exit come after
+// all.
+TEST_F(Delay, ALostExitIsToldOnlyWhenItIsHandledAsOne) {
+  status_words begin;
+  wex_status_copy_words(&begin);
+  const auto told = [&begin] {
+    std::string codes;
+    status_words words;
+    wex_status_copy_words(&words);
+    for (uint32_t number = begin.event_next; number != words.event_next; ++number) {
+      wex_status_event event = {};
+      if (wex_status_copy_event(number, &event) && event.kind == WEX_STATUS_EV_LOST_EXIT) {
+        codes += std::to_string(event.exit_code) + " ";
+      }
+    }
+    return codes;
+  };
+  const int32_t pid = dead_pid();
+  const wex_pid* const rec = add(pid);
+  wex_handle_lost_exit(pid, 9, rec->start_time + 1);
+  EXPECT_EQ(pid, present_pid(rec)) << "another process had that pid";
+  EXPECT_EQ("", told());
+  wex_handle_lost_exit(pid, 9, rec->start_time);
+  EXPECT_NE(pid, present_pid(rec));
+  EXPECT_EQ("9 ", told());
+  wex_handle_lost_exit(pid, 9, rec->start_time);
+  EXPECT_EQ("9 ", told());
+  const int32_t taken_down = dead_pid();
+  add(taken_down);
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  sweep_twice();
+  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
+  EXPECT_EQ("9 ", told()) << "it was dropped with its domain";
 }
 
 TEST_F(Delay, ALostCrashOfAChildCountsAsOneButNotThatOfAnotherProcessWithItsPid) {

@@ -81,7 +81,9 @@ class Reboot : public Sandboxed {
   }
   static void expect_nothing_happened() {
     EXPECT_FALSE(exists(kRebootLog));
+    EXPECT_FALSE(exists(kHistory));
     EXPECT_EQ("", read_file(kRebootSeconds));
+    EXPECT_EQ(std::string::npos, (read_file(kRunningLog1) + read_file(kRunningLog2)).find("Reboot:"));
   }
 };
 
@@ -482,19 +484,41 @@ TEST_F(RebootRecord, AnEntryIsAppendedWithItsTime) {
   wex_log_record_reboot_info("/data/none/record", "lost");
 }
 
+namespace {
+
+// What was renamed: its kind, of a file what it holds; empty when nothing was.
+std::string renamed_aside() {
+  std::string found;
+  for (const std::string& name : list_dir("/data")) {
+    if (name.compare(0, 6, "aside-") == 0 && name.substr(name.size() - 7) == "-record") {
+      struct stat facts = {};
+      const std::string path = "/data/" + name;
+      EXPECT_EQ(0, lstat(path.c_str(), &facts));
+      found += S_ISREG(facts.st_mode)   ? without_times(read_file(path))
+               : S_ISDIR(facts.st_mode) ? "a directory"
+               : S_ISLNK(facts.st_mode) ? "a link"
+                                        : "something else";
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
 TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
   const struct {
     const char* told;
     std::function<void()> make;
-    const char* kept;  // what it held before
+    const char* aside;  // what is there afterwards under another name
   } rows[] = {
-      {"directory", [] { EXPECT_EQ(0, mkdir("/data/record", 0755) + mkdir("/data/record/d", 0755)); }, ""},
+      {"directory", [] { EXPECT_EQ(0, mkdir("/data/record", 0755) + mkdir("/data/record/d", 0755)); },
+       "a directory"},
       {"FIFO", [] { EXPECT_EQ(0, mkfifo("/data/record", 0777)); }, ""},
       {"link",
        [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record") + lchown("/data/record", kOtherUser, 0)); },
-       ""},
-      {"root's link", [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record")); }, ""},
-      {"second name", [] { EXPECT_EQ(0, link("/data/old", "/data/record")); }, ""},
+       "a link"},
+      {"root's link", [] { EXPECT_EQ(0, symlink("/data/victim", "/data/record")); }, "a link"},
+      {"second name", [] { EXPECT_EQ(0, link("/data/old", "/data/record")); }, "T before\n"},
       {"a file that we keep locked", [] { EXPECT_EQ(0, link("/data/locked", "/data/record")); }, ""},
   };
   for (const auto& row : rows) {
@@ -504,9 +528,10 @@ TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
     note_locked_file(locked.get());
     row.make();
     wex_log_record_reboot_info("/data/record", "why");
-    EXPECT_EQ(row.kept + std::string("T why\n"), without_times(read_file("/data/record"))) << row.told;
+    EXPECT_EQ("T why\n", without_times(read_file("/data/record"))) << row.told;
     EXPECT_EQ("precious", read_file("/data/victim")) << row.told;
     EXPECT_EQ("T before\n", without_times(read_file("/data/old"))) << row.told;
+    EXPECT_EQ(row.aside, renamed_aside()) << row.told;
     EXPECT_EQ(0, system("rm -rf /data/*"));
   }
 }

@@ -15,6 +15,7 @@
 #include "wex_core_long_delay.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -285,7 +286,7 @@ TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead
   EXPECT_EQ(program, find(wex_chains, lying.pid())->process);
 }
 
-TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
+TEST_F(Registry, ALongDelayIsReportedInTheRunningLogOnce) {
   const sleeper patient;
   const sleeper quick;
   const wex_reg_info long_delay = body_of(patient.pid(), 0, 3601);
@@ -302,7 +303,7 @@ TEST_F(Registry, ALongDelayIsToldInTheRunningLogOnce) {
 }
 
 // Whatever command lines a user chooses, one line a minute is written.
-TEST_F(Registry, LongDelaysOfManyProgramsAreToldInOneLineAMinute) {
+TEST_F(Registry, LongDelaysOfManyProgramsAreReportedInOneLineAMinute) {
   g_clock_ahead_sec += 60;  // an earlier case may have been told of within this minute
   for (int at = 0; at < kLongDelayNotes + 4; ++at) {
     wex_note_long_delay(text_of("/bin/p%d x", at % 2 == 0 ? at : 1).c_str(), 1000 + at, 7200);
@@ -321,6 +322,19 @@ TEST_F(Registry, LongDelaysOfManyProgramsAreToldInOneLineAMinute) {
   EXPECT_LT(log.find("Process 1019 "), log.find("Process 1002 "));
 }
 
+namespace {
+
+// Whether the last thing told before the registration of `pid` is that it took the place of `old_pid`.
+bool told_to_replace(int32_t old_pid, int32_t pid) {
+  status_words words;
+  wex_status_copy_words(&words);
+  wex_status_event event = {};
+  return wex_status_copy_event(words.event_next - 2, &event) && event.kind == WEX_STATUS_EV_REPLACED &&
+         event.pid == old_pid && event.new_pid == pid;
+}
+
+}  // namespace
+
 TEST_F(Registry, ALivingProcessReplacesTheDeadRecordOfItsProgram) {
   const sleeper process;
   wex_pid* const dead = add(wex_chains, end_of_a_pid(), process.command().c_str());
@@ -330,8 +344,10 @@ TEST_F(Registry, ALivingProcessReplacesTheDeadRecordOfItsProgram) {
   elsewhere->vsd = 4;
   const std::string file = text_of(kDbFileFmt, 0, program_of(process.command()).c_str(), dead->pid);
   std::ofstream(file) << "x";
+  const int32_t dead_pid = dead->pid;
   const wex_reg_info body = body_of(process.pid());
   EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_TRUE(told_to_replace(dead_pid, process.pid()));
   EXPECT_EQ(2, wex_chains.count);
   EXPECT_EQ(elsewhere, find(wex_chains, elsewhere->pid));
   EXPECT_NE(nullptr, find(wex_chains, process.pid()));
@@ -358,6 +374,7 @@ TEST_F(Registry, TheIdOfAnEndedThreadCanBeRegisteredByTheProcessThatHasIt) {
     std::ofstream(old_file) << "x";
     const wex_reg_info body = body_of(process.pid());
     EXPECT_EQ(0, wex_process_restart(&body));
+    EXPECT_TRUE(told_to_replace(process.pid(), process.pid()));
     ASSERT_EQ(1, wex_chains.count) << command;
     EXPECT_EQ(0, find(wex_chains, process.pid())->thread_of);
     EXPECT_EQ(command == process.command(), exists(old_file)) << "the process may have made it";

@@ -143,7 +143,7 @@ TEST_F(CommandLine, ShowListsTheDomains) {
   }
 }
 
-TEST_F(CommandLine, DeleteOfAMissingDomainIsToldAndUnderstood) {
+TEST_F(CommandLine, DeleteOfAMissingDomainIsReportedAndUnderstood) {
   for (const char* word : {"-d", "--delete"}) {
     const outcome result = run({"wex", word, "9"});
     EXPECT_EQ("[WEX:wex_opt:N]delete 9 vsd fail, error =No such file or directory.\n", result.text);
@@ -151,7 +151,7 @@ TEST_F(CommandLine, DeleteOfAMissingDomainIsToldAndUnderstood) {
   }
 }
 
-TEST_F(CommandLine, AddToAMissingDomainIsToldAndReturns) {
+TEST_F(CommandLine, AddToAMissingDomainIsReportedAndReturns) {
   const std::pair<const char*, const char*> rows[] = {
       {"9", "9"}, {"abc", "0"}, {"-4", "-4"}, {"7x", "7"}, {"99999999999", "2147483647"}};
   for (const auto& [word, number] : rows) {

@@ -295,7 +295,7 @@ TEST_F(Pidfile, FileThatCannotBeLockedIsWrittenAllTheSameAndItsDescriptorKept) {
       << output.text();
 }
 
-TEST_F(Pidfile, FileThatCannotBeFilledIsToldAndLockedAllTheSame) {
+TEST_F(Pidfile, FileThatCannotBeFilledIsReportedAndLockedAllTheSame) {
   const std::string dir = db_dir(5);
   ASSERT_EQ(0, mount("none", dir.c_str(), "tmpfs", 0, "size=4k"));
   write_file(dir + "/full", std::string(4096, 'f'));
@@ -357,7 +357,7 @@ TEST_F(Pidfile, OnlyKind1IsRespawn) {
   }
 }
 
-TEST_F(Pidfile, FailedRegistrationIsToldAndMakesNoFlag) {
+TEST_F(Pidfile, FailedRegistrationIsReportedAndMakesNoFlag) {
   ASSERT_EQ(0, rmdir(db_dir(4).c_str()));
   captured_output output;
   const wex_reg_info body = message(4, 55, "/a/foo");
@@ -534,7 +534,7 @@ TEST_F(Pidfile, ReaderSaysWhyButNotForAMissingSlash) {
   EXPECT_NE(std::string::npos, output.text().find("[wex_pidfile]wex_read_pidfile: read pid fail: "));
 }
 
-TEST_F(Pidfile, FileThatCannotBeReadIsToldAndRefused) {
+TEST_F(Pidfile, FileThatCannotBeReadIsReportedAndRefused) {
   write_file(db_file(0, "foo", 77), "77\n2\n/a/foo");
   wex_pid* const rec = record(1, 5, "/a/kept");
   const auto read_it = [&] { return wex_read_pidfile(db_file(0, "foo", 77).c_str(), rec) == 0 ? 0 : 1; };

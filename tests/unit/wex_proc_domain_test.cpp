@@ -2,6 +2,7 @@
 #include <grp.h>
 
 #include "failing_calls.h"
+#include "file_mark.h"
 #include "proc_world.h"
 #include "wex_child.h"
 #include "wex_flag_file.h"
@@ -16,6 +17,12 @@ constexpr long kSetGroupsCall = SYS_setgroups;
 #endif
 
 namespace {
+
+file_mark mark_of_dir(int domain) {
+  struct stat facts = {};
+  EXPECT_EQ(0, stat(domain_dir(domain).c_str(), &facts));
+  return mark_of(facts);
+}
 
 TEST_F(ProcWorld, AProcessIsFoundInTheLowestDomainThatHasItsFlagFile) {
   make_domain(3);
@@ -32,6 +39,25 @@ TEST_F(ProcWorld, AFlagFileIsFoundWithoutReadingItsCrowdedDirectory) {
   make_domain(3);
   write_file(domain_dir(3) + "/812", "");
   EXPECT_EQ(3, run_failing({"getdents64:error=EIO"}, [] { return find_app(812); }));
+}
+
+// Anybody may fill it, and the caller holds the registry. The odd name in the other domain takes two calls.
+TEST_F(ProcWorld, ACrowdedDirectoryIsListedOnceAndNotToItsEnd) {
+  const auto found = [](int32_t pid) { return [pid] { return find_app(pid); }; };
+  make_domain(3);
+  make_domain(4);
+  write_file(domain_dir(4) + "/0812", "");
+  for (int pid = 100000; pid < 110000; ++pid) {
+    write_file(domain_dir(3) + "/" + std::to_string(pid), "");
+  }
+  EXPECT_EQ(4, run_failing({"getdents64:signal=SIGKILL:when=6+"}, found(812))) << "it is read to its end";
+  ASSERT_TRUE(eventually([] { return has_settled(mark_of_dir(3)) && has_settled(mark_of_dir(4)); }, 20s));
+  EXPECT_EQ(-1, find_app(813));
+  EXPECT_EQ(4, run_failing({"getdents64:signal=SIGKILL:when=3+"}, found(812))) << "it is read again";
+  remove_tree(domain_dir(3));
+  make_domain(3);
+  write_file(domain_dir(3) + "/0812", "");
+  EXPECT_EQ(3, find_app(812)) << "it has changed";
 }
 
 TEST_F(ProcWorld, TheMainSystemHasNoFlagFiles) {

@@ -23,10 +23,13 @@ TEST_F(ProcWorld, TheFifthRestartWithinTheWindowIsParkedWithoutAFork) {
   EXPECT_EQ(1119, rec->check_start);
   EXPECT_EQ(5, rec->check_count);
   EXPECT_EQ(812, rec->pid);
+  ASSERT_EQ(1u, g_system_log.size());
+  const system_log_call& said = g_system_log[0];
   EXPECT_EQ(
-      texts{"5 HA HA_WAIT_SELF_CHECK 1 Task: true had checked more than 5 times. After 5 mimutes, task will "
-            "finish self-checking.\n"},
-      g_system_log);
+      (texts{"5", "HA", "HA_WAIT_SELF_CHECK", "1",
+             "Task: true had checked more than 5 times. After 5 mimutes, task will finish self-checking.\n"}),
+      (texts{std::to_string(said.severity), said.facility, said.mnemonic, std::to_string(said.flag),
+             said.text}));
   const unsigned left = alarm(0);
   EXPECT_GE(left, 299u);
   EXPECT_LE(left, 300u);
@@ -92,7 +95,7 @@ TEST_F(ProcWorld, TheEarlierOfTwoAlarmsHolds) {
   EXPECT_NEAR(300, alarm_after_parking(0), 1);
   write_file("/debug_time", "120\n");
   EXPECT_NEAR(120, alarm_after_parking(299), 1);
-  EXPECT_NE(std::string::npos, g_system_log.back().find("After 2 mimutes,"));
+  EXPECT_NE(std::string::npos, g_system_log.back().text.find("After 2 mimutes,"));
 }
 
 TEST_F(ProcWorld, TheParkedProgramIsNamedWithoutItsDirectory) {
@@ -100,7 +103,8 @@ TEST_F(ProcWorld, TheParkedProgramIsNamedWithoutItsDirectory) {
   rec->check_start = g_now;
   rec->check_count = 4;
   EXPECT_EQ(-1, spawn(rec.get()).result);
-  EXPECT_NE(std::string::npos, g_system_log.back().find("Task: app.conf had checked")) << g_system_log.back();
+  EXPECT_NE(std::string::npos, g_system_log.back().text.find("Task: app.conf had checked"))
+      << g_system_log.back().text;
 }
 
 std::string reboot_record_after_parking(int32_t reboot_allow, int32_t since, const std::string& command) {

@@ -495,6 +495,24 @@ TEST(InnerRecv, TakesAllDescriptorsThatARecordCanCarry) {
   EXPECT_EQ(before, count_descriptors());
 }
 
+namespace {
+
+// 1 when the socket takes descriptors, 0 when it refuses them, -1 where the kernel does not know the option.
+int takes_descriptors(const unique_fd& sd) {
+  int taken = 1;
+  socklen_t size = sizeof taken;
+  return getsockopt(sd.get(), SOL_SOCKET, SO_PASSRIGHTS, &taken, &size) == 0 ? taken : -1;
+}
+
+}  // namespace
+
+TEST(ControlSocket, RefusesDescriptorsWhereTheKernelCan) {
+  const unique_fd sample(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const int none = 0;
+  setsockopt(sample.get(), SOL_SOCKET, SO_PASSRIGHTS, &none, sizeof none);
+  EXPECT_EQ(takes_descriptors(sample), takes_descriptors(wex_open_control_socket()));
+}
+
 // The record behind an empty one is discarded as well: the kernel would do it at the close, and wait.
 TEST(ControlSocket, IsEmptiedBeforeItIsClosed) {
   socket_pair pair;

@@ -10,6 +10,8 @@
 
 #include "control_peer.h"
 #include "injection.h"
+#include "lingering_socket.h"
+#include "received_descriptors.h"
 #include "unique_fd.h"
 #include "wex_limits.h"
 
@@ -22,6 +24,7 @@ const leaves_behind kConnection(kDescriptors, "socket:", 1,
 
 injection g_calloc;
 injection g_poll;
+std::atomic<bool> g_takes_descriptors{false};  // as before Linux 6.16
 std::atomic<short> g_poll_says{0};  // what a poll for one second finds instead of looking; 0: it looks
 
 }  // namespace
@@ -30,6 +33,14 @@ extern "C" {
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
   return g_calloc.now() ? nullptr : __real_calloc(count, size);
+}
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+  if (g_takes_descriptors && name == SO_PASSRIGHTS) {
+    errno = ENOPROTOOPT;
+    return -1;
+  }
+  return __real_setsockopt(fd, level, name, value, size);
 }
 int __real_poll(pollfd* entries, nfds_t count, int milliseconds);
 int __wrap_poll(pollfd* entries, nfds_t count, int milliseconds) {
@@ -128,6 +139,23 @@ TEST(Rpc, ConnectsAnewWhenAnAcknowledgementWasLeftUnread) {
       out.has(text_of("]wex_check_socket <0: pid=%d, tid=%ld\r\n", getpid(), static_cast<long>(gettid()))));
   EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
   EXPECT_TRUE(old.receive().closed);
+}
+
+// Whoever can replace the control socket may send along what blocks whoever closes it last.
+TEST(Rpc, GivesUpAConnectionAtOnceWhateverLiesUnreadInIt) {
+  const daemon_end daemon;
+  g_takes_descriptors = true;
+  EXPECT_EQ(0, wex_rpc(1, nullptr, nullptr, 0, 0, 0));
+  g_takes_descriptors = false;
+  const peer old = daemon.accept();
+  old.receive();
+  const wex_inner_msg record = {};
+  const lingering_socket lingering(60);
+  ASSERT_TRUE(send_descriptor(old.fd(), &record, sizeof record, lingering.take())) << strerror(errno);
+  const auto start = clock::now();
+  EXPECT_EQ(0, wex_rpc(2, nullptr, nullptr, 0, 0, 0));
+  EXPECT_LT(seconds_since(start), 20);
+  EXPECT_EQ(2U, daemon.accept().receive().header.msg_type);
 }
 
 TEST(Rpc, ConnectsAnewAfterADaemonRestart) {

@@ -56,13 +56,13 @@ TEST_F(Parked, ADeadlinePassedRestartsTheProgramAndSaysSo) {
   EXPECT_EQ(1, rec->reboot_allow);
   EXPECT_EQ(1000, rec->reboot_ref_time);
   EXPECT_EQ(0u, alarm(0)) << "nothing waits any more";
-  ASSERT_EQ(1u, g_syslog.size());
-  EXPECT_EQ(5, g_syslog[0].severity);
-  EXPECT_EQ("HA", g_syslog[0].facility);
-  EXPECT_EQ("HA_SELF_CHECK_INFO", g_syslog[0].mnemonic);
-  EXPECT_EQ(1, g_syslog[0].flag);
+  ASSERT_EQ(1u, g_system_log.size());
+  EXPECT_EQ(5, g_system_log[0].severity);
+  EXPECT_EQ("HA", g_system_log[0].facility);
+  EXPECT_EQ("HA_SELF_CHECK_INFO", g_system_log[0].mnemonic);
+  EXPECT_EQ(1, g_system_log[0].flag);
   EXPECT_EQ("Self-checking OK: 1 times and new id sleep 1000/" + std::to_string(rec->pid) + ".\n",
-            g_syslog[0].text);
+            g_system_log[0].text);
   chain_lock hold(wex_chains);
   EXPECT_EQ(rec, __wex_find_pid(&wex_chains, rec->pid));
   EXPECT_EQ(nullptr, __wex_find_pid(&wex_chains, old_pid));
@@ -74,10 +74,10 @@ TEST_F(Parked, AScriptIsRestartedThroughItsScriptAndHasItsOwnMnemonic) {
   const int32_t old_pid = rec->pid;
   wex_alrm_handler(SIGALRM);
   ASSERT_NE(old_pid, rec->pid);
-  ASSERT_EQ(1u, g_syslog.size());
-  EXPECT_EQ("HA_SCRIPT_SELF_CHECK_INFO", g_syslog[0].mnemonic);
+  ASSERT_EQ(1u, g_system_log.size());
+  EXPECT_EQ("HA_SCRIPT_SELF_CHECK_INFO", g_system_log[0].mnemonic);
   EXPECT_EQ("Self-checking OK: 1 times and new id gadget/" + std::to_string(rec->pid) + ".\n",
-            g_syslog[0].text);
+            g_system_log[0].text);
 }
 
 TEST_F(Parked, TheShorterDelayIsReadAgainWhenTheAlarmFires) {
@@ -139,7 +139,7 @@ TEST_P(ParkedTwin, ThatRunsAgainByOtherMeansIsDroppedNotRestarted) {
   EXPECT_EQ(other, __wex_find_pid(&wex_chains, other->pid));
   EXPECT_EQ(1, wex_chains.count);
   EXPECT_FALSE(exists(file));
-  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_TRUE(g_system_log.empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Actions, ParkedTwin, ::testing::Values(RESPAWN, SHELL_RESTART, 7));
@@ -193,7 +193,7 @@ TEST_F(Parked, AThirdPartProgramThatIsNotFoundKeepsItsOldPidAndIsNotWaitedForAga
   EXPECT_EQ(0, rec->alarm_wait_flag);
   EXPECT_EQ(1, rec->restart_failed) << "its next life must be able to take its place";
   EXPECT_EQ(0u, alarm(0));
-  EXPECT_TRUE(g_syslog.empty());
+  EXPECT_TRUE(g_system_log.empty());
 }
 
 // ---- reboot -----------------------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include "dying_process.h"
 #include "failing_allocator.h"
 #include "file_lock.h"
+#include "read_calls.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "unique_fd.h"
@@ -46,19 +47,6 @@ std::string cmdline(pid_t pid, size_t size) {
   char* const result = pid_to_cmdline(pid, buffer.data(), size);
   EXPECT_EQ('#', buffer[size]) << "written behind the buffer";
   return result == nullptr ? "<null>" : result;
-}
-
-// Reading calls of this thread so far, this one's own included.
-long reads_so_far() {
-  const std::string facts = read_file("/proc/thread-self/io");
-  return strtol(facts.c_str() + facts.find("syscr: ") + 7, nullptr, 10);
-}
-
-long reads_of(const std::function<void()>& work) {
-  const long idle_from = reads_so_far();
-  const long from = reads_so_far();
-  work();
-  return reads_so_far() - from - (from - idle_from);
 }
 
 void copy_program(const char* from, const char* to) {

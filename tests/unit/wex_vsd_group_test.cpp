@@ -82,7 +82,7 @@ TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
   EXPECT_TRUE(tasks_of(kCpuTasksFmt, 13).empty());
 }
 
-TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyTold) {
+TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyReported) {
   make_flag_dir(13);
   make_flag_file(13, 4194304);
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });

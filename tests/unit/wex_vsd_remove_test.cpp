@@ -255,7 +255,7 @@ TEST_F(RemovalOfDomains, EachOperationRemovesItsOwnDirectoriesOnly) {
   EXPECT_EQ(5u, left(13).size());
 }
 
-TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsToldOnceWithItsPath) {
+TEST_F(RemovalOfDomains, WhatCannotBeRemovedIsReportedOnceWithItsPath) {
   make_dirs("/etc/vsd/13/busy");
   make_dirs("/ovix/vsd/0/utils/wex");
   unlink(kRunningLog1);

@@ -173,14 +173,14 @@ TEST_F(BareRoot, EveryLineThatMatchesSelectsAndIsPrinted) {
   EXPECT_EQ(line + line, printed_inside([] { return kill_proc_by_groups(SIGTERM, 3977) == 0; }));
 }
 
-TEST_F(BareRoot, ProcessZeroIsToldAndNeverSignalled) {
+TEST_F(BareRoot, ProcessZeroIsReportedAndNeverSignalled) {
   put_process("0", "Groups:\t3977\n");
   const std::string text = printed_inside([] { return kill_proc_by_groups(0, 3977) == 0; });
   EXPECT_EQ(0U, text.find("[WEX:wex_vsd:N]kill_proc_by_groups: atoi proc: ")) << text;
   EXPECT_EQ(std::string::npos, text.find("delete vsd:")) << text;
 }
 
-TEST_F(BareRoot, AGroupThatIsNoneIsToldAndTheProcessSignalled) {
+TEST_F(BareRoot, AGroupThatIsNoneIsReportedAndTheProcessSignalled) {
   put_process("4194305", "Groups:\t-100\n");
   const std::string text = printed_inside([] { return kill_proc_by_groups(SIGTERM, -100) == 0; });
   EXPECT_EQ(0U, text.find("[WEX:wex_vsd:N]kill_proc_by_groups: atoi fail: ")) << text;

@@ -450,7 +450,7 @@ TEST(SpawnByUser, EndsTheChildWithStatusOneWhenNothingCanBeExecuted) {
   }
 }
 
-TEST(SpawnByUser, AForkThatFailsIsToldAndTriedAgainAfterFiveSeconds) {
+TEST(SpawnByUser, AForkThatFailsIsReportedAndTriedAgainAfterFiveSeconds) {
   const control::printed out;
   const auto start = clock::now();
   EXPECT_EQ(0, run_failing({"clone,clone3,fork,vfork:error=EAGAIN:when=1"}, [] {

@@ -104,6 +104,15 @@ TEST_F(WexstatHealth, TheCheckNamesWhatIsWrong) {
   const answer trouble = checked(read_back(table));
   EXPECT_EQ("1 down: gone; 5 parked: a, b\\x0a, c and 2 more; 1 postponed: held", trouble.text);
   EXPECT_EQ(1, trouble.status);
+  table.head.counters[WEX_STATUS_NOT_SHOWN] = 5;
+  table.head.counters[WEX_STATUS_HIDDEN_TROUBLES] = 2;
+  EXPECT_EQ(trouble.text + "; 2 not shown: parked, postponed or down", checked(read_back(table)).text);
+  table.slots.clear();
+  EXPECT_EQ("2 not shown: parked, postponed or down", checked(read_back(table)).text);
+  EXPECT_EQ(1, checked(read_back(table)).status);
+  table.head.counters[WEX_STATUS_HIDDEN_TROUBLES] = 0;
+  EXPECT_EQ("well: 0 supervised; 5 registrations are not shown", checked(read_back(table)).text);
+  EXPECT_EQ(0, checked(read_back(table)).status);
   EXPECT_EQ(2, checked(read_back(table), daemon_state::stuck).status);
   EXPECT_EQ("wex is stuck: TEXT", checked(read_back(table), daemon_state::stuck).text);
   for (const auto state :

@@ -78,7 +78,7 @@ TEST_F(WexstatMachines, JsonHoldsWhatTheTableHolds) {
       "parked True None\n"
       "4 3 2 running None\n"
       "13 112 113\n"
-      "19 daemon_started daemon_ended\n"
+      "20 daemon_started replaced\n"
       "wex_delay_resta\n",
       python({"it['schema'], it['check'], it['daemon']['state']",
               "all[0]['name'] == 'a\"b\\\\c\\nd\\x01\\ufffd\\u00e4'", "all[0]['last_exit']",

@@ -83,6 +83,23 @@ TEST_F(WexstatTable, TheHeadlineTellsOfTheDaemonAndTotals) {
             headline_of(table, daemon_state::dead));
 }
 
+TEST_F(WexstatTable, AProgramIsFoundByANameThatIsLongerThanItsField) {
+  const std::string name = "0123456789abcdef0123456789abcdef-service";
+  status_table table;
+  wex_status_slot& slot = table.add(name);
+  slot.pid = getpid();
+  table.add_event(WEX_STATUS_EV_REGISTERED, name, slot.pid);
+  table.save();
+  for (const size_t length : {size_t{32}, name.size()}) {
+    const std::string asked = name.substr(0, length);
+    EXPECT_EQ(0, wexstat(asked).status);
+    EXPECT_EQ(1U, lines_of(wexstat("--history 5 " + asked).text).size());
+    EXPECT_EQ(0, wexstat("--wait " + asked + " --timeout 0").status);
+  }
+  EXPECT_EQ(1, wexstat(name.substr(0, 31)).status);
+  EXPECT_EQ(1, wexstat("0123456789abcdef0123456789abcdeX-service").status);
+}
+
 TEST_F(WexstatTable, ATerminalsWidthAndHeightHold) {
   status_table table;
   for (int i = 0; i < 20; ++i) {

@@ -31,8 +31,8 @@ class terminal {
   terminal(const terminal&) = delete;
   terminal& operator=(const terminal&) = delete;
 
-  void start() {
-    const std::string command = "exec " + binary() + " --watch 1";
+  void start(const std::string& arguments = "--watch 1", const char* no_color = "") {
+    const std::string command = "exec " + binary() + " " + arguments;
     pid_ = fork();
     if (pid_ == 0) {
       setsid();
@@ -41,6 +41,7 @@ class terminal {
         dup2(other_.get(), fd);
       }
       setenv("TERM", "linux", 1);
+      setenv("NO_COLOR", no_color, 1);
       execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
@@ -90,6 +91,19 @@ class terminal {
 using WexstatWatch = WexstatWorld;
 
 }  // namespace
+
+TEST_F(WexstatWatch, ATerminalHasColoursUnlessNoColorIsSet) {
+  status_table table;
+  table.add("app", WEX_STATUS_DOWN);
+  table.save();
+  for (const char* no_color : {"", "1"}) {
+    terminal one;
+    one.start("app", no_color);
+    EXPECT_EQ(0, one.wait());
+    EXPECT_NE(std::string::npos, one.screen().find("app, pid 1000: down")) << one.screen();
+    EXPECT_EQ(*no_color == '\0', one.screen().find("\033[") != std::string::npos) << one.screen();
+  }
+}
 
 TEST_F(WexstatWatch, ItRedrawsInPlaceAndEndsOnQOrControlC) {
   for (const char key : {'q', '\x03'}) {

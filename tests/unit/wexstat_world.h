@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "shell_answer.h"
 #include "status_table.h"
 #include "unit_support.h"
 #include "wexstat_health.h"
@@ -16,25 +17,6 @@ namespace wexstat_test {
 using namespace unit;
 
 inline constexpr char kTable[] = "/dev/shm/wex-status";
-
-struct answer {
-  int status;  // exit status, -1 when a signal ended it
-  std::string text;
-};
-
-// The output of a command for the shell, errors included unless it leads them elsewhere.
-inline answer shell(const std::string& command) {
-  answer out = {-1, ""};
-  FILE* const pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-  char buffer[65536];
-  size_t got;
-  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    out.text.append(buffer, got);
-  }
-  const int status = pipe != nullptr ? pclose(pipe) : -1;
-  out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
-}
 
 // The program, behind the emulator that runs it where this machine cannot.
 inline std::string binary() {

@@ -4,14 +4,7 @@
 # seconds: 240
 . /test/lib.sh
 wex=$(daemon)
-n=0
-while [ $n -lt 20 ]; do
-  n=$((n + 1))
-  start /usr/bin/stamp /tmp/stamp.$n
-done
-all_there() { [ "$(ls /tmp/stamp.*[0-9] 2> /dev/null | wc -l)" = 20 ]; }
-check "20 services did not start" eventually 60 all_there
-sleep 2
+start_stamps
 for n in 1 2 3 4 5 6 7 8 9; do
   restart_cost instructions /tmp/stamp.$n >> /tmp/instructions || fail "service $n was not restarted"
   sleep 1

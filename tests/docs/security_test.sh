@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Whatever docs/security.md names as the repetition of a row is there: cases of the sources by the beginning of their
+# name, cases of the device, tests and commands by their name.
+set -u
+. "$(dirname "$0")/lib.sh"
+
+# The texts in back ticks of the third column of the table at the end of PAGE.
+repetitions() { sed -n '/^## What was tried/,$p' "$1" | sed -nE 's/^\| .* \| .* \| (.*) \|$/\1/p' | grep -oE '`[^`]+`' | tr -d '`'; }
+
+cases_of "$root/tests" > "$work/cases"
+is_there() {
+  case $1 in
+    "./dev "*) grep -qE "^  ${1#./dev }( |\$)" <("$root/dev" help) ;;
+    "tools/device "*) [ -e "$root/tests/device/cases/${1#tools/device }.sh" ] ;;
+    sandbox.*) grep -rqF "NAME $1 " "$root"/tests/*/CMakeLists.txt ;;
+    */*) grep -q "^${1#*/}" "$work/cases" && grep -rqE "INSTANTIATE_TEST_SUITE_P\(${1%%/*}, ${1#*/}," "$root/tests" ;;
+    *.*) grep -q "^$1" "$work/cases" ;;
+    *) grep -q "^$1\." "$work/cases" ;;
+  esac
+}
+repetitions "$root/docs/security.md" > "$work/named"
+[ "$(wc -l < "$work/named")" -ge 40 ] || complain "only $(wc -l < "$work/named") repetitions were found"
+while IFS= read -r name; do
+  is_there "$name" || complain "docs/security.md: there is no $name"
+done < "$work/named"
+
+for name in NoSuchSuite ControlChannel.NoSuchCase tools/device\ no-case ./dev\ nothing sandbox.nothing No/ManyDead; do
+  is_there "$name" && complain "a repetition $name, which is not there, is not noticed"
+done
+finish

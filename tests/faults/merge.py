@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Puts results of the drivers into bench/reliability.json, where each owns its key, and their table into docs/reliability.md.
+
+Usage: merge.py RESULT...: several results of one driver, each of a part of its places (--skip), are added up.
+"""
+import collections
+import json
+import os
+import sys
+
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
+FIGURES = os.path.join(ROOT, "bench/reliability.json")
+PAGE = os.path.join(ROOT, "docs/reliability.md")
+BEHIND = "Lost means that the proof failed.\n"
+BEFORE = "## Repeating it\n"
+HEAD = ["scenario", "what happens", "kinds of calls", "tried", "of", "reached", "at once", "later", "daemon ended", "program ended",
+        "lost"]
+
+
+def add(total, part):
+    """A driver's figures; the places that a scenario has differ a little from run to run."""
+    total["seconds"] = total.get("seconds", 0) + part["seconds"]
+    for name, row in part["scenarios"].items():
+        if not row["tried"]:
+            continue
+        sums = total.setdefault("scenarios", {}).setdefault(name, {"what": row["what"], "reactions": {}})
+        for column in ("calls", "planned"):
+            sums[column] = max(sums.get(column, 0), row[column])
+        for column in ("tried", "injected", "lost"):
+            sums[column] = sums.get(column, 0) + row[column]
+        sums["planned"] = max(sums["planned"], sums["tried"])
+        sums["reactions"] = dict(collections.Counter(sums["reactions"]) + collections.Counter(row["reactions"]))
+
+
+def table(key, figures):
+    rows = figures["scenarios"].values()
+    sums = {column: sum(row[column] for row in rows) for column in ("tried", "planned", "injected", "lost")}
+    yield "`tests/faults/run %s`: %d of %d places tried in %d minutes, %d reached, %d lost.\n" % (
+        key, sums["tried"], sums["planned"], round(figures["seconds"] / 60), sums["injected"], sums["lost"])
+    yield "| %s |" % " | ".join(HEAD)
+    yield "|---" * len(HEAD) + "|"
+    for name, row in figures["scenarios"].items():
+        ends = [row["reactions"].get(end, 0) for end in ("at once", "later", "daemon ended", "program ended")]
+        words = ["`%s`" % name, row["what"], row["calls"] or "-", row["tried"], row["planned"], row["injected"], *ends, row["lost"]]
+        yield "| %s |" % " | ".join(str(word) for word in words)
+    yield ""
+
+
+def main():
+    figures, new = {}, {}
+    if os.path.exists(FIGURES):
+        with open(FIGURES) as file:
+            figures = json.load(file)
+    for result in sys.argv[1:]:
+        with open(result) as file:
+            for key, part in json.load(file).items():
+                add(new.setdefault(key, {}), part)
+    figures.update(new)
+    with open(FIGURES, "w") as file:
+        json.dump(figures, file, indent=1)
+        file.write("\n")
+    with open(PAGE) as file:
+        page = file.read()
+    begin, end = page.index(BEHIND) + len(BEHIND), page.index(BEFORE)
+    lines = [line for key in sorted(figures) if "scenarios" in figures[key] for line in table(key, figures[key])]
+    with open(PAGE, "w") as file:
+        file.write(page[:begin] + "\n" + "\n".join(lines) + "\n" + page[end:])
+
+
+if __name__ == "__main__":
+    main()

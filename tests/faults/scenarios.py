@@ -1,0 +1,233 @@
+"""What the daemon does in its life, one after the other: each row prepares a device, acts, and says what the end of it is.
+
+An act is short, so that few calls belong to it. Services whose `kept` is set must be there after it, each once, whatever
+has failed meanwhile.
+"""
+import os
+
+import device
+from device import BASE, Bare, Service, make_open_dir, read, write
+
+
+class Scenario:
+    name = ""
+    what = ""                                # one line for the table
+    from_start = False                       # the act is the daemon's start
+    traced = "daemon"                        # or "client"
+    settle_s = 1.0                           # how long the act takes at the most when nothing fails
+    dies_with = ()                           # statuses by which the daemon may end, beside those of every scenario
+
+    def __init__(self, tools):
+        self.tools = tools
+        self.clock = None                    # set by the run
+        self.replaced = False                # whether another daemon came after the first one
+        self.services = []
+        self.gone = []                       # services that must not come back
+
+    def service(self, name="a", **options):
+        made = Service(self.tools, name, **options)
+        self.services.append(made)
+        return made
+
+    def before_daemon(self):
+        """Files that lie there when the daemon starts."""
+
+    def prepare(self, daemon):
+        for service in self.services:
+            service.start()
+        for service in self.services:
+            if not device.eventually(service.is_up, 20):
+                raise RuntimeError("%s: %s did not come up" % (self.name, service.command))
+
+    def act(self, daemon):
+        """What is failing while it is done."""
+
+    def settled(self):
+        return all(service.is_up() for service in self.services)
+
+    def hasten(self, daemon, clock):
+        """Called again and again while it is not settled, when the tracer has gone: a minute passes."""
+        for thread in ("wex_delay_resta", "wex_thread_noti"):
+            clock.move(31, daemon, thread)
+
+
+class Restart(Scenario):
+    name, what = "restart", "a registered program is killed"
+
+    def before_daemon(self):
+        self.service()
+
+    def act(self, daemon):
+        for service in self.services:
+            service.kill()
+
+    def settled(self):
+        return all(service.is_back() for service in self.services)
+
+
+class ScriptRestart(Restart):
+    name, what = "script", "the same, restarted by its script"
+
+    def before_daemon(self):
+        self.service(options=("--register=SHELL", "--confirm"))
+        write("/etc/cmdmap/actor.sh", 'exec %s "$@"\n' % self.tools.actor, 0o755)
+
+
+class ThirdPart(Restart):
+    name, what = "third-part", "a listed program, which does not register itself, is killed"
+
+    def before_daemon(self):
+        self.services.append(Bare(self.tools, "b%d" % os.getpid()))    # looked for by its name on the whole machine
+
+
+class DomainRestart(Restart):
+    name, what = "domain-restart", "a program of a domain is killed"
+
+    def before_daemon(self):
+        make_domain(13)
+        self.service(options=("--group=4300", "--register=RESTART", "--confirm")).database = "/tmp/vsd/13/wex/db"
+
+    def settled(self):
+        return super().settled() and os.path.exists("/tmp/vsd/13/wex/%d" % self.services[0].lives()[0])
+
+
+class Registration(Scenario):
+    name, what = "registration", "a program registers"
+
+    def before_daemon(self):
+        self.service()
+
+    def prepare(self, daemon):
+        pass
+
+    def act(self, daemon):
+        self.services[0].start()
+
+
+class Client(Registration):
+    name, what = "client", "the same, with the calls of the program failing"
+    traced = "client"
+    settle_s = 10.0
+
+
+class Parking(Restart):
+    name, what = "parking", "the fifth exit within 120 s, and the alarm a second later"
+    settle_s = 3.0
+
+    def before_daemon(self):
+        self.service()
+
+    def prepare(self, daemon):
+        super().prepare(daemon)
+        for _ in range(4):
+            self.services[0].kill()
+            if not device.eventually(self.services[0].is_back, 20):
+                raise RuntimeError("no restart")
+
+
+class Postponing(Restart):
+    name, what = "postponing", "an exit while somebody holds the database file, which is then released"
+    settle_s = 3.0
+
+    def before_daemon(self):
+        self.service()
+
+    def act(self, daemon):
+        service = self.services[0]
+        service.follow()
+        holder = device.lock_copy("%s/actor.%d" % (device.DATABASE, service.pid))
+        service.kill()
+        device.eventually(service.is_back, 0.1)
+        holder.close()
+
+
+class Cancel(Scenario):
+    name, what = "cancel", "a registration is taken back"
+    settle_s = 2.0
+
+    def before_daemon(self):
+        self.cancelled = Service(self.tools, "c", last=(
+            "--wait-for=%s/go" % BASE, "--cancel", "--confirm", "--ready=%s/cancelled" % BASE, "--hold"))
+        self.gone.append(self.cancelled)
+
+    def prepare(self, daemon):
+        self.cancelled.start()
+        device.eventually(self.cancelled.is_up, 20)
+
+    def act(self, daemon):
+        write(BASE + "/go", "")
+
+    def settled(self):
+        return os.path.exists(BASE + "/cancelled")
+
+
+class Start(Scenario):
+    name, what = "start", "the first start"
+    from_start = True
+    settle_s = 5.0
+
+    def prepare(self, daemon):
+        pass
+
+
+class StartWithTheDead(Restart):
+    name, what = "start-again", "a start with the files of two programs, one of which has died"
+    from_start = True
+    settle_s = 5.0
+
+    def before_daemon(self):
+        self.service("a")
+        self.service("b")
+
+    def act(self, daemon):
+        self.services[0].kill()
+
+    def settled(self):
+        return self.services[0].is_filed() and self.services[1].is_up()
+
+
+class Hang(Restart):
+    name, what = "hang", "a thread falls silent, its process is aborted at the tenth look"
+    settle_s = 3.0
+
+    def before_daemon(self):
+        self.service(options=("--register=RESTART", "--register-main-thread=7", "--thread=60", "--sleep=200", "--hang",
+                              "--confirm"))
+
+    def act(self, daemon):
+        self.services[0].follow()
+        for _ in range(14):
+            self.clock.move(61, daemon, "wex_thread_noti")
+            if device.eventually(self.services[0].is_back, 0.05):
+                return
+
+    def settled(self):
+        """A daemon that follows another one knows no threads: the program goes on."""
+        return super().settled() or (self.replaced and self.services[0].is_up())
+
+
+class Reboot(Restart):
+    name, what = "reboot", "a core dump that is one too many: the restart of the device is asked for, and refused"
+    settle_s = 4.0
+
+    def before_daemon(self):
+        write("/etc/wex_config", "900 1\n")
+        self.service(options=("--core", "--register=RESTART", "--confirm"))
+
+    def act(self, daemon):
+        self.services[0].kill(11)
+
+    def settled(self):
+        told = read("/data/.wex_reboot") + read("/ovix/vsd/0/utils/wex/running_log1")    # where one cannot be written
+        return super().settled() and "process exit in shorttime" in told
+
+
+def make_domain(number):
+    for path in ("/tmp/vsd/%d/wex/db", "/data/var/run/vsd/%d", "/qx_cfg/vsd/%d", "/ovix/vsd/%d", "/data/.ovix/vsd/%d"):
+        path = path % number
+        make_open_dir(path)
+        make_open_dir(os.path.dirname(path))
+
+
+TABLE = [Start, StartWithTheDead, Registration, Client, Restart, ScriptRestart, ThirdPart, DomainRestart, Parking,
+         Postponing, Cancel, Hang, Reboot]
