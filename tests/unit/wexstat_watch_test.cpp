@@ -123,7 +123,8 @@ TEST_F(WexstatWatch, ItRedrawsInPlaceAndEndsOnQOrControlC) {
     shown.type(key);
     EXPECT_EQ(0, shown.wait());
     EXPECT_TRUE(shown.is_as_before());
-    EXPECT_NE(std::string::npos, shown.screen().rfind("\033[?25h")) << "the cursor is back";
+    EXPECT_TRUE(eventually([&] { return shown.screen().rfind("\033[?25h") != std::string::npos; }))
+        << "the cursor is back";
   }
 }
 
