@@ -117,11 +117,14 @@ bool turn_page(const char* path, const char* old_path, off_t size) {
          (wex_clear_name(old_path, aside) && wex_rename(path, old_path) == 0);
 }
 
-// A text and its file. While it is being written, which may take long, the writing thread has the text.
+constexpr size_t kTextSize = kBlackBoxMax / 2;
+
+// A text and its file. While it is being written, which may take long, the writing thread has the text. The
+// text stands apart, or the program's file would hold all its zeros.
 struct kept_file {
   const char* path;
   const char* old_path;
-  char text[kBlackBoxMax / 2];
+  char* text;  // of kTextSize
   size_t length;
   std::atomic<bool> busy;
 };
@@ -200,7 +203,8 @@ void keep(kept_file* one, size_t length) {
 // ---- History ----------------------------------------------------------------------------------------------
 
 priority_mutex g_history_mutex;  // one history at a time
-kept_file g_history = {kHistory, kHistoryOld, "", 0, {false}};
+char g_history_text[kTextSize];
+kept_file g_history = {kHistory, kHistoryOld, g_history_text, 0, {false}};
 
 void add_event(page* to, const wex_status_event& event) {
   time_stamp when;
@@ -354,7 +358,7 @@ void wex_keep_history(const char* reason) {
   if (!begin(&g_history)) {
     return;
   }
-  page to = {g_history.text, sizeof g_history.text, 0, false};
+  page to = {g_history.text, kTextSize, 0, false};
   describe_history(&to, reason);
   keep(&g_history, to.used);
 }
@@ -378,11 +382,12 @@ void wex_look_at_hung(int32_t pid, int32_t tid) {
 }
 
 void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
-  static kept_file hung = {kHung, kHungOld, "", 0, {false}};
+  static char text[kTextSize];
+  static kept_file hung = {kHung, kHungOld, text, 0, {false}};
   if (!g_seen_any || !begin(&hung)) {
     return;
   }
-  page to = {hung.text, sizeof hung.text, 0, false};
+  page to = {hung.text, kTextSize, 0, false};
   time_stamp when;
   write_time(wall_now(), when);
   const int seen = g_threads_seen.load(std::memory_order_acquire);

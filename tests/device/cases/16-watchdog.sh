@@ -1,7 +1,5 @@
 # A watchdog that is fed while wexstat finds wex well: the device stays up while it is, and restarts when wex is stopped.
-# Counted instructions, for on a busy host the device would otherwise be too slow, by its own clock, to feed it in time.
 # boots: 2
-# count-instructions: 1
 # seconds: 240
 # restart: softdog: Initiating system reboot
 . /test/lib.sh
