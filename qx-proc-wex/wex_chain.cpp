@@ -223,13 +223,6 @@ void __wex_expect_exit(int32_t pid) {
   }
 }
 
-void __wex_expect_exit_of_start(int32_t pid) {
-  if (!wex_pass_exits_of_start(pid)) {
-    __wex_tidy_filter();
-    wex_pass_exits_of_start(pid);
-  }
-}
-
 void __wex_tidy_filter() {
   pid_set pids;
   wex_pass_exits_only_of(gather_expected(&pids) ? &pids : nullptr);

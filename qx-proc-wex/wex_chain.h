@@ -48,9 +48,6 @@ wex_pid* wex_blank_record(wex_pid* memory);
 // this: an exit that came before was not reported.
 void __wex_expect_exit(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
-// The same for a process that the daemon has just started.
-void __wex_expect_exit_of_start(int32_t pid) WEX_TSA(requires_capability(wex_chains));
-
 // No longer has those exits reported that concern no record.
 void __wex_tidy_filter() WEX_TSA(requires_capability(wex_chains));
 

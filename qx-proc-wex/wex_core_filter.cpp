@@ -126,20 +126,6 @@ void update() WEX_TSA(requires_capability(g_lock)) {
   }
 }
 
-bool pass_exits(int32_t pid, bool (pid_set::*add)(int32_t)) {
-  const mutex_lock hold(g_lock);
-  if (pid < 1) {
-    return true;
-  }
-  const bool was_overfull = g_overfull;
-  if (!g_exits.has(pid)) {
-    g_difference = difference::too_few;
-    g_overfull = !(g_exits.*add)(pid) || g_overfull;
-  }
-  update();
-  return was_overfull || !g_overfull;
-}
-
 }  // namespace
 
 void wex_attach_filter(int fd) {
@@ -167,11 +153,17 @@ void wex_pass_executions(bool pass) {
 }
 
 bool wex_pass_exits_of(int32_t pid) {
-  return pass_exits(pid, &pid_set::add);
-}
-
-bool wex_pass_exits_of_start(int32_t pid) {
-  return pass_exits(pid, &pid_set::add_with_next);
+  const mutex_lock hold(g_lock);
+  if (pid < 1) {
+    return true;
+  }
+  const bool was_overfull = g_overfull;
+  if (!g_exits.has(pid)) {
+    g_difference = difference::too_few;
+    g_overfull = !g_exits.add(pid) || g_overfull;
+  }
+  update();
+  return was_overfull || !g_overfull;
 }
 
 void wex_pass_exits_only_of(const pid_set* pids) {

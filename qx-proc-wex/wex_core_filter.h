@@ -31,10 +31,6 @@ void wex_pass_executions(bool pass);
 // wex_pass_exits_only_of(); the first time that happens the result is false.
 bool wex_pass_exits_of(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
-// The same for a process that has just been started, and for the few dozen ids after its own: most likely the
-// next one to be started gets one of them, and needs no new filter then, which the kernel compiles each time.
-bool wex_pass_exits_of_start(int32_t pid) WEX_TSA(requires_capability(wex_chains));
-
 // Forgets all processes but these; null when they are too many. With the registry held, for a pid that is
 // asked for meanwhile would be forgotten as well.
 void wex_pass_exits_only_of(const pid_set* pids) WEX_TSA(requires_capability(wex_chains));

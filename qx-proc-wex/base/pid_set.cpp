@@ -9,7 +9,6 @@
 namespace {
 
 constexpr uint32_t kBitNumber = 31;
-constexpr int32_t kWordIds = 32;
 
 uint32_t common_of(int32_t pid) {
   return htonl(static_cast<uint32_t>(pid) & ~kBitNumber);
@@ -28,31 +27,19 @@ pid_set::word* pid_set::place_of(uint32_t common) noexcept {
 }
 
 bool pid_set::add(int32_t pid) noexcept {
-  return pid > 0 && add_bits(common_of(pid), bit_of(pid));
-}
-
-bool pid_set::add_with_next(int32_t pid) noexcept {
-  if (pid < 1 || !add_bits(common_of(pid), ~(bit_of(pid) - 1))) {
+  if (pid < 1) {
     return false;
   }
-  if (pid <= INT32_MAX - kWordIds) {
-    add_bits(common_of(pid + kWordIds), ~0U);
-  }
-  return true;
-}
-
-// False when there is no room for the word.
-bool pid_set::add_bits(uint32_t common, uint32_t bits) noexcept {
-  word* const place = place_of(common);
-  if (place == end() || place->common != common) {
+  word* const place = place_of(common_of(pid));
+  if (place == end() || place->common != common_of(pid)) {
     if (used_ == kWords) {
       return false;
     }
     memmove(place + 1, place, static_cast<size_t>(end() - place) * sizeof *place);
-    *place = {common, 0};
+    *place = {common_of(pid), 0};
     ++used_;
   }
-  place->bits |= bits;
+  place->bits |= bit_of(pid);
   return true;
 }
 

@@ -21,16 +21,12 @@ class pid_set {
   bool add(int32_t pid) noexcept;
   bool has(int32_t pid) const noexcept;
 
-  // The same for `pid` and, as far as there is room, the 32 to 63 ids that follow it.
-  bool add_with_next(int32_t pid) noexcept;
-
   const word* begin() const noexcept { return words_; }
   const word* end() const noexcept { return words_ + used_; }
   bool operator==(const pid_set& other) const noexcept;
 
  private:
   word* place_of(uint32_t common) noexcept;
-  bool add_bits(uint32_t common, uint32_t bits) noexcept;
 
   size_t used_ = 0;
   word words_[kWords] = {};

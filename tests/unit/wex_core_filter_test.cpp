@@ -27,7 +27,6 @@ constexpr unsigned kUnlimited = 1000000;
 unsigned g_room = kUnlimited;
 unsigned g_longest = kUnlimited;  // of one program
 unsigned g_in_place = 0;
-int g_attached = 0;  // filters since the start of the case
 
 }  // namespace
 
@@ -45,7 +44,6 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
   }
   const int result = g_setsockopt.now() ? -1 : __real_setsockopt(fd, level, name, value, size);
   g_in_place = result == 0 ? program.len : g_in_place;
-  g_attached += program.len > 0 && result == 0 ? 1 : 0;
   return result;
 }
 }
@@ -62,7 +60,6 @@ class Filter : public ::testing::Test {
     g_room = kUnlimited;
     g_longest = kUnlimited;
     g_in_place = 0;
-    g_attached = 0;
     forget_all();
     wex_pass_executions(true);
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends_));
@@ -95,10 +92,6 @@ class Filter : public ::testing::Test {
   static bool expect_exit_of(int32_t pid) {
     const chain_lock hold(wex_chains);
     return wex_pass_exits_of(pid);
-  }
-  static bool expect_exit_of_start(int32_t pid) {
-    const chain_lock hold(wex_chains);
-    return wex_pass_exits_of_start(pid);
   }
   static void keep_only(const std::set<int32_t>& pids) {
     const auto kept = std::make_unique<pid_set>();
@@ -190,32 +183,6 @@ TEST_F(Filter, KeepsAProcessUntilItIsTidied) {
   keep_only({1000});
   EXPECT_TRUE(exit_passes(1000));
   EXPECT_FALSE(exit_passes(7));
-}
-
-TEST_F(Filter, ForAStartHoldsTheNextIdsUntilItIsTidied) {
-  const int before = g_attached;
-  for (int32_t pid = 1000; pid < 1033; ++pid) {
-    EXPECT_TRUE(expect_exit_of_start(pid));
-    ASSERT_TRUE(exit_passes(pid)) << pid;
-  }
-  EXPECT_EQ(before + 1, g_attached) << "one filter is enough for a row of starts";
-  EXPECT_FALSE(exit_passes(999));
-  EXPECT_FALSE(exit_passes(1000 + 64)) << "only of a few";
-  keep_only({1000, 1031});
-  expect_exactly({1000, 1031});
-  EXPECT_TRUE(expect_exit_of_start(INT32_MAX));
-  EXPECT_TRUE(exit_passes(INT32_MAX));
-}
-
-TEST_F(Filter, ForAStartNeedsRoomForItsOwnIdOnly) {
-  for (int32_t at = 2; at < static_cast<int32_t>(pid_set::kWords); ++at) {
-    ASSERT_TRUE(expect_exit_of(at * 32));
-  }
-  EXPECT_TRUE(expect_exit_of_start(100000));
-  EXPECT_TRUE(exit_passes(100000));
-  EXPECT_FALSE(exit_passes(200000)) << "the set is full, not overfull";
-  EXPECT_FALSE(expect_exit_of_start(200000));
-  EXPECT_TRUE(exit_passes(300000));
 }
 
 TEST_F(Filter, PassesTheExitsOfAllWhenItsProcessesAreTooMany) {
