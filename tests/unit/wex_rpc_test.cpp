@@ -8,8 +8,8 @@
 #include <atomic>
 
 #include "control_peer.h"
-#include "kept_connection.h"
 #include "injection.h"
+#include "kept_connection.h"
 #include "lingering_socket.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
