@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "chain_lock.h"
+#include "failing_calls.h"
 #include "text_buffer.h"
 #include "unit_support.h"
 #include "wex_chain.h"
@@ -234,6 +235,26 @@ TEST_F(BlackBox, ADiskThatStandsStillKeepsNobodyFromTheReboot) {
         20s));
     EXPECT_NE(std::string::npos, read_file(kHistory).find("first"));
   });
+}
+
+// The running log's line of a reboot is written by a thread of its own, too, and somebody else may be stuck
+// there already, with the log's lock.
+TEST_F(BlackBox, ARunningLogWhoseDiskStandsStillKeepsNobodyFromTheReboot) {
+  const std::string log = kRunningLog1;
+  make_dirs(log.substr(0, log.rfind('/')));
+  unlink(kRunningLog1);
+  EXPECT_EQ(0, run_with_stuck_file(log, [] {
+              wex_init_chains(&wex_chains);
+              wex_status_begin(1, 0);
+              wex_reboot("first\n", nullptr);
+              EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" first\n"));
+              std::thread([] { wex_running_log("another line\n"); }).detach();
+              wex_reboot("second\n", nullptr);
+              EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" second\n"));
+              EXPECT_NE(std::string::npos, read_file(kHistory).find("second"));
+              EXPECT_FALSE(exists(kRunningLog1)) << "its disk did move";
+              return 0;
+            }));
 }
 
 TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
