@@ -339,6 +339,12 @@ void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
   }
 }
 
+void wex_status_pause(int32_t seconds) {
+  const image_change hold;
+  g_counters[WEX_STATUS_PAUSE] = static_cast<uint32_t>(seconds);
+  g_any_change = true;
+}
+
 void wex_status_down(const wex_pid* rec) {
   const int64_t now = wex_clock_ms();
   const image_change hold;

@@ -171,9 +171,11 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   const auto slot = StatusReader().slot_of(sleeper.pid());
   ASSERT_TRUE(slot);
   EXPECT_EQ(3000, slot->until - slot->since);
+  EXPECT_EQ(3U, StatusReader().counter(WEX_STATUS_PAUSE)) << "others wait behind it, and may have no slot";
   EXPECT_TRUE(told(WEX_STATUS_EV_FAILED, sleeper.pid()));
   EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_DOWN));
   EXPECT_TRUE(counts(WEX_STATUS_FAILED, 1));
+  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_PAUSE)) << "it is over";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
 }
