@@ -182,10 +182,13 @@ void add_event(page* to, const wex_status_event& event) {
 }
 
 void add_parked(page* to, const wex_status_slot& slot) {
-  const int64_t left = slot.until - wex_clock_ms();
-  add_line(to, "parked: %.32s pid %d domain %d restarts %u exit %04x tried again in %d s\n", slot.name,
-           slot.pid, slot.domain, slot.restarts, slot.last_exit,
-           static_cast<int>(std::max<int64_t>(left, 0) / 1000));
+  char when[48] = "";
+  if (slot.until > 0) {  // else nobody knows
+    const int64_t left = std::max<int64_t>(slot.until - wex_clock_ms(), 0);
+    wex_format(when, sizeof when, " tried again in %d s", static_cast<int>(left / 1000));
+  }
+  add_line(to, "parked: %.32s pid %d domain %d restarts %u exit %04x%s\n", slot.name, slot.pid, slot.domain,
+           slot.restarts, slot.last_exit, when);
 }
 
 void describe_history(page* to, const char* reason) {

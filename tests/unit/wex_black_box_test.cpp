@@ -257,6 +257,21 @@ TEST_F(BlackBox, ARunningLogWhoseDiskStandsStillKeepsNobodyFromTheReboot) {
             }));
 }
 
+// A parked program that got its place in the table late may be shown without the end of its waiting.
+TEST_F(BlackBox, AParkingWhoseEndIsNotKnownIsToldWithoutATime) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    wex_pid* const rec = wex_new_record();
+    rec->pid = 100;
+    wex_copy_text(rec->process, sizeof rec->process, "/usr/bin/loop");
+    wex_status_show_later(rec, WEX_STATUS_PARKED, {});
+    wex_keep_history("why");
+    EXPECT_EQ("parked: loop pid 100 domain 0 restarts 0 exit 0000", lines_of(read_file(kHistory)).back());
+    wex_free_record(rec);
+  });
+}
+
 TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
   for (const char* const forbids : {kRebootSwitch, kNoReboot}) {
     write_file(forbids, "0\n");
