@@ -23,7 +23,7 @@
 using namespace unit;
 
 namespace {
-std::atomic<int64_t> clock_ahead{0};
+std::atomic<int32_t> clock_ahead{0};  // ms; 32-bit MIPS has no wider atomic number
 }  // namespace
 
 // The milliseconds of the product, as these cases want them.
