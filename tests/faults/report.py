@@ -12,6 +12,10 @@ class Tools:
         self.actor = os.path.join(build, "tests/harness/actor")
         self.clock = os.path.join(beside, "libmoved_clock.so")
         self.bare = os.path.join(beside, "bare")
+        self.counted = os.path.join(beside, "counted")
+        self.storm = os.path.join(beside, "storm")
+        self.without = os.path.join(beside, "libwithout.so")
+        self.wexstat = os.path.join(build, "stat/wexstat")
 
 
 class Arguments:
