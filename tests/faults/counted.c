@@ -1,11 +1,11 @@
-/* A service whose lives are counted from outside. Each life takes the lock of its name, which the kernel gives back
- * when the life ends, and adds a line to one book: "NAME PID alone", or "NAME PID twin" when another instance has the
- * lock; then "NAME PID ready" once wex has acted on its registration.
+/* A service whose lives are counted from outside. Each life takes the lock of its name, which the kernel
+ * gives back when the life ends, and adds a line to one book: "NAME PID alone", or "NAME PID twin" when
+ * another instance has the lock; then "NAME PID ready" once wex has acted on its registration.
  *
- *   counted NAME [WORD...]   registers itself; WORDs: "shell" for its restart by a script, "core" to leave core dumps,
- *                            "group=N" for the only supplementary group
- *   .../NAME [WORD...]       any other program name: registers nothing. "detach_A_B..." lives on in a child: it forks
- *                            after A ms, and the parent ends B ms later
+ *   counted NAME [WORD...]   registers itself; WORDs: "shell" for its restart by a script, "core" to leave
+ * core dumps, "group=N" for the only supplementary group
+ *   .../NAME [WORD...]       any other program name: registers nothing. "detach_A_B..." lives on in a child:
+ * it forks after A ms, and the parent ends B ms later
  *
  * The real-time signal SIGRTMIN + n ends it with the status n. */
 #include <fcntl.h>
@@ -70,8 +70,8 @@ static void register_at_wex(int argc, char** argv) {
     }
   }
   reg_process_exit_action(0, type);
-  /* The answer to a request comes before it is acted on: the answer to the second of two proves that all before them
-   * has been acted on. */
+  /* The answer to a request comes before it is acted on: the answer to the second of two proves that all
+   * before them has been acted on. */
   wex_client_unreg_thread_notify(INT32_MAX);
   wex_client_unreg_thread_notify(INT32_MAX);
 }

@@ -1,6 +1,6 @@
 /* Loaded before a daemon that is to wait for minutes: the time since the start of the machine is as many
- * seconds later as the file says that WEX_CLOCK names. The file may change at any time. With WEX_HURRY every sleep takes a
- * tenth of its time. */
+ * seconds later as the file says that WEX_CLOCK names. The file may change at any time. With WEX_HURRY every
+ * sleep takes a tenth of its time. */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>

@@ -1,5 +1,5 @@
-/* Processes that come and go as fast as they can: storm WORKERS fork|exec [COUNT]. Without COUNT until it is ended;
- * with it each worker makes as many. */
+/* Processes that come and go as fast as they can: storm WORKERS fork|exec [COUNT]. Without COUNT until it is
+ * ended; with it each worker makes as many. */
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>

@@ -1,6 +1,6 @@
-/* Loaded before a daemon that is to do without one of its measures against lost exits, to show what it is good for.
- * WEX_WITHOUT names it: "filter" and "buffer" are refused as by a kernel that has none, "sweep" keeps the thread of the
- * periodic work from ever beginning. */
+/* Loaded before a daemon that is to do without one of its measures against lost exits, to show what it is
+ * good for. WEX_WITHOUT names it: "filter" and "buffer" are refused as by a kernel that has none, "sweep"
+ * keeps the thread of the periodic work from ever beginning. */
 #include <dlfcn.h>
 #include <errno.h>
 #include <stdarg.h>
@@ -31,7 +31,8 @@ int prctl(int option, ...) {
   va_start(more, option);
   const unsigned long first = va_arg(more, unsigned long);
   va_end(more);
-  while (option == PR_SET_NAME && is_without("sweep") && strcmp((const char*)first, "wex_delay_restart") == 0) {
+  while (option == PR_SET_NAME && is_without("sweep") &&
+         strcmp((const char*)first, "wex_delay_restart") == 0) {
     pause();
   }
   return (int)syscall(SYS_prctl, option, first, 0, 0, 0);
