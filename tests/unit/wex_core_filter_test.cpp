@@ -165,7 +165,8 @@ TEST_F(Filter, HoldsAnySetOfProcesses) {
     keep_only(pids);
     expect_exactly(pids);
   }
-  for (const size_t count : {1, 2, 3, 62, 63, 64, 65, 127, 128, 129, 255, 256, 257, 511, 512}) {
+  for (const size_t count :
+       {1U, 2U, 3U, 62U, 63U, 64U, 65U, 127U, 128U, 129U, 255U, 256U, 257U, 511U, 512U}) {
     std::set<int32_t> pids;
     for (size_t i = 1; i <= count; ++i) {
       pids.insert(static_cast<int32_t>(i * 32 + i % 32));
