@@ -53,20 +53,12 @@ void tell_stranger(const wex_pid* rec) {
   }
 }
 
-bool is_listed(const wex_pid* rec) {
-  char type[256];
-  return wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) == 1;
-}
-
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
 // found: nothing may ever be sent to such a pid.
 void restart(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
   const wex_action* const known = wex_find_action(rec->action);
   const wex_action& action = known != nullptr ? *known : kRespawn;
   const int32_t result = __wex_start_again(chain, rec, action, kAtStart);
-  if (rec->pid > 0 && is_listed(rec)) {
-    wex_mend_pidfile(rec);  // it makes none itself, and no event of its execution reaches the monitor yet
-  }
   wex_dbg(WEX_DBG_PUB, "pid (%d) %s ret = %d\n", rec->pid, action.rebuilt, result);
 }
 
@@ -207,9 +199,10 @@ void decide(candidates* all) {
 // killed: it runs, nobody has registered it, and the file is that of the process before. 0 when there is
 // none.
 int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  char type[256];
   int32_t found = 0;
-  if (!is_listed(rec) || !wex_find_running(rec->process, &found) ||
-      __wex_find_pid(&wex_chains, found) != nullptr) {
+  if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
+      !wex_find_running(rec->process, &found) || __wex_find_pid(&wex_chains, found) != nullptr) {
     return 0;
   }
   return wex_domain_or_main(get_vsdid(found)) == rec->vsd ? found : 0;
