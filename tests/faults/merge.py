@@ -64,7 +64,10 @@ def main():
     for result in sys.argv[1:]:
         with open(result) as file:
             for key, part in json.load(file).items():
-                if "rows" in part:
+                if "rows" in part and key in new:
+                    new[key]["rows"] += part["rows"]
+                    new[key]["seconds"] += part["seconds"]
+                elif "rows" in part:
                     new[key] = part
                 else:
                     add(new.setdefault(key, {}), part)

@@ -13,6 +13,7 @@ class Sheet:
         parser.add_argument("--build", required=True, help="the build tree")
         parser.add_argument("--short", action="store_true", help="in seconds instead of minutes")
         parser.add_argument("--only", default="", help="only rows whose name contains this text")
+        parser.add_argument("--deaths", type=int, help="of the soak, in place of 20,000")
         parser.add_argument("--seed", type=int, default=1)
         parser.add_argument("--result", help="a JSON file")
         self.options = parser.parse_args()

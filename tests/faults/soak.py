@@ -48,9 +48,11 @@ class Soak:
     def __init__(self, sheet):
         self.sheet, self.tools = sheet, sheet.tools
         self.random = random.Random(sheet.options.seed)
-        short = sheet.options.short
-        self.goal, self.kills_goal, self.domains_goal = (1000, 3, 1) if short else (20000, 50, 20)
-        self.every = 250 if short else 1000
+        self.goal = sheet.options.deaths or (1000 if sheet.options.short else 20000)
+        self.kills_goal = max(self.goal // 400, 3)
+        self.domains_goal = max(self.goal // 1000, 1)
+        self.bursts = max(self.goal // 4000, 1)
+        self.every = 250 if self.goal <= 1000 else 1000
         self.ends = collections.Counter()
         self.deaths = self.kills = self.domains = 0
         self.used = collections.Counter()    # restarts of each service since the clock was moved
@@ -279,15 +281,14 @@ class Soak:
                         self.ends["two"], *held], [])
 
     def run(self):
-        """The daemon's kills come in five bursts, so that one and the same daemon is seen to hold no more in between."""
+        """The daemon's kills come in bursts, so that one and the same daemon is seen to hold no more in between."""
         shown = 0
         while self.deaths < self.goal:
             self.wave()
             if self.domains < self.domains_goal and self.deaths * (self.domains_goal + 1) > self.goal * (self.domains + 1):
                 self.domain()
-            bursts = 1 if self.goal == 1000 else 5
-            burst = self.deaths * (bursts + 1) // self.goal
-            while self.kills < min(burst * self.kills_goal // bursts, self.kills_goal):
+            burst = self.deaths * (self.bursts + 1) // self.goal
+            while self.kills < min(burst * self.kills_goal // self.bursts, self.kills_goal):
                 self.kill_daemon()
             if self.deaths // self.every > shown:
                 shown = self.deaths // self.every
