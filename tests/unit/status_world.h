@@ -17,7 +17,7 @@
 
 namespace status {
 
-inline std::atomic<int64_t> clock_ahead{0};
+inline std::atomic<int32_t> clock_ahead{0};  // ms; 32-bit MIPS has no wider atomic number
 
 inline void a_minute_passes() {
   clock_ahead += 60000;

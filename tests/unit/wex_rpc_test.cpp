@@ -11,6 +11,7 @@
 #include "injection.h"
 #include "kept_connection.h"
 #include "lingering_socket.h"
+#include "linked_name.h"
 #include "received_descriptors.h"
 #include "unique_fd.h"
 #include "wex_limits.h"
@@ -31,13 +32,13 @@ void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
   return g_calloc.now() ? nullptr : __real_calloc(count, size);
 }
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+int LINKED_SETSOCKOPT(__real)(int fd, int level, int name, const void* value, socklen_t size);
+int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, socklen_t size) {
   if (g_takes_descriptors && name == SO_PASSRIGHTS) {
     errno = ENOPROTOOPT;
     return -1;
   }
-  return __real_setsockopt(fd, level, name, value, size);
+  return LINKED_SETSOCKOPT(__real)(fd, level, name, value, size);
 }
 int __real_poll(pollfd* entries, nfds_t count, int milliseconds);
 int __wrap_poll(pollfd* entries, nfds_t count, int milliseconds) {
