@@ -2,17 +2,14 @@
  * gives back when the life ends, and adds a line to one book: "NAME PID alone", or "NAME PID twin" when
  * another instance has the lock; then "NAME PID ready" once wex has acted on its registration.
  *
- *   counted NAME [WORD...]   registers itself; WORDs: "shell" for its restart by a script, "core" to leave
- * core dumps, "group=N" for the only supplementary group
- *   .../NAME [WORD...]       any other program name: registers nothing. "detach_A_B..." lives on in a child:
- * it forks after A ms, and the parent ends B ms later
+ * "counted NAME WORD..." registers itself. The WORD "shell" asks for its restart by a script, "core" lets it
+ * leave core dumps. By any other program name it registers nothing; "detach_A_B..." lives on in a child: it
+ * forks after A ms, and the parent ends B ms later.
  *
  * The real-time signal SIGRTMIN + n ends it with the status n. */
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -64,9 +61,6 @@ static void register_at_wex(int argc, char** argv) {
     } else if (strcmp(argv[at], "core") == 0) {
       const struct rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
       setrlimit(RLIMIT_CORE, &all);
-    } else if (strncmp(argv[at], "group=", 6) == 0) {
-      const gid_t only = (gid_t)atoi(argv[at] + 6);
-      setgroups(1, &only);
     }
   }
   reg_process_exit_action(0, type);
