@@ -15,6 +15,7 @@
 
 #include "chain_lock.h"
 #include "injection.h"
+#include "linked_name.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
 
@@ -31,9 +32,9 @@ unsigned g_in_place = 0;
 }  // namespace
 
 extern "C" {
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+int LINKED_SETSOCKOPT(__real)(int fd, int level, int name, const void* value, socklen_t size);
+int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, socklen_t size);
+int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, socklen_t size) {
   sock_fprog program = {};
   if (name == SO_ATTACH_FILTER) {
     memcpy(&program, value, sizeof program);
@@ -42,7 +43,7 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
     errno = ENOMEM;
     return -1;
   }
-  const int result = g_setsockopt.now() ? -1 : __real_setsockopt(fd, level, name, value, size);
+  const int result = g_setsockopt.now() ? -1 : LINKED_SETSOCKOPT(__real)(fd, level, name, value, size);
   g_in_place = result == 0 ? program.len : g_in_place;
   return result;
 }
