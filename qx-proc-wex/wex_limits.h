@@ -22,13 +22,15 @@ inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the 
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
 // Restart throttle and self-check.
-inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted inside such a window
-inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches this parks the program
-inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
-inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
-inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this gets a running-log line
-inline constexpr int kLongDelayNotes = 16;          // for so many programs at a time,
-inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for all of them
+inline constexpr int32_t kThrottleWindowSec = 120;     // restarts are counted inside such a window
+inline constexpr int32_t kThrottleRestarts = 5;        // the restart that reaches this parks the program
+inline constexpr int32_t kSelfCheckSec = 300;          // default wait of a parked program
+inline constexpr int32_t kRebootWindowSec = 601;       // a second park sooner than this reboots the device
+inline constexpr int32_t kLongDelaySec = 3600;         // a restart delay above this gets a running-log line
+inline constexpr int kLongDelayNotes = 16;             // for so many programs at a time,
+inline constexpr int32_t kLongDelayLogSec = 60;        // one line in this time for all of them
+inline constexpr int64_t kFileBeforeProcessMs = 2000;  // a file this much older than a process is not its own
+inline constexpr int kNewcomers = 16;                  // registrations whose early end is remembered
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;
@@ -125,6 +127,8 @@ inline constexpr uint32_t kAliveTableSize = 184356;
 // Logs.
 inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
 inline constexpr int kNotifyRing = 10;           // hang reports kept
+inline constexpr int64_t kRebootLineMs = 2000;   // wait for the running log's line of a reboot
+inline constexpr int kBoundedWorkPauseMs = 2;    // between two looks whether a thread of bounded_work is done
 
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
@@ -141,7 +145,6 @@ inline constexpr uint32_t kHistoryEvents = 64;     // before a reboot
 inline constexpr int kHistoryParked = 64;
 inline constexpr int kHungThreads = 64;      // of one process
 inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
-inline constexpr int kBlackBoxPauseMs = 2;   // between two looks whether a thread is done
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins
