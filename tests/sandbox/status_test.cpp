@@ -12,6 +12,7 @@
 #include "control_client.h"
 #include "restart_policy.h"
 #include "status_reader.h"
+#include "waiting.h"
 #include "wex_status.h"
 
 using namespace policy;
@@ -94,8 +95,16 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
   EXPECT_EQ(service.command().substr(0, sizeof first->command), std::string(first->command));
   EXPECT_EQ(RESPAWN, first->action);
   for (int restart = 1; restart <= 4; ++restart) {
+    const auto wall = time(nullptr);
+    const int64_t before = wex_clock_ms();
     ASSERT_TRUE(service.ends_and_comes_back());
-    EXPECT_TRUE(told(WEX_STATUS_EV_EXITED, pid));
+    const auto exited = wait_for_event(WEX_STATUS_EV_EXITED, pid);
+    ASSERT_TRUE(exited);
+    EXPECT_EQ(uint32_t{SIGKILL}, exited->exit_code);
+    EXPECT_STREQ("actor", exited->name);
+    EXPECT_EQ(0, exited->domain);
+    EXPECT_TRUE(exited->monotonic >= before && exited->monotonic <= wex_clock_ms()) << exited->monotonic;
+    EXPECT_TRUE(exited->wall / 1000 >= wall - 1 && exited->wall / 1000 <= time(nullptr) + 1) << exited->wall;
     EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
     pid = service.pid();
   }
@@ -189,6 +198,12 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_PAUSE)) << "it is over";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
+  const child next;  // the same program, started by somebody else
+  body.pid = next.pid();
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  EXPECT_TRUE(told(WEX_STATUS_EV_REPLACED, sleeper.pid(), next.pid()));
+  EXPECT_TRUE(shows(next.pid(), WEX_STATUS_RUNNING));
+  EXPECT_EQ(1U, StatusReader().slots().size());
 }
 
 TEST_F(Status, ADaemonThatEndsByItselfSaysSo) {
