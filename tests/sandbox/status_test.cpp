@@ -232,16 +232,21 @@ TEST_F(Status, RefusedMessagesAreCountedAndClientsThatLeaveAreNot) {
   EXPECT_EQ(2U, StatusReader().counter(WEX_STATUS_REFUSED));
 }
 
-TEST_F(Status, WatchedThreadsAreCounted) {
+TEST_F(Status, WatchedThreadsOfAProgramOfADomainAreCounted) {
+  make_dirs("/data/var/run/vsd/3");
   Process service;
-  ASSERT_TRUE(service.start(actor_words(
-      {"--tag=t", "--register=RESTART", "--register-main-thread=120", "--thread=120,5", "--hold"})));
+  ASSERT_TRUE(service.start(actor_words({"--group=3300", "--tag=t", "--register=RESTART",
+                                         "--register-main-thread=120", "--thread=120,5", "--hold"})));
   EXPECT_TRUE(eventually(
       [&] {
         const auto slot = StatusReader().slot_of(service.pid());
         return slot && slot->watched_threads == 2 && slot->fewest_misses == 5;
       },
       20s));
+  const auto registered = wait_for_event(WEX_STATUS_EV_REGISTERED, service.pid());
+  ASSERT_TRUE(registered);
+  EXPECT_EQ(3, registered->domain);
+  EXPECT_EQ(3, StatusReader().slot_of(service.pid())->domain);
 }
 
 TEST_F(Status, TheThreadsOfTheDaemonComeRound) {
