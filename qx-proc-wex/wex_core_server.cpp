@@ -450,7 +450,7 @@ void end_thread(server& self) {
   self.epoll.reset();
   if (self.listener.get() > 0) {
     self.listener.reset();
-  } else {
+  } else {  // the design closes numbers above 0 only; the daemon ends, and the kernel closes what is left
     self.listener.release();
   }
   close_clients(self);
