@@ -41,6 +41,14 @@ done
 comm -12 "$work/platform" "$work/daemon" > "$work/difference"
 complain_each "the daemon displaces the device's" < "$work/difference"
 
+# The status table, to the byte: offsets as docs/shared-memory.md has them are those of the reviewed layouts.
+awk '/^The head:/ {part = "head"} /^A slot:/ {part = "slot"} /^An event:/ {part = "event"} /^Times are/ {part = ""}
+  part != "" && /^\| [0-9]+ \|/ { split($0, cell, "|"); name = cell[4]; sub(/^ *`/, "", name); sub(/`.*/, "", name)
+    if (name !~ /^reserved/) print "same_wex_status_" part "_" name, cell[2] + 0 }' "$root/docs/shared-memory.md" | sort > "$work/offsets"
+[ "$(wc -l < "$work/offsets")" -gt 40 ] || complain "the offsets of docs/shared-memory.md were not found"
+sort "$root/tests/package/layouts.golden" | comm -13 - "$work/offsets" > "$work/difference"
+complain_each "docs/shared-memory.md has another offset than include/wex_status.h:" < "$work/difference"
+
 for program in "$3" "$4"; do
   nm -D --defined-only "$program" | grep -v '@GLIBC_' | complain_each "$program offers"  # those are copies of the library's
 done
