@@ -78,8 +78,8 @@ int64_t g_wall_ahead WEX_TSA(guarded_by(g_mutex)) =
     0;  // milliseconds by which it is ahead of the monotonic clock
 
 int g_news[2] = {-1, -1};  // read end, write end; made once, open for life
-// The main thread has been woken and has not looked since. At first true: nobody waits yet.
-std::atomic<bool> g_woken{true};
+// The main thread has been woken and has not looked since. At first 1: nobody waits yet.
+std::atomic<int32_t> g_woken{1};  // a whole word: see request_flag
 
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
@@ -95,7 +95,7 @@ void note_progress() {
 
 // Wakes the main thread, once for all that happens until it looks.
 void wake_main_thread() {
-  if (!g_woken.exchange(true)) {
+  if (g_woken.exchange(1) == 0) {
     (void)!write(g_news[1], "x", 1);
   }
 }
@@ -521,7 +521,7 @@ void wex_status_take_news() {
   char bytes[8];
   if (g_news[0] >= 0) {
     (void)!read(g_news[0], bytes, sizeof bytes);
-    g_woken.store(false);  // behind the read(), which would else take the byte of a change that comes now
+    g_woken.store(0);  // behind the read(), which would else take the byte of a change that comes now
   }
 }
 
