@@ -147,6 +147,9 @@ class Soak:
             self.used[name] = 0
             self.crew.start(name)
         need(not names or self.crew.all_ready(PATIENCE_S, names), "not started by hand: %s" % self.crew.down(names))
+        listed = [name for name in names if name.startswith("l")]
+        # A listed program that ends before the daemon has seen it executed was never registered.
+        need(not listed or self.crew.all_supervised(PATIENCE_S, listed), "not supervised: %s" % listed)
 
     def next_window(self):
         """Two more restarts of two services are one too many; one service waits for its file. Then two minutes pass."""
