@@ -274,7 +274,7 @@ class Soak:
 
     def memory(self):
         for line in device.read("/proc/%d/status" % self.daemon.pid).splitlines():
-            if line.startswith("VmRSS:"):
+            if line.startswith("RssAnon:"):      # without the code, which is read in as it is needed
                 return int(line.split()[1])
         return 0
 
