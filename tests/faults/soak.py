@@ -25,14 +25,14 @@ DOMAIN = 1
 MARKER = "/tmp/vsd/%d/delete_vsd" % DOMAIN
 UPKEEP = "wex_delay_resta"
 PATIENCE_S = 60
-MEMORY_SLACK_KIB = 512
+MEMORY_SLACK_KIB = 256
 LISTED = 8
 # Of services that have registered with this very daemon: a connection each, a locked file for each listed program.
 AT_MOST = {"descriptor of socket:[N]": 110, "descriptor of /tmp/vsd/N/wex/db/lN_N.N": LISTED, "file lock": LISTED + 1}
 
 ENDS = ["started again", "started again around a kill of the daemon", "parked, then started", "postponed, then started",
         "dropped: stopped by SIGTERM", "dropped: a domain is taken down"]
-COLUMNS = ["deaths", "daemon kills", "domains", *ENDS, "none", "two", "memory in KiB", "descriptors", "threads", "zombies"]
+COLUMNS = ["deaths", "daemon kills", "domains", *ENDS, "none", "two", "own memory in KiB", "descriptors", "threads", "zombies"]
 
 
 class Failed(Exception):
