@@ -77,7 +77,7 @@ WEX_STATUS_CHECK(sizeof(wex_status_thread) == 40);
 /* Bits of `flags` in the head. */
 enum {
   WEX_STATUS_ENDED = 1, /* the daemon ended by itself; not set, it runs or was killed */
-  WEX_STATUS_STRICT = 2 /* reserved */
+  WEX_STATUS_STRICT = 2 /* the daemon runs in strict mode */
 };
 
 typedef struct wex_status_head {

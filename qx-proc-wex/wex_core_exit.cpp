@@ -235,7 +235,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &child)) {
+      !wex_find_running(rec->process, &child, rec)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,

@@ -208,15 +208,20 @@ int wex_rm_pidfile(const wex_pid* rec) {
 }
 
 int wex_read_pidfile(const char* path, wex_pid* rec) {
+  return wex_read_pidfile_facts(path, rec, nullptr);
+}
+
+int wex_read_pidfile_facts(const char* path, wex_pid* rec, struct stat* facts) {
+  constexpr char kReader[] = "wex_read_pidfile";
   const unique_fd fd = wex_open_file(path, O_RDONLY);
-  if (!fd.valid()) {
-    wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", __func__, strerror(errno));
+  if (!fd.valid() || (facts != nullptr && fstat(fd.get(), facts) != 0)) {
+    wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   char content[kReadSize];
   const int32_t length = safe_read(fd.get(), content, sizeof content - 1);
   if (length < 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: read pid file fail: %s\n", __func__, strerror(errno));
+    wex_dbg(WEX_DBG_PUB, "%s: read pid file fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   content[length] = '\0';
@@ -224,7 +229,7 @@ int wex_read_pidfile(const char* path, wex_pid* rec) {
   int32_t pid = 0;
   int32_t action = 0;
   if (!scan_number(&at, &pid) || !scan_number(&at, &action)) {
-    wex_dbg(WEX_DBG_PUB, "%s: read pid fail: %s\n", __func__, strerror(errno));
+    wex_dbg(WEX_DBG_PUB, "%s: read pid fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   const char* const command = strchr(content, '/');
