@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
-# The demo tells its story on one screen, with what really happened in every act. Arguments: wex, the examples' directory.
+# The demo tells its story on one screen, with what really happened in every act, and ends with what to try next. Arguments: wex, the examples' directory.
 set -u
 . "$(dirname "$0")/lib.sh"
 story=$work/story
 timeout 120 "$root/tools/sandbox" --leak-check -- "$root/tools/demo" "$1" "$2" > "$story" 2> "$work/errors" < /dev/null ||
   complain "the demo ends with status $?: $(cat "$story" "$work/errors")"
 [ ! -s "$work/errors" ] || complain "the demo complains: $(cat "$work/errors")"
-[ "$(wc -l < "$story")" -le 24 ] || complain "more than 24 lines: $(wc -l < "$story")"
-complain_each "wider than 100 columns:" < <(grep -E '.{101}' "$story")
+# What ./dev demo prints around the story, too: how long the build took, that nothing was left behind, what to try next.
+"$root/tools/demo" --next > "$work/next"
+lines=$(($(wc -l < "$story") + 2 + $(wc -l < "$work/next")))
+[ $lines -le 24 ] || complain "more than 24 lines: $lines"
+complain_each "wider than 100 columns:" < <(grep -hE '.{101}' "$story" "$work/next")
 complain_each "a diagnostic line in the story:" < <(grep -E '^ +(console|messages|running) +\|' "$story")
 
 # told PATTERN: what the pattern's one group matched, in the one line where it does.
@@ -26,7 +29,7 @@ second=$(told "^3\. clock, pid $clock, is killed .* comes back at once, as pid $
 told "Task: clock/$clock receives event:(0009)" > /dev/null
 [ "$(told "new id clock/$pid\.")" = "$second" ] || complain "the log tells of another clock than act 3"
 told '^4\. (fragile) ' > /dev/null
-lives=$(told '^ .*its lives were the pids ([0-9 ]+)$')
+lives=$(told '^ .*its lives were the pids ([0-9 ]+); wexstat, problems first:$')
 [ "$(wc -w <<< "$lives")" = 5 ] && [ "$(tr ' ' '\n' <<< "$lives" | sort -u | wc -l)" = 5 ] || complain "fragile's lives are not five: $lives"
 [ "$(told "^   fragile +$pid +0 +parked, ")" = "${lives##* }" ] || complain "wexstat tells of another last life than $lives"
 [ "$(told "^   clock +$pid +0 +running ")" = "$second" ] || complain "wexstat tells of another clock than act 3"
@@ -42,7 +45,15 @@ third=$(told "^ .*the new wex starts it as pid $pid\$")
 [ "$(told "^7\. wex, pid $pid, is stopped with SIGINT")" = "$again" ] || complain "another wex in act 7"
 [ "$(told "clock still runs as pid $pid\$")" = "$third" ] || complain "another clock in act 7"
 [ "$(printf '%s\n' "$wex" "$clock" "$worker" "$second" "$again" "$third" | sort -u | wc -l)" = 6 ] || complain "pids are told twice"
-sed -n '/^What to try next:$/,$p' "$story" | grep -q '\./dev demo --shell' || complain "the story does not end with what to try next"
+[ "$(head -n 1 "$work/next")" = 'What to try next:' ] && grep -q '\./dev demo --shell' "$work/next" || complain "nothing to try next: $(cat "$work/next")"
+"$root/dev" help > "$work/help"
+while read -r place command option _; do           # a form of ./dev demo that the help has, or a document
+  if [ "$place" = ./dev ]; then
+    grep -Eq -- "^  $command .*$option" "$work/help" || complain "./dev help knows no $command $option"
+  else
+    [ -e "$root/$place" ] || complain "there is no $place to try next"
+  fi
+done < <(tail -n +2 "$work/next")
 
 # The README shows the table of a run. What differs from run to run: numbers, durations, and whether a core is dumped.
 shape() {

@@ -8,10 +8,9 @@ import sys
 import runs
 import tracing
 from report import Arguments, Outcome
-from scenarios import TABLE
 
 
-def injections(points):
+def injections(_scenario, points):
     """Every (who, expression) that a plain run has shown to exist."""
     for (who, call), times in sorted(points.items()):
         if call in tracing.CANNOT_FAIL or who == runs.MAIN:
@@ -24,17 +23,8 @@ def injections(points):
 
 
 def main():
-    arguments = Arguments(__doc__, [scenario.name for scenario in TABLE])
-    outcome = Outcome("failures", arguments)
-    work = []
-    for scenario in TABLE:
-        if scenario.name in arguments.scenarios:
-            points = runs.plain_run(arguments.tools, scenario)
-            rows = list(injections(points))
-            outcome.plan(scenario, len({call for _, call in points}), len(rows))
-            work.append((scenario, rows))
-    outcome.begin_trying()
-    runs.carry_out(outcome, arguments, work)
+    outcome = Outcome("failures", Arguments(__doc__))
+    runs.try_all(outcome, injections)
     return outcome.finish()
 
 

@@ -11,7 +11,7 @@ import time
 import device
 import runs
 from report import Arguments, Outcome
-from scenarios import TABLE, Client, Scenario, StartWithTheDead
+from scenarios import Client, Scenario, StartWithTheDead
 
 # What changes a file, the table of others, or who lives.
 WRITES = """write pwrite64 unlink unlinkat rename renameat link linkat ftruncate mkdir mkdirat rmdir fsync chmod fchmod
@@ -84,7 +84,9 @@ def kills(scenario, points):
             yield who, "inject=%s:signal=KILL:when=%d" % (call, number)
 
 
-def kill_at_random(outcome, arguments, times):
+def kill_at_random(outcome):
+    arguments = outcome.arguments
+    times = arguments.times or (100 if arguments.budget else 2000)
     outcome.plan(Busy, 0, times)
     busy = Busy(arguments.tools, arguments.seed)
     busy.begin()
@@ -100,18 +102,10 @@ def kill_at_random(outcome, arguments, times):
 
 
 def main():
-    arguments = Arguments(__doc__, [scenario.name for scenario in TABLE] + [Busy.name])
-    outcome = Outcome("kills", arguments)
-    if Busy.name in arguments.scenarios:
-        kill_at_random(outcome, arguments, arguments.times or (100 if arguments.budget else 2000))
-    work = []
-    for scenario in TABLE:
-        if scenario.name in arguments.scenarios:
-            rows = list(kills(scenario, runs.plain_run(arguments.tools, scenario)))
-            outcome.plan(scenario, len({expression.split(":")[0] for _, expression in rows}), len(rows))
-            work.append((scenario, rows))
-    outcome.begin_trying()
-    runs.carry_out(outcome, arguments, work)
+    outcome = Outcome("kills", Arguments(__doc__, [Busy.name]))
+    if Busy.name in outcome.arguments.scenarios:
+        kill_at_random(outcome)
+    runs.try_all(outcome, kills)
     return outcome.finish()
 
 

@@ -5,6 +5,8 @@ import json
 import os
 import time
 
+from scenarios import TABLE
+
 
 class Tools:
     def __init__(self, build, beside):
@@ -15,7 +17,8 @@ class Tools:
 
 
 class Arguments:
-    def __init__(self, text, names):
+    def __init__(self, text, further=()):
+        names = [scenario.name for scenario in TABLE] + list(further)
         parser = argparse.ArgumentParser(description=text)
         parser.add_argument("--build", required=True, help="the build tree")
         parser.add_argument("--budget", type=float, default=0, help="seconds; without it everything is tried")

@@ -11,6 +11,7 @@ import time
 import device
 import tracing
 from device import Service
+from scenarios import TABLE
 
 CHILD = "a child before its program"
 ALL = "every thread"
@@ -273,8 +274,15 @@ def in_turn(work, seed):
     return [row for line in itertools.zip_longest(*columns) for row in line if row is not None]
 
 
-def carry_out(outcome, arguments, work):
-    """`work`: of each scenario its (who, expression) rows."""
+def try_all(outcome, rows_of):
+    """In each scenario that is asked for, every (who, expression) that `rows_of` makes of the calls of a plain run."""
+    arguments, work = outcome.arguments, []
+    for scenario in TABLE:
+        if scenario.name in arguments.scenarios:
+            rows = list(rows_of(scenario, plain_run(arguments.tools, scenario)))
+            outcome.plan(scenario, len({expression.split(":")[0] for _, expression in rows}), len(rows))
+            work.append((scenario, rows))
+    outcome.begin_trying()
     for scenario, (who, expression) in in_turn(work, arguments.seed)[arguments.skip:]:
         if outcome.out_of_time():
             break

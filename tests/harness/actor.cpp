@@ -365,19 +365,24 @@ void leave_child(const char* ms) {
   }
 }
 
+// This program anew, with its own words.
+[[noreturn]] void execute_again() {
+  char* words[64];
+  size_t count = 0;
+  const std::string line = text_of("/proc/self/cmdline");
+  for (size_t at = 0; at < line.size() && count < 63; at += strlen(line.c_str() + at) + 1) {
+    words[count++] = strdup(line.c_str() + at);
+  }
+  words[count] = nullptr;
+  execv("/proc/self/exe", words);
+  _exit(121);
+}
+
 void restart_self(
     const char*) {  // as a program that replaces itself: the new one runs before the old one ends
   if (fork() == 0) {
-    char* words[64];
-    size_t count = 0;
-    const std::string line = text_of("/proc/self/cmdline");
-    for (size_t at = 0; at < line.size() && count < 63; at += strlen(line.c_str() + at) + 1) {
-      words[count++] = strdup(line.c_str() + at);
-    }
-    words[count] = nullptr;
     setsid();
-    execv("/proc/self/exe", words);
-    _exit(121);
+    execute_again();
   }
 }
 
@@ -458,19 +463,7 @@ void exec_in_thread(
     const char*) {  // this program anew under the same pid, from a thread that is not the first
   pthread_t thread;
   pthread_create(
-      &thread, nullptr,
-      [](void*) -> void* {
-        char* words[64];
-        size_t count = 0;
-        const std::string line = text_of("/proc/self/cmdline");
-        for (size_t at = 0; at < line.size() && count < 63; at += strlen(line.c_str() + at) + 1) {
-          words[count++] = strdup(line.c_str() + at);
-        }
-        words[count] = nullptr;
-        execv("/proc/self/exe", words);
-        _exit(121);
-      },
-      nullptr);
+      &thread, nullptr, [](void*) -> void* { execute_again(); }, nullptr);
   hold(nullptr);
 }
 

@@ -111,14 +111,15 @@ std::set<std::string> held_mutexes() {
 }
 
 // The generic port opens its socket to the system log once, at the first line. It is recognised by its
-// send timeout and by having no name: another one that is left open is a leak.
+// send timeout and by having no name: another one that is left open is a leak. User-mode emulation of a
+// 32-bit board answers with less than a time, and by its name alone it is recognised there.
 bool is_log_socket(int fd) {
   timeval timeout = {};
   socklen_t size = sizeof timeout;
   sockaddr_un name = {};
   socklen_t name_size = sizeof name;
-  return getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, &size) == 0 && timeout.tv_sec == 0 &&
-         timeout.tv_usec == 1000 * kSystemLogWaitMs &&
+  return getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, &size) == 0 &&
+         (size < sizeof timeout || (timeout.tv_sec == 0 && timeout.tv_usec == 1000 * kSystemLogWaitMs)) &&
          getsockname(fd, reinterpret_cast<sockaddr*>(&name), &name_size) == 0 &&
          name_size == sizeof name.sun_family;
 }

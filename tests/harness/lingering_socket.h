@@ -43,22 +43,29 @@ class lingering_socket {
   mutable unique_fd sender_;
 };
 
-// Sends a record with a descriptor, and closes the latter here. False with errno.
-inline bool send_descriptor(int sd, const void* record, size_t size, unique_fd descriptor) {
+// Sends a record with descriptors, at most kMostRights. False with errno.
+constexpr size_t kMostRights = 253;  // the kernel takes no more
+
+inline bool send_descriptors(int sd, const void* record, size_t size, const int* fds, size_t count) {
   iovec part = {const_cast<void*>(record), size};
-  alignas(cmsghdr) char room[CMSG_SPACE(sizeof(int))] = {};
+  alignas(cmsghdr) char room[CMSG_SPACE(kMostRights * sizeof(int))] = {};
   msghdr how = {};
   how.msg_iov = &part;
   how.msg_iovlen = 1;
   how.msg_control = room;
-  how.msg_controllen = sizeof room;
+  how.msg_controllen = CMSG_SPACE(count * sizeof *fds);
   cmsghdr* const rights = CMSG_FIRSTHDR(&how);
   rights->cmsg_level = SOL_SOCKET;
   rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof(int));
+  rights->cmsg_len = CMSG_LEN(count * sizeof *fds);
+  memcpy(CMSG_DATA(rights), fds, count * sizeof *fds);
+  return sendmsg(sd, &how, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+}
+
+// The same with one descriptor, which is closed here.
+inline bool send_descriptor(int sd, const void* record, size_t size, unique_fd descriptor) {
   const int fd = descriptor.get();
-  memcpy(CMSG_DATA(rights), &fd, sizeof fd);
-  const bool sent = sendmsg(sd, &how, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+  const bool sent = send_descriptors(sd, record, size, &fd, 1);
   if (!sent) {  // the close below is the last one, and the test must not wait for it
     const int cause = errno;
     const linger at_once = {0, 0};

@@ -17,6 +17,19 @@ same() {                                           # WHAT FILE FILE
   [ -z "$difference" ] || complain "$1: $difference"
 }
 files() { (cd "$1" && find . ! -type d -o -type d -empty) | sed 's|^\.||' | sort; }
+# hands_on SCRIPT REAL HOW...: the script calls the real one, which a stand-in takes the place of, with the word it was
+# given. HOW is a command of sh with the script in $1 and the word in $2.
+hands_on() {
+  local script=$1 real=$2 word
+  printf '#!/bin/sh\necho "$*" > %s\n' "$work/called-with" > "$work/stand-in"
+  chmod 0755 "$work/stand-in"
+  sed "s|$real|$work/stand-in|" "$script" > "$work/script"
+  for word in start stop; do
+    rm -f "$work/called-with"
+    sh -c "$3" - "$work/script" $word
+    [ "$(cat "$work/called-with")" = $word ] || complain "${script##*/} does not hand $word on to $real"
+  done
+}
 version=$(sed -n 's/^project(wex VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
 
 # What wex puts into an image: without what only building and reading needs. The trees have one library directory.
@@ -44,6 +57,7 @@ files "$work/buildroot" > "$work/got"
 { cat "$work/wanted"; echo /etc/init.d/S05wex; } | sort > "$work/wanted-buildroot"
 same "Buildroot's image has (>) or lacks (<)" "$work/wanted-buildroot" "$work/got"
 [ -x "$work/buildroot/etc/init.d/S05wex" ] && sh -n "$work/buildroot/etc/init.d/S05wex" || complain "S05wex is not a script to run"
+hands_on "$work/buildroot/etc/init.d/S05wex" /etc/init.d/wex 'exec sh "$1" "$2"'
 buildroot kernel | sed -n 's/^enable //p' | sort > "$work/enabled"
 same "Buildroot's kernel options and wex.config" "$work/options" "$work/enabled"
 [ "$(buildroot version)" = "$version $tree/../../LICENSE" ] || complain "Buildroot: version or licence: $(buildroot version)"
@@ -161,6 +175,8 @@ same "OpenWrt's packages have (>) or lack (<)" "$work/wanted-openwrt" "$work/got
 cmp -s "$work/openwrt/wex/usr/libexec/wex/wex-sysvinit" "$work/all/etc/init.d/wex" || complain "OpenWrt: another start script is called"
 head -n 1 "$work/openwrt/wex/etc/init.d/wex" | grep -q '^#!/bin/sh /etc/rc.common$' && sh -n "$work/openwrt/wex/etc/init.d/wex" ||
   complain "OpenWrt: /etc/init.d/wex is no script of rc.common"
+grep -Eq '^START=[0-9]+$' "$work/openwrt/wex/etc/init.d/wex" || complain "OpenWrt: nothing starts wex at boot"
+hands_on "$work/openwrt/wex/etc/init.d/wex" /usr/libexec/wex/wex-sysvinit '. "$1" && "$2"'
 [ -e "$work/openwrt/dev/usr/include/wex/wex.h" ] && [ -e "$work/openwrt/dev/usr/lib/libwex.so" ] || complain "OpenWrt: nothing to build services with"
 
 [ $failures -eq 0 ] && echo "all well"

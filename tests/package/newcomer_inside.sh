@@ -44,6 +44,7 @@ case " ${*:2} " in *' demo '* | '  ')
   built=$(sed -n 's/^Set up and built in \([0-9]*\) s\.$/\1/p' "$bare/newcomer.log")
   [ -n "$built" ] || fail "the demo does not say how long set-up and build took: $(cat "$bare/newcomer.log")"
   told=$((SECONDS - start - built))
+  tail -n 4 "$bare/newcomer.log" | head -n 1 | grep -qx 'What to try next:' || fail "the demo does not end with what to try next: $(cat "$bare/newcomer.log")"
   printf '  of these for set-up, downloads and build: %d s; for the story: %d s\n' "$built" $told
   [ $told -le 60 ] || fail "the story of the demo takes $told s, which is more than a minute" ;;
 esac

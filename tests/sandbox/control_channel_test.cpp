@@ -13,6 +13,7 @@
 #include <memory>
 #include <sstream>
 
+#include "forked.h"
 #include "handled_exits.h"
 #include "lingering_socket.h"
 #include "received_descriptors.h"
@@ -20,29 +21,9 @@
 #include "wex_sys_alive.h"
 
 using namespace control_client;
+using namespace forked;
 
 namespace {
-
-// The library keeps its connection for the life of its process, so its calls are made in one that ends.
-pid_t start_child(const std::function<int()>& work) {
-  fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(100);
-    _exit(work());
-  }
-  return pid;
-}
-
-int status_of(pid_t pid) {
-  int status = 0;
-  EXPECT_EQ(pid, waitpid(pid, &status, 0));
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-int in_child(const std::function<int()>& work) {
-  return status_of(start_child(work));
-}
 
 // Real-time priority and policy of a thread, as /proc has them: "99 1" is first in, first out at 99.
 std::string scheduling_of(pid_t pid, const std::string& name) {
@@ -531,7 +512,7 @@ TEST_F(ControlChannel, TheLibraryFindsTheNextDaemon) {
   daemon.kill_now();
   start();
   write_file("/tmp/next_daemon", "");
-  EXPECT_EQ(0, status_of(client));
+  EXPECT_EQ(0, exit_status(client));
   EXPECT_TRUE(console_says(dispatched(5, 0)));
   unlink("/tmp/first_sent");
   unlink("/tmp/next_daemon");

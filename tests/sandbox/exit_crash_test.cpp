@@ -80,15 +80,9 @@ TEST_F(ExitHandling, ExitsWithoutACoreDumpNeverRestartTheDevice) {
   ASSERT_TRUE(daemon.start());
   Process service;
   ASSERT_TRUE(start_service(&service));
-  pid_t pid = service.pid();
-  service.kill_now();
-  for (int life = 0; life < 3; ++life) {
-    const pid_t next = next_life(pid);
-    ASSERT_GT(next, 0);
-    send_signal(next, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
-    pid = next;
-  }
-  EXPECT_GT(wait_for_actor(kService, pid), 0);
+  ASSERT_NO_FATAL_FAILURE(live_and_end(&service, [](pid_t pid, int life) {
+    send_signal(pid, life == 0 ? SIGABRT : SIGKILL);  // without --core the limit keeps it from dumping
+  }));
   const bool dumped = read_console().find("event:0086") != std::string::npos;
   EXPECT_EQ(dumped, exists(kRebootLog));
   daemon.stop();

@@ -189,14 +189,19 @@ pid_t restarted(Process* service) {
   return next;
 }
 
+// The same for a service beside which another one is started then; 0 when one of them does not come.
+pid_t restarted_beside(Process* twin) {
+  Process first;
+  const pid_t next = start_service(&first) ? restarted(&first) : 0;
+  return next > 0 && start_service(twin) ? next : 0;
+}
+
 TEST_F(ExitHandling, ARestartedOneThatDiesBesideALivingTwinIsForgotten) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
-  Process first, twin;
-  ASSERT_TRUE(start_service(&first));
-  const pid_t again = restarted(&first);
+  Process twin;
+  const pid_t again = restarted_beside(&twin);
   ASSERT_GT(again, 0);
-  ASSERT_TRUE(start_service(&twin));
   send_signal(again, SIGKILL);
   EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> pid " + text(twin.pid()) + " alive, del " +
                            text(again) + "\n"))
@@ -214,11 +219,9 @@ TEST_F(ExitHandling, TwinsThatDieTogetherComeBackAsOne) {
     mark_console();
     Daemon daemon;
     ASSERT_TRUE(daemon.start());
-    Process first, twin;
-    ASSERT_TRUE(start_service(&first));
-    const pid_t again = restarted(&first);
+    Process twin;
+    const pid_t again = restarted_beside(&twin);
     ASSERT_GT(again, 0);
-    ASSERT_TRUE(start_service(&twin));
     const pid_t twin_pid = twin.pid();
     send_signal(daemon.pid(), SIGSTOP);
     send_signal(restarted_first ? again : twin_pid, SIGKILL);
@@ -466,16 +469,10 @@ TEST_F(ExitHandling, NoneOfItsChildrenStaysAZombie) {
   ASSERT_TRUE(daemon.start());
   Process service;
   ASSERT_TRUE(start_service(&service));
-  pid_t pid = service.pid();
-  service.kill_now();
-  for (int life = 0; life < 3; ++life) {
-    const pid_t next = next_life(pid);
-    ASSERT_GT(next, 0);
-    send_signal(next, SIGKILL);
-    EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(next)); })) << "a zombie stays";
-    pid = next;
-  }
-  EXPECT_GT(wait_for_actor(kService, pid), 0);
+  ASSERT_NO_FATAL_FAILURE(live_and_end(&service, [](pid_t pid, int) {
+    send_signal(pid, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return !exists("/proc/" + text(pid)); })) << "a zombie stays";
+  }));
   daemon.stop();
 }
 

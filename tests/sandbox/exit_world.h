@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,20 @@ inline pid_t next_life(pid_t before) {
   const bool ready = next > 0 && eventually([&] { return read_file(kReady) == text(next) + "\n"; });
   EXPECT_TRUE(ready) << read_console();
   return ready ? next : 0;
+}
+
+// Kills the service, and ends three of its next lives as `end` does, which gets their pid and number. Another
+// one follows.
+inline void live_and_end(Process* service, const std::function<void(pid_t, int)>& end) {
+  pid_t pid = service->pid();
+  service->kill_now();
+  for (int life = 0; life < 3; ++life) {
+    const pid_t next = next_life(pid);
+    ASSERT_GT(next, 0);
+    end(next, life);
+    pid = next;
+  }
+  EXPECT_GT(wait_for_actor(kService, pid), 0);
 }
 
 inline size_t starts(const std::string& path) {

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "forked.h"
 #include "raw_client.h"
 #include "status_reader.h"
 #include "wex.h"
@@ -16,6 +17,7 @@
 #include "wex_sys_alive.h"
 #include "wex_test.h"
 
+using namespace forked;
 using namespace wex_test;
 
 namespace {
@@ -58,19 +60,6 @@ std::vector<pid_t> threads_of(pid_t pid) {
     tids.push_back(static_cast<pid_t>(std::stol(name)));
   }
   return tids;
-}
-
-// The calls of the library are made in a process that ends, for it keeps its connection and its table.
-int in_client(const std::function<int()>& work) {
-  fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(100);
-    _exit(work());
-  }
-  int status = 0;
-  EXPECT_EQ(pid, waitpid(pid, &status, 0));
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int32_t own_tid() {
@@ -156,7 +145,7 @@ TEST_F(HangDetection, ADeadServiceLeavesNothingInTheTable) {
 
 TEST_F(HangDetection, AThreadThatWithdrawsIsOutOfTheTable) {
   ASSERT_TRUE(daemon.start());
-  EXPECT_EQ(0, in_client([] {
+  EXPECT_EQ(0, in_child([] {
               const int32_t tid = own_tid();
               if (wex_client_reg_thread_notify(getpid(), tid, 60, 1) != 0) {
                 return 1;
@@ -176,7 +165,7 @@ TEST_F(HangDetection, NobodyRegistersOrReportsForAnotherThread) {
   Process other;
   ASSERT_TRUE(other.start(actor_words({"--hold"})));
   const int32_t victim = other.pid();
-  EXPECT_EQ(0, in_client([=] {
+  EXPECT_EQ(0, in_child([=] {
               const bool refused = wex_client_reg_thread_notify(getpid(), victim, 60, 1) == -1 &&
                                    wex_client_reg_thread_notify(victim, victim, 60, 1) == -1 &&
                                    wex_client_reset_thread_notify(victim, victim, 60, 1) == -1 &&
@@ -191,7 +180,7 @@ TEST_F(HangDetection, NobodyRegistersOrReportsForAnotherThread) {
 
 TEST_F(HangDetection, AnExemptThreadDoesNotReportUnlessItsLineIsUnfinished) {
   ASSERT_TRUE(daemon.start());
-  EXPECT_EQ(0, in_client([] {
+  EXPECT_EQ(0, in_child([] {
               const int32_t tid = own_tid();
               if (wex_client_reg_thread_notify(getpid(), tid, 60, 1) != 0 ||
                   !eventually([=] { return registered(tid); })) {

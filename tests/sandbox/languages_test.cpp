@@ -95,6 +95,28 @@ TEST_F(Languages, TheServiceInCppIsRegisteredWhileItsObjectsLive) {
 TEST_F(Languages, TheServiceInPythonIsRegisteredInItsBlock) {
   live({"/usr/bin/python3", WEX_SOURCE_DIR "/examples/service.py"}, python_name(), 1);
 }
+
+TEST_F(Languages, AServiceInPythonThatEndsByAnErrorIsStartedAgainByItsScript) {
+  const temporary service_file("/usr/sbin/unlucky"), script("/etc/cmdmap/revive"), fault("/tmp/fault");
+  write_file("/usr/sbin/unlucky",
+             "import os, sys, time\nsys.path.append(\"" WEX_SOURCE_DIR
+             "/examples\")\nimport wex\n"
+             "with wex.registered(script=\"revive\"), wex.Heartbeat(wex.TWELVE_MINUTES) as heart:\n"
+             "    while not os.path.exists(\"/tmp/fault\"):\n"
+             "        time.sleep(0.05)\n"
+             "        heart.beat()\n"
+             "    raise RuntimeError\n");
+  write_file("/etc/cmdmap/revive", "#!/bin/sh\nrm /tmp/fault && exec /usr/bin/python3 /usr/sbin/unlucky\n",
+             0755);
+  Process service;
+  ASSERT_TRUE(service.start({"/usr/bin/python3", "/usr/sbin/unlucky"}, kLibrary));
+  ASSERT_EQ(service.pid(), registered_pid(0)) << read_console();
+  ASSERT_TRUE(eventually([] { return watched_threads() == 1; }, 30s)) << read_console();
+  write_file("/tmp/fault", "");
+  EXPECT_TRUE(exited_with(service.wait(30s), 1));
+  EXPECT_GT(registered_pid(service.pid()), 0) << read_console();
+  EXPECT_FALSE(exists("/tmp/fault")) << "started again by something else than its script";
+}
 #endif
 
 TEST_F(Languages, TheClientOfTheDocumentNeedsNoLibrary) {

@@ -15,8 +15,7 @@ TEST_F(ThirdPartRegistration, AListedProgramStartedByHandIsRegisteredAndRestarte
   ASSERT_NO_FATAL_FAILURE(start_listed("plain"));
   EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n2\n" + app_, read_file(db_file("plain", by_hand_.pid())));
   const pid_t first = by_hand_.pid();
-  end_by_hand();
-  const pid_t second = wait_for(app_, first);
+  const pid_t second = restarted();
   ASSERT_NE(0, second);
   EXPECT_TRUE(
       console_says("wex_spawn--> third part Normal[" + app_ + "] new pid: " + std::to_string(second)));
@@ -46,9 +45,7 @@ TEST_F(ThirdPartRegistration, TheTypeForScriptsRestartsThroughTheCommandMap) {
   ASSERT_NO_FATAL_FAILURE(start_listed("mapped", "WEX_SHELL_RESTART\n"));
   write_file("/etc/cmdmap/mapped.sh", "echo ran > /tmp/apps/ran\nexec " + app_ + "\n");
   EXPECT_EQ(std::to_string(by_hand_.pid()) + "\n3\n" + app_, read_file(db_file("mapped", by_hand_.pid())));
-  const pid_t first = by_hand_.pid();
-  end_by_hand();
-  const pid_t second = wait_for(app_, first);
+  const pid_t second = restarted();
   ASSERT_NE(0, second);
   EXPECT_TRUE(
       console_says("wex_shell_spawn--> third part Normal[" + app_ + "] new pid: " + std::to_string(second)));

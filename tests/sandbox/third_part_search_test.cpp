@@ -12,33 +12,19 @@ struct ThirdPartSearch : ThirdPart {};
 }  // namespace
 
 TEST_F(ThirdPartSearch, AProgramOfSeveralWordsIsFoundAgainByItsWholeCommandLine) {
-  const std::string app = install("words");
-  const std::string command = app + " -d --level 3";
-  describe("words", command + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app, "-d", "--level", "3"}));
-  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
-  const pid_t first = by_hand_.pid();
-  end_by_hand();
-  const pid_t second = wait_for(command, first, 30s);
+  ASSERT_NO_FATAL_FAILURE(start_listed_with({"-d", "--level", "3"}, "words"));
+  const pid_t second = restarted(30s);
   ASSERT_NE(0, second);
-  EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
+  EXPECT_TRUE(console_says("third part Normal[" + app_ + "] new pid: " + std::to_string(second), 10s));
   EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }));
 }
 
 TEST_F(ThirdPartSearch, AProgramOfSeveralWordsIsFoundThoughOtherProcessesComeAndGo) {
-  const std::string app = install("words");
-  const std::string command = app + " -d";
-  describe("words", command + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app, "-d"}));
-  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
-  const pid_t first = by_hand_.pid();
+  ASSERT_NO_FATAL_FAILURE(start_listed_with({"-d"}, "words"));
   PassersBy others(500, 5000000, 2000);  // at the look for the whole text, 5.5 s after the start
-  end_by_hand();
-  const pid_t second = wait_for(command, first);
+  const pid_t second = restarted();
   ASSERT_NE(0, second);
-  EXPECT_TRUE(console_says("third part Normal[" + app + "] new pid: " + std::to_string(second), 10s));
+  EXPECT_TRUE(console_says("third part Normal[" + app_ + "] new pid: " + std::to_string(second), 10s));
 }
 
 TEST_F(ThirdPartSearch, AfterARestartThatFoundNoProcessTheNextLifeIsSupervisedAgain) {
@@ -181,22 +167,16 @@ TEST_F(ThirdPartSearch, ADaemonThatEndsDuringASearchFinishesItAndLeavesOneInstan
 
 // The file of the process before lies there as long as the search goes on.
 TEST_F(ThirdPartSearch, ADaemonThatIsKilledDuringASearchLeavesOneInstanceToTheNext) {
-  const std::string app = install("words");
-  const std::string command = app + " -d";
-  describe("words", command + " WEX_RESTART");
-  ASSERT_TRUE(start_daemon());
-  ASSERT_TRUE(start_by_hand({app, "-d"}));
-  ASSERT_TRUE(registered(command, by_hand_.pid(), "words"));
+  ASSERT_NO_FATAL_FAILURE(start_listed_with({"-d"}, "words"));
   const pid_t first = by_hand_.pid();
-  end_by_hand();
-  const pid_t second = wait_for(command, first, 30s);
+  const pid_t second = restarted(30s);
   ASSERT_NE(0, second);
   daemon_.kill_now();
   ASSERT_TRUE(exists(db_file("words", first))) << "the search had ended before";
   ASSERT_TRUE(start_daemon());
   EXPECT_TRUE(eventually([&] { return exists(db_file("words", second)); }, 20s));
   EXPECT_FALSE(exists(db_file("words", first)));
-  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command));
+  EXPECT_EQ(std::vector<pid_t>{second}, pids_with_command(command_));
   ASSERT_TRUE(send_signal(second, SIGKILL));
-  EXPECT_NE(0, wait_for(command, second, 30s)) << "it is supervised";
+  EXPECT_NE(0, wait_for(command_, second, 30s)) << "it is supervised";
 }

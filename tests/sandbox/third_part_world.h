@@ -138,11 +138,22 @@ class ThirdPart : public WexWorld {
 
   // Installs a program, lists it, and starts the daemon and the program. It is registered then.
   void start_listed(const std::string& name, const std::string& type = "WEX_RESTART") {
-    app_ = install(name);
-    describe(name, app_ + " " + type);
+    start_listed_with({}, name, type);
+  }
+
+  // The same for a program with arguments, all of which the list names.
+  void start_listed_with(const std::vector<std::string>& arguments, const std::string& name,
+                         const std::string& type = "WEX_RESTART") {
+    command_ = app_ = install(name);
+    std::vector<std::string> words = {app_};
+    for (const std::string& argument : arguments) {
+      words.push_back(argument);
+      command_ += " " + argument;
+    }
+    describe(name, command_ + " " + type);
     ASSERT_TRUE(start_daemon());
-    ASSERT_TRUE(start_by_hand({app_}));
-    ASSERT_TRUE(registered(app_, by_hand_.pid(), name));
+    ASSERT_TRUE(start_by_hand(words));
+    ASSERT_TRUE(registered(command_, by_hand_.pid(), name));
   }
 
   bool start_daemon() { return daemon_.start(); }
@@ -206,7 +217,15 @@ class ThirdPart : public WexWorld {
     by_hand_.wait();
   }
 
-  std::string app_;  // of start_listed()
+  // Ends the program that was started by hand, and waits for the one that is started in its place.
+  pid_t restarted(milliseconds limit = 10s) {
+    const pid_t first = by_hand_.pid();
+    end_by_hand();
+    return wait_for(command_, first, limit);
+  }
+
+  std::string app_;      // of start_listed()
+  std::string command_;  // the same with its arguments
   Daemon daemon_;
   Process by_hand_;
 };

@@ -140,6 +140,31 @@ TEST_F(WexrunNotify, WexSeesTheSignalThatEndedTheProgramAndASigtermIsAStop) {
   EXPECT_TRUE(never([] { return !pids_with_command(joined(kCommand)).empty(); }, 1s));
 }
 
+// Each life ends with the status that it is given; wex tells of it as of the program's own.
+TEST_F(WexrunNotify, WexSeesTheExitStatusOfTheProgramFromTheLowestToTheHighest) {
+  const struct {
+    const char *status, *logged;
+  } rows[] = {
+      {"0\n", " will be re-initialized"}, {"1\n", " receives event:0100"}, {"255\n", " receives event:ff00"}};
+  const words script = {"/tmp/speaker"}, command = wexrun({"--notify"}, script);
+  const temporary speaker(script[0]);
+  write_file(script[0],
+             "#!/bin/sh\nwhile [ ! -s /tmp/ready ]; do sleep 0.05; done\nread status < /tmp/ready\n"
+             "rm /tmp/ready\nexit $status\n",
+             0755);
+  Process service;
+  ASSERT_TRUE(service.start(command));
+  pid_t pid = service.pid();
+  for (const auto& row : rows) {
+    ASSERT_TRUE(eventually([&] { return lock_holder(pid) == pid; }, 20s)) << read_console();
+    write_file("/tmp/ready", row.status);
+    EXPECT_TRUE(log.says("/" + text(pid) + row.logged, 20s)) << read_console();
+    pid = wait_for_command(command, pid);
+    ASSERT_GT(pid, 0) << read_console();
+  }
+  EXPECT_TRUE(exited_with(service.wait(20s), 0));
+}
+
 TEST_F(WexrunNotify, AKilledWexrunTakesTheProgramAlongSoThatOneRuns) {
   Process service;
   ASSERT_NO_FATAL_FAILURE(start(&service));
@@ -197,24 +222,29 @@ TEST_F(WexrunNotify, WithoutASocketItSaysSoAndTheNextLifeTriesAgain) {
   expect_back(service.pid());
 }
 
-TEST_F(WexrunNotify, OrdinarySignalsReachTheProgramAndABrokenPipeOfItsParentIsNothing) {
+TEST_F(WexrunNotify, EverySignalOfTheManualReachesTheProgramAndABrokenPipeOfItsParentIsNothing) {
+  const struct {
+    int number;
+    const char* name;
+  } rows[] = {{SIGINT, "INT"},   {SIGHUP, "HUP"},     {SIGQUIT, "QUIT"}, {SIGUSR1, "USR1"}, {SIGUSR2, "USR2"},
+              {SIGALRM, "ALRM"}, {SIGWINCH, "WINCH"}, {SIGTSTP, "TSTP"}, {SIGCONT, "CONT"}};
   const words script = {"/tmp/speaker"};
   const temporary speaker(script[0]);
   write_file(script[0],
-             "#!/bin/sh\nsay() { echo $1 >> /tmp/wexrun-facts; }\ntrap 'say stop' TSTP\ntrap 'say go' CONT\n"
+             "#!/bin/sh\nsay() { echo $1 >> /tmp/wexrun-facts; }\n"
+             "for name in INT HUP QUIT USR1 USR2 ALRM WINCH TSTP CONT; do trap \"say $name\" $name; done\n"
              "say up\nwhile :; do sleep 0.1; done\n",
              0755);
   Process service;
-  const auto told = [](const char* lines) {
-    return eventually([&] { return read_file(kFacts) == lines; }, 20s);
-  };
+  std::string told = "up\n";
   ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
-  ASSERT_TRUE(told("up\n"));
+  ASSERT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << read_console();
   service.send(SIGPIPE);
-  service.send(SIGTSTP);
-  EXPECT_TRUE(told("up\nstop\n")) << read_file(kFacts);
-  service.send(SIGCONT);
-  EXPECT_TRUE(told("up\nstop\ngo\n")) << read_file(kFacts);
+  for (const auto& row : rows) {
+    service.send(row.number);
+    told += std::string(row.name) + "\n";
+    EXPECT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << row.name << read_file(kFacts);
+  }
   service.send(SIGTERM);
   EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
 }

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "forked.h"
 #include "unique_fd.h"
 #include "wex.h"
 #include "wex_paths.h"
@@ -31,6 +32,7 @@
 namespace control {
 
 using namespace wex_test;
+using namespace forked;
 
 using clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -57,29 +59,6 @@ class printed : public wex_test::printed {
  private:
   int32_t level_ = g_wex_dbg_level[WEX_DBG_PUB];
 };
-
-// Runs `work` in a forked child and gives its result back as the child's exit status.
-template <class Work>
-pid_t start_child(Work work) {
-  fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(100);
-    _exit(work());
-  }
-  return pid;
-}
-
-inline int exit_status(pid_t pid) {
-  int status = 0;
-  EXPECT_EQ(pid, waitpid(pid, &status, 0));
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-template <class Work>
-int in_child(Work work) {
-  return exit_status(start_child(work));
-}
 
 // A process of its own program: its command line is known, it stays until it is ended.
 class sleeper : public child {

@@ -9,8 +9,10 @@
 #define LINKED_NANOSLEEP(kind) kind##___clock_nanosleep_time64
 #define LINKED_IOCTL(kind) kind##___ioctl_time64
 #define LINKED_RECVMSG(kind) kind##___recvmsg64
+#define LINKED_SETSOCKOPT(kind) kind##___setsockopt64
 #else
 #define LINKED_NANOSLEEP(kind) kind##_clock_nanosleep
 #define LINKED_IOCTL(kind) kind##_ioctl
 #define LINKED_RECVMSG(kind) kind##_recvmsg
+#define LINKED_SETSOCKOPT(kind) kind##_setsockopt
 #endif

@@ -14,6 +14,7 @@
 
 #include "parked_world.h"
 #include "running_thread.h"
+#include "unique_fd.h"
 #include "waiting.h"
 #include "wex_core_filter.h"
 #include "wex_core_netlink.h"
@@ -76,14 +77,26 @@ pid_t lasting() {
   return child;
 }
 
-// A process whose main thread has ended while another one waits for the end of `hold`.
-pid_t without_main_thread(const int (&hold)[2]) {
+// Threads of children wait at it until it is opened, or gone.
+struct gate {
+  gate() {
+    int ends[2];
+    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+    inside.reset(ends[0]);
+    outside.reset(ends[1]);
+  }
+  void open() { outside.reset(); }
+  unique_fd inside, outside;
+};
+
+// A process whose main thread has ended while another one waits at the gate.
+pid_t without_main_thread(gate* hold) {
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    close(hold[1]);
+    hold->open();
     static int input;
-    input = hold[0];
+    input = hold->inside.get();
     pthread_t other;
     const auto wait_and_end = [](void*) -> void* {
       char byte;
@@ -137,6 +150,15 @@ class Event : public Parked {
     __wex_add_record(&wex_chains, rec);
     return rec;
   }
+
+  // The record of a process whose main thread has ended.
+  static wex_pid* add_without_main_thread(gate* hold, const std::string& process = "/bin/sleep 1000") {
+    const pid_t child = without_main_thread(hold);
+    EXPECT_GT(child, 0);
+    wex_pid* const rec = add(child, process);
+    EXPECT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
+    return rec;
+  }
   // Takes a child that lives on out of the registry, and ends it.
   static void end(wex_pid* rec) {
     ASSERT_GT(rec->pid, 1);
@@ -184,34 +206,27 @@ TEST_F(Event, OfAThreadThatGaveItsPlaceToAnotherIsNone) {
 }
 
 TEST_F(Event, OfAMainThreadWaitsForTheOthersWithoutTheRegistry) {
-  int hold[2];
-  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
-  const pid_t child = without_main_thread(hold);
-  ASSERT_GT(child, 0);
-  const wex_pid* const rec = add(child);
-  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
+  gate hold;
+  const wex_pid* const rec = add_without_main_thread(&hold);
+  const pid_t child = pid_of(rec);
   ASSERT_EQ(2, wex_look_at(child).threads);
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_EQ(child, pid_of(rec)) << "a thread of it may be about to execute a program";
   EXPECT_NE(-1, wex_judge_pending_exits());
-  close(hold[1]);
+  hold.open();
   ASSERT_TRUE(eventually([&] { return wex_look_at(child).threads == 1; }));
   wex_take_exit_event(thread_end(child + 1, child));
   EXPECT_EQ(-1, wex_judge_pending_exits()) << "the last thread's end must be enough for a decision";
   EXPECT_NE(child, pid_of(rec));
   EXPECT_EQ(139u, rec->exit_signal);
-  close(hold[0]);
 }
 
 TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
   bool in_time = false;
   for (int attempt = 0; !in_time && attempt < 100; ++attempt) {
-    int hold[2];
-    ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
-    const pid_t child = without_main_thread(hold);
-    ASSERT_GT(child, 0);
-    const wex_pid* const rec = add(child);
-    ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
+    gate hold;
+    const wex_pid* const rec = add_without_main_thread(&hold);
+    const pid_t child = pid_of(rec);
     const int64_t begin = wex_clock_ms();
     wex_take_exit_event(exit_of(child, 139));
     for (int other = 1; other <= 2 * kExitLooks; ++other) {
@@ -223,26 +238,20 @@ TEST_F(Event, OfAMainThreadIsNotDecidedEarlierBecauseManyOfTheOthersEnd) {
     if (in_time) {
       EXPECT_EQ(child, pid);
     }
-    close(hold[0]);
-    close(hold[1]);
+    hold.open();
     ASSERT_TRUE(eventually(settled));
   }
   EXPECT_TRUE(in_time);
 }
 
 TEST_F(Event, OfAMainThreadBesideThreadsThatGoOnIsHandledAfterSomeLooks) {
-  int hold[2];
-  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
-  const pid_t child = without_main_thread(hold);
-  ASSERT_GT(child, 0);
-  const wex_pid* const rec = add(child);
-  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
+  gate hold;
+  const wex_pid* const rec = add_without_main_thread(&hold);
+  const pid_t child = pid_of(rec);
   wex_take_exit_event(exit_of(child, 0));
   EXPECT_EQ(child, pid_of(rec));
   EXPECT_TRUE(eventually(settled));
   EXPECT_NE(child, pid_of(rec)) << "its file is not locked, so nothing postpones the restart";
-  close(hold[0]);
-  close(hold[1]);
 }
 
 TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
@@ -264,16 +273,10 @@ TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
 
 TEST_F(Event, MoreUndecidedExitsThanThereIsRoomForAreNotLost) {
   constexpr int kExits = kPendingExits + 3;
-  int hold[2];
-  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  gate hold;
   std::vector<wex_pid*> records;
   for (int i = 0; i < kExits; ++i) {
-    const pid_t child = without_main_thread(hold);
-    ASSERT_GT(child, 0);
-    records.push_back(add(child, "/bin/sleep " + std::to_string(1000 + i)));
-  }
-  for (const wex_pid* const rec : records) {
-    ASSERT_TRUE(eventually([&] { return wex_look_at(rec->pid).state == 'Z'; }));
+    records.push_back(add_without_main_thread(&hold, "/bin/sleep " + std::to_string(1000 + i)));
   }
   std::vector<int32_t> before;
   for (const wex_pid* const rec : records) {
@@ -284,8 +287,6 @@ TEST_F(Event, MoreUndecidedExitsThanThereIsRoomForAreNotLost) {
   for (size_t i = 0; i < records.size(); ++i) {
     EXPECT_NE(before[i], pid_of(records[i])) << i;
   }
-  close(hold[0]);
-  close(hold[1]);
 }
 
 TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
@@ -473,20 +474,16 @@ TEST_F(Event, OfAThreadThatGotTheIdOfALostProcessDoesNotHideTheLoss) {
 }
 
 TEST_F(Event, OfAMainThreadIsDecidedWhenTheLastThreadEndsBeforeItsEndIsReported) {
-  int hold[2];
-  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
-  const pid_t child = without_main_thread(hold);
-  ASSERT_GT(child, 0);
-  const wex_pid* const rec = add(child);
-  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
+  gate hold;
+  const wex_pid* const rec = add_without_main_thread(&hold);
+  const pid_t child = pid_of(rec);
   g_before_filter_passes = [&] {
-    close(hold[1]);
+    hold.open();
     ASSERT_TRUE(eventually([&] { return wex_look_at(child).threads == 1; }));
   };
   wex_take_exit_event(exit_of(child, 139));
   EXPECT_NE(child, pid_of(rec)) << "nobody reports the thread, so it must be looked for";
   EXPECT_EQ(-1, wex_judge_pending_exits());
-  close(hold[0]);
 }
 
 TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {

@@ -15,6 +15,7 @@
 
 #include "chain_lock.h"
 #include "injection.h"
+#include "linked_name.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
 
@@ -31,9 +32,9 @@ unsigned g_in_place = 0;
 }  // namespace
 
 extern "C" {
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+int LINKED_SETSOCKOPT(__real)(int fd, int level, int name, const void* value, socklen_t size);
+int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, socklen_t size);
+int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, socklen_t size) {
   sock_fprog program = {};
   if (name == SO_ATTACH_FILTER) {
     memcpy(&program, value, sizeof program);
@@ -42,7 +43,7 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
     errno = ENOMEM;
     return -1;
   }
-  const int result = g_setsockopt.now() ? -1 : __real_setsockopt(fd, level, name, value, size);
+  const int result = g_setsockopt.now() ? -1 : LINKED_SETSOCKOPT(__real)(fd, level, name, value, size);
   g_in_place = result == 0 ? program.len : g_in_place;
   return result;
 }
@@ -165,7 +166,8 @@ TEST_F(Filter, HoldsAnySetOfProcesses) {
     keep_only(pids);
     expect_exactly(pids);
   }
-  for (const size_t count : {1, 2, 3, 62, 63, 64, 65, 127, 128, 129, 255, 256, 257, 511, 512}) {
+  for (const size_t count :
+       {1U, 2U, 3U, 62U, 63U, 64U, 65U, 127U, 128U, 129U, 255U, 256U, 257U, 511U, 512U}) {
     std::set<int32_t> pids;
     for (size_t i = 1; i <= count; ++i) {
       pids.insert(static_cast<int32_t>(i * 32 + i % 32));

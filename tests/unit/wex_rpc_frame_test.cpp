@@ -474,22 +474,9 @@ TEST(InnerRecv, TakesARecordWithALingeringSocketAtOnceAndKeepsNoDescriptor) {
 
 TEST(InnerRecv, TakesAllDescriptorsThatARecordCanCarry) {
   const socket_pair pair;
-  int fds[253];
-  std::fill(std::begin(fds), std::end(fds), 0);
-  alignas(cmsghdr) char room[CMSG_SPACE(sizeof fds)] = {};
-  wex_inner_msg record = {};
-  iovec part = {&record, sizeof record};
-  msghdr how = {};
-  how.msg_iov = &part;
-  how.msg_iovlen = 1;
-  how.msg_control = room;
-  how.msg_controllen = sizeof room;
-  cmsghdr* const rights = CMSG_FIRSTHDR(&how);
-  rights->cmsg_level = SOL_SOCKET;
-  rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof fds);
-  memcpy(CMSG_DATA(rights), fds, sizeof fds);
-  ASSERT_EQ(268, sendmsg(pair.there.get(), &how, MSG_NOSIGNAL));
+  const int fds[kMostRights] = {};
+  const wex_inner_msg record = {};
+  ASSERT_TRUE(send_descriptors(pair.there.get(), &record, sizeof record, fds, kMostRights));
   const size_t before = count_descriptors();
   EXPECT_EQ(0, receive(pair.here.get()));
   EXPECT_EQ(before, count_descriptors());

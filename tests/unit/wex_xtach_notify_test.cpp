@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "control_peer.h"
+#include "kept_connection.h"
 #include "leak_gate.h"
 #include "wex_sys_alive.h"
 #include "wex_xtach.h"
@@ -42,8 +43,6 @@ TEST(ThreadWithoutATable, ReportsByARegistration) {
 
 namespace {
 
-const leaves_behind kConnection(kDescriptors, "socket:", 1,
-                                "the library keeps its connection for the next request");
 const leaves_behind kTable(kDescriptors, "/dev/shm/", 2, "the table stays mapped");
 const leaves_behind kGuard(kDescriptors, "pipe:", 2, "the pipe of the guarded copies stays");
 

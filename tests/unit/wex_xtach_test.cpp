@@ -10,6 +10,7 @@
 
 #include "control_peer.h"
 #include "failing_calls.h"
+#include "kept_connection.h"
 #include "unique_fd.h"
 #include "wex_clock.h"
 #include "wex_utils.h"
@@ -50,8 +51,6 @@ bool locked_by_another(const std::string& path) {
   return fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
 }
 
-const leaves_behind kConnection(kDescriptors, "socket:", 1,
-                                "the library keeps its connection for the next request");
 const leaves_behind kHeldFile(kDescriptors, "/wex/db/", 1, "whoever registers holds its database file");
 
 class Registration : public ::testing::Test {

@@ -58,7 +58,7 @@ TEST_F(WexstatReader, EventNumbersMayBeginAgainAtZero) {
   const status_copy copy = read_back(table);
   ASSERT_EQ(4U, copy.events.count);
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(i, copy.events.records[i].pid);
+    EXPECT_EQ(i, copy.events.records[static_cast<size_t>(i)].pid);
   }
 }
 

@@ -1,0 +1,228 @@
+// wex_status_image: what the table shows of registrations and threads, and what a change costs.
+#include "wex_status_image.h"
+
+#include <poll.h>
+
+#include <algorithm>
+
+#include "status_world.h"
+#include "wex_core_watched_threads.h"
+
+using namespace status;
+
+// One byte each: nothing else is written so.
+namespace {
+std::atomic<int> writes_made{0};
+}  // namespace
+
+extern "C" ssize_t __real_write(int fd, const void* bytes, size_t size);
+extern "C" ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
+  writes_made += size == 1 ? 1 : 0;
+  return __real_write(fd, bytes, size);
+}
+
+TEST_F(StatusTable, ASlotFollowsItsRegistration) {
+  in_child([] {
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    wex_status_publish();
+    const StatusReader reader;
+    auto slot = reader.slot_of(100);
+    ASSERT_TRUE(slot);
+    EXPECT_STREQ("service", slot->name);
+    EXPECT_STREQ("/usr/bin/service -a 1", slot->command);
+    EXPECT_EQ(3, slot->domain);
+    EXPECT_EQ(WEX_STATUS_RUNNING, slot->state);
+    EXPECT_GT(slot->registered, 0);
+    EXPECT_EQ(-1, slot->fewest_misses);
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, 139});
+    wex_status_publish();
+    slot = reader.slot_of(100);
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(WEX_STATUS_RESTARTING, slot->state);
+    EXPECT_EQ(139U, slot->last_exit);
+    EXPECT_NEAR(static_cast<double>(time(nullptr)), static_cast<double>(slot->last_exit_wall), 5);
+    rec->pid = 101;
+    wex_status_tell(WEX_STATUS_EV_RESTARTED, rec, {100, 101});
+    wex_status_publish();
+    slot = reader.slot_of(101);
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(WEX_STATUS_RUNNING, slot->state);
+    EXPECT_EQ(1U, slot->restarts);
+    EXPECT_EQ(1U, reader.counter(WEX_STATUS_EXITS));
+    EXPECT_EQ(1U, reader.counter(WEX_STATUS_RESTARTS));
+    drop(rec);
+    wex_status_publish();
+    EXPECT_TRUE(reader.slots().empty());
+    EXPECT_EQ("1 2 4 5", reader.kinds());
+    EXPECT_EQ(100, reader.events()[3].pid);
+    EXPECT_EQ(101, reader.events()[3].new_pid);
+  });
+}
+
+TEST_F(StatusTable, RegistrationsBeyondTheLastSlotAreCounted) {
+  in_child([] {
+    start();
+    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+      add(pid);
+    }
+    wex_status_publish();
+    const StatusReader reader;
+    EXPECT_EQ(size_t{WEX_STATUS_SLOTS}, reader.slots().size());
+    EXPECT_EQ(5U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    {
+      const chain_lock hold(wex_chains);
+      for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+        __wex_del_pid(&wex_chains, pid);
+      }
+    }
+    add(7);
+    wex_status_publish();
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(1U, reader.slots().size());
+  });
+}
+
+TEST_F(StatusTable, AFreedSlotGoesToARegistrationThatFoundNone) {
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    std::vector<wex_pid*> recs;
+    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+      recs.push_back(add(pid));
+    }
+    wex_pid* const hidden = recs.back();
+    hidden->alarm_wait_flag = 1;
+    recs[recs.size() - 2]->restart_failed = 1;
+    recs[recs.size() - 3]->exit_seen = 1;
+    wex_show_watched_threads();
+    wex_status_publish();
+    const StatusReader reader;
+    EXPECT_EQ(5U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(3U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES));
+    for (size_t at = 0; at < 4; ++at) {
+      drop(recs[at]);
+    }
+    wex_show_watched_threads();
+    drop(recs[4]);
+    wex_show_watched_threads();
+    wex_status_publish();
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN));
+    EXPECT_EQ(0U, reader.counter(WEX_STATUS_HIDDEN_TROUBLES));
+    EXPECT_EQ(size_t{WEX_STATUS_SLOTS}, reader.slots().size());
+    const auto shown = reader.slot_of(hidden->pid);
+    ASSERT_TRUE(shown);
+    EXPECT_EQ(WEX_STATUS_PARKED, shown->state);
+    EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 1)->state);
+    EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 2)->state);
+  });
+}
+
+// The registry must not wait for whoever has the chain of threads, and what was shown stays.
+TEST_F(StatusTable, WatchedThreadsAreLeftAsTheyAreWhileTheirChainIsHeld) {
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    wex_pid* const rec = add(100);
+    wex_status_watched(rec, 2, 5);
+    {
+      const chain_lock hold(wex_alive_chains);
+      std::thread([] { wex_show_watched_threads(); }).join();
+    }
+    wex_status_publish();
+    EXPECT_EQ(2, StatusReader().slot_of(100)->watched_threads);
+    wex_show_watched_threads();
+    wex_status_publish();
+    EXPECT_EQ(0, StatusReader().slot_of(100)->watched_threads);
+  });
+}
+
+TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
+  in_child([] {
+    start();
+    wex_status_thread_is(kStatusServer);
+    wex_status_publish();
+    const StatusReader reader;
+    const auto seen = [&] { return reader.head().threads[kStatusServer]; };
+    EXPECT_EQ(gettid(), seen().tid);
+    EXPECT_STREQ("wex_process_dom", seen().name);
+    EXPECT_GT(seen().last_pass, 0);
+    EXPECT_EQ(0, seen().busy_since);
+    wex_status_busy(kStatusServer);
+    wex_status_publish();
+    const int64_t since = seen().busy_since;
+    EXPECT_GT(since, 0);
+    usleep(5000);
+    wex_status_publish();
+    EXPECT_EQ(since, seen().busy_since) << "the same piece of work";
+    wex_status_busy(kStatusServer);
+    wex_status_publish();
+    EXPECT_GT(seen().busy_since, since) << "another one";
+    const int64_t second = seen().busy_since;
+    wex_pid* const rec = add(100);
+    usleep(5000);
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    wex_status_publish();
+    EXPECT_GT(seen().busy_since, second) << "what it tells ends a piece, too";
+    drop(rec);
+    wex_status_idle(kStatusServer);
+    wex_status_publish();
+    EXPECT_EQ(0, seen().busy_since);
+  });
+}
+
+// Its limit is for a busy machine: a quiet one needs a hundredth of it.
+TEST_F(StatusTable, AChangeTakesMicrosecondsAndWakesTheMainThreadOnce) {
+  in_child([] {
+    start();
+    wex_status_open_news();
+    wex_pid* const rec = add(100);
+    for (const int writes : {1, 2}) {
+      wex_status_take_news();
+      std::vector<int64_t> taken;
+      for (int change = 0; change < 2001; ++change) {
+        const auto before = steady_clock::now();
+        wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+        taken.push_back(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(steady_clock::now() - before).count());
+      }
+      EXPECT_EQ(writes, writes_made);
+      std::nth_element(taken.begin(), taken.begin() + 1000, taken.end());
+      printf("median of a change: %lld ns\n", static_cast<long long>(taken[1000]));
+      EXPECT_LT(taken[1000], 20000);
+    }
+    drop(rec);
+  });
+}
+
+TEST_F(StatusTable, NobodyHasToLookWhileNothingHappens) {
+  in_child([] {
+    start();
+    const int news = wex_status_open_news();
+    ASSERT_GE(news, 0);
+    const auto told = [news] {
+      struct pollfd wait = {news, POLLIN, 0};
+      return poll(&wait, 1, 0) == 1;
+    };
+    EXPECT_FALSE(told()) << "nobody waits yet";
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_pid* const rec = add(100);
+    wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    EXPECT_FALSE(told());
+    wex_status_tell(WEX_STATUS_EV_EXITED, rec);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    wex_status_count(WEX_STATUS_REFUSED);
+    EXPECT_TRUE(told());
+    wex_status_take_news();
+    wex_status_thread_is(kStatusServer);
+    EXPECT_TRUE(told());
+    drop(rec);
+  });
+}
