@@ -43,7 +43,8 @@ enum {
   WEX_STATUS_HEAD_SIZE = 4096
 };
 
-/* Indexes of `counters`. Each counts from the start of the daemon, and begins again at 0 after 2^32. */
+/* Indexes of `counters`. Each counts from the start of the daemon, and begins again at 0 after 2^32, unless
+ * it says "now". Those that are not used are 0. */
 enum {
   WEX_STATUS_EXITS,           /* ends of registered processes that were handled */
   WEX_STATUS_RESTARTS,        /* processes started again, whatever the occasion */
@@ -59,7 +60,9 @@ enum {
   WEX_STATUS_HANGS,           /* hung threads reported */
   WEX_STATUS_NOT_REGISTERED,  /* registrations refused: the process was gone, or known already */
   WEX_STATUS_NOT_SHOWN,       /* registrations without a slot, now */
-  WEX_STATUS_HIDDEN_TROUBLES, /* of these, the parked, postponed and down ones, a few seconds ago */
+  WEX_STATUS_HIDDEN_TROUBLES, /* of these, the parked, postponed and down ones, now or a few seconds ago */
+  WEX_STATUS_PAUSE,           /* seconds of the pause before a restart that is under way now, 0: none; other
+                                 restarts wait behind it, and its registration may have no slot */
   WEX_STATUS_COUNTERS_USED,
   WEX_STATUS_COUNTERS = 32
 };
@@ -130,7 +133,7 @@ typedef struct wex_status_slot {
   uint64_t pid_start;    /* field 22 of /proc/PID/stat of this process */
   int64_t registered;    /* monotonic */
   int64_t started; /* monotonic: when this process was registered or started again; when wex found it at its
-                      own start, when it began */
+                      own start, or had no slot for it at that time, when it began */
   int64_t since;   /* monotonic: in this state since */
   int64_t until;   /* monotonic: end of the parking, of the delay before a restart, or the moment when a
                       postponed restart is forced */

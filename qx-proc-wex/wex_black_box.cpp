@@ -2,7 +2,6 @@
 #include "wex_black_box.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -16,6 +15,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "bounded_work.h"
 #include "dir_walk.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
@@ -126,7 +126,7 @@ struct kept_file {
   const char* old_path;
   char* text;  // of kTextSize
   size_t length;
-  std::atomic<bool> busy;
+  bounded_work writing;
 };
 
 // Appends the text to a file of bounded size: a full one gives its place to a new one, and stays as the old
@@ -158,53 +158,21 @@ void append_text(const kept_file& one) {
 
 // ---- Work that may take long ------------------------------------------------------------------------------
 
-// On a thread that nobody joins.
-bool start_thread(void* (*work)(void*), void* of) {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) {
-    return false;
-  }
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  const bool started = pthread_create(&thread, &attributes, work, of) == 0;
-  pthread_attr_destroy(&attributes);
-  return started;
-}
-
-void wait_while(const std::atomic<bool>& busy, int64_t limit_ms) {
-  const int64_t deadline = wex_clock_ms() + limit_ms;
-  while (busy.load(std::memory_order_acquire) && wex_clock_ms() < deadline) {
-    wex_sleep_ms(kBlackBoxPauseMs);
-  }
-}
-
-extern "C" void* append_on_own_thread(void* of) {
-  auto* const one = static_cast<kept_file*>(of);
-  append_text(*one);
-  one->busy.store(false, std::memory_order_release);
-  return nullptr;
-}
-
-// False while an earlier text is still being written.
-bool begin(kept_file* one) {
-  return !one->busy.exchange(true, std::memory_order_acquire);
+void append_on_own_thread(void* of) {
+  append_text(*static_cast<kept_file*>(of));
 }
 
 // Writes the text that was put in since begin(). A disk that stands still keeps one thread, and nobody else.
 void keep(kept_file* one, size_t length) {
   one->length = length;
-  if (start_thread(append_on_own_thread, one)) {
-    wait_while(one->busy, kBlackBoxWriteMs);
-  } else {
-    one->busy.store(false, std::memory_order_release);
-  }
+  one->writing.run(append_on_own_thread, one, kBlackBoxWriteMs);
 }
 
 // ---- History ----------------------------------------------------------------------------------------------
 
 priority_mutex g_history_mutex;  // one history at a time
 char g_history_text[kTextSize];
-kept_file g_history = {kHistory, kHistoryOld, g_history_text, 0, {false}};
+kept_file g_history = {kHistory, kHistoryOld, g_history_text, 0, {}};
 
 void add_event(page* to, const wex_status_event& event) {
   time_stamp when;
@@ -214,10 +182,13 @@ void add_event(page* to, const wex_status_event& event) {
 }
 
 void add_parked(page* to, const wex_status_slot& slot) {
-  const int64_t left = slot.until - wex_clock_ms();
-  add_line(to, "parked: %.32s pid %d domain %d restarts %u exit %04x tried again in %d s\n", slot.name,
-           slot.pid, slot.domain, slot.restarts, slot.last_exit,
-           static_cast<int>(std::max<int64_t>(left, 0) / 1000));
+  char when[48] = "";
+  if (slot.until > 0) {  // else nobody knows
+    const int64_t left = std::max<int64_t>(slot.until - wex_clock_ms(), 0);
+    wex_format(when, sizeof when, " tried again in %d s", static_cast<int>(left / 1000));
+  }
+  add_line(to, "parked: %.32s pid %d domain %d restarts %u exit %04x%s\n", slot.name, slot.pid, slot.domain,
+           slot.restarts, slot.last_exit, when);
 }
 
 void describe_history(page* to, const char* reason) {
@@ -253,7 +224,7 @@ struct seen_thread {
 char g_seen[kBlackBoxMax / 2];
 seen_thread g_threads[kHungThreads];
 std::atomic<int> g_threads_seen{0};
-std::atomic<bool> g_looking{false};  // a look that is stuck in the kernel keeps the buffers
+bounded_work g_look;  // one that is stuck in the kernel keeps the buffers
 std::atomic<bool> g_timed_out{false};
 // Written by the watchdog while nobody looks, read by the looking thread that it starts then.
 int32_t g_hung_pid = 0;
@@ -331,7 +302,7 @@ void look_at_thread(page* to, int32_t tid) {
 
 // A thread of its own, for /proc may make whoever asks wait as long as the process holds a lock of the
 // kernel. The silent thread comes first.
-extern "C" void* look_at_threads(void* /*unused*/) {
+void look_at_threads(void* /*unused*/) {
   page to = {g_seen, sizeof g_seen, 0, false};
   look_at_thread(&to, g_hung_tid);
   char path[kPathSize];
@@ -347,15 +318,13 @@ extern "C" void* look_at_threads(void* /*unused*/) {
       look_at_thread(&to, tid);
     }
   }
-  g_looking.store(false, std::memory_order_release);
-  return nullptr;
 }
 
 }  // namespace
 
 void wex_keep_history(const char* reason) {
   const mutex_lock hold(g_history_mutex);
-  if (!begin(&g_history)) {
+  if (!g_history.writing.begin()) {
     return;
   }
   page to = {g_history.text, kTextSize, 0, false};
@@ -365,26 +334,21 @@ void wex_keep_history(const char* reason) {
 
 void wex_look_at_hung(int32_t pid, int32_t tid) {
   g_seen_any = false;
-  if (pid < 1 || g_looking.exchange(true, std::memory_order_acquire)) {
+  if (pid < 1 || !g_look.begin()) {
     return;
   }
   g_hung_pid = pid;
   g_hung_tid = tid;
   g_threads_seen.store(0);
   g_timed_out.store(false);
-  if (!start_thread(look_at_threads, nullptr)) {
-    g_looking.store(false);
-    return;
-  }
-  g_seen_any = true;
-  wait_while(g_looking, kHungLookMs);
+  g_seen_any = g_look.run(look_at_threads, nullptr, kHungLookMs);
   g_timed_out.store(true);
 }
 
 void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
   static char text[kTextSize];
-  static kept_file hung = {kHung, kHungOld, text, 0, {false}};
-  if (!g_seen_any || !begin(&hung)) {
+  static kept_file hung = {kHung, kHungOld, text, 0, {}};
+  if (!g_seen_any || !hung.writing.begin()) {
     return;
   }
   page to = {hung.text, kTextSize, 0, false};

@@ -67,8 +67,13 @@ bool wex_delay_reserved() {
 }
 
 bool __wex_waits_for_restart(int32_t pid) {
+  return __wex_waits_since(pid) >= 0;
+}
+
+int64_t __wex_waits_since(int32_t pid) {
   chain_lock hold(wex_chains_delay);
-  return __wex_find_pid(&wex_chains_delay, pid) != nullptr;
+  const wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid);
+  return copy != nullptr ? copy->delay_start : -1;
 }
 
 bool wex_take_ready_restart(ready_restart* ready) {

@@ -19,8 +19,9 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(
 void wex_reserve_delay() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
-// True while a postponed restart of `pid` waits.
+// True while a postponed restart of `pid` waits. Since when it does, in seconds; -1 when none waits.
 bool __wex_waits_for_restart(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+int64_t __wex_waits_since(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
 // Takes the first copy, in bucket order, that need not wait any longer. Delay thread only.
 bool wex_take_ready_restart(ready_restart* ready);

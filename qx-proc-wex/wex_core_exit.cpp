@@ -273,14 +273,22 @@ bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capabilit
   return log_announcement(action, name, rec->pid, code);
 }
 
+// The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
+// program without a database file would be unknown to the next one.
+void pause_before_restart(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const int64_t milliseconds = static_cast<int64_t>(rec->restart_delay) * 1000;
+  wex_status_restarting(rec, milliseconds);
+  wex_status_pause(rec->restart_delay);
+  wex_wait_with_registry(milliseconds);
+  wex_status_pause(0);
+}
+
 void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   if (handed_over(&rec, action)) {
     return;
   }
   if (rec->restart_delay > 0) {
-    wex_status_restarting(rec, static_cast<int64_t>(rec->restart_delay) * 1000);
-    // Cut short when the daemon ends: a program without a database file would be unknown to the next one.
-    wex_wait_with_registry(static_cast<int64_t>(rec->restart_delay) * 1000);
+    pause_before_restart(rec);
     if (__wex_dropped_with_domain(rec)) {
       return;  // its domain went while it waited
     }

@@ -10,8 +10,11 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_core_delay.h"
+#include "wex_limits.h"
 #include "wex_status_image.h"
+#include "wex_utils_settings.h"
 
 namespace {
 
@@ -59,15 +62,36 @@ wex_status_state state_of(const wex_pid* rec) WEX_TSA(requires_capability(wex_ch
   return rec->restart_failed != 0 || rec->exit_seen != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING;
 }
 
+// What the record itself knows of its state. The record has whole seconds.
+status_times times_of(const wex_pid* rec, wex_status_state state) WEX_TSA(requires_capability(wex_chains)) {
+  status_times times;
+  if (state == WEX_STATUS_PARKED) {
+    times.since = int64_t{rec->check_start} * 1000;
+    times.until = times.since + int64_t{debug_time()} * 1000;
+  } else if (state == WEX_STATUS_WAITING) {
+    times.since = __wex_waits_since(rec->pid) * 1000;
+    times.until = times.since + int64_t{kForceRestartSec} * 1000;
+  } else if (state == WEX_STATUS_RUNNING) {
+    times.since = times.started = wex_start_on_clock_ms(rec->start_time);
+  } else {
+    times.since = wex_start_on_clock_ms(rec->exit_tick);
+  }
+  return times;
+}
+
 // Registrations that found no slot get those that have become free.
 void show_hidden() WEX_TSA(requires_capability(wex_chains)) {
   uint32_t troubles = 0;
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
-    if (rec->status_slot == 0) {
-      const wex_status_state state = state_of(rec);
-      const bool shown = wex_status_show_later(rec, state);
-      troubles += !shown && state != WEX_STATUS_RUNNING ? 1 : 0;
+    if (rec->status_slot != 0) {
+      continue;
+    }
+    const wex_status_state state = state_of(rec);
+    if (wex_status_has_room()) {
+      wex_status_show_later(rec, state, times_of(rec, state));
+    } else {
+      troubles += state != WEX_STATUS_RUNNING ? 1 : 0;
     }
   }
   wex_status_hidden_troubles(troubles);

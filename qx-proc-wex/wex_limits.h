@@ -139,6 +139,8 @@ inline constexpr uint32_t kAliveTableSize = 184356;
 // Logs.
 inline constexpr off_t kRunningLogMax = 102400;  // bytes; then the other file is taken
 inline constexpr int kNotifyRing = 10;           // hang reports kept
+inline constexpr int64_t kRebootLineMs = 2000;   // wait for the running log's line of a reboot
+inline constexpr int kBoundedWorkPauseMs = 2;    // between two looks whether a thread of bounded_work is done
 
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
@@ -155,7 +157,6 @@ inline constexpr uint32_t kHistoryEvents = 64;     // before a reboot
 inline constexpr int kHistoryParked = 64;
 inline constexpr int kHungThreads = 64;      // of one process
 inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
-inline constexpr int kBlackBoxPauseMs = 2;   // between two looks whether a thread is done
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins

@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include "bounded_work.h"
 #include "guarded_file.h"
 #include "mutex_lock.h"
 #include "priority_mutex.h"
@@ -295,11 +296,22 @@ int32_t cause_of(const char* reason) {
   return WEX_STATUS_REBOOT_OTHER;
 }
 
+priority_mutex g_reboot_line_mutex;  // one at a time
+char g_reboot_line[kMessageSize];    // while the line is being written, the writing thread has it
+bounded_work g_reboot_line_work;
+
+void write_reboot_line(void* /*unused*/) {
+  append_running_entry(g_reboot_line);
+}
+
 // The reboot record may be unwritable: the running log names the reason, too, in one line. It was printed
-// already.
+// already. The log's disk may stand still, and keep whoever writes there: the device restarts all the same.
 void log_reboot(const char* reason, const char* detail) {
+  const mutex_lock hold(g_reboot_line_mutex);
+  if (!g_reboot_line_work.begin()) {
+    return;
+  }
   char text[kMessageSize - 16];
-  char message[kMessageSize];
   wex_format(text, sizeof text, "%s%s", reason, detail);
   for (size_t end = strlen(text); end > 0 && text[end - 1] == '\n'; --end) {
     text[end - 1] = '\0';
@@ -307,8 +319,8 @@ void log_reboot(const char* reason, const char* detail) {
   for (char* at = text; (at = strchr(at, '\n')) != nullptr;) {
     *at = ' ';
   }
-  wex_format(message, sizeof message, "Reboot: %s\r\n", text);
-  append_running_entry(message);
+  wex_format(g_reboot_line, sizeof g_reboot_line, "Reboot: %s\r\n", text);
+  g_reboot_line_work.run(write_reboot_line, nullptr, kRebootLineMs);
 }
 
 }  // namespace

@@ -224,8 +224,8 @@ void add_event(wex_status_kind kind, int32_t pid, int32_t domain, const char* pr
   g_any_change = true;
 }
 
-// Gives the record a slot; false when there is none.
-bool take_slot(wex_pid* rec, wex_status_state state, int64_t now) WEX_TSA(requires_capability(g_mutex)) {
+// Gives the record a slot, in this state since then; false when there is none.
+bool take_slot(wex_pid* rec, wex_status_state state, int64_t since) WEX_TSA(requires_capability(g_mutex)) {
   const int32_t number = find_free();
   rec->status_slot = number + 1;
   if (number < 0) {
@@ -238,7 +238,7 @@ bool take_slot(wex_pid* rec, wex_status_state state, int64_t now) WEX_TSA(requir
   slot = {};
   slot.seq = seq;
   slot.fewest_misses = -1;
-  enter_state(&slot, state, now);
+  enter_state(&slot, state, since);
   copy_facts(&slot, rec);
   copy_name(slot.name, rec->process);
   memcpy(slot.command, rec->process, strnlen(rec->process, sizeof slot.command));
@@ -257,14 +257,22 @@ void wex_status_show(wex_pid* rec) {
   }
 }
 
-bool wex_status_show_later(wex_pid* rec, wex_status_state state) {
-  const int64_t now = wex_clock_ms();
+bool wex_status_has_room() {
+  const mutex_lock hold(g_mutex);
+  return find_free() >= 0;
+}
+
+void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_times& times) {
   const image_change hold;
-  const bool shown = take_slot(rec, state, now);
-  if (shown && g_counters[WEX_STATUS_NOT_SHOWN] > 0) {
+  if (!take_slot(rec, state, times.since)) {
+    return;
+  }
+  wex_status_slot* const slot = slot_of(rec);
+  slot->started = times.started;
+  slot->until = times.until;
+  if (g_counters[WEX_STATUS_NOT_SHOWN] > 0) {
     --g_counters[WEX_STATUS_NOT_SHOWN];
   }
-  return shown;
 }
 
 void wex_status_hidden_troubles(uint32_t count) {
@@ -337,6 +345,12 @@ void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
     slot->until = delay_ms > 0 ? now + delay_ms : 0;
     mark(rec);
   }
+}
+
+void wex_status_pause(int32_t seconds) {
+  const image_change hold;
+  g_counters[WEX_STATUS_PAUSE] = static_cast<uint32_t>(seconds);
+  g_any_change = true;
 }
 
 void wex_status_down(const wex_pid* rec) {

@@ -15,8 +15,16 @@
 void wex_status_show(wex_pid* rec);
 void wex_status_hide(wex_pid* rec);
 
-// One that got none gets a slot that has become free, in its present state. False when there is still none.
-bool wex_status_show_later(wex_pid* rec, wex_status_state state);
+// One that got none gets a slot that has become free, in its present state. Times are milliseconds of the
+// monotonic clock, 0 when they are not known. Nothing happens while there is no free slot; no slot is taken
+// by others as long as the registry is held.
+struct status_times {
+  int64_t started = 0;
+  int64_t since = 0;
+  int64_t until = 0;
+};
+bool wex_status_has_room();
+void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_times& times);
 
 // How many registrations without a slot are parked, postponed or down.
 void wex_status_hidden_troubles(uint32_t count);
@@ -44,6 +52,9 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 
 // The registration's process has ended and the next one is being started, after `delay_ms`; no event.
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms = 0);
+
+// A restart waits so many seconds, and others behind it; 0: it is over.
+void wex_status_pause(int32_t seconds);
 
 // The registration stays without a process; no event.
 void wex_status_down(const wex_pid* rec);

@@ -30,15 +30,17 @@ bool comes_round(const wex_status_thread& thread) {
 }
 
 // Programs may ask for a pause before their restart, which the daemon sits out; all others wait behind it.
+// The one under way may be that of a registration that is not shown.
 int64_t pauses_ms(const status_copy& copy) {
+  const int64_t under_way = int64_t{copy.head.counters[WEX_STATUS_PAUSE]} * 1000;
   int64_t all = 0;
   for (const wex_status_slot& slot : copy.slots) {
-    const bool under_way = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
-    if (under_way && slot.restart_delay > 0) {
+    const bool is_due = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
+    if (is_due && slot.restart_delay > 0) {
       all = std::min(all + int64_t{slot.restart_delay} * 1000, kPausesMaxMs);
     }
   }
-  return all;
+  return std::max(all, std::min(under_way, kPausesMaxMs));
 }
 
 // How long it has been too long, and at what; 0 when all is well. Times of a hostile table may be anything.

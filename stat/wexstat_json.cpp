@@ -223,6 +223,7 @@ const char* const kCounterNames[WEX_STATUS_COUNTERS_USED] = {"exits",
                                                              "hangs",
                                                              "refused_registrations",
                                                              nullptr,
+                                                             nullptr,
                                                              nullptr};
 
 void write_json(const status_copy& copy, const daemon_health& daemon, const moment& at, FILE* out) {
@@ -238,6 +239,7 @@ void write_json(const status_copy& copy, const daemon_health& daemon, const mome
   write_counters(&json, copy);
   json.number("not_shown", copy.head.counters[WEX_STATUS_NOT_SHOWN]);
   json.number("not_shown_in_trouble", copy.head.counters[WEX_STATUS_HIDDEN_TROUBLES]);
+  json.number("pause_seconds", copy.head.counters[WEX_STATUS_PAUSE]);
   json.number("being_written", copy.slots.unread);
   json.open("registrations", '[');
   for (const wex_status_slot& slot : copy.slots) {

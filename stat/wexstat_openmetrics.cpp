@@ -114,6 +114,9 @@ void put_daemon(const status_copy& copy, const moment& at, FILE* out) {
   fprintf(out, "wex_start_time_seconds %lld\n", static_cast<long long>(head.started_wall));
   put_gauge("wex_starts", "Starts of the daemon since the table was made.", head.generation, out);
   put_counters(head, out);
+  put_family("wex_pause_seconds", "gauge", "seconds",
+             "The pause before a restart that is under way; other restarts wait behind it.", out);
+  fprintf(out, "wex_pause_seconds %u\n", head.counters[WEX_STATUS_PAUSE]);
   put_thread_ages(copy, "wex_thread_busy_seconds", "How long a thread of the daemon has been at one thing.",
                   &wex_status_thread::busy_since, at, out);
   put_thread_ages(copy, "wex_thread_last_pass_seconds", "How long ago a thread of the daemon came round.",

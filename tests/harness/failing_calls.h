@@ -7,6 +7,7 @@
 #include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +68,40 @@ inline int run_failing(const std::vector<std::string>& injections, const std::fu
     waitpid(child, &status, 0);
   }
   EXPECT_TRUE(ended) << "strace did not attach, or the call did not come back";
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs `work` in a forked child for which this file stands on a disk that does not move, until the work is
+// done: whoever opens the file, writes to it or syncs it waits. Its exit status is that of `work`, or 250
+// after a failed expectation. A failure when the work does not end within a minute.
+inline int run_with_stuck_file(const std::string& path, const std::function<int()>& work) {
+  static constexpr char kTraced[] = "/tmp/strace-stands-beside";  // nowhere, but to whoever is traced
+  static constexpr char kDone[] = "/tmp/work-is-done";
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    while (access(kTraced, F_OK) != 0) {
+      usleep(1000);
+    }
+    const int result = work();
+    fflush(stdout);
+    mkdir(kDone, 0700);
+    while (access(kTraced, F_OK) == 0) {  // strace cannot follow the end of a thread that it holds
+      usleep(1000);
+    }
+    _exit(testing::Test::HasFailure() ? 250 : result);
+  }
+  Process strace;
+  EXPECT_TRUE(strace.start({"strace", "-f", "-qq", "-o", "/dev/null", "-P", path, "-P",
+                            path.substr(0, path.rfind('/')), "-P", kTraced, "-e",
+                            "inject=openat,write,fsync:delay_enter=600000000", "-e",
+                            "inject=?access,?faccessat,?faccessat2:retval=0", "-p", std::to_string(child)}));
+  EXPECT_TRUE(eventually([] { return access(kDone, F_OK) == 0; }, 60s)) << "the work stands still, too";
+  strace.kill_now();  // the disk moves again
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  rmdir(kDone);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -1,11 +1,13 @@
 // The status table of the real daemon, as real services go through every state.
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <map>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 #include "control_client.h"
 #include "restart_policy.h"
@@ -67,6 +69,15 @@ uint64_t start_time_of(pid_t pid) {
     fields >> field;
   }
   return std::stoull(field);
+}
+
+// Start times count from the start of the machine, its sleep included; times of the table do not.
+int64_t asleep_ms() {
+  timespec since_boot = {};
+  timespec awake = {};
+  clock_gettime(CLOCK_BOOTTIME, &since_boot);
+  clock_gettime(CLOCK_MONOTONIC, &awake);
+  return (int64_t{since_boot.tv_sec} - awake.tv_sec) * 1000 + (since_boot.tv_nsec - awake.tv_nsec) / 1000000;
 }
 
 }  // namespace
@@ -171,9 +182,11 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   const auto slot = StatusReader().slot_of(sleeper.pid());
   ASSERT_TRUE(slot);
   EXPECT_EQ(3000, slot->until - slot->since);
+  EXPECT_EQ(3U, StatusReader().counter(WEX_STATUS_PAUSE)) << "others wait behind it, and may have no slot";
   EXPECT_TRUE(told(WEX_STATUS_EV_FAILED, sleeper.pid()));
   EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_DOWN));
   EXPECT_TRUE(counts(WEX_STATUS_FAILED, 1));
+  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_PAUSE)) << "it is over";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
 }
@@ -271,6 +284,52 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
       << "when it was registered, and when it began";
   EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
   next.kill_now();
+}
+
+// The slots are taken by the threads of one process, which may be registered like processes.
+TEST_F(Status, ARegistrationWithoutASlotIsSupervisedAsEver) {
+  const child crowd([] {
+    for (int i = 0; i < WEX_STATUS_SLOTS; ++i) {
+      std::thread([] { pause(); }).detach();
+    }
+    return true;
+  });
+  ASSERT_TRUE(crowd.ready());
+  const control_client::raw_client client;
+  for (const std::string& tid : list_dir("/proc/" + std::to_string(crowd.pid()) + "/task")) {
+    wex_reg_info body = {};
+    body.pid = std::stoi(tid);
+    if (body.pid != crowd.pid()) {
+      ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+    }
+  }
+  Service service("unseen");
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(counts(WEX_STATUS_NOT_SHOWN, 1));
+  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid()));
+  for (int restart = 0; restart < 2; ++restart) {
+    const pid_t pid = service.pid();
+    ASSERT_TRUE(service.ends_and_comes_back());
+    EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
+  }
+  const uint64_t began = start_time_of(service.pid());
+  EXPECT_FALSE(StatusReader().slot_of(service.pid()));
+  const auto taken = StatusReader().slot(0);
+  ASSERT_TRUE(taken);
+  EXPECT_EQ(1, taken->is_thread);
+  ASSERT_TRUE(client.send_body(WEX_CONS_MSG, wex_cons_info{WEX_CANCEL_PROC, taken->pid}) &&
+              client.acknowledged());
+  EXPECT_TRUE(shows(service.pid(), WEX_STATUS_RUNNING)) << "the slot that became free is its";
+  const auto slot = StatusReader().slot_of(service.pid());
+  ASSERT_TRUE(slot);
+  EXPECT_EQ(began, slot->pid_start);
+  EXPECT_EQ(slot->started, slot->since);
+  const auto ticks = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+  EXPECT_NEAR(static_cast<double>(began * 1000 / ticks), static_cast<double>(slot->started + asleep_ms()),
+              2000)
+      << "it tells since when the process has been running, not since when it is shown";
+  EXPECT_TRUE(eventually([] { return StatusReader().counter(WEX_STATUS_NOT_SHOWN) == 0; }, 20s));
+  daemon_.kill_now();  // or it would start them again
 }
 
 TEST_F(Status, AThousandRegistrationsHaveTheirSlots) {

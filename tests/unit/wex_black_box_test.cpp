@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "chain_lock.h"
+#include "failing_calls.h"
 #include "text_buffer.h"
 #include "unit_support.h"
 #include "wex_chain.h"
@@ -233,6 +234,41 @@ TEST_F(BlackBox, ADiskThatStandsStillKeepsNobodyFromTheReboot) {
         },
         20s));
     EXPECT_NE(std::string::npos, read_file(kHistory).find("first"));
+  });
+}
+
+// The running log's line of a reboot is written by a thread of its own, too, and somebody else may be stuck
+// there already, with the log's lock.
+TEST_F(BlackBox, ARunningLogWhoseDiskStandsStillKeepsNobodyFromTheReboot) {
+  const std::string log = kRunningLog1;
+  make_dirs(log.substr(0, log.rfind('/')));
+  unlink(kRunningLog1);
+  EXPECT_EQ(0, run_with_stuck_file(log, [] {
+              wex_init_chains(&wex_chains);
+              wex_status_begin(1, 0);
+              wex_reboot("first\n", nullptr);
+              EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" first\n"));
+              std::thread([] { wex_running_log("another line\n"); }).detach();
+              wex_reboot("second\n", nullptr);
+              EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" second\n"));
+              EXPECT_NE(std::string::npos, read_file(kHistory).find("second"));
+              EXPECT_FALSE(exists(kRunningLog1)) << "its disk did move";
+              return 0;
+            }));
+}
+
+// A parked program that got its place in the table late may be shown without the end of its waiting.
+TEST_F(BlackBox, AParkingWhoseEndIsNotKnownIsToldWithoutATime) {
+  in_child([] {
+    wex_init_chains(&wex_chains);
+    wex_status_begin(1, 0);
+    wex_pid* const rec = wex_new_record();
+    rec->pid = 100;
+    wex_copy_text(rec->process, sizeof rec->process, "/usr/bin/loop");
+    wex_status_show_later(rec, WEX_STATUS_PARKED, {});
+    wex_keep_history("why");
+    EXPECT_EQ("parked: loop pid 100 domain 0 restarts 0 exit 0000", lines_of(read_file(kHistory)).back());
+    wex_free_record(rec);
   });
 }
 

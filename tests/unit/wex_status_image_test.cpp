@@ -6,7 +6,9 @@
 #include <algorithm>
 
 #include "status_world.h"
+#include "wex_chain_identity.h"
 #include "wex_core_watched_threads.h"
+#include "wex_utils.h"
 
 using namespace status;
 
@@ -118,6 +120,59 @@ TEST_F(StatusTable, AFreedSlotGoesToARegistrationThatFoundNone) {
     EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 1)->state);
     EXPECT_EQ(WEX_STATUS_DOWN, reader.slot_of(hidden->pid - 2)->state);
   });
+}
+
+// What happened before a registration was shown has its own times, as far as the record tells them.
+TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
+  write_file("/debug_time", "100\n");
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    std::vector<wex_pid*> recs;
+    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+      recs.push_back(add(pid));
+    }
+    const uint64_t began = wex_look_at(getpid()).start_time;
+    ASSERT_GT(began, 0U);
+    wex_pid** const hidden = &recs[WEX_STATUS_SLOTS];
+    hidden[0]->alarm_wait_flag = 1;
+    hidden[0]->check_start = 40;
+    wex_pid* const copy = wex_new_record();
+    copy->pid = hidden[1]->pid;
+    copy->delay_start = 50;
+    {
+      const chain_lock hold(wex_chains_delay);
+      __wex_add_record(&wex_chains_delay, copy);
+    }
+    hidden[2]->start_time = began;
+    hidden[3]->restart_failed = 1;
+    hidden[3]->exit_tick = began;
+    hidden[4]->restart_failed = 1;
+    for (size_t at = 0; at < 5; ++at) {
+      drop(recs[at]);
+    }
+    wex_show_watched_threads();
+    wex_status_publish();
+    const int64_t began_ms = wex_start_on_clock_ms(began);
+    const struct {
+      wex_status_state state;
+      int64_t started, since, until;
+    } rows[] = {{WEX_STATUS_PARKED, 0, 40000, 140000},
+                {WEX_STATUS_WAITING, 0, 50000, 351000},
+                {WEX_STATUS_RUNNING, began_ms, began_ms, 0},
+                {WEX_STATUS_DOWN, 0, began_ms, 0},
+                {WEX_STATUS_DOWN, 0, 0, 0}};
+    for (size_t at = 0; at < 5; ++at) {
+      const auto shown = StatusReader().slot_of(hidden[at]->pid);
+      ASSERT_TRUE(shown) << at;
+      EXPECT_EQ(rows[at].state, shown->state) << at;
+      EXPECT_NEAR(static_cast<double>(rows[at].started), static_cast<double>(shown->started), 1000) << at;
+      EXPECT_NEAR(static_cast<double>(rows[at].since), static_cast<double>(shown->since), 1000) << at;
+      EXPECT_EQ(rows[at].until, shown->until) << at;
+    }
+  });
+  unlink("/debug_time");
 }
 
 // The registry must not wait for whoever has the chain of threads, and what was shown stays.

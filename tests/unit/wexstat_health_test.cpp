@@ -55,6 +55,27 @@ TEST_F(WexstatHealth, APauseThatAProgramAskedForIsNotStuck) {
   EXPECT_EQ(daemon_state::running, judged(table).state);
 }
 
+TEST_F(WexstatHealth, APauseOfARegistrationThatIsNotShownIsNotStuck) {
+  status_table table;
+  table.add_thread("wex_process_net", 1, 200000);
+  table.add("running");
+  const struct {
+    uint32_t pause;
+    daemon_state state;
+  } rows[] = {{0, daemon_state::stuck},
+              {79, daemon_state::stuck},
+              {100, daemon_state::running},
+              {UINT32_MAX, daemon_state::running}};
+  for (const auto& row : rows) {
+    table.head.counters[WEX_STATUS_PAUSE] = row.pause;
+    EXPECT_EQ(row.state, judged(table).state) << row.pause;
+  }
+  table.slots[0].state = WEX_STATUS_RESTARTING;
+  table.slots[0].restart_delay = 50;
+  table.head.counters[WEX_STATUS_PAUSE] = 50;
+  EXPECT_EQ(daemon_state::stuck, judged(table).state) << "the same pause counts once";
+}
+
 TEST_F(WexstatHealth, TheProcessDecides) {
   status_table table;
   EXPECT_EQ(daemon_state::running, judged(table, '?').state);

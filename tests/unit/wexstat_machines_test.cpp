@@ -77,14 +77,15 @@ TEST_F(WexstatMachines, JsonHoldsWhatTheTableHolds) {
       "{'status': 139, 'text': 'SIGSEGV, core', 'time': 1700000000}\n"
       "parked True None\n"
       "4 3 2 running None\n"
-      "13 112 113\n"
+      "13 112 113 115\n"
       "20 daemon_started replaced\n"
       "wex_delay_resta\n",
       python({"it['schema'], it['check'], it['daemon']['state']",
               "all[0]['name'] == 'a\"b\\\\c\\nd\\x01\\ufffd\\u00e4'", "all[0]['last_exit']",
               "all[0]['state'], 0 < all[0]['until_seconds'] <= 100, all[0]['up_seconds']",
               "len(all), all[1]['restarts'], all[2]['misses_left'], all[2]['state'], all[3]['last_exit']",
-              "len(it['counters']), it['counters']['refused_registrations'], it['not_shown']",
+              "len(it['counters']), it['counters']['refused_registrations'], it['not_shown'], "
+              "it['pause_seconds']",
               "len(it['events']), it['events'][0]['kind'], it['events'][-1]['kind']",
               "it['threads'][0]['name']"}));
 }
@@ -166,6 +167,7 @@ TEST_F(WexstatMachines, OneNameInOneDomainIsOneSeries) {
   EXPECT_EQ("3", value_of(metrics, "wex_registration_watched_threads{name=\"twin\",domain=\"0\"}"));
   EXPECT_EQ("1", value_of(metrics, "wex_registrations{state=\"parked\"}"));
   EXPECT_EQ("108", value_of(metrics, "wex_lost_exits_total"));
+  EXPECT_EQ("115", value_of(metrics, "wex_pause_seconds"));
   EXPECT_EQ("1", value_of(metrics,
                           "wex_registration_state{name=\"a\\\"b\\\\c\\nd\x01\xef\xbf\xbd\xc3\xa4\""
                           ",domain=\"0\",state=\"parked\"}"));

@@ -8,7 +8,9 @@ size() { echo "SIZE $1 $2"; }
 descriptors() { ls /proc/$wex/fd | wc -l; }
 count_registered() { ls $DB | grep -c '^service\.'; }
 registered_now() { [ "$(count_registered)" = $1 ]; }
+table_kib() { echo $(($(stat -c %b /dev/shm/wex-status) / 2)); }   # it has memory for what is in use only
 size resident-kib-0-services "$(resident)"
+size status-table-kib-0-services "$(table_kib)"
 
 n=0
 while [ $n -lt 100 ]; do
@@ -27,6 +29,13 @@ with_100=$(resident)
 size resident-kib-100-services $with_100
 size bytes-of-a-registration $(((with_100 - with_10) * 1024 / 90))
 note "$(descriptors) descriptors with 100 services"
+all_shown() { [ "$(wexstat | grep -c '^service ')" = 100 ]; }
+check "wexstat does not show 100 services: $(wexstat)" eventually 60 all_shown
+size status-table-kib-100-services "$(table_kib)"
+wexstat --watch 600 > /tmp/shown & shown=$!
+check "wexstat does not watch" eventually 60 grep -q '^service ' /tmp/shown
+size resident-kib-wexstat "$(field $shown VmRSS | sed 's/ kB//')"
+kill $shown
 
 old=$(for file in $DB/service.*; do echo ${file##*.}; done)
 is "$(echo $old | wc -w)" 100 "services before"
