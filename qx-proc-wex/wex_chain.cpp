@@ -240,6 +240,9 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   if (chain == &wex_chains) {
     wex_status_show(rec);
     wex_keep_user(rec);
+    if (const wex_user* const user = wex_user_of(rec)) {
+      wex_status_show_user(rec, user->uid);
+    }
   }
 }
 

@@ -21,6 +21,7 @@
 #include "text_number.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
+#include "wex_flag_file.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_strict.h"
@@ -353,6 +354,16 @@ void wex_tidy_users(bool (*has_record)(int32_t pid)) {
       unlinkat(kept.fd(), entry->d_name, 0);
     }
   }
+}
+
+bool wex_may_restart_device(const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  return !wex_strict().on || (user != nullptr && user->uid == 0);
+}
+
+int32_t wex_domain_of(const wex_pid* rec, int32_t pid) {
+  const wex_user* const user = wex_user_of(rec);
+  return wex_find_domain(pid, user != nullptr ? &user->uid : nullptr);
 }
 
 bool wex_runs_as(int32_t pid, const wex_pid* rec) {

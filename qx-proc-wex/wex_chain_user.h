@@ -44,6 +44,13 @@ uint64_t wex_strict_start_of(int32_t pid);
 void wex_find_user(wex_pid* rec);
 void wex_note_thread_user(wex_pid* rec);
 
+// Whether what becomes of the record's program may restart the device: in strict mode only root's may.
+bool wex_may_restart_device(const wex_pid* rec);
+
+// The domain of the record's process, by its flag file; -1 when there is none. In strict mode only root and
+// the record's user may say it.
+int32_t wex_domain_of(const wex_pid* rec, int32_t pid);
+
 // Whether this process, found by its command line, runs as the record's user. Without strict mode true.
 bool wex_runs_as(int32_t pid, const wex_pid* rec);
 

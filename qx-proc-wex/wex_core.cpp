@@ -48,6 +48,7 @@
 #include "wex_signals_reaper.h"
 #include "wex_status_file.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -258,7 +259,7 @@ extern "C" void wex_third_part_proc_init(void) {
 int main(int argc, char** argv) {
   leave_signals_of_starter();
   wex_choose_mode();
-  wex_make_dir(kRunDir, kOpenDirMode);
+  wex_make_dir(kRunDir, wex_client_dir_mode());
   wex_parse_dbg_file();
   wex_create_std_fd(1);
   wex_handle_options(argc, argv);

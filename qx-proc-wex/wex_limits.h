@@ -32,8 +32,7 @@ inline constexpr int kUserGroupsMax =
 inline constexpr int kUsersKept = 512;  // different sets of ids among all registrations of one daemon
 inline constexpr int kRefusedUsers = 16;       // users of whose refused messages the running log tells,
 inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
-inline constexpr int kIgnoredNamesKept =
-    64;  // files that do not count: told once each, and no further ones
+inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
 
 // Restart throttle and self-check.
 inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted inside such a window

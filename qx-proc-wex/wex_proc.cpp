@@ -110,7 +110,7 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->rec = rec;
   start->user = wex_user_of(rec);
   start->old_pid = wex_last_process(rec);
-  start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
+  start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
   char word[256];
   start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = action.through_shell && rec->script[0] != '\0';
@@ -300,7 +300,8 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
 }
 
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
-  return rec->reboot_allow > 0 && static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
+  return rec->reboot_allow > 0 && wex_may_restart_device(rec) &&
+         static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
 }
 
 void wex_reboot_for(const wex_pid* rec) {

@@ -524,6 +524,10 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
 }
 
 int wex_mk_forkfile(void) {
+  struct stat facts = {};
+  if (wex_strict().on && lstat(kForkFile, &facts) == 0 && facts.st_uid != 0) {
+    wex_unlink(kForkFile);  // a user's would never count
+  }
   const unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
   if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
     return -1;

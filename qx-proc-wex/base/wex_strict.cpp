@@ -1,6 +1,8 @@
 // wex_strict: whether this process runs in strict mode, and what does not count in it.
 #include "wex_strict.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -42,6 +44,30 @@ const strict_settings& wex_strict() {
 
 void wex_set_strict(const strict_settings& settings) {
   g_settings = settings;
+}
+
+bool wex_counts(const char* path) {
+  struct stat facts = {};
+  if (!g_settings.on) {
+    return true;
+  }
+  if (lstat(path, &facts) != 0) {
+    return false;
+  }
+  // Anybody may give a file of root's another name, on kernels that do not forbid it.
+  if (facts.st_uid == 0 && (S_ISDIR(facts.st_mode) || facts.st_nlink == 1)) {
+    return true;
+  }
+  wex_ignore_name(path);
+  return false;
+}
+
+mode_t wex_client_dir_mode() {
+  return g_settings.on ? kClientDirMode : kOpenDirMode;
+}
+
+mode_t wex_own_dir_mode() {
+  return g_settings.on ? kOwnDirMode : kOpenDirMode;
 }
 
 void wex_ignore_name(const char* path) {

@@ -17,6 +17,14 @@ struct strict_settings {
   int32_t registrations = kUserRegistrations;  // the same
 };
 
+// Whether what lies at `path` may say what it says: in strict mode only what root alone has put there does.
+// What does not count is noted. Without the mode true, and nothing is asked; a missing file is not noted.
+bool wex_counts(const char* path);
+
+// The mode of a directory that the daemon makes: one in which clients make files, or one of its own.
+mode_t wex_client_dir_mode();
+mode_t wex_own_dir_mode();
+
 // Notes that what lies at `path` does not count, so that it is told once; never waits. The next note that was
 // not taken yet goes to `path`: false when there is none. Any thread.
 void wex_ignore_name(const char* path);

@@ -91,11 +91,11 @@ TEST_F(StrictMode, HoldsWhenSomethingHasTheNameOfItsFile) {
 // Of root's processes, another user's, the daemon, init, a kernel thread, and what is none at all.
 TEST_F(StrictMode, AUserSpeaksForNobodyElse) {
   start();
-  Process roots;
-  Process others;
+  Process& roots = process();
+  Process& others = process();
   ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
   ASSERT_TRUE(start_service(&others, {"--tag=others"}, kOther));
-  Process unregistered;
+  Process& unregistered = process();
   ASSERT_TRUE(unregistered.start({"sleep", "600"}));
   const uint32_t refused = StatusReader().counter(WEX_STATUS_REFUSED);
   const std::vector<pid_t> targets = {roots.pid(), others.pid(), unregistered.pid(), daemon.pid(), 1, 2};
@@ -141,7 +141,7 @@ TEST_F(StrictMode, AUserSpeaksForNobodyElse) {
 // His own thread, but for a process that is not its own: that one would be aborted.
 TEST_F(StrictMode, AThreadStandsForItsOwnProcessAlone) {
   start();
-  Process roots;
+  Process& roots = process();
   ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
   ASSERT_TRUE(as_user([&] {
     const raw_client client;
@@ -157,8 +157,8 @@ TEST_F(StrictMode, AThreadStandsForItsOwnProcessAlone) {
 
 TEST_F(StrictMode, AUserRegistersAndCancelsHisOwnAndRootEverybodys) {
   start();
-  Process own;
-  Process others;
+  Process& own = process();
+  Process& others = process();
   ASSERT_TRUE(start_service(&own, {"--tag=own"}));
   ASSERT_TRUE(start_service(&others, {"--tag=others"}, kOther));
   const auto cancel = [](pid_t pid) {
@@ -215,11 +215,11 @@ TEST_F(StrictMode, ATableThatUsersFillEndsNothing) {
 TEST_F(StrictMode, AUserHasSoManyRegistrations) {
   write_file(kStrictFile, "registrations 2\n");
   start();
-  Process services[4];
-  ASSERT_TRUE(start_service(&services[0], {"--tag=1"}));
-  ASSERT_TRUE(start_service(&services[1], {"--tag=2"}));
-  ASSERT_TRUE(services[2].start(users_words(service_words({"--tag=3"}))));
+  Process* services[4] = {&process(), &process(), &process(), &process()};
+  ASSERT_TRUE(start_service(services[0], {"--tag=1"}));
+  ASSERT_TRUE(start_service(services[1], {"--tag=2"}));
+  ASSERT_TRUE(services[2]->start(users_words(service_words({"--tag=3"}))));
   EXPECT_TRUE(log_says("User 1234 was refused 1 times: too many registrations."));
-  EXPECT_FALSE(is_registered(services[2].pid()));
-  EXPECT_TRUE(start_service(&services[3], {"--tag=4"}, kOther));
+  EXPECT_FALSE(is_registered(services[2]->pid()));
+  EXPECT_TRUE(start_service(services[3], {"--tag=4"}, kOther));
 }

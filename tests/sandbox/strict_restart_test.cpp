@@ -46,7 +46,7 @@ std::string uid_of(pid_t pid) {
 
 TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
   start();
-  Process service;
+  Process& service = process();
   const words options = service_words({"--tag=lives"});
   ASSERT_TRUE(start_service(&service, {"--tag=lives"}));
   const pid_t second = kill_and_wait(service.pid(), options);
@@ -75,7 +75,7 @@ TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {
   write_file("/etc/cmdmap/actor.sh", "exec " + std::string(actor_binary()) + " \"$@\"\n");
   start();
-  Process service;
+  Process& service = process();
   const words options = {"--tag=script", "--register=SHELL", "--confirm", "--hold"};
   ASSERT_TRUE(service.start(users_words(options)));
   ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }, 20s));
@@ -86,7 +86,7 @@ TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {
 
 TEST_F(StrictRestart, RootsProgramIsRootAgainWithItsOwnGroups) {
   start();
-  Process service;
+  Process& service = process();
   const words options = service_words({"--tag=root", "--group=4711"});
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }, 20s));
@@ -100,7 +100,7 @@ TEST_F(StrictRestart, RootsProgramIsRootAgainWithItsOwnGroups) {
 TEST_F(StrictRestart, NothingIsExecutedWhenTheUserCannotBeBecome) {
   ASSERT_TRUE(daemon.start_traced({"inject=setresuid:error=EAGAIN", "trace=setresuid,execve"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
-  Process service;
+  Process& service = process();
   ASSERT_TRUE(start_service(&service, {"--tag=refused"}));
   send_signal(service.pid(), SIGKILL);
   EXPECT_TRUE(console_says("]wex_spawn--> cannot become the user of the program: ", 20s)) << read_console();
@@ -151,8 +151,8 @@ TEST_F(StrictRestart, ALostRegistrationIsItsFilesOwnersAtTheMost) {
 
 // The user's file for root's living process, and his change of root's own one.
 TEST_F(StrictRestart, AFileIsBelievedForAProcessOfItsOwner) {
-  Process roots;
-  Process own;
+  Process& roots = process();
+  Process& own = process();
   const words options = {"--tag=roots", "--hold"};
   ASSERT_TRUE(roots.start(actor_words(options)));
   ASSERT_TRUE(own.start(users_words({"--tag=own", "--hold"})));
@@ -186,7 +186,7 @@ TEST_F(StrictRestart, AFileIsBelievedForAProcessOfItsOwner) {
 // and what is planted later waits for a registration.
 TEST_F(StrictRestart, WhatAUserPutsAtTheNameOfRootsFileIsReplaced) {
   start();
-  Process roots;
+  Process& roots = process();
   ASSERT_TRUE(roots.start(
       actor_words({"--tag=victim", "--wait-for=/tmp/go", "--register=RESTART", "--confirm", "--hold"})));
   const std::string path = registry::db_file(0, "actor", roots.pid());

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -61,10 +62,13 @@ struct Strict : WexWorld {
     WexWorld::SetUp();
     write_file(kStrictFile, "");
   }
+  // The daemon first: it would start again what ends, and that might be on its way when the case is over.
   void TearDown() override {
     daemon.kill_now();
+    processes.clear();
     WexWorld::TearDown();
   }
+  Process& process() { return processes.emplace_back(); }
   void start() {
     ASSERT_TRUE(daemon.start());
     mark_console();
@@ -89,6 +93,9 @@ struct Strict : WexWorld {
   }
 
   Daemon daemon;
+
+ private:
+  std::deque<Process> processes;
 };
 
 }  // namespace strict_world
