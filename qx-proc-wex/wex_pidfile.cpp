@@ -31,6 +31,7 @@
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -39,6 +40,16 @@ constexpr size_t kReadSize = 256;  // what is read of a database file, terminato
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
+}
+
+// Anybody who may read the file can lock it: in strict mode only the registered process itself holds up its
+// restart.
+bool holder_counts(int fd, int32_t pid) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  return !wex_strict().on ||
+         (fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK && whole.l_pid == pid);
 }
 
 // The name of a file of this registration; false with errno when no such file can exist.
@@ -263,7 +274,7 @@ int wex_proc_is_exit(const wex_pid* rec) {
     return 1;  // closing gives the trial lock back at once
   }
   cause = errno;
-  if (is_locked_by_another(cause)) {
+  if (is_locked_by_another(cause) && holder_counts(fd.get(), rec->pid)) {
     wex_dbg(WEX_DBG_PUB, "be lock file %s, %s.\n", name, strerror(cause));
     return 0;
   }
