@@ -8,6 +8,10 @@ if(WEX_SANITIZE MATCHES thread)  # a report of any process fails the test
 endif()
 list(APPEND wex_test_runner ${CMAKE_CROSSCOMPILING_EMULATOR})
 
+# Cases that run a daemon of their own stand in lines, and one of each line runs at a time. What needs the machine for
+# itself stands in all of them.
+set(WEX_DAEMON_LINES daemon patient_daemon other_daemon)
+
 # wex_add_tests(<name> [DAEMON] SOURCES ... [LIBRARIES ...] [LABELS ...] [LOCKS ...]): one test program.
 # DAEMON: the cases run the real daemon, and each is a ctest entry with a sandbox of its own. Cases with one of
 # their LOCKS in common (daemon, if none is named) run one after the other.
@@ -18,6 +22,7 @@ function(wex_add_tests name)
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE wex_test_harness wex_core ${arg_LIBRARIES} GTest::gtest)
   target_link_libraries(${name} PRIVATE wex_warnings)
+  target_precompile_headers(${name} REUSE_FROM wex_test_harness)
   target_compile_options(${name} PRIVATE -O0)  # what is tested is optimised; the tests need only be built quickly
   target_compile_definitions(${name} PRIVATE
     WEX_BINARY="$<TARGET_FILE:wex>" WEX_BUILD_DIR="${CMAKE_BINARY_DIR}" WEX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

@@ -382,7 +382,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   }
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
-  rec->thread_code = 0;
+  rec->known_code = 0;
   wex_keep_user(rec);
   wex_forget_user(old_pid);
   return wex_note_start(rec);

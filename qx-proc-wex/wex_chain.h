@@ -65,8 +65,8 @@ wex_pid* __wex_recycle_registration(wex_pid* rec) WEX_TSA(requires_capability(we
 // A thread's registration ends: its record in the alive chain and its entry in the table go together.
 void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_capability(chain));
 
-// As __wex_del_pid, but the memory of one of the records is the caller's from now on: for a new record where
-// none may be waited for. Null when there was none.
+// As __wex_del_pid, but one of the records is given to the caller, unlinked: its memory serves for a new
+// record where none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
 // The same for the pid of `rec`. A pid below 1 is that of no process, and records of several programs may

@@ -387,3 +387,7 @@ bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
                      read_ids_of(&now, &ids);
   return lives ? judge_living(rec, facts, ids) : judge_dead(rec, facts);
 }
+
+bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts) {
+  return !wex_strict().on || judge_dead(rec, facts);
+}

@@ -78,3 +78,6 @@ void wex_own_database_file(const wex_pid* rec);
 // file that others may have written counts only when it says what the process itself, or what was kept, says.
 // False when the file does not count, or its owner may not speak for the process. Without strict mode true.
 bool wex_judge_file(wex_pid* rec, const struct stat& facts);
+
+// The same for one whose process is known to have gone: another one may have its pid.
+bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts);

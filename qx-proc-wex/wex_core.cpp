@@ -68,7 +68,7 @@ constexpr worker kWorkers[kThreads] = {
     {wex_inotify_fork_error, "wex_inotify_fork_error", " thread"},
     {wex_delay_restart, "wex_delay_restart", " thread"},
 };
-constexpr int kJoined[] = {kNotifier, kServer, kMonitor};  // the other two are never joined
+constexpr int kJoined[] = {kNotifier, kServer, kMonitor};  // the process ends without the other two
 
 struct threads {
   pthread_t handles[kThreads];

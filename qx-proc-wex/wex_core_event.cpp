@@ -16,6 +16,7 @@
 #include "wex_chain_identity.h"
 #include "wex_clock.h"
 #include "wex_core_crash.h"
+#include "wex_core_early_end.h"
 #include "wex_core_exit.h"
 #include "wex_core_filter.h"
 #include "wex_core_process_event.h"
@@ -43,9 +44,13 @@ wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(
   return nullptr;
 }
 
-bool is_registered(int32_t pid, int32_t tgid) {
+// Whether the event is of a registered process. That of one whose registration is under way is kept for it.
+bool is_registered(const process_event& event) {
   chain_lock hold(wex_chains);
-  return record_of_event(pid, tgid) != nullptr;
+  if (event.pid == event.tgid && __wex_find_pid(&wex_chains, event.pid) == nullptr) {
+    __wex_note_early_end(event.pid, event.exit_code);
+  }
+  return record_of_event(event.pid, event.tgid) != nullptr;
 }
 
 void note_crash(int32_t pid, int32_t tgid) {
@@ -163,7 +168,7 @@ void note_thread_end(const process_event& event) {
     wex_note_start(rec);
   }
   if (rec->thread_of == event.tgid && WTERMSIG(event.exit_code) != 0) {
-    rec->thread_code = event.exit_code;
+    rec->known_code = event.exit_code;
     wex_request_sweep();
   }
 }
@@ -188,14 +193,14 @@ int32_t wex_event_second(const process_event& event) {
 }
 
 void wex_take_exit_event(const process_event& event) {
-  if (!is_registered(event.pid, event.tgid)) {
+  if (!is_registered(event)) {
     return;  // an exit of an unregistered process is ignored before any marker is looked at
   }
   if (event.pid != event.tgid) {
     note_thread_end(event);
     look_sooner(event.tgid);
   }
-  if (wex_drop_taken_down(event.pid)) {
+  if (wex_drop_taken_down(event.pid, 0)) {
     return;
   }
   look_for_crash(event);

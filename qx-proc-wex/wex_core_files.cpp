@@ -6,20 +6,28 @@
 #define WEX_MODULE "wex_core"
 #include "wex_core_files.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "chain_lock.h"
 #include "dir_walk.h"
 #include "text_buffer.h"
 #include "text_number.h"
+#include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_chain_user.h"
+#include "wex_core_early_end.h"
 #include "wex_core_quota.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_strict.h"
@@ -45,14 +53,43 @@ bool has_record(int32_t pid) {
 // What strict mode asks of the file, with the rest known to be right.
 bool is_allowed(const char* path, wex_pid* rec, const struct stat& facts)
     WEX_TSA(requires_capability(wex_chains)) {
-  if (!wex_judge_file(rec, facts)) {
+  if (!wex_judge_lost_file(rec, facts)) {
     wex_ignore_name(path);
     return false;
   }
   return __wex_has_room(&wex_chains, rec);
 }
 
-// Reads the file into `rec`; true when it is a registration that nobody knows, of a process that is gone and
+// How long ago the file was written, and the process began; negative when that cannot be told.
+int64_t age_of_file_ms(const char* path) {
+  struct stat facts;
+  return lstat(path, &facts) == 0 ? (int64_t{time(nullptr)} - facts.st_mtime) * 1000 : -1;
+}
+
+int64_t age_of_process_ms(const process_look& now) {
+  const int64_t start = wex_start_on_clock_ms(now.start_time);
+  return now.sight == process_look::seen && start > 0 ? wex_clock_ms() - start : -1;
+}
+
+// What cannot be read for another reason than that there is nothing may be the program.
+bool runs_another_program(int32_t pid, const char* program) {
+  char command[WEX_PROCESS_SIZE];
+  if (wex_read_command(pid, command, sizeof command) == command_read::nothing) {
+    return errno == ENOENT;
+  }
+  return strncmp(command, program, strlen(program)) != 0;
+}
+
+// Whether another process has the pid of the file's. It runs another program, and began after the file was
+// written. Either alone says too little: a process may change its command line, and the clock may be set.
+bool belongs_to_stranger(const wex_pid* rec, const char* path) {
+  const int64_t file_age = age_of_file_ms(path);
+  const int64_t process_age = age_of_process_ms(wex_look_at(rec->pid));
+  return process_age >= 0 && file_age - process_age > kFileBeforeProcessMs &&
+         runs_another_program(rec->pid, rec->process);
+}
+
+// Reads the file into `rec`; true when it is a registration that nobody knows, of a process that is gone,
 // with a lock that nobody holds. A file of another name than its content gives it is left to the next start.
 bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   struct stat facts = {};
@@ -64,7 +101,8 @@ bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_cap
   char fitting[kPathSize];
   return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
          wex_find_action(rec->action) != nullptr && __wex_find_pid(&wex_chains, rec->pid) == nullptr &&
-         !wex_pid_exists(rec->pid) && wex_proc_is_exit(rec) == 1 && is_allowed(path, rec, facts);
+         wex_proc_is_exit(rec) == 1 && (!wex_pid_exists(rec->pid) || belongs_to_stranger(rec, path)) &&
+         is_allowed(path, rec, facts);
 }
 
 // Gives it a record, so that the sweep finds the lost exit and restarts the program. When a new process of
@@ -79,6 +117,7 @@ void adopt_if_lost(int32_t vsd, const char* path) {
   wex_dbg(WEX_DBG_PUB, "%s: registration of pid %d was lost\n", "wex_look_at_files", rec->pid);
   rec->start_time = kBeforeAnybody;
   rec->restart_failed = 1;
+  rec->known_code = __wex_take_early_end(rec->pid);
   __wex_add_record(&wex_chains, rec);
   wex_request_sweep();
 }
@@ -90,8 +129,7 @@ void look_at_domain(int32_t vsd) {
   dir_walk files(dir);
   while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
     const int32_t pid = pid_of_name(entry->d_name);
-    if (pid > 0 && !wex_pid_exists(pid) && !has_record(pid) &&
-        wex_format(path, sizeof path, "%s/%s", dir, entry->d_name)) {
+    if (pid > 0 && !has_record(pid) && wex_format(path, sizeof path, "%s/%s", dir, entry->d_name)) {
       adopt_if_lost(vsd, path);
     }
   }

@@ -47,6 +47,7 @@ unsigned g_threads_for WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thr
 bool g_executions WEX_TSA(guarded_by(g_lock)) = true;
 pid_set g_exits WEX_TSA(guarded_by(g_lock));
 bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;                 // more processes than the set holds
+int32_t g_newcomer WEX_TSA(guarded_by(g_lock)) = 0;                  // its registration is under way
 bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
 passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
 difference g_difference WEX_TSA(guarded_by(g_lock)) = difference::none;
@@ -126,6 +127,13 @@ void update() WEX_TSA(requires_capability(g_lock)) {
   }
 }
 
+void add_process(int32_t pid) WEX_TSA(requires_capability(g_lock)) {
+  if (!g_exits.has(pid)) {
+    g_difference = difference::too_few;
+    g_overfull = !g_exits.add(pid) || g_overfull;
+  }
+}
+
 }  // namespace
 
 void wex_attach_filter(int fd) {
@@ -158,22 +166,28 @@ bool wex_pass_exits_of(int32_t pid) {
     return true;
   }
   const bool was_overfull = g_overfull;
-  if (!g_exits.has(pid)) {
-    g_difference = difference::too_few;
-    g_overfull = !g_exits.add(pid) || g_overfull;
-  }
+  add_process(pid);
   update();
   return was_overfull || !g_overfull;
 }
 
+void wex_pass_exits_of_newcomer(int32_t pid) {
+  const mutex_lock hold(g_lock);
+  g_newcomer = pid;
+  add_process(pid);
+  update();
+}
+
 void wex_pass_exits_only_of(const pid_set* pids) {
   const mutex_lock hold(g_lock);
-  if (pids != nullptr && !(*pids == g_exits)) {
-    g_exits = *pids;
+  pid_set kept = pids != nullptr ? *pids : g_exits;
+  const bool all_fit = pids != nullptr && (g_newcomer < 1 || kept.add(g_newcomer));
+  if (!(kept == g_exits)) {
+    g_exits = kept;
     const bool some_missing = g_overfull || g_difference == difference::too_few;
     g_difference = some_missing ? difference::too_few : difference::too_many;
   }
-  g_overfull = pids == nullptr;
+  g_overfull = !all_fit;
   g_refused = false;
   update();
 }

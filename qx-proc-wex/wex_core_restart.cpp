@@ -7,6 +7,8 @@
 #include "wex_core_sweep_request.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
@@ -22,6 +24,15 @@ void expect_lost_exit(wex_pid* rec) WEX_TSA(requires_capability(wex_spawn_mutex)
   rec->missed_start = wex_remember_start(rec->pid, rec->exit_signal);
   rec->gone_since = wex_clock_now();
   wex_request_sweep();
+}
+
+// A listed program makes no database file itself. The monitor makes it when it sees the program executed,
+// which it does not while the daemon starts, nor when the process found is one that has detached from it.
+void make_file_of_listed(const wex_pid* rec) {
+  char word[256];
+  if (wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1) {
+    wex_mend_pidfile(rec);
+  }
 }
 
 }  // namespace
@@ -42,6 +53,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   }
   // Nothing slow from here on: killed now, the daemon would find the old file and start a second instance.
   const bool lives = __wex_adopt_pid(chain, rec, new_pid);
+  if (new_pid > 0) {
+    make_file_of_listed(rec);
+  }
   if (!wex_child_has_normal_lmk(new_pid)) {
     wex_reset_lmk(new_pid);
   }

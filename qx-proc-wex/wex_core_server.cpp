@@ -25,6 +25,7 @@
 #include "wex_action.h"
 #include "wex_core_claim.h"
 #include "wex_core_clients.h"
+#include "wex_core_early_end.h"
 #include "wex_core_stop.h"
 #include "wex_core_watched_names.h"
 #include "wex_dbg.h"
@@ -135,6 +136,13 @@ int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
   return result;
 }
 
+// Once it is acknowledged, the sender counts as registered.
+void expect_newcomer(const wex_inner_msg& msg) {
+  if (msg.msg_type == kRespawn.message || msg.msg_type == kShellRestart.message) {
+    wex_expect_newcomer(unpack(msg, 0).reg.pid);  // whoever says it: nothing is registered yet
+  }
+}
+
 // The acknowledgement says only that the message arrived: the sender does not wait for the handler.
 int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
   const message_rule* const rule = find_rule(msg.msg_type);
@@ -211,6 +219,7 @@ bool serve_client(server& self, int sd) {
     count_if_refused(sd);
     return drop_client(self, sd);
   }
+  expect_newcomer(*msg.get());
   self.code = wex_rsp_domain_msg(sd, *msg.get());
   if (self.code != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: wex_inner_rsp_msg err(ret:%d, sk:%d)!\n", kThread, self.code, sd);
@@ -474,7 +483,7 @@ void end_thread(server& self) {
   self.epoll.reset();
   if (self.listener.get() > 0) {
     self.listener.reset();
-  } else {
+  } else {  // the design closes numbers above 0 only; the daemon ends, and the kernel closes what is left
     self.listener.release();
   }
   close_clients(self);

@@ -170,12 +170,13 @@ void wex_wait_with_registry(int64_t milliseconds) {
   }
 }
 
-bool wex_drop_taken_down(int32_t pid) {
+bool wex_drop_taken_down(int32_t pid, uint64_t start_time) {
   if (!wex_take_down_under_way()) {
     return false;
   }
   chain_lock hold(wex_chains);
-  if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec != nullptr && (start_time == 0 || rec->start_time == start_time)) {
     wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
     __wex_drop_registration(rec);
   }

@@ -24,5 +24,7 @@ bool __wex_dropped_with_domain(wex_pid* rec) WEX_TSA(requires_capability(wex_cha
 void wex_drop_domains_taken_down();
 
 // What comes before every exit is handled: while a domain is taken down, the record and the database file of
-// `pid` go and nothing is to be restarted. True when that is so. Called with no chain held.
-bool wex_drop_taken_down(int32_t pid) WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
+// `pid` go and nothing is to be restarted. True when that is so. `start_time` is that of the process that has
+// ended, 0 when it is not known: a later process of the same pid keeps its record. Called with no chain held.
+bool wex_drop_taken_down(int32_t pid, uint64_t start_time)
+    WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));

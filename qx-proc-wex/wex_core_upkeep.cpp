@@ -49,31 +49,33 @@ struct lost_exit {
   int32_t pid;
   int32_t process;  // whose exit it is
   uint64_t start_time;
-  uint32_t thread_code;
+  uint32_t known_code;
 };
 
-void count_crash(int32_t pid) {
+void count_crash(const lost_exit& lost) {
   {
     chain_lock hold(wex_chains);
-    if (wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_pid* const rec = __wex_find_pid(&wex_chains, lost.pid);
+    if (rec != nullptr && rec->start_time == lost.start_time) {
       __wex_note_crash(rec);
     }
   }
   wex_judge_crashes();
 }
 
-// The status of a child is known from the reaper, and a signal that ended the registered thread of a process
-// from its event. Of any other process the cause is unknown: 0.
+// The status of a child is known from the reaper; what else is known stands in the record. Of any other
+// process the cause is unknown: 0.
 void hand_over(const lost_exit& lost) {
   wex_dbg(WEX_DBG_PUB, "%s: exit of pid %d was lost\n", "wex_sweep_lost_exits", lost.pid);
-  if (wex_drop_taken_down(lost.pid)) {
+  if (wex_drop_taken_down(lost.pid, lost.start_time)) {
     return;
   }
   const uint32_t status = wex_status_of_ended(lost.process, lost.start_time);
-  if (WCOREDUMP(status)) {
-    count_crash(lost.pid);
+  const uint32_t code = status != 0 ? status : lost.known_code;
+  if (WCOREDUMP(code)) {
+    count_crash(lost);
   }
-  wex_handle_lost_exit(lost.pid, status != 0 ? status : lost.thread_code, lost.start_time);
+  wex_handle_lost_exit(lost.pid, code, lost.start_time);
 }
 
 enum class verdict { present, suspected, lost };
@@ -131,7 +133,7 @@ void wex_sweep_lost_exits() {
       const verdict found = judge(rec, now);
       any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
-        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time, rec->thread_code};
+        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time, rec->known_code};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }

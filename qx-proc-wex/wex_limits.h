@@ -35,13 +35,15 @@ inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
 inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
 
 // Restart throttle and self-check.
-inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted inside such a window
-inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches this parks the program
-inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
-inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
-inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this gets a running-log line
-inline constexpr int kLongDelayNotes = 16;          // for so many programs at a time,
-inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for all of them
+inline constexpr int32_t kThrottleWindowSec = 120;     // restarts are counted inside such a window
+inline constexpr int32_t kThrottleRestarts = 5;        // the restart that reaches this parks the program
+inline constexpr int32_t kSelfCheckSec = 300;          // default wait of a parked program
+inline constexpr int32_t kRebootWindowSec = 601;       // a second park sooner than this reboots the device
+inline constexpr int32_t kLongDelaySec = 3600;         // a restart delay above this gets a running-log line
+inline constexpr int kLongDelayNotes = 16;             // for so many programs at a time,
+inline constexpr int32_t kLongDelayLogSec = 60;        // one line in this time for all of them
+inline constexpr int64_t kFileBeforeProcessMs = 2000;  // a file this much older than a process is not its own
+inline constexpr int kNewcomers = 16;                  // registrations whose early end is remembered
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;

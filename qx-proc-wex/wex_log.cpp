@@ -367,7 +367,7 @@ void wex_log(const char* format, ...) {
   va_start(arguments, format);
   const size_t length = build_entry(entry, format, arguments);
   va_end(arguments);
-  if (entry[0] != ' ') {  // without a time there is no entry
+  if (entry[0] != ' ') {  // else the time of day could not be made a text, and nothing is written
     write_entry(g_event_fd, entry, length);
   }
 }

@@ -18,6 +18,7 @@
 #include "wex_chain.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
+#include "wex_core_early_end.h"
 #include "wex_core_filter.h"
 #include "wex_core_long_delay.h"
 #include "wex_core_quota.h"
@@ -153,8 +154,10 @@ bool insert_process(wex_pid* rec) {
   }
   __wex_add_record(&wex_chains, rec);
   wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+  const uint32_t early_end = __wex_take_early_end(rec->pid);
   wex_own_database_file(rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
+    rec->known_code = early_end;
     rec->gone_since = wex_clock_now();
     wex_request_sweep();
   }

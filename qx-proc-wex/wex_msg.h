@@ -33,6 +33,6 @@ int wex_cancel_by(uid_t speaker, const wex_cons_info& body);
 // Registers a third-part program in process, as if it had sent the message itself: database file, flag file
 // and record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1.
 //
-// `memory` is what is left of a record and is taken over, whatever the result; who holds wex_chains must have
-// one. Null: memory is waited for.
+// `memory` is a record that has left its chain: it becomes the new one, or is freed. Null: memory is waited
+// for, which whoever holds wex_chains must not do.
 int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory);

@@ -119,7 +119,7 @@ bool save_start_time(int32_t vsd, const char* caller) {
 // Becomes `path`. Returns only when that fails.
 void become(const char* path, const char* const* argv) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-    fcntl(fd, F_SETFD, 0);  // ours are the console, closed in whatever we execute; a program needs its three
+    fcntl(fd, F_SETFD, 0);  // they were marked close-on-exec as all others, and a program needs these three
   }
   leave_starter();
   execvp(path, const_cast<char* const*>(argv));

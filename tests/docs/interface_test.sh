@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What libwex.so offers, what the headers declare, the linker's map and the package's symbols file agree; the shipped
+# What libwex.so and the daemon offer, what the headers declare, the linker's maps and the package's symbols file agree; the shipped
 # binaries need libc only; each header stands alone. Arguments: libwex.so, wex, wexrun, wexstat.
 #
 # The functions of wex_platform.h are the device's. wex calls them and must not offer them: a program that links libwex.so,
@@ -21,19 +21,24 @@ sed -nE "s|^/\* $root/include.*[ *]([a-z_0-9A-Z]+) \(.*|\1|p" "$work/aux" | sort
 sort -u "$work/headers" -o "$work/declared"
 comm -23 "$work/declared" "$work/platform" > "$work/headers"
 nm -D --defined-only "$library" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/exported"
-sed -n '/global:/,/local:/p' "$root/qx-proc-wex/libwex.map" | tr ';' '\n' | sed -nE 's/^(.*:)? *([a-z][a-zA-Z_0-9]*) *$/\2/p' |
-  grep -vE '^(global|local)$' | sort -u > "$work/map"
+names_in() {
+  sed -n '/global:/,/local:/p' "$root/qx-proc-wex/$1" | tr ';' '\n' | sed -nE 's/^(.*:)? *([a-z][a-zA-Z_0-9]*) *$/\2/p' |
+    grep -vE '^(global|local)$' | sort -u
+}
+names_in libwex.map > "$work/map"
 sed -nE 's/^ ([a-z][a-zA-Z_0-9]*)@.*/\1/p' "$root/packaging/debian/libwex1.symbols" | sort -u > "$work/symbols"
-tr -d '{};' < "$root/qx-proc-wex/wex.dynlist" | tr -s ' \t' '\n' | grep -E '^[a-z_]+' | sort -u > "$work/dynlist"
-for other in exported map symbols; do
+nm -D --defined-only "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
+names_in wex.map > "$work/daemon_map"
+for other in exported map symbols daemon daemon_map; do
   cmp -s "$work/headers" "$work/$other" || complain "headers (<) and $other (>) differ: $(diff "$work/headers" "$work/$other" | grep '^[<>]' | tr '\n' ' ')"
 done
 [ "$(wc -l < "$work/headers")" -gt 50 ] || complain "no declarations were found"
-nm -D --defined-only "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
-comm -23 "$work/headers" "$work/daemon" > "$work/difference"
-complain_each "the daemon does not offer" < "$work/difference"
 comm -12 "$work/platform" "$work/daemon" > "$work/difference"
 complain_each "the daemon displaces the device's" < "$work/difference"
+
+for program in "$3" "$4"; do
+  nm -D --defined-only "$program" | grep -v '@GLIBC_' | complain_each "$program offers"  # those are copies of the library's
+done
 
 readelf -d "$library" | grep -qF 'soname: [libwex.so.1]' || complain "$library has no soname libwex.so.1"
 for file in "$library" "$daemon" "$3" "$4"; do

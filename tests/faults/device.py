@@ -142,13 +142,18 @@ def end(pid, seconds=10):
 # ---- The daemon ---------------------------------------------------------------------------------------------
 
 class Daemon:
-    def __init__(self, tools):
+    def __init__(self, tools, without=""):
+        """`without`: a measure against lost exits that it is to do without (without.c)."""
         self.tools = tools
+        self.without = without
         self.pid = 0
 
     def start(self, before=()):
         """`before`: words of a tracer that stands beside the daemon, which is the process itself then."""
-        variables = ["LD_PRELOAD=" + self.tools.clock, "WEX_CLOCK=%s/clock" % BASE, "DATA_OVIX_DIR=" + BASE]
+        libraries = self.tools.clock + (":" + self.tools.without if self.without else "")
+        variables = ["LD_PRELOAD=" + libraries, "WEX_CLOCK=%s/clock" % BASE, "DATA_OVIX_DIR=" + BASE]
+        if self.without:
+            variables.append("WEX_WITHOUT=" + self.without)
         self.pid = spawn(["env"] + variables + [self.tools.daemon] if not before else
                          list(before) + [word for variable in variables for word in ("-E", variable)] + [self.tools.daemon],
                          output=BASE + "/printed")
@@ -182,12 +187,27 @@ class Daemon:
                 return False
         return True
 
-    def hears_events(self):
+    def event_socket(self):
+        """Its line of /proc/net/netlink, in words; [] when there is none."""
         for line in read("/proc/net/netlink").splitlines()[1:]:
             words = line.split()
             if int(words[1]) == CONNECTOR and int(words[2]) == self.pid and int(words[3], 16) & 1:
-                return True
-        return False
+                return words
+        return []
+
+    def hears_events(self):
+        return bool(self.event_socket())
+
+    def dropped_events(self):
+        """How many the kernel had no room for."""
+        words = self.event_socket()
+        return int(words[8]) if words else 0
+
+    def stop(self):
+        """All of its threads stand still until SIGCONT."""
+        send(self.pid, signal.SIGSTOP)
+        return eventually(lambda: all(read("/proc/%d/task/%d/stat" % (self.pid, task)).rpartition(")")[2][1:2] in "Tt"
+                                      for task in self.tasks()), 20)
 
     def describe(self):
         """Whether it runs, where its threads wait, and what it has written."""

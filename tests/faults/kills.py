@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The daemon killed before each of its writes, a child before its program, and a program before each call of its
-registration; then the daemon at random moments of a busy life (docs/reliability.md). Each time it is started again.
+"""The daemon killed before each of its writes, a child before its program, a command before each of its writes, and a
+program before each call of its registration; then the daemon at random moments of a busy life (docs/reliability.md). Each time it is started again.
 
 Runs inside tools/sandbox; tests/faults/run starts it there.
 """
@@ -15,7 +15,7 @@ from scenarios import Client, Scenario, StartWithTheDead
 
 # What changes a file, the table of others, or who lives.
 WRITES = """write pwrite64 unlink unlinkat rename renameat link linkat ftruncate mkdir mkdirat rmdir fsync chmod fchmod
-    sendto fork vfork clone execve""".split()
+    sendto fork vfork clone execve kill""".split()
 
 
 class Busy(Scenario):
@@ -86,7 +86,7 @@ def kills(scenario, points):
 
 def kill_at_random(outcome):
     arguments = outcome.arguments
-    times = arguments.times or (100 if arguments.budget else 2000)
+    times = arguments.times or (30 if arguments.budget else 2000)
     outcome.plan(Busy, 0, times)
     busy = Busy(arguments.tools, arguments.seed)
     busy.begin()

@@ -46,6 +46,16 @@ def table(key, figures):
     yield ""
 
 
+def rows(key, figures):
+    """The table of a driver that has but one (sheet.py)."""
+    yield "`tests/faults/run %s`: %s %d s in all.\n" % (key, figures["caption"], figures["seconds"])
+    yield "| %s |" % " | ".join(figures["columns"])
+    yield "|---" * len(figures["columns"]) + "|"
+    for row in figures["rows"]:
+        yield "| %s |" % " | ".join(str(value) for value in row)
+    yield ""
+
+
 def main():
     figures, new = {}, {}
     if os.path.exists(FIGURES):
@@ -54,7 +64,13 @@ def main():
     for result in sys.argv[1:]:
         with open(result) as file:
             for key, part in json.load(file).items():
-                add(new.setdefault(key, {}), part)
+                if "rows" in part and key in new:
+                    new[key]["rows"] += part["rows"]
+                    new[key]["seconds"] += part["seconds"]
+                elif "rows" in part:
+                    new[key] = part
+                else:
+                    add(new.setdefault(key, {}), part)
     figures.update(new)
     with open(FIGURES, "w") as file:
         json.dump(figures, file, indent=1)
@@ -63,6 +79,7 @@ def main():
         page = file.read()
     begin, end = page.index(BEHIND) + len(BEHIND), page.index(BEFORE)
     lines = [line for key in sorted(figures) if "scenarios" in figures[key] for line in table(key, figures[key])]
+    lines += [line for key in sorted(figures) if "rows" in figures[key] for line in rows(key, figures[key])]
     with open(PAGE, "w") as file:
         file.write(page[:begin] + "\n" + "\n".join(lines) + "\n" + page[end:])
 

@@ -1,5 +1,6 @@
 /* Loaded before a daemon that is to wait for minutes: the time since the start of the machine is as many
- * seconds later as the file says that WEX_CLOCK names. The file may change at any time. */
+ * seconds later as the file says that WEX_CLOCK names. The file may change at any time. With WEX_HURRY every
+ * sleep takes a tenth of its time. */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -33,10 +34,22 @@ int clock_gettime(clockid_t clock, struct timespec* now) {
   return result;
 }
 
+static void hurry(clockid_t clock, struct timespec* until) {
+  struct timespec now;
+  if (getenv("WEX_HURRY") == NULL || syscall(SYS_clock_gettime, clock, &now) != 0) {
+    return;
+  }
+  const long long left = (until->tv_sec - now.tv_sec) * 1000000000LL + until->tv_nsec - now.tv_nsec;
+  const long long end = now.tv_nsec + (left > 0 ? left / 10 : 0);
+  until->tv_sec = now.tv_sec + (time_t)(end / 1000000000);
+  until->tv_nsec = (long)(end % 1000000000);
+}
+
 int clock_nanosleep(clockid_t clock, int flags, const struct timespec* until, struct timespec* left) {
   struct timespec real = *until;
   if (flags & TIMER_ABSTIME) {
     real.tv_sec -= moved(clock);
+    hurry(clock, &real);
   }
   return syscall(SYS_clock_nanosleep, clock, flags, &real, left) == 0 ? 0 : errno;
 }

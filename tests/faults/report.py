@@ -14,6 +14,10 @@ class Tools:
         self.actor = os.path.join(build, "tests/harness/actor")
         self.clock = os.path.join(beside, "libmoved_clock.so")
         self.bare = os.path.join(beside, "bare")
+        self.counted = os.path.join(beside, "counted")
+        self.storm = os.path.join(beside, "storm")
+        self.without = os.path.join(beside, "libwithout.so")
+        self.wexstat = os.path.join(build, "stat/wexstat")
 
 
 class Arguments:
@@ -24,7 +28,7 @@ class Arguments:
         parser.add_argument("--budget", type=float, default=0, help="seconds; without it everything is tried")
         parser.add_argument("--scenario", action="append", choices=names, help="only this one")
         parser.add_argument("--only", default="", help="only what contains this text")
-        parser.add_argument("--times", type=int, default=0, help="kills at random moments; 2000 without it, 100 with a budget")
+        parser.add_argument("--times", type=int, default=0, help="kills at random moments; 2000 without it, 30 with a budget")
         parser.add_argument("--skip", type=int, default=0, help="how many places to leave out, for a run that goes on")
         parser.add_argument("--seed", type=int, default=1)
         parser.add_argument("--result", help="a JSON file")

@@ -17,6 +17,7 @@ CHILD = "a child before its program"
 ALL = "every thread"
 MAIN = "the main thread"                     # of a daemon that is traced from its start, without its children
 CLIENT = "the program"
+COMMAND = "the command"
 # By a thread that failed 0, refused or restored nothing 255, forks failed 1, no limit of descriptors: abort.
 DESCRIBED = (0, 1, 255, -6)
 KILLED = -9                                  # when that was asked for
@@ -76,6 +77,8 @@ class Run:
         scenario.prepare(self.daemon)
         if scenario.traced == "client":
             scenario.services[0].start(before=tracing.beside(expressions, children=False))
+        elif scenario.traced == "command":
+            scenario.act(self.daemon, before=tracing.beside(expressions))
         else:
             self.strace = self.attach(expressions)
             scenario.act(self.daemon)
@@ -239,6 +242,8 @@ def plain_run(tools, scenario):
                 who = ALL
             elif scenario.traced == "client":
                 who = CLIENT
+            elif scenario.traced == "command":
+                who = COMMAND
             else:
                 who = run.tasks.get(task, CHILD)
             for call, times in calls.items():

@@ -13,7 +13,7 @@ class Scenario:
     name = ""
     what = ""                                # one line for the table
     from_start = False                       # the act is the daemon's start
-    traced = "daemon"                        # or "client"
+    traced = "daemon"                        # or "client", or "command": then act() has the tracer's words
     settle_s = 1.0                           # how long the act takes at the most when nothing fails
     dies_with = ()                           # statuses by which the daemon may end, beside those of every scenario
 
@@ -222,6 +222,89 @@ class Reboot(Restart):
         return super().settled() and "process exit in shorttime" in told
 
 
+class DomainCommand(Scenario):
+    """A command line that starts or takes down a domain; an operator repeats it when it has failed."""
+    traced = "command"
+    settle_s = 4.0
+
+    def before_daemon(self):
+        for path in ("/qx_cfg/vsd", "/ovix/vsd", "/data/.ovix/vsd", "/etc/vsd", "/tmp/vsd", "/data/var/run/vsd"):
+            make_open_dir(path)
+        self.service("m")                    # of the main system: it must not notice
+        self.inside = Service(self.tools, "d")
+        self.inside.database = "/tmp/vsd/1/wex/db"
+        write("/etc/rc.d/rc.vsd/20service", "#!/bin/sh\n%s &\n" % " ".join(self.inside.words), 0o755)
+        self.tool = 0
+        self.done = False
+
+    def command(self, *words, before=()):
+        """Its sleeps take a tenth of their time."""
+        variables = ["LD_PRELOAD=" + self.tools.clock, "WEX_HURRY=1"]
+        start = ["env", *variables] if not before else list(before) + [word for one in variables for word in ("-E", one)]
+        self.tool = device.spawn([*start, self.tools.daemon, *words])
+
+    def ended(self):
+        return self.tool in device.ended
+
+    def run_command(self, *words):
+        self.command(*words)
+        if not device.eventually(self.ended, 30):
+            raise RuntimeError("wex %s does not end" % " ".join(words))
+
+    def reached(self):
+        """What the command is for."""
+
+    def again(self):
+        """What an operator does when it was not reached."""
+
+    def settled(self):
+        self.done = self.ended() and self.reached() and super().settled()
+        return self.done
+
+    def hasten(self, daemon, clock):
+        if self.done:
+            super().hasten(daemon, clock)
+        elif self.ended() and not self.settled():
+            self.again()
+
+
+class DomainStart(DomainCommand):
+    name, what = "domain-start", "a domain is started, with the calls of the command failing"
+
+    def act(self, daemon, before=()):
+        self.services.append(self.inside)
+        self.command("-c", "1", before=before)
+
+    def reached(self):
+        return self.inside.is_filed() and os.path.exists("/tmp/vsd/1/wex/%d" % self.inside.lives()[0])
+
+    def again(self):
+        self.run_command("-d", "1")
+        self.inside.kill()                   # one that did not get the group of its domain
+        self.inside.pid = 0
+        self.run_command("-c", "1")
+
+
+class DomainTakeDown(DomainCommand):
+    name, what = "domain-take-down", "a domain is taken down, with the calls of the command failing"
+
+    def prepare(self, daemon):
+        super().prepare(daemon)
+        self.run_command("-c", "1")
+        if not device.eventually(self.inside.is_up, 20):
+            raise RuntimeError("the service of the domain did not come up")
+
+    def act(self, daemon, before=()):
+        self.gone.append(self.inside)
+        self.command("-d", "1", before=before)
+
+    def reached(self):
+        return not os.path.exists("/tmp/vsd/1") and not self.inside.lives()
+
+    def again(self):
+        self.run_command("-d", "1")
+
+
 def make_domain(number):
     for path in ("/tmp/vsd/%d/wex/db", "/data/var/run/vsd/%d", "/qx_cfg/vsd/%d", "/ovix/vsd/%d", "/data/.ovix/vsd/%d"):
         path = path % number
@@ -230,4 +313,4 @@ def make_domain(number):
 
 
 TABLE = [Start, StartWithTheDead, Registration, Client, Restart, ScriptRestart, ThirdPart, DomainRestart, Parking,
-         Postponing, Cancel, Hang, Reboot]
+         Postponing, Cancel, Hang, Reboot, DomainStart, DomainTakeDown]

@@ -22,11 +22,14 @@ constexpr char kScript[] = "/tmp/brief.sh";
 constexpr char kStarts[] = "/tmp/brief.starts";
 constexpr char kList[] = "/etc/wex/third_part_proc";
 
+// What slow_restart keeps the registry with; the path before it is the file system's choice.
+constexpr char kSlow[] = "sleep 1000";
+
 // Living processes that run kScript.
-std::vector<pid_t> instances() {
+std::vector<pid_t> instances(const char* text = kScript) {
   std::vector<pid_t> found;
   for (const pid_t pid : processes_inside()) {
-    if (command_line(pid).find(kScript) != std::string::npos && is_alive(pid)) {
+    if (command_line(pid).find(text) != std::string::npos && is_alive(pid)) {
       found.push_back(pid);
     }
   }
@@ -40,10 +43,12 @@ struct EventFilter : WexWorld {
   }
   void TearDown() override {
     daemon.kill_now();  // or it would start again what is ended here
-    for (const pid_t pid : instances()) {
-      send_signal(pid, SIGKILL);
+    for (const char* const text : {kScript, kSlow}) {
+      for (const pid_t pid : instances(text)) {
+        send_signal(pid, SIGKILL);
+      }
+      EXPECT_TRUE(eventually([text] { return instances(text).empty(); }));
     }
-    EXPECT_TRUE(eventually([] { return instances().empty(); }));
     WexWorld::TearDown();
   }
 
@@ -122,14 +127,6 @@ struct EndingProcess : EventFilter, ::testing::WithParamInterface<moment> {
     return daemon.start_traced({"inject=setsockopt:" + each + ":when=" + std::to_string(from) + "+"}) &&
            daemon.wait_ready(30s);
   }
-  // The thread has entered the call.
-  bool changes_filter(const std::string& thread) const {
-    const std::string tid = control_client::thread_of(daemon.pid(), thread);
-    const auto inside = [&tid] {
-      return std::strtol(read_file("/proc/" + tid + "/syscall").c_str(), nullptr, 10) == SYS_setsockopt;
-    };
-    return inside() && usleep(100000) == 0 && inside();  // and is held up there
-  }
   // How often the thread has been held up while it changed the filter.
   size_t filters_held_up(const std::string& thread, int from) const {
     const std::string tid = control_client::thread_of(daemon.pid(), thread);
@@ -175,37 +172,6 @@ TEST_F(EventFilter, StrangersDoNotFillTheQueue) {
   EXPECT_EQ(0u, occurrences(read_console(), " was lost\n"));
 }
 
-TEST_P(EndingProcess, ComesBackWhenItEndsDuringItsRegistration) {
-  ASSERT_TRUE(start_holding_up(2, 400));
-  Script script(0);
-  const raw_client client;
-  script.registers(client, false);
-  ASSERT_TRUE(eventually([&] { return changes_filter("wex_process_dom"); })) << Daemon::trace();
-  script.end();
-  EXPECT_TRUE(eventually([] { return Script::starts() == 2; }, 20s)) << read_console();
-  EXPECT_NE(0u, filters_held_up("wex_process_dom", 2)) << Daemon::trace();
-  Script::comes_back_once_more();
-}
-
-// The cause of an end that nobody reported is unknown, so even a stop on purpose is followed by a restart
-// then.
-TEST_P(EndingProcess, IsStoppedDuringItsRegistrationOnceItsEndIsReported) {
-  ASSERT_TRUE(start_holding_up(2, 400));
-  Script script(0);
-  const raw_client client;
-  script.registers(client, false);
-  ASSERT_TRUE(eventually([&] { return changes_filter("wex_process_dom"); })) << Daemon::trace();
-  script.end(SIGTERM);
-  const std::string decision = GetParam().reported ? "--> exit_signal = 15\n" : "--> exit_signal = 0\n";
-  EXPECT_TRUE(console_says("]wex_handle_netlink_exit" + decision, 20s)) << read_console();
-  if (GetParam().reported) {
-    EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 20s)) << read_console();
-    EXPECT_EQ(1u, Script::starts());
-  } else {
-    EXPECT_TRUE(eventually([] { return Script::starts() == 2; }, 20s)) << read_console();
-  }
-}
-
 TEST_P(EndingProcess, ComesBackWhenItEndsAsSoonAsItIsStarted) {
   ASSERT_TRUE(start_holding_up(4, 200));
   Script script(2);
@@ -219,6 +185,60 @@ TEST_P(EndingProcess, ComesBackWhenItEndsAsSoonAsItIsStarted) {
 
 INSTANTIATE_TEST_SUITE_P(Moments, EndingProcess, ::testing::ValuesIn(kMoments),
                          [](const auto& row) { return row.param.name; });
+
+namespace {
+
+// Keeps the registry locked: the restart of a service waits for three seconds.
+class slow_restart {
+ public:
+  explicit slow_restart(const raw_client& client) {
+    EXPECT_TRUE(service_.start({"/bin/sleep", "1000"}));
+    wex_reg_info body = body_of(service_.pid());
+    body.restart_delay = 3;
+    EXPECT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+    EXPECT_TRUE(client.send_body(WEX_CONS_MSG, control_client::harmless()) && client.acknowledged());
+  }
+  void begin() {
+    service_.send(SIGKILL);
+    service_.wait();
+    EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 9\n", 20s)) << read_console();
+  }
+
+ private:
+  Process service_;
+};
+
+// A process that ends after its registration was acknowledged, and before it has its record.
+struct EarlyEnd : EventFilter {
+  void end_early(int signal) {
+    ASSERT_TRUE(daemon.start());
+    const raw_client client;
+    slow_restart other(client);
+    Script script(0);
+    other.begin();
+    script.registers(client, false);
+    const std::string server = control_client::thread_of(daemon.pid(), "wex_process_dom");
+    ASSERT_TRUE(eventually([&] {
+      return std::strtol(read_file("/proc/" + server + "/syscall").c_str(), nullptr, 10) == SYS_futex;
+    })) << "it waits for the registry";
+    script.end(signal);
+  }
+};
+
+}  // namespace
+
+TEST_F(EarlyEnd, IsFollowedByARestart) {
+  end_early(SIGKILL);
+  EXPECT_TRUE(eventually([] { return Script::starts() == 2; }, 20s)) << read_console();
+  Script::comes_back_once_more();
+}
+
+TEST_F(EarlyEnd, ThatWasAStopOnPurposeIsNotFollowedByARestart) {
+  end_early(SIGTERM);
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 15\n", 20s)) << read_console();
+  EXPECT_TRUE(console_says("]wex_handle_netlink_exit: hlist_del\n", 20s)) << read_console();
+  EXPECT_EQ(1u, Script::starts());
+}
 
 // The end of the process itself is reported under a pid that nobody registered.
 TEST_F(EventFilter, PassesTheSignalThatEndedARegisteredThreadAndItsProcess) {

@@ -80,7 +80,9 @@ class Service {
   // Four restarts, and the exit behind them parks it.
   bool park() {
     for (int restart = 1; restart <= 4; ++restart) {
-      if (!ends_and_comes_back()) {
+      // The daemon has adopted it by then: a process that is killed on its way to the program is replaced,
+      // not restarted.
+      if (!ends_and_comes_back() || !console_says("/" + std::to_string(pid_) + ".\n", 10s)) {
         ADD_FAILURE() << "restart " << restart << " of " << command() << " did not happen";
         return false;
       }

@@ -35,6 +35,8 @@ TEST_F(ThirdPartHandOver, ARestartedProgramThatDetachesIsFoundByItsCommandLine) 
     send_signal(now, SIGKILL);
     now = settled(app_, now);
     ASSERT_NE(0, now) << "life " << life;
+    EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", now)); }))
+        << "or the next daemon does not know it";
   }
   EXPECT_NE(std::string::npos, read_console().find("]wex_spawn--> third part Daemon[" + app_ +
                                                    "] new pid: " + std::to_string(now) + "\n"))

@@ -180,3 +180,18 @@ TEST_F(ThirdPartSearch, ADaemonThatIsKilledDuringASearchLeavesOneInstanceToTheNe
   ASSERT_TRUE(send_signal(second, SIGKILL));
   EXPECT_NE(0, wait_for(command_, second, 30s)) << "it is supervised";
 }
+
+// Nobody sees a program being executed by a daemon that is only starting.
+TEST_F(ThirdPartSearch, AProgramThatWasStartedAgainByOneDaemonIsKnownToTheNext) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("twice_orphaned"));
+  pid_t now = by_hand_.pid();
+  for (int daemon = 1; daemon <= 2; ++daemon) {
+    daemon_.kill_now();
+    ASSERT_TRUE(send_signal(now, SIGKILL));
+    ASSERT_TRUE(eventually([&] { return !is_alive(now); }));
+    ASSERT_TRUE(start_daemon());
+    const pid_t before = now;
+    now = wait_for(app_, before, 20s);
+    ASSERT_GT(now, 0) << "daemon " << daemon << "\n" << read_console();
+  }
+}

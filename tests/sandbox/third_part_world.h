@@ -179,8 +179,7 @@ class ThirdPart : public WexWorld {
     return found;
   }
 
-  // The same, once the registry has it too: a program that detaches shows two pids for a moment. One that is
-  // found after its start has no file of its own: it was not executed, and registers nothing.
+  // The same, once the registry has it too: a program that detaches shows two pids for a moment.
   static pid_t settled(const std::string& command, pid_t not_this) {
     pid_t found = 0;
     const bool known = eventually(

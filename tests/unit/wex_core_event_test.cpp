@@ -435,7 +435,7 @@ TEST_F(Event, OfAProcessWhoseThreadWasRegisteredHasTheCodeThatEndedTheThread) {
     } else {
       EXPECT_NE(tid, pid_of(rec));
       EXPECT_EQ(9u, rec->exit_signal);
-      EXPECT_EQ(0u, rec->thread_code) << "the next end of it is another one";
+      EXPECT_EQ(0u, rec->known_code) << "the next end of it is another one";
     }
   }
 }
@@ -446,7 +446,7 @@ TEST_F(Event, OfAThreadThatEndedByItselfTellsNothingOfItsProcess) {
   wex_pid* const rec = add(tid);
   wex_take_exit_event(thread_end(tid, getpid(), 15 << 8));
   EXPECT_EQ(getpid(), rec->thread_of);
-  EXPECT_EQ(0u, rec->thread_code);
+  EXPECT_EQ(0u, rec->known_code);
 }
 
 TEST_F(Event, OfAProcessThatGotTheIdOfAnEndedThreadIsNoEndOfTheThreadsProgram) {

@@ -3,8 +3,11 @@
 
 #include "delay_world.h"
 #include "dying_process.h"
+#include "wex_core_early_end.h"
+#include "wex_core_event.h"
 #include "wex_core_exit.h"
 #include "wex_core_files.h"
+#include "wex_core_process_event.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_third_part.h"
 #include "wex_status_image.h"
@@ -252,6 +255,72 @@ TEST_F(Delay, OtherFilesWithoutARecordAreLeftAlone) {
   write_file("/tmp/vsd/5/delete_vsd", "");
   wex_look_at_files();
   EXPECT_EQ(1, count(wex_chains)) << "while a domain is taken down nothing comes back";
+}
+
+TEST_F(Delay, AProgramThatWasStoppedBeforeItsRegistrationWasHandledIsNotRestarted) {
+  const int32_t stopped = dead_pid();
+  const int32_t crashed = dead_pid();
+  for (const int32_t pid : {stopped, crashed}) {
+    const char* const program = pid == stopped ? kProgram : "/bin/sleep 1001";
+    write_file(file_of(pid), std::to_string(pid) + "\n2\n" + program);
+    wex_expect_newcomer(pid);
+  }
+  process_event end = {kEventExit, stopped, stopped, SIGTERM, 0};
+  wex_take_exit_event(end);
+  end.pid = end.tgid = crashed;
+  end.exit_code = SIGSEGV;
+  wex_take_exit_event(end);
+  wex_look_at_files();
+  EXPECT_EQ(2, count(wex_chains));
+  sweep_twice();
+  EXPECT_FALSE(exists(file_of(stopped)));
+  ASSERT_EQ(1, count(wex_chains)) << "the other one was restarted";
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  const wex_pid* const rec = walk.next();
+  EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), rec->exit_signal);
+  EXPECT_TRUE(wex_record_lives(rec));
+}
+
+TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNamesAnotherProgram) {
+  struct row {
+    const char* program;
+    int age_sec;
+    int records;
+  };
+  constexpr row kRows[] = {
+      {"/bin/sleep 2000", 100, 1},
+      {"/bin/sleep 2000", 0, 0},  // it may have changed its command line
+      {"own", 100, 0},            // the clock may have been set
+  };
+  service stranger;
+  char own[WEX_PROCESS_SIZE] = {};
+  ASSERT_NE(nullptr, pid_to_cmdline(stranger.pid(), own, sizeof own));
+  for (const row& each : kRows) {
+    SCOPED_TRACE(each.program + std::string(" ") + std::to_string(each.age_sec));
+    const std::string program = strcmp(each.program, "own") == 0 ? own : each.program;
+    const std::string path = program.substr(0, program.find(' '));
+    const std::string file = db_file(0, path.substr(path.rfind('/') + 1), stranger.pid());
+    write_file(file, std::to_string(stranger.pid()) + "\n2\n" + program);
+    const timespec written = {time(nullptr) - each.age_sec, 0};
+    const timespec times[] = {written, written};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, file.c_str(), times, 0));
+    wex_look_at_files();
+    ASSERT_EQ(each.records, count(wex_chains));
+    if (each.records == 1) {
+      sweep_twice();
+      EXPECT_FALSE(exists(file)) << "its program was started again";
+      EXPECT_TRUE(wex_test::is_alive(stranger.pid()));
+      chain_lock hold(wex_chains);
+      record_walk walk(wex_chains);
+      wex_pid* const rec = walk.next();
+      EXPECT_TRUE(wex_record_lives(rec));
+      wex_test::send_signal(rec->pid, SIGKILL);
+      waitpid(rec->pid, nullptr, 0);
+      __wex_drop_record(&wex_chains, rec);
+    }
+    unlink(file.c_str());
+  }
 }
 
 TEST_F(Delay, ALivingProgramGetsTheFileThatItCouldNotMakeAndItsEndIsNotPostponed) {

@@ -1,6 +1,7 @@
 # A hung thread costs its process its life; with one core dump allowed that is a restart of the machine, and
 # afterwards the hang ring, the reboot record and the running log tell the story.
 # boots: 2
+# mostly-waits: 1
 # seconds: 120
 . /test/lib.sh
 if [ "$1" = 2 ]; then

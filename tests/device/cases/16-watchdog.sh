@@ -1,5 +1,6 @@
 # A watchdog that is fed while wexstat finds wex well: the device stays up while it is, and restarts when wex is stopped.
 # boots: 2
+# mostly-waits: 1
 # seconds: 240
 # restart: softdog: Initiating system reboot
 . /test/lib.sh
