@@ -61,8 +61,9 @@ enum {
   WEX_STATUS_NOT_REGISTERED,  /* registrations refused: the process was gone, or known already */
   WEX_STATUS_NOT_SHOWN,       /* registrations without a slot, now */
   WEX_STATUS_HIDDEN_TROUBLES, /* of these, the parked, postponed and down ones, now or a few seconds ago */
-  WEX_STATUS_PAUSE,           /* seconds of the pause before a restart that is under way now, 0: none; other
-                                 restarts wait behind it, and its registration may have no slot */
+  WEX_STATUS_PAUSE,           /* seconds of the pause before a restart that is under way now, or was some
+                                 seconds ago, 0: none; other restarts wait behind it, and its registration
+                                 may have no slot */
   WEX_STATUS_COUNTERS_USED,
   WEX_STATUS_COUNTERS = 32
 };

@@ -171,7 +171,7 @@ void keep(kept_file* one, size_t length) {
 // ---- History ----------------------------------------------------------------------------------------------
 
 priority_mutex g_history_mutex;  // one history at a time
-char g_history_text[kTextSize];
+char g_history_text[kTextSize];  // while it is being written, the writing thread has it
 kept_file g_history = {kHistory, kHistoryOld, g_history_text, 0, {}};
 
 void add_event(page* to, const wex_status_event& event) {

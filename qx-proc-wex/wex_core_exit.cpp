@@ -281,19 +281,9 @@ void pause_before_restart(const wex_pid* rec) WEX_TSA(requires_capability(wex_ch
   wex_status_restarting(rec, milliseconds);
   wex_status_pause(rec->restart_delay);
   wex_wait_with_registry(milliseconds);
-  wex_status_pause(0);
 }
 
-void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(&rec, action)) {
-    return;
-  }
-  if (rec->restart_delay > 0) {
-    pause_before_restart(rec);
-    if (__wex_dropped_with_domain(rec)) {
-      return;  // its domain went while it waited
-    }
-  }
+void start_again(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   if (del_dev_mon_log() < 0 && !announce(rec, action)) {
     rec->restart_failed = 1;
     wex_status_tell(WEX_STATUS_EV_FAILED, rec);
@@ -303,6 +293,21 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     wex_log_restarted(rec, action, kAfterExit, __LINE__);
     log_success(action, rec);
   }
+}
+
+void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
+  if (handed_over(&rec, action)) {
+    return;
+  }
+  if (rec->restart_delay <= 0) {
+    start_again(rec, action);
+    return;
+  }
+  pause_before_restart(rec);
+  if (!__wex_dropped_with_domain(rec)) {  // its domain may have gone while it waited
+    start_again(rec, action);
+  }
+  wex_status_pause(0);  // behind the restart, which others wait for, too
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {

@@ -146,6 +146,7 @@ inline constexpr int kBoundedWorkPauseMs = 2;    // between two looks whether a 
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
 inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens
+inline constexpr int64_t kPauseToldMs = 10000;    // a pause before a restart is told so much longer
 inline constexpr int32_t kWatchedEverySec = 5;    // how often watched threads are counted
 inline constexpr int64_t kStatusRetryMs = 60000;  // between tries to make a table that could not be made
 

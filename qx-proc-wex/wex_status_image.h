@@ -56,7 +56,8 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 // The registration's process has ended and the next one is being started, after `delay_ms`; no event.
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms = 0);
 
-// A restart waits so many seconds, and others behind it; 0: it is over.
+// A restart waits so many seconds, and others behind it; 0: it was made. Told for some seconds more, so that
+// readers see those who waited come round before they see the pause end.
 void wex_status_pause(int32_t seconds);
 
 // The registration stays without a process; no event.
