@@ -21,8 +21,11 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
+#include "wex_chain_user.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
+#include "wex_core_quota.h"
+#include "wex_core_refusal.h"
 #include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
@@ -33,6 +36,7 @@
 #include "wex_proc.h"
 #include "wex_status_file.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -97,17 +101,28 @@ bool settle_name(const char* path, const wex_pid* rec) {
   return !taken || other.pid != rec->pid || strcmp(other.script, rec->script) != 0;
 }
 
+// Only strict mode asks whose the file is.
+int read_file(const char* path, wex_pid* rec, struct stat* facts) {
+  return wex_read_pidfile_facts(path, rec, wex_strict().on ? facts : nullptr);
+}
+
 // The record of one database file, or null.
 wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   char path[kPathSize];
   wex_pid* const rec = wex_new_record();
-  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || wex_read_pidfile(path, rec) != 0) {
+  struct stat facts = {};
+  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || read_file(path, rec, &facts) != 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_pidfile %s fail\n", name);
     wex_free_record(rec);
     return nullptr;
   }
   rec->vsd = vsd;
   wex_copy_text(rec->process, sizeof rec->process, rec->script);
+  if (!wex_judge_file(rec, facts)) {
+    wex_ignore_name(path);
+    wex_free_record(rec);
+    return nullptr;
+  }
   if (!settle_name(path, rec)) {
     wex_free_record(rec);
     return nullptr;
@@ -176,6 +191,11 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   for (const char* name = names.next(nullptr); name != nullptr; name = names.next(name)) {
     if (wex_pid* const rec = read_record(vsd, dir, name)) {
       chain_lock hold(*chain);
+      if (!__wex_has_room(chain, rec)) {
+        wex_refuse(wex_user_of(rec)->uid, refusal::too_many_registrations);
+        wex_free_record(rec);
+        continue;
+      }
       __wex_add_record(chain, rec);
       all->append(rec);
     }
@@ -227,7 +247,7 @@ int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   char type[256];
   int32_t found = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &found) || __wex_find_pid(&wex_chains, found) != nullptr) {
+      !wex_find_running(rec->process, &found, rec) || __wex_find_pid(&wex_chains, found) != nullptr) {
     return 0;
   }
   return wex_domain_or_main(get_vsdid(found)) == rec->vsd ? found : 0;
@@ -245,6 +265,7 @@ bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabilit
     return false;  // it has just ended
   }
   wex_mend_pidfile(rec);
+  wex_own_database_file(rec);
   wex_status_tell(WEX_STATUS_EV_RESTARTED, rec, {old_pid, found});
   return true;
 }
@@ -267,6 +288,10 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   for (int32_t vsd = 0; vsd < WEX_DOMAINS; vsd++) {
     read_domain(chain, vsd, &all);
   }
+  wex_tidy_users([](int32_t pid) {
+    chain_lock hold(wex_chains);
+    return __wex_find_pid(&wex_chains, pid) != nullptr;
+  });
   decide(&all);
   for (const candidate& row : all) {
     if (row.what != fate::alive) {
