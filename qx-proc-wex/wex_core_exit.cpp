@@ -14,6 +14,7 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
+#include "wex_chain_user.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
 #include "wex_core_restart.h"
@@ -143,7 +144,7 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
 
 void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = wex_last_process(rec);
-  const int32_t vsd = pid > 0 ? find_app(pid) : -1;
+  const int32_t vsd = pid > 0 ? wex_domain_of(rec, pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
   wex_status_tell(WEX_STATUS_EV_STOPPED, rec, {0, 0, rec->exit_signal});
   if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
@@ -235,7 +236,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &child)) {
+      !wex_find_running(rec->process, &child, rec)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
@@ -280,19 +281,9 @@ void pause_before_restart(const wex_pid* rec) WEX_TSA(requires_capability(wex_ch
   wex_status_restarting(rec, milliseconds);
   wex_status_pause(rec->restart_delay);
   wex_wait_with_registry(milliseconds);
-  wex_status_pause(0);
 }
 
-void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
-  if (handed_over(&rec, action)) {
-    return;
-  }
-  if (rec->restart_delay > 0) {
-    pause_before_restart(rec);
-    if (__wex_dropped_with_domain(rec)) {
-      return;  // its domain went while it waited
-    }
-  }
+void start_again(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   if (del_dev_mon_log() < 0 && !announce(rec, action)) {
     rec->restart_failed = 1;
     wex_status_tell(WEX_STATUS_EV_FAILED, rec);
@@ -302,6 +293,21 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     wex_log_restarted(rec, action, kAfterExit, __LINE__);
     log_success(action, rec);
   }
+}
+
+void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
+  if (handed_over(&rec, action)) {
+    return;
+  }
+  if (rec->restart_delay <= 0) {
+    start_again(rec, action);
+    return;
+  }
+  pause_before_restart(rec);
+  if (!__wex_dropped_with_domain(rec)) {  // its domain may have gone while it waited
+    start_again(rec, action);
+  }
+  wex_status_pause(0);  // behind the restart, which others wait for, too
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {

@@ -27,6 +27,7 @@ constexpr int kNone = -1;
 constexpr int kUnchanged = -1;
 constexpr int kWordBits = 32;
 constexpr uint32_t kSeqStep = 2;
+constexpr int64_t kUnderWay = INT64_MAX;
 
 // What an event means for the counters and for the slot of its registration.
 struct kind_rule {
@@ -71,13 +72,14 @@ uint32_t g_slots_used WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_event_next WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_generation WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_counters[WEX_STATUS_COUNTERS] WEX_TSA(guarded_by(g_mutex));
+int64_t g_pause_over WEX_TSA(guarded_by(g_mutex)) = 0;   // when the pause that is told ended
 bool g_any_change WEX_TSA(guarded_by(g_mutex)) = false;  // that the main thread is to be woken for
 int64_t g_wall_ahead WEX_TSA(guarded_by(g_mutex)) =
     0;  // milliseconds by which it is ahead of the monotonic clock
 
 int g_news[2] = {-1, -1};  // read end, write end; made once, open for life
-// The main thread has been woken and has not looked since. At first true: nobody waits yet.
-std::atomic<bool> g_woken{true};
+// The main thread has been woken and has not looked since. At first 1: nobody waits yet.
+std::atomic<int32_t> g_woken{1};  // a whole word: see request_flag
 
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
@@ -93,7 +95,7 @@ void note_progress() {
 
 // Wakes the main thread, once for all that happens until it looks.
 void wake_main_thread() {
-  if (!g_woken.exchange(true)) {
+  if (g_woken.exchange(1) == 0) {
     (void)!write(g_news[1], "x", 1);
   }
 }
@@ -124,6 +126,13 @@ void clear_bit(uint32_t* words, int32_t number) {
 
 int32_t lowest_bit(uint32_t word) {
   return __builtin_ctz(word);
+}
+
+// The pause that is told is over long enough.
+void end_told_pause(int64_t now) WEX_TSA(requires_capability(g_mutex)) {
+  if (g_pause_over != kUnderWay && now - g_pause_over >= kPauseToldMs) {
+    g_counters[WEX_STATUS_PAUSE] = 0;
+  }
 }
 
 // A free slot, or -1.
@@ -275,6 +284,14 @@ void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_ti
   }
 }
 
+void wex_status_show_user(const wex_pid* rec, uint32_t uid) {
+  const image_change hold;
+  if (wex_status_slot* const slot = slot_of(rec)) {
+    slot->uid = uid;
+    mark(rec);
+  }
+}
+
 void wex_status_hidden_troubles(uint32_t count) {
   const image_change hold;
   g_any_change = g_any_change || g_counters[WEX_STATUS_HIDDEN_TROUBLES] != count;
@@ -348,8 +365,15 @@ void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
 }
 
 void wex_status_pause(int32_t seconds) {
+  const int64_t now = wex_clock_ms();
   const image_change hold;
-  g_counters[WEX_STATUS_PAUSE] = static_cast<uint32_t>(seconds);
+  if (seconds <= 0) {
+    g_pause_over = now;
+    return;
+  }
+  end_told_pause(now);
+  g_counters[WEX_STATUS_PAUSE] = std::max(g_counters[WEX_STATUS_PAUSE], static_cast<uint32_t>(seconds));
+  g_pause_over = kUnderWay;
   g_any_change = true;
 }
 
@@ -464,8 +488,10 @@ bool wex_status_copy_slot(uint32_t number, wex_status_slot* copy) {
 }
 
 void wex_status_copy_words(status_words* words) {
+  const int64_t now = wex_clock_ms();
   {
     const mutex_lock hold(g_mutex);
+    end_told_pause(now);
     words->event_next = g_event_next;
     words->slots_used = g_slots_used;
     memcpy(words->counters, g_counters, sizeof words->counters);
@@ -503,7 +529,7 @@ void wex_status_take_news() {
   char bytes[8];
   if (g_news[0] >= 0) {
     (void)!read(g_news[0], bytes, sizeof bytes);
-    g_woken.store(false);  // behind the read(), which would else take the byte of a change that comes now
+    g_woken.store(0);  // behind the read(), which would else take the byte of a change that comes now
   }
 }
 

@@ -15,6 +15,9 @@
 void wex_status_show(wex_pid* rec);
 void wex_status_hide(wex_pid* rec);
 
+// Shows as which user it is started again.
+void wex_status_show_user(const wex_pid* rec, uint32_t uid);
+
 // One that got none gets a slot that has become free, in its present state. Times are milliseconds of the
 // monotonic clock, 0 when they are not known. Nothing happens while there is no free slot; no slot is taken
 // by others as long as the registry is held.
@@ -53,7 +56,8 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 // The registration's process has ended and the next one is being started, after `delay_ms`; no event.
 void wex_status_restarting(const wex_pid* rec, int64_t delay_ms = 0);
 
-// A restart waits so many seconds, and others behind it; 0: it is over.
+// A restart waits so many seconds, and others behind it; 0: it was made. Told for some seconds more, so that
+// readers see those who waited come round before they see the pause end.
 void wex_status_pause(int32_t seconds);
 
 // The registration stays without a process; no event.

@@ -32,11 +32,11 @@ bool bounded_work::run(void (*work)(void*), void* of, int64_t limit_ms) noexcept
   work_ = work;
   of_ = of;
   if (!start_thread(this)) {
-    busy_.store(false, std::memory_order_release);
+    busy_.store(0, std::memory_order_release);
     return false;
   }
   const int64_t deadline = wex_clock_ms() + limit_ms;
-  while (busy_.load(std::memory_order_acquire) && wex_clock_ms() < deadline) {
+  while (busy_.load(std::memory_order_acquire) != 0 && wex_clock_ms() < deadline) {
     wex_sleep_ms(kBoundedWorkPauseMs);
   }
   return true;
@@ -44,5 +44,5 @@ bool bounded_work::run(void (*work)(void*), void* of, int64_t limit_ms) noexcept
 
 void bounded_work::perform() noexcept {
   work_(of_);
-  busy_.store(false, std::memory_order_release);
+  busy_.store(0, std::memory_order_release);
 }

@@ -17,7 +17,7 @@ class bounded_work {
 
   // False while the piece before is under way. Else what the work reads may be changed until run(), which
   // must follow.
-  bool begin() noexcept { return !busy_.exchange(true, std::memory_order_acquire); }
+  bool begin() noexcept { return busy_.exchange(1, std::memory_order_acquire) == 0; }
 
   // Starts work(of) and waits until it is done, `limit_ms` at the most. False when no thread could be
   // started: then the work is not done.
@@ -27,7 +27,7 @@ class bounded_work {
   void perform() noexcept;
 
  private:
-  std::atomic<bool> busy_{false};
+  std::atomic<int32_t> busy_{0};  // a whole word: see request_flag
   void (*work_)(void*) = nullptr;
   void* of_ = nullptr;
 };

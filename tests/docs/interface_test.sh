@@ -15,6 +15,11 @@ for header in "${headers[@]}"; do
   grep -E "^/\* ($root/qx-proc-wex|$root/include)/" "$work/aux" | grep -v ' static ' | sed -E 's/.*[ *]([a-z_0-9A-Z]+) \(.*/\1/' >> "$work/headers"
   sed -nE 's/^extern .*[ *]([a-zA-Z_0-9]+)(\[[^]]*\])?;.*/\1/p' "$header" >> "$work/headers"
 done
+# Some processors (RISC-V) cannot exchange a single byte: the compiler then calls a library that is not shipped.
+bytes=$(product_sources | xargs sed -nE 's/.*std::atomic<(bool|char|u?int8_t)>&? +([a-zA-Z_]+).*/\2/p' | sort -u | paste -s -d'|' -)
+[ -n "$bytes" ] || complain "no atomic bytes were found"
+complain_each "exchanges an atomic byte, which must be a word:" < <(
+  product_sources | xargs grep -nE "\\b($bytes)(\[[^]]*\])?\.(exchange|compare_exchange|fetch_)")
 gcc -std=c99 -D_GNU_SOURCE -x c -aux-info "$work/aux" -c -o /dev/null "$root/include/wex_platform.h" || complain wex_platform.h
 sed -nE "s|^/\* $root/include.*[ *]([a-z_0-9A-Z]+) \(.*|\1|p" "$work/aux" | sort -u > "$work/platform"
 [ "$(wc -l < "$work/platform")" = 3 ] || complain "the functions of wex_platform.h were not found: $(cat "$work/platform")"
@@ -35,6 +40,14 @@ done
 [ "$(wc -l < "$work/headers")" -gt 50 ] || complain "no declarations were found"
 comm -12 "$work/platform" "$work/daemon" > "$work/difference"
 complain_each "the daemon displaces the device's" < "$work/difference"
+
+# The status table, to the byte: offsets as docs/shared-memory.md has them are those of the reviewed layouts.
+awk '/^The head:/ {part = "head"} /^A slot:/ {part = "slot"} /^An event:/ {part = "event"} /^Times are/ {part = ""}
+  part != "" && /^\| [0-9]+ \|/ { split($0, cell, "|"); name = cell[4]; sub(/^ *`/, "", name); sub(/`.*/, "", name)
+    if (name !~ /^reserved/) print "same_wex_status_" part "_" name, cell[2] + 0 }' "$root/docs/shared-memory.md" | sort > "$work/offsets"
+[ "$(wc -l < "$work/offsets")" -gt 40 ] || complain "the offsets of docs/shared-memory.md were not found"
+sort "$root/tests/package/layouts.golden" | comm -13 - "$work/offsets" > "$work/difference"
+complain_each "docs/shared-memory.md has another offset than include/wex_status.h:" < "$work/difference"
 
 for program in "$3" "$4"; do
   nm -D --defined-only "$program" | grep -v '@GLIBC_' | complain_each "$program offers"  # those are copies of the library's

@@ -24,6 +24,12 @@ complain_each "docs/system-calls.md lacks the call" < "$work/difference"
 grep -ohE '"/(proc|sys)[^"]*"' "$work"/*.trace | tr -d '"' | sed -E 's/[0-9]+/N/g; s|/$||; s|(/proc/N/fd)/.*|\1|' | sort -u > "$work/files"
 comm -23 "$work/files" "$work/listed" > "$work/difference"
 complain_each "docs/system-calls.md lacks the file" < "$work/difference"
+# wexstat never talks to the daemon, and never writes to its table.
+for trace in show_status watch_status; do
+  grep -q 'wex-status' "$work/$trace.trace" || complain "$trace did not read the table"
+  grep -E '(^|[0-9]+ +)(socket|connect|send[a-z]*|shm[a-z]*|msg[a-z]*|sem[a-z]*)\(|wex-status.*O_(WRONLY|RDWR|CREAT|TRUNC)' "$work/$trace.trace" > "$work/difference"
+  complain_each "wexstat does more than read:" < "$work/difference"
+done
 for must in signalfd4 recv setgroups inotify_add_watch sched_setscheduler execve; do
   grep -qx $must "$work/used" || complain "the run did not come to $must"
 done

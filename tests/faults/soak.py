@@ -25,7 +25,7 @@ DOMAIN = 1
 MARKER = "/tmp/vsd/%d/delete_vsd" % DOMAIN
 UPKEEP = "wex_delay_resta"
 PATIENCE_S = 60
-MEMORY_SLACK_KIB = 256
+MEMORY_SLACK_KIB = 512                       # a new daemon has not yet had all services register
 LISTED = 8
 # Of services that have registered with this very daemon: a connection each, a locked file for each listed program.
 AT_MOST = {"descriptor of socket:[N]": 110, "descriptor of /tmp/vsd/N/wex/db/lN_N.N": LISTED, "file lock": LISTED + 1}

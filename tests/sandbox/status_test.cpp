@@ -12,6 +12,7 @@
 #include "control_client.h"
 #include "restart_policy.h"
 #include "status_reader.h"
+#include "waiting.h"
 #include "wex_status.h"
 
 using namespace policy;
@@ -94,8 +95,16 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
   EXPECT_EQ(service.command().substr(0, sizeof first->command), std::string(first->command));
   EXPECT_EQ(RESPAWN, first->action);
   for (int restart = 1; restart <= 4; ++restart) {
+    const auto wall = time(nullptr);
+    const int64_t before = wex_clock_ms();
     ASSERT_TRUE(service.ends_and_comes_back());
-    EXPECT_TRUE(told(WEX_STATUS_EV_EXITED, pid));
+    const auto exited = wait_for_event(WEX_STATUS_EV_EXITED, pid);
+    ASSERT_TRUE(exited);
+    EXPECT_EQ(uint32_t{SIGKILL}, exited->exit_code);
+    EXPECT_STREQ("actor", exited->name);
+    EXPECT_EQ(0, exited->domain);
+    EXPECT_TRUE(exited->monotonic >= before && exited->monotonic <= wex_clock_ms()) << exited->monotonic;
+    EXPECT_TRUE(exited->wall / 1000 >= wall - 1 && exited->wall / 1000 <= time(nullptr) + 1) << exited->wall;
     EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
     pid = service.pid();
   }
@@ -178,17 +187,26 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   unlink(kEventLog1);
   make_dirs(kEventLog1);  // what must be logged and cannot be is not done
   send_signal(sleeper.pid(), SIGKILL);
-  EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_RESTARTING));
-  const auto slot = StatusReader().slot_of(sleeper.pid());
-  ASSERT_TRUE(slot);
-  EXPECT_EQ(3000, slot->until - slot->since);
-  EXPECT_EQ(3U, StatusReader().counter(WEX_STATUS_PAUSE)) << "others wait behind it, and may have no slot";
+  EXPECT_TRUE(eventually(
+      [&] {
+        const StatusReader table;
+        const auto slot = table.slot_of(sleeper.pid());
+        return slot && slot->state == WEX_STATUS_RESTARTING && slot->until - slot->since == 3000 &&
+               table.counter(WEX_STATUS_PAUSE) == 3;
+      },
+      20s))
+      << "others wait behind it, and may have no slot: the pause is told for itself, too";
   EXPECT_TRUE(told(WEX_STATUS_EV_FAILED, sleeper.pid()));
   EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_DOWN));
   EXPECT_TRUE(counts(WEX_STATUS_FAILED, 1));
-  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_PAUSE)) << "it is over";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
+  const child next;  // the same program, started by somebody else
+  body.pid = next.pid();
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  EXPECT_TRUE(told(WEX_STATUS_EV_REPLACED, sleeper.pid(), next.pid()));
+  EXPECT_TRUE(shows(next.pid(), WEX_STATUS_RUNNING));
+  EXPECT_EQ(1U, StatusReader().slots().size());
 }
 
 TEST_F(Status, ADaemonThatEndsByItselfSaysSo) {
@@ -217,16 +235,21 @@ TEST_F(Status, RefusedMessagesAreCountedAndClientsThatLeaveAreNot) {
   EXPECT_EQ(2U, StatusReader().counter(WEX_STATUS_REFUSED));
 }
 
-TEST_F(Status, WatchedThreadsAreCounted) {
+TEST_F(Status, WatchedThreadsOfAProgramOfADomainAreCounted) {
+  make_dirs("/data/var/run/vsd/3");
   Process service;
-  ASSERT_TRUE(service.start(actor_words(
-      {"--tag=t", "--register=RESTART", "--register-main-thread=120", "--thread=120,5", "--hold"})));
+  ASSERT_TRUE(service.start(actor_words({"--group=3300", "--tag=t", "--register=RESTART",
+                                         "--register-main-thread=120", "--thread=120,5", "--hold"})));
   EXPECT_TRUE(eventually(
       [&] {
         const auto slot = StatusReader().slot_of(service.pid());
         return slot && slot->watched_threads == 2 && slot->fewest_misses == 5;
       },
       20s));
+  const auto registered = wait_for_event(WEX_STATUS_EV_REGISTERED, service.pid());
+  ASSERT_TRUE(registered);
+  EXPECT_EQ(3, registered->domain);
+  EXPECT_EQ(3, StatusReader().slot_of(service.pid())->domain);
 }
 
 TEST_F(Status, TheThreadsOfTheDaemonComeRound) {

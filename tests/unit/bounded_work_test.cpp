@@ -43,7 +43,7 @@ TEST(BoundedWork, IsLeftAloneWhenItStandsStillAndThereIsNoSecondPiece) {
   stands_still = true;
   ASSERT_TRUE(work.begin());
   const milliseconds taken = time_of([] { EXPECT_TRUE(work.run(count, &by, 50)); });
-  EXPECT_GE(taken, 50ms);
+  EXPECT_GE(taken, 49ms);  // its clock counts whole milliseconds
   EXPECT_EQ(0, done);
   EXPECT_FALSE(work.begin());
   stands_still = false;

@@ -286,6 +286,10 @@ TEST_F(BlackBox, WithoutAnotherRebootNothingIsWritten) {
 
 TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   child hung([] {
+    timespec used = {};
+    while (used.tv_nsec < 150000000 && used.tv_sec == 0) {
+      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    }
     for (int i = 0; i < 2; ++i) {
       std::thread([] {
         prctl(PR_SET_NAME, "second\nthread");
@@ -324,13 +328,22 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
                                read_file(thread + "/wchan") + ", call " + call.substr(0, call.find(' ')) +
                                " .*";
       const std::vector<std::string> lines = lines_of(told);
-      EXPECT_TRUE(
-          std::any_of(lines.begin(), lines.end(), [&](const std::string& one) { return matches(one, line); }))
-          << line << "\n"
-          << told;
+      const auto found = std::find_if(lines.begin(), lines.end(),
+                                      [&](const std::string& one) { return matches(one, line); });
+      ASSERT_NE(lines.end(), found) << line << "\n" << told;
+      const std::vector<std::string> stack = lines_of(read_file(thread + "/stack"));
+      for (size_t at = 0; at < stack.size(); ++at) {
+        ASSERT_LT(static_cast<ptrdiff_t>(at + 1), lines.end() - found) << told;
+        EXPECT_EQ("  " + stack[at], *(found + static_cast<ptrdiff_t>(at + 1)));
+      }
     }
   }
   EXPECT_EQ(3U, occurrences(told, ", waits in ")) << told;
+  const size_t main = told.find("\nthread " + text(hung.pid()) + " ");
+  const size_t processor = told.find("processor ", main);
+  ASSERT_NE(std::string::npos, processor);
+  const int used = atoi(told.c_str() + processor + strlen("processor "));
+  EXPECT_TRUE(used >= 100 && used < 20000) << told;
   EXPECT_EQ(0600U, mode_of(kHung));
 }
 
@@ -353,6 +366,12 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
   wex_look_at_hung(child::reaped(), child::reaped());
   wex_keep_hung([](int32_t) { return false; });
   EXPECT_NE(std::string::npos, read_file(kHung).find(" 1 threads seen\n")) << read_file(kHung);
+  write_file(kHung, std::string(32700, '.'), 0600);
+  wex_look_at_hung(many.pid(), many.pid());
+  wex_keep_hung([](int32_t) { return false; });
+  EXPECT_EQ(32700U, read_file(kHungOld).size()) << "a full file stays as the old one";
+  EXPECT_GE(occurrences(read_file(kHung), "\nthread "), 1U);
+  EXPECT_LE(read_file(kHung).size(), 32768U);
   unlink(kHung);
   wex_look_at_hung(0, 0);
   wex_keep_hung([](int32_t) { return false; });

@@ -253,6 +253,35 @@ TEST_F(StatusTable, AChangeTakesMicrosecondsAndWakesTheMainThreadOnce) {
   });
 }
 
+// Threads that waited behind it are shown at work since its beginning until the next pass: so long it counts.
+TEST_F(StatusTable, APauseIsToldUntilWhoeverWaitedBehindItHasComeRound) {
+  in_child([] {
+    start();
+    const StatusReader reader;
+    const auto told = [&reader] {
+      wex_status_publish();
+      return reader.counter(WEX_STATUS_PAUSE);
+    };
+    EXPECT_EQ(0U, told());
+    wex_status_pause(200);
+    EXPECT_EQ(200U, told());
+    clock_ahead += 200000;
+    EXPECT_EQ(200U, told()) << "it is under way";
+    wex_status_pause(0);
+    EXPECT_EQ(200U, told());
+    wex_status_pause(5);
+    EXPECT_EQ(200U, told()) << "they may not have come round yet";
+    clock_ahead += 5000;
+    wex_status_pause(0);
+    clock_ahead += 9000;
+    EXPECT_EQ(200U, told());
+    clock_ahead += 1000;
+    EXPECT_EQ(0U, told());
+    wex_status_pause(5);
+    EXPECT_EQ(5U, told());
+  });
+}
+
 TEST_F(StatusTable, NobodyHasToLookWhileNothingHappens) {
   in_child([] {
     start();

@@ -1,6 +1,8 @@
 // What people see, and the program as they call it.
 #include "wexstat_table.h"
 
+#include <regex>
+
 #include "wexstat_words.h"
 #include "wexstat_world.h"
 
@@ -81,6 +83,40 @@ TEST_F(WexstatTable, TheHeadlineTellsOfTheDaemonAndTotals) {
             headline_of(table, daemon_state::stuck));
   EXPECT_EQ("wex is NOT RUNNING (TEXT); pid " + pid + " left this:\n" + totals,
             headline_of(table, daemon_state::dead));
+  table.add("torn").seq = 1;
+  table.head.counters[WEX_STATUS_NOT_SHOWN] = 3;
+  EXPECT_NE(std::string::npos,
+            headline_of(table, daemon_state::dead)
+                .find("2 registered, 1 parked, 1 running, 1 being written, 3 not shown; "));
+}
+
+TEST_F(WexstatTable, EachStateIsToldWithItsTime) {
+  const moment at = {1000000000, 1700000000};
+  const struct {
+    wex_status_state state;
+    int64_t since_ago;
+    int64_t until_in;
+    const char* words;
+  } rows[] = {{WEX_STATUS_RUNNING, 5000, 0, "running"},
+              {WEX_STATUS_RESTARTING, 2000, 3000, "restarting in 3 s"},
+              {WEX_STATUS_RESTARTING, 2000, 0, "restarting for 2 s"},
+              {WEX_STATUS_PARKED, 61000, 239000, "parked, 3 min 59 s more"},
+              {WEX_STATUS_PARKED, 61000, 0, "parked for 1 min 1 s"},
+              {WEX_STATUS_WAITING, 9000, 292000, "postponed for 9 s"},
+              {WEX_STATUS_DOWN, 7000, 0, "down for 7 s"}};
+  for (const auto& row : rows) {
+    status_table table;
+    wex_status_slot& slot = table.add("app", row.state);
+    slot.since = at.monotonic_ms - row.since_ago;
+    slot.until = row.until_in > 0 ? at.monotonic_ms + row.until_in : 0;
+    const std::vector<std::string> lines = lines_of(table_of(table, {}, at));
+    ASSERT_EQ(2U, lines.size());
+    EXPECT_NE(std::string::npos, lines[1].find(std::string("  ") + row.words + "  ")) << lines[1];
+    slot.since = 0;  // its record does not tell
+    slot.until = 0;
+    const std::string word = state_word(row.state);
+    EXPECT_NE(std::string::npos, table_of(table, {}, at).find("  " + word + "  ")) << word;
+  }
 }
 
 TEST_F(WexstatTable, AProgramIsFoundByANameThatIsLongerThanItsField) {
@@ -186,6 +222,22 @@ TEST_F(WexstatTable, WrongWordsAreRefused) {
   }
   EXPECT_EQ(0, wexstat("--help").status);
   EXPECT_EQ("wexstat 1.0.0\n", wexstat("--version").text);
+}
+
+// What --help tells, the manual page explains and the shell completes.
+TEST_F(WexstatTable, EveryOptionIsInTheManualPageAndTheCompletion) {
+  const std::string page = read_file(WEX_SOURCE_DIR "/docs/man/wexstat.1");
+  const std::string completion = read_file(WEX_SOURCE_DIR "/packaging/completion/wexstat");
+  const std::string help = wexstat("--help").text;
+  const std::regex option("--([a-z]+)");
+  size_t count = 0;
+  for (std::sregex_iterator one(help.begin(), help.end(), option); one != std::sregex_iterator(); ++one) {
+    const std::string word = (*one)[1];
+    EXPECT_NE(std::string::npos, page.find("\\-\\-" + word)) << word;
+    EXPECT_TRUE(std::regex_search(completion, std::regex("[ ']--" + word + "[ ']"))) << word;
+    ++count;
+  }
+  EXPECT_GE(count, 9U);
 }
 
 TEST_F(WexstatTable, TheShellCompletesOptionsAndNames) {

@@ -94,7 +94,7 @@ using WexstatWatch = WexstatWorld;
 
 TEST_F(WexstatWatch, ATerminalHasColoursUnlessNoColorIsSet) {
   status_table table;
-  table.add("app", WEX_STATUS_DOWN);
+  put_text(table.add("app", WEX_STATUS_DOWN).command, std::string(200, 'x'));
   table.save();
   for (const char* no_color : {"", "1"}) {
     terminal one;
@@ -102,6 +102,8 @@ TEST_F(WexstatWatch, ATerminalHasColoursUnlessNoColorIsSet) {
     EXPECT_EQ(0, one.wait());
     EXPECT_NE(std::string::npos, one.screen().find("app, pid 1000: down")) << one.screen();
     EXPECT_EQ(*no_color == '\0', one.screen().find("\033[") != std::string::npos) << one.screen();
+    EXPECT_NE(std::string::npos, one.screen().find("  command     " + std::string(86, 'x') + "\r\n"))
+        << "cut at its hundred columns: " << one.screen();
   }
 }
 

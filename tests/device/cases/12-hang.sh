@@ -9,6 +9,8 @@ if [ "$1" = 2 ]; then
   check "the hang ring does not name the thread" grep -q "detect process:\[hang/$(cat /data/hung)\] thread hang:$(cat /data/hung) hung\." /data/.wex_notify
   is "$(wc -l < /data/.wex_notify)" 2 "lines of the hang ring"
   check "the reboot record does not name the program" grep -q 'detect more than 1 process exit in shorttime\[60\]s' /data/.wex_reboot
+  check "the history does not tell of the hang" grep -q " hang hang pid $(cat /data/hung) to $(cat /data/hung) " /data/.wex_history
+  check "the history does not tell of the burst" grep -q ' reboot_asked ' /data/.wex_history
   is "$(grep -c ': Start\.' /ovix/vsd/0/utils/wex/running_log1)" 2 "starts in the running log"
   pass
 fi
