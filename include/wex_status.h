@@ -81,7 +81,7 @@ WEX_STATUS_CHECK(sizeof(wex_status_thread) == 40);
 /* Bits of `flags` in the head. */
 enum {
   WEX_STATUS_ENDED = 1, /* the daemon ended by itself; not set, it runs or was killed */
-  WEX_STATUS_STRICT = 2 /* reserved */
+  WEX_STATUS_STRICT = 2 /* the daemon runs in strict mode */
 };
 
 typedef struct wex_status_head {
@@ -144,7 +144,7 @@ typedef struct wex_status_slot {
   uint32_t restarts_window; /* within the window of the throttle */
   int32_t watched_threads;
   int32_t fewest_misses;                 /* left to one of them until it counts as hung; -1 without threads */
-  uint32_t uid;                          /* reserved, 0 */
+  uint32_t uid;                          /* strict mode: of the user that it is started again as */
   char name[WEX_STATUS_NAME_SIZE];       /* the program without its directory */
   char command[WEX_STATUS_COMMAND_SIZE]; /* command line; cut when it ends without a zero byte */
 } wex_status_slot;

@@ -97,6 +97,7 @@ typedef struct wex_pid {
   uint32_t
       known_code; /* exit code that is known before the exit is handled: of a signal that ended the thread
                      of `thread_of`, or of an end before there was this record; 0 = none was reported */
+  int32_t user;   /* strict mode: number of the user it is started again as; 0 = not known */
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");

@@ -20,6 +20,7 @@
 #include "text_block.h"
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
+#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_filter.h"
 #include "wex_dbg.h"
@@ -82,6 +83,7 @@ void unlink_list(wex_list* link) {
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   if (chain == &wex_chains) {
     wex_status_hide(rec);
+    wex_forget_user(rec->pid);
   }
   hlist_del(&rec->hnode);
   unlink_list(&rec->list);
@@ -151,7 +153,7 @@ void tell_lost(const char* caller, const text_block& lines) {
 }
 
 bool is_same_program(const wex_pid* a, const wex_pid* b) {
-  return a->vsd == b->vsd && strcmp(a->process, b->process) == 0;
+  return a->vsd == b->vsd && strcmp(a->process, b->process) == 0 && wex_same_user(a, b);
 }
 
 // The other registration of rec's program, or `rec` itself when it has no flags; null when there is none.
@@ -237,6 +239,10 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   chain->count++;
   if (chain == &wex_chains) {
     wex_status_show(rec);
+    wex_keep_user(rec);
+    if (const wex_user* const user = wex_user_of(rec)) {
+      wex_status_show_user(rec, user->uid);
+    }
   }
 }
 
@@ -361,7 +367,8 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
   // program a second time.
   wex_db_destroy(rec);
-  note_replaced(rec->pid, new_pid);
+  const int32_t old_pid = rec->pid;
+  note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
   hlist_del(&rec->hnode);
   rec->pid = new_pid;
@@ -376,6 +383,8 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;
+  wex_keep_user(rec);
+  wex_forget_user(old_pid);
   return wex_note_start(rec);
 }
 
@@ -391,10 +400,11 @@ int32_t __wex_replaced_by(int32_t pid) {
   return latest;
 }
 
-void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer) {
+void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer, const wex_pid* of_user) {
   record_walk walk(wex_chains);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
-    if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0) {
+    const bool same_user = of_user == nullptr || wex_same_user(rec, of_user);
+    if (rec->restart_failed != 0 && rec->vsd == vsd && strcmp(rec->process, process) == 0 && same_user) {
       wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", __func__, rec->pid);
       wex_status_tell(WEX_STATUS_EV_REPLACED, rec, {0, newcomer});
       if (rec->pid != newcomer) {

@@ -110,8 +110,8 @@ bool __wex_runs_elsewhere(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
 
 // Deletes records of this program and domain whose last restart left no process, with their database files:
 // the living process `newcomer` takes their place, and keeps its own file should it have got the dead one's
-// pid.
-void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer)
+// pid. With `of_user` only those of that record's user.
+void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer, const wex_pid* of_user = nullptr)
     WEX_TSA(requires_capability(wex_chains));
 
 // The process that the record's next one replaces, and whose flag file names the domain: the child of a start

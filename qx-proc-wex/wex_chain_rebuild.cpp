@@ -4,6 +4,8 @@
 #define WEX_MODULE "wex_chain"
 #include "wex_chain_rebuild.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -19,8 +21,11 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
+#include "wex_chain_user.h"
 #include "wex_core_delay.h"
 #include "wex_core_filter.h"
+#include "wex_core_quota.h"
+#include "wex_core_refusal.h"
 #include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
@@ -31,6 +36,7 @@
 #include "wex_proc.h"
 #include "wex_status_file.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -38,19 +44,35 @@ namespace {
 
 constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its file was read
 
-// Another process may have got the pid of a dead program. The registration does not show that for certain, so
-// it is kept; the line tells an operator why the program does not run.
-void tell_stranger(const wex_pid* rec) {
-  char command[WEX_PROCESS_SIZE];
-  if (!wex_dbg_on(WEX_DBG_PUB) || pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
-    return;
+// What the process that has the record's pid runs, when that is not the registered command line.
+bool runs_another(const wex_pid* rec, char (&command)[WEX_PROCESS_SIZE]) {
+  if (pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
+    return false;
   }
   const size_t length = strlen(rec->process);
-  const bool same =
-      strncmp(command, rec->process, length) == 0 && (command[length] == '\0' || length >= kSurelyWhole);
-  if (!same) {
-    wex_dbg(WEX_DBG_PUB, "pid (%d) of %s runs %s\n", rec->pid, rec->process, command);
+  return strncmp(command, rec->process, length) != 0 || (command[length] != '\0' && length < kSurelyWhole);
+}
+
+// True when the process began after the registration was written.
+bool began_later(const wex_pid* rec) {
+  char path[kPathSize];
+  struct stat file = {};
+  const process_look now = wex_look_at(rec->pid);
+  return now.sight == process_look::seen && wex_name_pidfile(rec, path) && lstat(path, &file) == 0 &&
+         wex_started_after(now.start_time, int64_t{file.st_mtim.tv_sec} * 1000000000 + file.st_mtim.tv_nsec);
+}
+
+// Another process may have got the pid of a dead program. A program may run another command line than it was
+// registered with, and one that closed all its descriptors has lost the lock on its file; so only when all
+// three signs are there is the program started again, which would otherwise not run until that process ends.
+// The line tells an operator what has the pid.
+bool is_stranger(const wex_pid* rec) {
+  char command[WEX_PROCESS_SIZE];
+  if (!runs_another(rec, command)) {
+    return false;
   }
+  wex_dbg(WEX_DBG_PUB, "pid (%d) of %s runs %s\n", rec->pid, rec->process, command);
+  return began_later(rec) && wex_proc_is_exit(rec) == 1;
 }
 
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
@@ -79,17 +101,28 @@ bool settle_name(const char* path, const wex_pid* rec) {
   return !taken || other.pid != rec->pid || strcmp(other.script, rec->script) != 0;
 }
 
+// Only strict mode asks whose the file is.
+int read_file(const char* path, wex_pid* rec, struct stat* facts) {
+  return wex_read_pidfile_facts(path, rec, wex_strict().on ? facts : nullptr);
+}
+
 // The record of one database file, or null.
 wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   char path[kPathSize];
   wex_pid* const rec = wex_new_record();
-  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || wex_read_pidfile(path, rec) != 0) {
+  struct stat facts = {};
+  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || read_file(path, rec, &facts) != 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_pidfile %s fail\n", name);
     wex_free_record(rec);
     return nullptr;
   }
   rec->vsd = vsd;
   wex_copy_text(rec->process, sizeof rec->process, rec->script);
+  if (!wex_judge_file(rec, facts)) {
+    wex_ignore_name(path);
+    wex_free_record(rec);
+    return nullptr;
+  }
   if (!settle_name(path, rec)) {
     wex_free_record(rec);
     return nullptr;
@@ -158,9 +191,24 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   for (const char* name = names.next(nullptr); name != nullptr; name = names.next(name)) {
     if (wex_pid* const rec = read_record(vsd, dir, name)) {
       chain_lock hold(*chain);
+      if (!__wex_has_room(chain, rec)) {
+        wex_refuse(wex_user_of(rec)->uid, refusal::too_many_registrations);
+        wex_free_record(rec);
+        continue;
+      }
       __wex_add_record(chain, rec);
       all->append(rec);
     }
+  }
+}
+
+// The record's process lives on.
+void take_over(wex_pid* rec) {
+  // Not after the restarts: they may take long, and a stranger may have got the pid by then.
+  wex_note_identity(rec);
+  wex_status_found(rec, wex_start_on_clock_ms(rec->start_time));
+  if (rec->thread_of != 0) {
+    wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
 }
 
@@ -176,16 +224,13 @@ void decide(candidates* all) {
       if (row.what != fate::undecided) {
         continue;
       }
-      if (wex_looks_alive(row.rec->pid)) {
-        row.what = fate::alive;
-        // Not after the restarts: they may take long, and a stranger may have got the pid by then.
-        wex_note_identity(row.rec);
-        wex_status_found(row.rec, wex_start_on_clock_ms(row.rec->start_time));
-        if (row.rec->thread_of != 0) {
-          wex_pass_thread_ends(thread_ends_for::registrations, true);
-        }
-      } else {
+      if (!wex_looks_alive(row.rec->pid)) {
         pending = true;
+      } else if (is_stranger(row.rec)) {
+        row.what = fate::dead;
+      } else {
+        row.what = fate::alive;
+        take_over(row.rec);
       }
     }
     if (!pending) {
@@ -202,7 +247,7 @@ int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   char type[256];
   int32_t found = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &found) || __wex_find_pid(&wex_chains, found) != nullptr) {
+      !wex_find_running(rec->process, &found, rec) || __wex_find_pid(&wex_chains, found) != nullptr) {
     return 0;
   }
   return wex_domain_or_main(get_vsdid(found)) == rec->vsd ? found : 0;
@@ -220,6 +265,7 @@ bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabilit
     return false;  // it has just ended
   }
   wex_mend_pidfile(rec);
+  wex_own_database_file(rec);
   wex_status_tell(WEX_STATUS_EV_RESTARTED, rec, {old_pid, found});
   return true;
 }
@@ -242,11 +288,13 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   for (int32_t vsd = 0; vsd < WEX_DOMAINS; vsd++) {
     read_domain(chain, vsd, &all);
   }
+  wex_tidy_users([](int32_t pid) {
+    chain_lock hold(wex_chains);
+    return __wex_find_pid(&wex_chains, pid) != nullptr;
+  });
   decide(&all);
   for (const candidate& row : all) {
-    if (row.what == fate::alive) {
-      tell_stranger(row.rec);
-    } else {
+    if (row.what != fate::alive) {
       restart_dead(chain, row.rec);
       wex_status_publish();  // many starts may take long, and nobody else shows them yet
     }

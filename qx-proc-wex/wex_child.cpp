@@ -23,11 +23,19 @@ namespace {
 constexpr int kLastSignal = 127;
 constexpr char kSeparators[] = " \t";
 
-// The C library's own call would also ask the threads that exist only in the parent.
+// The C library's own calls would also ask the threads that exist only in the parent, or change them, when
+// the child has the parent's memory. Where there are two calls the newer one takes ids of 32 bits.
 #ifdef SYS_setgroups32
 constexpr long kSetGroupsCall = SYS_setgroups32;
 #else
 constexpr long kSetGroupsCall = SYS_setgroups;
+#endif
+#ifdef SYS_setresuid32
+constexpr long kSetUidsCall = SYS_setresuid32;
+constexpr long kSetGidsCall = SYS_setresgid32;
+#else
+constexpr long kSetUidsCall = SYS_setresuid;
+constexpr long kSetGidsCall = SYS_setresgid;
 #endif
 
 void set_signal_action(int signal, void (*handler)(int)) {
@@ -104,6 +112,11 @@ bool flush_tlb() {
     safe_write(fd.get(), "1\n", 2);
   }
   return true;
+}
+
+bool become_user(uid_t uid, gid_t gid, const gid_t* groups, int count) {
+  return syscall(kSetGroupsCall, count, groups) == 0 && syscall(kSetGidsCall, gid, gid, gid) == 0 &&
+         syscall(kSetUidsCall, uid, uid, uid) == 0;
 }
 
 int enter_domain_group(int vsd) {

@@ -34,5 +34,9 @@ void leave_starter();
 // Tells the low-memory-killer module of the new program. False with errno when the module is not there.
 bool flush_tlb();
 
+// Takes the calling process, and no other thread of the daemon whose memory it may share, to these ids for
+// good. False with errno: then it must not execute anything.
+bool become_user(uid_t uid, gid_t gid, const gid_t* groups, int count);
+
 // Leaves the calling process's supplementary groups as the one group of the domain. 0, or -1.
 int enter_domain_group(int vsd);

@@ -25,6 +25,7 @@
 #include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_rebuild.h"
+#include "wex_chain_user.h"
 #include "wex_child.h"
 #include "wex_core_claim.h"
 #include "wex_core_fork.h"
@@ -32,6 +33,7 @@
 #include "wex_core_notify.h"
 #include "wex_core_server.h"
 #include "wex_core_stop.h"
+#include "wex_core_strict.h"
 #include "wex_core_upkeep.h"
 #include "wex_core_watched_names.h"
 #include "wex_dbg.h"
@@ -46,6 +48,7 @@
 #include "wex_signals_reaper.h"
 #include "wex_status_file.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -121,6 +124,7 @@ bool restore_registry() {
   wex_init_chains(&wex_chains);
   wex_init_chains(&wex_alive_chains);
   wex_init_chains(&wex_chains_delay);
+  wex_begin_users();
   if (wex_rebuild_chains(&wex_chains) < 0) {
     wex_dbg(WEX_DBG_PUB, "fail to rebuild chains\n");
     return false;
@@ -154,6 +158,7 @@ bool created(int error, const char* name, const char* suffix) {
 
 void start_threads(threads* running) {
   wex_running_log("Start.\r\n");
+  wex_log_mode();
   errno = 0;
   if (!created(wex_start_alarm_thread(), "wex_alarm", " thread")) {
     return;
@@ -212,6 +217,7 @@ bool others_have_ended(const threads& running) {
 }
 
 [[noreturn]] void tear_down(const threads& running, unique_fd&& lock) {
+  wex_end_users();
   wex_status_end();  // before the chains are emptied: what was registered stays to be seen
   if (others_have_ended(running)) {
     wex_destroy_chains(&wex_chains);
@@ -252,7 +258,8 @@ extern "C" void wex_third_part_proc_init(void) {
 
 int main(int argc, char** argv) {
   leave_signals_of_starter();
-  wex_make_dir(kRunDir, kOpenDirMode);
+  wex_choose_mode();
+  wex_make_dir(kRunDir, wex_client_dir_mode());
   wex_parse_dbg_file();
   wex_create_std_fd(1);
   wex_handle_options(argc, argv);

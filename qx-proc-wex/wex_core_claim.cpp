@@ -25,6 +25,7 @@
 #include "wex_log.h"
 #include "wex_move_aside.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -98,7 +99,7 @@ bool is_run_dir_blocked() {
 bool clear_way_to_lock() {
   if (is_run_dir_blocked()) {
     const bool cleared = wex_make_room(kRunDir);
-    wex_make_dir(kRunDir, kOpenDirMode);
+    wex_make_dir(kRunDir, wex_client_dir_mode());
     return cleared;
   }
   return is_other_than_file(kLockFile) && wex_make_room(kLockFile);

@@ -7,6 +7,7 @@
 #include "guarded_file.h"
 #include "text_buffer.h"
 #include "text_number.h"
+#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -56,6 +57,9 @@ burst_rule wex_read_burst_rule() {
 }
 
 void __wex_note_crash(wex_pid* rec) {
+  if (!wex_may_restart_device(rec)) {
+    return;
+  }
   const int32_t now = wex_clock_now();
   rec->crash_time = now != 0 ? now : 1;
 }

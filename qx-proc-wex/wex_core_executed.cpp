@@ -14,6 +14,7 @@
 #include "text_number.h"
 #include "wex_chain.h"
 #include "wex_chain_list.h"
+#include "wex_chain_user.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
@@ -51,6 +52,7 @@ void wex_register_executed(int32_t pid) {
     return;
   }
   started.vsd = wex_domain_or_main(get_vsdid(pid));
+  wex_find_user(&started);
   {
     chain_lock hold(wex_chains);
     // A record whose last restart left no process does not count. It is dropped only when the new one is in

@@ -14,6 +14,7 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
+#include "wex_chain_user.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
 #include "wex_core_restart.h"
@@ -149,7 +150,7 @@ bool remove_flag_file(int32_t vsd, int32_t pid) {
 
 void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = wex_last_process(rec);
-  const int32_t vsd = pid > 0 ? find_app(pid) : -1;
+  const int32_t vsd = pid > 0 ? wex_domain_of(rec, pid) : -1;
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
   wex_status_tell(WEX_STATUS_EV_STOPPED, rec, {0, 0, rec->exit_signal});
   if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
@@ -241,7 +242,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   char type[256];
   int32_t child = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &child)) {
+      !wex_find_running(rec->process, &child, rec)) {
     return false;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,

@@ -21,7 +21,9 @@
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_user.h"
 #include "wex_core_early_end.h"
+#include "wex_core_quota.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
@@ -30,6 +32,7 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -43,6 +46,16 @@ int32_t pid_of_name(const char* name) {
 bool has_record(int32_t pid) {
   chain_lock hold(wex_chains);
   return __wex_find_pid(&wex_chains, pid) != nullptr;
+}
+
+// What strict mode asks of the file, with the rest known to be right.
+bool is_allowed(const char* path, wex_pid* rec, const struct stat& facts)
+    WEX_TSA(requires_capability(wex_chains)) {
+  if (!wex_judge_lost_file(rec, facts)) {
+    wex_ignore_name(path);
+    return false;
+  }
+  return __wex_has_room(&wex_chains, rec);
 }
 
 // Who has the pid of a file whose process has gone.
@@ -90,7 +103,8 @@ bool is_not_the_files(const successor& now, const wex_pid* rec) {
 // with a lock that nobody holds. A file of another name than its content gives it is left to the next start.
 bool read_lost(int32_t vsd, const char* path, const successor& now, wex_pid* rec)
     WEX_TSA(requires_capability(wex_chains)) {
-  if (wex_read_pidfile(path, rec) != 0) {
+  struct stat facts = {};
+  if (wex_read_pidfile_facts(path, rec, wex_strict().on ? &facts : nullptr) != 0) {
     return false;
   }
   rec->vsd = vsd;
@@ -98,7 +112,7 @@ bool read_lost(int32_t vsd, const char* path, const successor& now, wex_pid* rec
   char fitting[kPathSize];
   return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
          wex_find_action(rec->action) != nullptr && __wex_find_pid(&wex_chains, rec->pid) == nullptr &&
-         is_not_the_files(now, rec) && wex_proc_is_exit(rec) == 1;
+         is_not_the_files(now, rec) && wex_proc_is_exit(rec) == 1 && is_allowed(path, rec, facts);
 }
 
 // Gives it a record, so that the sweep finds the lost exit and restarts the program. When a new process of
@@ -139,6 +153,7 @@ void mend_missing() {
   while (const wex_pid* const rec = walk.next()) {
     if (rec->exit_seen == 0 && rec->restart_failed == 0 && wex_record_lives(rec)) {
       wex_mend_pidfile(rec);
+      wex_own_database_file(rec);
     }
   }
 }

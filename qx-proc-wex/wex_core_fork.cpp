@@ -24,6 +24,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -38,6 +39,9 @@ constexpr size_t kEventBytes = 1024;
 
 // The file holds one byte for each failure.
 void count_failures() {
+  if (!wex_counts(kForkFile)) {
+    return;
+  }
   const unique_fd file = wex_open_file(kForkFile, O_RDONLY);
   if (!file.valid()) {
     wex_dbg(WEX_DBG_PUB, "open %s error, %s\n", kForkFile, strerror(errno));
@@ -79,7 +83,7 @@ int open_instance() {
 extern "C" void* wex_inotify_fork_error(void* /*unused*/) {
   pthread_detach(pthread_self());
   prctl(PR_SET_NAME, "wex_inotify_fork");
-  mkdir(kRunDir, kOpenDirMode);  // normally there since start-up
+  mkdir(kRunDir, wex_client_dir_mode());  // normally there since start-up
 
   const int instance = open_instance();
   if (instance < 0) {

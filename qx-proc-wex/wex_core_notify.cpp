@@ -13,6 +13,7 @@
 #include "wex_alive_guard.h"
 #include "wex_black_box.h"
 #include "wex_chain.h"
+#include "wex_chain_user.h"
 #include "wex_core_notify.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
@@ -22,6 +23,7 @@
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
@@ -223,6 +225,10 @@ bool abort_if_still_hung(const hung_thread& hung) {
   if (thread->notify_info[WEX_CUR_CNT] != 0) {
     return false;
   }
+  if (!wex_runs_as(hung.process, thread)) {  // the registration is not of this process's user
+    __wex_drop_thread(&wex_alive_chains, thread);
+    return false;
+  }
   abort_hung(thread, hung.domain);
   return true;
 }
@@ -254,7 +260,7 @@ bool check_table() {
 
 void dump_chains() {
   int (*const dump)(int, wex_chains_t*) =
-      access(kDumpToConsole, F_OK) == 0 ? wex_print_chains : wex_syslog_chains;
+      access(kDumpToConsole, F_OK) == 0 && wex_counts(kDumpToConsole) ? wex_print_chains : wex_syslog_chains;
   dump(0, &wex_chains);
   dump(1, &wex_alive_chains);
   dump(2, &wex_chains_delay);
@@ -281,7 +287,7 @@ void wex_scan_alive_chains() {
   if (wex_is_open_pub_dbg() != 0) {
     dump_chains();
   }
-  const bool paused = access(kKillDebug, F_OK) == 0;
+  const bool paused = access(kKillDebug, F_OK) == 0 && wex_counts(kKillDebug);
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
   scan now = {!paused && quiet && table_intact, nullptr, nullptr, nullptr};

@@ -24,6 +24,7 @@
 #include "unique_fd.h"
 #include "wex_action.h"
 #include "wex_core_claim.h"
+#include "wex_core_clients.h"
 #include "wex_core_early_end.h"
 #include "wex_core_stop.h"
 #include "wex_core_watched_names.h"
@@ -82,6 +83,7 @@ struct request {
   wex_reg_info reg;
   wex_cons_info cons;
   char script[WEX_SCRIPT_SIZE];
+  uid_t speaker;  // root, unless strict mode knows who it is
 };
 
 struct message_rule {
@@ -91,12 +93,15 @@ struct message_rule {
 };
 
 constexpr message_rule kRules[] = {
-    {kRespawn.message, true, [](const request& in) { return wex_process_restart(&in.reg); }},
+    {kRespawn.message, true,
+     [](const request& in) { return wex_register_process_by(in.speaker, in.reg, kRespawn, ""); }},
     {kShellRestart.message, true,
-     [](const request& in) { return wex_process_shell_restart(&in.reg, in.script); }},
-    {WEX_NOTIFIER_START, true, [](const request& in) { return wex_notifier_start(&in.reg); }},
-    {WEX_NOTIFIER_RESET, false, [](const request& in) { return wex_notifier_reset(&in.reg); }},  // sent often
-    {WEX_CONS_MSG, true, [](const request& in) { return wex_process_cons_msg(&in.cons); }},
+     [](const request& in) { return wex_register_process_by(in.speaker, in.reg, kShellRestart, in.script); }},
+    {WEX_NOTIFIER_START, true,
+     [](const request& in) { return wex_register_thread_by(in.speaker, in.reg, false); }},
+    {WEX_NOTIFIER_RESET, false,  // sent often
+     [](const request& in) { return wex_register_thread_by(in.speaker, in.reg, true); }},
+    {WEX_CONS_MSG, true, [](const request& in) { return wex_cancel_by(in.speaker, in.cons); }},
 };
 
 constexpr bool rules_in_order() {
@@ -113,9 +118,10 @@ const message_rule* find_rule(uint32_t type) {
   return type >= 1 && type <= std::size(kRules) ? &kRules[type - 1] : nullptr;
 }
 
-request unpack(const wex_inner_msg& msg) {
+request unpack(const wex_inner_msg& msg, uid_t speaker) {
   const auto length = static_cast<size_t>(msg.msg_len);
   request in = {};
+  in.speaker = speaker;
   memcpy(&in.reg, &msg + 1, std::min(length, sizeof in.reg));
   memcpy(&in.cons, &msg + 1, std::min(length, sizeof in.cons));
   memcpy(in.script, msg.name, sizeof in.script - 1);  // the wire promises no terminator
@@ -133,7 +139,7 @@ int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
 // Once it is acknowledged, the sender counts as registered.
 void expect_newcomer(const wex_inner_msg& msg) {
   if (msg.msg_type == kRespawn.message || msg.msg_type == kShellRestart.message) {
-    wex_expect_newcomer(unpack(msg).reg.pid);
+    wex_expect_newcomer(unpack(msg, 0).reg.pid);  // whoever says it: nothing is registered yet
   }
 }
 
@@ -157,13 +163,13 @@ int wex_rsp_domain_msg(int sd, const wex_inner_msg& msg) {
   return result;
 }
 
-int wex_dispatch_domain_msg(const wex_inner_msg& msg) {
+int wex_dispatch_domain_msg(const wex_inner_msg& msg, uid_t speaker) {
   const message_rule* const rule = find_rule(msg.msg_type);
   int result = -1;
   if (rule == nullptr) {
     wex_dbg(WEX_DBG_PUB, "recv unknown type msg %d\n", static_cast<int>(msg.msg_type));
   } else {
-    result = rule->handler(unpack(msg));
+    result = rule->handler(unpack(msg, speaker));
   }
   wex_dbg(WEX_DBG_PUB, "%s type:%d err:%d\n", __func__, static_cast<int>(msg.msg_type), result);
   return result;
@@ -177,6 +183,10 @@ int32_t* find_slot(int32_t sd) {
   return slot == std::end(g_client_table) ? nullptr : slot;
 }
 
+size_t number_of(const int32_t* slot) {
+  return static_cast<size_t>(slot - g_client_table);
+}
+
 bool drop_client(server& self, int sd) {
   int32_t* const slot = find_slot(sd);
   if (slot == nullptr) {
@@ -188,6 +198,7 @@ bool drop_client(server& self, int sd) {
   epoll_ctl(self.epoll.get(), EPOLL_CTL_DEL, sd, nullptr);
   close_emptied(sd);
   *slot = -1;
+  wex_client_left(number_of(slot));
   return true;
 }
 
@@ -214,7 +225,7 @@ bool serve_client(server& self, int sd) {
     wex_dbg(WEX_DBG_PUB, "%s: wex_inner_rsp_msg err(ret:%d, sk:%d)!\n", kThread, self.code, sd);
     return drop_client(self, sd);
   }
-  self.code = wex_dispatch_domain_msg(*msg.get());
+  self.code = wex_dispatch_domain_msg(*msg.get(), wex_speaker(number_of(find_slot(sd))));
   return true;
 }
 
@@ -249,13 +260,26 @@ bool watch_or_fail(server& self, int fd, int why) {
 }
 
 // One client more than the table holds ends the daemon; it is started again with an empty table.
+bool end_with_full_table(server& self, unique_fd sd) {
+  const int number = sd.get();
+  sd.reset();
+  wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
+  return self.fail(kTableFull, 0);
+}
+
 bool keep_client(server& self, unique_fd sd) {
-  int32_t* const slot = find_slot(-1);
+  int32_t* slot = find_slot(-1);
   if (slot == nullptr) {
-    const int number = sd.get();
-    sd.reset();
-    wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
-    return self.fail(kTableFull, 0);
+    size_t dropped = 0;
+    const full_table how = wex_make_room_for_client(sd.get(), &dropped);
+    if (how != full_table::drop) {
+      return how == full_table::turn_away || end_with_full_table(self, std::move(sd));
+    }
+    slot = &g_client_table[dropped];
+    drop_client(self, *slot);
+  }
+  if (!wex_admit_client(number_of(slot), sd.get())) {
+    return true;
   }
   *slot = sd.release();
   return watch_or_fail(self, *slot, kWatchClientFailed);

@@ -17,6 +17,7 @@
 #include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_user.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
@@ -26,6 +27,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -40,7 +42,7 @@ std::atomic<bool> g_closing[kLastTakeDownDomain + 1];
 bool marker_exists(int32_t domain) {
   char marker[kPathSize];
   wex_take_down_marker(domain, marker);
-  return access(marker, F_OK) == 0;
+  return access(marker, F_OK) == 0 && wex_counts(marker);
 }
 
 bool is_closing(int32_t domain) {
@@ -98,7 +100,7 @@ bool is_of_closing_domain(const wex_pid* rec) {
     return is_closing(rec->vsd);
   }
   const int32_t pid = wex_last_process(rec);
-  return pid > 0 && any_is_closing() && is_closing(find_app(pid));
+  return pid > 0 && any_is_closing() && is_closing(wex_domain_of(rec, pid));
 }
 
 // Living programs of the domain are left to the exit monitor: the take-down may be cut short.

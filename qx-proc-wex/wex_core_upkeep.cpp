@@ -22,7 +22,9 @@
 #include "wex_core_filter.h"
 #include "wex_core_long_delay.h"
 #include "wex_core_netlink.h"
+#include "wex_core_refusal.h"
 #include "wex_core_stop.h"
+#include "wex_core_strict.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
@@ -158,6 +160,8 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     hand_back_ready_restart();
     wex_log_long_delays();
     wex_log_take_downs();
+    wex_log_refusals();
+    wex_log_ignored_names();
     const int32_t now = wex_clock_now();
     if (static_cast<int64_t>(now) - last_files >= kSweepEverySec) {
       last_files = now;

@@ -11,6 +11,7 @@
 
 #include "guarded_file.h"
 #include "text_buffer.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ void make_parents(const char* path) {
   for (const char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
     wex_format(parent, sizeof parent, "%.*s", static_cast<int>(slash - path), path);
     if (stat(parent, &facts) != 0) {
-      wex_make_dir(parent, kOpenDirMode);
+      wex_make_dir(parent, wex_own_dir_mode());
     }
   }
 }
@@ -30,7 +31,7 @@ void make_parents(const char* path) {
 template <size_t count, size_t length>
 void make_dirs(const char (&paths)[count][length]) {
   for (const char* const path : paths) {
-    wex_make_dir(path, kOpenDirMode);
+    wex_make_dir(path, wex_own_dir_mode());
   }
 }
 
@@ -46,7 +47,7 @@ void wex_make_main_dirs() {
     make_dirs(kData2Dirs);
   }
   make_dirs(kRunDirs);
-  chmod(kDataDir, kOpenDirMode);
+  wex_set_dir_mode(kDataDir, wex_own_dir_mode());
 }
 
 void wex_make_domain_dirs(int32_t vsd, unsigned maker) {
@@ -61,7 +62,7 @@ void wex_make_domain_dirs(int32_t vsd, unsigned maker) {
     if (create) {
       make_parents(path);
     }
-    wex_make_dir(path, kOpenDirMode);
+    wex_make_dir(path, dir.for_clients ? wex_client_dir_mode() : wex_own_dir_mode());
     if (dir.variable != nullptr) {
       setenv(dir.variable, path, 1);
     }

@@ -60,6 +60,7 @@ struct domain_dir {
   unsigned removed;  // 0: goes with the directory that it is in
   int removal_turn;  // operators see the removals in this order
   bool second_disk;  // only on a device that has one
+  bool for_clients;  // programs and clients make files in it
 };
 
 inline constexpr unsigned kMadeForPrograms = WEX_MADE_BY_CREATE | WEX_MADE_BY_ADD;
@@ -68,18 +69,18 @@ inline constexpr unsigned kEveryRemoval =
 
 // In the order of creation: parents before what is inside them.
 inline constexpr domain_dir kDomainDirs[] = {
-    {kConfigDomainFmt, "QX_CFG_DIR", kMadeForPrograms, WEX_REMOVE_DELETE, 7, false},
-    {kOvixDomainFmt, "OVIX_DIR", kMadeForPrograms, WEX_REMOVE_DELETE, 8, false},
-    {kDataDomainFmt, RAS_DATA_OVIX_ENV, kMadeForPrograms, WEX_REMOVE_DELETE, 4, false},
-    {kData2DomainFmt, "DATA_OVIX_DIR2", WEX_MADE_BY_CREATE, WEX_REMOVE_DELETE, 5, true},
-    {kData2RunFmt, nullptr, WEX_MADE_BY_CREATE, WEX_REMOVE_DELETE, 6, true},
-    {kEtcDomainFmt, nullptr, kMadeForPrograms, kEveryRemoval, 2, false},
-    {kDomainDirFmt, "TMPDIR", kMadeForPrograms, kEveryRemoval, 1, false},
-    {kFlagDirFmt, nullptr, WEX_MADE_AT_START | kMadeForPrograms, 0, 0, false},
-    {kDbDirFmt, nullptr, WEX_MADE_AT_START | WEX_MADE_BY_CREATE, 0, 0, false},
-    {kRunDomainFmt, nullptr, kMadeForPrograms, WEX_REMOVE_DELETE | WEX_REMOVE_FILES, 3, false},
-    {kMemoryGroupFmt, nullptr, WEX_MADE_FOR_LIMITS, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, 9, false},
-    {kCpuGroupFmt, nullptr, WEX_MADE_FOR_LIMITS, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, 10, false},
+    {kConfigDomainFmt, "QX_CFG_DIR", kMadeForPrograms, WEX_REMOVE_DELETE, 7, false, false},
+    {kOvixDomainFmt, "OVIX_DIR", kMadeForPrograms, WEX_REMOVE_DELETE, 8, false, false},
+    {kDataDomainFmt, RAS_DATA_OVIX_ENV, kMadeForPrograms, WEX_REMOVE_DELETE, 4, false, false},
+    {kData2DomainFmt, "DATA_OVIX_DIR2", WEX_MADE_BY_CREATE, WEX_REMOVE_DELETE, 5, true, false},
+    {kData2RunFmt, nullptr, WEX_MADE_BY_CREATE, WEX_REMOVE_DELETE, 6, true, true},
+    {kEtcDomainFmt, nullptr, kMadeForPrograms, kEveryRemoval, 2, false, false},
+    {kDomainDirFmt, "TMPDIR", kMadeForPrograms, kEveryRemoval, 1, false, true},
+    {kFlagDirFmt, nullptr, WEX_MADE_AT_START | kMadeForPrograms, 0, 0, false, true},
+    {kDbDirFmt, nullptr, WEX_MADE_AT_START | WEX_MADE_BY_CREATE, 0, 0, false, true},
+    {kRunDomainFmt, nullptr, kMadeForPrograms, WEX_REMOVE_DELETE | WEX_REMOVE_FILES, 3, false, true},
+    {kMemoryGroupFmt, nullptr, WEX_MADE_FOR_LIMITS, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, 9, false, false},
+    {kCpuGroupFmt, nullptr, WEX_MADE_FOR_LIMITS, WEX_REMOVE_DELETE | WEX_REMOVE_STOP, 10, false, false},
 };
 inline constexpr int kDomainRemovals = 10;
 

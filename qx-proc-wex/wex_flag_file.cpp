@@ -7,6 +7,7 @@
 #include "wex_flag_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,6 +28,7 @@
 #include "wex_domain_present.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -116,6 +118,27 @@ int save_proc_info(int32_t vsd, int32_t pid) {
 }
 
 }  // extern "C"
+
+int32_t wex_find_domain(int32_t pid, const uid_t* user) {
+  if (!wex_strict().on) {
+    return find_app(pid);
+  }
+  const uint32_t present = wex_domains_present();
+  for (int32_t vsd = kFirstDomain; vsd < WEX_DOMAINS; ++vsd) {
+    char path[kPathSize];
+    struct stat facts = {};
+    wex_name_flag_file(vsd, pid, path);
+    if ((present >> vsd & 1) == 0 || lstat(path, &facts) != 0) {
+      continue;
+    }
+    const bool owner_may = facts.st_uid == 0 || (user != nullptr && facts.st_uid == *user);
+    if (owner_may && S_ISREG(facts.st_mode) && facts.st_nlink == 1) {
+      return vsd;
+    }
+    wex_ignore_name(path);
+  }
+  return -1;
+}
 
 void wex_name_flag_dir(int32_t vsd, char (&path)[kPathSize]) {
   wex_format(path, sizeof path, kFlagDirFmt, vsd);

@@ -17,6 +17,10 @@ int32_t find_app(int32_t pid);
 int save_proc_info(int32_t vsd, int32_t pid);
 }
 
+// As find_app(). In strict mode only a file of the usual name counts, and only root's or this user's; null
+// for root's alone.
+int32_t wex_find_domain(int32_t pid, const uid_t* user);
+
 // The domain's directory of flag files, with a slash at its end, and the flag file of `pid`.
 void wex_name_flag_dir(int32_t vsd, char (&path)[kPathSize]);
 void wex_name_flag_file(int32_t vsd, int32_t pid, char (&path)[kPathSize]);

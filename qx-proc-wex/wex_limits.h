@@ -21,6 +21,19 @@ inline constexpr int kAcceptedAtOnce = 64;   // connections accepted in one cycl
 inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the next begins with the others
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
+// Strict mode: of each user but root. The first two are set by its file, up to the other two.
+inline constexpr int32_t kUserConnections = 64;
+inline constexpr int32_t kUserRegistrations = 256;  // processes, and as many threads
+inline constexpr int32_t kUserConnectionsMax = kMaxClients;
+inline constexpr int32_t kUserRegistrationsMax = 65536;
+inline constexpr int kWrongLinesKept = 4;  // wrong lines of that file that the running log names
+inline constexpr int kUserGroupsMax =
+    64;                                 // supplementary groups of a process; further ones are not given back
+inline constexpr int kUsersKept = 512;  // different sets of ids among all registrations of one daemon
+inline constexpr int kRefusedUsers = 16;       // users of whose refused messages the running log tells,
+inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
+inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
+
 // Restart throttle and self-check.
 inline constexpr int32_t kThrottleWindowSec = 120;     // restarts are counted inside such a window
 inline constexpr int32_t kThrottleRestarts = 5;        // the restart that reaches this parks the program
@@ -57,6 +70,8 @@ inline constexpr int kExitLookMs = 5;
 inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc stays unreadable
 inline constexpr uint64_t kStartTickSlack =
     2;  // ticks; the clocks are read one after the other, by hundredths
+
+inline constexpr int64_t kFileClockSlackMs = 50;  // times of files and of starts are of coarse clocks
 
 inline constexpr int32_t kDelayPassMs = 1000;  // pause between two looks at the postponed restarts
 inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one sweep; the next takes the rest
@@ -167,6 +182,10 @@ inline constexpr uint32_t kAsideTries = 8;     // names tried for what is moved 
 inline constexpr off_t kOwnCopyMax = 1 << 20;  // bytes; a larger record with a second name is moved aside
 inline constexpr unsigned kLinkRestSec = 2;    // age at which a link is read where it cannot be opened
 inline constexpr mode_t kOpenDirMode = 0777;
+inline constexpr mode_t kClientDirMode = 01777;  // strict mode: directories in which clients make files,
+inline constexpr mode_t kOwnDirMode = 0755;      // and all others
+inline constexpr mode_t kUsersDirMode = 0700;
+inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
 inline constexpr mode_t kClientFlagFileMode = 0777;

@@ -31,6 +31,7 @@
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -278,7 +279,7 @@ bool reboot_refused() {
   char text[kSwitchSize];
   int allowed = 1;
   return wex_read_guarded(kRebootSwitch, text, sizeof(text)) > 0 && read_number(text, &allowed) &&
-         allowed == 0;
+         allowed == 0 && wex_counts(kRebootSwitch);
 }
 
 // The rule that asks for a reboot, by the words that its reason begins with.
@@ -450,7 +451,7 @@ void wex_reboot(const char* reason, const char* detail) {
     return;
   }
   const status_detail cause = {0, 0, 0, cause_of(reason)};
-  if (exists(kNoReboot) || reboot_refused()) {
+  if ((exists(kNoReboot) && wex_counts(kNoReboot)) || reboot_refused()) {
     wex_status_tell_of(WEX_STATUS_EV_REBOOT_REFUSED, 0, "", cause);
     return;
   }

@@ -16,10 +16,13 @@
 #include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
+#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_early_end.h"
 #include "wex_core_filter.h"
 #include "wex_core_long_delay.h"
+#include "wex_core_quota.h"
+#include "wex_core_refusal.h"
 #include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -32,6 +35,14 @@
 namespace {
 
 constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
+constexpr uid_t kRoot = 0;
+
+// Whether this registration is one of which the speaker may speak. For one of root's, or of a user who is not
+// known, only root may.
+bool may_speak(uid_t speaker, const wex_pid* rec) {
+  const wex_user* const user = speaker != kRoot ? wex_user_of(rec) : nullptr;
+  return speaker == kRoot || (user != nullptr && user->uid == speaker);
+}
 
 // ---- Processes --------------------------------------------------------------------------------------------
 
@@ -64,6 +75,7 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
 wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const char* script,
                        wex_pid* memory) {
   char command[kCommandSize];
+  const uint64_t started = wex_strict_start_of(body.pid);
   if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
             body.ppid, action.handler_end);
@@ -80,6 +92,12 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   wex_copy_text(rec->process, sizeof rec->process, command);
   wex_copy_text(rec->script, sizeof rec->script, script);
   wex_note_identity(rec);  // of the process whose command was read: the registry may have to be waited for
+  if (wex_strict_start_of(body.pid) != started || !wex_note_user(rec)) {
+    wex_dbg(WEX_DBG_PUB, "%s: the user of pid %d is not known\n", action.handler, body.pid);
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
+    wex_free_record(rec);
+    return nullptr;
+  }
   return rec;
 }
 
@@ -127,17 +145,24 @@ bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec->pid);
   if (is_registered(rec)) {
+    wex_own_database_file(__wex_find_pid(&wex_chains, rec->pid));
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;
   }
-  __wex_drop_failed(rec->process, rec->vsd, rec->pid);
+  if (!__wex_has_room(&wex_chains, rec)) {
+    wex_refuse(wex_user_of(rec)->uid, refusal::too_many_registrations);
+    wex_free_record(rec);
+    return false;
+  }
+  __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
   __wex_add_record(&wex_chains, rec);
   wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
+  wex_own_database_file(rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
     rec->known_code = early_end;
     rec->gone_since = wex_clock_now();
@@ -146,9 +171,14 @@ bool insert_process(wex_pid* rec) {
   return true;
 }
 
-int register_process(const wex_reg_info& body, const wex_action& action, const char* script) {
+int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& action, const char* script) {
   wex_pid* const rec = build_process(body, action, script, nullptr);
   if (rec == nullptr) {
+    return -1;
+  }
+  if (!may_speak(speaker, rec)) {
+    wex_refuse(speaker, refusal::not_his);
+    wex_free_record(rec);
     return -1;
   }
   char process[WEX_PROCESS_SIZE];  // the record belongs to the chain once it is inserted
@@ -159,15 +189,19 @@ int register_process(const wex_reg_info& body, const wex_action& action, const c
   return 0;
 }
 
-void cancel_process(int32_t pid) {
+int cancel_process(uid_t speaker, int32_t pid) {
+  int result = 0;
   const chain_lock hold(wex_chains);
   record_walk records(wex_chains);
   while (wex_pid* const rec = records.next()) {
-    if (rec->pid == pid) {
+    if (rec->pid == pid && !may_speak(speaker, rec)) {
+      result = -1;
+    } else if (rec->pid == pid) {
       wex_status_tell(WEX_STATUS_EV_CANCELLED, rec);
       __wex_drop_registration(rec);
     }
   }
+  return result;
 }
 
 // ---- Threads ----------------------------------------------------------------------------------------------
@@ -195,6 +229,7 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
   copy_counters(rec, body);
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
+  wex_note_thread_user(rec);
   return rec;
 }
 
@@ -213,7 +248,25 @@ wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renew
   return known;
 }
 
-int register_thread(const wex_reg_info& body, const notify_kind& kind) {
+// Why the speaker may not have this thread watched, which another one's registration may have the id of until
+// the next scan. False when he may.
+bool is_refused(uid_t speaker, const wex_pid* fresh) WEX_TSA(requires_capability(wex_alive_chains)) {
+  if (speaker == kRoot) {
+    return false;
+  }
+  const wex_pid* const known = __wex_find_pid(&wex_alive_chains, fresh->pid);
+  if (!may_speak(speaker, fresh) || (known != nullptr && !may_speak(speaker, known))) {
+    wex_refuse(speaker, refusal::not_his);
+    return true;
+  }
+  if (known == nullptr && !__wex_has_room(&wex_alive_chains, fresh)) {
+    wex_refuse(speaker, refusal::too_many_registrations);
+    return true;
+  }
+  return false;
+}
+
+int register_thread(uid_t speaker, const wex_reg_info& body, const notify_kind& kind) {
   char command[WEX_PROCESS_SIZE];
   if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid=%d\n", kind.handler, body.pid, body.ppid);
@@ -221,6 +274,10 @@ int register_thread(const wex_reg_info& body, const notify_kind& kind) {
   }
   wex_pid* const fresh = build_thread(body, command);
   const chain_lock hold(wex_alive_chains);
+  if (is_refused(speaker, fresh)) {
+    wex_free_record(fresh);
+    return -1;
+  }
   wex_pid* const rec = find_or_add_thread(fresh, body, kind.renews);
   if (wex_in_alive_table(body.pid)) {
     const auto tid = static_cast<uint32_t>(body.pid);
@@ -230,14 +287,18 @@ int register_thread(const wex_reg_info& body, const notify_kind& kind) {
   return 0;
 }
 
-void cancel_thread(int32_t tid) {
+int cancel_thread(uid_t speaker, int32_t tid) {
+  int result = 0;
   const chain_lock hold(wex_alive_chains);
   record_walk records(wex_alive_chains);
   while (wex_pid* const rec = records.next()) {
-    if (rec->pid == tid) {
+    if (rec->pid == tid && !may_speak(speaker, rec)) {
+      result = -1;
+    } else if (rec->pid == tid) {
       __wex_drop_thread(&wex_alive_chains, rec);
     }
   }
+  return result;
 }
 
 }  // namespace
@@ -245,36 +306,53 @@ void cancel_thread(int32_t tid) {
 extern "C" {
 
 int wex_process_restart(const wex_reg_info* body) {
-  return register_process(*body, kRespawn, "");
+  return register_process(kRoot, *body, kRespawn, "");
 }
 
 int wex_process_shell_restart(const wex_reg_info* body, const char* script) {
-  return register_process(*body, kShellRestart, script);
+  return register_process(kRoot, *body, kShellRestart, script);
 }
 
 int wex_notifier_start(const wex_reg_info* body) {
-  return register_thread(*body, kStart);
+  return register_thread(kRoot, *body, kStart);
 }
 
 int wex_notifier_reset(const wex_reg_info* body) {
-  return register_thread(*body, kReset);
+  return register_thread(kRoot, *body, kReset);
 }
 
 int wex_process_cons_msg(const wex_cons_info* body) {
-  switch (body->kind) {
+  return wex_cancel_by(kRoot, *body);
+}
+
+}  // extern "C"
+
+int wex_register_process_by(uid_t speaker, const wex_reg_info& body, const wex_action& action,
+                            const char* script) {
+  return register_process(speaker, body, action, script);
+}
+
+int wex_register_thread_by(uid_t speaker, const wex_reg_info& body, bool renews) {
+  return register_thread(speaker, body, renews ? kReset : kStart);
+}
+
+int wex_cancel_by(uid_t speaker, const wex_cons_info& body) {
+  int result = 0;
+  switch (body.kind) {
     case WEX_CANCEL_PROC:
-      cancel_process(body->pid);
+      result = cancel_process(speaker, body.pid);
       break;
     case WEX_CANCEL_THREAD_NOTIFY:
-      cancel_thread(body->pid);
+      result = cancel_thread(speaker, body.pid);
       break;
     default:
       break;  // acknowledged, and nothing to do
   }
-  return 0;
+  if (result != 0) {
+    wex_refuse(speaker, refusal::not_his);
+  }
+  return result;
 }
-
-}  // extern "C"
 
 int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   const uint32_t msg_type = wex_action_type(type);

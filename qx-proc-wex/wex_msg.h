@@ -1,7 +1,10 @@
 // wex_msg: the daemon's handlers of control messages.
 #pragma once
 
+#include <sys/types.h>
+
 #include "wex.h"
+#include "wex_action.h"
 
 extern "C" {
 
@@ -17,6 +20,15 @@ int wex_notifier_reset(const wex_reg_info* body);
 // Type 5: drops what the cancellation names. 0.
 int wex_process_cons_msg(const wex_cons_info* body);
 }
+
+// The same when `speaker` says it. Root may say it of everybody; so may everybody without strict mode, in
+// which nobody else speaks. A user may say it of his own processes and threads, and only that many are
+// registered for him. -1 also when it is refused: nothing is changed then. A user's process is his when its
+// real user is him; a registration is his when its process was.
+int wex_register_process_by(uid_t speaker, const wex_reg_info& body, const wex_action& action,
+                            const char* script);
+int wex_register_thread_by(uid_t speaker, const wex_reg_info& body, bool renews);
+int wex_cancel_by(uid_t speaker, const wex_cons_info& body);
 
 // Registers a third-part program in process, as if it had sent the message itself: database file, flag file
 // and record. `type` is a keyword of reg_third_part_process_exit_action. 0, or -1.

@@ -31,6 +31,7 @@
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -39,6 +40,16 @@ constexpr size_t kReadSize = 256;  // what is read of a database file, terminato
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
+}
+
+// Anybody who may read the file can lock it: in strict mode only the registered process itself holds up its
+// restart.
+bool holder_counts(int fd, int32_t pid) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  return !wex_strict().on ||
+         (fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK && whole.l_pid == pid);
 }
 
 // The name of a file of this registration; false with errno when no such file can exist.
@@ -208,15 +219,20 @@ int wex_rm_pidfile(const wex_pid* rec) {
 }
 
 int wex_read_pidfile(const char* path, wex_pid* rec) {
+  return wex_read_pidfile_facts(path, rec, nullptr);
+}
+
+int wex_read_pidfile_facts(const char* path, wex_pid* rec, struct stat* facts) {
+  constexpr char kReader[] = "wex_read_pidfile";
   const unique_fd fd = wex_open_file(path, O_RDONLY);
-  if (!fd.valid()) {
-    wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", __func__, strerror(errno));
+  if (!fd.valid() || (facts != nullptr && fstat(fd.get(), facts) != 0)) {
+    wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   char content[kReadSize];
   const int32_t length = safe_read(fd.get(), content, sizeof content - 1);
   if (length < 0) {
-    wex_dbg(WEX_DBG_PUB, "%s: read pid file fail: %s\n", __func__, strerror(errno));
+    wex_dbg(WEX_DBG_PUB, "%s: read pid file fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   content[length] = '\0';
@@ -224,7 +240,7 @@ int wex_read_pidfile(const char* path, wex_pid* rec) {
   int32_t pid = 0;
   int32_t action = 0;
   if (!scan_number(&at, &pid) || !scan_number(&at, &action)) {
-    wex_dbg(WEX_DBG_PUB, "%s: read pid fail: %s\n", __func__, strerror(errno));
+    wex_dbg(WEX_DBG_PUB, "%s: read pid fail: %s\n", kReader, strerror(errno));
     return -1;
   }
   const char* const command = strchr(content, '/');
@@ -258,7 +274,7 @@ int wex_proc_is_exit(const wex_pid* rec) {
     return 1;  // closing gives the trial lock back at once
   }
   cause = errno;
-  if (is_locked_by_another(cause)) {
+  if (is_locked_by_another(cause) && holder_counts(fd.get(), rec->pid)) {
     wex_dbg(WEX_DBG_PUB, "be lock file %s, %s.\n", name, strerror(cause));
     return 0;
   }

@@ -3,6 +3,8 @@
 // The process itself keeps its file locked while it lives; the daemon only tests that lock.
 #pragma once
 
+#include <sys/stat.h>
+
 #include "wex.h"
 #include "wex_paths.h"
 
@@ -36,6 +38,9 @@ int wex_proc_is_exit(const wex_pid* rec);
 // As wex_mk_pidfile, for the daemon's own registrations: the locked descriptor is kept in a private table and
 // closed when the file is removed. Caller holds wex_chains.
 int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind);
+
+// As wex_read_pidfile, with the facts of the file that was read unless they are null.
+int wex_read_pidfile_facts(const char* path, wex_pid* rec, struct stat* facts);
 
 // The name of the record's database file. False with errno when no such file can exist.
 bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]);

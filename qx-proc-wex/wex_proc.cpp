@@ -108,8 +108,9 @@ void find_script(const char* word, char* script, size_t size) {
 void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->action = &action;
   start->rec = rec;
+  start->user = wex_user_of(rec);
   start->old_pid = wex_last_process(rec);
-  start->domain = start->old_pid > 0 ? find_app(start->old_pid) : -1;
+  start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
   char word[256];
   start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = action.through_shell && rec->script[0] != '\0';
@@ -124,6 +125,52 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   }
   start->words.argv[1] = start->script;
   start->words.argv[0] = const_cast<char*>(kShell);
+}
+
+// ---- searching --------------------------------------------------------------------------------------------
+
+// One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
+int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec) {
+  dir_walk processes(kProcDir);
+  if (!processes.valid()) {
+    return -errno;
+  }
+  while (const dirent* const entry = processes.next()) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
+      continue;
+    }
+    struct stat look;
+    if (fstatat(processes.fd(), entry->d_name, &look, 0) != 0) {
+      return -errno;
+    }
+    if (!S_ISDIR(look.st_mode)) {
+      continue;
+    }
+    const int32_t pid = text_to_number(entry->d_name);
+    char text[1024];
+    if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
+      continue;
+    }
+    rtrim(text);
+    if (strcmp(text, command) == 0 && (rec == nullptr || wex_runs_as(pid, rec))) {
+      *out_pid = pid;
+      return 1;
+    }
+  }
+  return before;
+}
+
+// As wex_proc_to_pid; `rec` says as which user the process must run, null that it may be any.
+int look_for_process(char* command, int32_t* out_pid, int tries, const wex_pid* rec) {
+  rtrim(command);
+  int result = 0;
+  for (int scan = 1;; ++scan) {
+    result = scan_processes(command, out_pid, result, rec);
+    if (scan > tries || result == 1) {
+      return result;
+    }
+    wex_sleep_ms(scan * kFindStepMs);
+  }
 }
 
 // ---- parent -----------------------------------------------------------------------------------------------
@@ -154,11 +201,11 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
       start.action->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
   const char* const function = start.action->spawner;
   int32_t found = 0;
-  bool running = wex_proc_to_pid(wanted, &found, kFindTries) == 1;
+  bool running = look_for_process(wanted, &found, kFindTries, rec) == 1;
   if (!running) {
     // The program's arguments are part of its command line, so the first word alone finds only bare programs.
     // And the last look may have been cut short.
-    running = wex_find_running(whole, &found);
+    running = wex_find_running(whole, &found, rec);
   }
   if (running && found == child) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Normal[%s] new pid: %d\n", function, wanted, found);
@@ -217,39 +264,6 @@ int32_t try_start(const launch& start, int32_t* out_pid, int* error)
   return *out_pid;
 }
 
-// ---- searching --------------------------------------------------------------------------------------------
-
-// One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
-int scan_processes(const char* command, int32_t* out_pid, int before) {
-  dir_walk processes(kProcDir);
-  if (!processes.valid()) {
-    return -errno;
-  }
-  while (const dirent* const entry = processes.next()) {
-    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
-      continue;
-    }
-    struct stat look;
-    if (fstatat(processes.fd(), entry->d_name, &look, 0) != 0) {
-      return -errno;
-    }
-    if (!S_ISDIR(look.st_mode)) {
-      continue;
-    }
-    const int32_t pid = text_to_number(entry->d_name);
-    char text[1024];
-    if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
-      continue;
-    }
-    rtrim(text);
-    if (strcmp(text, command) == 0) {
-      *out_pid = pid;
-      return 1;
-    }
-  }
-  return before;
-}
-
 }  // namespace
 
 int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
@@ -286,7 +300,8 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
 }
 
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
-  return rec->reboot_allow > 0 && static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
+  return rec->reboot_allow > 0 && wex_may_restart_device(rec) &&
+         static_cast<int64_t>(now) - rec->reboot_ref_time < kRebootWindowSec;
 }
 
 void wex_reboot_for(const wex_pid* rec) {
@@ -297,10 +312,10 @@ void wex_reboot_for(const wex_pid* rec) {
 
 // Any process that ends while /proc is being read cuts a look short (a negative result), which says nothing
 // about the one that is looked for.
-bool wex_find_running(char* command, int32_t* out_pid) {
+bool wex_find_running(char* command, int32_t* out_pid, const wex_pid* rec) {
   int result = -1;
   for (int look = 0; result < 0 && look < kMaxAbortedScans; ++look) {
-    result = wex_proc_to_pid(command, out_pid, 0);
+    result = look_for_process(command, out_pid, 0, rec);
   }
   return result == 1;
 }
@@ -319,15 +334,7 @@ int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
   if (command == nullptr || out_pid == nullptr) {
     return -1;
   }
-  rtrim(command);
-  int result = 0;
-  for (int scan = 1;; ++scan) {
-    result = scan_processes(command, out_pid, result);
-    if (scan > tries || result == 1) {
-      return result;
-    }
-    wex_sleep_ms(scan * kFindStepMs);
-  }
+  return look_for_process(command, out_pid, tries, nullptr);
 }
 
 int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size) {

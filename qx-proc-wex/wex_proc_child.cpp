@@ -37,6 +37,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 #ifdef SYS_timer_settime32  // where time_t has 64 bits: the call whose times are two longs each
@@ -238,6 +239,35 @@ void execute(char* const* argv) {
   }
 }
 
+// Root opened the console for reading, too. What somebody types there is nothing for a user's program.
+void only_write_to_console() {
+  int console = open(kConsole, O_WRONLY | O_NONBLOCK | O_NOCTTY);
+  if (console < 0) {
+    console = open(kNullDevice, O_WRONLY);
+  }
+  fcntl(console, F_SETFL, 0);
+  dup2(console, STDOUT_FILENO);
+  dup2(console, STDERR_FILENO);
+  close(console);
+}
+
+// Last, for what comes before needs root's rights. A program whose user is not known must not run as root.
+bool is_its_user(const launch& what) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  const wex_user* const user = what.user;
+  if (user != nullptr && user->uid != 0) {
+    only_write_to_console();
+  }
+  if (user != nullptr && become_user(user->uid, user->gid, user->groups, user->group_count)) {
+    return true;
+  }
+  wex_dbg(WEX_DBG_PUB, "%s--> cannot become the user of the program: %s\n", what.action->spawner,
+          user != nullptr ? strerror(errno) : "not known");
+  return false;
+}
+
 // All that comes between the start and the program, for both ways of starting. A handler of the daemon's must
 // not run here: the memory may be the daemon's. So the handlers go before the signals are let through again,
 // and what is ignored is still ignored then, for a signal may have been sent to the daemon's whole group.
@@ -263,6 +293,9 @@ void execute(char* const* argv) {
   }
   start.normal_lmk = wex_reset_lmk(static_cast<int32_t>(getpid())) > 0;  // before the program can fork
   remove_old_file(start);
+  if (!is_its_user(what)) {
+    _exit(1);
+  }
   start.at_program = true;
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
@@ -491,6 +524,10 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
 }
 
 int wex_mk_forkfile(void) {
+  struct stat facts = {};
+  if (wex_strict().on && lstat(kForkFile, &facts) == 0 && facts.st_uid != 0) {
+    wex_unlink(kForkFile);  // a user's would never count
+  }
   const unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
   if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
     return -1;

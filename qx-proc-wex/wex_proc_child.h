@@ -5,6 +5,7 @@
 
 #include "wex.h"
 #include "wex_action.h"
+#include "wex_chain_user.h"
 #include "wex_child.h"
 #include "wex_core_spawn_guard.h"
 
@@ -15,6 +16,7 @@ struct launch {
   int32_t old_pid;  // the process that is replaced; may be below 1
   int32_t domain;   // its domain: 1 to 15, or -1
   bool third_part;
+  const wex_user* user;  // strict mode: whom the program runs as; null = not known, so it is not started
   child_words words;
   char script[4096];
 };

@@ -27,6 +27,7 @@
 #include "wex_paths.h"
 #include "wex_status_image.h"
 #include "wex_status_layout.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -202,6 +203,7 @@ void fill_identity(table* to) {
   wex_status_head& head = to->head;
   wex_fill_layout(&head);
   head.generation = 1;
+  head.flags = wex_strict().on ? WEX_STATUS_STRICT : 0;
   head.daemon_pid = static_cast<int32_t>(getpid());
   char state = 0;
   wex_proc_stat(head.daemon_pid, &state, &head.daemon_start);

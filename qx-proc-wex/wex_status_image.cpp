@@ -284,6 +284,14 @@ void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_ti
   }
 }
 
+void wex_status_show_user(const wex_pid* rec, uint32_t uid) {
+  const image_change hold;
+  if (wex_status_slot* const slot = slot_of(rec)) {
+    slot->uid = uid;
+    mark(rec);
+  }
+}
+
 void wex_status_hidden_troubles(uint32_t count) {
   const image_change hold;
   g_any_change = g_any_change || g_counters[WEX_STATUS_HIDDEN_TROUBLES] != count;

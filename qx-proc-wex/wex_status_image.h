@@ -15,6 +15,9 @@
 void wex_status_show(wex_pid* rec);
 void wex_status_hide(wex_pid* rec);
 
+// Shows as which user it is started again.
+void wex_status_show_user(const wex_pid* rec, uint32_t uid);
+
 // One that got none gets a slot that has become free, in its present state. Times are milliseconds of the
 // monotonic clock, 0 when they are not known. Nothing happens while there is no free slot; no slot is taken
 // by others as long as the registry is held.

@@ -23,6 +23,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 // Kept: "invlaid", see docs/decisions.md.
 const char* const wex_dbg_lvl_str_pre[WEX_DBG_LEVELS + 1] = {"g_wex_pub_dbg_level", "g_wex_alive_dbg_level",
@@ -76,7 +77,7 @@ int wex_parse_dbg_file(void) {
 }
 
 int32_t debug_time(void) {
-  if (access(kDebugTime, F_OK) != 0) {
+  if (access(kDebugTime, F_OK) != 0 || !wex_counts(kDebugTime)) {
     return kSelfCheckSec;
   }
   unique_fd file = wex_open_file(kDebugTime, O_RDWR);

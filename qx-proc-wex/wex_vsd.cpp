@@ -34,6 +34,7 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd_remove.h"
 
@@ -377,6 +378,7 @@ int del_dev_mon_restart(void) {
 }
 
 int debug_log(void) {
-  return probe(kDebugLog, 0);
+  const int result = probe(kDebugLog, 0);
+  return result == 0 && !wex_counts(kDebugLog) ? -EPERM : result;
 }
 }

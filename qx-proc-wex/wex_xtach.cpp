@@ -182,7 +182,9 @@ bool exempted(int32_t tid) {
   }
   const cancel_held whole;
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
-  if (!file.valid()) {
+  struct stat facts = {};
+  if (!file.valid() || fstat(file.get(), &facts) != 0 ||
+      (facts.st_uid != 0 && access(kStrictFile, F_OK) == 0)) {
     return false;
   }
   char own[16];

@@ -319,7 +319,8 @@ void say_daemon(const status_copy& copy, const daemon_health& daemon, const mome
   say_field(copy.head.daemon_version, version, sizeof version);
   if (daemon.state == daemon_state::running || daemon.state == daemon_state::stuck) {
     say_duration(time_between(copy.head.started_monotonic, at.monotonic_ms), time, sizeof time);
-    wex_format(out, size, "wex %s, pid %d, up for %s%s%s", version, copy.head.daemon_pid, time,
+    wex_format(out, size, "wex %s, pid %d, %sup for %s%s%s", version, copy.head.daemon_pid,
+               (copy.head.flags & WEX_STATUS_STRICT) != 0 ? "strict mode, " : "", time,
                daemon.state == daemon_state::stuck ? ", STUCK: " : "",
                daemon.state == daemon_state::stuck ? daemon.text : "");
   } else {

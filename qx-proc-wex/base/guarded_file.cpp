@@ -20,6 +20,7 @@
 #include "unique_fd.h"
 #include "wex_move_aside.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -71,6 +72,24 @@ wex_parting parting_for(int flags) {
   return (flags & O_APPEND) != 0 ? wex_parting::moved : wex_parting::copied;
 }
 
+// A directory that was there may be anybody's that was moved to our name: in strict mode it becomes root's,
+// and nobody may do more in it than before.
+void close_to_others(int directory, mode_t mode) {
+  struct stat facts = {};
+  if (fstat(directory, &facts) != 0) {
+    return;
+  }
+  if (facts.st_uid != 0 && fchown(directory, 0, 0) != 0) {
+    return;
+  }
+  constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
+  const mode_t kept = facts.st_mode & 01777;
+  const mode_t allowed = (mode & S_ISVTX) != 0 ? kept | S_ISVTX : kept & ~kWriting;
+  if (allowed != kept) {
+    fchmod(directory, allowed);
+  }
+}
+
 }  // namespace
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
@@ -105,10 +124,26 @@ void wex_make_dir(const char* path, mode_t mode) {
   if (!parent.valid()) {
     return;
   }
-  mkdirat(parent.get(), name, mode);
+  const bool made = mkdirat(parent.get(), name, mode) == 0;
   const unique_fd directory = open_trusted_dir(parent.get(), name);
-  if (directory.valid()) {
+  if (!directory.valid()) {
+    return;
+  }
+  if (made || !wex_strict().on) {
     fchmod(directory.get(), mode);
+  } else {
+    close_to_others(directory.get(), mode);
+  }
+}
+
+void wex_set_dir_mode(const char* path, mode_t mode) {
+  if (!wex_strict().on) {
+    chmod(path, mode);
+    return;
+  }
+  const unique_fd directory = open_trusted_dir(AT_FDCWD, path);
+  if (directory.valid()) {
+    close_to_others(directory.get(), mode);
   }
 }
 

@@ -22,8 +22,12 @@ unique_fd wex_open_file_at(int directory, const char* name, int flags);
 // Puts a name that was just given on the disk: a file just created is still there after a power cut.
 void wex_sync_directory_of(const char* path);
 
-// Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only.
+// Makes a directory and sets its mode, whatever the umask; failures are ignored. Along trusted links only. In
+// strict mode one that was there becomes root's, and is at most closed to others.
 void wex_make_dir(const char* path, mode_t mode);
+
+// The second half of it, for a directory of the device's.
+void wex_set_dir_mode(const char* path, mode_t mode);
 
 // Reads at most size - 1 bytes of a file opened by the rule above and terminates them. Bytes, or -1.
 int32_t wex_read_guarded(const char* path, char* buffer, size_t size);

@@ -30,7 +30,7 @@ constexpr const char* kTraces[] = {WEX_RUN,       "/tmp/vsd",       "/tmp/vsd_co
                                    "/etc/wex",    kBurstConfig,     kCommandMap,       kDeviceMonitor,
                                    kDebugLog,     "/etc/vsd",       "/etc/rc.d",       kDebugTime,
                                    kNoReboot,     kDumpToConsole,   "/core",           kAliveTableFile,
-                                   kStatusTable,  kLsmDevice,       kMapIpcDevice};
+                                   kStatusTable,  kUsersDir,        kLsmDevice,        kMapIpcDevice};
 
 void remove_semaphore() {
   const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);

@@ -145,7 +145,7 @@ TEST_F(Exit, OfAProgramWhoseNextProcessHasEndedTooGoesOnWithWhatIsShownOfIt) {
   ASSERT_TRUE(next.start({sleep, "1000"}));
   const pid_t child = next.pid();
   int32_t found = 0;
-  ASSERT_TRUE(eventually([&] { return wex_find_running(rec->process, &found) && found == child; }));
+  ASSERT_TRUE(eventually([&] { return wex_find_running(rec->process, &found, rec) && found == child; }));
   before_third_part = [&] { next.kill_now(); };
   wex_handle_netlink_exit(old_pid, 9, 0);
   before_third_part = nullptr;

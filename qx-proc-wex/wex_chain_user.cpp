@@ -1,0 +1,393 @@
+// wex_chain_user: as whom a registered process runs.
+//
+// g_mutex guards the sets. One that is there is never changed or given back, so whoever has found it may use
+// it without the mutex, a forked child too.
+#define WEX_MODULE "wex_chain"
+#include "wex_chain_user.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "dir_walk.h"
+#include "mutex_lock.h"
+#include "priority_mutex.h"
+#include "safe_io.h"
+#include "text_buffer.h"
+#include "text_number.h"
+#include "unique_fd.h"
+#include "wex_dbg.h"
+#include "wex_flag_file.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_strict.h"
+#include "wex_utils.h"
+
+namespace {
+
+constexpr size_t kStatusSize = 4096;
+constexpr size_t kKeptSize = WEX_PROCESS_SIZE + 16 * (kUserGroupsMax + 8);
+constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its database file was read
+
+priority_mutex g_mutex;
+const wex_user* g_users[kUsersKept] WEX_TSA(guarded_by(g_mutex));
+int32_t g_user_count WEX_TSA(guarded_by(g_mutex)) = 0;
+
+std::atomic<bool> g_keeping{false};
+
+// ---- sets of ids ------------------------------------------------------------------------------------------
+
+size_t size_of(const wex_user& user) {
+  return offsetof(wex_user, groups) + static_cast<size_t>(user.group_count) * sizeof user.groups[0];
+}
+
+// The number of this set; kUnknownUser when there is no room or no memory for one more.
+int32_t number_of(const wex_user& user) {
+  const size_t size = size_of(user);
+  const mutex_lock hold(g_mutex);
+  for (int32_t at = 0; at < g_user_count; ++at) {
+    if (g_users[at]->group_count == user.group_count && memcmp(g_users[at], &user, size) == 0) {
+      return at + 1;
+    }
+  }
+  void* const memory = g_user_count < kUsersKept ? calloc(1, sizeof user) : nullptr;
+  if (memory == nullptr) {
+    return kUnknownUser;
+  }
+  g_users[g_user_count] = static_cast<const wex_user*>(memcpy(memory, &user, size));
+  return ++g_user_count;
+}
+
+const wex_user* user_numbered(int32_t number) {
+  const mutex_lock hold(g_mutex);
+  return number >= 1 && number <= g_user_count ? g_users[number - 1] : nullptr;
+}
+
+// ---- what /proc tells -------------------------------------------------------------------------------------
+
+struct seen_ids {
+  wex_user user;
+  uid_t effective;  // owns the files that the process makes
+};
+
+// An id of 32 bits behind blanks; steps behind it.
+bool scan_id(const char** at, uint32_t* id) {
+  int64_t value = 0;
+  if (!scan_integer(at, &value) || value < 0 || value > UINT32_MAX) {
+    return false;
+  }
+  *id = static_cast<uint32_t>(value);
+  return true;
+}
+
+// Behind the key at the beginning of a line of /proc/PID/status, or null.
+const char* find_key(const char* text, const char* key) {
+  const char* const line = strstr(text, key);
+  return line != nullptr ? line + strlen(key) : nullptr;
+}
+
+// Of more groups than there is room for the first ones are taken: a group less never allows more.
+void scan_groups(const char* at, wex_user* user) {
+  const size_t length = strcspn(at, "\n");
+  const char* const end = at + length;
+  while (at < end && user->group_count < kUserGroupsMax) {
+    at += strspn(at, " \t");
+    if (at >= end || !scan_id(&at, &user->groups[user->group_count])) {
+      return;
+    }
+    ++user->group_count;
+  }
+}
+
+bool read_ids(int32_t pid, seen_ids* ids) {
+  char path[kPathSize];
+  char text[kStatusSize];
+  wex_format(path, sizeof path, kProcStatusFmt, pid);
+  if (wex_read_to_buf(path, text, sizeof text) <= 0) {
+    return false;
+  }
+  const char* uid = find_key(text, "\nUid:\t");
+  const char* gid = find_key(text, "\nGid:\t");
+  const char* const groups = find_key(text, "\nGroups:\t");
+  *ids = {};
+  if (uid == nullptr || gid == nullptr || groups == nullptr || !scan_id(&uid, &ids->user.uid) ||
+      !scan_id(&uid, &ids->effective) || !scan_id(&gid, &ids->user.gid)) {
+    return false;
+  }
+  scan_groups(groups, &ids->user);
+  return true;
+}
+
+// The ids of the very process that the record is of.
+bool read_ids_of(const wex_pid* rec, seen_ids* ids) {
+  const int32_t process = rec->thread_of > 0 ? rec->thread_of : rec->pid;
+  char state = 0;
+  uint64_t started = 0;
+  return rec->start_time != 0 && read_ids(process, ids) && wex_proc_stat(process, &state, &started) &&
+         started == rec->start_time;
+}
+
+// ---- what is kept -----------------------------------------------------------------------------------------
+
+// Adds formatted text at the end of what is there; what does not fit is cut, and the text is useless then.
+void add_number(char* text, size_t size, int64_t value) {
+  const size_t length = strlen(text);
+  wex_format(text + length, size - length, "%lld ", static_cast<long long>(value));
+}
+
+// "domain action uid gid number-of-groups groups...", and the command in a line of its own.
+void describe(const wex_pid* rec, const wex_user& user, char (&text)[kKeptSize]) {
+  text[0] = '\0';
+  for (const int64_t value : {int64_t{rec->vsd}, int64_t{rec->action}, int64_t{user.uid}, int64_t{user.gid},
+                              int64_t{user.group_count}}) {
+    add_number(text, sizeof text, value);
+  }
+  for (int32_t at = 0; at < user.group_count; ++at) {
+    add_number(text, sizeof text, user.groups[at]);
+  }
+  const size_t length = strlen(text);
+  wex_format(text + length, sizeof text - length, "\n%s", rec->process);
+}
+
+// The same read back: false when it is not of this domain and action, or damaged.
+bool understand(const char* text, const wex_pid* rec, wex_user* user, const char** command) {
+  int32_t vsd = 0;
+  int32_t action = 0;
+  *user = {};
+  if (!scan_number(&text, &vsd) || !scan_number(&text, &action) || !scan_id(&text, &user->uid) ||
+      !scan_id(&text, &user->gid) || !scan_number(&text, &user->group_count) || vsd != rec->vsd ||
+      action != rec->action || user->group_count < 0 || user->group_count > kUserGroupsMax) {
+    return false;
+  }
+  for (int32_t at = 0; at < user->group_count; ++at) {
+    if (!scan_id(&text, &user->groups[at])) {
+      return false;
+    }
+  }
+  *command = strchr(text, '\n');
+  return *command != nullptr && *++*command != '\0';
+}
+
+// Whether `whole` is the command that a database file gave, which may have been cut.
+bool is_command_of(const char* whole, const wex_pid* rec) {
+  char command[WEX_PROCESS_SIZE];
+  wex_copy_text(command, sizeof command, rec->process);
+  rtrim(command);
+  const size_t length = strlen(command);
+  return strncmp(whole, command, length) == 0 && (whole[length] == '\0' || length >= kSurelyWhole);
+}
+
+// What was kept of this registration. Its whole command takes the place of one that was cut.
+bool recall(wex_pid* rec, wex_user* user) {
+  char path[kPathSize];
+  char text[kKeptSize];
+  const char* command = nullptr;
+  wex_format(path, sizeof path, kUserFileFmt, rec->pid);
+  if (!g_keeping.load() || rec->pid < 1 || wex_read_to_buf(path, text, sizeof text) <= 0 ||
+      !understand(text, rec, user, &command) || !is_command_of(command, rec)) {
+    return false;
+  }
+  wex_copy_text(rec->process, sizeof rec->process, command);
+  return true;
+}
+
+// ---- database files ---------------------------------------------------------------------------------------
+
+// Whether only the owner can have written what stands there. Anybody may give a file that is not his another
+// name, on kernels that do not forbid it; of those only database files are executable.
+bool is_owners_alone(const struct stat& facts) {
+  return (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0 && (facts.st_mode & S_IXUSR) != 0 && facts.st_nlink == 1;
+}
+
+bool judge_living(wex_pid* rec, const struct stat& facts, const seen_ids& ids) {
+  char command[WEX_PROCESS_SIZE];
+  wex_user kept;
+  const bool was_kept = recall(rec, &kept);
+  const bool owner_may =
+      was_kept || facts.st_uid == 0 || facts.st_uid == ids.user.uid || facts.st_uid == ids.effective;
+  const bool content_counts = was_kept || is_owners_alone(facts) ||
+                              (wex_read_command(rec->pid, command, sizeof command) == command_read::whole &&
+                               is_command_of(command, rec));
+  rec->user = owner_may && content_counts ? number_of(ids.user) : kUnknownUser;
+  return rec->user != kUnknownUser;
+}
+
+bool judge_dead(wex_pid* rec, const struct stat& facts) {
+  wex_user user;
+  if (recall(rec, &user)) {
+    if (facts.st_uid != 0 && facts.st_uid != user.uid) {
+      return false;
+    }
+  } else if (is_owners_alone(facts)) {
+    user = {facts.st_uid, facts.st_gid, 0, {}};
+  } else {
+    return false;
+  }
+  rec->user = number_of(user);
+  return rec->user != kUnknownUser;
+}
+
+}  // namespace
+
+const wex_user* wex_user_of(const wex_pid* rec) {
+  return rec->user != kUnknownUser ? user_numbered(rec->user) : nullptr;
+}
+
+bool wex_same_user(const wex_pid* one, const wex_pid* other) {
+  if (one->user == other->user) {
+    return true;
+  }
+  const wex_user* const first = wex_user_of(one);
+  const wex_user* const second = wex_user_of(other);
+  return first != nullptr && second != nullptr && first->uid == second->uid;
+}
+
+bool wex_note_user(wex_pid* rec) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  seen_ids ids;
+  rec->user = read_ids_of(rec, &ids) ? number_of(ids.user) : kUnknownUser;
+  return rec->user != kUnknownUser;
+}
+
+uint64_t wex_strict_start_of(int32_t pid) {
+  char state = 0;
+  uint64_t started = 0;
+  return wex_strict().on && pid > 0 && wex_proc_stat(pid, &state, &started) ? started : 0;
+}
+
+void wex_find_user(wex_pid* rec) {
+  const uint64_t started = wex_strict_start_of(rec->pid);
+  seen_ids ids;
+  const bool known = started != 0 && read_ids(rec->pid, &ids) && wex_strict_start_of(rec->pid) == started;
+  rec->user = known ? number_of(ids.user) : kUnknownUser;
+}
+
+void wex_note_thread_user(wex_pid* rec) {
+  const uint64_t started = wex_strict_start_of(rec->pid);
+  if (started == 0) {
+    return;
+  }
+  seen_ids owner;
+  wex_find_user(rec);
+  const wex_user* const user = wex_user_of(rec);
+  const bool of_process = wex_get_ppid_form_pid(rec->pid) == rec->ppid && user != nullptr &&
+                          read_ids(rec->ppid, &owner) && owner.user.uid == user->uid;
+  if (!of_process || wex_strict_start_of(rec->pid) != started) {
+    rec->user = kUnknownUser;
+  }
+}
+
+void wex_begin_users() {
+  if (!wex_strict().on) {
+    return;
+  }
+  struct stat facts = {};
+  mkdir(kUsersParent, kOwnDirMode);  // a device may have none
+  mkdir(kUsersDir, kUsersDirMode);
+  const bool usable = lstat(kUsersDir, &facts) == 0 && S_ISDIR(facts.st_mode) && facts.st_uid == 0 &&
+                      chmod(kUsersDir, kUsersDirMode) == 0;
+  if (!usable) {
+    wex_dbg(WEX_DBG_PUB, "%s cannot be used: %s\n", kUsersDir, strerror(errno));
+  }
+  g_keeping.store(usable);
+}
+
+void wex_end_users() {
+  g_keeping.store(false);
+}
+
+void wex_keep_user(const wex_pid* rec) {
+  const wex_user* const user = g_keeping.load() && rec->pid > 0 ? wex_user_of(rec) : nullptr;
+  if (user == nullptr) {
+    return;
+  }
+  char path[kPathSize];
+  char text[kKeptSize];
+  wex_format(path, sizeof path, kUserFileFmt, rec->pid);
+  describe(rec, *user, text);
+  const unique_fd file(
+      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kUserFileMode));
+  const size_t length = strlen(text);
+  if (!file.valid() || safe_write(file.get(), text, length) != static_cast<int32_t>(length)) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s cannot be written: %s\n", __func__, path, strerror(errno));
+  }
+}
+
+void wex_forget_user(int32_t pid) {
+  char path[kPathSize];
+  if (g_keeping.load() && pid > 0 && wex_format(path, sizeof path, kUserFileFmt, pid)) {
+    unlink(path);
+  }
+}
+
+void wex_own_database_file(const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  char name[kPathSize];
+  struct stat facts = {};
+  if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
+    return;
+  }
+  if (facts.st_uid != 0 && facts.st_uid != user->uid) {
+    wex_db_destroy(rec);
+    wex_mend_pidfile(rec);
+  }
+  if (user->uid != 0 && lstat(name, &facts) == 0 && facts.st_uid == 0 && facts.st_nlink == 1 &&
+      lchown(name, user->uid, user->gid) != 0) {
+    wex_db_destroy(rec);  // as root's it would have the program started as root, were the rest forgotten
+  }
+}
+
+void wex_tidy_users(bool (*has_record)(int32_t pid)) {
+  if (!g_keeping.load()) {
+    return;
+  }
+  dir_walk kept(kUsersDir);
+  while (const dirent* const entry = kept.valid() ? kept.next() : nullptr) {
+    const int32_t pid = text_to_number(entry->d_name);
+    if (pid > 0 && !has_record(pid)) {
+      unlinkat(kept.fd(), entry->d_name, 0);
+    }
+  }
+}
+
+bool wex_may_restart_device(const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  return !wex_strict().on || (user != nullptr && user->uid == 0);
+}
+
+int32_t wex_domain_of(const wex_pid* rec, int32_t pid) {
+  const wex_user* const user = wex_user_of(rec);
+  return wex_find_domain(pid, user != nullptr ? &user->uid : nullptr);
+}
+
+bool wex_runs_as(int32_t pid, const wex_pid* rec) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  seen_ids ids;
+  const wex_user* const user = wex_user_of(rec);
+  return user != nullptr && read_ids(pid, &ids) && ids.user.uid == user->uid;
+}
+
+bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  wex_pid now = {};
+  now.pid = rec->pid;
+  char state = 0;
+  seen_ids ids;
+  const bool lives = wex_proc_stat(rec->pid, &state, &now.start_time) && !wex_is_dead_state(state) &&
+                     read_ids_of(&now, &ids);
+  return lives ? judge_living(rec, facts, ids) : judge_dead(rec, facts);
+}
+
+bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts) {
+  return !wex_strict().on || judge_dead(rec, facts);
+}

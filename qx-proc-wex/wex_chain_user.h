@@ -1,0 +1,83 @@
+// wex_chain_user: as whom a registered process runs, so that it is started again as the same one and never
+// with more (strict mode).
+//
+// What counts are the real ids. A process may always become its real user, so these are never more than it
+// had; and a program with a set-user-id bit gets from its execution what it got before. The same sets of ids
+// come again and again, so a record holds the number of a set. Without strict mode no record has one, and
+// nothing here makes a system call.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "wex.h"
+#include "wex_limits.h"
+
+struct wex_user {
+  uid_t uid;
+  gid_t gid;
+  int32_t group_count;
+  gid_t groups[kUserGroupsMax];  // supplementary groups
+};
+
+inline constexpr int32_t kUnknownUser = 0;
+
+// The set of a record's number, or null for kUnknownUser. It lasts as long as the daemon. Any thread.
+const wex_user* wex_user_of(const wex_pid* rec);
+
+// Whether both are of the same user; so are all when their users are not known.
+bool wex_same_user(const wex_pid* one, const wex_pid* other);
+
+// Sets rec->user to the user of the process that the record is of, which is known by rec->start_time. False
+// when that process has gone meanwhile, cannot be read, or there is no room for one more set. Without strict
+// mode true, and nothing is set.
+bool wex_note_user(wex_pid* rec);
+
+// The start time of a process or thread; 0 without strict mode, or when it cannot be read. Two looks that
+// give the same one saw the same process, and so did whatever was read in between.
+uint64_t wex_strict_start_of(int32_t pid);
+
+// Sets the user of a living process, or of a thread under hang detection, that is not known by its start time
+// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it.
+void wex_find_user(wex_pid* rec);
+void wex_note_thread_user(wex_pid* rec);
+
+// Whether what becomes of the record's program may restart the device: in strict mode only root's may.
+bool wex_may_restart_device(const wex_pid* rec);
+
+// The domain of the record's process, by its flag file; -1 when there is none. In strict mode only root and
+// the record's user may say it.
+int32_t wex_domain_of(const wex_pid* rec, int32_t pid);
+
+// Whether this process, found by its command line, runs as the record's user. Without strict mode true.
+bool wex_runs_as(int32_t pid, const wex_pid* rec);
+
+// ---- For the daemon's next life ---------------------------------------------------------------------------
+
+// Makes the directory in which the users of registrations are kept, readable to root alone. Once, at the
+// start. From wex_end_users() on nothing is kept or forgotten any more: the daemon ends, and its
+// registrations are for the next one.
+void wex_begin_users();
+void wex_end_users();
+
+// Keeps the record's user under its pid, or forgets what was kept there. Caller holds wex_chains.
+void wex_keep_user(const wex_pid* rec);
+void wex_forget_user(int32_t pid);
+
+// Forgets what was kept for pids without a record. Once, when the registry is there.
+void wex_tidy_users(bool (*has_record)(int32_t pid));
+
+// Has the record's database file belong to its user. What somebody else has put at its name is replaced: it
+// would not count, and its owner can still write to it. Caller holds wex_chains.
+void wex_own_database_file(const wex_pid* rec);
+
+// Sets rec->user for a registration that was read from a database file with these facts. A living process is
+// asked itself; of a dead one the user was kept; of one that nobody kept it is at most the file's owner. A
+// file that others may have written counts only when it says what the process itself, or what was kept, says.
+// False when the file does not count, or its owner may not speak for the process. Without strict mode true.
+bool wex_judge_file(wex_pid* rec, const struct stat& facts);
+
+// The same for one whose process is known to have gone: another one may have its pid.
+bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts);

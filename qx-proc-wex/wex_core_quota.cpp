@@ -1,0 +1,21 @@
+// wex_core_quota: how many registrations a user may have.
+//
+// They are counted when one more is wanted: that is seldom, and a number of its own for each user would have
+// to be right wherever a record comes and goes.
+#include "wex_core_quota.h"
+
+#include "wex_chain_user.h"
+#include "wex_strict.h"
+
+bool __wex_has_room(const wex_chains_t* chain, const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  if (!wex_strict().on || (user != nullptr && user->uid == 0)) {
+    return true;
+  }
+  int32_t count = 0;
+  record_walk walk(*chain);
+  while (const wex_pid* const other = walk.next()) {
+    count += wex_same_user(other, rec) ? 1 : 0;
+  }
+  return count < wex_strict().registrations;
+}

@@ -1,0 +1,8 @@
+// wex_core_quota: how many registrations a user may have (strict mode).
+#pragma once
+
+#include "wex_chain.h"
+
+// Whether the chain may take this record, of which rec->user is set: root's always, a user's while he has
+// fewer than he may have. Without strict mode true.
+bool __wex_has_room(const wex_chains_t* chain, const wex_pid* rec) WEX_TSA(requires_capability(chain));

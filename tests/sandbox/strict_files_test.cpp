@@ -1,0 +1,121 @@
+// Strict mode: directories are root's, and files of users count for what is theirs alone.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include "strict_world.h"
+
+namespace {
+
+using namespace strict_world;
+
+struct StrictFiles : Strict {
+  void TearDown() override {
+    Strict::TearDown();
+    EXPECT_EQ(0, chmod("/data", 0777));
+  }
+};
+
+struct stat facts_of(const std::string& path) {
+  struct stat facts = {};
+  EXPECT_EQ(0, lstat(path.c_str(), &facts)) << path;
+  return facts;
+}
+
+void give_to_user(const std::string& path, mode_t mode) {
+  ASSERT_EQ(0, chown(path.c_str(), kUser, kUser));
+  ASSERT_EQ(0, chmod(path.c_str(), mode));
+}
+
+std::string directory_of(pid_t pid) {
+  char target[256] = {};
+  return readlink(("/proc/" + text(pid) + "/cwd").c_str(), target, sizeof target - 1) > 0 ? target : "";
+}
+
+}  // namespace
+
+TEST_F(StrictFiles, DirectoriesAreStickyOrClosedAndRoots) {
+  for (const char* path : {"/tmp/wex", "/tmp/vsd/0/wex", "/tmp/vsd_common"}) {
+    make_dirs(path);
+    give_to_user(path, 0777);
+  }
+  give_to_user("/tmp/vsd", 0777);
+  ASSERT_EQ(0, chmod("/data", 0777));
+  make_dirs("/data/.ovix/vsd_common");
+  ASSERT_EQ(0, chmod("/data/.ovix/vsd_common", 0700));
+  start();
+  for (const char* path : {"/tmp/wex", "/tmp/vsd/0/wex", "/tmp/vsd/0/wex/db"}) {
+    EXPECT_EQ(01777U, facts_of(path).st_mode & 07777) << path;
+    EXPECT_EQ(0U, facts_of(path).st_uid) << path;
+  }
+  for (const char* path : {"/tmp/vsd", "/tmp/vsd/0", "/tmp/vsd_common", "/data", "/data/.ovix", "/ovix",
+                           "/qx_cfg", "/data/var/run/vsd", "/etc/vsd"}) {
+    EXPECT_EQ(0755U, facts_of(path).st_mode & 07777) << path;
+    EXPECT_EQ(0U, facts_of(path).st_uid) << path;
+  }
+  EXPECT_EQ(0700U, mode_of("/data/.ovix/vsd_common")) << "nothing is opened";
+}
+
+TEST_F(StrictFiles, AUserCannotRemoveOrReplaceWhatIsTheDaemons) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_TRUE(as_user([&] {
+    const std::string database = std::string(kMainDbDir) + "/actor." + text(roots.pid());
+    for (const std::string& path : {std::string(kControlSocket), std::string(kLockFile), database}) {
+      if (unlink(path.c_str()) == 0 || rename(path.c_str(), "/tmp/taken") == 0 ||
+          rename("/tmp/ready", path.c_str()) == 0) {
+        return false;
+      }
+    }
+    return rename("/tmp/wex", "/tmp/taken") != 0 && rename("/tmp/vsd", "/tmp/taken") != 0 &&
+           rename("/tmp/vsd/0/wex", "/tmp/vsd/0/taken") != 0 && mkdir("/tmp/vsd/3", 0777) != 0 &&
+           open(kKillDebug, O_CREAT | O_WRONLY, 0666) < 0 &&
+           !exists(std::string(kUsersDir) + "/" + text(roots.pid()));
+  }));
+  EXPECT_TRUE(exists(std::string(kUsersDir) + "/" + text(roots.pid())));
+}
+
+// Neither the end of the daemon nor that of a restart.
+TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
+  make_dirs("/tmp/vsd/5");
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  give_to_user("/tmp/vsd/5/delete_vsd", 0666);
+  start();
+  Process& service = process();
+  ASSERT_TRUE(start_service(&service, {"--tag=service"}));
+  ASSERT_TRUE(as_user([] {
+    write_file(kForkFile, "aaaaaaaaaa");
+    return read_file(kForkFile).size() == 10;
+  }));
+  EXPECT_TRUE(log_says("/tmp/wex/forkfile does not count: its owner may not say what it says."));
+  send_signal(service.pid(), SIGKILL);
+  EXPECT_GT(wait_for_actor(service_words({"--tag=service"}), service.pid(), 20s), 0) << read_console();
+  EXPECT_TRUE(log_says("/tmp/vsd/5/delete_vsd does not count"));
+  EXPECT_TRUE(daemon.running());
+  ASSERT_EQ(0, chown("/tmp/vsd/5/delete_vsd", 0, 0));
+  EXPECT_TRUE(log_says("/tmp/vsd/5/delete_vsd exists, exited processes are not restarted."));
+}
+
+TEST_F(StrictFiles, AFlagFileCountsForAProcessOfItsOwner) {
+  make_dirs("/tmp/vsd/5/wex");
+  make_dirs("/data/var/run/vsd/5");
+  start();
+  Process& roots = process();
+  Process& own = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_TRUE(start_service(&own, {"--tag=own"}));
+  for (const pid_t pid : {roots.pid(), own.pid()}) {
+    const std::string flag = "/tmp/vsd/5/wex/" + text(pid);
+    write_file(flag, "");
+    give_to_user(flag, 0666);
+    send_signal(pid, SIGKILL);
+  }
+  const pid_t next = wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("/", directory_of(next));
+  EXPECT_TRUE(log_says("/tmp/vsd/5/wex/" + text(roots.pid()) + " does not count"));
+  const pid_t owns = wait_for_actor(service_words({"--tag=own"}), own.pid(), 20s);
+  ASSERT_GT(owns, 0) << read_console();
+  EXPECT_EQ("/data/var/run/vsd/5", directory_of(owns));
+  EXPECT_EQ("77 3001", ids_of(owns, "Groups")) << "the domain's group is more than it had";
+}

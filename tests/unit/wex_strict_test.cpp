@@ -1,0 +1,158 @@
+// What counts in strict mode: of each marker and switch root's alone, and without the mode everybody's.
+#include "wex_strict.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "file_lock.h"
+#include "unit_support.h"
+#include "wex_chain_user.h"
+#include "wex_core_crash.h"
+#include "wex_core_takedown.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_proc.h"
+#include "wex_test.h"
+#include "wex_utils_settings.h"
+#include "wex_vsd.h"
+
+namespace {
+
+using namespace wex_test;
+using unit::kOtherUser;
+
+constexpr char kMarker[] = "/tmp/vsd/5/delete_vsd";
+
+struct switch_row {
+  const char* path;
+  const char* content;
+  std::function<bool()> counts;
+};
+const switch_row kSwitches[] = {
+    {kDebugLog, "", [] { return debug_log() == 0; }},
+    {kDebugTime, "77", [] { return debug_time() == 77; }},
+    {kMarker, "", [] { return wex_take_down_under_way(); }},
+    {kNoReboot, "", [] { return wex_counts(kNoReboot); }},
+};
+
+void note_crash(wex_pid* rec) WEX_TSA(no_thread_safety_analysis) {
+  __wex_note_crash(rec);
+}
+
+struct WexStrict : ::testing::Test {
+  void SetUp() override { make_dirs("/tmp/vsd/5"); }
+  void TearDown() override { wex_set_strict({}); }
+  static void be_strict() {
+    strict_settings settings;
+    settings.on = true;
+    wex_set_strict(settings);
+  }
+};
+
+}  // namespace
+
+TEST_F(WexStrict, ASwitchIsRootsAlone) {
+  for (const switch_row& row : kSwitches) {
+    SCOPED_TRACE(row.path);
+    wex_set_strict({});
+    write_file(row.path, row.content);
+    ASSERT_EQ(0, chown(row.path, kOtherUser, kOtherUser));
+    EXPECT_TRUE(row.counts()) << "without the mode everybody may make it";
+    be_strict();
+    EXPECT_FALSE(row.counts());
+    char told[kPathSize];
+    ASSERT_TRUE(wex_take_ignored_name(told));
+    EXPECT_STREQ(row.path, told);
+    EXPECT_FALSE(row.counts());
+    EXPECT_FALSE(wex_take_ignored_name(told)) << "told once";
+    ASSERT_EQ(0, chown(row.path, 0, 0));
+    EXPECT_TRUE(row.counts());
+    const std::string second = std::string(row.path) + "2";
+    ASSERT_EQ(0, link(row.path, second.c_str()));
+    EXPECT_FALSE(row.counts()) << "anybody may have given it this name";
+    unlink(second.c_str());
+    unlink(row.path);
+    EXPECT_FALSE(row.counts());
+  }
+}
+
+// Ten core dumps, or two self-check waits, restart the device: a user's programs must not be able to.
+TEST_F(WexStrict, OnlyRootsProgramsRestartTheDevice) {
+  wex_pid rec = {};
+  rec.reboot_allow = 1;
+  for (const bool strict : {false, true}) {
+    for (const uid_t user : {uid_t{0}, kOtherUser}) {
+      const child program([&] { return setresuid(user, user, user) == 0; });
+      ASSERT_TRUE(program.ready());
+      wex_set_strict({});
+      if (strict) {
+        be_strict();
+      }
+      rec.pid = program.pid();
+      rec.crash_time = 0;
+      wex_find_user(&rec);
+      note_crash(&rec);
+      EXPECT_EQ(!strict || user == 0, rec.crash_time != 0) << strict << user;
+      EXPECT_EQ(!strict || user == 0, wex_reboot_is_due(&rec, 5)) << strict << user;
+    }
+  }
+}
+
+// Whoever may read a database file may lock it.
+TEST_F(WexStrict, ALockHoldsARestartUpOnlyWhenTheProgramHasIt) {
+  make_dirs(kMainDbDir);
+  wex_pid rec = {};
+  strcpy(rec.process, "/bin/locked");
+  const child holder([&] {
+    rec.pid = getpid();
+    const std::string path = std::string(kMainDbDir) + "/locked." + std::to_string(getpid());
+    write_file(path, "x", 0755);
+    return wex_lock_file(open(path.c_str(), O_RDWR));
+  });
+  ASSERT_TRUE(holder.ready());
+  rec.pid = holder.pid();
+  be_strict();
+  EXPECT_EQ(0, wex_proc_is_exit(&rec)) << "its own";
+  const std::string path = std::string(kMainDbDir) + "/locked." + std::to_string(rec.pid);
+  rec.pid = child::reaped();
+  ASSERT_EQ(0,
+            rename(path.c_str(), (std::string(kMainDbDir) + "/locked." + std::to_string(rec.pid)).c_str()));
+  EXPECT_EQ(1, wex_proc_is_exit(&rec)) << "somebody else's";
+  wex_set_strict({});
+  EXPECT_EQ(0, wex_proc_is_exit(&rec));
+}
+
+TEST_F(WexStrict, ANameCannotWriteLinesIntoTheLog) {
+  char told[kPathSize];
+  wex_ignore_name("/tmp/a\nb\x1b");
+  ASSERT_TRUE(wex_take_ignored_name(told));
+  EXPECT_STREQ("/tmp/a?b?", told);
+}
+
+// The status of every process has lines of these keys; only those at a line's beginning count.
+TEST_F(WexStrict, AUserIsReadOnceAndKnownAgain) {
+  be_strict();
+  wex_pid own = {};
+  own.pid = getpid();
+  wex_find_user(&own);
+  const wex_user* const user = wex_user_of(&own);
+  ASSERT_NE(nullptr, user);
+  EXPECT_EQ(getuid(), user->uid);
+  EXPECT_EQ(getgid(), user->gid);
+  wex_pid again = {};
+  again.pid = getpid();
+  wex_find_user(&again);
+  EXPECT_EQ(own.user, again.user);
+  EXPECT_TRUE(wex_same_user(&own, &again));
+  wex_pid gone = {};
+  gone.pid = child::reaped();
+  wex_find_user(&gone);
+  EXPECT_EQ(kUnknownUser, gone.user);
+  EXPECT_FALSE(wex_same_user(&own, &gone));
+}
