@@ -162,12 +162,23 @@ struct OddFiles : WexWorld {
     const bool well = daemon.start() && restarts("plain", SIGKILL) && restarts("crashing", SIGSEGV) &&
                       restarts_by_script() && next_daemon_knows_it() && ended_by(daemon.stop(), SIGINT);
     daemon.kill_now();
+    end_services();
     return well;
   }
 
   Daemon daemon;
 
  private:
+  // Those that the daemon has started are not children of this process.
+  static void end_services() {
+    for (const pid_t pid : processes_inside()) {
+      if (program_of(pid) == actor_binary()) {
+        ASSERT_GT(pid, 0);
+        send_signal(pid, SIGKILL);
+        EXPECT_TRUE(eventually([pid] { return !is_alive(pid); }, 20s));
+      }
+    }
+  }
   static bool restarts(const std::string& tag, int signal) {
     Service service(tag);
     if (!service.start()) {
