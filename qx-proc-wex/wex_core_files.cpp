@@ -11,13 +11,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "chain_lock.h"
 #include "dir_walk.h"
 #include "text_buffer.h"
 #include "text_number.h"
-#include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
@@ -64,14 +62,6 @@ struct successor {
   char command[WEX_PROCESS_SIZE];
 };
 
-// Whether the process began after the file was written.
-bool began_after(const process_look& process, const char* path) {
-  struct stat file;
-  const int64_t start = wex_start_on_clock_ms(process.start_time);
-  return process.sight == process_look::seen && start > 0 && lstat(path, &file) == 0 &&
-         (int64_t{time(nullptr)} - file.st_mtime) * 1000 - (wex_clock_ms() - start) > kFileBeforeProcessMs;
-}
-
 // False when the process that has the pid may be the file's own, which may be about to take its lock: the
 // file is not to be opened. Nothing is held yet, for /proc may have to wait for that process's memory.
 bool file_is_left_behind(int32_t pid, const char* path, successor* now) {
@@ -81,7 +71,7 @@ bool file_is_left_behind(int32_t pid, const char* path, successor* now) {
   }
   const process_look look = wex_look_at(pid);
   now->start_time = look.start_time;
-  return began_after(look, path) &&
+  return wex_began_after_file(look, path) &&
          (wex_read_command(pid, now->command, sizeof now->command) != command_read::nothing ||
           errno == ENOENT);
 }
@@ -95,7 +85,7 @@ bool is_not_the_files(const successor& now, const wex_pid* rec) {
   }
   const process_look look = wex_look_at(rec->pid);
   return look.sight == process_look::seen && look.start_time == now.start_time &&
-         strncmp(now.command, rec->process, strlen(rec->process)) != 0 &&
+         wex_is_other_command(now.command, rec->process) &&
          std::max(find_app(rec->pid), kMainSystem) == rec->vsd;
 }
 
