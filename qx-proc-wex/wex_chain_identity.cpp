@@ -15,9 +15,16 @@
 namespace {
 
 constexpr int64_t kSecondNs = 1000000000;
+constexpr int64_t kMillisecondNs = 1000000;
 
 int64_t nanoseconds(const timespec& time) {
   return int64_t{time.tv_sec} * kSecondNs + time.tv_nsec;
+}
+
+// Of a start time; 0 when it is not known.
+int64_t ticks_to_ms(uint64_t start_time) {
+  const auto ticks_per_second = static_cast<uint64_t>(std::max<long>(sysconf(_SC_CLK_TCK), 1));
+  return start_time > INT64_MAX / 1000 ? 0 : static_cast<int64_t>(start_time * 1000 / ticks_per_second);
 }
 
 // Before Linux 2.6.39 only this file tells the boot time, in hundredths of a second.
@@ -76,12 +83,20 @@ uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset
 }
 
 int64_t wex_start_on_clock_ms(uint64_t start_time) {
-  const auto ticks_per_second = static_cast<uint64_t>(std::max<long>(sysconf(_SC_CLK_TCK), 1));
-  if (start_time == 0 || start_time > INT64_MAX / 1000) {
-    return 0;
-  }
-  const auto since_boot = static_cast<int64_t>(start_time * 1000 / ticks_per_second);
-  return std::max<int64_t>(since_boot - wex_boot_offset_ns() / 1000000, 0);
+  const int64_t since_boot = ticks_to_ms(start_time);
+  return since_boot == 0 ? 0 : std::max<int64_t>(since_boot - wex_boot_offset_ns() / kMillisecondNs, 0);
+}
+
+bool wex_started_after(uint64_t start_time, int64_t written_ns) {
+  timespec monotonic = {};
+  timespec wall = {};
+  clock_gettime(CLOCK_MONOTONIC, &monotonic);
+  clock_gettime(CLOCK_REALTIME, &wall);
+  // Since the boot, for both: the wall clock goes on while the device is suspended, the monotonic one does
+  // not.
+  const int64_t now_ms = (nanoseconds(monotonic) + wex_boot_offset_ns()) / kMillisecondNs;
+  const int64_t written_ms = now_ms - (nanoseconds(wall) - written_ns) / kMillisecondNs;
+  return start_time > 0 && ticks_to_ms(start_time) > written_ms + kFileClockSlackMs;
 }
 
 int64_t wex_clock_shift(int64_t least_delay_ns) {

@@ -66,5 +66,10 @@ int64_t wex_clock_shift(int64_t least_delay_ns);
 // or was before that clock began.
 int64_t wex_start_on_clock_ms(uint64_t start_time);
 
+// True when a process with this start time began surely after the wall clock showed `written_ns`. A wall
+// clock that was set ahead meanwhile makes all processes seem younger than files, so this alone proves
+// nothing.
+bool wex_started_after(uint64_t start_time, int64_t written_ns);
+
 // How much the boot clock is ahead of the monotonic clock now.
 int64_t wex_boot_offset_ns();

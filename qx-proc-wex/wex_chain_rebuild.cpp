@@ -4,6 +4,8 @@
 #define WEX_MODULE "wex_chain"
 #include "wex_chain_rebuild.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -42,19 +44,35 @@ namespace {
 
 constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its file was read
 
-// Another process may have got the pid of a dead program. The registration does not show that for certain, so
-// it is kept; the line tells an operator why the program does not run.
-void tell_stranger(const wex_pid* rec) {
-  char command[WEX_PROCESS_SIZE];
-  if (!wex_dbg_on(WEX_DBG_PUB) || pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
-    return;
+// What the process that has the record's pid runs, when that is not the registered command line.
+bool runs_another(const wex_pid* rec, char (&command)[WEX_PROCESS_SIZE]) {
+  if (pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
+    return false;
   }
   const size_t length = strlen(rec->process);
-  const bool same =
-      strncmp(command, rec->process, length) == 0 && (command[length] == '\0' || length >= kSurelyWhole);
-  if (!same) {
-    wex_dbg(WEX_DBG_PUB, "pid (%d) of %s runs %s\n", rec->pid, rec->process, command);
+  return strncmp(command, rec->process, length) != 0 || (command[length] != '\0' && length < kSurelyWhole);
+}
+
+// True when the process began after the registration was written.
+bool began_later(const wex_pid* rec) {
+  char path[kPathSize];
+  struct stat file = {};
+  const process_look now = wex_look_at(rec->pid);
+  return now.sight == process_look::seen && wex_name_pidfile(rec, path) && lstat(path, &file) == 0 &&
+         wex_started_after(now.start_time, int64_t{file.st_mtim.tv_sec} * 1000000000 + file.st_mtim.tv_nsec);
+}
+
+// Another process may have got the pid of a dead program. A program may run another command line than it was
+// registered with, and one that closed all its descriptors has lost the lock on its file; so only when all
+// three signs are there is the program started again, which would otherwise not run until that process ends.
+// The line tells an operator what has the pid.
+bool is_stranger(const wex_pid* rec) {
+  char command[WEX_PROCESS_SIZE];
+  if (!runs_another(rec, command)) {
+    return false;
   }
+  wex_dbg(WEX_DBG_PUB, "pid (%d) of %s runs %s\n", rec->pid, rec->process, command);
+  return began_later(rec) && wex_proc_is_exit(rec) == 1;
 }
 
 // Starts the record's program again and files it under its new pid, which is below 1 when the process was not
@@ -184,6 +202,16 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   }
 }
 
+// The record's process lives on.
+void take_over(wex_pid* rec) {
+  // Not after the restarts: they may take long, and a stranger may have got the pid by then.
+  wex_note_identity(rec);
+  wex_status_found(rec, wex_start_on_clock_ms(rec->start_time));
+  if (rec->thread_of != 0) {
+    wex_pass_thread_ends(thread_ends_for::registrations, true);
+  }
+}
+
 // Finds out which records have a living process. The result is that of process_life(), but the pauses between
 // its looks are shared: one record after the other would cost 30 ms for every dead program.
 void decide(candidates* all) {
@@ -196,16 +224,13 @@ void decide(candidates* all) {
       if (row.what != fate::undecided) {
         continue;
       }
-      if (wex_looks_alive(row.rec->pid)) {
-        row.what = fate::alive;
-        // Not after the restarts: they may take long, and a stranger may have got the pid by then.
-        wex_note_identity(row.rec);
-        wex_status_found(row.rec, wex_start_on_clock_ms(row.rec->start_time));
-        if (row.rec->thread_of != 0) {
-          wex_pass_thread_ends(thread_ends_for::registrations, true);
-        }
-      } else {
+      if (!wex_looks_alive(row.rec->pid)) {
         pending = true;
+      } else if (is_stranger(row.rec)) {
+        row.what = fate::dead;
+      } else {
+        row.what = fate::alive;
+        take_over(row.rec);
       }
     }
     if (!pending) {
@@ -269,9 +294,7 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   });
   decide(&all);
   for (const candidate& row : all) {
-    if (row.what == fate::alive) {
-      tell_stranger(row.rec);
-    } else {
+    if (row.what != fate::alive) {
       restart_dead(chain, row.rec);
       wex_status_publish();  // many starts may take long, and nobody else shows them yet
     }

@@ -71,6 +71,8 @@ inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc 
 inline constexpr uint64_t kStartTickSlack =
     2;  // ticks; the clocks are read one after the other, by hundredths
 
+inline constexpr int64_t kFileClockSlackMs = 50;  // times of files and of starts are of coarse clocks
+
 inline constexpr int32_t kDelayPassMs = 1000;  // pause between two looks at the postponed restarts
 inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one sweep; the next takes the rest
 

@@ -25,14 +25,14 @@ DOMAIN = 1
 MARKER = "/tmp/vsd/%d/delete_vsd" % DOMAIN
 UPKEEP = "wex_delay_resta"
 PATIENCE_S = 60
-MEMORY_SLACK_KIB = 512
+MEMORY_SLACK_KIB = 512                       # a new daemon has not yet had all services register
 LISTED = 8
 # Of services that have registered with this very daemon: a connection each, a locked file for each listed program.
 AT_MOST = {"descriptor of socket:[N]": 110, "descriptor of /tmp/vsd/N/wex/db/lN_N.N": LISTED, "file lock": LISTED + 1}
 
 ENDS = ["started again", "started again around a kill of the daemon", "parked, then started", "postponed, then started",
         "dropped: stopped by SIGTERM", "dropped: a domain is taken down"]
-COLUMNS = ["deaths", "daemon kills", "domains", *ENDS, "none", "two", "memory in KiB", "descriptors", "threads", "zombies"]
+COLUMNS = ["deaths", "daemon kills", "domains", *ENDS, "none", "two", "own memory in KiB", "descriptors", "threads", "zombies"]
 
 
 class Failed(Exception):
@@ -147,6 +147,9 @@ class Soak:
             self.used[name] = 0
             self.crew.start(name)
         need(not names or self.crew.all_ready(PATIENCE_S, names), "not started by hand: %s" % self.crew.down(names))
+        listed = [name for name in names if name.startswith("l")]
+        # A listed program that ends before the daemon has seen it executed was never registered.
+        need(not listed or self.crew.all_supervised(PATIENCE_S, listed), "not supervised: %s" % listed)
 
     def next_window(self):
         """Two more restarts of two services are one too many; one service waits for its file. Then two minutes pass."""
@@ -271,7 +274,7 @@ class Soak:
 
     def memory(self):
         for line in device.read("/proc/%d/status" % self.daemon.pid).splitlines():
-            if line.startswith("VmRSS:"):
+            if line.startswith("RssAnon:"):      # without the code, which is read in as it is needed
                 return int(line.split()[1])
         return 0
 

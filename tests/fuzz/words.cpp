@@ -1,4 +1,6 @@
 // Command lines on their way to an argument vector, and to a script of the command map.
+#include <time.h>
+
 #include "fuzz_support.h"
 #include "text_buffer.h"
 #include "wex_chain.h"
@@ -8,6 +10,13 @@
 // The vector is made, the program it names is not: these bytes might name anything.
 extern "C" pid_t fork() noexcept {
   return fuzz::kNobody;
+}
+extern "C" pid_t vfork() noexcept {
+  return fuzz::kNobody;
+}
+// The pause before a child counts as killed would be most of the time.
+extern "C" int clock_nanosleep(clockid_t, int, const timespec*, timespec*) {
+  return 0;
 }
 
 namespace {

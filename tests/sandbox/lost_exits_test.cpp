@@ -1,9 +1,6 @@
 // Exits that the kernel could not tell: the sweep finds the vanished programs.
-#include <linux/sched.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +8,7 @@
 
 #include "restart_policy.h"
 #include "status_reader.h"
+#include "taken_pid.h"
 
 using namespace policy;
 
@@ -30,16 +28,7 @@ class LostExits : public WexWorld {
     WexWorld::TearDown();
   }
 
-  void stop_daemon() {
-    daemon_.send(SIGSTOP);
-    for (const std::string& task : list_dir("/proc/" + std::to_string(daemon_.pid()) + "/task")) {
-      const pid_t tid = static_cast<pid_t>(std::stol(task));
-      EXPECT_TRUE(eventually([tid] {
-        const std::string state = status_field(tid, "State");
-        return state[0] == 'T' || state[0] == 't';
-      })) << status_field(tid, "State");
-    }
-  }
+  void stop_daemon() { stop_all_threads(&daemon_); }
 
   static void many_exits(int count) {
     for (int i = 0; i < count; ++i) {
@@ -121,44 +110,15 @@ TEST_F(LostExits, WhileADomainIsTakenDownALostExitIsForgottenLikeOneThatWasSeen)
   EXPECT_EQ(1u, occurrences(read_console(), started)) << read_console();
 }
 
-// A child that has this very pid and executes one program after the other.
-class Stranger {
- public:
-  explicit Stranger(pid_t wanted) {
-    constexpr char kScript[] = "/tmp/stranger.sh";
-    write_file(kScript, "sleep 0.05\nexec /bin/sh /tmp/stranger.sh\n");
-    clone_args how = {};
-    how.exit_signal = SIGCHLD;
-    how.set_tid = reinterpret_cast<uintptr_t>(&wanted);
-    how.set_tid_size = 1;
-    pid_ = static_cast<pid_t>(syscall(SYS_clone3, &how, sizeof how));
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      execl("/bin/sh", "sh", kScript, nullptr);
-      _exit(127);
-    }
-    EXPECT_EQ(wanted, pid_) << strerror(errno);
-  }
-  ~Stranger() {
-    if (pid_ > 0) {
-      send_signal(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  Stranger(const Stranger&) = delete;
-  Stranger& operator=(const Stranger&) = delete;
-
- private:
-  pid_t pid_ = 0;
-};
-
 TEST_F(LostExits, AStrangerThatGotThePidAndExecutesProgramsIsNotTakenForTheService) {
   Service service("robbed");
   ASSERT_TRUE(service.start());
   stop_daemon();
   many_exits(700);
   service.end();
-  Stranger stranger(service.pid());
+  constexpr char kScript[] = "/tmp/stranger.sh";
+  write_file(kScript, "sleep 0.05\nexec /bin/sh /tmp/stranger.sh\n");
+  const stranger robber(service.pid(), {"/bin/sh", kScript});
   daemon_.send(SIGCONT);
   EXPECT_TRUE(service.comes_back(20s)) << read_console();
 }

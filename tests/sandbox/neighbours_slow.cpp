@@ -1,7 +1,6 @@
 // Bad neighbours and bad luck, at full size: what docs/security.md says was tried and held. Each case prints
 // its figures.
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -253,57 +252,6 @@ TEST_F(Stress, BusyClientsDelayANewcomerByMilliseconds) {
     EXPECT_GT(5000, waits.back());
     printf("\nbeside %zu busy clients: a newcomer waits %ld ms, %ld at most\n", count,
            waits[waits.size() / 2], waits.back());
-  }
-}
-
-// Small file systems in the place of those that wex writes to, as long as it lives.
-class small_file_systems {
- public:
-  small_file_systems() {
-    for (const char* const directory : kWritten) {
-      EXPECT_EQ(0, mount("small", directory, "tmpfs", 0, "size=16m,mode=1777")) << strerror(errno);
-    }
-  }
-  ~small_file_systems() {
-    clean_world();  // what the daemon made goes by names that are hidden afterwards
-    for (const char* const directory : kWritten) {
-      umount2(directory, MNT_DETACH);
-    }
-  }
-  small_file_systems(const small_file_systems&) = delete;
-  small_file_systems& operator=(const small_file_systems&) = delete;
-
-  void fill() const {
-    static const char block[4096] = {1};
-    for (const char* const directory : kWritten) {
-      const std::string file = std::string(directory) + "/filler";
-      const unique_fd filler(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-      while (write(filler.get(), block, sizeof block) > 0) {
-      }
-      EXPECT_EQ(ENOSPC, errno) << directory;
-    }
-  }
-
- private:
-  static constexpr const char* kWritten[] = {"/tmp", "/data", "/dev/shm", "/ovix"};
-};
-
-// No file can be written: registrations, restarts and the logs go without.
-TEST_F(Stress, FullFileSystemsLoseNoService) {
-  constexpr int kServices = 10;
-  const small_file_systems small;
-  start();
-  start_services(kServices);
-  small.fill();
-  const clock::time_point begin = clock::now();
-  kill_services();
-  EXPECT_EQ(0, all_back(kServices, pids));
-  EXPECT_TRUE(serves());
-  EXPECT_TRUE(daemon.running());
-  printf("\n10 deaths with all file systems full: all back after %ld ms\n", since_ms(begin));
-  daemon.kill_now();
-  for (Process& service : services) {
-    service.kill_now();
   }
 }
 

@@ -177,3 +177,24 @@ TEST(EventTick, LiesBetweenTheStartsOfAnEarlierAndALaterProcess) {
   EXPECT_LE(before, tick);
   EXPECT_GT(after, tick + kStartTickSlack);
 }
+
+TEST(StartedAfter, IsSaidOnlyOfWhatBeganSurelyLater) {
+  constexpr int64_t kSecondNs = 1000000000;
+  timespec wall = {};
+  clock_gettime(CLOCK_REALTIME, &wall);
+  const int64_t now = int64_t{wall.tv_sec} * kSecondNs + wall.tv_nsec;
+  const uint64_t own = wex_look_at(getpid()).start_time;
+  ASSERT_NE(0U, own);
+  const struct {
+    const char* what;
+    uint64_t start;
+    int64_t written;
+    bool later;
+  } rows[] = {{"a file written since it began", own, now, false},
+              {"a file of the future: the wall clock was set back", own, now + 3600 * kSecondNs, false},
+              {"a file that was there long before", own, now - 86400 * kSecondNs, true},
+              {"a start that is not known", 0, now - 86400 * kSecondNs, false}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.later, wex_started_after(row.start, row.written)) << row.what;
+  }
+}

@@ -201,6 +201,25 @@ TEST_F(Rebuild, AnotherProcessWithTheOldPidIsKeptAndLogged) {
             output.text().find("pid (" + std::to_string(stranger.pid()) + ") of /opt/foo runs /"));
 }
 
+// It has the pid, runs something else, began after the registration, and nobody holds the lock of the file.
+TEST_F(Rebuild, AnotherProcessThatBeganAfterTheRegistrationIsNotTakenForTheProgram) {
+  const service kept, stranger;
+  const auto registered = [](pid_t pid) { return wex_db_create(0, pid, RESPAWN, "/bin/sleep 1000") == 0; };
+  const service holder([&] { return registered(kept.pid()); });
+  service gone([&] { return registered(stranger.pid()); });
+  gone.end();
+  const timespec long_ago[] = {{1, 0}, {1, 0}};
+  for (const service* const each : {&kept, &stranger}) {
+    ASSERT_EQ(0, utimensat(AT_FDCWD, db_file(0, "sleep", each->pid()).c_str(), long_ago, 0));
+  }
+  rebuild();
+  EXPECT_EQ(2, wex_chains.count);
+  EXPECT_NE(nullptr, find(kept.pid())) << "somebody holds its lock";
+  EXPECT_EQ(nullptr, find(stranger.pid()));
+  EXPECT_FALSE(exists(db_file(0, "sleep", stranger.pid())));
+  EXPECT_TRUE(wex_test::is_alive(stranger.pid()));
+}
+
 TEST_F(Rebuild, TheEndOfAThreadThatWasRegisteredIsWanted) {
   const running_thread thread;
   const int32_t tid = thread.tid();

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# The figures of docs/reliability.md are those of bench/reliability.json, nothing of what was tried was lost, the cases
+# they are of are there, and a page with another figure is noticed.
+set -u
+. "$(dirname "$0")/lib.sh"
+"$root/tests/faults/figures.py" --check || complain "docs/reliability.md: see above"
+
+cases_of "$root/tests" > "$work/cases"
+sed -n '/<!-- cases -->/,/<!-- end of cases -->/s/.*| `\(.*\)` |$/\1/p' "$root/docs/reliability.md" > "$work/named"
+[ -s "$work/named" ] || complain "no case is named"
+while IFS= read -r name; do
+  name=${name#*/}
+  grep -qx "${name%%/*}" "$work/cases" || complain "docs/reliability.md: there is no case $name"
+done < <(sed '/^[^/]*$/!s/\/[^/]*$//' "$work/named")
+
+mkdir -p "$work/tests/faults" "$work/bench" "$work/docs"
+cp "$root/tests/faults/figures.py" "$work/tests/faults/"
+cp "$root/bench/reliability.json" "$work/bench/"
+sed '/<!-- cases -->/,/<!-- end of cases -->/s/| 0 |/| 1 |/' "$root/docs/reliability.md" > "$work/docs/reliability.md"
+"$work/tests/faults/figures.py" --check > /dev/null 2>&1 && complain "a changed figure is not noticed"
+finish
