@@ -64,10 +64,11 @@ endif()
 
 # Programs offer others no name, which the linker must be told: on MIPS every function that is called by another source
 # file has a place in the dynamic table else, and its name with it. Not where a sanitizer's runtime looks for its own.
+set(WEX_PROGRAM_MAP "${CMAKE_SOURCE_DIR}/cmake/offers-nothing.map")
 add_library(wex_program_link INTERFACE)
 target_link_libraries(wex_program_link INTERFACE wex_product_link)
 if(NOT WEX_SANITIZE)
-  target_link_options(wex_program_link INTERFACE "LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/offers-nothing.map")
+  target_link_options(wex_program_link INTERFACE "LINKER:--version-script=${WEX_PROGRAM_MAP}")
 endif()
 
 include(CheckPIESupported)

@@ -134,8 +134,8 @@ typedef struct wex_status_slot {
   uint64_t pid_start;    /* field 22 of /proc/PID/stat of this process */
   int64_t registered;    /* monotonic */
   int64_t started; /* monotonic: when this process was registered or started again; when wex found it at its
-                      own start, or had no slot for it at that time, when it began */
-  int64_t since;   /* monotonic: in this state since */
+                      own start, or had no slot for it at that time, when it began; 0: not known */
+  int64_t since;   /* monotonic: in this state since; 0: not known */
   int64_t until;   /* monotonic: end of the parking, of the delay before a restart, or the moment when a
                       postponed restart is forced */
   int64_t last_exit_wall;   /* 0: none since its registration */

@@ -86,7 +86,7 @@ typedef struct wex_pid {
   int32_t delay_start;     /* when the copy entered the delay chain */
 
   int32_t exit_seen;      /* an exit of this very pid has been handled */
-  int32_t restart_failed; /* the last restart left no process: the pid is a dead one */
+  int32_t restart_failed; /* when the last restart left no process: the pid is a dead one; 0 = it did */
   int32_t thread_of;      /* the pid is of a thread of this process; 0 = a process, -1 = not known yet */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
   int32_t missed_child;   /* child of the last start, when its program was not found; else 0 */

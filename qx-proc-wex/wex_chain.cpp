@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -398,6 +399,10 @@ int32_t __wex_replaced_by(int32_t pid) {
     entry = find_replaced(latest);
   }
   return latest;
+}
+
+void wex_note_failed(wex_pid* rec) {
+  rec->restart_failed = std::max(wex_clock_now(), 1);  // 0 would be none
 }
 
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer, const wex_pid* of_user) {

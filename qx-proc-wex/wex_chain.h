@@ -108,6 +108,9 @@ int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 // last restart left none does not count.
 bool __wex_runs_elsewhere(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
+// The last restart left no process; notes when.
+void wex_note_failed(wex_pid* rec);
+
 // Deletes records of this program and domain whose last restart left no process, with their database files:
 // the living process `newcomer` takes their place, and keeps its own file should it have got the dead one's
 // pid. With `of_user` only those of that record's user.

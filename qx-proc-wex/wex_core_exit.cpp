@@ -154,7 +154,7 @@ void drop_stopped(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_dbg(WEX_DBG_PUB, "%s--> vsd_no = %d\n", kHandler, vsd);
   wex_status_tell(WEX_STATUS_EV_STOPPED, rec, {0, 0, rec->exit_signal});
   if ((vsd >= kFirstDomain && !remove_flag_file(vsd, pid)) || !change_dir(kRootDir)) {
-    rec->restart_failed = 1;  // the record stays with a dead pid: the program's next process takes its place
+    wex_note_failed(rec);  // the record stays with a dead pid: the program's next process takes its place
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s: hlist_del\n", kHandler);
@@ -280,18 +280,20 @@ bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capabilit
   return log_announcement(action, name, rec->pid, code);
 }
 
-// The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
-// program without a database file would be unknown to the next one.
-void pause_before_restart(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  const int64_t milliseconds = static_cast<int64_t>(rec->restart_delay) * 1000;
-  wex_status_restarting(rec, milliseconds);
-  wex_status_pause(rec->restart_delay);
-  wex_wait_with_registry(milliseconds);
-}
+// The pause before a restart is told from its beginning until the restart is made, which others wait for,
+// too.
+struct told_pause {
+  explicit told_pause(const wex_pid* rec) noexcept WEX_TSA(requires_capability(wex_chains)) {
+    wex_status_pause(rec);
+  }
+  ~told_pause() { wex_status_pause_over(); }
+  told_pause(const told_pause&) = delete;
+  told_pause& operator=(const told_pause&) = delete;
+};
 
 void start_again(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   if (del_dev_mon_log() < 0 && !announce(rec, action)) {
-    rec->restart_failed = 1;
+    wex_note_failed(rec);
     wex_status_tell(WEX_STATUS_EV_FAILED, rec);
     return;
   }
@@ -309,11 +311,13 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
     start_again(rec, action);
     return;
   }
-  pause_before_restart(rec);
+  // The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
+  // program without a database file would be unknown to the next one.
+  const told_pause told(rec);
+  wex_wait_with_registry(int64_t{rec->restart_delay} * 1000);
   if (!__wex_dropped_with_domain(rec)) {  // its domain may have gone while it waited
     start_again(rec, action);
   }
-  wex_status_pause(0);  // behind the restart, which others wait for, too
 }
 
 void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {

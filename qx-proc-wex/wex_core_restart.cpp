@@ -45,8 +45,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   wex_status_restarting(rec);
   const int32_t result = wex_spawn_as(action, rec, &new_pid);
   if (result < 1 && after.needs_process) {
-    rec->restart_failed = result == 0 ? 1 : 0;
+    rec->restart_failed = 0;
     if (result == 0) {  // else it was parked, or the daemon ends
+      wex_note_failed(rec);
       wex_status_tell(WEX_STATUS_EV_FAILED, rec);
     }
     return result;
@@ -62,7 +63,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   if (new_pid > 0 && !lives) {
     expect_lost_exit(rec);
   }
-  rec->restart_failed = new_pid < 1 ? 1 : 0;
+  if (new_pid < 1) {
+    wex_note_failed(rec);
+  }
   if (after.may_postpone_next) {
     rec->force_restart = 0;
   }

@@ -23,6 +23,7 @@ struct watched {
   int32_t threads;
   int32_t fewest_misses;
 };
+constexpr int32_t kNobodyWaits = 0;  // in place of the self-check wait: no registration gets a slot now
 watched g_watched[WEX_STATUS_SLOTS + 1];
 
 void count_thread(const wex_pid* thread) WEX_TSA(requires_capability(wex_chains)) {
@@ -63,24 +64,25 @@ wex_status_state state_of(const wex_pid* rec) WEX_TSA(requires_capability(wex_ch
 }
 
 // What the record itself knows of its state. The record has whole seconds.
-status_times times_of(const wex_pid* rec, wex_status_state state) WEX_TSA(requires_capability(wex_chains)) {
+status_times times_of(const wex_pid* rec, wex_status_state state, int32_t self_check_sec)
+    WEX_TSA(requires_capability(wex_chains)) {
   status_times times;
   if (state == WEX_STATUS_PARKED) {
     times.since = int64_t{rec->check_start} * 1000;
-    times.until = times.since + int64_t{debug_time()} * 1000;
+    times.until = times.since + int64_t{self_check_sec} * 1000;
   } else if (state == WEX_STATUS_WAITING) {
     times.since = __wex_waits_since(rec->pid) * 1000;
     times.until = times.since + int64_t{kForceRestartSec} * 1000;
   } else if (state == WEX_STATUS_RUNNING) {
     times.since = times.started = wex_start_on_clock_ms(rec->start_time);
   } else {
-    times.since = wex_start_on_clock_ms(rec->exit_tick);
+    times.since = int64_t{rec->restart_failed} * 1000;
   }
   return times;
 }
 
-// Registrations that found no slot get those that have become free.
-void show_hidden() WEX_TSA(requires_capability(wex_chains)) {
+// Registrations that found no slot get those that have become free, unless nobody waited for one just now.
+void show_hidden(int32_t self_check_sec) WEX_TSA(requires_capability(wex_chains)) {
   uint32_t troubles = 0;
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
@@ -88,8 +90,8 @@ void show_hidden() WEX_TSA(requires_capability(wex_chains)) {
       continue;
     }
     const wex_status_state state = state_of(rec);
-    if (wex_status_has_room()) {
-      wex_status_show_later(rec, state, times_of(rec, state));
+    if (self_check_sec != kNobodyWaits && wex_status_has_room()) {
+      wex_status_show_later(rec, state, times_of(rec, state, self_check_sec));
     } else {
       troubles += state != WEX_STATUS_RUNNING ? 1 : 0;
     }
@@ -97,8 +99,8 @@ void show_hidden() WEX_TSA(requires_capability(wex_chains)) {
   wex_status_hidden_troubles(troubles);
 }
 
-void show() WEX_TSA(requires_capability(wex_chains)) {
-  show_hidden();
+void show(int32_t self_check_sec) WEX_TSA(requires_capability(wex_chains)) {
+  show_hidden(self_check_sec);
   if (!count_threads()) {
     return;
   }
@@ -114,8 +116,10 @@ void show() WEX_TSA(requires_capability(wex_chains)) {
 
 // Clang cannot follow a lock that may not be had.
 void wex_show_watched_threads() WEX_TSA(no_thread_safety_analysis) {
+  // It reads a file, so nothing is held yet.
+  const int32_t self_check_sec = wex_status_slot_is_awaited() ? debug_time() : kNobodyWaits;
   if (pthread_mutex_trylock(&wex_chains.mutex) == 0) {
-    show();
+    show(self_check_sec);
     pthread_mutex_unlock(&wex_chains.mutex);
   }
 }

@@ -144,6 +144,9 @@ inline constexpr int kNotifyRing = 10;           // hang reports kept
 inline constexpr int64_t kRebootLineMs = 2000;   // wait for the running log's line of a reboot
 inline constexpr int kBoundedWorkPauseMs = 2;    // between two looks whether a thread of bounded_work is done
 
+// Stack of a thread of bounded_work: what they do was measured to need 14 KiB, on x86-64.
+inline constexpr size_t kBoundedWorkStack = 128 * 1024;
+
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened
 inline constexpr int kStatusIdleMs = 10000;       // how often heartbeats are shown while nothing happens

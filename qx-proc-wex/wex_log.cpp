@@ -306,7 +306,8 @@ void write_reboot_line(void* /*unused*/) {
 }
 
 // The reboot record may be unwritable: the running log names the reason, too, in one line. It was printed
-// already. The log's disk may stand still, and keep whoever writes there: the device restarts all the same.
+// already. The log's disk may stand still, and keep whoever writes there: a thread of its own does, which is
+// not waited for long, and the device restarts all the same. No line where no thread can be started.
 void log_reboot(const char* reason, const char* detail) {
   const mutex_lock hold(g_reboot_line_mutex);
   if (!g_reboot_line_work.begin()) {

@@ -211,6 +211,14 @@ void apply(wex_status_slot* slot, wex_status_kind kind, const status_detail& mor
   }
 }
 
+void show_restarting(const wex_pid* rec, int64_t now, int64_t until) WEX_TSA(requires_capability(g_mutex)) {
+  if (wex_status_slot* const slot = slot_of(rec)) {
+    enter_state(slot, WEX_STATUS_RESTARTING, now);
+    slot->until = until;
+    mark(rec);
+  }
+}
+
 // Adds the event, and counts it.
 void add_event(wex_status_kind kind, int32_t pid, int32_t domain, const char* process,
                const status_detail& more, int64_t now) WEX_TSA(requires_capability(g_mutex)) {
@@ -269,6 +277,11 @@ void wex_status_show(wex_pid* rec) {
 bool wex_status_has_room() {
   const mutex_lock hold(g_mutex);
   return find_free() >= 0;
+}
+
+bool wex_status_slot_is_awaited() {
+  const mutex_lock hold(g_mutex);
+  return g_counters[WEX_STATUS_NOT_SHOWN] > 0 && find_free() >= 0;
 }
 
 void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_times& times) {
@@ -353,28 +366,29 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process, 
   add_event(kind, pid, more.domain, process, more, now);
 }
 
-void wex_status_restarting(const wex_pid* rec, int64_t delay_ms) {
+void wex_status_restarting(const wex_pid* rec) {
   note_progress();
   const int64_t now = wex_clock_ms();
   const image_change hold;
-  if (wex_status_slot* const slot = slot_of(rec)) {
-    enter_state(slot, WEX_STATUS_RESTARTING, now);
-    slot->until = delay_ms > 0 ? now + delay_ms : 0;
-    mark(rec);
-  }
+  show_restarting(rec, now, 0);
 }
 
-void wex_status_pause(int32_t seconds) {
+void wex_status_pause(const wex_pid* rec) {
+  note_progress();
   const int64_t now = wex_clock_ms();
   const image_change hold;
-  if (seconds <= 0) {
-    g_pause_over = now;
-    return;
-  }
+  show_restarting(rec, now, now + int64_t{rec->restart_delay} * 1000);
   end_told_pause(now);
-  g_counters[WEX_STATUS_PAUSE] = std::max(g_counters[WEX_STATUS_PAUSE], static_cast<uint32_t>(seconds));
+  g_counters[WEX_STATUS_PAUSE] =
+      std::max(g_counters[WEX_STATUS_PAUSE], static_cast<uint32_t>(rec->restart_delay));
   g_pause_over = kUnderWay;
   g_any_change = true;
+}
+
+void wex_status_pause_over() {
+  const int64_t now = wex_clock_ms();
+  const image_change hold;
+  g_pause_over = now;
 }
 
 void wex_status_down(const wex_pid* rec) {

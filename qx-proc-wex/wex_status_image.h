@@ -27,6 +27,7 @@ struct status_times {
   int64_t until = 0;
 };
 bool wex_status_has_room();
+bool wex_status_slot_is_awaited();  // there is a free one, and a registration that is not shown
 void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_times& times);
 
 // How many registrations without a slot are parked, postponed or down.
@@ -53,12 +54,14 @@ void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_deta
 void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
                         const status_detail& more = {});
 
-// The registration's process has ended and the next one is being started, after `delay_ms`; no event.
-void wex_status_restarting(const wex_pid* rec, int64_t delay_ms = 0);
+// The registration's process has ended and the next one is being started; no event.
+void wex_status_restarting(const wex_pid* rec);
 
-// A restart waits so many seconds, and others behind it; 0: it was made. Told for some seconds more, so that
-// readers see those who waited come round before they see the pause end.
-void wex_status_pause(int32_t seconds);
+// The restart of this registration waits as long as it asked for, and others behind it; then it was made.
+// Told for some seconds more, so that readers see those who waited come round before they see the pause end.
+// The registration's state and the pause are seen at the same time.
+void wex_status_pause(const wex_pid* rec);
+void wex_status_pause_over();
 
 // The registration stays without a process; no event.
 void wex_status_down(const wex_pid* rec);

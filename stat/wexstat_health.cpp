@@ -29,18 +29,20 @@ bool comes_round(const wex_status_thread& thread) {
                      [&](const char* name) { return strncmp(name, thread.name, sizeof thread.name) == 0; });
 }
 
-// Programs may ask for a pause before their restart, which the daemon sits out; all others wait behind it.
-// The one under way may be that of a registration that is not shown.
+// Programs may ask for a pause before their restart, which the daemon sits out; all others wait behind it,
+// and their pauses follow. The one under way may be that of a registration that is not shown.
 int64_t pauses_ms(const status_copy& copy) {
-  const int64_t under_way = int64_t{copy.head.counters[WEX_STATUS_PAUSE]} * 1000;
+  const int64_t under_way = copy.head.counters[WEX_STATUS_PAUSE];
   int64_t all = 0;
+  bool is_shown = false;
   for (const wex_status_slot& slot : copy.slots) {
     const bool is_due = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
     if (is_due && slot.restart_delay > 0) {
-      all = std::min(all + int64_t{slot.restart_delay} * 1000, kPausesMaxMs);
+      all += slot.restart_delay;
+      is_shown = is_shown || (slot.state == WEX_STATUS_RESTARTING && slot.restart_delay == under_way);
     }
   }
-  return std::max(all, std::min(under_way, kPausesMaxMs));
+  return (is_shown ? all : all + under_way) * 1000;
 }
 
 // How long it has been too long, and at what; 0 when all is well. Times of a hostile table may be anything.

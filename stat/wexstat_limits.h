@@ -31,7 +31,8 @@ inline constexpr int64_t kLongestForkMs = int64_t{kForkFailuresFatal} * kForkRet
 inline constexpr int64_t kLongestSearchMs = int64_t{kFindStepMs} * kFindTries * (kFindTries + 1) / 2;
 static_assert(kBusyLimitMs > 2 * (kLongestForkMs + kLongestSearchMs), "a slow restart would be called stuck");
 static_assert(kPassLimitMs > 2 * int64_t{kScanSec} * 1000, "the watchdog would be called stuck");
-inline constexpr int64_t kPausesMaxMs = int64_t{24} * 3600 * 1000;  // of all such pauses together
+static_assert((int64_t{kRecordsMax} + 1) * UINT32_MAX < INT64_MAX / 2000,
+              "all pauses together would overflow");
 
 inline constexpr uint32_t kHistoryLines = 20;       // of --history without a number
 inline constexpr uint32_t kEventsOfOne = 12;        // below one registration

@@ -13,13 +13,15 @@ extern "C" void* perform_bounded_work(void* piece) {
   return nullptr;
 }
 
-// On a thread that nobody joins.
+// On a thread that nobody joins. Its stack is small, so that there is one also when memory is short. A C
+// library that wants more for a thread keeps its own size.
 bool start_thread(bounded_work* piece) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) {
     return false;
   }
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, kBoundedWorkStack);
   pthread_t thread;
   const bool started = pthread_create(&thread, &attributes, perform_bounded_work, piece) == 0;
   pthread_attr_destroy(&attributes);

@@ -32,7 +32,9 @@ names_in() {
 }
 names_in libwex.map > "$work/map"
 sed -nE 's/^ ([a-z][a-zA-Z_0-9]*)@.*/\1/p' "$root/packaging/debian/libwex1.symbols" | sort -u > "$work/symbols"
-nm -D --defined-only "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
+# Beside copies of the library's variables, and what the C library asks every program for.
+offered_by() { nm -D --defined-only "$1" | grep -vE '@GLIBC_| _IO_stdin_used$'; }
+offered_by "$daemon" | awk '{ sub(/@.*/, "", $3); print $3 }' | sort -u > "$work/daemon"
 names_in wex.map > "$work/daemon_map"
 for other in exported map symbols daemon daemon_map; do
   cmp -s "$work/headers" "$work/$other" || complain "headers (<) and $other (>) differ: $(diff "$work/headers" "$work/$other" | grep '^[<>]' | tr '\n' ' ')"
@@ -50,7 +52,7 @@ sort "$root/tests/package/layouts.golden" | comm -13 - "$work/offsets" > "$work/
 complain_each "docs/shared-memory.md has another offset than include/wex_status.h:" < "$work/difference"
 
 for program in "$3" "$4"; do
-  nm -D --defined-only "$program" | grep -v '@GLIBC_' | complain_each "$program offers"  # those are copies of the library's
+  complain_each "$program offers" < <(offered_by "$program")
 done
 
 readelf -d "$library" | grep -qF 'soname: [libwex.so.1]' || complain "$library has no soname libwex.so.1"

@@ -12,6 +12,7 @@ namespace {
 std::atomic<bool> no_threads{false};
 std::atomic<bool> stands_still{false};
 std::atomic<int> done{0};
+size_t stack_asked = 0;  // of the last thread
 
 void count(void* by) {
   while (stands_still) {
@@ -26,6 +27,7 @@ extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* at
                                      void* (*body)(void*), void* argument);
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                      void* (*body)(void*), void* argument) {
+  pthread_attr_getstacksize(attributes, &stack_asked);
   return no_threads ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
 }
 
@@ -35,6 +37,7 @@ TEST(BoundedWork, IsWaitedForWhileItMoves) {
   ASSERT_TRUE(work.begin());
   EXPECT_TRUE(work.run(count, &by, 60000));
   EXPECT_EQ(3, done.exchange(0));
+  EXPECT_LE(stack_asked, size_t{256} * 1024) << "there must be a thread also when memory is short";
 }
 
 TEST(BoundedWork, IsLeftAloneWhenItStandsStillAndThereIsNoSecondPiece) {

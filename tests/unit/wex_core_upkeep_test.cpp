@@ -312,7 +312,7 @@ TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNa
   constexpr row kRows[] = {
       {"/bin/sleep 2000", 100, 1},
       {"/bin/sleep 2000", -1, 0},  // it may have changed its command line
-      {"own", 100, 0},            // the clock may have been set
+      {"own", 100, 0},             // the clock may have been set
   };
   service stranger;
   char own[WEX_PROCESS_SIZE] = {};

@@ -191,7 +191,7 @@ TEST_F(Parked, AThirdPartProgramThatIsNotFoundKeepsItsOldPidAndIsNotWaitedForAga
   EXPECT_EQ(old_pid, rec->pid);
   EXPECT_EQ(0u, rec->flags & WEX_FLAG_WAITING);
   EXPECT_EQ(0, rec->alarm_wait_flag);
-  EXPECT_EQ(1, rec->restart_failed) << "its next life must be able to take its place";
+  EXPECT_NE(0, rec->restart_failed) << "its next life must be able to take its place";
   EXPECT_EQ(0u, alarm(0));
   EXPECT_TRUE(g_system_log.empty());
 }

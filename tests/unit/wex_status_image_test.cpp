@@ -146,9 +146,10 @@ TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
       __wex_add_record(&wex_chains_delay, copy);
     }
     hidden[2]->start_time = began;
-    hidden[3]->restart_failed = 1;
+    hidden[3]->restart_failed = 60;
     hidden[3]->exit_tick = began;
-    hidden[4]->restart_failed = 1;
+    hidden[4]->exit_seen = 1;
+    hidden[4]->exit_tick = began;
     for (size_t at = 0; at < 5; ++at) {
       drop(recs[at]);
     }
@@ -161,7 +162,7 @@ TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
     } rows[] = {{WEX_STATUS_PARKED, 0, 40000, 140000},
                 {WEX_STATUS_WAITING, 0, 50000, 351000},
                 {WEX_STATUS_RUNNING, began_ms, began_ms, 0},
-                {WEX_STATUS_DOWN, 0, began_ms, 0},
+                {WEX_STATUS_DOWN, 0, 60000, 0},
                 {WEX_STATUS_DOWN, 0, 0, 0}};
     for (size_t at = 0; at < 5; ++at) {
       const auto shown = StatusReader().slot_of(hidden[at]->pid);
@@ -263,21 +264,28 @@ TEST_F(StatusTable, APauseIsToldUntilWhoeverWaitedBehindItHasComeRound) {
       return reader.counter(WEX_STATUS_PAUSE);
     };
     EXPECT_EQ(0U, told());
-    wex_status_pause(200);
+    wex_pid* const rec = add(100);
+    const auto pause = [rec](int32_t seconds) {
+      rec->restart_delay = seconds;
+      wex_status_pause(rec);
+    };
+    pause(200);
     EXPECT_EQ(200U, told());
+    EXPECT_EQ(WEX_STATUS_RESTARTING, reader.slot_of(100)->state) << "both are seen at the same time";
+    EXPECT_EQ(200000, reader.slot_of(100)->until - reader.slot_of(100)->since);
     clock_ahead += 200000;
     EXPECT_EQ(200U, told()) << "it is under way";
-    wex_status_pause(0);
+    wex_status_pause_over();
     EXPECT_EQ(200U, told());
-    wex_status_pause(5);
+    pause(5);
     EXPECT_EQ(200U, told()) << "they may not have come round yet";
     clock_ahead += 5000;
-    wex_status_pause(0);
+    wex_status_pause_over();
     clock_ahead += 9000;
     EXPECT_EQ(200U, told());
     clock_ahead += 1000;
     EXPECT_EQ(0U, told());
-    wex_status_pause(5);
+    pause(5);
     EXPECT_EQ(5U, told());
   });
 }

@@ -76,6 +76,34 @@ TEST_F(WexstatHealth, APauseOfARegistrationThatIsNotShownIsNotStuck) {
   EXPECT_EQ(daemon_state::stuck, judged(table).state) << "the same pause counts once";
 }
 
+TEST_F(WexstatHealth, PausesFollowOneAnotherAndMayTakeAsLongAsAProgramCanAskFor) {
+  const struct {
+    uint32_t under_way;
+    wex_status_state state;
+    int32_t shown;
+    int64_t busy_sec;
+    daemon_state judged;
+  } rows[] = {{600, WEX_STATUS_WAITING, 600, 1300, daemon_state::running},
+              {600, WEX_STATUS_WAITING, 600, 1330, daemon_state::stuck},
+              {600, WEX_STATUS_RESTARTING, 500, 1200, daemon_state::running},
+              {600, WEX_STATUS_RESTARTING, 600, 730, daemon_state::stuck},
+              {600, WEX_STATUS_PARKED, 600, 730, daemon_state::stuck},
+              {90000, WEX_STATUS_RUNNING, 0, 90000, daemon_state::running},
+              {0, WEX_STATUS_WAITING, INT32_MAX, INT32_MAX, daemon_state::running},
+              {INT32_MAX, WEX_STATUS_WAITING, INT32_MAX, int64_t{2} * INT32_MAX, daemon_state::running},
+              {INT32_MAX, WEX_STATUS_WAITING, INT32_MAX, int64_t{2} * INT32_MAX + 130, daemon_state::stuck}};
+  for (const auto& row : rows) {
+    status_table table;
+    table.add_thread("wex_process_net", 1, 1);
+    table.add("behind", row.state).restart_delay = row.shown;
+    table.head.counters[WEX_STATUS_PAUSE] = row.under_way;
+    moment later = now();
+    later.monotonic_ms += row.busy_sec * 1000;
+    EXPECT_EQ(row.judged, judge_daemon(read_back(table), later, 'S').state)
+        << row.under_way << " and " << row.shown << " after " << row.busy_sec;
+  }
+}
+
 TEST_F(WexstatHealth, TheProcessDecides) {
   status_table table;
   EXPECT_EQ(daemon_state::running, judged(table, '?').state);
