@@ -145,7 +145,7 @@ inline constexpr int64_t kRebootLineMs = 2000;   // wait for the running log's l
 inline constexpr int kBoundedWorkPauseMs = 2;    // between two looks whether a thread of bounded_work is done
 
 // Stack of a thread of bounded_work: what they do was measured to need 14 KiB, on x86-64.
-inline constexpr size_t kBoundedWorkStack = 128 * 1024;
+inline constexpr size_t kBoundedWorkStack = size_t{128} * 1024;
 
 // The status table.
 inline constexpr int kStatusPassMs = 100;         // pause after showing what has happened

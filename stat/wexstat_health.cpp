@@ -30,23 +30,27 @@ bool comes_round(const wex_status_thread& thread) {
 }
 
 // Programs may ask for a pause before their restart, which the daemon sits out; all others wait behind it,
-// and their pauses follow. The one under way may be that of a registration that is not shown.
-int64_t pauses_ms(const status_copy& copy) {
+// and their pauses follow. The one under way may be that of a registration that is not shown. Should one of
+// the same length be shown, it is the same, unless the thread has waited since before that began.
+int64_t pauses_ms(const status_copy& copy, const wex_status_thread& thread) {
   const int64_t under_way = copy.head.counters[WEX_STATUS_PAUSE];
   int64_t all = 0;
+  const int64_t waits_since = thread.busy_since > 0 ? thread.busy_since : thread.last_pass;
   bool is_shown = false;
   for (const wex_status_slot& slot : copy.slots) {
     const bool is_due = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
     if (is_due && slot.restart_delay > 0) {
       all += slot.restart_delay;
-      is_shown = is_shown || (slot.state == WEX_STATUS_RESTARTING && slot.restart_delay == under_way);
+      is_shown = is_shown || (slot.state == WEX_STATUS_RESTARTING && slot.restart_delay == under_way &&
+                              slot.since <= waits_since);
     }
   }
   return (is_shown ? all : all + under_way) * 1000;
 }
 
 // How long it has been too long, and at what; 0 when all is well. Times of a hostile table may be anything.
-int64_t late_ms(const wex_status_thread& thread, int64_t now_ms, int64_t pauses, bool* busy) {
+int64_t late_ms(const status_copy& copy, const wex_status_thread& thread, int64_t now_ms, bool* busy) {
+  const int64_t pauses = pauses_ms(copy, thread);
   const auto since = [now_ms](int64_t then) { return then > 0 && then < now_ms ? now_ms - then : 0; };
   *busy = thread.busy_since > 0;
   if (*busy) {
@@ -56,10 +60,9 @@ int64_t late_ms(const wex_status_thread& thread, int64_t now_ms, int64_t pauses,
 }
 
 bool is_stuck(const status_copy& copy, const moment& at, char* text, size_t size) {
-  const int64_t pauses = pauses_ms(copy);
   for (const wex_status_thread& thread : copy.threads) {
     bool busy = false;
-    const int64_t late = late_ms(thread, at.monotonic_ms, pauses, &busy);
+    const int64_t late = late_ms(copy, thread, at.monotonic_ms, &busy);
     if (late > 0) {
       char name[sizeof thread.name * 4 + 1];
       char time[kWordsSize];

@@ -72,6 +72,7 @@ TEST_F(WexstatHealth, APauseOfARegistrationThatIsNotShownIsNotStuck) {
   }
   table.slots[0].state = WEX_STATUS_RESTARTING;
   table.slots[0].restart_delay = 50;
+  table.slots[0].since -= 150000;  // the thread waits behind it alone
   table.head.counters[WEX_STATUS_PAUSE] = 50;
   EXPECT_EQ(daemon_state::stuck, judged(table).state) << "the same pause counts once";
 }
@@ -102,6 +103,21 @@ TEST_F(WexstatHealth, PausesFollowOneAnotherAndMayTakeAsLongAsAProgramCanAskFor)
     EXPECT_EQ(row.judged, judge_daemon(read_back(table), later, 'S').state)
         << row.under_way << " and " << row.shown << " after " << row.busy_sec;
   }
+}
+
+TEST_F(WexstatHealth, APauseThatFollowedAnotherOfTheSameLengthIsAddedForWhoeverWaitedBehindBoth) {
+  status_table table;
+  const moment begin = now();
+  table.add_thread("wex_delay_resta", 1, 1);
+  wex_status_slot& behind = table.add("behind", WEX_STATUS_RESTARTING);
+  behind.restart_delay = 600;
+  behind.since = begin.monotonic_ms + 600000;
+  table.head.counters[WEX_STATUS_PAUSE] = 600;  // of one that is not shown, then of this one
+  const auto after = [&](int64_t seconds) {
+    return judge_daemon(read_back(table), {begin.monotonic_ms + seconds * 1000, begin.wall_sec}, 'S').state;
+  };
+  EXPECT_EQ(daemon_state::running, after(1300));
+  EXPECT_EQ(daemon_state::stuck, after(1330));
 }
 
 TEST_F(WexstatHealth, TheProcessDecides) {
