@@ -37,6 +37,10 @@ int wex_syslog_chains(int kind, wex_chains_t* chain);
 wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 }
 
+// The start time in a record whose process had ended before there was the record: no process has it. Another
+// process may have the pid, so its exit is not the record's.
+inline constexpr uint64_t kStartOfNobody = 1;
+
 // A zero-filled record with its links initialised. Waits for memory: never with a chain held.
 wex_pid* wex_new_record();
 void wex_free_record(wex_pid* rec);

@@ -2,11 +2,13 @@
 #define WEX_MODULE "wex_chain"
 #include "wex_chain_identity.h"
 
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "wex_limits.h"
 #include "wex_paths.h"
@@ -97,6 +99,19 @@ bool wex_started_after(uint64_t start_time, int64_t written_ns) {
   const int64_t now_ms = (nanoseconds(monotonic) + wex_boot_offset_ns()) / kMillisecondNs;
   const int64_t written_ms = now_ms - (nanoseconds(wall) - written_ns) / kMillisecondNs;
   return start_time > 0 && ticks_to_ms(start_time) > written_ms + kFileClockSlackMs;
+}
+
+bool wex_began_after_file(const process_look& process, const char* path) {
+  struct stat file = {};
+  return process.sight == process_look::seen && lstat(path, &file) == 0 &&
+         wex_started_after(process.start_time,
+                           int64_t{file.st_mtim.tv_sec} * kSecondNs + file.st_mtim.tv_nsec);
+}
+
+bool wex_is_other_command(const char* command, const char* registered) {
+  constexpr size_t kSurelyWhole = 230;
+  const size_t length = strlen(registered);
+  return strncmp(command, registered, length) != 0 || (command[length] != '\0' && length < kSurelyWhole);
 }
 
 int64_t wex_clock_shift(int64_t least_delay_ns) {

@@ -71,5 +71,12 @@ int64_t wex_start_on_clock_ms(uint64_t start_time);
 // nothing.
 bool wex_started_after(uint64_t start_time, int64_t written_ns);
 
+// True when the process began surely after the file was written.
+bool wex_began_after_file(const process_look& process, const char* path);
+
+// True when a process that runs `command` surely is not of the registration that names `registered`, as far
+// as that can be told by command lines; a long one may have been cut when it was written to its file.
+bool wex_is_other_command(const char* command, const char* registered);
+
 // How much the boot clock is ahead of the monotonic clock now.
 int64_t wex_boot_offset_ns();

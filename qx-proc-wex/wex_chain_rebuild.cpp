@@ -4,8 +4,6 @@
 #define WEX_MODULE "wex_chain"
 #include "wex_chain_rebuild.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -42,24 +40,16 @@
 
 namespace {
 
-constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its file was read
-
 // What the process that has the record's pid runs, when that is not the registered command line.
 bool runs_another(const wex_pid* rec, char (&command)[WEX_PROCESS_SIZE]) {
-  if (pid_to_cmdline(rec->pid, command, sizeof command) == nullptr) {
-    return false;
-  }
-  const size_t length = strlen(rec->process);
-  return strncmp(command, rec->process, length) != 0 || (command[length] != '\0' && length < kSurelyWhole);
+  return pid_to_cmdline(rec->pid, command, sizeof command) != nullptr &&
+         wex_is_other_command(command, rec->process);
 }
 
 // True when the process began after the registration was written.
 bool began_later(const wex_pid* rec) {
   char path[kPathSize];
-  struct stat file = {};
-  const process_look now = wex_look_at(rec->pid);
-  return now.sight == process_look::seen && wex_name_pidfile(rec, path) && lstat(path, &file) == 0 &&
-         wex_started_after(now.start_time, int64_t{file.st_mtim.tv_sec} * 1000000000 + file.st_mtim.tv_nsec);
+  return wex_name_pidfile(rec, path) && wex_began_after_file(wex_look_at(rec->pid), path);
 }
 
 // Another process may have got the pid of a dead program. A program may run another command line than it was

@@ -12,6 +12,7 @@
 #include "priority_mutex.h"
 #include "wex_core_filter.h"
 #include "wex_limits.h"
+#include "wex_utils.h"
 
 namespace {
 
@@ -22,28 +23,34 @@ struct newcomer {
 
 priority_mutex g_mutex;
 newcomer g_newcomers[kNewcomers] WEX_TSA(guarded_by(g_mutex)) = {};
-int g_next WEX_TSA(guarded_by(g_mutex)) = 0;  // the oldest one, which makes room
+int g_next WEX_TSA(guarded_by(g_mutex)) = 0;  // the one that makes room when none is free
 
 newcomer* find_newcomer(int32_t pid) WEX_TSA(requires_capability(g_mutex)) {
   newcomer* const found = std::find_if(std::begin(g_newcomers), std::end(g_newcomers),
                                        [pid](const newcomer& entry) { return entry.pid == pid; });
-  return pid > 0 && found != std::end(g_newcomers) ? found : nullptr;
+  return found != std::end(g_newcomers) ? found : nullptr;
+}
+
+newcomer* find_room(int32_t pid) WEX_TSA(requires_capability(g_mutex)) {
+  for (newcomer* const entry : {find_newcomer(pid), find_newcomer(0)}) {
+    if (entry != nullptr) {
+      return entry;
+    }
+  }
+  newcomer* const oldest = &g_newcomers[g_next];
+  g_next = (g_next + 1) % kNewcomers;
+  return oldest;
 }
 
 }  // namespace
 
 void wex_expect_newcomer(int32_t pid) {
-  if (pid < 1) {
-    return;
+  if (pid < 1 || !wex_pid_exists(pid)) {
+    return;  // its end has been reported, or never will be
   }
   {
     const mutex_lock hold(g_mutex);
-    newcomer* entry = find_newcomer(pid);
-    if (entry == nullptr) {
-      entry = &g_newcomers[g_next];
-      g_next = (g_next + 1) % kNewcomers;
-    }
-    *entry = {pid, 0};
+    *find_room(pid) = {pid, 0};
   }
   wex_pass_exits_of_newcomer(pid);
 }

@@ -13,7 +13,7 @@
 // registry. Control server only, before it acknowledges.
 void wex_expect_newcomer(int32_t pid);
 
-// The kernel has reported the end of a process that has no record. Exit monitor only.
+// The kernel has reported the end of a process. Exit monitor only.
 void __wex_note_early_end(int32_t pid, uint32_t exit_code) WEX_TSA(requires_capability(wex_chains));
 
 // The exit code of the process when its end was reported since it was expected, else 0. Once.

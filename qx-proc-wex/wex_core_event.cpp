@@ -33,11 +33,12 @@ namespace {
 
 // The record an event belongs to. The thread that dumped core is often reported after its process, whose
 // record then already has the replacement's pid. A record that was made for a thread is not meant when a
-// process has its id: that process got it after the thread had ended.
+// process has its id: that process got it after the thread had ended. Nor is one whose process had ended
+// before.
 wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
   for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
     wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
-    if (rec != nullptr && (rec->thread_of == 0 || candidate != tgid)) {
+    if (rec != nullptr && rec->start_time != kStartOfNobody && (rec->thread_of == 0 || candidate != tgid)) {
       return rec;
     }
   }
@@ -47,7 +48,7 @@ wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(
 // Whether the event is of a registered process. That of one whose registration is under way is kept for it.
 bool is_registered(const process_event& event) {
   chain_lock hold(wex_chains);
-  if (event.pid == event.tgid && __wex_find_pid(&wex_chains, event.pid) == nullptr) {
+  if (event.pid == event.tgid) {
     __wex_note_early_end(event.pid, event.exit_code);
   }
   return record_of_event(event.pid, event.tgid) != nullptr;

@@ -69,13 +69,14 @@ void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_free_record(__wex_recycle_registration(rec));
 }
 
-// True also when another process has got the pid: it is alive, but not the record's process.
-bool is_dead(const wex_pid* rec) {
-  if (process_life(rec->pid) < 0) {
-    return true;
-  }
+bool has_anothers_pid(const wex_pid* rec) {
   const process_look now = wex_look_at(rec->pid);
   return rec->start_time != 0 && now.sight == process_look::seen && now.start_time != rec->start_time;
+}
+
+// True also when another process has got the pid: it is alive, but not the record's process.
+bool is_dead(const wex_pid* rec) {
+  return process_life(rec->pid) < 0 || has_anothers_pid(rec);
 }
 
 // True when the record was dropped because its program runs under another registration.
@@ -102,12 +103,17 @@ bool dropped_as_duplicate(wex_pid* rec) WEX_TSA(requires_capability(wex_chains))
   return true;
 }
 
-void drop_thread_registrations(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+// A process that has got the pid meanwhile may have registered threads of its own.
+void drop_thread_registrations(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const int32_t pid = rec->pid;
   chain_lock hold(wex_alive_chains);
   record_walk walk(wex_alive_chains);
   while (wex_pid* const thread = walk.next()) {
     if (thread->ppid != pid) {
       continue;
+    }
+    if (has_anothers_pid(rec)) {
+      return;
     }
     wex_dbg(WEX_DBG_PUB, "%s: delete pid (%d) ppid (%d) from chain!\n", "wex_del_node_chain", thread->pid,
             pid);
@@ -346,7 +352,7 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
     wex_dbg(WEX_DBG_PUB, "%s--> alarm_wait_flag = %d\n", kHandler, rec->alarm_wait_flag);
     return;
   }
-  drop_thread_registrations(rec->pid);
+  drop_thread_registrations(rec);
   rec->exit_signal = exit_signal;
   rec->force_restart = force_restart;
   rec->exit_seen = 1;

@@ -8,15 +8,14 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "chain_lock.h"
 #include "dir_walk.h"
 #include "text_buffer.h"
 #include "text_number.h"
-#include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
@@ -27,6 +26,7 @@
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -34,10 +34,6 @@
 #include "wex_utils.h"
 
 namespace {
-
-// A start time that no process has, so that a process that has got the pid meanwhile is not taken for the
-// record's.
-constexpr uint64_t kBeforeAnybody = 1;
 
 // The pid at the end of a database file's name, 0 when there is none.
 int32_t pid_of_name(const char* name) {
@@ -60,38 +56,43 @@ bool is_allowed(const char* path, wex_pid* rec, const struct stat& facts)
   return __wex_has_room(&wex_chains, rec);
 }
 
-// How long ago the file was written, and the process began; negative when that cannot be told.
-int64_t age_of_file_ms(const char* path) {
-  struct stat facts;
-  return lstat(path, &facts) == 0 ? (int64_t{time(nullptr)} - facts.st_mtime) * 1000 : -1;
-}
-
-int64_t age_of_process_ms(const process_look& now) {
-  const int64_t start = wex_start_on_clock_ms(now.start_time);
-  return now.sight == process_look::seen && start > 0 ? wex_clock_ms() - start : -1;
-}
-
-// What cannot be read for another reason than that there is nothing may be the program.
-bool runs_another_program(int32_t pid, const char* program) {
+// Who has the pid of a file whose process has gone.
+struct successor {
+  uint64_t start_time;  // 0 = nobody
   char command[WEX_PROCESS_SIZE];
-  if (wex_read_command(pid, command, sizeof command) == command_read::nothing) {
-    return errno == ENOENT;
+};
+
+// False when the process that has the pid may be the file's own, which may be about to take its lock: the
+// file is not to be opened. Nothing is held yet, for /proc may have to wait for that process's memory.
+bool file_is_left_behind(int32_t pid, const char* path, successor* now) {
+  *now = {};
+  if (!wex_pid_exists(pid)) {
+    return true;
   }
-  return strncmp(command, program, strlen(program)) != 0;
+  const process_look look = wex_look_at(pid);
+  now->start_time = look.start_time;
+  return wex_began_after_file(look, path) &&
+         (wex_read_command(pid, now->command, sizeof now->command) != command_read::nothing ||
+          errno == ENOENT);
 }
 
-// Whether another process has the pid of the file's. It runs another program, and began after the file was
-// written. Either alone says too little: a process may change its command line, and the clock may be set.
-bool belongs_to_stranger(const wex_pid* rec, const char* path) {
-  const int64_t file_age = age_of_file_ms(path);
-  const int64_t process_age = age_of_process_ms(wex_look_at(rec->pid));
-  return process_age >= 0 && file_age - process_age > kFileBeforeProcessMs &&
-         runs_another_program(rec->pid, rec->process);
+// Nobody has the pid, or a process that runs another program than the file names. That it began after the
+// file was written is not enough: the clock may have been set. Nor is the program: a process may change its
+// command line. One with a flag file in another domain would lead the restart there.
+bool is_not_the_files(const successor& now, const wex_pid* rec) {
+  if (now.start_time == 0) {
+    return !wex_pid_exists(rec->pid);
+  }
+  const process_look look = wex_look_at(rec->pid);
+  return look.sight == process_look::seen && look.start_time == now.start_time &&
+         wex_is_other_command(now.command, rec->process) &&
+         std::max(find_app(rec->pid), kMainSystem) == rec->vsd;
 }
 
 // Reads the file into `rec`; true when it is a registration that nobody knows, of a process that is gone,
 // with a lock that nobody holds. A file of another name than its content gives it is left to the next start.
-bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+bool read_lost(int32_t vsd, const char* path, const successor& now, wex_pid* rec)
+    WEX_TSA(requires_capability(wex_chains)) {
   struct stat facts = {};
   if (wex_read_pidfile_facts(path, rec, wex_strict().on ? &facts : nullptr) != 0) {
     return false;
@@ -101,21 +102,20 @@ bool read_lost(int32_t vsd, const char* path, wex_pid* rec) WEX_TSA(requires_cap
   char fitting[kPathSize];
   return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
          wex_find_action(rec->action) != nullptr && __wex_find_pid(&wex_chains, rec->pid) == nullptr &&
-         wex_proc_is_exit(rec) == 1 && (!wex_pid_exists(rec->pid) || belongs_to_stranger(rec, path)) &&
-         is_allowed(path, rec, facts);
+         is_not_the_files(now, rec) && wex_proc_is_exit(rec) == 1 && is_allowed(path, rec, facts);
 }
 
 // Gives it a record, so that the sweep finds the lost exit and restarts the program. When a new process of
 // the program is registered before that, or runs already, it takes the record's place.
-void adopt_if_lost(int32_t vsd, const char* path) {
+void adopt_if_lost(int32_t vsd, const char* path, const successor& now) {
   wex_pid* const rec = wex_new_record();  // may wait for memory, so nothing is held yet
   chain_lock hold(wex_chains);  // or an exit that is being handled might be about to remove the file
-  if (!read_lost(vsd, path, rec)) {
+  if (!read_lost(vsd, path, now, rec)) {
     wex_free_record(rec);
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s: registration of pid %d was lost\n", "wex_look_at_files", rec->pid);
-  rec->start_time = kBeforeAnybody;
+  rec->start_time = kStartOfNobody;
   wex_note_failed(rec);
   rec->known_code = __wex_take_early_end(rec->pid);
   __wex_add_record(&wex_chains, rec);
@@ -129,8 +129,10 @@ void look_at_domain(int32_t vsd) {
   dir_walk files(dir);
   while (const dirent* const entry = files.valid() ? files.next() : nullptr) {
     const int32_t pid = pid_of_name(entry->d_name);
-    if (pid > 0 && !has_record(pid) && wex_format(path, sizeof path, "%s/%s", dir, entry->d_name)) {
-      adopt_if_lost(vsd, path);
+    successor now;
+    if (pid > 0 && !has_record(pid) && wex_format(path, sizeof path, "%s/%s", dir, entry->d_name) &&
+        file_is_left_behind(pid, path, &now)) {
+      adopt_if_lost(vsd, path, now);
     }
   }
 }

@@ -10,14 +10,17 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
 #include "wex_core_filter_program.h"
 #include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
+#include "wex_limits.h"
 
 namespace {
 
@@ -46,9 +49,12 @@ int g_events WEX_TSA(guarded_by(g_lock)) = -1;
 unsigned g_threads_for WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
 bool g_executions WEX_TSA(guarded_by(g_lock)) = true;
 pid_set g_exits WEX_TSA(guarded_by(g_lock));
-bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;                 // more processes than the set holds
-int32_t g_newcomer WEX_TSA(guarded_by(g_lock)) = 0;                  // its registration is under way
-bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
+bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;       // more processes than the set holds
+bool g_overfull_told WEX_TSA(guarded_by(g_lock)) = false;  // a caller knows
+int32_t g_newcomers[kNewcomers] WEX_TSA(
+    guarded_by(g_lock)) = {};                         // registrations are under way, or were lately
+int g_next_newcomer WEX_TSA(guarded_by(g_lock)) = 0;  // where the next one goes
+bool g_refused WEX_TSA(guarded_by(g_lock)) = false;   // the kernel did not take the set
 passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
 difference g_difference WEX_TSA(guarded_by(g_lock)) = difference::none;
 sock_filter g_program[kFilterProgramMax] WEX_TSA(guarded_by(g_lock));
@@ -146,6 +152,7 @@ void wex_attach_filter(int fd) {
 void wex_release_filter() {
   const mutex_lock hold(g_lock);
   g_events = -1;
+  std::fill(std::begin(g_newcomers), std::end(g_newcomers), 0);
 }
 
 void wex_pass_thread_ends(thread_ends_for whom, bool pass) {
@@ -165,15 +172,19 @@ bool wex_pass_exits_of(int32_t pid) {
   if (pid < 1) {
     return true;
   }
-  const bool was_overfull = g_overfull;
   add_process(pid);
   update();
-  return was_overfull || !g_overfull;
+  const bool news = g_overfull && !g_overfull_told;
+  g_overfull_told = g_overfull;
+  return !news;
 }
 
 void wex_pass_exits_of_newcomer(int32_t pid) {
   const mutex_lock hold(g_lock);
-  g_newcomer = pid;
+  if (std::find(std::begin(g_newcomers), std::end(g_newcomers), pid) == std::end(g_newcomers)) {
+    g_newcomers[g_next_newcomer] = pid;
+    g_next_newcomer = (g_next_newcomer + 1) % kNewcomers;
+  }
   add_process(pid);
   update();
 }
@@ -181,13 +192,16 @@ void wex_pass_exits_of_newcomer(int32_t pid) {
 void wex_pass_exits_only_of(const pid_set* pids) {
   const mutex_lock hold(g_lock);
   pid_set kept = pids != nullptr ? *pids : g_exits;
-  const bool all_fit = pids != nullptr && (g_newcomer < 1 || kept.add(g_newcomer));
+  bool all_fit = pids != nullptr;
+  for (const int32_t newcomer : g_newcomers) {
+    all_fit = (newcomer == 0 || kept.add(newcomer)) && all_fit;
+  }
   if (!(kept == g_exits)) {
     g_exits = kept;
     const bool some_missing = g_overfull || g_difference == difference::too_few;
     g_difference = some_missing ? difference::too_few : difference::too_many;
   }
-  g_overfull = !all_fit;
+  g_overfull = g_overfull_told = !all_fit;
   g_refused = false;
   update();
 }

@@ -42,7 +42,6 @@ inline constexpr int32_t kRebootWindowSec = 601;       // a second park sooner t
 inline constexpr int32_t kLongDelaySec = 3600;         // a restart delay above this gets a running-log line
 inline constexpr int kLongDelayNotes = 16;             // for so many programs at a time,
 inline constexpr int32_t kLongDelayLogSec = 60;        // one line in this time for all of them
-inline constexpr int64_t kFileBeforeProcessMs = 2000;  // a file this much older than a process is not its own
 inline constexpr int kNewcomers = 16;                  // registrations whose early end is remembered
 
 // Exit burst.

@@ -133,9 +133,17 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
   }
 }
 
+// The exit code of an end before there was a record. One that was made of the newcomer's file may know it.
+uint32_t take_early_end(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  const uint32_t code = __wex_take_early_end(pid);
+  const wex_pid* const before = __wex_find_pid(&wex_chains, pid);
+  return code == 0 && before != nullptr ? before->known_code : code;
+}
+
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
+  const uint32_t early_end = take_early_end(rec->pid);
   if (is_registered(rec)) {
     wex_own_database_file(__wex_find_pid(&wex_chains, rec->pid));
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
@@ -154,7 +162,6 @@ bool insert_process(wex_pid* rec) {
   }
   __wex_add_record(&wex_chains, rec);
   wex_status_tell(WEX_STATUS_EV_REGISTERED, rec);
-  const uint32_t early_end = __wex_take_early_end(rec->pid);
   wex_own_database_file(rec);
   if (!wex_record_lives(rec)) {  // its exit was reported while it had no record, and will not be again
     rec->known_code = early_end;

@@ -18,6 +18,7 @@
 #include "linked_name.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
+#include "wex_limits.h"
 
 namespace {
 
@@ -175,6 +176,31 @@ TEST_F(Filter, HoldsAnySetOfProcesses) {
     keep_only(pids);
     expect_exactly(pids);
   }
+}
+
+TEST_F(Filter, KeepsTheLastNewcomersThoughTheyHaveNoRecord) {
+  wex_pass_exits_of_newcomer(2000);
+  EXPECT_TRUE(exit_passes(2000));
+  forget_all();
+  EXPECT_TRUE(exit_passes(2000));
+  for (int32_t later = 1; later <= kNewcomers; ++later) {
+    wex_pass_exits_of_newcomer(2000 + later);
+  }
+  forget_all();
+  EXPECT_FALSE(exit_passes(2000));
+  EXPECT_TRUE(exit_passes(2001));
+}
+
+TEST_F(Filter, ANewcomerForWhomThereIsNoRoomHasTheNextRecordTidyIt) {
+  std::set<int32_t> pids;
+  for (size_t i = 1; i <= pid_set::kWords; ++i) {
+    pids.insert(static_cast<int32_t>(i * 32));
+  }
+  keep_only(pids);
+  wex_pass_exits_of_newcomer(1000000);
+  EXPECT_TRUE(exit_passes(1000001)) << "those of all processes";
+  EXPECT_FALSE(expect_exit_of(32));
+  EXPECT_TRUE(expect_exit_of(32)) << "told once";
 }
 
 TEST_F(Filter, KeepsAProcessUntilItIsTidied) {

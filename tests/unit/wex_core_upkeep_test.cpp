@@ -9,6 +9,7 @@
 #include "wex_core_files.h"
 #include "wex_core_process_event.h"
 #include "wex_core_spawn_guard.h"
+#include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_status_image.h"
 
@@ -257,29 +258,49 @@ TEST_F(Delay, OtherFilesWithoutARecordAreLeftAlone) {
   EXPECT_EQ(1, count(wex_chains)) << "while a domain is taken down nothing comes back";
 }
 
+namespace {
+
+void add_thread_of(int32_t pid) {
+  wex_pid* const thread = wex_new_record();
+  thread->pid = pid;
+  thread->ppid = pid;
+  chain_lock hold(wex_alive_chains);
+  __wex_add_record(&wex_alive_chains, thread);
+}
+
+}  // namespace
+
 TEST_F(Delay, AProgramThatWasStoppedBeforeItsRegistrationWasHandledIsNotRestarted) {
-  const int32_t stopped = dead_pid();
-  const int32_t crashed = dead_pid();
-  for (const int32_t pid : {stopped, crashed}) {
-    const char* const program = pid == stopped ? kProgram : "/bin/sleep 1001";
+  service stopped;
+  service crashed;
+  for (service* const each : {&stopped, &crashed}) {
+    const int32_t pid = each->pid();
+    const char* const program = each == &stopped ? kProgram : "/bin/sleep 1001";
     write_file(file_of(pid), std::to_string(pid) + "\n2\n" + program);
     wex_expect_newcomer(pid);
+    each->end();
+    const uint32_t code = each == &stopped ? SIGTERM : SIGSEGV;
+    wex_take_exit_event({kEventExit, pid, pid, code, 0});
   }
-  process_event end = {kEventExit, stopped, stopped, SIGTERM, 0};
-  wex_take_exit_event(end);
-  end.pid = end.tgid = crashed;
-  end.exit_code = SIGSEGV;
-  wex_take_exit_event(end);
   wex_look_at_files();
   EXPECT_EQ(2, count(wex_chains));
   sweep_twice();
-  EXPECT_FALSE(exists(file_of(stopped)));
+  EXPECT_FALSE(exists(file_of(stopped.pid())));
   ASSERT_EQ(1, count(wex_chains)) << "the other one was restarted";
   chain_lock hold(wex_chains);
   record_walk walk(wex_chains);
   const wex_pid* const rec = walk.next();
   EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), rec->exit_signal);
   EXPECT_TRUE(wex_record_lives(rec));
+}
+
+TEST_F(Delay, ALostExitOfAnEarlierProcessCostsALaterOneOfItsPidNoRecord) {
+  wex_pid* const rec = add(dead_pid(), 2);
+  write_file("/tmp/vsd/5/delete_vsd", "");
+  EXPECT_TRUE(wex_drop_taken_down(rec->pid, 1)) << "nothing is to be restarted";
+  EXPECT_EQ(1, count(wex_chains));
+  EXPECT_TRUE(wex_drop_taken_down(rec->pid, 2));
+  EXPECT_EQ(0, count(wex_chains));
 }
 
 TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNamesAnotherProgram) {
@@ -290,8 +311,8 @@ TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNa
   };
   constexpr row kRows[] = {
       {"/bin/sleep 2000", 100, 1},
-      {"/bin/sleep 2000", 0, 0},  // it may have changed its command line
-      {"own", 100, 0},            // the clock may have been set
+      {"/bin/sleep 2000", -1, 0},  // it may have changed its command line
+      {"own", 100, 0},             // the clock may have been set
   };
   service stranger;
   char own[WEX_PROCESS_SIZE] = {};
@@ -308,7 +329,11 @@ TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNa
     wex_look_at_files();
     ASSERT_EQ(each.records, count(wex_chains));
     if (each.records == 1) {
+      add_thread_of(stranger.pid());
+      wex_take_exit_event({kEventExit, stranger.pid(), stranger.pid(), SIGTERM, 0});
+      EXPECT_TRUE(exists(file)) << "the end of the stranger is not that of the program";
       sweep_twice();
+      EXPECT_EQ(1, count(wex_alive_chains)) << "the stranger's thread";
       EXPECT_FALSE(exists(file)) << "its program was started again";
       EXPECT_TRUE(wex_test::is_alive(stranger.pid()));
       chain_lock hold(wex_chains);

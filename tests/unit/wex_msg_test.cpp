@@ -12,7 +12,10 @@
 #include "running_thread.h"
 #include "verify_chain.h"
 #include "wex_chain.h"
+#include "wex_core_early_end.h"
+#include "wex_core_event.h"
 #include "wex_core_long_delay.h"
+#include "wex_core_process_event.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_status_image.h"
@@ -396,6 +399,33 @@ TEST_F(Registry, AThreadIsRegisteredOnce) {
   EXPECT_EQ(0, wex_process_restart(&body));
   ASSERT_EQ(1, wex_chains.count);
   EXPECT_EQ(3, find(wex_chains, thread.tid())->check_count);
+}
+
+// An exit that is being handled may hold the registry for seconds.
+TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasReported) {
+  wex_test::child service("/bin/sleep", {"sleep", "1000"});
+  ASSERT_TRUE(service.ready());
+  const wex_reg_info body = body_of(service.pid());
+  std::atomic<int32_t> server{0};
+  wex_expect_newcomer(body.pid);
+  std::thread worker;
+  {
+    const chain_lock hold(wex_chains);
+    g_commands_read = 0;
+    worker = std::thread([&] {
+      server = wex_thread_id();
+      wex_process_restart(&body);
+    });
+    EXPECT_TRUE(wex_test::eventually([&] {
+      return g_commands_read > 0 && wex_look_at(server).state == 'S' && wex_look_at(server).state == 'S';
+    }));
+    service.end();
+    wex_take_exit_event({kEventExit, body.pid, body.pid, SIGTERM, 0});
+  }
+  worker.join();
+  const wex_pid* const rec = find(wex_chains, body.pid);
+  ASSERT_NE(nullptr, rec);
+  EXPECT_EQ(static_cast<uint32_t>(SIGTERM), rec->known_code);
 }
 
 // An exit that is being handled may hold the registry for seconds.
