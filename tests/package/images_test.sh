@@ -177,6 +177,7 @@ head -n 1 "$work/openwrt/wex/etc/init.d/wex" | grep -q '^#!/bin/sh /etc/rc.commo
   complain "OpenWrt: /etc/init.d/wex is no script of rc.common"
 grep -Eq '^START=[0-9]+$' "$work/openwrt/wex/etc/init.d/wex" || complain "OpenWrt: nothing starts wex at boot"
 hands_on "$work/openwrt/wex/etc/init.d/wex" /usr/libexec/wex/wex-sysvinit '. "$1" && "$2"'
+cmp -s "$root/packaging/openwrt/wex.config" "$root/packaging/kernel/wex.config" || complain "OpenWrt: wex.config of the feed is another fragment"
 [ -e "$work/openwrt/dev/usr/include/wex/wex.h" ] && [ -e "$work/openwrt/dev/usr/lib/libwex.so" ] || complain "OpenWrt: nothing to build services with"
 
 [ $failures -eq 0 ] && echo "all well"

@@ -59,6 +59,8 @@ case " ${*:2} " in *' test '* | '  ')
   try 'tests of documents' ./dev test --only '^(docs\.(decisions|paths|messages|interface|why_failed)|package\.(kernel|layouts))$'
   try 'unit tests and the main walkthroughs' ./dev test --only '^(unit_.*|MainWalkthrough\..*)$'
   try 'the lint' ./dev lint
+  try 'a second of the fuzzer' ./dev fuzz 1 words
+  try 'the packages, installed and used' ./dev test --only '^package\.install_and_use$'
   for preset in asan tsan; do
     try "a test of $preset" sh -c '
       cmake --preset $1 -Wno-dev && cmake --build --preset $1 --target wex wex_shared unit_wex_chain_test &&

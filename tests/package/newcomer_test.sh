@@ -5,8 +5,11 @@
 #
 # Arguments: which of demo, package, test and device; without any, all of them.
 #
-# Of what ./dev test runs after its set-up and build: the unit tests, the main walkthroughs, what compares documents, the lint, and
-# one test of each sanitizer. The other cases run here anyway, in this very test run.
+# Of what ./dev test runs after its set-up and build: the unit tests, the main walkthroughs, what compares documents, the lint, one
+# test of each sanitizer, one target of the fuzzer, and the packages as they are installed and used. docs/integrator.md says what is
+# left out. Those cases run here anyway, in this very test run.
+#
+# The demo has a minute for its story. Set-up, downloads and build come before it and take what network and processor need.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 root=${here%/tests/package}

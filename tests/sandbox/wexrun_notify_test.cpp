@@ -249,6 +249,37 @@ TEST_F(WexrunNotify, EverySignalOfTheManualReachesTheProgramAndABrokenPipeOfItsP
   EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
 }
 
+// Were one of these two not handed on, wexrun would end by it and take the program along: wex would see the
+// same end, and the program none of it.
+TEST_F(WexrunNotify, AProgramThatCatchesSigtermOrSigabrtEndsInItsOwnWay) {
+  const struct {
+    int number;
+    const char *name, *logged;
+  } rows[] = {{SIGABRT, "ABRT", " receives event:0800"}, {SIGTERM, "TERM", " receives event:0700"}};
+  const words script = {"/tmp/speaker"}, command = wexrun({"--notify"}, script);
+  const temporary speaker(script[0]);
+  write_file(script[0],
+             "#!/bin/sh\nsay() { echo $1 >> /tmp/wexrun-facts; }\n"
+             "trap 'say ABRT; exit 8' ABRT\ntrap 'say TERM; exit 7' TERM\n"
+             "say up\nwhile :; do sleep 0.1; done\n",
+             0755);
+  Process service;
+  std::string told = "up\n";
+  ASSERT_TRUE(service.start(command));
+  pid_t pid = service.pid();
+  for (const auto& row : rows) {
+    ASSERT_TRUE(eventually([&] { return read_file(kFacts) == told && lock_holder(pid) == pid; }, 20s))
+        << row.name << read_file(kFacts);
+    send_signal(pid, row.number);
+    EXPECT_TRUE(log.says("/" + text(pid) + row.logged, 20s)) << read_console();
+    told += std::string(row.name) + "\nup\n";
+    pid = wait_for_command(command, pid);
+    ASSERT_GT(pid, 0) << read_console();
+  }
+  EXPECT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << read_file(kFacts);
+  EXPECT_TRUE(exited_with(service.wait(20s), 8));
+}
+
 // systemd-notify sends and ends; it waits until its message was read.
 TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};

@@ -1,4 +1,7 @@
 // wexrun with the real daemon: a program that knows nothing of wex dies and comes back, registered anew.
+#include <regex>
+
+#include "shell_answer.h"
 #include "wexrun_support.h"
 
 using namespace wexrun_test;
@@ -28,6 +31,15 @@ std::string link_target(pid_t pid, int fd) {
   char path[256] = "";
   const std::string name = "/proc/" + text(pid) + "/fd/" + std::to_string(fd);
   return readlink(name.c_str(), path, sizeof path - 1) > 0 ? path : "";
+}
+
+std::set<std::string> options_in(const std::string& text) {
+  const std::regex option("--[a-z]+(-[a-z]+)*");
+  std::set<std::string> found;
+  for (std::sregex_iterator one(text.begin(), text.end(), option); one != std::sregex_iterator(); ++one) {
+    found.insert(one->str());
+  }
+  return found;
 }
 
 }  // namespace
@@ -187,6 +199,14 @@ TEST_F(Wexrun, WhatARestartCouldNotRepeatIsRefusedBeforeAnythingIsStarted) {
   }
   EXPECT_TRUE(exited_with(run({kBinary, "--help"}), 0));
   EXPECT_TRUE(exited_with(run({kBinary, "--version"}), 0));
+}
+
+TEST_F(Wexrun, TheManualPageAndTheHelpHaveTheSameOptions) {
+  const answer help = shell(std::string(kBinary) + " --help");
+  const std::string page = read_file(WEX_SOURCE_DIR "/docs/man/wexrun.1");
+  EXPECT_EQ(0, help.status);
+  EXPECT_EQ(5U, options_in(help.text).size()) << help.text;
+  EXPECT_EQ(options_in(help.text), options_in(std::regex_replace(page, std::regex("\\\\-"), "-")));
 }
 
 // The most that is not refused: 13 words behind wexrun, 242 characters with it. Each comes back whole, also

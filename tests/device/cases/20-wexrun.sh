@@ -40,8 +40,10 @@ check "wex does not see the signal that ended it" eventually 10 grep -q "/$paren
 check "it did not come back a second time" eventually 20 other_runs $program /usr/bin/notify
 parent=$(pids_of $minder)
 check "it is not registered a third time" eventually 10 registered 0 wexrun $parent
+program=$(pids_of /usr/bin/notify)
 kill -TERM $parent
-check "SIGTERM was not handed on" eventually 10 none_runs /usr/bin/notify
+check "SIGTERM was not handed on" eventually 10 grep -q "notify/$program says: got SIGTERM" $LOG
+check "the program outlived its stop" eventually 10 none_runs /usr/bin/notify
 check "a stopped program kept its registration" eventually 10 [ ! -e $DB/wexrun.$parent ]
 check "a stopped program came back" never 3 one_runs /usr/bin/notify
 

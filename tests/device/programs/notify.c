@@ -2,7 +2,7 @@
  * wex.
  *
  * It says that it is ready and what it was given, and gives five signs of life a second. SIGUSR2: it ends
- * with status 9. */
+ * with status 9. SIGTERM: it says so and ends by the signal, which is a stop on purpose. */
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -12,11 +12,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-static volatile sig_atomic_t over;
+static volatile sig_atomic_t over, stopped;
 
 static void end(int number) {
   (void)number;
   over = 1;
+}
+
+static void stop(int number) {
+  (void)number;
+  stopped = 1;
 }
 
 /* The address is abstract: '@' stands for the zero byte. */
@@ -41,16 +46,22 @@ int main(void) {
   int fd, length;
 
   if (address == NULL || period == NULL || signal(SIGUSR2, end) == SIG_ERR ||
-      (fd = connect_to(address)) < 0) {
+      signal(SIGTERM, stop) == SIG_ERR || (fd = connect_to(address)) < 0) {
     return 2;
   }
   length = snprintf(text, sizeof text, "READY=1\nSTATUS=watched for %s", period);
-  while (!over) {
+  while (!over && !stopped) {
     if (send(fd, text, (size_t)length, 0) != length) {
       return 3;
     }
     length = snprintf(text, sizeof text, "WATCHDOG=1");
     usleep(200000);
+  }
+  if (stopped) {
+    length = snprintf(text, sizeof text, "STATUS=got SIGTERM");
+    send(fd, text, (size_t)length, 0);
+    signal(SIGTERM, SIG_DFL);
+    raise(SIGTERM);
   }
   return 9;
 }
