@@ -384,8 +384,10 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;
+  if (old_pid != new_pid) {
+    wex_forget_user(old_pid);
+  }
   wex_keep_user(rec);
-  wex_forget_user(old_pid);
   return wex_note_start(rec);
 }
 

@@ -98,7 +98,8 @@ bool wex_started_after(uint64_t start_time, int64_t written_ns) {
   // not.
   const int64_t now_ms = (nanoseconds(monotonic) + wex_boot_offset_ns()) / kMillisecondNs;
   const int64_t written_ms = now_ms - (nanoseconds(wall) - written_ns) / kMillisecondNs;
-  return start_time > 0 && ticks_to_ms(start_time) > written_ms + kFileClockSlackMs;
+  // By its clock a file of before the boot was written when the clock had not been set yet.
+  return start_time > 0 && written_ms >= 0 && ticks_to_ms(start_time) > written_ms + kFileClockSlackMs;
 }
 
 bool wex_began_after_file(const process_look& process, const char* path) {
@@ -111,7 +112,7 @@ bool wex_began_after_file(const process_look& process, const char* path) {
 bool wex_is_other_command(const char* command, const char* registered) {
   constexpr size_t kSurelyWhole = 230;
   const size_t length = strlen(registered);
-  return strncmp(command, registered, length) != 0 || (command[length] != '\0' && length < kSurelyWhole);
+  return strncmp(command, registered, length) != 0 || (length < kSurelyWhole && command[length] != '\0');
 }
 
 int64_t wex_clock_shift(int64_t least_delay_ns) {

@@ -54,8 +54,8 @@ bool began_later(const wex_pid* rec) {
 
 // Another process may have got the pid of a dead program. A program may run another command line than it was
 // registered with, and one that closed all its descriptors has lost the lock on its file; so only when all
-// three signs are there is the program started again, which would otherwise not run until that process ends.
-// The line tells an operator what has the pid.
+// three signs are there does its end count as lost: the program would otherwise not run until that process
+// ends. The line tells an operator what has the pid.
 bool is_stranger(const wex_pid* rec) {
   char command[WEX_PROCESS_SIZE];
   if (!runs_another(rec, command)) {
@@ -192,8 +192,12 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
   }
 }
 
-// The record's process lives on.
+// The record's process lives on, or another one has its pid; then the sweep finds that the program has ended.
 void take_over(wex_pid* rec) {
+  if (is_stranger(rec)) {
+    rec->start_time = kStartOfNobody;
+    return;
+  }
   // Not after the restarts: they may take long, and a stranger may have got the pid by then.
   wex_note_identity(rec);
   wex_status_found(rec, wex_start_on_clock_ms(rec->start_time));
@@ -214,13 +218,11 @@ void decide(candidates* all) {
       if (row.what != fate::undecided) {
         continue;
       }
-      if (!wex_looks_alive(row.rec->pid)) {
-        pending = true;
-      } else if (is_stranger(row.rec)) {
-        row.what = fate::dead;
-      } else {
+      if (wex_looks_alive(row.rec->pid)) {
         row.what = fate::alive;
         take_over(row.rec);
+      } else {
+        pending = true;
       }
     }
     if (!pending) {

@@ -19,6 +19,7 @@
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "text_number.h"
+#include "text_reader.h"
 #include "unique_fd.h"
 #include "wex_dbg.h"
 #include "wex_flag_file.h"
@@ -69,11 +70,6 @@ const wex_user* user_numbered(int32_t number) {
 
 // ---- what /proc tells -------------------------------------------------------------------------------------
 
-struct seen_ids {
-  wex_user user;
-  uid_t effective;  // owns the files that the process makes
-};
-
 // An id of 32 bits behind blanks; steps behind it.
 bool scan_id(const char** at, uint32_t* id) {
   int64_t value = 0;
@@ -103,7 +99,7 @@ void scan_groups(const char* at, wex_user* user) {
   }
 }
 
-bool read_ids(int32_t pid, seen_ids* ids) {
+bool read_ids(int32_t pid, wex_user* ids) {
   char path[kPathSize];
   char text[kStatusSize];
   wex_format(path, sizeof path, kProcStatusFmt, pid);
@@ -114,16 +110,16 @@ bool read_ids(int32_t pid, seen_ids* ids) {
   const char* gid = find_key(text, "\nGid:\t");
   const char* const groups = find_key(text, "\nGroups:\t");
   *ids = {};
-  if (uid == nullptr || gid == nullptr || groups == nullptr || !scan_id(&uid, &ids->user.uid) ||
-      !scan_id(&uid, &ids->effective) || !scan_id(&gid, &ids->user.gid)) {
+  if (uid == nullptr || gid == nullptr || groups == nullptr || !scan_id(&uid, &ids->uid) ||
+      !scan_id(&gid, &ids->gid)) {
     return false;
   }
-  scan_groups(groups, &ids->user);
+  scan_groups(groups, ids);
   return true;
 }
 
 // The ids of the very process that the record is of.
-bool read_ids_of(const wex_pid* rec, seen_ids* ids) {
+bool read_ids_of(const wex_pid* rec, wex_user* ids) {
   const int32_t process = rec->thread_of > 0 ? rec->thread_of : rec->pid;
   char state = 0;
   uint64_t started = 0;
@@ -203,31 +199,64 @@ bool is_owners_alone(const struct stat& facts) {
   return (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0 && (facts.st_mode & S_IXUSR) != 0 && facts.st_nlink == 1;
 }
 
-bool judge_living(wex_pid* rec, const struct stat& facts, const seen_ids& ids) {
+// The group of a user's own, as the device's list of users has it. The group of a file says nothing: a
+// directory may hand its own on to the files in it. False when the list does not name the user.
+bool find_own_group(uid_t uid, gid_t* group) {
+  char line[kUserLineSize];
+  const unique_fd file(open(kUserList, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  text_reader users(file.get());
+  while (file.valid() && users.line(line, sizeof line)) {
+    const char* at = strchr(line, ':');
+    at = at != nullptr ? strchr(at + 1, ':') : nullptr;
+    uint32_t its_uid = 0;
+    uint32_t its_gid = 0;
+    if (at != nullptr && scan_id(&++at, &its_uid) && *at == ':' && scan_id(&++at, &its_gid) &&
+        its_uid == uid) {
+      *group = its_gid;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Of a registration that was not kept nothing is known but whose file it is.
+bool take_owner(const struct stat& facts, wex_user* user) {
+  *user = {facts.st_uid, 0, 0, {}};
+  return facts.st_uid == 0 || find_own_group(facts.st_uid, &user->gid);
+}
+
+bool may_be_from(const struct stat& facts, const wex_user& user) {
+  return facts.st_uid == 0 || facts.st_uid == user.uid;
+}
+
+// A living process has the record's pid. It need not be the registered one, so its ids count only when
+// nothing was kept and the file is its own user's.
+bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
   char command[WEX_PROCESS_SIZE];
-  wex_user kept;
-  const bool was_kept = recall(rec, &kept);
-  const bool owner_may =
-      was_kept || facts.st_uid == 0 || facts.st_uid == ids.user.uid || facts.st_uid == ids.effective;
-  const bool content_counts = was_kept || is_owners_alone(facts) ||
-                              (wex_read_command(rec->pid, command, sizeof command) == command_read::whole &&
-                               is_command_of(command, rec));
-  rec->user = owner_may && content_counts ? number_of(ids.user) : kUnknownUser;
+  wex_user user;
+  if (recall(rec, &user)) {
+    rec->user = may_be_from(facts, user) ? number_of(user) : kUnknownUser;
+    return rec->user != kUnknownUser;
+  }
+  user = ids;
+  if (!is_owners_alone(facts) &&
+      (wex_read_command(rec->pid, command, sizeof command) != command_read::whole ||
+       !is_command_of(command, rec))) {
+    return false;
+  }
+  if (facts.st_uid != user.uid && !take_owner(facts, &user)) {
+    return false;
+  }
+  rec->user = number_of(user);
   return rec->user != kUnknownUser;
 }
 
 bool judge_dead(wex_pid* rec, const struct stat& facts) {
   wex_user user;
-  if (recall(rec, &user)) {
-    if (facts.st_uid != 0 && facts.st_uid != user.uid) {
-      return false;
-    }
-  } else if (is_owners_alone(facts)) {
-    user = {facts.st_uid, facts.st_gid, 0, {}};
-  } else {
+  if (!recall(rec, &user) && (!is_owners_alone(facts) || !take_owner(facts, &user))) {
     return false;
   }
-  rec->user = number_of(user);
+  rec->user = may_be_from(facts, user) ? number_of(user) : kUnknownUser;
   return rec->user != kUnknownUser;
 }
 
@@ -250,8 +279,8 @@ bool wex_note_user(wex_pid* rec) {
   if (!wex_strict().on) {
     return true;
   }
-  seen_ids ids;
-  rec->user = read_ids_of(rec, &ids) ? number_of(ids.user) : kUnknownUser;
+  wex_user ids;
+  rec->user = read_ids_of(rec, &ids) ? number_of(ids) : kUnknownUser;
   return rec->user != kUnknownUser;
 }
 
@@ -263,9 +292,9 @@ uint64_t wex_strict_start_of(int32_t pid) {
 
 void wex_find_user(wex_pid* rec) {
   const uint64_t started = wex_strict_start_of(rec->pid);
-  seen_ids ids;
+  wex_user ids;
   const bool known = started != 0 && read_ids(rec->pid, &ids) && wex_strict_start_of(rec->pid) == started;
-  rec->user = known ? number_of(ids.user) : kUnknownUser;
+  rec->user = known ? number_of(ids) : kUnknownUser;
 }
 
 void wex_note_thread_user(wex_pid* rec) {
@@ -273,11 +302,11 @@ void wex_note_thread_user(wex_pid* rec) {
   if (started == 0) {
     return;
   }
-  seen_ids owner;
+  wex_user owner;
   wex_find_user(rec);
   const wex_user* const user = wex_user_of(rec);
   const bool of_process = wex_get_ppid_form_pid(rec->pid) == rec->ppid && user != nullptr &&
-                          read_ids(rec->ppid, &owner) && owner.user.uid == user->uid;
+                          read_ids(rec->ppid, &owner) && owner.uid == user->uid;
   if (!of_process || wex_strict_start_of(rec->pid) != started) {
     rec->user = kUnknownUser;
   }
@@ -370,9 +399,9 @@ bool wex_runs_as(int32_t pid, const wex_pid* rec) {
   if (!wex_strict().on) {
     return true;
   }
-  seen_ids ids;
+  wex_user ids;
   const wex_user* const user = wex_user_of(rec);
-  return user != nullptr && read_ids(pid, &ids) && ids.user.uid == user->uid;
+  return user != nullptr && read_ids(pid, &ids) && ids.uid == user->uid;
 }
 
 bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
@@ -382,7 +411,7 @@ bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
   wex_pid now = {};
   now.pid = rec->pid;
   char state = 0;
-  seen_ids ids;
+  wex_user ids;
   const bool lives = wex_proc_stat(rec->pid, &state, &now.start_time) && !wex_is_dead_state(state) &&
                      read_ids_of(&now, &ids);
   return lives ? judge_living(rec, facts, ids) : judge_dead(rec, facts);

@@ -280,15 +280,15 @@ bool announce(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capabilit
   return log_announcement(action, name, rec->pid, code);
 }
 
-// The pause before a restart is told from its beginning until the restart is made, which others wait for,
+// The pause before a restart is shown from its beginning until the restart is made, which others wait for,
 // too.
-struct told_pause {
-  explicit told_pause(const wex_pid* rec) noexcept WEX_TSA(requires_capability(wex_chains)) {
+struct shown_pause {
+  explicit shown_pause(const wex_pid* rec) noexcept WEX_TSA(requires_capability(wex_chains)) {
     wex_status_pause(rec);
   }
-  ~told_pause() { wex_status_pause_over(); }
-  told_pause(const told_pause&) = delete;
-  told_pause& operator=(const told_pause&) = delete;
+  ~shown_pause() { wex_status_pause_over(); }
+  shown_pause(const shown_pause&) = delete;
+  shown_pause& operator=(const shown_pause&) = delete;
 };
 
 void start_again(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
@@ -313,7 +313,7 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
   }
   // The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
   // program without a database file would be unknown to the next one.
-  const told_pause told(rec);
+  const shown_pause shown(rec);
   wex_wait_with_registry(int64_t{rec->restart_delay} * 1000);
   if (!__wex_dropped_with_domain(rec)) {  // its domain may have gone while it waited
     start_again(rec, action);

@@ -73,6 +73,7 @@ struct server {
 // The server's thread's alone: no lock. Static, for 2048 slots are too much for a thread's stack on the
 // device.
 int32_t g_client_table[kMaxClients];
+constexpr int kNoClient = -2;  // in an event: its connection has been dropped since it was reported
 epoll_event g_events[kServedAtOnce];
 
 // ---- Messages ---------------------------------------------------------------------------------------------
@@ -187,6 +188,13 @@ size_t number_of(const int32_t* slot) {
   return static_cast<size_t>(slot - g_client_table);
 }
 
+// What was reported of the connection in this cycle must not be taken for a client that gets its number.
+void forget_events_of(int sd) {
+  for (epoll_event& event : g_events) {
+    event.data.fd = event.data.fd == sd ? kNoClient : event.data.fd;
+  }
+}
+
 bool drop_client(server& self, int sd) {
   int32_t* const slot = find_slot(sd);
   if (slot == nullptr) {
@@ -197,6 +205,7 @@ bool drop_client(server& self, int sd) {
   // would leave the connection in the interest set, reported under a number that another client may have.
   epoll_ctl(self.epoll.get(), EPOLL_CTL_DEL, sd, nullptr);
   close_emptied(sd);
+  forget_events_of(sd);
   *slot = -1;
   wex_client_left(number_of(slot));
   return true;
@@ -261,8 +270,8 @@ bool watch_or_fail(server& self, int fd, int why) {
 
 // One client more than the table holds ends the daemon; it is started again with an empty table.
 bool end_with_full_table(server& self, unique_fd sd) {
-  const int number = sd.get();
-  sd.reset();
+  const int number = sd.release();
+  close_emptied(number);
   wex_dbg(WEX_DBG_PUB, "%s: logic err, clnt_sd full, now_sd:%d!\n", kThread, number);
   return self.fail(kTableFull, 0);
 }
@@ -272,13 +281,18 @@ bool keep_client(server& self, unique_fd sd) {
   if (slot == nullptr) {
     size_t dropped = 0;
     const full_table how = wex_make_room_for_client(sd.get(), &dropped);
-    if (how != full_table::drop) {
-      return how == full_table::turn_away || end_with_full_table(self, std::move(sd));
+    if (how == full_table::end) {
+      return end_with_full_table(self, std::move(sd));
+    }
+    if (how == full_table::turn_away) {
+      close_emptied(sd.release());
+      return true;
     }
     slot = &g_client_table[dropped];
     drop_client(self, *slot);
   }
   if (!wex_admit_client(number_of(slot), sd.get())) {
+    close_emptied(sd.release());
     return true;
   }
   *slot = sd.release();
@@ -339,6 +353,9 @@ bool open_interest(server& self) {
 // with unread messages without EPOLLIN. A client is dropped then; a broken listener ends the daemon.
 bool handle_event(server& self, const epoll_event& event) {
   const int fd = event.data.fd;
+  if (fd == kNoClient) {
+    return true;
+  }
   if (fd == wex_wakeup_fd()) {
     return true;  // the flag itself is looked at when the next cycle begins
   }
@@ -482,7 +499,7 @@ void close_clients(const server& self) {
 void end_thread(server& self) {
   self.epoll.reset();
   if (self.listener.get() > 0) {
-    self.listener.reset();
+    close_emptied(self.listener.release());  // with the clients that still wait in it
   } else {  // the design closes numbers above 0 only; the daemon ends, and the kernel closes what is left
     self.listener.release();
   }

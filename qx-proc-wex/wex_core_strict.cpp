@@ -16,6 +16,7 @@
 
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
@@ -40,11 +41,23 @@ bool g_distrusted = false;
 int g_wrong_lines[kWrongLinesKept];
 int g_wrong_count = 0;
 
-// A missing file is no error; one that cannot be opened for another reason is there.
+// What cannot be told makes the daemon strict. A shortage is waited out for a moment first: a device without
+// the file is not to become strict by it.
+bool is_there() {
+  struct stat facts = {};
+  int result = lstat(kStrictFile, &facts);
+  for (int tries = 1;
+       result != 0 && (errno == ENOMEM || errno == EIO || errno == EINTR) && tries < kStrictTries; ++tries) {
+    wex_sleep_ms(kStrictRetryMs);
+    result = lstat(kStrictFile, &facts);
+  }
+  return result == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
 unique_fd open_file(bool* exists) {
-  unique_fd file(open(kStrictFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  *exists = file.valid() || (errno != ENOENT && errno != ENOTDIR);
-  return file;
+  *exists = is_there();
+  return *exists ? unique_fd(open(kStrictFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC))
+                 : unique_fd();
 }
 
 bool is_roots_alone(int fd) {

@@ -27,6 +27,7 @@ inline constexpr int32_t kUserRegistrations = 256;  // processes, and as many th
 inline constexpr int32_t kUserConnectionsMax = kMaxClients;
 inline constexpr int32_t kUserRegistrationsMax = 65536;
 inline constexpr int kWrongLinesKept = 4;  // wrong lines of that file that the running log names
+inline constexpr int kUserLineSize = 512;  // of the list of users, a longer line is no user's
 inline constexpr int kUserGroupsMax =
     64;                                 // supplementary groups of a process; further ones are not given back
 inline constexpr int kUsersKept = 512;  // different sets of ids among all registrations of one daemon
@@ -35,14 +36,16 @@ inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
 inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
 
 // Restart throttle and self-check.
-inline constexpr int32_t kThrottleWindowSec = 120;     // restarts are counted inside such a window
-inline constexpr int32_t kThrottleRestarts = 5;        // the restart that reaches this parks the program
-inline constexpr int32_t kSelfCheckSec = 300;          // default wait of a parked program
-inline constexpr int32_t kRebootWindowSec = 601;       // a second park sooner than this reboots the device
-inline constexpr int32_t kLongDelaySec = 3600;         // a restart delay above this gets a running-log line
-inline constexpr int kLongDelayNotes = 16;             // for so many programs at a time,
-inline constexpr int32_t kLongDelayLogSec = 60;        // one line in this time for all of them
-inline constexpr int kNewcomers = 16;                  // registrations whose early end is remembered
+inline constexpr int32_t kThrottleWindowSec = 120;  // restarts are counted inside such a window
+inline constexpr int32_t kThrottleRestarts = 5;     // the restart that reaches this parks the program
+inline constexpr int32_t kSelfCheckSec = 300;       // default wait of a parked program
+inline constexpr int32_t kRebootWindowSec = 601;    // a second park sooner than this reboots the device
+inline constexpr int32_t kLongDelaySec = 3600;      // a restart delay above this gets a running-log line
+inline constexpr int kLongDelayNotes = 16;          // for so many programs at a time,
+inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for all of them
+inline constexpr int kStrictTries = 5;              // to see whether there is a file for strict mode
+inline constexpr int kStrictRetryMs = 20;
+inline constexpr int kNewcomers = 16;  // registrations whose early end is remembered
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;

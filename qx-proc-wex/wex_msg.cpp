@@ -268,7 +268,7 @@ bool is_refused(uid_t speaker, const wex_pid* fresh) WEX_TSA(requires_capability
 
 int register_thread(uid_t speaker, const wex_reg_info& body, const notify_kind& kind) {
   char command[WEX_PROCESS_SIZE];
-  if (pid_to_cmdline(body.pid, command, sizeof command) == nullptr) {
+  if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid=%d\n", kind.handler, body.pid, body.ppid);
     return -1;
   }

@@ -54,6 +54,7 @@ inline constexpr char kSettingsDir[]      = "/etc";                             
 inline constexpr char kThirdPartList[]    = "/etc/wex/third_part_proc";           // daemon at start: one line a program
 inline constexpr char kStrictFile[]       = "/etc/wex/strict";                    // operator: users are trusted with their own alone
 inline constexpr char kUsersParent[]      = "/run";                               // device
+inline constexpr char kUserList[]         = "/etc/passwd";                        // device, stays
 inline constexpr char kUsersDir[]         = "/run/wex";                           // daemon, gone: only in strict mode
 inline constexpr char kUserFileFmt[]      = "/run/wex/%d";                        // daemon, gone: pid; as whom it is started again
 inline constexpr char kBurstConfig[]      = "/etc/wex_config";                    // device: "window count"

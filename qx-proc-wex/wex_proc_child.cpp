@@ -240,15 +240,15 @@ void execute(char* const* argv) {
 }
 
 // Root opened the console for reading, too. What somebody types there is nothing for a user's program.
-void only_write_to_console() {
+bool only_write_to_console() {
   int console = open(kConsole, O_WRONLY | O_NONBLOCK | O_NOCTTY);
   if (console < 0) {
     console = open(kNullDevice, O_WRONLY);
   }
   fcntl(console, F_SETFL, 0);
-  dup2(console, STDOUT_FILENO);
-  dup2(console, STDERR_FILENO);
+  const bool done = dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0;
   close(console);
+  return done;
 }
 
 // Last, for what comes before needs root's rights. A program whose user is not known must not run as root.
@@ -257,10 +257,8 @@ bool is_its_user(const launch& what) {
     return true;
   }
   const wex_user* const user = what.user;
-  if (user != nullptr && user->uid != 0) {
-    only_write_to_console();
-  }
-  if (user != nullptr && become_user(user->uid, user->gid, user->groups, user->group_count)) {
+  if (user != nullptr && (user->uid == 0 || only_write_to_console()) &&
+      become_user(user->uid, user->gid, user->groups, user->group_count)) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> cannot become the user of the program: %s\n", what.action->spawner,
@@ -343,6 +341,12 @@ bool console_is_there() {
   return !g_console_missed.load();
 }
 
+// Of a user's program, in strict mode: the kernel takes the memory of a process that has become a user for
+// his, until the program is executed. So it must not be ours.
+bool is_users(const launch& what) {
+  return what.user != nullptr && what.user->uid != 0;
+}
+
 // Whether the child may have our memory: what it does takes only system calls, and no time. A domain's child
 // calls foreign code, and the search for a bare word may take memory. A third-part program is looked for
 // next: found as soon as it is executed, it would be taken for one that stays, though it may be about to
@@ -350,7 +354,7 @@ bool console_is_there() {
 bool may_share_memory(const launch& what) {
   const char* const word = what.words.argv[0];
   const bool only_calls = what.domain < kFirstDomain && (word == nullptr || names_path(word));
-  return only_calls && !what.third_part && !g_sharing_refused.load() && console_is_there();
+  return only_calls && !what.third_part && !is_users(what) && !g_sharing_refused.load() && console_is_there();
 }
 
 // The stack is shared as well. So this function calls nothing that returns in the child, and is never inlined

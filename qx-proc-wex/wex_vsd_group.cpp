@@ -40,7 +40,8 @@ constexpr char kMappingResident[] = "Rss";
 constexpr char kHardLimit[] = "memory.limit_in_bytes";
 constexpr char kSoftLimit[] = "memory.soft_limit_in_bytes";
 
-// KiB, by domain: the sums of the measurement in progress, and the last completed one.
+// KiB, by domain: the sums of the measurement in progress, and the last completed one. Of the thread that
+// measures: no lock.
 uint64_t array_rss[WEX_DOMAINS];
 uint64_t mem_use_rss[WEX_DOMAINS];
 

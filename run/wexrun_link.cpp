@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "received_descriptors.h"
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_paths.h"
@@ -59,13 +60,19 @@ bool control_link::open(int tries) noexcept {
     }
     const int cause = errno;
     if (!may_come(cause) || tried >= tries) {
-      sd_.reset();
+      disconnect();
       errno = cause;
       return false;
     }
     safe_sleep(1);
   }
   return false;
+}
+
+void control_link::disconnect() noexcept {
+  if (sd_.valid()) {
+    close_emptied(sd_.release());
+  }
 }
 
 bool control_link::send(uint32_t type, const char* name, const void* body, uint32_t length) noexcept {

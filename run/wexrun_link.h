@@ -10,6 +10,10 @@
 // to know the one and must not do the other.
 class control_link {
  public:
+  control_link() noexcept = default;
+  control_link(const control_link&) = delete;
+  control_link& operator=(const control_link&) = delete;
+  ~control_link() { disconnect(); }
   // Connects, up to `tries` times, one second apart while the daemon is not there. False with errno.
   bool open(int tries) noexcept;
   // Sends one message with `length` bytes of body. False with errno.
@@ -18,5 +22,8 @@ class control_link {
   bool ask(uint32_t type, const char* name, const void* body, uint32_t length, int wait_ms) noexcept;
 
  private:
+  // Whoever has put a socket in the daemon's place may have left a descriptor in it that is slow to close.
+  void disconnect() noexcept;
+
   unique_fd sd_;
 };

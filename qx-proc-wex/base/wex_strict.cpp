@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kWaiting = 8;
 
+// Set before there is a second thread, and never changed.
 strict_settings g_settings;
 
 // Hashes of the names that were noted, and the names that wait to be told. When there is no room for one more

@@ -3,7 +3,11 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <thread>
+
+#include "lingering_socket.h"
 #include "strict_world.h"
+#include "taken_pid.h"
 
 namespace {
 
@@ -193,6 +197,54 @@ TEST_F(StrictMode, AUserHasSoManyConnectionsAndNobodyElseIsTurnedAway) {
 }
 
 // Root finds room in a table that a user has filled, and another user none.
+// What the kernel has reported of a connection that makes room for root's must not be looked for any more.
+TEST_F(StrictMode, AConnectionThatMakesRoomForRootsMayHaveAMessageWaiting) {
+  write_file(kStrictFile, "connections 2048\n");
+  start();
+  const child crowd([] {
+    static std::vector<raw_client> clients;
+    const rlimit enough = {4096, 4096};
+    if (setrlimit(RLIMIT_NOFILE, &enough) != 0 || !become(kUser)) {
+      return false;
+    }
+    clients = std::vector<raw_client>(kMaxClients);
+    std::thread([] {
+      eventually([] { return exists("/tmp/go"); }, 60s);
+      for (auto client = clients.rbegin(); client != clients.rbegin() + 20; ++client) {
+        client->send_body(WEX_CONS_MSG, control_client::harmless());
+      }
+      write_file("/tmp/sent", "");
+    }).detach();
+    return is_served(clients.back());
+  });
+  ASSERT_TRUE(crowd.ready());
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+  const raw_client roots;
+  const raw_client silent;
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([] { return exists("/tmp/sent"); }, 20s));
+  daemon.send(SIGCONT);
+  EXPECT_TRUE(is_served(roots));
+  EXPECT_TRUE(daemon.running());
+  EXPECT_EQ(std::string::npos, read_console().find(" lost!\n"));
+}
+
+// On a kernel that lets descriptors through: closing this one takes a minute.
+TEST_F(StrictMode, AConnectionTooManyHoldsNobodyUpWithWhatItHasSent) {
+  write_file(kStrictFile, "connections 1\n");
+  ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=ENOPROTOOPT:when=1"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+  const child sender([] {
+    static lingering_socket lingering(60);
+    static const raw_client first, second;
+    return become(kUser) && second.send_with_descriptor(WEX_CONS_MSG, 0, lingering.take());
+  });
+  ASSERT_TRUE(sender.ready());
+  daemon.send(SIGCONT);
+  EXPECT_TRUE(is_served(raw_client()));
+}
+
 TEST_F(StrictMode, ATableThatUsersFillEndsNothing) {
   write_file(kStrictFile, "connections 2048\n");
   start();

@@ -118,9 +118,15 @@ struct file_row {
 // What a file says that nobody kept: its owner's ids at the most, and nothing when others may have written
 // it.
 TEST_F(StrictRestart, ALostRegistrationIsItsFilesOwnersAtTheMost) {
+  write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nsomebody:x:1234:4321::/:/bin/sh\n");
   const file_row rows[] = {
-      {"root", 0, 0755, "0"},      {"user", kUser, 0755, "1234"},        {"open", 0, 0757, nullptr},
-      {"group", 0, 0775, nullptr}, {"users-open", kUser, 0777, nullptr}, {"data", 0, 0644, nullptr},
+      {"root", 0, 0755, "0"},
+      {"user", kUser, 0755, "1234"},
+      {"open", 0, 0757, nullptr},
+      {"group", 0, 0775, nullptr},
+      {"users-open", kUser, 0777, nullptr},
+      {"data", 0, 0644, nullptr},
+      {"unlisted", kOther, 0755, nullptr},
   };
   std::vector<std::string> ignored;
   for (const file_row& row : rows) {
@@ -141,6 +147,8 @@ TEST_F(StrictRestart, ALostRegistrationIsItsFilesOwnersAtTheMost) {
     if (pid > 0) {
       EXPECT_EQ(row.started_as, uid_of(pid));
       EXPECT_EQ("", ids_of(pid, "Groups"));
+      const std::string group = row.owner == 0 ? "0" : "4321";
+      EXPECT_EQ(group + " " + group + " " + group + " " + group, ids_of(pid, "Gid")) << "not the file's";
     }
   }
   for (const std::string& path : ignored) {

@@ -192,8 +192,9 @@ TEST(StartedAfter, IsSaidOnlyOfWhatBeganSurelyLater) {
     bool later;
   } rows[] = {{"a file written since it began", own, now, false},
               {"a file of the future: the wall clock was set back", own, now + 3600 * kSecondNs, false},
-              {"a file that was there long before", own, now - 86400 * kSecondNs, true},
-              {"a start that is not known", 0, now - 86400 * kSecondNs, false}};
+              {"a file that was there before", own, now - 30 * kSecondNs, true},
+              {"a file of before the boot: the wall clock was set ahead", own, 1 * kSecondNs, false},
+              {"a start that is not known", 0, now - 30 * kSecondNs, false}};
   for (const auto& row : rows) {
     EXPECT_EQ(row.later, wex_started_after(row.start, row.written)) << row.what;
   }
