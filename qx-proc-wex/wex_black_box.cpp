@@ -229,7 +229,10 @@ std::atomic<bool> g_timed_out{false};
 // Written by the watchdog while nobody looks, read by the looking thread that it starts then.
 int32_t g_hung_pid = 0;
 int32_t g_hung_tid = 0;
-bool g_seen_any = false;  // watchdog's thread only
+// Watchdog's thread only.
+bool g_seen_any = false;
+int g_threads_noted = 0;  // the first of those seen, each with whether it is watched
+bool g_watched[kHungThreads];
 
 // A file of the thread below /proc, or "" when it cannot be read.
 template <size_t kSize>
@@ -334,6 +337,7 @@ void wex_keep_history(const char* reason) {
 
 void wex_look_at_hung(int32_t pid, int32_t tid) {
   g_seen_any = false;
+  g_threads_noted = 0;
   if (pid < 1 || !g_look.begin()) {
     return;
   }
@@ -345,7 +349,15 @@ void wex_look_at_hung(int32_t pid, int32_t tid) {
   g_timed_out.store(true);
 }
 
-void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
+// A look that did not end in time may go on seeing threads: they are left out.
+void wex_note_watched(bool (*is_watched)(int32_t tid)) {
+  g_threads_noted = g_seen_any ? g_threads_seen.load(std::memory_order_acquire) : 0;
+  for (int number = 0; number < g_threads_noted; ++number) {
+    g_watched[number] = is_watched(g_threads[number].tid);
+  }
+}
+
+void wex_keep_hung() {
   static char text[kTextSize];
   static kept_file hung = {kHung, kHungOld, text, 0, {}};
   if (!g_seen_any || !hung.writing.begin()) {
@@ -354,11 +366,11 @@ void wex_keep_hung(bool (*is_watched)(int32_t tid)) {
   page to = {hung.text, kTextSize, 0, false};
   time_stamp when;
   write_time(wall_now(), when);
-  const int seen = g_threads_seen.load(std::memory_order_acquire);
-  add_line(&to, "%s process %d, thread %d hung; %d threads seen\n", when, g_hung_pid, g_hung_tid, seen);
-  for (int number = 0; number < seen; ++number) {
+  add_line(&to, "%s process %d, thread %d hung; %d threads seen\n", when, g_hung_pid, g_hung_tid,
+           g_threads_noted);
+  for (int number = 0; number < g_threads_noted; ++number) {
     const seen_thread& thread = g_threads[number];
-    add_line(&to, "%s\n", is_watched(thread.tid) ? "watched:" : "not watched:");
+    add_line(&to, "%s\n", g_watched[number] ? "watched:" : "not watched:");
     const size_t length = thread.end - thread.begin;
     if (to.size - to.used > length) {
       memcpy(to.text + to.used, g_seen + thread.begin, length);

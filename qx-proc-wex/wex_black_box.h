@@ -13,5 +13,10 @@ void wex_keep_history(const char* reason);
 // Looks at the threads of a process, 100 ms at the most, the silent one first. Watchdog's thread.
 void wex_look_at_hung(int32_t pid, int32_t tid);
 
-// Writes down what was seen: when the process has been aborted, for the disk may be slow. Watchdog's thread.
-void wex_keep_hung(bool (*is_watched)(int32_t tid));
+// Notes which of the threads that were seen are watched. Before the process is aborted: the registrations go
+// with it. Watchdog's thread, which holds what is_watched() needs.
+void wex_note_watched(bool (*is_watched)(int32_t tid));
+
+// Writes down what was seen and noted: when the process has been aborted, for the disk may be slow.
+// Watchdog's thread.
+void wex_keep_hung();

@@ -175,8 +175,7 @@ bool look_at_all(scan* now, hung_thread* served) {
 
 // ---- Aborting ---------------------------------------------------------------------------------------------
 
-bool is_watched(int32_t tid) {
-  chain_lock hold(wex_alive_chains);
+bool is_watched(int32_t tid) WEX_TSA(requires_capability(wex_alive_chains)) {
   return __wex_find_pid(&wex_alive_chains, tid) != nullptr;
 }
 
@@ -229,6 +228,7 @@ bool abort_if_still_hung(const hung_thread& hung) {
     __wex_drop_thread(&wex_alive_chains, thread);
     return false;
   }
+  wex_note_watched(is_watched);
   abort_hung(thread, hung.domain);
   return true;
 }
@@ -240,7 +240,7 @@ void serve(hung_thread hung) {
   hung.domain = domain_of(hung.process);
   wex_look_at_hung(hung.process, hung.tid);
   if (abort_if_still_hung(hung)) {
-    wex_keep_hung(is_watched);
+    wex_keep_hung();
   }
 }
 

@@ -1,5 +1,6 @@
 // The faces of the library for other languages, and the client that needs none: each registers, is killed and
 // comes back, is watched, and goes for good on SIGTERM.
+#include <algorithm>
 #include <map>
 
 #include "status_reader.h"

@@ -311,7 +311,8 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   static int32_t watched;
   watched = hung.pid();
   wex_look_at_hung(hung.pid(), hung.pid());
-  wex_keep_hung([](int32_t tid) { return tid == watched; });
+  wex_note_watched([](int32_t tid) { return tid == watched; });
+  wex_keep_hung();
   const std::string told = read_file(kHung);
   EXPECT_NE(std::string::npos, told.find(" process " + text(hung.pid()) + ", thread " + text(hung.pid()) +
                                          " hung; 3 threads seen\nwatched:\nthread " + text(hung.pid()) + " "))
@@ -357,23 +358,27 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
   ASSERT_TRUE(many.ready());
   const milliseconds taken = time_of([&] { wex_look_at_hung(many.pid(), many.pid()); });
   EXPECT_GT(milliseconds(10 * kHungLookMs), taken);
-  wex_keep_hung([](int32_t) { return false; });
+  wex_note_watched([](int32_t) { return false; });
+  wex_keep_hung();
   const std::string told = read_file(kHung);
   EXPECT_LE(occurrences(told, "\nthread "), 64U);
   EXPECT_GE(occurrences(told, "\nthread "), 1U) << told;
   EXPECT_LE(told.size(), 32768U);
   unlink(kHung);
   wex_look_at_hung(child::reaped(), child::reaped());
-  wex_keep_hung([](int32_t) { return false; });
+  wex_note_watched([](int32_t) { return false; });
+  wex_keep_hung();
   EXPECT_NE(std::string::npos, read_file(kHung).find(" 1 threads seen\n")) << read_file(kHung);
   write_file(kHung, std::string(32700, '.'), 0600);
   wex_look_at_hung(many.pid(), many.pid());
-  wex_keep_hung([](int32_t) { return false; });
+  wex_note_watched([](int32_t) { return false; });
+  wex_keep_hung();
   EXPECT_EQ(32700U, read_file(kHungOld).size()) << "a full file stays as the old one";
   EXPECT_GE(occurrences(read_file(kHung), "\nthread "), 1U);
   EXPECT_LE(read_file(kHung).size(), 32768U);
   unlink(kHung);
   wex_look_at_hung(0, 0);
-  wex_keep_hung([](int32_t) { return false; });
+  wex_note_watched([](int32_t) { return false; });
+  wex_keep_hung();
   EXPECT_FALSE(exists(kHung));
 }

@@ -1,8 +1,10 @@
 // What the watchdog does when the last miss is counted: whose process is aborted, in which turn, after which
 // looks, and what is written of it.
+#include <dirent.h>
 #include <grp.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "watchdog_world.h"
 #include "wex_status_image.h"
@@ -17,6 +19,9 @@ std::function<void(process_look*)> after_look;
 std::atomic<bool> looked{false};
 std::atomic<bool> hang_file_synced{false};
 std::atomic<bool> chain_held{false};
+std::function<void()> during_log_sync;  // while the hang is put on the disk in the notify log
+std::atomic<bool> look_stands_still{false};
+const std::thread::id g_watchdog = std::this_thread::get_id();
 
 bool is_free(wex_chains_t& chain) {
   bool had = false;
@@ -58,8 +63,19 @@ extern "C" int __wrap_fsync(int fd) {
       strcmp(path, kHung) == 0) {
     hang_file_synced = true;
     chain_held = chain_held || !is_free(wex_alive_chains);
+  } else if (strcmp(path, kNotifyLog) == 0 && during_log_sync) {
+    during_log_sync();
   }
   return __real_fsync(fd);
+}
+
+// The look at a hung process lists its threads on a thread of its own.
+extern "C" DIR* __real_fdopendir(int fd);
+extern "C" DIR* __wrap_fdopendir(int fd) {
+  while (look_stands_still && std::this_thread::get_id() != g_watchdog) {
+    usleep(1000);
+  }
+  return __real_fdopendir(fd);
 }
 
 namespace {
@@ -231,6 +247,53 @@ TEST_F(Watchdog, ThreadsMayRegisterWhileAHungProcessIsLookedAtAndWrittenAbout) {
     EXPECT_TRUE(looked);
     EXPECT_TRUE(hang_file_synced);
     EXPECT_FALSE(chain_held);
+  });
+}
+
+// The process may die of the signal at once, and the exit handler then drops its threads' registrations. It
+// is this thread that drops it here: that is sure to be before the file is written.
+TEST_F(Watchdog, AThreadWhoseRegistrationGoesWithItsAbortedProcessIsWrittenDownAsWatched) {
+  in_child([] {
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 0, 120, 0});
+    bool dropped = false;
+    during_log_sync = [&] {
+      const chain_lock hold(wex_alive_chains);
+      wex_pid* const thread = __wex_find_pid(&wex_alive_chains, program.pid());
+      if (thread != nullptr) {
+        __wex_drop_thread(&wex_alive_chains, thread);
+        dropped = true;
+      }
+    };
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+    EXPECT_TRUE(dropped);
+    EXPECT_EQ(1U, occurrences(read_file(kHung), "\nwatched:\n")) << read_file(kHung);
+    EXPECT_EQ(0U, occurrences(read_file(kHung), "\nnot watched:\n")) << read_file(kHung);
+  });
+}
+
+// /proc may keep whoever asks waiting for as long as the process holds a lock of the kernel.
+TEST_F(Watchdog, AHungProcessIsAbortedThoughTheLookAtItStandsStill) {
+  in_child([] {
+    service program(1);
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 0, 120, 0});
+    look_stands_still = true;
+    const milliseconds taken = time_of([&] {
+      std::thread release([] {
+        eventually([] { return !look_stands_still; }, 20s);
+        look_stands_still = false;
+      });
+      daemon.scans(1);
+      EXPECT_TRUE(look_stands_still) << "the scan waited for the look";
+      EXPECT_TRUE(program.aborted());
+      look_stands_still = false;
+      release.join();
+    });
+    EXPECT_GT(10s, taken) << "a second is what it may take on a quiet machine";
+    EXPECT_EQ(1U, occurrences(read_file(kHung), " hung; 1 threads seen\nwatched:\n")) << read_file(kHung);
   });
 }
 

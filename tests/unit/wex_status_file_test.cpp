@@ -133,6 +133,10 @@ TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
       {"domain", [](wex_status_event* event) { event->domain = 1000000; }, false},
       {"kind", [](wex_status_event* event) { event->kind = WEX_STATUS_EV_KINDS; }, false},
       {"time", [](wex_status_event* event) { event->monotonic = INT64_MAX; }, false},
+      {"negative time", [](wex_status_event* event) { event->monotonic = -1; }, false},
+      {"negative wall clock", [](wex_status_event* event) { event->wall = -1; }, false},
+      {"later daemon", [](wex_status_event* event) { ++event->generation; }, false},
+      {"later number", [](wex_status_event* event) { event->number += WEX_STATUS_EVENTS; }, false},
       {"no reason", [](wex_status_event* event) { event->value = WEX_STATUS_REBOOT_BURST + 1; }, false},
       {"negative reason", [](wex_status_event* event) { event->value = -1; }, false},
   };
@@ -153,9 +157,30 @@ TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
     in_child([&] {
       start();
       EXPECT_EQ(row.taken ? "1 15 1" : "1 1", StatusReader().kinds()) << row.told;
+      EXPECT_EQ(row.taken ? uint32_t{WEX_STATUS_EV_REBOOT_ASKED} : 0U, StatusReader().event(1)->kind)
+          << row.told << ": its place in the ring";
     });
     unlink(kStatusTable);
   }
+}
+
+TEST_F(StatusTable, ATableOfAnotherBootIsNotTakenOver) {
+  in_child([] {
+    start();
+    wex_status_tell(WEX_STATUS_EV_EXITED, add(100));
+    wex_status_publish();
+  });
+  {
+    const unique_fd file(open(kStatusTable, O_RDWR));
+    ASSERT_EQ(1, pwrite(file.get(), "x", 1, offsetof(wex_status_head, boot_id)));
+  }
+  in_child([] {
+    start();
+    const StatusReader reader;
+    EXPECT_EQ("1", reader.kinds());
+    EXPECT_EQ(1U, reader.head().generation);
+    EXPECT_EQ(1U, reader.head().event_next);
+  });
 }
 
 TEST_F(StatusTable, RandomBytesInATableThatIsTakenOverDoNoHarm) {

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "status_world.h"
 #include "wex_chain_identity.h"
@@ -176,6 +177,38 @@ TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
   unlink("/debug_time");
 }
 
+TEST_F(StatusTable, TheFewestMissesAreThoseOfTheThreadThatHasBeenSilentLongest) {
+  in_child([] {
+    wex_init_chains(&wex_alive_chains);
+    wex_init_chains(&wex_chains_delay);
+    start();
+    add(100);
+    std::vector<wex_pid*> threads;
+    for (const int32_t tid : {100, 101, 102}) {
+      wex_pid* const thread = wex_new_record();
+      thread->pid = tid;
+      thread->ppid = 100;
+      thread->notify_info[WEX_NTFY_CNT] = thread->notify_info[WEX_CUR_CNT] = 5;
+      const chain_lock hold(wex_alive_chains);
+      __wex_add_record(&wex_alive_chains, thread);
+      threads.push_back(thread);
+    }
+    const auto fewest = [] {
+      wex_show_watched_threads();
+      wex_status_publish();
+      const auto slot = StatusReader().slot_of(100);
+      return slot && slot->watched_threads == 3 ? slot->fewest_misses : -2;
+    };
+    EXPECT_EQ(5, fewest());
+    threads[1]->notify_info[WEX_CUR_CNT] = 2;
+    EXPECT_EQ(2, fewest());
+    threads[1]->notify_info[WEX_CUR_CNT] = 5;
+    EXPECT_EQ(5, fewest());
+    threads[2]->notify_info[WEX_CUR_CNT] = -1;  // of a message that says so
+    EXPECT_EQ(0, fewest());
+  });
+}
+
 // The registry must not wait for whoever has the chain of threads, and what was shown stays.
 TEST_F(StatusTable, WatchedThreadsAreLeftAsTheyAreWhileTheirChainIsHeld) {
   in_child([] {
@@ -230,26 +263,44 @@ TEST_F(StatusTable, AThreadIsBusyFromTheBeginningOfItsWorkToTheEnd) {
   });
 }
 
-// Its limit is for a busy machine: a quiet one needs a hundredth of it.
+namespace {
+
+// What one of many calls takes, in nanoseconds.
+int64_t median_of(int calls, const std::function<void()>& work) {
+  std::vector<int64_t> taken;
+  for (int call = 0; call < calls; ++call) {
+    const auto before = steady_clock::now();
+    work();
+    taken.push_back(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(steady_clock::now() - before).count());
+  }
+  std::nth_element(taken.begin(), taken.begin() + calls / 2, taken.end());
+  return taken[static_cast<size_t>(calls) / 2];
+}
+
+}  // namespace
+
+// The best of some medians: other programs may have the processor during one.
 TEST_F(StatusTable, AChangeTakesMicrosecondsAndWakesTheMainThreadOnce) {
   in_child([] {
     start();
     wex_status_open_news();
     wex_pid* const rec = add(100);
-    for (const int writes : {1, 2}) {
+    const auto change = [rec] { wex_status_tell(WEX_STATUS_EV_EXITED, rec); };
+    int64_t best = INT64_MAX;
+    for (int writes = 1; writes <= 5; ++writes) {
       wex_status_take_news();
-      std::vector<int64_t> taken;
-      for (int change = 0; change < 2001; ++change) {
-        const auto before = steady_clock::now();
-        wex_status_tell(WEX_STATUS_EV_EXITED, rec);
-        taken.push_back(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(steady_clock::now() - before).count());
-      }
+      best = std::min(best, median_of(401, change));
       EXPECT_EQ(writes, writes_made);
-      std::nth_element(taken.begin(), taken.begin() + 1000, taken.end());
-      printf("median of a change: %lld ns\n", static_cast<long long>(taken[1000]));
-      EXPECT_LT(taken[1000], 20000);
     }
+    const int64_t pass = median_of(401, [&] {
+      change();
+      wex_status_publish();
+    });
+    printf("median of a change: %lld ns, with a pass of the main thread: %lld ns\n",
+           static_cast<long long>(best), static_cast<long long>(pass));
+    EXPECT_LT(best, WEX_CHANGE_LIMIT_NS);
+    EXPECT_EQ(6 * 401U, StatusReader().counter(WEX_STATUS_EXITS)) << "each was counted and shown";
     drop(rec);
   });
 }

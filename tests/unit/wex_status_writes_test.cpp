@@ -157,7 +157,7 @@ namespace {
 constexpr char kAllWritten[] = "/tmp/all_written";
 
 // A daemon's first moments, with one write that has this fate. Notes when there are no more writes than that.
-void live_through(fate what, int number) {
+void live_through(fate what, int number, bool one_hidden = false) {
   fate_of_write = what;
   writes_before = number;
   start();
@@ -169,6 +169,9 @@ void live_through(fate what, int number) {
   wex_status_publish();
   const chain_lock hold(wex_chains);
   wex_status_tell(WEX_STATUS_EV_EXITED, __wex_find_pid(&wex_chains, 2));
+  if (one_hidden) {
+    wex_status_count(WEX_STATUS_NOT_SHOWN);
+  }
   wex_status_publish();
   fate_of_write = fate::success;
   if (writes_before >= 0) {
@@ -207,7 +210,7 @@ TEST_F(StatusTable, WhicheverWriteFailsTheNextPassesShowAll) {
 TEST_F(StatusTable, WhereverADaemonIsKilledTheNextOneGoesOn) {
   for (int number = 0; !exists(kAllWritten); ++number) {
     ASSERT_LT(number, 1000);
-    in_child([&] { live_through(fate::death, number); });
+    in_child([&] { live_through(fate::death, number, true); });
     EXPECT_LE(parts_being_written(), 1) << number;
     in_child([&] {
       start();
@@ -217,6 +220,9 @@ TEST_F(StatusTable, WhereverADaemonIsKilledTheNextOneGoesOn) {
       EXPECT_EQ(0, parts_being_written()) << number;
       EXPECT_EQ(getpid(), reader.head().daemon_pid) << number;
       EXPECT_TRUE(reader.slots().empty()) << number;
+      EXPECT_EQ(0U, reader.counter(WEX_STATUS_EXITS)) << number;
+      EXPECT_EQ(0U, reader.counter(WEX_STATUS_NOT_SHOWN)) << number;
+      EXPECT_EQ(0, reader.head().threads[kStatusServer].tid) << number;
       ASSERT_FALSE(reader.events().empty()) << number;
       EXPECT_EQ(uint32_t{WEX_STATUS_EV_DAEMON_STARTED}, reader.events().back().kind) << number;
       EXPECT_EQ("", running_log()) << number;

@@ -1,6 +1,8 @@
 // Whether wex is well.
 #include "wexstat_health.h"
 
+#include <utility>
+
 #include "wexstat_world.h"
 
 using namespace wexstat_test;
@@ -185,4 +187,37 @@ TEST_F(WexstatHealth, TheCheckNamesWhatIsWrong) {
     EXPECT_EQ(2, checked({}, state).status);
   }
   EXPECT_EQ(3, checked({}, daemon_state::unknown).status);
+}
+
+// What stands in for wexstat answers as the case says. The first two of its answers may be older than that.
+TEST_F(WexstatHealth, TheWatchdogIsFedWhileWexIsWellOrDoesItsWorkAndNotOtherwise) {
+  const std::string dir = "/tmp/watchdog." + std::to_string(getpid());
+  make_dirs(dir);
+  const auto answers = [&dir](const char* status) {
+    write_file(dir + "/answer", status);
+    const size_t before = read_file(dir + "/calls").size();
+    return eventually([&] { return read_file(dir + "/calls").size() >= before + 2; }, 30s);
+  };
+  const auto fed_within_three_calls = [&dir] {
+    const size_t fed = read_file(dir + "/device").size();
+    const size_t before = read_file(dir + "/calls").size();
+    EXPECT_TRUE(eventually([&] { return read_file(dir + "/calls").size() >= before + 3; }, 30s));
+    return read_file(dir + "/device").size() > fed;
+  };
+  write_file(dir + "/answer", "0\n");
+  write_file(dir + "/wexstat",
+             "#!/bin/sh\nread status < " + dir + "/answer\nprintf x >> " + dir + "/calls\nexit $status\n",
+             0755);
+  Process watchdog;
+  ASSERT_TRUE(watchdog.start({"sh", WEX_SOURCE_DIR "/examples/fleet/wex-watchdog", dir + "/device", "0.02"},
+                             {"PATH=" + dir + ":/usr/bin:/bin"}));
+  for (const auto& [status, fed] :
+       {std::pair("0\n", true), {"1\n", true}, {"2\n", false}, {"3\n", false}, {"0\n", true}}) {
+    ASSERT_TRUE(answers(status)) << status;
+    EXPECT_EQ(fed, fed_within_three_calls()) << status;
+  }
+  watchdog.send(SIGTERM);
+  EXPECT_EQ(0, watchdog.wait().value_or(-1));
+  EXPECT_EQ('V', read_file(dir + "/device").back()) << "taken out of service";
+  remove_tree(dir);
 }

@@ -8,6 +8,7 @@ if [ "$1" = 2 ]; then
   is "$(cat /data/.wex_notify_count)" 1 "next slot of the hang ring"
   check "the hang ring does not name the thread" grep -q "detect process:\[hang/$(cat /data/hung)\] thread hang:$(cat /data/hung) hung\." /data/.wex_notify
   is "$(wc -l < /data/.wex_notify)" 2 "lines of the hang ring"
+  is "$(grep -A 1 " process $(cat /data/hung), thread $(cat /data/hung) hung; " /data/.wex_hang | tail -n 1)" watched: "line behind the first of the snapshot"
   check "the reboot record does not name the program" grep -q 'detect more than 1 process exit in shorttime\[60\]s' /data/.wex_reboot
   check "the history does not tell of the hang" grep -q " hang hang pid $(cat /data/hung) to $(cat /data/hung) " /data/.wex_history
   check "the history does not tell of the burst" grep -q ' reboot_asked ' /data/.wex_history
