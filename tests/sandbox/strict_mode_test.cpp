@@ -237,8 +237,11 @@ TEST_F(StrictMode, AConnectionTooManyHoldsNobodyUpWithWhatItHasSent) {
   ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
   const child sender([] {
     static lingering_socket lingering(60);
+    if (!become(kUser)) {
+      return false;
+    }
     static const raw_client first, second;
-    return become(kUser) && second.send_with_descriptor(WEX_CONS_MSG, 0, lingering.take());
+    return second.send_with_descriptor(WEX_CONS_MSG, 0, lingering.take());
   });
   ASSERT_TRUE(sender.ready());
   daemon.send(SIGCONT);
