@@ -95,6 +95,14 @@ bool is_run_dir_blocked() {
          !S_ISDIR(facts.st_mode);
 }
 
+// Whether the lock's name is taken by a file of another user's on which nobody holds a lock. Only root asks:
+// to a user the running daemon's own file would look like one.
+bool is_strangers_lock() {
+  struct stat facts = {};
+  return geteuid() == 0 && lstat(kLockFile, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid != 0 &&
+         lock_holder() == 0;
+}
+
 // Clears what keeps the lock file from being opened. False when nothing can be done.
 bool clear_way_to_lock() {
   if (is_run_dir_blocked()) {
@@ -132,6 +140,9 @@ void wex_log_moved_names() {
 }
 
 int wex_claim_lock(bool after_command) {
+  if (is_strangers_lock()) {
+    wex_make_room(kLockFile);
+  }
   for (int attempt = 0; attempt < kLockTries; ++attempt) {
     const int lock = already_running(kLockFile);
     const int cause = errno;

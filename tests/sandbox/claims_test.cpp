@@ -69,7 +69,7 @@ struct obstacle {
 };
 
 const obstacle kObstacles[] = {
-    {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {}, {}},
+    {"another user's lock file", [] { make_file(kLockFile, "theirs"); }, {kLockFile}, {}},
     {"what another user has who once typed wex",
      [] {
        make_file(kLockFile, "");
@@ -77,7 +77,7 @@ const obstacle kObstacles[] = {
        ASSERT_EQ(0, chmod(kRunDir, 0755));
      },
      {},
-     {}},
+     {kLockFile}},
     {"his link in place of the directory, his FIFO in place of the table",
      [] {
        remove_tree("/tmp/wex");

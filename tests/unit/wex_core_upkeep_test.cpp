@@ -348,6 +348,22 @@ TEST_F(Delay, AFileIsOfAnEarlierProcessWhenItIsOlderThanTheOneThatHasThePidAndNa
   }
 }
 
+TEST_F(Delay, ALivingProgramGetsItsFileOnceThereIsADirectoryForIt) {
+  service early;
+  wex_pid* const rec = add(early.pid());
+  rec->vsd = 9;
+  wex_note_identity(rec);
+  ASSERT_TRUE(wex_record_lives(rec));
+  wex_test::remove_tree("/tmp/vsd/9");
+  wex_look_at_files();
+  EXPECT_FALSE(exists(db_file(9, "sleep", early.pid())));
+  make_dirs(db_dir(9));
+  wex_look_at_files();
+  EXPECT_TRUE(exists(db_file(9, "sleep", early.pid())));
+  chain_lock hold(wex_chains);
+  __wex_drop_record(&wex_chains, rec);
+}
+
 TEST_F(Delay, ALivingProgramGetsTheFileThatItCouldNotMakeAndItsEndIsNotPostponed) {
   service missing;
   service empty;

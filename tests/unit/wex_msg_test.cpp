@@ -271,6 +271,17 @@ TEST_F(Registry, KeepsTheArgumentsOfAProcessThatCannotBeReadForAMoment) {
   }
 }
 
+TEST_F(Registry, KeepsTheArgumentsOfAWatchedProcessThatCannotBeReadForAMoment) {
+  const sleeper process;
+  const wex_reg_info body = body_of(process.pid());
+  g_open.fail(2, EMFILE);
+  g_readlink.fail(2, ENOMEM);
+  EXPECT_EQ(0, wex_notifier_start(&body));
+  ASSERT_NE(nullptr, find(wex_alive_chains, process.pid()));
+  EXPECT_EQ(process.command(), find(wex_alive_chains, process.pid())->process);
+  EXPECT_EQ(0, g_open.calls) << "nothing failed";
+}
+
 TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead) {
   const sleeper told;
   const sleeper silent;
