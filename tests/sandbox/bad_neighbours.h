@@ -212,7 +212,9 @@ struct Neighbours : ControlChannel {
       return target.rfind("socket:", 0) == 0;
     }));
   }
-  long resident_kib() const { return atol(status_field(daemon.pid(), "VmRSS").c_str()); }
+  long resident_kib() const {
+    return atol(status_field(daemon.pid(), "VmRSS").c_str());
+  }
 
   // What is tried, with as many registrations, records and so on as there is time for.
   void beside_idle_clients(int registrations);
