@@ -66,6 +66,16 @@ bool is_served(const raw_client& client) {
          client.acknowledged();
 }
 
+// As a user, with all the connections that there are.
+bool fill_table(std::vector<raw_client>* clients) {
+  const rlimit enough = {4096, 4096};
+  if (setrlimit(RLIMIT_NOFILE, &enough) != 0 || !become(kUser)) {
+    return false;
+  }
+  *clients = std::vector<raw_client>(kMaxClients);
+  return is_served(clients->back());
+}
+
 struct StrictMode : Strict {};
 
 }  // namespace
@@ -203,11 +213,9 @@ TEST_F(StrictMode, AConnectionThatMakesRoomForRootsMayHaveAMessageWaiting) {
   start();
   const child crowd([] {
     static std::vector<raw_client> clients;
-    const rlimit enough = {4096, 4096};
-    if (setrlimit(RLIMIT_NOFILE, &enough) != 0 || !become(kUser)) {
+    if (!fill_table(&clients)) {
       return false;
     }
-    clients = std::vector<raw_client>(kMaxClients);
     std::thread([] {
       eventually([] { return exists("/tmp/go"); }, 60s);
       for (auto client = clients.rbegin(); client != clients.rbegin() + 20; ++client) {
@@ -215,7 +223,7 @@ TEST_F(StrictMode, AConnectionThatMakesRoomForRootsMayHaveAMessageWaiting) {
       }
       write_file("/tmp/sent", "");
     }).detach();
-    return is_served(clients.back());
+    return true;
   });
   ASSERT_TRUE(crowd.ready());
   ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
@@ -253,12 +261,7 @@ TEST_F(StrictMode, ATableThatUsersFillEndsNothing) {
   start();
   const child crowd([] {
     static std::vector<raw_client> clients;
-    const rlimit enough = {4096, 4096};
-    if (setrlimit(RLIMIT_NOFILE, &enough) != 0 || !become(kUser)) {
-      return false;
-    }
-    clients = std::vector<raw_client>(kMaxClients);
-    return is_served(clients.back());
+    return fill_table(&clients);
   });
   ASSERT_TRUE(crowd.ready());
   EXPECT_TRUE(as_user([] { return raw_client().dropped(); }, kOther));

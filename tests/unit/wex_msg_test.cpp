@@ -3,6 +3,7 @@
 #include "leak_gate.h"
 
 #include <atomic>
+#include <functional>
 #include <regex>
 #include <thread>
 
@@ -412,13 +413,12 @@ TEST_F(Registry, AThreadIsRegisteredOnce) {
   EXPECT_EQ(3, find(wex_chains, thread.tid())->check_count);
 }
 
-// An exit that is being handled may hold the registry for seconds.
-TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasReported) {
-  wex_test::child service("/bin/sleep", {"sleep", "1000"});
-  ASSERT_TRUE(service.ready());
-  const wex_reg_info body = body_of(service.pid());
+namespace {
+
+// Registers a process while the registry is held, as an exit that is being handled may hold it for seconds.
+// Once the registration waits for it, `meanwhile` happens.
+void register_while_held(const wex_reg_info& body, const std::function<void()>& meanwhile) {
   std::atomic<int32_t> server{0};
-  wex_expect_newcomer(body.pid);
   std::thread worker;
   {
     const chain_lock hold(wex_chains);
@@ -430,34 +430,31 @@ TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasRepor
     EXPECT_TRUE(wex_test::eventually([&] {
       return g_commands_read > 0 && wex_look_at(server).state == 'S' && wex_look_at(server).state == 'S';
     }));
-    service.end();
-    wex_take_exit_event({kEventExit, body.pid, body.pid, SIGTERM, 0});
+    meanwhile();
   }
   worker.join();
+}
+
+}  // namespace
+
+TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasReported) {
+  wex_test::child service("/bin/sleep", {"sleep", "1000"});
+  ASSERT_TRUE(service.ready());
+  const wex_reg_info body = body_of(service.pid());
+  wex_expect_newcomer(body.pid);
+  register_while_held(body, [&] {
+    service.end();
+    wex_take_exit_event({kEventExit, body.pid, body.pid, SIGTERM, 0});
+  });
   const wex_pid* const rec = find(wex_chains, body.pid);
   ASSERT_NE(nullptr, rec);
   EXPECT_EQ(static_cast<uint32_t>(SIGTERM), rec->known_code);
 }
 
-// An exit that is being handled may hold the registry for seconds.
 TEST_F(Registry, AThreadThatEndsWhileItsRegistrationWaitsIsKnownAsOne) {
   running_thread thread;
   const wex_reg_info body = body_of(thread.tid());
-  std::atomic<int32_t> server{0};
-  std::thread worker;
-  {
-    const chain_lock hold(wex_chains);
-    g_commands_read = 0;
-    worker = std::thread([&] {
-      server = wex_thread_id();
-      wex_process_restart(&body);
-    });
-    EXPECT_TRUE(wex_test::eventually([&] {
-      return g_commands_read > 0 && wex_look_at(server).state == 'S' && wex_look_at(server).state == 'S';
-    }));
-    thread.end();
-  }
-  worker.join();
+  register_while_held(body, [&] { thread.end(); });
   const wex_pid* const rec = find(wex_chains, body.pid);
   ASSERT_NE(nullptr, rec);
   EXPECT_EQ(getpid(), rec->thread_of) << "its end would be taken for a lost exit";
