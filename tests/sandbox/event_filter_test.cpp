@@ -193,6 +193,7 @@ class slow_restart {
  public:
   explicit slow_restart(const raw_client& client) {
     EXPECT_TRUE(service_.start({"/bin/sleep", "1000"}));
+    EXPECT_TRUE(eventually([] { return instances(kSlow).size() == 1; })) << "it has not executed its program";
     wex_reg_info body = body_of(service_.pid());
     body.restart_delay = 3;
     EXPECT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
