@@ -411,6 +411,29 @@ TEST_F(ControlChannel, HoldsAllItsClientsAndEndsAtOneTooMany) {
   setrlimit(RLIMIT_NOFILE, &files);
 }
 
+// On a kernel that lets descriptors through: closing these takes a minute each. One client is too many, the
+// other one still waits to be accepted.
+TEST_F(ControlChannel, DescriptorsOfClientsThatFoundNoRoomDoNotHoldUpItsEnd) {
+  rlimit files = {};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &files));
+  const rlimit enough = {4096, std::max(files.rlim_max, rlim_t{4096})};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &enough));
+  ASSERT_TRUE(daemon.start_traced({"inject=setsockopt:error=ENOPROTOOPT:when=1"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  {
+    const std::vector<raw_client> clients(kMaxClients);
+    ASSERT_TRUE(clients.back().send_body(WEX_CONS_MSG, harmless()) && clients.back().acknowledged());
+    ASSERT_NO_FATAL_FAILURE(stop_traced());
+    const raw_client one_too_many, waiting;
+    const lingering_socket first(60), second(60);
+    ASSERT_TRUE(one_too_many.send_with_descriptor(WEX_CONS_MSG, 0, first.take()));
+    ASSERT_TRUE(waiting.send_with_descriptor(WEX_CONS_MSG, 0, second.take()));
+    daemon.send(SIGCONT);
+    EXPECT_TRUE(daemon.wait(20s).has_value());
+  }
+  setrlimit(RLIMIT_NOFILE, &files);
+}
+
 TEST_F(ControlChannel, ReplacesAStaleSocketFileAndOpensItToEverybody) {
   write_file(kControlSocket, "stale", 0600);
   start();
