@@ -362,6 +362,12 @@ void wex_status_restarting(const wex_pid* rec) {
   show_restarting(rec, now, 0);
 }
 
+void wex_status_unlocked_pause(const wex_pid* rec) {
+  const int64_t now = wex_clock_ms();
+  const image_change hold;
+  show_restarting(rec, now, now + int64_t{rec->restart_delay} * 1000);
+}
+
 void wex_status_pause(const wex_pid* rec) {
   note_progress();
   const int64_t now = wex_clock_ms();

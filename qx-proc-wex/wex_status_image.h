@@ -57,6 +57,9 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 // The registration's process has ended and the next one is being started; no event.
 void wex_status_restarting(const wex_pid* rec);
 
+// The same behind a pause that nobody else waits for; no event.
+void wex_status_unlocked_pause(const wex_pid* rec);
+
 // The restart of this registration waits as long as it asked for, and others behind it; then it was made.
 // Told for some seconds more, so that readers see those who waited come round before they see the pause end.
 // The registration's state and the pause are seen at the same time.
