@@ -364,7 +364,7 @@ void wex_status_restarting(const wex_pid* rec) {
 
 void wex_status_unlocked_pause(const wex_pid* rec) {
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   show_restarting(rec, now, now + int64_t{rec->restart_delay} * 1000);
 }
 
