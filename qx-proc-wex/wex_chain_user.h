@@ -43,9 +43,14 @@ bool wex_note_user(wex_pid* rec);
 uint64_t wex_strict_start_of(int32_t pid);
 
 // Sets the user of a living process, or of a thread under hang detection, that is not known by its start time
-// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it.
+// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it,
+// and is known by rec->start_time from then on.
 void wex_find_user(wex_pid* rec);
 void wex_note_thread_user(wex_pid* rec);
+
+// Whether the process of this thread may be aborted: it is the one that was registered, also when root's has
+// given up root's rights since, and a user's is still his. Without strict mode true.
+bool wex_may_abort(const wex_pid* thread);
 
 // Whether what becomes of the record's program may restart the device: in strict mode only root's may.
 bool wex_may_restart_device(const wex_pid* rec);

@@ -141,6 +141,7 @@ inline constexpr int32_t kLongPeriodMisses = 4;
 inline constexpr int32_t kFewMisses = 6;  // registrations that allow fewer misses than this ...
 inline constexpr int32_t kWarnFew = 3;    // ... are warned about from here on,
 inline constexpr int32_t kWarnMany = 5;   // the others from here
+inline constexpr int kHungUsers = 16;     // strict mode: users of whom one process each is aborted in a scan
 inline constexpr uint32_t kAliveTableSize = 184356;
 
 // Logs.
