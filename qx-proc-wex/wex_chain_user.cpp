@@ -275,6 +275,11 @@ bool wex_same_user(const wex_pid* one, const wex_pid* other) {
   return first != nullptr && second != nullptr && first->uid == second->uid;
 }
 
+bool wex_is_users(const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  return user != nullptr && user->uid != 0;
+}
+
 bool wex_note_user(wex_pid* rec) {
   if (!wex_strict().on) {
     return true;

@@ -30,6 +30,9 @@ const wex_user* wex_user_of(const wex_pid* rec);
 // Whether both are of the same user; so are all when their users are not known.
 bool wex_same_user(const wex_pid* one, const wex_pid* other);
 
+// Whether the record is known to be a user's who is not root. Without strict mode none is.
+bool wex_is_users(const wex_pid* rec);
+
 // Sets rec->user to the user of the process that the record is of, which is known by rec->start_time. False
 // when that process has gone meanwhile, cannot be read, or there is no room for one more set. Without strict
 // mode true, and nothing is set.

@@ -169,6 +169,7 @@ int look_for_process(char* command, int32_t* out_pid, int tries, const wex_pid* 
     if (scan > tries || result == 1) {
       return result;
     }
+    wex_status_show_soon();
     wex_sleep_ms(scan * kFindStepMs);
   }
 }
