@@ -117,7 +117,7 @@ end_all
 
 # ---- In strict mode, with the capabilities of the packaged fragment and no others ----------------------------
 
-rm /etc/default/wex
+rm -r /etc/default/wex /tmp/wex /tmp/vsd            # as after a boot: what was registered is dead
 mkdir -p /etc/wex && : > /etc/wex/strict
 needed=$(sed -n 's/^CapabilityBoundingSet=//p' /usr/share/wex/wex-least.conf | tr 'A-Z ' 'a-z\n' | sed -n 's/^cap_/+/p' | grep -vx +sys_boot | paste -s -d, -)
 limited() { setpriv "--bounding-set=-all,$needed" --inh-caps=-all "$@"; }
