@@ -21,6 +21,7 @@
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "wex_chain_identity.h"
 #include "wex_dbg.h"
 #include "wex_flag_file.h"
 #include "wex_paths.h"
@@ -32,7 +33,6 @@ namespace {
 
 constexpr size_t kStatusSize = 4096;
 constexpr size_t kKeptSize = WEX_PROCESS_SIZE + 16 * (kUserGroupsMax + 8);
-constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its database file was read
 
 priority_mutex g_mutex;
 const wex_user* g_users[kUsersKept] WEX_TSA(guarded_by(g_mutex));
@@ -173,8 +173,7 @@ bool is_command_of(const char* whole, const wex_pid* rec) {
   char command[WEX_PROCESS_SIZE];
   wex_copy_text(command, sizeof command, rec->process);
   rtrim(command);
-  const size_t length = strlen(command);
-  return strncmp(whole, command, length) == 0 && (whole[length] == '\0' || length >= kSurelyWhole);
+  return !wex_is_other_command(whole, command);
 }
 
 // What was kept of this registration. Its whole command takes the place of one that was cut.
@@ -275,6 +274,11 @@ bool wex_same_user(const wex_pid* one, const wex_pid* other) {
   return first != nullptr && second != nullptr && first->uid == second->uid;
 }
 
+bool wex_is_users(const wex_pid* rec) {
+  const wex_user* const user = wex_user_of(rec);
+  return user != nullptr && user->uid != 0;
+}
+
 bool wex_note_user(wex_pid* rec) {
   if (!wex_strict().on) {
     return true;
@@ -304,12 +308,22 @@ void wex_note_thread_user(wex_pid* rec) {
   }
   wex_user owner;
   wex_find_user(rec);
+  rec->start_time = wex_strict_start_of(rec->ppid);
   const wex_user* const user = wex_user_of(rec);
   const bool of_process = wex_get_ppid_form_pid(rec->pid) == rec->ppid && user != nullptr &&
                           read_ids(rec->ppid, &owner) && owner.uid == user->uid;
-  if (!of_process || wex_strict_start_of(rec->pid) != started) {
+  if (!of_process || wex_strict_start_of(rec->pid) != started || rec->start_time == 0) {
     rec->user = kUnknownUser;
   }
+}
+
+bool wex_may_abort(const wex_pid* thread) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  const wex_user* const user = wex_user_of(thread);
+  return user != nullptr && wex_strict_start_of(thread->ppid) == thread->start_time &&
+         (user->uid == 0 || wex_runs_as(thread->ppid, thread));
 }
 
 void wex_begin_users() {

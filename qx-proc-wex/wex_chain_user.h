@@ -30,6 +30,9 @@ const wex_user* wex_user_of(const wex_pid* rec);
 // Whether both are of the same user; so are all when their users are not known.
 bool wex_same_user(const wex_pid* one, const wex_pid* other);
 
+// Whether the record is known to be a user's who is not root. Without strict mode none is.
+bool wex_is_users(const wex_pid* rec);
+
 // Sets rec->user to the user of the process that the record is of, which is known by rec->start_time. False
 // when that process has gone meanwhile, cannot be read, or there is no room for one more set. Without strict
 // mode true, and nothing is set.
@@ -40,9 +43,14 @@ bool wex_note_user(wex_pid* rec);
 uint64_t wex_strict_start_of(int32_t pid);
 
 // Sets the user of a living process, or of a thread under hang detection, that is not known by its start time
-// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it.
+// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it,
+// and is known by rec->start_time from then on.
 void wex_find_user(wex_pid* rec);
 void wex_note_thread_user(wex_pid* rec);
+
+// Whether the process of this thread may be aborted: it is the one that was registered, also when root's has
+// given up root's rights since, and a user's is still his. Without strict mode true.
+bool wex_may_abort(const wex_pid* thread);
 
 // Whether what becomes of the record's program may restart the device: in strict mode only root's may.
 bool wex_may_restart_device(const wex_pid* rec);

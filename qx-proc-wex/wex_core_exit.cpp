@@ -17,6 +17,7 @@
 #include "wex_chain_user.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
+#include "wex_core_pause.h"
 #include "wex_core_restart.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
@@ -319,8 +320,11 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
   if (handed_over(&rec, action)) {
     return;
   }
-  if (rec->restart_delay <= 0) {
+  if (rec->restart_delay <= 0 || wex_pause_is_over(rec)) {
     start_again(rec, action);
+    return;
+  }
+  if (wex_begin_pause(rec)) {
     return;
   }
   // The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
@@ -353,10 +357,8 @@ void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restar
   }
 }
 
-// The record's process has ended.
-void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
+void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
-  report_ended(rec, exit_signal, force_restart, reported);
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
@@ -379,13 +381,20 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
   restart_by_action(rec);
 }
 
+// The record's process has ended.
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
+    WEX_TSA(requires_capability(wex_chains)) {
+  report_ended(rec, exit_signal, force_restart, reported);
+  decide(rec, exit_signal, force_restart);
+}
+
 // `ended_start`: the start time of a process that is known to have ended, or 0. Another process of the same
 // pid, registered since, has another one.
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr) {
-    return;
+  if (rec == nullptr || rec->delay_start != 0) {
+    return;  // or the end of a stranger that has got the pid during the pause
   }
   const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
   if (known_ended || !still_runs(rec)) {
@@ -491,6 +500,19 @@ void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
   with_reserve(
       [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, 0, ended_start); });
+}
+
+void wex_restart_paused() {
+  bool any = wex_any_pause();
+  while (any) {
+    with_reserve([&any]() WEX_TSA(requires_capability(wex_chains)) {
+      wex_pid* const rec = __wex_find_ended_pause();
+      any = rec != nullptr;
+      if (rec != nullptr) {
+        decide(rec, rec->exit_signal, 1);  // that its file is unlocked was seen before the pause
+      }
+    });
+  }
 }
 
 void wex_handle_missed_exits() {

@@ -1,8 +1,10 @@
-// wex_core_quota: how many registrations a user may have.
+// wex_core_quota: how many registrations a user may have, and with which pause.
 //
 // They are counted when one more is wanted: that is seldom, and a number of its own for each user would have
 // to be right wherever a record comes and goes.
 #include "wex_core_quota.h"
+
+#include <algorithm>
 
 #include "wex_chain_user.h"
 #include "wex_strict.h"
@@ -18,4 +20,8 @@ bool __wex_has_room(const wex_chains_t* chain, const wex_pid* rec) {
     count += wex_same_user(other, rec) ? 1 : 0;
   }
   return count < wex_strict().registrations;
+}
+
+int32_t wex_allowed_delay(const wex_pid* rec, int32_t wanted) {
+  return wex_is_users(rec) ? std::min(wanted, wex_strict().restart_delay) : wanted;
 }

@@ -34,6 +34,7 @@ struct limit_row {
 constexpr limit_row kLimits[] = {
     {"connections", &strict_settings::connections, kUserConnectionsMax},
     {"registrations", &strict_settings::registrations, kUserRegistrationsMax},
+    {"restart_delay", &strict_settings::restart_delay, kUserDelayMax},
 };
 
 // Noted by the main thread before there is a running log, and told by it.

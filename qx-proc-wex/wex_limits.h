@@ -21,11 +21,13 @@ inline constexpr int kAcceptedAtOnce = 64;   // connections accepted in one cycl
 inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the next begins with the others
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
-// Strict mode: of each user but root. The first two are set by its file, up to the other two.
+// Strict mode: of each user but root. The first three are set by its file, up to the other three.
 inline constexpr int32_t kUserConnections = 64;
 inline constexpr int32_t kUserRegistrations = 256;  // processes, and as many threads
+inline constexpr int32_t kUserDelaySec = 300;       // longest pause before a restart of his
 inline constexpr int32_t kUserConnectionsMax = kMaxClients;
 inline constexpr int32_t kUserRegistrationsMax = 65536;
+inline constexpr int32_t kUserDelayMax = 86400;
 inline constexpr int kWrongLinesKept = 4;  // wrong lines of that file that the running log names
 inline constexpr int kUserLineSize = 512;  // of the list of users, a longer line is no user's
 inline constexpr int kUserGroupsMax =
@@ -139,6 +141,7 @@ inline constexpr int32_t kLongPeriodMisses = 4;
 inline constexpr int32_t kFewMisses = 6;  // registrations that allow fewer misses than this ...
 inline constexpr int32_t kWarnFew = 3;    // ... are warned about from here on,
 inline constexpr int32_t kWarnMany = 5;   // the others from here
+inline constexpr int kHungUsers = 16;     // strict mode: users of whom one process each is aborted in a scan
 inline constexpr uint32_t kAliveTableSize = 184356;
 
 // Logs.

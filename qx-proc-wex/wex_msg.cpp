@@ -86,7 +86,6 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   wex_pid* const rec = memory != nullptr ? wex_blank_record(memory) : wex_new_record();
   rec->pid = body.pid;
   rec->vsd = body.vsd;
-  rec->restart_delay = body.restart_delay;
   rec->action = action.number;
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
@@ -98,6 +97,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
     wex_free_record(rec);
     return nullptr;
   }
+  rec->restart_delay = wex_allowed_delay(rec, body.restart_delay);
   return rec;
 }
 
@@ -182,9 +182,10 @@ int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& 
     return -1;
   }
   char process[WEX_PROCESS_SIZE];  // the record belongs to the chain once it is inserted
+  const int32_t delay = rec->restart_delay;
   wex_copy_text(process, sizeof process, rec->process);
-  if (insert_process(rec) && body.restart_delay > kLongDelaySec) {
-    wex_note_long_delay(process, body.pid, body.restart_delay);
+  if (insert_process(rec) && delay > kLongDelaySec) {
+    wex_note_long_delay(process, body.pid, delay);
   }
   return 0;
 }

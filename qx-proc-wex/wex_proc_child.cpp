@@ -37,6 +37,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_status_image.h"
 #include "wex_strict.h"
 #include "wex_utils.h"
 
@@ -321,6 +322,7 @@ bool runs_our_code(pid_t child) {
 void await_exec(pid_t child, const unique_fd& started) {
   struct pollfd end = {started.get(), POLLIN, 0};
   const int64_t deadline = wex_clock_ms() + kPlatformTimeLimitMs;
+  wex_status_show_soon();
   do {
     if (poll(&end, 1, kPlatformLookMs) > 0 || !runs_our_code(child)) {
       return;

@@ -15,6 +15,7 @@ struct strict_settings {
   bool on = false;
   int32_t connections = kUserConnections;      // of each user but root
   int32_t registrations = kUserRegistrations;  // the same
+  int32_t restart_delay = kUserDelaySec;       // longest pause before a restart of theirs, in seconds
 };
 
 // Whether what lies at `path` may say what it says: in strict mode only what root alone has put there does.

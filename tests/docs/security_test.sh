@@ -24,6 +24,7 @@ is_there() {
 repetitions "$root/docs/security.md" > "$work/named"
 [ "$(wc -l < "$work/named")" -ge 40 ] || complain "only $(wc -l < "$work/named") repetitions were found"
 [ "$(strict_column "$root/docs/security.md" | wc -l)" -ge 15 ] || complain "the table of strict mode was not found"
+strict_column "$root/docs/security.md" | grep -vq '`' && complain "docs/security.md: an attempt in strict mode without a test"
 while IFS= read -r name; do
   is_there "$name" || complain "docs/security.md: there is no $name"
 done < "$work/named"

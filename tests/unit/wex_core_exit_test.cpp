@@ -584,6 +584,16 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
   EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
 }
 
+// The pause of a user's program is not slept, so a stranger may get the dead process's pid, and end.
+TEST_F(Exit, OfAStrangerInAPauseIsNone) {
+  wex_pid* const rec = died(park_at(900));
+  rec->alarm_wait_flag = 0;
+  rec->delay_start = 1;
+  wex_handle_netlink_exit(rec->pid, 15, 0);
+  EXPECT_EQ(1, wex_chains.count) << "a stop of the program would drop it";
+  rec->delay_start = 0;
+}
+
 TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
   const std::string begin = "/tmp/vsd/3/delete_vsd exists, exited processes are not restarted.\r\n";
   const std::string end = "No domain is taken down any more, exited processes are restarted.\r\n";

@@ -66,11 +66,11 @@ TEST_F(WexStrict, ASwitchIsRootsAlone) {
     EXPECT_TRUE(row.counts()) << "without the mode everybody may make it";
     be_strict();
     EXPECT_FALSE(row.counts());
-    char told[kPathSize];
-    ASSERT_TRUE(wex_take_ignored_name(told));
-    EXPECT_STREQ(row.path, told);
+    char ignored[kPathSize];
+    ASSERT_TRUE(wex_take_ignored_name(ignored));
+    EXPECT_STREQ(row.path, ignored);
     EXPECT_FALSE(row.counts());
-    EXPECT_FALSE(wex_take_ignored_name(told)) << "told once";
+    EXPECT_FALSE(wex_take_ignored_name(ignored)) << "told once";
     ASSERT_EQ(0, chown(row.path, 0, 0));
     EXPECT_TRUE(row.counts());
     const std::string second = std::string(row.path) + "2";
@@ -129,10 +129,10 @@ TEST_F(WexStrict, ALockHoldsARestartUpOnlyWhenTheProgramHasIt) {
 }
 
 TEST_F(WexStrict, ANameCannotWriteLinesIntoTheLog) {
-  char told[kPathSize];
+  char ignored[kPathSize];
   wex_ignore_name("/tmp/a\nb\x1b");
-  ASSERT_TRUE(wex_take_ignored_name(told));
-  EXPECT_STREQ("/tmp/a?b?", told);
+  ASSERT_TRUE(wex_take_ignored_name(ignored));
+  EXPECT_STREQ("/tmp/a?b?", ignored);
 }
 
 // The status of every process has lines of these keys; only those at a line's beginning count.

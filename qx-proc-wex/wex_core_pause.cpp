@@ -1,0 +1,56 @@
+// wex_core_pause: the pauses that users' programs want before their restarts.
+#include "wex_core_pause.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "wex_chain_user.h"
+#include "wex_clock.h"
+#include "wex_core_stop.h"
+#include "wex_status_image.h"
+
+namespace {
+
+// So that a daemon without pauses does not walk its registry once a second.
+std::atomic<bool> g_any{false};
+
+// More than the whole seconds that were asked for: the first one may have been nearly over.
+bool has_lasted(const wex_pid* rec) {
+  return wex_exit_flag.load(std::memory_order_relaxed) != 0 ||
+         int64_t{wex_clock_now()} - rec->delay_start > rec->restart_delay;
+}
+
+}  // namespace
+
+bool wex_begin_pause(wex_pid* rec) {
+  if (!wex_is_users(rec)) {
+    return false;
+  }
+  rec->delay_start = std::max(wex_clock_now(), 1);  // 0 would be none
+  wex_status_unlocked_pause(rec);
+  g_any.store(true);
+  return true;
+}
+
+bool wex_pause_is_over(wex_pid* rec) {
+  const bool over = rec->delay_start != 0;
+  rec->delay_start = 0;
+  return over;
+}
+
+bool wex_any_pause() {
+  return g_any.load();
+}
+
+wex_pid* __wex_find_ended_pause() {
+  bool any = false;
+  record_walk walk(wex_chains);
+  while (wex_pid* const rec = walk.next()) {
+    if (rec->delay_start != 0 && has_lasted(rec)) {
+      return rec;
+    }
+    any = any || rec->delay_start != 0;
+  }
+  g_any.store(any);
+  return nullptr;
+}

@@ -1,0 +1,89 @@
+// Strict mode: programs of several users with one command line, and programs that give up their rights.
+#include <signal.h>
+
+#include "strict_world.h"
+#include "third_part_world.h"
+
+namespace {
+
+using namespace strict_world;
+
+struct StrictIdentity : Strict {};
+
+// The running process of this user's registration with this command line, other than `not_this`.
+pid_t registered_for(uid_t user, const std::string& command, pid_t not_this) {
+  pid_t found = 0;
+  eventually(
+      [&] {
+        for (const wex_status_slot& slot : StatusReader().slots()) {
+          if (slot.uid == user && slot.pid != not_this && slot.state == WEX_STATUS_RUNNING &&
+              std::string(slot.command, strnlen(slot.command, sizeof slot.command)) == command) {
+            found = slot.pid;
+          }
+        }
+        return found > 0;
+      },
+      20s);
+  return found;
+}
+
+struct StrictListed : third_part::ThirdPart {
+  void SetUp() override {
+    ThirdPart::SetUp();
+    write_file(kStrictFile, "");
+  }
+};
+
+std::string user_of(pid_t pid) {
+  const std::string ids = ids_of(pid, "Uid");
+  return ids.substr(0, ids.find(' '));
+}
+
+}  // namespace
+
+// Of one user the second registration would end the first one with its process.
+TEST_F(StrictIdentity, OneProgramOfTwoUsersIsBothOfTheirs) {
+  start();
+  const words options = {"--tag=both"};
+  const std::string command = actor_command(service_words(options));
+  Process& roots = process();
+  Process& users = process();
+  ASSERT_TRUE(start_service(&roots, options, 0));
+  ASSERT_TRUE(start_service(&users, options));
+  pid_t of_root = roots.pid();
+  pid_t of_user = users.pid();
+  for (const uid_t victim : {uid_t{0}, kUser}) {
+    pid_t& pid = victim == 0 ? of_root : of_user;
+    ASSERT_GT(pid, 0);
+    send_signal(pid, SIGKILL);
+    pid = registered_for(victim, command, pid);
+    ASSERT_GT(pid, 0) << "the program of user " << victim << " is down\n" << read_console();
+    EXPECT_EQ(text(victim), user_of(pid));
+  }
+  EXPECT_EQ(of_root, registered_for(0, command, 0));
+}
+
+// A listed program that ends is looked for by its command line: it may have started itself again.
+TEST_F(StrictListed, AUsersProcessIsNotTakenForRootsProgram) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("plain"));
+  Process users;
+  ASSERT_TRUE(users.start({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  ASSERT_EQ(users.pid(), registered_for(kUser, app_, 0)) << read_console();
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t next = registered_for(0, app_, first);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("0", user_of(next));
+  EXPECT_EQ(users.pid(), registered_for(kUser, app_, 0));
+}
+
+TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("dropping"));
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  EXPECT_TRUE(console_says("third part Normal[" + app_ + "] new pid: ", 30s)) << read_console();
+  const pid_t next = registered_for(0, app_, first);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("1234", user_of(next));
+  EXPECT_EQ(next, wait_for(app_, first)) << "the only one";
+}
