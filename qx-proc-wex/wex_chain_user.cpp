@@ -222,8 +222,8 @@ bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
        !is_command_of(command, rec))) {
     return false;
   }
-  if (facts.st_uid != user.uid && !take_owner(facts, &user)) {
-    return false;
+  if (facts.st_uid != user.uid && (facts.st_uid != 0 || !take_owner(facts, &user))) {
+    return false;  // a user's file, for a process that is not his
   }
   rec->user = wex_number_user(user);
   return rec->user != kUnknownUser;
