@@ -86,6 +86,7 @@ void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(cha
     wex_status_hide(rec);
     wex_forget_user(rec->pid);
   }
+  wex_release_user(rec);
   hlist_del(&rec->hnode);
   unlink_list(&rec->list);
   chain->count--;
@@ -238,6 +239,7 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
+  wex_hold_user(rec);
   if (chain == &wex_chains) {
     wex_status_show(rec);
     wex_keep_user(rec);

@@ -124,8 +124,8 @@ bool has_earlier_turn(int32_t process, int32_t other) {
 // The turn of the user whose process this is, or null: so many other users have hung processes, too, that he
 // has to wait for a later scan.
 turn* turn_of(const wex_pid* thread) {
-  const wex_user* const user = wex_user_of(thread);
-  const uid_t wanted = user != nullptr ? user->uid : 0;
+  uid_t wanted = 0;  // of nobody who is known: root's
+  wex_uid_of(thread, &wanted);
   turn* spare = nullptr;
   for (turn& one : g_turns) {
     if (one.user == wanted) {

@@ -80,6 +80,8 @@ TEST_F(StrictListed, AUsersProcessIsNotTakenForRootsProgram) {
 TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
   ASSERT_NO_FATAL_FAILURE(start_listed("dropping"));
   const pid_t first = by_hand_.pid();
+  write_file(third_part::kGiveUp, "");
+  ASSERT_TRUE(eventually([&] { return user_of(first) == "1234"; }, 20s));
   end_by_hand();
   EXPECT_TRUE(console_says("third part Normal[" + app_ + "] new pid: ", 30s)) << read_console();
   const pid_t next = registered_for(0, app_, first);
