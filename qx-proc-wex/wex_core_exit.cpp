@@ -27,11 +27,13 @@
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
+#include "wex_move_aside.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -172,8 +174,18 @@ int event_file() WEX_TSA(requires_capability(wex_chains)) {
   return wex_event_log_count <= kSecondFileLast ? 2 : 0;
 }
 
+// Nothing is restarted while it cannot be opened, so in strict mode what a user has put there makes room.
+bool make_room_for_log(const char* path) {
+  char aside[kPathSize];
+  const int cause = errno;
+  const bool moved = wex_strict().on && !wex_counts(path) && wex_clear_name(path, aside);
+  errno = cause;
+  return moved;
+}
+
 bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
-  if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
+  const char* const path = file == 1 ? kEventLog1 : kEventLog2;
+  if (wex_openlog(path) == 0 || (make_room_for_log(path) && wex_openlog(path) == 0)) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "fail to openlog: %s\n", strerror(errno));
