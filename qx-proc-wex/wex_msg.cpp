@@ -264,7 +264,11 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
 // Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
 wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
     WEX_TSA(requires_capability(wex_alive_chains)) {
-  wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
+  wex_pid* known = __wex_find_pid(&wex_alive_chains, body.pid);
+  if (known != nullptr && known->start_time != fresh->start_time) {
+    __wex_drop_thread(&wex_alive_chains, known);  // strict mode: of a process that had the same pid
+    known = nullptr;
+  }
   if (known == nullptr) {
     __wex_add_record(&wex_alive_chains, fresh);
     return fresh;
