@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "dir_walk.h"
+#include "file_lock.h"
+#include "guarded_file.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "text_number.h"
@@ -195,6 +197,16 @@ bool may_be_from(const struct stat& facts, const wex_user& user) {
   return facts.st_uid == 0 || facts.st_uid == user.uid;
 }
 
+// A descriptor of the file: the one that keeps it locked, for closing another one would end that; else it is
+// `opened`. -1 when there is none.
+int open_own_file(const char* name, unique_fd* opened) {
+  const int kept = kept_file(name);
+  if (kept < 0) {
+    *opened = wex_open_file(name, O_RDONLY);
+  }
+  return kept >= 0 ? kept : opened->get();
+}
+
 // A living process has the record's pid. It need not be the registered one, so its ids count only when
 // nothing was kept and the file is its own user's.
 bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
@@ -342,12 +354,19 @@ void wex_own_database_file(const wex_pid* rec) {
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
-  if (facts.st_uid != 0 && facts.st_uid != user->uid) {
+  if (!may_be_from(facts, *user)) {
     wex_db_destroy(rec);
     wex_mend_pidfile(rec);
   }
-  if (user->uid != 0 && lstat(name, &facts) == 0 && facts.st_uid == 0 && facts.st_nlink == 1 &&
-      lchown(name, user->uid, user->gid) != 0) {
+  unique_fd opened;
+  const int file = open_own_file(name, &opened);
+  if (file < 0 || fstat(file, &facts) != 0 || !may_be_from(facts, *user) || facts.st_nlink != 1) {
+    return;
+  }
+  if ((facts.st_mode & 07777) != kStrictDbMode) {
+    fchmod(file, kStrictDbMode);
+  }
+  if (user->uid != 0 && facts.st_uid == 0 && fchown(file, user->uid, user->gid) != 0) {
     wex_db_destroy(rec);  // as root's it would have the program started as root, were the rest forgotten
   }
 }

@@ -73,8 +73,8 @@ void wex_forget_user(int32_t pid);
 // Forgets what was kept for pids without a record. Once, when the registry is there.
 void wex_tidy_users(bool (*has_record)(int32_t pid));
 
-// Has the record's database file belong to its user. What somebody else has put at its name is replaced: it
-// would not count, and its owner can still write to it. Caller holds wex_chains.
+// Has the record's database file belong to its user, and closed to others. What somebody else has put at its
+// name is replaced: it would not count, and its owner can still write to it. Caller holds wex_chains.
 void wex_own_database_file(const wex_pid* rec);
 
 // Sets rec->user for a registration that was read from a database file with these facts. A living process is

@@ -198,6 +198,7 @@ inline constexpr mode_t kUsersDirMode = 0700;
 inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
+inline constexpr mode_t kStrictDbMode = 0700;
 inline constexpr mode_t kClientFlagFileMode = 0777;
 inline constexpr mode_t kDomainFileMode = 0754;  // flag files of the daemon, take-down markers, start times
 inline constexpr mode_t kForkFileMode = 0755;

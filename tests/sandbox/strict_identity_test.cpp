@@ -1,8 +1,11 @@
 // Strict mode: programs of several users with one command line, and programs that give up their rights.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include "strict_world.h"
 #include "third_part_world.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -31,6 +34,23 @@ struct StrictListed : third_part::ThirdPart {
   void SetUp() override {
     ThirdPart::SetUp();
     write_file(kStrictFile, "");
+  }
+  static void expect_own_file(pid_t pid, uid_t owner) {
+    struct stat facts = {};
+    EXPECT_TRUE(eventually(
+        [&] {
+          return stat(policy::db_file("plain", pid).c_str(), &facts) == 0 && facts.st_uid == owner &&
+                 (facts.st_mode & 07777) == 0700;
+        },
+        20s))
+        << facts.st_uid << " " << std::oct << facts.st_mode;
+  }
+  static pid_t lock_holder(const std::string& path) {
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK ? whole.l_pid
+                                                                                              : 0;
   }
 };
 
@@ -74,6 +94,10 @@ TEST_F(StrictListed, AUsersProcessIsNotTakenForRootsProgram) {
   const pid_t next = registered_for(0, app_, first);
   ASSERT_GT(next, 0) << read_console();
   EXPECT_EQ("0", user_of(next));
+  expect_own_file(next, 0);
+  expect_own_file(users.pid(), kUser);
+  EXPECT_EQ(daemon_.pid(), lock_holder(policy::db_file("plain", users.pid())))
+      << "the daemon holds it for the program";
   EXPECT_EQ(users.pid(), registered_for(kUser, app_, 0));
 }
 

@@ -49,6 +49,7 @@ TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
   Process& service = process();
   const words options = service_words({"--tag=lives"});
   ASSERT_TRUE(start_service(&service, {"--tag=lives"}));
+  EXPECT_TRUE(eventually([&] { return mode_of(registry::db_file(0, "actor", service.pid())) == 0700; }, 20s));
   const pid_t second = kill_and_wait(service.pid(), options);
   ASSERT_GT(second, 0) << read_console();
   expect_as_before(second);
