@@ -238,6 +238,20 @@ bool judge_dead(wex_pid* rec, const struct stat& facts) {
   return rec->user != kUnknownUser;
 }
 
+// Whether root's file of this name was made for the registration. A user may have moved another file of
+// root's there, out of a directory of his own.
+bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
+  if (holds_locked_files() && is_locked_file(facts)) {
+    return true;  // made by this daemon, and not to be opened by it
+  }
+  wex_pid registered = {};
+  if (wex_read_pidfile(name, &registered) != 0) {
+    return false;
+  }
+  rtrim(registered.script);
+  return registered.pid == rec->pid && !wex_is_other_command(rec->process, registered.script);
+}
+
 }  // namespace
 
 bool wex_same_user(const wex_pid* one, const wex_pid* other) {
@@ -354,7 +368,8 @@ void wex_own_database_file(const wex_pid* rec) {
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
-  if (!may_be_from(facts, *user)) {
+  const bool roots = facts.st_uid == 0 && user->uid != 0;
+  if (!may_be_from(facts, *user) || (roots && !is_file_of(rec, name, facts))) {
     wex_db_destroy(rec);
     wex_mend_pidfile(rec);
   }

@@ -68,6 +68,17 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
+// The record whose postponed restart is due: a younger record may have its pid by now (strict mode).
+wex_pid* find_postponed(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  wex_pid* rec = wex_strict().on && !__wex_waits_for_restart(pid) ? walk.next() : nullptr;
+  while (rec != nullptr && (rec->pid != pid || rec->exit_seen == 0 || rec->delay_start != 0 ||
+                            rec->alarm_wait_flag == 1 || rec->restart_failed != 0)) {
+    rec = walk.next();
+  }
+  return rec;
+}
+
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_free_record(__wex_recycle_registration(rec));
 }
@@ -392,7 +403,8 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
 // pid, registered since, has another one.
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  wex_pid* const postponed = find_postponed(pid);
+  wex_pid* const rec = postponed != nullptr ? postponed : __wex_find_pid(&wex_chains, pid);
   if (rec == nullptr || rec->delay_start != 0) {
     return;  // or the end of a stranger that has got the pid during the pause
   }

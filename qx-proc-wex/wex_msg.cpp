@@ -28,6 +28,7 @@
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_xtach.h"
@@ -110,7 +111,8 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
 
 // Whether the newcomer's pid has its record already. A record keeps a dead pid when its restart found no
 // process, or when it was made for a thread that has ended: the process, or another one's thread, that has
-// the id now may register it.
+// the id now may register it. In strict mode it may also while the dead one's program waits for its restart:
+// a user could otherwise keep pids from root's services.
 bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
   if (rec == nullptr) {
@@ -118,6 +120,9 @@ bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chai
   }
   if (rec->thread_of != 0) {
     return rec->thread_of == newcomer->thread_of;
+  }
+  if (wex_strict().on && rec->exit_seen != 0 && rec->start_time != newcomer->start_time) {
+    return false;
   }
   return rec->restart_failed == 0 || wex_record_lives(rec);
 }
@@ -147,12 +152,21 @@ uint32_t take_early_end(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   return code == 0 && before != nullptr ? before->known_code : code;
 }
 
+// A process that registers again may have made its database file anew. One that only has the pid of a record
+// did not make that record's.
+void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
+  if (rec->start_time == newcomer->start_time) {
+    wex_own_database_file(rec);
+  }
+}
+
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec->pid);
   if (is_registered(rec)) {
-    wex_own_database_file(__wex_find_pid(&wex_chains, rec->pid));
+    own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;
@@ -250,7 +264,11 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
 // Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
 wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
     WEX_TSA(requires_capability(wex_alive_chains)) {
-  wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
+  wex_pid* known = __wex_find_pid(&wex_alive_chains, body.pid);
+  if (known != nullptr && known->start_time != fresh->start_time) {
+    __wex_drop_thread(&wex_alive_chains, known);  // strict mode: of a process that had the same pid
+    known = nullptr;
+  }
   if (known == nullptr) {
     __wex_add_record(&wex_alive_chains, fresh);
     return fresh;

@@ -147,12 +147,16 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
       continue;
     }
     const int32_t pid = text_to_number(entry->d_name);
+    // First, for another user may have made his arguments a memory whose reading waits for him.
+    if (rec != nullptr && pid != child && !wex_runs_as(pid, rec)) {
+      continue;
+    }
     char text[1024];
     if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
       continue;
     }
     rtrim(text);
-    if (strcmp(text, command) == 0 && (rec == nullptr || pid == child || wex_runs_as(pid, rec))) {
+    if (strcmp(text, command) == 0) {
       *out_pid = pid;
       return 1;
     }
