@@ -99,7 +99,9 @@ TEST_F(StrictRestart, AUsersPauseIsCutAndHoldsNobodyUp) {
 
 // Without a database file the next daemon would not know the program.
 TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
-  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
+  // The second one has the other threads end before the restart is made.
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=accept4:error=ECONNABORTED:when=40", "inject=unlinkat:delay_enter=700000"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process& slow = process();
   const words options = {"--time-set=300", "--confirm", "--tag=slow", "--hold"};
@@ -110,7 +112,9 @@ TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
       eventually([&] { return StatusReader().slot_of(slow.pid())->state == WEX_STATUS_RESTARTING; }, 20s));
   ASSERT_TRUE(end_through_server());
   EXPECT_TRUE(exited_with(daemon.wait(30s), 0)) << read_console();
-  EXPECT_GT(wait_for_actor(options, slow.pid(), 20s), 0) << read_console();
+  const pid_t next = wait_for_actor(options, slow.pid(), 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_TRUE(exists(std::string(kUsersDir) + "/" + text(next))) << "for the next daemon";
 }
 
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {
