@@ -27,11 +27,13 @@
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
+#include "wex_move_aside.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -64,6 +66,17 @@ bool still_runs(wex_pid* rec) {
   wex_status_refresh(rec);
   wex_request_sweep();
   return true;
+}
+
+// The record whose postponed restart is due: a younger record may have its pid by now (strict mode).
+wex_pid* find_postponed(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  wex_pid* rec = wex_strict().on && !__wex_waits_for_restart(pid) ? walk.next() : nullptr;
+  while (rec != nullptr && (rec->pid != pid || rec->exit_seen == 0 || rec->delay_start != 0 ||
+                            rec->alarm_wait_flag == 1 || rec->restart_failed != 0)) {
+    rec = walk.next();
+  }
+  return rec;
 }
 
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -172,8 +185,18 @@ int event_file() WEX_TSA(requires_capability(wex_chains)) {
   return wex_event_log_count <= kSecondFileLast ? 2 : 0;
 }
 
+// Nothing is restarted while it cannot be opened, so in strict mode what a user has put there makes room.
+bool make_room_for_log(const char* path) {
+  char aside[kPathSize];
+  const int cause = errno;
+  const bool moved = wex_strict().on && !wex_counts(path) && wex_clear_name(path, aside);
+  errno = cause;
+  return moved;
+}
+
 bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
-  if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
+  const char* const path = file == 1 ? kEventLog1 : kEventLog2;
+  if (wex_openlog(path) == 0 || (make_room_for_log(path) && wex_openlog(path) == 0)) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "fail to openlog: %s\n", strerror(errno));
@@ -380,7 +403,8 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
 // pid, registered since, has another one.
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  wex_pid* const postponed = find_postponed(pid);
+  wex_pid* const rec = postponed != nullptr ? postponed : __wex_find_pid(&wex_chains, pid);
   if (rec == nullptr || rec->delay_start != 0) {
     return;  // or the end of a stranger that has got the pid during the pause
   }

@@ -48,6 +48,11 @@ struct turn {
 // Without strict mode all processes take the first turn. In it that is root's, and others have turns of their
 // own, or one user's hung processes would keep those of everybody waiting. Watchdog's thread only.
 turn g_turns[kHungUsers];
+// Of users who found no turn free the next one above the last whom one was given.
+bool g_somebody_waits = false;
+uid_t g_who_waits = 0;
+uid_t g_last_given = 0;
+int g_last_freed = 0;  // the turn that was taken from its user for that
 
 // The hung thread that is served, and what its process was like before the look at it.
 struct hung_thread {
@@ -122,10 +127,10 @@ bool has_earlier_turn(int32_t process, int32_t other) {
 }
 
 // The turn of the user whose process this is, or null: so many other users have hung processes, too, that he
-// has to wait for a later scan.
+// has to wait.
 turn* turn_of(const wex_pid* thread) {
-  const wex_user* const user = wex_user_of(thread);
-  const uid_t wanted = user != nullptr ? user->uid : 0;
+  uid_t wanted = 0;  // of nobody who is known: root's
+  wex_uid_of(thread, &wanted);
   turn* spare = nullptr;
   for (turn& one : g_turns) {
     if (one.user == wanted) {
@@ -137,8 +142,22 @@ turn* turn_of(const wex_pid* thread) {
   }
   if (spare != nullptr) {
     *spare = {wanted, 0, false, nullptr, nullptr, nullptr};
+  } else if (!g_somebody_waits || wanted - g_last_given - 1 < g_who_waits - g_last_given - 1) {
+    g_somebody_waits = true;
+    g_who_waits = wanted;
   }
   return spare;
+}
+
+// Processes that ignore the signal stay hung, and their users would keep their turns: so one after the other
+// gives his away, and waits himself.
+void free_turn_for_who_waits() {
+  if (g_somebody_waits) {
+    g_somebody_waits = false;
+    g_last_freed = g_last_freed % (kHungUsers - 1) + 1;  // never the first, root's
+    g_last_given = g_who_waits;
+    g_turns[g_last_freed] = {g_who_waits, 0, true, nullptr, nullptr, nullptr};
+  }
 }
 
 void note_hung(const wex_pid* thread) {
@@ -209,6 +228,7 @@ void look_at_all(bool counting, hung_threads* served) {
   for (turn& one : g_turns) {
     take_turn(&one, served);
   }
+  free_turn_for_who_waits();
 }
 
 // ---- Aborting ---------------------------------------------------------------------------------------------

@@ -8,13 +8,15 @@
 #include "wex_chain.h"
 
 // Begins the pause of a user's program whose restart is due. False when it is to be slept: of root's program,
-// and without strict mode of everybody's.
+// without strict mode of everybody's, and while the daemon ends, when no sleep lasts and the delay thread may
+// not come back any more.
 bool wex_begin_pause(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // True, once, when the record's pause is over.
 bool wex_pause_is_over(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
-// Whether any record may be in a pause. Any thread.
+// Whether any record may be in a pause. Any thread. While the daemon ends always: another thread may be
+// beginning one, and the look that follows, with the registry locked, is the last.
 bool wex_any_pause();
 
 // A record whose pause has lasted long enough, or null. While the daemon ends every pause has.

@@ -31,9 +31,11 @@ inline constexpr int32_t kUserDelayMax = 86400;
 inline constexpr int kWrongLinesKept = 4;  // wrong lines of that file that the running log names
 inline constexpr int kUserLineSize = 512;  // of the list of users, a longer line is no user's
 inline constexpr int kUserGroupsMax =
-    64;                                 // supplementary groups of a process; further ones are not given back
-inline constexpr int kUsersKept = 512;  // different sets of ids among all registrations of one daemon
-inline constexpr int kRefusedUsers = 16;       // users of whose refused messages the running log tells,
+    64;                                   // supplementary groups of a process; with more it is not registered
+inline constexpr int kUserSets = 512;     // different sets of ids among all registrations,
+inline constexpr int kSetsOfUser = 64;    // those of one user, and those left over for root
+inline constexpr int kExecutedTries = 3;  // looks at a listed program whose user changes meanwhile
+inline constexpr int kRefusedUsers = 16;  // users of whose refused messages the running log tells,
 inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
 inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
 
@@ -196,6 +198,7 @@ inline constexpr mode_t kUsersDirMode = 0700;
 inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
+inline constexpr mode_t kStrictDbMode = 0700;
 inline constexpr mode_t kClientFlagFileMode = 0777;
 inline constexpr mode_t kDomainFileMode = 0754;  // flag files of the daemon, take-down markers, start times
 inline constexpr mode_t kForkFileMode = 0755;

@@ -112,7 +112,10 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
   char word[256];
-  start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
+  // A user's is not looked for: it could hide, and have the registry locked for as long as the looks take. If
+  // it detaches, the exit of this child hands it over.
+  start->third_part =
+      !wex_is_users(rec) && wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = action.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!action.through_shell) {
@@ -147,12 +150,16 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
       continue;
     }
     const int32_t pid = text_to_number(entry->d_name);
+    // First, for another user may have made his arguments a memory whose reading waits for him.
+    if (rec != nullptr && pid != child && !wex_runs_as(pid, rec)) {
+      continue;
+    }
     char text[1024];
     if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
       continue;
     }
     rtrim(text);
-    if (strcmp(text, command) == 0 && (rec == nullptr || pid == child || wex_runs_as(pid, rec))) {
+    if (strcmp(text, command) == 0) {
       *out_pid = pid;
       return 1;
     }

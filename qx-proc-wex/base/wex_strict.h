@@ -31,6 +31,9 @@ mode_t wex_own_dir_mode();
 void wex_ignore_name(const char* path);
 bool wex_take_ignored_name(char (&path)[kPathSize]);
 
+// For programs that are not the daemon: whether something lies at the name that makes it strict.
+bool wex_strict_is_wanted();
+
 // Set once, before any thread; a client is never strict.
 const strict_settings& wex_strict();
 void wex_set_strict(const strict_settings& settings);

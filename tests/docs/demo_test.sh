@@ -71,4 +71,30 @@ timeout 120 "$root/tools/sandbox" --leak-check -- "$root/tools/demo" "$1" "$2" -
 for log in 'console  \| \[WEX:[a-z_]+:[0-9]+\]' 'messages \| .*HA_SELF_CHECK' 'running  \| '; do
   grep -Eq "^   $log" "$work/verbose" || complain "--verbose shows no line of $log"
 done
+
+# The story of strict mode: five attacks of a user's that fail, and both services come back as who they were.
+timeout 120 "$root/tools/sandbox" --leak-check -- "$root/tools/demo" "$1" "$2" --strict > "$story" 2> "$work/errors" < /dev/null ||
+  complain "the demo of strict mode ends with status $?: $(cat "$story" "$work/errors")"
+[ ! -s "$work/errors" ] || complain "the demo of strict mode complains: $(cat "$work/errors")"
+"$root/tools/demo" --next --strict > "$work/next"
+lines=$(($(wc -l < "$story") + 2 + $(wc -l < "$work/next")))
+[ $lines -le 24 ] || complain "more than 24 lines of strict mode: $lines"
+complain_each "wider than 100 columns:" < <(grep -hE '.{101}' "$story" "$work/next")
+wex=$(matched "^1\. wex, pid $pid, starts in strict mode")
+clock=$(matched "clock, pid $pid, is root's;")
+worker=$(matched "worker, pid $pid, belongs to the user nobody\$")
+matched '^ .*(User 65534 was refused 1 times: the process is not his\.)$' > /dev/null
+matched '^ .*(/tmp/wex/\.wex.*: Operation not permitted)$' > /dev/null
+matched '^ .*(/tmp/vsd/0/delete_vsd.*: Permission denied)$' > /dev/null
+[ "$(matched "^5\. .*: pid $pid goes on\$")" = "$wex" ] || complain "another wex in act 5"
+matched '^ .*(/tmp/wex/forkfile does not count: .*)$' > /dev/null
+[ "$(matched "^6\. .* wex, pid $pid, is killed")" = "$wex" ] || complain "another wex in act 6"
+[ "$(matched '^ .*runs with user id ([0-9]+), and not as root$')" = 65534 ] || complain "the planted program ran as another user"
+[ "$(matched 'clock is pid [0-9]+ with user id ([0-9]+);')" = 0 ] || complain "clock is not root's any more"
+[ "$(matched 'worker is pid [0-9]+ with user id ([0-9]+)$')" = 65534 ] || complain "worker is not nobody's any more"
+[ "$(matched "clock is pid $pid with")" != "$clock" ] && [ "$(matched "worker is pid $pid with")" != "$worker" ] || complain "a service was not restarted"
+while read -r place _; do
+  [ -e "$root/$place" ] || complain "there is no $place to try next"
+done < <(tail -n +2 "$work/next")
+[ $failures -eq 0 ] || cat "$story"
 finish

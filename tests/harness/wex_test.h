@@ -251,7 +251,8 @@ class SyslogSink {
 // ---- The world of a test ----------------------------------------------------------------------------------
 
 // Sweeps away what wex and its tests leave behind. The leak gate does so around every case, so that each
-// starts on a device that never ran wex.
+// starts on a device that never ran wex. With WEX_STRICT in the environment it is one that asks for strict
+// mode: what is root's must go on there as ever.
 void clean_world();
 
 // For cases that run the daemon: all diagnostics on, on a console that starts empty. A process or a sanitizer

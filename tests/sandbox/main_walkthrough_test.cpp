@@ -293,7 +293,7 @@ TEST_F(MainWalkthrough, TheNextDaemonReapsWhatItStartsWhileItRebuilds) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   daemon.kill_now();
-  write_file(std::string(kDbDir) + "/true.999999", "999999\n2\n/bin/true");
+  write_file(std::string(kDbDir) + "/true.999999", "999999\n2\n/bin/true", 0755);
   ASSERT_TRUE(daemon.start());
   EXPECT_TRUE(console_says("]pid (999999) is not exist\n"));
   EXPECT_TRUE(eventually(
@@ -314,7 +314,7 @@ TEST_F(MainWalkthrough, TheNextDaemonReapsWhatItStartsWhileItRebuilds) {
 
 TEST_F(MainWalkthrough, AProgramThatDiesAsSoonAsTheRebuildStartsItIsStartedUntilItIsParked) {
   make_dirs(kDbDir);
-  write_file(std::string(kDbDir) + "/true.999999", "999999\n2\n/bin/true");
+  write_file(std::string(kDbDir) + "/true.999999", "999999\n2\n/bin/true", 0755);
   write_file("/debug_time", "3600");
   SyslogSink log;
   Daemon daemon;

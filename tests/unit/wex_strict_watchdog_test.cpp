@@ -107,3 +107,44 @@ TEST_F(Watchdog, InStrictModeAUsersHungProcessesKeepNobodyElsesWaiting) {
     EXPECT_EQ(5U, hangs_logged());
   });
 }
+
+// Each ignores the signal. There are fewer turns than users, so they change hands.
+TEST_F(Watchdog, InStrictModeMoreUsersThanThereAreTurnsAreAllServed) {
+  in_child([] {
+    constexpr int kUsers = kHungUsers + 2;
+    std::vector<std::unique_ptr<service>> stubborn;
+    be_strict();
+    const daemon_side daemon;
+    for (int i = 0; i < kUsers; ++i) {
+      stubborn.push_back(std::make_unique<service>(1, true));
+      const uid_t user = kOtherUser + static_cast<uid_t>(i);
+      stubborn.back()->change_user(user, user);
+      ASSERT_EQ(0, register_by(user, stubborn.back()->pid(), stubborn.back()->pid()));
+    }
+    std::string printed;
+    const auto served = [&](const auto& one) {
+      return occurrences(printed, numbers("send SIGABRT to ppid (%d)", one->pid())) > 0;
+    };
+    for (int scan = 0; scan < kUsers && !std::all_of(stubborn.begin(), stubborn.end(), served); ++scan) {
+      printed += daemon.scan();
+    }
+    EXPECT_EQ(kUsers, std::count_if(stubborn.begin(), stubborn.end(), served)) << printed;
+  });
+}
+
+// Its process and thread ids went to another process of the same program between two scans.
+TEST_F(Watchdog, InStrictModeARegistrationAnewIsOfTheProcessThatMakesIt) {
+  in_child([] {
+    service program(1);
+    be_strict();
+    const daemon_side daemon;
+    ASSERT_EQ(0, register_by(kRoot, program.pid(), program.pid()));
+    {
+      const chain_lock hold(wex_alive_chains);
+      --__wex_find_pid(&wex_alive_chains, program.pid())->start_time;
+    }
+    ASSERT_EQ(0, register_by(kRoot, program.pid(), program.pid()));
+    daemon.scans(1);
+    EXPECT_TRUE(program.aborted());
+  });
+}

@@ -82,6 +82,36 @@ TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
   EXPECT_TRUE(tasks_of(kCpuTasksFmt, 13).empty());
 }
 
+// A user's flag file would move root's process into the domain's limits, or have it killed for its memory.
+TEST_F(ControlGroups, OnADeviceInStrictModeAUsersFlagFileSpeaksForHisOwnProcess) {
+  constexpr uid_t kUser = 1234;
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
+  make_dirs("/etc/wex");
+  make_flag_dir(13);
+  process roots({4300}), linked({4300});
+  process own({4300}, [] { EXPECT_EQ(0, setresuid(kUser, kUser, kUser)); });
+  make_flag_file(13, roots.pid());
+  make_flag_file(13, own.pid());
+  write_file(path_of(kFlagFileFmt, 13, -5), "");
+  for (const pid_t pid : {roots.pid(), own.pid(), pid_t{-5}}) {
+    ASSERT_EQ(0, chown(path_of(kFlagFileFmt, 13, pid).c_str(), kUser, kUser));
+  }
+  ASSERT_EQ(0, symlink("/etc/passwd", path_of(kFlagFileFmt, 13, linked.pid()).c_str()));
+  write_file(kStrictFile, "");
+  EXPECT_EQ(0, set_cgroups_all(13));
+  EXPECT_EQ((std::set<std::string>{std::to_string(own.pid())}), tasks_of(kMemoryTasksFmt, 13));
+  const auto kill_largest = [] {  // in a session of its own: it would end its own group, were nobody left
+    const child caller([] { return setsid() > 0 && (find_max_rss(13), true); });
+    EXPECT_TRUE(caller.ready());
+  };
+  kill_largest();
+  EXPECT_EQ(SIGKILL, own.signal());
+  unlink(kStrictFile);
+  kill_largest();
+  EXPECT_TRUE(roots.signal() == SIGKILL || linked.signal() == SIGKILL)
+      << "without the mode anybody may say it";
+}
+
 TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyReported) {
   make_flag_dir(13);
   make_flag_file(13, 4194304);
