@@ -243,6 +243,7 @@ inline wex_proc_is_running(r) {  // wex_chain.cpp, in one step
 #define is_dead(r) (proc[rec[r].pid].state == gone)   // wex_core_exit.cpp, in one step
 #define HAS_ENDED(r) (proc[rec[r].pid].state == gone)      // by a look at /proc
 #define restart_failed false                              // each start finds its process
+#define pid_used_again false                              // strict mode: the newcomer only has the pid
 #define wex_record_lives(r) (proc[rec[r].pid].state == living)   // wex_chain.cpp, in one step
 #define wex_proc_is_exit(p) (!proc[p].file_locked)   // wex_pidfile.cpp, in one step
 
@@ -862,14 +863,14 @@ end_of_pass:
 
 inline is_registered_already(p) {  // wex_msg.cpp: is_registered
   __wex_find_pid(wex_chains, p);
-  yes = r != NONE && (!restart_failed || wex_record_lives(r))
+  yes = r != NONE && !(pid_used_again && rec[r].exit_seen != 0) && (!restart_failed || wex_record_lives(r))
 }
 
 inline insert_process(p) {  // wex_msg.cpp
   lock(wex_chains);
   is_registered_already(p);
   if
-  :: yes -> __wex_find_pid(wex_chains, p)
+  :: yes
 #ifndef REPLACED_UNCHECKED
   :: !yes && was_replaced(p)
 #endif

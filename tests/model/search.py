@@ -2,9 +2,10 @@
 """Searches the model qx-proc-wex/wex_core.pml with spin: all orders of what can happen. Then breaks it in one place at a
 time, to see that each break is found.
 
-Usage: tests/model/search.py [--write]    --write: the figures go to docs/reliability.md
+Usage: tests/model/search.py [--write]    --write: the figures go to bench/reliability.json and docs/reliability.md
 """
 import concurrent.futures
+import json
 import os
 import re
 import subprocess
@@ -14,6 +15,7 @@ import time
 
 ROOT = os.path.realpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../.."))
 MODEL = os.path.join(ROOT, "qx-proc-wex/wex_core.pml")
+FIGURES = os.path.join(ROOT, "bench/reliability.json")
 PAGE = os.path.join(ROOT, "docs/reliability.md")
 MARKS = ("<!-- model -->\n", "<!-- end of model -->\n")
 MEMORY_MIB = 1000
@@ -70,6 +72,22 @@ def table(searches, broken):
         yield "- %s" % what
 
 
+def write(searches, broken):
+    with open(FIGURES) as file:
+        figures = json.load(file)
+    figures["model"] = {"searches": {what: {"states": states, "transitions": transitions, "violations": int(bool(error))}
+                                     for what, states, transitions, error, _ in searches},
+                        "breaks": {what: {"found": int(bool(error))} for what, _, _, error, _ in broken}}
+    with open(FIGURES, "w") as file:
+        json.dump(figures, file, indent=1)
+        file.write("\n")
+    with open(PAGE) as file:
+        page = file.read()
+    begin, end = page.index(MARKS[0]) + len(MARKS[0]), page.index(MARKS[1])
+    with open(PAGE, "w") as file:
+        file.write(page[:begin] + "\n".join(table(searches, broken)) + "\n" + page[end:])
+
+
 def main():
     problems = []
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
@@ -84,11 +102,7 @@ def main():
         if not re.match(r"assertion violated|invalid end state", error):
             problems.append("broken, and no violation: %s %s" % (what, error))
     if "--write" in sys.argv[1:] and not problems:
-        with open(PAGE) as file:
-            page = file.read()
-        begin, end = page.index(MARKS[0]) + len(MARKS[0]), page.index(MARKS[1])
-        with open(PAGE, "w") as file:
-            file.write(page[:begin] + "\n".join(table(searches, broken)) + "\n" + page[end:])
+        write(searches, broken)
     for problem in problems:
         print("FAILED " + problem)
     sys.exit(1 if problems else 0)
