@@ -17,6 +17,10 @@ target_compile_options(wex_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconvers
 # at a chain when their threads have ended, and the thread sanitizer sees when those have not.
 set(WEX_LOCK_WARNINGS -Wthread-safety -Wthread-safety-beta)
 
+# What ships is optimised as a whole where bytes count. The objects can be linked without that, too: the archive is for
+# other tool chains as well.
+option(WEX_LTO "Optimise each shipped binary as a whole: smaller, and slower to build" OFF)
+
 add_library(wex_product_flags INTERFACE)
 target_link_libraries(wex_product_flags INTERFACE wex_warnings)
 target_compile_options(wex_product_flags INTERFACE
@@ -48,6 +52,10 @@ endif()
 
 # The shipped binaries need libc only.
 add_library(wex_product_link INTERFACE)
+if(WEX_LTO)
+  target_compile_options(wex_product_flags INTERFACE -flto -ffat-lto-objects)
+  target_link_options(wex_product_link INTERFACE -flto -flto-partition=one)
+endif()
 target_link_options(wex_product_link INTERFACE LINKER:--gc-sections LINKER:--as-needed LINKER:-z,now)
 # On MIPS relro would protect some 300 bytes, and costs up to 64 KiB of padding in each file.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")

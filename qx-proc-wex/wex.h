@@ -83,7 +83,8 @@ typedef struct wex_pid {
   int32_t crash_time;      /* time of the last exit that dumped core, 0 = never */
   uint32_t exit_signal;    /* last exit code, in the kernel's wait-status form */
   int32_t force_restart;   /* 1: restart now, never postpone */
-  int32_t delay_start;     /* when the copy entered the delay chain */
+  int32_t delay_start;     /* when the copy entered the delay chain; of a user's program in strict mode when
+                              the pause before its restart began, 0 = none */
 
   int32_t exit_seen;      /* an exit of this very pid has been handled */
   int32_t restart_failed; /* when the last restart left no process: the pid is a dead one; 0 = it did */

@@ -29,6 +29,7 @@
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 
@@ -81,14 +82,33 @@ void unlink_list(wex_list* link) {
   link->prev = reinterpret_cast<wex_list*>(kPoisonBackward);
 }
 
+// What is kept of the users of registrations is kept by pid, which two records may have.
+void forget_user_of(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain)) {
+  if (const wex_pid* const other = __wex_find_pid(chain, pid)) {
+    wex_keep_user(other);
+  } else {
+    wex_forget_user(pid);
+  }
+}
+
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   if (chain == &wex_chains) {
     wex_status_hide(rec);
-    wex_forget_user(rec->pid);
   }
   hlist_del(&rec->hnode);
+  if (chain == &wex_chains) {
+    forget_user_of(chain, rec->pid);
+  }
+  wex_release_user(rec);
   unlink_list(&rec->list);
   chain->count--;
+}
+
+// The database file of a record that has no use for it any more.
+void drop_file(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  if (!__wex_shares_pid(rec)) {
+    wex_db_destroy(rec);
+  }
 }
 
 wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain)) {
@@ -238,6 +258,7 @@ void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
+  wex_hold_user(rec);
   if (chain == &wex_chains) {
     wex_status_show(rec);
     wex_keep_user(rec);
@@ -260,12 +281,12 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
 }
 
 void __wex_drop_registration(wex_pid* rec) {
-  wex_db_destroy(rec);
+  drop_file(rec);
   __wex_drop_record(&wex_chains, rec);
 }
 
 wex_pid* __wex_recycle_registration(wex_pid* rec) {
-  wex_db_destroy(rec);
+  drop_file(rec);
   return __wex_recycle_record(&wex_chains, rec);
 }
 
@@ -284,6 +305,19 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
     }
   }
   return nullptr;
+}
+
+bool __wex_shares_pid(const wex_pid* rec) {
+  if (!wex_strict().on || rec->pid < 1) {
+    return false;
+  }
+  for (wex_hnode* node = wex_chains.heads[wex_hash_pid(rec->pid)]; node != nullptr; node = node->next) {
+    const wex_pid* const other = wex_record_of(node);
+    if (other != rec && other->pid == rec->pid) {
+      return true;
+    }
+  }
+  return false;
 }
 
 void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
@@ -307,7 +341,7 @@ wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) {
 }
 
 wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) {
-  if (rec->pid > 0) {
+  if (rec->pid > 0 && !wex_strict().on) {
     return __wex_recycle_pid(chain, rec->pid);
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "__wex_del_pid", rec->pid);
@@ -367,7 +401,7 @@ bool wex_record_lives(const wex_pid* rec) {
 bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
   // program a second time.
-  wex_db_destroy(rec);
+  drop_file(rec);
   const int32_t old_pid = rec->pid;
   note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
@@ -385,7 +419,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;
   if (old_pid != new_pid) {
-    wex_forget_user(old_pid);
+    forget_user_of(chain, old_pid);
   }
   wex_keep_user(rec);
   return wex_note_start(rec);

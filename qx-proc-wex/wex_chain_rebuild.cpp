@@ -182,7 +182,7 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
     if (wex_pid* const rec = read_record(vsd, dir, name)) {
       chain_lock hold(*chain);
       if (!__wex_has_room(chain, rec)) {
-        wex_refuse(wex_user_of(rec)->uid, refusal::too_many_registrations);
+        wex_refuse_registration(rec);
         wex_free_record(rec);
         continue;
       }

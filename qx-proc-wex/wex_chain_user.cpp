@@ -1,7 +1,4 @@
 // wex_chain_user: as whom a registered process runs.
-//
-// g_mutex guards the sets. One that is there is never changed or given back, so whoever has found it may use
-// it without the mutex, a forked child too.
 #define WEX_MODULE "wex_chain"
 #include "wex_chain_user.h"
 
@@ -14,13 +11,14 @@
 #include <cstring>
 
 #include "dir_walk.h"
-#include "mutex_lock.h"
-#include "priority_mutex.h"
+#include "file_lock.h"
+#include "guarded_file.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "text_number.h"
 #include "text_reader.h"
 #include "unique_fd.h"
+#include "wex_chain_identity.h"
 #include "wex_dbg.h"
 #include "wex_flag_file.h"
 #include "wex_paths.h"
@@ -32,41 +30,8 @@ namespace {
 
 constexpr size_t kStatusSize = 4096;
 constexpr size_t kKeptSize = WEX_PROCESS_SIZE + 16 * (kUserGroupsMax + 8);
-constexpr size_t kSurelyWhole = 230;  // a longer command may have been cut when its database file was read
-
-priority_mutex g_mutex;
-const wex_user* g_users[kUsersKept] WEX_TSA(guarded_by(g_mutex));
-int32_t g_user_count WEX_TSA(guarded_by(g_mutex)) = 0;
 
 std::atomic<bool> g_keeping{false};
-
-// ---- sets of ids ------------------------------------------------------------------------------------------
-
-size_t size_of(const wex_user& user) {
-  return offsetof(wex_user, groups) + static_cast<size_t>(user.group_count) * sizeof user.groups[0];
-}
-
-// The number of this set; kUnknownUser when there is no room or no memory for one more.
-int32_t number_of(const wex_user& user) {
-  const size_t size = size_of(user);
-  const mutex_lock hold(g_mutex);
-  for (int32_t at = 0; at < g_user_count; ++at) {
-    if (g_users[at]->group_count == user.group_count && memcmp(g_users[at], &user, size) == 0) {
-      return at + 1;
-    }
-  }
-  void* const memory = g_user_count < kUsersKept ? calloc(1, sizeof user) : nullptr;
-  if (memory == nullptr) {
-    return kUnknownUser;
-  }
-  g_users[g_user_count] = static_cast<const wex_user*>(memcpy(memory, &user, size));
-  return ++g_user_count;
-}
-
-const wex_user* user_numbered(int32_t number) {
-  const mutex_lock hold(g_mutex);
-  return number >= 1 && number <= g_user_count ? g_users[number - 1] : nullptr;
-}
 
 // ---- what /proc tells -------------------------------------------------------------------------------------
 
@@ -86,16 +51,15 @@ const char* find_key(const char* text, const char* key) {
   return line != nullptr ? line + strlen(key) : nullptr;
 }
 
-// Of more groups than there is room for the first ones are taken: a group less never allows more.
 void scan_groups(const char* at, wex_user* user) {
-  const size_t length = strcspn(at, "\n");
-  const char* const end = at + length;
-  while (at < end && user->group_count < kUserGroupsMax) {
-    at += strspn(at, " \t");
-    if (at >= end || !scan_id(&at, &user->groups[user->group_count])) {
+  const char* const end = at + strcspn(at, "\n");
+  uint32_t group = 0;
+  for (at += strspn(at, " \t"); at < end && scan_id(&at, &group); at += strspn(at, " \t")) {
+    if (user->group_count == kUserGroupsMax) {
+      user->group_count = kTooManyGroups;
       return;
     }
-    ++user->group_count;
+    user->groups[user->group_count++] = group;
   }
 }
 
@@ -116,6 +80,11 @@ bool read_ids(int32_t pid, wex_user* ids) {
   }
   scan_groups(groups, ids);
   return true;
+}
+
+// The same process, as the same user.
+bool is_unchanged(const process_user& one, const process_user& other) {
+  return one.start_time == other.start_time && memcmp(&one.ids, &other.ids, sizeof one.ids) == 0;
 }
 
 // The ids of the very process that the record is of.
@@ -173,8 +142,7 @@ bool is_command_of(const char* whole, const wex_pid* rec) {
   char command[WEX_PROCESS_SIZE];
   wex_copy_text(command, sizeof command, rec->process);
   rtrim(command);
-  const size_t length = strlen(command);
-  return strncmp(whole, command, length) == 0 && (whole[length] == '\0' || length >= kSurelyWhole);
+  return !wex_is_other_command(whole, command);
 }
 
 // What was kept of this registration. Its whole command takes the place of one that was cut.
@@ -229,13 +197,23 @@ bool may_be_from(const struct stat& facts, const wex_user& user) {
   return facts.st_uid == 0 || facts.st_uid == user.uid;
 }
 
+// A descriptor of the file: the one that keeps it locked, for closing another one would end that; else it is
+// `opened`. -1 when there is none.
+int open_own_file(const char* name, unique_fd* opened) {
+  const int kept = kept_file(name);
+  if (kept < 0) {
+    *opened = wex_open_file(name, O_RDONLY);
+  }
+  return kept >= 0 ? kept : opened->get();
+}
+
 // A living process has the record's pid. It need not be the registered one, so its ids count only when
 // nothing was kept and the file is its own user's.
 bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
   char command[WEX_PROCESS_SIZE];
   wex_user user;
   if (recall(rec, &user)) {
-    rec->user = may_be_from(facts, user) ? number_of(user) : kUnknownUser;
+    rec->user = may_be_from(facts, user) ? wex_number_user(user) : kUnknownUser;
     return rec->user != kUnknownUser;
   }
   user = ids;
@@ -244,10 +222,10 @@ bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
        !is_command_of(command, rec))) {
     return false;
   }
-  if (facts.st_uid != user.uid && !take_owner(facts, &user)) {
-    return false;
+  if (facts.st_uid != user.uid && (facts.st_uid != 0 || !take_owner(facts, &user))) {
+    return false;  // a user's file, for a process that is not his
   }
-  rec->user = number_of(user);
+  rec->user = wex_number_user(user);
   return rec->user != kUnknownUser;
 }
 
@@ -256,31 +234,51 @@ bool judge_dead(wex_pid* rec, const struct stat& facts) {
   if (!recall(rec, &user) && (!is_owners_alone(facts) || !take_owner(facts, &user))) {
     return false;
   }
-  rec->user = may_be_from(facts, user) ? number_of(user) : kUnknownUser;
+  rec->user = may_be_from(facts, user) ? wex_number_user(user) : kUnknownUser;
   return rec->user != kUnknownUser;
+}
+
+// Whether root's file of this name was made for the registration. A user may have moved another file of
+// root's there, out of a directory of his own.
+bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
+  if (holds_locked_files() && is_locked_file(facts)) {
+    return true;  // made by this daemon, and not to be opened by it
+  }
+  wex_pid registered = {};
+  if (wex_read_pidfile(name, &registered) != 0) {
+    return false;
+  }
+  rtrim(registered.script);
+  return registered.pid == rec->pid && !wex_is_other_command(rec->process, registered.script);
 }
 
 }  // namespace
 
-const wex_user* wex_user_of(const wex_pid* rec) {
-  return rec->user != kUnknownUser ? user_numbered(rec->user) : nullptr;
-}
-
 bool wex_same_user(const wex_pid* one, const wex_pid* other) {
-  if (one->user == other->user) {
-    return true;
-  }
-  const wex_user* const first = wex_user_of(one);
-  const wex_user* const second = wex_user_of(other);
-  return first != nullptr && second != nullptr && first->uid == second->uid;
+  uid_t first = 0;
+  uid_t second = 0;
+  return one->user == other->user ||
+         (wex_uid_of(one, &first) && wex_uid_of(other, &second) && first == second);
 }
 
-bool wex_note_user(wex_pid* rec) {
+bool wex_is_users(const wex_pid* rec) {
+  uid_t uid = 0;
+  return wex_uid_of(rec, &uid) && uid != 0;
+}
+
+bool wex_look_at_user(int32_t pid, process_user* now) {
+  now->start_time = wex_strict_start_of(pid);
+  return now->start_time != 0 && read_ids(pid, &now->ids) && wex_strict_start_of(pid) == now->start_time;
+}
+
+bool wex_note_user(wex_pid* rec, const process_user& before) {
   if (!wex_strict().on) {
     return true;
   }
-  wex_user ids;
-  rec->user = read_ids_of(rec, &ids) ? number_of(ids) : kUnknownUser;
+  process_user now;
+  wex_user owner;  // of a thread that is registered as if it were a process
+  const bool same = wex_look_at_user(rec->pid, &now) && is_unchanged(now, before) && read_ids_of(rec, &owner);
+  rec->user = same ? wex_number_user(rec->thread_of > 0 ? owner : now.ids) : kUnknownUser;
   return rec->user != kUnknownUser;
 }
 
@@ -291,10 +289,8 @@ uint64_t wex_strict_start_of(int32_t pid) {
 }
 
 void wex_find_user(wex_pid* rec) {
-  const uint64_t started = wex_strict_start_of(rec->pid);
-  wex_user ids;
-  const bool known = started != 0 && read_ids(rec->pid, &ids) && wex_strict_start_of(rec->pid) == started;
-  rec->user = known ? number_of(ids) : kUnknownUser;
+  process_user now;
+  rec->user = wex_look_at_user(rec->pid, &now) ? wex_number_user(now.ids) : kUnknownUser;
 }
 
 void wex_note_thread_user(wex_pid* rec) {
@@ -304,12 +300,22 @@ void wex_note_thread_user(wex_pid* rec) {
   }
   wex_user owner;
   wex_find_user(rec);
-  const wex_user* const user = wex_user_of(rec);
-  const bool of_process = wex_get_ppid_form_pid(rec->pid) == rec->ppid && user != nullptr &&
-                          read_ids(rec->ppid, &owner) && owner.uid == user->uid;
-  if (!of_process || wex_strict_start_of(rec->pid) != started) {
+  rec->start_time = wex_strict_start_of(rec->ppid);
+  uid_t uid = 0;
+  const bool of_process = wex_get_ppid_form_pid(rec->pid) == rec->ppid && wex_uid_of(rec, &uid) &&
+                          read_ids(rec->ppid, &owner) && owner.uid == uid;
+  if (!of_process || wex_strict_start_of(rec->pid) != started || rec->start_time == 0) {
     rec->user = kUnknownUser;
   }
+}
+
+bool wex_may_abort(const wex_pid* thread) {
+  if (!wex_strict().on) {
+    return true;
+  }
+  uid_t uid = 0;
+  return wex_uid_of(thread, &uid) && wex_strict_start_of(thread->ppid) == thread->start_time &&
+         (uid == 0 || wex_runs_as(thread->ppid, thread));
 }
 
 void wex_begin_users() {
@@ -362,12 +368,20 @@ void wex_own_database_file(const wex_pid* rec) {
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
-  if (facts.st_uid != 0 && facts.st_uid != user->uid) {
+  const bool roots = facts.st_uid == 0 && user->uid != 0;
+  if (!may_be_from(facts, *user) || (roots && !is_file_of(rec, name, facts))) {
     wex_db_destroy(rec);
     wex_mend_pidfile(rec);
   }
-  if (user->uid != 0 && lstat(name, &facts) == 0 && facts.st_uid == 0 && facts.st_nlink == 1 &&
-      lchown(name, user->uid, user->gid) != 0) {
+  unique_fd opened;
+  const int file = open_own_file(name, &opened);
+  if (file < 0 || fstat(file, &facts) != 0 || !may_be_from(facts, *user) || facts.st_nlink != 1) {
+    return;
+  }
+  if ((facts.st_mode & 07777) != kStrictDbMode) {
+    fchmod(file, kStrictDbMode);
+  }
+  if (user->uid != 0 && facts.st_uid == 0 && fchown(file, user->uid, user->gid) != 0) {
     wex_db_destroy(rec);  // as root's it would have the program started as root, were the rest forgotten
   }
 }
@@ -386,13 +400,13 @@ void wex_tidy_users(bool (*has_record)(int32_t pid)) {
 }
 
 bool wex_may_restart_device(const wex_pid* rec) {
-  const wex_user* const user = wex_user_of(rec);
-  return !wex_strict().on || (user != nullptr && user->uid == 0);
+  uid_t uid = 0;
+  return !wex_strict().on || (wex_uid_of(rec, &uid) && uid == 0);
 }
 
 int32_t wex_domain_of(const wex_pid* rec, int32_t pid) {
-  const wex_user* const user = wex_user_of(rec);
-  return wex_find_domain(pid, user != nullptr ? &user->uid : nullptr);
+  uid_t uid = 0;
+  return wex_find_domain(pid, wex_uid_of(rec, &uid) ? &uid : nullptr);
 }
 
 bool wex_runs_as(int32_t pid, const wex_pid* rec) {
@@ -400,8 +414,8 @@ bool wex_runs_as(int32_t pid, const wex_pid* rec) {
     return true;
   }
   wex_user ids;
-  const wex_user* const user = wex_user_of(rec);
-  return user != nullptr && read_ids(pid, &ids) && ids.uid == user->uid;
+  uid_t uid = 0;
+  return wex_uid_of(rec, &uid) && read_ids(pid, &ids) && ids.uid == uid;
 }
 
 bool wex_judge_file(wex_pid* rec, const struct stat& facts) {

@@ -2,9 +2,8 @@
 // with more (strict mode).
 //
 // What counts are the real ids. A process may always become its real user, so these are never more than it
-// had; and a program with a set-user-id bit gets from its execution what it got before. The same sets of ids
-// come again and again, so a record holds the number of a set. Without strict mode no record has one, and
-// nothing here makes a system call.
+// had; and a program with a set-user-id bit gets from its execution what it got before. Without strict mode
+// no record has a user, and nothing here makes a system call.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,36 +12,41 @@
 #include <cstdint>
 
 #include "wex.h"
-#include "wex_limits.h"
+#include "wex_chain_user_sets.h"
 
-struct wex_user {
-  uid_t uid;
-  gid_t gid;
-  int32_t group_count;
-  gid_t groups[kUserGroupsMax];  // supplementary groups
+// What a process is at one moment.
+struct process_user {
+  uint64_t start_time;
+  wex_user ids;
 };
-
-inline constexpr int32_t kUnknownUser = 0;
-
-// The set of a record's number, or null for kUnknownUser. It lasts as long as the daemon. Any thread.
-const wex_user* wex_user_of(const wex_pid* rec);
 
 // Whether both are of the same user; so are all when their users are not known.
 bool wex_same_user(const wex_pid* one, const wex_pid* other);
 
+// Whether the record is known to be a user's who is not root. Without strict mode none is.
+bool wex_is_users(const wex_pid* rec);
+
+// Looks at a process. False without strict mode, or when it cannot be read.
+bool wex_look_at_user(int32_t pid, process_user* now);
+
 // Sets rec->user to the user of the process that the record is of, which is known by rec->start_time. False
-// when that process has gone meanwhile, cannot be read, or there is no room for one more set. Without strict
-// mode true, and nothing is set.
-bool wex_note_user(wex_pid* rec);
+// when that process has gone, has changed its user since the look `before`, cannot be read, or there is no
+// room for its set of ids. Without strict mode true, and nothing is set.
+bool wex_note_user(wex_pid* rec, const process_user& before);
 
 // The start time of a process or thread; 0 without strict mode, or when it cannot be read. Two looks that
 // give the same one saw the same process, and so did whatever was read in between.
 uint64_t wex_strict_start_of(int32_t pid);
 
 // Sets the user of a living process, or of a thread under hang detection, that is not known by its start time
-// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it.
+// yet. A thread has none when it is not one of the process rec->ppid: that process would be aborted for it,
+// and is known by rec->start_time from then on.
 void wex_find_user(wex_pid* rec);
 void wex_note_thread_user(wex_pid* rec);
+
+// Whether the process of this thread may be aborted: it is the one that was registered, also when root's has
+// given up root's rights since, and a user's is still his. Without strict mode true.
+bool wex_may_abort(const wex_pid* thread);
 
 // Whether what becomes of the record's program may restart the device: in strict mode only root's may.
 bool wex_may_restart_device(const wex_pid* rec);
@@ -69,8 +73,8 @@ void wex_forget_user(int32_t pid);
 // Forgets what was kept for pids without a record. Once, when the registry is there.
 void wex_tidy_users(bool (*has_record)(int32_t pid));
 
-// Has the record's database file belong to its user. What somebody else has put at its name is replaced: it
-// would not count, and its owner can still write to it. Caller holds wex_chains.
+// Has the record's database file belong to its user, and closed to others. What somebody else has put at its
+// name is replaced: it would not count, and its owner can still write to it. Caller holds wex_chains.
 void wex_own_database_file(const wex_pid* rec);
 
 // Sets rec->user for a registration that was read from a database file with these facts. A living process is

@@ -184,15 +184,16 @@ void open_status() {
 // The main thread has nothing else to do until the daemon ends: no joined thread ends before that.
 void show_status() {
   const int news = wex_status_open_news();
+  bool woken = true;
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMain);
     wex_status_take_news();
     wex_status_publish();
     wex_status_idle(kStatusMain);
-    wex_wait_exit(kStatusPassMs);
-    if (news >= 0) {
-      wex_wait_exit_or(news, kStatusIdleMs);
+    if (woken) {
+      wex_wait_exit(kStatusPassMs);
     }
+    woken = news < 0 || wex_wait_exit_or(news, kStatusIdleMs);
   }
 }
 

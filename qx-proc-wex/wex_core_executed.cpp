@@ -21,6 +21,7 @@
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -35,12 +36,15 @@ bool is_supervised(int32_t pid) {
   return rec != nullptr && rec->thread_of == 0 && wex_record_lives(rec);
 }
 
-}  // namespace
-
-void wex_register_executed(int32_t pid) {
+// False when the program could not be registered: it may be tried again. In strict mode its user is looked at
+// first: a process that has the user, and the arguments, of one moment and the rights of another must not be
+// registered.
+bool register_executed(int32_t pid) {
   char type[kTypeSize];
+  process_user before = {};
+  wex_look_at_user(pid, &before);
   if (wex_pid_in_wexdb(pid, kThirdPartList, type, sizeof type) == 0) {
-    return;
+    return true;
   }
   wex_pid started = {};
   started.pid = pid;
@@ -49,7 +53,7 @@ void wex_register_executed(int32_t pid) {
   }
   if (wex_proc_in_wexdb(kThirdPartList, started.process, type, sizeof type) == 0) {
     wex_dbg(WEX_DBG_PUB, "%s is not in wexdb!\n", started.process);
-    return;
+    return true;
   }
   started.vsd = wex_domain_or_main(get_vsdid(pid));
   wex_find_user(&started);
@@ -59,13 +63,24 @@ void wex_register_executed(int32_t pid) {
     // the registry: this process may have ended by now, and its program would not be registered any more.
     if (__wex_runs_elsewhere(&started)) {
       wex_dbg(WEX_DBG_PUB, "%s--> %s is running\n", kThreadName, started.process);
-      return;
+      return true;
     }
   }
   wex_dbg(WEX_DBG_PUB, "%s--> To register to wex, process: %s, pid: %d, type: %s, type_len: %d\n",
           kThreadName, started.process, pid, type, static_cast<int>(strlen(type)));
-  if (wex_register_third_part(pid, type, nullptr) != 0) {
+  const bool done = wex_register_listed(pid, type, nullptr, before) == 0;
+  if (!done) {
     wex_dbg(WEX_DBG_PUB, "%s--> reg_third_part_process_exit_action error!\n", kThreadName);
+  }
+  return done;
+}
+
+}  // namespace
+
+// Once, but for strict mode: a program that gives up its rights as it starts is another user's in the next
+// look, and stays it.
+void wex_register_executed(int32_t pid) {
+  for (int tries = 1; !register_executed(pid) && wex_strict().on && tries < kExecutedTries; ++tries) {
   }
 }
 

@@ -17,6 +17,7 @@
 #include "wex_chain_user.h"
 #include "wex_core_crash.h"
 #include "wex_core_delay.h"
+#include "wex_core_pause.h"
 #include "wex_core_restart.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
@@ -26,11 +27,13 @@
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
+#include "wex_move_aside.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
 
@@ -63,6 +66,17 @@ bool still_runs(wex_pid* rec) {
   wex_status_refresh(rec);
   wex_request_sweep();
   return true;
+}
+
+// The record whose postponed restart is due: a younger record may have its pid by now (strict mode).
+wex_pid* find_postponed(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  record_walk walk(wex_chains);
+  wex_pid* rec = wex_strict().on && !__wex_waits_for_restart(pid) ? walk.next() : nullptr;
+  while (rec != nullptr && (rec->pid != pid || rec->exit_seen == 0 || rec->delay_start != 0 ||
+                            rec->alarm_wait_flag == 1 || rec->restart_failed != 0)) {
+    rec = walk.next();
+  }
+  return rec;
 }
 
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -171,8 +185,18 @@ int event_file() WEX_TSA(requires_capability(wex_chains)) {
   return wex_event_log_count <= kSecondFileLast ? 2 : 0;
 }
 
+// Nothing is restarted while it cannot be opened, so in strict mode what a user has put there makes room.
+bool make_room_for_log(const char* path) {
+  char aside[kPathSize];
+  const int cause = errno;
+  const bool moved = wex_strict().on && !wex_counts(path) && wex_clear_name(path, aside);
+  errno = cause;
+  return moved;
+}
+
 bool open_event_log(int file) WEX_TSA(requires_capability(wex_chains)) {
-  if (wex_openlog(file == 1 ? kEventLog1 : kEventLog2) == 0) {
+  const char* const path = file == 1 ? kEventLog1 : kEventLog2;
+  if (wex_openlog(path) == 0 || (make_room_for_log(path) && wex_openlog(path) == 0)) {
     return true;
   }
   wex_dbg(WEX_DBG_PUB, "fail to openlog: %s\n", strerror(errno));
@@ -307,8 +331,11 @@ void restart(wex_pid* rec, const wex_action& action) WEX_TSA(requires_capability
   if (handed_over(&rec, action)) {
     return;
   }
-  if (rec->restart_delay <= 0) {
+  if (rec->restart_delay <= 0 || wex_pause_is_over(rec)) {
     start_again(rec, action);
+    return;
+  }
+  if (wex_begin_pause(rec)) {
     return;
   }
   // The pause that the program asked for; other restarts wait behind it. Cut short when the daemon ends: a
@@ -341,10 +368,8 @@ void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restar
   }
 }
 
-// The record's process has ended.
-void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
+void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
-  report_ended(rec, exit_signal, force_restart, reported);
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
   }
@@ -367,13 +392,21 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
   restart_by_action(rec);
 }
 
+// The record's process has ended.
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
+    WEX_TSA(requires_capability(wex_chains)) {
+  report_ended(rec, exit_signal, force_restart, reported);
+  decide(rec, exit_signal, force_restart);
+}
+
 // `ended_start`: the start time of a process that is known to have ended, or 0. Another process of the same
 // pid, registered since, has another one.
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr) {
-    return;
+  wex_pid* const postponed = find_postponed(pid);
+  wex_pid* const rec = postponed != nullptr ? postponed : __wex_find_pid(&wex_chains, pid);
+  if (rec == nullptr || rec->delay_start != 0) {
+    return;  // or the end of a stranger that has got the pid during the pause
   }
   const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
   if (known_ended || !still_runs(rec)) {
@@ -479,6 +512,19 @@ void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
   with_reserve(
       [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, 0, ended_start); });
+}
+
+void wex_restart_paused() {
+  bool any = wex_any_pause();
+  while (any) {
+    with_reserve([&any]() WEX_TSA(requires_capability(wex_chains)) {
+      wex_pid* const rec = __wex_find_ended_pause();
+      any = rec != nullptr;
+      if (rec != nullptr) {
+        decide(rec, rec->exit_signal, 1);  // that its file is unlocked was seen before the pause
+      }
+    });
+  }
 }
 
 void wex_handle_missed_exits() {

@@ -26,6 +26,9 @@ extern int32_t wex_event_log_count WEX_TSA(guarded_by(wex_chains));
 // with nothing held.
 void wex_handle_missed_exits() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
+// Restarts the programs whose pause without the registry is over. Delay thread only, with nothing held.
+void wex_restart_paused() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
+
 // wex_handle_netlink_exit() right after a look at `pid` has shown that the process which started at this time
 // has ended, so that it is not looked at again. 0: no such look.
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start)

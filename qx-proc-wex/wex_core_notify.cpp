@@ -33,18 +33,26 @@ namespace {
 constexpr char kWatchdog[] = "wex_notifer_run";
 constexpr size_t kThreadNameSize = 32;
 
-// The process that was aborted last, if the last scan aborted one. It may ignore the signal, so the next scan
-// takes the next process, however many hung threads this one has. Watchdog's thread only.
-int32_t g_last_served = 0;
-bool g_turn_passed = false;
-
-// What holds for one whole scan.
-struct scan {
-  bool counting;          // silent periods count
+// One abort a scan, and whose turn it is. The process that was aborted last may ignore the signal, so the
+// next scan takes the next process, however many hung threads this one has.
+struct turn {
+  uid_t user;
+  int32_t last_served;  // the process that was aborted last,
+  bool passed;          // if the last scan aborted one
+  // In the present scan, with the chain held:
   const wex_pid* first;   // the hung thread that the walk met first
   const wex_pid* next;    // a hung thread of the process whose turn comes next
   const wex_pid* lowest;  // the same, of the process whose turn comes first of all
 };
+
+// Without strict mode all processes take the first turn. In it that is root's, and others have turns of their
+// own, or one user's hung processes would keep those of everybody waiting. Watchdog's thread only.
+turn g_turns[kHungUsers];
+// Of users who found no turn free the next one above the last whom one was given.
+bool g_somebody_waits = false;
+uid_t g_who_waits = 0;
+uid_t g_last_given = 0;
+int g_last_freed = 0;  // the turn that was taken from its user for that
 
 // The hung thread that is served, and what its process was like before the look at it.
 struct hung_thread {
@@ -52,6 +60,11 @@ struct hung_thread {
   int32_t process;
   process_look before;
   int32_t domain;
+};
+
+struct hung_threads {
+  hung_thread rows[kHungUsers];
+  int count = 0;
 };
 
 // Counter arithmetic: the values came out of a message and may be anything.
@@ -92,11 +105,11 @@ void count_miss(wex_pid* thread) {
 }
 
 // One period has passed without a report. It counts only while the process's main thread is registered too.
-void end_period(wex_pid* thread, const scan& now) WEX_TSA(requires_capability(wex_alive_chains)) {
+void end_period(wex_pid* thread, bool counting) WEX_TSA(requires_capability(wex_alive_chains)) {
   int32_t* const info = thread->notify_info;
   if (__wex_find_pid(&wex_alive_chains, thread->ppid) == nullptr) {
     wex_dbg(WEX_DBG_PUB, "pid:%d not reg alive!\n", thread->ppid);
-  } else if (info[WEX_CUR_CNT] > 0 && now.counting) {
+  } else if (info[WEX_CUR_CNT] > 0 && counting) {
     count_miss(thread);
   }
   info[WEX_CUR_NTFY_TIME] = 0;
@@ -113,20 +126,58 @@ bool has_earlier_turn(int32_t process, int32_t other) {
   return bucket != other_bucket ? bucket < other_bucket : process < other;
 }
 
-void note_hung(const wex_pid* thread, scan* now) {
-  if (now->first == nullptr) {
-    now->first = thread;
+// The turn of the user whose process this is, or null: so many other users have hung processes, too, that he
+// has to wait.
+turn* turn_of(const wex_pid* thread) {
+  uid_t wanted = 0;  // of nobody who is known: root's
+  wex_uid_of(thread, &wanted);
+  turn* spare = nullptr;
+  for (turn& one : g_turns) {
+    if (one.user == wanted) {
+      return &one;
+    }
+    if (&one != g_turns && !one.passed && one.first == nullptr) {
+      spare = &one;
+    }
   }
-  if (now->lowest == nullptr || has_earlier_turn(thread->ppid, now->lowest->ppid)) {
-    now->lowest = thread;
+  if (spare != nullptr) {
+    *spare = {wanted, 0, false, nullptr, nullptr, nullptr};
+  } else if (!g_somebody_waits || wanted - g_last_given - 1 < g_who_waits - g_last_given - 1) {
+    g_somebody_waits = true;
+    g_who_waits = wanted;
   }
-  if (has_earlier_turn(g_last_served, thread->ppid) &&
-      (now->next == nullptr || has_earlier_turn(thread->ppid, now->next->ppid))) {
-    now->next = thread;
+  return spare;
+}
+
+// Processes that ignore the signal stay hung, and their users would keep their turns: so one after the other
+// gives his away, and waits himself.
+void free_turn_for_who_waits() {
+  if (g_somebody_waits) {
+    g_somebody_waits = false;
+    g_last_freed = g_last_freed % (kHungUsers - 1) + 1;  // never the first, root's
+    g_last_given = g_who_waits;
+    g_turns[g_last_freed] = {g_who_waits, 0, true, nullptr, nullptr, nullptr};
   }
 }
 
-void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_chains)) {
+void note_hung(const wex_pid* thread) {
+  turn* const his = turn_of(thread);
+  if (his == nullptr) {
+    return;
+  }
+  if (his->first == nullptr) {
+    his->first = thread;
+  }
+  if (his->lowest == nullptr || has_earlier_turn(thread->ppid, his->lowest->ppid)) {
+    his->lowest = thread;
+  }
+  if (has_earlier_turn(his->last_served, thread->ppid) &&
+      (his->next == nullptr || has_earlier_turn(thread->ppid, his->next->ppid))) {
+    his->next = thread;
+  }
+}
+
+void look_at(wex_pid* thread, bool counting) WEX_TSA(requires_capability(wex_alive_chains)) {
   int32_t* const info = thread->notify_info;
   wex_dbg(WEX_DBG_ALIVE, "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) cur_ntfy_time (%d)\n",
           thread->pid, thread->ppid, info[WEX_NTFY_TIME], info[WEX_NTFY_CNT], info[WEX_CUR_CNT],
@@ -139,38 +190,45 @@ void look_at(wex_pid* thread, scan* now) WEX_TSA(requires_capability(wex_alive_c
   info[WEX_CUR_NTFY_TIME] = add(info[WEX_CUR_NTFY_TIME], static_cast<int32_t>(kScanSec));
   look_for_report(thread);
   if (info[WEX_CUR_NTFY_TIME] == info[WEX_NTFY_TIME]) {
-    end_period(thread, *now);
+    end_period(thread, counting);
   }
   if (info[WEX_CUR_CNT] == 0) {
-    note_hung(thread, now);
+    note_hung(thread);
   }
 }
 
 // Whose turn it is. Behind the last process it is the first one's again, and so it is after a scan that found
 // nobody hung.
-const wex_pid* choose(const scan& now) {
-  if (!g_turn_passed) {
+const wex_pid* choose(const turn& now) {
+  if (!now.passed) {
     return now.first;
   }
   return now.next != nullptr ? now.next : now.lowest;
 }
 
-// True when a hung thread is to be served.
-bool look_at_all(scan* now, hung_thread* served) {
+// Ends the turn of this scan: the thread that is to be served is added.
+void take_turn(turn* one, hung_threads* served) {
+  const wex_pid* const due = choose(*one);
+  one->passed = due != nullptr;
+  if (due != nullptr) {
+    one->last_served = due->ppid;
+    hung_thread& hung = served->rows[served->count++];
+    hung.tid = due->pid;
+    hung.process = due->ppid;
+  }
+  one->first = one->next = one->lowest = nullptr;
+}
+
+void look_at_all(bool counting, hung_threads* served) {
   chain_lock hold(wex_alive_chains);
   record_walk walk(wex_alive_chains);
   while (wex_pid* const thread = walk.next()) {
-    look_at(thread, now);  // may free it
+    look_at(thread, counting);  // may free it
   }
-  const wex_pid* const due = choose(*now);
-  g_turn_passed = due != nullptr;
-  if (due == nullptr) {
-    return false;
+  for (turn& one : g_turns) {
+    take_turn(&one, served);
   }
-  g_last_served = due->ppid;
-  served->tid = due->pid;
-  served->process = due->ppid;
-  return true;
+  free_turn_for_who_waits();
 }
 
 // ---- Aborting ---------------------------------------------------------------------------------------------
@@ -224,7 +282,7 @@ bool abort_if_still_hung(const hung_thread& hung) {
   if (thread->notify_info[WEX_CUR_CNT] != 0) {
     return false;
   }
-  if (!wex_runs_as(hung.process, thread)) {  // the registration is not of this process's user
+  if (!wex_may_abort(thread)) {
     __wex_drop_thread(&wex_alive_chains, thread);
     return false;
   }
@@ -290,10 +348,10 @@ void wex_scan_alive_chains() {
   const bool paused = access(kKillDebug, F_OK) == 0 && wex_counts(kKillDebug);
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
-  scan now = {!paused && quiet && table_intact, nullptr, nullptr, nullptr};
-  hung_thread hung = {};
-  if (look_at_all(&now, &hung)) {
-    serve(hung);
+  hung_threads hung = {};
+  look_at_all(!paused && quiet && table_intact, &hung);
+  for (int at = 0; at < hung.count; ++at) {
+    serve(hung.rows[at]);
   }
   if (wex_dbg_on(WEX_DBG_ALIVE)) {
     wex_dbg(WEX_DBG_ALIVE, "sem_cnt = %d\n", wex_get_semval());

@@ -1,15 +1,18 @@
-// wex_core_quota: how many registrations a user may have.
+// wex_core_quota: how many registrations a user may have, and with which pause.
 //
 // They are counted when one more is wanted: that is seldom, and a number of its own for each user would have
 // to be right wherever a record comes and goes.
 #include "wex_core_quota.h"
 
+#include <algorithm>
+
 #include "wex_chain_user.h"
+#include "wex_core_refusal.h"
 #include "wex_strict.h"
 
 bool __wex_has_room(const wex_chains_t* chain, const wex_pid* rec) {
-  const wex_user* const user = wex_user_of(rec);
-  if (!wex_strict().on || (user != nullptr && user->uid == 0)) {
+  uid_t uid = 0;
+  if (!wex_strict().on || (wex_uid_of(rec, &uid) && uid == 0)) {
     return true;
   }
   int32_t count = 0;
@@ -18,4 +21,15 @@ bool __wex_has_room(const wex_chains_t* chain, const wex_pid* rec) {
     count += wex_same_user(other, rec) ? 1 : 0;
   }
   return count < wex_strict().registrations;
+}
+
+void wex_refuse_registration(const wex_pid* rec) {
+  uid_t uid = 0;
+  if (wex_uid_of(rec, &uid)) {
+    wex_refuse(uid, refusal::too_many_registrations);
+  }
+}
+
+int32_t wex_allowed_delay(const wex_pid* rec, int32_t wanted) {
+  return wex_is_users(rec) ? std::min(wanted, wex_strict().restart_delay) : wanted;
 }

@@ -27,8 +27,8 @@ struct refused_user {
 };
 
 constexpr const char* kReasons[] = {"the process is not his", "too many connections",
-                                    "too many registrations"};
-static_assert(std::size(kReasons) == static_cast<size_t>(refusal::too_many_registrations) + 1,
+                                    "too many registrations", "too many groups"};
+static_assert(std::size(kReasons) == static_cast<size_t>(refusal::too_many_groups) + 1,
               "a refusal without a reason");
 
 priority_mutex g_mutex;

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-enum class refusal { not_his, too_many_connections, too_many_registrations };
+enum class refusal { not_his, too_many_connections, too_many_registrations, too_many_groups };
 
 // Counts the refusal and notes it; never waits. Any thread.
 void wex_refuse(uid_t user, refusal why);

@@ -2,6 +2,7 @@
 #include "wex_core_restart.h"
 
 #include "wex_chain.h"
+#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_sweep_request.h"
@@ -32,6 +33,7 @@ void make_file_of_listed(const wex_pid* rec) {
   char word[256];
   if (wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1) {
     wex_mend_pidfile(rec);
+    wex_own_database_file(rec);
   }
 }
 

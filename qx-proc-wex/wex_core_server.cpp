@@ -380,7 +380,9 @@ bool run_cycle(server& self) {
       return false;
     }
   }
-  usleep(WEX_SERVER_PAUSE_US);
+  if (ready != 0) {
+    usleep(WEX_SERVER_PAUSE_US);
+  }
   return true;
 }
 

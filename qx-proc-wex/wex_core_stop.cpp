@@ -53,7 +53,7 @@ void wex_wait_exit(int64_t milliseconds) {
   wex_wait_exit_or(-1, milliseconds);
 }
 
-void wex_wait_exit_or(int fd, int64_t milliseconds) {
+bool wex_wait_exit_or(int fd, int64_t milliseconds) {
   const int64_t deadline = wex_clock_ms() + milliseconds;
   struct pollfd wakeup[] = {{g_wakeup[0], POLLIN, 0}, {fd, POLLIN, 0}};
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
@@ -61,9 +61,10 @@ void wex_wait_exit_or(int fd, int64_t milliseconds) {
     constexpr int64_t kLongestPoll = 3600000;
     poll(wakeup, 2, static_cast<int>(left < kLongestPoll ? left : kLongestPoll));
     if (wakeup[1].revents != 0) {
-      return;
+      return true;
     }
   }
+  return false;
 }
 
 void wex_log_thread_end(const char* thread, int code, int error) {

@@ -19,8 +19,8 @@ void wex_init_wakeup();
 // Sleeps `milliseconds`, less when the flag is raised.
 void wex_wait_exit(int64_t milliseconds);
 
-// The same, but ends as well when `fd` (-1: none) can be read.
-void wex_wait_exit_or(int fd, int64_t milliseconds);
+// The same, but ends as well when `fd` (-1: none) can be read: then true.
+bool wex_wait_exit_or(int fd, int64_t milliseconds);
 
 // Writes "Thread ... exit" to the running log: the last line of a thread that ends the daemon.
 void wex_log_thread_end(const char* thread, int code, int error);

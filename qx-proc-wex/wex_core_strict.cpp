@@ -34,6 +34,7 @@ struct limit_row {
 constexpr limit_row kLimits[] = {
     {"connections", &strict_settings::connections, kUserConnectionsMax},
     {"registrations", &strict_settings::registrations, kUserRegistrationsMax},
+    {"restart_delay", &strict_settings::restart_delay, kUserDelayMax},
 };
 
 // Noted by the main thread before there is a running log, and told by it.
@@ -121,8 +122,9 @@ void wex_log_mode() {
   if (!settings.on) {
     return;
   }
-  wex_running_log("Strict mode: %d connections and %d registrations for each user.\r\n", settings.connections,
-                  settings.registrations);
+  wex_running_log(
+      "Strict mode: %d connections, %d registrations and restart delays of %d s for each user.\r\n",
+      settings.connections, settings.registrations, settings.restart_delay);
   if (g_distrusted) {
     wex_running_log("%s is no file that only root can write: its lines do not count.\r\n", kStrictFile);
   }

@@ -162,6 +162,7 @@ void wex_log_take_downs() {
 }
 
 void wex_wait_with_registry(int64_t milliseconds) {
+  wex_status_show_soon();
   const int64_t deadline = wex_clock_ms() + milliseconds;
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
        left = deadline - wex_clock_ms()) {

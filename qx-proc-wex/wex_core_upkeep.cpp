@@ -158,6 +158,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     wex_status_busy(kStatusDelay);
     wex_drop_domains_taken_down();
     hand_back_ready_restart();
+    wex_restart_paused();
     wex_log_long_delays();
     wex_log_take_downs();
     wex_log_refusals();
@@ -182,6 +183,7 @@ extern "C" void* wex_delay_restart(void* /*unused*/) {
     wex_status_idle(kStatusDelay);
     wex_wait_exit(kDelayPassMs);
   }
+  wex_restart_paused();  // all of them: the next daemon knows no program without a database file
   wex_delay_ended.store(true, std::memory_order_release);
   return nullptr;
 }

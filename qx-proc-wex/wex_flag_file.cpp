@@ -21,6 +21,7 @@
 #include "raw_dir.h"
 #include "text_buffer.h"
 #include "text_number.h"
+#include "text_reader.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
 #include "wex.h"
@@ -94,6 +95,30 @@ bool has_other_spelling(int32_t vsd, int32_t pid) {
   return lists(path, pid, &plain);
 }
 
+// In strict mode. `user` is null when nobody but root may say it.
+bool may_say(const struct stat& facts, const uid_t* user) {
+  const bool owner_may = facts.st_uid == 0 || (user != nullptr && facts.st_uid == *user);
+  return owner_may && S_ISREG(facts.st_mode) && facts.st_nlink == 1;
+}
+
+bool read_real_user(int32_t pid, uid_t* user) {
+  constexpr char kKey[] = "Uid:\t";
+  char path[kPathSize];
+  char line[256];
+  wex_format(path, sizeof path, kProcStatusFmt, pid);
+  const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+  text_reader status(file.get());
+  while (file.valid() && status.line(line, sizeof line)) {
+    int64_t value = 0;
+    const char* at = line + strlen(kKey);
+    if (strncmp(line, kKey, strlen(kKey)) == 0 && scan_integer(&at, &value)) {
+      *user = static_cast<uid_t>(value);
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 extern "C" {
@@ -131,13 +156,23 @@ int32_t wex_find_domain(int32_t pid, const uid_t* user) {
     if ((present >> vsd & 1) == 0 || lstat(path, &facts) != 0) {
       continue;
     }
-    const bool owner_may = facts.st_uid == 0 || (user != nullptr && facts.st_uid == *user);
-    if (owner_may && S_ISREG(facts.st_mode) && facts.st_nlink == 1) {
+    if (may_say(facts, user)) {
       return vsd;
     }
     wex_ignore_name(path);
   }
   return -1;
+}
+
+bool wex_flag_counts(int directory, const dirent& entry, const struct stat& facts, int32_t pid) {
+  const bool plainly_roots = entry.d_type == DT_REG && facts.st_uid == 0 && facts.st_nlink == 1;
+  if (plainly_roots || !wex_strict_is_wanted()) {
+    return true;
+  }
+  struct stat own = {};
+  uid_t user = 0;
+  return fstatat(directory, entry.d_name, &own, AT_SYMLINK_NOFOLLOW) == 0 &&
+         may_say(own, read_real_user(pid, &user) ? &user : nullptr);
 }
 
 void wex_name_flag_dir(int32_t vsd, char (&path)[kPathSize]) {

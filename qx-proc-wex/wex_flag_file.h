@@ -2,6 +2,8 @@
 // removing them. Any thread may call anything, the removal also between fork and exec.
 #pragma once
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -20,6 +22,11 @@ int save_proc_info(int32_t vsd, int32_t pid);
 // As find_app(). In strict mode only a file of the usual name counts, and only root's or this user's; null
 // for root's alone.
 int32_t wex_find_domain(int32_t pid, const uid_t* user);
+
+// Whether a name in a directory of flag files, of which `facts` are those of what it leads to, may say of
+// `pid` what it says. For programs that are not the daemon: on a device in strict mode only a file of root's
+// or of the process's real user may. What is plainly root's is not asked about.
+bool wex_flag_counts(int directory, const dirent& entry, const struct stat& facts, int32_t pid);
 
 // The domain's directory of flag files, with a slash at its end, and the flag file of `pid`.
 void wex_name_flag_dir(int32_t vsd, char (&path)[kPathSize]);

@@ -21,17 +21,21 @@ inline constexpr int kAcceptedAtOnce = 64;   // connections accepted in one cycl
 inline constexpr int kServedAtOnce = 64;     // events served in one cycle; the next begins with the others
 inline constexpr int kServerWaitMs = 10000;  // longest wait of the control server for its clients
 
-// Strict mode: of each user but root. The first two are set by its file, up to the other two.
+// Strict mode: of each user but root. The first three are set by its file, up to the other three.
 inline constexpr int32_t kUserConnections = 64;
 inline constexpr int32_t kUserRegistrations = 256;  // processes, and as many threads
+inline constexpr int32_t kUserDelaySec = 300;       // longest pause before a restart of his
 inline constexpr int32_t kUserConnectionsMax = kMaxClients;
 inline constexpr int32_t kUserRegistrationsMax = 65536;
+inline constexpr int32_t kUserDelayMax = 86400;
 inline constexpr int kWrongLinesKept = 4;  // wrong lines of that file that the running log names
 inline constexpr int kUserLineSize = 512;  // of the list of users, a longer line is no user's
 inline constexpr int kUserGroupsMax =
-    64;                                 // supplementary groups of a process; further ones are not given back
-inline constexpr int kUsersKept = 512;  // different sets of ids among all registrations of one daemon
-inline constexpr int kRefusedUsers = 16;       // users of whose refused messages the running log tells,
+    64;                                   // supplementary groups of a process; with more it is not registered
+inline constexpr int kUserSets = 512;     // different sets of ids among all registrations,
+inline constexpr int kSetsOfUser = 64;    // those of one user, and those left over for root
+inline constexpr int kExecutedTries = 3;  // looks at a listed program whose user changes meanwhile
+inline constexpr int kRefusedUsers = 16;  // users of whose refused messages the running log tells,
 inline constexpr int32_t kRefusedLogSec = 60;  // each once in this time
 inline constexpr int kIgnoredNamesKept = 64;   // files that do not count: told once each, and no further ones
 
@@ -139,6 +143,7 @@ inline constexpr int32_t kLongPeriodMisses = 4;
 inline constexpr int32_t kFewMisses = 6;  // registrations that allow fewer misses than this ...
 inline constexpr int32_t kWarnFew = 3;    // ... are warned about from here on,
 inline constexpr int32_t kWarnMany = 5;   // the others from here
+inline constexpr int kHungUsers = 16;     // strict mode: users of whom one process each is aborted in a scan
 inline constexpr uint32_t kAliveTableSize = 184356;
 
 // Logs.
@@ -193,6 +198,7 @@ inline constexpr mode_t kUsersDirMode = 0700;
 inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect
 inline constexpr mode_t kDbMode = 0777;      // narrowed by the owner's umask
+inline constexpr mode_t kStrictDbMode = 0700;
 inline constexpr mode_t kClientFlagFileMode = 0777;
 inline constexpr mode_t kDomainFileMode = 0754;  // flag files of the daemon, take-down markers, start times
 inline constexpr mode_t kForkFileMode = 0755;

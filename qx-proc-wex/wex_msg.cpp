@@ -28,6 +28,7 @@
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_xtach.h"
@@ -40,8 +41,8 @@ constexpr uid_t kRoot = 0;
 // Whether this registration is one of which the speaker may speak. For one of root's, or of a user who is not
 // known, only root may.
 bool may_speak(uid_t speaker, const wex_pid* rec) {
-  const wex_user* const user = speaker != kRoot ? wex_user_of(rec) : nullptr;
-  return speaker == kRoot || (user != nullptr && user->uid == speaker);
+  uid_t user = kRoot;
+  return speaker == kRoot || (wex_uid_of(rec, &user) && user == speaker);
 }
 
 // ---- Processes --------------------------------------------------------------------------------------------
@@ -70,12 +71,20 @@ bool read_registered(const wex_reg_info& body, char* command, size_t size) {
   return result != command_read::nothing;
 }
 
-// A record of the living process, not yet in the chain; null (printed) when its command line cannot be read.
-// It is made of `memory`, which is taken over, or of new memory for null.
+void tell_unknown_user(const wex_action& action, int32_t pid, const process_user& before) {
+  wex_dbg(WEX_DBG_PUB, "%s: the user of pid %d is not known\n", action.handler, pid);
+  wex_status_count(WEX_STATUS_NOT_REGISTERED);
+  if (before.ids.group_count > kUserGroupsMax) {
+    wex_refuse(before.ids.uid, refusal::too_many_groups);
+  }
+}
+
+// A record of the living process, not yet in the chain; null (printed) when its command line cannot be read,
+// or, in strict mode, its user has changed since the look `before`. It is made of `memory`, which is taken
+// over, or of new memory for null.
 wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const char* script,
-                       wex_pid* memory) {
+                       wex_pid* memory, const process_user& before) {
   char command[kCommandSize];
-  const uint64_t started = wex_strict_start_of(body.pid);
   if (!read_registered(body, command, sizeof command)) {
     wex_dbg(WEX_DBG_PUB, "%s: fail to get pid %d's cmdline, ppid = %d\n%s", action.handler, body.pid,
             body.ppid, action.handler_end);
@@ -86,24 +95,24 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
   wex_pid* const rec = memory != nullptr ? wex_blank_record(memory) : wex_new_record();
   rec->pid = body.pid;
   rec->vsd = body.vsd;
-  rec->restart_delay = body.restart_delay;
   rec->action = action.number;
   rtrim(command);
   wex_copy_text(rec->process, sizeof rec->process, command);
   wex_copy_text(rec->script, sizeof rec->script, script);
   wex_note_identity(rec);  // of the process whose command was read: the registry may have to be waited for
-  if (wex_strict_start_of(body.pid) != started || !wex_note_user(rec)) {
-    wex_dbg(WEX_DBG_PUB, "%s: the user of pid %d is not known\n", action.handler, body.pid);
-    wex_status_count(WEX_STATUS_NOT_REGISTERED);
+  if (!wex_note_user(rec, before)) {
+    tell_unknown_user(action, body.pid, before);
     wex_free_record(rec);
     return nullptr;
   }
+  rec->restart_delay = wex_allowed_delay(rec, body.restart_delay);
   return rec;
 }
 
 // Whether the newcomer's pid has its record already. A record keeps a dead pid when its restart found no
 // process, or when it was made for a thread that has ended: the process, or another one's thread, that has
-// the id now may register it.
+// the id now may register it. In strict mode it may also while the dead one's program waits for its restart:
+// a user could otherwise keep pids from root's services.
 bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
   if (rec == nullptr) {
@@ -111,6 +120,9 @@ bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chai
   }
   if (rec->thread_of != 0) {
     return rec->thread_of == newcomer->thread_of;
+  }
+  if (wex_strict().on && rec->exit_seen != 0 && rec->start_time != newcomer->start_time) {
+    return false;
   }
   return rec->restart_failed == 0 || wex_record_lives(rec);
 }
@@ -140,18 +152,27 @@ uint32_t take_early_end(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   return code == 0 && before != nullptr ? before->known_code : code;
 }
 
+// A process that registers again may have made its database file anew. One that only has the pid of a record
+// did not make that record's.
+void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
+  if (rec->start_time == newcomer->start_time) {
+    wex_own_database_file(rec);
+  }
+}
+
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec->pid);
   if (is_registered(rec)) {
-    wex_own_database_file(__wex_find_pid(&wex_chains, rec->pid));
+    own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;
   }
   if (!__wex_has_room(&wex_chains, rec)) {
-    wex_refuse(wex_user_of(rec)->uid, refusal::too_many_registrations);
+    wex_refuse_registration(rec);
     wex_free_record(rec);
     return false;
   }
@@ -172,19 +193,26 @@ bool insert_process(wex_pid* rec) {
 }
 
 int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& action, const char* script) {
-  wex_pid* const rec = build_process(body, action, script, nullptr);
+  process_user before = {};
+  const bool seen = wex_look_at_user(body.pid, &before);
+  if (seen && speaker != kRoot && before.ids.uid != speaker) {
+    wex_refuse(speaker, refusal::not_his);
+    return -1;
+  }
+  wex_pid* const rec = build_process(body, action, script, nullptr, before);
   if (rec == nullptr) {
     return -1;
   }
-  if (!may_speak(speaker, rec)) {
+  if (!may_speak(speaker, rec)) {  // of a thread: the process that it is one of counts
     wex_refuse(speaker, refusal::not_his);
     wex_free_record(rec);
     return -1;
   }
   char process[WEX_PROCESS_SIZE];  // the record belongs to the chain once it is inserted
+  const int32_t delay = rec->restart_delay;
   wex_copy_text(process, sizeof process, rec->process);
-  if (insert_process(rec) && body.restart_delay > kLongDelaySec) {
-    wex_note_long_delay(process, body.pid, body.restart_delay);
+  if (insert_process(rec) && delay > kLongDelaySec) {
+    wex_note_long_delay(process, body.pid, delay);
   }
   return 0;
 }
@@ -236,7 +264,11 @@ wex_pid* build_thread(const wex_reg_info& body, char* command) {
 // Takes over `fresh` as the thread's registration unless there is one. The registration that counts.
 wex_pid* find_or_add_thread(wex_pid* fresh, const wex_reg_info& body, bool renews)
     WEX_TSA(requires_capability(wex_alive_chains)) {
-  wex_pid* const known = __wex_find_pid(&wex_alive_chains, body.pid);
+  wex_pid* known = __wex_find_pid(&wex_alive_chains, body.pid);
+  if (known != nullptr && known->start_time != fresh->start_time) {
+    __wex_drop_thread(&wex_alive_chains, known);  // strict mode: of a process that had the same pid
+    known = nullptr;
+  }
   if (known == nullptr) {
     __wex_add_record(&wex_alive_chains, fresh);
     return fresh;
@@ -354,7 +386,7 @@ int wex_cancel_by(uid_t speaker, const wex_cons_info& body) {
   return result;
 }
 
-int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
+int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const process_user& before) {
   const uint32_t msg_type = wex_action_type(type);
   if (msg_type == 0 || pid < 1) {
     wex_free_record(memory);
@@ -363,7 +395,7 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   wex_reg_info body;
   const bool described = wex_begin_registration(pid, msg_type, &body);
   // Before the lock is taken: without `memory` the record is allocated, which may have to wait for memory.
-  wex_pid* const rec = build_process(body, *wex_find_action(wex_action_number(msg_type)), "", memory);
+  wex_pid* const rec = build_process(body, *wex_find_action(wex_action_number(msg_type)), "", memory, before);
   if (rec == nullptr) {
     return -1;
   }
@@ -373,4 +405,10 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   }
   insert_process(rec);
   return 0;
+}
+
+int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
+  process_user now = {};
+  wex_look_at_user(pid, &now);
+  return wex_register_listed(pid, type, memory, now);
 }

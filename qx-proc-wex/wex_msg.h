@@ -5,6 +5,7 @@
 
 #include "wex.h"
 #include "wex_action.h"
+#include "wex_chain_user.h"
 
 extern "C" {
 
@@ -36,3 +37,7 @@ int wex_cancel_by(uid_t speaker, const wex_cons_info& body);
 // `memory` is a record that has left its chain: it becomes the new one, or is freed. Null: memory is waited
 // for, which whoever holds wex_chains must not do.
 int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory);
+
+// The same for a process that was found in the list after the look `before`. In strict mode -1 also when its
+// user is another one by now: it has executed a set-user-id program meanwhile, or given up its rights.
+int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const process_user& before);

@@ -130,7 +130,7 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
 // ---- searching --------------------------------------------------------------------------------------------
 
 // One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
-int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec) {
+int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec, int32_t child) {
   dir_walk processes(kProcDir);
   if (!processes.valid()) {
     return -errno;
@@ -147,12 +147,16 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
       continue;
     }
     const int32_t pid = text_to_number(entry->d_name);
+    // First, for another user may have made his arguments a memory whose reading waits for him.
+    if (rec != nullptr && pid != child && !wex_runs_as(pid, rec)) {
+      continue;
+    }
     char text[1024];
     if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
       continue;
     }
     rtrim(text);
-    if (strcmp(text, command) == 0 && (rec == nullptr || wex_runs_as(pid, rec))) {
+    if (strcmp(text, command) == 0) {
       *out_pid = pid;
       return 1;
     }
@@ -160,15 +164,17 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
   return before;
 }
 
-// As wex_proc_to_pid; `rec` says as which user the process must run, null that it may be any.
-int look_for_process(char* command, int32_t* out_pid, int tries, const wex_pid* rec) {
+// As wex_proc_to_pid; `rec` says as which user the process must run unless it is `child`, null that it may be
+// any.
+int look_for_process(char* command, int32_t* out_pid, int tries, const wex_pid* rec, int32_t child) {
   rtrim(command);
   int result = 0;
   for (int scan = 1;; ++scan) {
-    result = scan_processes(command, out_pid, result, rec);
+    result = scan_processes(command, out_pid, result, rec, child);
     if (scan > tries || result == 1) {
       return result;
     }
+    wex_status_show_soon();
     wex_sleep_ms(scan * kFindStepMs);
   }
 }
@@ -201,11 +207,11 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
       start.action->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
   const char* const function = start.action->spawner;
   int32_t found = 0;
-  bool running = look_for_process(wanted, &found, kFindTries, rec) == 1;
+  bool running = look_for_process(wanted, &found, kFindTries, rec, child) == 1;
   if (!running) {
     // The program's arguments are part of its command line, so the first word alone finds only bare programs.
     // And the last look may have been cut short.
-    running = wex_find_running(whole, &found, rec);
+    running = wex_find_running(whole, &found, rec, child);
   }
   if (running && found == child) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Normal[%s] new pid: %d\n", function, wanted, found);
@@ -312,10 +318,10 @@ void wex_reboot_for(const wex_pid* rec) {
 
 // Any process that ends while /proc is being read cuts a look short (a negative result), which says nothing
 // about the one that is looked for.
-bool wex_find_running(char* command, int32_t* out_pid, const wex_pid* rec) {
+bool wex_find_running(char* command, int32_t* out_pid, const wex_pid* rec, int32_t child) {
   int result = -1;
   for (int look = 0; result < 0 && look < kMaxAbortedScans; ++look) {
-    result = look_for_process(command, out_pid, 0, rec);
+    result = look_for_process(command, out_pid, 0, rec, child);
   }
   return result == 1;
 }
@@ -334,7 +340,7 @@ int wex_proc_to_pid(char* command, int32_t* out_pid, int tries) {
   if (command == nullptr || out_pid == nullptr) {
     return -1;
   }
-  return look_for_process(command, out_pid, tries, nullptr);
+  return look_for_process(command, out_pid, tries, nullptr, 0);
 }
 
 int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, size_t size) {

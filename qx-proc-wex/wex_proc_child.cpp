@@ -37,6 +37,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
+#include "wex_status_image.h"
 #include "wex_strict.h"
 #include "wex_utils.h"
 
@@ -321,6 +322,7 @@ bool runs_our_code(pid_t child) {
 void await_exec(pid_t child, const unique_fd& started) {
   struct pollfd end = {started.get(), POLLIN, 0};
   const int64_t deadline = wex_clock_ms() + kPlatformTimeLimitMs;
+  wex_status_show_soon();
   do {
     if (poll(&end, 1, kPlatformLookMs) > 0 || !runs_our_code(child)) {
       return;
@@ -452,9 +454,9 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
 }
 
 // Where the replaced process's database file is.
-void find_old_file(child_start* start, char (&path)[kPathSize]) {
+void find_old_file(child_start* start, char (&path)[kPathSize]) WEX_TSA(requires_capability(wex_chains)) {
   const launch& what = *start->what;
-  if (what.third_part || !wex_name_pidfile(what.rec, path)) {
+  if (what.third_part || __wex_shares_pid(what.rec) || !wex_name_pidfile(what.rec, path)) {
     return;
   }
   start->old_file = path;

@@ -72,14 +72,14 @@ uint32_t g_slots_used WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_event_next WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_generation WEX_TSA(guarded_by(g_mutex)) = 0;
 uint32_t g_counters[WEX_STATUS_COUNTERS] WEX_TSA(guarded_by(g_mutex));
-int64_t g_pause_over WEX_TSA(guarded_by(g_mutex)) = 0;   // when the pause that is told ended
-bool g_any_change WEX_TSA(guarded_by(g_mutex)) = false;  // that the main thread is to be woken for
+int64_t g_pause_over WEX_TSA(guarded_by(g_mutex)) = 0;  // when the pause that is told ended
 int64_t g_wall_ahead WEX_TSA(guarded_by(g_mutex)) =
     0;  // milliseconds by which it is ahead of the monotonic clock
 
 int g_news[2] = {-1, -1};  // read end, write end; made once, open for life
 // The main thread has been woken and has not looked since. At first 1: nobody waits yet.
-std::atomic<int32_t> g_woken{1};  // a whole word: see request_flag
+std::atomic<int32_t> g_woken{1};       // a whole word: see request_flag
+std::atomic<int32_t> g_any_change{0};  // that the main thread has not been woken for; a whole word, too
 
 std::atomic<uint32_t> g_turns[kStatusThreads];  // each written by its own thread only
 std::atomic<int32_t> g_tids[kStatusThreads];
@@ -100,22 +100,9 @@ void wake_main_thread() {
   }
 }
 
-// Holds the image while it is changed, and wakes the main thread when that is over: the one system call that
-// a change may cost is made by nobody who keeps others waiting for the image.
-class WEX_TSA(scoped_lockable) image_change {
- public:
-  image_change() noexcept WEX_TSA(acquire_capability(g_mutex)) { pthread_mutex_lock(&g_mutex.native); }
-  ~image_change() WEX_TSA(release_capability()) {
-    const bool any = g_any_change;
-    g_any_change = false;
-    pthread_mutex_unlock(&g_mutex.native);
-    if (any) {
-      wake_main_thread();
-    }
-  }
-  image_change(const image_change&) = delete;
-  image_change& operator=(const image_change&) = delete;
-};
+void note_change() {
+  g_any_change.store(1, std::memory_order_relaxed);
+}
 
 void set_bit(uint32_t* words, int32_t number) {
   words[number / kWordBits] |= 1U << (number % kWordBits);
@@ -153,7 +140,7 @@ wex_status_slot* slot_of(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex
 
 void mark(const wex_pid* rec) WEX_TSA(requires_capability(g_mutex)) {
   set_bit(g_changed, rec->status_slot - 1);
-  g_any_change = true;
+  note_change();
 }
 
 // The program without its directory and its arguments. A name that is too long fills the field.
@@ -238,7 +225,7 @@ void add_event(wex_status_kind kind, int32_t pid, int32_t domain, const char* pr
   event.value = more.value;
   event.kind = kind;
   copy_name(event.name, process);
-  g_any_change = true;
+  note_change();
 }
 
 // Gives the record a slot, in this state since then; false when there is none.
@@ -267,10 +254,10 @@ bool take_slot(wex_pid* rec, wex_status_state state, int64_t since) WEX_TSA(requ
 
 void wex_status_show(wex_pid* rec) {
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (!take_slot(rec, rec->restart_failed != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING, now)) {
     ++g_counters[WEX_STATUS_NOT_SHOWN];
-    g_any_change = true;
+    note_change();
   }
 }
 
@@ -285,7 +272,7 @@ bool wex_status_slot_is_awaited() {
 }
 
 void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_times& times) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (!take_slot(rec, state, times.since)) {
     return;
   }
@@ -298,7 +285,7 @@ void wex_status_show_later(wex_pid* rec, wex_status_state state, const status_ti
 }
 
 void wex_status_show_user(const wex_pid* rec, uint32_t uid) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
     slot->uid = uid;
     mark(rec);
@@ -306,9 +293,11 @@ void wex_status_show_user(const wex_pid* rec, uint32_t uid) {
 }
 
 void wex_status_hidden_troubles(uint32_t count) {
-  const image_change hold;
-  g_any_change = g_any_change || g_counters[WEX_STATUS_HIDDEN_TROUBLES] != count;
-  g_counters[WEX_STATUS_HIDDEN_TROUBLES] = count;
+  const mutex_lock hold(g_mutex);
+  if (g_counters[WEX_STATUS_HIDDEN_TROUBLES] != count) {
+    g_counters[WEX_STATUS_HIDDEN_TROUBLES] = count;
+    note_change();
+  }
 }
 
 void wex_status_copy_slot_of(const wex_pid* rec, wex_status_slot* copy) {
@@ -319,7 +308,7 @@ void wex_status_copy_slot_of(const wex_pid* rec, wex_status_slot* copy) {
 }
 
 void wex_status_restore_slot(const wex_pid* rec, const wex_status_slot& shown) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   wex_status_slot* const slot = slot_of(rec);
   if (slot != nullptr && shown.state != WEX_STATUS_FREE) {
     const uint32_t seq = slot->seq;
@@ -330,7 +319,7 @@ void wex_status_restore_slot(const wex_pid* rec, const wex_status_slot& shown) {
 }
 
 void wex_status_hide(wex_pid* rec) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
     const uint32_t seq = slot->seq;
     *slot = {};
@@ -346,7 +335,7 @@ void wex_status_hide(wex_pid* rec) {
 void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_detail& more) {
   note_progress();
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   add_event(kind, more.pid != 0 ? more.pid : rec->pid, rec->vsd, rec->process, more, now);
   wex_status_slot* const slot = slot_of(rec);
   if (slot == nullptr) {
@@ -362,38 +351,44 @@ void wex_status_tell(wex_status_kind kind, const wex_pid* rec, const status_deta
 
 void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process, const status_detail& more) {
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   add_event(kind, pid, more.domain, process, more, now);
 }
 
 void wex_status_restarting(const wex_pid* rec) {
   note_progress();
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   show_restarting(rec, now, 0);
+}
+
+void wex_status_unlocked_pause(const wex_pid* rec) {
+  const int64_t now = wex_clock_ms();
+  const mutex_lock hold(g_mutex);
+  show_restarting(rec, now, now + int64_t{rec->restart_delay} * 1000);
 }
 
 void wex_status_pause(const wex_pid* rec) {
   note_progress();
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   show_restarting(rec, now, now + int64_t{rec->restart_delay} * 1000);
   end_told_pause(now);
   g_counters[WEX_STATUS_PAUSE] =
       std::max(g_counters[WEX_STATUS_PAUSE], static_cast<uint32_t>(rec->restart_delay));
   g_pause_over = kUnderWay;
-  g_any_change = true;
+  note_change();
 }
 
 void wex_status_pause_over() {
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   g_pause_over = now;
 }
 
 void wex_status_down(const wex_pid* rec) {
   const int64_t now = wex_clock_ms();
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
     enter_state(slot, WEX_STATUS_DOWN, now);
     mark(rec);
@@ -407,7 +402,7 @@ bool wex_status_waits(const wex_pid* rec) {
 }
 
 void wex_status_refresh(const wex_pid* rec) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
     copy_facts(slot, rec);
     mark(rec);
@@ -415,7 +410,7 @@ void wex_status_refresh(const wex_pid* rec) {
 }
 
 void wex_status_found(const wex_pid* rec, int64_t started) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   if (wex_status_slot* const slot = slot_of(rec)) {
     copy_facts(slot, rec);
     slot->started = started;
@@ -424,7 +419,7 @@ void wex_status_found(const wex_pid* rec, int64_t started) {
 }
 
 void wex_status_watched(const wex_pid* rec, int32_t threads, int32_t fewest_misses) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   wex_status_slot* const slot = slot_of(rec);
   if (slot != nullptr && (slot->watched_threads != threads || slot->fewest_misses != fewest_misses)) {
     slot->watched_threads = threads;
@@ -434,9 +429,9 @@ void wex_status_watched(const wex_pid* rec, int32_t threads, int32_t fewest_miss
 }
 
 void wex_status_count(int counter) {
-  const image_change hold;
+  const mutex_lock hold(g_mutex);
   ++g_counters[counter];
-  g_any_change = true;
+  note_change();
 }
 
 void wex_status_thread_is(status_thread which) {
@@ -455,6 +450,13 @@ void wex_status_busy(status_thread which) {
 void wex_status_idle(status_thread which) {
   const uint32_t turn = g_turns[which].load(std::memory_order_relaxed);
   g_turns[which].store((turn | 1U) + 1, std::memory_order_relaxed);
+  wex_status_show_soon();
+}
+
+void wex_status_show_soon() {
+  if (g_any_change.load(std::memory_order_relaxed) != 0 && g_any_change.exchange(0) != 0) {
+    wake_main_thread();
+  }
 }
 
 void wex_status_begin(uint32_t generation, uint32_t next) {

@@ -2,10 +2,10 @@
 // (wex_status.h).
 //
 // The places that do something say so here with one short call: it changes the image in the daemon's own
-// memory. Its system calls are one for the time, where that is one, and at the first change after each pass
-// of the main thread a write() that wakes it. wex_status_file brings the image to the readers. A
-// registration's record keeps nothing but the number of its slot. Any thread; callers that pass a record hold
-// the chain it is in. Not in a child between fork and exec.
+// memory, without a system call but that for the time, where that is one. The main thread, which brings the
+// image to the readers (wex_status_file), is woken when the thread that made the change has done its piece of
+// work. A registration's record keeps nothing but the number of its slot. Any thread; callers that pass a
+// record hold the chain it is in. Not in a child between fork and exec.
 #pragma once
 
 #include "wex.h"
@@ -57,6 +57,9 @@ void wex_status_tell_of(wex_status_kind kind, int32_t pid, const char* process,
 // The registration's process has ended and the next one is being started; no event.
 void wex_status_restarting(const wex_pid* rec);
 
+// The same behind a pause that nobody else waits for; no event.
+void wex_status_unlocked_pause(const wex_pid* rec);
+
 // The restart of this registration waits as long as it asked for, and others behind it; then it was made.
 // Told for some seconds more, so that readers see those who waited come round before they see the pause end.
 // The registration's state and the pause are seen at the same time.
@@ -97,10 +100,13 @@ enum status_thread {
 };
 
 // The calling thread is this one. It says when it begins one piece of work and when it waits for the next;
-// the first ends the piece before.
+// the first ends the piece before. What the piece has changed is shown when it waits.
 void wex_status_thread_is(status_thread which);
 void wex_status_busy(status_thread which);
 void wex_status_idle(status_thread which);
+
+// Has the main thread show what has changed: for who waits in the middle of a piece of work.
+void wex_status_show_soon();
 
 // ---- For wex_status_file ----------------------------------------------------------------------------------
 

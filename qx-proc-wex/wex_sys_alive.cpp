@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "cancel_held.h"
@@ -23,6 +25,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 wex_alive_info g_wex_alive_info;
 
@@ -86,6 +89,14 @@ bool in_range(uint32_t tid) {
     __atomic_store_n(base + offset, byte, __ATOMIC_RELAXED);
   }
   return true;
+}
+
+// A user's service may have made the table before the daemon's first start, and has it mapped. In strict mode
+// it becomes root's, so that nobody else can take the name away.
+void take_over(const unique_fd& table) {
+  if (wex_strict().on && table.valid() && fchown(table.get(), 0, 0) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s cannot be made root's: %s\n", kAliveTableFile, strerror(errno));
+  }
 }
 
 // Clients of any user are to map the table, whatever umask its creator had.
@@ -173,6 +184,9 @@ int wex_sys_init_alive_info(uint8_t clear) {
     return result;
   }
   unique_fd table = open_trusted(AT_FDCWD, kAliveTableFile, O_RDWR | O_NONBLOCK);
+  if (clear != 0) {
+    take_over(table);
+  }
   const int opened = open_to_all(table);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {

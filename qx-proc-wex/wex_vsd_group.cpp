@@ -101,13 +101,13 @@ int set_mem_limit_group(int32_t vsd, const char* file, uint64_t kib) {
 
 // Looked at relative to the opened directory, wherever the process has gone; what cannot be looked at counts
 // as a file.
-bool is_directory(const dir_walk& dir, const char* name, const char* caller) {
-  struct stat facts;
-  if (fstatat(dir.fd(), name, &facts, 0) != 0) {
+bool is_directory(const dir_walk& dir, const char* name, const char* caller, struct stat* facts) {
+  *facts = {};
+  if (fstatat(dir.fd(), name, facts, 0) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: stat fail: %s\n", caller, strerror(errno));
     return false;
   }
-  return S_ISDIR(facts.st_mode);
+  return S_ISDIR(facts->st_mode);
 }
 
 // Moves every process that has a flag file in `dir`. False when a name is no process and the walk was given
@@ -118,10 +118,12 @@ bool move_flagged(dir_walk& dir, int32_t vsd) {
   wex_format(memory, sizeof memory, kMemoryTasksFmt, vsd);
   wex_format(cpu, sizeof cpu, kCpuTasksFmt, vsd);
   while (const dirent* entry = dir.next()) {
-    if (is_directory(dir, entry->d_name, "set_cgroups")) {
+    struct stat facts;
+    const int32_t pid = text_to_number(entry->d_name);
+    if (is_directory(dir, entry->d_name, "set_cgroups", &facts) ||
+        !wex_flag_counts(dir.fd(), *entry, facts, pid)) {
       continue;
     }
-    const int32_t pid = text_to_number(entry->d_name);
     if (pid < 0) {
       // Kept: "atio", see docs/decisions.md.
       wex_dbg(WEX_DBG_PUB, "%s: atio proc: %s\n", "set_cgroups", strerror(errno));
@@ -190,10 +192,12 @@ largest_process find_largest(int32_t vsd) {
     return {-1, 0};
   }
   while (const dirent* entry = dir.next()) {
-    if (is_directory(dir, entry->d_name, "find_max_rss")) {
+    struct stat facts;
+    const int32_t pid = text_to_number(entry->d_name);
+    if (is_directory(dir, entry->d_name, "find_max_rss", &facts) ||
+        !wex_flag_counts(dir.fd(), *entry, facts, pid)) {
       continue;
     }
-    const int32_t pid = text_to_number(entry->d_name);
     if (pid < 0) {
       // Kept: "atio", see docs/decisions.md.
       wex_dbg(WEX_DBG_PUB, "%s: atio proc: %s\n", "find_max_rss", strerror(errno));

@@ -32,6 +32,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_rpc.h"
+#include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
 #include "wex_vsd.h"
@@ -183,8 +184,7 @@ bool exempted(int32_t tid) {
   const cancel_held whole;
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
   struct stat facts = {};
-  if (!file.valid() || fstat(file.get(), &facts) != 0 ||
-      (facts.st_uid != 0 && access(kStrictFile, F_OK) == 0)) {
+  if (!file.valid() || fstat(file.get(), &facts) != 0 || (facts.st_uid != 0 && wex_strict_is_wanted())) {
     return false;
   }
   char own[16];

@@ -31,7 +31,8 @@ bool comes_round(const wex_status_thread& thread) {
 
 // Programs may ask for a pause before their restart, which the daemon sits out; all others wait behind it,
 // and their pauses follow. The one under way may be that of a registration that is not shown. Should one of
-// the same length be shown, it is the same, unless the thread has waited since before that began.
+// the same length be shown, it is the same, unless the thread has waited since before that began. In strict
+// mode nobody waits behind a user's.
 int64_t pauses_ms(const status_copy& copy, const wex_status_thread& thread) {
   const int64_t under_way = copy.head.counters[WEX_STATUS_PAUSE];
   int64_t all = 0;
@@ -39,7 +40,7 @@ int64_t pauses_ms(const status_copy& copy, const wex_status_thread& thread) {
   bool is_shown = false;
   for (const wex_status_slot& slot : copy.slots) {
     const bool is_due = slot.state == WEX_STATUS_RESTARTING || slot.state == WEX_STATUS_WAITING;
-    if (is_due && slot.restart_delay > 0) {
+    if (is_due && slot.restart_delay > 0 && slot.uid == 0) {
       all += slot.restart_delay;
       is_shown = is_shown || (slot.state == WEX_STATUS_RESTARTING && slot.restart_delay == under_way &&
                               slot.since <= waits_since);

@@ -74,6 +74,15 @@ void keep_locked_file(const char* name, unique_fd&& fd) {
   }
 }
 
+int kept_file(const char* name) {
+  const mutex_lock hold(g_files_mutex);
+  const locked_file* file = g_files;
+  while (file != nullptr && strcmp(file->name, name) != 0) {
+    file = file->next;
+  }
+  return file != nullptr ? file->fd : -1;
+}
+
 void drop_locked_file(const char* name) {
   const mutex_lock hold(g_files_mutex);
   for (locked_file** at = &g_files; *at != nullptr; at = &(*at)->next) {

@@ -20,6 +20,10 @@ void note_locked_file(int fd);
 // lock, which only the daemon itself ever tests: the caller holds the registry and must not wait for memory.
 void keep_locked_file(const char* name, unique_fd&& fd);
 
+// The descriptor of the file kept under this name, which stays ours; -1 when there is none. Whoever calls it
+// keeps the file from being dropped meanwhile.
+int kept_file(const char* name);
+
 // Closes the file kept under this name. Does nothing for any other name.
 void drop_locked_file(const char* name);
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "mutex_lock.h"
@@ -45,6 +46,11 @@ const strict_settings& wex_strict() {
 
 void wex_set_strict(const strict_settings& settings) {
   g_settings = settings;
+}
+
+bool wex_strict_is_wanted() {
+  struct stat facts = {};
+  return lstat(kStrictFile, &facts) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool wex_counts(const char* path) {

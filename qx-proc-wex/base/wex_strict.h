@@ -15,6 +15,7 @@ struct strict_settings {
   bool on = false;
   int32_t connections = kUserConnections;      // of each user but root
   int32_t registrations = kUserRegistrations;  // the same
+  int32_t restart_delay = kUserDelaySec;       // longest pause before a restart of theirs, in seconds
 };
 
 // Whether what lies at `path` may say what it says: in strict mode only what root alone has put there does.
@@ -29,6 +30,9 @@ mode_t wex_own_dir_mode();
 // not taken yet goes to `path`: false when there is none. Any thread.
 void wex_ignore_name(const char* path);
 bool wex_take_ignored_name(char (&path)[kPathSize]);
+
+// For programs that are not the daemon: whether something lies at the name that makes it strict.
+bool wex_strict_is_wanted();
 
 // Set once, before any thread; a client is never strict.
 const strict_settings& wex_strict();

@@ -18,11 +18,11 @@ sed -n '/^## Kept oddities/,/^## /p' "$page" | sed -nE 's/^- `([^`]+)` in `([^`]
 while read -r file name; do
   grep -qw -- "$name" "$root"/{qx-proc-wex,include}/"$file" 2> /dev/null || complain "no $name in $file, which docs/decisions.md calls kept"
 done < "$work/entries"
-cut -d' ' -f1 "$work/entries" | sort | uniq -c > "$work/told"
+cut -d' ' -f1 "$work/entries" | sort | uniq -c > "$work/entered"
 product_sources | while IFS= read -r file; do
   sed -nE 's/.*(Kept: ).*/'"${file##*/}"'/p' "$file"
 done | sort | uniq -c > "$work/marked"
-complain_each "marks \"Kept:\" a file (>) and entries of docs/decisions.md (<) differ:" < <(diff "$work/told" "$work/marked" | grep '^[<>]')
+complain_each "marks \"Kept:\" a file (>) and entries of docs/decisions.md (<) differ:" < <(diff "$work/entered" "$work/marked" | grep '^[<>]')
 product_sources | xargs grep -l 'Kept: ' | while IFS= read -r file; do
   [ "$(grep -c 'Kept: ' "$file")" = "$(grep -c 'see docs/decisions.md' "$file")" ] || echo "$file"
 done > "$work/unsaid"

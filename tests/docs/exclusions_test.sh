@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every case that tests/tsan-exclude and tests/device/unit-exclude* name is a case of the sources: a name that is left
+# Every case that tests/tsan-exclude, tests/strict-exclude and tests/device/unit-exclude* name is a case of the sources: a name that is left
 # over from a renamed case would leave out nothing, and say a reason for it.
 set -u
 . "$(dirname "$0")/lib.sh"
@@ -19,6 +19,7 @@ check() {
   for name in $(left_over "$@"); do complain "${1#"$root"/}: there is no case $name"; done
 }
 check "$root/tests/tsan-exclude" "$root/tests"
+check "$root/tests/strict-exclude" "$root/tests/sandbox"
 for list in "$root"/tests/device/unit-exclude*; do check "$list" "$root/tests/unit"; done
 
 echo 'No.SuchCase  # renamed' > "$work/list"

@@ -4,8 +4,11 @@
 set -u
 . "$(dirname "$0")/lib.sh"
 
-# The texts in back ticks of the third column of the table at the end of PAGE.
-repetitions() { sed -n '/^## What was tried/,$p' "$1" | sed -nE 's/^\| .* \| .* \| (.*) \|$/\1/p' | grep -oE '`[^`]+`' | tr -d '`'; }
+# The last columns of the table at the end of PAGE, and of the one of strict mode.
+tried_column() { sed -n '/^## What was tried/,$p' "$1" | sed -nE 's/^\| .* \| .* \| (.*) \|$/\1/p'; }
+strict_column() { sed -n '/^| attempt of a user/,/^$/p' "$1" | tail -n +3 | sed -nE 's/^\| .* \| .* \| .* \| (.*)\|$/\1/p'; }
+# The texts in back ticks of both.
+repetitions() { { tried_column "$1"; strict_column "$1"; } | grep -oE '`[^`]+`' | tr -d '`'; }
 
 cases_of "$root/tests" > "$work/cases"
 is_there() {
@@ -20,6 +23,8 @@ is_there() {
 }
 repetitions "$root/docs/security.md" > "$work/named"
 [ "$(wc -l < "$work/named")" -ge 40 ] || complain "only $(wc -l < "$work/named") repetitions were found"
+[ "$(strict_column "$root/docs/security.md" | wc -l)" -ge 15 ] || complain "the table of strict mode was not found"
+strict_column "$root/docs/security.md" | grep -vq '`' && complain "docs/security.md: an attempt in strict mode without a test"
 while IFS= read -r name; do
   is_there "$name" || complain "docs/security.md: there is no $name"
 done < "$work/named"

@@ -48,6 +48,9 @@ static void begin_life(const char* name) {
   snprintf(path, sizeof path, BASE "locks/%s", name);
   /* Kept open: the lock lasts as long as this process. */
   note(name, flock(open_or_end(path, O_RDWR), LOCK_EX | LOCK_NB) == 0 ? "alone" : "twin");
+  /* A shell, which starts the programs of a domain, has these ignored by what it starts in the background. */
+  signal(SIGINT, SIG_DFL);
+  signal(SIGQUIT, SIG_DFL);
   for (int status = 0; status < EXIT_STATUSES; ++status) {
     signal(SIGRTMIN + status, end_with_status);
   }

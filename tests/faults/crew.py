@@ -30,7 +30,7 @@ class Crew:
         self.ready = {}                      # the process that has registered
         self.twins = []
         self.holders = {}
-        self.inodes = {}
+        self.files = {}                      # of their locks
         self.read_to = 0
 
     def add(self, name, *words):
@@ -53,12 +53,12 @@ class Crew:
 
     def look(self):
         self.read_book()
-        by_inode = {}
+        by_file = {}
         for line in device.read("/proc/locks").splitlines():
             words = line.split()
             if words[1] == "FLOCK":
-                by_inode[int(words[5].split(":")[2])] = int(words[4])
-        self.holders = {name: by_inode.get(self.inode(name), 0) for name in self.words}
+                by_file[words[5]] = int(words[4])
+        self.holders = {name: by_file.get(self.file(name), 0) for name in self.words}
 
     def read_book(self):
         try:
@@ -78,13 +78,15 @@ class Crew:
             if what == "twin":
                 self.twins.append(line)
 
-    def inode(self, name):
-        if name not in self.inodes:
+    def file(self, name):
+        """Of its lock, as /proc/locks names it: with the file system, for another private device has the same inodes."""
+        if name not in self.files:
             try:
-                self.inodes[name] = os.stat("%s/%s" % (LOCKS, name)).st_ino
+                facts = os.stat("%s/%s" % (LOCKS, name))
             except FileNotFoundError:
                 return None
-        return self.inodes[name]
+            self.files[name] = "%02x:%02x:%d" % (os.major(facts.st_dev), os.minor(facts.st_dev), facts.st_ino)
+        return self.files[name]
 
     def pid(self, name):
         """Of its living instance, or 0."""

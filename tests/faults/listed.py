@@ -10,26 +10,22 @@ import signal
 import time
 
 import device
-from crew import Crew
 from sheet import Sheet
+from trial import Trial
 
 PATIENCE_S = 60
 COLUMNS = ["what happens to them", "programs", "deaths", "all back after, at the most", "down for good", "ran twice"]
+SEARCH_S = 11                                # two looks for a program, one after the other; the registry is locked meanwhile
 RESTARTS = 4                                 # the fifth within 120 s parks a program
 
 
-class Row:
+class Row(Trial):
     name = ""
     without = ""
 
     def __init__(self, sheet):
-        self.tools, self.short = sheet.tools, sheet.options.short
-        device.clean()
-        device.Clock()
-        self.crew = Crew(self.tools)
-        self.daemon = device.Daemon(self.tools, self.without)
+        super().__init__(sheet, self.without)
         self.deaths, self.longest = 0, 0.0
-        self.problems = []
 
     # ---- What a row does ----
 
@@ -41,11 +37,6 @@ class Row:
         """What is done to them."""
 
     # ---- What rows are made of ----
-
-    def need(self, condition, what):
-        if not condition:
-            self.problems.append(what)
-        return condition
 
     def plain(self, count):
         for number in range(count):
@@ -69,25 +60,14 @@ class Row:
             self.kill(name)
         return self.back()
 
-    def start_daemon(self):
-        self.daemon.start()
-        self.need(self.daemon.wait_ready(60), "the daemon does not start: " + self.daemon.describe())
-
-    def run(self):
-        try:
-            self.programs()
-            self.start_daemon()
-            self.crew.start()
-            if self.back():
-                self.longest = 0.0
-                self.act()
-            self.down = self.crew.down()
-            self.twice = self.crew.too_many()
-            self.need(not self.twice, "ran twice: %s" % self.twice)
-        finally:
-            self.daemon.kill()
-            self.crew.end()
-            device.clean()
+    def live(self):
+        self.programs()
+        self.start_daemon()
+        self.crew.start()
+        if self.back():
+            self.longest = 0.0
+            self.act()
+        self.down = self.crew.down()
 
     def figures(self):
         return [self.name, len(self.crew.words), self.deaths, "%.1f s" % self.longest, len(self.down), len(self.twice)]
@@ -101,14 +81,13 @@ class TwiceInARow(Row):
         self.plain(1 if self.short else 12)
 
     def act(self):
-        for _ in range(1 if self.short else RESTARTS // 2):
-            self.crew.look()
-            for name in self.crew.words:
+        self.crew.look()
+        for name in self.crew.words:
+            self.kill(name)
+            if self.need(self.crew.all_up(PATIENCE_S, [name]), "%s does not come back" % name):
+                time.sleep(random.random() * 0.003)
                 self.kill(name)
-                if self.need(self.crew.all_up(PATIENCE_S, [name]), "%s does not come back" % name):
-                    time.sleep(random.random() * 0.003)
-                    self.kill(name)
-            self.back()
+        self.back(PATIENCE_S + SEARCH_S * len(self.crew.words))
         self.kill_each()
 
 

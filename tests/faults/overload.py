@@ -10,8 +10,9 @@ import time
 
 import device
 import tracing
-from crew import Crew, counter
+from crew import counter
 from sheet import Sheet
+from trial import Trial
 
 SERVICES = 100
 MONITOR = "wex_process_net"
@@ -90,25 +91,13 @@ class LateMonitor(Condition):
         self.strace.leave()
 
 
-class Row:
+class Row(Trial):
     def __init__(self, sheet, condition, without):
-        self.tools, self.short = sheet.tools, sheet.options.short
+        super().__init__(sheet, without)
         self.condition = condition(self.tools, self.short, without)
         self.without = without
-        device.clean()
-        device.Clock()
-        if condition.listed:
-            device.write("/etc/wex/proc/nobody", device.BASE + "/nobody WEX_RESTART")
-        self.crew = Crew(self.tools)
-        self.daemon = device.Daemon(self.tools, without)
-        self.problems = []
         self.took, self.forks, self.dropped, self.found = None, 0, 0, 0
-        self.down, self.twice, self.lost = [], [], []
-
-    def need(self, condition, what):
-        if not condition:
-            self.problems.append(what)
-        return condition
+        self.lost = []
 
     def sweeps(self):
         return "sweep" not in self.without
@@ -144,31 +133,24 @@ class Row:
         self.daemon.kill()
         self.crew.kill_all(names=random.sample(sorted(self.crew.words), SERVICES // 4))
         self.daemon = device.Daemon(self.tools)
-        self.daemon.start()
-        self.need(self.daemon.wait_ready(60), "the daemon does not start again: " + self.daemon.describe())
+        self.start_daemon()
         self.crew.all_up(60)
         self.lost = self.crew.down()
         self.need(not self.lost, "lost: %s" % self.lost)
 
-    def run(self):
-        try:
-            for number in range(SERVICES):
-                self.crew.add("s%d" % number)
-            self.daemon.start()
-            if not self.need(self.daemon.wait_ready(60), "the daemon does not start: " + self.daemon.describe()):
-                return
-            self.crew.start()
-            self.need(self.crew.all_ready(60), "not all registered: %s" % self.crew.down())
-            self.suffer()
-            self.judge()
-            if not self.short or self.down:
-                self.next_daemon()
-            self.twice = self.crew.too_many()
-            self.need(not self.twice, "ran twice: %s" % self.twice)
-        finally:
-            self.daemon.kill()
-            self.crew.end()
-            device.clean()
+    def live(self):
+        if self.condition.listed:
+            device.write("/etc/wex/proc/nobody", device.BASE + "/nobody WEX_RESTART")
+        for number in range(SERVICES):
+            self.crew.add("s%d" % number)
+        if not self.start_daemon():
+            return
+        self.crew.start()
+        self.need(self.crew.all_ready(60), "not all registered: %s" % self.crew.down())
+        self.suffer()
+        self.judge()
+        if not self.short or self.down:
+            self.next_daemon()
 
     def figures(self):
         took = "%.1f s" % self.took if self.took is not None else "never"

@@ -58,14 +58,14 @@ python3 - "$root" << 'PYTHON' || complain "the dashboard"
 import json, re, sys
 root = sys.argv[1]
 page = open(root + "/docs/wexstat.md").read().split("## OpenMetrics")[1]
-told = set()
+offered = set()
 for name, kind in re.findall(r"^\| `(wex_[a-z_]+)[`{].*?\| (counter|gauge) \|", page, re.M):
-    told.add(name + ("_total" if kind == "counter" else ""))
+    offered.add(name + ("_total" if kind == "counter" else ""))
 board = json.load(open(root + "/examples/fleet/wex-dashboard.json"))
 assert len(board["panels"]) > 4 and len({panel["id"] for panel in board["panels"]}) == len(board["panels"])
 asked = " ".join(target["expr"] for panel in board["panels"] for target in panel["targets"])
 asked += " " + " ".join(re.findall(r"expr: (.*)", open(root + "/examples/fleet/wex-alerts.yml").read()))
-unknown = set(re.findall(r"wex_[a-z_]+", asked)) - told
+unknown = set(re.findall(r"wex_[a-z_]+", asked)) - offered
 assert not unknown and "wex_up" in asked, unknown
 PYTHON
 [ $failures -eq 0 ] && echo "all well"

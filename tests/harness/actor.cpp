@@ -332,23 +332,23 @@ void lock_file(const char* path) {  // kept open, and so locked, until we are go
 void lock_in_child(
     const char* path) {  // a child that lives on and keeps the file locked, for "MS," or for ever
   const char* comma = strchr(path, ',');
-  int told[2];
-  if (pipe2(told, O_CLOEXEC) != 0) {
+  int done[2];
+  if (pipe2(done, O_CLOEXEC) != 0) {
     give_up("pipe");
   }
   if (fork() == 0) {
     lock_file(comma ? comma + 1 : path);
-    close(told[0]);
-    close(told[1]);
+    close(done[0]);
+    close(done[1]);
     comma ? sleep_ms(path) : hold(nullptr);
     _exit(0);
   }
   char byte;
-  close(told[1]);
-  if (read(told[0], &byte, 1) < 0) {
+  close(done[1]);
+  if (read(done[0], &byte, 1) < 0) {
     give_up("pipe");
   }
-  close(told[0]);
+  close(done[0]);
 }
 
 void daemonise(const char*) {
@@ -470,11 +470,11 @@ void exec_in_thread(
 void end_thread(const char* path) {
   pthread_t thread;
   const auto register_and_end = [](void* file) -> void* {
-    const char* const told = static_cast<const char*>(file);
-    if (told[0] != '\0') {
+    const char* const tid_file = static_cast<const char*>(file);
+    if (tid_file[0] != '\0') {
       reg_process_exit_action(own_tid(), WEX_RESTART);
       confirm(nullptr);
-      write_whole(told, std::to_string(own_tid()));
+      write_whole(tid_file, std::to_string(own_tid()));
     }
     return nullptr;
   };

@@ -19,20 +19,20 @@ namespace wex_test {
 class dying_process {
  public:
   dying_process() {
-    int told[2];
+    int pid_pipe[2];
     int hold[2];
-    EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
+    EXPECT_EQ(0, pipe2(pid_pipe, O_CLOEXEC));
     EXPECT_EQ(0, pipe2(hold, O_CLOEXEC));
     maker_ = fork();
     if (maker_ == 0) {
       close(hold[1]);
-      keep_two(told[1], hold[0]);
+      keep_two(pid_pipe[1], hold[0]);
     }
-    close(told[1]);
+    close(pid_pipe[1]);
     close(hold[0]);
     hold_ = hold[1];
-    EXPECT_EQ(static_cast<ssize_t>(sizeof pid_), read(told[0], &pid_, sizeof pid_)) << "no pid namespace";
-    close(told[0]);
+    EXPECT_EQ(static_cast<ssize_t>(sizeof pid_), read(pid_pipe[0], &pid_, sizeof pid_)) << "no pid namespace";
+    close(pid_pipe[0]);
   }
   ~dying_process() { let_it_end(); }
   dying_process(const dying_process&) = delete;
@@ -60,13 +60,14 @@ class dying_process {
     return pid;
   }
 
-  [[noreturn]] static void keep_two(int told, int hold) {
+  [[noreturn]] static void keep_two(int pid_pipe, int hold) {
     if (unshare(CLONE_NEWPID) != 0) {
       _exit(1);
     }
     const pid_t first = paused_child();
     const pid_t other = paused_child();
-    if (first < 0 || other < 0 || write(told, &first, sizeof first) != static_cast<ssize_t>(sizeof first)) {
+    if (first < 0 || other < 0 ||
+        write(pid_pipe, &first, sizeof first) != static_cast<ssize_t>(sizeof first)) {
       _exit(1);
     }
     char byte;

@@ -17,6 +17,7 @@
 
 #include "leak_gate.h"
 #include "wex_chain.h"
+#include "wex_paths.h"
 #include "wex_test.h"
 
 namespace wex_test {
@@ -63,6 +64,19 @@ TEST_F(Harness, ServiceKilledWithSigkillComesBackUnderAnotherPid) {
   EXPECT_TRUE(console_says("HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id"));
   EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
   unlink("/tmp/facts");
+}
+
+TEST_F(Harness, TheWholeSetCanRunInStrictMode) {
+  const bool asked = getenv("WEX_STRICT") != nullptr;
+  setenv("WEX_STRICT", "1", 1);
+  clean_world();
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  EXPECT_NE(std::string::npos, read_file(kRunningLog1).find("Strict mode: ")) << read_file(kRunningLog1);
+  EXPECT_TRUE(ended_by(daemon.stop(), SIGINT));
+  if (!asked) {
+    unsetenv("WEX_STRICT");
+  }
 }
 
 TEST_F(Harness, TraceShowsTheSystemCallsOfTheDaemonItself) {

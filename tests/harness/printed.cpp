@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
 
 #include "wex_test.h"
 
@@ -39,8 +38,8 @@ std::string printed_by(const std::function<void()>& work) {
 }
 
 std::string without_line_numbers(const std::string& text) {
-  const std::string daemon = std::regex_replace(text, std::regex("(\\[WEX:[a-z_]+:)[0-9]+\\]"), "$1N]");
-  return std::regex_replace(daemon, std::regex("(\\[RAS\\]<[a-z_]+, [a-z_]+, )[0-9]+>"), "$1N>");
+  const std::string daemon = replace_matches(text, "(\\[WEX:[a-z_]+:)[0-9]+\\]", "$1N]");
+  return replace_matches(daemon, "(\\[RAS\\]<[a-z_]+, [a-z_]+, )[0-9]+>", "$1N>");
 }
 
 }  // namespace wex_test

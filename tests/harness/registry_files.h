@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -67,9 +66,7 @@ class captured_output {
 
   std::string raw() const { return out_.text(); }
   // With the line numbers of the source left out.
-  std::string text() const {
-    return std::regex_replace(raw(), std::regex("\\[WEX:([a-z_]+):[0-9]+\\]"), "[$1]");
-  }
+  std::string text() const { return wex_test::replace_matches(raw(), "\\[WEX:([a-z_]+):[0-9]+\\]", "[$1]"); }
 
  private:
   wex_test::printed out_;

@@ -76,12 +76,12 @@ class StatusReader {
   }
   // The kinds of the events from `since` on, as "1 2 4 5".
   std::string kinds(size_t since = 0) const {
-    std::string told;
+    std::string all_kinds;
     const auto all = events();
     for (size_t at = since; at < all.size(); ++at) {
-      told += (told.empty() ? "" : " ") + std::to_string(all[at].kind);
+      all_kinds += (all_kinds.empty() ? "" : " ") + std::to_string(all[at].kind);
     }
-    return told;
+    return all_kinds;
   }
 
  private:

@@ -46,6 +46,17 @@ size_t occurrences(const std::string& text, const std::string& part);
 void make_dirs(const std::string& path);
 void remove_tree(const std::string& path);  // follows no link
 
+// ---- Regular expressions, in the syntax of ECMAScript -----------------------------------------------------
+
+bool matches(const std::string& text, const std::string& expression);         // all of the text
+bool contains_match(const std::string& text, const std::string& expression);  // some part of it
+// The first match and what its groups have matched; empty when there is none.
+std::vector<std::string> groups_of(const std::string& text, const std::string& expression);
+std::vector<std::string> all_matches(const std::string& text, const std::string& expression,
+                                     size_t group = 0);
+std::string replace_matches(const std::string& text, const std::string& expression,
+                            const std::string& replacement);
+
 // Something of the test's own at this path, or below it: gone when the scope ends.
 class temporary {
  public:
@@ -240,7 +251,8 @@ class SyslogSink {
 // ---- The world of a test ----------------------------------------------------------------------------------
 
 // Sweeps away what wex and its tests leave behind. The leak gate does so around every case, so that each
-// starts on a device that never ran wex.
+// starts on a device that never ran wex. With WEX_STRICT in the environment it is one that asks for strict
+// mode: what is root's must go on there as ever.
 void clean_world();
 
 // For cases that run the daemon: all diagnostics on, on a console that starts empty. A process or a sanitizer

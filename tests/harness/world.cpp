@@ -118,6 +118,9 @@ void clean_world() {
       write_file(path, "");
     }
   }
+  if (getenv("WEX_STRICT") != nullptr) {
+    write_file(kStrictFile, "");
+  }
 }
 
 void WexWorld::SetUp() {

@@ -114,6 +114,32 @@ kill -INT $once
 wait $once
 gone /usr/sbin/wex || fail "with --once wex was started again, which is init's part"
 end_all
+
+# ---- In strict mode, with the capabilities of the packaged fragment and no others ----------------------------
+
+rm -r /etc/default/wex /tmp/wex /tmp/vsd            # as after a boot: what was registered is dead
+mkdir -p /etc/wex && : > /etc/wex/strict
+needed=$(sed -n 's/^CapabilityBoundingSet=//p' /usr/share/wex/wex-least.conf | tr 'A-Z ' 'a-z\n' | sed -n 's/^cap_/+/p' | grep -vx +sys_boot | paste -s -d, -)
+limited() { setpriv "--bounding-set=-all,$needed" --inh-caps=-all "$@"; }
+set_of() { sed -n 's/^CapBnd:[[:space:]]*//p' "/proc/$1/status"; }
+limited /etc/init.d/wex start
+within 15 answers || fail "wex does not start in strict mode with its own capabilities"
+[ "$(set_of "$pid")" = "$(limited sed -n 's/^CapBnd:[[:space:]]*//p' /proc/self/status)" ] || fail "wex has other capabilities: $(set_of "$pid")"
+grep -q 'Strict mode: ' /ovix/vsd/0/utils/wex/running_log1 || fail "wex is not strict"
+program=$work/service_c
+(cd / && exec setsid setpriv --reuid=1234 --regid=1234 --clear-groups $program < /dev/null > /dev/null 2>&1) &
+disown $!
+within 10 runs_again $program 0 || fail "a user's service did not register in strict mode"
+old=$(pid_of $program)
+kill -KILL "$old"
+within 10 runs_again $program "$old" || fail "a user's service was killed and did not come back in strict mode"
+user=$(sed -n 's/^Uid:[[:space:]]*//p' "/proc/$(pid_of $program)/status")
+[ "$user" = "$(printf '1234\t1234\t1234\t1234')" ] || fail "a user's service came back as $user"
+limited /etc/init.d/wex stop
+within 10 gone /usr/sbin/wex || fail "wex with its own capabilities does not stop"
+pid_of $program > /dev/null || fail "a user's service did not outlive wex"
+rm /etc/wex/strict
+end_all
 dpkg --purge libwex-dev wex libwex1 > $work/dpkg.log 2>&1 || { cat $work/dpkg.log; fail "the packages cannot be removed"; }
 [ ! -e /etc/init.d/wex ] || fail "the start script outlived its package"
 echo "all well"

@@ -1,4 +1,4 @@
-// The table of capabilities in docs/integrator.md: the daemon does its work with exactly these, and without
+// The tables of capabilities in docs/integrator.md: the daemon does its work with exactly these, and without
 // any one of them a part of it is left undone. CAP_SYS_BOOT is what no test may have.
 #include <linux/capability.h>
 #include <linux/netlink.h>
@@ -11,10 +11,12 @@
 
 #include <algorithm>
 #include <functional>
-#include <regex>
+#include <set>
+#include <sstream>
 
 #include "restart_policy.h"
 #include "wex_limits.h"
+#include "wex_paths.h"
 #include "wex_vsd.h"
 
 using namespace policy;
@@ -35,13 +37,13 @@ constexpr capability kKnown[] = {{"CAP_CHOWN", CAP_CHOWN},         {"CAP_DAC_OVE
                                  {"CAP_SYS_NICE", CAP_SYS_NICE},   {"CAP_SYS_RESOURCE", CAP_SYS_RESOURCE}};
 
 // The first cells of the document's table.
-std::vector<std::string> documented() {
+std::vector<std::string> documented(bool strict = false) {
   std::vector<std::string> names;
-  const std::regex row("^\\| `(CAP_[A-Z_]+)` \\|.*");
+  const char* const row = strict ? "^\\| `(CAP_[A-Z_]+)`(, in strict mode)? \\|" : "^\\| `(CAP_[A-Z_]+)` \\|";
   for (const std::string& line : lines_of(read_file(WEX_SOURCE_DIR "/docs/integrator.md"))) {
-    std::smatch match;
-    if (std::regex_match(line, match, row) && match[1] != "CAP_SYS_BOOT") {
-      names.push_back(match[1]);
+    const std::vector<std::string> cell = groups_of(line, row);
+    if (!cell.empty() && cell[1] != "CAP_SYS_BOOT") {
+      names.push_back(cell[1]);
     }
   }
   return names;
@@ -52,8 +54,8 @@ bool granted(unsigned number) {
   return prctl(PR_CAPBSET_READ, number) == 1;
 }
 
-std::vector<std::string> all_but(const std::string& name) {
-  std::vector<std::string> names = documented();
+std::vector<std::string> all_but(const std::string& name, bool strict = false) {
+  std::vector<std::string> names = documented(strict);
   names.erase(std::remove(names.begin(), names.end(), name), names.end());
   return names;
 }
@@ -131,15 +133,12 @@ class Capabilities : public WexWorld, public ::testing::WithParamInterface<const
       return mode_of("/data") == 0777;
     }
     if (name == "CAP_SYS_PTRACE") {
-      return restarts_service_of_other(limit);
+      return restarts_service_of_other(limit) != 0;
     }
     return daemon_.running();
   }
-
-  Daemon daemon_;
-
- private:
-  static bool restarts_service_of_other(milliseconds limit) {
+  // The service in its next life; 0 when it has none.
+  static pid_t restarts_service_of_other(milliseconds limit) {
     Process service;
     std::vector<std::string> words = {"setpriv", "--reuid=1234", "--clear-groups"};
     const std::vector<std::string> program = actor_words(service_of_other());
@@ -148,8 +147,10 @@ class Capabilities : public WexWorld, public ::testing::WithParamInterface<const
     EXPECT_TRUE(eventually([] { return exists(kReadyOfOther); }, 20s));
     const pid_t old = service.pid();
     service.kill_now();
-    return wait_for_actor(service_of_other(), old, limit) != 0;
+    return wait_for_actor(service_of_other(), old, limit);
   }
+
+  Daemon daemon_;
 };
 
 // Runs `work` in a child with these capabilities only; what it returns is the result.
@@ -238,9 +239,10 @@ TEST_P(EndsWithout, AndSaysWhy) {
     EXPECT_TRUE(console_says("[WEX]ULIMIT: Set ulimit error."));
     return;
   }
-  const std::regex reason(
-      "Thread \"wex_process_netlink\" exit, wex will be restart\\. res=-[13], Operation not permitted");
-  EXPECT_TRUE(std::regex_search(read_file(kRunningLog1), reason)) << read_file(kRunningLog1);
+  EXPECT_TRUE(contains_match(
+      read_file(kRunningLog1),
+      "Thread \"wex_process_netlink\" exit, wex will be restart\\. res=-[13], Operation not permitted"))
+      << read_file(kRunningLog1);
 }
 
 INSTANTIATE_TEST_SUITE_P(A, EndsWithout,
@@ -260,3 +262,60 @@ TEST_P(NeglectsWithout, ItsDuty) {
 INSTANTIATE_TEST_SUITE_P(A, NeglectsWithout,
                          ::testing::Values("CAP_DAC_OVERRIDE", "CAP_FOWNER", "CAP_SETGID", "CAP_SYS_PTRACE"),
                          [](const auto& row) { return std::string(row.param); });
+
+// It becomes the users whose programs it starts, and takes over what they have made.
+struct StrictCapabilities : Capabilities {
+  void SetUp() override {
+    Capabilities::SetUp();
+    write_file(kStrictFile, "");
+  }
+  static bool data_is_roots() {
+    struct stat facts = {};
+    return stat("/data", &facts) == 0 && facts.st_uid == 0;
+  }
+};
+
+// The names behind CapabilityBoundingSet= in the packaged fragment of the unit.
+std::set<std::string> packaged_set() {
+  std::set<std::string> names;
+  for (const std::string& line : lines_of(read_file(WEX_SOURCE_DIR "/packaging/init/wex-least.conf"))) {
+    if (line.compare(0, 22, "CapabilityBoundingSet=") == 0) {
+      std::istringstream words(line.substr(22));
+      for (std::string name; words >> name;) {
+        names.insert(name);
+      }
+    }
+  }
+  return names;
+}
+
+TEST_F(StrictCapabilities, ThePackagedSetIsEnoughToStartRunAndStop) {
+  const std::vector<std::string> names = documented(true);
+  ASSERT_EQ(10U, names.size()) << ::testing::PrintToString(names);
+  std::set<std::string> packaged = packaged_set();
+  EXPECT_EQ(1U, packaged.erase("CAP_SYS_BOOT"));
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), packaged);
+  ASSERT_TRUE(start_with(names));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  EXPECT_EQ(mask_of(names), strtoull(status_field(daemon_.pid(), "CapEff").c_str(), nullptr, 16));
+  EXPECT_TRUE(data_is_roots());
+  const pid_t next = restarts_service_of_other(20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("1234\t1234\t1234\t1234", status_field(next, "Uid"));
+  EXPECT_EQ("0000000000000000", status_field(next, "CapPrm"));
+  EXPECT_TRUE(ended_by(daemon_.stop(), SIGINT));
+  EXPECT_TRUE(is_alive(next)) << "it does not outlive the daemon";
+}
+
+TEST_F(StrictCapabilities, WithoutCapSetuidNoProgramOfAUserComesBack) {
+  ASSERT_TRUE(start_with(all_but("CAP_SETUID", true)));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  EXPECT_EQ(0, restarts_service_of_other(1s));
+  EXPECT_TRUE(console_says("]wex_spawn--> cannot become the user of the program: ")) << read_console();
+}
+
+TEST_F(StrictCapabilities, WithoutCapChownADirectoryStaysTheUsersWhoMadeIt) {
+  ASSERT_TRUE(start_with(all_but("CAP_CHOWN", true)));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  EXPECT_FALSE(data_is_roots());
+}

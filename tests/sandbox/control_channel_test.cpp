@@ -321,9 +321,9 @@ TEST_F(ControlChannel, ReadsAShortPayloadAsZerosAndIgnoresALongOnesRest) {
 
 // Of a name that fills its field 255 characters are kept, and nothing of what lies behind it.
 TEST_F(ControlChannel, TakesANameWithoutATerminator) {
-  constexpr char kTold[] = "/tmp/told";
-  write_file("/etc/cmdmap/probe", std::string("echo \"$# $1\" > ") + kTold + ".part\nmv " + kTold + ".part " +
-                                      kTold + "\nexec " + actor_binary() + " --hold\n");
+  constexpr char kArguments[] = "/tmp/arguments";
+  write_file("/etc/cmdmap/probe", std::string("echo \"$# $1\" > ") + kArguments + ".part\nmv " + kArguments +
+                                      ".part " + kArguments + "\nexec " + actor_binary() + " --hold\n");
   start();
   const std::vector<std::string> options = {"--hold", "--label=named"};
   Process service;
@@ -346,9 +346,9 @@ TEST_F(ControlChannel, TakesANameWithoutATerminator) {
   EXPECT_TRUE(console_says(dispatched(2, 0)));
   EXPECT_TRUE(serves());
   service.kill_now();
-  EXPECT_TRUE(eventually([&] { return exists(kTold); })) << read_console();
-  EXPECT_EQ("1 " + std::string(249, 'n') + "\n", read_file(kTold));
-  unlink(kTold);
+  EXPECT_TRUE(eventually([&] { return exists(kArguments); })) << read_console();
+  EXPECT_EQ("1 " + std::string(249, 'n') + "\n", read_file(kArguments));
+  unlink(kArguments);
 }
 
 TEST_F(ControlChannel, RegistersAThreadInTheTableByMessage) {

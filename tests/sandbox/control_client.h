@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -110,9 +109,8 @@ struct ControlChannel : WexWorld {
   static std::string running_log() { return read_file(kRunningLog1) + read_file(kRunningLog2); }
   // Without an error. What the daemon's C library calls that is its own: glibc, musl.
   static bool server_ended(const std::string& result) {
-    const std::regex last_word("Thread \"wex_process_domain\" exit, wex will be restart\\. res=" + result +
-                               ", (Success|No error information)\\(0\\)\r\n");
-    return std::regex_search(running_log(), last_word);
+    return contains_match(running_log(), "Thread \"wex_process_domain\" exit, wex will be restart\\. res=" +
+                                             result + ", (Success|No error information)\\(0\\)\r\n");
   }
 
   Daemon daemon;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <memory>
 #include <ostream>
-#include <regex>
 #include <set>
 
 #include "control_client.h"
@@ -73,9 +72,9 @@ TEST_P(FailingServer, EndsTheDaemonAndSaysWhy) {
       15s))
       << running_log();
   EXPECT_TRUE(daemon.wait(20s).has_value()) << "the daemon must end, so that it can be started again";
-  const std::regex complaint("\\[WEX:wex_core:[0-9]+\\]wex_process_domain: " +
-                             std::string(GetParam().complaint));
-  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), complaint); })) << read_console();
+  const std::string complaint =
+      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: " + std::string(GetParam().complaint);
+  EXPECT_TRUE(eventually([&] { return contains_match(read_console(), complaint); })) << read_console();
   EXPECT_EQ(GetParam().before_listening ? 1 : 0, closes_of_standard_input()) << Daemon::trace();
 }
 
@@ -120,7 +119,7 @@ int socket_of(pid_t pid, const std::string& state) {
     }
     const std::string inode = target.substr(8, target.size() - 9);
     for (const std::string& line : lines_of(read_file("/proc/net/unix"))) {
-      if (std::regex_search(line, std::regex(" 0005 " + state + " +" + inode + "( |$)"))) {
+      if (contains_match(line, " 0005 " + state + " +" + inode + "( |$)")) {
         return atoi(fd.c_str());
       }
     }
@@ -213,10 +212,10 @@ TEST_F(ControlChannel, AClientThatCannotBeAnsweredIsDroppedAndItsMessageNotAppli
     refused += client.next(&record) == 0 ? 1 : 0;
   }
   EXPECT_EQ(3, refused);
-  const std::regex lines(
+  constexpr char kLines[] =
       "]wex_rsp_domain_msg: wex_inner_send_msg err\\(ret:-1, sk:([0-9]+), type:5\\)!\n"
-      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: wex_inner_rsp_msg err\\(ret:-1, sk:\\1\\)!\n");
-  EXPECT_TRUE(eventually([&] { return std::regex_search(read_console(), lines); })) << read_console();
+      "\\[WEX:wex_core:[0-9]+\\]wex_process_domain: wex_inner_rsp_msg err\\(ret:-1, sk:\\1\\)!\n";
+  EXPECT_TRUE(eventually([&] { return contains_match(read_console(), kLines); })) << read_console();
   EXPECT_TRUE(eventually([] {
     return occurrences(read_console(), "]wex_process_domain: wex_inner_rsp_msg err(ret:-1, sk:") == 3;
   }));
@@ -259,7 +258,6 @@ namespace {
 
 // The traced calls of one thread, a line each, also where other threads came in between.
 std::string calls_of(const std::string& thread) {
-  const std::regex parted(" *<unfinished \\.\\.\\.>\n<\\.\\.\\. [a-z0-9_]+ resumed>");
   std::string calls = "\n";
   for (const std::string& line : lines_of(Daemon::trace())) {
     const size_t blank = line.find(' ');
@@ -267,7 +265,7 @@ std::string calls_of(const std::string& thread) {
       calls += line.substr(line.find_first_not_of(' ', blank)) + "\n";
     }
   }
-  return std::regex_replace(calls, parted, "");
+  return replace_matches(calls, " *<unfinished \\.\\.\\.>\n<\\.\\.\\. [a-z0-9_]+ resumed>", "");
 }
 
 }  // namespace
@@ -284,8 +282,8 @@ TEST_F(ControlChannel, AcceptsAllThatWaitInOneCycle) {
   }
   EXPECT_TRUE(serves());
   const std::string server = thread_of(daemon.pid(), "wex_process_dom");
-  const std::regex one_cycle("\nepoll_[^\n]*(\naccept4\\([^\n]*= [0-9]+){64}\nepoll_[^\n]*\n");
-  EXPECT_TRUE(eventually([&] { return std::regex_search(calls_of(server), one_cycle); })) << calls_of(server);
+  constexpr char kOneCycle[] = "\nepoll_[^\n]*(\naccept4\\([^\n]*= [0-9]+){64}\nepoll_[^\n]*\n";
+  EXPECT_TRUE(eventually([&] { return contains_match(calls_of(server), kOneCycle); })) << calls_of(server);
 }
 
 // The kernel moves the clients that it has reported behind those that still wait.
@@ -307,14 +305,9 @@ TEST_F(ControlChannel, ServesEachOfACrowdOnceBeforeAnyTwice) {
   for (const auto& client : crowd) {
     ASSERT_TRUE(client->acknowledged() && client->acknowledged());
   }
-  const std::regex of_whom("recvmsg\\(([0-9]+), [^\n]*= 276\n");
   std::vector<std::string> served;
   EXPECT_TRUE(eventually([&] {
-    const std::string calls = calls_of(server);
-    served.clear();
-    for (std::sregex_iterator at(calls.begin(), calls.end(), of_whom), end; at != end; ++at) {
-      served.push_back(at->str(1));
-    }
+    served = all_matches(calls_of(server), "recvmsg\\(([0-9]+), [^\n]*= 276\n", 1);
     return served.size() == 3 * kCrowd;
   })) << served.size();
   ASSERT_EQ(3 * kCrowd, served.size());
@@ -342,13 +335,13 @@ TEST_F(ControlChannel, ItsQueueItsWaitAndItsPauseAreThoseOfTheDevice) {
   ASSERT_TRUE(daemon.wait_ready(30s));
   EXPECT_TRUE(serves());
   const std::string server = thread_of(daemon.pid(), "wex_process_dom");
-  const std::regex listening("\nlisten\\([0-9]+, 2048\\) *= 0\n");
-  const std::regex cycle(
+  constexpr char kListening[] = "\nlisten\\([0-9]+, 2048\\) *= 0\n";
+  constexpr char kCycle[] =
       "\nepoll_p?wait\\([0-9]+, [^\n]*, 10000(, NULL, [0-9]+)?\\) *= [1-9]\n"
-      "(clock_)?nanosleep\\([^\n]*tv_nsec=1000000\\}");
+      "(clock_)?nanosleep\\([^\n]*tv_nsec=1000000\\}";
   EXPECT_TRUE(eventually([&] {
     const std::string calls = calls_of(server);
-    return std::regex_search(calls, listening) && std::regex_search(calls, cycle);
+    return contains_match(calls, kListening) && contains_match(calls, kCycle);
   })) << calls_of(server);
 }
 

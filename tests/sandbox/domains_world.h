@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -42,7 +41,7 @@ extern "C" int fs_set_vsd_envs(int vsd, int old_pid) {
 }
 
 inline std::string path_of(const char* text, int vsd) {
-  return std::regex_replace(text, std::regex("%d"), std::to_string(vsd));
+  return replace_matches(text, "%d", std::to_string(vsd));
 }
 
 inline std::vector<pid_t> processes_of(int vsd) {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <regex>
 
 #include "restart_policy.h"
 
@@ -16,11 +15,10 @@ constexpr char kLog2[] = "/tmp/wex/wex.log2";
 
 // Entries without their times; a line that does not begin with a time is kept whole and so compares unequal.
 std::vector<std::string> entries(const char* path) {
-  static const std::regex kTime(
-      "^[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4} ");
+  constexpr char kTime[] = "^[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4} ";
   std::vector<std::string> found;
   for (const std::string& line : lines_of(read_file(path))) {
-    found.push_back(std::regex_replace(line, kTime, ""));
+    found.push_back(replace_matches(line, kTime, ""));
   }
   return found;
 }

@@ -27,7 +27,7 @@ inline std::string file_of(int number) {
 inline void register_dead(int count) {
   make_dirs(kDbDir);
   for (int i = 0; i < count; ++i) {
-    write_file(file_of(i), std::to_string(kNobody + i) + "\n2\n" + actor_command(options_of(i)));
+    write_file(file_of(i), std::to_string(kNobody + i) + "\n2\n" + actor_command(options_of(i)), 0755);
   }
 }
 

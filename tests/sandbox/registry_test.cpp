@@ -172,7 +172,7 @@ TEST_F(Registry, FilesThatCannotBeReadStayAndDoNotStopTheStart) {
   ASSERT_EQ(0, mkfifo((db_dir(0) + "/fifo.1").c_str(), 0666));
   ASSERT_EQ(0, mkdir((db_dir(0) + "/directory.1").c_str(), 0777));
   const pid_t old_pid = dead_pid();
-  write_file(db_file(15, old_pid), content_for(old_pid, 2, service_of(15)));
+  write_file(db_file(15, old_pid), content_for(old_pid, 2, service_of(15)), 0755);
   write_file("/tmp/vsd/15/wex/" + text(old_pid), "");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -201,7 +201,7 @@ TEST_F(Registry, ScriptServiceRunsAgainThroughTheCommandMap) {
   const words options = service_of(0);
   const pid_t old_pid = dead_pid();
   write_file("/etc/cmdmap/actor.sh", "exec " + std::string(actor_binary()) + " \"$@\"\n");
-  write_file(db_file(0, old_pid), content_for(old_pid, 3, options));
+  write_file(db_file(0, old_pid), content_for(old_pid, 3, options), 0755);
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const pid_t next = wait_for_actor(options);
@@ -219,7 +219,7 @@ TEST_F(Registry, ServicesStartedByTheRebuildAreStartedOnce) {
   unlink("/tmp/ready.many");
   for (int number = 0; number < kServices; ++number) {
     const pid_t pid = dead_pid();
-    write_file(db_file(0, pid), content_for(pid, 2, options(number)));
+    write_file(db_file(0, pid), content_for(pid, 2, options(number)), 0755);
   }
   Daemon daemon;
   ASSERT_TRUE(daemon.start());

@@ -121,10 +121,10 @@ TEST_F(RestartCalls, OfOneServiceStayWithinTheirBudget) {
   ASSERT_TRUE(eventually([] { return age_of("/tmp/vsd") > 2 && age_of(kThirdPartList) > 2; }, 20s));
   // The second restart is like all that follow: the socket to the log is open, memory was asked for.
   pid_t pid = service.pid();
-  for (const char* told : {"Self-checking OK: 1 times", "Self-checking OK: 2 times"}) {
+  for (const char* message : {"Self-checking OK: 1 times", "Self-checking OK: 2 times"}) {
     ASSERT_TRUE(send_signal(pid, SIGKILL));
     pid = wait_for_actor(options, pid, 20s);
-    ASSERT_TRUE(log.says(told, 20s));
+    ASSERT_TRUE(log.says(message, 20s));
     ASSERT_TRUE(eventually([&] { return is_registered(pid); }));
   }
   daemon.stop();

@@ -14,29 +14,29 @@ struct map_case {
 
 class CommandMap : public WexWorld, public ::testing::WithParamInterface<map_case> {
  protected:
-  static constexpr char kTold[] = "/tmp/wex/told";
+  static constexpr char kWords[] = "/tmp/wex/words";
 };
 
-// Tells its name and arguments, then lives on as a program that a test may leave behind.
-std::string telling_script(const char* told) {
-  return std::string("for word in \"$0\" \"$@\"; do echo \"$word\"; done > ") + told + ".part\nmv " + told +
-         ".part " + told + "\nexec " + actor_binary() + " --hold\n";
+// Writes its name and arguments into `file`, then lives on as a program that a test may leave behind.
+std::string writing_script(const char* file) {
+  return std::string("for word in \"$0\" \"$@\"; do echo \"$word\"; done > ") + file + ".part\nmv " + file +
+         ".part " + file + "\nexec " + actor_binary() + " --hold\n";
 }
 
 }  // namespace
 
 TEST_P(CommandMap, ChoosesTheScriptAndPassesTheWords) {
   const map_case& row = GetParam();
-  write_file(row.script, telling_script(kTold));
+  write_file(row.script, writing_script(kWords));
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Service service("mapped", std::string("--register-shell=") + row.restart_command);
   ASSERT_TRUE(service.start());
   service.end();
-  ASSERT_TRUE(eventually([] { return exists(kTold); })) << read_console();
+  ASSERT_TRUE(eventually([] { return exists(kWords); })) << read_console();
   std::vector<std::string> expected = {row.script};
   expected.insert(expected.end(), row.arguments.begin(), row.arguments.end());
-  EXPECT_EQ(expected, lines_of(read_file(kTold)));
+  EXPECT_EQ(expected, lines_of(read_file(kWords)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -57,36 +57,36 @@ INSTANTIATE_TEST_SUITE_P(
 using ShellRestart = WexWorld;
 
 TEST_F(ShellRestart, WithoutARestartCommandTheProgramsOwnNameAndArgumentsCount) {
-  write_file("/etc/cmdmap/actor.sh", telling_script("/tmp/wex/told"));
+  write_file("/etc/cmdmap/actor.sh", writing_script("/tmp/wex/words"));
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Service service("own", "--register=SHELL");
   ASSERT_TRUE(service.start());
   service.end();
-  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/told"); }));
+  ASSERT_TRUE(eventually([] { return exists("/tmp/wex/words"); }));
   std::vector<std::string> expected = {"/etc/cmdmap/actor.sh"};
   expected.insert(expected.end(), service.options().begin(), service.options().end());
-  EXPECT_EQ(expected, lines_of(read_file("/tmp/wex/told")));
+  EXPECT_EQ(expected, lines_of(read_file("/tmp/wex/words")));
 }
 
 TEST_F(ShellRestart, TheScriptSeesACleanProcess) {
-  const std::string facts = "/tmp/wex/facts";
-  write_file("/etc/cmdmap/clean", "exec " + std::string(actor_binary()) + " --facts=" + facts + " --hold\n");
+  const std::string path = "/tmp/wex/facts";
+  write_file("/etc/cmdmap/clean", "exec " + std::string(actor_binary()) + " --facts=" + path + " --hold\n");
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   Service service("clean", "--register-shell=clean");
   ASSERT_TRUE(service.start());
   service.end();
-  ASSERT_TRUE(eventually([&] { return exists(facts); }));
-  Facts told = read_facts(facts);
-  EXPECT_EQ(std::vector<std::string>{"/"}, told["cwd"]);
-  EXPECT_EQ(told["pid"], told["session"]);
-  EXPECT_EQ(std::vector<std::string>{"0"}, told["policy"]);
-  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, told["SigBlk"]);
-  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, told["SigIgn"]);
-  ASSERT_LE(3u, told["fd"].size());
-  told["fd"].resize(3);  // whatever started this test may have left it more
-  EXPECT_EQ((std::vector<std::string>{"0 /dev/null", "1 /dev/console", "2 /dev/console"}), told["fd"]);
+  ASSERT_TRUE(eventually([&] { return exists(path); }));
+  Facts facts = read_facts(path);
+  EXPECT_EQ(std::vector<std::string>{"/"}, facts["cwd"]);
+  EXPECT_EQ(facts["pid"], facts["session"]);
+  EXPECT_EQ(std::vector<std::string>{"0"}, facts["policy"]);
+  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, facts["SigBlk"]);
+  EXPECT_EQ(std::vector<std::string>{"0000000000000000"}, facts["SigIgn"]);
+  ASSERT_LE(3u, facts["fd"].size());
+  facts["fd"].resize(3);  // whatever started this test may have left it more
+  EXPECT_EQ((std::vector<std::string>{"0 /dev/null", "1 /dev/console", "2 /dev/console"}), facts["fd"]);
 }
 
 TEST_F(ShellRestart, TheShellsOwnPidIsSupervisedUntilTheScriptExecutesTheProgram) {

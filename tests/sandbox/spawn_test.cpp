@@ -152,7 +152,7 @@ TEST_F(Spawn, AScriptWithoutAnInterpreterLineIsRunByTheShellWithItsWords) {
   make_dirs("/tmp/vsd/0/wex/db");
   const pid_t gone = child::reaped();
   write_file("/tmp/vsd/0/wex/db/script." + text(gone),
-             text(gone) + "\n2\n" + words[0] + " " + words[1] + " " + words[2]);
+             text(gone) + "\n2\n" + words[0] + " " + words[1] + " " + words[2], 0755);
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   ASSERT_TRUE(eventually([] { return exists(kFacts); })) << read_console();

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -190,16 +189,12 @@ TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
   const size_t last_line = trace.find("Exit.\\r\\n\"");
   ASSERT_NE(std::string::npos, last_line) << trace;
   for (const char* const name : {"wex_thread_noti", "wex_process_dom", "wex_process_net"}) {
-    std::smatch thread;
-    ASSERT_TRUE(
-        std::regex_search(trace, thread, std::regex("([0-9]+) +prctl\\(PR_SET_NAME, \"" + std::string(name))))
-        << name << "\n"
-        << trace;
-    std::smatch end;  // numbers are padded to five characters
-    ASSERT_TRUE(std::regex_search(trace, end, std::regex(thread[1].str() + " +\\+\\+\\+ exited with 0")))
-        << name << "\n"
-        << trace;
-    EXPECT_LT(static_cast<size_t>(end.position()), last_line) << name << "\n" << trace;
+    const texts thread = groups_of(trace, "([0-9]+) +prctl\\(PR_SET_NAME, \"" + std::string(name));
+    ASSERT_FALSE(thread.empty()) << name << "\n" << trace;
+    // Numbers are padded to five characters.
+    const texts end = groups_of(trace, thread[1] + " +\\+\\+\\+ exited with 0");
+    ASSERT_FALSE(end.empty()) << name << "\n" << trace;
+    EXPECT_LT(trace.find(end[0]), last_line) << name << "\n" << trace;
   }
 }
 

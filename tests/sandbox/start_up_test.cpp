@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -116,9 +115,8 @@ TEST_F(StartUp, ADirectoryNamedLikeTheFormatGetsItsDatabaseToo) {
 
 // The trace with every name in full: most are opened relative to their directory, which strace tells.
 std::string with_full_names(const std::string& trace) {
-  const std::regex relative("(mkdir|open|fchmod)at\\([0-9]+<(/[^>]*)>, \"([^/\"][^\"]*)\"");
-  const std::string full = std::regex_replace(trace, relative, "$1(\"$2/$3\"");
-  return std::regex_replace(full, std::regex("\\(\"//"), "(\"/");
+  constexpr char kRelative[] = "(mkdir|open|fchmod)at\\([0-9]+<(/[^>]*)>, \"([^/\"][^\"]*)\"";
+  return replace_matches(replace_matches(trace, kRelative, "$1(\"$2/$3\""), "\\(\"//", "(\"/");
 }
 
 TEST_F(StartUp, GoesThroughItsStepsInOrder) {

@@ -34,7 +34,7 @@ class Status : public WexWorld {
   }
 
   // Whether this event of this process comes to be seen.
-  static bool told(wex_status_kind kind, pid_t pid, pid_t new_pid = 0, milliseconds limit = 20s) {
+  static bool has_event(wex_status_kind kind, pid_t pid, pid_t new_pid = 0, milliseconds limit = 20s) {
     return eventually(
         [=] {
           for (const wex_status_event& event : StatusReader().events()) {
@@ -89,7 +89,7 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
   Service service("walk");
   ASSERT_TRUE(service.start());
   pid_t pid = service.pid();
-  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, pid));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, pid));
   EXPECT_TRUE(shows(pid, WEX_STATUS_RUNNING));
   const auto first = StatusReader().slot_of(pid);
   ASSERT_TRUE(first);
@@ -107,14 +107,14 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
     EXPECT_EQ(0, exited->domain);
     EXPECT_TRUE(exited->monotonic >= before && exited->monotonic <= wex_clock_ms()) << exited->monotonic;
     EXPECT_TRUE(exited->wall / 1000 >= wall - 1 && exited->wall / 1000 <= time(nullptr) + 1) << exited->wall;
-    EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
+    EXPECT_TRUE(has_event(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
     pid = service.pid();
   }
   EXPECT_EQ(4U, StatusReader().slot_of(pid)->restarts_window);
   service.end();
-  EXPECT_TRUE(told(WEX_STATUS_EV_PARKED, pid));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_PARKED, pid));
   EXPECT_TRUE(shows(pid, WEX_STATUS_PARKED));
-  EXPECT_TRUE(told(WEX_STATUS_EV_TRIED_AGAIN, pid));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_TRIED_AGAIN, pid));
   ASSERT_TRUE(service.comes_back());
   pid = service.pid();
   EXPECT_TRUE(shows(pid, WEX_STATUS_RUNNING));
@@ -127,7 +127,7 @@ TEST_F(Status, AServiceIsFollowedFromItsRegistrationThroughItsParkingToItsEnd) {
   EXPECT_EQ(5U, StatusReader().counter(WEX_STATUS_EXITS));
   EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_PARKS));
   service.end(SIGTERM);
-  EXPECT_TRUE(told(WEX_STATUS_EV_STOPPED, pid));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_STOPPED, pid));
   EXPECT_TRUE(eventually([] { return StatusReader().slots().empty(); }));
 }
 
@@ -138,7 +138,7 @@ TEST_F(Status, APostponedRestartWaitsInTheTable) {
   ASSERT_GT(pid, 0);
   Holder holder({pid});
   service.kill_now();
-  EXPECT_TRUE(told(WEX_STATUS_EV_POSTPONED, pid));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_POSTPONED, pid));
   EXPECT_TRUE(shows(pid, WEX_STATUS_WAITING));
   const auto slot = StatusReader().slot_of(pid);
   ASSERT_TRUE(slot);
@@ -146,7 +146,7 @@ TEST_F(Status, APostponedRestartWaitsInTheTable) {
   holder.end();
   const pid_t next = wait_for_actor({"--tag=held", "--hold"}, pid);
   ASSERT_GT(next, 0);
-  EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, next));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_RESTARTED, pid, next));
   EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_EXITS)) << "the same end came twice";
   EXPECT_EQ(1U, StatusReader().counter(WEX_STATUS_POSTPONED));
 }
@@ -158,23 +158,23 @@ TEST_F(Status, WhatEndsARegistrationIsToldApart) {
   ASSERT_TRUE(shows(cancelled.pid(), WEX_STATUS_RUNNING));
   EXPECT_EQ(SHELL_RESTART, StatusReader().slot_of(cancelled.pid())->action);
   write_file("/tmp/shown", "");
-  EXPECT_TRUE(told(WEX_STATUS_EV_CANCELLED, cancelled.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_CANCELLED, cancelled.pid()));
   Service dropped("dropped");
   ASSERT_TRUE(dropped.start());
   write_file("/tmp/vsd/5/delete_vsd", "");
   dropped.end();
-  EXPECT_TRUE(told(WEX_STATUS_EV_DROPPED, dropped.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_DROPPED, dropped.pid()));
   unlink("/tmp/vsd/5/delete_vsd");
   Process twin;
   const std::vector<std::string> same = {"--tag=same", "--register=RESTART", "--confirm", "--hold"};
   Process one;
   ASSERT_TRUE(one.start(actor_words(same)));
-  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, one.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, one.pid()));
   ASSERT_TRUE(twin.start(actor_words(same)));
-  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, twin.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, twin.pid()));
   const pid_t first = one.pid();
   one.kill_now();
-  EXPECT_TRUE(told(WEX_STATUS_EV_HANDED_OVER, first));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_HANDED_OVER, first));
   EXPECT_TRUE(counts(WEX_STATUS_HANDED_OVER, 1));
   EXPECT_TRUE(counts(WEX_STATUS_DROPPED, 1));
 }
@@ -186,7 +186,7 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   body.pid = sleeper.pid();
   body.restart_delay = 3;
   ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
-  ASSERT_TRUE(told(WEX_STATUS_EV_REGISTERED, sleeper.pid()));
+  ASSERT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, sleeper.pid()));
   ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
   EXPECT_TRUE(counts(WEX_STATUS_NOT_REGISTERED, 1)) << "it is known";
   ASSERT_TRUE(client.send_body(WEX_RESTART, control_client::body_of(child::reaped())) &&
@@ -206,7 +206,7 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
       20s))
       << "the thread that makes it is at work, and others wait behind it, and may have no slot: the pause is "
          "told for itself, too";
-  EXPECT_TRUE(told(WEX_STATUS_EV_FAILED, sleeper.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_FAILED, sleeper.pid()));
   EXPECT_TRUE(shows(sleeper.pid(), WEX_STATUS_DOWN));
   EXPECT_TRUE(counts(WEX_STATUS_FAILED, 1));
   remove_tree(kEventLog1);
@@ -214,7 +214,7 @@ TEST_F(Status, ARestartThatWaitsOrLeavesNoProcessIsShown) {
   const child next;  // the same program, started by somebody else
   body.pid = next.pid();
   ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
-  EXPECT_TRUE(told(WEX_STATUS_EV_REPLACED, sleeper.pid(), next.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REPLACED, sleeper.pid(), next.pid()));
   EXPECT_TRUE(shows(next.pid(), WEX_STATUS_RUNNING));
   EXPECT_EQ(1U, StatusReader().slots().size());
   EXPECT_TRUE(eventually([] { return busy_since(kStatusMonitor) == 0; }, 60s));
@@ -226,7 +226,7 @@ TEST_F(Status, ADaemonThatEndsByItselfSaysSo) {
   EXPECT_EQ(0U, facts.st_uid);
   EXPECT_EQ(start_time_of(daemon_.pid()), StatusReader().head().daemon_start);
   write_file("/tmp/wex/forkfile", "1234567");  // as many failed forks as end it
-  EXPECT_TRUE(told(WEX_STATUS_EV_DAEMON_ENDED, daemon_.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_DAEMON_ENDED, daemon_.pid()));
   EXPECT_TRUE(eventually([] { return (StatusReader().head().flags & WEX_STATUS_ENDED) != 0; }));
 }
 
@@ -326,7 +326,7 @@ TEST_F(Status, TheNextDaemonGoesOnAndADaemonThatWasKilledIsToldFromOneThatEnded)
   EXPECT_EQ(before->pid_start, slot->pid_start);
   EXPECT_NEAR(static_cast<double>(before->started), static_cast<double>(slot->started), 10000)
       << "when it was registered, and when it began";
-  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, service.pid())) << "from the daemon before";
   next.kill_now();
 }
 
@@ -350,11 +350,11 @@ TEST_F(Status, ARegistrationWithoutASlotIsSupervisedAsEver) {
   Service service("unseen");
   ASSERT_TRUE(service.start());
   EXPECT_TRUE(counts(WEX_STATUS_NOT_SHOWN, 1));
-  EXPECT_TRUE(told(WEX_STATUS_EV_REGISTERED, service.pid()));
+  EXPECT_TRUE(has_event(WEX_STATUS_EV_REGISTERED, service.pid()));
   for (int restart = 0; restart < 2; ++restart) {
     const pid_t pid = service.pid();
     ASSERT_TRUE(service.ends_and_comes_back());
-    EXPECT_TRUE(told(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
+    EXPECT_TRUE(has_event(WEX_STATUS_EV_RESTARTED, pid, service.pid()));
   }
   const uint64_t began = start_time_of(service.pid());
   EXPECT_FALSE(StatusReader().slot_of(service.pid()));

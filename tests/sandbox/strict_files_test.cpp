@@ -1,4 +1,5 @@
 // Strict mode: directories are root's, and files of users count for what is theirs alone.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -73,6 +74,33 @@ TEST_F(StrictFiles, AUserCannotRemoveOrReplaceWhatIsTheDaemons) {
            !exists(std::string(kUsersDir) + "/" + text(roots.pid()));
   }));
   EXPECT_TRUE(exists(std::string(kUsersDir) + "/" + text(roots.pid())));
+}
+
+// Out of a directory of his own, where it could be neither read nor written by him.
+TEST_F(StrictFiles, AFileOfRootsThatAUserGivesTheNameOfHisDatabaseFileStaysRoots) {
+  make_dirs("/tmp/his");
+  give_to_user("/tmp/his", 0755);
+  write_file("/tmp/his/secret", "root's");
+  ASSERT_EQ(0, chmod("/tmp/his/secret", 0600));
+  const int secret = open("/tmp/his/secret", O_RDONLY | O_CLOEXEC);
+  start();
+  Process& service = process();
+  ASSERT_TRUE(service.start(users_words({"--hold"})));
+  ASSERT_TRUE(eventually([&] { return read_file("/proc/" + text(service.pid()) + "/comm") == "actor\n"; }));
+  const std::string name = std::string(kMainDbDir) + "/actor." + text(service.pid());
+  ASSERT_TRUE(as_user([&] { return rename("/tmp/his/secret", name.c_str()) == 0; }));
+  ASSERT_TRUE(as_user([&] {
+    const raw_client client;
+    return client.send_body(WEX_RESTART, control_client::body_of(service.pid())) && client.acknowledged();
+  }));
+  ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }, 20s));
+  struct stat facts = {};
+  ASSERT_EQ(0, fstat(secret, &facts));
+  close(secret);
+  EXPECT_EQ(0U, facts.st_uid);
+  EXPECT_EQ(0600U, facts.st_mode & 07777);
+  EXPECT_TRUE(eventually([&] { return facts_of(name).st_uid == kUser; }, 20s))
+      << "the file that he has instead";
 }
 
 // Neither the end of the daemon nor that of a restart.

@@ -22,7 +22,8 @@ struct mode_row {
   words log;  // in this order behind "Start."
 };
 
-constexpr char kLimitsOf[] = "Strict mode: 64 connections and 256 registrations for each user.";
+constexpr char kLimitsOf[] =
+    "Strict mode: 64 connections, 256 registrations and restart delays of 300 s for each user.";
 constexpr char kDistrusted[] = "/etc/wex/strict is no file that only root can write: its lines do not count.";
 
 void make_strict_file(const std::string& lines, mode_t mode = 0644, uid_t owner = 0) {
@@ -37,13 +38,13 @@ const mode_row kModes[] = {
     {"limits",
      [] { make_strict_file("# of users\n\n connections 5\nregistrations\t7 \n"); },
      true,
-     {"Strict mode: 5 connections and 7 registrations for each user."}},
+     {"Strict mode: 5 connections, 7 registrations and restart delays of 300 s for each user."}},
     {"wrong lines",
      [] {
        make_strict_file("connections 0\nconnections 5 6\nregistrations 9999999999\nusers 5\nconnections 9\n");
      },
      true,
-     {"Strict mode: 9 connections and 256 registrations for each user.",
+     {"Strict mode: 9 connections, 256 registrations and restart delays of 300 s for each user.",
       "/etc/wex/strict: line 1 does not count.", "/etc/wex/strict: line 2 does not count.",
       "/etc/wex/strict: line 3 does not count.", "/etc/wex/strict: line 4 does not count."}},
     {"a file that others may write",

@@ -49,6 +49,7 @@ TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
   Process& service = process();
   const words options = service_words({"--tag=lives"});
   ASSERT_TRUE(start_service(&service, {"--tag=lives"}));
+  EXPECT_TRUE(eventually([&] { return mode_of(registry::db_file(0, "actor", service.pid())) == 0700; }, 20s));
   const pid_t second = kill_and_wait(service.pid(), options);
   ASSERT_GT(second, 0) << read_console();
   expect_as_before(second);
@@ -70,6 +71,46 @@ TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
   const pid_t fourth = wait_for_actor(options, third, 20s);
   ASSERT_GT(fourth, 0) << read_console();
   expect_as_before(fourth);
+}
+
+// A pause of root's program is slept with the registry locked.
+TEST_F(StrictRestart, AUsersPauseIsCutAndHoldsNobodyUp) {
+  write_file(kStrictFile, "restart_delay 4\n");
+  start();
+  Process& slow = process();
+  Process& roots = process();
+  const words options = {"--time-set=2147483647", "--tag=slow"};
+  ASSERT_TRUE(start_service(&slow, options));
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  EXPECT_EQ(4, StatusReader().slot_of(slow.pid())->restart_delay);
+  const auto begun = std::chrono::steady_clock::now();
+  send_signal(slow.pid(), SIGKILL);
+  ASSERT_TRUE(
+      eventually([&] { return StatusReader().slot_of(slow.pid())->state == WEX_STATUS_RESTARTING; }, 20s));
+  EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
+  EXPECT_EQ(WEX_STATUS_RESTARTING, StatusReader().slot_of(slow.pid())->state) << "it still waits";
+  const pid_t next = wait_for_actor(service_words(options), slow.pid(), 60s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, 4s);
+  expect_as_before(next);
+  ASSERT_TRUE(eventually([&] { return is_registered(next); }, 20s));
+  EXPECT_EQ(4, StatusReader().slot_of(next)->restart_delay);
+}
+
+// Without a database file the next daemon would not know the program.
+TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
+  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& slow = process();
+  const words options = {"--time-set=300", "--confirm", "--tag=slow", "--hold"};
+  ASSERT_TRUE(slow.start(users_words(options)));
+  ASSERT_TRUE(eventually([&] { return is_registered(slow.pid()); }, 20s));
+  send_signal(slow.pid(), SIGKILL);
+  ASSERT_TRUE(
+      eventually([&] { return StatusReader().slot_of(slow.pid())->state == WEX_STATUS_RESTARTING; }, 20s));
+  ASSERT_TRUE(end_through_server());
+  EXPECT_TRUE(exited_with(daemon.wait(30s), 0)) << read_console();
+  EXPECT_GT(wait_for_actor(options, slow.pid(), 20s), 0) << read_console();
 }
 
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {

@@ -236,14 +236,14 @@ TEST_F(WexrunNotify, EverySignalOfTheManualReachesTheProgramAndABrokenPipeOfItsP
              "say up\nwhile :; do sleep 0.1; done\n",
              0755);
   Process service;
-  std::string told = "up\n";
+  std::string facts = "up\n";
   ASSERT_TRUE(service.start(wexrun({"--notify"}, script)));
-  ASSERT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << read_console();
+  ASSERT_TRUE(eventually([&] { return read_file(kFacts) == facts; }, 20s)) << read_console();
   service.send(SIGPIPE);
   for (const auto& row : rows) {
     service.send(row.number);
-    told += std::string(row.name) + "\n";
-    EXPECT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << row.name << read_file(kFacts);
+    facts += std::string(row.name) + "\n";
+    EXPECT_TRUE(eventually([&] { return read_file(kFacts) == facts; }, 20s)) << row.name << read_file(kFacts);
   }
   service.send(SIGTERM);
   EXPECT_TRUE(ended_by(service.wait(20s), SIGTERM));
@@ -264,19 +264,19 @@ TEST_F(WexrunNotify, AProgramThatCatchesSigtermOrSigabrtEndsInItsOwnWay) {
              "say up\nwhile :; do sleep 0.1; done\n",
              0755);
   Process service;
-  std::string told = "up\n";
+  std::string facts = "up\n";
   ASSERT_TRUE(service.start(command));
   pid_t pid = service.pid();
   for (const auto& row : rows) {
-    ASSERT_TRUE(eventually([&] { return read_file(kFacts) == told && lock_holder(pid) == pid; }, 20s))
+    ASSERT_TRUE(eventually([&] { return read_file(kFacts) == facts && lock_holder(pid) == pid; }, 20s))
         << row.name << read_file(kFacts);
     send_signal(pid, row.number);
     EXPECT_TRUE(log.says("/" + text(pid) + row.logged, 20s)) << read_console();
-    told += std::string(row.name) + "\nup\n";
+    facts += std::string(row.name) + "\nup\n";
     pid = wait_for_command(command, pid);
     ASSERT_GT(pid, 0) << read_console();
   }
-  EXPECT_TRUE(eventually([&] { return read_file(kFacts) == told; }, 20s)) << read_file(kFacts);
+  EXPECT_TRUE(eventually([&] { return read_file(kFacts) == facts; }, 20s)) << read_file(kFacts);
   EXPECT_TRUE(exited_with(service.wait(20s), 8));
 }
 

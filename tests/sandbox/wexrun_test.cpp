@@ -1,5 +1,4 @@
 // wexrun with the real daemon: a program that knows nothing of wex dies and comes back, registered anew.
-#include <regex>
 
 #include "shell_answer.h"
 #include "wexrun_support.h"
@@ -34,12 +33,8 @@ std::string link_target(pid_t pid, int fd) {
 }
 
 std::set<std::string> options_in(const std::string& text) {
-  const std::regex option("--[a-z]+(-[a-z]+)*");
-  std::set<std::string> found;
-  for (std::sregex_iterator one(text.begin(), text.end(), option); one != std::sregex_iterator(); ++one) {
-    found.insert(one->str());
-  }
-  return found;
+  const std::vector<std::string> found = all_matches(text, "--[a-z]+(-[a-z]+)*");
+  return {found.begin(), found.end()};
 }
 
 }  // namespace
@@ -206,7 +201,7 @@ TEST_F(Wexrun, TheManualPageAndTheHelpHaveTheSameOptions) {
   const std::string page = read_file(WEX_SOURCE_DIR "/docs/man/wexrun.1");
   EXPECT_EQ(0, help.status);
   EXPECT_EQ(5U, options_in(help.text).size()) << help.text;
-  EXPECT_EQ(options_in(help.text), options_in(std::regex_replace(page, std::regex("\\\\-"), "-")));
+  EXPECT_EQ(options_in(help.text), options_in(replace_matches(page, "\\\\-", "-")));
 }
 
 // The most that is not refused: 13 words behind wexrun, 242 characters with it. Each comes back whole, also

@@ -18,7 +18,7 @@ answer wexstat(const std::string& arguments = "") {
   return shell(std::string(kBinary) + " " + arguments);
 }
 
-bool told(const std::string& arguments, const std::string& text, milliseconds limit = 20s) {
+bool shows(const std::string& arguments, const std::string& text, milliseconds limit = 20s) {
   return eventually([&] { return wexstat(arguments).text.find(text) != std::string::npos; }, limit);
 }
 bool checked(int status, const std::string& text) {
@@ -34,7 +34,7 @@ std::string number(pid_t pid) {
 }
 // The first line about one registration.
 bool is_in_state(pid_t pid, const std::string& state) {
-  return told(number(pid), ", pid " + number(pid) + ": " + state);
+  return shows(number(pid), ", pid " + number(pid) + ": " + state);
 }
 
 struct Wexstat : WexWorld {
@@ -56,9 +56,9 @@ TEST_F(Wexstat, AServiceIsShownInEveryState) {
   EXPECT_TRUE(checked(0, "well: 2 supervised")) << wexstat("--check").text;
   ASSERT_TRUE(is_in_state(down.pid(), "running")) << wexstat(number(down.pid())).text;
   ASSERT_TRUE(down.ends_and_comes_back());
-  EXPECT_TRUE(told(number(down.pid()), "exited: SIGKILL")) << wexstat(number(down.pid())).text;
-  EXPECT_TRUE(told(number(down.pid()), "restarted as pid " + number(down.pid())));
-  EXPECT_TRUE(told(number(down.pid()), "1 since its registration"));
+  EXPECT_TRUE(shows(number(down.pid()), "exited: SIGKILL")) << wexstat(number(down.pid())).text;
+  EXPECT_TRUE(shows(number(down.pid()), "restarted as pid " + number(down.pid())));
+  EXPECT_TRUE(shows(number(down.pid()), "1 since its registration"));
 
   ASSERT_TRUE(parked.park());
   EXPECT_TRUE(is_in_state(parked.pid(), "parked, 59 min ")) << wexstat(number(parked.pid())).text;
@@ -80,7 +80,7 @@ TEST_F(Wexstat, AServiceIsShownInEveryState) {
   EXPECT_NE(std::string::npos, lines[5].find(" running "));
 
   running.end(SIGTERM);  // on purpose
-  EXPECT_TRUE(told("--history", "stopped on purpose")) << wexstat("--history").text;
+  EXPECT_TRUE(shows("--history", "stopped on purpose")) << wexstat("--history").text;
   EXPECT_TRUE(eventually([&] { return wexstat(number(running.pid())).status == 1; }, 20s)) << "forgotten";
   remove_tree(kEventLog1);
   unlink("/etc/debug_log");
@@ -122,7 +122,7 @@ TEST_F(Wexstat, APostponedRestartIsShownUntilItIsMade) {
   const pid_t next = wait_for_actor(options, pid, 20s);
   ASSERT_GT(next, 0);
   EXPECT_TRUE(is_in_state(next, "running")) << wexstat().text;
-  EXPECT_TRUE(told(number(next), "restart postponed: its database file is held"))
+  EXPECT_TRUE(shows(number(next), "restart postponed: its database file is held"))
       << wexstat(number(next)).text;
   daemon.kill_now();
 }
@@ -135,8 +135,8 @@ TEST_F(Wexstat, ADaemonThatIsStoppedOrKilledIsNotWell) {
   EXPECT_TRUE(checked(0, "well: 1 supervised"));
   daemon.send(SIGSTOP);
   EXPECT_TRUE(checked(2, "wex is stuck: it is stopped by a signal")) << wexstat("--check").text;
-  EXPECT_TRUE(told("", "STUCK: it is stopped by a signal"));
-  EXPECT_TRUE(told("--openmetrics", "\nwex_stuck 1\n"));
+  EXPECT_TRUE(shows("", "STUCK: it is stopped by a signal"));
+  EXPECT_TRUE(shows("--openmetrics", "\nwex_stuck 1\n"));
   daemon.send(SIGCONT);
   EXPECT_TRUE(checked(0, "well")) << wexstat("--check").text;
   const pid_t first = daemon.pid();
@@ -146,12 +146,12 @@ TEST_F(Wexstat, ADaemonThatIsStoppedOrKilledIsNotWell) {
   EXPECT_EQ(0U, left.text.find("wex is NOT RUNNING (it was killed); pid " + number(first) + " left this:\n"))
       << left.text;
   EXPECT_NE(std::string::npos, left.text.find(" running ")) << left.text;
-  EXPECT_TRUE(told("--openmetrics", "\nwex_up 0\n"));
+  EXPECT_TRUE(shows("--openmetrics", "\nwex_up 0\n"));
   EXPECT_EQ(1, wexstat("--wait actor --timeout 0").status) << "nobody supervises it";
   ASSERT_TRUE(daemon.start());
   EXPECT_TRUE(checked(0, "well: 1 supervised")) << wexstat("--check").text;
   EXPECT_EQ(2U, occurrences(wexstat("--history 100").text, "wex started")) << wexstat("--history 100").text;
-  EXPECT_TRUE(told("--history 100", "  registered\n"));
+  EXPECT_TRUE(shows("--history 100", "  registered\n"));
   daemon.kill_now();
 }
 

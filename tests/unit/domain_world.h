@@ -20,7 +20,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>

@@ -267,14 +267,14 @@ TEST_F(SystemSem, WhatIsNoFileAtTheNameOfTheKeyMakesRoom) {
       {"a directory", [] { EXPECT_EQ(0, mkdir(WEX_SEM_KEY_FILE, 0755)); }},
       {"a link", [] { EXPECT_EQ(0, symlink("/none", WEX_SEM_KEY_FILE)); }},
       {"a pipe", [] { EXPECT_EQ(0, mkfifo(WEX_SEM_KEY_FILE, 0666)); }}};
-  for (const auto& [told, make] : rows) {
+  for (const auto& [name, make] : rows) {
     make();
-    EXPECT_EQ(0, wex_sem_init()) << told;
+    EXPECT_EQ(0, wex_sem_init()) << name;
     struct stat facts = {};
-    EXPECT_EQ(0, lstat(WEX_SEM_KEY_FILE, &facts)) << told;
-    EXPECT_TRUE(S_ISREG(facts.st_mode)) << told;
-    EXPECT_EQ(0, wex_get_semval()) << told;
-    EXPECT_EQ(0, semctl(g_wex_semid, 0, IPC_RMID, nullptr)) << told;
+    EXPECT_EQ(0, lstat(WEX_SEM_KEY_FILE, &facts)) << name;
+    EXPECT_TRUE(S_ISREG(facts.st_mode)) << name;
+    EXPECT_EQ(0, wex_get_semval()) << name;
+    EXPECT_EQ(0, semctl(g_wex_semid, 0, IPC_RMID, nullptr)) << name;
     g_wex_semid = -1;
     EXPECT_EQ(0, system("rm -rf /tmp/aside-* /tmp/.wex_semphore_path"));
   }
@@ -347,7 +347,7 @@ TEST_F(SystemSem, ASecondNameOfItsKeyFileChangesNothing) {
 // What an unprivileged user may have made before the first start.
 TEST_F(SystemSem, OnlyASetAndAKeyFileOfRootsCount) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<void()> by_root;  // before
     bool file, set;                 // what the user makes
   } rows[] = {{"file", [] {}, true, false},
@@ -374,17 +374,17 @@ TEST_F(SystemSem, OnlyASetAndAKeyFileOfRootsCount) {
     close(theirs[0]);
     close(theirs[1]);
     g_wex_semid = -1;
-    EXPECT_EQ(0, wex_sem_init()) << row.told;
+    EXPECT_EQ(0, wex_sem_init()) << row.name;
     const int ours = g_wex_semid;
-    EXPECT_GE(ours, 0) << row.told;
-    EXPECT_NE(their_set, ours) << row.told;
-    EXPECT_EQ(ours, wex_get_semid()) << row.told << ": what a client finds";
+    EXPECT_GE(ours, 0) << row.name;
+    EXPECT_NE(their_set, ours) << row.name;
+    EXPECT_EQ(ours, wex_get_semid()) << row.name << ": what a client finds";
     struct stat facts = {};
-    EXPECT_EQ(0, stat(WEX_SEM_KEY_FILE, &facts)) << row.told;
-    EXPECT_EQ(0u, facts.st_uid) << row.told;
+    EXPECT_EQ(0, stat(WEX_SEM_KEY_FILE, &facts)) << row.name;
+    EXPECT_EQ(0u, facts.st_uid) << row.name;
     semctl(ours, 0, IPC_RMID, nullptr);
     if (row.set) {
-      EXPECT_EQ(0, semctl(their_set, 0, IPC_RMID, nullptr)) << row.told << ": left alone";
+      EXPECT_EQ(0, semctl(their_set, 0, IPC_RMID, nullptr)) << row.name << ": left alone";
     }
     unlink(WEX_SEM_KEY_FILE);
   }

@@ -309,14 +309,16 @@ TEST_F(OpenRule, ForAChangeALinkOfRootsCountsOnlyWhereNobodyElseCouldPutIt) {
     ASSERT_EQ(0, chmod(directory.c_str(), row.mode));
     link_of(0, "/tmp/r/target", link.c_str());
     link_of(0, "/tmp/r", (directory + "/way").c_str());
-    const std::string told = directory + " " + std::to_string(row.mode) + " " + std::to_string(row.group);
-    EXPECT_TRUE(wex_open_file(link.c_str(), O_RDONLY).valid()) << told;
+    const std::string directory_text =
+        directory + " " + std::to_string(row.mode) + " " + std::to_string(row.group);
+    EXPECT_TRUE(wex_open_file(link.c_str(), O_RDONLY).valid()) << directory_text;
     for (const int flags : {O_WRONLY, O_RDWR, O_WRONLY | O_CREAT, O_RDONLY | O_CREAT}) {
-      EXPECT_EQ(row.usable, wex_open_file(link.c_str(), flags, 0600).valid()) << told << " " << flags;
+      EXPECT_EQ(row.usable, wex_open_file(link.c_str(), flags, 0600).valid())
+          << directory_text << " " << flags;
     }
     wex_make_dir((directory + "/way/made").c_str(), 0755);
-    EXPECT_EQ(row.usable, exists("/tmp/r/made")) << told;
-    EXPECT_EQ(row.usable, open_trusted_dir(AT_FDCWD, (directory + "/way").c_str()).valid()) << told;
+    EXPECT_EQ(row.usable, exists("/tmp/r/made")) << directory_text;
+    EXPECT_EQ(row.usable, open_trusted_dir(AT_FDCWD, (directory + "/way").c_str()).valid()) << directory_text;
     rmdir("/tmp/r/made");
     for (const char* const name : {"/link", "/way"}) {
       ASSERT_EQ(0, unlink((directory + name).c_str()));

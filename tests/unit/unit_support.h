@@ -77,15 +77,6 @@ inline std::string with_group(const std::string& text, const char* expression, c
   return result + rest;
 }
 
-// Whether all of the text matches.
-inline bool matches(const std::string& text, const std::string& expression) {
-  regex_t compiled;
-  EXPECT_EQ(0, regcomp(&compiled, ("^(" + expression + ")$").c_str(), REG_EXTENDED)) << expression;
-  const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-  regfree(&compiled);
-  return found;
-}
-
 inline std::string lines_printed_by(const std::function<void()>& work) {
   return without_line_numbers(printed_by(work));
 }

@@ -103,6 +103,13 @@ class service {
     })) << "thread "
         << tid(i) << " does not end";
   }
+  // Of the whole process, from its main thread; `first` is the real one.
+  void change_user(uid_t first, uid_t others) {
+    slots_[0].first = first;
+    slots_[0].others = others;
+    tell(0, 'u');
+    wait_done(0);
+  }
   void become_another_program() {
     tell(0, 'x');
     EXPECT_TRUE(eventually([this] {
@@ -129,6 +136,7 @@ class service {
     std::atomic<char> what;
     int32_t tid;
     int32_t result;
+    uid_t first, others;
   };
 
   int status() {
@@ -176,6 +184,11 @@ class service {
         case 'x':
           execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
           _exit(127);
+        case 'u':
+          if (setresuid(mine.first, mine.others, mine.others) != 0) {
+            _exit(126);
+          }
+          break;
         case 'q':
           _exit(0);
         default:

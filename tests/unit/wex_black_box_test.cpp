@@ -167,7 +167,7 @@ TEST_F(BlackBox, AFileThatIsLargerThanAnyOfOursIsNotKept) {
 
 TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<void()> make;
   } rows[] = {
       {"link",
@@ -187,11 +187,11 @@ TEST_F(BlackBox, WhateverIsWrongWithItsFilesTheRebootRecordIsWritten) {
     in_child([&] {
       wex_init_chains(&wex_chains);
       wex_reboot("because\n", nullptr);
-      EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" because\n")) << row.told;
-      EXPECT_EQ("precious", read_file("/tmp/victim")) << row.told;
+      EXPECT_NE(std::string::npos, read_file(kRebootLog).find(" because\n")) << row.name;
+      EXPECT_EQ("precious", read_file("/tmp/victim")) << row.name;
     });
-    EXPECT_FALSE(row.told == std::string("full disk") && exists(kHistory));
-    if (row.told == std::string("full disk")) {
+    EXPECT_FALSE(row.name == std::string("full disk") && exists(kHistory));
+    if (row.name == std::string("full disk")) {
       EXPECT_EQ(0, umount("/data"));
     }
     for (const std::string& name : list_dir("/data")) {
@@ -313,13 +313,14 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
   wex_look_at_hung(hung.pid(), hung.pid());
   wex_note_watched([](int32_t tid) { return tid == watched; });
   wex_keep_hung();
-  const std::string told = read_file(kHung);
-  EXPECT_NE(std::string::npos, told.find(" process " + text(hung.pid()) + ", thread " + text(hung.pid()) +
-                                         " hung; 3 threads seen\nwatched:\nthread " + text(hung.pid()) + " "))
-      << told;
-  EXPECT_EQ(1U, occurrences(told, "\nwatched:\n")) << told;
-  EXPECT_EQ(2U, occurrences(told, "\nnot watched:\n")) << told;
-  EXPECT_EQ(2U, occurrences(told, " second?thread: state S, processor ")) << told;
+  const std::string written = read_file(kHung);
+  EXPECT_NE(std::string::npos,
+            written.find(" process " + text(hung.pid()) + ", thread " + text(hung.pid()) +
+                         " hung; 3 threads seen\nwatched:\nthread " + text(hung.pid()) + " "))
+      << written;
+  EXPECT_EQ(1U, occurrences(written, "\nwatched:\n")) << written;
+  EXPECT_EQ(2U, occurrences(written, "\nnot watched:\n")) << written;
+  EXPECT_EQ(2U, occurrences(written, " second?thread: state S, processor ")) << written;
   for (const std::string& tid : list_dir(tasks)) {
     const std::string thread = tasks + "/" + tid;
     if (read_file(thread + "/comm").find("second") ==
@@ -328,23 +329,23 @@ TEST_F(BlackBox, EachThreadOfAHungProcessIsDescribed) {
       const std::string line = "thread " + tid + " second.thread: state S, processor [0-9]+ ms, waits in " +
                                read_file(thread + "/wchan") + ", call " + call.substr(0, call.find(' ')) +
                                " .*";
-      const std::vector<std::string> lines = lines_of(told);
+      const std::vector<std::string> lines = lines_of(written);
       const auto found = std::find_if(lines.begin(), lines.end(),
                                       [&](const std::string& one) { return matches(one, line); });
-      ASSERT_NE(lines.end(), found) << line << "\n" << told;
+      ASSERT_NE(lines.end(), found) << line << "\n" << written;
       const std::vector<std::string> stack = lines_of(read_file(thread + "/stack"));
       for (size_t at = 0; at < stack.size(); ++at) {
-        ASSERT_LT(static_cast<ptrdiff_t>(at + 1), lines.end() - found) << told;
+        ASSERT_LT(static_cast<ptrdiff_t>(at + 1), lines.end() - found) << written;
         EXPECT_EQ("  " + stack[at], *(found + static_cast<ptrdiff_t>(at + 1)));
       }
     }
   }
-  EXPECT_EQ(3U, occurrences(told, ", waits in ")) << told;
-  const size_t main = told.find("\nthread " + text(hung.pid()) + " ");
-  const size_t processor = told.find("processor ", main);
+  EXPECT_EQ(3U, occurrences(written, ", waits in ")) << written;
+  const size_t main = written.find("\nthread " + text(hung.pid()) + " ");
+  const size_t processor = written.find("processor ", main);
   ASSERT_NE(std::string::npos, processor);
-  const int used = atoi(told.c_str() + processor + strlen("processor "));
-  EXPECT_TRUE(used >= 100 && used < 20000) << told;
+  const int used = atoi(written.c_str() + processor + strlen("processor "));
+  EXPECT_TRUE(used >= 100 && used < 20000) << written;
   EXPECT_EQ(0600U, mode_of(kHung));
 }
 
@@ -360,10 +361,10 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
   EXPECT_GT(milliseconds(10 * kHungLookMs), taken);
   wex_note_watched([](int32_t) { return false; });
   wex_keep_hung();
-  const std::string told = read_file(kHung);
-  EXPECT_LE(occurrences(told, "\nthread "), 64U);
-  EXPECT_GE(occurrences(told, "\nthread "), 1U) << told;
-  EXPECT_LE(told.size(), 32768U);
+  const std::string written = read_file(kHung);
+  EXPECT_LE(occurrences(written, "\nthread "), 64U);
+  EXPECT_GE(occurrences(written, "\nthread "), 1U) << written;
+  EXPECT_LE(written.size(), 32768U);
   unlink(kHung);
   wex_look_at_hung(child::reaped(), child::reaped());
   wex_note_watched([](int32_t) { return false; });

@@ -90,11 +90,10 @@ std::string printed_without_memory(const std::function<void()>& work) {
 
 // The number of lines that a dump in `text` says it lost; -1 unless it says so once, at the end.
 int lost_in(const std::string& text, const std::string& dump) {
-  std::smatch found;
-  const std::regex said("\\[wex_chain\\]" + dump + ": no memory for ([0-9]+) lines\n$");
+  const std::vector<std::string> found =
+      wex_test::groups_of(text, "\\[wex_chain\\]" + dump + ": no memory for ([0-9]+) lines\n$");
   const size_t first = text.find("no memory");
-  return first != std::string::npos && first == text.rfind("no memory") &&
-                 std::regex_search(text, found, said)
+  return first != std::string::npos && first == text.rfind("no memory") && !found.empty()
              ? std::stoi(found[1])
              : -1;
 }

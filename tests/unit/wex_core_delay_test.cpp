@@ -138,15 +138,15 @@ TEST_F(Delay, OnceAMinuteItLooksWhetherTheDirectoryIsStillTheDaemons) {
   ASSERT_EQ(0, stat(kRunDir, &facts));
   wex_watch_name(WEX_NAME_DIRECTORY, facts);
   const char line[] = "/tmp/wex/ is gone, failed forks go unseen.\r\n";
-  const auto told = [&] { return read_file(kRunningLog1).find(line) != std::string::npos; };
+  const auto logged = [&] { return read_file(kRunningLog1).find(line) != std::string::npos; };
   const int asked = g_asked;
   start_thread();
   ASSERT_TRUE(eventually([&] { return g_asked >= asked + 2; })) << "its minute must have begun";
   ASSERT_EQ(0, rename("/tmp/wex", "/tmp/away"));
   g_now = 1000 + kNamesEverySec - 1;
-  EXPECT_FALSE(eventually(told, 2200ms));
+  EXPECT_FALSE(eventually(logged, 2200ms));
   g_now = 1000 + kNamesEverySec;
-  EXPECT_TRUE(eventually(told, 3s)) << read_file(kRunningLog1);
+  EXPECT_TRUE(eventually(logged, 3s)) << read_file(kRunningLog1);
   stop_thread();
   ASSERT_EQ(0, rename("/tmp/away", "/tmp/wex"));
 }

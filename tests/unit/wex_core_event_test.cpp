@@ -368,21 +368,21 @@ namespace {
 
 // A process with a thread beside its main one.
 pid_t with_a_thread(int32_t* tid) {
-  int told[2];
-  EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
+  int tid_pipe[2];
+  EXPECT_EQ(0, pipe2(tid_pipe, O_CLOEXEC));
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const running_thread thread;
     const int32_t own = thread.tid();
-    (void)!write(told[1], &own, sizeof own);
+    (void)!write(tid_pipe[1], &own, sizeof own);
     for (;;) {
       pause();
     }
   }
-  EXPECT_EQ(ssize_t{sizeof *tid}, read(told[0], tid, sizeof *tid));
-  close(told[0]);
-  close(told[1]);
+  EXPECT_EQ(ssize_t{sizeof *tid}, read(tid_pipe[0], tid, sizeof *tid));
+  close(tid_pipe[0]);
+  close(tid_pipe[1]);
   return child;
 }
 

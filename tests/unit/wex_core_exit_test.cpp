@@ -6,11 +6,14 @@
 #include "registry_files.h"
 #include "text_buffer.h"
 #include "wex_chain_rebuild.h"
+#include "wex_chain_user_sets.h"
 #include "wex_core_spawn_guard.h"
+#include "wex_core_stop.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_signals_reaper.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 using namespace parked;
@@ -584,6 +587,16 @@ TEST_F(Exit, OfAProgramWhoseDomainIsTakenDownMeanwhileStartsNothing) {
   EXPECT_EQ(0, system("rm -f /tmp/vsd/5/delete_vsd"));
 }
 
+// The pause of a user's program is not slept, so a stranger may get the dead process's pid, and end.
+TEST_F(Exit, OfAStrangerInAPauseIsNone) {
+  wex_pid* const rec = died(park_at(900));
+  rec->alarm_wait_flag = 0;
+  rec->delay_start = 1;
+  wex_handle_netlink_exit(rec->pid, 15, 0);
+  EXPECT_EQ(1, wex_chains.count) << "a stop of the program would drop it";
+  rec->delay_start = 0;
+}
+
 TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
   const std::string begin = "/tmp/vsd/3/delete_vsd exists, exited processes are not restarted.\r\n";
   const std::string end = "No domain is taken down any more, exited processes are restarted.\r\n";
@@ -612,4 +625,69 @@ TEST_F(Exit, LinesAboutATakeDownAreInTheOrderOfWhatWasSeen) {
   EXPECT_NE(std::string::npos, ended.find(end)) << ended;
   const std::string short_one = log_of(false, true);
   EXPECT_LT(short_one.find(begin), short_one.find(end)) << "begun and ended between two looks: " << short_one;
+}
+
+// ---- Pauses of users' programs (strict mode) --------------------------------------------------------------
+
+namespace {
+
+struct UsersExit : Exit {
+  void SetUp() override {
+    Exit::SetUp();
+    strict_settings settings;
+    settings.on = true;
+    wex_set_strict(settings);
+  }
+  void TearDown() override {
+    wex_exit_flag.store(0);
+    Exit::TearDown();
+    wex_set_strict({});
+  }
+  // A user's program that has died and wants a pause before its restart.
+  static wex_pid* users_died() {
+    wex_pid* const rec = died(park_at(900));
+    rec->restart_delay = 100;
+    rec->user = wex_number_user({1234, 1235, 0, {}});
+    wex_hold_user(rec);
+    return rec;
+  }
+};
+
+}  // namespace
+
+// The delay thread, which ends pauses, may have made its last look.
+TEST_F(UsersExit, WhileTheDaemonEndsBeginsNoPause) {
+  const wex_pid* const rec = users_died();
+  const int32_t old_pid = rec->pid;
+  wex_exit_flag.store(1);
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  EXPECT_EQ(0, rec->delay_start);
+  EXPECT_NE(old_pid, rec->pid);
+}
+
+// It may have begun after the delay thread asked whether there is any.
+TEST_F(UsersExit, APauseIsEndedWithTheDaemonThoughNoneWasNoted) {
+  wex_restart_paused();  // there is none
+  wex_pid* const rec = users_died();
+  const int32_t old_pid = rec->pid;
+  rec->exit_seen = 1;
+  rec->delay_start = 1;
+  wex_exit_flag.store(1);
+  wex_restart_paused();
+  EXPECT_EQ(0, rec->delay_start);
+  EXPECT_NE(old_pid, rec->pid);
+}
+
+// The exit of such a process was reported before its child was reaped: it is the same end.
+TEST_F(UsersExit, TheEndOfAMissedChildIsNoneInAPause) {
+  const pid_t child = dead_pid();
+  wex_pid* const rec = missed(users_died(), child);
+  rec->restart_failed = 0;
+  const int32_t old_pid = rec->pid;
+  wex_handle_netlink_exit(old_pid, 9, 0);
+  ASSERT_NE(0, rec->delay_start);
+  reap(child, 9);
+  EXPECT_NE(0, rec->delay_start) << "the pause goes on";
+  EXPECT_EQ(old_pid, rec->pid);
+  EXPECT_EQ(0, rec->check_count) << "nothing was started";
 }

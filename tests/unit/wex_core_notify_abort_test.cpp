@@ -299,7 +299,7 @@ TEST_F(Watchdog, AHungProcessIsAbortedThoughTheLookAtItStandsStill) {
 
 TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<void(service&)> during;
     std::function<void(process_look*)> after;
     bool aborted;
@@ -322,13 +322,13 @@ TEST_F(Watchdog, OnlyTheHungProcessItselfIsAborted) {
       }
       after_look = row.after;
       daemon.scans(1);
-      EXPECT_TRUE(looked) << row.told;
-      EXPECT_EQ(row.aborted ? 1U : 0U, hangs_logged()) << row.told;
-      EXPECT_EQ(row.aborted, exists(kHung)) << row.told;
+      EXPECT_TRUE(looked) << row.name;
+      EXPECT_EQ(row.aborted ? 1U : 0U, hangs_logged()) << row.name;
+      EXPECT_EQ(row.aborted, exists(kHung)) << row.name;
       if (row.aborted) {
-        EXPECT_TRUE(program.aborted()) << row.told;
-      } else if (std::string(row.told) != "it ends") {
-        EXPECT_TRUE(program.running()) << row.told;
+        EXPECT_TRUE(program.aborted()) << row.name;
+      } else if (std::string(row.name) != "it ends") {
+        EXPECT_TRUE(program.running()) << row.name;
       }
     });
     unlink(kNotifyLog);

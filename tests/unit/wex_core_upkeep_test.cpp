@@ -80,7 +80,7 @@ TEST_F(Delay, ALostExitOfAChildHasTheStatusThatTheReaperWasGiven) {
 TEST_F(Delay, ALostExitIsToldOnlyWhenItIsHandledAsOne) {
   status_words begin;
   wex_status_copy_words(&begin);
-  const auto told = [&begin] {
+  const auto lost_exit_codes = [&begin] {
     std::string codes;
     status_words words;
     wex_status_copy_words(&words);
@@ -96,18 +96,18 @@ TEST_F(Delay, ALostExitIsToldOnlyWhenItIsHandledAsOne) {
   const wex_pid* const rec = add(pid);
   wex_handle_lost_exit(pid, 9, rec->start_time + 1);
   EXPECT_EQ(pid, present_pid(rec)) << "another process had that pid";
-  EXPECT_EQ("", told());
+  EXPECT_EQ("", lost_exit_codes());
   wex_handle_lost_exit(pid, 9, rec->start_time);
   EXPECT_NE(pid, present_pid(rec));
-  EXPECT_EQ("9 ", told());
+  EXPECT_EQ("9 ", lost_exit_codes());
   wex_handle_lost_exit(pid, 9, rec->start_time);
-  EXPECT_EQ("9 ", told());
+  EXPECT_EQ("9 ", lost_exit_codes());
   const int32_t taken_down = dead_pid();
   add(taken_down);
   ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
   sweep_twice();
   ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
-  EXPECT_EQ("9 ", told()) << "it was dropped with its domain";
+  EXPECT_EQ("9 ", lost_exit_codes()) << "it was dropped with its domain";
 }
 
 TEST_F(Delay, ALostCrashOfAChildCountsAsOneButNotThatOfAnotherProcessWithItsPid) {

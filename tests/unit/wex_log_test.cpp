@@ -507,7 +507,7 @@ std::string renamed_aside() {
 
 TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<void()> make;
     const char* aside;  // what is there afterwards under another name
   } rows[] = {
@@ -528,10 +528,10 @@ TEST_F(RebootRecord, WhateverLiesAtItsNameItIsWritten) {
     note_locked_file(locked.get());
     row.make();
     wex_log_record_reboot_info("/data/record", "why");
-    EXPECT_EQ("T why\n", without_times(read_file("/data/record"))) << row.told;
-    EXPECT_EQ("precious", read_file("/data/victim")) << row.told;
-    EXPECT_EQ("T before\n", without_times(read_file("/data/old"))) << row.told;
-    EXPECT_EQ(row.aside, renamed_aside()) << row.told;
+    EXPECT_EQ("T why\n", without_times(read_file("/data/record"))) << row.name;
+    EXPECT_EQ("precious", read_file("/data/victim")) << row.name;
+    EXPECT_EQ("T before\n", without_times(read_file("/data/old"))) << row.name;
+    EXPECT_EQ(row.aside, renamed_aside()) << row.name;
     EXPECT_EQ(0, system("rm -rf /data/*"));
   }
 }

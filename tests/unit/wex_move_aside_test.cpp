@@ -34,7 +34,7 @@ class MoveAside : public Sandboxed {
 
 TEST_F(MoveAside, WhatIsEmptyIsRemovedAndTheRestGetsAnotherName) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<int()> make;
     bool removed;
   } rows[] = {{"empty file", [] { return mknod("/tmp/d/x", S_IFREG | 0600, 0); }, true},
@@ -50,14 +50,14 @@ TEST_F(MoveAside, WhatIsEmptyIsRemovedAndTheRestGetsAnotherName) {
               {"directory", [] { return mkdir("/tmp/d/x", 0700) + mkdir("/tmp/d/x/y", 0700); }, false}};
   write_file("/tmp/victim", "precious");
   for (const auto& row : rows) {
-    ASSERT_EQ(0, row.make()) << row.told;
+    ASSERT_EQ(0, row.make()) << row.name;
     const ino_t number = number_of("/tmp/d/x");
     char to[kPathSize] = "?";
-    EXPECT_TRUE(wex_clear_name("/tmp/d/x/", to)) << row.told;
-    EXPECT_FALSE(exists("/tmp/d/x")) << row.told;
-    EXPECT_EQ(moved(), to) << row.told;
-    EXPECT_EQ(row.removed, moved().empty()) << row.told;
-    EXPECT_TRUE(row.removed || number == number_of(to)) << row.told;
+    EXPECT_TRUE(wex_clear_name("/tmp/d/x/", to)) << row.name;
+    EXPECT_FALSE(exists("/tmp/d/x")) << row.name;
+    EXPECT_EQ(moved(), to) << row.name;
+    EXPECT_EQ(row.removed, moved().empty()) << row.name;
+    EXPECT_TRUE(row.removed || number == number_of(to)) << row.name;
     EXPECT_EQ(0, system("rm -rf /tmp/d/aside-*"));
   }
   EXPECT_EQ("precious", read_file("/tmp/victim"));
@@ -80,7 +80,7 @@ TEST_F(MoveAside, ANameThatIsTakenIsNotTakenAgain) {
 
 TEST_F(MoveAside, ARecordIsPartedFromItsSecondNameWithoutLosingWhatItHolds) {
   const struct {
-    const char* told;
+    const char* name;
     uid_t owner;
     off_t size;
     wex_parting how;
@@ -98,13 +98,13 @@ TEST_F(MoveAside, ARecordIsPartedFromItsSecondNameWithoutLosingWhatItHolds) {
     ASSERT_EQ(0, truncate("/tmp/victim", row.size));
     ASSERT_EQ(0, chown("/tmp/victim", row.owner, 0));
     ASSERT_EQ(0, link("/tmp/victim", "/tmp/d/x"));
-    EXPECT_TRUE(wex_part_names("/tmp/d/x", row.how)) << row.told;
-    EXPECT_EQ(row.copied, read_file("/tmp/d/x") == "precious") << row.told;
-    EXPECT_EQ(row.copied, exists("/tmp/d/x")) << row.told;
-    EXPECT_TRUE(!row.copied || mode_of("/tmp/d/x") == 0640) << row.told << ": no more people may read it";
-    EXPECT_NE(number_of("/tmp/victim"), number_of("/tmp/d/x")) << row.told;
+    EXPECT_TRUE(wex_part_names("/tmp/d/x", row.how)) << row.name;
+    EXPECT_EQ(row.copied, read_file("/tmp/d/x") == "precious") << row.name;
+    EXPECT_EQ(row.copied, exists("/tmp/d/x")) << row.name;
+    EXPECT_TRUE(!row.copied || mode_of("/tmp/d/x") == 0640) << row.name << ": no more people may read it";
+    EXPECT_NE(number_of("/tmp/victim"), number_of("/tmp/d/x")) << row.name;
     EXPECT_EQ(row.aside, !moved().empty() && number_of(moved().c_str()) == number_of("/tmp/victim"))
-        << row.told;
+        << row.name;
     EXPECT_EQ(0, system("rm -f /tmp/victim /tmp/d/*"));
   }
 }

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <functional>
-#include <regex>
 #include <thread>
 
 #include "chain_lock.h"
@@ -284,21 +283,21 @@ TEST_F(Registry, KeepsTheArgumentsOfAWatchedProcessThatCannotBeReadForAMoment) {
 }
 
 TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead) {
-  const sleeper told;
+  const sleeper truthful;
   const sleeper silent;
   const sleeper lying;
-  wex_reg_info body = body_of(told.pid());
-  strcpy(body.process, told.command().c_str());
+  wex_reg_info body = body_of(truthful.pid());
+  strcpy(body.process, truthful.command().c_str());
   wex_reg_info nothing = body_of(silent.pid());
   wex_reg_info other = body_of(lying.pid());
   strcpy(other.process, "/bin/other with arguments");
-  const std::string program = told.command().substr(0, told.command().find(' '));
+  const std::string program = truthful.command().substr(0, truthful.command().find(' '));
   g_open.fail(1000, EMFILE);
   EXPECT_EQ(0, wex_process_restart(&body));
   EXPECT_EQ(0, wex_process_restart(&nothing));
   EXPECT_EQ(0, wex_process_restart(&other));
   g_open.fail(0, 0);
-  EXPECT_EQ(told.command(), find(wex_chains, told.pid())->process);
+  EXPECT_EQ(truthful.command(), find(wex_chains, truthful.pid())->process);
   EXPECT_EQ(program, find(wex_chains, silent.pid())->process);
   EXPECT_EQ(program, find(wex_chains, lying.pid())->process);
 }
@@ -669,7 +668,7 @@ TEST_F(Registry, AThirdPartProgramIsToldInTheWordsOfAClientsRegistration) {
   const control::printed out;
   EXPECT_EQ(0, wex_register_third_part(process.pid(), "WEX_SHELL_RESTART", nullptr));
   EXPECT_EQ(-1, wex_register_third_part(gone, "WEX_RESTART", nullptr));
-  const std::string text = std::regex_replace(out.text(), std::regex("\\[WEX:([a-z_]+):[0-9]+\\]"), "[$1]");
+  const std::string text = replace_matches(out.text(), "\\[WEX:([a-z_]+):[0-9]+\\]", "[$1]");
   for (const std::string& line :
        {text_of("[wex_xtach]reg_process_exit_action: pid %d type 2 vsd 0\n", process.pid()),
         text_of("[wex_xtach]wex_mk_pidfile fail. vsd 0 pid %d name %s \n", process.pid(),

@@ -6,7 +6,6 @@
 #include <climits>
 #include <deque>
 #include <random>
-#include <regex>
 
 #include "control_peer.h"
 #include "injection.h"
@@ -69,7 +68,7 @@ int receive(int sd) {
 
 // All that was printed, the line numbers of the source as "N".
 std::string all_of(const control::printed& out) {
-  return std::regex_replace(out.text(), std::regex("\\[WEX:wex_rpc:[0-9]+\\]"), "[N]");
+  return replace_matches(out.text(), "\\[WEX:wex_rpc:[0-9]+\\]", "[N]");
 }
 
 // The lines of a send of type 1 or 2 by this thread, neither of them ended.
@@ -344,11 +343,11 @@ struct lie {
 
 class OverstatedLength : public ::testing::TestWithParam<lie> {};
 
-void expect_refused(const lie& told) {
+void expect_refused(const lie& record) {
   const socket_pair pair;
-  const roomy bytes = make(1, told.length);
+  const roomy bytes = make(1, record.length);
   const roomy honest = make(5, 8);
-  put(pair.there.get(), &bytes, told.size);
+  put(pair.there.get(), &bytes, record.size);
   put(pair.there.get(), &honest, kHeader + 8);
   const long before = resident_kib();
   const auto start = clock::now();

@@ -174,10 +174,10 @@ TEST(Rpc, TriesSixTimesOneSecondApartWhileTheDaemonIsAbsent) {
   unlink(kControlSocket);
   const control::printed out;
   const auto start = clock::now();
-  const pid_t hidden = start_child([] { return wex_rpc(4, nullptr, nullptr, 0, 0, 1) == 0 ? 0 : 1; });
-  const pid_t told = start_child([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0) == -1 ? 0 : 1; });
-  EXPECT_EQ(0, exit_status(hidden));
-  EXPECT_EQ(0, exit_status(told));
+  const pid_t ignored = start_child([] { return wex_rpc(4, nullptr, nullptr, 0, 0, 1) == 0 ? 0 : 1; });
+  const pid_t reported = start_child([] { return wex_rpc(1, nullptr, nullptr, 0, 1, 0) == -1 ? 0 : 1; });
+  EXPECT_EQ(0, exit_status(ignored));
+  EXPECT_EQ(0, exit_status(reported));
   EXPECT_GE(seconds_since(start), 4.9);
   EXPECT_LT(seconds_since(start), 7.5);
   for (int index = 0; index < 6; ++index) {
@@ -186,7 +186,7 @@ TEST(Rpc, TriesSixTimesOneSecondApartWhileTheDaemonIsAbsent) {
   }
   EXPECT_EQ(12U, occurrences(out.text(), "]wex_connect: connect refused, wait and retry(sd:"));
   EXPECT_EQ(2U, occurrences(out.text(), "]wex_rpc: connect fail(ret:-1)\n"));
-  EXPECT_FALSE(exists(text_of(kClientSocketFmt, told)))
+  EXPECT_FALSE(exists(text_of(kClientSocketFmt, reported)))
       << "the client's socket file must go after a failed connect";
 }
 

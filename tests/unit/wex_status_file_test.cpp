@@ -36,7 +36,7 @@ TEST_F(StatusTable, ShowsTheDaemonWhoeverLooks) {
 // What may lie at the name, and what becomes of it.
 TEST_F(StatusTable, WhateverLiesAtTheNameMakesRoom) {
   const struct {
-    const char* told;
+    const char* name;
     std::function<void()> make;
     bool kept;  // under another name
   } rows[] = {
@@ -72,17 +72,17 @@ TEST_F(StatusTable, WhateverLiesAtTheNameMakesRoom) {
     in_child([&] {
       start();
       const StatusReader reader;
-      ASSERT_TRUE(reader.valid()) << row.told;
-      EXPECT_EQ(1U, reader.head().generation) << row.told;
-      EXPECT_EQ("1", reader.kinds()) << row.told;
-      EXPECT_EQ(0644U, mode_of(kStatusTable)) << row.told;
+      ASSERT_TRUE(reader.valid()) << row.name;
+      EXPECT_EQ(1U, reader.head().generation) << row.name;
+      EXPECT_EQ("1", reader.kinds()) << row.name;
+      EXPECT_EQ(0644U, mode_of(kStatusTable)) << row.name;
       const std::string log = running_log();
       EXPECT_EQ(row.kept,
                 log.find("/dev/shm/wex-status was in the way and is now /dev/shm/aside-") != log.npos)
-          << row.told << "\n"
+          << row.name << "\n"
           << log;
     });
-    EXPECT_EQ("precious", read_file("/tmp/victim")) << row.told;
+    EXPECT_EQ("precious", read_file("/tmp/victim")) << row.name;
     for (const std::string& name : list_dir("/dev/shm")) {
       remove_tree("/dev/shm/" + name);
     }
@@ -122,7 +122,7 @@ TEST_F(StatusTable, TheNextDaemonGoesOnWithTheEventsAndMendsWhatWasHalfWritten) 
 
 TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
   const struct {
-    const char* told;
+    const char* name;
     void (*change)(wex_status_event*);
     bool taken;
   } rows[] = {
@@ -156,9 +156,9 @@ TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
     }
     in_child([&] {
       start();
-      EXPECT_EQ(row.taken ? "1 15 1" : "1 1", StatusReader().kinds()) << row.told;
+      EXPECT_EQ(row.taken ? "1 15 1" : "1 1", StatusReader().kinds()) << row.name;
       EXPECT_EQ(row.taken ? uint32_t{WEX_STATUS_EV_REBOOT_ASKED} : 0U, StatusReader().event(1)->kind)
-          << row.told << ": its place in the ring";
+          << row.name << ": its place in the ring";
     });
     unlink(kStatusTable);
   }

@@ -2,6 +2,7 @@
 #include "wex_strict.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "file_lock.h"
 #include "unit_support.h"
@@ -66,11 +68,11 @@ TEST_F(WexStrict, ASwitchIsRootsAlone) {
     EXPECT_TRUE(row.counts()) << "without the mode everybody may make it";
     be_strict();
     EXPECT_FALSE(row.counts());
-    char told[kPathSize];
-    ASSERT_TRUE(wex_take_ignored_name(told));
-    EXPECT_STREQ(row.path, told);
+    char ignored[kPathSize];
+    ASSERT_TRUE(wex_take_ignored_name(ignored));
+    EXPECT_STREQ(row.path, ignored);
     EXPECT_FALSE(row.counts());
-    EXPECT_FALSE(wex_take_ignored_name(told)) << "told once";
+    EXPECT_FALSE(wex_take_ignored_name(ignored)) << "told once";
     ASSERT_EQ(0, chown(row.path, 0, 0));
     EXPECT_TRUE(row.counts());
     const std::string second = std::string(row.path) + "2";
@@ -129,10 +131,10 @@ TEST_F(WexStrict, ALockHoldsARestartUpOnlyWhenTheProgramHasIt) {
 }
 
 TEST_F(WexStrict, ANameCannotWriteLinesIntoTheLog) {
-  char told[kPathSize];
+  char ignored[kPathSize];
   wex_ignore_name("/tmp/a\nb\x1b");
-  ASSERT_TRUE(wex_take_ignored_name(told));
-  EXPECT_STREQ("/tmp/a?b?", told);
+  ASSERT_TRUE(wex_take_ignored_name(ignored));
+  EXPECT_STREQ("/tmp/a?b?", ignored);
 }
 
 // The status of every process has lines of these keys; only those at a line's beginning count.
@@ -155,4 +157,93 @@ TEST_F(WexStrict, AUserIsReadOnceAndKnownAgain) {
   wex_find_user(&gone);
   EXPECT_EQ(kUnknownUser, gone.user);
   EXPECT_FALSE(wex_same_user(&own, &gone));
+}
+
+// ---- sets of ids ------------------------------------------------------------------------------------------
+
+namespace {
+
+// The set of ids that this process has when it is only in this group.
+wex_pid in_group(gid_t group) {
+  wex_pid rec = {};
+  rec.pid = getpid();
+  EXPECT_EQ(0, setgroups(1, &group));
+  wex_find_user(&rec);
+  return rec;
+}
+
+struct WexUserSets : WexStrict {
+  void SetUp() override {
+    WexStrict::SetUp();
+    be_strict();
+  }
+  void TearDown() override {
+    EXPECT_EQ(0, setresuid(0, 0, 0));
+    EXPECT_EQ(0, setgroups(0, nullptr));
+    WexStrict::TearDown();
+  }
+};
+
+}  // namespace
+
+TEST_F(WexUserSets, OneThatNoRegistrationHasMakesRoomForOthers) {
+  const wex_pid held = in_group(1);
+  ASSERT_NE(nullptr, wex_user_of(&held));
+  wex_hold_user(&held);
+  const wex_pid passing = in_group(2);
+  for (gid_t group = 3; group < kUserSets + 10; ++group) {
+    ASSERT_NE(kUnknownUser, in_group(group).user) << group;
+  }
+  const wex_user* const user = wex_user_of(&held);
+  ASSERT_NE(nullptr, user);
+  EXPECT_EQ(1U, user->groups[0]);
+  EXPECT_EQ(nullptr, wex_user_of(&passing)) << "its number is no other set's";
+  wex_release_user(&held);
+}
+
+TEST_F(WexUserSets, AUserHasHisShareAndLeavesRoomForRoot) {
+  std::vector<wex_pid> held;
+  const auto hold_all = [&held](uid_t user) {
+    EXPECT_EQ(0, setresuid(user, 0, 0));
+    size_t count = 0;
+    for (gid_t group = 1; group < 3 * kSetsOfUser; ++group) {
+      held.push_back(in_group(group));
+      count += held.back().user != kUnknownUser ? 1 : 0;
+      wex_hold_user(&held.back());
+    }
+    return count;
+  };
+  for (uid_t user = 1; user < kUserSets / kSetsOfUser; ++user) {
+    EXPECT_EQ(static_cast<size_t>(kSetsOfUser), hold_all(user));
+  }
+  EXPECT_EQ(0U, hold_all(kOtherUser)) << "what is left is root's";
+  EXPECT_EQ(static_cast<size_t>(kSetsOfUser), hold_all(0));
+  for (const wex_pid& rec : held) {
+    wex_release_user(&rec);
+  }
+}
+
+// A program that is started again with a group less is another program.
+TEST_F(WexUserSets, AProcessWithTooManyGroupsHasNone) {
+  wex_pid rec = {};
+  rec.pid = getpid();
+  for (const size_t more : {size_t{0}, size_t{1}}) {
+    const std::vector<gid_t> groups(kUserGroupsMax + more, 7);
+    ASSERT_EQ(0, setgroups(groups.size(), groups.data()));
+    wex_find_user(&rec);
+    EXPECT_EQ(more == 0, rec.user != kUnknownUser);
+  }
+}
+
+// Between two looks at one process it may execute a set-user-id program that becomes root.
+TEST_F(WexUserSets, AProcessThatBecomesAnotherUserMeanwhileHasNone) {
+  ASSERT_EQ(0, setresuid(kOtherUser, 0, 0));
+  wex_pid rec = {};
+  rec.pid = getpid();
+  wex_note_identity(&rec);
+  process_user before;
+  ASSERT_TRUE(wex_look_at_user(rec.pid, &before));
+  EXPECT_TRUE(wex_note_user(&rec, before));
+  ASSERT_EQ(0, setresuid(0, 0, 0));
+  EXPECT_FALSE(wex_note_user(&rec, before));
 }

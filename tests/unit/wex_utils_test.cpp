@@ -205,9 +205,9 @@ TEST_F(Utils, MemoryShortageIsWaitedOutInStepsOfFiveSeconds) {
 TEST_F(Utils, TheClockIsTheMonotonicOne) {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const int32_t told = wex_clock_now();
-  EXPECT_GE(told, static_cast<int32_t>(now.tv_sec));
-  EXPECT_LE(told, static_cast<int32_t>(now.tv_sec) + 5);
+  const int32_t clock_sec = wex_clock_now();
+  EXPECT_GE(clock_sec, static_cast<int32_t>(now.tv_sec));
+  EXPECT_LE(clock_sec, static_cast<int32_t>(now.tv_sec) + 5);
 }
 
 // ---- Command lines ----------------------------------------------------------------------------------------

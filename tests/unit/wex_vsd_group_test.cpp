@@ -82,6 +82,36 @@ TEST_F(ControlGroups, ANameThatIsNoNumberDoesNotMoveTheCallerIn) {
   EXPECT_TRUE(tasks_of(kCpuTasksFmt, 13).empty());
 }
 
+// A user's flag file would move root's process into the domain's limits, or have it killed for its memory.
+TEST_F(ControlGroups, OnADeviceInStrictModeAUsersFlagFileSpeaksForHisOwnProcess) {
+  constexpr uid_t kUser = 1234;
+  ASSERT_EQ(0, system("rm -rf /tmp/vsd"));
+  make_dirs("/etc/wex");
+  make_flag_dir(13);
+  process roots({4300}), linked({4300});
+  process own({4300}, [] { EXPECT_EQ(0, setresuid(kUser, kUser, kUser)); });
+  make_flag_file(13, roots.pid());
+  make_flag_file(13, own.pid());
+  write_file(path_of(kFlagFileFmt, 13, -5), "");
+  for (const pid_t pid : {roots.pid(), own.pid(), pid_t{-5}}) {
+    ASSERT_EQ(0, chown(path_of(kFlagFileFmt, 13, pid).c_str(), kUser, kUser));
+  }
+  ASSERT_EQ(0, symlink("/etc/passwd", path_of(kFlagFileFmt, 13, linked.pid()).c_str()));
+  write_file(kStrictFile, "");
+  EXPECT_EQ(0, set_cgroups_all(13));
+  EXPECT_EQ((std::set<std::string>{std::to_string(own.pid())}), tasks_of(kMemoryTasksFmt, 13));
+  const auto kill_largest = [] {  // in a session of its own: it would end its own group, were nobody left
+    const child caller([] { return setsid() > 0 && (find_max_rss(13), true); });
+    EXPECT_TRUE(caller.ready());
+  };
+  kill_largest();
+  EXPECT_EQ(SIGKILL, own.signal());
+  unlink(kStrictFile);
+  kill_largest();
+  EXPECT_TRUE(roots.signal() == SIGKILL || linked.signal() == SIGKILL)
+      << "without the mode anybody may say it";
+}
+
 TEST_F(ControlGroups, AProcessThatIsGoneIsOnlyReported) {
   make_flag_dir(13);
   make_flag_file(13, 4194304);
@@ -98,8 +128,7 @@ TEST_F(ControlGroups, AProcessThatIsGoneDoesNotKeepTheOthersOut) {
   make_flag_file(13, 4194304);
   make_flag_file(13, second.pid());
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
-  const std::regex told("add_cgroups: fwrite fail: No such process\n");
-  EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << "one a hierarchy";
+  EXPECT_EQ(2U, occurrences(text, "add_cgroups: fwrite fail: No such process\n")) << "one a hierarchy";
   for (const char* format : {kMemoryTasksFmt, kCpuTasksFmt}) {
     EXPECT_EQ((std::set<std::string>{std::to_string(first.pid()), std::to_string(second.pid())}),
               tasks_of(format, 13));
@@ -223,8 +252,8 @@ TEST_F(PlainControlFiles, WithoutATasksFileTheProcessStaysWhereItIs) {
   make_flag_file(13, subject.pid());
   const std::string groups = read_file("/proc/" + std::to_string(subject.pid()) + "/cgroup");
   const std::string text = lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(13)); });
-  const std::regex told("\\[WEX:wex_vsd:N\\]add_cgroups: fopen fail: No such file or directory\n");
-  EXPECT_EQ(2, std::distance(std::sregex_iterator(text.begin(), text.end(), told), {})) << text;
+  EXPECT_EQ(2U, occurrences(text, "[WEX:wex_vsd:N]add_cgroups: fopen fail: No such file or directory\n"))
+      << text;
   EXPECT_EQ(groups, read_file("/proc/" + std::to_string(subject.pid()) + "/cgroup"));
 }
 

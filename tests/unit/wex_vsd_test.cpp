@@ -234,10 +234,10 @@ TEST_F(BareRoot, MarkersNameTheReasonWhenTheyCannotBeMade) {
 TEST_F(BareRoot, CreateTellsWhichStepOfTheStartFailed) {
   const auto failure = [] {
     const std::string text = printed_inside([] { return create_vsd(13) == 0; });
-    const std::regex told("create_vsd: (open|open uptime|read|write|chdir) fail: [^\n]*");
     std::string all;
-    for (std::sregex_iterator at(text.begin(), text.end(), told), end; at != end; ++at) {
-      all += at->str();
+    for (const std::string& line :
+         all_matches(text, "create_vsd: (open|open uptime|read|write|chdir) fail: [^\n]*")) {
+      all += line;
     }
     return all;
   };

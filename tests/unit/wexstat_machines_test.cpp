@@ -2,7 +2,6 @@
 #include "wexstat_machines.h"
 
 #include <map>
-#include <regex>
 
 #include "wexstat_world.h"
 
@@ -112,7 +111,7 @@ TEST_F(WexstatMachines, EveryNameIsDocumentedAndNoOther) {
                  "    if isinstance(it, list):\n"
                  "        for one in it:\n"
                  "            yield from keys(one, path[:-1] + '[].')\n"
-                 "told = {key for key in keys(json.loads(subprocess.check_output(wexstat + ' --json', "
+                 "shown = {key for key in keys(json.loads(subprocess.check_output(wexstat + ' --json', "
                  "shell=True)))}\n"
                  "families = {line.split()[2] for line in subprocess.check_output(wexstat + ' "
                  "--openmetrics', shell=True)"
@@ -120,39 +119,40 @@ TEST_F(WexstatMachines, EveryNameIsDocumentedAndNoOther) {
                  "json_part, metrics_part = page.split('## OpenMetrics')\n"
                  "documented = set(re.findall(r'^\\| `([^`]+)` \\|', json_part, re.M))\n"
                  "described = set(re.findall(r'^\\| `([^`{]+)[`{]', metrics_part, re.M))\n"
-                 "print(sorted(told ^ documented), sorted(families ^ described))\n");
+                 "print(sorted(shown ^ documented), sorted(families ^ described))\n");
   EXPECT_EQ("[] []\n", shell("python3 /tmp/wexstat-look.py").text);
 }
 
 TEST_F(WexstatMachines, OpenMetricsFollowsItsRules) {
   const std::string metrics = metrics_of(full());
-  const std::regex meta("# (TYPE|UNIT|HELP) ([a-z_]+) .+");
-  const std::regex sample(
+  constexpr char kMeta[] = "# (TYPE|UNIT|HELP) ([a-z_]+) .+";
+  constexpr char kSample[] =
       "([a-z_]+)(\\{[a-z]+=\"(?:[^\"\\\\\n]|\\\\[\"\\\\n])*\"(?:,[a-z]+=\"[^\"]*\")*\\})? "
-      "[0-9]+(\\.[0-9]+)?");
+      "[0-9]+(\\.[0-9]+)?";
   std::map<std::string, std::string> types;
   std::set<std::string> samples;
   std::string family;
   const std::vector<std::string> lines = lines_of(metrics);
   ASSERT_EQ("# EOF", lines.back());
   for (size_t i = 0; i + 1 < lines.size(); ++i) {
-    std::smatch part;
-    if (std::regex_match(lines[i], part, meta)) {
+    const bool is_meta = matches(lines[i], kMeta);
+    const std::vector<std::string> part = groups_of(lines[i], is_meta ? kMeta : kSample);
+    if (is_meta) {
       if (part[1] == "TYPE") {
         family = part[2];
         EXPECT_TRUE(types.emplace(family, lines[i].substr(lines[i].rfind(' ') + 1)).second)
             << "twice: " << family;
       }
-      EXPECT_EQ(family, part[2].str()) << lines[i];
+      EXPECT_EQ(family, part[2]) << lines[i];
       if (part[1] == "UNIT") {
         const std::string unit = "_" + lines[i].substr(lines[i].rfind(' ') + 1);
         EXPECT_EQ(family.size() - unit.size(), family.rfind(unit)) << "a family ends with its unit";
       }
       continue;
     }
-    ASSERT_TRUE(std::regex_match(lines[i], part, sample)) << lines[i];
-    EXPECT_EQ(types[family] == "counter" ? family + "_total" : family, part[1].str()) << lines[i];
-    EXPECT_TRUE(samples.insert(part[1].str() + part[2].str()).second) << "twice: " << lines[i];
+    ASSERT_TRUE(matches(lines[i], kSample)) << lines[i];
+    EXPECT_EQ(types[family] == "counter" ? family + "_total" : family, part[1]) << lines[i];
+    EXPECT_TRUE(samples.insert(part[1] + part[2]).second) << "twice: " << lines[i];
   }
 }
 

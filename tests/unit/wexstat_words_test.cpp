@@ -22,7 +22,7 @@ std::string escaped(const std::string& from, size_t room = 64) {
   escape(from.data(), from.size(), text, room);
   return text;
 }
-std::string told(uint32_t kind, int32_t new_pid, int32_t value, uint32_t code) {
+std::string event_text(uint32_t kind, int32_t new_pid, int32_t value, uint32_t code) {
   wex_status_event event = {};
   event.kind = kind;
   event.new_pid = new_pid;
@@ -78,19 +78,20 @@ TEST(WexstatWords, TimesNeverOverflow) {
 }
 
 TEST(WexstatWords, EveryEventIsTold) {
-  EXPECT_EQ("exited: SIGABRT, core", told(WEX_STATUS_EV_EXITED, 0, 0, 0x86));
-  EXPECT_EQ("restarted as pid 12", told(WEX_STATUS_EV_RESTARTED, 12, 0, 0));
-  EXPECT_EQ("parked for 5 min 0 s: restarted too often", told(WEX_STATUS_EV_PARKED, 0, 300, 0));
-  EXPECT_EQ("thread 44 hangs, the process is aborted", told(WEX_STATUS_EV_HANG, 44, 0, 0));
-  EXPECT_EQ("11 programs dumped core in a short time", told(WEX_STATUS_EV_BURST, 0, 11, 0));
+  EXPECT_EQ("exited: SIGABRT, core", event_text(WEX_STATUS_EV_EXITED, 0, 0, 0x86));
+  EXPECT_EQ("restarted as pid 12", event_text(WEX_STATUS_EV_RESTARTED, 12, 0, 0));
+  EXPECT_EQ("parked for 5 min 0 s: restarted too often", event_text(WEX_STATUS_EV_PARKED, 0, 300, 0));
+  EXPECT_EQ("thread 44 hangs, the process is aborted", event_text(WEX_STATUS_EV_HANG, 44, 0, 0));
+  EXPECT_EQ("11 programs dumped core in a short time", event_text(WEX_STATUS_EV_BURST, 0, 11, 0));
   EXPECT_EQ("wex restarts the device: a program was parked again too soon",
-            told(WEX_STATUS_EV_REBOOT_ASKED, 0, WEX_STATUS_REBOOT_SELF_CHECK, 0));
-  EXPECT_EQ("restart of the device refused: no reason told", told(WEX_STATUS_EV_REBOOT_REFUSED, 0, -7, 0));
-  EXPECT_EQ("event of kind 77", told(77, 0, 0, 0));
+            event_text(WEX_STATUS_EV_REBOOT_ASKED, 0, WEX_STATUS_REBOOT_SELF_CHECK, 0));
+  EXPECT_EQ("restart of the device refused: no reason told",
+            event_text(WEX_STATUS_EV_REBOOT_REFUSED, 0, -7, 0));
+  EXPECT_EQ("event of kind 77", event_text(77, 0, 0, 0));
   std::set<std::string> names;
   for (uint32_t kind = 0; kind < WEX_STATUS_EV_KINDS; ++kind) {
     names.insert(kind_word(kind));
-    EXPECT_EQ(std::string::npos, told(kind, 1, 1, 1).find('%')) << kind;
+    EXPECT_EQ(std::string::npos, event_text(kind, 1, 1, 1).find('%')) << kind;
   }
   EXPECT_EQ(static_cast<size_t>(WEX_STATUS_EV_KINDS), names.size());
   EXPECT_STREQ("unknown", kind_word(WEX_STATUS_EV_KINDS));

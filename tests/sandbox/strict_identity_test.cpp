@@ -1,0 +1,115 @@
+// Strict mode: programs of several users with one command line, and programs that give up their rights.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include "strict_world.h"
+#include "third_part_world.h"
+#include "unique_fd.h"
+
+namespace {
+
+using namespace strict_world;
+
+struct StrictIdentity : Strict {};
+
+// The running process of this user's registration with this command line, other than `not_this`.
+pid_t registered_for(uid_t user, const std::string& command, pid_t not_this) {
+  pid_t found = 0;
+  eventually(
+      [&] {
+        for (const wex_status_slot& slot : StatusReader().slots()) {
+          if (slot.uid == user && slot.pid != not_this && slot.state == WEX_STATUS_RUNNING &&
+              std::string(slot.command, strnlen(slot.command, sizeof slot.command)) == command) {
+            found = slot.pid;
+          }
+        }
+        return found > 0;
+      },
+      20s);
+  return found;
+}
+
+struct StrictListed : third_part::ThirdPart {
+  void SetUp() override {
+    ThirdPart::SetUp();
+    write_file(kStrictFile, "");
+  }
+  static void expect_own_file(pid_t pid, uid_t owner) {
+    struct stat facts = {};
+    EXPECT_TRUE(eventually(
+        [&] {
+          return stat(policy::db_file("plain", pid).c_str(), &facts) == 0 && facts.st_uid == owner &&
+                 (facts.st_mode & 07777) == 0700;
+        },
+        20s))
+        << facts.st_uid << " " << std::oct << facts.st_mode;
+  }
+  static pid_t lock_holder(const std::string& path) {
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return file.valid() && fcntl(file.get(), F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK ? whole.l_pid
+                                                                                              : 0;
+  }
+};
+
+std::string user_of(pid_t pid) {
+  const std::string ids = ids_of(pid, "Uid");
+  return ids.substr(0, ids.find(' '));
+}
+
+}  // namespace
+
+// Of one user the second registration would end the first one with its process.
+TEST_F(StrictIdentity, OneProgramOfTwoUsersIsBothOfTheirs) {
+  start();
+  const words options = {"--tag=both"};
+  const std::string command = actor_command(service_words(options));
+  Process& roots = process();
+  Process& users = process();
+  ASSERT_TRUE(start_service(&roots, options, 0));
+  ASSERT_TRUE(start_service(&users, options));
+  pid_t of_root = roots.pid();
+  pid_t of_user = users.pid();
+  for (const uid_t victim : {uid_t{0}, kUser}) {
+    pid_t& pid = victim == 0 ? of_root : of_user;
+    ASSERT_GT(pid, 0);
+    send_signal(pid, SIGKILL);
+    pid = registered_for(victim, command, pid);
+    ASSERT_GT(pid, 0) << "the program of user " << victim << " is down\n" << read_console();
+    EXPECT_EQ(text(victim), user_of(pid));
+  }
+  EXPECT_EQ(of_root, registered_for(0, command, 0));
+}
+
+// A listed program that ends is looked for by its command line: it may have started itself again.
+TEST_F(StrictListed, AUsersProcessIsNotTakenForRootsProgram) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("plain"));
+  Process users;
+  ASSERT_TRUE(users.start({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  ASSERT_EQ(users.pid(), registered_for(kUser, app_, 0)) << read_console();
+  const pid_t first = by_hand_.pid();
+  end_by_hand();
+  const pid_t next = registered_for(0, app_, first);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("0", user_of(next));
+  expect_own_file(next, 0);
+  expect_own_file(users.pid(), kUser);
+  EXPECT_EQ(daemon_.pid(), lock_holder(policy::db_file("plain", users.pid())))
+      << "the daemon holds it for the program";
+  EXPECT_EQ(users.pid(), registered_for(kUser, app_, 0));
+}
+
+TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("dropping"));
+  const pid_t first = by_hand_.pid();
+  write_file(third_part::kGiveUp, "");
+  ASSERT_TRUE(eventually([&] { return user_of(first) == "1234"; }, 20s));
+  end_by_hand();
+  EXPECT_TRUE(console_says("third part Normal[" + app_ + "] new pid: ", 30s)) << read_console();
+  const pid_t next = registered_for(0, app_, first);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("1234", user_of(next));
+  EXPECT_EQ(next, wait_for(app_, first)) << "the only one";
+}
