@@ -208,7 +208,8 @@ int open_own_file(const char* name, unique_fd* opened) {
 }
 
 // A living process has the record's pid. It need not be the registered one, so its ids count only when
-// nothing was kept and the file is its own user's.
+// nothing was kept and the file is its own user's, or root's: that root has made the file does not make a
+// process root's that is not.
 bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
   char command[WEX_PROCESS_SIZE];
   wex_user user;
@@ -222,7 +223,7 @@ bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
        !is_command_of(command, rec))) {
     return false;
   }
-  if (facts.st_uid != user.uid && (facts.st_uid != 0 || !take_owner(facts, &user))) {
+  if (!may_be_from(facts, user)) {
     return false;  // a user's file, for a process that is not his
   }
   rec->user = wex_number_user(user);

@@ -218,9 +218,9 @@ bool others_have_ended(const threads& running) {
 }
 
 [[noreturn]] void tear_down(const threads& running, unique_fd&& lock) {
-  wex_end_users();
   wex_status_end();  // before the chains are emptied: what was registered stays to be seen
   if (others_have_ended(running)) {
+    wex_end_users();
     wex_destroy_chains(&wex_chains);
     wex_destroy_chains(&wex_alive_chains);
     wex_destroy_chains(&wex_chains_delay);

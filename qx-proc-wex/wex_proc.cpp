@@ -112,7 +112,10 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
   char word[256];
-  start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
+  // A user's is not looked for: it could hide, and have the registry locked for as long as the looks take. If
+  // it detaches, the exit of this child hands it over.
+  start->third_part =
+      !wex_is_users(rec) && wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = action.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!action.through_shell) {

@@ -99,7 +99,9 @@ TEST_F(StrictRestart, AUsersPauseIsCutAndHoldsNobodyUp) {
 
 // Without a database file the next daemon would not know the program.
 TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
-  ASSERT_TRUE(daemon.start_traced({"inject=accept4:error=ECONNABORTED:when=40"}));
+  // The second one has the other threads end before the restart is made.
+  ASSERT_TRUE(daemon.start_traced(
+      {"inject=accept4:error=ECONNABORTED:when=40", "inject=unlinkat:delay_enter=700000"}));
   ASSERT_TRUE(daemon.wait_ready(30s));
   Process& slow = process();
   const words options = {"--time-set=300", "--confirm", "--tag=slow", "--hold"};
@@ -110,7 +112,43 @@ TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
       eventually([&] { return StatusReader().slot_of(slow.pid())->state == WEX_STATUS_RESTARTING; }, 20s));
   ASSERT_TRUE(end_through_server());
   EXPECT_TRUE(exited_with(daemon.wait(30s), 0)) << read_console();
-  EXPECT_GT(wait_for_actor(options, slow.pid(), 20s), 0) << read_console();
+  const pid_t next = wait_for_actor(options, slow.pid(), 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_TRUE(exists(std::string(kUsersDir) + "/" + text(next))) << "for the next daemon";
+}
+
+// A domain's child is waited for until it is a program, but a user chooses where his program lies.
+TEST_F(StrictRestart, AUsersProgramThatIsSlowlyReadHoldsNobodyUp) {
+  make_dirs("/tmp/vsd/5/wex");
+  make_dirs("/data/var/run/vsd/5");
+  ASSERT_TRUE(daemon.start_traced({"inject=execve:delay_enter=120000000", "trace=execve"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& own = process();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&own, {"--tag=slow"}));
+  const std::string flag = "/tmp/vsd/5/wex/" + text(own.pid());
+  write_file(flag, "");
+  ASSERT_EQ(0, chown(flag.c_str(), kUser, kUser));
+  send_signal(own.pid(), SIGKILL);
+  const auto next = [&] {
+    for (const wex_status_slot& slot : StatusReader().slots()) {
+      if (slot.uid == kUser && slot.pid != own.pid()) {
+        return pid_t{slot.pid};
+      }
+    }
+    return pid_t{0};
+  };
+  ASSERT_TRUE(eventually([&] { return next() > 0; }, 30s)) << read_console();
+  EXPECT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  EXPECT_EQ(0, wait_for_actor(service_words({"--tag=slow"}), own.pid(), 0ms)) << "it is no program yet";
+  EXPECT_EQ(std::string::npos, read_console().find("did not get to its program"));
+  const pid_t child = next();
+  const pid_t tracer = std::stoi(status_field(child, "TracerPid"));
+  daemon.kill_now();
+  ASSERT_GT(child, 0);
+  ASSERT_GT(tracer, 0);
+  send_signal(child, SIGKILL);
+  send_signal(tracer, SIGKILL);  // it sleeps, and the child is its zombie until it ends
 }
 
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {

@@ -247,3 +247,20 @@ TEST_F(WexUserSets, AProcessThatBecomesAnotherUserMeanwhileHasNone) {
   ASSERT_EQ(0, setresuid(0, 0, 0));
   EXPECT_FALSE(wex_note_user(&rec, before));
 }
+
+// The daemon makes files for programs that make none; killed then, it has not given them to their users. And
+// a program of root's may have given up its rights.
+TEST_F(WexStrict, RootsFileForAUsersProcessMakesItNotRoots) {
+  const child program([] { return setresuid(kOtherUser, kOtherUser, kOtherUser) == 0; });
+  ASSERT_TRUE(program.ready());
+  be_strict();
+  struct stat facts = {};
+  facts.st_mode = S_IFREG | 0700;
+  facts.st_nlink = 1;
+  wex_pid rec = {};
+  rec.pid = program.pid();
+  ASSERT_TRUE(wex_judge_file(&rec, facts));
+  uid_t user = 0;
+  EXPECT_TRUE(wex_uid_of(&rec, &user));
+  EXPECT_EQ(kOtherUser, user);
+}
