@@ -171,9 +171,15 @@ int duplicate_std_fd(int console, bool cloexec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
+// In strict mode, a program of another user than root.
+bool is_users(const launch& what) {
+  return what.user != nullptr && what.user->uid != 0;
+}
+
 // What keeps the child from its program, a disk or somebody at a higher priority, must not keep the daemon
-// standing still for ever. Executing a program removes the timer; the time limit is the one that a domain's
-// child has. A child that no signal can wake, because its file system is gone, holds the daemon all the same.
+// standing still for ever; and a user who keeps his child from it, which nobody waits for, his program from
+// being started again. Executing a program removes the timer; the time limit is the one that a domain's child
+// has. A child that no signal can wake, because its file system is gone, holds the daemon all the same.
 void limit_time_to_program() {
 #if defined(SYS_timer_create) && defined(WEX_SET_TIMER_CALL)
   sigevent deadly = {};
@@ -277,7 +283,7 @@ bool is_its_user(const launch& what) {
   if (g_nice != 0) {
     setpriority(PRIO_PROCESS, 0, g_nice);
   }
-  if (start.parent_waits) {
+  if (start.parent_waits || is_users(what)) {
     limit_time_to_program();
   }
   wex_create_std_fd(0);
@@ -343,16 +349,11 @@ bool console_is_there() {
   return !g_console_missed.load();
 }
 
-// Of a user's program, in strict mode: the kernel takes the memory of a process that has become a user for
-// his, until the program is executed. So it must not be ours.
-bool is_users(const launch& what) {
-  return what.user != nullptr && what.user->uid != 0;
-}
-
 // Whether the child may have our memory: what it does takes only system calls, and no time. A domain's child
 // calls foreign code, and the search for a bare word may take memory. A third-part program is looked for
 // next: found as soon as it is executed, it would be taken for one that stays, though it may be about to
-// detach.
+// detach. And the kernel takes the memory of a process that has become a user for his, until the program is
+// executed.
 bool may_share_memory(const launch& what) {
   const char* const word = what.words.argv[0];
   const bool only_calls = what.domain < kFirstDomain && (word == nullptr || names_path(word));
@@ -433,7 +434,8 @@ pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   return child;
 }
 
-// The child of a domain, which gets its flag file, and is waited for until it has executed its program.
+// The child of a domain, which gets its flag file, and is waited for until it has executed its program. Not a
+// user's: he may hold a lease on it, and the registry would stay locked as long.
 pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   int ends[2] = {-1, -1};
   if (pipe(ends) == 0) {
@@ -446,7 +448,7 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
   starting.reset();
   if (child > 0) {
     save_proc_info(start->what->domain, static_cast<int32_t>(child));
-    if (started.valid()) {
+    if (started.valid() && !is_users(*start->what)) {
       await_exec(child, started);
     }
   }

@@ -113,3 +113,64 @@ TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
   EXPECT_EQ("1234", user_of(next));
   EXPECT_EQ(next, wait_for(app_, first)) << "the only one";
 }
+
+// ---- Listed programs of users: nobody waits for them ------------------------------------------------------
+
+namespace {
+
+struct StrictListedUsers : StrictListed {
+  // Installs and lists a program, and starts the daemon and, as a user, the program. Its registered pid.
+  pid_t start_users(const std::string& name) {
+    command_ = app_ = install(name);
+    describe(name, app_ + " WEX_RESTART");
+    if (!start_daemon() ||
+        !start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_})) {
+      return 0;
+    }
+    return registered_for(kUser, app_, 0);
+  }
+  // Ends it. The process that is registered next.
+  pid_t killed(pid_t pid) {
+    send_signal(pid, SIGKILL);
+    by_hand_.wait(20s);
+    return registered_for(kUser, app_, pid);
+  }
+};
+
+}  // namespace
+
+// It was looked for by its command line for 5.5 s, with the registry locked.
+TEST_F(StrictListedUsers, AProgramThatIsNeverFoundIsNotLookedFor) {
+  const pid_t first = start_users("hidden");
+  ASSERT_GT(first, 0) << read_console();
+  ASSERT_EQ(0, rename(app_.c_str(), (app_ + ".real").c_str()));
+  write_file(app_, "#!/bin/sh\nexec sleep 1000\n", 0755);
+  pid_t now = first;
+  for (int restart = 1; restart <= 2; ++restart) {
+    now = killed(now);
+    ASSERT_GT(now, 0) << read_console();
+    EXPECT_EQ("1234", user_of(now));
+    EXPECT_TRUE(
+        console_says("Self-checking OK: " + text(restart) + " times and new id hidden/" + text(now) + ".\n"))
+        << "counted\n"
+        << read_console();
+  }
+  EXPECT_FALSE(console_says("Not Found new pid!", 0ms));
+  daemon_.kill_now();
+  send_signal(now, SIGKILL);
+  waitpid(now, nullptr, 0);
+}
+
+TEST_F(StrictListedUsers, AProgramThatDetachesIsFollowedAndItsRestartsAreCounted) {
+  ASSERT_GT(start_users("detaching"), 0) << read_console();
+  pid_t now = settled(app_, by_hand_.pid());
+  for (int restart = 1; restart <= 2; ++restart) {
+    ASSERT_GT(now, 0) << read_console();
+    EXPECT_EQ("1234", user_of(now));
+    EXPECT_TRUE(eventually([&] { return registered_for(kUser, app_, 0) == now; }, 20s)) << read_console();
+    send_signal(now, SIGKILL);
+    EXPECT_TRUE(console_says("Self-checking OK: " + text(restart) + " times and new id detaching/", 20s))
+        << read_console();
+    now = settled(app_, now);
+  }
+}

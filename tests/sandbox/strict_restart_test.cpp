@@ -1,9 +1,14 @@
 // Strict mode: a program is started again as who it was, and never with more.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "registry_files.h"
 #include "strict_world.h"
+#include "taken_pid.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -35,6 +40,17 @@ std::string leave_file(const words& options, uid_t owner, mode_t mode, int actio
   EXPECT_EQ(0, chmod(path.c_str(), mode));
   EXPECT_EQ(0, chown(path.c_str(), owner, owner));
   return path;
+}
+
+// Whether a child of the daemon that has not executed its program yet has a timer that kills it.
+bool has_time_limit() {
+  for (const pid_t pid : processes_inside()) {
+    const std::string timers = read_file("/proc/" + text(pid) + "/timers");
+    if (program_of(pid) == Daemon::binary() && timers.find("signal: 9/") != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
 std::string uid_of(pid_t pid) {
@@ -251,4 +267,47 @@ TEST_F(StrictRestart, WhatAUserPutsAtTheNameOfRootsFileIsReplaced) {
   struct stat facts = {};
   EXPECT_TRUE(eventually([&] { return stat(path.c_str(), &facts) == 0 && facts.st_uid == 0; }, 20s));
   unlink("/tmp/go");
+}
+
+// Executing a program waits for a lease that its owner may hold on it, and the child of a domain was waited
+// for with the registry locked.
+TEST_F(StrictRestart, AUsersProgramOfADomainThatCannotBeExecutedHoldsNobodyUp) {
+  const std::string program = "/dev/shm/actor";
+  std::filesystem::copy_file(actor_binary(), program, std::filesystem::copy_options::overwrite_existing);
+  make_dirs("/tmp/vsd/2/wex/db");
+  make_dirs("/data/var/run/vsd/2");
+  start();
+  Process& leased = process();
+  Process& roots = process();
+  words own = actor_words(service_words({"--tag=leased"}));
+  own[0] = program;
+  words start_own = {"setpriv", "--reuid=1234", "--regid=1235", "--groups=3200"};
+  start_own.insert(start_own.end(), own.begin(), own.end());
+  ASSERT_TRUE(leased.start(start_own));
+  ASSERT_TRUE(eventually([&] { return is_registered(leased.pid()); }, 20s)) << read_console();
+  ASSERT_EQ(2, StatusReader().slot_of(leased.pid())->domain);
+  write_file("/tmp/vsd/2/wex/" + text(leased.pid()),
+             "");  // the directories of a domain are not there for users
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_NE(SIG_ERR, signal(SIGIO, SIG_IGN));
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+  send_signal(leased.pid(), SIGKILL);
+  leased.wait(20s);
+  unique_fd lease(open(program.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(eventually([&] { return fcntl(lease.get(), F_SETLEASE, F_WRLCK) == 0; }, 20s))
+      << strerror(errno);
+  daemon.send(SIGCONT);
+  ASSERT_TRUE(console_says("]wex_spawn--> wex_pid->process = ", 20s)) << "it is being started\n"
+                                                                      << read_console();
+  EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
+  EXPECT_FALSE(console_says("did not get to its program", 0ms)) << "nobody waited for that";
+  EXPECT_TRUE(eventually([&] { return has_time_limit(); }, 60s)) << "it ends itself after some time";
+  lease.reset();
+  const std::string command =
+      program + actor_command(service_words({"--tag=leased"})).substr(strlen(actor_binary()));
+  ASSERT_TRUE(eventually([&] { return !pids_with_command(command).empty(); }, 60s)) << read_console();
+  daemon.kill_now();
+  send_signal(pids_with_command(command)[0], SIGKILL);
+  EXPECT_TRUE(eventually([&] { return pids_with_command(command).empty(); }, 20s));
+  unlink(program.c_str());
 }
