@@ -10,7 +10,7 @@ list(APPEND wex_test_runner ${CMAKE_CROSSCOMPILING_EMULATOR})
 
 # Cases that run a daemon of their own stand in lines, and one of each line runs at a time. What needs the machine for
 # itself stands in all of them.
-set(WEX_DAEMON_LINES daemon patient_daemon other_daemon)
+set(WEX_DAEMON_LINES daemon domain_daemon patient_daemon other_daemon)
 
 # wex_add_tests(<name> [DAEMON] SOURCES ... [LIBRARIES ...] [LABELS ...] [LOCKS ...]): one test program.
 # DAEMON: the cases run the real daemon, and each is a ctest entry with a sandbox of its own. Cases with one of

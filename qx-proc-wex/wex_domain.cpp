@@ -16,11 +16,12 @@
 namespace {
 
 // What the daemon makes at its start, and a domain that is created earlier needs. Only what is missing: the
-// directories of the system keep their modes.
+// directories of the system keep their modes. A slash at the end of the path is no parent's.
 void make_parents(const char* path) {
   char parent[kPathSize];
   struct stat facts;
-  for (const char* slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
+  for (const char* slash = strchr(path + 1, '/'); slash != nullptr && slash[1] != '\0';
+       slash = strchr(slash + 1, '/')) {
     wex_format(parent, sizeof parent, "%.*s", static_cast<int>(slash - path), path);
     if (stat(parent, &facts) != 0) {
       wex_make_dir(parent, wex_own_dir_mode());

@@ -107,9 +107,8 @@ inline constexpr int kConsoleTries = 5;
 inline constexpr int kConsoleRetryMs = 10;
 inline constexpr int kKilledChildMs = 10;    // pause before a look whether a child was killed on its way,
 inline constexpr int kKilledChildLooks = 5;  // and how many such looks
-inline constexpr int kPlatformTimeLimitMs =
-    10000;  // a child of a domain, or of a user, that has not executed by then is killed
-inline constexpr int kPlatformLookMs = 10;  // how often it is looked at until then
+inline constexpr int kPlatformTimeLimitMs = 10000;  // a domain child that has not executed by then is killed
+inline constexpr int kPlatformLookMs = 10;          // how often it is looked at until then
 
 // Repetitions while memory, descriptors or keys are short.
 inline constexpr unsigned kMemoryRetrySec = 5;

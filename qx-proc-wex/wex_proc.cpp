@@ -24,7 +24,6 @@
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_list.h"
-#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_stop.h"
@@ -113,7 +112,10 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
   char word[256];
-  start->third_part = wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
+  // A user's is not looked for: it could hide, and have the registry locked for as long as the looks take. If
+  // it detaches, the exit of this child hands it over.
+  start->third_part =
+      !wex_is_users(rec) && wex_proc_in_wexdb2(kThirdPartList, rec->process, word, sizeof word) == 1;
   const bool scripted = action.through_shell && rec->script[0] != '\0';
   split_words(scripted ? rec->script : rec->process, &start->words);
   if (!action.through_shell) {
@@ -199,33 +201,21 @@ void drop_flag_file_of_dead(int32_t domain, pid_t child) {
   }
 }
 
-// Looks for the process of a third-part program, which may have detached from the child.
-bool search_third_part(wex_pid* rec, char* wanted, pid_t child, int32_t* found) {
-  if (look_for_process(wanted, found, kFindTries, rec, child) == 1) {
-    return true;
-  }
-  // The program's arguments are part of its command line, so the first word alone finds only bare programs.
-  // And the last look may have been cut short.
-  return wex_find_running(rec->process, found, rec, child);
-}
-
-// A user could keep the registry locked by programs that are never found, so his are not looked for: the
-// child is the program, and the exit handler follows one that has detached from it.
-bool take_child(pid_t child, int32_t* found) {
-  *found = child > 0 ? static_cast<int32_t>(child) : 0;
-  return child > 0;
-}
-
-// The process of a third-part program. Its pid, or 0.
+// The process of a third-part program, which may have detached from the child. Its pid, or 0.
 int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
     WEX_TSA(requires_capability(wex_spawn_mutex)) {
   wex_pid* const rec = start.rec;
+  char* const whole = rec->process;
   char* const wanted =
-      start.action->through_shell || start.words.argv[0] == nullptr ? rec->process : start.words.argv[0];
+      start.action->through_shell || start.words.argv[0] == nullptr ? whole : start.words.argv[0];
   const char* const function = start.action->spawner;
   int32_t found = 0;
-  const bool running =
-      wex_is_users(rec) ? take_child(child, &found) : search_third_part(rec, wanted, child, &found);
+  bool running = look_for_process(wanted, &found, kFindTries, rec, child) == 1;
+  if (!running) {
+    // The program's arguments are part of its command line, so the first word alone finds only bare programs.
+    // And the last look may have been cut short.
+    running = wex_find_running(whole, &found, rec, child);
+  }
   if (running && found == child) {
     wex_dbg(WEX_DBG_PUB, "%s--> third part Normal[%s] new pid: %d\n", function, wanted, found);
   } else if (found != 0) {

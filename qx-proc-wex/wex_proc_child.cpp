@@ -56,6 +56,7 @@ struct child_start {
   int run_dir;           // held open, or -1
   int old_file_dir;      // the directory of the replaced process's database file: held open, or -1
   const char* old_file;  // that file's name in it, or its path without it; null when the file is to stay
+  int starting;          // what tells a parent that waits, by its closing, that we are a program; or -1
   // Written by a child that has our memory, read here when it has executed its program or ended:
   bool normal_lmk;  // its low-memory-killer score is the normal one
   bool at_program;  // all is done but executing it
@@ -171,15 +172,9 @@ int duplicate_std_fd(int console, bool cloexec) {
 
 // ---- child ------------------------------------------------------------------------------------------------
 
-// In strict mode, a program of another user than root.
-bool is_users(const launch& what) {
-  return what.user != nullptr && what.user->uid != 0;
-}
-
 // What keeps the child from its program, a disk or somebody at a higher priority, must not keep the daemon
-// standing still for ever; and a user who keeps his child from it, which nobody waits for, his program from
-// being started again. Executing a program removes the timer; the time limit is the one that a domain's child
-// has. A child that no signal can wake, because its file system is gone, holds the daemon all the same.
+// standing still for ever. Executing a program removes the timer; the time limit is the one that a domain's
+// child has. A child that no signal can wake, because its file system is gone, holds the daemon all the same.
 void limit_time_to_program() {
 #if defined(SYS_timer_create) && defined(WEX_SET_TIMER_CALL)
   sigevent deadly = {};
@@ -258,6 +253,11 @@ bool only_write_to_console() {
   return done;
 }
 
+// Of a user's program, in strict mode.
+bool is_users(const launch& what) {
+  return what.user != nullptr && what.user->uid != 0;
+}
+
 // Last, for what comes before needs root's rights. A program whose user is not known must not run as root.
 bool is_its_user(const launch& what) {
   if (!wex_strict().on) {
@@ -283,7 +283,7 @@ bool is_its_user(const launch& what) {
   if (g_nice != 0) {
     setpriority(PRIO_PROCESS, 0, g_nice);
   }
-  if (start.parent_waits || is_users(what)) {
+  if (start.parent_waits) {
     limit_time_to_program();
   }
   wex_create_std_fd(0);
@@ -302,6 +302,9 @@ bool is_its_user(const launch& what) {
     _exit(1);
   }
   start.at_program = true;
+  if (is_users(what)) {
+    close(start.starting);  // how long his program takes to be read is his to choose
+  }
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
   _exit(1);
@@ -352,8 +355,8 @@ bool console_is_there() {
 // Whether the child may have our memory: what it does takes only system calls, and no time. A domain's child
 // calls foreign code, and the search for a bare word may take memory. A third-part program is looked for
 // next: found as soon as it is executed, it would be taken for one that stays, though it may be about to
-// detach. And the kernel takes the memory of a process that has become a user for his, until the program is
-// executed.
+// detach. The kernel takes the memory of a process that has become a user for his, until the program is
+// executed, so it must not be ours.
 bool may_share_memory(const launch& what) {
   const char* const word = what.words.argv[0];
   const bool only_calls = what.domain < kFirstDomain && (word == nullptr || names_path(word));
@@ -434,8 +437,7 @@ pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   return child;
 }
 
-// The child of a domain, which gets its flag file, and is waited for until it has executed its program. Not a
-// user's: he may hold a lease on it, and the registry would stay locked as long.
+// The child of a domain, which gets its flag file, and is waited for until it has executed its program.
 pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   int ends[2] = {-1, -1};
   if (pipe(ends) == 0) {
@@ -444,11 +446,12 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
   }
   const unique_fd started(ends[0]);
   unique_fd starting(ends[1]);
+  start->starting = starting.get();
   const pid_t child = start_child(start);
   starting.reset();
   if (child > 0) {
     save_proc_info(start->what->domain, static_cast<int32_t>(child));
-    if (started.valid() && !is_users(*start->what)) {
+    if (started.valid()) {
       await_exec(child, started);
     }
   }
@@ -472,7 +475,7 @@ void find_old_file(child_start* start, char (&path)[kPathSize]) WEX_TSA(requires
 
 pid_t wex_start_child(const launch& what) {
   char path[kPathSize];
-  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, false, false};
+  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, -1, false, false};
   find_old_file(&start, path);
   const pid_t child = what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
   g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;

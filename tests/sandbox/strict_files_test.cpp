@@ -56,6 +56,16 @@ TEST_F(StrictFiles, DirectoriesAreStickyOrClosedAndRoots) {
   EXPECT_EQ(0700U, mode_of("/data/.ovix/vsd_common")) << "nothing is opened";
 }
 
+TEST_F(StrictFiles, AUsersProgramsOfADomainHaveWhereToMakeTheirFiles) {
+  EXPECT_TRUE(exited_with(run({Daemon::binary(), "-c", "1"}), 0)) << read_console();
+  for (const char* path : {"/tmp/vsd/1", "/tmp/vsd/1/wex", "/tmp/vsd/1/wex/db", "/data/var/run/vsd/1"}) {
+    EXPECT_EQ(01777U, facts_of(path).st_mode & 07777) << path;
+  }
+  for (const char* path : {"/tmp/vsd", "/qx_cfg/vsd/1", "/etc/vsd/1"}) {
+    EXPECT_EQ(0755U, facts_of(path).st_mode & 07777) << path;
+  }
+}
+
 TEST_F(StrictFiles, AUserCannotRemoveOrReplaceWhatIsTheDaemons) {
   start();
   Process& roots = process();

@@ -1,14 +1,9 @@
 // Strict mode: a program is started again as who it was, and never with more.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
 #include "registry_files.h"
 #include "strict_world.h"
-#include "taken_pid.h"
-#include "unique_fd.h"
 
 namespace {
 
@@ -40,17 +35,6 @@ std::string leave_file(const words& options, uid_t owner, mode_t mode, int actio
   EXPECT_EQ(0, chmod(path.c_str(), mode));
   EXPECT_EQ(0, chown(path.c_str(), owner, owner));
   return path;
-}
-
-// Whether a child of the daemon that has not executed its program yet has a timer that kills it.
-bool has_time_limit() {
-  for (const pid_t pid : processes_inside()) {
-    const std::string timers = read_file("/proc/" + text(pid) + "/timers");
-    if (program_of(pid) == Daemon::binary() && timers.find("signal: 9/") != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
 }
 
 std::string uid_of(pid_t pid) {
@@ -131,6 +115,40 @@ TEST_F(StrictRestart, ADaemonThatEndsInTheMiddleOfAUsersPauseCutsItShort) {
   const pid_t next = wait_for_actor(options, slow.pid(), 20s);
   ASSERT_GT(next, 0) << read_console();
   EXPECT_TRUE(exists(std::string(kUsersDir) + "/" + text(next))) << "for the next daemon";
+}
+
+// A domain's child is waited for until it is a program, but a user chooses where his program lies.
+TEST_F(StrictRestart, AUsersProgramThatIsSlowlyReadHoldsNobodyUp) {
+  make_dirs("/tmp/vsd/5/wex");
+  make_dirs("/data/var/run/vsd/5");
+  ASSERT_TRUE(daemon.start_traced({"inject=execve:delay_enter=120000000", "trace=execve"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& own = process();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&own, {"--tag=slow"}));
+  const std::string flag = "/tmp/vsd/5/wex/" + text(own.pid());
+  write_file(flag, "");
+  ASSERT_EQ(0, chown(flag.c_str(), kUser, kUser));
+  send_signal(own.pid(), SIGKILL);
+  const auto next = [&] {
+    for (const wex_status_slot& slot : StatusReader().slots()) {
+      if (slot.uid == kUser && slot.pid != own.pid()) {
+        return pid_t{slot.pid};
+      }
+    }
+    return pid_t{0};
+  };
+  ASSERT_TRUE(eventually([&] { return next() > 0; }, 30s)) << read_console();
+  EXPECT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  EXPECT_EQ(0, wait_for_actor(service_words({"--tag=slow"}), own.pid(), 0ms)) << "it is no program yet";
+  EXPECT_EQ(std::string::npos, read_console().find("did not get to its program"));
+  const pid_t child = next();
+  const pid_t tracer = std::stoi(status_field(child, "TracerPid"));
+  daemon.kill_now();
+  ASSERT_GT(child, 0);
+  ASSERT_GT(tracer, 0);
+  send_signal(child, SIGKILL);
+  send_signal(tracer, SIGKILL);  // it sleeps, and the child is its zombie until it ends
 }
 
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {
@@ -267,47 +285,4 @@ TEST_F(StrictRestart, WhatAUserPutsAtTheNameOfRootsFileIsReplaced) {
   struct stat facts = {};
   EXPECT_TRUE(eventually([&] { return stat(path.c_str(), &facts) == 0 && facts.st_uid == 0; }, 20s));
   unlink("/tmp/go");
-}
-
-// Executing a program waits for a lease that its owner may hold on it, and the child of a domain was waited
-// for with the registry locked.
-TEST_F(StrictRestart, AUsersProgramOfADomainThatCannotBeExecutedHoldsNobodyUp) {
-  const std::string program = "/dev/shm/actor";
-  std::filesystem::copy_file(actor_binary(), program, std::filesystem::copy_options::overwrite_existing);
-  make_dirs("/tmp/vsd/2/wex/db");
-  make_dirs("/data/var/run/vsd/2");
-  start();
-  Process& leased = process();
-  Process& roots = process();
-  words own = actor_words(service_words({"--tag=leased"}));
-  own[0] = program;
-  words start_own = {"setpriv", "--reuid=1234", "--regid=1235", "--groups=3200"};
-  start_own.insert(start_own.end(), own.begin(), own.end());
-  ASSERT_TRUE(leased.start(start_own));
-  ASSERT_TRUE(eventually([&] { return is_registered(leased.pid()); }, 20s)) << read_console();
-  ASSERT_EQ(2, StatusReader().slot_of(leased.pid())->domain);
-  write_file("/tmp/vsd/2/wex/" + text(leased.pid()),
-             "");  // the directories of a domain are not there for users
-  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
-  ASSERT_NE(SIG_ERR, signal(SIGIO, SIG_IGN));
-  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
-  send_signal(leased.pid(), SIGKILL);
-  leased.wait(20s);
-  unique_fd lease(open(program.c_str(), O_RDWR | O_CLOEXEC));
-  ASSERT_TRUE(eventually([&] { return fcntl(lease.get(), F_SETLEASE, F_WRLCK) == 0; }, 20s))
-      << strerror(errno);
-  daemon.send(SIGCONT);
-  ASSERT_TRUE(console_says("]wex_spawn--> wex_pid->process = ", 20s)) << "it is being started\n"
-                                                                      << read_console();
-  EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
-  EXPECT_FALSE(console_says("did not get to its program", 0ms)) << "nobody waited for that";
-  EXPECT_TRUE(eventually([&] { return has_time_limit(); }, 60s)) << "it ends itself after some time";
-  lease.reset();
-  const std::string command =
-      program + actor_command(service_words({"--tag=leased"})).substr(strlen(actor_binary()));
-  ASSERT_TRUE(eventually([&] { return !pids_with_command(command).empty(); }, 60s)) << read_console();
-  daemon.kill_now();
-  send_signal(pids_with_command(command)[0], SIGKILL);
-  EXPECT_TRUE(eventually([&] { return pids_with_command(command).empty(); }, 20s));
-  unlink(program.c_str());
 }

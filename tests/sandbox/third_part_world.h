@@ -78,6 +78,9 @@ __attribute__((constructor)) static void act_by_name() {
     return;
   }
   const std::string name = path + strlen(kApps);
+  if (name.rfind("ending", 0) == 0 && access(kGiveUp, F_OK) == 0) {
+    _exit(1);
+  }
   if (name.rfind("dropping", 0) == 0) {
     give_rights_up();
   }

@@ -151,6 +151,15 @@ class Event : public Parked {
     return rec;
   }
 
+  // Looks for lost exits at these times, when the monitor has read all that came before.
+  static void sweep_at(std::initializer_list<int32_t> times) {
+    wex_monitor_read_until = INT32_MAX;
+    for (const int32_t now : times) {
+      g_now = now;
+      wex_sweep_lost_exits();
+    }
+  }
+
   // The record of a process whose main thread has ended.
   static wex_pid* add_without_main_thread(gate* hold, const std::string& process = "/bin/sleep 1000") {
     const pid_t child = without_main_thread(hold);
@@ -293,11 +302,7 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramIsNeverLookedForLater) {
   const int32_t tid = dead_pid();
   wex_pid* const rec = add(tid);
   wex_take_exit_event(thread_end(tid, getpid()));
-  wex_monitor_read_until = INT32_MAX;
-  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
-    g_now = now;
-    wex_sweep_lost_exits();
-  }
+  sweep_at({1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec});
   EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
 }
@@ -326,11 +331,7 @@ TEST_F(Event, OfAThreadThatWasRegisteredAsAProgramMayBeLost) {
   const wex_pid* const rec = add(tid);
   EXPECT_EQ(getpid(), rec->thread_of);
   thread.end();
-  wex_monitor_read_until = INT32_MAX;
-  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
-    g_now = now;
-    wex_sweep_lost_exits();
-  }
+  sweep_at({1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec});
   EXPECT_EQ(tid, pid_of(rec)) << "a second instance beside the process that goes on";
 }
 
@@ -354,11 +355,7 @@ TEST_F(Event, OfThreadsThatCouldNotBeLookedAtMayBeLost) {
   EXPECT_TRUE(g_asked) << "the sweep sees that the thread runs, and that its end is wanted";
   EXPECT_EQ(getpid(), rec->thread_of);
   thread.end();
-  wex_monitor_read_until = INT32_MAX;
-  for (const int32_t now : {1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec}) {
-    g_now = now;
-    wex_sweep_lost_exits();
-  }
+  sweep_at({1000, 1000 + kSweepConfirmSec, 1000 + 2 * kSweepEverySec});
   EXPECT_EQ(thread.tid(), pid_of(rec)) << "a second instance beside the process that goes on";
   EXPECT_EQ(brief.tid(), pid_of(other));
   EXPECT_FALSE(g_asked) << "nobody wants the ends of threads any more";
@@ -395,14 +392,11 @@ TEST_F(Event, OfAProcessWhoseThreadWasRegisteredIsFoundByTheSweep) {
   ASSERT_GT(child, 0);
   const wex_pid* const rec = add(tid);
   EXPECT_EQ(child, rec->thread_of);
-  wex_monitor_read_until = INT32_MAX;
-  wex_sweep_lost_exits();
+  sweep_at({1000});
   EXPECT_EQ(tid, pid_of(rec));
   send_signal(child, SIGKILL);
   waitpid(child, nullptr, 0);
-  wex_sweep_lost_exits();
-  g_now = 1000 + kSweepConfirmSec;
-  wex_sweep_lost_exits();
+  sweep_at({1000, 1000 + kSweepConfirmSec});
   EXPECT_NE(tid, pid_of(rec));
   EXPECT_EQ(0, rec->thread_of);
   EXPECT_EQ(0u, rec->exit_signal) << "nobody reported the cause";
@@ -422,11 +416,7 @@ TEST_F(Event, OfAProcessWhoseThreadWasRegisteredHasTheCodeThatEndedTheThread) {
     wex_take_sweep_request();
     wex_take_exit_event(thread_end(tid, child, static_cast<uint32_t>(signal)));
     EXPECT_TRUE(wex_take_sweep_request()) << "it would be found a minute later";
-    wex_monitor_read_until = INT32_MAX;
-    g_now = 1000;
-    wex_sweep_lost_exits();
-    g_now = 1000 + kSweepConfirmSec;
-    wex_sweep_lost_exits();
+    sweep_at({1000, 1000 + kSweepConfirmSec});
     EXPECT_FALSE(exists(file));
     if (signal == SIGTERM) {
       chain_lock hold(wex_chains);
@@ -466,10 +456,7 @@ TEST_F(Event, OfAThreadThatGotTheIdOfALostProcessDoesNotHideTheLoss) {
   send_signal(child, SIGKILL);  // this exit is lost
   waitpid(child, nullptr, 0);
   wex_take_exit_event(thread_end(child, getpid()));
-  wex_monitor_read_until = INT32_MAX;
-  wex_sweep_lost_exits();
-  g_now = 1000 + kSweepConfirmSec;
-  wex_sweep_lost_exits();
+  sweep_at({1000, 1000 + kSweepConfirmSec});
   EXPECT_NE(child, pid_of(rec));
 }
 
@@ -494,28 +481,19 @@ TEST_F(Event, ThatIsIgnoredLeavesTheProgramToTheSweep) {
   ASSERT_EQ(child, pid_of(rec));
   send_signal(child, SIGKILL);  // this exit is lost
   waitpid(child, nullptr, 0);
-  wex_monitor_read_until = INT32_MAX;
-  wex_sweep_lost_exits();
-  g_now = 1000 + kSweepConfirmSec;
-  wex_sweep_lost_exits();
+  sweep_at({1000, 1000 + kSweepConfirmSec});
   EXPECT_NE(child, pid_of(rec));
 }
 
 TEST_F(Event, WhatCannotBeSeenIsNoLostExit) {
   const int32_t pid = zombie();
   const wex_pid* const rec = add(pid);
-  wex_monitor_read_until = INT32_MAX;
   {
     const unreadable_stat none(pid);
-    for (const int32_t now : {1000, 1010, 1100}) {
-      g_now = now;
-      wex_sweep_lost_exits();
-    }
+    sweep_at({1000, 1010, 1100});
     EXPECT_EQ(pid, pid_of(rec));
   }
-  wex_sweep_lost_exits();
-  g_now = 1100 + kSweepConfirmSec;
-  wex_sweep_lost_exits();
+  sweep_at({1100, 1100 + kSweepConfirmSec});
   EXPECT_NE(pid, pid_of(rec));
 }
 

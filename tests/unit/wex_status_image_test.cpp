@@ -64,12 +64,23 @@ TEST_F(StatusTable, ASlotFollowsItsRegistration) {
   });
 }
 
+namespace {
+
+// Five more than there are slots.
+std::vector<wex_pid*> add_five_too_many() {
+  std::vector<wex_pid*> recs;
+  for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
+    recs.push_back(add(pid));
+  }
+  return recs;
+}
+
+}  // namespace
+
 TEST_F(StatusTable, RegistrationsBeyondTheLastSlotAreCounted) {
   in_child([] {
     start();
-    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
-      add(pid);
-    }
+    add_five_too_many();
     wex_status_publish();
     const StatusReader reader;
     EXPECT_EQ(size_t{WEX_STATUS_SLOTS}, reader.slots().size());
@@ -92,10 +103,7 @@ TEST_F(StatusTable, AFreedSlotGoesToARegistrationThatFoundNone) {
     wex_init_chains(&wex_alive_chains);
     wex_init_chains(&wex_chains_delay);
     start();
-    std::vector<wex_pid*> recs;
-    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
-      recs.push_back(add(pid));
-    }
+    const std::vector<wex_pid*> recs = add_five_too_many();
     wex_pid* const hidden = recs.back();
     hidden->alarm_wait_flag = 1;
     recs[recs.size() - 2]->restart_failed = 1;
@@ -130,13 +138,10 @@ TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
     wex_init_chains(&wex_alive_chains);
     wex_init_chains(&wex_chains_delay);
     start();
-    std::vector<wex_pid*> recs;
-    for (int32_t pid = 1; pid <= WEX_STATUS_SLOTS + 5; ++pid) {
-      recs.push_back(add(pid));
-    }
+    const std::vector<wex_pid*> recs = add_five_too_many();
     const uint64_t began = wex_look_at(getpid()).start_time;
     ASSERT_GT(began, 0U);
-    wex_pid** const hidden = &recs[WEX_STATUS_SLOTS];
+    wex_pid* const* const hidden = &recs[WEX_STATUS_SLOTS];
     hidden[0]->alarm_wait_flag = 1;
     hidden[0]->check_start = 40;
     wex_pid* const copy = wex_new_record();
