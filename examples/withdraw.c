@@ -1,5 +1,5 @@
-/* Withdraws the registration of another process: "withdraw 812". wex keeps its hands off it from then on. In strict mode
- * only root and the process's own user may. */
+/* Withdraws the registration of another process: "withdraw 812". wex keeps its hands off it from then on. In
+ * strict mode only root and the process's own user may. */
 #include <stdlib.h>
 
 #include "wex.h"

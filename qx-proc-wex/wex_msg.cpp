@@ -127,6 +127,13 @@ bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chai
   return rec->restart_failed == 0 || wex_record_lives(rec);
 }
 
+// Whether the newcomer has ended and its program been started again while its registration was under way. Its
+// record would outlive the registration of its successor, and start the program again when that is cancelled
+// or stopped.
+bool was_replaced(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  return __wex_replaced_by(newcomer->pid) != 0 && !wex_record_lives(newcomer);
+}
+
 // Makes room for the process that has a dead thread's id. The thread's database file goes, too, unless the
 // process has written its own under that name.
 void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
@@ -167,6 +174,11 @@ bool insert_process(wex_pid* rec) {
   const uint32_t early_end = take_early_end(rec->pid);
   if (is_registered(rec)) {
     own_file_again(rec);
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
+    wex_free_record(rec);
+    return false;
+  }
+  if (was_replaced(rec)) {
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return false;

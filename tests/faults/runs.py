@@ -6,6 +6,7 @@ back, is there once after another start of the daemon, and nothing is left that 
 import collections
 import hashlib
 import itertools
+import signal
 import time
 
 import device
@@ -99,13 +100,17 @@ class Run:
         if self.strace is not None:
             self.strace.leave()
 
+    def ended_in_loader(self, status):
+        """The loader's very first memory is not asked for twice: every program ends by that."""
+        return status == LOADER or (status == -signal.SIGSEGV and "inject=mmap:error=ENOMEM:when=1" == self.expression)
+
     def replace_ended(self):
         """A daemon that has ended by a described status is followed by another one."""
         if not self.ended():
             return
         device.eventually(lambda: self.daemon.status() is not None, 5)   # once the tracer has let its threads go
         status = self.daemon.status()
-        need(status in DESCRIBED or (self.scenario.from_start and status == LOADER) or
+        need(status in DESCRIBED or (self.scenario.from_start and self.ended_in_loader(status)) or
              (status == KILLED and "signal=KILL" in self.expression), "the daemon ended with %s" % status)
         self.reaction = "daemon ended"
         self.scenario.replaced = True

@@ -450,6 +450,22 @@ TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasRepor
   EXPECT_EQ(static_cast<uint32_t>(SIGTERM), rec->known_code);
 }
 
+TEST_F(Registry, AProcessThatIsReplacedWhileItsRegistrationWaitsGetsNoRecordBesideItsSuccessors) {
+  wex_test::child service("/bin/sleep", {"sleep", "1000"});
+  wex_test::child successor("/bin/sleep", {"sleep", "1000"});
+  ASSERT_TRUE(service.ready() && successor.ready());
+  const wex_reg_info body = body_of(service.pid());
+  ASSERT_EQ(0, wex_process_restart(&body));
+  register_while_held(body, [&] {
+    service.end();
+    const chain_lock again(wex_chains);
+    __wex_adopt_pid(&wex_chains, __wex_find_pid(&wex_chains, body.pid), successor.pid());
+  });
+  EXPECT_EQ(nullptr, find(wex_chains, body.pid))
+      << "it would be started again when its successor is cancelled";
+  EXPECT_NE(nullptr, find(wex_chains, successor.pid()));
+}
+
 TEST_F(Registry, AThreadThatEndsWhileItsRegistrationWaitsIsKnownAsOne) {
   running_thread thread;
   const wex_reg_info body = body_of(thread.tid());

@@ -53,6 +53,10 @@ TEST_F(WexstatHealth, APauseThatAProgramAskedForIsNotStuck) {
   table.add_thread("wex_process_net", 1, 200000);
   table.add("running").restart_delay = 3600;
   EXPECT_EQ(daemon_state::stuck, judged(table).state);
+  wex_status_slot& users = table.add("users", WEX_STATUS_RESTARTING);
+  users.restart_delay = 100;
+  users.uid = 1234;
+  EXPECT_EQ(daemon_state::stuck, judged(table).state) << "nobody waits behind a user's, in strict mode";
   table.add("restarting", WEX_STATUS_RESTARTING).restart_delay = 100;
   EXPECT_EQ(daemon_state::running, judged(table).state);
 }
