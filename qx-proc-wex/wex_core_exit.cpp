@@ -259,6 +259,19 @@ void log_success(const wex_action& action, wex_pid* rec) WEX_TSA(requires_capabi
 
 // ---- restart ----------------------------------------------------------------------------------------------
 
+// The restarts of a user's program count on when it detaches, which is a hand-over: he could else have it
+// started without end. Of root's the search that follows its start finds the detached process.
+void keep_throttle(const wex_pid& before, int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec != nullptr && wex_is_users(rec)) {
+    rec->flags = before.flags;
+    rec->check_count = before.check_count;
+    rec->check_start = before.check_start;
+    rec->reboot_allow = before.reboot_allow;
+    rec->reboot_ref_time = before.reboot_ref_time;
+  }
+}
+
 // A third-part program that started itself again is registered under its new pid. When that process has ended
 // before it could be registered, the program is still to be restarted, and `*handed` is its new record.
 bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
@@ -285,6 +298,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
       return false;
     }
   }
+  keep_throttle(before, child);
   wex_status_tell(WEX_STATUS_EV_HANDED_OVER, &before, {0, child});
   return true;
 }

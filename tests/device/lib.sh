@@ -5,6 +5,13 @@ LOG=/var/log/messages
 
 pass() { echo "CASE $CASE: pass"; exit 0; }
 note() { echo "NOTE $*"; }
+# figures WHAT LOAD TRIED RESULT: WHAT was done while LOAD went on, so often; a line for tests/faults/figures.py. Nothing was
+# lost: a case that loses something fails before. No quotation marks and no vertical bars in the texts.
+figures() {
+  [ "$3" -gt 0 ] || fail "$1, $2: nothing was tried"
+  note "$1, $2: $3 tried, 0 lost; $4"
+  echo "FIGURES {\"device\": \"$CASE\", \"what\": \"$1\", \"load\": \"$2\", \"tried\": $3, \"lost\": 0, \"result\": \"$4\"}"
+}
 fail() {
   echo "CASE $CASE: FAIL $*"
   echo "--- processes"; ps -o pid,ppid,stat,args 2> /dev/null || ps

@@ -13,9 +13,17 @@ while IFS= read -r name; do
   grep -qx "${name%%/*}" "$work/cases" || complain "docs/reliability.md: there is no case $name"
 done < <(sed '/^[^/]*$/!s/\/[^/]*$//' "$work/named")
 
+sed -n '/<!-- device -->/,/<!-- end of device -->/s/.*| `\(.*\)` |$/\1/p' "$root/docs/reliability.md" > "$work/devices"
+[ -s "$work/devices" ] || complain "no case of the device is named"
+while IFS= read -r name; do
+  [ -f "$root/tests/device/cases/$name.sh" ] || complain "docs/reliability.md: there is no case $name of the device"
+done < "$work/devices"
+
 mkdir -p "$work/tests/faults" "$work/bench" "$work/docs"
 cp "$root/tests/faults/figures.py" "$work/tests/faults/"
 cp "$root/bench/reliability.json" "$work/bench/"
-sed '/<!-- cases -->/,/<!-- end of cases -->/s/| 0 |/| 1 |/' "$root/docs/reliability.md" > "$work/docs/reliability.md"
-"$work/tests/faults/figures.py" --check > /dev/null 2>&1 && complain "a changed figure is not noticed"
+for table in cases device; do
+  sed "/<!-- $table -->/,/<!-- end of $table -->/s/| 0 |/| 1 |/" "$root/docs/reliability.md" > "$work/docs/reliability.md"
+  "$work/tests/faults/figures.py" --check > /dev/null 2>&1 && complain "a changed figure is not noticed in the table of $table"
+done
 finish

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Figures of cases and of fuzzing in bench/reliability.json, and their tables in docs/reliability.md.
 
-Usage: figures.py LOG...     what the cases have printed (FIGURES lines, tests/harness/figures.h) in logs of test runs
+Usage: figures.py LOG...     what cases have printed (FIGURES lines, tests/harness/figures.h and tests/device/lib.sh) in logs of
+                             test runs and on consoles of the emulated device (build/device/run/*/console*)
        figures.py --fuzz     rows of tests/fuzz/run from standard input
        figures.py --check    whether page and figures agree, and nothing was lost
 """
@@ -12,17 +13,21 @@ import sys
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 FIGURES = os.path.join(ROOT, "bench/reliability.json")
 PAGE = os.path.join(ROOT, "docs/reliability.md")
-MARKS = {"cases": ("<!-- cases -->\n", "<!-- end of cases -->\n"), "fuzz": ("<!-- fuzz -->\n", "<!-- end of fuzz -->\n")}
+MARKS = {key: ("<!-- %s -->\n" % key, "<!-- end of %s -->\n" % key) for key in ("cases", "device", "fuzz")}
 MARK = "FIGURES "
 
 
 def read_cases(paths):
+    """The table that a row is for, its key there, and the row."""
     for path in paths:
         with open(path, errors="replace") as log:
             for line in log:
                 if MARK + "{" in line:
                     row = json.loads(line[line.index(MARK) + len(MARK):])
-                    yield row.pop("case"), row
+                    if "device" in row:
+                        yield "device", "%s: %s" % (row["device"], row["what"]), row
+                    else:
+                        yield "cases", row.pop("case"), row
 
 
 def read_fuzz(lines):
@@ -38,6 +43,13 @@ def case_rows(figures):
         yield "| %s | %s | %d | %d | %s | `%s` |" % (row["what"], row["load"], row["tried"], row["lost"], row["result"], name)
 
 
+def device_rows(figures):
+    yield "| what happens | beside | tried | lost | result | repeat: `tools/device` |"
+    yield "|---|---|---|---|---|---|"
+    for _, row in sorted(figures.items()):
+        yield "| %s | %s | %d | %d | %s | `%s` |" % (row["what"], row["load"], row["tried"], row["lost"], row["result"], row["device"])
+
+
 def fuzz_rows(figures):
     yield "| target | seconds | executions | branches | inputs that reach them | repeat |"
     yield "|---|---|---|---|---|---|"
@@ -47,7 +59,7 @@ def fuzz_rows(figures):
 
 
 def with_tables(page, figures):
-    for key, rows in (("cases", case_rows), ("fuzz", fuzz_rows)):
+    for key, rows in (("cases", case_rows), ("device", device_rows), ("fuzz", fuzz_rows)):
         first, last = MARKS[key]
         begin, end = page.index(first) + len(first), page.index(last)
         page = page[:begin] + "\n".join(rows(figures.get(key, {}))) + "\n" + page[end:]
@@ -55,11 +67,11 @@ def with_tables(page, figures):
 
 
 def check(page, figures):
-    lost = [name for name, row in figures.get("cases", {}).items() if row["lost"]]
+    lost = [name for key in ("cases", "device") for name, row in figures.get(key, {}).items() if row["lost"]]
     if lost:
         return "lost: " + ", ".join(lost)
-    if not figures.get("cases") or not figures.get("fuzz"):
-        return "bench/reliability.json has no figures of cases, or of fuzzing"
+    if not all(figures.get(key) for key in MARKS):
+        return "bench/reliability.json has no figures of one of " + ", ".join(MARKS)
     return "" if with_tables(page, figures) == page else "docs/reliability.md and bench/reliability.json differ"
 
 
@@ -73,7 +85,8 @@ def main():
     if sys.argv[1:] == ["--fuzz"]:
         figures.setdefault("fuzz", {}).update(read_fuzz(sys.stdin))
     else:
-        figures.setdefault("cases", {}).update(read_cases(sys.argv[1:]))
+        for key, name, row in read_cases(sys.argv[1:]):
+            figures.setdefault(key, {})[name] = row
     with open(FIGURES, "w") as file:
         json.dump(figures, file, indent=1)
         file.write("\n")

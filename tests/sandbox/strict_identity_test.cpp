@@ -154,3 +154,36 @@ TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
   EXPECT_EQ("1234", user_of(next));
   EXPECT_EQ(next, wait_for(app_, first)) << "the only one";
 }
+
+// ---- Listed programs of users: nobody waits for them ------------------------------------------------------
+
+namespace {
+
+struct StrictListedUsers : StrictListed {
+  // Installs and lists a program, and starts the daemon and, as a user, the program. Its registered pid.
+  pid_t start_users(const std::string& name) {
+    command_ = app_ = install(name);
+    describe(name, app_ + " WEX_RESTART");
+    if (!start_daemon() ||
+        !start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_})) {
+      return 0;
+    }
+    return registered_for(kUser, app_, 0);
+  }
+};
+
+}  // namespace
+
+TEST_F(StrictListedUsers, AProgramThatDetachesIsFollowedAndItsRestartsAreCounted) {
+  ASSERT_GT(start_users("detaching"), 0) << read_console();
+  pid_t now = settled(app_, by_hand_.pid());
+  for (int restart = 1; restart <= 2; ++restart) {
+    ASSERT_GT(now, 0) << read_console();
+    EXPECT_EQ("1234", user_of(now));
+    EXPECT_TRUE(eventually([&] { return registered_for(kUser, app_, 0) == now; }, 20s)) << read_console();
+    send_signal(now, SIGKILL);
+    EXPECT_TRUE(console_says("Self-checking OK: " + text(restart) + " times and new id detaching/", 20s))
+        << read_console();
+    now = settled(app_, now);
+  }
+}
