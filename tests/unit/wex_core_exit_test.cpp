@@ -678,6 +678,28 @@ TEST_F(UsersExit, APauseIsEndedWithTheDaemonThoughNoneWasNoted) {
   EXPECT_NE(old_pid, rec->pid);
 }
 
+// The younger record is that of a process which has got the pid meanwhile.
+TEST_F(UsersExit, APostponedRestartIsThatOfTheRecordThatWaits) {
+  wex_pid* const waiting = users_died();
+  waiting->restart_delay = 0;
+  const child other;
+  wex_pid* const younger = wex_new_record();
+  snprintf(younger->process, sizeof younger->process, "%s", "/bin/sleep 2000");
+  younger->pid = other.pid();
+  younger->action = RESPAWN;
+  {
+    chain_lock hold(wex_chains);
+    __wex_adopt_pid(&wex_chains, waiting, other.pid());
+    waiting->start_time = kStartOfNobody;
+    waiting->exit_seen = 1;
+    wex_note_start(younger);
+    __wex_add_record(&wex_chains, younger);
+  }
+  wex_handle_netlink_exit(other.pid(), 9, 1);
+  EXPECT_NE(other.pid(), waiting->pid) << "started again";
+  EXPECT_EQ(other.pid(), younger->pid);
+}
+
 // The exit of such a process was reported before its child was reaped: it is the same end.
 TEST_F(UsersExit, TheEndOfAMissedChildIsNoneInAPause) {
   const pid_t child = dead_pid();
