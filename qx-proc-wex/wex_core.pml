@@ -33,6 +33,7 @@
 //   find_or_add_thread: the same
 //   drop_ended_thread: records of threads
 //   handed_over: third-part programs that started themselves again
+//   keep_throttle: a part of handed_over()
 //   drop_stopped: ends by SIGTERM, which need no start
 //   drop_missed: third-part programs that were not found
 //   copy_of: fills what __wex_add_record() then adds
