@@ -1,8 +1,9 @@
 // wex_alive_guard: how the daemon reads and writes the alive table, which any user may damage.
 //
-// Everybody can write the object, so everybody can also cut it short or replace it. A byte of a mapping that
-// was cut short ends the process with SIGBUS, which cannot be ignored; the same byte fetched by the kernel is
-// merely missing. The process that cleared the table keeps a pipe for that (guarded_copy).
+// Without strict mode everybody can write the object, so everybody can also cut it short or replace it. A
+// byte of a mapping that was cut short ends the process with SIGBUS, which cannot be ignored; the same byte
+// fetched by the kernel is merely missing. The process that cleared the table keeps a pipe for that
+// (guarded_copy).
 #pragma once
 
 #include <cstddef>
@@ -16,6 +17,10 @@
 inline bool wex_in_alive_table(int32_t tid) {
   return tid >= 0 && tid < WEX_ALIVE_TIDS;
 }
+
+// Whether the last attempt to map the table was refused: on a device in strict mode only root's processes
+// write it. All others report with messages.
+bool wex_alive_closed();
 
 // Where a thread's registration bit and sequence byte are.
 constexpr uint32_t wex_bit_offset(uint32_t tid) {

@@ -207,6 +207,8 @@ inline constexpr mode_t kSemKeyMode = 0754;
 inline constexpr mode_t kSemMode = 0777;
 inline constexpr mode_t kRecordMemoryMode = 0777;  // narrowed by the umask
 inline constexpr mode_t kAliveTableMode = 0777;
+inline constexpr mode_t kStrictAliveTableMode = 0744;
+inline constexpr int kAliveTableTries = 10;  // to make one of root's while a user makes his
 inline constexpr mode_t kStatusTableMode = 0644;
 inline constexpr mode_t kLogMode = 0666;
 

@@ -327,7 +327,9 @@ int register_thread(uid_t speaker, const wex_reg_info& body, const notify_kind& 
     wex_free_record(fresh);
     return -1;
   }
-  wex_pid* const rec = find_or_add_thread(fresh, body, kind.renews);
+  // In strict mode a program whose library does not know that only root writes the alive table, or that has
+  // one mapped which is not the daemon's any more, registers again with each report.
+  wex_pid* const rec = find_or_add_thread(fresh, body, kind.renews || wex_strict().on);
   if (wex_in_alive_table(body.pid)) {
     const auto tid = static_cast<uint32_t>(body.pid);
     wex_sys_reg_alive_info(tid);

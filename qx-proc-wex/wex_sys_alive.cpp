@@ -45,6 +45,7 @@ constexpr uint8_t kFirstSequence = 1;  // 0 is kept for "not registered"
 
 checked_mutex g_init_mutex = {PTHREAD_MUTEX_INITIALIZER};
 std::atomic<bool> g_initialised{false};  // set under g_init_mutex, looked at without it
+std::atomic<bool> g_closed{false};       // only others may write the table
 bool g_forks_watched WEX_TSA(guarded_by(g_init_mutex)) = false;
 
 // The thread that was mapping the table when another one forked is not in the child. Its mutex is made anew
@@ -91,17 +92,13 @@ bool in_range(uint32_t tid) {
   return true;
 }
 
-// A user's service may have made the table before the daemon's first start, and has it mapped. In strict mode
-// it becomes root's, so that nobody else can take the name away.
-void take_over(const unique_fd& table) {
-  if (wex_strict().on && table.valid() && fchown(table.get(), 0, 0) != 0) {
-    wex_dbg(WEX_DBG_PUB, "%s cannot be made root's: %s\n", kAliveTableFile, strerror(errno));
+// Clients of any user are to map the table, whatever umask its creator had. In strict mode only root's, and
+// the daemon alone sees to that.
+int set_mode(const unique_fd& table, bool daemon) {
+  if (!daemon && wex_strict_is_wanted()) {
+    return 0;
   }
-}
-
-// Clients of any user are to map the table, whatever umask its creator had.
-int open_to_all(const unique_fd& table) {
-  if (table.valid() && fchmod(table.get(), kAliveTableMode) == 0) {
+  if (table.valid() && fchmod(table.get(), wex_strict().on ? kStrictAliveTableMode : kAliveTableMode) == 0) {
     return 0;
   }
   wex_dbg(WEX_DBG_PUB, "change mode failed!\r\n");
@@ -147,6 +144,42 @@ bool is_table(int fd) {
          size == kAliveTableSize;
 }
 
+// Only root can have written the table, and only root can have it mapped to write.
+bool is_roots_alone() {
+  struct stat found = {};
+  return lstat(kAliveTableFile, &found) == 0 && S_ISREG(found.st_mode) && found.st_uid == 0 &&
+         found.st_nlink == 1 && (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Whoever has this table mapped finds himself unregistered in it, and registers again.
+void empty_old_table() {
+  constexpr uint8_t kNobody[WEX_ALIVE_BITMAP_BYTES] = {};
+  const unique_fd old = open_trusted(AT_FDCWD, kAliveTableFile, O_RDWR | O_NONBLOCK);
+  if (old.valid() && is_table(old.get()) &&
+      pwrite(old.get(), kNobody, sizeof kNobody, WEX_ALIVE_BITMAP_OFFSET) < 0) {
+    wex_dbg(WEX_DBG_PUB, "%s cannot be emptied: %s\n", kAliveTableFile, strerror(errno));
+  }
+}
+
+// Strict mode: a user who can write the table can put back what root's threads have reported, so that their
+// processes are aborted. One that others could write may be mapped by them, so a new one takes the name. A
+// user may be trying to make one at the same time.
+void make_roots_table() {
+  if (is_roots_alone()) {
+    return;
+  }
+  empty_old_table();
+  for (int tries = 0; tries < kAliveTableTries; ++tries) {
+    wex_unlink(kAliveTableFile);
+    const unique_fd fresh(
+        open(kAliveTableFile, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictAliveTableMode));
+    if (fresh.valid()) {
+      return;
+    }
+  }
+  wex_dbg(WEX_DBG_PUB, "%s cannot be made root's: %s\n", kAliveTableFile, strerror(errno));
+}
+
 // A file with two names that is no table belongs to somebody else and was linked to our name: it is neither
 // cleared nor opened to all, a new table takes the name.
 void shed_second_name() {
@@ -175,19 +208,20 @@ int wex_sys_init_alive_info(uint8_t clear) {
       return -1;
     }
     shed_second_name();
+    if (wex_strict().on) {
+      make_roots_table();
+    }
   }
   const int result =
       ras_os_init_record_memory(kAliveTable, kAliveTableSize, &g_wex_alive_info.memory, &errno);
+  g_closed.store(result != 0 && errno == EACCES);
   if (result != 0) {
     wex_dbg(WEX_DBG_ALIVE, "ras_os_init_record_memory err(path:%s, ret:%d, err:%d)!\r\n", kAliveTable, result,
             errno);
     return result;
   }
   unique_fd table = open_trusted(AT_FDCWD, kAliveTableFile, O_RDWR | O_NONBLOCK);
-  if (clear != 0) {
-    take_over(table);
-  }
-  const int opened = open_to_all(table);
+  const int opened = set_mode(table, clear != 0);
   g_wex_alive_info.base = static_cast<uint8_t*>(g_wex_alive_info.memory.addr);
   if (clear != 0) {
     clear_table(table.get());
@@ -240,4 +274,8 @@ int wex_sys_isreg_alive_info(uint32_t tid) {
     return 0;
   }
   return (load(wex_bit_offset(tid)) & wex_bit_mask(tid)) != 0 ? 1 : 0;
+}
+
+bool wex_alive_closed() {
+  return g_closed.load();
 }

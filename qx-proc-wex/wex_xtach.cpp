@@ -374,14 +374,15 @@ int wex_client_reset_thread_notify(int32_t pid, int32_t tid, int32_t time, int32
   if (exempted(tid)) {
     return 0;
   }
-  if (!wex_in_alive_table(tid)) {
+  const auto index = static_cast<uint32_t>(tid);
+  const bool registered = wex_in_alive_table(tid) && wex_sys_isreg_alive_info(index) != 0;
+  if (!registered && (!wex_in_alive_table(tid) || wex_alive_closed())) {
     const wex_reg_info body = thread_body(pid, tid, time);
     wex_rpc(WEX_NOTIFIER_RESET, nullptr, &body, sizeof body, 0,
             1);  // a report must not fail while the daemon is away
     return 0;
   }
-  const auto index = static_cast<uint32_t>(tid);
-  if (wex_sys_isreg_alive_info(index) == 0) {
+  if (!registered) {
     wex_dbg(WEX_DBG_PUB, "reg alive info(pid:%d, tid:%d, time:%d, count:%d)!\n", pid, tid, time, count);
     return wex_client_reg_thread_notify(pid, tid, time, count);
   }

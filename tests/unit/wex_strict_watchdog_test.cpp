@@ -148,3 +148,22 @@ TEST_F(Watchdog, InStrictModeARegistrationAnewIsOfTheProcessThatMakesIt) {
     EXPECT_TRUE(program.aborted());
   });
 }
+
+// Its library finds no byte for it in a table that it may not write.
+TEST_F(Watchdog, InStrictModeAThreadThatRegistersAgainHasReported) {
+  in_child([] {
+    service program(1);
+    be_strict();
+    const daemon_side daemon;
+    program.change_user(kOtherUser, kOtherUser);
+    ASSERT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));
+    wex_reg_info body = {};
+    body.pid = body.ppid = program.pid();
+    body.ntfy_cnt = body.cur_cnt = 5;
+    body.ntfy_time = 120;
+    ASSERT_EQ(0, wex_register_thread_by(kOtherUser, body, false));
+    daemon.scans(1);
+    EXPECT_TRUE(program.running());
+    EXPECT_EQ(0U, hangs_logged());
+  });
+}
