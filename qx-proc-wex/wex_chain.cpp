@@ -104,15 +104,40 @@ void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(cha
   chain->count--;
 }
 
-// The database file of a record that has no use for it any more.
-void drop_file(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  if (!__wex_shares_pid(rec)) {
-    wex_db_destroy(rec);
-  }
-}
-
 wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain)) {
   return &chain->heads[wex_hash_pid(pid)];
+}
+
+void renumber(wex_chains_t* chain, wex_pid* rec, int32_t number) WEX_TSA(requires_capability(chain)) {
+  hlist_del(&rec->hnode);
+  rec->pid = number;
+  link_at_head(bucket_of(chain, number), &rec->hnode);
+}
+
+// A number for a registration that has given its pid up. -1 is that of all without a process.
+int32_t next_number() WEX_TSA(requires_capability(wex_chains)) {
+  constexpr int32_t kFirst = -2;
+  static int32_t next = kFirst;
+  return next > INT32_MIN ? next-- : next = kFirst;
+}
+
+// The copy that waits for the restart is still found by the registration's number.
+void give_up_pid(wex_pid* rec, const char* newcomers_file) WEX_TSA(requires_capability(wex_chains)) {
+  char file[kPathSize];
+  const int32_t pid = rec->pid;
+  if (!wex_name_pidfile(rec, file) || strcmp(file, newcomers_file) != 0) {
+    wex_db_destroy(rec);
+  }
+  wex_forget_user(pid);
+  const int32_t number = next_number();
+  renumber(&wex_chains, rec, number);
+  {
+    chain_lock hold(wex_chains_delay);
+    if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid)) {
+      renumber(&wex_chains_delay, copy, number);
+    }
+  }
+  wex_status_refresh(rec);
 }
 
 void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
@@ -281,12 +306,12 @@ void __wex_drop_record(wex_chains_t* chain, wex_pid* rec) {
 }
 
 void __wex_drop_registration(wex_pid* rec) {
-  drop_file(rec);
+  wex_db_destroy(rec);
   __wex_drop_record(&wex_chains, rec);
 }
 
 wex_pid* __wex_recycle_registration(wex_pid* rec) {
-  drop_file(rec);
+  wex_db_destroy(rec);
   return __wex_recycle_record(&wex_chains, rec);
 }
 
@@ -307,17 +332,18 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   return nullptr;
 }
 
-bool __wex_shares_pid(const wex_pid* rec) {
-  if (!wex_strict().on || rec->pid < 1) {
-    return false;
+void __wex_free_pid(int32_t pid, uint64_t start_time, const char* newcomers_file) {
+  if (!wex_strict().on || pid < 1) {
+    return;
   }
-  for (wex_hnode* node = wex_chains.heads[wex_hash_pid(rec->pid)]; node != nullptr; node = node->next) {
-    const wex_pid* const other = wex_record_of(node);
-    if (other != rec && other->pid == rec->pid) {
-      return true;
+  wex_hnode* ahead = *bucket_of(&wex_chains, pid);
+  while (ahead != nullptr) {
+    wex_pid* const rec = wex_record_of(ahead);
+    ahead = ahead->next;
+    if (rec->pid == pid && rec->exit_seen != 0 && rec->start_time != start_time) {
+      give_up_pid(rec, newcomers_file);
     }
   }
-  return false;
 }
 
 void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
@@ -398,16 +424,22 @@ bool wex_record_lives(const wex_pid* rec) {
   return process > 0 && rec->start_time != 0 && wex_proc_lives(process, rec->start_time);
 }
 
+// What was started, or found, has the pid, so nothing else has.
+void free_pid_for_child(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  if (wex_strict().on) {
+    __wex_free_pid(pid, wex_strict_start_of(pid), "");
+  }
+}
+
 bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
   // program a second time.
-  drop_file(rec);
+  wex_db_destroy(rec);
   const int32_t old_pid = rec->pid;
+  free_pid_for_child(new_pid);
   note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
-  hlist_del(&rec->hnode);
-  rec->pid = new_pid;
-  link_at_head(bucket_of(chain, new_pid), &rec->hnode);
+  renumber(chain, rec, new_pid);
   rec->exit_seen = 0;
   rec->restart_failed = 0;
   rec->gone_since = 0;

@@ -69,17 +69,19 @@ wex_pid* __wex_recycle_registration(wex_pid* rec) WEX_TSA(requires_capability(we
 // A thread's registration ends: its record in the alive chain and its entry in the table go together.
 void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_capability(chain));
 
-// Whether another record has the pid of `rec`, whose process has ended (strict mode: a user must not be able
-// to keep a pid from root's service by a program that waits for its restart). Database and flag file, and
-// what is kept of the user, are then the other one's: their names hold the pid.
-bool __wex_shares_pid(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+// Strict mode: has the registrations whose process had `pid`, and has ended, known by a number of no process
+// from now on, for the pid is another process's, which is about to get a record: a user must not be able to
+// keep pids from root's services by programs that wait for their restart. Their database files go, but for
+// one of the name `newcomers_file`. The process that has the pid now started at `start_time`.
+void __wex_free_pid(int32_t pid, uint64_t start_time, const char* newcomers_file)
+    WEX_TSA(requires_capability(wex_chains));
 
 // As __wex_del_pid, but one of the records is given to the caller, unlinked: its memory serves for a new
 // record where none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
 // The same for the pid of `rec`. A pid below 1 is that of no process, and records of several programs may
-// have it: then only `rec` is taken. So it is in strict mode with any pid (__wex_shares_pid).
+// have it: then only `rec` is taken. So it is in strict mode with any pid.
 wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
 // Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,

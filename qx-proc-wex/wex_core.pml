@@ -244,7 +244,6 @@ inline wex_proc_is_running(r) {  // wex_chain.cpp, in one step
 #define is_dead(r) (proc[rec[r].pid].state == gone)   // wex_core_exit.cpp, in one step
 #define HAS_ENDED(r) (proc[rec[r].pid].state == gone)      // by a look at /proc
 #define restart_failed false                              // each start finds its process
-#define pid_used_again false                              // strict mode: the newcomer only has the pid
 #define wex_record_lives(r) (proc[rec[r].pid].state == living)   // wex_chain.cpp, in one step
 #define wex_proc_is_exit(p) (!proc[p].file_locked)   // wex_pidfile.cpp, in one step
 
@@ -405,10 +404,14 @@ inline wex_spawn_as(r) {  // wex_proc.cpp
   fi
 }
 
+inline renumber(r, number) {  // wex_chain.cpp
+  rec[r].pid = number
+}
+
 inline __wex_adopt_pid(r, new_pid) {  // wex_chain.cpp
   atomic {
     __wex_expect_exit(new_pid);
-    rec[r].pid = new_pid;
+    renumber(r, new_pid);
     rec[r].exit_seen = 0;
     rec[r].gone_since = 0;
     yes = proc[new_pid].state == living
@@ -621,6 +624,12 @@ inline wex_handle_netlink_exit(p, forced_restart) {  // wex_core_exit.cpp
   unlock(wex_chains)
 }
 
+inline wex_hand_back_restart(p, forced_restart) {  // wex_core_exit.cpp
+  lock(wex_chains);
+  handle_exit(p, forced_restart, false);
+  unlock(wex_chains)
+}
+
 inline wex_handle_judged_exit(p, known_ended) {  // wex_core_exit.cpp
   lock(wex_chains);
   handle_exit(p, 0, known_ended);
@@ -764,7 +773,7 @@ inline hand_back_ready_restart() {  // wex_core_upkeep.cpp
 #ifdef DELAY_LOCK_KEPT
     lock(wex_chains_delay);
 #endif
-    wex_handle_netlink_exit(p, forced)
+    wex_hand_back_restart(p, forced)
 #ifdef DELAY_LOCK_KEPT
     ; unlock(wex_chains_delay)
 #endif
@@ -864,7 +873,7 @@ end_of_pass:
 
 inline is_registered_already(p) {  // wex_msg.cpp: is_registered
   __wex_find_pid(wex_chains, p);
-  yes = r != NONE && !(pid_used_again && rec[r].exit_seen != 0) && (!restart_failed || wex_record_lives(r))
+  yes = r != NONE && (!restart_failed || wex_record_lives(r))
 }
 
 inline insert_process(p) {  // wex_msg.cpp

@@ -35,6 +35,7 @@ wex_pid* copy_of(const wex_pid& rec) WEX_TSA(requires_capability(wex_chains)) {
   copy->restart_delay = rec.restart_delay;
   copy->action = rec.action;
   copy->exit_signal = rec.exit_signal;
+  copy->start_time = rec.start_time;
   wex_copy_text(copy->process, sizeof copy->process, rec.process);
   wex_copy_text(copy->script, sizeof copy->script, rec.script);
   copy->delay_start = wex_clock_now();
@@ -81,7 +82,7 @@ bool wex_take_ready_restart(ready_restart* ready) {
   record_walk walk(wex_chains_delay);
   while (wex_pid* const copy = walk.next()) {
     if (is_ready(copy)) {
-      *ready = {copy->pid, copy->exit_signal, copy->force_restart};
+      *ready = {copy->pid, copy->exit_signal, copy->force_restart, copy->start_time};
       __wex_drop_record(&wex_chains_delay, copy);
       return true;
     }

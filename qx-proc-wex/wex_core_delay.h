@@ -8,6 +8,7 @@ struct ready_restart {
   int32_t pid;
   uint32_t exit_signal;
   int32_t force_restart;
+  uint64_t start_time;  // of the process that has ended
 };
 
 // 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start

@@ -68,15 +68,19 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
-// The record whose postponed restart is due: a younger record may have its pid by now (strict mode).
-wex_pid* find_postponed(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
-  record_walk walk(wex_chains);
-  wex_pid* rec = wex_strict().on && !__wex_waits_for_restart(pid) ? walk.next() : nullptr;
-  while (rec != nullptr && (rec->pid != pid || rec->exit_seen == 0 || rec->delay_start != 0 ||
-                            rec->alarm_wait_flag == 1 || rec->restart_failed != 0)) {
-    rec = walk.next();
+// The number that the record of this postponed restart has by now: it may have given its pid up (strict mode)
+// behind the end of its wait.
+int32_t number_of(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, ready.pid);
+  if (!wex_strict().on || (rec != nullptr && rec->start_time == ready.start_time)) {
+    return ready.pid;
   }
-  return rec;
+  record_walk walk(wex_chains);
+  const wex_pid* other = walk.next();
+  while (other != nullptr && (other->exit_seen == 0 || other->start_time != ready.start_time)) {
+    other = walk.next();
+  }
+  return other != nullptr ? other->pid : -1;
 }
 
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -417,9 +421,8 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, boo
 // pid, registered since, has another one.
 void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const postponed = find_postponed(pid);
-  wex_pid* const rec = postponed != nullptr ? postponed : __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr || rec->delay_start != 0) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec == nullptr || rec->delay_start > 0) {
     return;  // or the end of a stranger that has got the pid during the pause
   }
   const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
@@ -526,6 +529,12 @@ void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
   with_reserve(
       [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, 0, ended_start); });
+}
+
+void wex_hand_back_restart(const ready_restart& ready) {
+  with_reserve([&ready]() WEX_TSA(requires_capability(wex_chains)) {
+    handle_exit(number_of(ready), ready.exit_signal, ready.force_restart, 0);
+  });
 }
 
 void wex_restart_paused() {

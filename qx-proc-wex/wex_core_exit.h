@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "wex_core_delay.h"
 #include "wex_lock_order.h"
 
 extern "C" {
@@ -25,6 +26,10 @@ extern int32_t wex_event_log_count WEX_TSA(guarded_by(wex_chains));
 // Does so for every such start that has ended. May start programs and search for them: alarm thread only,
 // with nothing held.
 void wex_handle_missed_exits() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
+
+// wex_handle_netlink_exit() for a restart that was postponed until now. Delay thread only, with nothing held.
+void wex_hand_back_restart(const ready_restart& ready)
+    WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // Restarts the programs whose pause without the registry is over. Delay thread only, with nothing held.
 void wex_restart_paused() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));

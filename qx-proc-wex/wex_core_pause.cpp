@@ -19,6 +19,9 @@ bool daemon_ends() {
   return wex_exit_flag.load() != 0;
 }
 
+// What __wex_find_ended_pause() has handed out, whatever becomes of it.
+constexpr int32_t kPauseOver = -1;
+
 // More than the whole seconds that were asked for: the first one may have been nearly over.
 bool has_lasted(const wex_pid* rec) {
   return daemon_ends() || int64_t{wex_clock_now()} - rec->delay_start > rec->restart_delay;
@@ -51,10 +54,11 @@ wex_pid* __wex_find_ended_pause() {
   bool any = false;
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
-    if (rec->delay_start != 0 && has_lasted(rec)) {
+    if (rec->delay_start > 0 && has_lasted(rec)) {
+      rec->delay_start = kPauseOver;
       return rec;
     }
-    any = any || rec->delay_start != 0;
+    any = any || rec->delay_start > 0;
   }
   g_any.store(any);
   return nullptr;

@@ -115,7 +115,7 @@ void hand_back_ready_restart() {
   if (wex_take_ready_restart(&ready)) {
     wex_dbg(WEX_DBG_PUB, "pid:%d, exit_signal:0x%x, force_restart:%d\n", ready.pid, ready.exit_signal,
             ready.force_restart);
-    wex_handle_netlink_exit(ready.pid, ready.exit_signal, ready.force_restart);
+    wex_hand_back_restart(ready);
   }
 }
 

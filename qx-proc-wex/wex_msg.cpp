@@ -111,8 +111,7 @@ wex_pid* build_process(const wex_reg_info& body, const wex_action& action, const
 
 // Whether the newcomer's pid has its record already. A record keeps a dead pid when its restart found no
 // process, or when it was made for a thread that has ended: the process, or another one's thread, that has
-// the id now may register it. In strict mode it may also while the dead one's program waits for its restart:
-// a user could otherwise keep pids from root's services.
+// the id now may register it.
 bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, newcomer->pid);
   if (rec == nullptr) {
@@ -120,9 +119,6 @@ bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chai
   }
   if (rec->thread_of != 0) {
     return rec->thread_of == newcomer->thread_of;
-  }
-  if (wex_strict().on && rec->exit_seen != 0 && rec->start_time != newcomer->start_time) {
-    return false;
   }
   return rec->restart_failed == 0 || wex_record_lives(rec);
 }
@@ -168,10 +164,19 @@ void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_cha
   }
 }
 
+// From those whose process had the newcomer's pid, in strict mode. A file of one name is the newcomer's.
+void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  char file[kPathSize];
+  if (wex_strict().on && newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
+    __wex_free_pid(newcomer->pid, newcomer->start_time, file);
+  }
+}
+
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec->pid);
+  free_pid_of(rec);
   if (is_registered(rec)) {
     own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);

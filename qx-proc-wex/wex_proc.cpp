@@ -111,6 +111,9 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->user = wex_user_of(rec);
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
+  if (start->old_pid < -1 && rec->vsd >= kFirstDomain) {
+    start->domain = rec->vsd;  // it has given its pid up, and with it the flag file
+  }
   char word[256];
   // A user's is not looked for: it could hide, and have the registry locked for as long as the looks take. If
   // it detaches, the exit of this child hands it over.

@@ -459,9 +459,9 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
 }
 
 // Where the replaced process's database file is.
-void find_old_file(child_start* start, char (&path)[kPathSize]) WEX_TSA(requires_capability(wex_chains)) {
+void find_old_file(child_start* start, char (&path)[kPathSize]) {
   const launch& what = *start->what;
-  if (what.third_part || __wex_shares_pid(what.rec) || !wex_name_pidfile(what.rec, path)) {
+  if (what.third_part || !wex_name_pidfile(what.rec, path)) {
     return;
   }
   start->old_file = path;
