@@ -25,6 +25,8 @@
 #include "wex_clock.h"
 #include "wex_core_filter.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
@@ -108,33 +110,35 @@ wex_hnode** bucket_of(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capabil
   return &chain->heads[wex_hash_pid(pid)];
 }
 
-void renumber(wex_chains_t* chain, wex_pid* rec, int32_t number) WEX_TSA(requires_capability(chain)) {
-  hlist_del(&rec->hnode);
-  rec->pid = number;
-  link_at_head(bucket_of(chain, number), &rec->hnode);
-}
-
-// A number for a registration that has given its pid up. -1 is that of all without a process.
-int32_t next_number() WEX_TSA(requires_capability(wex_chains)) {
+// The next number for a registration that has given `pid` up, one of the same bucket: the registry may be
+// walked through meanwhile. -1 is that of all without a process.
+int32_t number_like(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   constexpr int32_t kFirst = -2;
   static int32_t next = kFirst;
-  return next > INT32_MIN ? next-- : next = kFirst;
+  int32_t number = 0;
+  do {
+    number = next;
+    next = number > INT32_MIN ? number - 1 : kFirst;
+  } while (wex_hash_pid(number) != wex_hash_pid(pid));
+  return number;
 }
 
 // The copy that waits for the restart is still found by the registration's number.
-void give_up_pid(wex_pid* rec, const char* newcomers_file) WEX_TSA(requires_capability(wex_chains)) {
+void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
   const int32_t pid = rec->pid;
-  if (!wex_name_pidfile(rec, file) || strcmp(file, newcomers_file) != 0) {
+  if (!wex_name_pidfile(rec, file) || strcmp(file, taker.file) != 0) {
     wex_db_destroy(rec);
   }
+  if (rec->vsd >= kFirstDomain && rec->vsd != taker.domain) {
+    wex_remove_flag_files(rec->vsd, pid);
+  }
   wex_forget_user(pid);
-  const int32_t number = next_number();
-  renumber(&wex_chains, rec, number);
+  rec->pid = number_like(pid);
   {
     chain_lock hold(wex_chains_delay);
     if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid)) {
-      renumber(&wex_chains_delay, copy, number);
+      copy->pid = rec->pid;
     }
   }
   wex_status_refresh(rec);
@@ -332,16 +336,15 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   return nullptr;
 }
 
-void __wex_free_pid(int32_t pid, uint64_t start_time, const char* newcomers_file) {
-  if (!wex_strict().on || pid < 1) {
+void __wex_free_pid(const pid_taker& taker) {
+  if (!wex_strict().on || taker.pid < 1) {
     return;
   }
-  wex_hnode* ahead = *bucket_of(&wex_chains, pid);
-  while (ahead != nullptr) {
-    wex_pid* const rec = wex_record_of(ahead);
-    ahead = ahead->next;
-    if (rec->pid == pid && rec->exit_seen != 0 && rec->start_time != start_time) {
-      give_up_pid(rec, newcomers_file);
+  for (wex_hnode* node = *bucket_of(&wex_chains, taker.pid); node != nullptr; node = node->next) {
+    wex_pid* const rec = wex_record_of(node);
+    if (rec->pid == taker.pid && rec->exit_seen != 0 && rec->start_time != taker.start_time &&
+        wex_is_users(rec)) {
+      give_up_pid(rec, taker);
     }
   }
 }
@@ -424,22 +427,17 @@ bool wex_record_lives(const wex_pid* rec) {
   return process > 0 && rec->start_time != 0 && wex_proc_lives(process, rec->start_time);
 }
 
-// What was started, or found, has the pid, so nothing else has.
-void free_pid_for_child(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
-  if (wex_strict().on) {
-    __wex_free_pid(pid, wex_strict_start_of(pid), "");
-  }
-}
-
 bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // Before anything else: if the daemon is killed while the old file exists, the next daemon starts the
   // program a second time.
   wex_db_destroy(rec);
   const int32_t old_pid = rec->pid;
-  free_pid_for_child(new_pid);
+  __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
   note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
-  renumber(chain, rec, new_pid);
+  hlist_del(&rec->hnode);
+  rec->pid = new_pid;
+  link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
   rec->restart_failed = 0;
   rec->gone_since = 0;

@@ -69,12 +69,19 @@ wex_pid* __wex_recycle_registration(wex_pid* rec) WEX_TSA(requires_capability(we
 // A thread's registration ends: its record in the alive chain and its entry in the table go together.
 void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_capability(chain));
 
-// Strict mode: has the registrations whose process had `pid`, and has ended, known by a number of no process
-// from now on, for the pid is another process's, which is about to get a record: a user must not be able to
-// keep pids from root's services by programs that wait for their restart. Their database files go, but for
-// one of the name `newcomers_file`. The process that has the pid now started at `start_time`.
-void __wex_free_pid(int32_t pid, uint64_t start_time, const char* newcomers_file)
-    WEX_TSA(requires_capability(wex_chains));
+// The process that has a pid by now.
+struct pid_taker {
+  int32_t pid;
+  uint64_t start_time;
+  const char* file;  // the name of its database file, or ""
+  int32_t domain;
+};
+
+// Strict mode: users' registrations whose process had this pid, and has ended, are known by a number of no
+// process from now on: a user must not be able to keep pids from root's services by programs that wait for
+// their restart. Their database files go, and flag files in other domains than the taker's. With the registry
+// held; also while it is walked through.
+void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 
 // As __wex_del_pid, but one of the records is given to the caller, unlinked: its memory serves for a new
 // record where none may be waited for. Null when there was none.

@@ -36,6 +36,7 @@
 //   keep_throttle: a part of handed_over()
 //   drop_stopped: ends by SIGTERM, which need no start
 //   drop_missed: third-part programs that were not found
+//   give_up_pid: a pid stands for one process only here
 //   copy_of: fills what __wex_add_record() then adds
 //   wex_read_pidfile_facts: fills a record that is not in the registry yet
 //   wex_spawn_by_user: the client's own start of a program, which has no registry
@@ -404,14 +405,10 @@ inline wex_spawn_as(r) {  // wex_proc.cpp
   fi
 }
 
-inline renumber(r, number) {  // wex_chain.cpp
-  rec[r].pid = number
-}
-
 inline __wex_adopt_pid(r, new_pid) {  // wex_chain.cpp
   atomic {
     __wex_expect_exit(new_pid);
-    renumber(r, new_pid);
+    rec[r].pid = new_pid;
     rec[r].exit_seen = 0;
     rec[r].gone_since = 0;
     yes = proc[new_pid].state == living

@@ -69,7 +69,7 @@ bool still_runs(wex_pid* rec) {
 }
 
 // The number that the record of this postponed restart has by now: it may have given its pid up (strict mode)
-// behind the end of its wait.
+// behind the end of its wait. 0 when it has gone.
 int32_t number_of(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, ready.pid);
   if (!wex_strict().on || (rec != nullptr && rec->start_time == ready.start_time)) {
@@ -77,10 +77,10 @@ int32_t number_of(const ready_restart& ready) WEX_TSA(requires_capability(wex_ch
   }
   record_walk walk(wex_chains);
   const wex_pid* other = walk.next();
-  while (other != nullptr && (other->exit_seen == 0 || other->start_time != ready.start_time)) {
+  while (other != nullptr && (other->pid >= -1 || other->start_time != ready.start_time)) {
     other = walk.next();
   }
-  return other != nullptr ? other->pid : -1;
+  return other != nullptr ? other->pid : 0;
 }
 
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -533,7 +533,10 @@ void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_st
 
 void wex_hand_back_restart(const ready_restart& ready) {
   with_reserve([&ready]() WEX_TSA(requires_capability(wex_chains)) {
-    handle_exit(number_of(ready), ready.exit_signal, ready.force_restart, 0);
+    const int32_t number = number_of(ready);
+    if (number != 0) {
+      handle_exit(number, ready.exit_signal, ready.force_restart, 0);
+    }
   });
 }
 

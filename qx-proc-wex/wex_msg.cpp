@@ -16,6 +16,7 @@
 #include "wex_action.h"
 #include "wex_alive_guard.h"
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_early_end.h"
@@ -125,9 +126,14 @@ bool is_registered(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chai
 
 // Whether the newcomer has ended and its program been started again while its registration was under way. Its
 // record would outlive the registration of its successor, and start the program again when that is cancelled
-// or stopped.
+// or stopped. Not a process of another program that has got the pid since.
 bool was_replaced(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
-  return __wex_replaced_by(newcomer->pid) != 0 && !wex_record_lives(newcomer);
+  const int32_t by = __wex_replaced_by(newcomer->pid);
+  if (by == 0 || !wex_surely_dead(wex_look_at(newcomer->pid))) {
+    return false;
+  }
+  const wex_pid* const successor = __wex_find_pid(&wex_chains, by);
+  return successor == nullptr || !wex_is_other_command(successor->process, newcomer->process);
 }
 
 // Makes room for the process that has a dead thread's id. The thread's database file goes, too, unless the
@@ -164,11 +170,12 @@ void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_cha
   }
 }
 
-// From those whose process had the newcomer's pid, in strict mode. A file of one name is the newcomer's.
+// Takes the newcomer's pid from those whose process had it, in strict mode. A file of one name is the
+// newcomer's.
 void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
   if (wex_strict().on && newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
-    __wex_free_pid(newcomer->pid, newcomer->start_time, file);
+    __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
   }
 }
 

@@ -277,5 +277,5 @@ int wex_sys_isreg_alive_info(uint32_t tid) {
 }
 
 bool wex_alive_closed() {
-  return g_closed.load();
+  return g_closed.load() && wex_strict_is_wanted();  // else somebody has only changed its mode
 }

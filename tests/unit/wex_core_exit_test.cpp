@@ -678,26 +678,48 @@ TEST_F(UsersExit, APauseIsEndedWithTheDaemonThoughNoneWasNoted) {
   EXPECT_NE(old_pid, rec->pid);
 }
 
-// The younger record is that of a process which has got the pid meanwhile.
+// Another process has got the pid meanwhile, and is registered behind the end of the wait.
 TEST_F(UsersExit, APostponedRestartIsThatOfTheRecordThatWaits) {
   wex_pid* const waiting = users_died();
   waiting->restart_delay = 0;
   const child other;
+  const int32_t pid = other.pid();
   wex_pid* const younger = wex_new_record();
   snprintf(younger->process, sizeof younger->process, "%s", "/bin/sleep 2000");
-  younger->pid = other.pid();
+  younger->pid = pid;
   younger->action = RESPAWN;
+  const ready_restart ready = {pid, 9, 1, kStartOfNobody};
   {
     chain_lock hold(wex_chains);
-    __wex_adopt_pid(&wex_chains, waiting, other.pid());
+    __wex_adopt_pid(&wex_chains, waiting, pid);
     waiting->start_time = kStartOfNobody;
     waiting->exit_seen = 1;
     wex_note_start(younger);
+    __wex_free_pid({pid, younger->start_time, "", 0});
+    EXPECT_LT(waiting->pid, -1);
+    EXPECT_EQ(wex_hash_pid(pid), wex_hash_pid(waiting->pid));
+    EXPECT_EQ(waiting, __wex_find_pid(&wex_chains, waiting->pid));
     __wex_add_record(&wex_chains, younger);
   }
-  wex_handle_netlink_exit(other.pid(), 9, 1);
-  EXPECT_NE(other.pid(), waiting->pid) << "started again";
-  EXPECT_EQ(other.pid(), younger->pid);
+  wex_hand_back_restart({pid, 9, 1, kStartOfNobody - 1});
+  EXPECT_LT(waiting->pid, -1) << "that one was of another registration, which has gone";
+  wex_hand_back_restart(ready);
+  EXPECT_GT(waiting->pid, 0) << "started again";
+  EXPECT_NE(pid, waiting->pid);
+  EXPECT_EQ(pid, younger->pid);
+}
+
+// Root's registration keeps its pid, as without strict mode.
+TEST_F(UsersExit, OnlyAUsersRegistrationGivesItsPidUp) {
+  wex_pid* const waiting = users_died();
+  const int32_t pid = waiting->pid;
+  chain_lock hold(wex_chains);
+  waiting->exit_seen = 1;
+  __wex_free_pid({pid, waiting->start_time, "", 0});
+  EXPECT_EQ(pid, waiting->pid) << "its own process";
+  waiting->user = 0;
+  __wex_free_pid({pid, waiting->start_time + 1, "", 0});
+  EXPECT_EQ(pid, waiting->pid) << "root's";
 }
 
 // The exit of such a process was reported before its child was reaped: it is the same end.
