@@ -59,6 +59,9 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   if (new_pid > 0) {
     make_file_of_listed(rec);
   }
+  if (wex_child_gave_up(new_pid)) {
+    wex_mend_pidfile(rec);  // should the daemon end now, the next one must know the program
+  }
   if (!wex_child_has_normal_lmk(new_pid)) {
     wex_reset_lmk(new_pid);
   }

@@ -60,6 +60,7 @@ struct child_start {
   // Written by a child that has our memory, read here when it has executed its program or ended:
   bool normal_lmk;  // its low-memory-killer score is the normal one
   bool at_program;  // all is done but executing it
+  bool gave_up;     // it ends without having executed it
 };
 
 std::atomic<int> g_nice{0};  // the nice value of programs, when a child may begin with another
@@ -67,6 +68,7 @@ std::atomic<int> g_nice{0};  // the nice value of programs, when a child may beg
 // calls, or a child with our memory did not get to its program.
 std::atomic<bool> g_sharing_refused{false};
 int32_t g_normal_lmk_child WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
+int32_t g_child_that_gave_up WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 std::atomic<bool> g_console_missed{false};  // it could not be opened lately; a child with our memory says so
 
 // ---- domain -----------------------------------------------------------------------------------------------
@@ -111,17 +113,18 @@ void set_domain_environment(int32_t vsd) {
 
 // Of a domain's program its group and variables, too. A domain that cannot be entered in full is no reason
 // not to start the program.
-void enter_working_directory(const launch& start) {
+// False when there is no directory to be in.
+bool enter_working_directory(const launch& start) {
   if (start.domain >= kFirstDomain) {
     set_proc_env(start.domain, start.old_pid);
-    return;
+    return true;
   }
   const int result = chdir(kRootDir);
   if (result != 0) {
     wex_mk_forkfile();
     wex_dbg(WEX_DBG_PUB, "%s--> chdir failed, ret: %d\n", start.action->spawner, result);
-    _exit(1);  // never back into the daemon's loops
   }
+  return result == 0;
 }
 
 // ---- standard descriptors ---------------------------------------------------------------------------------
@@ -199,9 +202,10 @@ void withdraw_fork_failures(int run_dir) {
 
 // Takes the replaced process's database file away in the very process that becomes the program: when the
 // daemon is killed after the fork, its next life finds either the file and no program, or the program and no
-// file. Only between here and the exec, and for good when the exec fails, there is neither: then the program
-// is known to the present daemon alone, whose record gets the child's exit. The file of a third-part program
-// stays until its process has been found.
+// file. Only between here and the exec there is neither, and after an exec that failed in a child with memory
+// of its own: then the program is known to the present daemon alone, whose record gets the child's exit.
+// Where the child tells that it gave up, the file is made again. That of a third-part program stays until its
+// process has been found.
 void remove_old_file(const child_start& start) {
   if (start.old_file == nullptr) {
     return;
@@ -273,6 +277,12 @@ bool is_its_user(const launch& what) {
   return false;
 }
 
+// Never back into the daemon's loops.
+[[noreturn]] void give_up(child_start& start) {
+  start.gave_up = true;
+  _exit(1);
+}
+
 // All that comes between the start and the program, for both ways of starting. A handler of the daemon's must
 // not run here: the memory may be the daemon's. So the handlers go before the signals are let through again,
 // and what is ignored is still ignored then, for a signal may have been sent to the daemon's whole group.
@@ -291,7 +301,9 @@ bool is_its_user(const launch& what) {
   clear_signal_mask();
   setsid();
   reset_signal_actions();
-  enter_working_directory(what);
+  if (!enter_working_directory(what)) {
+    give_up(start);
+  }
   withdraw_fork_failures(start.run_dir);
   if (!flush_tlb()) {
     wex_dbg(WEX_DBG_PUB, "%s find fail, error = %s.\n", kFlushTlb, strerror(errno));
@@ -299,7 +311,7 @@ bool is_its_user(const launch& what) {
   start.normal_lmk = wex_reset_lmk(static_cast<int32_t>(getpid())) > 0;  // before the program can fork
   remove_old_file(start);
   if (!is_its_user(what)) {
-    _exit(1);
+    give_up(start);
   }
   start.at_program = true;
   if (is_users(what)) {
@@ -307,7 +319,7 @@ bool is_its_user(const launch& what) {
   }
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
-  _exit(1);
+  give_up(start);
 }
 
 // ---- parent -----------------------------------------------------------------------------------------------
@@ -475,10 +487,12 @@ void find_old_file(child_start* start, char (&path)[kPathSize]) {
 
 pid_t wex_start_child(const launch& what) {
   char path[kPathSize];
-  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, -1, false, false};
+  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, -1, false, false,
+                       false};
   find_old_file(&start, path);
   const pid_t child = what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
   g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;
+  g_child_that_gave_up = start.gave_up ? static_cast<int32_t>(child) : 0;
   return child;
 }
 
@@ -494,6 +508,10 @@ void wex_start_children_at_normal_priority(int own_priority) {
 
 bool wex_child_has_normal_lmk(int32_t pid) {
   return pid > 0 && pid == g_normal_lmk_child;
+}
+
+bool wex_child_gave_up(int32_t pid) {
+  return pid > 0 && pid == g_child_that_gave_up;
 }
 
 extern "C" {

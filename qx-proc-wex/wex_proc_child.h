@@ -36,6 +36,9 @@ void wex_start_children_at_normal_priority(int own_priority);
 // Whether the child that was started last is `pid` and is known to have the normal low-memory-killer score.
 bool wex_child_has_normal_lmk(int32_t pid) WEX_TSA(requires_capability(wex_spawn_mutex));
 
+// Whether the child that was started last is `pid` and is known to have ended before it was its program.
+bool wex_child_gave_up(int32_t pid) WEX_TSA(requires_capability(wex_spawn_mutex));
+
 extern "C" {
 
 // Reopens descriptors 0, 1, 2 on "/dev/null" and the console; `cloexec` 1 for the daemon, 0 for a program.

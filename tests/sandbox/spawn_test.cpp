@@ -280,6 +280,35 @@ TEST_F(Spawn, AProgramThatIsGoneIsTriedUntilItIsParked) {
   daemon.stop();
 }
 
+// Sanitizers fork where the daemon lends its memory, so it does not learn that the child gave up.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Spawn, AProgramThatIsGoneIsKnownToTheNextDaemon) {
+  const std::string program = "/tmp/wex/passing";
+  SyslogSink log;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.start());
+  ASSERT_TRUE(exited_with(run({"cp", actor_binary(), program}), 0));
+  Process service;
+  ASSERT_TRUE(
+      service.start({program, "--register=RESTART", "--confirm", "--ready=/tmp/wex/ready", "--hold"}));
+  ASSERT_TRUE(eventually([&] { return is_registered(service.pid()); }));
+  unlink(program.c_str());
+  service.kill_now();
+  EXPECT_TRUE(log.says("had checked more than 5 times. ", 15s)) << read_console();
+  daemon.kill_now();
+  ASSERT_TRUE(exited_with(run({"cp", actor_binary(), program}), 0));
+  unlink("/tmp/wex/ready");
+  Daemon next;
+  ASSERT_TRUE(next.start());
+  ASSERT_TRUE(eventually([] { return read_file("/tmp/wex/ready").find('\n') != std::string::npos; }, 20s))
+      << read_console();
+  next.stop();
+  const std::string pid = read_file("/tmp/wex/ready");
+  send_signal(std::stoi(pid), SIGKILL);
+  EXPECT_TRUE(eventually([&] { return !exists("/proc/" + pid.substr(0, pid.find('\n'))); }));
+}
+#endif
+
 TEST_F(Spawn, AChildThatCannotEnterTheRootDirectoryEndsAndLeavesTheForkFailureFile) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start_traced({"inject=chdir:error=EACCES"}));

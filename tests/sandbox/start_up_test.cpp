@@ -399,13 +399,18 @@ TEST_F(StartUp, ItKeepsNothingOpenThatAProgramCouldInherit) {
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
   const std::string dir = "/proc/" + text(daemon.pid()) + "/fdinfo";
+  int seen = 0;
   for (const std::string& fd : list_dir(dir)) {
     const std::string info = read_file(dir + "/" + fd);
     const size_t at = info.find("flags:\t");
-    ASSERT_NE(std::string::npos, at);
+    if (at == std::string::npos) {
+      continue;  // closed meanwhile
+    }
+    ++seen;
     const long flags = strtol(info.c_str() + at + 7, nullptr, 8);
     EXPECT_NE(0, flags & O_CLOEXEC) << fd;
   }
+  EXPECT_GE(seen, 8);
   daemon.stop();
 }
 
