@@ -16,7 +16,7 @@ done < <(sed '/^[^/]*$/!s/\/[^/]*$//' "$work/named")
 sed -n '/<!-- device -->/,/<!-- end of device -->/s/.*| `\(.*\)` |$/\1/p' "$root/docs/reliability.md" > "$work/devices"
 [ -s "$work/devices" ] || complain "no case of the device is named"
 while IFS= read -r name; do
-  [ -f "$root/tests/device/cases/$name.sh" ] || complain "docs/reliability.md: there is no case $name of the device"
+  [ -f "$root/tests/device/cases/$name.sh" ] || [ -f "$root/tests/device/slow/$name.sh" ] || complain "docs/reliability.md: there is no case $name of the device"
 done < "$work/devices"
 
 mkdir -p "$work/tests/faults" "$work/bench" "$work/docs"
