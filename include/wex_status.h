@@ -73,7 +73,7 @@ typedef struct wex_status_thread {
   uint32_t seq;
   int32_t tid; /* 0: not in use */
   char name[16];
-  int64_t last_pass;  /* when it last came round; 0 = it has not yet */
+  int64_t last_pass;  /* when it was last seen to have come round, up to 10 s late; 0 = it has not yet */
   int64_t busy_since; /* since when it has been at one thing; 0 = it waits for work */
 } wex_status_thread;
 WEX_STATUS_CHECK(sizeof(wex_status_thread) == 40);

@@ -37,12 +37,26 @@ bool is_ours(uid_t user) {
   return user == 0 || user == geteuid();
 }
 
-// Whether root, or the user this process runs as, made the set.
-bool is_own_set(int id) {
+enum class set_owner { us, another, gone, unknown };
+
+// Who made the set: us, when it was root or the user this process runs as.
+set_owner owner_of(int id) {
   struct semid_ds status = {};
   sem_argument argument = {};
   argument.status = &status;
-  return semctl(id, 0, IPC_STAT, argument) == 0 && is_ours(status.sem_perm.cuid);
+  if (id >= 0 && semctl(id, 0, IPC_STAT, argument) == 0) {
+    return is_ours(status.sem_perm.cuid) ? set_owner::us : set_owner::another;
+  }
+  switch (errno) {
+    case ENOENT:
+    case EIDRM:
+    case EINVAL:
+      return set_owner::gone;  // removed since it was found
+    case EACCES:
+      return set_owner::another;
+    default:
+      return set_owner::unknown;
+  }
 }
 
 // The key is made of the file's inode number. Nothing is written to the file, so a second name of it does no
@@ -79,30 +93,34 @@ int set_up(int32_t id) {
   return 0;
 }
 
-// A count that was raised before the daemon restarted is to survive: a set of ours is not touched.
-bool take_existing(key_t key) {
+// A count that was raised before the daemon restarted is to survive: a set of ours is not touched. Nor is one
+// that cannot be looked at, for a new key would lose the count; the first reading looks for it again.
+set_owner take_existing(key_t key) {
   const int32_t id = semget(key, 1, 0);
-  if (id < 0 || !is_own_set(id)) {
-    return false;
+  const set_owner owner = owner_of(id);
+  if (owner == set_owner::us) {
+    g_own_set = id;
   }
-  g_own_set = id;
-  wex_dbg(WEX_DBG_PUB, "System wex semaphore already inited.");
-  return true;
+  if (owner == set_owner::us || owner == set_owner::unknown) {
+    wex_dbg(WEX_DBG_PUB, "System wex semaphore already inited.");
+  }
+  return owner;
 }
 
 // The set that a look-up found. When another user has put one of his own under our key meanwhile: the one
 // that wex_sem_init() made or found in this process, or -1.
 int32_t own_set(int32_t found) {
-  return found < 0 || is_own_set(found) ? found : g_own_set;
+  return found < 0 || owner_of(found) == set_owner::us ? found : g_own_set;
 }
 
 }  // namespace
 
 int wex_sem_init(void) {
   unique_fd tried[kSemKeyTries];  // kept open, so that no later file gets one of their inode numbers, the key
-  for (int attempt = 0; attempt < kSemKeyTries; ++attempt) {
-    tried[attempt] = make_key_file(attempt > 0);
-    if (!tried[attempt].valid()) {
+  set_owner found = set_owner::gone;
+  for (unique_fd& file : tried) {
+    file = make_key_file(found == set_owner::another);
+    if (!file.valid()) {
       return -1;
     }
     const key_t key = ftok(WEX_SEM_KEY_FILE, WEX_SEM_PROJECT);
@@ -117,7 +135,8 @@ int wex_sem_init(void) {
     if (errno != EEXIST) {
       break;
     }
-    if (take_existing(key)) {
+    found = take_existing(key);
+    if (found == set_owner::us || found == set_owner::unknown) {
       return 0;
     }
     errno = EEXIST;

@@ -191,6 +191,28 @@ void add_parked(page* to, const wex_status_slot& slot) {
            slot.restarts, slot.last_exit, when);
 }
 
+// What is left out is said, or the list would look complete.
+void add_all_parked(page* to, const status_words& words) {
+  int parked = 0;
+  for (uint32_t number = 0; number < words.slots_used; ++number) {
+    wex_status_slot slot;
+    if (!wex_status_copy_slot(number, &slot) || slot.state != WEX_STATUS_PARKED) {
+      continue;
+    }
+    if (++parked <= kHistoryParked) {
+      add_parked(to, slot);
+    }
+  }
+  const int more = std::max(parked - kHistoryParked, 0);
+  const uint32_t hidden = words.counters[WEX_STATUS_HIDDEN_TROUBLES];
+  if (more > 0 || hidden > 0) {
+    add_line(to,
+             "left out: %d parked programs, and %u parked, postponed or down ones that the table has no room "
+             "for\n",
+             more, hidden);
+  }
+}
+
 void describe_history(page* to, const char* reason) {
   time_stamp when;
   write_time(wall_now(), when);
@@ -203,14 +225,7 @@ void describe_history(page* to, const char* reason) {
       add_event(to, event);
     }
   }
-  int shown = 0;
-  for (uint32_t number = 0; number < words.slots_used && shown < kHistoryParked; ++number) {
-    wex_status_slot slot;
-    if (wex_status_copy_slot(number, &slot) && slot.state == WEX_STATUS_PARKED) {
-      add_parked(to, slot);
-      ++shown;
-    }
-  }
+  add_all_parked(to, words);
 }
 
 // ---- Hung process -----------------------------------------------------------------------------------------

@@ -6,7 +6,6 @@
 #include "wex_core_watched_threads.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "chain_lock.h"
 #include "wex_chain.h"
@@ -25,6 +24,8 @@ struct watched {
 };
 constexpr int32_t kNobodyWaits = 0;  // in place of the self-check wait: no registration gets a slot now
 watched g_watched[WEX_STATUS_SLOTS + 1];
+int32_t g_counted_end =
+    0;  // behind the last entry that is not zero: memory that is never written costs nothing
 
 void count_thread(const wex_pid* thread) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, thread->ppid);
@@ -35,6 +36,7 @@ void count_thread(const wex_pid* thread) WEX_TSA(requires_capability(wex_chains)
   const int32_t left = std::max(thread->notify_info[WEX_CUR_CNT], 0);
   seen.fewest_misses = seen.threads == 0 ? left : std::min(seen.fewest_misses, left);
   ++seen.threads;
+  g_counted_end = std::max(g_counted_end, rec->status_slot + 1);
 }
 
 // False while somebody has the chain of threads: the registry, which is held here, is not kept from others
@@ -43,7 +45,8 @@ bool count_threads() WEX_TSA(no_thread_safety_analysis) {
   if (pthread_mutex_trylock(&wex_alive_chains.mutex) != 0) {
     return false;
   }
-  std::fill(std::begin(g_watched), std::end(g_watched), watched{0, -1});
+  std::fill_n(g_watched, g_counted_end, watched{});
+  g_counted_end = 0;
   record_walk walk(wex_alive_chains);
   while (const wex_pid* const thread = walk.next()) {
     count_thread(thread);
@@ -107,7 +110,8 @@ void show(int32_t self_check_sec) WEX_TSA(requires_capability(wex_chains)) {
   record_walk walk(wex_chains);
   while (const wex_pid* const rec = walk.next()) {
     if (rec->status_slot != 0) {
-      wex_status_watched(rec, g_watched[rec->status_slot].threads, g_watched[rec->status_slot].fewest_misses);
+      const watched& seen = g_watched[rec->status_slot];
+      wex_status_watched(rec, seen.threads, seen.threads == 0 ? -1 : seen.fewest_misses);
     }
   }
 }

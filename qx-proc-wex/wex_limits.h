@@ -168,9 +168,9 @@ inline constexpr int64_t kBlackBoxFree = 262144;   // bytes of the disk that are
 inline constexpr mode_t kBlackBoxMode = 0600;      // what a process was doing is not for everybody
 inline constexpr int64_t kBlackBoxWriteMs = 2000;  // wait for the disk; the writing goes on behind it
 inline constexpr uint32_t kHistoryEvents = 64;     // before a reboot
-inline constexpr int kHistoryParked = 64;
-inline constexpr int kHungThreads = 64;      // of one process
-inline constexpr int64_t kHungLookMs = 100;  // until the process is aborted, whatever has been seen
+inline constexpr int kHistoryParked = 64;          // told one by one; of more the number
+inline constexpr int kHungThreads = 64;            // of one process
+inline constexpr int64_t kHungLookMs = 100;        // until the process is aborted, whatever has been seen
 
 // System log of a plain Linux box.
 inline constexpr int kSystemLogWaitMs = 100;  // for one line; then the back-off begins

@@ -240,12 +240,24 @@ bool has_right_form(int fd) {
          facts.st_size == WEX_STATUS_FILE_SIZE;
 }
 
-// Of -1 there are records: no process was found for them.
+bool check_value(uint32_t kind, int32_t value) {
+  switch (kind) {
+    case WEX_STATUS_EV_REBOOT_ASKED:
+    case WEX_STATUS_EV_REBOOT_REFUSED:
+      return value >= WEX_STATUS_REBOOT_OTHER && value <= WEX_STATUS_REBOOT_BURST;
+    case WEX_STATUS_EV_PARKED:
+    case WEX_STATUS_EV_BURST:
+      return value >= 0;
+    default:
+      return true;
+  }
+}
+
+// Of -1 there are records: no process was found for them. An exit code has the form of wait(2), 16 bits.
 bool check_values(const wex_status_event& event) {
-  const bool reboot = event.kind == WEX_STATUS_EV_REBOOT_ASKED || event.kind == WEX_STATUS_EV_REBOOT_REFUSED;
   return event.pid >= -1 && event.new_pid >= -1 && event.domain >= -1 &&
-         event.domain <= kLastTakeDownDomain &&
-         (!reboot || (event.value >= WEX_STATUS_REBOOT_OTHER && event.value <= WEX_STATUS_REBOOT_BURST));
+         event.domain <= kLastTakeDownDomain && event.exit_code <= UINT16_MAX &&
+         check_value(event.kind, event.value);
 }
 
 // An event of an earlier daemon is taken when each of its fields can be right. Its name is shown to people.

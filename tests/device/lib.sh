@@ -24,8 +24,12 @@ fail() {
 # Seconds since power-on.
 uptime_sec() { read -r up _ < /proc/uptime; echo "${up%.*}"; }
 
+# What the case waits for, for process 1 to tell when the case does not end.
+waits_for() { echo "$*" > /run/waits_for; }
+
 # eventually SECONDS COMMAND...: until the command succeeds; its last failure otherwise. Longer where emulation is slow.
 eventually() {
+  waits_for "$*"
   local end=$(($(uptime_sec) + $1 * ${time_factor:-1}))
   shift
   until "$@"; do
@@ -36,6 +40,7 @@ eventually() {
 
 # never SECONDS COMMAND...: true when the command fails all that time.
 never() {
+  waits_for "never: $*"
   local end=$(($(uptime_sec) + $1))
   shift
   while [ "$(uptime_sec)" -le "$end" ]; do

@@ -4,6 +4,14 @@ set -u
 . "$(dirname "$0")/lib.sh"
 "$root/bench/peers/report.py" check || complain "docs/performance.md and bench/performance.json differ"
 
+# What the device has to have is told with the limits themselves; of flash in thousands of bytes, rounded up.
+budget() { sed -n "s/^$1  *\([0-9]*\)$/\1/p" "$root/bench/device-budget"; }
+kilobytes() { echo "$((($(budget "stripped-bytes-$1") + 999) / 1000)) KB"; }
+costs="Below $(kilobytes wex) of flash for the daemon, $(kilobytes libwex) for the library and $(kilobytes wexstat) for \`wexstat\`;
+below $(budget resident-kib-0-services) KiB of resident memory without services and $(budget resident-kib-100-services) KiB with a hundred."
+tr '\n' ' ' < "$root/docs/integrator.md" | grep -qF "$(echo "$costs" | tr '\n' ' ' | sed 's/ $//')" ||
+  complain "docs/integrator.md does not say: $costs"
+
 mkdir -p "$work/bench/peers" "$work/docs"
 cp "$root"/bench/peers/*.py "$work/bench/peers/"
 cp "$root/bench/performance.json" "$work/bench/"

@@ -276,8 +276,13 @@ class Service:
         living = self.lives()
         return len(living) == 1 and read(self.ready).strip() == str(living[0])
 
+    def is_another(self):
+        """One instance lives, another one than before. It may die while it is looked at."""
+        living = self.lives()
+        return len(living) == 1 and living[0] != self.pid
+
     def is_back(self):
-        return self.is_up() and self.lives()[0] != self.pid
+        return self.is_another() and self.is_up()
 
     def is_filed(self):
         """One instance lives, another one than before, and the next daemon would know it."""
@@ -318,7 +323,7 @@ class Bare(Service):
 
     def is_filed(self):
         """Its file is the daemon's, which makes it a minute after a start; a later daemon finds the listed program itself."""
-        return len(self.lives()) == 1 and self.lives()[0] != self.pid
+        return self.is_another()
 
 
 # ---- The device ---------------------------------------------------------------------------------------------

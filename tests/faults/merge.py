@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Puts results of the drivers into bench/reliability.json, where each owns its key, and their table into docs/reliability.md.
 
-Usage: merge.py RESULT...: several results of one driver, each of a part of its places (--skip), are added up.
+Usage: merge.py RESULT...: several results of one driver, each of a part of its places (--skip), are added up. Scenarios
+that none of them has tried (--scenario) keep their figures.
 """
 import collections
 import json
@@ -18,8 +19,8 @@ HEAD = ["scenario", "what happens", "kinds of calls", "tried", "of", "reached", 
 
 
 def add(total, part):
-    """A driver's figures; the places that a scenario has differ a little from run to run."""
-    total["seconds"] = total.get("seconds", 0) + part["seconds"]
+    """A driver's figures; the places that a scenario has differ a little from run to run. Time is shared out by places."""
+    tried = sum(row["tried"] for row in part["scenarios"].values())
     for name, row in part["scenarios"].items():
         if not row["tried"]:
             continue
@@ -28,8 +29,19 @@ def add(total, part):
             sums[column] = max(sums.get(column, 0), row[column])
         for column in ("tried", "injected", "lost"):
             sums[column] = sums.get(column, 0) + row[column]
+        sums["seconds"] = sums.get("seconds", 0) + row.get("seconds", part["seconds"] * row["tried"] / tried)
         sums["planned"] = max(sums["planned"], sums["tried"])
         sums["reactions"] = dict(collections.Counter(sums["reactions"]) + collections.Counter(row["reactions"]))
+
+
+def keep_others(new, old):
+    """Scenarios that were not tried this time."""
+    rows = dict(old["scenarios"])
+    tried = max(sum(row["tried"] for row in rows.values()), 1)
+    for row in rows.values():
+        row.setdefault("seconds", old["seconds"] * row["tried"] / tried)
+    rows.update(new["scenarios"])
+    new["scenarios"] = rows
 
 
 def table(key, figures):
@@ -71,6 +83,13 @@ def main():
                     new[key] = part
                 else:
                     add(new.setdefault(key, {}), part)
+    for key, part in new.items():
+        if "scenarios" in part:
+            if key in figures:
+                keep_others(part, figures[key])
+            for row in part["scenarios"].values():
+                row["seconds"] = round(row["seconds"])
+            part["seconds"] = sum(row["seconds"] for row in part["scenarios"].values())
     figures.update(new)
     with open(FIGURES, "w") as file:
         json.dump(figures, file, indent=1)

@@ -37,6 +37,7 @@ class Arguments:
         self.__dict__.update(vars(options))
         self.scenarios = options.scenario or names
         self.tools = Tools(options.build, os.path.join(options.build, "tests/faults"))
+        self.tools.story = (options.result or "/data/result") + ".lost"
 
 
 class Outcome:

@@ -14,7 +14,7 @@ import tracing
 from device import Service
 from scenarios import TABLE
 
-CHILD = "a child before its program"
+CHILD = "a child before its program"         # calls of the daemon's threads fail with it: strace counts for each one
 ALL = "every thread"
 MAIN = "the main thread"                     # of a daemon that is traced from its start, without its children
 CLIENT = "the program"
@@ -51,6 +51,7 @@ class Run:
         self.reaction = "at once"
         self.strace = None
         self.count = 0
+        self.said_before = len(device.read("/dev/console.log"))
 
     def ended(self):
         return not self.daemon.running()
@@ -141,6 +142,9 @@ class Run:
         elif not device.eventually(scenario.settled, 0.5 if self.expression else 10):
             need(self.expression, "%s does not come to its end without a failure" % scenario.name)
             self.reaction = "later"
+            if scenario.from_start:
+                # A call that fails in each new child would fail for ever: strace counts the calls of each one anew.
+                tracing.leave_traced(self.daemon.pid)
             need(self.wait_for(scenario.settled, 1.0), "not settled: " + self.describe())
 
     def forget_or_keep(self):
@@ -216,6 +220,17 @@ class Run:
         # What could not be removed is there, by definition.
         need(sum(more.values()) <= (1 if self.removal_failed() else 0), "left behind: %s" % dict(more))
 
+    def keep_story(self, lost):
+        """What a lost place has left to read: beside the result, one after the other."""
+        with open(self.tools.story, "a") as story:
+            story.write("==== %s, %s: %s: %s\n%s\n" % (self.scenario.name, self.who, self.expression, lost, self.daemon.describe()))
+            for file in sorted(device.left_files()):
+                story.write(file + "\n")
+            for line in device.read(tracing.TRACE).splitlines():
+                if "INJECTED" in line:
+                    story.write(line + "\n")
+            story.write(device.read("/dev/console.log")[self.said_before:][-6000:])
+
     def whole(self):
         try:
             self.act()
@@ -225,6 +240,9 @@ class Run:
             self.prove()
             self.left_behind()
             self.count = max(self.count, tracing.injected())     # a late one, of a daemon traced from its start
+        except Lost as lost:
+            self.keep_story(lost)
+            raise
         finally:
             if self.strace is not None:
                 self.strace.leave()

@@ -9,6 +9,10 @@ import device
 from device import BASE, Bare, Service, make_open_dir, read, write
 
 
+def has_flag_file(domain, service):
+    return any(os.path.exists("/tmp/vsd/%d/wex/%d" % (domain, pid)) for pid in service.lives())
+
+
 class Scenario:
     name = ""
     what = ""                                # one line for the table
@@ -88,7 +92,7 @@ class DomainRestart(Restart):
         self.service(options=("--group=4300", "--register=RESTART", "--confirm")).database = "/tmp/vsd/13/wex/db"
 
     def settled(self):
-        return super().settled() and os.path.exists("/tmp/vsd/13/wex/%d" % self.services[0].lives()[0])
+        return super().settled() and has_flag_file(13, self.services[0])
 
 
 class Registration(Scenario):
@@ -217,10 +221,19 @@ class Reboot(Restart):
     def act(self, daemon):
         self.services[0].kill(11)
 
-    def settled(self):
+    def asked(self):
         """A daemon that is killed before it has asked takes its count of crashes with it."""
         told = read("/data/.wex_reboot") + read("/ovix/vsd/0/utils/wex/running_log1")    # where one cannot be written
-        return super().settled() and (self.replaced or "process exit in shorttime" in told)
+        return self.replaced or "process exit in shorttime" in told
+
+    def settled(self):
+        return super().settled() and self.asked()
+
+    def hasten(self, daemon, clock):
+        """A rule that could not be read is the usual one, by which one program is not enough. It is read at the next crash."""
+        super().hasten(daemon, clock)
+        if not self.asked() and self.services[0].is_up():
+            self.services[0].kill(11)
 
 
 class DomainCommand(Scenario):
@@ -247,10 +260,13 @@ class DomainCommand(Scenario):
     def ended(self):
         return self.tool in device.ended
 
+    def wait_for_command(self):
+        if not device.eventually(self.ended, 30):
+            raise RuntimeError("a command does not end")
+
     def run_command(self, *words):
         self.command(*words)
-        if not device.eventually(self.ended, 30):
-            raise RuntimeError("wex %s does not end" % " ".join(words))
+        self.wait_for_command()
 
     def reached(self):
         """What the command is for."""
@@ -263,9 +279,10 @@ class DomainCommand(Scenario):
         return self.done
 
     def hasten(self, daemon, clock):
+        """A command that could not load the clock which hurries it takes all of its 15 s."""
         if self.done:
             super().hasten(daemon, clock)
-        elif self.ended() and not self.settled():
+        elif device.eventually(self.ended, 30) and not self.settled():
             self.again()
 
 
@@ -277,11 +294,17 @@ class DomainStart(DomainCommand):
         self.command("-c", "1", before=before)
 
     def reached(self):
-        return self.inside.is_filed() and os.path.exists("/tmp/vsd/1/wex/%d" % self.inside.lives()[0])
+        """Not before the daemon has acted on its registration: killed while it writes its file, it need not come back."""
+        return self.inside.is_up() and self.inside.is_filed() and has_flag_file(1, self.inside)
 
     def again(self):
-        self.run_command("-d", "1")
-        self.inside.kill()                   # one that did not get the group of its domain
+        """One that did not get the group of its domain is of the main system, and no take-down looks for it. It is
+        ended while the take-down goes on, for then nothing is restarted."""
+        self.command("-d", "1")
+        device.eventually(lambda: self.ended() or os.path.exists("/tmp/vsd/1/delete_vsd"), 30)
+        for pid in self.inside.lives():
+            device.end(pid)
+        self.wait_for_command()
         self.inside.pid = 0
         self.run_command("-c", "1")
 

@@ -21,7 +21,7 @@ ERRORS = {
     "mmap": ["ENOMEM"], "clone": ["EAGAIN", "ENOMEM"], "clone3": ["EAGAIN"], "fork": ["EAGAIN"], "vfork": ["EAGAIN", "ENOMEM"],
     "execve": ["ENOMEM"], "wait4": ["EINTR"], "waitid": ["EINTR"], "kill": ["EPERM"], "tgkill": ["EAGAIN"],
     "setpriority": ["EACCES"], "sched_setscheduler": ["EPERM"], "setgroups": ["ENOMEM"], "timer_create": ["EAGAIN"],
-    "prlimit64": ["EPERM"], "unshare": ["ENOMEM"], "prctl": ["EPERM"], "setsid": ["EPERM"],
+    "prlimit64": ["EPERM"], "unshare": ["ENOMEM"], "setsid": ["EPERM"],
     "socket": ["ENFILE", "ENOBUFS"], "bind": ["ENOMEM"], "listen": ["EADDRINUSE"], "connect": ["ECONNREFUSED", "EAGAIN"],
     "accept4": ["EMFILE", "ECONNABORTED", "EINTR"], "setsockopt": ["ENOMEM"], "getsockopt": ["ENOBUFS"],
     "sendto": ["ENOBUFS", "EINTR"], "sendmsg": ["ENOBUFS"], "recvfrom": ["ENOBUFS", "EINTR"], "recvmsg": ["ENOMEM", "EINTR"],
@@ -31,12 +31,13 @@ ERRORS = {
 }
 
 # Those that a kernel cannot refuse, or that fail only for what the caller did wrong. close() gives the descriptor back
-# whatever it answers, which strace cannot imitate; of fcntl() only locks can fail, which strace cannot tell from the rest.
+# whatever it answers, which strace cannot imitate; of fcntl() only locks can fail, which strace cannot tell from the rest;
+# of prctl() only the naming of threads is used, which fails for a bad address alone.
 CANNOT_FAIL = set("""
     close fcntl brk munmap mprotect madvise arch_prctl set_tid_address set_robust_list rseq getrandom futex getpid gettid getppid
     geteuid getuid getgid getegid rt_sigaction rt_sigprocmask rt_sigreturn restart_syscall sched_yield umask getpriority
     sched_getaffinity sched_getscheduler sched_getparam timer_settime timer_delete alarm setitimer exit exit_group uname sync
-    clock_gettime reboot getsockname getcwd getgroups shutdown pause sched_setaffinity getsid getpgrp getrusage sysinfo
+    clock_gettime reboot prctl getsockname getcwd getgroups shutdown pause sched_setaffinity getsid getpgrp getrusage sysinfo
 """.split())
 
 CALL = re.compile(r"^(\d+) +(?:<\.\.\. )?([a-z_0-9]+)[( ]")
@@ -62,6 +63,14 @@ class Strace:
             send(self.pid, signal.SIGTERM)
             if not eventually(lambda: not is_alive(self.pid), 10):
                 end(self.pid)
+
+
+def leave_traced(pid):
+    """Takes the tracer away that stands beside a program and its children."""
+    words = [line.split() for line in read("/proc/%d/status" % pid).splitlines() if line.startswith("TracerPid:")]
+    tracer = int(words[0][1]) if words else 0
+    if tracer > 0:
+        end(tracer)                          # SIGTERM would be passed on to the program; what it traced goes on
 
 
 def beside(expressions, children=True, follow=True):

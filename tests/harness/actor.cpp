@@ -80,9 +80,8 @@ void write_whole(const char* path, const std::string& text) {  // readers never 
   if (!file) {
     give_up(path);
   }
-  fwrite(text.data(), 1, text.size(), file);
-  fclose(file);
-  if (rename(draft.c_str(), path) != 0) {
+  const bool written = fwrite(text.data(), 1, text.size(), file) == text.size();
+  if (fclose(file) != 0 || !written || rename(draft.c_str(), path) != 0) {
     give_up(path);
   }
 }

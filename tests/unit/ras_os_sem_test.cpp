@@ -250,6 +250,21 @@ TEST_F(SystemSem, AnExistingOneKeepsItsValue) {
   EXPECT_EQ(id, g_wex_semid) << "the first look finds it";
 }
 
+TEST_F(SystemSem, AnExistingOneThatCannotBeLookedAtKeepsItsValue) {
+  ASSERT_EQ(0, wex_sem_init());
+  const int id = g_wex_semid;
+  raise_count(id);
+  for (const int error : {ENOMEM, ENOSPC, ENOENT}) {
+    g_wex_semid = -1;
+    find_fault.fail(1, error);
+    EXPECT_EQ("[WEX:ras_os:N]System wex semaphore already inited.",
+              lines_printed_by([] { EXPECT_EQ(0, wex_sem_init()); }))
+        << strerror(error);
+    EXPECT_EQ(1, wex_get_semval()) << strerror(error);
+    EXPECT_EQ(id, g_wex_semid) << strerror(error) << ": no second set";
+  }
+}
+
 TEST_F(SystemSem, AKeyFileThatCannotBeOpenedIsSaid) {
   rlimit before = {};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));

@@ -19,6 +19,7 @@
 #include "wex_domain.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 
 using namespace registry;
 
@@ -388,6 +389,13 @@ TEST_F(Rebuild, AListedProgramThatRunsUnregisteredIsAdopted) {
   EXPECT_EQ(1U, listed_program::instances());
   EXPECT_FALSE(exists(db_file(0, "sleep", old_pid)));
   EXPECT_TRUE(exists(db_file(0, "sleep", running.pid())));
+  status_words words;
+  wex_status_copy_words(&words);
+  wex_status_event last = {};
+  ASSERT_TRUE(wex_status_copy_event(words.event_next - 1, &last));
+  EXPECT_EQ(uint32_t{WEX_STATUS_EV_RESTARTED}, last.kind);
+  EXPECT_EQ(old_pid, last.pid);
+  EXPECT_EQ(running.pid(), last.new_pid);
 }
 
 TEST_F(Rebuild, AListedProgramIsStartedBesideARegisteredOneAndOneOfAnotherDomain) {

@@ -16,6 +16,7 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_core_watched_names.h"
+#include "wex_status_image.h"
 
 using namespace delay_world;
 
@@ -214,6 +215,23 @@ TEST_F(Delay, ATakeDownOfAnotherDomainHoldsNothingBack) {
       << "a marker left behind would keep it down for ever";
 }
 
+namespace {
+
+// Whether this is told of `pid` among the last few events.
+bool was_dropped(int32_t pid) {
+  status_words words;
+  wex_status_copy_words(&words);
+  for (uint32_t number = words.event_next - 16; number != words.event_next; ++number) {
+    wex_status_event event = {};
+    if (wex_status_copy_event(number, &event) && event.kind == WEX_STATUS_EV_DROPPED && event.pid == pid) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 TEST_F(Delay, ATakeDownForgetsWhatWaitsInItsDomainAndNothingElse) {
   struct waiting {
     const char* name;
@@ -255,6 +273,7 @@ TEST_F(Delay, ATakeDownForgetsWhatWaitsInItsDomainAndNothingElse) {
     chain_lock hold(wex_chains);
     EXPECT_EQ(rows[i].stays, __wex_find_pid(&wex_chains, pids[i]) != nullptr) << rows[i].name;
     EXPECT_EQ(rows[i].stays, exists(db_file(rows[i].vsd, rows[i].name, pids[i]))) << rows[i].name;
+    EXPECT_EQ(!rows[i].stays, was_dropped(pids[i])) << rows[i].name;
   }
   EXPECT_EQ(0, count(wex_chains_delay));
   chain_lock hold(wex_chains);

@@ -334,6 +334,20 @@ TEST_F(Exit, OfARestartThatCouldNotEvenForkIsNoSecondCrash) {
 
 namespace {
 
+// Whether this was told of `pid` and the other process, among the last few events.
+bool was_reported(wex_status_kind kind, int32_t pid, int32_t other) {
+  status_words words;
+  wex_status_copy_words(&words);
+  for (uint32_t number = words.event_next - 4; number != words.event_next; ++number) {
+    wex_status_event event = {};
+    if (wex_status_copy_event(number, &event) && event.kind == kind && event.pid == pid &&
+        event.new_pid == other) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // A record as the rebuild leaves it when it started `child` and found nobody.
 wex_pid* unfound(const char* process, pid_t child) {
   wex_pid* const rec = wex_new_record();
@@ -397,6 +411,7 @@ TEST_F(ExitUnderNoPid, ATakeDownDropsItsOwnProgram) {
   reap(kChild, 9);
   ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
   EXPECT_FALSE(holds("/bin/sleep 1002"));
+  EXPECT_TRUE(was_reported(WEX_STATUS_EV_DROPPED, -1, 0));
   expect_others();
 }
 
@@ -433,6 +448,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
   write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
   reap(kChild, 9);
   EXPECT_TRUE(registered(running));
+  EXPECT_TRUE(was_reported(WEX_STATUS_EV_HANDED_OVER, -1, running));
   leaves_behind(kDescriptors, "/wex/db/", 1, "its registration is not taken back");
   expect_others();
 }
@@ -469,20 +485,6 @@ wex_pid* living_twin(const wex_pid* rec) {
   chain_lock hold(wex_chains);
   __wex_add_record(&wex_chains, twin);
   return twin;
-}
-
-// Whether this was told of `pid` and the other process, among the last few events.
-bool was_reported(wex_status_kind kind, int32_t pid, int32_t other) {
-  status_words words;
-  wex_status_copy_words(&words);
-  for (uint32_t number = words.event_next - 4; number != words.event_next; ++number) {
-    wex_status_event event = {};
-    if (wex_status_copy_event(number, &event) && event.kind == kind && event.pid == pid &&
-        event.new_pid == other) {
-      return true;
-    }
-  }
-  return false;
 }
 
 bool is_in_registry(int32_t pid) {

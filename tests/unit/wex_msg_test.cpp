@@ -349,6 +349,12 @@ bool told_to_replace(int32_t old_pid, int32_t pid) {
          event.pid == old_pid && event.new_pid == pid;
 }
 
+uint32_t registrations_refused() {
+  status_words words;
+  wex_status_copy_words(&words);
+  return words.counters[WEX_STATUS_NOT_REGISTERED];
+}
+
 }  // namespace
 
 TEST_F(Registry, ALivingProcessReplacesTheDeadRecordOfItsProgram) {
@@ -456,6 +462,7 @@ TEST_F(Registry, AProcessThatIsReplacedWhileItsRegistrationWaitsGetsNoRecordBesi
   ASSERT_TRUE(service.ready() && successor.ready());
   const wex_reg_info body = body_of(service.pid());
   ASSERT_EQ(0, wex_process_restart(&body));
+  const uint32_t refused = registrations_refused();
   register_while_held(body, [&] {
     service.end();
     const chain_lock again(wex_chains);
@@ -464,6 +471,7 @@ TEST_F(Registry, AProcessThatIsReplacedWhileItsRegistrationWaitsGetsNoRecordBesi
   EXPECT_EQ(nullptr, find(wex_chains, body.pid))
       << "it would be started again when its successor is cancelled";
   EXPECT_NE(nullptr, find(wex_chains, successor.pid()));
+  EXPECT_EQ(refused + 1, registrations_refused());
 }
 
 TEST_F(Registry, AThreadThatEndsWhileItsRegistrationWaitsIsKnownAsOne) {

@@ -44,6 +44,13 @@ TEST_F(StatusTable, WhateverLiesAtTheNameMakesRoom) {
       {"empty directory", [] { mkdir(kStatusTable, 0700); }, false},
       {"directory", [] { make_dirs(std::string(kStatusTable) + "/x"); }, true},
       {"link", [] { EXPECT_EQ(0, symlink("/tmp/victim", kStatusTable)); }, true},
+      {"link to a table of root's",
+       [] {
+         in_child([] { start(); });
+         EXPECT_EQ(0, rename(kStatusTable, "/dev/shm/table"));
+         EXPECT_EQ(0, symlink("/dev/shm/table", kStatusTable));
+       },
+       true},
       {"FIFO", [] { EXPECT_EQ(0, mkfifo(kStatusTable, 0666)); }, false},
       {"text of root's", [] { write_file(kStatusTable, "precious"); }, true},
       {"another user's file",
@@ -132,6 +139,19 @@ TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
       {"new pid", [](wex_status_event* event) { event->new_pid = -2; }, false},
       {"domain", [](wex_status_event* event) { event->domain = 1000000; }, false},
       {"kind", [](wex_status_event* event) { event->kind = WEX_STATUS_EV_KINDS; }, false},
+      {"parked for less than no time",
+       [](wex_status_event* event) {
+         event->kind = WEX_STATUS_EV_PARKED;
+         event->value = -1;
+       },
+       false},
+      {"burst of less than none",
+       [](wex_status_event* event) {
+         event->kind = WEX_STATUS_EV_BURST;
+         event->value = -1;
+       },
+       false},
+      {"exit code", [](wex_status_event* event) { event->exit_code = 0x10000; }, false},
       {"time", [](wex_status_event* event) { event->monotonic = INT64_MAX; }, false},
       {"negative time", [](wex_status_event* event) { event->monotonic = -1; }, false},
       {"negative wall clock", [](wex_status_event* event) { event->wall = -1; }, false},

@@ -1,5 +1,7 @@
 // The sequence locks of the status table: what readers, and the next daemon, see of writes that are under
 // way, that fail, or in whose middle the daemon is killed.
+#include <fcntl.h>
+#include <stdarg.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 
@@ -40,6 +42,31 @@ extern "C" ssize_t __wrap_pwrite(int fd, const void* bytes, size_t size, off_t a
 }
 
 namespace {
+std::vector<int> table_openings;  // the flags of each
+int reads = 0;
+}  // namespace
+
+extern "C" int __real_openat64(int at, const char* path, int flags, ...);
+extern "C" int __wrap_openat64(int at, const char* path, int flags, ...) {
+  va_list more;
+  va_start(more, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+  va_end(more);
+  if (strcmp(path, "wex-status") == 0) {
+    table_openings.push_back(flags);
+  }
+  return __real_openat64(at, path, flags, mode);
+}
+extern "C" ssize_t __real_pread64(int fd, void* bytes, size_t size, off64_t at);
+extern "C" ssize_t __wrap_pread64(int fd, void* bytes, size_t size, off64_t at) {
+  ++reads;
+  return __real_pread64(fd, bytes, size, at);
+}
+extern "C" ssize_t __wrap_pread(int fd, void* bytes, size_t size, off_t at) {
+  return __wrap_pread64(fd, bytes, size, at);
+}
+
+namespace {
 
 // How many parts have an odd sequence number.
 int parts_being_written() {
@@ -73,6 +100,36 @@ bool copy_whole(const char* base, size_t offset, Part* copy) {
 }
 
 }  // namespace
+
+// Anybody may write to the directory, so no link is followed there. And whatever others may bring into the
+// table, the daemon goes by its own memory.
+TEST_F(StatusTable, IsOpenedWithoutFollowingLinksAndReadAtTheStartOnly) {
+  for (const bool earlier : {false, true}) {
+    in_child([&] {
+      start();
+      EXPECT_EQ(earlier ? 1U : 2U, table_openings.size());
+      for (const int flags : table_openings) {
+        EXPECT_NE(0, flags & O_NOFOLLOW) << earlier;
+        EXPECT_EQ(0, flags & O_TRUNC) << earlier;
+      }
+      EXPECT_EQ(!earlier, (table_openings.back() & O_CREAT) != 0);
+      EXPECT_EQ(!earlier, (table_openings.back() & O_EXCL) != 0);
+      EXPECT_EQ(earlier, reads > 0) << "the counting is seen to work";
+      reads = 0;
+      wex_pid* const rec = add(100);
+      for (const wex_status_kind kind : {WEX_STATUS_EV_REGISTERED, WEX_STATUS_EV_EXITED}) {
+        wex_status_tell(kind, rec);
+        wex_status_publish();
+      }
+      drop(rec);
+      wex_status_publish();
+      ASSERT_EQ(0, truncate(kStatusTable, 100));
+      wex_status_publish();
+      wex_status_end();
+      EXPECT_EQ(0, reads) << earlier;
+    });
+  }
+}
 
 // Readers at full speed never see a part that is torn: all of it was written by one call.
 TEST_F(StatusTable, ReadersSeeWholePartsWhileTheyChange) {

@@ -17,9 +17,11 @@
 #include "wex_chain_user.h"
 #include "wex_core_crash.h"
 #include "wex_core_takedown.h"
+#include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
+#include "wex_status_image.h"
 #include "wex_test.h"
 #include "wex_utils_settings.h"
 #include "wex_vsd.h"
@@ -233,6 +235,14 @@ TEST_F(WexUserSets, AProcessWithTooManyGroupsHasNone) {
     wex_find_user(&rec);
     EXPECT_EQ(more == 0, rec.user != kUnknownUser);
   }
+  wex_reg_info body = {};
+  body.pid = getpid();
+  status_words before;
+  status_words after;
+  wex_status_copy_words(&before);
+  wex_process_restart(&body);
+  wex_status_copy_words(&after);
+  EXPECT_EQ(before.counters[WEX_STATUS_NOT_REGISTERED] + 1, after.counters[WEX_STATUS_NOT_REGISTERED]);
 }
 
 // Between two looks at one process it may execute a set-user-id program that becomes root.

@@ -18,7 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { RESTS_MS = 1500, AT_FIRST_MS = 10000, ENTERS_CALL = 1, MADE_FEWER = 3 };
+enum { RESTS_MS = 1500, AT_FIRST_MS = 10000, ALL_S = 100, ENTERS_CALL = 1, MADE_FEWER = 3 };
 
 static const struct {
   long number;
@@ -187,6 +187,7 @@ static pid_t start_traced(char** words) {
 
 int main(int argc, char** argv) {
   const long wanted = argc > 3 ? atol(argv[1]) : 0;
+  alarm(ALL_S); /* a process that never rests */
   if (wanted > 0 && argc == 6 && strcmp(argv[2], "daemon") == 0 && atoi(argv[3]) > 1 && atoi(argv[4]) > 0 &&
       atoi(argv[5]) > 1) {
     trace_daemon(argv[3]);

@@ -1,5 +1,6 @@
 # Fifteen minutes of random kills, hangs and deaths of the daemon: at the end everything runs once, and the
 # daemon has no more memory, descriptors or zombies than at the start.
+# mostly-waits: 1
 # seconds: 1200
 . /test/lib.sh
 echo '5 100000' > /etc/wex_config       # core dumps are part of the game here

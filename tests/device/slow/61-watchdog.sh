@@ -1,6 +1,7 @@
 # Ten minutes with a watchdog of twenty seconds, fed while wex is well: programs die, one is parked and comes back, and the
 # device stays up.
 # count-instructions: 1
+# mostly-waits: 1
 # seconds: 900
 . /test/lib.sh
 [ ! -e /modules/watchdog.ko ] || insmod /modules/watchdog.ko
