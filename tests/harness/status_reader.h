@@ -12,6 +12,7 @@
 #include "unique_fd.h"
 #include "wex_paths.h"
 #include "wex_status.h"
+#include "wex_status_image.h"
 #include "wex_test.h"
 
 namespace wex_test {
@@ -124,6 +125,16 @@ inline std::optional<wex_status_event> wait_for_event(wex_status_kind kind, int3
       },
       std::chrono::seconds(20));
   return found;
+}
+
+// Whether the daemon of this pid has begun to watch for failed forks: what is written before goes unseen.
+inline bool watches_forks(pid_t daemon) {
+  return eventually(
+      [=] {
+        const int32_t tid = StatusReader().head().threads[kStatusForkWatcher].tid;
+        return tid > 0 && exists("/proc/" + std::to_string(daemon) + "/task/" + std::to_string(tid));
+      },
+      std::chrono::seconds(60));
 }
 
 }  // namespace wex_test

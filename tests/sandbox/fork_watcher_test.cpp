@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "restart_policy.h"
+#include "status_reader.h"
 
 using namespace policy;
 
@@ -71,7 +72,7 @@ class ForkWatcher : public WexWorld {
 }  // namespace
 
 TEST_F(ForkWatcher, SixFailuresAreToleratedTheSeventhEndsTheDaemon) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   for (int failure = 1; failure <= 6; ++failure) {
     append("a");
   }
@@ -82,7 +83,7 @@ TEST_F(ForkWatcher, SixFailuresAreToleratedTheSeventhEndsTheDaemon) {
 }
 
 TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   Service service("withdraw");
   ASSERT_TRUE(service.start());
   append("aaaaaa");
@@ -94,7 +95,7 @@ TEST_F(ForkWatcher, SixFailuresThatAChildWithdrewCountNoMore) {
 
 TEST_F(ForkWatcher, ALeftoverFileIsActedOnAtTheNextEventOnly) {
   write_file(kForkFailures, "aaaaaaa");
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
   append("");  // opened and closed for writing is an event
   EXPECT_TRUE(gives_up()) << running_log();
@@ -102,7 +103,7 @@ TEST_F(ForkWatcher, ALeftoverFileIsActedOnAtTheNextEventOnly) {
 }
 
 TEST_F(ForkWatcher, OtherFilesBesideItAreIgnored) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   for (const char* name : {"/tmp/wex/forkfile2", "/tmp/wex/forkfil", "/tmp/wex/xforkfile", "/tmp/wex/x"}) {
     write_file(name, "aaaaaaaaaa");
   }
@@ -112,13 +113,13 @@ TEST_F(ForkWatcher, OtherFilesBesideItAreIgnored) {
 }
 
 TEST_F(ForkWatcher, ZeroBytesInTheFileEndTheTextThatCounts) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   append(std::string("aaaaaa\0aaaa", 11));
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
 }
 
 TEST_F(ForkWatcher, AForkFailureFileThatIsNoFileIsLoggedAndIgnored) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   make_dirs(kForkFailures);
   EXPECT_TRUE(console_says("open /tmp/wex/forkfile error, "));
   EXPECT_TRUE(daemon_.running());
@@ -151,7 +152,7 @@ TEST_F(ForkWatcher, WithoutAWatchTheDaemonEnds) {
 }
 
 TEST_F(ForkWatcher, APollThatFailsEndsTheDaemon) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   ASSERT_TRUE(inject_into_watcher("inject=poll,ppoll,restart_syscall:error=EINVAL"));
   append("");
   EXPECT_TRUE(exited_with(daemon_.wait(), 1));
@@ -163,7 +164,7 @@ TEST_F(ForkWatcher, APollThatFailsEndsTheDaemon) {
 }
 
 TEST_F(ForkWatcher, AnInterruptedPollIsRepeated) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   ASSERT_TRUE(inject_into_watcher("inject=poll,ppoll,restart_syscall:error=EINTR:when=1..3"));
   append("");
   EXPECT_TRUE(never([this] { return !daemon_.running(); }, 300ms));
@@ -172,7 +173,7 @@ TEST_F(ForkWatcher, AnInterruptedPollIsRepeated) {
 }
 
 TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1..2"));
   append("aaaaaaa");
   append("");
@@ -182,7 +183,7 @@ TEST_F(ForkWatcher, AReadThatFailsIsRepeatedAtTheNextEvent) {
 }
 
 TEST_F(ForkWatcher, AFileThatCannotBeReadIsLoggedAndReadAgainAtTheNextEvent) {
-  ASSERT_TRUE(daemon_.start());
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
   ASSERT_TRUE(inject_into_watcher("inject=read:error=EIO:when=1", kForkFailures));
   append("aaaaaaa");
   EXPECT_TRUE(console_says("]read /tmp/wex/forkfile error, Input/output error\n")) << read_console();

@@ -146,6 +146,9 @@ TEST_F(SelfCheck, AParkedProgramThatSomebodyStartedIsDroppedAndTheNewOneIsSuperv
   const pid_t by_hand = service.pid();
   EXPECT_TRUE(console_says("wex_alrm_handler--> " + service.command() + "/" + std::to_string(parked) +
                            " is running!\n"));
+  const auto handed_over = wait_for_event(WEX_STATUS_EV_HANDED_OVER, parked);
+  ASSERT_TRUE(handed_over);
+  EXPECT_EQ(by_hand, handed_over->new_pid);
   EXPECT_TRUE(stays_down(service.options(), by_hand)) << "started beside the one by hand";
   EXPECT_TRUE(is_alive(by_hand));
   EXPECT_TRUE(service.ends_and_comes_back());

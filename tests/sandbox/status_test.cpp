@@ -225,6 +225,7 @@ TEST_F(Status, ADaemonThatEndsByItselfSaysSo) {
   ASSERT_EQ(0, stat(kStatusTable, &facts));
   EXPECT_EQ(0U, facts.st_uid);
   EXPECT_EQ(start_time_of(daemon_.pid()), StatusReader().head().daemon_start);
+  ASSERT_TRUE(watches_forks(daemon_.pid()));
   write_file("/tmp/wex/forkfile", "1234567");  // as many failed forks as end it
   EXPECT_TRUE(has_event(WEX_STATUS_EV_DAEMON_ENDED, daemon_.pid()));
   EXPECT_TRUE(eventually([] { return (StatusReader().head().flags & WEX_STATUS_ENDED) != 0; }));

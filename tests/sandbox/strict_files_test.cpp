@@ -121,6 +121,7 @@ TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   start();
   Process& service = process();
   ASSERT_TRUE(start_service(&service, {"--tag=service"}));
+  ASSERT_TRUE(watches_forks(daemon.pid()));
   ASSERT_TRUE(as_user([] {
     write_file(kForkFile, "aaaaaaaaaa");
     return read_file(kForkFile).size() == 10;

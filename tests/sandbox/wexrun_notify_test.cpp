@@ -280,12 +280,12 @@ TEST_F(WexrunNotify, AProgramThatCatchesSigtermOrSigabrtEndsInItsOwnWay) {
   EXPECT_TRUE(exited_with(service.wait(20s), 8));
 }
 
-// systemd-notify sends and ends; it waits until its message was read.
+// systemd-notify sends and ends; it waits until the descriptor of its message was closed, and fails without.
 TEST_F(WexrunNotify, AShellScriptReportsThroughSystemdNotify) {
   const words script = {"/tmp/speaker"};
   write_file(script[0],
-             "#!/bin/sh\nsystemd-notify --ready --status=talking MAINPID=1\nsystemd-notify WATCHDOG=1 "
-             "WATCHDOG_USEC=60000000\n"
+             "#!/bin/sh\nsystemd-notify --ready --status=talking MAINPID=1 && systemd-notify WATCHDOG=1 "
+             "WATCHDOG_USEC=60000000 || exit 1\n"
              "echo done > /tmp/wexrun-facts\nread line < /tmp/ready\nsystemd-notify WATCHDOG=trigger\nexec "
              "sleep 1000\n",
              0755);
