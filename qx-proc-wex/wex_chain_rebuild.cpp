@@ -117,6 +117,7 @@ wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
     wex_free_record(rec);
     return nullptr;
   }
+  wex_own_database_file(rec);
   return rec;
 }
 

@@ -214,6 +214,10 @@ bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
   char command[WEX_PROCESS_SIZE];
   wex_user user;
   if (recall(rec, &user)) {
+    if (user.uid != 0 && ids.uid != user.uid) {
+      return false;  // the pid is another user's by now, whose own registration must not be taken for this
+                     // one
+    }
     rec->user = may_be_from(facts, user) ? wex_number_user(user) : kUnknownUser;
     return rec->user != kUnknownUser;
   }
@@ -251,6 +255,15 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
   }
   rtrim(registered.script);
   return registered.pid == rec->pid && !wex_is_other_command(rec->process, registered.script);
+}
+
+// Whether the file of this name may go on being the registration's. Not one of root's that others could write
+// to: they may have it open still.
+bool may_stay(const wex_pid* rec, const wex_user& user, const char* name, const struct stat& facts) {
+  if (facts.st_uid != 0) {
+    return facts.st_uid == user.uid;
+  }
+  return (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0 && (user.uid == 0 || is_file_of(rec, name, facts));
 }
 
 }  // namespace
@@ -369,15 +382,20 @@ void wex_own_database_file(const wex_pid* rec) {
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
-  const bool roots = facts.st_uid == 0 && user->uid != 0;
-  if (!may_be_from(facts, *user) || (roots && !is_file_of(rec, name, facts))) {
+  if (!may_stay(rec, *user, name, facts)) {
     wex_db_destroy(rec);
     wex_mend_pidfile(rec);
+    if (lstat(name, &facts) != 0 || !may_stay(rec, *user, name, facts)) {
+      wex_db_destroy(rec);
+      return;
+    }
   }
   unique_fd opened;
+  const struct stat judged = facts;
   const int file = open_own_file(name, &opened);
-  if (file < 0 || fstat(file, &facts) != 0 || !may_be_from(facts, *user) || facts.st_nlink != 1) {
-    return;
+  if (file < 0 || fstat(file, &facts) != 0 || facts.st_nlink != 1 || facts.st_dev != judged.st_dev ||
+      facts.st_ino != judged.st_ino) {
+    return;  // the name may have become another file's meanwhile
   }
   if ((facts.st_mode & 07777) != kStrictDbMode) {
     fchmod(file, kStrictDbMode);

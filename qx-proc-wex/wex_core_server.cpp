@@ -23,6 +23,7 @@
 #include "received_descriptors.h"
 #include "unique_fd.h"
 #include "wex_action.h"
+#include "wex_chain_user.h"
 #include "wex_core_claim.h"
 #include "wex_core_clients.h"
 #include "wex_core_early_end.h"
@@ -137,10 +138,16 @@ int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
   return result;
 }
 
-// Once it is acknowledged, the sender counts as registered.
-void expect_newcomer(const wex_inner_msg& msg) {
-  if (msg.msg_type == kRespawn.message || msg.msg_type == kShellRestart.message) {
-    wex_expect_newcomer(unpack(msg, 0).reg.pid);  // whoever says it: nothing is registered yet
+// Once it is acknowledged, the sender counts as registered. There is room for a few, so a user must not name
+// processes that are not his.
+void expect_newcomer(uid_t speaker, const wex_inner_msg& msg) {
+  if (msg.msg_type != kRespawn.message && msg.msg_type != kShellRestart.message) {
+    return;
+  }
+  const int32_t pid = unpack(msg, 0).reg.pid;
+  process_user its;
+  if (speaker == 0 || (wex_look_at_user(pid, &its) && its.ids.uid == speaker)) {
+    wex_expect_newcomer(pid);
   }
 }
 
@@ -228,13 +235,14 @@ bool serve_client(server& self, int sd) {
     count_if_refused(sd);
     return drop_client(self, sd);
   }
-  expect_newcomer(*msg.get());
+  const uid_t speaker = wex_speaker(number_of(find_slot(sd)));
+  expect_newcomer(speaker, *msg.get());
   self.code = wex_rsp_domain_msg(sd, *msg.get());
   if (self.code != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: wex_inner_rsp_msg err(ret:%d, sk:%d)!\n", kThread, self.code, sd);
     return drop_client(self, sd);
   }
-  self.code = wex_dispatch_domain_msg(*msg.get(), wex_speaker(number_of(find_slot(sd))));
+  self.code = wex_dispatch_domain_msg(*msg.get(), speaker);
   return true;
 }
 

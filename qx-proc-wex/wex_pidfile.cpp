@@ -85,15 +85,20 @@ void fill(int fd, int32_t pid, int32_t action, const char* text) {
   }
 }
 
+// In strict mode nobody else may ever have opened the file: who holds it open could write to it later.
+mode_t db_mode(bool strict) {
+  return strict ? kStrictDbMode : kDbMode;
+}
+
 // Creates, fills and locks the file `name`. 0 and the descriptor to keep (none when another process holds the
 // lock), or -1 when it cannot be opened.
-int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, char (&name)[kPathSize],
-                unique_fd* out) {
+int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode_t mode,
+                char (&name)[kPathSize], unique_fd* out) {
   const bool fits = name_file(vsd, pid, text, name);
   int cause = errno;
   wex_dbg(WEX_DBG_PUB, "%s vsd:%d path:%s file:%s\n", "wex_db_create", vsd, text, name);
   if (fits) {
-    *out = wex_open_file(name, O_RDWR | O_CREAT | O_TRUNC, kDbMode);
+    *out = wex_open_file(name, O_RDWR | O_CREAT | O_TRUNC, mode);
     cause = errno;
   }
   if (!out->valid()) {
@@ -144,7 +149,8 @@ int wex_get_db_file_name(int32_t vsd, int32_t pid, const char* text, char* buffe
 int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
   char name[kPathSize];
   unique_fd fd;
-  const int result = create_file(vsd, pid, action, text, name, &fd);
+  const int result =
+      create_file(vsd, pid, action, text, db_mode(wex_strict().on || wex_strict_is_wanted()), name, &fd);
   fd.release();  // stays open on purpose: the lock lives as long as we do
   return result;
 }
@@ -173,7 +179,8 @@ int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
     drop_locked_file(name);  // first, because closing it later would drop the new lock too
   }
   unique_fd fd;
-  const int result = create_file(body->vsd, body->pid, wex_action_number(kind), text, name, &fd);
+  const int result =
+      create_file(body->vsd, body->pid, wex_action_number(kind), text, db_mode(wex_strict().on), name, &fd);
   if (fd.valid()) {
     keep_locked_file(name, std::move(fd));
   }
@@ -191,7 +198,7 @@ void wex_mend_pidfile(const wex_pid* rec) {
     return;
   }
   drop_locked_file(name);  // ours may be empty, too
-  const unique_fd file = wex_open_file(name, O_RDWR | O_CREAT, kDbMode);
+  const unique_fd file = wex_open_file(name, O_RDWR | O_CREAT, db_mode(wex_strict().on));
   if (file.valid()) {
     fill(file.get(), rec->pid, rec->action, rec->process);
     save_vsd_flag(rec->vsd, rec->pid);

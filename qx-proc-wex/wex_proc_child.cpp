@@ -262,13 +262,19 @@ bool is_users(const launch& what) {
   return what.user != nullptr && what.user->uid != 0;
 }
 
+// The daemon's own are for the priority of its threads. A user's program must not reach it.
+bool give_up_priorities() {
+  const struct rlimit none = {0, 0};
+  return setrlimit(RLIMIT_RTPRIO, &none) == 0 && setrlimit(RLIMIT_NICE, &none) == 0;
+}
+
 // Last, for what comes before needs root's rights. A program whose user is not known must not run as root.
 bool is_its_user(const launch& what) {
   if (!wex_strict().on) {
     return true;
   }
   const wex_user* const user = what.user;
-  if (user != nullptr && (user->uid == 0 || only_write_to_console()) &&
+  if (user != nullptr && (user->uid == 0 || (only_write_to_console() && give_up_priorities())) &&
       become_user(user->uid, user->gid, user->groups, user->group_count)) {
     return true;
   }
@@ -310,13 +316,14 @@ bool is_its_user(const launch& what) {
   }
   start.normal_lmk = wex_reset_lmk(static_cast<int32_t>(getpid())) > 0;  // before the program can fork
   remove_old_file(start);
+  if (is_users(what)) {
+    close(start.starting);  // from now on he may stop the child, and choose how long its program takes to be
+                            // read
+  }
   if (!is_its_user(what)) {
     give_up(start);
   }
   start.at_program = true;
-  if (is_users(what)) {
-    close(start.starting);  // how long his program takes to be read is his to choose
-  }
   execute(what.words.argv);
   wex_dbg(WEX_DBG_PUB, "%s execvp fail, error = %s.\n", what.action->begun_entry, strerror(errno));
   give_up(start);

@@ -34,6 +34,10 @@ def add(total, part):
         sums["reactions"] = dict(collections.Counter(sums["reactions"]) + collections.Counter(row["reactions"]))
 
 
+def command(key):
+    return "failures --other-errors" if key == "other-errors" else key
+
+
 def keep_others(new, old):
     """Scenarios that were not tried this time."""
     rows = dict(old["scenarios"])
@@ -48,7 +52,7 @@ def table(key, figures):
     rows = figures["scenarios"].values()
     sums = {column: sum(row[column] for row in rows) for column in ("tried", "planned", "injected", "lost")}
     yield "`tests/faults/run %s`: %d of %d places tried in %d minutes, %d reached, %d lost.\n" % (
-        key, sums["tried"], sums["planned"], round(figures["seconds"] / 60), sums["injected"], sums["lost"])
+        command(key), sums["tried"], sums["planned"], round(figures["seconds"] / 60), sums["injected"], sums["lost"])
     yield "| %s |" % " | ".join(HEAD)
     yield "|---" * len(HEAD) + "|"
     for name, row in figures["scenarios"].items():

@@ -21,7 +21,8 @@ class Tools:
 
 
 class Arguments:
-    def __init__(self, text, further=()):
+    def __init__(self, text, further=(), options=()):
+        """`further`: names of scenarios that are not of the table; `options`: of this driver alone, with their words of help."""
         names = [scenario.name for scenario in TABLE] + list(further)
         parser = argparse.ArgumentParser(description=text)
         parser.add_argument("--build", required=True, help="the build tree")
@@ -33,6 +34,8 @@ class Arguments:
         parser.add_argument("--seed", type=int, default=1)
         parser.add_argument("--result", help="a JSON file")
         parser.add_argument("--verbose", action="store_true")
+        for option, meaning in options:
+            parser.add_argument(option, action="store_true", help=meaning)
         options = parser.parse_args()
         self.__dict__.update(vars(options))
         self.scenarios = options.scenario or names

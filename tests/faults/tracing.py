@@ -30,6 +30,31 @@ ERRORS = {
     "semget": ["ENOSPC"], "semop": ["EINTR"], "semctl": ["EIDRM"], "clock_nanosleep": ["EINTR"],
 }
 
+# The other errors that the manual names and a kernel can give for a call of its own making: those of full or broken disks,
+# of shortages and of security modules. Tried by `failures --other-errors`; what is never given for these arguments (EBADF, EFAULT,
+# EINVAL) or says something else than a failure (ENOENT, ESRCH, EAGAIN of what does not wait) is left out.
+OTHER_ERRORS = {
+    "open": ["ENFILE", "ENOMEM", "EINTR", "EACCES"], "openat": ["ENFILE", "EIO", "EINTR", "EACCES", "ENOSPC", "EROFS"],
+    "read": ["ENOMEM"], "pread64": ["EINTR"], "write": ["EIO", "EDQUOT", "EFBIG"], "pwrite64": ["EIO", "EINTR"],
+    "stat": ["EIO", "EACCES"], "lstat": ["EIO", "EACCES"], "fstat": ["EIO"], "newfstatat": ["EIO", "EACCES"],
+    "statx": ["EIO", "EACCES"], "statfs": ["EINTR", "ENOMEM"], "readlink": ["ENOMEM", "EACCES"],
+    "readlinkat": ["ENOMEM", "EACCES"], "access": ["ENOMEM"], "faccessat2": ["ENOMEM"],
+    "unlink": ["EBUSY", "EPERM", "ENOMEM"], "unlinkat": ["EBUSY", "EPERM", "ENOMEM"], "rmdir": ["EROFS", "EPERM", "ENOMEM"],
+    "rename": ["EIO", "EROFS", "ENOMEM", "EDQUOT"], "renameat": ["EIO", "EROFS", "ENOMEM", "EDQUOT"],
+    "link": ["EIO", "EROFS", "EMLINK", "EPERM"], "mkdir": ["EROFS", "EMLINK", "ENOMEM"],
+    "mkdirat": ["EROFS", "EMLINK", "ENOMEM"], "chmod": ["EIO", "EPERM"], "fchmod": ["EIO", "EPERM"],
+    "chdir": ["EIO", "EACCES"], "fchdir": ["EACCES"], "ftruncate": ["EIO", "EFBIG", "EROFS"], "fsync": ["ENOSPC", "EDQUOT"],
+    "dup": ["EBUSY"], "pipe": ["EMFILE"], "pipe2": ["EMFILE"], "mmap": ["EAGAIN", "ENFILE"], "clone3": ["ENOMEM"],
+    "fork": ["ENOMEM"], "execve": ["EAGAIN", "EACCES", "EIO", "EMFILE", "ENFILE", "ETXTBSY"], "setpriority": ["EPERM"],
+    "unshare": ["EPERM"], "socket": ["EMFILE", "ENOMEM", "EACCES"], "bind": ["EADDRINUSE", "EACCES", "EROFS"],
+    "connect": ["EINTR", "EACCES", "ENOBUFS"], "accept4": ["ENFILE", "ENOBUFS", "ENOMEM", "EPERM"],
+    "setsockopt": ["EPERM"], "getsockopt": ["ENOMEM"], "sendto": ["ENOMEM", "EPIPE", "ECONNRESET"],
+    "sendmsg": ["ENOMEM", "EPIPE", "ECONNRESET", "EINTR"], "recvfrom": ["ENOMEM", "ECONNREFUSED"],
+    "recvmsg": ["ENOBUFS", "ECONNREFUSED"], "epoll_create1": ["ENFILE", "ENOMEM"], "epoll_ctl": ["ENOSPC"],
+    "inotify_init1": ["ENFILE", "ENOMEM"], "inotify_add_watch": ["ENOMEM", "EACCES"], "semget": ["ENOMEM", "EACCES"],
+    "semop": ["ENOMEM", "EIDRM"], "semctl": ["EACCES"],
+}
+
 # Those that a kernel cannot refuse, or that fail only for what the caller did wrong. close() gives the descriptor back
 # whatever it answers, which strace cannot imitate; of fcntl() only locks can fail, which strace cannot tell from the rest;
 # of prctl() only the naming of threads is used, which fails for a bad address alone.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "strict_world.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -111,6 +112,37 @@ TEST_F(StrictFiles, AFileOfRootsThatAUserGivesTheNameOfHisDatabaseFileStaysRoots
   EXPECT_EQ(0600U, facts.st_mode & 07777);
   EXPECT_TRUE(eventually([&] { return facts_of(name).st_uid == kUser; }, 20s))
       << "the file that he has instead";
+}
+
+// Whoever can open it for a moment could keep it open, and write another program into it later.
+TEST_F(StrictFiles, ADatabaseFileOfRootsIsNeverOpenToOthersWhateverTheUmask) {
+  start();
+  daemon.kill_now();  // which would close it
+  Process& roots = process();
+  words all = {"/bin/sh", "-c", "umask 0; exec \"$@\"", "sh"};
+  const words program = actor_words({"--register=RESTART", "--hold"});
+  all.insert(all.end(), program.begin(), program.end());
+  ASSERT_TRUE(roots.start(all));
+  const std::string name = std::string(kMainDbDir) + "/actor." + text(roots.pid());
+  ASSERT_TRUE(eventually([&] { return exists(name); }, 20s)) << "made without a daemon";
+  EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+}
+
+// An older library makes it with the program's umask.
+TEST_F(StrictFiles, ADatabaseFileOfRootsThatOthersCouldWriteIsMadeAnew) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  daemon.kill_now();
+  const std::string name = std::string(kMainDbDir) + "/actor." + text(roots.pid());
+  ASSERT_EQ(0, chmod(name.c_str(), 0777));
+  const ino_t before = facts_of(name).st_ino;
+  const unique_fd held(open(name.c_str(), O_WRONLY | O_CLOEXEC));  // its inode is not used again meanwhile
+  start();
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()) && facts_of(name).st_ino != before; }, 20s));
+  EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+  send_signal(roots.pid(), SIGKILL);
+  EXPECT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
 }
 
 // Neither the end of the daemon nor that of a restart.

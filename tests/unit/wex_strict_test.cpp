@@ -258,6 +258,25 @@ TEST_F(WexUserSets, AProcessThatBecomesAnotherUserMeanwhileHasNone) {
   EXPECT_FALSE(wex_note_user(&rec, before));
 }
 
+// What is found beside the running daemon is judged like what is found at a start: not root's because root
+// looks.
+TEST_F(WexStrict, AFileWithoutARegistrationIsItsOwners) {
+  constexpr uid_t kListedUser = 1;  // his group must be known
+  be_strict();
+  struct stat facts = {};
+  facts.st_mode = S_IFREG | 0700;
+  facts.st_nlink = 1;
+  facts.st_uid = kListedUser;
+  wex_pid rec = {};
+  rec.pid = 0x3fffffff;  // of no process
+  ASSERT_TRUE(wex_judge_lost_file(&rec, facts));
+  uid_t user = 0;
+  EXPECT_TRUE(wex_uid_of(&rec, &user));
+  EXPECT_EQ(kListedUser, user);
+  facts.st_mode = S_IFREG | 0777;
+  EXPECT_FALSE(wex_judge_lost_file(&rec, facts)) << "anybody may have written it";
+}
+
 // The daemon makes files for programs that make none; killed then, it has not given them to their users. And
 // a program of root's may have given up its rights.
 TEST_F(WexStrict, RootsFileForAUsersProcessMakesItNotRoots) {
