@@ -153,6 +153,21 @@ TEST_F(StrictMode, AUserSpeaksForNobodyElse) {
   EXPECT_EQ(1U, occurrences(running_log(), "User 1234 was refused ")) << running_log();
 }
 
+TEST_F(StrictMode, AUserEndsNobodysWatch) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots", "--register-main-thread=7"}, 0));
+  ASSERT_TRUE(eventually([&] { return StatusReader().slot_of(roots.pid())->watched_threads == 1; }, 20s));
+  ASSERT_TRUE(as_user([&] {
+    const raw_client client;
+    const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, roots.pid()};
+    return client.send_body(WEX_CONS_MSG, cancel) && client.acknowledged();
+  }));
+  ASSERT_TRUE(eventually([&] { return occurrences(read_console(), dispatched(WEX_CONS_MSG, -1)) == 1; }, 20s))
+      << read_console();
+  EXPECT_EQ(1, StatusReader().slot_of(roots.pid())->watched_threads);
+}
+
 // His own thread, but for a process that is not its own: that one would be aborted.
 TEST_F(StrictMode, AThreadStandsForItsOwnProcessAlone) {
   start();

@@ -1,6 +1,9 @@
 // Strict mode: a program is started again as who it was, and never with more.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+
+#include <cstring>
 
 #include "registry_files.h"
 #include "strict_world.h"
@@ -53,6 +56,11 @@ TEST_F(StrictRestart, AProgramRunsAgainAsWhoItWasInEveryLifeOfTheDaemon) {
   const pid_t second = kill_and_wait(service.pid(), options);
   ASSERT_GT(second, 0) << read_console();
   expect_as_before(second);
+  for (const char* const output : {"1", "2"}) {
+    const std::string flags = read_file("/proc/" + text(second) + "/fdinfo/" + output);
+    const size_t digits = flags.find("flags:\t") + strlen("flags:\t");
+    EXPECT_EQ(O_WRONLY, std::stoi(flags.substr(digits), nullptr, 8) & O_ACCMODE) << "he reads the console";
+  }
   ASSERT_TRUE(eventually([&] { return exists(std::string(kUsersDir) + "/" + text(second)); }));
   EXPECT_FALSE(exists(std::string(kUsersDir) + "/" + text(service.pid())));
   EXPECT_EQ(0700U, mode_of(kUsersDir));

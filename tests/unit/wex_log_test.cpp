@@ -13,6 +13,7 @@
 #include "unit_support.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 using namespace unit;
 
@@ -617,6 +618,25 @@ TEST_F(Reboot, AZeroInTheSwitchForbidsIt) {
     write_file(kRebootSwitch, text);
     EXPECT_EQ("", printed_by([] { wex_reboot("r", nullptr); })) << text;
     expect_nothing_happened();
+  }
+}
+
+TEST_F(Reboot, InStrictModeOnlyRootsFilesForbidIt) {
+  set_levels(0, 0);
+  strict_settings settings;
+  settings.on = true;
+  std::string expected;
+  for (const char* const forbids : {kRebootSwitch, kNoReboot}) {
+    write_file(forbids, "0");
+    wex_set_strict(settings);
+    wex_reboot("root", nullptr);
+    EXPECT_EQ(expected, without_times(read_file(kRebootLog))) << forbids;
+    ASSERT_EQ(0, chown(forbids, 1234, 1234));
+    wex_reboot(forbids, nullptr);
+    expected += std::string("T ") + forbids + "\n";
+    EXPECT_EQ(expected, without_times(read_file(kRebootLog)));
+    wex_set_strict({});
+    unlink(forbids);
   }
 }
 

@@ -42,7 +42,6 @@ const switch_row kSwitches[] = {
     {kDebugLog, "", [] { return debug_log() == 0; }},
     {kDebugTime, "77", [] { return debug_time() == 77; }},
     {kMarker, "", [] { return wex_take_down_under_way(); }},
-    {kNoReboot, "", [] { return wex_counts(kNoReboot); }},
 };
 
 void note_crash(wex_pid* rec) WEX_TSA(no_thread_safety_analysis) {

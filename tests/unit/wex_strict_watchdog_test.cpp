@@ -167,3 +167,42 @@ TEST_F(Watchdog, InStrictModeAThreadThatRegistersAgainHasReported) {
     EXPECT_EQ(0U, hangs_logged());
   });
 }
+
+TEST_F(Watchdog, InStrictModeOnlyRootsFilesStopTheCountOrShowTheDump) {
+  in_child([] {
+    service program(1, true);
+    be_strict();
+    const daemon_side daemon;
+    daemon.start(program, 0, {5, 1, 60, 0});
+    for (const char* const path : {kKillDebug, kDumpToConsole}) {
+      write_file(path, "");
+      ASSERT_EQ(0, chown(path, kOtherUser, kOtherUser));
+    }
+    EXPECT_EQ(0U, occurrences(daemon.scan(), "in wex:")) << "the dump is for the system log";
+    EXPECT_EQ(1U, hangs_logged());
+    for (const char* const path : {kKillDebug, kDumpToConsole}) {
+      ASSERT_EQ(0, chown(path, kRoot, kRoot));
+    }
+    EXPECT_EQ(3U, occurrences(daemon.scan(), "in wex:"));
+    for (const char* const path : {kKillDebug, kDumpToConsole}) {
+      unlink(path);
+    }
+  });
+}
+
+TEST_F(Watchdog, InStrictModeAUserHasSoManyThreads) {
+  in_child([] {
+    service program(2);
+    service other(1);
+    strict_settings settings;
+    settings.on = true;
+    settings.registrations = 1;
+    wex_set_strict(settings);
+    const daemon_side daemon;
+    program.change_user(kOtherUser, kOtherUser);
+    other.change_user(kOtherUser + 1, kOtherUser + 1);
+    EXPECT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));
+    EXPECT_EQ(-1, register_by(kOtherUser, program.tid(1), program.pid()));
+    EXPECT_EQ(0, register_by(kOtherUser + 1, other.pid(), other.pid()));
+  });
+}

@@ -160,6 +160,21 @@ TEST_F(ThreadNotify, OfAnExemptThreadDoesNothing) {
   EXPECT_FALSE(daemon_.has_caller(0ms));
 }
 
+// The library is not the daemon: it looks whether the device is in strict mode.
+TEST_F(ThreadNotify, OfAThreadThatAUserHasExemptedIsHeldBackWithoutStrictModeOnly) {
+  const uint32_t tid = register_here();
+  const uint32_t before = wex_sys_get_alive_seq(tid);
+  std::ofstream(kExemptThreads) << tid << "\n";
+  ASSERT_EQ(0, chown(kExemptThreads, 1234, 1234));
+  EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
+  EXPECT_EQ(before, wex_sys_get_alive_seq(tid));
+  make_dirs("/etc/wex");
+  std::ofstream(kStrictFile) << "";
+  EXPECT_EQ(0, wex_client_reset_thread_notify(getpid(), gettid(), 60, 5));
+  EXPECT_NE(before, wex_sys_get_alive_seq(tid));
+  unlink(kStrictFile);
+}
+
 TEST_F(ThreadNotify, IsNotHeldBackByAnUnfinishedLineOrAnotherNumber) {
   const uint32_t tid = register_here();
   const std::string own = std::to_string(tid);
