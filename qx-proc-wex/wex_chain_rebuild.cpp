@@ -117,7 +117,6 @@ wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
     wex_free_record(rec);
     return nullptr;
   }
-  wex_own_database_file(rec);
   return rec;
 }
 
@@ -201,6 +200,7 @@ void take_over(wex_pid* rec) {
   }
   // Not after the restarts: they may take long, and a stranger may have got the pid by then.
   wex_note_identity(rec);
+  wex_own_database_file(rec);  // only now: one that is made anew no longer tells when the program registered
   wex_status_found(rec, wex_start_on_clock_ms(rec->start_time));
   if (rec->thread_of != 0) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);

@@ -214,10 +214,6 @@ bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
   char command[WEX_PROCESS_SIZE];
   wex_user user;
   if (recall(rec, &user)) {
-    if (user.uid != 0 && ids.uid != user.uid) {
-      return false;  // the pid is another user's by now, whose own registration must not be taken for this
-                     // one
-    }
     rec->user = may_be_from(facts, user) ? wex_number_user(user) : kUnknownUser;
     return rec->user != kUnknownUser;
   }
@@ -254,7 +250,10 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
     return false;
   }
   rtrim(registered.script);
-  return registered.pid == rec->pid && !wex_is_other_command(rec->process, registered.script);
+  char command[WEX_PROCESS_SIZE];
+  wex_copy_text(command, sizeof command, rec->process);
+  rtrim(command);
+  return registered.pid == rec->pid && !wex_is_other_command(command, registered.script);
 }
 
 // Whether the file of this name may go on being the registration's. Not one of root's that others could write
