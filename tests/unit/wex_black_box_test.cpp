@@ -393,6 +393,7 @@ TEST_F(BlackBox, AProcessThatIsGoneOrHasManyThreadsIsLookedAtForAMomentOnly) {
   });
   ASSERT_TRUE(many.ready());
   const milliseconds taken = time_of([&] { wex_look_at_hung(many.pid(), many.pid()); });
+  static_assert(kHungLookMs <= 100, "the process is not to hang longer for the look's sake");
   EXPECT_GT(milliseconds(1000), taken) << "a tenth of that is meant";
   wex_note_watched([](int32_t) { return false; });
   wex_keep_hung();
