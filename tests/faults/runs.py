@@ -6,6 +6,7 @@ back, is there once after another start of the daemon, and nothing is left that 
 import collections
 import hashlib
 import itertools
+import re
 import signal
 import time
 
@@ -102,8 +103,9 @@ class Run:
             self.strace.leave()
 
     def ended_in_loader(self, status):
-        """The loader's very first memory is not asked for twice: every program ends by that."""
-        return status == LOADER or (status == -signal.SIGSEGV and "inject=mmap:error=ENOMEM:when=1" == self.expression)
+        """The loader's very first memory is not asked for twice: every program ends by that, whatever the error."""
+        first = re.fullmatch("inject=mmap:error=[A-Z]+:when=1", self.expression)
+        return status == LOADER or (status == -signal.SIGSEGV and first is not None)
 
     def replace_ended(self):
         """A daemon that has ended by a described status is followed by another one."""
