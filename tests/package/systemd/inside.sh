@@ -197,6 +197,20 @@ files_are_there() {
   ok "wex can make its files"
 }
 
+# Where systemd clears /tmp of what nobody has touched for a while, wex's files stay. What is younger than they are has gone.
+cleared() { systemd-tmpfiles --clean && [ ! -e /tmp/of-others ]; }
+clearing_leaves_files() {
+  local path
+  echo 'q /tmp 1777 root root 1s' > /etc/tmpfiles.d/tmp.conf
+  touch /tmp/of-others
+  within 30 cleared || fail "systemd does not clear /tmp"
+  while IFS= read -r path; do
+    [ -e "$path" ] || fail "systemd has cleared $path away"
+  done < <(grep '^/tmp/' /trial/files | grep -vE 'forkfile$|wex\.log[12]$')
+  for name in $services; do [ -e $database/wexrun."$(pid_of /usr/sbin/$name)" ] || fail "systemd has cleared $name's registration away"; done
+  ok "wex's files stay where systemd clears /tmp"
+}
+
 # Two programs of root's that dump core are a burst here. The machine restarts; records are read in the next boot.
 restart_machine() {
   echo '900 2' > /etc/wex_config
@@ -229,6 +243,7 @@ boot_1() {
   ok "killed services come back with all that they had, as wex's processes"
   services_outlive_wex
   files_are_there '^/data/\.wex_(history|reboot)$|^/run/wex$'
+  clearing_leaves_files
   with_least_capabilities
   rm -r $drop_in
   systemctl daemon-reload && systemctl restart wex || fail "systemctl restart wex"
@@ -257,6 +272,7 @@ boot_2() {
   ok "strict: killed services come back with all that they had, as who they were"
   services_outlive_wex
   files_are_there '^$'
+  clearing_leaves_files
   with_least_capabilities
   restart_machine
 }
