@@ -101,7 +101,8 @@ wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   char path[kPathSize];
   wex_pid* const rec = wex_new_record();
   struct stat facts = {};
-  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || read_file(path, rec, &facts) != 0) {
+  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || wex_drop_begun_pidfile(path) ||
+      read_file(path, rec, &facts) != 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_pidfile %s fail\n", name);
     wex_free_record(rec);
     return nullptr;

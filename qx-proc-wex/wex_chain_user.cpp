@@ -256,13 +256,22 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
   return registered.pid == rec->pid && !wex_is_other_command(command, registered.script);
 }
 
-// Whether the file of this name may go on being the registration's. Not one of root's that others could write
-// to: they may have it open still.
+// Whether the file of this name may go on being the registration's. Not one that others could write to: they
+// may have it open still.
 bool may_stay(const wex_pid* rec, const wex_user& user, const char* name, const struct stat& facts) {
-  if (facts.st_uid != 0) {
-    return facts.st_uid == user.uid;
+  if ((facts.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return false;
   }
-  return (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0 && (user.uid == 0 || is_file_of(rec, name, facts));
+  return facts.st_uid != 0 ? facts.st_uid == user.uid : user.uid == 0 || is_file_of(rec, name, facts);
+}
+
+// Makes the file anew. One that the next daemon might believe keeps its name until the new one is whole; what
+// somebody else has put there goes first, and may leave the room that is missing.
+bool make_anew(const wex_pid* rec, const wex_user& user, const struct stat& facts) {
+  if (!may_be_from(facts, user)) {
+    wex_db_destroy(rec);
+  }
+  return wex_renew_pidfile(rec, user.uid, user.gid);
 }
 
 }  // namespace
@@ -382,8 +391,9 @@ void wex_own_database_file(const wex_pid* rec) {
     return;
   }
   if (!may_stay(rec, *user, name, facts)) {
-    wex_db_destroy(rec);
-    wex_mend_pidfile(rec);
+    if (!make_anew(rec, *user, facts)) {
+      return;  // the minute's look tries again
+    }
     if (lstat(name, &facts) != 0 || !may_stay(rec, *user, name, facts)) {
       wex_db_destroy(rec);
       return;
