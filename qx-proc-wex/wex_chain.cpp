@@ -275,6 +275,11 @@ void __wex_expect_exit(int32_t pid) {
   }
 }
 
+void __wex_expect_child(int32_t pid) {
+  wex_pass_exits_after(pid);
+  __wex_expect_exit(pid);
+}
+
 void __wex_tidy_filter() {
   pid_set pids;
   wex_pass_exits_only_of(gather_expected(&pids) ? &pids : nullptr);

@@ -52,6 +52,9 @@ wex_pid* wex_blank_record(wex_pid* memory);
 // this: an exit that came before was not reported.
 void __wex_expect_exit(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
+// The same for a child that was just started; in a row of many the next ones are expected with it.
+void __wex_expect_child(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+
 // No longer has those exits reported that concern no record.
 void __wex_tidy_filter() WEX_TSA(requires_capability(wex_chains));
 

@@ -17,6 +17,7 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "waiting.h"
 #include "wex_core_filter_program.h"
 #include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
@@ -52,8 +53,9 @@ pid_set g_exits WEX_TSA(guarded_by(g_lock));
 bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;       // more processes than the set holds
 bool g_overfull_told WEX_TSA(guarded_by(g_lock)) = false;  // a caller knows
 int32_t g_newcomers[kNewcomers] WEX_TSA(
-    guarded_by(g_lock)) = {};                        // registrations are under way, or were lately
-bool g_refused WEX_TSA(guarded_by(g_lock)) = false;  // the kernel did not take the set
+    guarded_by(g_lock)) = {};  // registrations are under way, or were lately
+int64_t g_last_child_ms WEX_TSA(guarded_by(g_lock)) = INT64_MIN / 2;
+bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
 passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
 difference g_difference WEX_TSA(guarded_by(g_lock)) = difference::none;
 sock_filter g_program[kFilterProgramMax] WEX_TSA(guarded_by(g_lock));
@@ -176,6 +178,18 @@ bool wex_pass_exits_of(int32_t pid) {
   const bool news = g_overfull && !g_overfull_told;
   g_overfull_told = g_overfull;
   return !news;
+}
+
+// Ids follow one another, so 32 deaths in a row need one exchange or two. A stranger who gets one of the ids
+// instead costs what any registered process costs, until the next tidying.
+void wex_pass_exits_after(int32_t child) {
+  const mutex_lock hold(g_lock);
+  const int64_t now = wex_clock_ms();
+  const bool one_of_many = now - g_last_child_ms < kChildrenInARowMs;
+  g_last_child_ms = now;
+  if (one_of_many && child > 0 && !g_exits.has(child) && g_exits.add_with_followers(child)) {
+    g_difference = difference::too_few;
+  }
 }
 
 void wex_pass_exits_of_newcomer(int32_t pid, int place) {

@@ -31,6 +31,11 @@ void wex_pass_executions(bool pass);
 // wex_pass_exits_only_of(); the first time that happens the result is false.
 bool wex_pass_exits_of(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
+// To be called before the same is asked for this child. When children follow one another closely, the exits
+// of those that will probably be next pass with its own: the kernel takes as long to exchange the filter as
+// to fork.
+void wex_pass_exits_after(int32_t child);
+
 // Passes the exits of this process whose registration is under way, though it has no record that would keep
 // it from being forgotten. It is kept until another one has its place, of kNewcomers. Never waits for the
 // registry.

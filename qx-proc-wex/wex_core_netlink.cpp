@@ -300,7 +300,9 @@ outcome watch(int fd) {
     }
     if (ready > 0 || state.list_changed) {
       state.list_changed = false;
-      usleep(WEX_MONITOR_PAUSE_US);
+      if (WEX_MONITOR_PAUSE_US > 0) {  // even no time at all would be a timer's interrupt
+        usleep(WEX_MONITOR_PAUSE_US);
+      }
     }
   }
   return {0, 0};

@@ -388,7 +388,7 @@ bool run_cycle(server& self) {
       return false;
     }
   }
-  if (ready != 0) {
+  if (ready != 0 && WEX_SERVER_PAUSE_US > 0) {
     usleep(WEX_SERVER_PAUSE_US);
   }
   return true;

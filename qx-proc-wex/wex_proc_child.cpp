@@ -452,7 +452,7 @@ pid_t share_or_fork(child_start* start) {
 
 pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   const pid_t child = share_or_fork(start);
-  __wex_expect_exit(static_cast<int32_t>(child));
+  __wex_expect_child(static_cast<int32_t>(child));
   return child;
 }
 

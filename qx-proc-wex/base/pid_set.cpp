@@ -26,7 +26,8 @@ pid_set::word* pid_set::place_of(uint32_t common) noexcept {
   return std::lower_bound(words_, words_ + used_, common, comes_before);
 }
 
-bool pid_set::add(int32_t pid) noexcept {
+// Of the word of this id.
+bool pid_set::add_bits(int32_t pid, uint32_t bits) noexcept {
   if (pid < 1) {
     return false;
   }
@@ -39,8 +40,16 @@ bool pid_set::add(int32_t pid) noexcept {
     *place = {common_of(pid), 0};
     ++used_;
   }
-  place->bits |= bit_of(pid);
+  place->bits |= bits;
   return true;
+}
+
+bool pid_set::add(int32_t pid) noexcept {
+  return add_bits(pid, bit_of(pid));
+}
+
+bool pid_set::add_with_followers(int32_t pid) noexcept {
+  return add_bits(pid, ~(bit_of(pid) - 1));
 }
 
 bool pid_set::has(int32_t pid) const noexcept {

@@ -19,6 +19,8 @@ class pid_set {
 
   // True when the id is in the set now; false when there is no room, or when it is that of no process.
   bool add(int32_t pid) noexcept;
+  // The same for this id and the greater ones that share its word, which takes no more room.
+  bool add_with_followers(int32_t pid) noexcept;
   bool has(int32_t pid) const noexcept;
 
   const word* begin() const noexcept { return words_; }
@@ -27,6 +29,7 @@ class pid_set {
 
  private:
   word* place_of(uint32_t common) noexcept;
+  bool add_bits(int32_t pid, uint32_t bits) noexcept;
 
   size_t used_ = 0;
   word words_[kWords] = {};

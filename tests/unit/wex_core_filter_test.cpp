@@ -16,6 +16,7 @@
 #include "chain_lock.h"
 #include "injection.h"
 #include "linked_name.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -29,6 +30,7 @@ constexpr unsigned kUnlimited = 1000000;
 unsigned g_room = kUnlimited;
 unsigned g_longest = kUnlimited;  // of one program
 unsigned g_in_place = 0;
+int g_exchanges = 0;  // of the filter
 
 }  // namespace
 
@@ -46,6 +48,7 @@ int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, so
   }
   const int result = g_setsockopt.now() ? -1 : LINKED_SETSOCKOPT(__real)(fd, level, name, value, size);
   g_in_place = result == 0 ? program.len : g_in_place;
+  g_exchanges += result == 0 && name == SO_ATTACH_FILTER ? 1 : 0;
   return result;
 }
 }
@@ -94,6 +97,11 @@ class Filter : public ::testing::Test {
   static bool expect_exit_of(int32_t pid) {
     const chain_lock hold(wex_chains);
     return wex_pass_exits_of(pid);
+  }
+  // As of a child that was just started.
+  static void expect_child(int32_t pid) {
+    const chain_lock hold(wex_chains);
+    __wex_expect_child(pid);
   }
   static void keep_only(const std::set<int32_t>& pids) {
     const auto kept = std::make_unique<pid_set>();
@@ -216,6 +224,32 @@ TEST_F(Filter, KeepsAProcessUntilItIsTidied) {
   keep_only({1000});
   EXPECT_TRUE(exit_passes(1000));
   EXPECT_FALSE(exit_passes(7));
+}
+
+TEST_F(Filter, IsExchangedOnceForManyChildrenInARow) {
+  constexpr int32_t kFirst = 32 * 40 + 5;
+  expect_child(kFirst);
+  EXPECT_TRUE(exit_passes(kFirst));
+  wex_sleep_ms(kChildrenInARowMs);
+  expect_child(kFirst + 1);
+  expect_exactly({7, kFirst, kFirst + 1});
+  const int before = g_exchanges;
+  // A test that is held up for so long between two of them tries again.
+  int64_t begun = 0;
+  do {
+    forget_all();
+    g_exchanges = before;
+    begun = wex_clock_ms();
+    for (int32_t pid = kFirst + 1; pid < 32 * 41; ++pid) {
+      expect_child(pid);
+      ASSERT_TRUE(exit_passes(pid)) << pid;
+    }
+  } while (wex_clock_ms() - begun >= kChildrenInARowMs);
+  EXPECT_LE(g_exchanges, before + 3) << "of all, of the first, of the second with all after it";
+  EXPECT_FALSE(exit_passes(kFirst)) << "one that came before them";
+  EXPECT_FALSE(exit_passes(32 * 41)) << "of another word";
+  keep_only({kFirst + 1});
+  expect_exactly({kFirst + 1});
 }
 
 TEST_F(Filter, PassesTheExitsOfAllWhenItsProcessesAreTooMany) {

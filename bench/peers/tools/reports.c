@@ -93,9 +93,11 @@ static int floors(size_t batches) {
 
 static const char exempt_file[] = "/data/.wex_debug_pid";
 static thread_call reset;
+static int own_pid;
+static int own_tid; /* asked for once, as a thread that reports for years does */
 
 static int report_to_wex(void) {
-  return reset((int)getpid(), (int)syscall(SYS_gettid), 60, 5);
+  return reset(own_pid, own_tid, 60, 5);
 }
 
 static int write_exempt_file(void) {
@@ -117,7 +119,9 @@ static int wex(size_t batches, const char* root, const char* path) {
   }
   *(void**)&enter = dlsym(library, "wex_client_reg_thread_notify");
   *(void**)&reset = dlsym(library, "wex_client_reset_thread_notify");
-  if (enter == NULL || reset == NULL || enter((int)getpid(), (int)syscall(SYS_gettid), 60, 5) != 0) {
+  own_pid = (int)getpid();
+  own_tid = (int)syscall(SYS_gettid);
+  if (enter == NULL || reset == NULL || enter(own_pid, own_tid, 60, 5) != 0) {
     return 1;
   }
   bad = measure("wex", report_to_wex, batches, ", ") != 0 || write_exempt_file() != 0 ||
