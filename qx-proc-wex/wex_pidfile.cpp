@@ -126,9 +126,9 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
 // A file of our own, beside those of users: of a name that is hard to foresee, which `name` receives.
 unique_fd create_beside(int directory, int32_t pid, char (&name)[NAME_MAX + 1]) {
   unique_fd file;
-  const int64_t now = wex_clock_ms();
+  const long long now = wex_clock_ms();
   for (uint32_t attempt = 0; attempt < kAsideTries && !file.valid(); ++attempt) {
-    wex_format(name, sizeof name, "%s%d-%lld", kBegun, pid, static_cast<long long>(now + attempt));
+    wex_format(name, sizeof name, "%s%d-%lld", kBegun, pid, now + attempt);
     file.reset(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictDbMode));
     if (!file.valid() && errno != EEXIST) {
       break;
