@@ -226,6 +226,34 @@ TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   EXPECT_TRUE(log_says("/tmp/vsd/5/delete_vsd exists, exited processes are not restarted."));
 }
 
+// A user who has the name of the file must not keep a daemon that cannot fork from ending.
+TEST_F(StrictFiles, ForksThatFailAreCountedThoughAUserHasMadeTheirFile) {
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  ASSERT_TRUE(watches_forks(daemon.pid()));
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_TRUE(as_user([] {
+    write_file(kForkFile, "aaaaaaaaaa");
+    return read_file(kForkFile).size() == 10;
+  }));
+  EXPECT_TRUE(log_says("/tmp/wex/forkfile does not count"));
+  send_signal(roots.pid(), SIGKILL);
+  struct stat facts = {};
+  ASSERT_TRUE(eventually(
+      [&] {
+        return lstat(kForkFile, &facts) == 0 && facts.st_uid == 0 && read_file(kForkFile).substr(0, 1) == "a";
+      },
+      20s))
+      << read_console();
+  ASSERT_GT(7U, read_file(kForkFile).size()) << "what he wrote is counted as well";
+  EXPECT_TRUE(daemon.running());
+  const unique_fd failures(open(kForkFile, O_WRONLY | O_APPEND | O_CLOEXEC));
+  ASSERT_EQ(6, write(failures.get(), "aaaaaa", 6));  // the other six would take half a minute
+  EXPECT_TRUE(exited_with(daemon.wait(20s), 1)) << read_console();
+  EXPECT_NE(std::string::npos, running_log().find("Unable to restart the process, wex will be restart."));
+}
+
 TEST_F(StrictFiles, AFlagFileCountsForAProcessOfItsOwner) {
   make_dirs("/tmp/vsd/5/wex");
   make_dirs("/data/var/run/vsd/5");
