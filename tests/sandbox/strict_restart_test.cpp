@@ -193,9 +193,8 @@ TEST_F(StrictRestart, AUserWhoStopsTheStartOfHisProgramHoldsNobodyUp) {
   pid_t child = 0;
   ASSERT_TRUE(eventually([&] { return (child = users_child_of(daemon.pid())) > 0; }, 30s)) << read_console();
   ASSERT_TRUE(as_user([&] { return kill(child, SIGSTOP) == 0; }));
-  const std::string stopped = text(child) + " --- stopped by SIGSTOP ---";
-  ASSERT_TRUE(eventually([&] { return Daemon::trace().find(stopped) != std::string::npos; }, 20s))
-      << Daemon::trace();
+  const std::string stopped = "(^|\\n)" + text(child) + " +--- stopped by SIGSTOP ---";
+  ASSERT_TRUE(eventually([&] { return contains_match(Daemon::trace(), stopped); }, 20s)) << Daemon::trace();
   EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
   EXPECT_EQ(child, users_child_of(daemon.pid())) << "it still stands where he stopped it";
   EXPECT_EQ(std::string::npos, read_console().find("did not get to its program")) << read_console();
