@@ -23,6 +23,12 @@ echo 'Nonsense=yes' >> "$work/with/wex.service"
 for line in Restart=always KillSignal=SIGINT KillMode=process OOMPolicy=continue TasksMax=infinity; do
   grep -qx "$line" "$1" || complain "the unit does not say $line"
 done
+# Root's threads need none of these limits, and every program that wex starts inherits them.
+for limit in LimitRTPRIO LimitNICE; do
+  for file in "$1" "$root/packaging/init/wex-least.conf"; do
+    ! grep -q "^[[:space:]]*$limit" "$file" || complain "${file##*/} sets $limit, which programs of wex would inherit"
+  done
+done
 
 # left_out UNIT: the options that would restrict it and are not set, without a value, one a line.
 left_out() {

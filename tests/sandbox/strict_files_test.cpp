@@ -145,6 +145,65 @@ TEST_F(StrictFiles, ADatabaseFileOfRootsThatOthersCouldWriteIsMadeAnew) {
   EXPECT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
 }
 
+// Whoever has it open could have his own program started as its owner, were what is kept of users lost.
+TEST_F(StrictFiles, AUsersDatabaseFileThatOthersCouldWriteIsMadeAnew) {
+  const std::string evil = actor_command({"--tag=evil", "--hold"});
+  write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nsomebody:x:1234:1235::/:/bin/sh\n");
+  for (const mode_t loose : {mode_t{0702}, mode_t{0720}}) {
+    const std::string tag = "--tag=" + text(loose);
+    SCOPED_TRACE(tag);
+    start();
+    Process& service = process();
+    ASSERT_TRUE(start_service(&service, {tag}));
+    const std::string name = std::string(kMainDbDir) + "/actor." + text(service.pid());
+    ASSERT_EQ(0700U, facts_of(name).st_mode & 07777);
+    daemon.kill_now();
+    ASSERT_EQ(0, chmod(name.c_str(), loose));
+    const ino_t before = facts_of(name).st_ino;
+    const unique_fd held(open(name.c_str(), O_WRONLY | O_CLOEXEC));  // as another user could, and keeps it
+    start();
+    EXPECT_TRUE(eventually([&] { return facts_of(name).st_ino != before; }, 20s));
+    EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+    EXPECT_EQ(kUser, facts_of(name).st_uid);
+    const std::string said = text(service.pid()) + "\n2\n" + evil;
+    ASSERT_EQ(static_cast<ssize_t>(said.size()), pwrite(held.get(), said.data(), said.size(), 0));
+    daemon.kill_now();
+    ASSERT_EQ(0, unlink((std::string(kUsersDir) + "/" + text(service.pid())).c_str()));
+    send_signal(service.pid(), SIGKILL);
+    service.wait(20s);
+    start();
+    EXPECT_GT(wait_for_actor(service_words({tag}), service.pid(), 20s), 0) << read_console();
+    EXPECT_TRUE(pids_with_command(evil).empty());
+    daemon.kill_now();
+  }
+}
+
+// Killed before the new file has the name, the daemon leaves the old one, and a file that its next start
+// removes.
+TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  daemon.kill_now();
+  const std::string name = std::string(kMainDbDir) + "/actor." + text(roots.pid());
+  const std::string said = read_file(name);
+  ASSERT_EQ(0, chmod(name.c_str(), 0777));
+  ASSERT_TRUE(daemon.start_traced({"inject=renameat,renameat2:signal=KILL", kMainDbDir}));
+  EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
+  EXPECT_EQ(said, read_file(name));
+  EXPECT_EQ(2U, list_dir(kMainDbDir).size()) << "one has been begun";
+  // What a user calls so is his, and read like any other file.
+  const std::string his = std::string(kMainDbDir) + "/begun-1-1";
+  write_file(his, "nothing");
+  give_to_user(his, 0700);
+  start();
+  EXPECT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s));
+  EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+  EXPECT_EQ(said, read_file(name));
+  const std::vector<std::string> left = {"actor." + text(roots.pid()), "begun-1-1"};
+  EXPECT_EQ(left, list_dir(kMainDbDir));
+}
+
 // Neither the end of the daemon nor that of a restart.
 TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   make_dirs("/tmp/vsd/5");
@@ -165,6 +224,34 @@ TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   EXPECT_TRUE(daemon.running());
   ASSERT_EQ(0, chown("/tmp/vsd/5/delete_vsd", 0, 0));
   EXPECT_TRUE(log_says("/tmp/vsd/5/delete_vsd exists, exited processes are not restarted."));
+}
+
+// A user who has the name of the file must not keep a daemon that cannot fork from ending.
+TEST_F(StrictFiles, ForksThatFailAreCountedThoughAUserHasMadeTheirFile) {
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,fork,vfork", "inject=clone,fork,vfork:error=ENOMEM"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  ASSERT_TRUE(watches_forks(daemon.pid()));
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_TRUE(as_user([] {
+    write_file(kForkFile, "aaaaaaaaaa");
+    return read_file(kForkFile).size() == 10;
+  }));
+  EXPECT_TRUE(log_says("/tmp/wex/forkfile does not count"));
+  send_signal(roots.pid(), SIGKILL);
+  struct stat facts = {};
+  ASSERT_TRUE(eventually(
+      [&] {
+        return lstat(kForkFile, &facts) == 0 && facts.st_uid == 0 && read_file(kForkFile).substr(0, 1) == "a";
+      },
+      20s))
+      << read_console();
+  ASSERT_GT(7U, read_file(kForkFile).size()) << "what he wrote is counted as well";
+  EXPECT_TRUE(daemon.running());
+  const unique_fd failures(open(kForkFile, O_WRONLY | O_APPEND | O_CLOEXEC));
+  ASSERT_EQ(6, write(failures.get(), "aaaaaa", 6));  // the other six would take half a minute
+  EXPECT_TRUE(exited_with(daemon.wait(20s), 1)) << read_console();
+  EXPECT_NE(std::string::npos, running_log().find("Unable to restart the process, wex will be restart."));
 }
 
 TEST_F(StrictFiles, AFlagFileCountsForAProcessOfItsOwner) {

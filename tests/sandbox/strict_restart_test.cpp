@@ -1,6 +1,7 @@
 // Strict mode: a program is started again as who it was, and never with more.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -157,6 +158,102 @@ TEST_F(StrictRestart, AUsersProgramThatIsSlowlyReadHoldsNobodyUp) {
   ASSERT_GT(tracer, 0);
   send_signal(child, SIGKILL);
   send_signal(tracer, SIGKILL);  // it sleeps, and the child is its zombie until it ends
+}
+
+namespace {
+
+// The daemon's child that has become a user's but is no program yet.
+pid_t users_child_of(pid_t daemon) {
+  for (const pid_t pid : processes_inside()) {
+    if (status_field(pid, "PPid") == text(daemon) && ids_of(pid, "Uid") == "1234 1234 1234 1234" &&
+        program_of(pid) == program_of(daemon)) {
+      return pid;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+// From the moment on that it is his, and it may be long until that is a program.
+TEST_F(StrictRestart, AUserWhoStopsTheStartOfHisProgramHoldsNobodyUp) {
+  make_dirs("/tmp/vsd/5/wex");
+  make_dirs("/data/var/run/vsd/5");
+  ASSERT_TRUE(daemon.start_traced({"inject=setresuid:delay_exit=4000000", "trace=setresuid"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& own = process();
+  Process& roots = process();
+  const words options = service_words({"--tag=stopped"});
+  ASSERT_TRUE(start_service(&own, {"--tag=stopped"}));
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  const std::string flag = "/tmp/vsd/5/wex/" + text(own.pid());
+  write_file(flag, "");
+  ASSERT_EQ(0, chown(flag.c_str(), kUser, kUser));
+  send_signal(own.pid(), SIGKILL);
+  pid_t child = 0;
+  ASSERT_TRUE(eventually([&] { return (child = users_child_of(daemon.pid())) > 0; }, 30s)) << read_console();
+  ASSERT_TRUE(as_user([&] { return kill(child, SIGSTOP) == 0; }));
+  const std::string stopped = "(^|\\n)" + text(child) + " +--- stopped by SIGSTOP ---";
+  ASSERT_TRUE(eventually([&] { return contains_match(Daemon::trace(), stopped); }, 20s)) << Daemon::trace();
+  EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
+  EXPECT_EQ(child, users_child_of(daemon.pid())) << "it still stands where he stopped it";
+  EXPECT_EQ(std::string::npos, read_console().find("did not get to its program")) << read_console();
+  ASSERT_TRUE(as_user([&] { return kill(child, SIGCONT) == 0; }));
+  EXPECT_EQ(child, wait_for_actor(options, own.pid(), 30s)) << read_console();
+}
+
+namespace {
+
+// "soft hard" of a limit, as /proc/PID/limits has it.
+std::string limit_of(pid_t pid, const std::string& name) {
+  const std::vector<std::string> found =
+      groups_of(read_file("/proc/" + text(pid) + "/limits"), "Max " + name + " +([a-z0-9]+) +([a-z0-9]+)");
+  return found.size() == 3 ? found[1] + " " + found[2] : "";
+}
+
+// Rights to priorities, which the daemon of this case inherits: those of no unit, but of a shell may be.
+struct more_priority {
+  more_priority() {
+    for (const auto limit : {RLIMIT_RTPRIO, RLIMIT_NICE}) {
+      struct rlimit now = {};
+      EXPECT_EQ(0, getrlimit(limit, &now));
+      before.push_back({limit, now});
+      now.rlim_cur = now.rlim_max = 20;
+      setrlimit(limit, &now);
+    }
+  }
+  ~more_priority() {
+    for (const auto& [limit, value] : before) {
+      EXPECT_EQ(0, setrlimit(limit, &value));
+    }
+  }
+  more_priority(const more_priority&) = delete;
+  more_priority& operator=(const more_priority&) = delete;
+  std::vector<std::pair<decltype(RLIMIT_NICE), struct rlimit>> before;
+};
+
+}  // namespace
+
+// The machine may let nobody raise these limits; then only the calls tell.
+TEST_F(StrictRestart, AUsersProgramMayNotRaiseItsPriorityWhateverTheDaemonMay) {
+  const more_priority more;
+  ASSERT_TRUE(daemon.start_traced({"trace=prlimit64,setrlimit"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  for (const uid_t user : {uid_t{0}, kUser}) {
+    Process& service = process();
+    const words tag = {"--tag=limits-" + text(user)};
+    ASSERT_TRUE(start_service(&service, tag, user));
+    const pid_t next = kill_and_wait(service.pid(), service_words(tag));
+    ASSERT_GT(next, 0) << read_console();
+    for (const char* const limit : {"realtime priority", "nice priority"}) {
+      EXPECT_EQ(user == 0 ? limit_of(daemon.pid(), limit) : "0 0", limit_of(next, limit));
+    }
+    for (const char* const limit : {"RLIMIT_RTPRIO", "RLIMIT_NICE"}) {
+      const std::string call = "(^|\n)" + text(next) + " +(prlimit64\\(0, |setrlimit\\()" + limit +
+                               ", \\{rlim_cur=0, rlim_max=0\\}[^\n]* = 0\n";
+      EXPECT_EQ(user != 0, contains_match(Daemon::trace(), call)) << limit << "\n" << Daemon::trace();
+    }
+  }
 }
 
 TEST_F(StrictRestart, AScriptRunsAsWhoItWas) {

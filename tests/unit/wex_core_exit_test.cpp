@@ -1,22 +1,15 @@
 // The exit handler's decisions, on a registry that the test fills.
 #include "wex_core_exit.h"
-#include "failing_calls.h"
-#include "leak_gate.h"
-#include "parked_world.h"
-#include "registry_files.h"
-#include "text_buffer.h"
-#include "wex_chain_rebuild.h"
+
+#include "exit_world.h"
 #include "wex_chain_user_sets.h"
-#include "wex_core_spawn_guard.h"
 #include "wex_core_stop.h"
 #include "wex_core_takedown.h"
-#include "wex_core_third_part.h"
-#include "wex_signals_reaper.h"
 #include "wex_status_image.h"
 #include "wex_strict.h"
 #include "wex_utils.h"
 
-using namespace parked;
+using namespace exit_world;
 
 namespace {
 std::function<void()> before_third_part;
@@ -31,53 +24,6 @@ extern "C" int __wrap__Z23wex_register_third_partiPKcP7wex_pid(int32_t pid, cons
   }
   return __real__Z23wex_register_third_partiPKcP7wex_pid(pid, type, memory);
 }
-
-namespace {
-
-// A registered program that has died while nobody looked.
-wex_pid* died(wex_pid* rec) {
-  rec->flags = WEX_FLAG_SELF_CHECKING;
-  rec->alarm_wait_flag = 0;
-  rec->check_count = 0;
-  return rec;
-}
-
-class Exit : public Parked {};
-
-// A record of a third-part program whose restart started `child` and found nobody.
-wex_pid* missed(wex_pid* rec, pid_t child) {
-  died(rec);
-  rec->restart_failed = 1;
-  rec->exit_signal = 9;
-  const spawn_guard guard;
-  rec->missed_child = child > 0 ? child : 0;
-  rec->missed_start = wex_remember_start(child, rec->exit_signal);
-  return rec;
-}
-
-// Its child ends, the reaper notes it, and the alarm thread comes round.
-void reap(pid_t child, int status) {
-  {
-    const spawn_guard guard;
-    wex_note_child_end(child, 0, status);
-  }
-  wex_handle_missed_exits();
-}
-
-// Its slot in the status table.
-wex_status_slot shown(const wex_pid* rec) {
-  wex_status_slot slot = {};
-  EXPECT_TRUE(rec->status_slot > 0 &&
-              wex_status_copy_slot(static_cast<uint32_t>(rec->status_slot) - 1, &slot));
-  return slot;
-}
-
-bool registered(int32_t pid) {
-  chain_lock hold(wex_chains);
-  return __wex_find_pid(&wex_chains, pid) != nullptr;
-}
-
-}  // namespace
 
 TEST_F(Exit, OfAProgramStartsItAgainUnderAnotherPid) {
   const wex_pid* const rec = died(park_at(900));
@@ -166,304 +112,6 @@ TEST_F(Exit, OfAProgramWhoseNextProcessHasEndedTooGoesOnWithWhatIsShownOfIt) {
   EXPECT_EQ(9U, shown(now).last_exit);
 }
 
-// ---- Third-part programs that ended before they were found ------------------------------------------------
-
-TEST_F(Exit, OfAMissedChildRestartsItsProgramOnceItHasBeenReaped) {
-  const pid_t child = zombie();
-  const wex_pid* const rec = missed(park_at(900), child);
-  const int32_t old_pid = rec->pid;
-  wex_handle_missed_exits();
-  EXPECT_EQ(old_pid, rec->pid) << "its child has not been reaped";
-  wex_chld_handler(SIGCHLD);
-  wex_handle_missed_exits();
-  ASSERT_NE(old_pid, rec->pid);
-  EXPECT_EQ(0, kill(rec->pid, 0));
-  EXPECT_EQ(0u, rec->exit_signal) << "the child's status";
-  EXPECT_EQ(1, rec->check_count) << "throttled like any other";
-  EXPECT_FALSE(exists(db_file(old_pid, rec->process)));
-  const int32_t new_pid = rec->pid;
-  reap(child, 9);
-  EXPECT_EQ(new_pid, rec->pid) << "counted twice";
-}
-
-TEST_F(Exit, OfAMissedChildHasTheStatusThatTheReaperSaw) {
-  const pid_t child = 4194304;  // above every pid there is
-  const wex_pid* const rec = missed(park_at(900), child);
-  const int32_t old_pid = rec->pid;
-  reap(child, 11 | 0x80);
-  EXPECT_NE(old_pid, rec->pid);
-  EXPECT_EQ(11u | 0x80u, rec->exit_signal);
-  EXPECT_EQ(1000, rec->crash_time) << "it counts among the crashes";
-  ASSERT_FALSE(g_system_log.empty());
-  EXPECT_NE(std::string::npos, g_system_log[0].text.find(" receives event:008b and self-checking ...\n"));
-}
-
-TEST_F(Exit, OfAMissedChildStoppedOnPurposeDropsTheProgram) {
-  const wex_pid* const rec = missed(park_at(900), 4194304);
-  const int32_t old_pid = rec->pid;
-  const std::string file = db_file(old_pid, rec->process);
-  reap(4194304, SIGTERM);
-  EXPECT_FALSE(registered(old_pid));
-  EXPECT_FALSE(exists(file));
-}
-
-TEST_F(Exit, OfAMissedChildThatKeepsDyingParksTheProgram) {
-  wex_pid* const rec = missed(park_at(900), 4194304);
-  rec->check_start = 1000;
-  rec->check_count = 4;
-  reap(4194304, 9);
-  EXPECT_EQ(1, rec->alarm_wait_flag);
-  EXPECT_EQ(0, rec->restart_failed) << "it is parked, not forgotten";
-}
-
-TEST_F(Exit, OfAMissedChildMeansNothingOnceItsProgramHasBeenReplaced) {
-  const wex_pid* const rec = missed(park_at(900), 4194304);
-  const int32_t old_pid = rec->pid;
-  {
-    chain_lock hold(wex_chains);
-    __wex_del_pid(&wex_chains, old_pid);
-  }
-  reap(4194304, 9);
-  EXPECT_TRUE(g_system_log.empty());
-  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
-}
-
-TEST_F(Exit, OfAMissedChildWhileADomainIsTakenDownOnlyDropsTheProgram) {
-  const wex_pid* const rec = missed(park_at(900), 4194304);
-  const int32_t old_pid = rec->pid;
-  const std::string file = db_file(old_pid, rec->process);
-  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
-  reap(4194304, 9);
-  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
-  EXPECT_FALSE(registered(old_pid));
-  EXPECT_FALSE(exists(file));
-  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "something was started";
-}
-
-// Its search takes 5.5 s.
-TEST_F(Exit, OfAChildThatTheRebuildMissedIsHandledWithItsStatus) {
-  write_file(kThirdPartList, "/bin/false WEX_RESTART\n");
-  const int32_t old_pid = dead_pid();
-  write_file(db_file(old_pid, "/bin/false").c_str(), std::to_string(old_pid) + "\n2\n/bin/false");
-  ASSERT_EQ(0, wex_rebuild_chains(&wex_chains));
-  wex_pid* rec = nullptr;
-  {
-    chain_lock hold(wex_chains);
-    record_walk walk(wex_chains);
-    rec = walk.next();
-  }
-  ASSERT_NE(nullptr, rec);
-  ASSERT_NE(0, rec->restart_failed);
-  rec->check_count = 4;  // it is parked instead of being looked for again
-  wex_chld_handler(SIGCHLD);
-  wex_handle_missed_exits();
-  EXPECT_EQ(0x100u, rec->exit_signal);
-  EXPECT_EQ(1, rec->alarm_wait_flag);
-}
-
-TEST_F(Exit, OfARestartThatCouldNotEvenForkIsTheExitBeforeItOnceMore) {
-  const wex_pid* const rec = missed(park_at(900), -1);
-  const int32_t old_pid = rec->pid;
-  wex_handle_missed_exits();
-  EXPECT_NE(old_pid, rec->pid);
-  EXPECT_EQ(9u, rec->exit_signal);
-}
-
-TEST_F(Exit, OfAChildIsStillKnownWhenManyOthersLiveUnfound) {
-  const pid_t first = 5000000;
-  const wex_pid* const rec = missed(park_at(900), first);
-  const int32_t old_pid = rec->pid;
-  for (unsigned other = 1; other < kStartsKept; ++other) {
-    const spawn_guard guard;
-    wex_remember_start(first + static_cast<pid_t>(other), 9);
-  }
-  reap(first, 9);
-  EXPECT_NE(old_pid, rec->pid);
-}
-
-TEST_F(Exit, OfAMissedChildIsStillHandledAfterManyMoreStarts) {
-  const pid_t first = 5000000;
-  const wex_pid* const rec = missed(park_at(900), first);
-  const int32_t old_pid = rec->pid;
-  for (unsigned other = 1; other <= 2 * kStartsKept; ++other) {
-    {
-      const spawn_guard guard;
-      wex_remember_start(first + static_cast<pid_t>(other), 9);
-    }
-    reap(first + static_cast<pid_t>(other), 9);
-  }
-  reap(first, 9);
-  EXPECT_NE(old_pid, rec->pid) << "its entry was overwritten although others were free";
-}
-
-TEST_F(Exit, OfTheOldestMissedChildIsGivenUpWithALineWhenThereIsNoRoom) {
-  const pid_t first = 5000000;
-  const wex_pid* const oldest = missed(park_at(900), first);
-  const wex_pid* const next = missed(park_at(900, "/bin/sleep 1001"), first + 1);
-  const int32_t old_pid = oldest->pid;
-  const int32_t next_pid = next->pid;
-  registry::captured_output output;
-  {
-    const spawn_guard guard;
-    for (unsigned other = 2; other <= kStartsKept; ++other) {
-      wex_remember_start(first + static_cast<pid_t>(other), 9);
-    }
-  }
-  EXPECT_EQ("[wex_core]wex_remember_start: no room, child 5000000 is forgotten\n", output.text());
-  reap(first, 9);
-  EXPECT_EQ(old_pid, oldest->pid);
-  reap(first + 1, 9);
-  EXPECT_NE(next_pid, next->pid);
-}
-
-TEST_F(Exit, OfARestartThatCouldNotEvenForkIsNoSecondCrash) {
-  wex_pid* const rec = died(park_at(900));
-  rec->exit_signal = 11 | 0x80;
-  {
-    const spawn_guard guard;
-    rec->missed_start = wex_remember_start(-1, rec->exit_signal);
-  }
-  const int32_t old_pid = rec->pid;
-  wex_handle_missed_exits();
-  EXPECT_NE(old_pid, rec->pid);
-  EXPECT_EQ(0, rec->crash_time);
-}
-
-// ---- Several records under no pid
-// --------------------------------------------------------------------------
-
-namespace {
-
-// Whether this was told of `pid` and the other process, among the last few events.
-bool was_reported(wex_status_kind kind, int32_t pid, int32_t other) {
-  status_words words;
-  wex_status_copy_words(&words);
-  for (uint32_t number = words.event_next - 4; number != words.event_next; ++number) {
-    wex_status_event event = {};
-    if (wex_status_copy_event(number, &event) && event.kind == kind && event.pid == pid &&
-        event.new_pid == other) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// A record as the rebuild leaves it when it started `child` and found nobody.
-wex_pid* unfound(const char* process, pid_t child) {
-  wex_pid* const rec = wex_new_record();
-  rec->pid = -1;
-  rec->action = RESPAWN;
-  rec->restart_failed = 1;
-  snprintf(rec->process, sizeof rec->process, "%s", process);
-  {
-    const spawn_guard guard;
-    rec->missed_child = child;
-    rec->missed_start = wex_remember_start(child, 0);
-  }
-  chain_lock hold(wex_chains);
-  __wex_add_record(&wex_chains, rec);
-  return rec;
-}
-
-bool holds(const char* process) {
-  chain_lock hold(wex_chains);
-  record_walk walk(wex_chains);
-  while (const wex_pid* const rec = walk.next()) {
-    if (strcmp(rec->process, process) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-class ExitUnderNoPid : public Exit {
- protected:
-  static constexpr pid_t kChild = 5000000;
-  wex_pid* before_ = nullptr;
-  wex_pid* own_ = nullptr;
-  wex_pid* behind_ = nullptr;
-
-  void SetUp() override {
-    Exit::SetUp();
-    before_ = unfound("/bin/sleep 1001", kChild + 1);
-    own_ = unfound("/bin/sleep 1002", kChild);
-    behind_ = unfound("/bin/sleep 1003", kChild + 2);
-  }
-  static void expect_others() {
-    EXPECT_TRUE(holds("/bin/sleep 1001"));
-    EXPECT_TRUE(holds("/bin/sleep 1003"));
-  }
-};
-
-}  // namespace
-
-TEST_F(ExitUnderNoPid, ACrashIsCountedForItsOwnProgram) {
-  reap(kChild, 11 | 0x80);
-  EXPECT_EQ(1000, own_->crash_time);
-  EXPECT_GT(own_->pid, 0);
-  EXPECT_EQ(0, before_->crash_time);
-  EXPECT_EQ(0, behind_->crash_time);
-  expect_others();
-}
-
-TEST_F(ExitUnderNoPid, ATakeDownDropsItsOwnProgram) {
-  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
-  reap(kChild, 9);
-  ASSERT_EQ(0, unlink("/tmp/vsd/5/delete_vsd"));
-  EXPECT_FALSE(holds("/bin/sleep 1002"));
-  EXPECT_TRUE(was_reported(WEX_STATUS_EV_DROPPED, -1, 0));
-  expect_others();
-}
-
-TEST_F(ExitUnderNoPid, ADuplicateIsDroppedAlone) {
-  own_->flags = 0;  // then it is the one that goes
-  wex_pid* const twin = wex_new_record();
-  twin->pid = getpid();
-  snprintf(twin->process, sizeof twin->process, "%s", own_->process);
-  {
-    chain_lock hold(wex_chains);
-    __wex_add_record(&wex_chains, twin);
-  }
-  reap(kChild, 9);
-  expect_others();
-  chain_lock hold(wex_chains);
-  EXPECT_EQ(3, wex_chains.count);
-  __wex_drop_record(&wex_chains, twin);
-}
-
-TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
-  const pid_t running = fork();
-  if (running == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    execl("/bin/sleep", "/bin/sleep", "4712", nullptr);
-    _exit(1);
-  }
-  ASSERT_GT(running, 1);
-  char command[256] = "";
-  ASSERT_TRUE(eventually([&] {
-    return pid_to_cmdline(running, command, sizeof command) != nullptr && strstr(command, " 4712") != nullptr;
-  }));
-  rtrim(command);
-  snprintf(own_->process, sizeof own_->process, "%s", command);
-  write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
-  reap(kChild, 9);
-  EXPECT_TRUE(registered(running));
-  EXPECT_TRUE(was_reported(WEX_STATUS_EV_HANDED_OVER, -1, running));
-  leaves_behind(kDescriptors, "/wex/db/", 1, "its registration is not taken back");
-  expect_others();
-}
-
-TEST_F(ExitUnderNoPid, AProgramIsKnownToBeOfAClosingDomainByTheFlagFileOfItsLastChild) {
-  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db && touch /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
-  {
-    chain_lock hold(wex_chains);
-    EXPECT_TRUE(__wex_dropped_with_domain(own_));
-  }
-  ASSERT_EQ(0, system("rm /tmp/vsd/5/wex/5000000 /tmp/vsd/5/delete_vsd"));
-  EXPECT_FALSE(holds("/bin/sleep 1002"));
-  expect_others();
-}
-
 // ---- Twins ------------------------------------------------------------------------------------------------
 
 namespace {
@@ -485,11 +133,6 @@ wex_pid* living_twin(const wex_pid* rec) {
   chain_lock hold(wex_chains);
   __wex_add_record(&wex_chains, twin);
   return twin;
-}
-
-bool is_in_registry(int32_t pid) {
-  chain_lock hold(wex_chains);
-  return __wex_find_pid(&wex_chains, pid) != nullptr;
 }
 
 }  // namespace
@@ -520,8 +163,8 @@ TEST_F(Exit, BesideATwinDependsOnWhetherTheTwinIsSurelyDead) {
     ASSERT_GT(twin_pid, 1);
     row.change(twin);
     wex_handle_netlink_exit(old_pid, 9, 0);
-    EXPECT_FALSE(is_in_registry(old_pid)) << row.name;
-    EXPECT_EQ(!row.dead, is_in_registry(twin_pid)) << row.name;
+    EXPECT_FALSE(registered(old_pid)) << row.name;
+    EXPECT_EQ(!row.dead, registered(twin_pid)) << row.name;
     EXPECT_EQ(row.dead, was_reported(WEX_STATUS_EV_REPLACED, twin_pid, old_pid)) << row.name;
     EXPECT_EQ(!row.dead, was_reported(WEX_STATUS_EV_HANDED_OVER, old_pid, twin_pid)) << row.name;
     EXPECT_EQ(1, wex_chains.count) << row.name << ": either the twin, or the one that was started again";

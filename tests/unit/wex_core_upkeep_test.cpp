@@ -12,6 +12,7 @@
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 
 using namespace delay_world;
 
@@ -277,7 +278,7 @@ TEST_F(Delay, AProgramThatWasStoppedBeforeItsRegistrationWasHandledIsNotRestarte
     const int32_t pid = each->pid();
     const char* const program = each == &stopped ? kProgram : "/bin/sleep 1001";
     write_file(file_of(pid), std::to_string(pid) + "\n2\n" + program);
-    wex_expect_newcomer(pid);
+    wex_expect_newcomer(pid, 0);
     each->end();
     const uint32_t code = each == &stopped ? SIGTERM : SIGSEGV;
     wex_take_exit_event({kEventExit, pid, pid, code, 0});
@@ -392,4 +393,69 @@ TEST_F(Delay, ALivingProgramGetsTheFileThatItCouldNotMakeAndItsEndIsNotPostponed
   for (wex_pid* const rec : records) {
     __wex_drop_record(&wex_chains, rec);
   }
+}
+
+namespace {
+
+struct StrictDelay : Delay {
+  void SetUp() override {
+    Delay::SetUp();
+    strict_settings settings;
+    settings.on = true;
+    settings.registrations = 2;
+    wex_set_strict(settings);
+  }
+  void TearDown() override {
+    Delay::TearDown();
+    wex_set_strict({});
+  }
+  // The registration of a program of this user's that has gone.
+  static int32_t lose(uid_t user) {
+    const int32_t pid = dead_pid();
+    write_file(file_of(pid), std::to_string(pid) + "\n2\n" + kProgram, 0755);
+    EXPECT_EQ(0, chown(file_of(pid).c_str(), user, user));
+    return pid;
+  }
+  // How many of these have a record.
+  static int known(const std::vector<int32_t>& pids) {
+    const chain_lock hold(wex_chains);
+    int found = 0;
+    for (const int32_t pid : pids) {
+      found += __wex_find_pid(&wex_chains, pid) != nullptr ? 1 : 0;
+    }
+    return found;
+  }
+};
+
+}  // namespace
+
+// Each file would be a record and a program. The users are two that every list of users has.
+TEST_F(StrictDelay, OfFilesWithoutARecordAUserGetsNoMoreRecordsThanHeMayHave) {
+  constexpr uid_t kUsers[] = {1, 2};
+  std::vector<int32_t> of_first;
+  std::vector<int32_t> of_root;
+  for (int file = 0; file < 4; ++file) {
+    of_first.push_back(lose(kUsers[0]));
+    of_root.push_back(lose(0));
+  }
+  const int32_t of_second = lose(kUsers[1]);
+  for (int minute = 1; minute <= 2; ++minute) {
+    wex_look_at_files();
+    EXPECT_EQ(2, known(of_first)) << "in minute " << minute;
+    EXPECT_EQ(4, known(of_root));
+    EXPECT_EQ(1, known({of_second}));
+  }
+  {
+    const chain_lock hold(wex_chains);
+    for (const int32_t pid : of_first) {
+      wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+      if (rec != nullptr) {
+        __wex_drop_registration(rec);
+        break;
+      }
+    }
+  }
+  EXPECT_EQ(1, known(of_first));
+  wex_look_at_files();
+  EXPECT_EQ(2, known(of_first)) << "there is room for one more";
 }

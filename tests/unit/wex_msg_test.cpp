@@ -1,28 +1,24 @@
 // What control messages do to the registry, with living processes and the real files.
 #include "wex_msg.h"
-#include "leak_gate.h"
 
 #include <atomic>
 #include <functional>
 #include <thread>
 
 #include "chain_lock.h"
-#include "control_peer.h"
 #include "injection.h"
+#include "msg_world.h"
 #include "running_thread.h"
-#include "verify_chain.h"
 #include "wex_chain.h"
 #include "wex_core_early_end.h"
 #include "wex_core_event.h"
 #include "wex_core_long_delay.h"
 #include "wex_core_process_event.h"
 #include "wex_limits.h"
-#include "wex_pidfile.h"
 #include "wex_status_image.h"
-#include "wex_sys_alive.h"
 #include "wex_utils.h"
 
-using namespace control;
+using namespace msg_world;
 
 namespace {
 
@@ -61,89 +57,6 @@ int32_t __wrap_wex_clock_now(void) {
   return __real_wex_clock_now() + g_clock_ahead_sec;
 }
 }
-
-namespace {
-
-// The table of this process is mapped until its end, and the pipe of its guarded copies stays.
-const leaves_behind kTable(kDescriptors, "/dev/shm/", 2, "the table stays mapped");
-const leaves_behind kGuard(kDescriptors, "pipe:", 2, "the pipe of the guarded copies stays");
-const leaves_behind kHeldFiles(kDescriptors, "/wex/db/", 1, "registered third parts are not taken back");
-
-class Registry : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(
-        0, system("mkdir -p /tmp/vsd/0/wex/db /tmp/vsd/3/wex/db /tmp/wex /ovix/vsd/0/utils/wex &&"
-                  "rm -f /tmp/vsd/*/wex/db/* /tmp/vsd/3/wex/* 2>/dev/null; rm -f /ovix/vsd/0/utils/wex/*"));
-    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
-      ASSERT_EQ(0, wex_init_chains(chain));
-    }
-    ASSERT_EQ(0, wex_sys_init_alive_info(1));
-  }
-  void TearDown() override {
-    verify_chain(wex_chains);
-    verify_chain(wex_alive_chains);
-    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
-      wex_destroy_chains(chain);
-    }
-  }
-
-  // The first record of a pid. Nothing else runs here, so it may be looked at without the lock.
-  static wex_pid* find(wex_chains_t& chain, int32_t pid) {
-    const chain_lock hold(chain);
-    return __wex_find_pid(&chain, pid);
-  }
-  static wex_pid* add(wex_chains_t& chain, int32_t pid, const char* process = "/bin/none") {
-    wex_pid* const rec = wex_new_record();
-    rec->pid = pid;
-    strcpy(rec->process, process);
-    const chain_lock hold(chain);
-    __wex_add_record(&chain, rec);
-    return rec;
-  }
-  static std::string program_of(const std::string& command) {
-    const std::string path = command.substr(0, command.find(' '));
-    return path.substr(path.rfind('/') + 1);
-  }
-  static std::string db_file(int32_t vsd, const sleeper& process) {
-    return text_of(kDbFileFmt, vsd, program_of(process.command()).c_str(), process.pid());
-  }
-};
-
-wex_reg_info body_of(int32_t pid, int32_t vsd = 0, int32_t delay = 0) {
-  wex_reg_info body = {};
-  body.pid = pid;
-  body.vsd = vsd;
-  body.restart_delay = delay;
-  return body;
-}
-
-wex_reg_info thread_body(int32_t tid, int32_t count, int32_t left, int32_t period, int32_t elapsed) {
-  wex_reg_info body = {};
-  body.pid = tid;
-  body.ppid = getpid();
-  body.ntfy_cnt = count;
-  body.cur_cnt = left;
-  body.ntfy_time = period;
-  body.cur_ntfy_time = elapsed;
-  return body;
-}
-
-void expect_counters(const wex_pid* rec, int32_t count, int32_t left, int32_t period, int32_t elapsed) {
-  ASSERT_NE(nullptr, rec);
-  EXPECT_EQ(count, rec->notify_info[WEX_NTFY_CNT]);
-  EXPECT_EQ(left, rec->notify_info[WEX_CUR_CNT]);
-  EXPECT_EQ(period, rec->notify_info[WEX_NTFY_TIME]);
-  EXPECT_EQ(elapsed, rec->notify_info[WEX_CUR_NTFY_TIME]);
-}
-
-int32_t end_of_a_pid() {  // a pid that was there and is no more
-  const pid_t pid = start_child([] { return 0; });
-  EXPECT_EQ(0, exit_status(pid));
-  return pid;
-}
-
-}  // namespace
 
 // ---- Processes --------------------------------------------------------------------------------------------
 
@@ -446,7 +359,7 @@ TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasRepor
   wex_test::child service("/bin/sleep", {"sleep", "1000"});
   ASSERT_TRUE(service.ready());
   const wex_reg_info body = body_of(service.pid());
-  wex_expect_newcomer(body.pid);
+  wex_expect_newcomer(body.pid, 0);
   register_while_held(body, [&] {
     service.end();
     wex_take_exit_event({kEventExit, body.pid, body.pid, SIGTERM, 0});
@@ -481,138 +394,6 @@ TEST_F(Registry, AThreadThatEndsWhileItsRegistrationWaitsIsKnownAsOne) {
   const wex_pid* const rec = find(wex_chains, body.pid);
   ASSERT_NE(nullptr, rec);
   EXPECT_EQ(getpid(), rec->thread_of) << "its end would be taken for a lost exit";
-}
-
-// ---- Cancelling -------------------------------------------------------------------------------------------
-
-TEST_F(Registry, CancellingRemovesEveryRecordOfThePidAndItsFile) {
-  const int32_t pid = 4321;
-  add(wex_chains, pid, "/bin/first");
-  add(wex_chains, pid, "/bin/second -x");
-  add(wex_chains, pid + 1, "/bin/third");
-  for (const char* name : {"first", "second"}) {
-    std::ofstream(text_of(kDbFileFmt, 0, name, pid)) << "x";
-  }
-  std::ofstream(text_of(kDbFileFmt, 0, "third", pid + 1)) << "x";
-  add(wex_alive_chains, pid);
-  const wex_cons_info cancel = {WEX_CANCEL_PROC, pid};
-  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
-  EXPECT_EQ(1, wex_chains.count);
-  EXPECT_EQ(nullptr, find(wex_chains, pid));
-  EXPECT_NE(nullptr, find(wex_alive_chains, pid)) << "only processes were cancelled";
-  EXPECT_FALSE(exists(text_of(kDbFileFmt, 0, "first", pid)));
-  EXPECT_FALSE(exists(text_of(kDbFileFmt, 0, "second", pid)));
-  EXPECT_TRUE(exists(text_of(kDbFileFmt, 0, "third", pid + 1)));
-}
-
-TEST_F(Registry, CancellingAThreadRemovesEveryRecordAndItsTableEntry) {
-  const int32_t tid = 163839;
-  ASSERT_EQ(0, wex_sys_reg_alive_info(tid));
-  add(wex_alive_chains, tid);
-  add(wex_alive_chains, tid);
-  add(wex_alive_chains, 5);
-  add(wex_chains, tid);
-  const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, tid};
-  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
-  EXPECT_EQ(1, wex_alive_chains.count);
-  EXPECT_EQ(1, wex_chains.count);
-  EXPECT_EQ(0, wex_sys_isreg_alive_info(tid));
-}
-
-TEST_F(Registry, CancellingAThreadBeyondTheTableLeavesTheTableAlone) {
-  const std::string before = read_file(kAliveTableFile);
-  add(wex_alive_chains, 163840);
-  g_wex_dbg_level[WEX_DBG_ALIVE] = 0;
-  const control::printed out;
-  const wex_cons_info cancel = {WEX_CANCEL_THREAD_NOTIFY, 163840};
-  EXPECT_EQ(0, wex_process_cons_msg(&cancel));
-  g_wex_dbg_level[WEX_DBG_ALIVE] = WEX_DBG_SILENT;
-  EXPECT_EQ(0, wex_alive_chains.count);
-  EXPECT_EQ("", out.text()) << "the table was asked for an id it does not have";
-  EXPECT_EQ(before, read_file(kAliveTableFile));
-}
-
-TEST_F(Registry, CancellingWhatIsNotThereOrOfAnUnknownKindChangesNothing) {
-  add(wex_chains, 7);
-  add(wex_alive_chains, 7);
-  for (const wex_cons_info& cancel :
-       {wex_cons_info{0, 8}, wex_cons_info{1, 8}, wex_cons_info{2, 7}, wex_cons_info{7, 7},
-        wex_cons_info{0xffffffffU, 7}, wex_cons_info{0, -1}, wex_cons_info{1, INT32_MIN}}) {
-    EXPECT_EQ(0, wex_process_cons_msg(&cancel));
-  }
-  EXPECT_EQ(1, wex_chains.count);
-  EXPECT_EQ(1, wex_alive_chains.count);
-}
-
-// ---- Threads ----------------------------------------------------------------------------------------------
-
-TEST_F(Registry, ANotifyStartRegistersTheThreadInChainAndTable) {
-  const sleeper process;
-  wex_reg_info body = thread_body(process.pid(), 5, 5, 120, 0);
-  body.vsd = 3;
-  EXPECT_EQ(0, wex_notifier_start(&body));
-  const wex_pid* const rec = find(wex_alive_chains, process.pid());
-  expect_counters(rec, 5, 5, 120, 0);
-  EXPECT_EQ(getpid(), rec->ppid);
-  EXPECT_EQ(0, rec->vsd);
-  EXPECT_EQ(process.command(), rec->process);
-  EXPECT_EQ(1U, rec->alive_seq);
-  EXPECT_EQ(1, wex_sys_isreg_alive_info(static_cast<uint32_t>(process.pid())));
-  EXPECT_EQ(0, wex_chains.count);
-}
-
-TEST_F(Registry, ANotifyStartOfAKnownThreadKeepsItsCountersAndStartsItsByteAgain) {
-  const sleeper process;
-  const auto tid = static_cast<uint32_t>(process.pid());
-  const wex_reg_info first = thread_body(process.pid(), 5, 2, 120, 60);
-  const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
-  EXPECT_EQ(0, wex_notifier_start(&first));
-  ASSERT_EQ(0, wex_sys_update_alive_seq(tid));
-  wex_pid* const rec = find(wex_alive_chains, process.pid());
-  rec->alive_seq = 2;  // as the next scan would have seen it
-  EXPECT_EQ(0, wex_notifier_start(&second));
-  EXPECT_EQ(rec, find(wex_alive_chains, process.pid()));
-  expect_counters(rec, 5, 2, 120, 60);
-  EXPECT_EQ(1U, rec->alive_seq);
-  EXPECT_EQ(1U, wex_sys_get_alive_seq(tid));
-  EXPECT_EQ(1, wex_alive_chains.count);
-}
-
-TEST_F(Registry, ANotifyResetRenewsTheCountersOrRegisters) {
-  const sleeper process;
-  const wex_reg_info first = thread_body(process.pid(), 5, 2, 120, 60);
-  const wex_reg_info second = thread_body(process.pid(), 4, 4, 180, 0);
-  EXPECT_EQ(0, wex_notifier_reset(&first));
-  expect_counters(find(wex_alive_chains, process.pid()), 5, 2, 120, 60);
-  wex_pid* const rec = find(wex_alive_chains, process.pid());
-  const auto tid = static_cast<uint32_t>(process.pid());
-  ASSERT_EQ(0, wex_sys_update_alive_seq(tid));
-  rec->alive_seq = 2;
-  EXPECT_EQ(0, wex_notifier_reset(&second));
-  expect_counters(rec, 4, 4, 180, 0);
-  EXPECT_EQ(1U, rec->alive_seq) << "else the next scan takes the byte's new start for a report";
-  EXPECT_EQ(1U, wex_sys_get_alive_seq(tid));
-  EXPECT_EQ(1, wex_alive_chains.count);
-}
-
-TEST_F(Registry, NotifyCountersAreKeptAsTheyCame) {
-  const sleeper process;
-  const wex_reg_info odd = thread_body(process.pid(), INT32_MIN, -1, INT32_MAX, INT32_MAX);
-  EXPECT_EQ(0, wex_notifier_start(&odd));
-  expect_counters(find(wex_alive_chains, process.pid()), INT32_MIN, -1, INT32_MAX, INT32_MAX);
-}
-
-TEST_F(Registry, ANotifyOfAThreadWithoutACommandLineIsRefused) {
-  const int32_t gone = end_of_a_pid();
-  const wex_reg_info body = thread_body(gone, 5, 5, 120, 0);
-  const control::printed out;
-  EXPECT_EQ(-1, wex_notifier_start(&body));
-  EXPECT_EQ(-1, wex_notifier_reset(&body));
-  for (const char* name : {"wex_notifier_start", "wex_notifier_reset"}) {
-    EXPECT_TRUE(out.has(text_of("]%s: fail to get pid %d's cmdline, ppid=%d\n", name, gone, getpid())));
-  }
-  EXPECT_EQ(0, wex_alive_chains.count);
-  EXPECT_EQ(0, wex_sys_isreg_alive_info(static_cast<uint32_t>(gone)));
 }
 
 // ---- Third-part programs ----------------------------------------------------------------------------------

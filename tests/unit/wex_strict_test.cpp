@@ -21,6 +21,7 @@
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
+#include "wex_proc_child.h"
 #include "wex_status_image.h"
 #include "wex_test.h"
 #include "wex_utils_settings.h"
@@ -82,6 +83,25 @@ TEST_F(WexStrict, ASwitchIsRootsAlone) {
     unlink(second.c_str());
     unlink(row.path);
     EXPECT_FALSE(row.counts());
+  }
+}
+
+// The count of failed forks ends a daemon that cannot fork: a file of a user's would keep it from counting.
+TEST_F(WexStrict, AFailedForkIsCountedInAFileOfRootsWhateverAUserHasMadeOfItsName) {
+  make_dirs("/tmp/wex");
+  for (const bool strict : {false, true}) {
+    write_file(kForkFile, "aaaaaa");
+    ASSERT_EQ(0, chown(kForkFile, kOtherUser, kOtherUser));
+    if (strict) {
+      be_strict();
+    }
+    EXPECT_EQ(0, wex_mk_forkfile());
+    struct stat facts = {};
+    ASSERT_EQ(0, lstat(kForkFile, &facts));
+    EXPECT_EQ(strict ? 0 : kOtherUser, facts.st_uid);
+    EXPECT_EQ(strict ? "a" : "aaaaaaa", read_file(kForkFile));
+    EXPECT_EQ(0, wex_mk_forkfile());
+    EXPECT_EQ(strict ? "aa" : "aaaaaaaa", read_file(kForkFile)) << "root's own goes on";
   }
 }
 

@@ -1,8 +1,28 @@
 // Strict mode and the watchdog: whose process is aborted, and on whose word.
+#include "taken_pid.h"
 #include "watchdog_world.h"
+#include "wex_status_image.h"
 #include "wex_strict.h"
 
 using namespace watchdog;
+
+namespace {
+
+// What happens when a file of this name is opened, the second time.
+std::string g_second_look_at;
+std::atomic<int> g_looks{0};
+std::function<void()> g_before_second_look;
+
+}  // namespace
+
+extern "C" int __real_open64(const char* path, int flags, mode_t mode);
+extern "C" int __wrap_open64(const char* path, int flags, mode_t mode);
+extern "C" int __wrap_open64(const char* path, int flags, mode_t mode) {
+  if (g_second_look_at == path && ++g_looks == 2) {
+    g_before_second_look();
+  }
+  return __real_open64(path, flags, mode);
+}
 
 namespace {
 
@@ -204,5 +224,82 @@ TEST_F(Watchdog, InStrictModeAUserHasSoManyThreads) {
     EXPECT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));
     EXPECT_EQ(-1, register_by(kOtherUser, program.tid(1), program.pid()));
     EXPECT_EQ(0, register_by(kOtherUser + 1, other.pid(), other.pid()));
+  });
+}
+
+// The second registration is for the one that there is already, as the report of an older library is.
+TEST_F(Watchdog, InStrictModeAThreadThatIsKnownNeedsNoMoreRoom) {
+  in_child([] {
+    service program(2);
+    strict_settings settings;
+    settings.on = true;
+    settings.registrations = 1;
+    wex_set_strict(settings);
+    const daemon_side daemon;
+    program.change_user(kOtherUser, kOtherUser);
+    ASSERT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));
+    const auto refused = [] {
+      status_words words;
+      wex_status_copy_words(&words);
+      return words.counters[WEX_STATUS_REFUSED];
+    };
+    const uint32_t before = refused();
+    wex_reg_info body = {};
+    body.pid = body.ppid = program.pid();
+    EXPECT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));
+    EXPECT_EQ(0, wex_register_thread_by(kOtherUser, body, true));
+    EXPECT_EQ(before, refused());
+    EXPECT_EQ(-1, register_by(kOtherUser, program.tid(1), program.pid())) << "this one is another";
+    EXPECT_EQ(before + 1, refused());
+  });
+}
+
+// Its ids went to another process between two scans: of the same user, for of another one it is known by
+// that.
+TEST_F(Watchdog, InStrictModeAProcessThatHasTheIdsOfAWatchedOneIsNotAborted) {
+  for (const uid_t user : {kRoot, kOtherUser}) {
+    SCOPED_TRACE(user);
+    unlink(kNotifyLog);
+    in_child([user] {
+      service program(1);
+      be_strict();
+      const daemon_side daemon;
+      program.change_user(user, user);
+      for (const bool same : {false, true}) {
+        ASSERT_EQ(0, register_by(user, program.pid(), program.pid()));
+        if (!same) {
+          --daemon_side::find(program.pid())->start_time;
+        }
+        daemon.scans(1);
+        EXPECT_EQ(same, same ? program.aborted() : !program.running());
+        EXPECT_EQ(same ? 1U : 0U, hangs_logged());
+      }
+    });
+  }
+}
+
+// Both are the user's, so that nothing but the time of its start tells the one from the other.
+TEST_F(Watchdog, InStrictModeAThreadIdThatAnotherProcessGetsInTheMiddleOfItsRegistrationIsRefused) {
+  in_child([] {
+    service first(1);
+    be_strict();
+    const daemon_side daemon;
+    first.change_user(kOtherUser, kOtherUser);
+    const int32_t id = first.pid();
+    std::optional<stranger> second;
+    const std::string name = std::to_string(kOtherUser);
+    g_before_second_look = [&] {
+      first.end();
+      second.emplace(id, std::vector<std::string>{"/usr/bin/setpriv", "--reuid=" + name, "--regid=" + name,
+                                                  "--clear-groups", "sleep", "600"});
+      EXPECT_TRUE(eventually([&] { return status_field(id, "Uid").substr(0, name.size()) == name; }, 20s));
+    };
+    g_looks = 0;
+    g_second_look_at = "/proc/" + std::to_string(id) + "/stat";
+    EXPECT_EQ(-1, register_by(kOtherUser, id, id));
+    g_second_look_at.clear();
+    ASSERT_TRUE(second.has_value()) << "the process was not looked at twice";
+    EXPECT_EQ(nullptr, daemon_side::find(id));
+    EXPECT_EQ(0, register_by(kOtherUser, id, id)) << "it may be registered for what it is";
   });
 }

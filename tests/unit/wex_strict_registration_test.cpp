@@ -1,0 +1,130 @@
+// Strict mode: what registering a second time does, and does not.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "chain_lock.h"
+#include "unit_support.h"
+#include "verify_chain.h"
+#include "wex_action.h"
+#include "wex_chain.h"
+#include "wex_limits.h"
+#include "wex_msg.h"
+#include "wex_pidfile.h"
+#include "wex_status_image.h"
+#include "wex_strict.h"
+
+namespace {
+
+using namespace wex_test;
+using unit::kOtherUser;
+
+struct StrictRegistration : ::testing::Test {
+  void SetUp() override {
+    make_dirs(kMainDbDir);
+    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
+      ASSERT_EQ(0, wex_init_chains(chain));
+    }
+    be_strict(kUserRegistrations);
+  }
+  void TearDown() override {
+    verify_chain(wex_chains);
+    for (wex_chains_t* chain : {&wex_chains, &wex_alive_chains, &wex_chains_delay}) {
+      wex_destroy_chains(chain);
+    }
+    wex_set_strict({});
+  }
+  static void be_strict(int32_t registrations) {
+    strict_settings settings;
+    settings.on = true;
+    settings.registrations = registrations;
+    wex_set_strict(settings);
+  }
+  static int registers(uid_t speaker, const child& process) {
+    wex_reg_info body = {};
+    body.pid = process.pid();
+    return wex_register_process_by(speaker, body, kRespawn, "");
+  }
+  static wex_pid* record_of(const child& process) {
+    const chain_lock hold(wex_chains);
+    return __wex_find_pid(&wex_chains, process.pid());
+  }
+  static uint32_t counter(uint32_t which) {
+    status_words words;
+    wex_status_copy_words(&words);
+    return words.counters[which];
+  }
+};
+
+bool become(uid_t user) {
+  return setresuid(user, user, user) == 0;
+}
+
+// As root makes it, or a set-user-id program of root's: with an umask that leaves it open to all.
+std::string make_file(const child& process) {
+  const std::string command = command_line(process.pid());
+  const std::string program = command.substr(0, command.find(' '));
+  std::string path = std::string(kMainDbDir) + "/" + program.substr(program.rfind('/') + 1) + "." +
+                     std::to_string(process.pid());
+  unlink(path.c_str());
+  write_file(path, std::to_string(process.pid()) + "\n2\n" + command, 0755);
+  return path;
+}
+
+std::string owner_and_mode(const std::string& path) {
+  struct stat facts = {};
+  char text[64] = "none";
+  if (lstat(path.c_str(), &facts) == 0) {
+    snprintf(text, sizeof text, "%u %03o", static_cast<unsigned>(facts.st_uid),
+             static_cast<unsigned>(facts.st_mode & 07777));
+  }
+  return text;
+}
+
+}  // namespace
+
+// The client library makes the file anew before each registration. Were it left as that is until the minute's
+// look, a daemon that ends before would leave a user's registration in a file of root's.
+TEST_F(StrictRegistration, AFileThatIsMadeAnewForASecondOneIsItsUsersAlone) {
+  for (const uid_t user : {uid_t{0}, kOtherUser}) {
+    const child program([user] { return become(user); });
+    ASSERT_TRUE(program.ready());
+    const std::string alone = std::to_string(user) + " 700";
+    for (const char* const time : {"first", "second"}) {
+      const std::string path = make_file(program);
+      ASSERT_EQ("0 755", owner_and_mode(path));
+      EXPECT_EQ(0, registers(user, program));
+      EXPECT_EQ(alone, owner_and_mode(path)) << time;
+      EXPECT_EQ(std::to_string(program.pid()) + "\n2\n" + command_line(program.pid()), read_file(path));
+    }
+  }
+}
+
+// It did not make the file of the record, whose process may have ended a moment ago.
+TEST_F(StrictRegistration, AProcessThatOnlyHasThePidOfARecordChangesNothingAboutItsFile) {
+  const child program;
+  ASSERT_EQ(0, registers(0, program));
+  --record_of(program)->start_time;
+  const std::string path = make_file(program);
+  EXPECT_EQ(0, registers(0, program));
+  EXPECT_EQ("0 755", owner_and_mode(path));
+}
+
+TEST_F(StrictRegistration, ASecondOneOfAKnownProcessNeedsNoMoreRoom) {
+  be_strict(1);
+  const child known([] { return become(kOtherUser); });
+  const child other([] { return become(kOtherUser); });
+  ASSERT_TRUE(known.ready() && other.ready());
+  ASSERT_EQ(0, registers(kOtherUser, known));
+  const uint32_t refused = counter(WEX_STATUS_REFUSED);
+  const uint32_t not_registered = counter(WEX_STATUS_NOT_REGISTERED);
+  EXPECT_EQ(0, registers(kOtherUser, known));
+  EXPECT_EQ(refused, counter(WEX_STATUS_REFUSED));
+  EXPECT_EQ(not_registered + 1, counter(WEX_STATUS_NOT_REGISTERED));
+  EXPECT_NE(nullptr, record_of(known));
+  registers(kOtherUser, other);
+  EXPECT_EQ(refused + 1, counter(WEX_STATUS_REFUSED)) << "this one is another";
+  EXPECT_EQ(nullptr, record_of(other));
+}
