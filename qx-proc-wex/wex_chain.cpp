@@ -456,8 +456,9 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   if (old_pid != new_pid) {
     forget_user_of(chain, old_pid);
   }
+  const bool lives = wex_note_start(rec);
   wex_keep_user(rec);
-  return wex_note_start(rec);
+  return lives;
 }
 
 int32_t __wex_replaced_by(int32_t pid) {

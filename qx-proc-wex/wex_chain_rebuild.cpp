@@ -52,6 +52,26 @@ bool began_later(const wex_pid* rec) {
   return wex_name_pidfile(rec, path) && wex_began_after_file(wex_look_at(rec->pid), path);
 }
 
+enum class whose { unknown, its_own, anothers };
+
+// Whose process has the record's pid, by what strict mode has kept of the registered one. A process keeps its
+// start time whatever user it becomes. A later one of the same user may be its own all the same: before Linux
+// 3.17 a thread that executes a program gives the process its own start time.
+whose whose_process(const wex_pid* rec) {
+  wex_pid seen = {};
+  process_user now = {};
+  uid_t user = 0;
+  seen.pid = rec->pid;
+  wex_note_identity(&seen);
+  if (rec->start_time == 0 || !wex_look_at_user(wex_process_of(&seen), &now) || !wex_uid_of(rec, &user)) {
+    return whose::unknown;
+  }
+  if (now.start_time == rec->start_time) {
+    return whose::its_own;
+  }
+  return now.ids.uid == user ? whose::unknown : whose::anothers;
+}
+
 // Another process may have got the pid of a dead program. A program may run another command line than it was
 // registered with, and one that closed all its descriptors has lost the lock on its file; so only when all
 // three signs are there does its end count as lost: the program would otherwise not run until that process
@@ -101,7 +121,8 @@ wex_pid* read_record(int32_t vsd, const char* dir, const char* name) {
   char path[kPathSize];
   wex_pid* const rec = wex_new_record();
   struct stat facts = {};
-  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || read_file(path, rec, &facts) != 0) {
+  if (!wex_format(path, sizeof path, "%s/%s", dir, name) || wex_drop_begun_pidfile(path) ||
+      read_file(path, rec, &facts) != 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_pidfile %s fail\n", name);
     wex_free_record(rec);
     return nullptr;
@@ -193,18 +214,26 @@ void read_domain(wex_chains_t* chain, int32_t vsd, candidates* all) {
 }
 
 // The record's process lives on, or another one has its pid; then the sweep finds that the program has ended.
-void take_over(wex_pid* rec) {
-  if (is_stranger(rec)) {
+// Not where the other one is another user's: until then what is asked for it would be asked for the record.
+fate take_over(wex_pid* rec) {
+  const whose process = rec->start_time != 0 ? whose_process(rec) : whose::unknown;
+  if (process == whose::anothers) {
+    rec->exit_seen = 1;
+    return fate::dead;
+  }
+  if (process == whose::unknown && is_stranger(rec)) {
     rec->start_time = kStartOfNobody;
-    return;
+    return fate::alive;
   }
   // Not after the restarts: they may take long, and a stranger may have got the pid by then.
   wex_note_identity(rec);
+  wex_keep_user(rec);
   wex_own_database_file(rec);  // only now: one that is made anew no longer tells when the program registered
   wex_status_found(rec, wex_start_on_clock_ms(rec->start_time));
   if (rec->thread_of != 0) {
     wex_pass_thread_ends(thread_ends_for::registrations, true);
   }
+  return fate::alive;
 }
 
 // Finds out which records have a living process. The result is that of process_life(), but the pauses between
@@ -220,8 +249,7 @@ void decide(candidates* all) {
         continue;
       }
       if (wex_looks_alive(row.rec->pid)) {
-        row.what = fate::alive;
-        take_over(row.rec);
+        row.what = take_over(row.rec);
       } else {
         pending = true;
       }
@@ -263,13 +291,31 @@ bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabilit
   return true;
 }
 
+// Takes its pid from a user's registration whose process had it before another user's. That one may be
+// registered, too.
+void leave_pid(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const int32_t pid = rec->pid;
+  __wex_free_pid({pid, wex_strict_start_of(pid), "", rec->vsd});
+  if (const wex_pid* const other = __wex_find_pid(&wex_chains, pid)) {
+    wex_keep_user(other);
+  }
+}
+
 void restart_dead(wex_chains_t* chain, wex_pid* rec) {
   chain_lock registry(wex_chains);  // clang wants it by name below; it is the same lock, and recursive
   chain_lock hold(*chain);
+  if (rec->exit_seen != 0) {
+    leave_pid(rec);
+  }
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
   if (!__wex_dropped_with_domain(rec) && wex_proc_restart_delay(rec) == 0 && !found_running(chain, rec)) {
     restart(chain, rec);
   }
+}
+
+void keep_user(const wex_pid* rec) {
+  chain_lock hold(wex_chains);
+  wex_keep_user(rec);
 }
 
 }  // namespace
@@ -278,8 +324,13 @@ void restart_dead(wex_chains_t* chain, wex_pid* rec) {
 // systems would show it to a walk that has already begun. It would be taken for a second registration.
 int wex_rebuild_chains(wex_chains_t* chain) {
   candidates all;
+  wex_read_kept_users(true);
   for (int32_t vsd = 0; vsd < WEX_DOMAINS; vsd++) {
     read_domain(chain, vsd, &all);
+  }
+  wex_read_kept_users(false);
+  for (const candidate& row : all) {
+    keep_user(row.rec);
   }
   wex_tidy_users([](int32_t pid) {
     chain_lock hold(wex_chains);

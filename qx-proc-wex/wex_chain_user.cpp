@@ -32,6 +32,7 @@ constexpr size_t kStatusSize = 4096;
 constexpr size_t kKeptSize = WEX_PROCESS_SIZE + 16 * (kUserGroupsMax + 8);
 
 std::atomic<bool> g_keeping{false};
+std::atomic<bool> g_reading{false};  // what was kept is being read, and nothing kept anew
 
 // ---- what /proc tells -------------------------------------------------------------------------------------
 
@@ -104,7 +105,7 @@ void add_number(char* text, size_t size, int64_t value) {
   wex_format(text + length, size - length, "%lld ", static_cast<long long>(value));
 }
 
-// "domain action uid gid number-of-groups groups...", and the command in a line of its own.
+// "domain action uid gid number-of-groups groups... start-time", and the command in a line of its own.
 void describe(const wex_pid* rec, const wex_user& user, char (&text)[kKeptSize]) {
   text[0] = '\0';
   for (const int64_t value : {int64_t{rec->vsd}, int64_t{rec->action}, int64_t{user.uid}, int64_t{user.gid},
@@ -114,12 +115,21 @@ void describe(const wex_pid* rec, const wex_user& user, char (&text)[kKeptSize])
   for (int32_t at = 0; at < user.group_count; ++at) {
     add_number(text, sizeof text, user.groups[at]);
   }
+  add_number(text, sizeof text, static_cast<int64_t>(rec->start_time));
   const size_t length = strlen(text);
   wex_format(text + length, sizeof text - length, "\n%s", rec->process);
 }
 
+// The start time of the process, which an earlier daemon did not keep.
+uint64_t scan_start(const char* at) {
+  int64_t value = 0;
+  at += strspn(at, " ");
+  return *at >= '0' && *at <= '9' && scan_integer(&at, &value) ? static_cast<uint64_t>(value) : 0;
+}
+
 // The same read back: false when it is not of this domain and action, or damaged.
-bool understand(const char* text, const wex_pid* rec, wex_user* user, const char** command) {
+bool understand(const char* text, const wex_pid* rec, wex_user* user, uint64_t* start_time,
+                const char** command) {
   int32_t vsd = 0;
   int32_t action = 0;
   *user = {};
@@ -133,6 +143,7 @@ bool understand(const char* text, const wex_pid* rec, wex_user* user, const char
       return false;
     }
   }
+  *start_time = scan_start(text);
   *command = strchr(text, '\n');
   return *command != nullptr && *++*command != '\0';
 }
@@ -145,17 +156,20 @@ bool is_command_of(const char* whole, const wex_pid* rec) {
   return !wex_is_other_command(whole, command);
 }
 
-// What was kept of this registration. Its whole command takes the place of one that was cut.
+// What was kept of this registration, and when its process started. Its whole command takes the place of one
+// that was cut.
 bool recall(wex_pid* rec, wex_user* user) {
   char path[kPathSize];
   char text[kKeptSize];
   const char* command = nullptr;
+  uint64_t start_time = 0;
   wex_format(path, sizeof path, kUserFileFmt, rec->pid);
   if (!g_keeping.load() || rec->pid < 1 || wex_read_to_buf(path, text, sizeof text) <= 0 ||
-      !understand(text, rec, user, &command) || !is_command_of(command, rec)) {
+      !understand(text, rec, user, &start_time, &command) || !is_command_of(command, rec)) {
     return false;
   }
   wex_copy_text(rec->process, sizeof rec->process, command);
+  rec->start_time = start_time;
   return true;
 }
 
@@ -207,17 +221,26 @@ int open_own_file(const char* name, unique_fd* opened) {
   return kept >= 0 ? kept : opened->get();
 }
 
+// Whether what was kept is of another user's process, which had the pid and a file of this name before: the
+// file is of the one that lives.
+bool has_its_own_file(const wex_pid* rec, const wex_user& kept, const struct stat& facts,
+                      const process_user& now) {
+  return rec->start_time != 0 && rec->start_time != now.start_time && kept.uid != now.ids.uid &&
+         facts.st_uid == now.ids.uid;
+}
+
 // A living process has the record's pid. It need not be the registered one, so its ids count only when
 // nothing was kept and the file is its own user's, or root's: that root has made the file does not make a
 // process root's that is not.
-bool judge_living(wex_pid* rec, const struct stat& facts, const wex_user& ids) {
+bool judge_living(wex_pid* rec, const struct stat& facts, const process_user& now) {
   char command[WEX_PROCESS_SIZE];
   wex_user user;
-  if (recall(rec, &user)) {
+  if (recall(rec, &user) && !has_its_own_file(rec, user, facts, now)) {
     rec->user = may_be_from(facts, user) ? wex_number_user(user) : kUnknownUser;
     return rec->user != kUnknownUser;
   }
-  user = ids;
+  rec->start_time = 0;
+  user = now.ids;
   if (!is_owners_alone(facts) &&
       (wex_read_command(rec->pid, command, sizeof command) != command_read::whole ||
        !is_command_of(command, rec))) {
@@ -256,13 +279,22 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
   return registered.pid == rec->pid && !wex_is_other_command(command, registered.script);
 }
 
-// Whether the file of this name may go on being the registration's. Not one of root's that others could write
-// to: they may have it open still.
+// Whether the file of this name may go on being the registration's. Not one that others could write to: they
+// may have it open still.
 bool may_stay(const wex_pid* rec, const wex_user& user, const char* name, const struct stat& facts) {
-  if (facts.st_uid != 0) {
-    return facts.st_uid == user.uid;
+  if ((facts.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return false;
   }
-  return (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0 && (user.uid == 0 || is_file_of(rec, name, facts));
+  return facts.st_uid != 0 ? facts.st_uid == user.uid : user.uid == 0 || is_file_of(rec, name, facts);
+}
+
+// Makes the file anew. One that the next daemon might believe keeps its name until the new one is whole; what
+// somebody else has put there goes first, and may leave the room that is missing.
+bool make_anew(const wex_pid* rec, const wex_user& user, const struct stat& facts) {
+  if (!may_be_from(facts, user)) {
+    wex_db_destroy(rec);
+  }
+  return wex_renew_pidfile(rec, user.uid, user.gid);
 }
 
 }  // namespace
@@ -350,8 +382,13 @@ void wex_end_users() {
   g_keeping.store(false);
 }
 
+void wex_read_kept_users(bool reading) {
+  g_reading.store(reading);
+}
+
 void wex_keep_user(const wex_pid* rec) {
-  const wex_user* const user = g_keeping.load() && rec->pid > 0 ? wex_user_of(rec) : nullptr;
+  const bool keeping = g_keeping.load() && !g_reading.load();
+  const wex_user* const user = keeping && rec->pid > 0 ? wex_user_of(rec) : nullptr;
   if (user == nullptr) {
     return;
   }
@@ -382,8 +419,9 @@ void wex_own_database_file(const wex_pid* rec) {
     return;
   }
   if (!may_stay(rec, *user, name, facts)) {
-    wex_db_destroy(rec);
-    wex_mend_pidfile(rec);
+    if (!make_anew(rec, *user, facts)) {
+      return;  // the minute's look tries again
+    }
     if (lstat(name, &facts) != 0 || !may_stay(rec, *user, name, facts)) {
       wex_db_destroy(rec);
       return;
@@ -440,13 +478,14 @@ bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
   if (!wex_strict().on) {
     return true;
   }
-  wex_pid now = {};
-  now.pid = rec->pid;
+  wex_pid living = {};
+  living.pid = rec->pid;
   char state = 0;
-  wex_user ids;
-  const bool lives = wex_proc_stat(rec->pid, &state, &now.start_time) && !wex_is_dead_state(state) &&
-                     read_ids_of(&now, &ids);
-  return lives ? judge_living(rec, facts, ids) : judge_dead(rec, facts);
+  process_user now = {};
+  const bool lives = wex_proc_stat(rec->pid, &state, &living.start_time) && !wex_is_dead_state(state) &&
+                     read_ids_of(&living, &now.ids);
+  now.start_time = living.start_time;
+  return lives ? judge_living(rec, facts, now) : judge_dead(rec, facts);
 }
 
 bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts) {

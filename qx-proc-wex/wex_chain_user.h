@@ -66,7 +66,12 @@ bool wex_runs_as(int32_t pid, const wex_pid* rec);
 void wex_begin_users();
 void wex_end_users();
 
-// Keeps the record's user under its pid, or forgets what was kept there. Caller holds wex_chains.
+// From now on nothing is kept anew, until the call that says so: two database files may name one pid, and
+// what was kept for it must last until both are judged. At the start only.
+void wex_read_kept_users(bool reading);
+
+// Keeps the record's user under its pid, with the start time of its process, or forgets what was kept there.
+// Caller holds wex_chains.
 void wex_keep_user(const wex_pid* rec);
 void wex_forget_user(int32_t pid);
 
@@ -78,7 +83,8 @@ void wex_tidy_users(bool (*has_record)(int32_t pid));
 void wex_own_database_file(const wex_pid* rec);
 
 // Sets rec->user for a registration that was read from a database file with these facts. A living process is
-// asked itself; of a dead one the user was kept; of one that nobody kept it is at most the file's owner. A
+// asked itself; of a dead one the user was kept; of one that nobody kept it is at most the file's owner. What
+// was kept also sets rec->start_time, to the start of the process that was registered. A
 // file that others may have written counts only when it says what the process itself, or what was kept, says.
 // False when the file does not count, or its owner may not speak for the process. Without strict mode true.
 bool wex_judge_file(wex_pid* rec, const struct stat& facts);

@@ -10,61 +10,149 @@
 
 #include "mutex_lock.h"
 #include "priority_mutex.h"
+#include "wex_chain_user.h"
+#include "wex_clock.h"
 #include "wex_core_filter.h"
 #include "wex_limits.h"
 #include "wex_utils.h"
 
 namespace {
 
+constexpr uid_t kRoot = 0;
+constexpr int kNowhere = -1;
+
 struct newcomer {
   int32_t pid;  // 0 = none
   uint32_t exit_code;
+  bool ended;           // and its end was reported
+  uid_t speaker;        // who registers it
+  uint64_t start_time;  // 0 without strict mode
+  uint64_t number;      // the greater, the later
+  int32_t since;
 };
 
 priority_mutex g_mutex;
 newcomer g_newcomers[kNewcomers] WEX_TSA(guarded_by(g_mutex)) = {};
-int g_next WEX_TSA(guarded_by(g_mutex)) = 0;  // the one that makes room when none is free
+uint64_t g_number WEX_TSA(guarded_by(g_mutex)) = 0;  // of the last one
 
-newcomer* find_newcomer(int32_t pid) WEX_TSA(requires_capability(g_mutex)) {
-  newcomer* const found = std::find_if(std::begin(g_newcomers), std::end(g_newcomers),
-                                       [pid](const newcomer& entry) { return entry.pid == pid; });
+// The newcomer of this pid; in strict mode that which started then, unless one of the times is not known.
+newcomer* find_newcomer(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(g_mutex)) {
+  newcomer* const found =
+      std::find_if(std::begin(g_newcomers), std::end(g_newcomers), [pid, start_time](const newcomer& entry) {
+        return entry.pid == pid &&
+               (start_time == 0 || entry.start_time == 0 || entry.start_time == start_time);
+      });
   return found != std::end(g_newcomers) ? found : nullptr;
 }
 
-newcomer* find_room(int32_t pid) WEX_TSA(requires_capability(g_mutex)) {
-  for (newcomer* const entry : {find_newcomer(pid), find_newcomer(0)}) {
-    if (entry != nullptr) {
-      return entry;
+// The newcomer that has been there longest, of those that are meant; null when there is none.
+template <typename Meant>
+newcomer* find_oldest(const Meant& meant) WEX_TSA(requires_capability(g_mutex)) {
+  newcomer* oldest = nullptr;
+  for (newcomer& entry : g_newcomers) {
+    if (entry.pid != 0 && meant(entry) && (oldest == nullptr || entry.number < oldest->number)) {
+      oldest = &entry;
     }
   }
-  newcomer* const oldest = &g_newcomers[g_next];
-  g_next = (g_next + 1) % kNewcomers;
   return oldest;
+}
+
+int count_of(uid_t speaker) WEX_TSA(requires_capability(g_mutex)) {
+  return static_cast<int>(
+      std::count_if(std::begin(g_newcomers), std::end(g_newcomers),
+                    [speaker](const newcomer& entry) { return entry.pid != 0 && entry.speaker == speaker; }));
+}
+
+// The user who has most newcomers, when they are at least two more than this one has; else this one.
+uid_t find_greedy(uid_t speaker) WEX_TSA(requires_capability(g_mutex)) {
+  uid_t greedy = speaker;
+  int most = count_of(speaker) + 1;
+  for (const newcomer& entry : g_newcomers) {
+    const int his = entry.pid != 0 && entry.speaker != kRoot ? count_of(entry.speaker) : 0;
+    if (his > most) {
+      greedy = entry.speaker;
+      most = his;
+    }
+  }
+  return greedy;
+}
+
+// What a user must give up for one more: one of root's that nobody asks for any more, one of his own, or of a
+// user who has more. Null when there is none: root's never make room for a user's.
+newcomer* make_room_for_user(uid_t speaker) WEX_TSA(requires_capability(g_mutex)) {
+  const int32_t now = wex_clock_now();
+  newcomer* const over =
+      find_oldest([now](const newcomer& entry) { return int64_t{now} - entry.since > kNewcomerKeepSec; });
+  if (over != nullptr) {
+    return over;
+  }
+  const uid_t whose = find_greedy(speaker);
+  return find_oldest([whose](const newcomer& entry) { return entry.speaker == whose; });
+}
+
+// Of root's, users' make room first.
+newcomer* find_room(uid_t speaker) WEX_TSA(requires_capability(g_mutex)) {
+  if (newcomer* const unused = find_newcomer(0, 0)) {
+    return unused;
+  }
+  if (speaker != kRoot) {
+    return make_room_for_user(speaker);
+  }
+  newcomer* const users = find_oldest([](const newcomer& entry) { return entry.speaker != kRoot; });
+  return users != nullptr ? users : find_oldest([](const newcomer&) { return true; });
+}
+
+// The number of the place that the newcomer has from now on, or kNowhere.
+int take_place(int32_t pid, uid_t speaker, uint64_t start_time) {
+  const mutex_lock hold(g_mutex);
+  newcomer* const known = find_newcomer(pid, start_time);
+  if (known != nullptr && known->start_time != 0) {
+    known->speaker = std::min(known->speaker, speaker);  // once root has named it, it is root's
+    known->since = wex_clock_now();
+    return static_cast<int>(known - g_newcomers);
+  }
+  newcomer* const entry = known != nullptr ? known : find_room(speaker);
+  if (entry == nullptr) {
+    return kNowhere;
+  }
+  *entry = {pid, 0, false, speaker, start_time, ++g_number, wex_clock_now()};
+  return static_cast<int>(entry - g_newcomers);
 }
 
 }  // namespace
 
-void wex_expect_newcomer(int32_t pid) {
+void wex_expect_newcomer(int32_t pid, uid_t speaker) {
   if (pid < 1 || !wex_pid_exists(pid)) {
     return;  // its end has been reported, or never will be
   }
-  {
-    const mutex_lock hold(g_mutex);
-    *find_room(pid) = {pid, 0};
+  const int place = take_place(pid, speaker, wex_strict_start_of(pid));
+  if (place != kNowhere) {
+    wex_pass_exits_of_newcomer(pid, place);
   }
-  wex_pass_exits_of_newcomer(pid);
 }
 
 void __wex_note_early_end(int32_t pid, uint32_t exit_code) {
   const mutex_lock hold(g_mutex);
-  if (newcomer* const entry = find_newcomer(pid)) {
-    entry->exit_code = exit_code;
+  for (newcomer& entry : g_newcomers) {
+    // Whoever gets the pid after its end is another process, which strict mode keeps apart.
+    if (entry.pid == pid && (!entry.ended || entry.start_time == 0)) {
+      entry.exit_code = exit_code;
+      entry.ended = true;
+    }
   }
 }
 
-uint32_t __wex_take_early_end(int32_t pid) {
+void wex_forget_newcomer(int32_t pid, uint64_t start_time) {
   const mutex_lock hold(g_mutex);
-  newcomer* const entry = find_newcomer(pid);
+  newcomer* const entry = find_newcomer(pid, start_time);
+  if (entry != nullptr && start_time != 0) {
+    *entry = {};
+  }
+}
+
+uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time) {
+  const mutex_lock hold(g_mutex);
+  newcomer* const entry = find_newcomer(pid, start_time);
   if (entry == nullptr) {
     return 0;
   }

@@ -5,16 +5,24 @@
 // would be followed by a restart.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "wex_lock_order.h"
 
-// The process is about to be registered: from now on its end is reported, and kept. Never waits for the
-// registry. Control server only, before it acknowledges.
-void wex_expect_newcomer(int32_t pid);
+// The process is about to be registered by this user: from now on its end is reported, and kept. There is
+// room for a few. A user's make no room among root's, and in strict mode only those of users who have more
+// among other users'. Never waits for the registry. Control server only, before it acknowledges.
+void wex_expect_newcomer(int32_t pid, uid_t speaker);
+
+// The registration of the process that started then is refused for good (strict mode): nobody will ask how it
+// ended.
+void wex_forget_newcomer(int32_t pid, uint64_t start_time);
 
 // The kernel has reported the end of a process. Exit monitor only.
 void __wex_note_early_end(int32_t pid, uint32_t exit_code) WEX_TSA(requires_capability(wex_chains));
 
-// The exit code of the process when its end was reported since it was expected, else 0. Once.
-uint32_t __wex_take_early_end(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+// The exit code of the process when its end was reported since it was expected, else 0. Once. In strict mode
+// the process that started then, unless its `start_time` is not known (0).
+uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));

@@ -53,8 +53,7 @@ pid_set g_exits WEX_TSA(guarded_by(g_lock));
 bool g_overfull WEX_TSA(guarded_by(g_lock)) = false;       // more processes than the set holds
 bool g_overfull_told WEX_TSA(guarded_by(g_lock)) = false;  // a caller knows
 int32_t g_newcomers[kNewcomers] WEX_TSA(
-    guarded_by(g_lock)) = {};                         // registrations are under way, or were lately
-int g_next_newcomer WEX_TSA(guarded_by(g_lock)) = 0;  // where the next one goes
+    guarded_by(g_lock)) = {};  // registrations are under way, or were lately
 int64_t g_last_child_ms WEX_TSA(guarded_by(g_lock)) = INT64_MIN / 2;
 bool g_refused WEX_TSA(guarded_by(g_lock)) = false;                  // the kernel did not take the set
 passed_events g_in_place WEX_TSA(guarded_by(g_lock)) = kUnfiltered;  // as the socket is, not as it should be
@@ -193,12 +192,9 @@ void wex_pass_exits_after(int32_t child) {
   }
 }
 
-void wex_pass_exits_of_newcomer(int32_t pid) {
+void wex_pass_exits_of_newcomer(int32_t pid, int place) {
   const mutex_lock hold(g_lock);
-  if (std::find(std::begin(g_newcomers), std::end(g_newcomers), pid) == std::end(g_newcomers)) {
-    g_newcomers[g_next_newcomer] = pid;
-    g_next_newcomer = (g_next_newcomer + 1) % kNewcomers;
-  }
+  g_newcomers[place] = pid;
   add_process(pid);
   update();
 }

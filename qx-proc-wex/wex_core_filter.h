@@ -37,8 +37,9 @@ bool wex_pass_exits_of(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 void wex_pass_exits_after(int32_t child);
 
 // Passes the exits of this process whose registration is under way, though it has no record that would keep
-// it from being forgotten; the last few (kNewcomers) are kept. Never waits for the registry.
-void wex_pass_exits_of_newcomer(int32_t pid);
+// it from being forgotten. It is kept until another one has its place, of kNewcomers. Never waits for the
+// registry.
+void wex_pass_exits_of_newcomer(int32_t pid, int place);
 
 // Forgets all processes but these and the newcomers; null when they are too many. With the registry held, for
 // a pid that is asked for meanwhile would be forgotten as well.

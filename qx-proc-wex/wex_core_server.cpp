@@ -139,7 +139,7 @@ int wex_recv_domain_msg(int sd, wex_inner_msg** msg) {
 }
 
 // Once it is acknowledged, the sender counts as registered. There is room for a few, so a user must not name
-// processes that are not his.
+// processes that are not his, and those of his make no room among root's.
 void expect_newcomer(uid_t speaker, const wex_inner_msg& msg) {
   if (msg.msg_type != kRespawn.message && msg.msg_type != kShellRestart.message) {
     return;
@@ -147,7 +147,7 @@ void expect_newcomer(uid_t speaker, const wex_inner_msg& msg) {
   const int32_t pid = unpack(msg, 0).reg.pid;
   process_user its;
   if (speaker == 0 || (wex_look_at_user(pid, &its) && its.ids.uid == speaker)) {
-    wex_expect_newcomer(pid);
+    wex_expect_newcomer(pid, speaker);
   }
 }
 

@@ -49,8 +49,9 @@ inline constexpr int kLongDelayNotes = 16;          // for so many programs at a
 inline constexpr int32_t kLongDelayLogSec = 60;     // one line in this time for all of them
 inline constexpr int kStrictTries = 5;              // to see whether there is a file for strict mode
 inline constexpr int kStrictRetryMs = 20;
-inline constexpr int kChildrenInARowMs = 10;  // started so soon after one another that more will follow
-inline constexpr int kNewcomers = 16;         // registrations whose early end is remembered
+inline constexpr int kChildrenInARowMs = 10;      // started so soon after one another that more will follow
+inline constexpr int kNewcomers = 16;             // registrations whose early end is remembered,
+inline constexpr int32_t kNewcomerKeepSec = 600;  // in strict mode for so long when users ask for room
 
 // Exit burst.
 inline constexpr int32_t kBurstWindowSec = 900;

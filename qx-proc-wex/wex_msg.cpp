@@ -155,9 +155,10 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
 }
 
 // The exit code of an end before there was a record. One that was made of the newcomer's file may know it.
-uint32_t take_early_end(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
-  const uint32_t code = __wex_take_early_end(pid);
-  const wex_pid* const before = __wex_find_pid(&wex_chains, pid);
+uint32_t take_early_end(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const bool process = newcomer->thread_of == 0;  // a thread's record knows the start of its process
+  const uint32_t code = __wex_take_early_end(newcomer->pid, process ? newcomer->start_time : 0);
+  const wex_pid* const before = __wex_find_pid(&wex_chains, newcomer->pid);
   return code == 0 && before != nullptr ? before->known_code : code;
 }
 
@@ -182,7 +183,7 @@ void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
-  const uint32_t early_end = take_early_end(rec->pid);
+  const uint32_t early_end = take_early_end(rec);
   free_pid_of(rec);
   if (is_registered(rec)) {
     own_file_again(rec);
@@ -220,6 +221,7 @@ int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& 
   process_user before = {};
   const bool seen = wex_look_at_user(body.pid, &before);
   if (seen && speaker != kRoot && before.ids.uid != speaker) {
+    wex_forget_newcomer(body.pid, before.start_time);
     wex_refuse(speaker, refusal::not_his);
     return -1;
   }
@@ -228,6 +230,7 @@ int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& 
     return -1;
   }
   if (!may_speak(speaker, rec)) {  // of a thread: the process that it is one of counts
+    wex_forget_newcomer(body.pid, before.start_time);
     wex_refuse(speaker, refusal::not_his);
     wex_free_record(rec);
     return -1;

@@ -18,13 +18,16 @@
 #include <cstring>
 #include <utility>
 
+#include "close_on_exec.h"
 #include "file_lock.h"
 #include "guarded_file.h"
 #include "held_dir.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "text_number.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
+#include "waiting.h"
 #include "wex_action.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
@@ -35,8 +38,9 @@
 
 namespace {
 
-constexpr size_t kWordSize = 256;  // first word of a command, terminator included
-constexpr size_t kReadSize = 256;  // what is read of a database file, terminator included
+constexpr size_t kWordSize = 256;    // first word of a command, terminator included
+constexpr size_t kReadSize = 256;    // what is read of a database file, terminator included
+constexpr char kBegun[] = "begun-";  // what the name of a file begins with that is to replace another one
 
 bool is_locked_by_another(int cause) {
   return cause == EACCES || cause == EAGAIN;
@@ -73,16 +77,19 @@ const char* last_component(const char* name) {
   return strrchr(name, '/') + 1;
 }
 
-// All three parts in one write: a process that is killed here leaves an empty file or a whole one.
-void fill(int fd, int32_t pid, int32_t action, const char* text) {
+// All three parts in one write: a process that is killed here leaves an empty file or a whole one. False when
+// it has no room.
+bool fill(int fd, int32_t pid, int32_t action, const char* text) {
   char content[WEX_PROCESS_SIZE + 32];
   const int head = snprintf(content, sizeof content, "%d\n%d\n", pid, action);
   const size_t used = static_cast<size_t>(head);
   const size_t length = strnlen(text, WEX_PROCESS_SIZE - 1);
   memcpy(content + used, text, length);
-  if (safe_write(fd, content, used + length) != static_cast<int32_t>(used + length)) {
-    wex_dbg(WEX_DBG_PUB, "wex_db_create: write fail: %s\n", strerror(errno));
+  if (safe_write(fd, content, used + length) == static_cast<int32_t>(used + length)) {
+    return true;
   }
+  wex_dbg(WEX_DBG_PUB, "wex_db_create: write fail: %s\n", strerror(errno));
+  return false;
 }
 
 // In strict mode nobody else may ever have opened the file: who holds it open could write to it later.
@@ -114,6 +121,23 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
     wex_dbg(WEX_DBG_PUB, "%s: file %s fd < 0: %s\n", "wex_db_create", name, strerror(cause));
   }
   return 0;
+}
+
+// A file of our own, beside those of users: of a name that is hard to foresee, which `name` receives.
+unique_fd create_beside(int directory, int32_t pid, char (&name)[NAME_MAX + 1]) {
+  unique_fd file;
+  const long long now = wex_clock_ms();
+  for (uint32_t attempt = 0; attempt < kAsideTries && !file.valid(); ++attempt) {
+    wex_format(name, sizeof name, "%s%d-%lld", kBegun, pid, now + attempt);
+    file.reset(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictDbMode));
+    if (!file.valid() && errno != EEXIST) {
+      break;
+    }
+  }
+  if (file.valid()) {
+    confirm_close_on_exec(file.get());
+  }
+  return file;
 }
 
 // The command text of a message, which need not be terminated.
@@ -203,6 +227,40 @@ void wex_mend_pidfile(const wex_pid* rec) {
     fill(file.get(), rec->pid, rec->action, rec->process);
     save_vsd_flag(rec->vsd, rec->pid);
   }
+}
+
+bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
+  char name[kPathSize];
+  char last[NAME_MAX + 1];
+  char begun[NAME_MAX + 1];
+  unique_fd directory;
+  unique_fd file;
+  if (wex_name_pidfile(rec, name)) {
+    directory = open_trusted_parent(name, last);
+  }
+  if (directory.valid()) {
+    file = create_beside(directory.get(), rec->pid, begun);
+  }
+  if (!file.valid()) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s: %s\n", __func__, name, strerror(errno));
+    return false;
+  }
+  const bool whole = fill(file.get(), rec->pid, rec->action, rec->process) &&
+                     fchmod(file.get(), kStrictDbMode) == 0 &&
+                     (owner == 0 || fchown(file.get(), owner, group) == 0);
+  if (!whole || renameat(directory.get(), begun, directory.get(), last) != 0) {
+    wex_dbg(WEX_DBG_PUB, "%s: %s: %s\n", __func__, name, strerror(errno));
+    unlinkat(directory.get(), begun, 0);
+    return false;
+  }
+  drop_locked_file(name);  // it is ours no more: the lock was on the file that had the name
+  return true;
+}
+
+bool wex_drop_begun_pidfile(const char* path) {
+  struct stat facts = {};
+  return wex_strict().on && strncmp(last_component(path), kBegun, strlen(kBegun)) == 0 &&
+         lstat(path, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid == 0 && wex_unlink(path) == 0;
 }
 
 int wex_db_destroy(const wex_pid* rec) {

@@ -49,3 +49,12 @@ bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]);
 // unlocked: the process may lock it later, and no end of it is ever taken for one that must wait. Caller
 // holds wex_chains.
 void wex_mend_pidfile(const wex_pid* rec);
+
+// Strict mode: puts a new file of this owner's, closed to others, in the place of the record's. What had the
+// name keeps it until the new file is whole, so that one of them is there whenever the daemon ends. False
+// when there is no room for it, or the name cannot be taken; nothing has changed then. Caller holds
+// wex_chains.
+bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group);
+
+// Removes what a daemon that was killed in the middle of it has left. Strict mode only; false for all else.
+bool wex_drop_begun_pidfile(const char* path);

@@ -170,7 +170,7 @@ openwrt prepare && openwrt packages dev || complain "OpenWrt: the steps fail"
 [ -f "$work/owrt-build/CMakeLists.txt" ] && [ ! -e "$work/owrt-build/build" ] || complain "OpenWrt: the sources were not copied"
 [ "$(openwrt version)" = "$version $root/LICENSE" ] || complain "OpenWrt: version or licence: $(openwrt version)"
 { files "$work/openwrt/wex"; files "$work/openwrt/libwex"; } | sort > "$work/got"
-{ grep -v '^/usr/lib/systemd/' "$work/wanted" | sed 's|^/usr/lib/sysctl.d/|/etc/sysctl.d/|'; echo /usr/libexec/wex/wex-sysvinit; } | sort > "$work/wanted-openwrt"
+{ grep -vE '^/usr/lib/(systemd|tmpfiles\.d)/' "$work/wanted" | sed 's|^/usr/lib/sysctl.d/|/etc/sysctl.d/|'; echo /usr/libexec/wex/wex-sysvinit; } | sort > "$work/wanted-openwrt"
 same "OpenWrt's packages have (>) or lack (<)" "$work/wanted-openwrt" "$work/got"
 cmp -s "$work/openwrt/wex/usr/libexec/wex/wex-sysvinit" "$work/all/etc/init.d/wex" || complain "OpenWrt: another start script is called"
 head -n 1 "$work/openwrt/wex/etc/init.d/wex" | grep -q '^#!/bin/sh /etc/rc.common$' && sh -n "$work/openwrt/wex/etc/init.d/wex" ||

@@ -145,6 +145,65 @@ TEST_F(StrictFiles, ADatabaseFileOfRootsThatOthersCouldWriteIsMadeAnew) {
   EXPECT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
 }
 
+// Whoever has it open could have his own program started as its owner, were what is kept of users lost.
+TEST_F(StrictFiles, AUsersDatabaseFileThatOthersCouldWriteIsMadeAnew) {
+  const std::string evil = actor_command({"--tag=evil", "--hold"});
+  write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nsomebody:x:1234:1235::/:/bin/sh\n");
+  for (const mode_t loose : {mode_t{0702}, mode_t{0720}}) {
+    const std::string tag = "--tag=" + text(loose);
+    SCOPED_TRACE(tag);
+    start();
+    Process& service = process();
+    ASSERT_TRUE(start_service(&service, {tag}));
+    const std::string name = std::string(kMainDbDir) + "/actor." + text(service.pid());
+    ASSERT_EQ(0700U, facts_of(name).st_mode & 07777);
+    daemon.kill_now();
+    ASSERT_EQ(0, chmod(name.c_str(), loose));
+    const ino_t before = facts_of(name).st_ino;
+    const unique_fd held(open(name.c_str(), O_WRONLY | O_CLOEXEC));  // as another user could, and keeps it
+    start();
+    EXPECT_TRUE(eventually([&] { return facts_of(name).st_ino != before; }, 20s));
+    EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+    EXPECT_EQ(kUser, facts_of(name).st_uid);
+    const std::string said = text(service.pid()) + "\n2\n" + evil;
+    ASSERT_EQ(static_cast<ssize_t>(said.size()), pwrite(held.get(), said.data(), said.size(), 0));
+    daemon.kill_now();
+    ASSERT_EQ(0, unlink((std::string(kUsersDir) + "/" + text(service.pid())).c_str()));
+    send_signal(service.pid(), SIGKILL);
+    service.wait(20s);
+    start();
+    EXPECT_GT(wait_for_actor(service_words({tag}), service.pid(), 20s), 0) << read_console();
+    EXPECT_TRUE(pids_with_command(evil).empty());
+    daemon.kill_now();
+  }
+}
+
+// Killed before the new file has the name, the daemon leaves the old one, and a file that its next start
+// removes.
+TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  daemon.kill_now();
+  const std::string name = std::string(kMainDbDir) + "/actor." + text(roots.pid());
+  const std::string said = read_file(name);
+  ASSERT_EQ(0, chmod(name.c_str(), 0777));
+  ASSERT_TRUE(daemon.start_traced({"inject=renameat,renameat2:signal=KILL", kMainDbDir}));
+  EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
+  EXPECT_EQ(said, read_file(name));
+  EXPECT_EQ(2U, list_dir(kMainDbDir).size()) << "one has been begun";
+  // What a user calls so is his, and read like any other file.
+  const std::string his = std::string(kMainDbDir) + "/begun-1-1";
+  write_file(his, "nothing");
+  give_to_user(his, 0700);
+  start();
+  EXPECT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s));
+  EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+  EXPECT_EQ(said, read_file(name));
+  const std::vector<std::string> left = {"actor." + text(roots.pid()), "begun-1-1"};
+  EXPECT_EQ(left, list_dir(kMainDbDir));
+}
+
 // Neither the end of the daemon nor that of a restart.
 TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   make_dirs("/tmp/vsd/5");

@@ -155,6 +155,20 @@ TEST_F(StrictListed, RootsProgramThatGivesUpItsRightsIsStartedAgainOnce) {
   EXPECT_EQ(next, wait_for(app_, first)) << "the only one";
 }
 
+// Its start tells that it is the one that was registered.
+TEST_F(StrictListed, RootsProgramThatHasGivenUpItsRightsIsNotStartedBesideItselfByTheNextDaemon) {
+  ASSERT_NO_FATAL_FAILURE(start_listed("dropping"));
+  const pid_t first = by_hand_.pid();
+  ASSERT_EQ(first, registered_for(0, app_, 0)) << read_console();
+  ASSERT_TRUE(eventually([&] { return exists(policy::db_file("dropping", first)); }, 20s));
+  write_file(third_part::kGiveUp, "");
+  ASSERT_TRUE(eventually([&] { return user_of(first) == "1234"; }, 20s));
+  daemon_.kill_now();
+  ASSERT_TRUE(start_daemon());
+  EXPECT_EQ(first, registered_for(0, app_, 0)) << read_console();
+  EXPECT_EQ(1U, pids_with_command(app_).size());
+}
+
 // ---- Listed programs of users: nobody waits for them ------------------------------------------------------
 
 namespace {

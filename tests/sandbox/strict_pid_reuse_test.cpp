@@ -1,5 +1,5 @@
-// Strict mode: root's service gets the pid that a user's program had, while that program waits for its
-// restart.
+// Strict mode: a process gets the pid that another user's program had, while that program waits for its
+// restart, or while no daemon runs.
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -72,4 +72,150 @@ TEST_F(StrictPidReuse, TheEndOfAUsersPauseLeavesRootsServiceItsRegistration) {
     ASSERT_GT(next, 0) << read_console();
     EXPECT_EQ("0 0 0 0", ids_of(next, "Uid"));
   }
+}
+
+// ---- While no daemon runs ---------------------------------------------------------------------------------
+
+namespace {
+
+struct StrictPidReuseBeforeTheStart : StrictPidReuse {
+  void TearDown() override {
+    daemon.kill_now();
+    for (const pid_t pid : pids_with_command(kSleeper[0] + " " + kSleeper[1])) {
+      send_signal(pid, SIGKILL);
+      EXPECT_TRUE(eventually([&] { return !is_alive(pid); }));
+    }
+    StrictPidReuse::TearDown();
+  }
+  // A program that does not register itself, so that another process can run the very same command line.
+  bool start_sleeper(Process* sleeper, uid_t user) {
+    words all = kSleeper;
+    if (user != 0) {
+      all.insert(all.begin(), {"setpriv", "--reuid=" + text(user), "--regid=1235", "--groups=77,3001"});
+    }
+    if (!sleeper->start(all) || !eventually([&] { return runs_sleeper(sleeper->pid()); }, 20s)) {
+      return false;
+    }
+    const std::string file = file_of(sleeper->pid());
+    write_file(file, text(sleeper->pid()) + "\n2\n" + kSleeper[0] + " " + kSleeper[1], 0700);
+    const bool sent = chown(file.c_str(), user, user) == 0 &&
+                      as_user(
+                          [&] {
+                            const raw_client client;
+                            return client.send_body(WEX_RESTART, control_client::body_of(sleeper->pid())) &&
+                                   client.acknowledged();
+                          },
+                          user);
+    return sent && eventually([&] { return is_registered(sleeper->pid()); }, 20s);
+  }
+  static bool runs_sleeper(pid_t pid) { return command_line(pid) == kSleeper[0] + " " + kSleeper[1]; }
+  static std::string file_of(pid_t pid) { return registry::db_file(0, "sleep", pid); }
+  // The registered process of this user's that is not this one.
+  static pid_t other_of(uid_t user, pid_t not_this) {
+    pid_t found = 0;
+    eventually(
+        [&] {
+          for (const wex_status_slot& slot : StatusReader().slots()) {
+            if (slot.uid == user && slot.pid > 0 && slot.pid != not_this && runs_sleeper(slot.pid)) {
+              found = slot.pid;
+            }
+          }
+          return found > 0;
+        },
+        20s);
+    return found;
+  }
+  static const words kSleeper;
+};
+const words StrictPidReuseBeforeTheStart::kSleeper = {"/usr/bin/sleep", "43210"};
+
+}  // namespace
+
+// The same command line, the other one's ids; by the pid the registration would be the other one's.
+TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
+  const struct {
+    const char* what;
+    uid_t program;
+    uid_t process;
+  } rows[] = {{"a user's", kUser, 0}, {"root's", 0, kUser}, {"another user's", kUser, kOther}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    start();
+    Process& program = process();
+    ASSERT_TRUE(start_sleeper(&program, row.program));
+    const pid_t pid = program.pid();
+    daemon.kill_now();
+    send_signal(pid, SIGKILL);
+    program.wait(20s);
+    words other = {"/usr/bin/setpriv", "--reuid=" + text(row.process), "--clear-groups"};
+    other.insert(other.end(), kSleeper.begin(), kSleeper.end());
+    stranger taker(pid, other);
+    ASSERT_TRUE(eventually([&] { return runs_sleeper(pid); }, 20s));
+    start();
+    const pid_t next = other_of(row.program, pid);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ(text(row.program), ids_of(next, "Uid").substr(0, ids_of(next, "Uid").find(' ')));
+    EXPECT_EQ(row.program == 0 ? "" : "77 3001", ids_of(next, "Groups"));
+    EXPECT_FALSE(is_registered(pid)) << "nobody has registered it";
+    EXPECT_TRUE(taker.lives());
+    EXPECT_TRUE(eventually([&] { return exists(std::string(kUsersDir) + "/" + text(next)); }, 20s));
+    EXPECT_FALSE(exists(std::string(kUsersDir) + "/" + text(pid)));
+    daemon.kill_now();
+    send_signal(next, SIGKILL);
+    unlink(file_of(next).c_str());
+    unlink(file_of(pid).c_str());
+  }
+}
+
+// Two database files name one pid then. What was kept for it is the user's, whichever file is read first.
+TEST_F(StrictPidReuseBeforeTheStart, BothAreRegisteredWhenTheOtherOneRegistersToo) {
+  start();
+  Process& program = process();
+  ASSERT_TRUE(start_sleeper(&program, kUser));
+  const pid_t pid = program.pid();
+  daemon.kill_now();
+  send_signal(pid, SIGKILL);
+  program.wait(20s);
+  const words of_root = service_words({"--tag=roots"});
+  stranger roots(pid, actor_words(of_root));
+  ASSERT_TRUE(eventually([&] { return exists(registry::db_file(0, "actor", pid)); }, 20s));
+  start();
+  const pid_t next = other_of(kUser, pid);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+  EXPECT_TRUE(eventually([&] { return is_roots(pid); }, 20s));
+  EXPECT_TRUE(exists(registry::db_file(0, "actor", pid)));
+  EXPECT_FALSE(exists(file_of(pid)));
+  for (const pid_t kept : {pid, next}) {
+    EXPECT_TRUE(eventually([&] { return exists(std::string(kUsersDir) + "/" + text(kept)); }, 20s)) << kept;
+  }
+  roots.end();
+  const pid_t again = wait_for_actor(of_root, pid, 20s);
+  ASSERT_GT(again, 0) << read_console();
+  EXPECT_EQ("0 0 0 0", ids_of(again, "Uid"));
+}
+
+// What an earlier daemon has kept tells as whom, and not since when.
+TEST_F(StrictPidReuseBeforeTheStart, WhatAnEarlierDaemonHasKeptIsUnderstood) {
+  start();
+  Process& lives = process();
+  Process& ends = process();
+  ASSERT_TRUE(start_sleeper(&lives, kUser));
+  ASSERT_TRUE(start_sleeper(&ends, kUser));
+  daemon.kill_now();
+  for (const pid_t pid : {lives.pid(), ends.pid()}) {
+    const std::string kept = std::string(kUsersDir) + "/" + text(pid);
+    const std::string now = read_file(kept);
+    const std::string before = replace_matches(now, "3001 [0-9]+ \n", "3001 \n");
+    ASSERT_NE(before, now);
+    write_file(kept, before, 0600);
+  }
+  send_signal(ends.pid(), SIGKILL);
+  ends.wait(20s);
+  start();
+  EXPECT_TRUE(is_registered(lives.pid()));
+  EXPECT_TRUE(runs_sleeper(lives.pid()));
+  const pid_t next = other_of(kUser, lives.pid());
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
 }

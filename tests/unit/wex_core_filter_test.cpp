@@ -186,17 +186,22 @@ TEST_F(Filter, HoldsAnySetOfProcesses) {
   }
 }
 
-TEST_F(Filter, KeepsTheLastNewcomersThoughTheyHaveNoRecord) {
-  wex_pass_exits_of_newcomer(2000);
+TEST_F(Filter, KeepsANewcomerWithoutARecordUntilAnotherHasItsPlace) {
+  wex_pass_exits_of_newcomer(2000, 3);
   EXPECT_TRUE(exit_passes(2000));
   forget_all();
   EXPECT_TRUE(exit_passes(2000));
-  for (int32_t later = 1; later <= kNewcomers; ++later) {
-    wex_pass_exits_of_newcomer(2000 + later);
+  for (int place = 0; place < kNewcomers; ++place) {
+    if (place != 3) {
+      wex_pass_exits_of_newcomer(2001 + place, place);
+    }
   }
   forget_all();
+  EXPECT_TRUE(exit_passes(2000));
+  wex_pass_exits_of_newcomer(3000, 3);
+  forget_all();
   EXPECT_FALSE(exit_passes(2000));
-  EXPECT_TRUE(exit_passes(2001));
+  EXPECT_TRUE(exit_passes(3000));
 }
 
 TEST_F(Filter, ANewcomerForWhomThereIsNoRoomHasTheNextRecordTidyIt) {
@@ -205,7 +210,7 @@ TEST_F(Filter, ANewcomerForWhomThereIsNoRoomHasTheNextRecordTidyIt) {
     pids.insert(static_cast<int32_t>(i * 32));
   }
   keep_only(pids);
-  wex_pass_exits_of_newcomer(1000000);
+  wex_pass_exits_of_newcomer(1000000, 0);
   EXPECT_TRUE(exit_passes(1000001)) << "those of all processes";
   EXPECT_FALSE(expect_exit_of(32));
   EXPECT_TRUE(expect_exit_of(32)) << "told once";

@@ -278,7 +278,7 @@ TEST_F(Delay, AProgramThatWasStoppedBeforeItsRegistrationWasHandledIsNotRestarte
     const int32_t pid = each->pid();
     const char* const program = each == &stopped ? kProgram : "/bin/sleep 1001";
     write_file(file_of(pid), std::to_string(pid) + "\n2\n" + program);
-    wex_expect_newcomer(pid);
+    wex_expect_newcomer(pid, 0);
     each->end();
     const uint32_t code = each == &stopped ? SIGTERM : SIGSEGV;
     wex_take_exit_event({kEventExit, pid, pid, code, 0});

@@ -359,7 +359,7 @@ TEST_F(Registry, AProcessThatEndsWhileItsRegistrationWaitsHasTheCodeThatWasRepor
   wex_test::child service("/bin/sleep", {"sleep", "1000"});
   ASSERT_TRUE(service.ready());
   const wex_reg_info body = body_of(service.pid());
-  wex_expect_newcomer(body.pid);
+  wex_expect_newcomer(body.pid, 0);
   register_while_held(body, [&] {
     service.end();
     wex_take_exit_event({kEventExit, body.pid, body.pid, SIGTERM, 0});

@@ -29,7 +29,7 @@ do_install:append() {
 
 PACKAGES =+ "libwex"
 FILES:libwex = "${libdir}/libwex.so.*"
-FILES:${PN} += "${nonarch_libdir}/sysctl.d ${systemd_system_unitdir}"
+FILES:${PN} += "${nonarch_libdir}/sysctl.d ${nonarch_libdir}/tmpfiles.d ${systemd_system_unitdir}"
 FILES:${PN}-dev += "${libdir}/cmake"
 CONFFILES:${PN} = "${sysconfdir}/default/wex"
 RDEPENDS:${PN}-dev = "libwex (= ${EXTENDPKGV})"

@@ -1,0 +1,170 @@
+// Strict mode: database files that are made anew, with and without room for them.
+#include "wex_chain_user.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <string>
+
+#include "file_lock.h"
+#include "registry_files.h"
+#include "unique_fd.h"
+#include "wex_paths.h"
+#include "wex_pidfile.h"
+#include "wex_strict.h"
+
+namespace {
+
+using namespace registry;
+
+constexpr uid_t kUser = 1234;
+constexpr uid_t kOther = 1236;
+constexpr char kCommand[] = "/bin/owned -d";
+
+// No file can grow meanwhile, as on a full disk.
+class no_room {
+ public:
+  no_room() {
+    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &before_));
+    const rlimit none = {0, before_.rlim_max};
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &none));
+    signal(SIGXFSZ, SIG_IGN);
+  }
+  ~no_room() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    signal(SIGXFSZ, SIG_DFL);
+  }
+  no_room(const no_room&) = delete;
+  no_room& operator=(const no_room&) = delete;
+
+ private:
+  rlimit before_ = {};
+};
+
+struct OwnedFile : RegistryWorld {
+  void SetUp() override {
+    RegistryWorld::SetUp();
+    strict_settings settings;
+    settings.on = true;
+    wex_set_strict(settings);
+  }
+  void TearDown() override {
+    wex_set_strict({});
+    RegistryWorld::TearDown();
+  }
+  // The registration of a program of this user's.
+  static wex_pid record_of(uid_t user, pid_t pid) {
+    wex_pid rec = {};
+    rec.pid = pid;
+    rec.action = RESPAWN;
+    strcpy(rec.process, kCommand);
+    const service program(
+        [user] { return setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0; });
+    wex_pid other = {};
+    other.pid = program.pid();
+    EXPECT_TRUE(program.ready());
+    wex_find_user(&other);
+    rec.user = other.user;
+    return rec;
+  }
+  static std::string leave(const wex_pid& rec, uid_t owner, mode_t mode) {
+    const std::string path = db_file(0, "owned", rec.pid);
+    write_file(path, text_of(rec));
+    EXPECT_EQ(0, chown(path.c_str(), owner, owner));
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+  static std::string text_of(const wex_pid& rec) {
+    return std::to_string(rec.pid) + "\n" + std::to_string(RESPAWN) + "\n" + kCommand;
+  }
+  static struct stat facts_of(const std::string& path) {
+    struct stat facts = {};
+    EXPECT_EQ(0, lstat(path.c_str(), &facts)) << path;
+    return facts;
+  }
+};
+
+}  // namespace
+
+TEST_F(OwnedFile, OneThatOthersCouldWriteIsAnotherOneAfterwards) {
+  for (const uid_t user : {uid_t{0}, kUser}) {
+    for (const mode_t mode : {0700, 0755, 0720, 0702, 0777}) {
+      SCOPED_TRACE(testing::Message() << user << " " << std::oct << mode);
+      const bool loose = (mode & 022) != 0;
+      const wex_pid rec = record_of(user, dead_pid());
+      const std::string path = leave(rec, user, mode);
+      const unique_fd before(open(path.c_str(), O_RDONLY | O_CLOEXEC));  // keeps its inode
+      const struct stat old = facts_of(path);
+      wex_own_database_file(&rec);
+      const struct stat now = facts_of(path);
+      EXPECT_EQ(loose, now.st_ino != old.st_ino);
+      EXPECT_EQ(0700U, now.st_mode & 07777);
+      EXPECT_EQ(user, now.st_uid);
+      EXPECT_EQ(text_of(rec), read_file(path));
+      unlink(path.c_str());
+    }
+  }
+}
+
+TEST_F(OwnedFile, WithoutRoomForAnotherOneItKeepsItsNameUntilThereIs) {
+  for (const uid_t user : {uid_t{0}, kUser}) {
+    const wex_pid rec = record_of(user, dead_pid());
+    const std::string path = leave(rec, user, 0777);
+    const ino_t old = facts_of(path).st_ino;
+    {
+      const no_room full;
+      wex_own_database_file(&rec);
+    }
+    EXPECT_EQ(old, facts_of(path).st_ino);
+    EXPECT_EQ(text_of(rec), read_file(path));
+    EXPECT_EQ(1U, wex_test::list_dir(kMainDbDir).size()) << "what was begun is gone";
+    wex_own_database_file(&rec);
+    EXPECT_EQ(0700U, facts_of(path).st_mode & 07777);
+    EXPECT_EQ(text_of(rec), read_file(path));
+    unlink(path.c_str());
+  }
+}
+
+// It does not count, and its room may be what is missing.
+TEST_F(OwnedFile, WhatAnotherUserHasPutThereGoesAlsoWithoutRoom) {
+  const wex_pid rec = record_of(kUser, dead_pid());
+  const std::string path = leave(rec, kOther, 0700);
+  {
+    const no_room full;
+    wex_own_database_file(&rec);
+  }
+  EXPECT_FALSE(exists(path));
+  EXPECT_TRUE(wex_test::list_dir(kMainDbDir).empty());
+}
+
+// The daemon's lock was on the file that has lost its name.
+TEST_F(OwnedFile, OneThatIsKeptLockedIsLetGoWhenAnotherHasItsName) {
+  const wex_pid rec = record_of(0, dead_pid());
+  const std::string path = leave(rec, 0, 0777);
+  unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(wex_lock_file(file.get()));
+  keep_locked_file(path.c_str(), std::move(file));
+  wex_own_database_file(&rec);
+  EXPECT_EQ(-1, kept_file(path.c_str()));
+  EXPECT_EQ(text_of(rec), read_file(path));
+  EXPECT_EQ(before_, count_descriptors());
+  unlink(path.c_str());
+}
+
+TEST_F(OwnedFile, ALinkThatHeHasPutThereIsReplacedAndNotFollowed) {
+  const wex_pid rec = record_of(kUser, dead_pid());
+  const std::string path = db_file(0, "owned", rec.pid);
+  write_file("/tmp/target", "precious", 0600);
+  ASSERT_EQ(0, symlink("/tmp/target", path.c_str()));
+  ASSERT_EQ(0, lchown(path.c_str(), kUser, kUser));
+  wex_own_database_file(&rec);
+  EXPECT_TRUE(S_ISREG(facts_of(path).st_mode));
+  EXPECT_EQ(kUser, facts_of(path).st_uid);
+  EXPECT_EQ("precious", read_file("/tmp/target"));
+  EXPECT_EQ(0U, facts_of("/tmp/target").st_uid);
+  unlink(path.c_str());
+  unlink("/tmp/target");
+}
