@@ -123,6 +123,12 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
   return 0;
 }
 
+// Whether that is such a name: "begun-PID-NUMBER". A registration has a dot before its pid, whatever its
+// program is called.
+bool is_begun(const char* name) {
+  return strncmp(name, kBegun, strlen(kBegun)) == 0 && strchr(name, '.') == nullptr;
+}
+
 // A file of our own, beside those of users: of a name that is hard to foresee, which `name` receives.
 unique_fd create_beside(int directory, int32_t pid, char (&name)[NAME_MAX + 1]) {
   unique_fd file;
@@ -259,8 +265,8 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
 
 bool wex_drop_begun_pidfile(const char* path) {
   struct stat facts = {};
-  return wex_strict().on && strncmp(last_component(path), kBegun, strlen(kBegun)) == 0 &&
-         lstat(path, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid == 0 && wex_unlink(path) == 0;
+  return wex_strict().on && is_begun(last_component(path)) && lstat(path, &facts) == 0 &&
+         S_ISREG(facts.st_mode) && facts.st_uid == 0 && wex_unlink(path) == 0;
 }
 
 int wex_db_destroy(const wex_pid* rec) {

@@ -204,6 +204,19 @@ TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
   EXPECT_EQ(left, list_dir(kMainDbDir));
 }
 
+// What such a file is called does not hide a program of that name.
+TEST_F(StrictFiles, AProgramOfRootsThatIsCalledLikeOneIsStartedAgain) {
+  const std::string actor = actor_command({"--tag=begun", "--hold"});
+  const std::string path = "/tmp/begun-5-7";
+  ASSERT_EQ(0, symlink(actor.substr(0, actor.find(' ')).c_str(), path.c_str()));
+  const std::string command = path + actor.substr(actor.find(' '));
+  const std::string pid = text(child::reaped());
+  make_dirs(kMainDbDir);
+  write_file(std::string(kMainDbDir) + "/begun-5-7." + pid, pid + "\n2\n" + command, 0700);
+  start();
+  EXPECT_TRUE(eventually([&] { return pids_with_command(command).size() == 1; }, 20s)) << read_console();
+}
+
 // Neither the end of the daemon nor that of a restart.
 TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   make_dirs("/tmp/vsd/5");
