@@ -192,6 +192,7 @@ TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
   EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
   EXPECT_EQ(said, read_file(name));
   EXPECT_EQ(2U, list_dir(kMainDbDir).size()) << "one has been begun";
+  write_file(std::string(kMainDbDir) + "/begun-1-2", "", 0700);  // as one that was killed before it wrote
   // What a user calls so is his, and read like any other file.
   const std::string his = std::string(kMainDbDir) + "/begun-1-1";
   write_file(his, "nothing");

@@ -131,7 +131,8 @@ const words StrictPidReuseBeforeTheStart::kSleeper = {"/usr/bin/sleep", "43210"}
 
 }  // namespace
 
-// The same command line, the other one's ids; by the pid the registration would be the other one's.
+// The same command line, the other one's ids; by the pid the registration would be the other one's, and so
+// would its domain.
 TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
   const struct {
     const char* what;
@@ -151,6 +152,11 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
     other.insert(other.end(), kSleeper.begin(), kSleeper.end());
     stranger taker(pid, other);
     ASSERT_TRUE(eventually([&] { return runs_sleeper(pid); }, 20s));
+    const std::string flag = "/tmp/vsd/5/wex/" + text(pid);
+    if (row.program != 0) {
+      make_dirs("/data/var/run/vsd/5");
+      write_file(flag, "");
+    }
     start();
     const pid_t next = other_of(row.program, pid);
     ASSERT_GT(next, 0) << read_console();
@@ -158,6 +164,8 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
     EXPECT_EQ(row.program == 0 ? "" : "77 3001", ids_of(next, "Groups"));
     EXPECT_FALSE(is_registered(pid)) << "nobody has registered it";
     EXPECT_TRUE(taker.lives());
+    EXPECT_EQ(row.program != 0, exists(flag));
+    unlink(flag.c_str());
     EXPECT_TRUE(eventually([&] { return exists(std::string(kUsersDir) + "/" + text(next)); }, 20s));
     EXPECT_FALSE(exists(std::string(kUsersDir) + "/" + text(pid)));
     daemon.kill_now();
@@ -165,6 +173,22 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
     unlink(file_of(next).c_str());
     unlink(file_of(pid).c_str());
   }
+}
+
+// It has made the file anew under the same name, for the same command line.
+TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
+  start();
+  Process& program = process();
+  ASSERT_TRUE(start_sleeper(&program, kUser));
+  const pid_t pid = program.pid();
+  daemon.kill_now();
+  send_signal(pid, SIGKILL);
+  program.wait(20s);
+  stranger roots(pid, kSleeper);
+  ASSERT_EQ(0, chown(file_of(pid).c_str(), 0, 0));
+  start();
+  EXPECT_TRUE(is_roots(pid)) << read_console();
+  EXPECT_EQ(1U, pids_with_command(kSleeper[0] + " " + kSleeper[1]).size());
 }
 
 // Two database files name one pid then. What was kept for it is the user's, whichever file is read first.
