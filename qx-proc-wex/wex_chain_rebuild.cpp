@@ -69,7 +69,8 @@ whose whose_process(const wex_pid* rec) {
   if (now.start_time == rec->start_time) {
     return whose::its_own;
   }
-  return now.ids.uid == user ? whose::unknown : whose::anothers;
+  // Its own may be another user's by now, but still has its file locked then.
+  return now.ids.uid == user || wex_proc_is_exit(rec) == 0 ? whose::unknown : whose::anothers;
 }
 
 // Another process may have got the pid of a dead program. A program may run another command line than it was
@@ -155,7 +156,8 @@ bool read_names(const char* dir, text_block* names) {
   return true;
 }
 
-enum class fate { undecided, alive, dead };
+// Ignored: that the registration counts was said by a process that is not its own.
+enum class fate { undecided, alive, dead, ignored };
 
 struct candidate {
   wex_pid* rec;
@@ -223,7 +225,7 @@ fate take_over(wex_pid* rec) {
   }
   if (process == whose::unknown && is_stranger(rec)) {
     rec->start_time = kStartOfNobody;
-    return fate::alive;
+    return wex_judge_ended(rec) ? fate::alive : fate::ignored;
   }
   // Not after the restarts: they may take long, and a stranger may have got the pid by then.
   wex_note_identity(rec);
@@ -313,6 +315,15 @@ void restart_dead(wex_chains_t* chain, wex_pid* rec) {
   }
 }
 
+void ignore(wex_chains_t* chain, wex_pid* rec) {
+  char path[kPathSize];
+  if (wex_name_pidfile(rec, path)) {
+    wex_ignore_name(path);
+  }
+  chain_lock hold(*chain);
+  __wex_drop_record(chain, rec);
+}
+
 void keep_user(const wex_pid* rec) {
   chain_lock hold(wex_chains);
   wex_keep_user(rec);
@@ -330,7 +341,10 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   }
   wex_read_kept_users(false);
   for (const candidate& row : all) {
-    keep_user(row.rec);
+    if (row.rec->start_time !=
+        0) {  // kept before; nothing else may take the place of what was kept of another
+      keep_user(row.rec);
+    }
   }
   wex_tidy_users([](int32_t pid) {
     chain_lock hold(wex_chains);
@@ -338,7 +352,9 @@ int wex_rebuild_chains(wex_chains_t* chain) {
   });
   decide(&all);
   for (const candidate& row : all) {
-    if (row.what != fate::alive) {
+    if (row.what == fate::ignored) {
+      ignore(chain, row.rec);
+    } else if (row.what != fate::alive) {
       restart_dead(chain, row.rec);
       wex_status_publish();  // many starts may take long, and nobody else shows them yet
     }

@@ -288,13 +288,13 @@ bool may_stay(const wex_pid* rec, const wex_user& user, const char* name, const 
   return facts.st_uid != 0 ? facts.st_uid == user.uid : user.uid == 0 || is_file_of(rec, name, facts);
 }
 
-// Makes the file anew. One that the next daemon might believe keeps its name until the new one is whole; what
-// somebody else has put there goes first, and may leave the room that is missing.
+// Makes the file anew. What has its name keeps it until the new one is whole, unless somebody else has put it
+// there and it cannot be replaced: then it goes first, and may leave the room that is missing.
 bool make_anew(const wex_pid* rec, const wex_user& user, const struct stat& facts) {
-  if (!may_be_from(facts, user)) {
-    wex_db_destroy(rec);
+  if (wex_renew_pidfile(rec, user.uid, user.gid)) {
+    return true;
   }
-  return wex_renew_pidfile(rec, user.uid, user.gid);
+  return !may_be_from(facts, user) && wex_db_destroy(rec) == 0 && wex_renew_pidfile(rec, user.uid, user.gid);
 }
 
 }  // namespace
@@ -486,6 +486,19 @@ bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
                      read_ids_of(&living, &now.ids);
   now.start_time = living.start_time;
   return lives ? judge_living(rec, facts, now) : judge_dead(rec, facts);
+}
+
+bool wex_judge_ended(wex_pid* rec) {
+  char name[kPathSize];
+  struct stat facts = {};
+  if (!wex_strict().on) {
+    return true;
+  }
+  wex_release_user(rec);
+  rec->user = kUnknownUser;
+  const bool counts = wex_name_pidfile(rec, name) && lstat(name, &facts) == 0 && judge_dead(rec, facts);
+  wex_hold_user(rec);
+  return counts;
 }
 
 bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts) {

@@ -91,3 +91,7 @@ bool wex_judge_file(wex_pid* rec, const struct stat& facts);
 
 // The same for one whose process is known to have gone: another one may have its pid.
 bool wex_judge_lost_file(wex_pid* rec, const struct stat& facts);
+
+// Judges a record in its chain once more: wex_judge_file() asked a process that has its pid and is not its
+// own. False when the registration does not count. Caller holds wex_chains. Without strict mode true.
+bool wex_judge_ended(wex_pid* rec);

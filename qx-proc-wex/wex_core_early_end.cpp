@@ -142,10 +142,10 @@ void __wex_note_early_end(int32_t pid, uint32_t exit_code) {
   }
 }
 
-void wex_forget_newcomer(int32_t pid, uint64_t start_time) {
+void wex_forget_newcomer(int32_t pid, uint64_t start_time, uid_t speaker) {
   const mutex_lock hold(g_mutex);
   newcomer* const entry = find_newcomer(pid, start_time);
-  if (entry != nullptr && start_time != 0) {
+  if (entry != nullptr && start_time != 0 && entry->speaker == speaker) {
     *entry = {};
   }
 }

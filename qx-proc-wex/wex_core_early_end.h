@@ -16,9 +16,9 @@
 // among other users'. Never waits for the registry. Control server only, before it acknowledges.
 void wex_expect_newcomer(int32_t pid, uid_t speaker);
 
-// The registration of the process that started then is refused for good (strict mode): nobody will ask how it
-// ended.
-void wex_forget_newcomer(int32_t pid, uint64_t start_time);
+// The registration of the process that started then, by this user, is refused for good (strict mode): nobody
+// will ask how it ended. What another user registers is not meant.
+void wex_forget_newcomer(int32_t pid, uint64_t start_time, uid_t speaker);
 
 // The kernel has reported the end of a process. Exit monitor only.
 void __wex_note_early_end(int32_t pid, uint32_t exit_code) WEX_TSA(requires_capability(wex_chains));

@@ -221,7 +221,7 @@ int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& 
   process_user before = {};
   const bool seen = wex_look_at_user(body.pid, &before);
   if (seen && speaker != kRoot && before.ids.uid != speaker) {
-    wex_forget_newcomer(body.pid, before.start_time);
+    wex_forget_newcomer(body.pid, before.start_time, speaker);
     wex_refuse(speaker, refusal::not_his);
     return -1;
   }
@@ -230,7 +230,7 @@ int register_process(uid_t speaker, const wex_reg_info& body, const wex_action& 
     return -1;
   }
   if (!may_speak(speaker, rec)) {  // of a thread: the process that it is one of counts
-    wex_forget_newcomer(body.pid, before.start_time);
+    wex_forget_newcomer(body.pid, before.start_time, speaker);
     wex_refuse(speaker, refusal::not_his);
     wex_free_record(rec);
     return -1;

@@ -91,6 +91,7 @@ inline constexpr char kBootId[]           = "/proc/sys/kernel/random/boot_id";
 inline constexpr char kConsole[]          = "/dev/console";
 inline constexpr char kSystemLog[]        = "/dev/log";                           // log daemon: a datagram socket
 inline constexpr char kNullDevice[]       = "/dev/null";
+inline constexpr char kRandomDevice[]     = "/dev/urandom";
 inline constexpr char kLsmDevice[]        = "/dev/lsm";                           // device, opened to every domain
 inline constexpr char kMapIpcDevice[]     = "/dev/mmapipc";                       // device, opened to every domain
 

@@ -27,7 +27,6 @@
 #include "text_number.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
-#include "waiting.h"
 #include "wex_action.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
@@ -97,6 +96,12 @@ mode_t db_mode(bool strict) {
   return strict ? kStrictDbMode : kDbMode;
 }
 
+// A program may run with more rights than those of its user, who may end it before it is registered. What it
+// leaves then must not count as written by him whose rights it had.
+bool give_to_real_user(int fd) {
+  return getuid() == geteuid() || fchown(fd, getuid(), getgid()) == 0;
+}
+
 // Creates, fills and locks the file `name`. 0 and the descriptor to keep (none when another process holds the
 // lock), or -1 when it cannot be opened.
 int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode_t mode,
@@ -110,6 +115,12 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
   }
   if (!out->valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: fd < 0: %s\n", "wex_db_create", strerror(cause));
+    return -1;
+  }
+  if (mode == kStrictDbMode && !give_to_real_user(out->get())) {
+    wex_dbg(WEX_DBG_PUB, "%s: file %s: %s\n", "wex_db_create", name, strerror(errno));
+    wex_unlink(name);  // empty; the daemon makes one within a minute
+    out->reset();
     return -1;
   }
   fill(out->get(), pid, action, text);
@@ -129,17 +140,17 @@ bool is_begun(const char* name) {
   return strncmp(name, kBegun, strlen(kBegun)) == 0 && strchr(name, '.') == nullptr;
 }
 
-// A file of our own, beside those of users: of a name that is hard to foresee, which `name` receives.
+// A file of our own, beside those of users: nobody can foresee its name and be there before. `name` receives
+// it.
 unique_fd create_beside(int directory, int32_t pid, char (&name)[NAME_MAX + 1]) {
-  unique_fd file;
-  const long long now = wex_clock_ms();
-  for (uint32_t attempt = 0; attempt < kAsideTries && !file.valid(); ++attempt) {
-    wex_format(name, sizeof name, "%s%d-%lld", kBegun, pid, now + attempt);
-    file.reset(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictDbMode));
-    if (!file.valid() && errno != EEXIST) {
-      break;
-    }
+  uint64_t number = 0;
+  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+  if (safe_read(random.get(), &number, sizeof number) != static_cast<int32_t>(sizeof number)) {
+    return unique_fd();
   }
+  wex_format(name, sizeof name, "%s%d-%016llx", kBegun, pid, static_cast<unsigned long long>(number));
+  unique_fd file(
+      openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictDbMode));
   if (file.valid()) {
     confirm_close_on_exec(file.get());
   }

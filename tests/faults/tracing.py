@@ -80,7 +80,8 @@ class Strace:
         for expression in expressions:
             words += ["-e", expression]
         self.pid = spawn(words + ["-p", str(thread or pid)], output=SAID)
-        self.attached = eventually(lambda: " attached" in read(SAID) or not is_alive(self.pid), 20) and is_alive(self.pid)
+        eventually(lambda: " attached" in read(SAID) or not is_alive(self.pid), 20)
+        self.attached = " attached" in read(SAID)   # what is traced may have ended at once by what was injected, and strace with it
 
     def leave(self):
         """What was traced goes on without it."""

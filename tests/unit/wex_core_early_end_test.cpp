@@ -134,7 +134,7 @@ TEST_F(EarlyEndPlaces, WhatNobodyAsksForAnyMoreMakesRoomForAUsers) {
 TEST_F(EarlyEndPlaces, ARegistrationThatWasRefusedLeavesItsPlace) {
   const std::vector<int32_t> roots = fill(0, kNewcomers - 1);
   const int32_t refused = expect(kOne);
-  wex_forget_newcomer(refused, wex_look_at(refused).start_time);
+  wex_forget_newcomer(refused, wex_look_at(refused).start_time, kOne);
   EXPECT_EQ(0, kept_of({refused}));
   const int32_t other = expect(0);
   EXPECT_EQ(kNewcomers, kept_of(roots) + kept_of({other}));
