@@ -23,6 +23,7 @@
 #include "wex_flag_file.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
+#include "wex_status_image.h"
 #include "wex_strict.h"
 #include "wex_utils.h"
 
@@ -498,6 +499,9 @@ bool wex_judge_ended(wex_pid* rec) {
   rec->user = kUnknownUser;
   const bool counts = wex_name_pidfile(rec, name) && lstat(name, &facts) == 0 && judge_dead(rec, facts);
   wex_hold_user(rec);
+  if (const wex_user* const user = wex_user_of(rec)) {
+    wex_status_show_user(rec, user->uid);
+  }
   return counts;
 }
 

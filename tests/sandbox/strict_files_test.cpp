@@ -3,8 +3,12 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <thread>
+
+#include "registry_files.h"
 #include "strict_world.h"
 #include "unique_fd.h"
+#include "waiting.h"
 
 namespace {
 
@@ -203,6 +207,86 @@ TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
   EXPECT_EQ(said, read_file(name));
   const std::vector<std::string> left = {"actor." + text(roots.pid()), "begun-1-1"};
   EXPECT_EQ(left, list_dir(kMainDbDir));
+}
+
+namespace {
+
+// A user who makes all files "begun-PID-NUMBER" whose number is the time, each before its time has come, from
+// the moment on that he is ready.
+class foreseer {
+ public:
+  foreseer(pid_t pid, uid_t user)
+      : user_([=] {
+          if (!become(user)) {
+            return false;
+          }
+          int64_t next = wex_clock_ms();
+          plant(pid, &next);
+          std::thread([=]() mutable {
+            for (;;) {
+              plant(pid, &next);
+              std::this_thread::sleep_for(20ms);
+            }
+          }).detach();
+          return true;
+        }) {}
+  bool ready() const { return user_.ready(); }
+
+ private:
+  static void plant(pid_t pid, int64_t* next) {
+    constexpr int kAheadMs = 2000;
+    for (const int64_t until = wex_clock_ms() + kAheadMs; *next < until; ++*next) {
+      const std::string name = registry::db_dir(0) + "/begun-" + text(pid) + "-" + text(*next);
+      close(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    }
+  }
+  child user_;
+};
+
+}  // namespace
+
+// The new file is begun under another name. Whoever had that one first could keep root's file as it is.
+TEST_F(StrictFiles, AUserWhoMakesFilesBeforehandKeepsRootsLooseFileFromNothing) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  daemon.kill_now();
+  const std::string name = registry::db_file(0, "actor", roots.pid());
+  ASSERT_EQ(0, chmod(name.c_str(), 0777));
+  const foreseer user(roots.pid(), kUser);
+  ASSERT_TRUE(user.ready());
+  start();
+  EXPECT_TRUE(is_registered(roots.pid()));
+  EXPECT_EQ(0700U, facts_of(name).st_mode & 07777) << read_console();
+}
+
+// Without a file the registration would be lost with the daemon.
+TEST_F(StrictFiles, AUserHasHisDatabaseFileThoughAnotherOneHasMadeAllFilesBeforehand) {
+  start();
+  Process& service = process();
+  ASSERT_TRUE(service.start(users_words({"--hold"})));
+  ASSERT_TRUE(eventually([&] { return read_file("/proc/" + text(service.pid()) + "/comm") == "actor\n"; }));
+  const pid_t pid = service.pid();
+  const std::string name = registry::db_file(0, "actor", pid);
+  ASSERT_TRUE(as_user(
+      [&] {
+        const unique_fd taken(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        return taken.valid();
+      },
+      kOther));
+  const foreseer other(pid, kOther);
+  ASSERT_TRUE(other.ready());
+  ASSERT_TRUE(as_user([&] {
+    const raw_client client;
+    return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
+  }));
+  ASSERT_TRUE(eventually([&] { return is_registered(pid); }, 20s));
+  struct stat facts = {};
+  EXPECT_TRUE(eventually([&] { return lstat(name.c_str(), &facts) == 0 && facts.st_uid == kUser; }, 5s))
+      << read_console();
+  daemon.kill_now();
+  start();
+  EXPECT_TRUE(is_registered(pid)) << read_console();
 }
 
 // What such a file is called does not hide a program of that name.

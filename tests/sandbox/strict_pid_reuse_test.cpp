@@ -175,6 +175,27 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
   }
 }
 
+// Its file alone tells then whose it was. What runs something else, and began later, is not the program.
+TEST_F(StrictPidReuseBeforeTheStart, RootsProgramIsRootsAgainWhenAUserHasItsPidAndNothingWasKept) {
+  start();
+  Process& program = process();
+  ASSERT_TRUE(start_sleeper(&program, 0));
+  const pid_t pid = program.pid();
+  daemon.kill_now();
+  ASSERT_EQ(0, unlink((std::string(kUsersDir) + "/" + text(pid)).c_str()));
+  send_signal(pid, SIGKILL);
+  program.wait(20s);
+  stranger users(pid, {"/usr/bin/setpriv", "--reuid=" + text(kUser), "--clear-groups", "/bin/sleep", "777"});
+  ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
+  start();
+  const pid_t next = other_of(0, pid);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("0 0 0 0", ids_of(next, "Uid")) << "and not in the status table alone";
+  EXPECT_EQ(1U, pids_with_command(kSleeper[0] + " " + kSleeper[1]).size());
+  EXPECT_FALSE(is_registered(pid));
+  EXPECT_TRUE(users.lives());
+}
+
 // It has made the file anew under the same name, for the same command line.
 TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
   start();

@@ -10,9 +10,11 @@
 
 #include "chain_lock.h"
 #include "unit_support.h"
+#include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
 #include "wex_limits.h"
+#include "wex_msg.h"
 #include "wex_strict.h"
 #include "wex_test.h"
 #include "wex_utils.h"
@@ -138,6 +140,15 @@ TEST_F(EarlyEndPlaces, ARegistrationThatWasRefusedLeavesItsPlace) {
   EXPECT_EQ(0, kept_of({refused}));
   const int32_t other = expect(0);
   EXPECT_EQ(kNewcomers, kept_of(roots) + kept_of({other}));
+}
+
+// Root's message about the same process may be waiting for the registry meanwhile.
+TEST_F(EarlyEndPlaces, AUsersRefusedMessageLeavesRootsNewcomerItsPlace) {
+  const int32_t roots = expect(0);
+  wex_reg_info body = {};
+  body.pid = roots;
+  EXPECT_EQ(-1, wex_register_process_by(kOne, body, kRespawn, ""));
+  EXPECT_EQ(1, kept_of({roots}));
 }
 
 // Its end was reported; then a user's process has the pid, and ends otherwise.
