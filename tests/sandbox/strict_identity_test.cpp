@@ -189,7 +189,10 @@ struct StrictListedUsers : StrictListed {
 }  // namespace
 
 TEST_F(StrictListedUsers, AProgramThatDetachesIsFollowedAndItsRestartsAreCounted) {
+  write_file(third_part::kHoldStart, "");  // until it is registered
   ASSERT_GT(start_users("detaching"), 0) << read_console();
+  unlink(third_part::kHoldStart);
+  EXPECT_TRUE(by_hand_.wait());
   pid_t now = settled(app_, by_hand_.pid());
   for (int restart = 1; restart <= 2; ++restart) {
     ASSERT_GT(now, 0) << read_console();
