@@ -28,6 +28,7 @@
 //   read_domain: the rebuild, before any thread runs
 //   found_running: the same
 //   take_over: the same
+//   ignore: the same
 //   adopt_if_lost: a record of a file that nobody registered, under wex_chains; the sweep treats it as any other
 //   build_process: a record that is not in the registry yet
 //   build_thread: the chain of watched threads

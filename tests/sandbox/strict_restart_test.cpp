@@ -192,13 +192,13 @@ TEST_F(StrictRestart, AUserWhoStopsTheStartOfHisProgramHoldsNobodyUp) {
   send_signal(own.pid(), SIGKILL);
   pid_t child = 0;
   ASSERT_TRUE(eventually([&] { return (child = users_child_of(daemon.pid())) > 0; }, 30s)) << read_console();
-  ASSERT_TRUE(as_user([&] { return kill(child, SIGSTOP) == 0; }));
+  ASSERT_TRUE(as_user([&] { return send_signal(child, SIGSTOP); }));
   const std::string stopped = "(^|\\n)" + text(child) + " +--- stopped by SIGSTOP ---";
   ASSERT_TRUE(eventually([&] { return contains_match(Daemon::trace(), stopped); }, 20s)) << Daemon::trace();
   EXPECT_GT(kill_and_wait(roots.pid(), service_words({"--tag=roots"})), 0) << read_console();
   EXPECT_EQ(child, users_child_of(daemon.pid())) << "it still stands where he stopped it";
   EXPECT_EQ(std::string::npos, read_console().find("did not get to its program")) << read_console();
-  ASSERT_TRUE(as_user([&] { return kill(child, SIGCONT) == 0; }));
+  ASSERT_TRUE(as_user([&] { return send_signal(child, SIGCONT); }));
   EXPECT_EQ(child, wait_for_actor(options, own.pid(), 30s)) << read_console();
 }
 
@@ -443,7 +443,7 @@ TEST_F(StrictSetUserId, WhatAUserEndsBeforeItsMessageIsNotStartedAsRoot) {
   const pid_t pid = program.pid();
   ASSERT_TRUE(eventually([&] { return facts_of(file_of(pid)).st_size > 0; }, 20s));
   ASSERT_EQ("1234 0 0 0", ids_of(pid, "Uid"));
-  ASSERT_TRUE(as_user([&] { return kill(pid, SIGKILL) == 0; }));
+  ASSERT_TRUE(as_user([&] { return send_signal(pid, SIGKILL); }));
   program.wait(20s);
   const uid_t owner = facts_of(file_of(pid)).st_uid;
   start();
