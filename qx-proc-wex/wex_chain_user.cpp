@@ -263,14 +263,11 @@ bool judge_dead(wex_pid* rec, const struct stat& facts) {
   return rec->user != kUnknownUser;
 }
 
-// Whether root's file of this name was made for the registration. A user may have moved another file of
-// root's there, out of a directory of his own.
-bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
-  if (holds_locked_files() && is_locked_file(facts)) {
-    return true;  // made by this daemon, and not to be opened by it
-  }
+// Whether the file of this name says what is registered, and whose that very file is: the name may be another
+// file's at the next look.
+bool says(const wex_pid* rec, const char* name, struct stat* facts) {
   wex_pid registered = {};
-  if (wex_read_pidfile(name, &registered) != 0) {
+  if (wex_read_pidfile_facts(name, &registered, facts) != 0) {
     return false;
   }
   rtrim(registered.script);
@@ -278,6 +275,16 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
   wex_copy_text(command, sizeof command, rec->process);
   rtrim(command);
   return registered.pid == rec->pid && !wex_is_other_command(command, registered.script);
+}
+
+// Whether root's file of this name was made for the registration. A user may have moved another file of
+// root's there, out of a directory of his own.
+bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
+  if (holds_locked_files() && is_locked_file(facts)) {
+    return true;  // made by this daemon, and not to be opened by it
+  }
+  struct stat read = {};
+  return says(rec, name, &read) && read.st_dev == facts.st_dev && read.st_ino == facts.st_ino;
 }
 
 // Whether the file of this name may go on being the registration's. Not one that others could write to: they
@@ -497,7 +504,9 @@ bool wex_judge_ended(wex_pid* rec) {
   }
   wex_release_user(rec);
   rec->user = kUnknownUser;
-  const bool counts = wex_name_pidfile(rec, name) && lstat(name, &facts) == 0 && judge_dead(rec, facts);
+  const uint64_t start_time = rec->start_time;
+  const bool counts = wex_name_pidfile(rec, name) && says(rec, name, &facts) && judge_dead(rec, facts);
+  rec->start_time = start_time;  // what was kept by an earlier daemon has none
   wex_hold_user(rec);
   if (const wex_user* const user = wex_user_of(rec)) {
     wex_status_show_user(rec, user->uid);

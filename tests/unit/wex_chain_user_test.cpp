@@ -168,3 +168,16 @@ TEST_F(OwnedFile, ALinkThatHeHasPutThereIsReplacedAndNotFollowed) {
   unlink(path.c_str());
   unlink("/tmp/target");
 }
+
+// A user has moved a program of root's there since it was read, out of a directory of his own.
+TEST_F(OwnedFile, ARegistrationThatIsJudgedAgainIsNotThatOfAnotherFileOfItsName) {
+  wex_pid rec = record_of(kUser, dead_pid());
+  const std::string path = db_file(0, "owned", rec.pid);
+  write_file(path, "#!/bin/sh");
+  ASSERT_EQ(0, chmod(path.c_str(), 0755));
+  EXPECT_FALSE(wex_judge_ended(&rec));
+  EXPECT_EQ(kUnknownUser, rec.user);
+  leave(rec, 0, 0700);
+  EXPECT_TRUE(wex_judge_ended(&rec)) << "root's own";
+  unlink(path.c_str());
+}
