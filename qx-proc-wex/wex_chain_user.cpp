@@ -20,6 +20,7 @@
 #include "unique_fd.h"
 #include "wex_chain_identity.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_flag_file.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -305,6 +306,15 @@ bool make_anew(const wex_pid* rec, const wex_user& user, const struct stat& fact
   return !may_be_from(facts, user) && wex_db_destroy(rec) == 0 && wex_renew_pidfile(rec, user.uid, user.gid);
 }
 
+// The flag file of a process that is registered in a domain, which its program could not make itself, or not
+// as its user's: without one it would be started again in the main system.
+void own_flag_file(const wex_pid* rec, const wex_user& user) {
+  if (rec->vsd >= kFirstDomain && rec->vsd < WEX_DOMAINS && rec->pid > 0 &&
+      wex_find_domain(rec->pid, &user.uid) < 0) {
+    wex_make_flag_file_of(user.uid, rec->vsd, rec->pid);
+  }
+}
+
 }  // namespace
 
 bool wex_same_user(const wex_pid* one, const wex_pid* other) {
@@ -423,6 +433,9 @@ void wex_own_database_file(const wex_pid* rec) {
   const wex_user* const user = wex_user_of(rec);
   char name[kPathSize];
   struct stat facts = {};
+  if (user != nullptr) {
+    own_flag_file(rec, *user);
+  }
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
