@@ -476,3 +476,22 @@ TEST_F(StrictSetUserId, ItsFileIsTheUsersBeforeItSaysAnything) {
   EXPECT_EQ(0, facts.st_size);
   EXPECT_EQ(kUser, facts.st_uid);
 }
+
+// He chooses how it is called, and has the pid of root's program that died while no daemon ran.
+TEST_F(StrictSetUserId, ItDoesNotWriteOverAFileOfRoots) {
+  start();
+  daemon.kill_now();
+  Process& program = process();
+  words all = users_program({"/bin/sh", "-c", "exec \"$@\" > /tmp/said 2>&1", "sh"});
+  all.insert(all.end() - 2, "--wait-for=/tmp/go");
+  ASSERT_TRUE(program.start(all));
+  const std::string name = file_of(program.pid());
+  write_file(name, "root's", 0700);
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([] { return contains_match(read_file("/tmp/said"), "connect refused"); }, 20s))
+      << "the message comes after the file";
+  EXPECT_EQ("root's", read_file(name));
+  EXPECT_EQ(0U, facts_of(name).st_uid);
+  unlink("/tmp/go");
+  unlink("/tmp/said");
+}
