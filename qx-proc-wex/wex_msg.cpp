@@ -438,7 +438,9 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   if (described) {
     wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }
-  if (!insert_process(rec) && unknown) {
+  const wex_pid refused = *rec;
+  if (!insert_process(rec) && unknown && wex_strict().on) {
+    wex_db_destroy(&refused);  // it is root's, whosever program it names
     wex_forget_user(pid);
   }
   return 0;
