@@ -117,7 +117,9 @@ void adopt_if_lost(int32_t vsd, const char* path, const successor& now) {
   wex_dbg(WEX_DBG_PUB, "%s: registration of pid %d was lost\n", "wex_look_at_files", rec->pid);
   rec->start_time = kStartOfNobody;
   wex_note_failed(rec);
-  rec->known_code = __wex_take_early_end(rec->pid, 0);
+  uid_t user = 0;
+  wex_uid_of(rec, &user);
+  rec->known_code = __wex_take_early_end(rec->pid, 0, user);
   __wex_add_record(&wex_chains, rec);
   wex_request_sweep();
 }

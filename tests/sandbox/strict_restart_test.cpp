@@ -394,7 +394,7 @@ TEST_F(StrictSetUserId, WhatAUserEndsBeforeItsMessageIsNotStartedAsRoot) {
   start();
   daemon.kill_now();  // the message has nobody to go to
   Process& program = process();
-  ASSERT_TRUE(program.start(users_program("users")));
+  ASSERT_TRUE(program.start(users_program()));
   const pid_t pid = program.pid();
   ASSERT_TRUE(eventually([&] { return facts_of(file_of(pid)).st_size > 0; }, 20s));
   ASSERT_EQ("1234 0 0 0", ids_of(pid, "Uid"));
@@ -424,13 +424,29 @@ TEST_F(StrictSetUserId, ItsFileIsTheUsersBeforeItSaysAnything) {
   const std::string traced =
       "exec strace -D -f -q -o /dev/null -e trace=write -e inject=write:signal=KILL -P " +
       registry::db_dir(0) + "/suid.$$ \"$@\"";
-  words all = {"/bin/sh", "-c", traced, "sh"};
-  const words users = users_program("users");
-  all.insert(all.end(), users.begin(), users.end());
-  ASSERT_TRUE(program.start(all, {"ASAN_OPTIONS=detect_leaks=0"}));
+  ASSERT_TRUE(program.start(users_program({"/bin/sh", "-c", traced, "sh"}), {"ASAN_OPTIONS=detect_leaks=0"}));
   EXPECT_TRUE(ended_by(program.wait(20s), SIGKILL)) << "when it would have written";
   struct stat facts = {};
   ASSERT_EQ(0, lstat(file_of(program.pid()).c_str(), &facts));
   EXPECT_EQ(0, facts.st_size);
   EXPECT_EQ(kUser, facts.st_uid);
+}
+
+// He chooses how it is called, and has the pid of root's program that died while no daemon ran.
+TEST_F(StrictSetUserId, ItDoesNotWriteOverAFileOfRoots) {
+  start();
+  daemon.kill_now();
+  Process& program = process();
+  words all = users_program({"/bin/sh", "-c", "exec \"$@\" > /tmp/said 2>&1", "sh"});
+  all.insert(all.end() - 2, "--wait-for=/tmp/go");
+  ASSERT_TRUE(program.start(all));
+  const std::string name = file_of(program.pid());
+  write_file(name, "root's", 0700);
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([] { return contains_match(read_file("/tmp/said"), "connect refused"); }, 20s))
+      << "the message comes after the file";
+  EXPECT_EQ("root's", read_file(name));
+  EXPECT_EQ(0U, facts_of(name).st_uid);
+  unlink("/tmp/go");
+  unlink("/tmp/said");
 }

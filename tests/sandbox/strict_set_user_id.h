@@ -30,8 +30,11 @@ struct StrictSetUserId : Strict {
   static words program_words(const std::string& tag) {
     return {kProgram, "--tag=" + tag, "--register=RESTART", "--hold"};
   }
-  static words users_program(const std::string& tag) {
-    words all = {"setpriv", "--reuid=" + text(kUser), "--regid=" + text(kUsersGroup), "--clear-groups"};
+  // As the user, below what is said first.
+  static words users_program(const words& below = {}, const std::string& tag = "users") {
+    words all = below;
+    all.insert(all.end(),
+               {"setpriv", "--reuid=" + text(kUser), "--regid=" + text(kUsersGroup), "--clear-groups"});
     const words program = program_words(tag);
     all.insert(all.end(), program.begin(), program.end());
     return all;

@@ -54,7 +54,7 @@ TEST_F(StrictSetUserIdBesideADaemon, WhatAUserEndsBeforeItsMessageIsStartedAgain
   Process& users = process();
   ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
   ASSERT_TRUE(start_service(&users, {"--tag=users"}));
-  const pid_t pid = leave_file(users_program("set-user-id"), "set-user-id");
+  const pid_t pid = leave_file(users_program({}, "set-user-id"), "set-user-id");
   EXPECT_EQ(kUser, facts_of(file_of(pid)).st_uid);
   const pid_t next = wait_for_program("set-user-id");
   ASSERT_GT(next, 0) << read_console();
