@@ -108,6 +108,18 @@ struct StrictPidReuseBeforeTheStart : StrictPidReuse {
                           user);
     return sent && eventually([&] { return is_registered(sleeper->pid()); }, 20s);
   }
+  // Its pid, once it has died after the daemon; 0 when it was not registered.
+  pid_t leave_dead_sleeper(uid_t user) {
+    Process& program = process();
+    if (!start_sleeper(&program, user)) {
+      return 0;
+    }
+    const pid_t pid = program.pid();
+    daemon.kill_now();
+    send_signal(pid, SIGKILL);
+    program.wait(20s);
+    return pid;
+  }
   static bool runs_sleeper(pid_t pid) { return command_line(pid) == kSleeper[0] + " " + kSleeper[1]; }
   static std::string file_of(pid_t pid) { return registry::db_file(0, "sleep", pid); }
   // The registered process of this user's that is not this one.
@@ -145,12 +157,8 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     start();
-    Process& program = process();
-    ASSERT_TRUE(start_sleeper(&program, row.program));
-    const pid_t pid = program.pid();
-    daemon.kill_now();
-    send_signal(pid, SIGKILL);
-    program.wait(20s);
+    const pid_t pid = leave_dead_sleeper(row.program);
+    ASSERT_GT(pid, 0);
     words other = {"/usr/bin/setpriv", "--reuid=" + text(row.process), "--clear-groups"};
     other.insert(other.end(), kSleeper.begin(), kSleeper.end());
     stranger taker(pid, other);
@@ -181,13 +189,9 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
 // Its file alone tells then whose it was. What runs something else, and began later, is not the program.
 TEST_F(StrictPidReuseBeforeTheStart, RootsProgramIsRootsAgainWhenAUserHasItsPidAndNothingWasKept) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, 0));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
+  const pid_t pid = leave_dead_sleeper(0);
+  ASSERT_GT(pid, 0);
   ASSERT_EQ(0, unlink((std::string(kUsersDir) + "/" + text(pid)).c_str()));
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
   stranger users(pid, {"/usr/bin/setpriv", "--reuid=" + text(kUser), "--clear-groups", "/bin/sleep", "777"});
   ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
   start();
@@ -202,12 +206,8 @@ TEST_F(StrictPidReuseBeforeTheStart, RootsProgramIsRootsAgainWhenAUserHasItsPidA
 // It has made the file anew under the same name, for the same command line.
 TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, kUser));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
+  const pid_t pid = leave_dead_sleeper(kUser);
+  ASSERT_GT(pid, 0);
   stranger roots(pid, kSleeper);
   ASSERT_EQ(0, chown(file_of(pid).c_str(), 0, 0));
   start();
@@ -218,12 +218,8 @@ TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
 // Two database files name one pid then. What was kept for it is the user's, whichever file is read first.
 TEST_F(StrictPidReuseBeforeTheStart, BothAreRegisteredWhenTheOtherOneRegistersToo) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, kUser));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
+  const pid_t pid = leave_dead_sleeper(kUser);
+  ASSERT_GT(pid, 0);
   const words of_root = service_words({"--tag=roots"});
   stranger roots(pid, actor_words(of_root));
   ASSERT_TRUE(eventually([&] { return exists(registry::db_file(0, "actor", pid)); }, 20s));
