@@ -431,10 +431,18 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
     return -1;
   }
   const chain_lock hold(wex_chains);
+  const bool unknown = __wex_find_pid(&wex_chains, pid) == nullptr;
+  if (unknown) {
+    wex_keep_user(rec);  // first: the file is root's until it has its record, and the daemon may be killed
+  }
   if (described) {
     wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }
-  insert_process(rec);
+  const wex_pid refused = *rec;
+  if (!insert_process(rec) && unknown && wex_strict().on) {
+    wex_db_destroy(&refused);  // it is root's, whosever program it names
+    wex_forget_user(pid);
+  }
   return 0;
 }
 
