@@ -103,6 +103,14 @@ bool may_say(const struct stat& facts, const uid_t* user) {
   return owner_may && S_ISREG(facts.st_mode) && facts.st_nlink == 1;
 }
 
+// In strict mode only the usual name counts. Users may have put others there: without end, and one that
+// stands for the same number and would be taken for it.
+void remove_usual(int directory, int32_t pid) {
+  char name[16];
+  wex_format(name, sizeof name, "%d", pid);
+  unlinkat(directory, name, 0);
+}
+
 bool read_real_user(int32_t pid, uid_t* user) {
   constexpr char kKey[] = "Uid:\t";
   char path[kPathSize];
@@ -227,6 +235,10 @@ bool wex_make_flag_file_of(uid_t user, int32_t vsd, int32_t pid) {
 
 void wex_remove_flag_files(int32_t vsd, int32_t pid) {
   raw_dir flags(open_flag_dir(vsd));
+  if (wex_strict().on && flags.valid()) {
+    remove_usual(flags.fd(), pid);
+    return;
+  }
   while (const char* const name = flags.valid() ? flags.next() : nullptr) {
     if (name[0] != '.' && text_to_number(name) == pid) {
       unlinkat(flags.fd(), name, 0);
@@ -238,6 +250,10 @@ bool wex_remove_checked_flag_file(int32_t vsd, int32_t pid, void (*refused)(cons
   dir_walk flags(open_flag_dir(vsd));
   if (!flags.valid()) {
     return false;
+  }
+  if (wex_strict().on) {
+    remove_usual(flags.fd(), pid);
+    return true;
   }
   while (const dirent* const entry = flags.next()) {
     if (!open_trusted(flags.fd(), entry->d_name, O_RDWR | O_NONBLOCK).valid()) {

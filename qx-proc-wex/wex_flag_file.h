@@ -42,9 +42,10 @@ bool wex_make_flag_file_of(uid_t user, int32_t vsd, int32_t pid);
 // As save_proc_info(), with such a file.
 int wex_save_proc_info_of(uid_t user, int32_t vsd, int32_t pid);
 
-// Removes every flag file of `pid` in the domain.
+// Removes every flag file of `pid` in the domain; in strict mode the one that counts.
 void wex_remove_flag_files(int32_t vsd, int32_t pid);
 
 // Removes one flag file of `pid`. Each name before it is opened first, and `refused` is told, with errno, of
-// what cannot be: that stays. False with errno when the directory cannot be opened.
+// what cannot be: that stays. In strict mode no other name is looked at. False with errno when the directory
+// cannot be opened.
 bool wex_remove_checked_flag_file(int32_t vsd, int32_t pid, void (*refused)(const char* name));

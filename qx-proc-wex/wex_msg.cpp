@@ -182,6 +182,15 @@ void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains
   }
 }
 
+// Whether the pid is still that of another process's registration, in strict mode. The newcomer gets no
+// record then, and its database file would be one of root's that nobody minds, or the other one's written
+// over.
+bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const known = __wex_find_pid(&wex_chains, newcomer->pid);
+  return wex_strict().on && known != nullptr && known->thread_of == 0 &&
+         known->start_time != newcomer->start_time && is_registered(newcomer);
+}
+
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
@@ -431,7 +440,15 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
     return -1;
   }
   const chain_lock hold(wex_chains);
-  const bool unknown = __wex_find_pid(&wex_chains, pid) == nullptr;
+  free_pid_of(rec);
+  if (has_anothers_pid(rec)) {
+    wex_status_count(WEX_STATUS_NOT_REGISTERED);
+    wex_free_record(rec);
+    return 0;
+  }
+  const wex_pid* const known = __wex_find_pid(&wex_chains, pid);
+  const bool unknown = known == nullptr;
+  const bool again = !unknown && known->start_time == rec->start_time;
   if (unknown) {
     wex_keep_user(rec);  // first: the file is root's until it has its record, and the daemon may be killed
   }
@@ -439,9 +456,11 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
     wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }
   const wex_pid refused = *rec;
-  if (!insert_process(rec) && unknown && wex_strict().on) {
+  if (!insert_process(rec) && !again && wex_strict().on) {
     wex_db_destroy(&refused);  // it is root's, whosever program it names
-    wex_forget_user(pid);
+    if (unknown) {
+      wex_forget_user(pid);
+    }
   }
   return 0;
 }

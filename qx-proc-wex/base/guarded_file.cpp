@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +23,15 @@
 #include "wex_paths.h"
 #include "wex_strict.h"
 
+// C libraries that are older than the flag do not define it.
+#ifndef RENAME_EXCHANGE
+#define RENAME_EXCHANGE (1 << 1)
+#endif
+
 namespace {
+
+// Where a user may make a directory anew whenever its name is free.
+constexpr int kTakeNameTries = 16;
 
 // Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
 // may give any file a name in our directories.
@@ -90,6 +99,26 @@ void close_to_others(int directory, mode_t mode) {
   }
 }
 
+// Two names change places, and neither is free in between. False where the kernel cannot (before Linux 3.15).
+bool exchange(int directory, const char* one, const char* other) {
+#ifdef SYS_renameat2
+  return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
+#else
+  errno = ENOSYS;
+  return false;
+#endif
+}
+
+// Takes what is there from its name: removed, or, when it is a directory with something in it, called
+// "aside-..." from then on.
+void clear_entry(int directory, const char* name, int number, const char* from) {
+  char aside[NAME_MAX + 1];
+  if (unlinkat(directory, name, AT_REMOVEDIR) != 0 && unlinkat(directory, name, 0) != 0 &&
+      wex_format(aside, sizeof aside, "aside-%d-%s", number, from)) {
+    renameat(directory, name, directory, aside);
+  }
+}
+
 }  // namespace
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
@@ -122,14 +151,21 @@ unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char
 }
 
 bool wex_take_name(int directory, const char* from, const char* name) {
-  char aside[NAME_MAX + 1];
-  if (renameat(directory, from, directory, name) == 0) {
-    return true;
+  for (int tries = 0; tries < kTakeNameTries; ++tries) {
+    if (renameat(directory, from, directory, name) == 0) {
+      return true;
+    }
+    if (errno != EISDIR) {
+      return false;
+    }
+    if (exchange(directory, from, name)) {
+      clear_entry(directory, from, tries, from);
+      return true;
+    }
+    clear_entry(directory, name, tries, from);
   }
-  const bool has_room =
-      errno == EISDIR && wex_format(aside, sizeof aside, "aside-%s", from) &&
-      (unlinkat(directory, name, AT_REMOVEDIR) == 0 || renameat(directory, name, directory, aside) == 0);
-  return has_room && renameat(directory, from, directory, name) == 0;
+  errno = EISDIR;
+  return false;
 }
 
 void wex_sync_directory_of(const char* path) {

@@ -137,3 +137,85 @@ TEST_F(StrictFlagFiles, AUserWhoHasTheirNamesFirstMovesNoServiceOfRootsOutOfItsD
   }
   unlink("/tmp/go");
 }
+
+// He makes it anew whenever it has gone; the daemon is slow after each removal.
+TEST_F(StrictFlagFiles, AUserWhoMakesADirectoryAgainAndAgainDoesNotKeepRootsFromItsName) {
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start_traced({"inject=unlink,unlinkat,rmdir:delay_exit=100000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& roots = process();
+  const words program =
+      actor_words({"--tag=roots", "--wait-for=/tmp/go", "--register=RESTART", "--confirm", "--hold"});
+  ASSERT_TRUE(roots.start(words_of_domain(program, 0)));
+  const std::string names[] = {flag_of(roots.pid()), registry::db_file(5, "actor", roots.pid())};
+  const child user([&] {
+    if (!become(kUser)) {
+      return false;
+    }
+    std::thread([names] {
+      for (;;) {
+        for (const std::string& name : names) {
+          mkdir(name.c_str(), 0755);
+        }
+        std::this_thread::sleep_for(1ms);
+      }
+    }).detach();
+    return eventually([&] { return exists(names[0]) && exists(names[1]); });
+  });
+  ASSERT_TRUE(user.ready());
+  write_file("/tmp/go", "");
+  EXPECT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  for (const std::string& name : names) {
+    struct stat facts = {};
+    EXPECT_TRUE(eventually(
+        [&] { return lstat(name.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid == 0; }, 10s))
+        << name << " is user " << facts.st_uid << "'s";
+  }
+  unlink("/tmp/go");
+}
+
+// Names that stand for the same number were taken for it, and the one that counts stayed: root's service that
+// has the pid next would be started again in that domain.
+TEST_F(StrictFlagFiles, OfAStoppedServiceOfRootsIsGoneWhateverNamesAUserHasPutBesideIt) {
+  const auto plant = [](const std::string& name) {
+    return as_user([&] { return mknod((kFlags + name).c_str(), S_IFREG | 0666, 0) == 0; });
+  };
+  Process& roots = process();
+  const words program =
+      actor_words({"--tag=roots", "--wait-for=/tmp/go", "--register=RESTART", "--confirm", "--hold"});
+  ASSERT_TRUE(roots.start(words_of_domain(program, 0)));
+  ASSERT_TRUE(plant("0" + text(roots.pid())));
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  ASSERT_TRUE(eventually([&] { return owner_of(flag_of(roots.pid())) == 0; }, 5s));
+  ASSERT_TRUE(plant("00" + text(roots.pid())));
+  roots.send(SIGTERM);
+  roots.wait();
+  EXPECT_TRUE(eventually([&] { return !is_registered(roots.pid()); }, 20s)) << read_console();
+  EXPECT_FALSE(exists(flag_of(roots.pid())));
+  unlink("/tmp/go");
+}
+
+// Were each of them opened, and told of, nobody else's messages and ends would be dealt with meanwhile.
+TEST_F(StrictFlagFiles, NamesWithoutEndDoNotHoldTheDaemonUpWhenAServiceIsStopped) {
+  constexpr int kNames = 20000;
+  Process& roots = process();
+  const words options = {"--tag=roots", "--register=RESTART", "--confirm", "--hold"};
+  ASSERT_TRUE(roots.start(words_of_domain(actor_words(options), 0)));
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  ASSERT_TRUE(as_user([&] {
+    for (int number = 0; number < kNames; ++number) {
+      const std::string name = std::string(kFlags) + "x" + text(number);
+      if ((number % 2 == 0 ? mkdir(name.c_str(), 0700) : mknod(name.c_str(), S_IFREG | 0600, 0)) != 0) {
+        return false;
+      }
+    }
+    return true;
+  }));
+  const size_t before = read_console().size();
+  roots.send(SIGTERM);
+  roots.wait();
+  EXPECT_TRUE(eventually([&] { return !is_registered(roots.pid()); }, 60s)) << read_console();
+  EXPECT_LT(read_console().size() - before, 4096U) << "it tells of each of them";
+  EXPECT_FALSE(exists(flag_of(roots.pid())));
+}

@@ -128,3 +128,36 @@ TEST_F(StrictRegistration, ASecondOneOfAKnownProcessNeedsNoMoreRoom) {
   EXPECT_EQ(refused + 1, counter(WEX_STATUS_REFUSED)) << "this one is another";
   EXPECT_EQ(nullptr, record_of(other));
 }
+
+// The daemon makes its file as root's before it has a record. Where it gets none the file would have it
+// started as root, or what it says would be started in the place of root's program.
+TEST_F(StrictRegistration, AListedProgramThatHasThePidOfRootsWritesNoFileOfRoots) {
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  ASSERT_EQ(0, registers(0, program));
+  --record_of(program)->start_time;
+  const std::string path = make_file(program);
+  write_file(path, "what root has registered");
+  EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+  EXPECT_EQ("what root has registered", read_file(path));
+  unlink(path.c_str());
+  EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+  EXPECT_EQ("none", owner_and_mode(path));
+}
+
+TEST_F(StrictRegistration, AListedProgramThatTakesAPidAndIsRefusedLeavesNoFileOfRoots) {
+  be_strict(1);
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  ASSERT_EQ(0, registers(kOtherUser, program));
+  const std::string path = make_file(program);
+  unlink(path.c_str());
+  wex_pid* const waiting = record_of(program);
+  --waiting->start_time;
+  waiting->exit_seen = 1;
+  const uint32_t refused = counter(WEX_STATUS_REFUSED);
+  EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+  EXPECT_EQ(refused + 1, counter(WEX_STATUS_REFUSED));
+  EXPECT_LT(waiting->pid, 0);
+  EXPECT_EQ("none", owner_and_mode(path));
+}
