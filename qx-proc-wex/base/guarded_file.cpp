@@ -23,7 +23,11 @@
 #include "wex_paths.h"
 #include "wex_strict.h"
 
-// C libraries that are older than the flag do not define it.
+// C libraries that are older than the call define neither. One of no number fails as it does on older
+// kernels.
+#ifndef SYS_renameat2
+#define SYS_renameat2 (-1)
+#endif
 #ifndef RENAME_EXCHANGE
 #define RENAME_EXCHANGE (1 << 1)
 #endif
@@ -101,12 +105,7 @@ void close_to_others(int directory, mode_t mode) {
 
 // Two names change places, and neither is free in between. False where the kernel cannot (before Linux 3.15).
 bool exchange(int directory, const char* one, const char* other) {
-#ifdef SYS_renameat2
   return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
-#else
-  errno = ENOSYS;
-  return false;
-#endif
 }
 
 // Takes what is there from its name: removed, or, when it is a directory with something in it, called
