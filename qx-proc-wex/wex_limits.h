@@ -87,6 +87,9 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
 inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
+inline constexpr int kUnseenLookMs = 100;        // least time between two looks for programs that detached,
+inline constexpr int kUnseenLookShare = 50;      // and in how many times its own length one of them may begin
+inline constexpr int kLookPutOffMs = 1000;       // by events that do not end
 inline constexpr int kSubscriptionWaitMs = 100;  // how long the kernel may take to answer the subscription
 
 // The end of the daemon. A restart that is under way may take 5.5 s of searching and the platform's time
