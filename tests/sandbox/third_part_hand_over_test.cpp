@@ -194,11 +194,11 @@ TEST_F(ThirdPartHandOver, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
   const std::string app = install("replacing");
   describe("replacing", app + " WEX_RESTART");
   ASSERT_TRUE(start_daemon());
-  PassersBy others(500, 300000, 5000);
+  PassersBy others(1500, 300000, 1000);
   ASSERT_TRUE(start_by_hand({app}));
   EXPECT_TRUE(registered(app, by_hand_.pid(), "replacing"));
   pid_t now = by_hand_.pid();
-  for (int round = 1; now != 0 && round <= 5; ++round) {
+  for (int round = 1; now != 0 && round <= 20; ++round) {
     EXPECT_TRUE(replaces_itself(app, now));
     if (round == 1) {
       by_hand_.wait();
