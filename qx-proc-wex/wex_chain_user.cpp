@@ -20,6 +20,7 @@
 #include "unique_fd.h"
 #include "wex_chain_identity.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_flag_file.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
@@ -263,14 +264,11 @@ bool judge_dead(wex_pid* rec, const struct stat& facts) {
   return rec->user != kUnknownUser;
 }
 
-// Whether root's file of this name was made for the registration. A user may have moved another file of
-// root's there, out of a directory of his own.
-bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
-  if (holds_locked_files() && is_locked_file(facts)) {
-    return true;  // made by this daemon, and not to be opened by it
-  }
+// Whether the file of this name says what is registered, and whose that very file is: the name may be another
+// file's at the next look.
+bool says(const wex_pid* rec, const char* name, struct stat* facts) {
   wex_pid registered = {};
-  if (wex_read_pidfile(name, &registered) != 0) {
+  if (wex_read_pidfile_facts(name, &registered, facts) != 0) {
     return false;
   }
   rtrim(registered.script);
@@ -278,6 +276,16 @@ bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) 
   wex_copy_text(command, sizeof command, rec->process);
   rtrim(command);
   return registered.pid == rec->pid && !wex_is_other_command(command, registered.script);
+}
+
+// Whether root's file of this name was made for the registration. A user may have moved another file of
+// root's there, out of a directory of his own.
+bool is_file_of(const wex_pid* rec, const char* name, const struct stat& facts) {
+  if (holds_locked_files() && is_locked_file(facts)) {
+    return true;  // made by this daemon, and not to be opened by it
+  }
+  struct stat read = {};
+  return says(rec, name, &read) && read.st_dev == facts.st_dev && read.st_ino == facts.st_ino;
 }
 
 // Whether the file of this name may go on being the registration's. Not one that others could write to: they
@@ -296,6 +304,15 @@ bool make_anew(const wex_pid* rec, const wex_user& user, const struct stat& fact
     return true;
   }
   return !may_be_from(facts, user) && wex_db_destroy(rec) == 0 && wex_renew_pidfile(rec, user.uid, user.gid);
+}
+
+// The flag file of a process that is registered in a domain, which its program could not make itself, or not
+// as its user's: without one it would be started again in the main system.
+void own_flag_file(const wex_pid* rec, const wex_user& user) {
+  if (rec->vsd >= kFirstDomain && rec->vsd < WEX_DOMAINS && rec->pid > 0 &&
+      wex_find_domain(rec->pid, &user.uid) < 0) {
+    wex_make_flag_file_of(user.uid, rec->vsd, rec->pid);
+  }
 }
 
 }  // namespace
@@ -416,6 +433,9 @@ void wex_own_database_file(const wex_pid* rec) {
   const wex_user* const user = wex_user_of(rec);
   char name[kPathSize];
   struct stat facts = {};
+  if (user != nullptr) {
+    own_flag_file(rec, *user);
+  }
   if (user == nullptr || !wex_name_pidfile(rec, name) || lstat(name, &facts) != 0) {
     return;
   }
@@ -497,7 +517,9 @@ bool wex_judge_ended(wex_pid* rec) {
   }
   wex_release_user(rec);
   rec->user = kUnknownUser;
-  const bool counts = wex_name_pidfile(rec, name) && lstat(name, &facts) == 0 && judge_dead(rec, facts);
+  const uint64_t start_time = rec->start_time;
+  const bool counts = wex_name_pidfile(rec, name) && says(rec, name, &facts) && judge_dead(rec, facts);
+  rec->start_time = start_time;  // what was kept by an earlier daemon has none
   wex_hold_user(rec);
   if (const wex_user* const user = wex_user_of(rec)) {
     wex_status_show_user(rec, user->uid);

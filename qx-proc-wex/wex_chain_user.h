@@ -79,7 +79,8 @@ void wex_forget_user(int32_t pid);
 void wex_tidy_users(bool (*has_record)(int32_t pid));
 
 // Has the record's database file belong to its user, and closed to others. What somebody else has put at its
-// name is replaced: it would not count, and its owner can still write to it. Caller holds wex_chains.
+// name is replaced: it would not count, and its owner can still write to it. A record of a domain gets a flag
+// file when there is none that counts. Caller holds wex_chains.
 void wex_own_database_file(const wex_pid* rec);
 
 // Sets rec->user for a registration that was read from a database file with these facts. A living process is

@@ -35,14 +35,19 @@ priority_mutex g_mutex;
 newcomer g_newcomers[kNewcomers] WEX_TSA(guarded_by(g_mutex)) = {};
 uint64_t g_number WEX_TSA(guarded_by(g_mutex)) = 0;  // of the last one
 
-// The newcomer of this pid; in strict mode that which started then, unless one of the times is not known.
-newcomer* find_newcomer(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(g_mutex)) {
-  newcomer* const found =
-      std::find_if(std::begin(g_newcomers), std::end(g_newcomers), [pid, start_time](const newcomer& entry) {
-        return entry.pid == pid &&
-               (start_time == 0 || entry.start_time == 0 || entry.start_time == start_time);
-      });
-  return found != std::end(g_newcomers) ? found : nullptr;
+// The last newcomer of this pid; in strict mode that which started then, unless one of the times is not
+// known, and which this user may have named, unless he is null.
+newcomer* find_newcomer(int32_t pid, uint64_t start_time, const uid_t* user = nullptr)
+    WEX_TSA(requires_capability(g_mutex)) {
+  newcomer* last = nullptr;
+  for (newcomer& entry : g_newcomers) {
+    const bool then = start_time == 0 || entry.start_time == 0 || entry.start_time == start_time;
+    const bool his = user == nullptr || entry.speaker == kRoot || entry.speaker == *user;
+    if (entry.pid == pid && then && his && (last == nullptr || entry.number > last->number)) {
+      last = &entry;
+    }
+  }
+  return last;
 }
 
 // The newcomer that has been there longest, of those that are meant; null when there is none.
@@ -131,11 +136,13 @@ void wex_expect_newcomer(int32_t pid, uid_t speaker) {
   }
 }
 
-void __wex_note_early_end(int32_t pid, uint32_t exit_code) {
+void __wex_note_early_end(int32_t pid, uint32_t exit_code, uint64_t exit_tick) {
   const mutex_lock hold(g_mutex);
   for (newcomer& entry : g_newcomers) {
-    // Whoever gets the pid after its end is another process, which strict mode keeps apart.
-    if (entry.pid == pid && (!entry.ended || entry.start_time == 0)) {
+    // Whoever gets the pid after its end is another process, which strict mode keeps apart, also when it is
+    // expected before that end is reported.
+    const bool later = exit_tick != 0 && entry.start_time > exit_tick + kStartTickSlack;
+    if (entry.pid == pid && !later && (!entry.ended || entry.start_time == 0)) {
       entry.exit_code = exit_code;
       entry.ended = true;
     }
@@ -150,9 +157,9 @@ void wex_forget_newcomer(int32_t pid, uint64_t start_time, uid_t speaker) {
   }
 }
 
-uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time) {
+uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time, uid_t user) {
   const mutex_lock hold(g_mutex);
-  newcomer* const entry = find_newcomer(pid, start_time);
+  newcomer* const entry = find_newcomer(pid, start_time, &user);
   if (entry == nullptr) {
     return 0;
   }

@@ -20,9 +20,13 @@ void wex_expect_newcomer(int32_t pid, uid_t speaker);
 // will ask how it ended. What another user registers is not meant.
 void wex_forget_newcomer(int32_t pid, uint64_t start_time, uid_t speaker);
 
-// The kernel has reported the end of a process. Exit monitor only.
-void __wex_note_early_end(int32_t pid, uint32_t exit_code) WEX_TSA(requires_capability(wex_chains));
+// The kernel has reported the end of a process, which was in this tick since the boot unless that is not
+// known (0). Exit monitor only.
+void __wex_note_early_end(int32_t pid, uint32_t exit_code, uint64_t exit_tick)
+    WEX_TSA(requires_capability(wex_chains));
 
 // The exit code of the process when its end was reported since it was expected, else 0. Once. In strict mode
-// the process that started then, unless its `start_time` is not known (0).
-uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));
+// the process that started then, unless its `start_time` is not known (0), and that this user has named, or
+// root.
+uint32_t __wex_take_early_end(int32_t pid, uint64_t start_time, uid_t user)
+    WEX_TSA(requires_capability(wex_chains));

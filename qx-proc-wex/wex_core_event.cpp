@@ -45,15 +45,6 @@ wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(
   return nullptr;
 }
 
-// Whether the event is of a registered process. That of one whose registration is under way is kept for it.
-bool is_registered(const process_event& event) {
-  chain_lock hold(wex_chains);
-  if (event.pid == event.tgid) {
-    __wex_note_early_end(event.pid, event.exit_code);
-  }
-  return record_of_event(event.pid, event.tgid) != nullptr;
-}
-
 void note_crash(int32_t pid, int32_t tgid) {
   chain_lock hold(wex_chains);
   if (wex_pid* const rec = record_of_event(pid, tgid)) {
@@ -97,6 +88,15 @@ int64_t clock_shift() {
 
 uint64_t tick_of(const process_event& event) {
   return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
+}
+
+// Whether the event is of a registered process. That of one whose registration is under way is kept for it.
+bool is_registered(const process_event& event) {
+  chain_lock hold(wex_chains);
+  if (event.pid == event.tgid) {
+    __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
+  }
+  return record_of_event(event.pid, event.tgid) != nullptr;
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report by one look at /proc. A pid

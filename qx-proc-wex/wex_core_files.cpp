@@ -78,15 +78,16 @@ bool file_is_left_behind(int32_t pid, const char* path, successor* now) {
 
 // Nobody has the pid, or a process that runs another program than the file names. That it began after the
 // file was written is not enough: the clock may have been set. Nor is the program: a process may change its
-// command line. One with a flag file in another domain would lead the restart there.
-bool is_not_the_files(const successor& now, const wex_pid* rec) {
+// command line. One with a flag file in another domain would lead the restart there, in strict mode where the
+// file's owner or root has made it.
+bool is_not_the_files(const successor& now, const wex_pid* rec, uid_t owner) {
   if (now.start_time == 0) {
     return !wex_pid_exists(rec->pid);
   }
   const process_look look = wex_look_at(rec->pid);
   return look.sight == process_look::seen && look.start_time == now.start_time &&
          wex_is_other_command(now.command, rec->process) &&
-         std::max(find_app(rec->pid), kMainSystem) == rec->vsd;
+         std::max(wex_find_domain(rec->pid, &owner), kMainSystem) == rec->vsd;
 }
 
 // Reads the file into `rec`; true when it is a registration that nobody knows, of a process that is gone,
@@ -102,7 +103,8 @@ bool read_lost(int32_t vsd, const char* path, const successor& now, wex_pid* rec
   char fitting[kPathSize];
   return wex_name_pidfile(rec, fitting) && strcmp(path, fitting) == 0 &&
          wex_find_action(rec->action) != nullptr && __wex_find_pid(&wex_chains, rec->pid) == nullptr &&
-         is_not_the_files(now, rec) && wex_proc_is_exit(rec) == 1 && is_allowed(path, rec, facts);
+         is_not_the_files(now, rec, facts.st_uid) && wex_proc_is_exit(rec) == 1 &&
+         is_allowed(path, rec, facts);
 }
 
 // Gives it a record, so that the sweep finds the lost exit and restarts the program. When a new process of
@@ -117,7 +119,9 @@ void adopt_if_lost(int32_t vsd, const char* path, const successor& now) {
   wex_dbg(WEX_DBG_PUB, "%s: registration of pid %d was lost\n", "wex_look_at_files", rec->pid);
   rec->start_time = kStartOfNobody;
   wex_note_failed(rec);
-  rec->known_code = __wex_take_early_end(rec->pid, 0);
+  uid_t user = 0;
+  wex_uid_of(rec, &user);
+  rec->known_code = __wex_take_early_end(rec->pid, 0, user);
   __wex_add_record(&wex_chains, rec);
   wex_request_sweep();
 }

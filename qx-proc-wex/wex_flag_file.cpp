@@ -33,6 +33,8 @@
 
 namespace {
 
+constexpr char kBegun[] = ".begun-";  // no number, and no file that a removal would look at
+
 // Names are looked up in the opened directory: the name of the directory may be a link by now, and the
 // working directory is the whole process's.
 unique_fd open_flag_dir(int32_t vsd) {
@@ -144,6 +146,10 @@ int save_proc_info(int32_t vsd, int32_t pid) {
 
 }  // extern "C"
 
+int wex_save_proc_info_of(uid_t user, int32_t vsd, int32_t pid) {
+  return wex_enter_run_dir(vsd) == 0 && wex_make_flag_file_of(user, vsd, pid) ? 0 : -errno;
+}
+
 int32_t wex_find_domain(int32_t pid, const uid_t* user) {
   if (!wex_strict().on) {
     return find_app(pid);
@@ -187,6 +193,36 @@ bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode) {
   char path[kPathSize];
   wex_name_flag_file(vsd, pid, path);
   return wex_open_file(path, O_RDWR | O_CREAT, mode).valid();
+}
+
+bool wex_make_flag_file_of(uid_t user, int32_t vsd, int32_t pid) {
+  char path[kPathSize];
+  char last[NAME_MAX + 1];
+  char begun[NAME_MAX + 1];
+  struct stat facts = {};
+  wex_name_flag_file(vsd, pid, path);
+  if (!wex_strict().on) {
+    return wex_make_flag_file(vsd, pid, kDomainFileMode);
+  }
+  const unique_fd directory = open_trusted_parent(path, last);
+  if (!directory.valid()) {
+    return false;
+  }
+  if (fstatat(directory.get(), last, &facts, AT_SYMLINK_NOFOLLOW) == 0 && facts.st_uid == user &&
+      may_say(facts, &user)) {
+    return true;
+  }
+  const unique_fd file = wex_create_beside(directory.get(), kBegun, kDomainFileMode, begun);
+  if (!file.valid()) {
+    return false;
+  }
+  if ((user == 0 || fchown(file.get(), user, 0) == 0) && wex_take_name(directory.get(), begun, last)) {
+    return true;
+  }
+  const int cause = errno;
+  unlinkat(directory.get(), begun, 0);
+  errno = cause;
+  return false;
 }
 
 void wex_remove_flag_files(int32_t vsd, int32_t pid) {

@@ -35,6 +35,13 @@ void wex_name_flag_file(int32_t vsd, int32_t pid, char (&path)[kPathSize]);
 // Makes the empty file that says that `pid` is a process of the domain. False with errno.
 bool wex_make_flag_file(int32_t vsd, int32_t pid, mode_t mode);
 
+// The same for the daemon's own. In strict mode it is the process's user's, for what is root's would count
+// for whatever process has the pid next, and whatever another user has put there makes room.
+bool wex_make_flag_file_of(uid_t user, int32_t vsd, int32_t pid);
+
+// As save_proc_info(), with such a file.
+int wex_save_proc_info_of(uid_t user, int32_t vsd, int32_t pid);
+
 // Removes every flag file of `pid` in the domain.
 void wex_remove_flag_files(int32_t vsd, int32_t pid);
 

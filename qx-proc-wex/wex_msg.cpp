@@ -157,7 +157,9 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
 // The exit code of an end before there was a record. One that was made of the newcomer's file may know it.
 uint32_t take_early_end(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   const bool process = newcomer->thread_of == 0;  // a thread's record knows the start of its process
-  const uint32_t code = __wex_take_early_end(newcomer->pid, process ? newcomer->start_time : 0);
+  uid_t user = kRoot;
+  wex_uid_of(newcomer, &user);
+  const uint32_t code = __wex_take_early_end(newcomer->pid, process ? newcomer->start_time : 0, user);
   const wex_pid* const before = __wex_find_pid(&wex_chains, newcomer->pid);
   return code == 0 && before != nullptr ? before->known_code : code;
 }
@@ -429,10 +431,18 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
     return -1;
   }
   const chain_lock hold(wex_chains);
+  const bool unknown = __wex_find_pid(&wex_chains, pid) == nullptr;
+  if (unknown) {
+    wex_keep_user(rec);  // first: the file is root's until it has its record, and the daemon may be killed
+  }
   if (described) {
     wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }
-  insert_process(rec);
+  const wex_pid refused = *rec;
+  if (!insert_process(rec) && unknown && wex_strict().on) {
+    wex_db_destroy(&refused);  // it is root's, whosever program it names
+    wex_forget_user(pid);
+  }
   return 0;
 }
 

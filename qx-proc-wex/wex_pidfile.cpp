@@ -96,10 +96,16 @@ mode_t db_mode(bool strict) {
   return strict ? kStrictDbMode : kDbMode;
 }
 
-// A program may run with more rights than those of its user, who may end it before it is registered. What it
-// leaves then must not count as written by him whose rights it had.
+// A program may run with more rights than those of its user, who may end it before it is registered, and has
+// chosen how it is called. What it leaves then must not count as written by him whose rights it had.
 bool give_to_real_user(int fd) {
   return getuid() == geteuid() || fchown(fd, getuid(), getgid()) == 0;
+}
+
+// Whether such a program would write over a file that its user could not: that of a dead process of its pid.
+bool is_anothers(const char* name) {
+  struct stat facts = {};
+  return getuid() != geteuid() && lstat(name, &facts) == 0 && facts.st_uid != getuid();
 }
 
 // Creates, fills and locks the file `name`. 0 and the descriptor to keep (none when another process holds the
@@ -109,7 +115,9 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
   const bool fits = name_file(vsd, pid, text, name);
   int cause = errno;
   wex_dbg(WEX_DBG_PUB, "%s vsd:%d path:%s file:%s\n", "wex_db_create", vsd, text, name);
-  if (fits) {
+  if (fits && mode == kStrictDbMode && is_anothers(name)) {
+    cause = EACCES;  // the daemon puts one in its place
+  } else if (fits) {
     *out = wex_open_file(name, O_RDWR | O_CREAT | O_TRUNC, mode);
     cause = errno;
   }
@@ -138,23 +146,6 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
 // program is called.
 bool is_begun(const char* name) {
   return strncmp(name, kBegun, strlen(kBegun)) == 0 && strchr(name, '.') == nullptr;
-}
-
-// A file of our own, beside those of users: nobody can foresee its name and be there before. `name` receives
-// it.
-unique_fd create_beside(int directory, int32_t pid, char (&name)[NAME_MAX + 1]) {
-  uint64_t number = 0;
-  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
-  if (safe_read(random.get(), &number, sizeof number) != static_cast<int32_t>(sizeof number)) {
-    return unique_fd();
-  }
-  wex_format(name, sizeof name, "%s%d-%016llx", kBegun, pid, static_cast<unsigned long long>(number));
-  unique_fd file(
-      openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kStrictDbMode));
-  if (file.valid()) {
-    confirm_close_on_exec(file.get());
-  }
-  return file;
 }
 
 // The command text of a message, which need not be terminated.
@@ -196,8 +187,11 @@ int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text) {
   return result;
 }
 
+// In strict mode a flag file is its process's user's, or root's for all that has the pid after it: the daemon
+// makes it with the record, which says whose the process is.
 void save_vsd_flag(int32_t vsd, int32_t pid) {
-  if (vsd == kMainSystem || wex_make_flag_file(vsd, pid, kClientFlagFileMode)) {
+  if (vsd == kMainSystem || wex_strict().on || (wex_strict_is_wanted() && getuid() != geteuid()) ||
+      wex_make_flag_file(vsd, pid, kClientFlagFileMode)) {
     return;
   }
   const int cause = errno;
@@ -256,7 +250,9 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
     directory = open_trusted_parent(name, last);
   }
   if (directory.valid()) {
-    file = create_beside(directory.get(), rec->pid, begun);
+    char prefix[sizeof kBegun + 16];
+    wex_format(prefix, sizeof prefix, "%s%d-", kBegun, rec->pid);
+    file = wex_create_beside(directory.get(), prefix, kStrictDbMode, begun);
   }
   if (!file.valid()) {
     wex_dbg(WEX_DBG_PUB, "%s: %s: %s\n", __func__, name, strerror(errno));
@@ -265,7 +261,7 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
   const bool whole = fill(file.get(), rec->pid, rec->action, rec->process) &&
                      fchmod(file.get(), kStrictDbMode) == 0 &&
                      (owner == 0 || fchown(file.get(), owner, group) == 0);
-  if (!whole || renameat(directory.get(), begun, directory.get(), last) != 0) {
+  if (!whole || !wex_take_name(directory.get(), begun, last)) {
     wex_dbg(WEX_DBG_PUB, "%s: %s: %s\n", __func__, name, strerror(errno));
     unlinkat(directory.get(), begun, 0);
     return false;

@@ -16,7 +16,8 @@ int wex_get_db_file_name(int32_t vsd, int32_t pid, const char* text, char* buffe
 // Creates, fills and locks the file; the lock lives as long as the calling process. 0, or -1 (not opened).
 int wex_db_create(int32_t vsd, int32_t pid, int32_t action, const char* text);
 
-// Creates the domain flag file; nothing for domain 0.
+// Creates the domain flag file; nothing for domain 0. In strict mode only in a process of its real user's:
+// the daemon makes the others (wex_own_database_file).
 void save_vsd_flag(int32_t vsd, int32_t pid);
 
 // Database file and flag file of a registration. `kind` 1 means RESPAWN, all else SHELL_RESTART. 0, or -1.

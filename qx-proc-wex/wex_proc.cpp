@@ -237,7 +237,7 @@ int32_t find_third_part(const launch& start, pid_t child, int32_t* out_pid)
     return 0;
   }
   if (found != child && start.domain >= kFirstDomain) {
-    save_proc_info(start.domain, found);  // or it would be restarted in the main system
+    wex_save_proc_info_of(0, start.domain, found);  // or it would be restarted in the main system
     drop_flag_file_of_dead(start.domain, child);
   }
   *out_pid = found;

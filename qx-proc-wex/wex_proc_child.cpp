@@ -27,6 +27,7 @@
 #include "safe_io.h"
 #include "signals_held.h"
 #include "text_buffer.h"
+#include "trusted_path.h"
 #include "unique_fd.h"
 #include "waiting.h"
 #include "wex_chain.h"
@@ -48,6 +49,8 @@
 #endif
 
 namespace {
+
+constexpr char kBegunForkFile[] = ".begun-";  // what the name of one begins with that is to replace a user's
 
 // What a child needs: its program, and what the parent has found out or opened before the fork.
 struct child_start {
@@ -469,12 +472,30 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
   const pid_t child = start_child(start);
   starting.reset();
   if (child > 0) {
-    save_proc_info(start->what->domain, static_cast<int32_t>(child));
+    const wex_user* const user = start->what->user;
+    wex_save_proc_info_of(user != nullptr ? user->uid : 0, start->what->domain, static_cast<int32_t>(child));
     if (started.valid()) {
       await_exec(child, started);
     }
   }
   return child;
+}
+
+// In the place of a user's, which would never count. He may make his anew whenever it has gone, so root's
+// takes the name from it.
+unique_fd make_forkfile_anew() {
+  char last[NAME_MAX + 1];
+  char begun[NAME_MAX + 1];
+  unique_fd file;
+  const unique_fd directory = open_trusted_parent(kForkFile, last);
+  if (directory.valid()) {
+    file = wex_create_beside(directory.get(), kBegunForkFile, kForkFileMode, begun);
+  }
+  if (file.valid() && !wex_take_name(directory.get(), begun, last)) {
+    unlinkat(directory.get(), begun, 0);
+    file.reset();
+  }
+  return file;
 }
 
 // Where the replaced process's database file is.
@@ -560,11 +581,11 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
 }
 
 int wex_mk_forkfile(void) {
+  unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
   struct stat facts = {};
-  if (wex_strict().on && lstat(kForkFile, &facts) == 0 && facts.st_uid != 0) {
-    wex_unlink(kForkFile);  // a user's would never count
+  if (wex_strict().on && (!file.valid() || fstat(file.get(), &facts) != 0 || facts.st_uid != 0)) {
+    file = make_forkfile_anew();
   }
-  const unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
   if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
     return -1;
   }

@@ -106,6 +106,32 @@ unique_fd wex_open_file_at(int directory, const char* name, int flags) {
   return open_checked(directory, name, flags, 0);
 }
 
+unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]) {
+  uint64_t number = 0;
+  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+  if (!random.valid() ||
+      safe_read(random.get(), &number, sizeof number) != static_cast<int32_t>(sizeof number) ||
+      !wex_format(name, sizeof name, "%s%016llx", prefix, static_cast<unsigned long long>(number))) {
+    return unique_fd();
+  }
+  unique_fd file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (file.valid()) {
+    confirm_close_on_exec(file.get());
+  }
+  return file;
+}
+
+bool wex_take_name(int directory, const char* from, const char* name) {
+  char aside[NAME_MAX + 1];
+  if (renameat(directory, from, directory, name) == 0) {
+    return true;
+  }
+  const bool has_room =
+      errno == EISDIR && wex_format(aside, sizeof aside, "aside-%s", from) &&
+      (unlinkat(directory, name, AT_REMOVEDIR) == 0 || renameat(directory, name, directory, aside) == 0);
+  return has_room && renameat(directory, from, directory, name) == 0;
+}
+
 void wex_sync_directory_of(const char* path) {
   char directory[kPathSize];
   const char* const slash = strrchr(path, '/');

@@ -2,6 +2,7 @@
 // thread.
 #pragma once
 
+#include <limits.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -18,6 +19,14 @@ unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 
 // The same for a file that exists, by its name in a directory that was opened along trusted links.
 unique_fd wex_open_file_at(int directory, const char* name, int flags);
+
+// A new file of ours in this directory, of a name that nobody can foresee, and so has taken before: `prefix`
+// and a number. `name` receives it. Invalid with errno.
+unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]);
+
+// Gives such a file its lasting name, whatever lies there; a directory is moved aside, or removed when it is
+// empty. False with errno.
+bool wex_take_name(int directory, const char* from, const char* name);
 
 // Puts a name that was just given on the disk: a file just created is still there after a power cut.
 void wex_sync_directory_of(const char* path);

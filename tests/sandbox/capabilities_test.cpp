@@ -314,6 +314,20 @@ TEST_F(StrictCapabilities, WithoutCapSetuidNoProgramOfAUserComesBack) {
   EXPECT_TRUE(console_says("]wex_spawn--> cannot become the user of the program: ")) << read_console();
 }
 
+// Each program is started with the groups that it had, root's too.
+TEST_F(StrictCapabilities, WithoutCapSetgidNoProgramComesBack) {
+  const std::vector<std::string> options = {"--tag=roots", "--register=RESTART", "--confirm", "--hold"};
+  ASSERT_TRUE(start_with(all_but("CAP_SETGID", true)));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  Process roots;
+  ASSERT_TRUE(roots.start(actor_words(options)));
+  ASSERT_TRUE(console_says("wex_dispatch_domain_msg type:1 err:0", 20s));
+  const pid_t old = roots.pid();
+  roots.kill_now();
+  EXPECT_TRUE(console_says("]wex_spawn--> cannot become the user of the program: ", 20s)) << read_console();
+  EXPECT_EQ(0, wait_for_actor(options, old, 1s));
+}
+
 TEST_F(StrictCapabilities, WithoutCapChownADirectoryStaysTheUsersWhoMadeIt) {
   ASSERT_TRUE(start_with(all_but("CAP_CHOWN", true)));
   ASSERT_TRUE(daemon_.wait_ready(30s));

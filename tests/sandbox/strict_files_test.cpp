@@ -352,6 +352,32 @@ TEST_F(StrictFiles, ForksThatFailAreCountedThoughAUserHasMadeTheirFile) {
   EXPECT_NE(std::string::npos, running_log().find("Unable to restart the process, wex will be restart."));
 }
 
+// He makes it anew whenever it has gone; the daemon is slow after each removal.
+TEST_F(StrictFiles, ForksThatFailAreCountedThoughAUserMakesTheirFileAgainAndAgain) {
+  ASSERT_TRUE(daemon.start_traced({"trace=clone,fork,vfork,unlinkat", "inject=clone,fork,vfork:error=ENOMEM",
+                                   "inject=unlinkat:delay_exit=300000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  const child user([] {
+    if (!become(kUser)) {
+      return false;
+    }
+    std::thread([] {
+      for (;;) {
+        close(open(kForkFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+        std::this_thread::sleep_for(1ms);
+      }
+    }).detach();
+    return eventually([] { return exists(kForkFile); });
+  });
+  ASSERT_TRUE(user.ready());
+  send_signal(roots.pid(), SIGKILL);
+  ASSERT_TRUE(console_says("fork fail, err: ", 20s)) << read_console();
+  EXPECT_EQ(0U, facts_of(kForkFile).st_uid);
+  EXPECT_EQ("a", read_file(kForkFile));
+}
+
 TEST_F(StrictFiles, AFlagFileCountsForAProcessOfItsOwner) {
   make_dirs("/tmp/vsd/5/wex");
   make_dirs("/data/var/run/vsd/5");

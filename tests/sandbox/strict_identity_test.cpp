@@ -204,3 +204,49 @@ TEST_F(StrictListedUsers, AProgramThatDetachesIsFollowedAndItsRestartsAreCounted
     now = settled(app_, now);
   }
 }
+
+// The file is root's until the program has its record.
+TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItMakesTheFileNothingIsStartedAsRoot) {
+  command_ = app_ = install("plain");
+  describe("plain", app_ + " WEX_RESTART");
+  ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  const pid_t first = by_hand_.pid();
+  ASSERT_TRUE(eventually([&] { return command_line(first) == app_; }));
+  const std::string file = policy::db_file("plain", first);
+  int call = 0;  // the one that locks the file, which has been written then
+  do {
+    unlink(file.c_str());
+    const std::string when = text(++call);
+    ASSERT_TRUE(daemon_.start_traced({file, "inject=fcntl,fcntl64:signal=KILL:when=" + when}));
+    ASSERT_TRUE(ended_by(daemon_.wait(20s), SIGKILL)) << read_console();
+  } while (read_file(file).empty());
+  end_by_hand();
+  ASSERT_TRUE(start_daemon());
+  const pid_t next = wait_for(app_, first, 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("1234", user_of(next));
+}
+
+// As root's, the file would have it started as root by the next daemon.
+TEST_F(StrictListedUsers, OneThatIsRefusedLeavesNoFile) {
+  write_file(kStrictFile, "registrations 1\n");
+  command_ = app_ = install("plain");
+  describe("plain", app_ + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  const words options = {"--tag=first", "--register=RESTART", "--confirm", "--hold"};
+  Process first;
+  ASSERT_TRUE(first.start(users_words(options)));
+  ASSERT_TRUE(eventually([&] { return StatusReader().slot_of(first.pid()).has_value(); }, 20s));
+  ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  const auto said = [] { return read_file(kRunningLog1) + read_file(kRunningLog2); };
+  ASSERT_TRUE(eventually([&] { return said().find("User 1234 was refused") != std::string::npos; }, 20s));
+  EXPECT_FALSE(exists(policy::db_file("plain", by_hand_.pid())));
+  daemon_.kill_now();
+  end_by_hand();
+  ASSERT_TRUE(start_daemon());
+  for (const pid_t pid : pids_with_command(app_)) {
+    ADD_FAILURE() << "runs as user " << user_of(pid);
+    send_signal(pid, SIGKILL);
+  }
+  daemon_.kill_now();
+}

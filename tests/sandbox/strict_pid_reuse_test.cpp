@@ -108,6 +108,18 @@ struct StrictPidReuseBeforeTheStart : StrictPidReuse {
                           user);
     return sent && eventually([&] { return is_registered(sleeper->pid()); }, 20s);
   }
+  // Its pid, once it has died after the daemon; 0 when it was not registered.
+  pid_t leave_dead_sleeper(uid_t user) {
+    Process& program = process();
+    if (!start_sleeper(&program, user)) {
+      return 0;
+    }
+    const pid_t pid = program.pid();
+    daemon.kill_now();
+    send_signal(pid, SIGKILL);
+    program.wait(20s);
+    return pid;
+  }
   static bool runs_sleeper(pid_t pid) { return command_line(pid) == kSleeper[0] + " " + kSleeper[1]; }
   static std::string file_of(pid_t pid) { return registry::db_file(0, "sleep", pid); }
   // The registered process of this user's that is not this one.
@@ -126,8 +138,11 @@ struct StrictPidReuseBeforeTheStart : StrictPidReuse {
     return found;
   }
   static const words kSleeper;
+  static const words kOtherSleeper;  // another program of the user's
 };
 const words StrictPidReuseBeforeTheStart::kSleeper = {"/usr/bin/sleep", "43210"};
+const words StrictPidReuseBeforeTheStart::kOtherSleeper = {"/usr/bin/setpriv", "--reuid=" + text(kUser),
+                                                           "--clear-groups", "/bin/sleep", "777"};
 
 }  // namespace
 
@@ -142,12 +157,8 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     start();
-    Process& program = process();
-    ASSERT_TRUE(start_sleeper(&program, row.program));
-    const pid_t pid = program.pid();
-    daemon.kill_now();
-    send_signal(pid, SIGKILL);
-    program.wait(20s);
+    const pid_t pid = leave_dead_sleeper(row.program);
+    ASSERT_GT(pid, 0);
     words other = {"/usr/bin/setpriv", "--reuid=" + text(row.process), "--clear-groups"};
     other.insert(other.end(), kSleeper.begin(), kSleeper.end());
     stranger taker(pid, other);
@@ -178,13 +189,9 @@ TEST_F(StrictPidReuseBeforeTheStart, AProgramIsBackBesideAnotherUsersProcess) {
 // Its file alone tells then whose it was. What runs something else, and began later, is not the program.
 TEST_F(StrictPidReuseBeforeTheStart, RootsProgramIsRootsAgainWhenAUserHasItsPidAndNothingWasKept) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, 0));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
+  const pid_t pid = leave_dead_sleeper(0);
+  ASSERT_GT(pid, 0);
   ASSERT_EQ(0, unlink((std::string(kUsersDir) + "/" + text(pid)).c_str()));
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
   stranger users(pid, {"/usr/bin/setpriv", "--reuid=" + text(kUser), "--clear-groups", "/bin/sleep", "777"});
   ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
   start();
@@ -199,12 +206,8 @@ TEST_F(StrictPidReuseBeforeTheStart, RootsProgramIsRootsAgainWhenAUserHasItsPidA
 // It has made the file anew under the same name, for the same command line.
 TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, kUser));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
+  const pid_t pid = leave_dead_sleeper(kUser);
+  ASSERT_GT(pid, 0);
   stranger roots(pid, kSleeper);
   ASSERT_EQ(0, chown(file_of(pid).c_str(), 0, 0));
   start();
@@ -215,12 +218,8 @@ TEST_F(StrictPidReuseBeforeTheStart, AFileOfTheOtherOnesIsItsOwn) {
 // Two database files name one pid then. What was kept for it is the user's, whichever file is read first.
 TEST_F(StrictPidReuseBeforeTheStart, BothAreRegisteredWhenTheOtherOneRegistersToo) {
   start();
-  Process& program = process();
-  ASSERT_TRUE(start_sleeper(&program, kUser));
-  const pid_t pid = program.pid();
-  daemon.kill_now();
-  send_signal(pid, SIGKILL);
-  program.wait(20s);
+  const pid_t pid = leave_dead_sleeper(kUser);
+  ASSERT_GT(pid, 0);
   const words of_root = service_words({"--tag=roots"});
   stranger roots(pid, actor_words(of_root));
   ASSERT_TRUE(eventually([&] { return exists(registry::db_file(0, "actor", pid)); }, 20s));
@@ -263,4 +262,67 @@ TEST_F(StrictPidReuseBeforeTheStart, WhatAnEarlierDaemonHasKeptIsUnderstood) {
   const pid_t next = other_of(kUser, lives.pid());
   ASSERT_GT(next, 0) << read_console();
   EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+}
+
+// Then another process of his has the pid.
+TEST_F(StrictPidReuseBeforeTheStart,
+       AProgramOfWhichAnEarlierDaemonHasKeptIsBackBesideAnotherProcessOfItsUsers) {
+  start();
+  Process& program = process();
+  ASSERT_TRUE(start_sleeper(&program, kUser));
+  const pid_t pid = program.pid();
+  daemon.kill_now();
+  const std::string kept = std::string(kUsersDir) + "/" + text(pid);
+  write_file(kept, replace_matches(read_file(kept), "3001 [0-9]+ \n", "3001 \n"), 0600);
+  send_signal(pid, SIGKILL);
+  program.wait(20s);
+  stranger users(pid, kOtherSleeper);
+  ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
+  start();
+  const pid_t next = other_of(kUser, pid);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+  EXPECT_TRUE(users.lives());
+}
+
+// Two more files of his name the pid that his other process has by now. They lie before and behind the
+// program's, in whatever order they are read.
+TEST_F(StrictPidReuseBeforeTheStart, WhatWasKeptOfAProgramIsNotLostToOtherFilesOfItsPid) {
+  start();
+  Process& program = process();
+  ASSERT_TRUE(start_sleeper(&program, kUser));
+  const pid_t pid = program.pid();
+  daemon.kill_now();
+  send_signal(pid, SIGKILL);
+  program.wait(20s);
+  const std::string said = read_file(file_of(pid));
+  ASSERT_EQ(0, unlink(file_of(pid).c_str()));
+  for (const char* name : {"before", "sleep", "behind"}) {
+    const std::string file = registry::db_file(0, name, pid);
+    write_file(file, name == std::string("sleep") ? said : text(pid) + "\n2\n/bin/" + name + " 1", 0700);
+    ASSERT_EQ(0, chown(file.c_str(), kUser, kUser));
+  }
+  stranger users(pid, kOtherSleeper);
+  ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
+  start();
+  const pid_t next = other_of(kUser, pid);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+}
+
+// Before Linux 3.17 a thread that executes a program gives the process another start time; a set-user-id
+// program may give it another user. Then the lock on its file is all that tells that it is the one.
+TEST_F(StrictPidReuseBeforeTheStart, AProcessThatHasItsFileLockedIsTheRegisteredOneWhateverHasChanged) {
+  start();
+  Process& service = process();
+  ASSERT_TRUE(start_service(&service, {"--tag=changed"}, 0));
+  const pid_t pid = service.pid();
+  daemon.kill_now();
+  const std::string kept = std::string(kUsersDir) + "/" + text(pid);
+  const std::string before = read_file(kept);
+  write_file(kept, "0 2 1234 1235 0 7 " + before.substr(before.find('\n')), 0600);
+  ASSERT_EQ(0, chown(registry::db_file(0, "actor", pid).c_str(), kUser, kUser));
+  start();
+  EXPECT_TRUE(is_registered(pid)) << read_console();
+  EXPECT_EQ(1U, pids_with_command(actor_command(service_words({"--tag=changed"}))).size());
 }

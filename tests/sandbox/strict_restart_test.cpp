@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "registry_files.h"
+#include "strict_set_user_id.h"
 #include "strict_world.h"
 
 namespace {
@@ -39,11 +40,6 @@ std::string leave_file(const words& options, uid_t owner, mode_t mode, int actio
   EXPECT_EQ(0, chmod(path.c_str(), mode));
   EXPECT_EQ(0, chown(path.c_str(), owner, owner));
   return path;
-}
-
-std::string uid_of(pid_t pid) {
-  const std::string ids = ids_of(pid, "Uid");
-  return ids.substr(0, ids.find(' '));
 }
 
 }  // namespace
@@ -394,47 +390,6 @@ TEST_F(StrictRestart, WhatAUserPutsAtTheNameOfRootsFileIsReplaced) {
 
 // ---- Programs that have their owner's rights, whoever runs them -------------------------------------------
 
-namespace {
-
-// The actor as a set-user-id program of root's that a user runs. He chooses what its registration says: how
-// it is called, its options, and when it ends.
-struct StrictSetUserId : StrictRestart {
-  void SetUp() override {
-    StrictRestart::SetUp();
-    write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nsomebody:x:1234:1235::/:/bin/sh\n");
-    ASSERT_TRUE(exited_with(run({"cp", actor_binary(), kProgram}), 0));
-    ASSERT_EQ(0, chown(kProgram, 0, 0));
-    ASSERT_EQ(0, chmod(kProgram, 04755));
-  }
-  void TearDown() override {
-    daemon.kill_now();
-    for (const pid_t pid : pids_with_command(kCommand)) {
-      send_signal(pid, SIGKILL);
-      EXPECT_TRUE(eventually([&] { return !is_alive(pid); }));
-    }
-    StrictRestart::TearDown();
-    EXPECT_EQ(0, unlink(kProgram));
-  }
-  // As the user, below what is said first.
-  static words users_program(const words& below = {}) {
-    words all = below;
-    all.insert(all.end(), {"setpriv", "--reuid=" + text(kUser), "--regid=" + text(kUsersGroup),
-                           "--clear-groups", kProgram, "--register=RESTART", "--hold"});
-    return all;
-  }
-  // The database file of its process, and what is known of it.
-  static std::string file_of(pid_t pid) { return registry::db_file(0, "suid", pid); }
-  static struct stat facts_of(const std::string& path) {
-    struct stat facts = {};
-    EXPECT_TRUE(lstat(path.c_str(), &facts) == 0 || errno == ENOENT) << path;
-    return facts;
-  }
-  static constexpr char kProgram[] = "/data/suid";
-  static constexpr char kCommand[] = "/data/suid --register=RESTART --hold";
-};
-
-}  // namespace
-
 TEST_F(StrictSetUserId, WhatAUserEndsBeforeItsMessageIsNotStartedAsRoot) {
   start();
   daemon.kill_now();  // the message has nobody to go to
@@ -450,7 +405,7 @@ TEST_F(StrictSetUserId, WhatAUserEndsBeforeItsMessageIsNotStartedAsRoot) {
   pid_t next = 0;
   ASSERT_TRUE(eventually(
       [&] {
-        for (const pid_t found : pids_with_command(kCommand)) {
+        for (const pid_t found : running_programs("users")) {
           next = found;
         }
         return next > 0;
@@ -475,4 +430,23 @@ TEST_F(StrictSetUserId, ItsFileIsTheUsersBeforeItSaysAnything) {
   ASSERT_EQ(0, lstat(file_of(program.pid()).c_str(), &facts));
   EXPECT_EQ(0, facts.st_size);
   EXPECT_EQ(kUser, facts.st_uid);
+}
+
+// He chooses how it is called, and has the pid of root's program that died while no daemon ran.
+TEST_F(StrictSetUserId, ItDoesNotWriteOverAFileOfRoots) {
+  start();
+  daemon.kill_now();
+  Process& program = process();
+  words all = users_program({"/bin/sh", "-c", "exec \"$@\" > /tmp/said 2>&1", "sh"});
+  all.insert(all.end() - 2, "--wait-for=/tmp/go");
+  ASSERT_TRUE(program.start(all));
+  const std::string name = file_of(program.pid());
+  write_file(name, "root's", 0700);
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([] { return contains_match(read_file("/tmp/said"), "connect refused"); }, 20s))
+      << "the message comes after the file";
+  EXPECT_EQ("root's", read_file(name));
+  EXPECT_EQ(0U, facts_of(name).st_uid);
+  unlink("/tmp/go");
+  unlink("/tmp/said");
 }

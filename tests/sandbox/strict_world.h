@@ -53,6 +53,11 @@ inline std::string ids_of(pid_t pid, const std::string& field) {
   return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
+inline std::string uid_of(pid_t pid) {
+  const std::string ids = ids_of(pid, "Uid");
+  return ids.substr(0, ids.find(' '));
+}
+
 inline std::string text(int64_t number) {
   return std::to_string(number);
 }

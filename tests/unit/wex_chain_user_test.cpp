@@ -168,3 +168,39 @@ TEST_F(OwnedFile, ALinkThatHeHasPutThereIsReplacedAndNotFollowed) {
   unlink(path.c_str());
   unlink("/tmp/target");
 }
+
+// An empty one and a full one. The registration would be lost with the daemon.
+TEST_F(OwnedFile, ADirectoryThatAUserHasMadeThereMakesRoom) {
+  for (const bool full : {false, true}) {
+    const wex_pid rec = record_of(0, dead_pid());
+    const std::string path = db_file(0, "owned", rec.pid);
+    ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+    if (full) {
+      write_file(path + "/full", "");
+    }
+    ASSERT_EQ(0, chown(path.c_str(), kOther, kOther));
+    wex_own_database_file(&rec);
+    EXPECT_TRUE(S_ISREG(facts_of(path).st_mode)) << full;
+    EXPECT_EQ(text_of(rec), read_file(path));
+    unlink(path.c_str());
+    const std::vector<std::string> left = wex_test::list_dir(kMainDbDir);
+    EXPECT_EQ(full ? 1U : 0U, left.size());
+    for (const std::string& name : left) {
+      EXPECT_EQ(0, unlink((std::string(kMainDbDir) + "/" + name + "/full").c_str()));
+      EXPECT_EQ(0, rmdir((std::string(kMainDbDir) + "/" + name).c_str()));
+    }
+  }
+}
+
+// A user has moved a program of root's there since it was read, out of a directory of his own.
+TEST_F(OwnedFile, ARegistrationThatIsJudgedAgainIsNotThatOfAnotherFileOfItsName) {
+  wex_pid rec = record_of(kUser, dead_pid());
+  const std::string path = db_file(0, "owned", rec.pid);
+  write_file(path, "#!/bin/sh");
+  ASSERT_EQ(0, chmod(path.c_str(), 0755));
+  EXPECT_FALSE(wex_judge_ended(&rec));
+  EXPECT_EQ(kUnknownUser, rec.user);
+  leave(rec, 0, 0700);
+  EXPECT_TRUE(wex_judge_ended(&rec)) << "root's own";
+  unlink(path.c_str());
+}

@@ -459,3 +459,22 @@ TEST_F(StrictDelay, OfFilesWithoutARecordAUserGetsNoMoreRecordsThanHeMayHave) {
   wex_look_at_files();
   EXPECT_EQ(2, known(of_first)) << "there is room for one more";
 }
+
+// A flag file of his would keep root's program down for as long as a process has its pid.
+TEST_F(StrictDelay, AUsersFlagFileIsNotAskedWhoseALostRegistrationIs) {
+  constexpr uid_t kUser = 1234;
+  service stranger;
+  const std::string flag = "/tmp/vsd/5/wex/" + std::to_string(stranger.pid());
+  const std::string file = file_of(stranger.pid());
+  write_file(file, std::to_string(stranger.pid()) + "\n2\n/bin/sleep 2000");
+  ASSERT_EQ(0, chmod(file.c_str(), 0700));
+  const timespec written = {time(nullptr) - 100, 0};
+  const timespec times[] = {written, written};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, file.c_str(), times, 0));
+  write_file(flag, "");
+  wex_look_at_files();
+  EXPECT_EQ(0, count(wex_chains)) << "root's would lead it there";
+  ASSERT_EQ(0, chown(flag.c_str(), kUser, kUser));
+  wex_look_at_files();
+  EXPECT_EQ(1, count(wex_chains));
+}

@@ -29,9 +29,10 @@ namespace {
 constexpr uid_t kRoot = 0;
 constexpr figures kHung = {5, 0, 120, 0};
 
-void be_strict() {
+void be_strict(int32_t registrations = kUserRegistrations) {
   strict_settings settings;
   settings.on = true;
+  settings.registrations = registrations;
   wex_set_strict(settings);
 }
 
@@ -215,10 +216,7 @@ TEST_F(Watchdog, InStrictModeAUserHasSoManyThreads) {
   in_child([] {
     service program(2);
     service other(1);
-    strict_settings settings;
-    settings.on = true;
-    settings.registrations = 1;
-    wex_set_strict(settings);
+    be_strict(1);
     const daemon_side daemon;
     program.change_user(kOtherUser, kOtherUser);
     other.change_user(kOtherUser + 1, kOtherUser + 1);
@@ -232,10 +230,7 @@ TEST_F(Watchdog, InStrictModeAUserHasSoManyThreads) {
 TEST_F(Watchdog, InStrictModeAThreadThatIsKnownNeedsNoMoreRoom) {
   in_child([] {
     service program(2);
-    strict_settings settings;
-    settings.on = true;
-    settings.registrations = 1;
-    wex_set_strict(settings);
+    be_strict(1);
     const daemon_side daemon;
     program.change_user(kOtherUser, kOtherUser);
     ASSERT_EQ(0, register_by(kOtherUser, program.pid(), program.pid()));

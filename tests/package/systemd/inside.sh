@@ -44,11 +44,18 @@ start_service() {                                  # NAME UNIT
   systemctl start "$2" || fail "$2 does not start"
   within 30 registered "$1" || fail "$1 was not registered"
 }
-kill_service() {                                   # NAME WHAT [SIGNAL]
-  local old
+who() { echo "$(facts "$1" Uid), $(facts "$1" Gid), $(facts "$1" Groups)"; }      # PID
+# comes_back NAME WHAT OLD-PID WHO-IT-WAS
+comes_back() {
+  within 30 registered "$1" "$3" || fail "$2: $1 does not come back"
+  is "$(who "$(pid_of "/usr/sbin/$1")")" "$4" "$2: who $1 is"
+}
+kill_service() {                                   # NAME WHAT
+  local old was
   old=$(pid_of "/usr/sbin/$1") || fail "$2: $1 does not run"
-  kill "-${3-KILL}" "$old"
-  within 30 registered "$1" "$old" || fail "$2: $1 does not come back"
+  was=$(who "$old")
+  kill -KILL "$old"
+  comes_back "$1" "$2" "$old" "$was"
 }
 # What a process has of its starter: compared between a life that systemd started and one that wex did.
 rights() {
@@ -85,15 +92,15 @@ unit_took_effect() {
   while IFS='=' read -r option value; do
     case $option in
       '' | '#'* | '['* | Description | WantedBy | ExecStart) continue ;;
-      RestartSec) is "${all[RestartUSec]}" "${value}s" $option ;;
-      StartLimitIntervalSec) is "${all[StartLimitIntervalUSec]}" "$value" $option ;;
-      KillSignal) is "${all[KillSignal]}" "$(kill -l "$value")" $option ;;
-      After) [[ " ${all[After]} " == *" $value "* ]] || fail "wex does not come after $value" ;;
-      Type | Environment | LimitCORE | Restart | KillMode | OOMScoreAdjust | OOMPolicy | TasksMax) is "${all[$option]}" "$value" $option ;;
+      RestartSec) is "${all[RestartUSec]-}" "${value}s" $option ;;
+      StartLimitIntervalSec) is "${all[StartLimitIntervalUSec]-}" "$value" $option ;;
+      KillSignal) is "${all[KillSignal]-}" "$(kill -l "$value")" $option ;;
+      After) [[ " ${all[After]-} " == *" $value "* ]] || fail "wex does not come after $value" ;;
+      Type | Environment | LimitCORE | Restart | KillMode | OOMScoreAdjust | OOMPolicy | TasksMax) is "${all[$option]-}" "$value" $option ;;
       *) fail "$unit has a line that nothing tries: $option=$value" ;;
     esac
   done < $unit
-  is "${all[NeedDaemonReload]}" no "the unit that systemd knows"
+  is "${all[NeedDaemonReload]-}" no "the unit that systemd knows"
   ! journalctl --no-pager | grep -E '(wex\.service|wex-least\.conf|least\.conf):[0-9]+:' || fail "systemd does not like a line"
 }
 
@@ -123,6 +130,7 @@ mask_of_guide() {
   printf '%016x' $mask
 }
 
+# Those of $die_alone also die while wex is away.
 services_outlive_wex() {
   local old=$daemon count
   note_pids
@@ -144,15 +152,17 @@ services_outlive_wex() {
   note_pids
   stop_wex systemctl stop wex
   all_live || fail "systemctl stop wex ended a service"
-  local dead
-  dead=$(pid_of /usr/sbin/root-service-a)
-  kill -KILL "$dead"
-  within 10 gone /usr/sbin/root-service-a || fail "root-service-a outlives SIGKILL"
+  local -A was=()
+  for name in $die_alone; do
+    was[$name]=$(who "$(cat "/trial/pid.$name")")
+    kill -KILL "$(cat "/trial/pid.$name")"
+    within 10 gone "/usr/sbin/$name" || fail "$name outlives SIGKILL"
+  done
   systemctl start wex || fail "systemctl start wex beside services of the former"
   ready "started beside services of the former"
   journalctl --no-pager --unit wex | grep -q 'Found left-over process .* Ignoring' || fail "systemd does not speak of left-over processes"
-  within 30 registered root-service-a "$dead" || fail "a service that died while wex was away stays down"
-  services=${services/root-service-a/} all_live || fail "systemctl start wex ended a service"
+  for name in $die_alone; do comes_back "$name" "dead while wex was away" "$(cat "/trial/pid.$name")" "${was[$name]}"; done
+  services=root-service-b all_live || fail "systemctl start wex ended a service"
   ok "systemctl stop wex ends wex alone, and the next start finds what died meanwhile"
 
   old=$daemon
@@ -162,14 +172,17 @@ services_outlive_wex() {
   ok "/etc/init.d/wex hands over to systemd"
 }
 
-# With the capabilities of the guide and no others, and back. Services that wex starts again have no others either.
+# With the capabilities of the guide and no others, and back. Services that wex starts again have no others either. In strict
+# mode wex also makes root's what a user has taken.
 with_least_capabilities() {
   local mask old=$daemon pid
   mask=$(mask_of_guide)
   mkdir -p $drop_in
   cp /usr/share/wex/wex-least.conf $drop_in/least.conf
+  [ ! -e /etc/wex/strict ] || chown service $database
   systemctl daemon-reload && systemctl restart wex || fail "systemctl restart wex with wex-least.conf"
   ready "with wex-least.conf" "$old"
+  is "$(stat -c %U $database)" root "with wex-least.conf: whose $database is"
   unit_took_effect
   capabilities_are "with wex-least.conf" "$mask"
   for name in $services; do
@@ -230,7 +243,7 @@ install_packages() {
 }
 
 boot_1() {
-  services='root-service-a root-service-b'
+  services='root-service-a root-service-b' die_alone=root-service-a
   systemd-sysusers --inline 'u service 1234' || fail "no user for the next boot"
   install_packages
   systemctl enable --now wex || fail "systemctl enable --now wex"
@@ -255,7 +268,7 @@ boot_1() {
 }
 
 boot_2() {
-  services='root-service-a root-service-b user-service'
+  services='root-service-a root-service-b user-service' die_alone='root-service-a user-service'
   ready "enabled, after a boot"
   is "$(grep -c 'detect more than 2 process exit in shorttime\[900\]s' /data/.wex_reboot)" 1 "reboots in the record"
   grep -q 'wex restarts the device: detect more than 2 process exit' /data/.wex_history || fail "no history of the reboot"

@@ -1,0 +1,139 @@
+// Strict mode: flag files, which say in which domain a program is started again.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include "registry_files.h"
+#include "strict_world.h"
+#include "taken_pid.h"
+#include "unique_fd.h"
+
+namespace {
+
+using namespace strict_world;
+
+constexpr char kFlags[] = "/tmp/vsd/5/wex/";
+constexpr char kRunOfDomain[] = "/data/var/run/vsd/5";
+constexpr char kSetUserId[] = "/data/flagged";
+
+// Domain 5, as one that is set up.
+struct StrictFlagFiles : Strict {
+  void SetUp() override {
+    Strict::SetUp();
+    for (const char* path : {kFlags, "/tmp/vsd/5/wex/db", kRunOfDomain}) {
+      make_dirs(path);
+      ASSERT_EQ(0, chmod(path, 01777));
+    }
+    start();
+  }
+  void TearDown() override {
+    Strict::TearDown();
+    unlink(kSetUserId);
+  }
+  static std::string flag_of(pid_t pid) { return kFlags + text(pid); }
+  static uid_t owner_of(const std::string& path) {
+    struct stat facts = {};
+    return lstat(path.c_str(), &facts) == 0 ? facts.st_uid : ~uid_t{0};
+  }
+  static std::string directory_of(pid_t pid) {
+    char target[256] = {};
+    return readlink(("/proc/" + text(pid) + "/cwd").c_str(), target, sizeof target - 1) > 0 ? target : "";
+  }
+  // An actor's words as this user, with the group of the domain.
+  static words words_of_domain(const words& program, uid_t user) {
+    words all = {"setpriv", "--reuid=" + text(user), "--regid=" + text(user), "--groups=3500"};
+    all.insert(all.end(), program.begin(), program.end());
+    return all;
+  }
+  bool cancel_as_user(pid_t pid) {
+    return as_user([&] {
+             const raw_client client;
+             const wex_cons_info cancel = {WEX_CANCEL_PROC, pid};
+             return client.send_body(WEX_CONS_MSG, cancel) && client.acknowledged();
+           }) &&
+           eventually([&] { return !is_registered(pid); }, 20s);
+  }
+};
+
+}  // namespace
+
+// It stays when its registration is cancelled. As root's it would count for whatever process has the pid
+// next.
+TEST_F(StrictFlagFiles, WhatIsMadeForAUsersProgramMovesNoServiceOfRoots) {
+  Process& users = process();
+  ASSERT_TRUE(start_service(&users, {"--tag=users"}));
+  ASSERT_TRUE(as_user([&] {
+    const unique_fd flag(open(flag_of(users.pid()).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    return flag.valid();
+  }));
+  send_signal(users.pid(), SIGKILL);
+  const pid_t pid = wait_for_actor(service_words({"--tag=users"}), users.pid(), 20s);
+  ASSERT_GT(pid, 0) << read_console();
+  ASSERT_EQ(kRunOfDomain, directory_of(pid));
+  ASSERT_TRUE(eventually([&] { return exists(flag_of(pid)) && is_registered(pid); }, 20s)) << read_console();
+  EXPECT_EQ(kUser, owner_of(flag_of(pid)));
+  ASSERT_TRUE(cancel_as_user(pid));
+  send_signal(pid, SIGKILL);
+  ASSERT_TRUE(eventually([&] { return !is_alive(pid); }, 20s));
+  ASSERT_TRUE(exists(flag_of(pid)));
+  const words of_root = service_words({"--tag=roots"});
+  stranger roots(pid, actor_words(of_root));
+  ASSERT_TRUE(eventually([&] { return is_registered(pid); }, 20s)) << read_console();
+  roots.end();
+  const pid_t next = wait_for_actor(of_root, pid, 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("/", directory_of(next));
+}
+
+// A file of root's would stay just so.
+TEST_F(StrictFlagFiles, OfASetUserIdProgramItIsItsUsers) {
+  ASSERT_TRUE(exited_with(run({"cp", actor_binary(), kSetUserId}), 0));
+  ASSERT_EQ(0, chown(kSetUserId, 0, 0));
+  ASSERT_EQ(0, chmod(kSetUserId, 04755));
+  Process& program = process();
+  ASSERT_TRUE(program.start(words_of_domain({kSetUserId, "--register=RESTART", "--hold"}, kUser)));
+  ASSERT_TRUE(eventually([&] { return is_registered(program.pid()); }, 20s)) << read_console();
+  ASSERT_TRUE(eventually([&] { return exists(flag_of(program.pid())); }, 20s)) << read_console();
+  EXPECT_EQ(kUser, owner_of(flag_of(program.pid())));
+}
+
+// Without a flag file that counts it would run in the main system from its next restart on. What he makes
+// beforehand are files and directories, empty and not, and those of the database, without which the library
+// makes no flag file.
+TEST_F(StrictFlagFiles, AUserWhoHasTheirNamesFirstMovesNoServiceOfRootsOutOfItsDomain) {
+  Process& roots = process();
+  const words program =
+      actor_words({"--tag=roots", "--wait-for=/tmp/go", "--register=RESTART", "--confirm", "--hold"});
+  ASSERT_TRUE(roots.start(words_of_domain(program, 0)));
+  ASSERT_TRUE(as_user([&] {
+    bool made = true;
+    for (pid_t pid = roots.pid(); pid < roots.pid() + 400; ++pid) {
+      const std::string name = flag_of(pid);
+      if (pid % 3 == 0) {
+        made = made && mknod(name.c_str(), S_IFREG | 0666, 0) == 0;
+      } else {
+        made = made && mkdir(name.c_str(), 0777) == 0;
+      }
+      if (pid % 3 == 1) {
+        made = made && mknod((name + "/full").c_str(), S_IFREG | 0666, 0) == 0;
+      }
+      made = made && mkdir((registry::db_dir(5) + "/actor." + text(pid)).c_str(), 0755) == 0;
+    }
+    return made;
+  }));
+  write_file("/tmp/go", "");
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  pid_t last = roots.pid();
+  for (int restart = 0; restart < 4; ++restart) {
+    EXPECT_TRUE(eventually([&] { return owner_of(flag_of(last)) == 0; }, 5s)) << last << read_console();
+    EXPECT_TRUE(eventually([&] { return owner_of(registry::db_file(5, "actor", last)) == 0; }, 5s));
+    send_signal(last, SIGKILL);
+    const pid_t next = wait_for_actor(
+        {"--tag=roots", "--wait-for=/tmp/go", "--register=RESTART", "--confirm", "--hold"}, last, 20s);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ(kRunOfDomain, directory_of(next));
+    ASSERT_TRUE(eventually([&] { return is_registered(next); }, 20s)) << read_console();
+    last = next;
+  }
+  unlink("/tmp/go");
+}
