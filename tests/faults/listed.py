@@ -186,7 +186,7 @@ class EventsLost(Row):
         self.crew.look()
         for name in names[:2 * third]:
             self.kill(name)
-        device.eventually(lambda: len(self.crew.down(names)) == 2 * third, PATIENCE_S)
+        device.eventually(lambda: self.crew.all_gone(names[:2 * third]), PATIENCE_S)
         for name in names[:third]:           # started again by hand
             device.spawn(self.crew.words[name])
         self.crew.all_up(PATIENCE_S, names[:third] + fresh)
