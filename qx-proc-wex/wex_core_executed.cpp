@@ -11,6 +11,7 @@
 
 #include "chain_lock.h"
 #include "dir_walk.h"
+#include "text_buffer.h"
 #include "text_number.h"
 #include "wex_chain.h"
 #include "wex_chain_list.h"
@@ -34,6 +35,13 @@ bool is_supervised(int32_t pid) {
   chain_lock hold(wex_chains);
   const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
   return rec != nullptr && rec->thread_of == 0 && wex_record_lives(rec);
+}
+
+// Neither one that has ended nor a zombie has one.
+bool has_program(int32_t pid) {
+  char link[kPathSize];
+  char first;
+  return wex_format(link, sizeof link, kProcExeFmt, pid) && readlink(link, &first, sizeof first) > 0;
 }
 
 // False when the program could not be registered: it may be tried again. In strict mode its user is looked at
@@ -79,9 +87,10 @@ bool register_executed(int32_t pid) {
 
 // Once, but for strict mode: a program that gives up its rights as it starts is another user's in the next
 // look, and stays it.
-void wex_register_executed(int32_t pid) {
+bool wex_register_executed(int32_t pid) {
   for (int tries = 1; !register_executed(pid) && wex_strict().on && tries < kExecutedTries; ++tries) {
   }
+  return has_program(pid);
 }
 
 void wex_register_running() {

@@ -5,6 +5,6 @@
 
 // wex_register_executed() registers `pid` when it runs a third-part program of which no other process is
 // registered; wex_register_running() does so for every process that is not supervised yet. With no chain
-// held.
-void wex_register_executed(int32_t pid);
+// held. False when `pid` has ended, perhaps unseen: then a process that it has forked may be the program.
+bool wex_register_executed(int32_t pid);
 void wex_register_running();

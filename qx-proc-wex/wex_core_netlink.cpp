@@ -166,12 +166,23 @@ outcome set_up(unique_fd* events) {
 struct monitor {
   int fd = -1;
   int ack_wait_ms = kSubscriptionWaitMs;  // -1 once the kernel has answered, or the time for it is over
-  bool missed_some = true;  // executions may have gone unreported: at first all of them, later some
+  bool missed_some = true;     // executions may have gone unreported: at first all of them, later some
+  bool one_had_ended = false;  // an executed process, before it was looked at: it may have detached
+  int64_t look_wanted_since = 0;
+  int64_t next_unseen_look = 0;
   list_watch list;
   int64_t next_list_look = 0;
   bool list_changed = false;  // since the last pause
   bool executions_wanted = true;
 };
+
+// For `reason`, one of the two, all processes are to be looked at.
+void want_look(monitor* state, bool* reason) {
+  if (!state->missed_some && !state->one_had_ended) {
+    state->look_wanted_since = wex_clock_ms();
+  }
+  *reason = true;
+}
 
 // Has executions reported only while the list names programs. What was executed before is looked for.
 void look_at_list(monitor* state) {
@@ -182,7 +193,9 @@ void look_at_list(monitor* state) {
   }
   state->executions_wanted = wanted;
   wex_pass_executions(wanted);
-  state->missed_some = state->missed_some || wanted;
+  if (wanted) {
+    want_look(state, &state->missed_some);
+  }
 }
 
 // The shorter of two limits, of which -1 is none.
@@ -191,16 +204,19 @@ int shorter(int one, int other) {
 }
 
 void on_event(const process_event& event, void* context) {
+  monitor* const state = static_cast<monitor*>(context);
   wex_note_event_delay(event);
   if (event.kind != kEventAck) {
     wex_monitor_read_until.store(wex_event_second(event), std::memory_order_release);
   }
   switch (event.kind) {
     case kEventAck:
-      static_cast<monitor*>(context)->ack_wait_ms = -1;
+      state->ack_wait_ms = -1;
       break;
     case kEventExec:
-      wex_register_executed(event.pid);
+      if (!wex_register_executed(event.pid)) {
+        want_look(state, &state->one_had_ended);
+      }
       break;
     default:
       wex_take_exit_event(event);
@@ -218,7 +234,7 @@ void receive_one(monitor* state) {
     if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
       wex_status_count(WEX_STATUS_OVERFLOWS);
       wex_request_sweep();
-      state->missed_some = true;
+      want_look(state, &state->missed_some);
     }
     wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
     return;
@@ -232,17 +248,42 @@ void receive_one(monitor* state) {
   }
 }
 
+// Milliseconds until processes are looked for whose execution told nothing, -1 when there is no need. What
+// was executed before the kernel has carried out the subscription is not reported, so it is given time for
+// that.
+int until_look_for_running(const monitor& state) {
+  if (!state.executions_wanted || state.ack_wait_ms >= 0) {
+    return -1;
+  }
+  if (state.missed_some) {
+    return 0;
+  }
+  return state.one_had_ended ? static_cast<int>(std::max<int64_t>(state.next_unseen_look - wex_clock_ms(), 0))
+                             : -1;
+}
+
+// Short-lived commands end unseen all the time, so their looks take a small share of the time, however many
+// processes there are.
+void look_for_running(monitor* state) {
+  const int64_t begin = wex_clock_ms();
+  state->missed_some = false;
+  state->one_had_ended = false;
+  wex_register_running();
+  const int64_t end = wex_clock_ms();
+  state->next_unseen_look = end + std::max<int64_t>(kUnseenLookMs, (end - begin) * kUnseenLookShare);
+}
+
 // Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
 // the flag again, -1 with errno.
 int wait_for_event(monitor* state, int limit_ms) {
   struct pollfd inputs[] = {
       {state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}, {state->list.fd(), POLLIN, 0}};
   int ready = poll(inputs, 3, 0);
-  if (ready == 0 && state->missed_some && state->executions_wanted && state->ack_wait_ms < 0) {
-    // Only now that the queue is empty, for a full one makes the kernel drop further events, and only after
-    // the kernel has had time to carry out the subscription: what is executed before that is not reported.
-    state->missed_some = false;
-    wex_register_running();
+  // Once the queue is empty, for a full one makes the kernel drop further events. Where programs are executed
+  // so fast that it never is, this must not be put off for ever.
+  const bool overdue = wex_clock_ms() - state->look_wanted_since >= kLookPutOffMs;
+  if ((ready == 0 || overdue) && until_look_for_running(*state) == 0) {
+    look_for_running(state);
     return 0;
   }
   if (ready == 0) {
@@ -276,6 +317,7 @@ int wait_for_event(monitor* state, int limit_ms) {
 outcome watch(int fd) {
   monitor state;
   state.fd = fd;
+  state.look_wanted_since = wex_clock_ms();
   state.list.open();
   look_at_list(&state);
   wex_request_sweep();  // exits between the rebuild and the subscription were not reported
@@ -286,7 +328,8 @@ outcome watch(int fd) {
     const bool list_is_watched = state.executions_wanted && state.list.fd() >= 0;
     const int until_look =
         list_is_watched ? -1 : static_cast<int>(std::max<int64_t>(state.next_list_look - wex_clock_ms(), 0));
-    const int limit_ms = shorter(wex_judge_pending_exits(), until_look);
+    const int limit_ms =
+        shorter(shorter(wex_judge_pending_exits(), until_look), until_look_for_running(state));
     wex_status_idle(kStatusMonitor);
     const int ready = wait_for_event(&state, limit_ms);
     if (ready < 0) {

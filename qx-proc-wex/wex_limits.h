@@ -87,6 +87,9 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
 inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
+inline constexpr int kUnseenLookMs = 100;        // least time between two looks for programs that detached,
+inline constexpr int kUnseenLookShare = 50;      // and in how many times its own length one of them may begin
+inline constexpr int kLookPutOffMs = 1000;       // by events that do not end
 inline constexpr int kSubscriptionWaitMs = 100;  // how long the kernel may take to answer the subscription
 
 // The end of the daemon. A restart that is under way may take 5.5 s of searching and the platform's time
@@ -96,13 +99,14 @@ inline constexpr int kDelayEndLooks = 2500;
 
 // Spawning.
 inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
-inline constexpr int kMaxWords = 14;          // program and 13 arguments
+inline constexpr int kWaysGiven = 100;  // children that give way to other registrations, for one restart
+inline constexpr int kMaxWords = 14;    // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
 inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
 inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
 inline constexpr int kFindTries = 10;          // extra looks for a program that detaches
 inline constexpr int kFindStepMs = 100;        // the k-th look waits k times this
-inline constexpr int kMaxAbortedScans = 10;    // looks through /proc until one is not cut short
+inline constexpr int kRunningLooks = 2;        // through /proc, while processes end meanwhile
 inline constexpr unsigned kStartsKept = 128;   // started third-part children remembered until they end
 inline constexpr unsigned kEndsKept = 1024;    // children that have ended, remembered for lost exits
 inline constexpr int kConsoleTries = 5;

@@ -135,8 +135,12 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
 
 // ---- searching --------------------------------------------------------------------------------------------
 
-// One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop.
-int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec, int32_t child) {
+enum class at_ended { stop, go_on };
+
+// One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop, or
+// has gone on without some process, for that one has ended meanwhile.
+int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec, int32_t child,
+                   at_ended what) {
   dir_walk processes(kProcDir);
   if (!processes.valid()) {
     return -errno;
@@ -147,7 +151,11 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
     }
     struct stat look;
     if (fstatat(processes.fd(), entry->d_name, &look, 0) != 0) {
-      return -errno;
+      before = -errno;
+      if (what == at_ended::stop) {
+        return before;
+      }
+      continue;
     }
     if (!S_ISDIR(look.st_mode)) {
       continue;
@@ -176,7 +184,7 @@ int look_for_process(char* command, int32_t* out_pid, int tries, const wex_pid* 
   rtrim(command);
   int result = 0;
   for (int scan = 1;; ++scan) {
-    result = scan_processes(command, out_pid, result, rec, child);
+    result = scan_processes(command, out_pid, result, rec, child, at_ended::stop);
     if (scan > tries || result == 1) {
       return result;
     }
@@ -322,12 +330,13 @@ void wex_reboot_for(const wex_pid* rec) {
   wex_reboot(reason, nullptr);
 }
 
-// Any process that ends while /proc is being read cuts a look short (a negative result), which says nothing
-// about the one that is looked for.
+// Others that end while /proc is being read say nothing about the one that is looked for. Where some did it
+// may have been the one, and have left another, so there is one more look.
 bool wex_find_running(char* command, int32_t* out_pid, const wex_pid* rec, int32_t child) {
+  rtrim(command);
   int result = -1;
-  for (int look = 0; result < 0 && look < kMaxAbortedScans; ++look) {
-    result = look_for_process(command, out_pid, 0, rec, child);
+  for (int look = 0; result < 0 && look < kRunningLooks; ++look) {
+    result = scan_processes(command, out_pid, 0, rec, child, at_ended::go_on);
   }
   return result == 1;
 }

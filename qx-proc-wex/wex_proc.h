@@ -37,7 +37,7 @@ bool wex_reboot_is_due(const wex_pid* rec, int32_t now);
 // Restarts the device because the record's program cannot be kept running.
 void wex_reboot_for(const wex_pid* rec);
 
-// Looks through /proc, without pauses, until one look is not cut short: true and the pid of a process whose
+// Looks through /proc, past processes that end meanwhile: true and the pid of a process whose
 // command line is `command`, or false; in strict mode only of one that runs as the user of `rec`, or of
 // `child`, which was started for the record, and may have given up its rights. Trims trailing blanks of
 // `command`.

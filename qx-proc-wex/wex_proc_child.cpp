@@ -64,6 +64,7 @@ struct child_start {
   bool normal_lmk;  // its low-memory-killer score is the normal one
   bool at_program;  // all is done but executing it
   bool gave_up;     // it ends without having executed it
+  int ways_given;   // children so far that were to have the pid of another registration
 };
 
 std::atomic<int> g_nice{0};  // the nice value of programs, when a child may begin with another
@@ -286,6 +287,15 @@ bool is_its_user(const launch& what) {
   return false;
 }
 
+// Whether the child has the pid of another registration, whose process has ended and whose exit has not been
+// handled: from then on nobody could tell the two apart. It gives way, and the kernel has another pid for the
+// next one. Parent and child find the same, for the registry is locked.
+bool gives_way(const child_start& start, pid_t child) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const other =
+      start.ways_given < kWaysGiven ? __wex_find_pid(&wex_chains, static_cast<int32_t>(child)) : nullptr;
+  return other != nullptr && other != start.what->rec;
+}
+
 // Never back into the daemon's loops.
 [[noreturn]] void give_up(child_start& start) {
   start.gave_up = true;
@@ -295,8 +305,11 @@ bool is_its_user(const launch& what) {
 // All that comes between the start and the program, for both ways of starting. A handler of the daemon's must
 // not run here: the memory may be the daemon's. So the handlers go before the signals are let through again,
 // and what is ignored is still ignored then, for a signal may have been sent to the daemon's whole group.
-[[noreturn]] void run_child(child_start& start) {
+[[noreturn]] void run_child(child_start& start) WEX_TSA(requires_capability(wex_chains)) {
   const launch& what = *start.what;
+  if (gives_way(start, getpid())) {
+    _exit(0);
+  }
   set_own_scheduling(SCHED_OTHER, 0);  // first, where it did not begin so: opening the console may block, and
                                        // at real-time priority nobody else would run
   if (g_nice != 0) {
@@ -388,7 +401,8 @@ bool may_share_memory(const launch& what) {
 // The stack is shared as well. So this function calls nothing that returns in the child, and is never inlined
 // into one that does. Not clone(): with shared memory it makes C libraries before glibc 2.25 forget who the
 // calling thread is, by which its mutexes know their holder.
-__attribute__((noinline)) pid_t share_memory_with_child(child_start& start) {
+__attribute__((noinline)) pid_t share_memory_with_child(child_start& start)
+    WEX_TSA(requires_capability(wex_chains)) {
   // NOLINTBEGIN(clang-analyzer-security.insecureAPI.vfork, clang-analyzer-unix.Vfork)
   const pid_t child = vfork();
   if (child == 0) {
@@ -398,7 +412,7 @@ __attribute__((noinline)) pid_t share_memory_with_child(child_start& start) {
   return child;
 }
 
-__attribute__((noinline)) pid_t fork_child(child_start& start) {
+__attribute__((noinline)) pid_t fork_child(child_start& start) WEX_TSA(requires_capability(wex_chains)) {
   const pid_t child = fork();
   if (child == 0) {
     run_child(start);
@@ -430,17 +444,17 @@ bool was_cut_short(const child_start& start, pid_t child, int64_t took_ms) {
 // Starts a child that has the daemon's memory until it is a program. False when one is to be forked instead:
 // this way of starting is refused, or the child was killed on its way, by its time limit most likely. That is
 // no end of the program, and the next child may take all the time it needs.
-bool start_in_our_memory(child_start* start, pid_t* child) {
+bool start_in_our_memory(child_start* start, pid_t* child) WEX_TSA(requires_capability(wex_chains)) {
   const int64_t begun = wex_clock_ms();
   *child = share_memory_with_child(*start);
   if (*child > 0) {
-    return !was_cut_short(*start, *child, wex_clock_ms() - begun);
+    return gives_way(*start, *child) || !was_cut_short(*start, *child, wex_clock_ms() - begun);
   }
   return errno == EAGAIN || errno == ENOMEM;
 }
 
 // The child's pid, or -1 with errno. Signals are held back, because a handler would run in shared memory.
-pid_t share_or_fork(child_start* start) {
+pid_t share_or_fork(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   const signals_held all_signals;
   if (start->parent_waits) {
     pid_t child = -1;
@@ -454,7 +468,11 @@ pid_t share_or_fork(child_start* start) {
 }
 
 pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
-  const pid_t child = share_or_fork(start);
+  pid_t child = share_or_fork(start);
+  while (child > 0 && gives_way(*start, child)) {
+    ++start->ways_given;
+    child = share_or_fork(start);
+  }
   __wex_expect_child(static_cast<int32_t>(child));
   return child;
 }
@@ -515,8 +533,8 @@ void find_old_file(child_start* start, char (&path)[kPathSize]) {
 
 pid_t wex_start_child(const launch& what) {
   char path[kPathSize];
-  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, -1, false, false,
-                       false};
+  child_start start = {&what, may_share_memory(what), wex_run_dir.get(), -1, nullptr, -1, false, false, false,
+                       0};
   find_old_file(&start, path);
   const pid_t child = what.domain >= kFirstDomain ? start_in_domain(&start) : start_child(&start);
   g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;

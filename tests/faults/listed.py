@@ -124,6 +124,22 @@ class Detaching(Row):
             self.kill_each()
 
 
+class DetachingInAStorm(Detaching):
+    """The monitor reads a thousand executions a second; what it reads then was executed some time before."""
+    name = "detaching, while others are executed as fast as two processors can"
+
+    def live(self):
+        self.programs()
+        self.start_daemon()
+        storm = device.spawn([self.tools.storm, "2", "exec"])
+        self.crew.start()
+        if self.back():
+            self.longest = 0.0
+            self.act()
+        device.end(storm)
+        self.down = self.crew.down()
+
+
 class DetachingKilled(Detaching):
     name = "detaching, and killed on the way"
 
@@ -170,7 +186,7 @@ class EventsLost(Row):
         self.crew.look()
         for name in names[:2 * third]:
             self.kill(name)
-        device.eventually(lambda: len(self.crew.down(names)) == 2 * third, PATIENCE_S)
+        device.eventually(lambda: self.crew.all_gone(names[:2 * third]), PATIENCE_S)
         for name in names[:third]:           # started again by hand
             device.spawn(self.crew.words[name])
         self.crew.all_up(PATIENCE_S, names[:third] + fresh)
@@ -215,7 +231,7 @@ def processes_of(path):
 def main():
     sheet = Sheet(__doc__, "listed", "Programs that do not register themselves.", COLUMNS)
     random.seed(sheet.options.seed)
-    rows = [TwiceInARow, Detaching, DetachingKilled, EventsLost, DaemonKilled]
+    rows = [TwiceInARow, Detaching, DetachingInAStorm, DetachingKilled, EventsLost, DaemonKilled]
     for kind in rows if sheet.options.short else rows + [WhileLookedFor]:
         if sheet.wants(kind.name):
             row = kind(sheet)

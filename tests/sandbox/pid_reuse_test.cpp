@@ -65,6 +65,33 @@ TEST_F(PidReuse, BetweenAnExitAndItsHandling) {
                failed, "back once, the next owner is left alone");
 }
 
+// The exit that is handled first is followed by a start, and the kernel has the other's pid for it.
+TEST_F(PidReuse, ByTheRestartOfAnotherServiceBeforeTheExitIsHandled) {
+  ASSERT_TRUE(daemon_.start_traced({"trace=vfork,fork,clone,clone3"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  bool was_given = false;
+  for (int round = 1; round <= 10 && !was_given; ++round) {  // somebody else may be quicker
+    Service restarted("restarted-first");
+    Service waiting("waiting");
+    ASSERT_TRUE(restarted.start());
+    ASSERT_TRUE(waiting.start());
+    const pid_t old = waiting.pid();
+    stop_all_threads(&daemon_);
+    restarted.end();
+    waiting.end();
+    std::this_thread::sleep_for(100ms);  // the kernel counts start times in hundredths of a second
+    std::ofstream("/proc/sys/kernel/ns_last_pid") << old - 1 << std::flush;
+    daemon_.send(SIGCONT);
+    EXPECT_TRUE(restarted.comes_back(20s)) << read_console();
+    EXPECT_TRUE(waiting.comes_back(20s)) << read_console();
+    const std::string forked = " = " + std::to_string(old) + "\n";
+    was_given = Daemon::trace().find(forked) != std::string::npos;
+    restarted.end(SIGTERM);
+    waiting.end(SIGTERM);
+  }
+  EXPECT_TRUE(was_given) << "the pid was never given to a child of the daemon's";
+}
+
 TEST_F(PidReuse, BetweenADeathAndTheStartOfTheNextDaemon) {
   ASSERT_TRUE(daemon_.start());
   Service service("unseen");

@@ -1,5 +1,6 @@
 // Programs that start themselves again beside themselves, or detach: the new process is found and takes the
 // old one's place.
+#include "taken_pid.h"
 #include "third_part_world.h"
 
 using namespace third_part;
@@ -21,6 +22,64 @@ TEST_F(ThirdPartHandOver, AProgramThatDetachesIsHandedOverToItsDetachedProcess) 
   EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
   EXPECT_FALSE(exists(db_file("detaching", parent)));
   EXPECT_EQ(std::string::npos, read_console().find("wex_spawn-->")) << "nothing is started beside it";
+}
+
+// Its execution is all that the kernel reports, and the process of that report is no more.
+TEST_F(ThirdPartHandOver, AProgramThatHasDetachedWhenItsExecutionIsReadIsRegistered) {
+  const std::string earlier = install("earlier");
+  app_ = install("detaching");
+  describe("earlier", earlier + " WEX_RESTART");
+  describe("detaching", app_ + " WEX_RESTART");
+  Process first;
+  ASSERT_TRUE(first.start({earlier}));
+  ASSERT_TRUE(eventually([&] { return program_of(first.pid()) == earlier; }));
+  ASSERT_TRUE(start_daemon());
+  ASSERT_TRUE(registered(earlier, first.pid(), "earlier"));  // so the look at all processes is past
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon_));
+  ASSERT_TRUE(start_by_hand({app_}));
+  const pid_t parent = by_hand_.pid();
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t detached = wait_for(app_, parent);
+  ASSERT_NE(0, detached);
+  daemon_.send(SIGCONT);
+  ASSERT_TRUE(registered(app_, detached, "detaching")) << read_console();
+  send_signal(detached, SIGKILL);
+  EXPECT_NE(0, settled(app_, detached)) << "it is supervised";
+}
+
+TEST_F(ThirdPartHandOver, AProgramThatDetachesIsRegisteredWhileMoreIsExecutedThanCanBeRead) {
+  app_ = install("detaching");
+  describe("detaching", app_ + " WEX_RESTART");
+  ASSERT_TRUE(daemon_.start_traced({"trace=recvfrom", "inject=recvfrom:delay_enter=20000"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  Process others;
+  ASSERT_TRUE(others.start({"/bin/sh", "-c", "while :; do /bin/true; done"}));
+  ASSERT_TRUE(eventually([] { return occurrences(Daemon::trace(), "AF_NETLINK") > 20; })) << Daemon::trace();
+  ASSERT_TRUE(start_by_hand({app_}));
+  EXPECT_TRUE(exited_with(by_hand_.wait(), 0));
+  const pid_t detached = wait_for(app_, by_hand_.pid());
+  EXPECT_TRUE(registered(app_, detached, "detaching"));
+  others.kill_now();
+}
+
+// Each of them could have been a program that detaches.
+TEST_F(ThirdPartHandOver, CommandsThatEndUnseenCostALookAtAllProcessesNowAndThen) {
+  describe("listed", install("listed") + " WEX_RESTART");
+  ASSERT_TRUE(daemon_.start_traced({"trace=openat"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  const auto looks = [] { return occurrences(Daemon::trace(), "\"/proc\", O_RDONLY"); };
+  ASSERT_TRUE(eventually([&] { return looks() > 0; })) << Daemon::trace();
+  const size_t before = looks();
+  const auto begin = std::chrono::steady_clock::now();
+  for (int command = 0; command < 100 || looks() == before; ++command) {
+    ASSERT_LT(command, 1000) << "nobody looked";
+    Process brief;
+    ASSERT_TRUE(brief.start({"/bin/true"}));
+    brief.wait();
+    usleep(10000);  // the daemon has time to look after each of them
+  }
+  const auto took = std::chrono::steady_clock::now() - begin;
+  EXPECT_LE(looks() - before, 1 + static_cast<size_t>(took / 100ms));
 }
 
 TEST_F(ThirdPartHandOver, ARestartedProgramThatDetachesIsFoundByItsCommandLine) {
@@ -135,11 +194,11 @@ TEST_F(ThirdPartHandOver, AHandOverSucceedsThoughOtherProcessesComeAndGo) {
   const std::string app = install("replacing");
   describe("replacing", app + " WEX_RESTART");
   ASSERT_TRUE(start_daemon());
-  PassersBy others(500, 300000, 5000);
+  PassersBy others(1500, 300000, 1000);
   ASSERT_TRUE(start_by_hand({app}));
   EXPECT_TRUE(registered(app, by_hand_.pid(), "replacing"));
   pid_t now = by_hand_.pid();
-  for (int round = 1; now != 0 && round <= 5; ++round) {
+  for (int round = 1; now != 0 && round <= 20; ++round) {
     EXPECT_TRUE(replaces_itself(app, now));
     if (round == 1) {
       by_hand_.wait();
