@@ -198,8 +198,8 @@ void keep_record_of_stopped(const KeptRecord& failing) {
   ASSERT_TRUE(daemon.wait_ready(30s));
   make_dirs("/tmp/vsd/3/wex/db");  // not before, or calls of the start would fail
   make_dirs("/data/var/run/vsd/3");
-  const words options = {"--group=3300", "--register=RESTART", "--time-set=0", "--ready=/tmp/ready",
-                         "--hold"};
+  const words options = {"--group=3300", "--register=RESTART", "--confirm",
+                         "--time-set=0", "--ready=/tmp/ready", "--hold"};
   Process service;
   ASSERT_TRUE(service.start(actor_words(options)));
   ASSERT_TRUE(eventually([] { return exists("/tmp/ready"); }, 15s));
