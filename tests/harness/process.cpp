@@ -64,13 +64,28 @@ std::vector<std::string> environment_with(const std::vector<std::string>& added)
 }
 
 // Family 11 is the connector; a subscribed socket is a member of group 1.
+bool holds_socket(pid_t pid, unsigned long inode) {
+  const std::string descriptors = "/proc/" + std::to_string(pid) + "/fd/";
+  const std::string wanted = "socket:[" + std::to_string(inode) + "]";
+  for (const std::string& name : list_dir(descriptors)) {
+    char target[64] = {};
+    if (readlink((descriptors + name).c_str(), target, sizeof target - 1) > 0 && wanted == target) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// By its number, or, where another test has taken that, by the socket itself.
 bool hears_process_events(pid_t pid) {
   for (const std::string& line : lines_of(read_file("/proc/net/netlink"))) {
     int family = 0;
     long owner = 0;
     unsigned groups = 0;
-    if (sscanf(line.c_str(), "%*s %d %ld %x", &family, &owner, &groups) == 3 && family == 11 &&
-        owner == pid && (groups & 1) != 0) {
+    unsigned long inode = 0;
+    if (sscanf(line.c_str(), "%*s %d %ld %x %*s %*s %*s %*s %*s %lu", &family, &owner, &groups, &inode) ==
+            4 &&
+        family == 11 && (groups & 1) != 0 && (owner == pid || holds_socket(pid, inode))) {
       return true;
     }
   }
@@ -227,7 +242,10 @@ bool Daemon::wait_ready(milliseconds limit) {
   if (ready && running()) {
     return true;
   }
-  ADD_FAILURE() << (running() ? "the daemon does not answer" : "the daemon ended") << "; console:\n"
+  ADD_FAILURE() << (running() ? "the daemon does not answer" : "the daemon ended") << ", "
+                << list_dir(tasks).size() << " threads, "
+                << (hears_process_events(pid()) ? "hears events, " : "no events, ")
+                << (accepts_connections() ? "" : "no ") << "connections; console:\n"
                 << read_console();
   return false;
 }

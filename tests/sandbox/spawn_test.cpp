@@ -118,6 +118,16 @@ Facts state_of(pid_t daemon) {
   return state;
 }
 
+// The C library lets a thread begin with all signals blocked.
+bool all_threads_began(pid_t daemon) {
+  for (const std::string& task : list_dir("/proc/" + text(daemon) + "/task")) {
+    if (status_field(static_cast<pid_t>(std::stol(task)), "SigBlk") != std::string(16, '0')) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // A restart changes nothing of the daemon, and gives the program all that it is to have.
 void expect_clean_restart(const char* injection) {
   Daemon daemon;
@@ -125,6 +135,7 @@ void expect_clean_restart(const char* injection) {
   ASSERT_TRUE(daemon.wait_ready(30s));
   // A score that no program has, also on a machine that does not let the daemon lower its own.
   set_score(daemon.pid(), "300\n");
+  ASSERT_TRUE(eventually([&] { return all_threads_began(daemon.pid()); }));
   const Facts before = state_of(daemon.pid());
   EXPECT_EQ("300\n", before.at("daemon")[1]);
   pid_t next = 0;
