@@ -139,6 +139,16 @@ struct StrictPidReuseBeforeTheStart : StrictPidReuse {
   }
   static const words kSleeper;
   static const words kOtherSleeper;  // another program of the user's
+  // The user's program has died, and another process of his has its pid when the next daemon starts.
+  void expect_restart_beside_stranger(pid_t pid) {
+    const stranger users(pid, kOtherSleeper);
+    ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
+    start();
+    const pid_t next = other_of(kUser, pid);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+    EXPECT_TRUE(users.lives());
+  }
 };
 const words StrictPidReuseBeforeTheStart::kSleeper = {"/usr/bin/sleep", "43210"};
 const words StrictPidReuseBeforeTheStart::kOtherSleeper = {"/usr/bin/setpriv", "--reuid=" + text(kUser),
@@ -276,13 +286,7 @@ TEST_F(StrictPidReuseBeforeTheStart,
   write_file(kept, replace_matches(read_file(kept), "3001 [0-9]+ \n", "3001 \n"), 0600);
   send_signal(pid, SIGKILL);
   program.wait(20s);
-  stranger users(pid, kOtherSleeper);
-  ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
-  start();
-  const pid_t next = other_of(kUser, pid);
-  ASSERT_GT(next, 0) << read_console();
-  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
-  EXPECT_TRUE(users.lives());
+  expect_restart_beside_stranger(pid);
 }
 
 // Two more files of his name the pid that his other process has by now. They lie before and behind the
@@ -302,12 +306,7 @@ TEST_F(StrictPidReuseBeforeTheStart, WhatWasKeptOfAProgramIsNotLostToOtherFilesO
     write_file(file, name == std::string("sleep") ? said : text(pid) + "\n2\n/bin/" + name + " 1", 0700);
     ASSERT_EQ(0, chown(file.c_str(), kUser, kUser));
   }
-  stranger users(pid, kOtherSleeper);
-  ASSERT_TRUE(eventually([&] { return command_line(pid) == "/bin/sleep 777"; }, 20s));
-  start();
-  const pid_t next = other_of(kUser, pid);
-  ASSERT_GT(next, 0) << read_console();
-  EXPECT_EQ("77 3001", ids_of(next, "Groups"));
+  expect_restart_beside_stranger(pid);
 }
 
 // Before Linux 3.17 a thread that executes a program gives the process another start time; a set-user-id
