@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -37,11 +38,12 @@ bool is_supervised(int32_t pid) {
   return rec != nullptr && rec->thread_of == 0 && wex_record_lives(rec);
 }
 
-// Neither one that has ended nor a zombie has one.
+// Neither one that has ended nor a zombie has one. One whose program we may not see has one.
 bool has_program(int32_t pid) {
   char link[kPathSize];
   char first;
-  return wex_format(link, sizeof link, kProcExeFmt, pid) && readlink(link, &first, sizeof first) > 0;
+  return wex_format(link, sizeof link, kProcExeFmt, pid) &&
+         (readlink(link, &first, sizeof first) > 0 || errno == EACCES);
 }
 
 // False when the program could not be registered: it may be tried again. In strict mode its user is looked at
