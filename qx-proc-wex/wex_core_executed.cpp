@@ -92,10 +92,12 @@ bool register_executed(int32_t pid) {
 bool wex_register_executed(int32_t pid) {
   for (int tries = 1; !register_executed(pid) && wex_strict().on && tries < kExecutedTries; ++tries) {
   }
-  return has_program(pid);
+  // The restart that frees the pid of one that was left out is an execution, too.
+  return has_program(pid) && !wex_listed_left_out();
 }
 
 void wex_register_running() {
+  wex_forget_listed_left_out();
   if (access(kThirdPartList, F_OK) != 0) {
     return;
   }

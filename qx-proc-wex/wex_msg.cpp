@@ -8,6 +8,7 @@
 
 #include "wex_msg.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -38,6 +39,8 @@ namespace {
 
 constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
 constexpr uid_t kRoot = 0;
+
+std::atomic<bool> g_listed_left_out{false};
 
 // Whether this registration is one of which the speaker may speak. For one of root's, or of a user who is not
 // known, only root may.
@@ -451,6 +454,7 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   const chain_lock hold(wex_chains);
   free_pid_of(rec);
   if (has_anothers_pid(rec)) {
+    g_listed_left_out.store(true, std::memory_order_release);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return 0;
@@ -475,4 +479,12 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   process_user now = {};
   wex_look_at_user(pid, &now);
   return wex_register_listed(pid, type, memory, now);
+}
+
+bool wex_listed_left_out() {
+  return g_listed_left_out.load(std::memory_order_acquire);
+}
+
+void wex_forget_listed_left_out() {
+  g_listed_left_out.store(false, std::memory_order_release);
 }

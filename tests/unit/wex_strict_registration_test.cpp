@@ -12,6 +12,7 @@
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_user.h"
+#include "wex_core_executed.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
 #include "wex_paths.h"
@@ -174,6 +175,19 @@ TEST_F(StrictRegistration, AListedProgramThatHasThePidOfRootsWritesNoFileOfRoots
   unlink(path.c_str());
   EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
   EXPECT_EQ("none", owner_and_mode(path));
+}
+
+// Nobody else would register it when the pid is free.
+TEST_F(StrictRegistration, AListedProgramThatIsLeftOutForItsPidIsToBeLookedForAgain) {
+  const child program;
+  wex_forget_listed_left_out();
+  ASSERT_EQ(0, registers(0, program));
+  --record_of(program)->start_time;
+  EXPECT_TRUE(wex_register_executed(program.pid())) << "not left out yet";
+  EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+  EXPECT_FALSE(wex_register_executed(program.pid()));
+  wex_register_running();
+  EXPECT_TRUE(wex_register_executed(program.pid()));
 }
 
 TEST_F(StrictRegistration, AListedProgramThatTakesAPidAndIsRefusedLeavesNoFileOfRoots) {
