@@ -1,7 +1,12 @@
 // Strict mode: flag files, which say in which domain a program is started again.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
 
 #include "registry_files.h"
 #include "strict_world.h"
@@ -172,6 +177,62 @@ TEST_F(StrictFlagFiles, AUserWhoMakesADirectoryAgainAndAgainDoesNotKeepRootsFrom
         << name << " is user " << facts.st_uid << "'s";
   }
   unlink("/tmp/go");
+}
+
+namespace {
+
+// The domain's files are on a disk of their own, which is small.
+struct StrictFullDomain : StrictFlagFiles {
+  void SetUp() override {
+    make_dirs(kFlags);
+    ASSERT_EQ(0, mount("small", kFlags, "tmpfs", 0, "nr_inodes=100,mode=1777")) << strerror(errno);
+    StrictFlagFiles::SetUp();
+  }
+  void TearDown() override {
+    StrictFlagFiles::TearDown();
+    umount2(kFlags, MNT_DETACH);
+  }
+};
+
+}  // namespace
+
+// There is no flag file for its next process, by which it would leave the domain with the restart after that.
+// The daemon is slow after each removal.
+TEST_F(StrictFullDomain, AUserWhoTakesAllRoomMovesNoServiceOfRootsOutOfIt) {
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start_traced({"inject=unlink,unlinkat,rmdir:delay_exit=100000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& roots = process();
+  const words options = {"--tag=roots", "--register=RESTART", "--confirm", "--hold"};
+  ASSERT_TRUE(roots.start(words_of_domain(actor_words(options), 0)));
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  ASSERT_TRUE(eventually([&] { return owner_of(flag_of(roots.pid())) == 0; }, 10s)) << read_console();
+  const child user([] {
+    if (!become(kUser)) {
+      return false;
+    }
+    static std::atomic<bool> full{false};
+    std::thread([] {
+      for (int number = 0;; ++number) {
+        if (mknod((kFlags + std::string("room") + text(number)).c_str(), S_IFREG | 0600, 0) != 0) {
+          full = errno == ENOSPC;
+          std::this_thread::sleep_for(1ms);
+        }
+      }
+    }).detach();
+    return eventually([] { return full.load(); });
+  });
+  ASSERT_TRUE(user.ready());
+  pid_t last = roots.pid();
+  for (int restart = 1; restart <= 2; ++restart) {
+    send_signal(last, SIGKILL);
+    const pid_t next = wait_for_actor(options, last, 30s);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ(kRunOfDomain, directory_of(next)) << "restart " << restart;
+    EXPECT_TRUE(eventually([&] { return is_registered(next); }, 20s)) << read_console();
+    EXPECT_NE(0U, owner_of(flag_of(next))) << "there was room";
+    last = next;
+  }
 }
 
 // Names that stand for the same number were taken for it, and the one that counts stayed: root's service that
