@@ -200,6 +200,7 @@ inline constexpr unsigned kLinkRestSec = 2;    // age at which a link is read wh
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kClientDirMode = 01777;  // strict mode: directories in which clients make files,
 inline constexpr mode_t kOwnDirMode = 0755;      // and all others
+inline constexpr mode_t kClosedDirMode = 03755;  // of the former for a moment; no other has this bit
 inline constexpr mode_t kUsersDirMode = 0700;
 inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect

@@ -25,7 +25,8 @@ unique_fd wex_open_file_at(int directory, const char* name, int flags);
 unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]);
 
 // Gives such a file its lasting name, whatever lies there; a directory is moved aside, or removed when it is
-// empty. Nobody can make one anew in between, before Linux 3.15 hardly. False with errno.
+// empty. Nobody can make one anew in between: where two names cannot be exchanged (before Linux 3.15, and on
+// some file systems), a directory that is open to all is closed to users for that moment. False with errno.
 bool wex_take_name(int directory, const char* from, const char* name);
 
 // Puts a name that was just given on the disk: a file just created is still there after a power cut.
