@@ -193,6 +193,7 @@ inline constexpr unsigned kKillGraceSec = 10;
 inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring must not fill the processor
 
 // Files.
+inline constexpr int kBegunNamesMax = 4096;    // names looked at for what a killed daemon has left
 inline constexpr int kLinksFollowed = 8;       // trusted symbolic links along one path
 inline constexpr uint32_t kAsideTries = 8;     // names tried for what is moved aside
 inline constexpr off_t kOwnCopyMax = 1 << 20;  // bytes; a larger record with a second name is moved aside

@@ -50,8 +50,6 @@
 
 namespace {
 
-constexpr char kBegunForkFile[] = ".begun-";  // what the name of one begins with that is to replace a user's
-
 // What a child needs: its program, and what the parent has found out or opened before the fork.
 struct child_start {
   const launch* what;
@@ -507,7 +505,7 @@ unique_fd make_forkfile_anew() {
   unique_fd file;
   const unique_fd directory = open_trusted_parent(kForkFile, last);
   if (directory.valid()) {
-    file = wex_create_beside(directory.get(), kBegunForkFile, kForkFileMode, begun);
+    file = wex_create_beside(directory.get(), kBegunPrefix, kForkFileMode, begun);
   }
   if (file.valid() && !wex_take_name(directory.get(), begun, last)) {
     unlinkat(directory.get(), begun, 0);

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "close_on_exec.h"
+#include "dir_walk.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "trusted_path.h"
@@ -149,6 +150,14 @@ void clear_entry(int directory, const char* name, int number, const char* from) 
   }
 }
 
+// Whether wex_create_beside() makes such names: the prefix, and a number of 64 bits.
+bool is_begun(const char* name) {
+  constexpr size_t kLength = sizeof kBegunPrefix - 1;
+  constexpr size_t kDigits = 2 * sizeof(uint64_t);
+  return strncmp(name, kBegunPrefix, kLength) == 0 && strlen(name + kLength) == kDigits &&
+         strspn(name + kLength, "0123456789abcdef") == kDigits;
+}
+
 }  // namespace
 
 unique_fd wex_open_file(const char* path, int flags, mode_t mode) {
@@ -197,6 +206,19 @@ bool wex_take_name(int directory, const char* from, const char* name) {
   const closed_for_a_moment only_root(directory);
   clear_entry(directory, name, kTakeNameTries, from);
   return renameat(directory, from, directory, name) == 0;
+}
+
+void wex_clear_begun(const char* path) {
+  dir_walk names(open_trusted_dir(AT_FDCWD, path));
+  for (int seen = 0; names.valid() && seen < kBegunNamesMax; ++seen) {
+    const dirent* const entry = names.next();
+    if (entry == nullptr) {
+      return;
+    }
+    if (is_begun(entry->d_name)) {
+      clear_entry(names.fd(), entry->d_name, 0, entry->d_name);
+    }
+  }
 }
 
 void wex_sync_directory_of(const char* path) {

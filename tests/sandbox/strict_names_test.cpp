@@ -50,6 +50,15 @@ struct StrictNames : StrictDomain {
     }
     return left;
   }
+  // A directory with something in it, which is removed here.
+  static void expect_only_aside(const std::string& directory, bool may_be_full) {
+    for (const std::string& name : left_in(directory)) {
+      EXPECT_EQ(0U, name.find("aside-")) << name;
+      EXPECT_TRUE(may_be_full) << name;
+      EXPECT_EQ(0, rmdir((directory + "/" + name + "/full").c_str()));
+      EXPECT_EQ(0, rmdir((directory + "/" + name).c_str()));
+    }
+  }
   static void expect_nothing_left() {
     for (const std::string& directory : {std::string(kFlags), registry::db_dir(5), std::string(kRunDir)}) {
       EXPECT_EQ(names(), left_in(directory)) << directory;
@@ -155,4 +164,95 @@ TEST_F(StrictNames, OfFailedForksIsNotKeptByAUserWhoIsAlwaysFirstWhereTwoCannotB
   EXPECT_TRUE(is_roots_file(kForkFile));
   EXPECT_EQ("a", read_file(kForkFile));
   expect_nothing_left();
+}
+
+// A directory stays closed when the daemon is killed in that moment.
+TEST_F(StrictNames, WhoseDirectoryADaemonHasClosedAreFreeAgainAfterTheNextStart) {
+  start_traced({"trace=renameat2,unlink,unlinkat,rmdir,fchmod", "inject=renameat2:error=ENOSYS",
+                "inject=unlink,unlinkat,rmdir:delay_exit=100000", "inject=fchmod:signal=KILL:when=2",
+                "/tmp/vsd/5/wex"});
+  Process& roots = start_waiting();
+  const maker user({flag_of(roots.pid())});
+  ASSERT_TRUE(user.ready());
+  write_file("/tmp/go", "");
+  EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
+  EXPECT_EQ(03755U, mode_of(kFlags));
+  start();
+  EXPECT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s));
+  EXPECT_TRUE(eventually([&] { return is_roots_file(flag_of(roots.pid())); }, 10s));
+  expect_nothing_left();
+}
+
+// Killed before the two names are exchanged it leaves the file, and behind that the user's directory.
+TEST_F(StrictNames, ThatAKilledDaemonHasBegunToTakeAreFreeAfterTheNextStart) {
+  for (const char* const call : {"renameat2", "unlinkat"}) {
+    for (const bool is_flag : {true, false}) {
+      for (const bool is_full : {false, true}) {
+        SCOPED_TRACE(std::string(call) + (is_flag ? ", flag file" : ", database file") +
+                     (is_full ? ", full" : ""));
+        const std::string directory = is_flag ? "/tmp/vsd/5/wex" : registry::db_dir(5);
+        start_traced({std::string("inject=") + call + ":signal=KILL", directory});
+        Process& roots = start_waiting();
+        const names files = files_of(roots.pid());
+        const std::string& wanted = files[is_flag ? 0 : 1];
+        ASSERT_TRUE(as_user([&] {
+          return mkdir(wanted.c_str(), 0755) == 0 &&
+                 (!is_full || mkdir((wanted + "/full").c_str(), 0755) == 0);
+        }));
+        write_file("/tmp/go", "");
+        EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
+        const names left = left_in(directory);
+        ASSERT_EQ(1U, left.size());
+        struct stat facts = {};
+        EXPECT_EQ(0, lstat((directory + "/" + left[0]).c_str(), &facts));
+        EXPECT_EQ(is_roots_file(wanted), S_ISDIR(facts.st_mode)) << "they have been exchanged";
+        start();
+        EXPECT_TRUE(!is_flag || is_roots_file(wanted)) << read_console();
+        expect_only_aside(directory, is_full);
+        daemon.kill_now();
+        roots.kill_now();
+        for (const std::string& name : files) {
+          rmdir((name + "/full").c_str());
+          remove(name.c_str());
+        }
+      }
+    }
+  }
+}
+
+TEST_F(StrictNames, OfFailedForksThatAKilledDaemonHasBegunToTakeIsFreeAfterTheNextStart) {
+  names expressions = kNoForks;
+  expressions.push_back("inject=renameat2:signal=KILL");
+  start_traced(expressions);
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  ASSERT_TRUE(as_user([] { return mkdir(kForkFile, 0755) == 0; }));
+  send_signal(roots.pid(), SIGKILL);
+  EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
+  EXPECT_EQ(1U, left_in(kRunDir).size());
+  start();
+  expect_nothing_left();
+}
+
+// Only those of the form that the daemon gives them are its own to judge, and no link is followed.
+TEST_F(StrictNames, ThatOnlyLookLikeThoseOfAKilledDaemonStayAndLinksAreNotFollowed) {
+  const std::string flags = kFlags;
+  write_file("/tmp/precious", "root's");
+  const names kept = {".begun-", ".begun-0123456789abcde", ".begun-0123456789abcdef0",
+                      ".begun-0123456789ABCDEF", "begun-0123456789abcdef"};
+  for (const std::string& name : kept) {
+    write_file(flags + name, "");
+  }
+  ASSERT_EQ(0, symlink("/tmp/precious", (flags + ".begun-0123456789abcdef").c_str()));
+  ASSERT_TRUE(as_user([&] { return mkdir((flags + ".begun-fedcba9876543210").c_str(), 0700) == 0; }));
+  start();
+  for (const std::string& name : kept) {
+    EXPECT_TRUE(exists(flags + name)) << name;
+    EXPECT_EQ(0, unlink((flags + name).c_str()));
+  }
+  struct stat facts = {};
+  EXPECT_NE(0, lstat((flags + ".begun-0123456789abcdef").c_str(), &facts));
+  EXPECT_FALSE(exists(flags + ".begun-fedcba9876543210"))
+      << "a user's directory that root's file has replaced";
+  EXPECT_EQ("root's", read_file("/tmp/precious"));
 }
