@@ -271,6 +271,16 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
   return true;
 }
 
+bool wex_renumber_pidfile(const wex_pid* rec, int32_t number) {
+  char name[kPathSize];
+  wex_pid numbered = *rec;
+  numbered.pid = number;
+  if (wex_name_pidfile(rec, name)) {
+    drop_locked_file(name);
+  }
+  return wex_renew_pidfile(&numbered, 0, 0);
+}
+
 bool wex_drop_begun_pidfile(const char* path) {
   struct stat facts = {};
   if (!wex_strict().on || !is_begun(last_component(path)) || lstat(path, &facts) != 0) {
