@@ -99,8 +99,9 @@ inline constexpr int kDelayEndLooks = 2500;
 
 // Spawning.
 inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
-inline constexpr int kWaysGiven = 100;  // children that give way to other registrations, for one restart
-inline constexpr int kMaxWords = 14;    // program and 13 arguments
+inline constexpr int kWaysGiven = 100;      // children that give way to other registrations, for one restart
+inline constexpr unsigned kWaysKept = 128;  // of those, remembered until their ends are reported
+inline constexpr int kMaxWords = 14;        // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
 inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
 inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
