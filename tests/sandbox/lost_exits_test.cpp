@@ -192,8 +192,9 @@ TEST_F(LostExits, AStopOnPurposeIsOneThoughAChildThatStartsLaterHasGivenWayToIts
     EXPECT_TRUE(other.comes_back(20s)) << read_console();
     EXPECT_TRUE(wait_for_event(WEX_STATUS_EV_STOPPED, old)) << read_console();
     EXPECT_TRUE(pids_with_command(stopped.command()).empty());
-    was_given = other.pid() != old &&
-                std::regex_search(Daemon::trace(), std::regex("fork[^\n]* = " + std::to_string(old) + "\n"));
+    was_given =
+        other.pid() != old &&
+        std::regex_search(Daemon::trace(), std::regex("(fork|clone)[^\n]* = " + std::to_string(old) + "\n"));
     other.end(SIGTERM);
   }
   EXPECT_TRUE(was_given) << "the pid was never given to a child of the daemon's";
