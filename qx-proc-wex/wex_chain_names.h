@@ -4,7 +4,7 @@
 // ever it is, so the answer must not cost a look at every record.
 #pragma once
 
-#include "wex.h"
+#include "wex_lock_order.h"
 
 // Enters a record of wex_chains that is being added, and takes one out. Its command line must not change in
 // between, but for blanks at its end.

@@ -436,7 +436,7 @@ TEST_F(Chain, ANameIsFreeAgainWhenItsLastRegistrationIsGone) {
   chain_lock hold(wex_chains);
   EXPECT_FALSE(__wex_name_may_be_taken("/a/foo", nullptr));
   wex_pid* const rec = add(812);
-  wex_pid* const other = add(813);
+  add(813);
   EXPECT_TRUE(__wex_name_may_be_taken("/a/foo", rec));
   del(813);
   EXPECT_FALSE(__wex_name_may_be_taken("/a/foo", rec));
