@@ -16,7 +16,6 @@
 #include <cstring>
 
 #include "chain_lock.h"
-#include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_clock.h"
@@ -24,7 +23,6 @@
 #include "wex_core_restart.h"
 #include "wex_core_takedown.h"
 #include "wex_dbg.h"
-#include "wex_limits.h"
 #include "wex_proc.h"
 #include "wex_signals.h"
 #include "wex_signals_reaper.h"
@@ -107,9 +105,7 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
     }
     wex_status_busy(kStatusAlarm);
     if (wex_take_child_signal()) {
-      wex_sleep_ms(kReapDelayMs);
-      wex_take_child_signal();  // of those that ended meanwhile
-      wex_chld_handler(SIGCHLD);
+      wex_reap_at_leisure();
       wex_handle_missed_exits();
     }
     if (wex_take_alarm_signal() && !g_stop.load()) {
