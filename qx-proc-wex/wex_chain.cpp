@@ -114,14 +114,31 @@ int32_t number_like(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   do {
     number = next;
     next = number > INT32_MIN ? number - 1 : kFirst;
-  } while (wex_hash_pid(number) != wex_hash_pid(pid));
+  } while (wex_hash_pid(number) != wex_hash_pid(pid) || __wex_find_pid(&wex_chains, number) != nullptr);
   return number;
+}
+
+// Whether it waits with a dead pid for its program, or for the next daemon, which is to start it: by its
+// file.
+bool is_failed_of_roots(const wex_pid* rec) {
+  uid_t uid = 0;
+  return rec->restart_failed != 0 && rec->thread_of == 0 && wex_uid_of(rec, &uid) && uid == 0 &&
+         !wex_record_lives(rec);
+}
+
+// Whether a registration leaves its pid to another process that has it by now.
+bool may_give_up_pid(const wex_pid* rec) {
+  return (rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec);
 }
 
 // The copy that waits for the restart is still found by the registration's number.
 void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
   const int32_t pid = rec->pid;
+  const int32_t number = number_like(pid);
+  if (is_failed_of_roots(rec)) {
+    wex_renumber_pidfile(rec, number);
+  }
   if (!wex_name_pidfile(rec, file) || strcmp(file, taker.file) != 0) {
     wex_db_destroy(rec);
   }
@@ -129,7 +146,7 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
     wex_remove_flag_files(rec->vsd, pid);
   }
   wex_forget_user(pid);
-  rec->pid = number_like(pid);
+  rec->pid = number;
   {
     chain_lock hold(wex_chains_delay);
     if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid)) {
@@ -343,8 +360,7 @@ void __wex_free_pid(const pid_taker& taker) {
   }
   for (wex_hnode* node = *bucket_of(&wex_chains, taker.pid); node != nullptr; node = node->next) {
     wex_pid* const rec = wex_record_of(node);
-    if (rec->pid == taker.pid && rec->exit_seen != 0 && rec->start_time != taker.start_time &&
-        wex_is_users(rec)) {
+    if (rec->pid == taker.pid && rec->start_time != taker.start_time && may_give_up_pid(rec)) {
       give_up_pid(rec, taker);
     }
   }
@@ -437,6 +453,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // program a second time.
   wex_db_destroy(rec);
   const int32_t old_pid = rec->pid;
+  rec->restart_failed = 0;
   __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
   note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
@@ -444,7 +461,6 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
-  rec->restart_failed = 0;
   rec->gone_since = 0;
   if (new_pid > 0) {
     rec->missed_child = 0;

@@ -25,6 +25,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_proc_child.h"
 #include "wex_utils.h"
 
 namespace {
@@ -184,6 +185,18 @@ void note_thread_end(const process_event& event) {
   }
 }
 
+// The record's own exit event has been lost then, or would have been handled before: the sweep finds that
+// one, and how it ended when it was a child.
+bool is_of_child_that_gave_way(const reported_exit& exit) {
+  chain_lock hold(wex_chains);
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, exit.pid);
+  if (rec == nullptr || !__wex_gave_way_to(rec, exit.code, exit.tick)) {
+    return false;
+  }
+  wex_request_sweep();
+  return true;
+}
+
 }  // namespace
 
 void wex_note_event_delay(const process_event& event) {
@@ -219,7 +232,7 @@ void wex_take_exit_event(const process_event& event) {
     return;
   }
   const reported_exit exit = {event.pid, event.exit_code, tick_of(event)};
-  if (!try_to_judge(exit, kExitLooks)) {
+  if (!is_of_child_that_gave_way(exit) && !try_to_judge(exit, kExitLooks)) {
     keep_pending(exit);
   }
 }

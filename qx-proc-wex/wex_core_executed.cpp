@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -37,11 +38,12 @@ bool is_supervised(int32_t pid) {
   return rec != nullptr && rec->thread_of == 0 && wex_record_lives(rec);
 }
 
-// Neither one that has ended nor a zombie has one.
+// Neither one that has ended nor a zombie has one. One whose program we may not see has one.
 bool has_program(int32_t pid) {
   char link[kPathSize];
   char first;
-  return wex_format(link, sizeof link, kProcExeFmt, pid) && readlink(link, &first, sizeof first) > 0;
+  return wex_format(link, sizeof link, kProcExeFmt, pid) &&
+         (readlink(link, &first, sizeof first) > 0 || errno == EACCES);
 }
 
 // False when the program could not be registered: it may be tried again. In strict mode its user is looked at
@@ -90,10 +92,12 @@ bool register_executed(int32_t pid) {
 bool wex_register_executed(int32_t pid) {
   for (int tries = 1; !register_executed(pid) && wex_strict().on && tries < kExecutedTries; ++tries) {
   }
-  return has_program(pid);
+  // The restart that frees the pid of one that was left out is an execution, too.
+  return has_program(pid) && !wex_listed_left_out();
 }
 
 void wex_register_running() {
+  wex_forget_listed_left_out();
   if (access(kThirdPartList, F_OK) != 0) {
     return;
   }

@@ -5,6 +5,7 @@
 
 // wex_register_executed() registers `pid` when it runs a third-part program of which no other process is
 // registered; wex_register_running() does so for every process that is not supervised yet. With no chain
-// held. False when `pid` has ended, perhaps unseen: then a process that it has forked may be the program.
+// held. False when all processes are to be looked at: `pid` has ended, perhaps unseen, and one that it has
+// forked may be the program; or some program was left out because of its pid, which may be free by now.
 bool wex_register_executed(int32_t pid);
 void wex_register_running();

@@ -264,10 +264,11 @@ void log_success(const wex_action& action, wex_pid* rec) WEX_TSA(requires_capabi
 // ---- restart ----------------------------------------------------------------------------------------------
 
 // The restarts of a user's program count on when it detaches, which is a hand-over: he could else have it
-// started without end. Of root's the search that follows its start finds the detached process.
+// started without end. Of root's the search that follows its start finds the detached process. The pid may
+// still be another one's.
 void keep_throttle(const wex_pid& before, int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && wex_is_users(rec)) {
+  if (rec != nullptr && wex_is_users(rec) && wex_same_user(&before, rec)) {
     rec->flags = before.flags;
     rec->check_count = before.check_count;
     rec->check_start = before.check_start;

@@ -8,6 +8,7 @@
 
 #include "wex_msg.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "chain_lock.h"
@@ -38,6 +39,8 @@ namespace {
 
 constexpr size_t kCommandSize = WEX_PROCESS_SIZE - 1;
 constexpr uid_t kRoot = 0;
+
+std::atomic<bool> g_listed_left_out{false};
 
 // Whether this registration is one of which the speaker may speak. For one of root's, or of a user who is not
 // known, only root may.
@@ -189,6 +192,15 @@ bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_c
   const wex_pid* const known = __wex_find_pid(&wex_chains, newcomer->pid);
   return wex_strict().on && known != nullptr && known->thread_of == 0 &&
          known->start_time != newcomer->start_time && is_registered(newcomer);
+}
+
+// What is kept for this pid is again of the registration that has it, if any.
+void keep_user_of_owner(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  if (const wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
+    wex_keep_user(rec);
+  } else {
+    wex_forget_user(pid);
+  }
 }
 
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
@@ -442,14 +454,14 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   const chain_lock hold(wex_chains);
   free_pid_of(rec);
   if (has_anothers_pid(rec)) {
+    g_listed_left_out.store(true, std::memory_order_release);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return 0;
   }
   const wex_pid* const known = __wex_find_pid(&wex_chains, pid);
-  const bool unknown = known == nullptr;
-  const bool again = !unknown && known->start_time == rec->start_time;
-  if (unknown) {
+  const bool again = known != nullptr && known->start_time == rec->start_time;
+  if (!again) {
     wex_keep_user(rec);  // first: the file is root's until it has its record, and the daemon may be killed
   }
   if (described) {
@@ -458,9 +470,7 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   const wex_pid refused = *rec;
   if (!insert_process(rec) && !again && wex_strict().on) {
     wex_db_destroy(&refused);  // it is root's, whosever program it names
-    if (unknown) {
-      wex_forget_user(pid);
-    }
+    keep_user_of_owner(pid);
   }
   return 0;
 }
@@ -469,4 +479,12 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   process_user now = {};
   wex_look_at_user(pid, &now);
   return wex_register_listed(pid, type, memory, now);
+}
+
+bool wex_listed_left_out() {
+  return g_listed_left_out.load(std::memory_order_acquire);
+}
+
+void wex_forget_listed_left_out() {
+  g_listed_left_out.store(false, std::memory_order_release);
 }

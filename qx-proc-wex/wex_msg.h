@@ -41,3 +41,8 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory);
 // The same for a process that was found in the list after the look `before`. In strict mode -1 also when its
 // user is another one by now: it has executed a set-user-id program meanwhile, or given up its rights.
 int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const process_user& before);
+
+// In strict mode a listed program gets no record, and no file, as long as its pid is that of another
+// registration which waits for its restart: 0, and true here until it is forgotten. It is to be tried again.
+bool wex_listed_left_out();
+void wex_forget_listed_left_out();

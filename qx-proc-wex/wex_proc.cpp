@@ -31,6 +31,7 @@
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_domain_present.h"
 #include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
@@ -39,6 +40,7 @@
 #include "wex_proc_child.h"
 #include "wex_signals_reaper.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 #include "wex_utils_settings.h"
 #include "wex_vsd.h"
@@ -105,14 +107,21 @@ void find_script(const char* word, char* script, size_t size) {
   }
 }
 
+// In strict mode a program is of the domain in which it is registered, also without a flag file: it may have
+// given its pid up, and users may have left no room for the file.
+bool may_lack_flag_file(const wex_pid* rec) {
+  return wex_strict().on && rec->vsd >= kFirstDomain && rec->vsd < WEX_DOMAINS &&
+         (wex_domains_present() >> rec->vsd & 1) != 0;
+}
+
 void prepare(launch* start, const wex_action& action, wex_pid* rec) {
   start->action = &action;
   start->rec = rec;
   start->user = wex_user_of(rec);
   start->old_pid = wex_last_process(rec);
   start->domain = start->old_pid > 0 ? wex_domain_of(rec, start->old_pid) : -1;
-  if (start->old_pid < -1 && rec->vsd >= kFirstDomain) {
-    start->domain = rec->vsd;  // it has given its pid up, and with it the flag file
+  if (start->domain < 0 && may_lack_flag_file(rec)) {
+    start->domain = rec->vsd;
   }
   char word[256];
   // A user's is not looked for: it could hide, and have the registry locked for as long as the looks take. If

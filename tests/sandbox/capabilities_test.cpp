@@ -14,7 +14,9 @@
 #include <set>
 #include <sstream>
 
+#include "raw_client.h"
 #include "restart_policy.h"
+#include "status_reader.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_vsd.h"
@@ -137,13 +139,16 @@ class Capabilities : public WexWorld, public ::testing::WithParamInterface<const
     }
     return daemon_.running();
   }
+  static std::vector<std::string> as_other_words(const std::vector<std::string>& options) {
+    std::vector<std::string> words = {"setpriv", "--reuid=1234", "--clear-groups"};
+    const std::vector<std::string> program = actor_words(options);
+    words.insert(words.end(), program.begin(), program.end());
+    return words;
+  }
   // The service in its next life; 0 when it has none.
   static pid_t restarts_service_of_other(milliseconds limit) {
     Process service;
-    std::vector<std::string> words = {"setpriv", "--reuid=1234", "--clear-groups"};
-    const std::vector<std::string> program = actor_words(service_of_other());
-    words.insert(words.end(), program.begin(), program.end());
-    EXPECT_TRUE(service.start(words));
+    EXPECT_TRUE(service.start(as_other_words(service_of_other())));
     EXPECT_TRUE(eventually([] { return exists(kReadyOfOther); }, 20s));
     const pid_t old = service.pid();
     service.kill_now();
@@ -219,13 +224,14 @@ TEST_F(Capabilities, WithoutCapKillOtherUsersProcessesGoOn) {
   EXPECT_FALSE(ends_other_users_process(mask_of(all_but("CAP_KILL")), 500ms));
 }
 
-class EndsWithout : public Capabilities {};
+struct EndsWithout : Capabilities {
+  void expect_end(const std::string& name, bool strict);
+};
 
-// Or, where the kernel asks for less, says what it has to do without.
-TEST_P(EndsWithout, AndSaysWhy) {
-  const std::string name = GetParam();
-  ASSERT_EQ(7U, all_but(name).size()) << "not in the document";
-  ASSERT_TRUE(start_with(all_but(name), name == "CAP_SYS_RESOURCE" || granted(CAP_SYS_RESOURCE)));
+void EndsWithout::expect_end(const std::string& name, bool strict) {
+  const std::vector<std::string> names = all_but(name, strict);
+  ASSERT_EQ(documented(strict).size() - 1, names.size()) << "not in the document";
+  ASSERT_TRUE(start_with(names, name == "CAP_SYS_RESOURCE" || granted(CAP_SYS_RESOURCE)));
   if (name == "CAP_NET_ADMIN" && everybody_may_listen()) {  // since Linux 6.6
     ASSERT_TRUE(daemon_.wait_ready(30s));
     EXPECT_TRUE(does_duty("CAP_SYS_PTRACE")) << "it does not hear of exits";
@@ -243,6 +249,16 @@ TEST_P(EndsWithout, AndSaysWhy) {
       read_file(kRunningLog1),
       "Thread \"wex_process_netlink\" exit, wex will be restart\\. res=-[13], Operation not permitted"))
       << read_file(kRunningLog1);
+}
+
+// Or, where the kernel asks for less, says what it has to do without.
+TEST_P(EndsWithout, AndSaysWhy) {
+  ASSERT_NO_FATAL_FAILURE(expect_end(GetParam(), false));
+}
+
+TEST_P(EndsWithout, InStrictModeToo) {
+  write_file(kStrictFile, "");
+  ASSERT_NO_FATAL_FAILURE(expect_end(GetParam(), true));
 }
 
 INSTANTIATE_TEST_SUITE_P(A, EndsWithout,
@@ -268,6 +284,11 @@ struct StrictCapabilities : Capabilities {
   void SetUp() override {
     Capabilities::SetUp();
     write_file(kStrictFile, "");
+  }
+  static bool is_known(pid_t pid) { return StatusReader().slot_of(pid).has_value(); }
+  static bool as_other(const std::function<bool()>& work) {
+    const child worker([&] { return setresuid(kOtherUser, kOtherUser, kOtherUser) == 0 && work(); });
+    return worker.ready();
   }
   static bool data_is_roots() {
     struct stat facts = {};
@@ -332,4 +353,59 @@ TEST_F(StrictCapabilities, WithoutCapChownADirectoryStaysTheUsersWhoMadeIt) {
   ASSERT_TRUE(start_with(all_but("CAP_CHOWN", true)));
   ASSERT_TRUE(daemon_.wait_ready(30s));
   EXPECT_FALSE(data_is_roots());
+}
+
+namespace {
+
+// A database file as a library makes it that knows no strict mode, and its registration.
+bool register_as_older_library(const Process& service) {
+  const std::string file = db_file("sleep", service.pid());
+  return StrictCapabilities::as_other([&] {
+    umask(022);
+    write_file(file, std::to_string(service.pid()) + "\n2\n" + command_line(service.pid()), 0755);
+    const raw_client client;
+    wex_reg_info body = {};
+    body.pid = service.pid();
+    return client.send_body(WEX_RESTART, body) && client.acknowledged();
+  });
+}
+
+}  // namespace
+
+// All their database files are closed to others. Those that live on are not started again either.
+TEST_F(StrictCapabilities, WithoutCapDacOverrideTheNextDaemonKnowsNoServiceOfAUser) {
+  for (const bool granted : {true, false}) {
+    const std::vector<std::string> names = granted ? documented(true) : all_but("CAP_DAC_OVERRIDE", true);
+    const std::vector<std::string> options = {"--tag=user", "--register=RESTART", "--confirm", "--hold"};
+    ASSERT_TRUE(start_with(names) && daemon_.wait_ready(30s));
+    Process service;
+    ASSERT_TRUE(service.start(as_other_words(options)));
+    ASSERT_TRUE(eventually([&] { return is_known(service.pid()); }, 20s)) << read_console();
+    daemon_.kill_now();
+    ASSERT_TRUE(start_with(names) && daemon_.wait_ready(30s));
+    EXPECT_EQ(granted, is_known(service.pid()));
+    daemon_.kill_now();
+  }
+}
+
+// Its owner alone may change its mode else.
+TEST_F(StrictCapabilities, WithoutCapFownerADatabaseFileOfAnOlderLibraryStaysOpenToReaders) {
+  for (const bool granted : {true, false}) {
+    const std::vector<std::string> names = granted ? documented(true) : all_but("CAP_FOWNER", true);
+    ASSERT_TRUE(start_with(names) && daemon_.wait_ready(30s));
+    EXPECT_TRUE(data_is_roots()) << "its own it may open or close";
+    Process service;
+    ASSERT_TRUE(service.start({"setpriv", "--reuid=1234", "--clear-groups", "sleep", "600"}));
+    ASSERT_TRUE(eventually([&] { return command_line(service.pid()) == "sleep 600"; }));
+    ASSERT_TRUE(register_as_older_library(service));
+    ASSERT_TRUE(eventually([&] { return is_known(service.pid()); }, 20s)) << read_console();
+    EXPECT_EQ(granted ? 0700U : 0755U, mode_of(db_file("sleep", service.pid())));
+    daemon_.kill_now();
+  }
+}
+
+TEST_F(StrictCapabilities, WithoutCapSysPtraceNoServiceOfAUserIsRegistered) {
+  ASSERT_TRUE(start_with(all_but("CAP_SYS_PTRACE", true)) && daemon_.wait_ready(30s));
+  EXPECT_EQ(0, restarts_service_of_other(1s));
+  EXPECT_TRUE(console_says("fail to get pid ")) << read_console();
 }

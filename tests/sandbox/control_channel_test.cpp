@@ -103,7 +103,7 @@ TEST_F(ControlChannel, AcknowledgesBeforeItHandles) {
   ASSERT_TRUE(service.start(actor_words(options)));
   const pid_t first = wait_for_actor(options);
   wex_reg_info slow = body_of(first);
-  slow.restart_delay = 3;
+  slow.restart_delay = 8;
   const raw_client client;
   ASSERT_TRUE(client.send_body(WEX_RESTART, slow));
   ASSERT_TRUE(client.acknowledged());
@@ -114,10 +114,10 @@ TEST_F(ControlChannel, AcknowledgesBeforeItHandles) {
   mark_console();
   ASSERT_TRUE(client.send_body(WEX_CONS_MSG, wex_cons_info{WEX_CANCEL_PROC, INT32_MAX}));
   std::string record;
-  EXPECT_EQ(static_cast<ssize_t>(kHeader), client.next(&record, 500ms));
+  EXPECT_EQ(static_cast<ssize_t>(kHeader), client.next(&record, 5s));
   EXPECT_EQ(std::string::npos, read_console().find(dispatched(5, 0)));
-  EXPECT_TRUE(console_says(dispatched(5, 0), 5s));
-  EXPECT_GT(wait_for_actor(options, first), 0);
+  EXPECT_TRUE(console_says(dispatched(5, 0), 30s));
+  EXPECT_GT(wait_for_actor(options, first, 30s), 0);
 }
 
 // What is to be registered is looked at in /proc: the look belongs to the handler.

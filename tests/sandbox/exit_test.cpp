@@ -275,11 +275,11 @@ TEST_F(ExitHandling, ARestartDelayIsWaitedFor) {
   const pid_t old_pid = service.pid();
   const auto start = std::chrono::steady_clock::now();
   service.kill_now();
-  const pid_t next = wait_for_actor(options, old_pid);
+  const pid_t next = wait_for_actor(options, old_pid, 20s);
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GT(next, 0) << read_console();
   EXPECT_GE(took, 2s);
-  EXPECT_LT(took, 3s);
+  EXPECT_LT(took, 12s) << "a tenth of a second more than two on a quiet machine";
   daemon.stop();
 }
 

@@ -1,10 +1,15 @@
 // Strict mode: flag files, which say in which domain a program is started again.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
 #include "registry_files.h"
-#include "strict_world.h"
+#include "strict_domain.h"
 #include "taken_pid.h"
 #include "unique_fd.h"
 
@@ -12,38 +17,20 @@ namespace {
 
 using namespace strict_world;
 
-constexpr char kFlags[] = "/tmp/vsd/5/wex/";
-constexpr char kRunOfDomain[] = "/data/var/run/vsd/5";
 constexpr char kSetUserId[] = "/data/flagged";
 
-// Domain 5, as one that is set up.
-struct StrictFlagFiles : Strict {
+struct StrictFlagFiles : StrictDomain {
   void SetUp() override {
-    Strict::SetUp();
-    for (const char* path : {kFlags, "/tmp/vsd/5/wex/db", kRunOfDomain}) {
-      make_dirs(path);
-      ASSERT_EQ(0, chmod(path, 01777));
-    }
+    StrictDomain::SetUp();
     start();
   }
   void TearDown() override {
-    Strict::TearDown();
+    StrictDomain::TearDown();
     unlink(kSetUserId);
-  }
-  static std::string flag_of(pid_t pid) { return kFlags + text(pid); }
-  static uid_t owner_of(const std::string& path) {
-    struct stat facts = {};
-    return lstat(path.c_str(), &facts) == 0 ? facts.st_uid : ~uid_t{0};
   }
   static std::string directory_of(pid_t pid) {
     char target[256] = {};
     return readlink(("/proc/" + text(pid) + "/cwd").c_str(), target, sizeof target - 1) > 0 ? target : "";
-  }
-  // An actor's words as this user, with the group of the domain.
-  static words words_of_domain(const words& program, uid_t user) {
-    words all = {"setpriv", "--reuid=" + text(user), "--regid=" + text(user), "--groups=3500"};
-    all.insert(all.end(), program.begin(), program.end());
-    return all;
   }
   bool cancel_as_user(pid_t pid) {
     return as_user([&] {
@@ -172,6 +159,141 @@ TEST_F(StrictFlagFiles, AUserWhoMakesADirectoryAgainAndAgainDoesNotKeepRootsFrom
         << name << " is user " << facts.st_uid << "'s";
   }
   unlink("/tmp/go");
+}
+
+namespace {
+
+// What a user puts at the names of files that the daemon makes for him, before they have got their lasting
+// names: each is his for a moment by then, and may be moved away.
+void swap_what_is_begun(const std::string& directory, const std::string& precious, int* swapped) {
+  for (const std::string& name : list_dir(directory)) {
+    const std::string path = directory + "/" + name;
+    struct stat facts = {};
+    if (name.find("begun-") == std::string::npos || lstat(path.c_str(), &facts) != 0 ||
+        facts.st_uid != kUser || !S_ISREG(facts.st_mode) ||
+        rename(path.c_str(), (directory + "/mine" + text(++*swapped)).c_str()) != 0) {
+      continue;
+    }
+    const int kind = *swapped % 3;
+    const int result = kind == 0   ? symlink(precious.c_str(), path.c_str())
+                       : kind == 1 ? mkfifo(path.c_str(), 0600)
+                                   : mkdir(path.c_str(), 0700);
+    mknod((directory + (result == 0 ? "/swapped" : "/failed") + text(kind)).c_str(), S_IFREG | 0600, 0);
+  }
+}
+
+}  // namespace
+
+// A link of his to a file of root's, a FIFO, a directory. The daemon is slow when it has given a file away.
+TEST_F(StrictFlagFiles, AUserWhoChangesWhatIsMadeForHimTouchesNothingOfRoots) {
+  const std::string precious = "/data/precious";
+  write_file(precious, "root's", 0600);
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start_traced({"inject=?fchown,?fchown32:delay_exit=100000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  const words options = {"--tag=users", "--register=RESTART", "--confirm", "--hold"};
+  Process& users = process();
+  ASSERT_TRUE(users.start(words_of_domain(actor_words(options), kUser)));
+  ASSERT_TRUE(eventually([&] { return is_registered(users.pid()); }, 20s)) << read_console();
+  const child swapper([&] {
+    if (!become(kUser)) {
+      return false;
+    }
+    std::thread([precious] {
+      for (int flags = 0, files = 0;;) {
+        swap_what_is_begun("/tmp/vsd/5/wex", precious, &flags);
+        swap_what_is_begun("/tmp/vsd/5/wex/db", precious, &files);
+        std::this_thread::sleep_for(2ms);
+      }
+    }).detach();
+    return true;
+  });
+  ASSERT_TRUE(swapper.ready());
+  pid_t last = users.pid();
+  for (int life = 1; life <= 3; ++life) {
+    ASSERT_TRUE(as_user([&] {  // others could write it: it is made anew
+      const raw_client client;
+      return chmod(registry::db_file(5, "actor", last).c_str(), 0777) == 0 &&
+             client.send_body(WEX_RESTART, control_client::body_of(last)) && client.acknowledged();
+    })) << life;
+    EXPECT_TRUE(eventually([&] { return exists(kFlags + ("db/swapped" + text(life % 3))); }, 20s)) << life;
+    send_signal(last, SIGKILL);
+    const pid_t next = wait_for_actor(options, last, 30s);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ(text(kUser), uid_of(next));
+    EXPECT_TRUE(eventually([&] { return exists(kFlags + ("swapped" + text(life % 3))); }, 20s)) << life;
+    ASSERT_TRUE(eventually([&] { return is_registered(next); }, 20s)) << read_console();
+    last = next;
+  }
+  EXPECT_EQ("root's", read_file(precious));
+  EXPECT_EQ(0600U, mode_of(precious));
+  EXPECT_EQ(0U, owner_of(precious));
+  Process& roots = process();
+  const words of_root = {"--tag=roots", "--register=RESTART", "--confirm", "--hold"};
+  ASSERT_TRUE(roots.start(words_of_domain(actor_words(of_root), 0)));
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  send_signal(roots.pid(), SIGKILL);
+  const pid_t next = wait_for_actor(of_root, roots.pid(), 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ(kRunOfDomain, directory_of(next));
+  EXPECT_EQ("0", uid_of(next));
+  unlink(precious.c_str());
+}
+
+namespace {
+
+// The domain's files are on a disk of their own, which is small.
+struct StrictFullDomain : StrictFlagFiles {
+  void SetUp() override {
+    make_dirs(kFlags);
+    ASSERT_EQ(0, mount("small", kFlags, "tmpfs", 0, "nr_inodes=100,mode=1777")) << strerror(errno);
+    StrictFlagFiles::SetUp();
+  }
+  void TearDown() override {
+    StrictFlagFiles::TearDown();
+    umount2(kFlags, MNT_DETACH);
+  }
+};
+
+}  // namespace
+
+// There is no flag file for its next process, by which it would leave the domain with the restart after that.
+// The daemon is slow after each removal.
+TEST_F(StrictFullDomain, AUserWhoTakesAllRoomMovesNoServiceOfRootsOutOfIt) {
+  daemon.kill_now();
+  ASSERT_TRUE(daemon.start_traced({"inject=unlink,unlinkat,rmdir:delay_exit=100000"}));
+  ASSERT_TRUE(daemon.wait_ready(30s));
+  Process& roots = process();
+  const words options = {"--tag=roots", "--register=RESTART", "--confirm", "--hold"};
+  ASSERT_TRUE(roots.start(words_of_domain(actor_words(options), 0)));
+  ASSERT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s)) << read_console();
+  ASSERT_TRUE(eventually([&] { return owner_of(flag_of(roots.pid())) == 0; }, 10s)) << read_console();
+  const child user([] {
+    if (!become(kUser)) {
+      return false;
+    }
+    static std::atomic<bool> full{false};
+    std::thread([] {
+      for (int number = 0;; ++number) {
+        if (mknod((kFlags + std::string("room") + text(number)).c_str(), S_IFREG | 0600, 0) != 0) {
+          full = errno == ENOSPC;
+          std::this_thread::sleep_for(1ms);
+        }
+      }
+    }).detach();
+    return eventually([] { return full.load(); });
+  });
+  ASSERT_TRUE(user.ready());
+  pid_t last = roots.pid();
+  for (int restart = 1; restart <= 2; ++restart) {
+    send_signal(last, SIGKILL);
+    const pid_t next = wait_for_actor(options, last, 30s);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ(kRunOfDomain, directory_of(next)) << "restart " << restart;
+    EXPECT_TRUE(eventually([&] { return is_registered(next); }, 20s)) << read_console();
+    EXPECT_NE(0U, owner_of(flag_of(next))) << "there was room";
+    last = next;
+  }
 }
 
 // Names that stand for the same number were taken for it, and the one that counts stayed: root's service that

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "strict_world.h"
+#include "taken_pid.h"
 #include "third_part_world.h"
 #include "unique_fd.h"
 
@@ -51,6 +52,10 @@ struct StrictListed : third_part::ThirdPart {
         },
         20s))
         << facts.st_uid << " " << std::oct << facts.st_mode;
+  }
+  static bool is_parked(pid_t pid) {
+    const auto slot = StatusReader().slot_of(pid);
+    return slot.has_value() && slot->state == WEX_STATUS_PARKED;
   }
   static pid_t lock_holder(const std::string& path) {
     struct flock whole = {};
@@ -167,6 +172,26 @@ TEST_F(StrictListed, RootsProgramThatHasGivenUpItsRightsIsNotStartedBesideItself
   ASSERT_TRUE(start_daemon());
   EXPECT_EQ(first, registered_for(0, app_, 0)) << read_console();
   EXPECT_EQ(1U, pids_with_command(app_).size());
+}
+
+// It has no file meanwhile, and nobody else would see to it.
+TEST_F(StrictListed, RootsProgramThatHasThePidOfAParkedServiceIsRegisteredBehindThatOnesRestart) {
+  write_file(kDebugTime, "8\n");
+  command_ = app_ = install("plain");
+  describe("plain", app_ + " WEX_RESTART");
+  ASSERT_TRUE(start_daemon());
+  policy::Service parked("parked");
+  ASSERT_TRUE(parked.start());
+  ASSERT_TRUE(parked.park());
+  const pid_t pid = parked.pid();
+  stranger listed(pid, {app_});
+  ASSERT_TRUE(console_says("To register to wex, process: " + app_ + ", pid: " + text(pid), 20s));
+  EXPECT_TRUE(is_parked(pid)) << "it has given its pid up already";
+  ASSERT_TRUE(parked.comes_back(30s)) << read_console();
+  ASSERT_EQ(pid, registered_for(0, app_, 0)) << read_console();
+  expect_own_file(pid, 0);
+  listed.end();
+  EXPECT_GT(wait_for(app_, pid, 20s), 0) << read_console();
 }
 
 // ---- Listed programs of users: nobody waits for them ------------------------------------------------------

@@ -7,7 +7,10 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <cstdarg>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "file_lock.h"
 #include "registry_files.h"
@@ -23,6 +26,14 @@ using namespace registry;
 constexpr uid_t kUser = 1234;
 constexpr uid_t kOther = 1236;
 constexpr char kCommand[] = "/bin/owned -d";
+
+// What is done around the next opening of a file of this name.
+struct around_opening {
+  std::string name;
+  std::function<void()> before;
+  std::function<void()> after;
+};
+around_opening g_around;
 
 // No file can grow meanwhile, as on a full disk.
 class no_room {
@@ -88,6 +99,30 @@ struct OwnedFile : RegistryWorld {
 };
 
 }  // namespace
+
+extern "C" {
+
+int __real_openat64(int at, const char* path, int flags, ...);
+
+int __wrap_openat64(int at, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  around_opening now;
+  if (g_around.name == path) {
+    now = std::move(g_around);
+    g_around = {};
+    now.before();
+  }
+  const int file = __real_openat64(at, path, flags, mode);
+  if (now.after) {
+    now.after();
+  }
+  return file;
+}
+
+}  // extern "C"
 
 TEST_F(OwnedFile, OneThatOthersCouldWriteIsAnotherOneAfterwards) {
   for (const uid_t user : {uid_t{0}, kUser}) {
@@ -190,6 +225,35 @@ TEST_F(OwnedFile, ADirectoryThatAUserHasMadeThereMakesRoom) {
       EXPECT_EQ(0, rmdir((std::string(kMainDbDir) + "/" + name).c_str()));
     }
   }
+}
+
+// A user moves files of root's there, out of a directory of his own: the one that is looked at is not the one
+// that is read.
+TEST_F(OwnedFile, AFileOfRootsIsNotGivenAwayForWhatAnotherOneSays) {
+  const wex_pid rec = record_of(kUser, dead_pid());
+  const std::string path = leave(rec, 0, 0700);
+  const std::string good = "/tmp/good";
+  const std::string roots = "/tmp/roots";
+  ASSERT_EQ(0, rename(path.c_str(), good.c_str()));
+  write_file(path, "what is root's", 0700);
+  const unique_fd precious(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  bool switched = false;
+  g_around = {
+      path.substr(path.rfind('/') + 1),
+      [&] { switched = rename(path.c_str(), roots.c_str()) == 0 && rename(good.c_str(), path.c_str()) == 0; },
+      [&] {
+        switched =
+            switched && rename(path.c_str(), good.c_str()) == 0 && rename(roots.c_str(), path.c_str()) == 0;
+      }};
+  wex_own_database_file(&rec);
+  EXPECT_TRUE(switched);
+  struct stat facts = {};
+  ASSERT_EQ(0, fstat(precious.get(), &facts));
+  EXPECT_EQ(0U, facts.st_uid) << "a file of root's is the user's";
+  EXPECT_EQ(kUser, facts_of(path).st_uid);
+  EXPECT_EQ(text_of(rec), read_file(path));
+  unlink(path.c_str());
+  unlink(good.c_str());
 }
 
 // A user has moved a program of root's there since it was read, out of a directory of his own.

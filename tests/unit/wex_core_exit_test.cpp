@@ -380,3 +380,35 @@ TEST_F(UsersExit, TheEndOfAMissedChildIsNoneInAPause) {
   EXPECT_EQ(old_pid, rec->pid);
   EXPECT_EQ(0, rec->check_count) << "nothing was started";
 }
+
+// The exit of that one's process has not been handled yet.
+TEST_F(UsersExit, AHandOverToThePidOfAnotherUsersRegistrationLeavesThatOneTheCountOfItsRestarts) {
+  char sleep[kPathSize];
+  ASSERT_NE(nullptr, realpath("/bin/sleep", sleep));
+  const std::string program = std::string(sleep) + " 1000";
+  write_file(kThirdPartList, program + " WEX_RESTART\n");
+  wex_pid* const rec = users_died();
+  snprintf(rec->process, sizeof rec->process, "%s", program.c_str());
+  rec->check_count = 4;
+  Process next;
+  ASSERT_TRUE(next.start({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", sleep, "1000"}));
+  int32_t found = 0;
+  ASSERT_TRUE(eventually([&] { return wex_find_running(rec->process, &found, rec) && found == next.pid(); }));
+  wex_pid* const others = wex_new_record();
+  {
+    chain_lock hold(wex_chains);
+    others->pid = next.pid();
+    others->action = RESPAWN;
+    others->check_count = 1;
+    others->user = wex_number_user({4321, 4321, 0, {}});
+    snprintf(others->process, sizeof others->process, "%s", "/bin/sleep 2000");
+    ASSERT_TRUE(wex_note_start(others));
+    --others->start_time;
+    __wex_add_record(&wex_chains, others);
+  }
+  wex_handle_netlink_exit(rec->pid, 9, 0);
+  chain_lock hold(wex_chains);
+  ASSERT_EQ(others, __wex_find_pid(&wex_chains, next.pid()));
+  EXPECT_EQ(1, others->check_count);
+  EXPECT_EQ(4321U, wex_user_of(others)->uid);
+}

@@ -478,3 +478,24 @@ TEST_F(StrictDelay, AUsersFlagFileIsNotAskedWhoseALostRegistrationIs) {
   wex_look_at_files();
   EXPECT_EQ(1, count(wex_chains));
 }
+
+// Another process has its pid by now, which the sweep would take for its own.
+TEST_F(StrictDelay, ALostRegistrationOfRootsThatHasGivenItsPidUpIsStartedAgain) {
+  const int32_t pid = lose(0);
+  wex_look_at_files();
+  const wex_pid* rec = nullptr;
+  int32_t number = 0;
+  {
+    const chain_lock hold(wex_chains);
+    rec = __wex_find_pid(&wex_chains, pid);
+    ASSERT_NE(nullptr, rec);
+    __wex_free_pid({pid, 77, "", 0});
+    number = rec->pid;
+  }
+  EXPECT_LT(number, -1);
+  EXPECT_FALSE(exists(file_of(pid)));
+  EXPECT_EQ(std::to_string(number) + "\n2\n" + kProgram, read_file(file_of(number)));
+  sweep_twice();
+  EXPECT_GT(present_pid(rec), 0);
+  EXPECT_FALSE(exists(file_of(number)));
+}

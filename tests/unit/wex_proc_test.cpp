@@ -134,17 +134,6 @@ TEST_F(ProcWorld, ALookThatMustStopGivesItsNegatedReason) {
             }));
 }
 
-TEST_F(ProcWorld, FurtherLooksComeAfterGrowingPauses) {
-  char command[] = "/no/such/program";
-  int32_t found = 0;
-  const auto start = std::chrono::steady_clock::now();
-  wex_proc_to_pid(command, &found, 3);
-  const auto took = std::chrono::steady_clock::now() - start;
-  EXPECT_EQ(0, found);
-  EXPECT_GE(took, 600ms);
-  EXPECT_LT(took, 2s);
-}
-
 TEST_F(ProcWorld, TheLastWordOfAThirdPartLineIsGivenWithItsLineEnd) {
   write_file("/etc/wex/third_part_proc", "/usr/sbin/app -d WEX_RESTART\n/usr/sbin/lonely\n");
   char word[32];

@@ -3,15 +3,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "unit_support.h"
 #include "verify_chain.h"
 #include "wex_action.h"
 #include "wex_chain.h"
+#include "wex_chain_user.h"
+#include "wex_chain_user_sets.h"
+#include "wex_core_executed.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
+#include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_status_image.h"
 #include "wex_strict.h"
@@ -51,6 +57,35 @@ struct StrictRegistration : ::testing::Test {
     const chain_lock hold(wex_chains);
     return __wex_find_pid(&wex_chains, process.pid());
   }
+  // Root's registration of a program of this command, which had the process's pid and could not be started
+  // again.
+  static wex_pid* add_failed_of_roots(const child& process, const std::string& command) {
+    wex_pid* const rec = wex_new_record();
+    const chain_lock hold(wex_chains);
+    rec->pid = process.pid();
+    rec->action = RESPAWN;
+    rec->start_time = 2;
+    rec->exit_seen = 1;
+    rec->user = wex_number_user({});
+    wex_copy_text(rec->process, sizeof rec->process, command.c_str());
+    wex_note_failed(rec);
+    __wex_add_record(&wex_chains, rec);
+    return rec;
+  }
+  // As if the one that has this pid now had had it when it ended: as a thread of that process, or as a
+  // program that could not be started again.
+  static void move_to_pid(wex_pid* rec, pid_t pid, pid_t thread_of) {
+    const chain_lock hold(wex_chains);
+    wex_pid as_moved = *rec;
+    __wex_drop_registration(rec);
+    as_moved.pid = pid;
+    as_moved.thread_of = thread_of;
+    as_moved.start_time -= 1;
+    as_moved.restart_failed = thread_of == 0 ? 1 : 0;
+    as_moved.exit_seen = as_moved.restart_failed;
+    as_moved.status_slot = 0;
+    __wex_restore_record(&wex_chains, as_moved);
+  }
   static uint32_t counter(uint32_t which) {
     status_words words;
     wex_status_copy_words(&words);
@@ -83,7 +118,21 @@ std::string owner_and_mode(const std::string& path) {
   return text;
 }
 
+std::function<void()> g_before_file;
+
 }  // namespace
+
+using make_file_fn = int (*)(const wex_reg_info*, uint32_t);
+void real_make_database_file(const wex_reg_info& body, uint32_t type, make_file_fn make) __asm__(
+    "__real__Z22wex_make_database_fileRK12wex_reg_infojPFiPS0_jE");
+void wrap_make_database_file(const wex_reg_info& body, uint32_t type, make_file_fn make) __asm__(
+    "__wrap__Z22wex_make_database_fileRK12wex_reg_infojPFiPS0_jE");
+void wrap_make_database_file(const wex_reg_info& body, uint32_t type, make_file_fn make) {
+  if (g_before_file) {
+    g_before_file();
+  }
+  real_make_database_file(body, type, make);
+}
 
 // The client library makes the file anew before each registration. Were it left as that is until the minute's
 // look, a daemon that ends before would leave a user's registration in a file of root's.
@@ -145,6 +194,19 @@ TEST_F(StrictRegistration, AListedProgramThatHasThePidOfRootsWritesNoFileOfRoots
   EXPECT_EQ("none", owner_and_mode(path));
 }
 
+// Nobody else would register it when the pid is free.
+TEST_F(StrictRegistration, AListedProgramThatIsLeftOutForItsPidIsToBeLookedForAgain) {
+  const child program;
+  wex_forget_listed_left_out();
+  ASSERT_EQ(0, registers(0, program));
+  --record_of(program)->start_time;
+  EXPECT_TRUE(wex_register_executed(program.pid())) << "not left out yet";
+  EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+  EXPECT_FALSE(wex_register_executed(program.pid()));
+  wex_register_running();
+  EXPECT_TRUE(wex_register_executed(program.pid()));
+}
+
 TEST_F(StrictRegistration, AListedProgramThatTakesAPidAndIsRefusedLeavesNoFileOfRoots) {
   be_strict(1);
   const child program([] { return become(kOtherUser); });
@@ -160,4 +222,69 @@ TEST_F(StrictRegistration, AListedProgramThatTakesAPidAndIsRefusedLeavesNoFileOf
   EXPECT_EQ(refused + 1, counter(WEX_STATUS_REFUSED));
   EXPECT_LT(waiting->pid, 0);
   EXPECT_EQ("none", owner_and_mode(path));
+}
+
+// What stands in its file is all that the next daemon would know of it.
+TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainKeepsAFileBesideAUsersThatHasItsPidAndName) {
+  for (const bool listed : {true, false}) {
+    for (const char* const arguments : {"", " --others"}) {
+      SCOPED_TRACE(std::string(listed ? "listed" : "by a message") + arguments);
+      const child program([] { return become(kOtherUser); });
+      ASSERT_TRUE(program.ready());
+      const std::string users = command_line(program.pid());
+      const std::string path = make_file(program);
+      write_file(path, std::to_string(program.pid()) + "\n2\n" + users + arguments, 0700);
+      const wex_pid* const roots = add_failed_of_roots(program, users + arguments);
+      EXPECT_EQ(0, listed ? wex_register_third_part(program.pid(), "WEX_RESTART", nullptr)
+                          : registers(kOtherUser, program));
+      const wex_pid* const his = record_of(program);
+      ASSERT_NE(nullptr, his);
+      EXPECT_NE(roots, his);
+      ASSERT_LT(roots->pid, -1);
+      EXPECT_EQ(std::to_string(kOtherUser) + " 700", owner_and_mode(path));
+      EXPECT_EQ(std::to_string(program.pid()) + "\n2\n" + users, read_file(path));
+      const std::string number = std::to_string(roots->pid);
+      const std::string kept = path.substr(0, path.rfind('.') + 1) + number;
+      EXPECT_EQ("0 700", owner_and_mode(kept));
+      EXPECT_EQ(number + "\n2\n" + users + arguments, read_file(kept));
+      EXPECT_EQ(0, wex_db_destroy(his));  // which the daemon holds locked when it is of a listed one
+    }
+  }
+}
+
+// The file is root's until there is a record: were the daemon killed, only what is kept would tell whose
+// program it is. The pid is that of a thread of his, which was registered and has ended, or of root's
+// program, which could not be started again.
+TEST_F(StrictRegistration, OfAListedProgramThatHasAnEndedOnesPidTheUserIsKeptBeforeItsFileIsMade) {
+  wex_begin_users();
+  for (const bool of_thread : {true, false}) {
+    for (const int32_t room : {kUserRegistrations, 1}) {
+      SCOPED_TRACE(testing::Message() << of_thread << " " << room);
+      be_strict(room);
+      const child first([] { return become(kOtherUser); });
+      const child ended([&] { return !of_thread || become(kOtherUser); });
+      const child program([] { return become(kOtherUser); });
+      ASSERT_TRUE(first.ready() && ended.ready() && program.ready());
+      ASSERT_EQ(0, registers(0, ended));
+      move_to_pid(record_of(ended), program.pid(), of_thread ? first.pid() : 0);
+      if (room == 1 && !of_thread) {
+        ASSERT_EQ(0, registers(kOtherUser, first));
+      }
+      const std::string kept = std::string(kUsersDir) + "/" + std::to_string(program.pid());
+      const std::string before = read_file(kept);
+      std::string meanwhile;
+      g_before_file = [&] { meanwhile = read_file(kept); };
+      EXPECT_EQ(0, wex_register_third_part(program.pid(), "WEX_RESTART", nullptr));
+      g_before_file = nullptr;
+      EXPECT_EQ("0 2 " + std::to_string(kOtherUser) + " ", meanwhile.substr(0, 9));
+      EXPECT_NE(before, meanwhile);
+      const std::string refused = of_thread ? before : "";  // root's has given its pid up by then
+      EXPECT_EQ(room == 1 ? refused : meanwhile, read_file(kept));
+      for (const child* one : {&first, &program}) {
+        wex_cancel_by(0, {WEX_CANCEL_PROC, one->pid()});
+      }
+      wex_cancel_by(0, {WEX_CANCEL_PROC, program.pid()});
+    }
+  }
+  wex_end_users();
 }
