@@ -2,7 +2,6 @@
 #include "wex_signals.h"
 #include "wex_test.h"
 
-#include "linked_name.h"
 #include "parked_world.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_proc.h"
@@ -20,13 +19,13 @@ std::function<void()> g_before_first_child;
 
 }  // namespace
 
-extern "C" int LINKED_NANOSLEEP(__real)(clockid_t clock, int flags, const timespec* time, timespec* left);
-extern "C" int LINKED_NANOSLEEP(__wrap)(clockid_t clock, int flags, const timespec* time, timespec* left) {
-  if (!g_watched) {
-    return LINKED_NANOSLEEP(__real)(clock, flags, time, left);
+extern "C" void __real_wex_sleep_ms(int milliseconds);
+extern "C" void __wrap_wex_sleep_ms(int milliseconds) {
+  if (g_watched) {
+    ++g_pauses;
+  } else {
+    __real_wex_sleep_ms(milliseconds);
   }
-  ++g_pauses;
-  return 0;
 }
 
 extern "C" pid_t __real_waitpid(pid_t pid, int* status, int options);
