@@ -15,12 +15,14 @@
 #include <iterator>
 
 #include "chain_lock.h"
+#include "hash_links.h"
 #include "pid_set.h"
 #include "priority_mutex.h"
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
+#include "wex_chain_names.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_filter.h"
@@ -62,15 +64,6 @@ struct replacement {
 replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
 unsigned g_replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
 
-void link_at_head(wex_hnode** head, wex_hnode* node) {
-  node->next = *head;
-  node->pprev = head;
-  if (*head != nullptr) {
-    (*head)->pprev = &node->next;
-  }
-  *head = node;
-}
-
 wex_pid* link_to_itself(wex_pid* rec) {
   rec->list.next = &rec->list;
   rec->list.prev = &rec->list;
@@ -95,6 +88,8 @@ void forget_user_of(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_cap
 
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   if (chain == &wex_chains) {
+    chain_lock hold(wex_chains);  // the same lock, under the name that the index asks for
+    __wex_remove_name(rec);
     wex_status_hide(rec);
   }
   hlist_del(&rec->hnode);
@@ -225,6 +220,9 @@ bool is_same_program(const wex_pid* a, const wex_pid* b) {
 
 // The other registration of rec's program, or `rec` itself when it has no flags; null when there is none.
 wex_pid* look_elsewhere(wex_pid* rec, bool failed_too) WEX_TSA(requires_capability(wex_chains)) {
+  if (!__wex_name_may_be_taken(rec->process, rec)) {
+    return nullptr;
+  }
   record_walk walk(wex_chains);
   for (wex_pid* other = walk.next(); other != nullptr; other = walk.next()) {
     if (!is_same_program(other, rec) || other->pid == rec->pid ||
@@ -264,10 +262,7 @@ uint32_t wex_hash_pid(int32_t pid) {
 }
 
 void hlist_del(wex_hnode* node) {
-  *node->pprev = node->next;
-  if (node->next != nullptr) {
-    node->next->pprev = node->pprev;
-  }
+  unlink_node(node);
   node->next = reinterpret_cast<wex_hnode*>(kPoisonForward);
   node->pprev = reinterpret_cast<wex_hnode**>(kPoisonBackward);
 }
@@ -304,8 +299,9 @@ void __wex_tidy_filter() {
 
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   if (chain == &wex_chains) {
-    chain_lock hold(wex_chains);  // the same lock, under the name that the filter asks for
+    chain_lock hold(wex_chains);  // the same lock, under the name that filter and index ask for
     __wex_expect_exit(rec->pid);
+    __wex_enter_name(rec);
   }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
@@ -407,6 +403,10 @@ int wex_init_chains(wex_chains_t* chain) {
   chain_lock hold(*chain);
   memset(chain->heads, 0, sizeof chain->heads);
   chain->count = 0;
+  if (chain == &wex_chains) {
+    chain_lock same(wex_chains);
+    __wex_clear_names();
+  }
   return 0;
 }
 
@@ -494,6 +494,9 @@ void wex_note_failed(wex_pid* rec) {
 }
 
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer, const wex_pid* of_user) {
+  if (!__wex_name_may_be_taken(process, nullptr)) {
+    return;
+  }
   record_walk walk(wex_chains);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
     const bool same_user = of_user == nullptr || wex_same_user(rec, of_user);

@@ -124,6 +124,10 @@ inline constexpr int kSemKeyTries = 64;  // keys tried for the system semaphore 
 inline constexpr int kMovedLogged = 4;   // names moved aside before the running log can be written
 inline constexpr int kLockTries = 5;     // the lock file may be replaced between open and lock
 
+// Reaping ended children.
+inline constexpr int kReapDelayMs = 20;  // they are left alone so long,
+inline constexpr int kReapsPutOff = 50;  // at most so many times while programs are being started
+
 // Process facts.
 inline constexpr int kLifeTries = 3;
 inline constexpr int kLifeRetryMs = 10;
