@@ -96,9 +96,11 @@ typedef struct wex_pid {
   uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
   int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
   uint32_t
-      known_code; /* exit code that is known before the exit is handled: of a signal that ended the thread
-                     of `thread_of`, or of an end before there was this record; 0 = none was reported */
-  int32_t user;   /* strict mode: number of the user it is started again as; 0 = not known */
+      known_code;     /* exit code that is known before the exit is handled: of a signal that ended the thread
+                         of `thread_of`, or of an end before there was this record; 0 = none was reported */
+  int32_t user;       /* strict mode: number of the user it is started again as; 0 = not known */
+  uint32_t name_hash; /* of `process`: the key of a second table */
+  wex_hnode name_node;
 } wex_pid;
 
 WEX_STATIC_ASSERT(offsetof(wex_pid, notify_info) == 16, "the record's order and types are fixed");

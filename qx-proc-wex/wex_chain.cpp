@@ -15,12 +15,14 @@
 #include <iterator>
 
 #include "chain_lock.h"
+#include "hash_links.h"
 #include "pid_set.h"
 #include "priority_mutex.h"
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"
 #include "wex_alive_guard.h"
+#include "wex_chain_names.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_filter.h"
@@ -62,15 +64,6 @@ struct replacement {
 replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
 unsigned g_replaced_next WEX_TSA(guarded_by(wex_chains)) = 0;
 
-void link_at_head(wex_hnode** head, wex_hnode* node) {
-  node->next = *head;
-  node->pprev = head;
-  if (*head != nullptr) {
-    (*head)->pprev = &node->next;
-  }
-  *head = node;
-}
-
 wex_pid* link_to_itself(wex_pid* rec) {
   rec->list.next = &rec->list;
   rec->list.prev = &rec->list;
@@ -95,6 +88,8 @@ void forget_user_of(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_cap
 
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   if (chain == &wex_chains) {
+    chain_lock hold(wex_chains);  // the same lock, under the name that the index asks for
+    __wex_remove_name(rec);
     wex_status_hide(rec);
   }
   hlist_del(&rec->hnode);
@@ -119,14 +114,31 @@ int32_t number_like(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   do {
     number = next;
     next = number > INT32_MIN ? number - 1 : kFirst;
-  } while (wex_hash_pid(number) != wex_hash_pid(pid));
+  } while (wex_hash_pid(number) != wex_hash_pid(pid) || __wex_find_pid(&wex_chains, number) != nullptr);
   return number;
+}
+
+// Whether it waits with a dead pid for its program, or for the next daemon, which is to start it: by its
+// file.
+bool is_failed_of_roots(const wex_pid* rec) {
+  uid_t uid = 0;
+  return rec->restart_failed != 0 && rec->thread_of == 0 && wex_uid_of(rec, &uid) && uid == 0 &&
+         !wex_record_lives(rec);
+}
+
+// Whether a registration leaves its pid to another process that has it by now.
+bool may_give_up_pid(const wex_pid* rec) {
+  return (rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec);
 }
 
 // The copy that waits for the restart is still found by the registration's number.
 void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
   const int32_t pid = rec->pid;
+  const int32_t number = number_like(pid);
+  if (is_failed_of_roots(rec)) {
+    wex_renumber_pidfile(rec, number);
+  }
   if (!wex_name_pidfile(rec, file) || strcmp(file, taker.file) != 0) {
     wex_db_destroy(rec);
   }
@@ -134,7 +146,7 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
     wex_remove_flag_files(rec->vsd, pid);
   }
   wex_forget_user(pid);
-  rec->pid = number_like(pid);
+  rec->pid = number;
   {
     chain_lock hold(wex_chains_delay);
     if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid)) {
@@ -208,6 +220,9 @@ bool is_same_program(const wex_pid* a, const wex_pid* b) {
 
 // The other registration of rec's program, or `rec` itself when it has no flags; null when there is none.
 wex_pid* look_elsewhere(wex_pid* rec, bool failed_too) WEX_TSA(requires_capability(wex_chains)) {
+  if (!__wex_name_may_be_taken(rec->process, rec)) {
+    return nullptr;
+  }
   record_walk walk(wex_chains);
   for (wex_pid* other = walk.next(); other != nullptr; other = walk.next()) {
     if (!is_same_program(other, rec) || other->pid == rec->pid ||
@@ -247,10 +262,7 @@ uint32_t wex_hash_pid(int32_t pid) {
 }
 
 void hlist_del(wex_hnode* node) {
-  *node->pprev = node->next;
-  if (node->next != nullptr) {
-    node->next->pprev = node->pprev;
-  }
+  unlink_node(node);
   node->next = reinterpret_cast<wex_hnode*>(kPoisonForward);
   node->pprev = reinterpret_cast<wex_hnode**>(kPoisonBackward);
 }
@@ -287,8 +299,9 @@ void __wex_tidy_filter() {
 
 void __wex_add_record(wex_chains_t* chain, wex_pid* rec) {
   if (chain == &wex_chains) {
-    chain_lock hold(wex_chains);  // the same lock, under the name that the filter asks for
+    chain_lock hold(wex_chains);  // the same lock, under the name that filter and index ask for
     __wex_expect_exit(rec->pid);
+    __wex_enter_name(rec);
   }
   link_at_head(bucket_of(chain, rec->pid), &rec->hnode);
   chain->count++;
@@ -347,8 +360,7 @@ void __wex_free_pid(const pid_taker& taker) {
   }
   for (wex_hnode* node = *bucket_of(&wex_chains, taker.pid); node != nullptr; node = node->next) {
     wex_pid* const rec = wex_record_of(node);
-    if (rec->pid == taker.pid && rec->exit_seen != 0 && rec->start_time != taker.start_time &&
-        wex_is_users(rec)) {
+    if (rec->pid == taker.pid && rec->start_time != taker.start_time && may_give_up_pid(rec)) {
       give_up_pid(rec, taker);
     }
   }
@@ -391,6 +403,10 @@ int wex_init_chains(wex_chains_t* chain) {
   chain_lock hold(*chain);
   memset(chain->heads, 0, sizeof chain->heads);
   chain->count = 0;
+  if (chain == &wex_chains) {
+    chain_lock same(wex_chains);
+    __wex_clear_names();
+  }
   return 0;
 }
 
@@ -437,6 +453,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   // program a second time.
   wex_db_destroy(rec);
   const int32_t old_pid = rec->pid;
+  rec->restart_failed = 0;
   __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
   note_replaced(old_pid, new_pid);
   __wex_expect_exit(new_pid);
@@ -444,7 +461,6 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
-  rec->restart_failed = 0;
   rec->gone_since = 0;
   if (new_pid > 0) {
     rec->missed_child = 0;
@@ -478,6 +494,9 @@ void wex_note_failed(wex_pid* rec) {
 }
 
 void __wex_drop_failed(const char* process, int32_t vsd, int32_t newcomer, const wex_pid* of_user) {
+  if (!__wex_name_may_be_taken(process, nullptr)) {
+    return;
+  }
   record_walk walk(wex_chains);
   for (wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
     const bool same_user = of_user == nullptr || wex_same_user(rec, of_user);

@@ -82,8 +82,9 @@ struct pid_taker {
 
 // Strict mode: users' registrations whose process had this pid, and has ended, are known by a number of no
 // process from now on: a user must not be able to keep pids from root's services by programs that wait for
-// their restart. Their database files go, and flag files in other domains than the taker's. With the registry
-// held; also while it is walked through.
+// their restart. Their database files go, and flag files in other domains than the taker's. One of root's
+// that could not be started again does the same, and has a file of that number then, for the next daemon.
+// With the registry held; also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 
 // As __wex_del_pid, but one of the records is given to the caller, unlinked: its memory serves for a new

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -74,9 +75,8 @@ list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSi
 
 // Links are followed, as they were when the list was read: one that leads to the very
 // file that is remembered changes nothing, whichever user made it.
-bool is_known(const char* path) WEX_TSA(requires_capability(g_list_mutex)) {
-  struct stat facts;
-  return g_known.text != nullptr && strcmp(g_known.path, path) == 0 && stat(path, &facts) == 0 &&
+bool is_known(const char* path, const struct stat& facts) WEX_TSA(requires_capability(g_list_mutex)) {
+  return g_known.text != nullptr && strcmp(g_known.path, path) == 0 &&
          same_mark(g_known.mark, mark_of(facts));
 }
 
@@ -113,9 +113,14 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex
 }
 
 list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
+  struct stat facts;
+  const bool seen = stat(path, &facts) == 0;
+  if (!seen && (errno == ENOENT || errno == ENOTDIR)) {
+    return kNoList;  // on most devices; opening it along trusted links would take a call for each directory
+  }
   {
     mutex_lock hold(g_list_mutex);
-    if (is_known(path)) {
+    if (seen && is_known(path, facts)) {
       return find_in(memory_reader(g_known.text, g_known.length), needle, line);
     }
   }

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -414,11 +415,15 @@ void wex_keep_user(const wex_pid* rec) {
   char text[kKeptSize];
   wex_format(path, sizeof path, kUserFileFmt, rec->pid);
   describe(rec, *user, text);
-  const unique_fd file(
-      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kUserFileMode));
+  const unique_fd file(open(
+      kUserFileBegun, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kUserFileMode));
   const size_t length = strlen(text);
-  if (!file.valid() || safe_write(file.get(), text, length) != static_cast<int32_t>(length)) {
+  // What was kept lasts until the new one is whole: the daemon may be killed, and the database file be
+  // root's.
+  if (!file.valid() || safe_write(file.get(), text, length) != static_cast<int32_t>(length) ||
+      rename(kUserFileBegun, path) != 0) {
     wex_dbg(WEX_DBG_PUB, "%s: %s cannot be written: %s\n", __func__, path, strerror(errno));
+    unlink(path);  // it may be of a process that had the pid before
   }
 }
 

@@ -38,6 +38,7 @@
 #include "wex_core_watched_names.h"
 #include "wex_dbg.h"
 #include "wex_domain.h"
+#include "wex_flag_file.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_opt.h"
@@ -113,11 +114,26 @@ void hold_names(int lock) {
   }
 }
 
+// What a daemon has left that was killed while a file of root's took its name from a user's. Database files
+// are looked at when they are read.
+void clear_begun_names() {
+  if (!wex_strict().on) {
+    return;
+  }
+  wex_clear_begun(kRunDir);
+  for (int32_t domain = kFirstDomain; domain < WEX_DOMAINS; ++domain) {
+    char path[kPathSize];
+    wex_name_flag_dir(domain, path);
+    wex_clear_begun(path);
+  }
+}
+
 void make_directories() {
   wex_make_main_dirs();
   for (int32_t domain = kMainSystem; domain < WEX_DOMAINS; ++domain) {
     wex_make_domain_dirs(domain, WEX_MADE_AT_START);
   }
+  clear_begun_names();
 }
 
 bool restore_registry() {

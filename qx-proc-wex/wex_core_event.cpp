@@ -25,6 +25,7 @@
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
+#include "wex_proc_child.h"
 #include "wex_utils.h"
 
 namespace {
@@ -99,9 +100,16 @@ bool is_registered(const process_event& event) {
   return record_of_event(event.pid, event.tgid) != nullptr;
 }
 
-// Notes in the record when the kernel reported the exit, and judges the report by one look at /proc. A pid
-// without a record counts as exited: the exit handler ignores it. `*start_time` is that of the process that
-// was judged, if it is known.
+// Whether the pid is that of a child of ours that has ended with all its threads and was not reaped. No other
+// process can have the pid then, so whichever had it when the kernel reported the exit has ended.
+bool is_our_zombie(int32_t pid) {
+  siginfo_t end = {};
+  return waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == pid;
+}
+
+// Notes in the record when the kernel reported the exit, and judges the report: of a child of ours by one
+// call, else by one look at /proc. A pid without a record counts as exited: the exit handler ignores it.
+// `*start_time` is that of the process that was judged, if it is known.
 exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_time) {
   chain_lock hold(wex_chains);
   wex_pid* const rec = __wex_find_pid(&wex_chains, exit.pid);
@@ -109,9 +117,12 @@ exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_ti
     return exit_verdict::exited;
   }
   rec->exit_tick = exit.tick;
+  *start_time = rec->start_time;
+  if (is_our_zombie(exit.pid)) {
+    return exit_verdict::exited;
+  }
   const process_look now = wex_look_at(exit.pid);
   *readable = now.sight != process_look::unreadable;
-  *start_time = rec->start_time;
   return wex_judge_exit(now, rec->start_time, exit.tick);
 }
 
@@ -174,6 +185,18 @@ void note_thread_end(const process_event& event) {
   }
 }
 
+// The record's own exit event has been lost then, or would have been handled before: the sweep finds that
+// one, and how it ended when it was a child.
+bool is_of_child_that_gave_way(const reported_exit& exit) {
+  chain_lock hold(wex_chains);
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, exit.pid);
+  if (rec == nullptr || !__wex_gave_way_to(rec, exit.code, exit.tick)) {
+    return false;
+  }
+  wex_request_sweep();
+  return true;
+}
+
 }  // namespace
 
 void wex_note_event_delay(const process_event& event) {
@@ -209,7 +232,7 @@ void wex_take_exit_event(const process_event& event) {
     return;
   }
   const reported_exit exit = {event.pid, event.exit_code, tick_of(event)};
-  if (!try_to_judge(exit, kExitLooks)) {
+  if (!is_of_child_that_gave_way(exit) && !try_to_judge(exit, kExitLooks)) {
     keep_pending(exit);
   }
 }

@@ -9,6 +9,9 @@
 // priority and holds it as well, hence the inheritance. Taken with wex_chains held, or with no chain at all.
 extern priority_mutex wex_spawn_mutex WEX_TSA(acquired_after(wex_chains));
 
+// Whether another thread is starting a program right now. True also while the reaper has the guard.
+bool wex_is_spawning();
+
 class WEX_TSA(scoped_lockable) spawn_guard {
  public:
   spawn_guard() noexcept WEX_TSA(acquire_capability(wex_spawn_mutex));

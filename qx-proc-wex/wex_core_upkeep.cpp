@@ -33,15 +33,21 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 std::atomic<bool> wex_delay_ended{false};
 
 namespace {
 
+// One that has given its pid up (strict mode) before its end was handled still waits for that.
+bool has_process_or_number(const wex_pid* rec) {
+  return rec->pid > 0 || (wex_strict().on && rec->pid < -1);
+}
+
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && rec->pid > 0 &&
+  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && has_process_or_number(rec) &&
          !__wex_waits_for_restart(rec->pid);
 }
 

@@ -33,8 +33,6 @@
 
 namespace {
 
-constexpr char kBegun[] = ".begun-";  // no number, and no file that a removal would look at
-
 // Names are looked up in the opened directory: the name of the directory may be a link by now, and the
 // working directory is the whole process's.
 unique_fd open_flag_dir(int32_t vsd) {
@@ -220,7 +218,7 @@ bool wex_make_flag_file_of(uid_t user, int32_t vsd, int32_t pid) {
       may_say(facts, &user)) {
     return true;
   }
-  const unique_fd file = wex_create_beside(directory.get(), kBegun, kDomainFileMode, begun);
+  const unique_fd file = wex_create_beside(directory.get(), kBegunPrefix, kDomainFileMode, begun);
   if (!file.valid()) {
     return false;
   }

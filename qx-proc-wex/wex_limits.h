@@ -99,8 +99,9 @@ inline constexpr int kDelayEndLooks = 2500;
 
 // Spawning.
 inline constexpr int kEnvironmentMax = 8192;  // variables of a domain's program; further ones are left out
-inline constexpr int kWaysGiven = 100;  // children that give way to other registrations, for one restart
-inline constexpr int kMaxWords = 14;    // program and 13 arguments
+inline constexpr int kWaysGiven = 100;      // children that give way to other registrations, for one restart
+inline constexpr unsigned kWaysKept = 128;  // of those, remembered until their ends are reported
+inline constexpr int kMaxWords = 14;        // program and 13 arguments
 inline constexpr unsigned kForkRetrySec = 5;
 inline constexpr int kForkRetryAtEndMs = 100;  // the same while the daemon ends
 inline constexpr int kForkFailuresFatal = 7;   // failed forks in a row that end the daemon
@@ -122,6 +123,10 @@ inline constexpr unsigned kSemRetrySec = 1;
 inline constexpr int kSemKeyTries = 64;  // keys tried for the system semaphore while others hold their sets
 inline constexpr int kMovedLogged = 4;   // names moved aside before the running log can be written
 inline constexpr int kLockTries = 5;     // the lock file may be replaced between open and lock
+
+// Reaping ended children.
+inline constexpr int kReapDelayMs = 20;  // they are left alone so long,
+inline constexpr int kReapsPutOff = 50;  // at most so many times while programs are being started
 
 // Process facts.
 inline constexpr int kLifeTries = 3;
@@ -193,6 +198,7 @@ inline constexpr unsigned kKillGraceSec = 10;
 inline constexpr int kMeasurePauseMs = 100;  // between two processes: measuring must not fill the processor
 
 // Files.
+inline constexpr int kBegunNamesMax = 4096;    // names looked at for what a killed daemon has left
 inline constexpr int kLinksFollowed = 8;       // trusted symbolic links along one path
 inline constexpr uint32_t kAsideTries = 8;     // names tried for what is moved aside
 inline constexpr off_t kOwnCopyMax = 1 << 20;  // bytes; a larger record with a second name is moved aside
@@ -200,6 +206,7 @@ inline constexpr unsigned kLinkRestSec = 2;    // age at which a link is read wh
 inline constexpr mode_t kOpenDirMode = 0777;
 inline constexpr mode_t kClientDirMode = 01777;  // strict mode: directories in which clients make files,
 inline constexpr mode_t kOwnDirMode = 0755;      // and all others
+inline constexpr mode_t kClosedDirMode = 03755;  // of the former for a moment; no other has this bit
 inline constexpr mode_t kUsersDirMode = 0700;
 inline constexpr mode_t kUserFileMode = 0600;
 inline constexpr mode_t kSocketMode = 0777;  // processes of any user may connect

@@ -57,6 +57,7 @@ inline constexpr char kUsersParent[]      = "/run";                             
 inline constexpr char kUserList[]         = "/etc/passwd";                        // device, stays
 inline constexpr char kUsersDir[]         = "/run/wex";                           // daemon, gone: only in strict mode
 inline constexpr char kUserFileFmt[]      = "/run/wex/%d";                        // daemon, gone: pid; as whom it is started again
+inline constexpr char kUserFileBegun[]    = "/run/wex/begun";                     // daemon, gone: the next one of these
 inline constexpr char kBurstConfig[]      = "/etc/wex_config";                    // device: "window count"
 inline constexpr char kCommandMap[]       = "/etc/cmdmap";                        // device: restart scripts
 inline constexpr char kDeviceMonitor[]    = "/etc/dev_mon";                       // device monitor: a quiet restart is under way

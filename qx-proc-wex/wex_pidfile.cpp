@@ -32,6 +32,7 @@
 #include "wex_domain.h"
 #include "wex_flag_file.h"
 #include "wex_limits.h"
+#include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_strict.h"
 
@@ -270,10 +271,26 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
   return true;
 }
 
+bool wex_renumber_pidfile(const wex_pid* rec, int32_t number) {
+  char name[kPathSize];
+  wex_pid numbered = *rec;
+  numbered.pid = number;
+  if (wex_name_pidfile(rec, name)) {
+    drop_locked_file(name);
+  }
+  return wex_renew_pidfile(&numbered, 0, 0);
+}
+
 bool wex_drop_begun_pidfile(const char* path) {
   struct stat facts = {};
-  return wex_strict().on && is_begun(last_component(path)) && lstat(path, &facts) == 0 &&
-         S_ISREG(facts.st_mode) && facts.st_uid == 0 && wex_unlink(path) == 0;
+  if (!wex_strict().on || !is_begun(last_component(path)) || lstat(path, &facts) != 0) {
+    return false;
+  }
+  if (S_ISDIR(facts.st_mode)) {
+    char aside[kPathSize];
+    return wex_clear_name(path, aside);  // a user's, which had the file's name
+  }
+  return (facts.st_uid == 0 || !S_ISREG(facts.st_mode)) && wex_unlink(path) == 0;
 }
 
 int wex_db_destroy(const wex_pid* rec) {

@@ -16,9 +16,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "guarded_file.h"
 #include "held_dir.h"
@@ -50,8 +52,6 @@
 
 namespace {
 
-constexpr char kBegunForkFile[] = ".begun-";  // what the name of one begins with that is to replace a user's
-
 // What a child needs: its program, and what the parent has found out or opened before the fork.
 struct child_start {
   const launch* what;
@@ -71,6 +71,15 @@ std::atomic<int> g_nice{0};  // the nice value of programs, when a child may beg
 // Children get a copy of our memory from now on: vfork() is refused by the kernel or by a filter of system
 // calls, or a child with our memory did not get to its program.
 std::atomic<bool> g_sharing_refused{false};
+
+// A child that ended because it had the pid of another registration.
+struct way_given {
+  int32_t pid;
+  uint64_t start_time;
+};
+way_given g_ways_given[kWaysKept] WEX_TSA(guarded_by(wex_chains)) = {};
+unsigned g_ways_given_count WEX_TSA(guarded_by(wex_chains)) = 0;
+
 int32_t g_normal_lmk_child WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 int32_t g_child_that_gave_up WEX_TSA(guarded_by(wex_spawn_mutex)) = 0;
 std::atomic<bool> g_console_missed{false};  // it could not be opened lately; a child with our memory says so
@@ -467,9 +476,18 @@ pid_t share_or_fork(child_start* start) WEX_TSA(requires_capability(wex_chains))
   return fork_child(*start);
 }
 
+// Its end will be reported under the other registration's pid. It cannot have been reaped yet.
+void note_way_given(pid_t child) WEX_TSA(requires_capability(wex_chains)) {
+  const process_look look = wex_look_at(static_cast<int32_t>(child));
+  if (look.sight == process_look::seen) {
+    g_ways_given[g_ways_given_count++ % kWaysKept] = {static_cast<int32_t>(child), look.start_time};
+  }
+}
+
 pid_t start_child(child_start* start) WEX_TSA(requires_capability(wex_chains)) {
   pid_t child = share_or_fork(start);
   while (child > 0 && gives_way(*start, child)) {
+    note_way_given(child);
     ++start->ways_given;
     child = share_or_fork(start);
   }
@@ -507,7 +525,7 @@ unique_fd make_forkfile_anew() {
   unique_fd file;
   const unique_fd directory = open_trusted_parent(kForkFile, last);
   if (directory.valid()) {
-    file = wex_create_beside(directory.get(), kBegunForkFile, kForkFileMode, begun);
+    file = wex_create_beside(directory.get(), kBegunPrefix, kForkFileMode, begun);
   }
   if (file.valid() && !wex_take_name(directory.get(), begun, last)) {
     unlinkat(directory.get(), begun, 0);
@@ -540,6 +558,15 @@ pid_t wex_start_child(const launch& what) {
   g_normal_lmk_child = start.normal_lmk ? static_cast<int32_t>(child) : 0;
   g_child_that_gave_up = start.gave_up ? static_cast<int32_t>(child) : 0;
   return child;
+}
+
+bool __wex_gave_way_to(const wex_pid* rec, uint32_t exit_code, uint64_t exit_tick) {
+  const auto is_its_end = [=](const way_given& way) {
+    return way.pid == rec->pid && rec->start_time != 0 && rec->start_time < way.start_time &&
+           exit_tick + kStartTickSlack >= way.start_time;
+  };
+  return exit_code == 0 && exit_tick != 0 &&
+         std::any_of(std::begin(g_ways_given), std::end(g_ways_given), is_its_end);
 }
 
 void wex_start_children_at_normal_priority(int own_priority) {

@@ -29,6 +29,11 @@ inline const char* wex_first_word(const launch& start) {
 // program, or ended, when this returns.
 pid_t wex_start_child(const launch& start) WEX_TSA(requires_capability(wex_chains, wex_spawn_mutex));
 
+// Whether an exit that the kernel reported for the record's pid is that of a child which had that pid and
+// gave way to the record: it started after the record's process had ended.
+bool __wex_gave_way_to(const wex_pid* rec, uint32_t exit_code, uint64_t exit_tick)
+    WEX_TSA(requires_capability(wex_chains));
+
 // Has the children of the calling thread, which runs at this real-time priority, begin at normal priority:
 // one that gives the real-time priority up by itself goes behind all that wait for its processor.
 void wex_start_children_at_normal_priority(int own_priority);

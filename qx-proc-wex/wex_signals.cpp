@@ -44,9 +44,8 @@ int install(int signal, void (*handler)(int)) {
 
 void wex_wake_reaper() {
   const int cause = errno;
-  g_child_due.raise();
-  if (g_wake_exists.load()) {
-    sem_post(&g_wake);
+  if (g_child_due.raise() && g_wake_exists.load()) {
+    sem_post(&g_wake);  // once for all children that end before the thread has looked
   }
   errno = cause;
 }
@@ -68,7 +67,7 @@ bool wex_take_alarm_signal() {
 }
 
 extern "C" int wex_setup_signals(void) {
-  sem_init(&g_wake, 0, 0);
+  sem_init(&g_wake, 0, 1);  // one look at first: the flag may have been raised before there was the semaphore
   g_wake_exists.store(true);
   for (int signal = 0; signal <= kLastSignal; ++signal) {
     if (signal != SIGCHLD) {     // ignored for a moment only, it would cost the status of a child

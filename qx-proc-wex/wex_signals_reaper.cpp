@@ -1,18 +1,23 @@
 // wex_signals_reaper: takes the statuses of children that have ended.
 #include "wex_signals_reaper.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <cerrno>
 
+#include "waiting.h"
 #include "wex_core_spawn_guard.h"
 #include "wex_core_third_part.h"
+#include "wex_limits.h"
 #include "wex_utils.h"
 
 namespace {
 
-// Reaps one child that has ended. As waitpid() for any child without blocking.
-pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
+// Reaps one child that has ended; false when there is none. A restart that waits for the guard comes before
+// the next child: after a mass of deaths there are many.
+bool reap_one() {
+  const spawn_guard not_while_spawning;
   // Looked at before it is reaped: as a zombie it still has its start time, which with the pid identifies it.
   siginfo_t next = {};
   const bool found = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
@@ -23,17 +28,26 @@ pid_t reap_one() WEX_TSA(requires_capability(wex_spawn_mutex)) {
   if (child > 0) {
     wex_note_child_end(child, start_time, status);
   }
-  return child;
+  return child != 0 && errno != ECHILD;
 }
 
 }  // namespace
 
 void wex_chld_handler(int /*signal*/) {
   const int cause = errno;
-  const spawn_guard not_while_spawning;
-  pid_t child;
-  do {
-    child = reap_one();
-  } while (child != 0 && errno != ECHILD);
+  while (reap_one()) {
+  }
   errno = cause;
+}
+
+void wex_reap_at_leisure() {
+  for (int put_off = 0; put_off < kReapsPutOff; ++put_off) {
+    wex_sleep_ms(kReapDelayMs);
+    while (!wex_is_spawning()) {
+      if (!reap_one()) {
+        return;
+      }
+    }
+  }
+  wex_chld_handler(SIGCHLD);
 }

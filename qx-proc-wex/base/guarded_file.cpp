@@ -15,10 +15,12 @@
 #include <cstring>
 
 #include "close_on_exec.h"
+#include "dir_walk.h"
 #include "safe_io.h"
 #include "text_buffer.h"
 #include "trusted_path.h"
 #include "unique_fd.h"
+#include "wex_limits.h"
 #include "wex_move_aside.h"
 #include "wex_paths.h"
 #include "wex_strict.h"
@@ -34,8 +36,8 @@
 
 namespace {
 
-// Where a user may make a directory anew whenever its name is free.
-constexpr int kTakeNameTries = 16;
+// Before the directory is closed to users, who may make a directory anew whenever its name is free.
+constexpr int kTakeNameTries = 2;
 
 // Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
 // may give any file a name in our directories.
@@ -85,8 +87,12 @@ wex_parting parting_for(int flags) {
   return (flags & O_APPEND) != 0 ? wex_parting::moved : wex_parting::copied;
 }
 
+bool is_closed_for_a_moment(const struct stat& facts) {
+  return facts.st_uid == 0 && (facts.st_mode & 07777) == kClosedDirMode;
+}
+
 // A directory that was there may be anybody's that was moved to our name: in strict mode it becomes root's,
-// and nobody may do more in it than before.
+// and nobody may do more in it than before, but where a daemon was killed that had closed it for a moment.
 void close_to_others(int directory, mode_t mode) {
   struct stat facts = {};
   if (fstat(directory, &facts) != 0) {
@@ -97,7 +103,8 @@ void close_to_others(int directory, mode_t mode) {
   }
   constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
   const mode_t kept = facts.st_mode & 01777;
-  const mode_t allowed = (mode & S_ISVTX) != 0 ? kept | S_ISVTX : kept & ~kWriting;
+  const mode_t before = is_closed_for_a_moment(facts) ? kClientDirMode : kept;
+  const mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
   if (allowed != kept) {
     fchmod(directory, allowed);
   }
@@ -108,6 +115,31 @@ bool exchange(int directory, const char* one, const char* other) {
   return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
 }
 
+// One of the directories that are open to all: as long as this lives nobody but root makes a name in it.
+class closed_for_a_moment {
+ public:
+  explicit closed_for_a_moment(int directory) noexcept
+      : directory_(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    struct stat facts = {};
+    closed_ = directory_.valid() && fstat(directory_.get(), &facts) == 0 && facts.st_uid == 0 &&
+              ((facts.st_mode & 07777) == kClientDirMode || is_closed_for_a_moment(facts)) &&
+              fchmod(directory_.get(), kClosedDirMode) == 0;
+  }
+  ~closed_for_a_moment() {
+    const int cause = errno;
+    if (closed_) {
+      fchmod(directory_.get(), kClientDirMode);
+    }
+    errno = cause;
+  }
+  closed_for_a_moment(const closed_for_a_moment&) = delete;
+  closed_for_a_moment& operator=(const closed_for_a_moment&) = delete;
+
+ private:
+  const unique_fd directory_;
+  bool closed_ = false;
+};
+
 // Takes what is there from its name: removed, or, when it is a directory with something in it, called
 // "aside-..." from then on.
 void clear_entry(int directory, const char* name, int number, const char* from) {
@@ -116,6 +148,14 @@ void clear_entry(int directory, const char* name, int number, const char* from) 
       wex_format(aside, sizeof aside, "aside-%d-%s", number, from)) {
     renameat(directory, name, directory, aside);
   }
+}
+
+// Whether wex_create_beside() makes such names: the prefix, and a number of 64 bits.
+bool is_begun(const char* name) {
+  constexpr size_t kLength = sizeof kBegunPrefix - 1;
+  constexpr size_t kDigits = 2 * sizeof(uint64_t);
+  return strncmp(name, kBegunPrefix, kLength) == 0 && strlen(name + kLength) == kDigits &&
+         strspn(name + kLength, "0123456789abcdef") == kDigits;
 }
 
 }  // namespace
@@ -163,8 +203,22 @@ bool wex_take_name(int directory, const char* from, const char* name) {
     }
     clear_entry(directory, name, tries, from);
   }
-  errno = EISDIR;
-  return false;
+  const closed_for_a_moment only_root(directory);
+  clear_entry(directory, name, kTakeNameTries, from);
+  return renameat(directory, from, directory, name) == 0;
+}
+
+void wex_clear_begun(const char* path) {
+  dir_walk names(open_trusted_dir(AT_FDCWD, path));
+  for (int seen = 0; names.valid() && seen < kBegunNamesMax; ++seen) {
+    const dirent* const entry = names.next();
+    if (entry == nullptr) {
+      return;
+    }
+    if (is_begun(entry->d_name)) {
+      clear_entry(names.fd(), entry->d_name, 0, entry->d_name);
+    }
+  }
 }
 
 void wex_sync_directory_of(const char* path) {

@@ -20,13 +20,24 @@ unique_fd wex_open_file(const char* path, int flags, mode_t mode = 0);
 // The same for a file that exists, by its name in a directory that was opened along trusted links.
 unique_fd wex_open_file_at(int directory, const char* name, int flags);
 
+// What the names begin with of files that are to replace others: no number, and no file that a removal of
+// flag files would look at.
+inline constexpr char kBegunPrefix[] = ".begun-";
+
 // A new file of ours in this directory, of a name that nobody can foresee, and so has taken before: `prefix`
 // and a number. `name` receives it. Invalid with errno.
 unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]);
 
 // Gives such a file its lasting name, whatever lies there; a directory is moved aside, or removed when it is
-// empty. Nobody can make one anew in between, before Linux 3.15 hardly. False with errno.
+// empty. Nobody can make one anew in between: where two names cannot be exchanged (before Linux 3.15, and on
+// some file systems), a directory that is open to all is closed to users for that moment. False with errno.
 bool wex_take_name(int directory, const char* from, const char* name);
+
+// Removes what both may have left in the directory of this path when the daemon was killed in the middle, be
+// it the file or what had its lasting name; a directory with something in it is moved aside. No more than the
+// first names are looked at, for users may have made others without end. For the start, before any file is
+// made there.
+void wex_clear_begun(const char* path);
 
 // Puts a name that was just given on the disk: a file just created is still there after a power cut.
 void wex_sync_directory_of(const char* path);

@@ -8,7 +8,8 @@
 // calls a library that is not shipped and takes locks, which a signal handler must not do.
 class request_flag {
  public:
-  void raise() noexcept { word_.store(1); }
+  // True when it was not raised already.
+  bool raise() noexcept { return word_.exchange(1) == 0; }
   // True when it was raised since the last time.
   bool take() noexcept { return word_.exchange(0) != 0; }
 

@@ -7,8 +7,15 @@
 
 #include "chain_lock.h"
 #include "wex_chain.h"
+#include "wex_chain_names.h"
 
-// Count, buckets, back links, no record twice, no poisoned link in use.
+inline bool has_its_name(const wex_pid* rec) {
+  chain_lock hold(wex_chains);
+  return __wex_name_may_be_taken(rec->process, nullptr);
+}
+
+// Count, buckets, back links, no record twice, no poisoned link in use, all registrations found by their
+// names.
 inline ::testing::AssertionResult chain_is_sound(wex_chains_t& chain) {
   chain_lock hold(chain);
   std::set<const wex_pid*> seen;
@@ -27,6 +34,9 @@ inline ::testing::AssertionResult chain_is_sound(wex_chains_t& chain) {
       }
       if (rec->list.next != &rec->list || rec->list.prev != &rec->list) {
         return ::testing::AssertionFailure() << "the second link of pid " << rec->pid << " is on a list";
+      }
+      if (&chain == &wex_chains && !has_its_name(rec)) {
+        return ::testing::AssertionFailure() << "pid " << rec->pid << " is not found by its name";
       }
       link = &node->next;
     }

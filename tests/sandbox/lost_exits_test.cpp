@@ -1,10 +1,12 @@
 // Exits that the kernel could not tell: the sweep finds the vanished programs.
+#include <linux/netlink.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 
 #include "restart_policy.h"
 #include "status_reader.h"
@@ -29,6 +31,18 @@ class LostExits : public WexWorld {
   }
 
   void stop_daemon() { stop_all_threads(&daemon_); }
+  // Whether no event of processes waits to be read.
+  static bool has_read_all() {
+    for (const std::string& line : lines_of(read_file("/proc/net/netlink"))) {
+      int family = 0;
+      unsigned waiting = 0;
+      if (sscanf(line.c_str(), "%*s %d %*d %*x %u", &family, &waiting) == 2 && family == NETLINK_CONNECTOR &&
+          waiting != 0) {
+        return false;
+      }
+    }
+    return true;
+  }
 
   static void many_exits(int count) {
     for (int i = 0; i < count; ++i) {
@@ -154,4 +168,34 @@ TEST_F(LostExits, WithASmallBufferAndNoFilterTheDaemonStillWorksAndSaysSo) {
   ASSERT_TRUE(service.start());
   service.end();
   EXPECT_TRUE(service.comes_back(30s)) << "its exit, too, may drown";
+}
+
+// The end of that child is reported under the pid of the program that was stopped.
+TEST_F(LostExits, AStopOnPurposeIsOneThoughAChildThatStartsLaterHasGivenWayToItsPid) {
+  bool was_given = false;
+  for (int round = 1; round <= 5 && !was_given; ++round) {  // somebody else may be quicker
+    Service stopped("stopped");
+    Service other("other");
+    ASSERT_TRUE(stopped.start());
+    ASSERT_TRUE(other.start());
+    ASSERT_TRUE(stopped.ends_and_comes_back()) << "as a child of the daemon, which is told how it ends";
+    const pid_t old = stopped.pid();
+    ASSERT_TRUE(eventually([&] { return exists(db_file("actor", old)); }, 20s));
+    stop_daemon();
+    many_exits(700);
+    stopped.end(SIGTERM);
+    daemon_.send(SIGCONT);
+    ASSERT_TRUE(eventually([&] { return !exists("/proc/" + std::to_string(old)); }, 20s)) << "reaped";
+    ASSERT_TRUE(eventually(has_read_all, 20s)) << "the other one's exit is not lost";
+    std::ofstream("/proc/sys/kernel/ns_last_pid") << old - 1 << std::flush;
+    other.end();
+    EXPECT_TRUE(other.comes_back(20s)) << read_console();
+    EXPECT_TRUE(wait_for_event(WEX_STATUS_EV_STOPPED, old)) << read_console();
+    EXPECT_TRUE(pids_with_command(stopped.command()).empty());
+    was_given =
+        other.pid() != old &&
+        std::regex_search(Daemon::trace(), std::regex("(fork|clone)[^\n]* = " + std::to_string(old) + "\n"));
+    other.end(SIGTERM);
+  }
+  EXPECT_TRUE(was_given) << "the pid was never given to a child of the daemon's";
 }

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "registry_files.h"
-#include "strict_world.h"
+#include "strict_domain.h"
 #include "taken_pid.h"
 #include "unique_fd.h"
 
@@ -17,38 +17,20 @@ namespace {
 
 using namespace strict_world;
 
-constexpr char kFlags[] = "/tmp/vsd/5/wex/";
-constexpr char kRunOfDomain[] = "/data/var/run/vsd/5";
 constexpr char kSetUserId[] = "/data/flagged";
 
-// Domain 5, as one that is set up.
-struct StrictFlagFiles : Strict {
+struct StrictFlagFiles : StrictDomain {
   void SetUp() override {
-    Strict::SetUp();
-    for (const char* path : {kFlags, "/tmp/vsd/5/wex/db", kRunOfDomain}) {
-      make_dirs(path);
-      ASSERT_EQ(0, chmod(path, 01777));
-    }
+    StrictDomain::SetUp();
     start();
   }
   void TearDown() override {
-    Strict::TearDown();
+    StrictDomain::TearDown();
     unlink(kSetUserId);
-  }
-  static std::string flag_of(pid_t pid) { return kFlags + text(pid); }
-  static uid_t owner_of(const std::string& path) {
-    struct stat facts = {};
-    return lstat(path.c_str(), &facts) == 0 ? facts.st_uid : ~uid_t{0};
   }
   static std::string directory_of(pid_t pid) {
     char target[256] = {};
     return readlink(("/proc/" + text(pid) + "/cwd").c_str(), target, sizeof target - 1) > 0 ? target : "";
-  }
-  // An actor's words as this user, with the group of the domain.
-  static words words_of_domain(const words& program, uid_t user) {
-    words all = {"setpriv", "--reuid=" + text(user), "--regid=" + text(user), "--groups=3500"};
-    all.insert(all.end(), program.begin(), program.end());
-    return all;
   }
   bool cancel_as_user(pid_t pid) {
     return as_user([&] {

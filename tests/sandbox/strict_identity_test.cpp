@@ -252,6 +252,29 @@ TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItMakesTheFileNothingIsStartedA
   EXPECT_EQ("1234", user_of(next));
 }
 
+// With its record, when the file is still root's.
+TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItKeepsTheUserAgainNothingIsStartedAsRoot) {
+  command_ = app_ = install("plain");
+  describe("plain", app_ + " WEX_RESTART");
+  ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  const pid_t first = by_hand_.pid();
+  ASSERT_TRUE(eventually([&] { return command_line(first) == app_; }));
+  const std::string file = policy::db_file("plain", first);
+  const std::string kept = std::string(kUsersDir) + "/";
+  int call = 0;  // the first one behind the making of the file
+  do {
+    unlink(file.c_str());
+    ASSERT_TRUE(daemon_.start_traced(
+        {kept + text(first), kept + "begun", "inject=write,rename:signal=KILL:when=" + text(++call)}));
+    ASSERT_TRUE(ended_by(daemon_.wait(20s), SIGKILL)) << call << read_console();
+  } while (read_file(file).empty());
+  end_by_hand();
+  ASSERT_TRUE(start_daemon());
+  const pid_t next = wait_for(app_, first, 20s);
+  ASSERT_GT(next, 0) << read_console();
+  EXPECT_EQ("1234", user_of(next));
+}
+
 // As root's, the file would have it started as root by the next daemon.
 TEST_F(StrictListedUsers, OneThatIsRefusedLeavesNoFile) {
   write_file(kStrictFile, "registrations 1\n");

@@ -74,6 +74,43 @@ TEST_F(StrictPidReuse, TheEndOfAUsersPauseLeavesRootsServiceItsRegistration) {
   }
 }
 
+// What could not be started again waits for the next daemon, which knows it by its file. The names of the
+// programs are the same.
+TEST_F(StrictPidReuse, OfRootsServiceThatCouldNotBeStartedAgainBothAreStartedByTheNextDaemon) {
+  constexpr char kEventLog[] = "/tmp/wex/wex.log1";
+  write_file(kDebugLog, "0\n");
+  start();
+  ASSERT_EQ(0, mkdir(kEventLog, 0755)) << "without which nothing is started again";
+  Process& service = process();
+  ASSERT_TRUE(start_service(&service, {"--tag=roots"}, 0));
+  const pid_t pid = service.pid();
+  send_signal(pid, SIGKILL);
+  service.wait(20s);
+  ASSERT_TRUE(wait_for_event(WEX_STATUS_EV_FAILED, pid)) << read_console();
+  const words of_user = {"--tag=users", "--hold"};
+  words as_user_words = users_words(of_user);
+  as_user_words[0] = "/usr/bin/setpriv";  // a stranger is not looked for
+  {
+    const stranger users(pid, as_user_words);
+    ASSERT_TRUE(eventually([&] { return command_line(pid) == actor_command(of_user); }, 20s));
+    ASSERT_TRUE(as_user([&] {
+      const raw_client client;
+      return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
+    }));
+    EXPECT_TRUE(eventually([&] { return owner_of(registry::db_file(0, "actor", pid)) == kUser; }, 20s))
+        << read_console();
+    EXPECT_EQ(2U, list_dir(registry::db_dir(0)).size());
+    daemon.kill_now();
+  }
+  ASSERT_EQ(0, rmdir(kEventLog));
+  start();
+  const pid_t roots = wait_for_actor(service_words({"--tag=roots"}), pid, 20s);
+  const pid_t users = wait_for_actor(of_user, pid, 20s);
+  ASSERT_TRUE(roots > 0 && users > 0) << roots << " " << users << read_console();
+  EXPECT_EQ("0", uid_of(roots));
+  EXPECT_EQ(text(kUser), uid_of(users));
+}
+
 // ---- While no daemon runs ---------------------------------------------------------------------------------
 
 namespace {

@@ -421,6 +421,30 @@ TEST_F(Chain, AnotherRegistrationIsOneOfTheSameProgramAndDomainWithAnotherPid) {
   EXPECT_EQ(other, other_of(rec));
 }
 
+TEST_F(Chain, AnotherRegistrationIsFoundThoughBlanksBehindItsNameWereRemovedMeanwhile) {
+  wex_pid* const rec = add(812, "/a/foo -d \t ");
+  wex_pid* const other = add(816, "/a/foo -d");
+  rec->flags = 1;
+  other->flags = 1;
+  EXPECT_EQ(nullptr, other_of(other)) << "another command line";
+  wex_program_name(rec);
+  EXPECT_EQ(rec, other_of(other));
+  EXPECT_EQ(other, other_of(rec));
+}
+
+TEST_F(Chain, ANameIsFreeAgainWhenItsLastRegistrationIsGone) {
+  chain_lock hold(wex_chains);
+  EXPECT_FALSE(__wex_name_may_be_taken("/a/foo", nullptr));
+  wex_pid* const rec = add(812);
+  add(813);
+  EXPECT_TRUE(__wex_name_may_be_taken("/a/foo", rec));
+  del(813);
+  EXPECT_FALSE(__wex_name_may_be_taken("/a/foo", rec));
+  EXPECT_FALSE(__wex_name_may_be_taken("/a/fo", nullptr));
+  del(812);
+  EXPECT_FALSE(__wex_name_may_be_taken("/a/foo", nullptr));
+}
+
 TEST_F(Chain, FirstOtherRegistrationInBucketOrderCounts) {
   std::vector<int> pids = {11, 12, 13, 14, 15, 16, 17};
   wex_pid* const rec = add(10);

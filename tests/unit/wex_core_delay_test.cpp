@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "delay_world.h"
+#include "renamed_record.h"
 #include "wex_core_files.h"
 #include "wex_core_takedown.h"
 #include "wex_core_third_part.h"
@@ -101,7 +102,7 @@ TEST_F(Delay, NoMemoryIsWaitedForWithTheRegistryInHand) {
   for (int i = 0; i < 3; ++i) {
     pids.push_back(dead_pid());
     wex_pid* const rec = add(pids.back());
-    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%d", i);
+    rename_record(rec, "/bin/sleep 100" + std::to_string(i));
     keepers.push_back(std::make_unique<lock_keeper>(pids.back()));
   }
   g_memory.taken = g_memory.with_registry = 0;
@@ -120,7 +121,7 @@ TEST_F(Delay, ExitsAtTheSameTimeDoNotTakeEachOthersMemory) {
   for (size_t i = 0; i < kExits; ++i) {
     pids.push_back(dead_pid());
     wex_pid* const rec = add(pids.back());
-    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%zu", i);
+    rename_record(rec, "/bin/sleep 100" + std::to_string(i));
     keepers.push_back(std::make_unique<lock_keeper>(pids.back()));
   }
   std::vector<std::thread> reporters;
@@ -245,7 +246,7 @@ TEST_F(Delay, ATakeDownForgetsWhatWaitsInItsDomainAndNothingElse) {
   std::vector<wex_pid*> records;
   for (const waiting& row : rows) {
     wex_pid* const rec = add(row.name == std::string("living") ? alive.pid() : dead_pid());
-    snprintf(rec->process, sizeof rec->process, "/bin/%s", row.name);
+    rename_record(rec, std::string("/bin/") + row.name);
     rec->vsd = row.vsd;
     write_file(db_file(row.vsd, row.name, rec->pid), "1\n2\n/bin/x");
     records.push_back(rec);
@@ -354,7 +355,7 @@ TEST_F(Delay, SeveralReadyCopiesAreHandedOverOneAPassInBucketOrder) {
   for (int i = 0; i < 3; ++i) {
     pids.push_back(dead_pid());
     wex_pid* const rec = add(pids.back());
-    snprintf(rec->process, sizeof rec->process, "/bin/sleep 100%d", i);  // or they would be duplicates
+    rename_record(rec, "/bin/sleep 100" + std::to_string(i));  // or they would be duplicates
   }
   std::vector<std::unique_ptr<lock_keeper>> keepers;
   for (const int32_t pid : pids) {

@@ -89,6 +89,29 @@ struct gate {
   unique_fd inside, outside;
 };
 
+// A process that has ended, and that its parent, not we, will reap once the gate is open.
+pid_t zombie_of_another(gate* hold) {
+  int told[2];
+  EXPECT_EQ(0, pipe2(told, O_CLOEXEC));
+  if (fork() == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    hold->open();
+    const pid_t ended = fork();
+    if (ended == 0) {
+      _exit(0);
+    }
+    char byte;
+    (void)!write(told[1], &ended, sizeof ended);
+    (void)!read(hold->inside.get(), &byte, 1);
+    _exit(0);
+  }
+  pid_t ended = -1;
+  EXPECT_EQ(static_cast<ssize_t>(sizeof ended), read(told[0], &ended, sizeof ended));
+  close(told[0]);
+  close(told[1]);
+  return ended;
+}
+
 // A process whose main thread has ended while another one waits at the gate.
 pid_t without_main_thread(gate* hold) {
   const pid_t child = fork();
@@ -263,8 +286,21 @@ TEST_F(Event, OfAMainThreadBesideThreadsThatGoOnIsHandledAfterSomeLooks) {
   EXPECT_NE(child, pid_of(rec)) << "its file is not locked, so nothing postpones the restart";
 }
 
-TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
+TEST_F(Event, OfAChildOfOursIsHandledThoughItCannotBeSeen) {
   const pid_t child = zombie();
+  const wex_pid* const rec = add(child);
+  {
+    const unreadable_stat none(child);
+    wex_take_exit_event(exit_of(child, 11));
+  }
+  EXPECT_NE(child, pid_of(rec));
+  EXPECT_EQ(11u, rec->exit_signal);
+}
+
+TEST_F(Event, OfAProcessThatCannotBeSeenIsHandledOnceItCan) {
+  gate hold;
+  const pid_t child = zombie_of_another(&hold);
+  ASSERT_TRUE(eventually([&] { return wex_look_at(child).state == 'Z'; }));
   const wex_pid* const rec = add(child);
   {
     const unreadable_stat none(child);

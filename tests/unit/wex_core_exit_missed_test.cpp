@@ -4,6 +4,7 @@
 #include "exit_world.h"
 #include "leak_gate.h"
 #include "registry_files.h"
+#include "renamed_record.h"
 #include "text_buffer.h"
 #include "wex_chain_rebuild.h"
 #include "wex_core_spawn_guard.h"
@@ -276,7 +277,7 @@ TEST_F(ExitUnderNoPid, AProgramThatRunsByNowIsRegisteredInPlaceOfItsOwnRecord) {
     return pid_to_cmdline(running, command, sizeof command) != nullptr && strstr(command, " 4712") != nullptr;
   }));
   rtrim(command);
-  snprintf(own_->process, sizeof own_->process, "%s", command);
+  rename_record(own_, command);
   write_file(kThirdPartList, std::string(command) + " WEX_RESTART\n");
   reap(kChild, 9);
   EXPECT_TRUE(registered(running));

@@ -3,6 +3,7 @@
 
 #include "delay_world.h"
 #include "dying_process.h"
+#include "renamed_record.h"
 #include "wex_core_early_end.h"
 #include "wex_core_event.h"
 #include "wex_core_exit.h"
@@ -130,8 +131,7 @@ TEST_F(Delay, ALostCrashOfAChildCountsAsOneButNotThatOfAnotherProcessWithItsPid)
     EXPECT_NE(pid, present_pid(rec));
     EXPECT_EQ(expected.code, rec->exit_signal) << expected.started;
     EXPECT_EQ(expected.crash_time, rec->crash_time) << expected.started;
-    chain_lock hold(wex_chains);
-    rec->process[0] = '\0';  // the next one is another program
+    rename_record(rec, "");  // the next one is another program
   }
 }
 
@@ -186,11 +186,11 @@ TEST_F(Delay, AnExitOfAParkedRecordIsLeftToTheAlarm) {
 
 TEST_F(Delay, TheSweepLeavesParkedWaitingAndLivingOnesAlone) {
   wex_pid* const parked = add(dead_pid());
-  snprintf(parked->process, sizeof parked->process, "/bin/sleep 1001");
+  rename_record(parked, "/bin/sleep 1001");
   parked->alarm_wait_flag = 1;
   parked->flags = WEX_FLAG_WAITING;
   wex_pid* const waiting = add(dead_pid());
-  snprintf(waiting->process, sizeof waiting->process, "/bin/sleep 1002");
+  rename_record(waiting, "/bin/sleep 1002");
   lock_keeper keeper(waiting->pid);
   wex_handle_netlink_exit(waiting->pid, 9, 0);
   service alive;
@@ -372,7 +372,7 @@ TEST_F(Delay, ALivingProgramGetsTheFileThatItCouldNotMakeAndItsEndIsNotPostponed
   std::vector<wex_pid*> records;
   for (const service* const one : {&missing, &empty, &held}) {
     wex_pid* const rec = add(one->pid());
-    snprintf(rec->process, sizeof rec->process, "/bin/sleep %zu", 1000 + records.size());
+    rename_record(rec, "/bin/sleep " + std::to_string(1000 + records.size()));
     rec->vsd = 2;
     wex_note_identity(rec);
     records.push_back(rec);
@@ -477,4 +477,25 @@ TEST_F(StrictDelay, AUsersFlagFileIsNotAskedWhoseALostRegistrationIs) {
   ASSERT_EQ(0, chown(flag.c_str(), kUser, kUser));
   wex_look_at_files();
   EXPECT_EQ(1, count(wex_chains));
+}
+
+// Another process has its pid by now, which the sweep would take for its own.
+TEST_F(StrictDelay, ALostRegistrationOfRootsThatHasGivenItsPidUpIsStartedAgain) {
+  const int32_t pid = lose(0);
+  wex_look_at_files();
+  const wex_pid* rec = nullptr;
+  int32_t number = 0;
+  {
+    const chain_lock hold(wex_chains);
+    rec = __wex_find_pid(&wex_chains, pid);
+    ASSERT_NE(nullptr, rec);
+    __wex_free_pid({pid, 77, "", 0});
+    number = rec->pid;
+  }
+  EXPECT_LT(number, -1);
+  EXPECT_FALSE(exists(file_of(pid)));
+  EXPECT_EQ(std::to_string(number) + "\n2\n" + kProgram, read_file(file_of(number)));
+  sweep_twice();
+  EXPECT_GT(present_pid(rec), 0);
+  EXPECT_FALSE(exists(file_of(number)));
 }

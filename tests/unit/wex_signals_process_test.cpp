@@ -10,6 +10,34 @@
 
 using namespace parked;
 
+namespace {
+
+// What the thread that reaps does, in the tests that watch it.
+thread_local bool g_watched = false;
+std::atomic<int> g_pauses{0};  // which are left out
+std::function<void()> g_before_first_child;
+
+}  // namespace
+
+extern "C" void __real_wex_sleep_ms(int milliseconds);
+extern "C" void __wrap_wex_sleep_ms(int milliseconds) {
+  if (g_watched) {
+    ++g_pauses;
+  } else {
+    __real_wex_sleep_ms(milliseconds);
+  }
+}
+
+extern "C" pid_t __real_waitpid(pid_t pid, int* status, int options);
+extern "C" pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
+  if (g_watched && g_before_first_child) {
+    const auto once = std::move(g_before_first_child);
+    g_before_first_child = nullptr;
+    once();
+  }
+  return __real_waitpid(pid, status, options);
+}
+
 // ---- reaping ----------------------------------------------------------------------------------------------
 
 TEST(Reaper, ReapsAllDeadChildrenThoughAnOlderCallLeftEchild) {
@@ -63,6 +91,67 @@ TEST(Reaper, WaitsUntilTheSpawnInProgressHasStoredItsPid) {
   }
   reaper.join();
   EXPECT_EQ(-1, kill(child, 0));
+}
+
+namespace {
+
+bool is_zombie(pid_t child) {
+  siginfo_t info = {};
+  return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// A thread that reaps, and whose pauses are counted and left out.
+std::thread watched(void (*reap)()) {
+  g_pauses = 0;
+  return std::thread([reap] {
+    g_watched = true;
+    reap();
+  });
+}
+
+}  // namespace
+
+TEST(Reaper, LetsASpawnThatWaitsGoBeforeTheNextChild) {
+  const std::vector<pid_t> children = {zombie(), zombie(), zombie()};
+  const std::string own_stat = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
+  std::atomic<bool> at_guard{false};
+  std::atomic<bool> begun{false};
+  g_before_first_child = [&] {
+    begun = true;
+    EXPECT_TRUE(eventually(
+        [&] { return at_guard.load() && read_file(own_stat.c_str()).find(") S ") != std::string::npos; }));
+  };
+  std::thread reaper = watched([] { wex_chld_handler(SIGCHLD); });
+  while (!begun.load()) {
+  }
+  {
+    at_guard = true;
+    const spawn_guard spawning;
+    EXPECT_EQ(2, std::count_if(children.begin(), children.end(), is_zombie));
+  }
+  reaper.join();
+  EXPECT_EQ(0, std::count_if(children.begin(), children.end(), is_zombie));
+}
+
+TEST(Reaper, LeavesAChildAloneForAMoment) {
+  const pid_t child = zombie();
+  watched(wex_reap_at_leisure).join();
+  EXPECT_EQ(1, g_pauses.load());
+  EXPECT_FALSE(is_zombie(child));
+}
+
+TEST(Reaper, IsPutOffWhileAProgramIsBeingStartedButNotForEver) {
+  const pid_t child = zombie();
+  std::thread reaper;
+  {
+    const spawn_guard spawning;
+    reaper = watched(wex_reap_at_leisure);
+    EXPECT_TRUE(eventually([] { return g_pauses.load() == kReapsPutOff; })) << g_pauses.load();
+    EXPECT_TRUE(is_zombie(child));
+  }
+  reaper.join();
+  EXPECT_EQ(kReapsPutOff, g_pauses.load());
+  EXPECT_FALSE(is_zombie(child));
 }
 
 TEST(Reaper, WhoeverKeepsAnUrgentSpawnWaitingRunsAtItsPriority) {

@@ -7,11 +7,13 @@
 #include <string>
 
 #include "chain_lock.h"
+#include "text_buffer.h"
 #include "unit_support.h"
 #include "verify_chain.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_user.h"
+#include "wex_chain_user_sets.h"
 #include "wex_core_executed.h"
 #include "wex_limits.h"
 #include "wex_msg.h"
@@ -54,6 +56,21 @@ struct StrictRegistration : ::testing::Test {
   static wex_pid* record_of(const child& process) {
     const chain_lock hold(wex_chains);
     return __wex_find_pid(&wex_chains, process.pid());
+  }
+  // Root's registration of a program of this command, which had the process's pid and could not be started
+  // again.
+  static wex_pid* add_failed_of_roots(const child& process, const std::string& command) {
+    wex_pid* const rec = wex_new_record();
+    const chain_lock hold(wex_chains);
+    rec->pid = process.pid();
+    rec->action = RESPAWN;
+    rec->start_time = 2;
+    rec->exit_seen = 1;
+    rec->user = wex_number_user({});
+    wex_copy_text(rec->process, sizeof rec->process, command.c_str());
+    wex_note_failed(rec);
+    __wex_add_record(&wex_chains, rec);
+    return rec;
   }
   // As if the one that has this pid now had had it when it ended: as a thread of that process, or as a
   // program that could not be started again.
@@ -207,6 +224,34 @@ TEST_F(StrictRegistration, AListedProgramThatTakesAPidAndIsRefusedLeavesNoFileOf
   EXPECT_EQ("none", owner_and_mode(path));
 }
 
+// What stands in its file is all that the next daemon would know of it.
+TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainKeepsAFileBesideAUsersThatHasItsPidAndName) {
+  for (const bool listed : {true, false}) {
+    for (const char* const arguments : {"", " --others"}) {
+      SCOPED_TRACE(std::string(listed ? "listed" : "by a message") + arguments);
+      const child program([] { return become(kOtherUser); });
+      ASSERT_TRUE(program.ready());
+      const std::string users = command_line(program.pid());
+      const std::string path = make_file(program);
+      write_file(path, std::to_string(program.pid()) + "\n2\n" + users + arguments, 0700);
+      const wex_pid* const roots = add_failed_of_roots(program, users + arguments);
+      EXPECT_EQ(0, listed ? wex_register_third_part(program.pid(), "WEX_RESTART", nullptr)
+                          : registers(kOtherUser, program));
+      const wex_pid* const his = record_of(program);
+      ASSERT_NE(nullptr, his);
+      EXPECT_NE(roots, his);
+      ASSERT_LT(roots->pid, -1);
+      EXPECT_EQ(std::to_string(kOtherUser) + " 700", owner_and_mode(path));
+      EXPECT_EQ(std::to_string(program.pid()) + "\n2\n" + users, read_file(path));
+      const std::string number = std::to_string(roots->pid);
+      const std::string kept = path.substr(0, path.rfind('.') + 1) + number;
+      EXPECT_EQ("0 700", owner_and_mode(kept));
+      EXPECT_EQ(number + "\n2\n" + users + arguments, read_file(kept));
+      EXPECT_EQ(0, wex_db_destroy(his));  // which the daemon holds locked when it is of a listed one
+    }
+  }
+}
+
 // The file is root's until there is a record: were the daemon killed, only what is kept would tell whose
 // program it is. The pid is that of a thread of his, which was registered and has ended, or of root's
 // program, which could not be started again.
@@ -233,7 +278,8 @@ TEST_F(StrictRegistration, OfAListedProgramThatHasAnEndedOnesPidTheUserIsKeptBef
       g_before_file = nullptr;
       EXPECT_EQ("0 2 " + std::to_string(kOtherUser) + " ", meanwhile.substr(0, 9));
       EXPECT_NE(before, meanwhile);
-      EXPECT_EQ(room == 1 ? before : meanwhile, read_file(kept));
+      const std::string refused = of_thread ? before : "";  // root's has given its pid up by then
+      EXPECT_EQ(room == 1 ? refused : meanwhile, read_file(kept));
       for (const child* one : {&first, &program}) {
         wex_cancel_by(0, {WEX_CANCEL_PROC, one->pid()});
       }
