@@ -464,6 +464,7 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   if (!again) {
     wex_keep_user(rec);  // first: the file is root's until it has its record, and the daemon may be killed
   }
+  __wex_expect_exit(pid);  // before the file, by which others see that a SIGTERM stops it for good
   if (described) {
     wex_make_database_file(body, msg_type, wex_mk_pidfile_held);
   }

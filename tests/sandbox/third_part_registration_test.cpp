@@ -70,6 +70,23 @@ TEST_F(ThirdPartRegistration, StoppedWithSigtermItIsForgotten) {
   EXPECT_TRUE(never([&] { return !pids_with_command(app_).empty(); }, 500ms));
 }
 
+// Its database file is what others can see of a registration.
+TEST_F(ThirdPartRegistration, WhoeverHasADatabaseFileIsStoppedBySigtermAtOnce) {
+  app_ = install("early");
+  describe("early", app_ + " WEX_RESTART");
+  ASSERT_TRUE(daemon_.start_traced({"trace=setsockopt", "inject=setsockopt:delay_enter=1000000"}));
+  ASSERT_TRUE(daemon_.wait_ready(30s));
+  ASSERT_TRUE(start_by_hand({app_}));
+  const pid_t first = by_hand_.pid();
+  ASSERT_TRUE(eventually([&] { return exists(db_file("early", first)); }, 15s)) << read_console();
+  by_hand_.send(SIGTERM);
+  EXPECT_TRUE(ended_by(by_hand_.wait(), SIGTERM));
+  EXPECT_TRUE(eventually([&] { return !exists(db_file("early", first)); }, 30s)) << read_console();
+  EXPECT_EQ(std::string::npos, read_console().find("exit of pid " + std::to_string(first) + " was lost"))
+      << "nobody knows any more that it was stopped";
+  EXPECT_TRUE(pids_with_command(app_).empty()) << read_console();
+}
+
 TEST_F(ThirdPartRegistration, AProcessWithArgumentsThatTheListDoesNotNameIsNotRegistered) {
   const std::string app = install("words");
   describe("words", app + " -d WEX_RESTART");
