@@ -39,6 +39,9 @@ namespace {
 // Before the directory is closed to users, who may make a directory anew whenever its name is free.
 constexpr int kTakeNameTries = 2;
 
+constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
+constexpr mode_t kAllOfMode = 07777;
+
 // Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
 // may give any file a name in our directories.
 bool check_kind(int fd, int flags) {
@@ -88,7 +91,12 @@ wex_parting parting_for(int flags) {
 }
 
 bool is_closed_for_a_moment(const struct stat& facts) {
-  return facts.st_uid == 0 && (facts.st_mode & 07777) == kClosedDirMode;
+  return facts.st_uid == 0 && (facts.st_mode & kAllOfMode) == kClosedDirMode;
+}
+
+// What the mode of a directory is when no daemon has closed it for a moment.
+mode_t mode_while_open(const struct stat& facts) {
+  return is_closed_for_a_moment(facts) ? kClientDirMode : facts.st_mode & kAllOfMode;
 }
 
 // A directory that was there may be anybody's that was moved to our name: in strict mode it becomes root's,
@@ -101,11 +109,9 @@ void close_to_others(int directory, mode_t mode) {
   if (facts.st_uid != 0 && fchown(directory, 0, 0) != 0) {
     return;
   }
-  constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
-  const mode_t kept = facts.st_mode & 01777;
-  const mode_t before = is_closed_for_a_moment(facts) ? kClientDirMode : kept;
+  const mode_t before = mode_while_open(facts) & ~(S_ISUID | S_ISGID);
   const mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
-  if (allowed != kept) {
+  if (allowed != (facts.st_mode & kAllOfMode)) {
     fchmod(directory, allowed);
   }
 }
@@ -115,20 +121,22 @@ bool exchange(int directory, const char* one, const char* other) {
   return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
 }
 
-// One of the directories that are open to all: as long as this lives nobody but root makes a name in it.
+// A directory in which others than root make names, whatever mode it was given by hand: as long as this lives
+// nobody but root makes one.
 class closed_for_a_moment {
  public:
   explicit closed_for_a_moment(int directory) noexcept
       : directory_(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     struct stat facts = {};
-    closed_ = directory_.valid() && fstat(directory_.get(), &facts) == 0 && facts.st_uid == 0 &&
-              ((facts.st_mode & 07777) == kClientDirMode || is_closed_for_a_moment(facts)) &&
-              fchmod(directory_.get(), kClosedDirMode) == 0;
+    if (directory_.valid() && fstat(directory_.get(), &facts) == 0 && facts.st_uid == 0) {
+      before_ = mode_while_open(facts);
+      closed_ = (before_ & kWriting) != 0 && fchmod(directory_.get(), kClosedDirMode) == 0;
+    }
   }
   ~closed_for_a_moment() {
     const int cause = errno;
     if (closed_) {
-      fchmod(directory_.get(), kClientDirMode);
+      fchmod(directory_.get(), before_);
     }
     errno = cause;
   }
@@ -137,6 +145,7 @@ class closed_for_a_moment {
 
  private:
   const unique_fd directory_;
+  mode_t before_ = 0;
   bool closed_ = false;
 };
 
