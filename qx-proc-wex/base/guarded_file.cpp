@@ -37,7 +37,7 @@
 namespace {
 
 // Before the directory is closed to users, who may make a directory anew whenever its name is free.
-constexpr int kTakeNameTries = 2;
+constexpr uint64_t kTakeNameTries = 2;
 
 constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
 constexpr mode_t kAllOfMode = 07777;
@@ -150,13 +150,20 @@ class closed_for_a_moment {
 };
 
 // Takes what is there from its name: removed, or, when it is a directory with something in it, called
-// "aside-..." from then on.
-void clear_entry(int directory, const char* name, int number, const char* from) {
+// "aside-NUMBER-FROM" from then on.
+void clear_entry(int directory, const char* name, uint64_t number, const char* from) {
   char aside[NAME_MAX + 1];
   if (unlinkat(directory, name, AT_REMOVEDIR) != 0 && unlinkat(directory, name, 0) != 0 &&
-      wex_format(aside, sizeof aside, "aside-%d-%s", number, from)) {
+      wex_format(aside, sizeof aside, "aside-%llu-%s", static_cast<unsigned long long>(number), from)) {
     renameat(directory, name, directory, aside);
   }
+}
+
+// One that nobody can foresee.
+bool draw_number(uint64_t* number) {
+  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+  return random.valid() &&
+         safe_read(random.get(), number, sizeof *number) == static_cast<int32_t>(sizeof *number);
 }
 
 // Whether wex_create_beside() makes such names: the prefix, and a number of 64 bits.
@@ -185,9 +192,7 @@ unique_fd wex_open_file_at(int directory, const char* name, int flags) {
 
 unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]) {
   uint64_t number = 0;
-  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
-  if (!random.valid() ||
-      safe_read(random.get(), &number, sizeof number) != static_cast<int32_t>(sizeof number) ||
+  if (!draw_number(&number) ||
       !wex_format(name, sizeof name, "%s%016llx", prefix, static_cast<unsigned long long>(number))) {
     return unique_fd();
   }
@@ -199,7 +204,8 @@ unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char
 }
 
 bool wex_take_name(int directory, const char* from, const char* name) {
-  for (int tries = 0; tries < kTakeNameTries; ++tries) {
+  uint64_t number = 0;
+  while (number < kTakeNameTries) {
     if (renameat(directory, from, directory, name) == 0) {
       return true;
     }
@@ -207,13 +213,15 @@ bool wex_take_name(int directory, const char* from, const char* name) {
       return false;
     }
     if (exchange(directory, from, name)) {
-      clear_entry(directory, from, tries, from);
+      clear_entry(directory, from, number, from);
       return true;
     }
-    clear_entry(directory, name, tries, from);
+    clear_entry(directory, name, number++, from);
   }
+  // A user may have made full directories of the names before that one: he sees `from`.
+  draw_number(&number);
   const closed_for_a_moment only_root(directory);
-  clear_entry(directory, name, kTakeNameTries, from);
+  clear_entry(directory, name, number, from);
   return renameat(directory, from, directory, name) == 0;
 }
 

@@ -30,6 +30,10 @@ void as_user(const std::function<bool()>& work) {
   });
 }
 
+bool make_full(const std::string& path) {
+  return mkdir(path.c_str(), 0755) == 0 && mkdir((path + "/full").c_str(), 0755) == 0;
+}
+
 struct GuardedFile : Sandboxed {
   void SetUp() override {
     Sandboxed::SetUp();
@@ -117,4 +121,22 @@ TEST_F(GuardedFile, AUserWhoIsAlwaysFirstKeepsNoNameWhateverTheModeOfTheDirector
     remove_tree(kWanted);
     unlink("/tmp/d/begun");
   }
+}
+
+// He knows what the daemon begins by its name, which he sees.
+TEST_F(GuardedFile, AUserKeepsNoNameByThoseThatMakeRoom) {
+  as_user([] {
+    bool made = make_full(kWanted);
+    for (int number = 0; number < 10; ++number) {
+      made = made && make_full(std::string(kDir) + "/aside-" + std::to_string(number) + "-" + kFrom);
+    }
+    return made;
+  });
+  EXPECT_TRUE(take());
+  EXPECT_EQ("root's", read_file(kWanted));
+  size_t aside = 0;
+  for (const std::string& name : list_dir(kDir)) {
+    aside += name.rfind("aside-", 0) == 0 && exists(std::string(kDir) + "/" + name + "/full") ? 1 : 0;
+  }
+  EXPECT_EQ(11U, aside) << "nothing of his is lost";
 }
