@@ -45,6 +45,14 @@ void __wex_enter_name(wex_pid* rec) {
 
 void __wex_remove_name(wex_pid* rec) {
   unlink_node(&rec->name_node);
+  rec->name_node.pprev = nullptr;
+}
+
+void __wex_change_name(wex_pid* rec) {
+  if (rec->name_node.pprev != nullptr) {
+    __wex_remove_name(rec);
+    __wex_enter_name(rec);
+  }
 }
 
 void __wex_clear_names() {

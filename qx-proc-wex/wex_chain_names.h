@@ -11,6 +11,9 @@
 void __wex_enter_name(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 void __wex_remove_name(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
+// After a change of the command line of a record that may be entered.
+void __wex_change_name(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
 // Forgets all that are entered.
 void __wex_clear_names() WEX_TSA(requires_capability(wex_chains));
 

@@ -18,6 +18,7 @@
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_names.h"
 #include "wex_chain_list.h"
 #include "wex_chain_user.h"
 #include "wex_core_delay.h"
@@ -225,7 +226,10 @@ fate take_over(wex_pid* rec) {
   }
   if (process == whose::unknown && is_stranger(rec)) {
     rec->start_time = kStartOfNobody;
-    return wex_judge_ended(rec) ? fate::alive : fate::ignored;
+    const bool counts = wex_judge_ended(rec);
+    chain_lock hold(wex_chains);
+    __wex_change_name(rec);  // what was kept of it may tell its whole command line only now
+    return counts ? fate::alive : fate::ignored;
   }
   // Not after the restarts: they may take long, and a stranger may have got the pid by then.
   wex_note_identity(rec);

@@ -94,7 +94,8 @@ bool has_anothers_pid(const wex_pid* rec) {
 
 // True also when another process has got the pid: it is alive, but not the record's process.
 bool is_dead(const wex_pid* rec) {
-  return process_life(rec->pid) < 0 || has_anothers_pid(rec);
+  // Asked first, because process_life() looks several times before it believes a zombie.
+  return wex_surely_dead(wex_look_at(rec->pid)) || process_life(rec->pid) < 0 || has_anothers_pid(rec);
 }
 
 // True when the record was dropped because its program runs under another registration.

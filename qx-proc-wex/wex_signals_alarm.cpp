@@ -105,7 +105,7 @@ extern "C" void* run_alarm_thread(void* /*unused*/) {
     }
     wex_status_busy(kStatusAlarm);
     if (wex_take_child_signal()) {
-      wex_reap_at_leisure();
+      wex_reap_at_leisure(g_stop);
       wex_handle_missed_exits();
     }
     if (wex_take_alarm_signal() && !g_stop.load()) {

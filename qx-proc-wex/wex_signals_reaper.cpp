@@ -1,7 +1,6 @@
 // wex_signals_reaper: takes the statuses of children that have ended.
 #include "wex_signals_reaper.h"
 
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -14,40 +13,51 @@
 
 namespace {
 
-// Reaps one child that has ended; false when there is none. A restart that waits for the guard comes before
-// the next child: after a mass of deaths there are many.
-bool reap_one() {
+// Reaps one child that has ended. As waitpid() for any child without blocking. A restart that waits for the
+// guard comes before the next child: after a mass of deaths there are many.
+pid_t reap_one() {
   const spawn_guard not_while_spawning;
   // Looked at before it is reaped: as a zombie it still has its start time, which with the pid identifies it.
   siginfo_t next = {};
   const bool found = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid > 0;
   const uint64_t start_time = found ? wex_look_at(next.si_pid).start_time : 0;
-  errno = 0;  // the caller ends its loop at ECHILD, and errno may hold one of an earlier call
+  errno = 0;  // the callers end their loops at ECHILD, and errno may hold one of an earlier call
   int status = 0;
   const pid_t child = waitpid(found ? next.si_pid : -1, &status, WNOHANG);
   if (child > 0) {
     wex_note_child_end(child, start_time, status);
   }
-  return child != 0 && errno != ECHILD;
+  return child;
 }
 
 }  // namespace
 
-void wex_chld_handler(int /*signal*/) {
+int wex_reap_ended() {
   const int cause = errno;
-  while (reap_one()) {
-  }
+  const spawn_guard not_while_spawning;  // held for all: nobody must wait for the last one for long
+  int count = 0;
+  pid_t child;
+  do {
+    child = reap_one();
+    count += child > 0 ? 1 : 0;
+  } while (child != 0 && errno != ECHILD);
   errno = cause;
+  return count;
 }
 
-void wex_reap_at_leisure() {
-  for (int put_off = 0; put_off < kReapsPutOff; ++put_off) {
+void wex_chld_handler(int /*signal*/) {
+  wex_reap_ended();
+}
+
+void wex_reap_at_leisure(const std::atomic<bool>& hurry) {
+  for (int put_off = 0; put_off < kReapsPutOff && !hurry.load(); ++put_off) {
     wex_sleep_ms(kReapDelayMs);
     while (!wex_is_spawning()) {
-      if (!reap_one()) {
+      const pid_t child = reap_one();
+      if (child == 0 || errno == ECHILD) {
         return;
       }
     }
   }
-  wex_chld_handler(SIGCHLD);
+  wex_reap_ended();
 }

@@ -9,7 +9,6 @@
 
 inline void rename_record(wex_pid* rec, const std::string& process) {
   chain_lock hold(wex_chains);
-  __wex_remove_name(rec);
   snprintf(rec->process, sizeof rec->process, "%s", process.c_str());
-  __wex_enter_name(rec);
+  __wex_change_name(rec);
 }

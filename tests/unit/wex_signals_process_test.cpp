@@ -100,12 +100,13 @@ bool is_zombie(pid_t child) {
   return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
-// A thread that reaps, and whose pauses are counted and left out.
-std::thread watched(void (*reap)()) {
+// A thread that reaps at leisure, and whose pauses are counted and left out.
+std::thread watched_reaper(bool hurry = false) {
   g_pauses = 0;
-  return std::thread([reap] {
+  return std::thread([hurry] {
     g_watched = true;
-    reap();
+    const std::atomic<bool> in_a_hurry{hurry};
+    wex_reap_at_leisure(in_a_hurry);
   });
 }
 
@@ -121,7 +122,7 @@ TEST(Reaper, LetsASpawnThatWaitsGoBeforeTheNextChild) {
     EXPECT_TRUE(eventually(
         [&] { return at_guard.load() && read_file(own_stat.c_str()).find(") S ") != std::string::npos; }));
   };
-  std::thread reaper = watched([] { wex_chld_handler(SIGCHLD); });
+  std::thread reaper = watched_reaper();
   while (!begun.load()) {
   }
   {
@@ -135,8 +136,15 @@ TEST(Reaper, LetsASpawnThatWaitsGoBeforeTheNextChild) {
 
 TEST(Reaper, LeavesAChildAloneForAMoment) {
   const pid_t child = zombie();
-  watched(wex_reap_at_leisure).join();
+  watched_reaper().join();
   EXPECT_EQ(1, g_pauses.load());
+  EXPECT_FALSE(is_zombie(child));
+}
+
+TEST(Reaper, LeavesNoChildAloneWhenTheDaemonEnds) {
+  const pid_t child = zombie();
+  watched_reaper(true).join();
+  EXPECT_EQ(0, g_pauses.load());
   EXPECT_FALSE(is_zombie(child));
 }
 
@@ -145,7 +153,7 @@ TEST(Reaper, IsPutOffWhileAProgramIsBeingStartedButNotForEver) {
   std::thread reaper;
   {
     const spawn_guard spawning;
-    reaper = watched(wex_reap_at_leisure);
+    reaper = watched_reaper();
     EXPECT_TRUE(eventually([] { return g_pauses.load() == kReapsPutOff; })) << g_pauses.load();
     EXPECT_TRUE(is_zombie(child));
   }
