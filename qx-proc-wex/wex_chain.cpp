@@ -136,10 +136,11 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
   char file[kPathSize];
   const int32_t pid = rec->pid;
   const int32_t number = number_like(pid);
-  if (is_failed_of_roots(rec) && !wex_renumber_pidfile(rec, number)) {
+  const bool is_takers = wex_name_pidfile(rec, file) && strcmp(file, taker.file) == 0;
+  if (is_failed_of_roots(rec) && !wex_renumber_pidfile(rec, number, is_takers)) {
     return;  // its file is all that the next daemon will know of it
   }
-  if (!wex_name_pidfile(rec, file) || strcmp(file, taker.file) != 0) {
+  if (!is_takers) {
     wex_db_destroy(rec);
   }
   if (rec->vsd >= kFirstDomain && rec->vsd != taker.domain) {

@@ -119,8 +119,19 @@ std::string owner_and_mode(const std::string& path) {
 }
 
 std::function<void()> g_before_file;
+std::function<void()> g_after_rename;
 
 }  // namespace
+
+extern "C" int __real_renameat(int from, const char* old_name, int to, const char* new_name);
+
+extern "C" int __wrap_renameat(int from, const char* old_name, int to, const char* new_name) {
+  const int result = __real_renameat(from, old_name, to, new_name);
+  if (g_after_rename) {
+    g_after_rename();
+  }
+  return result;
+}
 
 using make_file_fn = int (*)(const wex_reg_info*, uint32_t);
 void real_make_database_file(const wex_reg_info& body, uint32_t type, make_file_fn make) __asm__(
@@ -250,6 +261,34 @@ TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainKeepsAFileBesideAUsers
       EXPECT_EQ(0, wex_db_destroy(his));  // which the daemon holds locked when it is of a listed one
     }
   }
+}
+
+// Of two the next daemon would start both, of none neither.
+TEST_F(StrictRegistration, RootsThatGivesItsPidUpHasOneFileWheneverTheDaemonEnds) {
+  constexpr char kRoots[] = "/bin/roots -d";
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  const std::string users = make_file(program);
+  const std::string path = std::string(kMainDbDir) + "/roots." + std::to_string(program.pid());
+  write_file(path, std::to_string(program.pid()) + "\n2\n" + kRoots, 0700);
+  const wex_pid* const roots = add_failed_of_roots(program, kRoots);
+  int renames = 0;
+  g_after_rename = [&] {
+    int files = 0;
+    for (const std::string& name : list_dir(kMainDbDir)) {
+      files += name.rfind("roots.", 0) == 0 ? 1 : 0;
+    }
+    ++renames;
+    EXPECT_EQ(1, files) << "after rename " << renames;
+  };
+  EXPECT_EQ(0, registers(kOtherUser, program));
+  g_after_rename = nullptr;
+  EXPECT_GT(renames, 0);
+  ASSERT_LT(roots->pid, -1);
+  const std::string number = std::to_string(roots->pid);
+  EXPECT_EQ(number + "\n2\n" + kRoots, read_file(std::string(kMainDbDir) + "/roots." + number));
+  EXPECT_FALSE(exists(path));
+  EXPECT_TRUE(exists(users));
 }
 
 // The file is root's until there is a record: were the daemon killed, only what is kept would tell whose
