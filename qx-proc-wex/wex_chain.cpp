@@ -131,15 +131,29 @@ bool may_give_up_pid(const wex_pid* rec) {
   return (rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec);
 }
 
+// First what tells its ids and its whole command: the database file is read in part.
+bool renumber_files(const wex_pid* rec, int32_t number, bool is_takers)
+    WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid numbered = *rec;
+  numbered.pid = number;
+  wex_keep_user(&numbered);
+  if (wex_renumber_pidfile(rec, number, is_takers)) {
+    return true;
+  }
+  wex_forget_user(number);
+  return false;
+}
+
 // The copy that waits for the restart is still found by the registration's number.
 void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
   const int32_t pid = rec->pid;
   const int32_t number = number_like(pid);
-  if (is_failed_of_roots(rec) && !wex_renumber_pidfile(rec, number)) {
-    return;  // its file is all that the next daemon will know of it
+  const bool is_takers = wex_name_pidfile(rec, file) && strcmp(file, taker.file) == 0;
+  if (is_failed_of_roots(rec) && !renumber_files(rec, number, is_takers)) {
+    return;  // they are all that the next daemon will know of it
   }
-  if (!wex_name_pidfile(rec, file) || strcmp(file, taker.file) != 0) {
+  if (!is_takers) {
     wex_db_destroy(rec);
   }
   if (rec->vsd >= kFirstDomain && rec->vsd != taker.domain) {

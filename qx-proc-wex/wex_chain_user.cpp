@@ -102,6 +102,12 @@ bool read_ids_of(const wex_pid* rec, wex_user* ids) {
 
 // ---- what is kept -----------------------------------------------------------------------------------------
 
+// Whether something is kept under this number: a pid, or that of a registration which has given its pid up.
+// -1 is that of all without a process.
+bool is_keepable(int32_t pid) {
+  return pid > 0 || pid < -1;
+}
+
 // Adds formatted text at the end of what is there; what does not fit is cut, and the text is useless then.
 void add_number(char* text, size_t size, int64_t value) {
   const size_t length = strlen(text);
@@ -167,7 +173,7 @@ bool recall(wex_pid* rec, wex_user* user) {
   const char* command = nullptr;
   uint64_t start_time = 0;
   wex_format(path, sizeof path, kUserFileFmt, rec->pid);
-  if (!g_keeping.load() || rec->pid < 1 || wex_read_to_buf(path, text, sizeof text) <= 0 ||
+  if (!g_keeping.load() || !is_keepable(rec->pid) || wex_read_to_buf(path, text, sizeof text) <= 0 ||
       !understand(text, rec, user, &start_time, &command) || !is_command_of(command, rec)) {
     return false;
   }
@@ -407,7 +413,7 @@ void wex_read_kept_users(bool reading) {
 
 void wex_keep_user(const wex_pid* rec) {
   const bool keeping = g_keeping.load() && !g_reading.load();
-  const wex_user* const user = keeping && rec->pid > 0 ? wex_user_of(rec) : nullptr;
+  const wex_user* const user = keeping && is_keepable(rec->pid) ? wex_user_of(rec) : nullptr;
   if (user == nullptr) {
     return;
   }
@@ -429,7 +435,7 @@ void wex_keep_user(const wex_pid* rec) {
 
 void wex_forget_user(int32_t pid) {
   char path[kPathSize];
-  if (g_keeping.load() && pid > 0 && wex_format(path, sizeof path, kUserFileFmt, pid)) {
+  if (g_keeping.load() && is_keepable(pid) && wex_format(path, sizeof path, kUserFileFmt, pid)) {
     unlink(path);
   }
 }
@@ -475,7 +481,7 @@ void wex_tidy_users(bool (*has_record)(int32_t pid)) {
   dir_walk kept(kUsersDir);
   while (const dirent* const entry = kept.valid() ? kept.next() : nullptr) {
     const int32_t pid = text_to_number(entry->d_name);
-    if (pid > 0 && !has_record(pid)) {
+    if (is_keepable(pid) && !has_record(pid)) {
       unlinkat(kept.fd(), entry->d_name, 0);
     }
   }

@@ -70,8 +70,8 @@ void wex_end_users();
 // what was kept for it must last until both are judged. At the start only.
 void wex_read_kept_users(bool reading);
 
-// Keeps the record's user under its pid, with the start time of its process, or forgets what was kept there.
-// Caller holds wex_chains.
+// Keeps the record's user under its pid, or the number that it has instead (below -1), with the start time of
+// its process, or forgets what was kept there. Caller holds wex_chains.
 void wex_keep_user(const wex_pid* rec);
 void wex_forget_user(int32_t pid);
 

@@ -149,6 +149,18 @@ bool is_begun(const char* name) {
   return strncmp(name, kBegun, strlen(kBegun)) == 0 && strchr(name, '.') == nullptr;
 }
 
+// The database file of one record gets the name of the other's, in the same directory.
+bool move_file(const wex_pid* from, const wex_pid* to) {
+  char old_path[kPathSize];
+  char new_path[kPathSize];
+  char name[NAME_MAX + 1];
+  if (!wex_name_pidfile(from, old_path) || !wex_name_pidfile(to, new_path)) {
+    return false;
+  }
+  const unique_fd directory = open_trusted_parent(old_path, name);
+  return directory.valid() && wex_take_name(directory.get(), name, last_component(new_path));
+}
+
 // The command text of a message, which need not be terminated.
 void copy_command(const wex_reg_info* body, char (&text)[sizeof body->process + 1]) {
   const size_t length = strnlen(body->process, sizeof body->process);
@@ -271,14 +283,23 @@ bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group) {
   return true;
 }
 
-bool wex_renumber_pidfile(const wex_pid* rec, int32_t number) {
+// The file first gets the name that a new one then takes: were the daemon killed with both there, the next
+// one would start the program twice. It gives the file the name that its content says.
+bool wex_renumber_pidfile(const wex_pid* rec, int32_t number, bool is_takers) {
   char name[kPathSize];
   wex_pid numbered = *rec;
   numbered.pid = number;
   if (wex_name_pidfile(rec, name)) {
     drop_locked_file(name);
   }
-  return wex_renew_pidfile(&numbered, 0, 0);
+  const bool moved = !is_takers && move_file(rec, &numbered);
+  if (wex_renew_pidfile(&numbered, 0, 0)) {
+    return true;
+  }
+  if (moved) {
+    move_file(&numbered, rec);
+  }
+  return false;
 }
 
 bool wex_drop_begun_pidfile(const char* path) {

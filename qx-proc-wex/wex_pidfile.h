@@ -58,8 +58,9 @@ void wex_mend_pidfile(const wex_pid* rec);
 bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group);
 
 // Strict mode: makes the file of a registration of root's that is to have this number in the place of its
-// pid, and lets go of the one that it has, which stays for whoever has the pid now. False as above.
-bool wex_renumber_pidfile(const wex_pid* rec, int32_t number);
+// pid, from the one that it has. That one stays when it `is_takers`: of the name of the file of whoever has
+// the pid now. False as above.
+bool wex_renumber_pidfile(const wex_pid* rec, int32_t number, bool is_takers);
 
 // Removes what a daemon that was killed in the middle of it has left. Strict mode only; false for all else.
 bool wex_drop_begun_pidfile(const char* path);

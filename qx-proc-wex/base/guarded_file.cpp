@@ -37,7 +37,10 @@
 namespace {
 
 // Before the directory is closed to users, who may make a directory anew whenever its name is free.
-constexpr int kTakeNameTries = 2;
+constexpr uint64_t kTakeNameTries = 2;
+
+constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
+constexpr mode_t kAllOfMode = 07777;
 
 // Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
 // may give any file a name in our directories.
@@ -88,7 +91,12 @@ wex_parting parting_for(int flags) {
 }
 
 bool is_closed_for_a_moment(const struct stat& facts) {
-  return facts.st_uid == 0 && (facts.st_mode & 07777) == kClosedDirMode;
+  return facts.st_uid == 0 && (facts.st_mode & kAllOfMode) == kClosedDirMode;
+}
+
+// What the mode of a directory is when no daemon has closed it for a moment.
+mode_t mode_while_open(const struct stat& facts) {
+  return is_closed_for_a_moment(facts) ? kClientDirMode : facts.st_mode & kAllOfMode;
 }
 
 // A directory that was there may be anybody's that was moved to our name: in strict mode it becomes root's,
@@ -101,11 +109,9 @@ void close_to_others(int directory, mode_t mode) {
   if (facts.st_uid != 0 && fchown(directory, 0, 0) != 0) {
     return;
   }
-  constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
-  const mode_t kept = facts.st_mode & 01777;
-  const mode_t before = is_closed_for_a_moment(facts) ? kClientDirMode : kept;
+  const mode_t before = mode_while_open(facts) & ~(S_ISUID | S_ISGID);
   const mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
-  if (allowed != kept) {
+  if (allowed != (facts.st_mode & kAllOfMode)) {
     fchmod(directory, allowed);
   }
 }
@@ -115,20 +121,22 @@ bool exchange(int directory, const char* one, const char* other) {
   return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
 }
 
-// One of the directories that are open to all: as long as this lives nobody but root makes a name in it.
+// A directory in which others than root make names, whatever mode it was given by hand: as long as this lives
+// nobody but root makes one.
 class closed_for_a_moment {
  public:
   explicit closed_for_a_moment(int directory) noexcept
       : directory_(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     struct stat facts = {};
-    closed_ = directory_.valid() && fstat(directory_.get(), &facts) == 0 && facts.st_uid == 0 &&
-              ((facts.st_mode & 07777) == kClientDirMode || is_closed_for_a_moment(facts)) &&
-              fchmod(directory_.get(), kClosedDirMode) == 0;
+    if (directory_.valid() && fstat(directory_.get(), &facts) == 0 && facts.st_uid == 0) {
+      before_ = mode_while_open(facts);
+      closed_ = (before_ & kWriting) != 0 && fchmod(directory_.get(), kClosedDirMode) == 0;
+    }
   }
   ~closed_for_a_moment() {
     const int cause = errno;
     if (closed_) {
-      fchmod(directory_.get(), kClientDirMode);
+      fchmod(directory_.get(), before_);
     }
     errno = cause;
   }
@@ -137,17 +145,25 @@ class closed_for_a_moment {
 
  private:
   const unique_fd directory_;
+  mode_t before_ = 0;
   bool closed_ = false;
 };
 
 // Takes what is there from its name: removed, or, when it is a directory with something in it, called
-// "aside-..." from then on.
-void clear_entry(int directory, const char* name, int number, const char* from) {
+// "aside-NUMBER-FROM" from then on.
+void clear_entry(int directory, const char* name, uint64_t number, const char* from) {
   char aside[NAME_MAX + 1];
   if (unlinkat(directory, name, AT_REMOVEDIR) != 0 && unlinkat(directory, name, 0) != 0 &&
-      wex_format(aside, sizeof aside, "aside-%d-%s", number, from)) {
+      wex_format(aside, sizeof aside, "aside-%llu-%s", static_cast<unsigned long long>(number), from)) {
     renameat(directory, name, directory, aside);
   }
+}
+
+// One that nobody can foresee.
+bool draw_number(uint64_t* number) {
+  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+  return random.valid() &&
+         safe_read(random.get(), number, sizeof *number) == static_cast<int32_t>(sizeof *number);
 }
 
 // Whether wex_create_beside() makes such names: the prefix, and a number of 64 bits.
@@ -176,9 +192,7 @@ unique_fd wex_open_file_at(int directory, const char* name, int flags) {
 
 unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]) {
   uint64_t number = 0;
-  const unique_fd random(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
-  if (!random.valid() ||
-      safe_read(random.get(), &number, sizeof number) != static_cast<int32_t>(sizeof number) ||
+  if (!draw_number(&number) ||
       !wex_format(name, sizeof name, "%s%016llx", prefix, static_cast<unsigned long long>(number))) {
     return unique_fd();
   }
@@ -190,7 +204,8 @@ unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char
 }
 
 bool wex_take_name(int directory, const char* from, const char* name) {
-  for (int tries = 0; tries < kTakeNameTries; ++tries) {
+  uint64_t number = 0;
+  while (number < kTakeNameTries) {
     if (renameat(directory, from, directory, name) == 0) {
       return true;
     }
@@ -198,13 +213,15 @@ bool wex_take_name(int directory, const char* from, const char* name) {
       return false;
     }
     if (exchange(directory, from, name)) {
-      clear_entry(directory, from, tries, from);
+      clear_entry(directory, from, number, from);
       return true;
     }
-    clear_entry(directory, name, tries, from);
+    clear_entry(directory, name, number++, from);
   }
+  // A user may have made full directories of the names before that one: he sees `from`.
+  draw_number(&number);
   const closed_for_a_moment only_root(directory);
-  clear_entry(directory, name, kTakeNameTries, from);
+  clear_entry(directory, name, number, from);
   return renameat(directory, from, directory, name) == 0;
 }
 

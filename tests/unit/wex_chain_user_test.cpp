@@ -163,6 +163,23 @@ TEST_F(OwnedFile, WithoutRoomForAnotherOneItKeepsItsNameUntilThereIs) {
   }
 }
 
+TEST_F(OwnedFile, WithoutRoomForOneOfAnotherNumberItIsAsBefore) {
+  const wex_pid rec = record_of(0, dead_pid());
+  const std::string path = leave(rec, 0, 0700);
+  {
+    const no_room full;
+    EXPECT_FALSE(wex_renumber_pidfile(&rec, -2, false));
+  }
+  EXPECT_EQ(text_of(rec), read_file(path));
+  EXPECT_EQ(1U, wex_test::list_dir(kMainDbDir).size());
+  EXPECT_TRUE(wex_renumber_pidfile(&rec, -2, false));
+  EXPECT_FALSE(exists(path));
+  wex_pid numbered = rec;
+  numbered.pid = -2;
+  EXPECT_EQ(text_of(numbered), read_file(db_file(0, "owned", -2)));
+  unlink(db_file(0, "owned", -2).c_str());
+}
+
 // It does not count, and its room may be what is missing.
 TEST_F(OwnedFile, WhatAnotherUserHasPutThereGoesAlsoWithoutRoom) {
   const wex_pid rec = record_of(kUser, dead_pid());

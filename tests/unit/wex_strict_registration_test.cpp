@@ -59,14 +59,15 @@ struct StrictRegistration : ::testing::Test {
   }
   // Root's registration of a program of this command, which had the process's pid and could not be started
   // again.
-  static wex_pid* add_failed_of_roots(const child& process, const std::string& command) {
+  static wex_pid* add_failed_of_roots(const child& process, const std::string& command,
+                                      const wex_user& ids = {}) {
     wex_pid* const rec = wex_new_record();
     const chain_lock hold(wex_chains);
     rec->pid = process.pid();
     rec->action = RESPAWN;
     rec->start_time = 2;
     rec->exit_seen = 1;
-    rec->user = wex_number_user({});
+    rec->user = wex_number_user(ids);
     wex_copy_text(rec->process, sizeof rec->process, command.c_str());
     wex_note_failed(rec);
     __wex_add_record(&wex_chains, rec);
@@ -119,8 +120,19 @@ std::string owner_and_mode(const std::string& path) {
 }
 
 std::function<void()> g_before_file;
+std::function<void()> g_after_rename;
 
 }  // namespace
+
+extern "C" int __real_renameat(int from, const char* old_name, int to, const char* new_name);
+
+extern "C" int __wrap_renameat(int from, const char* old_name, int to, const char* new_name) {
+  const int result = __real_renameat(from, old_name, to, new_name);
+  if (g_after_rename) {
+    g_after_rename();
+  }
+  return result;
+}
 
 using make_file_fn = int (*)(const wex_reg_info*, uint32_t);
 void real_make_database_file(const wex_reg_info& body, uint32_t type, make_file_fn make) __asm__(
@@ -250,6 +262,77 @@ TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainKeepsAFileBesideAUsers
       EXPECT_EQ(0, wex_db_destroy(his));  // which the daemon holds locked when it is of a listed one
     }
   }
+}
+
+// Of two the next daemon would start both, of none neither.
+TEST_F(StrictRegistration, RootsThatGivesItsPidUpHasOneFileWheneverTheDaemonEnds) {
+  constexpr char kRoots[] = "/bin/roots -d";
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  const std::string users = make_file(program);
+  const std::string path = std::string(kMainDbDir) + "/roots." + std::to_string(program.pid());
+  write_file(path, std::to_string(program.pid()) + "\n2\n" + kRoots, 0700);
+  const wex_pid* const roots = add_failed_of_roots(program, kRoots);
+  int renames = 0;
+  g_after_rename = [&] {
+    int files = 0;
+    for (const std::string& name : list_dir(kMainDbDir)) {
+      files += name.rfind("roots.", 0) == 0 ? 1 : 0;
+    }
+    ++renames;
+    EXPECT_EQ(1, files) << "after rename " << renames;
+  };
+  EXPECT_EQ(0, registers(kOtherUser, program));
+  g_after_rename = nullptr;
+  EXPECT_GT(renames, 0);
+  ASSERT_LT(roots->pid, -1);
+  const std::string number = std::to_string(roots->pid);
+  EXPECT_EQ(number + "\n2\n" + kRoots, read_file(std::string(kMainDbDir) + "/roots." + number));
+  EXPECT_FALSE(exists(path));
+  EXPECT_TRUE(exists(users));
+}
+
+// Its database file is read in part, and tells nothing of its groups.
+TEST_F(StrictRegistration, RootsThatGivesItsPidUpIsKnownToTheNextDaemonByItsIdsAndItsWholeCommand) {
+  wex_begin_users();
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  const std::string users = make_file(program);
+  const std::string command = "/bin/roots " + std::string(400, 'x');
+  const std::string path = std::string(kMainDbDir) + "/roots." + std::to_string(program.pid());
+  write_file(path, std::to_string(program.pid()) + "\n2\n" + command, 0700);
+  wex_pid* const roots = add_failed_of_roots(program, command, {0, 7, 1, {77}});
+  EXPECT_EQ(0, registers(kOtherUser, program));
+  const int32_t number = roots->pid;
+  ASSERT_LT(number, -1);
+  const std::string kept = std::string(kUsersDir) + "/" + std::to_string(number);
+  wex_tidy_users([](int32_t pid) {
+    const chain_lock hold(wex_chains);
+    return __wex_find_pid(&wex_chains, pid) != nullptr;
+  });
+  wex_pid next = {};
+  struct stat facts = {};
+  ASSERT_EQ(0, wex_read_pidfile_facts((std::string(kMainDbDir) + "/roots." + std::to_string(number)).c_str(),
+                                      &next, &facts));
+  wex_copy_text(next.process, sizeof next.process, next.script);
+  EXPECT_NE(command, next.process);
+  ASSERT_TRUE(wex_judge_file(&next, facts));
+  EXPECT_EQ(command, next.process);
+  const wex_user* const user = wex_user_of(&next);
+  ASSERT_NE(nullptr, user);
+  EXPECT_EQ(7U, user->gid);
+  EXPECT_EQ(1, user->group_count);
+  EXPECT_EQ(77U, user->groups[0]);
+  {
+    const chain_lock hold(wex_chains);
+    __wex_drop_registration(roots);
+  }
+  EXPECT_FALSE(exists(kept));
+  write_file(kept, "0 2 0 7 1 77 2 \n" + command);
+  wex_tidy_users([](int32_t) { return false; });
+  EXPECT_FALSE(exists(kept)) << "of no registration";
+  wex_end_users();
+  unlink(users.c_str());
 }
 
 // The file is root's until there is a record: were the daemon killed, only what is kept would tell whose
