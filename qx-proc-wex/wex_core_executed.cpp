@@ -92,7 +92,8 @@ bool register_executed(int32_t pid) {
 bool wex_register_executed(int32_t pid) {
   for (int tries = 1; !register_executed(pid) && wex_strict().on && tries < kExecutedTries; ++tries) {
   }
-  // The restart that frees the pid of one that was left out is an execution, too.
+  // The restart that frees the pid of one that was left out is an execution, too; what else does is found
+  // within a minute.
   return has_program(pid) && !wex_listed_left_out();
 }
 

@@ -28,6 +28,7 @@
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
+#include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
@@ -170,6 +171,7 @@ struct monitor {
   bool one_had_ended = false;  // an executed process, before it was looked at: it may have detached
   int64_t look_wanted_since = 0;
   int64_t next_unseen_look = 0;
+  int64_t next_left_out_look = 0;
   list_watch list;
   int64_t next_list_look = 0;
   bool list_changed = false;  // since the last pause
@@ -270,7 +272,23 @@ void look_for_running(monitor* state) {
   state->one_had_ended = false;
   wex_register_running();
   const int64_t end = wex_clock_ms();
+  state->next_left_out_look = end + kListLookMs;
   state->next_unseen_look = end + std::max<int64_t>(kUnseenLookMs, (end - begin) * kUnseenLookShare);
+}
+
+// Nobody says when the pid is free for which a program was left out: the registration that has it may be
+// cancelled, or end with its domain, while nothing is executed. Milliseconds until that is looked at, -1 when
+// there is no need, or the look is due.
+int until_left_out_look(monitor* state) {
+  if (!state->executions_wanted || !wex_listed_left_out()) {
+    return -1;
+  }
+  const int64_t left = state->next_left_out_look - wex_clock_ms();
+  if (left > 0) {
+    return static_cast<int>(left);
+  }
+  want_look(state, &state->one_had_ended);
+  return -1;
 }
 
 // Waits for the next datagram, at most `limit_ms` (-1: for ever). More than 0 when there is one, 0 to look at
@@ -328,8 +346,9 @@ outcome watch(int fd) {
     const bool list_is_watched = state.executions_wanted && state.list.fd() >= 0;
     const int until_look =
         list_is_watched ? -1 : static_cast<int>(std::max<int64_t>(state.next_list_look - wex_clock_ms(), 0));
-    const int limit_ms =
-        shorter(shorter(wex_judge_pending_exits(), until_look), until_look_for_running(state));
+    const int until_left_out = until_left_out_look(&state);
+    const int until_any_look = shorter(shorter(until_look, until_left_out), until_look_for_running(state));
+    const int limit_ms = shorter(wex_judge_pending_exits(), until_any_look);
     wex_status_idle(kStatusMonitor);
     const int ready = wait_for_event(&state, limit_ms);
     if (ready < 0) {
