@@ -40,6 +40,7 @@ namespace {
 constexpr uint64_t kTakeNameTries = 2;
 
 constexpr mode_t kWriting = S_IWGRP | S_IWOTH;
+constexpr mode_t kSetIds = S_ISUID | S_ISGID;
 constexpr mode_t kAllOfMode = 07777;
 
 // Refuses everything but a regular file, and one with a second name where we create or fill our own: anybody
@@ -109,7 +110,7 @@ void close_to_others(int directory, mode_t mode) {
   if (facts.st_uid != 0 && fchown(directory, 0, 0) != 0) {
     return;
   }
-  const mode_t before = mode_while_open(facts) & ~(S_ISUID | S_ISGID);
+  const mode_t before = mode_while_open(facts) & ~kSetIds;
   const mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
   if (allowed != (facts.st_mode & kAllOfMode)) {
     fchmod(directory, allowed);
