@@ -198,9 +198,9 @@ TEST_F(StartUp, TheMainThreadWaitsForWatchdogServerAndMonitorToEnd) {
   }
 }
 
-// A late wait of each thread fails. Only the monitor gets that far, because programs are executed all the time
-// and there is a list, for which it looks at each of them: the fork watcher, which would end the daemon, too,
-// waits for files alone.
+// A late wait of each thread fails. Only the monitor gets that far, because programs are executed all the
+// time and there is a list, for which it looks at each of them: the fork watcher, which would end the daemon,
+// too, waits for files alone.
 TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
   make_dirs(kThirdPartDir);
   write_file(std::string(kThirdPartDir) + "/app", "/tmp/apps/app WEX_RESTART\n");
@@ -209,7 +209,8 @@ TEST_F(StartUp, AMonitorThatCannotWaitForEventsTellsWhyAndEndsTheDaemon) {
   EXPECT_TRUE(eventually(
       [&] {
         Process executed;
-        return !daemon.running() || (executed.start({"/bin/true"}) && executed.wait(15s) && !daemon.running());
+        return !daemon.running() ||
+               (executed.start({"/bin/true"}) && executed.wait(15s) && !daemon.running());
       },
       30s));
   EXPECT_TRUE(exited_with(daemon.wait(15s), 0)) << read_console();
