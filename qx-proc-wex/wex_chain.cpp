@@ -77,15 +77,6 @@ void unlink_list(wex_list* link) {
   link->prev = reinterpret_cast<wex_list*>(kPoisonBackward);
 }
 
-// What is kept of the users of registrations is kept by pid, which two records may have.
-void forget_user_of(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain)) {
-  if (const wex_pid* const other = __wex_find_pid(chain, pid)) {
-    wex_keep_user(other);
-  } else {
-    wex_forget_user(pid);
-  }
-}
-
 void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain)) {
   if (chain == &wex_chains) {
     chain_lock hold(wex_chains);  // the same lock, under the name that the index asks for
@@ -94,7 +85,7 @@ void take_out(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(cha
   }
   hlist_del(&rec->hnode);
   if (chain == &wex_chains) {
-    forget_user_of(chain, rec->pid);
+    __wex_keep_user_of_owner(chain, rec->pid);
   }
   wex_release_user(rec);
   unlink_list(&rec->list);
@@ -368,6 +359,14 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   return nullptr;
 }
 
+void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) {
+  if (const wex_pid* const rec = __wex_find_pid(chain, pid)) {
+    wex_keep_user(rec);
+  } else {
+    wex_forget_user(pid);
+  }
+}
+
 void __wex_free_pid(const pid_taker& taker) {
   if (!wex_strict().on || taker.pid < 1) {
     return;
@@ -484,7 +483,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;
   if (old_pid != new_pid) {
-    forget_user_of(chain, old_pid);
+    __wex_keep_user_of_owner(chain, old_pid);
   }
   const bool lives = wex_note_start(rec);
   wex_keep_user(rec);

@@ -87,6 +87,10 @@ struct pid_taker {
 // With the registry held; also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 
+// What is kept of users is kept by pid, which two records may have: it is again that of the registration with
+// this pid, or forgotten when there is none.
+void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
+
 // As __wex_del_pid, but one of the records is given to the caller, unlinked: its memory serves for a new
 // record where none may be waited for. Null when there was none.
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));

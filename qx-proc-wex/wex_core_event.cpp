@@ -26,6 +26,7 @@
 #include "wex_log.h"
 #include "wex_paths.h"
 #include "wex_proc_child.h"
+#include "wex_signals_reaper.h"
 #include "wex_utils.h"
 
 namespace {
@@ -100,15 +101,10 @@ bool is_registered(const process_event& event) {
   return record_of_event(event.pid, event.tgid) != nullptr;
 }
 
-// Whether the pid is that of a child of ours that has ended with all its threads and was not reaped. No other
-// process can have the pid then, so whichever had it when the kernel reported the exit has ended.
-bool is_our_zombie(int32_t pid) {
-  siginfo_t end = {};
-  return waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == pid;
-}
-
-// Notes in the record when the kernel reported the exit, and judges the report: of a child of ours by one
-// call, else by one look at /proc. A pid without a record counts as exited: the exit handler ignores it.
+// Notes in the record when the kernel reported the exit, and judges the report: by reaping a child of ours,
+// else by one look at /proc. As long as it was a zombie no other process can have had its pid, so whichever
+// had it when the kernel reported the exit has ended; and its program must not need room beside it. A pid
+// without a record counts as exited: the exit handler ignores it.
 // `*start_time` is that of the process that was judged, if it is known.
 exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_time) {
   chain_lock hold(wex_chains);
@@ -118,7 +114,7 @@ exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_ti
   }
   rec->exit_tick = exit.tick;
   *start_time = rec->start_time;
-  if (is_our_zombie(exit.pid)) {
+  if (wex_reap(exit.pid, rec->start_time)) {
     return exit_verdict::exited;
   }
   const process_look now = wex_look_at(exit.pid);

@@ -194,15 +194,6 @@ bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_c
          known->start_time != newcomer->start_time && is_registered(newcomer);
 }
 
-// What is kept for this pid is again of the registration that has it, if any.
-void keep_user_of_owner(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
-  if (const wex_pid* const rec = __wex_find_pid(&wex_chains, pid)) {
-    wex_keep_user(rec);
-  } else {
-    wex_forget_user(pid);
-  }
-}
-
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
@@ -471,7 +462,7 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   const wex_pid refused = *rec;
   if (!insert_process(rec) && !again && wex_strict().on) {
     wex_db_destroy(&refused);  // it is root's, whosever program it names
-    keep_user_of_owner(pid);
+    __wex_keep_user_of_owner(&wex_chains, pid);
   }
   return 0;
 }

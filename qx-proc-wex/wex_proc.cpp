@@ -311,7 +311,6 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
   }
   launch start;
   prepare(&start, action, rec);
-  bool made_room = false;
   while (true) {
     int error = 0;
     {
@@ -321,15 +320,8 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
         return result;
       }
     }
-    // Our zombies count as processes: reaping them may make room for the child. Where there were any it is
-    // tried again before the failure counts, for after a mass of deaths they are many, and will be reaped
-    // soon.
-    if (error == EAGAIN && !made_room && wex_reap_ended() > 0) {
-      made_room = true;
-      continue;
-    }
     note_fork_failure(start, error);
-    wex_reap_ended();
+    wex_chld_handler(SIGCHLD);  // our zombies count as processes: reaping them may make room for the child
     if (!may_retry_fork()) {
       return -1;
     }

@@ -1,6 +1,7 @@
 // wex_signals_reaper: takes the statuses of children that have ended.
 #include "wex_signals_reaper.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -13,8 +14,7 @@
 
 namespace {
 
-// Reaps one child that has ended. As waitpid() for any child without blocking. A restart that waits for the
-// guard comes before the next child: after a mass of deaths there are many.
+// Reaps one child that has ended. As waitpid() for any child without blocking.
 pid_t reap_one() {
   const spawn_guard not_while_spawning;
   // Looked at before it is reaped: as a zombie it still has its start time, which with the pid identifies it.
@@ -32,32 +32,35 @@ pid_t reap_one() {
 
 }  // namespace
 
-int wex_reap_ended() {
+void wex_chld_handler(int /*signal*/) {
   const int cause = errno;
   const spawn_guard not_while_spawning;  // held for all: nobody must wait for the last one for long
-  int count = 0;
   pid_t child;
   do {
     child = reap_one();
-    count += child > 0 ? 1 : 0;
   } while (child != 0 && errno != ECHILD);
   errno = cause;
-  return count;
 }
 
-void wex_chld_handler(int /*signal*/) {
-  wex_reap_ended();
+bool wex_reap(int32_t child, uint64_t start_time) {
+  const spawn_guard not_while_spawning;
+  int status = 0;
+  if (waitpid(child, &status, WNOHANG) != child) {
+    return false;
+  }
+  wex_note_child_end(child, start_time, status);
+  return true;
 }
 
 void wex_reap_at_leisure(const std::atomic<bool>& hurry) {
   for (int put_off = 0; put_off < kReapsPutOff && !hurry.load(); ++put_off) {
     wex_sleep_ms(kReapDelayMs);
-    while (!wex_is_spawning()) {
+    while (!wex_is_spawning()) {  // asked for each: a restart that has come meanwhile goes first
       const pid_t child = reap_one();
       if (child == 0 || errno == ECHILD) {
         return;
       }
     }
   }
-  wex_reap_ended();
+  wex_chld_handler(SIGCHLD);
 }

@@ -209,6 +209,22 @@ struct StrictListedUsers : StrictListed {
     }
     return registered_for(kUser, app_, 0);
   }
+
+  void start_users_without_daemon(const std::string& name) {
+    command_ = app_ = install(name);
+    describe(name, app_ + " WEX_RESTART");
+    ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+    ASSERT_TRUE(eventually([&] { return command_line(by_hand_.pid()) == app_; }));
+  }
+
+  // Ends the program, whose process was `first`, and starts a daemon, which starts it again.
+  void expect_next_is_users(pid_t first) {
+    end_by_hand();
+    ASSERT_TRUE(start_daemon());
+    const pid_t next = wait_for(app_, first, 20s);
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_EQ("1234", user_of(next));
+  }
 };
 
 }  // namespace
@@ -232,11 +248,8 @@ TEST_F(StrictListedUsers, AProgramThatDetachesIsFollowedAndItsRestartsAreCounted
 
 // The file is root's until the program has its record.
 TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItMakesTheFileNothingIsStartedAsRoot) {
-  command_ = app_ = install("plain");
-  describe("plain", app_ + " WEX_RESTART");
-  ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  ASSERT_NO_FATAL_FAILURE(start_users_without_daemon("plain"));
   const pid_t first = by_hand_.pid();
-  ASSERT_TRUE(eventually([&] { return command_line(first) == app_; }));
   const std::string file = policy::db_file("plain", first);
   int call = 0;  // the one that locks the file, which has been written then
   do {
@@ -245,20 +258,13 @@ TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItMakesTheFileNothingIsStartedA
     ASSERT_TRUE(daemon_.start_traced({file, "inject=fcntl,fcntl64:signal=KILL:when=" + when}));
     ASSERT_TRUE(ended_by(daemon_.wait(20s), SIGKILL)) << read_console();
   } while (read_file(file).empty());
-  end_by_hand();
-  ASSERT_TRUE(start_daemon());
-  const pid_t next = wait_for(app_, first, 20s);
-  ASSERT_GT(next, 0) << read_console();
-  EXPECT_EQ("1234", user_of(next));
+  expect_next_is_users(first);
 }
 
 // With its record, when the file is still root's.
 TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItKeepsTheUserAgainNothingIsStartedAsRoot) {
-  command_ = app_ = install("plain");
-  describe("plain", app_ + " WEX_RESTART");
-  ASSERT_TRUE(start_by_hand({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", app_}));
+  ASSERT_NO_FATAL_FAILURE(start_users_without_daemon("plain"));
   const pid_t first = by_hand_.pid();
-  ASSERT_TRUE(eventually([&] { return command_line(first) == app_; }));
   const std::string file = policy::db_file("plain", first);
   const std::string kept = std::string(kUsersDir) + "/";
   int call = 0;  // the first one behind the making of the file
@@ -268,11 +274,7 @@ TEST_F(StrictListedUsers, OfADaemonThatIsKilledAsItKeepsTheUserAgainNothingIsSta
         {kept + text(first), kept + "begun", "inject=write,rename:signal=KILL:when=" + text(++call)}));
     ASSERT_TRUE(ended_by(daemon_.wait(20s), SIGKILL)) << call << read_console();
   } while (read_file(file).empty());
-  end_by_hand();
-  ASSERT_TRUE(start_daemon());
-  const pid_t next = wait_for(app_, first, 20s);
-  ASSERT_GT(next, 0) << read_console();
-  EXPECT_EQ("1234", user_of(next));
+  expect_next_is_users(first);
 }
 
 // As root's, the file would have it started as root by the next daemon.

@@ -226,27 +226,6 @@ TEST_F(ProcWorld, AProgramThatRunsIsNotKilledForWhatThePlatformLeftBehind) {
   EXPECT_EQ(-1, ended(got.result));
 }
 
-// ---- Forks that fail
-// -----------------------------------------------------------------------------------------
-
-TEST_F(ProcWorld, AForkForWhichZombiesLeaveNoRoomIsRepeatedAtOnceWhenTheyAreReaped) {
-  EXPECT_EQ(0,
-            run_failing(
-                {"vfork:error=EAGAIN:when=1", "clone:error=EAGAIN:when=2"}, [] {  // one clone is the zombie's
-                  const pid_t ended = fork();
-                  if (ended == 0) {
-                    _exit(0);
-                  }
-                  siginfo_t zombie = {};
-                  EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(ended), &zombie, WEXITED | WNOWAIT));
-                  const auto begin = std::chrono::steady_clock::now();
-                  EXPECT_GT(spawn(record_of("/bin/true").get()).result, 0);
-                  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "it waited as after a failure";
-                  EXPECT_EQ(-1, waitpid(ended, nullptr, WNOHANG)) << "the call did not fail";
-                  return 0;
-                }));
-}
-
 // ---- Forks that fail while the daemon ends ----------------------------------------------------------------
 
 // A spawn whose first `failures` forks fail, with the stop flag set.
