@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -90,6 +91,21 @@ bool hears_process_events(pid_t pid) {
     }
   }
   return false;
+}
+
+// A child that a daemon had just forked when it ended lives on, as a copy of the daemon until it executes its
+// program. Whoever looks for services by their program would miss it.
+void wait_for_execs() {
+  eventually(
+      [] {
+        const std::set<pid_t> inside = processes_inside();
+        return std::none_of(inside.begin(), inside.end(), [&](pid_t pid) {
+          const pid_t parent = static_cast<pid_t>(atoi(status_field(pid, "PPid").c_str()));
+          return parent != getpid() && inside.count(parent) == 0 && is_alive(pid) &&
+                 program_of(pid) == Daemon::binary();
+        });
+      },
+      5s);
 }
 
 bool accepts_connections() {
@@ -254,6 +270,16 @@ std::optional<int> Daemon::stop() {
   send(SIGINT);
   const std::optional<int> status = wait();
   EXPECT_TRUE(status.has_value()) << "SIGINT did not end the daemon";
+  wait_for_execs();
+  return status;
+}
+
+std::optional<int> Daemon::kill_now() {
+  const bool was_started = pid() > 0;
+  const std::optional<int> status = process_.kill_now();
+  if (was_started) {
+    wait_for_execs();
+  }
   return status;
 }
 

@@ -200,8 +200,9 @@ class Daemon {
   bool running() { return process_.running(); }
   void send(int signal) { process_.send(signal); }
   std::optional<int> wait(milliseconds limit = 10s) { return process_.wait(limit); }
-  std::optional<int> stop();                                     // SIGINT, the one signal that ends it
-  std::optional<int> kill_now() { return process_.kill_now(); }  // as a crash would
+  // Both return when what it forked last runs its own program, too.
+  std::optional<int> stop();      // SIGINT, the one signal that ends it
+  std::optional<int> kill_now();  // as a crash would
 
   static std::string trace();
   static const char* binary();
