@@ -77,6 +77,16 @@ const char* last_component(const char* name) {
   return strrchr(name, '/') + 1;
 }
 
+// An existing database file. One of the main system is opened in the directory that is held open.
+unique_fd open_database_file(const char* name, int flags) {
+  constexpr size_t kDirLength = sizeof kMainDbDir - 1;
+  const bool is_main =
+      strncmp(name, kMainDbDir, kDirLength) == 0 && last_component(name) == name + kDirLength + 1;
+  const int directory = is_main ? wex_database_dir.get() : -1;
+  return directory >= 0 ? wex_open_file_at(directory, last_component(name), flags)
+                        : wex_open_file(name, flags);
+}
+
 // All three parts in one write: a process that is killed here leaves an empty file or a whole one. False when
 // it has no room.
 bool fill(int fd, int32_t pid, int32_t action, const char* text) {
@@ -340,7 +350,7 @@ int wex_read_pidfile(const char* path, wex_pid* rec) {
 
 int wex_read_pidfile_facts(const char* path, wex_pid* rec, struct stat* facts) {
   constexpr char kReader[] = "wex_read_pidfile";
-  const unique_fd fd = wex_open_file(path, O_RDONLY);
+  const unique_fd fd = open_database_file(path, O_RDONLY);
   if (!fd.valid() || (facts != nullptr && fstat(fd.get(), facts) != 0)) {
     wex_dbg(WEX_DBG_PUB, "%s: open pid file fail: %s\n", kReader, strerror(errno));
     return -1;
@@ -376,9 +386,7 @@ int wex_proc_is_exit(const wex_pid* rec) {
   wex_dbg(WEX_DBG_PUB, "%s vsd:%d ps:%s file:%s\n", __func__, rec->vsd, rec->process, name);
   unique_fd fd;
   if (fits) {
-    const int directory = held_directory(rec);
-    fd = directory >= 0 ? wex_open_file_at(directory, last_component(name), O_RDWR)
-                        : wex_open_file(name, O_RDWR);
+    fd = open_database_file(name, O_RDWR);
     cause = errno;
   }
   if (!fd.valid()) {
