@@ -185,6 +185,13 @@ void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains
   }
 }
 
+// Whether free_pid_of() will do so.
+bool pid_is_left_to(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  char file[kPathSize];
+  return newcomer->thread_of == 0 && __wex_leaves_pid(newcomer->pid, newcomer->start_time) &&
+         wex_name_pidfile(newcomer, file);
+}
+
 // Whether the pid is still that of another process's registration, in strict mode. The newcomer gets no
 // record then, and its database file would be one of root's that nobody minds, or the other one's written
 // over.
@@ -198,8 +205,7 @@ bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_c
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec);
-  free_pid_of(rec);
-  if (is_registered(rec)) {
+  if (!pid_is_left_to(rec) && is_registered(rec)) {
     own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
@@ -215,6 +221,8 @@ bool insert_process(wex_pid* rec) {
     wex_free_record(rec);
     return false;
   }
+  // Only now: a newcomer that is refused would leave the former owner two files, where the names are the same.
+  free_pid_of(rec);
   __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {
