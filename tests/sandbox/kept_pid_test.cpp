@@ -49,6 +49,8 @@ struct HandOverToKeptPid : ThirdPart {
   void detach_to_kept_pid() {
     pid_t detached = 0;
     write_file(kDetachAs, std::to_string(parked_.pid()));
+    std::this_thread::sleep_for(
+        200ms);  // the next daemon tells it by a start that is surely later than the file
     ASSERT_NO_FATAL_FAILURE(detach(&detached));
     unlink(kDetachAs);
     ASSERT_EQ(parked_.pid(), detached);
