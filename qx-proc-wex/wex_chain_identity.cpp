@@ -62,10 +62,6 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
   return exit_verdict::runs;
 }
 
-bool wex_surely_dead(const process_look& now) {
-  return now.sight == process_look::gone || (now.sight == process_look::seen && wex_is_dead_state(now.state));
-}
-
 presence wex_judge_presence(const process_look& now, uint64_t known_start) {
   if (now.sight != process_look::seen) {
     return now.sight == process_look::gone ? presence::absent : presence::unknown;
@@ -74,6 +70,10 @@ presence wex_judge_presence(const process_look& now, uint64_t known_start) {
     return presence::absent;
   }
   return wex_is_dead_state(now.state) && now.threads <= 1 ? presence::absent : presence::present;
+}
+
+bool wex_surely_dead(const process_look& now) {
+  return wex_judge_presence(now, 0) == presence::absent;
 }
 
 uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset_ns, long ticks_per_second) {

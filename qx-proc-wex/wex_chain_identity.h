@@ -12,7 +12,7 @@
 //   process_life        no      no      no           yes       yes         no         1 kill, 1 to 3 at /proc
 //   wex_proc_lives      no      no      no           no        no (a)      no         1 at /proc
 //   wex_record_lives    no      no      no           no        no          no         1 at /proc (b)
-//   wex_surely_dead     yes     yes     yes          no        no          no         none: judges one
+//   wex_surely_dead     yes     yes     no           no        no          no         none: judges one
 //   wex_judge_presence  absent  absent  present      present   absent (a)  unknown    none: judges one
 //   wex_judge_exit      exited  exited  ask again    (c)       exited (d)  ask again  none: judges one
 //   wex_check_pid_exist a thread's record: as process_life, but no when thread group or command line differ

@@ -102,6 +102,7 @@ mode_t mode_while_open(const struct stat& facts) {
 
 // A directory that was there may be anybody's that was moved to our name: in strict mode it becomes root's,
 // and nobody may do more in it than before, but where a daemon was killed that had closed it for a moment.
+// A set-group-id bit beside the sticky one would make it look closed.
 void close_to_others(int directory, mode_t mode) {
   struct stat facts = {};
   if (fstat(directory, &facts) != 0) {
@@ -110,8 +111,11 @@ void close_to_others(int directory, mode_t mode) {
   if (facts.st_uid != 0 && fchown(directory, 0, 0) != 0) {
     return;
   }
-  const mode_t before = mode_while_open(facts) & ~kSetIds;
-  const mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
+  const mode_t before = mode_while_open(facts);
+  mode_t allowed = (mode & S_ISVTX) != 0 ? before | S_ISVTX : before & ~kWriting;
+  if (facts.st_uid != 0 || (allowed & S_ISVTX) != 0) {
+    allowed &= ~kSetIds;
+  }
   if (allowed != (facts.st_mode & kAllOfMode)) {
     fchmod(directory, allowed);
   }

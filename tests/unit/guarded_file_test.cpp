@@ -91,13 +91,13 @@ __attribute__((no_sanitize("address"))) long __wrap_syscall(long number, ...) {
 }  // extern "C"
 
 // An operator may have made it before the first start, with whatever bits.
-TEST_F(GuardedFile, ADirectoryThatWasThereHasNoOtherBitsThanThoseOfItsKind) {
+TEST_F(GuardedFile, ADirectoryThatWasThereLetsNobodyDoMore) {
   const struct {
     mode_t before;
     mode_t for_clients;
     mode_t own;
   } rows[] = {{03777, 01777, 01755}, {03773, 01773, 01751}, {07755, 01755, 01755},
-              {02777, 01777, 0755},  {03755, 01777, 01755}, {0700, 01700, 0700}};
+              {02777, 01777, 02755}, {03755, 01777, 01755}, {0700, 01700, 0700}};
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << std::oct << row.before);
     ASSERT_EQ(0, chmod(kDir, row.before));
@@ -107,6 +107,16 @@ TEST_F(GuardedFile, ADirectoryThatWasThereHasNoOtherBitsThanThoseOfItsKind) {
     wex_make_dir(kDir, kOwnDirMode);
     EXPECT_EQ(row.own, mode_of(kDir));
   }
+}
+
+TEST_F(GuardedFile, ADirectoryThatWasAUsersLosesItsSetIdBits) {
+  ASSERT_EQ(0, chmod(kDir, 02755));
+  wex_make_dir(kDir, kOwnDirMode);
+  EXPECT_EQ(02755U, mode_of(kDir)) << "an operator's choice";
+  ASSERT_EQ(0, chown(kDir, kOtherUser, 0));
+  ASSERT_EQ(0, chmod(kDir, 02755));
+  wex_make_dir(kDir, kOwnDirMode);
+  EXPECT_EQ(0755U, mode_of(kDir));
 }
 
 TEST_F(GuardedFile, AUserWhoIsAlwaysFirstKeepsNoNameWhateverTheModeOfTheDirectory) {

@@ -113,6 +113,15 @@ INSTANTIATE_TEST_SUITE_P(
                       presence_row{"dumpingCore", exiting(kStart, 1), kStart, presence::present}),
     row_name<presence_row>);
 
+// One of its other threads may be about to take its place with another program.
+TEST(SurelyDead, IsNoProcessThatHasOtherThreads) {
+  EXPECT_TRUE(wex_surely_dead(kGone));
+  EXPECT_TRUE(wex_surely_dead(dead('Z', kStart)));
+  EXPECT_FALSE(wex_surely_dead(dead('Z', kStart, 2)));
+  EXPECT_FALSE(wex_surely_dead(living(kStart)));
+  EXPECT_FALSE(wex_surely_dead(kUnreadable));
+}
+
 TEST(EventTick, CountsFromBootInTicksOfTheStatFile) {
   const struct {
     uint64_t event_ns;
