@@ -4,6 +4,7 @@
 #include "running_thread.h"
 #include "waiting.h"
 #include "wex_core_exit.h"
+#include "wex_proc_child.h"
 
 using namespace event_world;
 
@@ -38,6 +39,17 @@ class StrangersEvent : public Event {
     rec->flags = 0;
     wex_note_failed(rec);
     return rec;
+  }
+  static void drop_all() {
+    chain_lock hold(wex_chains);
+    record_walk walk(wex_chains);
+    while (wex_pid* const rec = walk.next()) {
+      if (waitpid(rec->pid, nullptr, WNOHANG) == 0) {  // a child of ours that lives
+        send_signal(rec->pid, SIGKILL);
+        waitpid(rec->pid, nullptr, 0);
+      }
+      __wex_drop_registration(rec);
+    }
   }
   static void take_domain_down() {
     ASSERT_EQ(0, mkdir("/tmp/vsd/5", 0777));
@@ -83,6 +95,32 @@ TEST_F(StrangersEvent, OfAThreadLeavesAProcessWhoseEndWasLostItsRegistrationDuri
   EXPECT_TRUE(is_there(rec, pid));
   chain_lock hold(wex_chains);
   __wex_drop_record(&wex_chains, __wex_find_pid(&wex_chains, getpid()));
+}
+
+// The sweep finds the end of the record's own process, and has it dropped then.
+TEST_F(StrangersEvent, OfAChildThatGaveWayLeavesTheRegistrationOfThatPidDuringATakeDown) {
+  bool gave_way = false;
+  for (int round = 1; round <= 20 && !gave_way; ++round) {  // somebody else may be quicker
+    wex_pid* const rec = waiting();
+    rec->exit_seen = 0;
+    rec->alarm_wait_flag = 0;
+    const int32_t pid = rec->pid;
+    const wex_pid* const other = add(dead_pid(), "/bin/sleep 2000");
+    std::ofstream("/proc/sys/kernel/ns_last_pid") << pid - 1 << std::flush;
+    wex_handle_netlink_exit(other->pid, 9, 0);
+    take_domain_down();
+    {
+      chain_lock hold(wex_chains);
+      gave_way = __wex_gave_way_to(rec, 0, UINT64_MAX / 2);
+    }
+    if (gave_way) {
+      wex_take_exit_event(exit_of(pid, 0));
+      EXPECT_TRUE(is_there(rec, pid));
+    }
+    wex_test::remove_tree("/tmp/vsd/5");
+    drop_all();
+  }
+  EXPECT_TRUE(gave_way) << "the pid was never given to a child";
 }
 
 TEST_F(StrangersEvent, WithTheCodeOfAStopDoesNotEndAProgramThatCouldNotBeStarted) {
