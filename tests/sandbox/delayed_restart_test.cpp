@@ -67,21 +67,31 @@ std::map<pid_t, std::string> Postponed::command_of_;
 }  // namespace
 
 TEST_F(Postponed, AHeldFileKeepsTheProgramDownUntilItIsReleased) {
-  const pid_t pid = start("held");
+  pid_t pid = start("held");
   command_of_[pid] = actor_command(options("held"));
-  Holder holder({pid});
-  end(pid);
-  ASSERT_TRUE(postponed(pid));
-  // The first look postpones; two more are later passes of the delay thread.
-  const std::string held = "]be lock file " + db_file("actor", pid) + ", ";
-  EXPECT_TRUE(eventually([&] { return occurrences(read_console(), held) >= 3; }, 20s)) << read_console();
-  EXPECT_EQ(0u, occurrences(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
-  holder.end();
-  const auto released = std::chrono::steady_clock::now();
-  EXPECT_NE(0, wait_for_actor(options("held"), pid));
-  EXPECT_GE(2500ms, std::chrono::steady_clock::now() - released) << "looked at once a second";
-  EXPECT_TRUE(console_says(handed_over(pid)));
-  EXPECT_FALSE(exists(db_file("actor", pid)));
+  bool is_quick = false;
+  for (size_t round = 0; round < 3 && !is_quick;
+       ++round) {  // whoever else keeps the machine busy delays some
+    Holder holder({pid});
+    const auto ended = std::chrono::steady_clock::now();
+    end(pid);
+    ASSERT_TRUE(postponed(pid));
+    // The first look postpones; two more are later passes of the delay thread.
+    const std::string held = "]be lock file " + db_file("actor", pid) + ", ";
+    EXPECT_TRUE(eventually([&] { return occurrences(read_console(), held) >= 3; }, 20s)) << read_console();
+    is_quick = std::chrono::steady_clock::now() - ended <= 3500ms;
+    EXPECT_EQ(round, occurrences(read_console(), "]wex_spawn--> wex_pid->process = ")) << read_console();
+    holder.end();
+    const auto released = std::chrono::steady_clock::now();
+    const pid_t next = wait_for_actor(options("held"), pid, 20s);
+    is_quick &= std::chrono::steady_clock::now() - released <= 2500ms;
+    ASSERT_GT(next, 0) << read_console();
+    EXPECT_TRUE(console_says(handed_over(pid), 20s));
+    EXPECT_FALSE(exists(db_file("actor", pid)));
+    command_of_[next] = command_of_[pid];
+    pid = next;
+  }
+  EXPECT_TRUE(is_quick) << "looked at once a second";
 }
 
 TEST_F(Postponed, TheExitCodeSurvivesTheWait) {
@@ -127,14 +137,14 @@ TEST_F(Postponed, SeveralReadyOnesAreRestartedOneASecondInBucketOrder) {
   std::sort(pids.begin(), pids.end(), [](pid_t a, pid_t b) {
     return wex_hash_pid(static_cast<int32_t>(a)) < wex_hash_pid(static_cast<int32_t>(b));
   });
+  // Counted from here: who is late to see one would take the next one for too early.
+  auto earliest = std::chrono::steady_clock::now();
   holder.end();
   size_t last = 0;
-  auto previous = std::chrono::steady_clock::now() - 1s;
   for (const pid_t pid : pids) {
-    ASSERT_TRUE(console_says(handed_over(pid)));
-    const auto now = std::chrono::steady_clock::now();
-    EXPECT_LE(900ms, now - previous) << "not more than one a second";
-    previous = now;
+    ASSERT_TRUE(console_says(handed_over(pid), 20s));
+    EXPECT_LE(earliest, std::chrono::steady_clock::now()) << "not more than one a second";
+    earliest += 1s;
     const size_t at = read_console().find(handed_over(pid));
     EXPECT_LT(last, at);
     last = at;
