@@ -21,6 +21,7 @@
 #include "safe_io.h"
 #include "text_block.h"
 #include "text_buffer.h"
+#include "waiting.h"
 #include "wex_alive_guard.h"
 #include "wex_chain_names.h"
 #include "wex_chain_user.h"
@@ -59,6 +60,7 @@ struct replacement {
   int32_t old_pid;
   int32_t new_pid;
   int32_t time;
+  replaced_process process;
 };
 
 replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
@@ -161,8 +163,16 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
   wex_status_refresh(rec);
 }
 
-void note_replaced(int32_t old_pid, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
-  g_replaced[g_replaced_next % kReplacedKept] = {old_pid, new_pid, wex_clock_now()};
+// What was found dead, without an exit that was handled, has ended by now.
+replaced_process identity_of(const wex_pid* rec) {
+  if (rec->thread_of != 0) {
+    return {};  // a process that has this pid got it when the thread had ended
+  }
+  return {rec->start_time, rec->exit_seen != 0 ? rec->handled_ms : wex_clock_ms()};
+}
+
+void note_replaced(const wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
+  g_replaced[g_replaced_next % kReplacedKept] = {rec->pid, new_pid, wex_clock_now(), identity_of(rec)};
   g_replaced_next++;
 }
 
@@ -473,12 +483,13 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   const int32_t old_pid = rec->pid;
   rec->restart_failed = 0;
   __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
-  note_replaced(old_pid, new_pid);
+  note_replaced(rec, new_pid);
   __wex_expect_exit(new_pid);
   hlist_del(&rec->hnode);
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
+  rec->handled_ms = 0;
   rec->gone_since = 0;
   if (new_pid > 0) {
     rec->missed_child = 0;
@@ -505,6 +516,14 @@ int32_t __wex_replaced_by(int32_t pid) {
     entry = find_replaced(latest);
   }
   return latest;
+}
+
+bool __wex_find_replaced(int32_t pid, replaced_process* process) {
+  const replacement* const entry = find_replaced(pid);
+  if (entry != nullptr) {
+    *process = entry->process;
+  }
+  return entry != nullptr;
 }
 
 void wex_note_failed(wex_pid* rec) {

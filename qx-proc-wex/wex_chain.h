@@ -129,6 +129,15 @@ bool wex_record_lives(const wex_pid* rec);
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
 int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
+// What tells events of the process that has been replaced from those of others that got its pid.
+struct replaced_process {
+  uint64_t start_time;  // clock ticks since boot, 0: unknown
+  int64_t handled_ms;   // when its end was handled, in milliseconds of the monotonic clock; 0: unknown
+};
+
+// Of the newest replacement of `pid`; false when there is none of late.
+bool __wex_find_replaced(int32_t pid, replaced_process* process) WEX_TSA(requires_capability(wex_chains));
+
 // True when another registration of rec's program in rec's domain has, or waits for, a process: one whose
 // last restart left none does not count.
 bool __wex_runs_elsewhere(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));

@@ -14,6 +14,7 @@
 #include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
+#include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_crash.h"
 #include "wex_core_early_end.h"
@@ -31,25 +32,103 @@
 
 namespace {
 
-// ---- crashes ----------------------------------------------------------------------------------------------
+// This is the exit monitor's alone: no lock.
+int64_t g_least_delay_ns = INT64_MAX;
 
-// The record an event belongs to. The thread that dumped core is often reported after its process, whose
-// record then already has the replacement's pid. A record that was made for a thread is not meant when a
-// process has its id: that process got it after the thread had ended. Nor is one whose process had ended
-// before.
-wex_pid* record_of_event(int32_t pid, int32_t tgid) WEX_TSA(requires_capability(wex_chains)) {
-  for (const int32_t candidate : {pid, tgid, __wex_replaced_by(pid), __wex_replaced_by(tgid)}) {
-    wex_pid* const rec = candidate != 0 ? __wex_find_pid(&wex_chains, candidate) : nullptr;
-    if (rec != nullptr && rec->start_time != kStartOfNobody && (rec->thread_of == 0 || candidate != tgid)) {
-      return rec;
-    }
-  }
-  return nullptr;
+// Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.
+int64_t clock_shift() {
+  return g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
 }
 
-void note_crash(int32_t pid, int32_t tgid) {
+bool has_time(const process_event& event) {
+  return event.time_ns != 0 && event.time_ns <= INT64_MAX / 4;
+}
+
+// When the event happened, in milliseconds of this process's monotonic clock; 0 when its stamp is no time.
+int64_t millisecond_of(const process_event& event) {
+  return has_time(event) ? (static_cast<int64_t>(event.time_ns) + clock_shift()) / 1000000 : 0;
+}
+
+uint64_t tick_of(const process_event& event) {
+  return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
+}
+
+// ---- whose event it is ------------------------------------------------------------------------------------
+
+// Whether an event under the pid of a process whose end was handled is that process's own. Another process
+// may have got the pid, and have ended and been reaped by now: but that happened after the end was handled.
+bool is_of_ended(const process_event& event, const replaced_process& ended) {
+  const process_look now = wex_look_at(event.tgid);
+  if (now.sight == process_look::seen && ended.start_time != 0) {
+    return now.start_time == ended.start_time;
+  }
+  return ended.handled_ms != 0 && millisecond_of(event) <= ended.handled_ms;
+}
+
+// What could not be started again has no process either, also when no exit of it was handled, as at the start
+// of the daemon.
+bool is_known_to_have_ended(const wex_pid* rec) {
+  return rec->exit_seen != 0 || rec->restart_failed != 0;
+}
+
+bool is_of_ended(const process_event& event, const wex_pid* rec) {
+  return is_of_ended(event, {rec->start_time, rec->handled_ms});
+}
+
+// Whether the process of a record whose exit was handled goes on: only its main thread had ended. Before
+// Linux 3.17 it has another start time when a thread of it has executed a program. A stranger's process looks
+// the same then, unless it is another user's.
+bool goes_on(const process_event& event, const wex_pid* rec) {
+  return wex_judge_exit(wex_look_at(rec->pid), rec->start_time, tick_of(event)) == exit_verdict::runs &&
+         wex_runs_as(rec->pid, rec);
+}
+
+// The record of the process that the event names, unless only the pid is the same. A record that was made for
+// a thread is not meant when a process has its id: that process got it after the thread had ended. Nor is one
+// whose process had ended before.
+wex_pid* record_of_process(const process_event& event) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_pid(&wex_chains, event.tgid);
+  if (rec == nullptr || rec->start_time == kStartOfNobody || rec->thread_of != 0) {
+    return nullptr;
+  }
+  const bool is_own = !is_known_to_have_ended(rec) || is_of_ended(event, rec) ||
+                      (event.pid == event.tgid && goes_on(event, rec));
+  return is_own ? rec : nullptr;
+}
+
+// The record that was made for this thread. One that was made for a process is not meant, unless nobody could
+// see what it was made for.
+wex_pid* record_of_thread(const process_event& event) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = event.pid != event.tgid ? __wex_find_pid(&wex_chains, event.pid) : nullptr;
+  if (rec == nullptr || (is_known_to_have_ended(rec) && !is_of_ended(event, rec))) {
+    return nullptr;
+  }
+  return rec->thread_of == event.tgid || rec->thread_of < 0 || rec->start_time == 0 ? rec : nullptr;
+}
+
+// The thread that dumped core is often reported after its process, whose record then already has the
+// replacement's pid.
+wex_pid* record_of_replaced(const process_event& event) WEX_TSA(requires_capability(wex_chains)) {
+  replaced_process ended = {};
+  if (!__wex_find_replaced(event.tgid, &ended) || !is_of_ended(event, ended)) {
+    return nullptr;
+  }
+  wex_pid* const rec = __wex_find_pid(&wex_chains, __wex_replaced_by(event.tgid));
+  return rec != nullptr && rec->start_time != kStartOfNobody ? rec : nullptr;
+}
+
+// The record that an event belongs to, or null.
+wex_pid* record_of_event(const process_event& event) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* rec = record_of_thread(event);
+  rec = rec != nullptr ? rec : record_of_process(event);
+  return rec != nullptr ? rec : record_of_replaced(event);
+}
+
+// ---- crashes ----------------------------------------------------------------------------------------------
+
+void note_crash(const process_event& event) {
   chain_lock hold(wex_chains);
-  if (wex_pid* const rec = record_of_event(pid, tgid)) {
+  if (wex_pid* const rec = record_of_event(event)) {
     __wex_note_crash(rec);
   }
 }
@@ -59,7 +138,7 @@ void look_for_crash(const process_event& event) {
   if ((event.exit_code & kCoreDumped) == 0) {
     return;
   }
-  note_crash(event.pid, event.tgid);
+  note_crash(event);
   wex_judge_crashes();
 }
 
@@ -78,19 +157,9 @@ struct pending_exit {
   int looks;  // that were due by time; one made because a thread ended does not count
   bool thread_ended;
 };
-// These three are the exit monitor's alone: no lock.
+// These two are the exit monitor's alone: no lock.
 pending_exit g_pending[kPendingExits];
 int g_pending_count = 0;
-int64_t g_least_delay_ns = INT64_MAX;
-
-// Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.
-int64_t clock_shift() {
-  return g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
-}
-
-uint64_t tick_of(const process_event& event) {
-  return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
-}
 
 // Whether the event is of a registered process. That of one whose registration is under way is kept for it.
 bool is_registered(const process_event& event) {
@@ -98,7 +167,7 @@ bool is_registered(const process_event& event) {
   if (event.pid == event.tgid) {
     __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
   }
-  return record_of_event(event.pid, event.tgid) != nullptr;
+  return record_of_event(event) != nullptr;
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report: by reaping a child of ours,
@@ -167,7 +236,7 @@ void look_sooner(int32_t pid) {
 // reported under a pid that has no record, so the sweep finds it, and takes the code from the record.
 void note_thread_end(const process_event& event) {
   chain_lock hold(wex_chains);
-  wex_pid* const rec = __wex_find_pid(&wex_chains, event.pid);
+  wex_pid* const rec = record_of_thread(event);
   if (rec == nullptr) {
     return;
   }
@@ -179,6 +248,19 @@ void note_thread_end(const process_event& event) {
     rec->known_code = event.exit_code;
     wex_request_sweep();
   }
+}
+
+// Whose record goes while a domain is taken down. A thread may have got the id of a process whose own end was
+// lost: the sweep finds that.
+struct ended_record {
+  int32_t pid;  // 0: none
+  uint64_t start_time;
+};
+
+ended_record ended_by(const process_event& event) {
+  chain_lock hold(wex_chains);
+  const wex_pid* const rec = event.pid != event.tgid ? record_of_thread(event) : record_of_process(event);
+  return rec != nullptr ? ended_record{event.pid, rec->start_time} : ended_record{};
 }
 
 // The record's own exit event has been lost then, or would have been handled before: the sweep finds that
@@ -196,7 +278,7 @@ bool is_of_child_that_gave_way(const reported_exit& exit) {
 }  // namespace
 
 void wex_note_event_delay(const process_event& event) {
-  if (event.time_ns == 0 || event.time_ns > INT64_MAX / 4) {
+  if (!has_time(event)) {
     return;
   }
   timespec now = {};
@@ -206,29 +288,27 @@ void wex_note_event_delay(const process_event& event) {
 }
 
 int32_t wex_event_second(const process_event& event) {
-  if (event.time_ns == 0 || event.time_ns > INT64_MAX / 4) {
-    return 0;
-  }
-  return static_cast<int32_t>((static_cast<int64_t>(event.time_ns) + clock_shift()) / 1000000000);
+  return static_cast<int32_t>(millisecond_of(event) / 1000);
 }
 
 void wex_take_exit_event(const process_event& event) {
   if (!is_registered(event)) {
     return;  // an exit of an unregistered process is ignored before any marker is looked at
   }
-  if (event.pid != event.tgid) {
+  const bool is_thread = event.pid != event.tgid;
+  const reported_exit exit = {event.pid, event.exit_code, tick_of(event)};
+  if (is_thread) {
     note_thread_end(event);
     look_sooner(event.tgid);
+  } else if (is_of_child_that_gave_way(exit)) {
+    return;
   }
-  if (wex_drop_taken_down(event.pid, 0)) {
+  const ended_record ended = ended_by(event);
+  if (wex_drop_taken_down(ended.pid, ended.start_time)) {
     return;
   }
   look_for_crash(event);
-  if (event.pid != event.tgid) {
-    return;
-  }
-  const reported_exit exit = {event.pid, event.exit_code, tick_of(event)};
-  if (!is_of_child_that_gave_way(exit) && !try_to_judge(exit, kExitLooks)) {
+  if (!is_thread && !try_to_judge(exit, kExitLooks)) {
     keep_pending(exit);
   }
 }

@@ -10,6 +10,7 @@
 
 #include "chain_lock.h"
 #include "guarded_file.h"
+#include "waiting.h"
 #include "wex_action.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
@@ -393,6 +394,13 @@ void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restar
   }
 }
 
+// When only the main thread of a postponed one has ended, the others may dump core at any time from now on.
+void expect_ends_of_threads(wex_pid* rec) {
+  if (wex_judge_presence(wex_look_at(rec->pid), rec->start_time) == presence::present) {
+    rec->handled_ms = INT64_MAX;
+  }
+}
+
 void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
     WEX_TSA(requires_capability(wex_chains)) {
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
@@ -406,7 +414,9 @@ void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
   rec->exit_signal = exit_signal;
   rec->force_restart = force_restart;
   rec->exit_seen = 1;
+  rec->handled_ms = wex_clock_ms();
   if (wex_proc_restart_delay(rec) != 0) {
+    expect_ends_of_threads(rec);
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> exit_signal = %d\n", kHandler, static_cast<int>(exit_signal));
