@@ -116,7 +116,8 @@ typedef enum wex_status_state {
   WEX_STATUS_RUNNING = 1,
   WEX_STATUS_RESTARTING = 2, /* its process has ended, the next one is being started */
   WEX_STATUS_PARKED = 3,     /* restarted too often; tried again at `until` */
-  WEX_STATUS_WAITING = 4,    /* its restart is postponed while its database file is held */
+  WEX_STATUS_WAITING = 4,    /* its restart is postponed while its database file is held,
+                               or its next process is registered later, for that one's pid is kept */
   WEX_STATUS_DOWN = 5        /* the last restart left no process */
 } wex_status_state;
 

@@ -389,6 +389,11 @@ void __wex_free_pid(const pid_taker& taker) {
   }
 }
 
+bool __wex_leaves_pid(int32_t pid, uint64_t start_time) {
+  const wex_pid* const rec = pid > 0 ? __wex_find_pid(&wex_chains, pid) : nullptr;
+  return wex_strict().on && rec != nullptr && rec->start_time != start_time && may_give_up_pid(rec);
+}
+
 void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
   wex_free_record(__wex_recycle_pid(chain, pid));
 }

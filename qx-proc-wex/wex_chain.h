@@ -87,6 +87,9 @@ struct pid_taker {
 // With the registry held; also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 
+// Whether the registration with this pid, of a process that began at another time, is one that leaves it.
+bool __wex_leaves_pid(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));
+
 // What is kept of users is kept by pid, which two records may have: it is again that of the registration with
 // this pid, or forgotten when there is none.
 void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));

@@ -30,6 +30,7 @@
 #include "wex_dbg.h"
 #include "wex_domain.h"
 #include "wex_limits.h"
+#include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_proc.h"
@@ -268,13 +269,13 @@ void decide(candidates* all) {
 }
 
 // The process of a listed program that an earlier daemon had started and was still looking for when it was
-// killed: it runs, nobody has registered it, and the file is that of the process before. 0 when there is
+// killed, or could not register yet: it runs, and the file is that of the process before. 0 when there is
 // none.
 int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   char type[256];
   int32_t found = 0;
   if (wex_proc_in_wexdb(kThirdPartList, rec->process, type, sizeof type) != 1 ||
-      !wex_find_running(rec->process, &found, rec) || __wex_find_pid(&wex_chains, found) != nullptr) {
+      !wex_find_running(rec->process, &found, rec)) {
     return 0;
   }
   return wex_domain_or_main(get_vsdid(found)) == rec->vsd ? found : 0;
@@ -284,6 +285,12 @@ int32_t find_started(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
 bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain, wex_chains)) {
   const int32_t found = find_started(rec);
   if (found < 1) {
+    return false;
+  }
+  if (__wex_pid_is_kept(found, rec) && __wex_await_hand_over(rec)) {
+    return true;  // the program that had the pid before is started, too
+  }
+  if (__wex_find_pid(&wex_chains, found) != nullptr) {
     return false;
   }
   const int32_t old_pid = rec->pid;

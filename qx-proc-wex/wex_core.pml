@@ -36,6 +36,7 @@
 //   drop_ended_thread: records of threads
 //   handed_over: third-part programs that started themselves again
 //   keep_throttle: a part of handed_over()
+//   __wex_await_hand_over: the same
 //   drop_stopped: ends by SIGTERM, which need no start
 //   drop_missed: third-part programs that were not found
 //   give_up_pid: a pid stands for one process only here

@@ -280,7 +280,9 @@ void keep_throttle(const wex_pid& before, int32_t pid) WEX_TSA(requires_capabili
 }
 
 // A third-part program that started itself again is registered under its new pid. When that process has ended
-// before it could be registered, the program is still to be restarted, and `*handed` is its new record.
+// before it could be registered, the program is still to be restarted, and `*handed` is its new record. While
+// the pid is kept by a registration that waits for its restart, this one keeps its record and its file:
+// nobody else knows of the program, and the sweep comes back here, be the process alive or not.
 bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_capability(wex_chains)) {
   wex_pid* const rec = *handed;
   char type[256];
@@ -291,6 +293,9 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
+  if (__wex_pid_is_kept(child, rec) && __wex_await_hand_over(rec)) {
+    return true;
+  }
   wex_pid before = *rec;
   wex_status_slot shown = {};
   wex_status_copy_slot_of(rec, &shown);
@@ -451,8 +456,11 @@ void handle_lost(int32_t pid, uint32_t exit_signal, uint64_t start_time)
   if (rec == nullptr || rec->start_time != start_time || rec->exit_seen != 0 || still_runs(rec)) {
     return;
   }
-  wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec, {0, 0, exit_signal});
-  handle_ended(rec, exit_signal, 0, wex_status_waits(rec));
+  const bool reported = wex_status_waits(rec);  // one that waits for its hand-over comes here many times
+  if (!reported) {
+    wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec, {0, 0, exit_signal});
+  }
+  handle_ended(rec, exit_signal, 0, reported);
 }
 
 // The record whose start of this number is still without a process, or null.

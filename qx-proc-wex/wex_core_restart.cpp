@@ -8,12 +8,14 @@
 #include "wex_core_sweep_request.h"
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
+#include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -76,6 +78,22 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   }
   wex_status_tell(new_pid < 1 ? WEX_STATUS_EV_FAILED : WEX_STATUS_EV_RESTARTED, rec, {old_pid, new_pid});
   return result;
+}
+
+bool __wex_await_hand_over(wex_pid* rec) {
+  if (rec->pid < 1 && (rec->pid >= -1 || !wex_strict().on)) {
+    return false;
+  }
+  rec->start_time = kStartOfNobody;
+  rec->thread_of = 0;
+  rec->exit_seen = 0;
+  rec->exit_tick = 0;
+  rec->known_code = 0;  // the end that is to come is that of the other process
+  rec->gone_since = wex_clock_now() + kHandOverAgainSec;
+  wex_note_failed(rec);
+  wex_status_waiting(rec);
+  wex_request_sweep();
+  return true;
 }
 
 void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line) {

@@ -22,6 +22,12 @@ inline constexpr restart_case kAtStart = {"wex_chain", false, false, false};
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) WEX_TSA(requires_capability(chain, wex_chains));
 
+// The record's process has ended, and its program runs as a process that cannot be registered yet
+// (__wex_pid_is_kept): the record, with its database file, becomes a lost one, so that the sweep has its exit
+// handled again soon. A newcomer of the program takes its place meanwhile. False, and nothing is done, when
+// the record has no number by which the sweep could find it.
+bool __wex_await_hand_over(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
 // Tells the system log of a restart that found its process, and the diagnostics, in the name of the caller's
 // module and line.
 void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line);

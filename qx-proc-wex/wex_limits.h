@@ -64,6 +64,7 @@ inline constexpr int32_t kForceRestartSec = 301;  // a postponed restart is forc
 inline constexpr int32_t kSweepEverySec = 60;    // how often vanished processes and lost files are looked for
 inline constexpr int32_t kNamesEverySec = 60;    // how often socket, lock file and directory are looked at
 inline constexpr int32_t kSweepConfirmSec = 2;   // how long one must be gone before the exit counts as lost
+inline constexpr int32_t kHandOverAgainSec = 5;  // until a hand-over to a pid that is kept is tried again
 inline constexpr int32_t kReplacedKeepSec = 10;  // how long a replaced pid is remembered for late events
 inline constexpr int kReplacedKept = 64;         // and how many of them
 

@@ -27,12 +27,14 @@
 #include "wex_core_refusal.h"
 #include "wex_core_sweep_request.h"
 #include "wex_dbg.h"
+#include "wex_domain.h"
 #include "wex_limits.h"
 #include "wex_pidfile.h"
 #include "wex_status_image.h"
 #include "wex_strict.h"
 #include "wex_sys_alive.h"
 #include "wex_utils.h"
+#include "wex_vsd.h"
 #include "wex_xtach.h"
 
 namespace {
@@ -185,21 +187,25 @@ void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains
   }
 }
 
-// Whether the pid is still that of another process's registration, in strict mode. The newcomer gets no
-// record then, and its database file would be one of root's that nobody minds, or the other one's written
-// over.
+// Whether free_pid_of() will do so.
+bool pid_is_left_to(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  char file[kPathSize];
+  return newcomer->thread_of == 0 && __wex_leaves_pid(newcomer->pid, newcomer->start_time) &&
+         wex_name_pidfile(newcomer, file);
+}
+
+// Whether the pid is still that of another process's registration. The newcomer gets no record then.
 bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const known = __wex_find_pid(&wex_chains, newcomer->pid);
-  return wex_strict().on && known != nullptr && known->thread_of == 0 &&
-         known->start_time != newcomer->start_time && is_registered(newcomer);
+  return known != nullptr && known->thread_of == 0 && known->start_time != newcomer->start_time &&
+         is_registered(newcomer);
 }
 
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
 bool insert_process(wex_pid* rec) {
   const chain_lock hold(wex_chains);
   const uint32_t early_end = take_early_end(rec);
-  free_pid_of(rec);
-  if (is_registered(rec)) {
+  if (!pid_is_left_to(rec) && is_registered(rec)) {
     own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
@@ -215,6 +221,9 @@ bool insert_process(wex_pid* rec) {
     wex_free_record(rec);
     return false;
   }
+  // Only now: a newcomer that is refused would leave the former owner two files, where the names are the
+  // same.
+  free_pid_of(rec);
   __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {
@@ -444,7 +453,9 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   }
   const chain_lock hold(wex_chains);
   free_pid_of(rec);
-  if (has_anothers_pid(rec)) {
+  // In strict mode its database file would be one of root's that nobody minds, or the other one's written
+  // over.
+  if (wex_strict().on && has_anothers_pid(rec)) {
     g_listed_left_out.store(true, std::memory_order_release);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
@@ -471,6 +482,20 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   process_user now = {};
   wex_look_at_user(pid, &now);
   return wex_register_listed(pid, type, memory, now);
+}
+
+bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) {
+  const process_look now = wex_look_at(pid);
+  if (pid == of->pid || now.sight != process_look::seen || wex_surely_dead(now)) {
+    return false;
+  }
+  wex_pid newcomer = *of;
+  newcomer.pid = pid;
+  newcomer.vsd = wex_domain_or_main(get_vsdid(pid));
+  newcomer.start_time = now.start_time;
+  newcomer.thread_of = 0;
+  free_pid_of(&newcomer);
+  return has_anothers_pid(&newcomer);
 }
 
 bool wex_listed_left_out() {

@@ -6,6 +6,7 @@
 #include "wex.h"
 #include "wex_action.h"
 #include "wex_chain_user.h"
+#include "wex_lock_order.h"
 
 extern "C" {
 
@@ -46,3 +47,8 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
 // registration which waits for its restart: 0, and true here until it is forgotten. It is to be tried again.
 bool wex_listed_left_out();
 void wex_forget_listed_left_out();
+
+// Whether a registration of another process keeps this pid, which a process with the command line of the
+// registration `of` has by now, so that it cannot be registered. In strict mode those that leave it have done
+// so then.
+bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) WEX_TSA(requires_capability(wex_chains));

@@ -395,6 +395,16 @@ void wex_status_down(const wex_pid* rec) {
   }
 }
 
+void wex_status_waiting(const wex_pid* rec) {
+  const int64_t now = wex_clock_ms();
+  const mutex_lock hold(g_mutex);
+  wex_status_slot* const slot = slot_of(rec);
+  if (slot != nullptr && slot->state != WEX_STATUS_WAITING) {
+    enter_state(slot, WEX_STATUS_WAITING, now);
+    mark(rec);
+  }
+}
+
 bool wex_status_waits(const wex_pid* rec) {
   const mutex_lock hold(g_mutex);
   const wex_status_slot* const slot = slot_of(rec);

@@ -69,7 +69,10 @@ void wex_status_pause_over();
 // The registration stays without a process; no event.
 void wex_status_down(const wex_pid* rec);
 
-// Whether the slot shows a postponed restart.
+// Its exit will be handled once more; no event.
+void wex_status_waiting(const wex_pid* rec);
+
+// Whether the slot shows a postponed restart, or one whose exit will be handled once more.
 bool wex_status_waits(const wex_pid* rec);
 
 // Takes over what has changed in the record without an event.

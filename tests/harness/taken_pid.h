@@ -34,6 +34,15 @@ inline void stop_all_threads(Daemon* daemon) {
   }
 }
 
+// A fork whose child has this pid; -1 while somebody else has it.
+inline pid_t fork_as(pid_t wanted) {
+  clone_args how = {};
+  how.exit_signal = SIGCHLD;
+  how.set_tid = reinterpret_cast<uintptr_t>(&wanted);
+  how.set_tid_size = 1;
+  return static_cast<pid_t>(syscall(SYS_clone3, &how, sizeof how));
+}
+
 // Another process that has a pid which somebody else had: the kernel is asked for this very one, until the
 // former owner is reaped. A tenth of a second later at the soonest: the kernel counts start times in
 // hundredths, and by itself it gives a pid again only when it has given all the others.
@@ -45,14 +54,10 @@ class stranger {
       arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
-    clone_args how = {};
-    how.exit_signal = SIGCHLD;
-    how.set_tid = reinterpret_cast<uintptr_t>(&wanted);
-    how.set_tid_size = 1;
     std::this_thread::sleep_for(100ms);
     eventually(
         [&] {
-          pid_ = static_cast<pid_t>(syscall(SYS_clone3, &how, sizeof how));
+          pid_ = fork_as(wanted);
           if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             execv(arguments[0], arguments.data());

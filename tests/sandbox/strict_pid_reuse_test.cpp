@@ -111,6 +111,42 @@ TEST_F(StrictPidReuse, OfRootsServiceThatCouldNotBeStartedAgainBothAreStartedByT
   EXPECT_EQ(text(kUser), uid_of(users));
 }
 
+// All that the user may have is registered already. What was made room for would be started a second time.
+TEST_F(StrictPidReuse, ANewcomerThatIsRefusedLeavesRootsServiceThatCouldNotBeStartedAgainOneFile) {
+  constexpr char kEventLog[] = "/tmp/wex/wex.log1";
+  write_file(kStrictFile, "registrations 1\n");
+  write_file(kDebugLog, "0\n");
+  start();
+  ASSERT_EQ(0, mkdir(kEventLog, 0755)) << "without which nothing is started again";
+  Process& his = process();
+  ASSERT_TRUE(start_service(&his, {"--tag=his"}));
+  Process& service = process();
+  ASSERT_TRUE(start_service(&service, {"--tag=roots"}, 0));
+  const pid_t pid = service.pid();
+  send_signal(pid, SIGKILL);
+  service.wait(20s);
+  ASSERT_TRUE(wait_for_event(WEX_STATUS_EV_FAILED, pid)) << read_console();
+  const words of_user = {"--tag=users", "--hold"};
+  words as_user_words = users_words(of_user);
+  as_user_words[0] = "/usr/bin/setpriv";  // a stranger is not looked for
+  {
+    const stranger users(pid, as_user_words);
+    ASSERT_TRUE(eventually([&] { return command_line(pid) == actor_command(of_user); }, 20s));
+    ASSERT_TRUE(as_user([&] {
+      const raw_client client;
+      return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
+    }));
+    const auto said = [] { return read_file(kRunningLog1) + read_file(kRunningLog2); };
+    ASSERT_TRUE(eventually([&] { return said().find("User 1234 was refused") != std::string::npos; }, 20s));
+    EXPECT_EQ(2U, list_dir(registry::db_dir(0)).size()) << "one of root's, one of the user's";
+    daemon.kill_now();
+  }
+  ASSERT_EQ(0, rmdir(kEventLog));
+  start();
+  EXPECT_GT(wait_for_actor(service_words({"--tag=roots"}), pid, 20s), 0) << read_console();
+  EXPECT_EQ(1U, pids_with_command(actor_command(service_words({"--tag=roots"}))).size()) << read_console();
+}
+
 // ---- While no daemon runs ---------------------------------------------------------------------------------
 
 namespace {

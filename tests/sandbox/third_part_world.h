@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "restart_policy.h"
+#include "taken_pid.h"
 
 namespace third_part {
 
@@ -21,6 +22,9 @@ using namespace policy;
 inline constexpr char kApps[] = "/tmp/apps/";
 inline constexpr char kHoldStart[] =
     "/tmp/apps/hold_start";  // while it exists, a detaching program stays attached
+
+// The pid of the detached process, where a test wants a certain one.
+inline constexpr char kDetachAs[] = "/tmp/apps/detach_as";
 
 inline constexpr char kGiveUp[] = "/tmp/apps/give_up";
 
@@ -34,7 +38,12 @@ inline constexpr char kGiveUp[] = "/tmp/apps/give_up";
   while (access(kHoldStart, F_OK) == 0) {
     usleep(5000);
   }
-  if (fork() != 0) {
+  const pid_t wanted = atoi(read_file(kDetachAs).c_str());
+  pid_t child = -1;
+  while ((child = wanted > 0 ? fork_as(wanted) : fork()) < 0 && wanted > 0) {
+    usleep(5000);  // its former owner is not reaped yet
+  }
+  if (child != 0) {
     _exit(0);
   }
   setsid();

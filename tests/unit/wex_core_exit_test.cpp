@@ -2,6 +2,7 @@
 #include "wex_core_exit.h"
 
 #include "exit_world.h"
+#include "wex_chain_names.h"
 #include "wex_chain_user_sets.h"
 #include "wex_core_stop.h"
 #include "wex_core_takedown.h"
@@ -389,6 +390,10 @@ TEST_F(UsersExit, AHandOverToThePidOfAnotherUsersRegistrationLeavesThatOneTheCou
   write_file(kThirdPartList, program + " WEX_RESTART\n");
   wex_pid* const rec = users_died();
   snprintf(rec->process, sizeof rec->process, "%s", program.c_str());
+  {
+    chain_lock hold(wex_chains);
+    __wex_change_name(rec);  // it is kept when the pid of the next process is
+  }
   rec->check_count = 4;
   Process next;
   ASSERT_TRUE(next.start({"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", sleep, "1000"}));

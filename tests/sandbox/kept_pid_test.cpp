@@ -1,0 +1,168 @@
+// Hand-overs to a process whose pid a registration keeps that waits for its restart: such a process cannot be
+// registered yet.
+#include <signal.h>
+
+#include <algorithm>
+
+#include "figures.h"
+#include "status_reader.h"
+#include "third_part_world.h"
+
+using namespace third_part;
+
+namespace {
+
+struct HandOverToKeptPid : ThirdPart {
+  // A listed program waits to detach; a service has been parked, for so many seconds, and has its file.
+  void prepare(int wait) {
+    write_file(kDebugTime, std::to_string(wait) + "\n");
+    write_file(kHoldStart, "");
+    command_ = app_ = install("detaching");
+    describe("detaching", app_ + " WEX_RESTART");
+    ASSERT_TRUE(start_daemon());
+    ASSERT_TRUE(parked_.start());
+    ASSERT_NO_FATAL_FAILURE(park());
+    ASSERT_TRUE(start_by_hand({app_}));
+    ASSERT_TRUE(registered(command_, by_hand_.pid(), "detaching"));
+    ASSERT_TRUE(eventually([&] { return is_parked(); }, 20s)) << read_console();
+  }
+
+  void park() {
+    for (int restart = 1; restart <= 4; ++restart) {
+      ASSERT_TRUE(parked_.ends_and_comes_back());
+      ASSERT_TRUE(console_says("/" + std::to_string(parked_.pid()) + ".\n", 10s)) << read_console();
+    }
+    ASSERT_TRUE(eventually([&] { return exists(db_file("actor", parked_.pid())); }, 20s));
+    parked_.end();
+  }
+
+  // `*detached` is the process by then, which the daemon has found.
+  void detach(pid_t* detached) {
+    unlink(kHoldStart);
+    ASSERT_TRUE(exited_with(by_hand_.wait(), 0));
+    *detached = wait_for(app_, by_hand_.pid(), 20s);
+    ASSERT_GT(*detached, 0);
+    ASSERT_TRUE(console_says("found child pid_get = " + std::to_string(*detached) + "\n", 20s))
+        << read_console();
+  }
+
+  void detach_to_kept_pid() {
+    pid_t detached = 0;
+    write_file(kDetachAs, std::to_string(parked_.pid()));
+    std::this_thread::sleep_for(
+        200ms);  // the next daemon tells it by a start that is surely later than the file
+    ASSERT_NO_FATAL_FAILURE(detach(&detached));
+    unlink(kDetachAs);
+    ASSERT_EQ(parked_.pid(), detached);
+    ASSERT_TRUE(is_parked()) << "it has given its pid up already";
+  }
+
+  void end(pid_t detached) {
+    send_signal(detached, SIGKILL);
+    ASSERT_TRUE(eventually([&] { return !is_alive(detached); }, 20s));
+  }
+
+  void expect_restart_of(pid_t detached) {
+    end(detached);
+    EXPECT_GT(wait_for(app_, detached, 30s), 0) << read_console();
+  }
+
+  bool is_parked() const {
+    const auto slots = StatusReader().slots();
+    return std::any_of(slots.begin(), slots.end(), [&](const wex_status_slot& slot) {
+      return slot.pid == parked_.pid() && slot.state == WEX_STATUS_PARKED;
+    });
+  }
+
+  static bool is_shown(pid_t pid, const std::string& name) {
+    const auto slots = StatusReader().slots();
+    return std::any_of(slots.begin(), slots.end(), [&](const wex_status_slot& slot) {
+      return slot.pid == pid && slot.state == WEX_STATUS_RUNNING &&
+             std::string(slot.name, strnlen(slot.name, sizeof slot.name)) == name;
+    });
+  }
+
+  policy::Service parked_{"parked"};
+};
+
+struct StrictHandOverToKeptPid : HandOverToKeptPid {
+  void SetUp() override {
+    HandOverToKeptPid::SetUp();
+    write_file(kStrictFile, "");
+  }
+};
+
+constexpr int kLong = 600;  // seconds
+
+}  // namespace
+
+TEST_F(HandOverToKeptPid, AProgramThatDiesBeforeThePidIsFreeIsStartedAgain) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  expect_restart_of(parked_.pid());
+  EXPECT_TRUE(is_parked());
+  tell_figures("a program detaches to the pid of a parked one, and dies before that is back",
+               "one listed program", 1, HasFailure() ? 1 : 0, "back once");
+}
+
+TEST_F(StrictHandOverToKeptPid, AProgramThatDiesBeforeThePidIsFreeIsStartedAgain) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  expect_restart_of(parked_.pid());
+  EXPECT_TRUE(is_parked());
+}
+
+TEST_F(StrictHandOverToKeptPid, AProgramThatDetachesToAFreePidIsHandedOverAtOnce) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  pid_t detached = 0;
+  ASSERT_NO_FATAL_FAILURE(detach(&detached));
+  ASSERT_NE(parked_.pid(), detached);
+  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 20s)) << read_console();
+  expect_restart_of(detached);
+}
+
+TEST_F(HandOverToKeptPid, AProgramIsHandedOverOnceTheServiceHasBeenStartedAgain) {
+  ASSERT_NO_FATAL_FAILURE(prepare(15));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  const pid_t detached = parked_.pid();
+  ASSERT_TRUE(parked_.comes_back(30s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
+  EXPECT_FALSE(exists(db_file("detaching", by_hand_.pid())));
+  EXPECT_EQ(1U, pids_with_command(app_).size());
+  expect_restart_of(detached);
+}
+
+TEST_F(StrictHandOverToKeptPid, AProgramIsHandedOverOnceTheServiceHasBeenStartedAgain) {
+  ASSERT_NO_FATAL_FAILURE(prepare(15));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  const pid_t detached = parked_.pid();
+  ASSERT_TRUE(parked_.comes_back(30s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
+  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
+  EXPECT_FALSE(exists(db_file("detaching", by_hand_.pid())));
+  EXPECT_EQ(1U, pids_with_command(app_).size());
+  expect_restart_of(detached);
+}
+
+TEST_F(StrictHandOverToKeptPid, AProgramThatDiesAfterTheDaemonIsStartedByTheNextOne) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  daemon_.kill_now();
+  end(parked_.pid());
+  ASSERT_TRUE(start_daemon());
+  EXPECT_GT(wait_for(app_, parked_.pid(), 30s), 0) << read_console();
+}
+
+// The files of both lie there, and the process runs.
+TEST_F(StrictHandOverToKeptPid, AProgramThatOutlivesTheDaemonIsNotStartedBesideItselfByTheNextOne) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  const pid_t detached = parked_.pid();
+  daemon_.kill_now();
+  ASSERT_TRUE(start_daemon());
+  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
+  EXPECT_TRUE(parked_.comes_back(30s)) << read_console();
+  EXPECT_EQ(std::vector<pid_t>{detached}, pids_with_command(app_)) << read_console();
+  expect_restart_of(detached);
+}
