@@ -49,8 +49,8 @@ struct HandOverToKeptPid : ThirdPart {
   void detach_to_kept_pid() {
     pid_t detached = 0;
     write_file(kDetachAs, std::to_string(parked_.pid()));
-    std::this_thread::sleep_for(
-        200ms);  // the next daemon tells it by a start that is surely later than the file
+    // The next daemon tells it by a start that is surely later than the file.
+    std::this_thread::sleep_for(200ms);
     ASSERT_NO_FATAL_FAILURE(detach(&detached));
     unlink(kDetachAs);
     ASSERT_EQ(parked_.pid(), detached);
@@ -65,6 +65,18 @@ struct HandOverToKeptPid : ThirdPart {
   void expect_restart_of(pid_t detached) {
     end(detached);
     EXPECT_GT(wait_for(app_, detached, 30s), 0) << read_console();
+  }
+
+  void expect_hand_over_once_the_pid_is_free() {
+    ASSERT_NO_FATAL_FAILURE(prepare(15));
+    ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+    const pid_t detached = parked_.pid();
+    ASSERT_TRUE(parked_.comes_back(30s)) << read_console();
+    EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
+    EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
+    EXPECT_FALSE(exists(db_file("detaching", by_hand_.pid())));
+    EXPECT_EQ(1U, pids_with_command(app_).size());
+    expect_restart_of(detached);
   }
 
   bool is_parked() const {
@@ -122,27 +134,11 @@ TEST_F(StrictHandOverToKeptPid, AProgramThatDetachesToAFreePidIsHandedOverAtOnce
 }
 
 TEST_F(HandOverToKeptPid, AProgramIsHandedOverOnceTheServiceHasBeenStartedAgain) {
-  ASSERT_NO_FATAL_FAILURE(prepare(15));
-  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
-  const pid_t detached = parked_.pid();
-  ASSERT_TRUE(parked_.comes_back(30s)) << read_console();
-  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
-  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
-  EXPECT_FALSE(exists(db_file("detaching", by_hand_.pid())));
-  EXPECT_EQ(1U, pids_with_command(app_).size());
-  expect_restart_of(detached);
+  expect_hand_over_once_the_pid_is_free();
 }
 
 TEST_F(StrictHandOverToKeptPid, AProgramIsHandedOverOnceTheServiceHasBeenStartedAgain) {
-  ASSERT_NO_FATAL_FAILURE(prepare(15));
-  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
-  const pid_t detached = parked_.pid();
-  ASSERT_TRUE(parked_.comes_back(30s)) << read_console();
-  EXPECT_TRUE(eventually([&] { return is_shown(detached, "detaching"); }, 30s)) << read_console();
-  EXPECT_TRUE(eventually([&] { return exists(db_file("detaching", detached)); }));
-  EXPECT_FALSE(exists(db_file("detaching", by_hand_.pid())));
-  EXPECT_EQ(1U, pids_with_command(app_).size());
-  expect_restart_of(detached);
+  expect_hand_over_once_the_pid_is_free();
 }
 
 TEST_F(StrictHandOverToKeptPid, AProgramThatDiesAfterTheDaemonIsStartedByTheNextOne) {

@@ -32,6 +32,32 @@ struct StrictPidReuse : Strict {
     struct stat facts = {};
     return stat(path.c_str(), &facts) == 0 ? facts.st_uid : ~uid_t{0};
   }
+  // The pid that root's service had, which has ended and cannot be started again while the event log is a
+  // directory; 0 when something failed.
+  pid_t leave_failed_service() {
+    Process& service = process();
+    if (mkdir(kEventLog, 0755) != 0 || !start_service(&service, {"--tag=roots"}, 0)) {
+      return 0;
+    }
+    const pid_t pid = service.pid();
+    send_signal(pid, SIGKILL);
+    service.wait(20s);
+    return wait_for_event(WEX_STATUS_EV_FAILED, pid) ? pid : 0;
+  }
+  // The words of a user's program that a stranger executes, for a stranger is not looked for in PATH.
+  static words strangers_words(const words& options) {
+    words all = users_words(options);
+    all[0] = "/usr/bin/setpriv";
+    return all;
+  }
+  static bool registers(pid_t pid, const words& options) {
+    return eventually([&] { return command_line(pid) == actor_command(options); }, 20s) && as_user([&] {
+             const raw_client client;
+             return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
+           });
+  }
+
+  static constexpr char kEventLog[] = "/tmp/wex/wex.log1";
 };
 
 }  // namespace
@@ -77,26 +103,14 @@ TEST_F(StrictPidReuse, TheEndOfAUsersPauseLeavesRootsServiceItsRegistration) {
 // What could not be started again waits for the next daemon, which knows it by its file. The names of the
 // programs are the same.
 TEST_F(StrictPidReuse, OfRootsServiceThatCouldNotBeStartedAgainBothAreStartedByTheNextDaemon) {
-  constexpr char kEventLog[] = "/tmp/wex/wex.log1";
   write_file(kDebugLog, "0\n");
   start();
-  ASSERT_EQ(0, mkdir(kEventLog, 0755)) << "without which nothing is started again";
-  Process& service = process();
-  ASSERT_TRUE(start_service(&service, {"--tag=roots"}, 0));
-  const pid_t pid = service.pid();
-  send_signal(pid, SIGKILL);
-  service.wait(20s);
-  ASSERT_TRUE(wait_for_event(WEX_STATUS_EV_FAILED, pid)) << read_console();
+  const pid_t pid = leave_failed_service();
+  ASSERT_GT(pid, 0) << read_console();
   const words of_user = {"--tag=users", "--hold"};
-  words as_user_words = users_words(of_user);
-  as_user_words[0] = "/usr/bin/setpriv";  // a stranger is not looked for
   {
-    const stranger users(pid, as_user_words);
-    ASSERT_TRUE(eventually([&] { return command_line(pid) == actor_command(of_user); }, 20s));
-    ASSERT_TRUE(as_user([&] {
-      const raw_client client;
-      return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
-    }));
+    const stranger users(pid, strangers_words(of_user));
+    ASSERT_TRUE(registers(pid, of_user));
     EXPECT_TRUE(eventually([&] { return owner_of(registry::db_file(0, "actor", pid)) == kUser; }, 20s))
         << read_console();
     EXPECT_EQ(2U, list_dir(registry::db_dir(0)).size());
@@ -113,29 +127,17 @@ TEST_F(StrictPidReuse, OfRootsServiceThatCouldNotBeStartedAgainBothAreStartedByT
 
 // All that the user may have is registered already. What was made room for would be started a second time.
 TEST_F(StrictPidReuse, ANewcomerThatIsRefusedLeavesRootsServiceThatCouldNotBeStartedAgainOneFile) {
-  constexpr char kEventLog[] = "/tmp/wex/wex.log1";
   write_file(kStrictFile, "registrations 1\n");
   write_file(kDebugLog, "0\n");
   start();
-  ASSERT_EQ(0, mkdir(kEventLog, 0755)) << "without which nothing is started again";
   Process& his = process();
   ASSERT_TRUE(start_service(&his, {"--tag=his"}));
-  Process& service = process();
-  ASSERT_TRUE(start_service(&service, {"--tag=roots"}, 0));
-  const pid_t pid = service.pid();
-  send_signal(pid, SIGKILL);
-  service.wait(20s);
-  ASSERT_TRUE(wait_for_event(WEX_STATUS_EV_FAILED, pid)) << read_console();
+  const pid_t pid = leave_failed_service();
+  ASSERT_GT(pid, 0) << read_console();
   const words of_user = {"--tag=users", "--hold"};
-  words as_user_words = users_words(of_user);
-  as_user_words[0] = "/usr/bin/setpriv";  // a stranger is not looked for
   {
-    const stranger users(pid, as_user_words);
-    ASSERT_TRUE(eventually([&] { return command_line(pid) == actor_command(of_user); }, 20s));
-    ASSERT_TRUE(as_user([&] {
-      const raw_client client;
-      return client.send_body(WEX_RESTART, control_client::body_of(pid)) && client.acknowledged();
-    }));
+    const stranger users(pid, strangers_words(of_user));
+    ASSERT_TRUE(registers(pid, of_user));
     const auto said = [] { return read_file(kRunningLog1) + read_file(kRunningLog2); };
     ASSERT_TRUE(eventually([&] { return said().find("User 1234 was refused") != std::string::npos; }, 20s));
     EXPECT_EQ(2U, list_dir(registry::db_dir(0)).size()) << "one of root's, one of the user's";
