@@ -68,7 +68,7 @@ TEST_F(StrictStrangersExit, BySigtermLeavesAServiceOfRootsThatCouldNotBeStartedT
     {
       const stranger users(pid, kUsersSleep);
       ASSERT_TRUE(runs(users));
-      ASSERT_TRUE(as_user([&] { return kill(pid, signal) == 0; }));
+      ASSERT_TRUE(as_user([&] { return send_signal(pid, signal); }));
       EXPECT_TRUE(eventually([&] { return status_field(pid, "State")[0] == 'Z'; }, 20s));
     }
     wait_until_exits_are_handled();
