@@ -168,7 +168,7 @@ replaced_process identity_of(const wex_pid* rec) {
   if (rec->thread_of != 0) {
     return {};  // a process that has this pid got it when the thread had ended
   }
-  return {rec->start_time, rec->exit_seen != 0 ? rec->handled_ms : wex_clock_ms()};
+  return {rec->start_time, rec->exit_seen != 0 ? rec->handled_ms : wex_clock_ms(), rec->exit_tick};
 }
 
 void note_replaced(const wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {

@@ -133,6 +133,7 @@ int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 struct replaced_process {
   uint64_t start_time;  // clock ticks since boot, 0: unknown
   int64_t handled_ms;   // when its end was handled, in milliseconds of the monotonic clock; 0: unknown
+  uint64_t exit_tick;   // when the kernel reported that end, in clock ticks since boot; 0: it did not
 };
 
 // Of the newest replacement of `pid`; false when there is none of late.

@@ -321,7 +321,13 @@ void restart_dead(wex_chains_t* chain, wex_pid* rec) {
     leave_pid(rec);
   }
   wex_dbg(WEX_DBG_PUB, "pid (%d) is not exist\n", rec->pid);
-  if (!__wex_dropped_with_domain(rec) && wex_proc_restart_delay(rec) == 0 && !found_running(chain, rec)) {
+  if (__wex_dropped_with_domain(rec)) {
+    return;
+  }
+  if (wex_proc_restart_delay(rec) != 0) {
+    rec->exit_seen = 1;  // what ends under its pid until the restart is a stranger
+    rec->handled_ms = wex_clock_ms();
+  } else if (!found_running(chain, rec)) {
     restart(chain, rec);
   }
 }

@@ -27,6 +27,7 @@
 //   wex_destroy_chains: when the threads have ended
 //   read_domain: the rebuild, before any thread runs
 //   found_running: the same
+//   restart_dead: the same
 //   take_over: the same
 //   ignore: the same
 //   adopt_if_lost: a record of a file that nobody registered, under wex_chains; the sweep treats it as any other

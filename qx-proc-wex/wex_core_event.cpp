@@ -56,11 +56,15 @@ uint64_t tick_of(const process_event& event) {
 // ---- whose event it is ------------------------------------------------------------------------------------
 
 // Whether an event under the pid of a process whose end was handled is that process's own. Another process
-// may have got the pid, and have ended and been reaped by now: but that happened after the end was handled.
+// may have got the pid, and have ended and been reaped by now: but that happened after the end, and, where
+// the kernel did not report that one, after it was handled.
 bool is_of_ended(const process_event& event, const replaced_process& ended) {
   const process_look now = wex_look_at(event.tgid);
   if (now.sight == process_look::seen && ended.start_time != 0) {
     return now.start_time == ended.start_time;
+  }
+  if (event.pid == event.tgid && ended.exit_tick != 0 && has_time(event)) {
+    return tick_of(event) <= ended.exit_tick + kStartTickSlack;
   }
   return ended.handled_ms != 0 && millisecond_of(event) <= ended.handled_ms;
 }
@@ -72,7 +76,7 @@ bool is_known_to_have_ended(const wex_pid* rec) {
 }
 
 bool is_of_ended(const process_event& event, const wex_pid* rec) {
-  return is_of_ended(event, {rec->start_time, rec->handled_ms});
+  return is_of_ended(event, {rec->start_time, rec->handled_ms, rec->exit_tick});
 }
 
 // Whether the process of a record whose exit was handled goes on: only its main thread had ended. Before
@@ -308,7 +312,7 @@ void wex_take_exit_event(const process_event& event) {
     return;
   }
   look_for_crash(event);
-  if (!is_thread && !try_to_judge(exit, kExitLooks)) {
+  if (!is_thread && ended.pid != 0 && !try_to_judge(exit, kExitLooks)) {
     keep_pending(exit);
   }
 }

@@ -62,6 +62,8 @@ bool still_runs(wex_pid* rec) {
   }
   rec->start_time = now.start_time;
   rec->exit_seen = 0;
+  rec->handled_ms = 0;
+  rec->restart_failed = 0;
   rec->exit_tick = 0;
   rec->gone_since = 0;
   wex_status_refresh(rec);
@@ -385,7 +387,13 @@ void restart_by_action(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   restart(rec, *action);
 }
 
-// Reports the end of the record's process once: a postponed one comes here a second time.
+// What is known of an end that is handled.
+struct known_end {
+  bool reported;  // it was told before: a postponed one comes here a second time
+  bool of_all;    // of the threads as well
+};
+
+// Reports the end of the record's process once.
 void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported) {
   if (!reported) {
     wex_status_tell(WEX_STATUS_EV_EXITED, rec, {0, 0, exit_signal});
@@ -394,14 +402,15 @@ void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restar
   }
 }
 
-// When only the main thread of a postponed one has ended, the others may dump core at any time from now on.
-void expect_ends_of_threads(wex_pid* rec) {
-  if (wex_judge_presence(wex_look_at(rec->pid), rec->start_time) == presence::present) {
-    rec->handled_ms = INT64_MAX;
-  }
+// When only the main thread has ended, the others may dump core at any time from now on.
+int64_t last_end_of_threads(const wex_pid* rec) {
+  const process_look now = wex_look_at(rec->pid);
+  const bool go_on = now.sight == process_look::seen && now.start_time == rec->start_time &&
+                     wex_is_dead_state(now.state) && now.threads > 1;
+  return go_on ? INT64_MAX : wex_clock_ms();
 }
 
-void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
+void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const known_end& end)
     WEX_TSA(requires_capability(wex_chains)) {
   if (__wex_dropped_with_domain(rec) || dropped_as_duplicate(rec)) {
     return;
@@ -414,9 +423,8 @@ void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
   rec->exit_signal = exit_signal;
   rec->force_restart = force_restart;
   rec->exit_seen = 1;
-  rec->handled_ms = wex_clock_ms();
+  rec->handled_ms = end.of_all ? wex_clock_ms() : last_end_of_threads(rec);
   if (wex_proc_restart_delay(rec) != 0) {
-    expect_ends_of_threads(rec);
     return;
   }
   wex_dbg(WEX_DBG_PUB, "%s--> exit_signal = %d\n", kHandler, static_cast<int>(exit_signal));
@@ -428,10 +436,10 @@ void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart)
 }
 
 // The record's process has ended.
-void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, bool reported)
+void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const known_end& end)
     WEX_TSA(requires_capability(wex_chains)) {
-  report_ended(rec, exit_signal, force_restart, reported);
-  decide(rec, exit_signal, force_restart);
+  report_ended(rec, exit_signal, force_restart, end.reported);
+  decide(rec, exit_signal, force_restart, end);
 }
 
 // `ended_start`: the start time of a process that is known to have ended, or 0. Another process of the same
@@ -444,7 +452,8 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint6
   }
   const bool known_ended = ended_start != 0 && rec->start_time == ended_start;
   if (known_ended || !still_runs(rec)) {
-    handle_ended(rec, exit_signal, force_restart, rec->exit_seen != 0 || wex_status_waits(rec));
+    handle_ended(rec, exit_signal, force_restart,
+                 {rec->exit_seen != 0 || wex_status_waits(rec), known_ended});
   }
 }
 
@@ -460,7 +469,7 @@ void handle_lost(int32_t pid, uint32_t exit_signal, uint64_t start_time)
   if (!reported) {
     wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec, {0, 0, exit_signal});
   }
-  handle_ended(rec, exit_signal, 0, reported);
+  handle_ended(rec, exit_signal, 0, {reported, false});
 }
 
 // The record whose start of this number is still without a process, or null.
@@ -480,7 +489,7 @@ void handle_missed(uint32_t start, uint32_t status) WEX_TSA(requires_capability(
   }
   wex_dbg(WEX_DBG_PUB, "%s--> %s ended before it was found\n", kHandler, rec->process);
   rec->missed_start = 0;
-  handle_ended(rec, status, 0, rec->alarm_wait_flag == 1);
+  handle_ended(rec, status, 0, {rec->alarm_wait_flag == 1, true});
 }
 
 // What wex_drop_taken_down() does for an exit, here by the start: several such records may have no pid.
@@ -567,7 +576,8 @@ void wex_restart_paused() {
       wex_pid* const rec = __wex_find_ended_pause();
       any = rec != nullptr;
       if (rec != nullptr) {
-        decide(rec, rec->exit_signal, 1);  // that its file is unlocked was seen before the pause
+        decide(rec, rec->exit_signal, 1,
+               {true, false});  // that its file is unlocked was seen before the pause
       }
     });
   }

@@ -3,6 +3,7 @@
 #include "event_world.h"
 #include "running_thread.h"
 #include "waiting.h"
+#include "wex_chain_rebuild.h"
 #include "wex_core_exit.h"
 #include "wex_proc_child.h"
 
@@ -249,4 +250,100 @@ TEST_F(StrangersEvent, IsNoneWhenAThreadOfAPostponedProgramDumpsCoreLater) {
   chain_lock hold_delay(wex_chains_delay);
   EXPECT_NE(nullptr, __wex_find_pid(&wex_chains_delay, pid));
   __wex_del_pid(&wex_chains_delay, pid);
+}
+
+TEST_F(StrangersEvent, OfAProgramPostponedAtTheStartOfTheDaemonTakesNoRegistrationDuringATakeDown) {
+  const pid_t pid = dead_pid();
+  const child keeper([&] { return wex_db_create(0, pid, RESPAWN, "/bin/sleep 1000") == 0; });
+  ASSERT_TRUE(keeper.ready());
+  wex_rebuild_chains(&wex_chains);
+  {
+    chain_lock registry(wex_chains);
+    chain_lock hold_delay(wex_chains_delay);
+    ASSERT_NE(nullptr, __wex_find_pid(&wex_chains, pid));
+    ASSERT_NE(nullptr, __wex_find_pid(&wex_chains_delay, pid));
+  }
+  wex_sleep_ms(5);
+  take_domain_down();
+  wex_take_exit_event(exit_of(pid, 9));
+  chain_lock registry(wex_chains);
+  chain_lock hold_delay(wex_chains_delay);
+  EXPECT_NE(nullptr, __wex_find_pid(&wex_chains, pid));
+  __wex_del_pid(&wex_chains_delay, pid);
+}
+
+TEST_F(StrangersEvent, OfAPostponedProgramThatHadOnlyThreadsLeftTakesNoRegistrationDuringATakeDown) {
+  gate hold;
+  const wex_pid* const rec = add_without_main_thread(&hold);
+  const pid_t pid = pid_of(rec);
+  const child keeper([&] {
+    hold.open();
+    return wex_db_create(0, pid, RESPAWN, "/bin/sleep 1000") == 0;
+  });
+  ASSERT_TRUE(keeper.ready());
+  wex_take_exit_event(exit_of(pid, 0));
+  ASSERT_TRUE(eventually(settled));
+  hold.open();
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  wex_sleep_ms(20);
+  take_domain_down();
+  wex_take_exit_event(exit_of(pid, 9));  // a stranger's, which has been reaped
+  chain_lock registry(wex_chains);
+  chain_lock hold_delay(wex_chains_delay);
+  EXPECT_NE(nullptr, __wex_find_pid(&wex_chains, pid));
+  __wex_del_pid(&wex_chains_delay, pid);
+}
+
+// Unlocked, so it is replaced at once while its other thread is still there; that one dumps core 30 ms later.
+TEST_F(StrangersEvent, IsNoneWhenAThreadThatOutlivedTheLooksDumpsCoreAfterTheRestart) {
+  gate hold;
+  wex_pid* const rec = add_without_main_thread(&hold);
+  const pid_t pid = pid_of(rec);
+  wex_take_exit_event(exit_of(pid, 0));
+  ASSERT_TRUE(eventually(settled));
+  ASSERT_NE(pid, pid_of(rec));
+  hold.open();
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  wex_sleep_ms(2);
+  wex_take_exit_event(thread_end(pid + 1, pid, kDumped));
+  EXPECT_EQ(1u, reboots());
+  end(rec);
+}
+
+// Both have ended, one after the other, when the daemon comes to the first event.
+TEST_F(StrangersEvent, ThatCameBeforeTheOwnEndWasHandledTakesNoRegistrationDuringATakeDown) {
+  const pid_t pid = lasting();
+  wex_pid* const rec = add(pid);
+  const child keeper([&] { return wex_db_create(0, pid, RESPAWN, "/bin/sleep 1000") == 0; });
+  ASSERT_TRUE(keeper.ready());
+  send_signal(pid, SIGKILL);
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  const uint64_t own_end = now_ns();
+  wex_sleep_ms(50);
+  const uint64_t strangers_end = now_ns();
+  wex_sleep_ms(50);
+  wex_take_exit_event(exit_of(pid, 9, own_end));
+  ASSERT_EQ(1, rec->exit_seen);
+  take_domain_down();
+  wex_take_exit_event(exit_of(pid, 9, strangers_end));
+  chain_lock registry(wex_chains);
+  chain_lock hold_delay(wex_chains_delay);
+  EXPECT_NE(nullptr, __wex_find_pid(&wex_chains, pid));
+  __wex_del_pid(&wex_chains_delay, pid);
+}
+
+TEST_F(StrangersEvent, ThatDumpedCoreBeforeTheOwnEndWasHandledCountsForNoProgram) {
+  const pid_t pid = lasting();
+  wex_pid* const rec = add(pid);
+  send_signal(pid, SIGKILL);
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  const uint64_t own_end = now_ns();
+  wex_sleep_ms(50);
+  const uint64_t strangers_end = now_ns();
+  wex_sleep_ms(50);
+  wex_take_exit_event(exit_of(pid, 9, own_end));
+  ASSERT_NE(pid, pid_of(rec));
+  wex_take_exit_event(exit_of(pid, kDumped, strangers_end));
+  EXPECT_EQ(0u, reboots());
+  end(rec);
 }
