@@ -89,6 +89,8 @@ bool __wex_await_hand_over(wex_pid* rec) {
   rec->exit_seen = 0;
   rec->exit_tick = 0;
   rec->known_code = 0;  // the end that is to come is that of the other process
+  rec->missed_start = 0;
+  rec->delay_start = 0;
   rec->gone_since = wex_clock_now() + kHandOverAgainSec;
   wex_note_failed(rec);
   wex_status_waiting(rec);

@@ -453,9 +453,8 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   }
   const chain_lock hold(wex_chains);
   free_pid_of(rec);
-  // In strict mode its database file would be one of root's that nobody minds, or the other one's written
-  // over.
-  if (wex_strict().on && has_anothers_pid(rec)) {
+  // Its database file would be one that nobody minds, or the other one's written over.
+  if (has_anothers_pid(rec)) {
     g_listed_left_out.store(true, std::memory_order_release);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
@@ -494,8 +493,7 @@ bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) {
   newcomer.vsd = wex_domain_or_main(get_vsdid(pid));
   newcomer.start_time = now.start_time;
   newcomer.thread_of = 0;
-  free_pid_of(&newcomer);
-  return has_anothers_pid(&newcomer);
+  return !pid_is_left_to(&newcomer) && has_anothers_pid(&newcomer);
 }
 
 bool wex_listed_left_out() {

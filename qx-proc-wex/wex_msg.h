@@ -43,12 +43,11 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory);
 // user is another one by now: it has executed a set-user-id program meanwhile, or given up its rights.
 int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const process_user& before);
 
-// In strict mode a listed program gets no record, and no file, as long as its pid is that of another
+// A listed program gets no record, and no file, as long as its pid is that of another
 // registration which waits for its restart: 0, and true here until it is forgotten. It is to be tried again.
 bool wex_listed_left_out();
 void wex_forget_listed_left_out();
 
 // Whether a registration of another process keeps this pid, which a process with the command line of the
-// registration `of` has by now, so that it cannot be registered. In strict mode those that leave it have done
-// so then.
+// registration `of` has by now, so that it cannot be registered. In strict mode some leave it to a newcomer.
 bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) WEX_TSA(requires_capability(wex_chains));

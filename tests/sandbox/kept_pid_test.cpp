@@ -162,3 +162,26 @@ TEST_F(StrictHandOverToKeptPid, AProgramThatOutlivesTheDaemonIsNotStartedBesideI
   EXPECT_EQ(std::vector<pid_t>{detached}, pids_with_command(app_)) << read_console();
   expect_restart_of(detached);
 }
+
+// Any short-lived program has all processes looked at.
+TEST_F(HandOverToKeptPid, AProgramThatWaitsForItsPidGetsNoSecondFileAndIsNotStartedBesideItself) {
+  ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+  ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+  const pid_t detached = parked_.pid();
+  const std::string second = db_file("detaching", detached);
+  EXPECT_FALSE(eventually(
+      [&] {
+        EXPECT_TRUE(exited_with(run({"true"}), 0));
+        return exists(second);
+      },
+      2s))
+      << read_console();
+  EXPECT_TRUE(exists(db_file("detaching", by_hand_.pid())));
+  daemon_.kill_now();
+  const std::string file = db_file("actor", detached);  // made anew: the next daemon reads it last, or first
+  ASSERT_EQ(0, rename(file.c_str(), "/tmp/vsd/0/aside"));
+  ASSERT_EQ(0, rename("/tmp/vsd/0/aside", file.c_str()));
+  ASSERT_TRUE(start_daemon());
+  EXPECT_FALSE(eventually([&] { return pids_with_command(app_) != std::vector<pid_t>{detached}; }, 8s))
+      << read_console();
+}
