@@ -62,13 +62,14 @@ size_t without_deleted_mark(char* path, size_t length) {
   return replaced ? length - mark : length;
 }
 
-// Appends the arguments behind the first one at `length`, without a terminator. The new length.
+// Appends the arguments behind the first one at `length`, without a terminator. The new length, or 0 when not
+// even the first one can be read.
 size_t append_arguments(text_reader& arguments, char* buffer, size_t length, size_t size) {
   int c;
   do {
     c = arguments.byte();
     if (c < 0) {
-      return length;
+      return 0;
     }
   } while (c != '\0');
   buffer[length++] = ' ';
@@ -269,9 +270,12 @@ command_read wex_read_command(int32_t pid, char* buffer, size_t size) {
   }
   confirm_close_on_exec(file.get());
   text_reader arguments(file.get());
-  length = append_arguments(arguments, buffer, length, size);
-  buffer[length] = '\0';
-  return arguments.failed() ? command_read::program : command_read::whole;
+  const size_t whole = append_arguments(arguments, buffer, length, size);
+  if (whole == 0 && !arguments.failed()) {
+    errno = ESRCH;  // it is ending, and has given its memory back since its program was looked at
+  }
+  buffer[whole != 0 ? whole : length] = '\0';
+  return whole == 0 || arguments.failed() ? command_read::program : command_read::whole;
 }
 
 int32_t wex_thread_id() {

@@ -27,6 +27,7 @@ injection g_open;
 injection g_readlink;
 
 std::atomic<int> g_commands_read{0};
+bool g_commands_gone = false;  // as those of a process that has begun to end
 
 int32_t g_clock_ahead_sec = 0;
 
@@ -44,7 +45,7 @@ int __wrap_open64(const char* path, int flags, mode_t mode) {
     return __real_open64(path, flags, mode);
   }
   ++g_commands_read;
-  return g_open.now() ? -1 : __real_open64(path, flags, mode);
+  return g_open.now() ? -1 : __real_open64(g_commands_gone ? "/dev/null" : path, flags, mode);
 }
 ssize_t __real_readlink(const char* path, char* buffer, size_t size);
 ssize_t __wrap_readlink(const char* path, char* buffer, size_t size);
@@ -213,6 +214,17 @@ TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhereTheProcessCannotBeRead
   EXPECT_EQ(truthful.command(), find(wex_chains, truthful.pid())->process);
   EXPECT_EQ(program, find(wex_chains, silent.pid())->process);
   EXPECT_EQ(program, find(wex_chains, lying.pid())->process);
+}
+
+TEST_F(Registry, TakesTheArgumentsThatTheMessageTellsWhenTheProcessEndsAsItIsRead) {
+  const sleeper process;
+  wex_reg_info body = body_of(process.pid());
+  strcpy(body.process, process.command().c_str());
+  g_commands_gone = true;
+  EXPECT_EQ(0, wex_process_restart(&body));
+  g_commands_gone = false;
+  ASSERT_NE(nullptr, find(wex_chains, process.pid()));
+  EXPECT_EQ(process.command(), find(wex_chains, process.pid())->process);
 }
 
 TEST_F(Registry, ALongDelayIsReportedInTheRunningLogOnce) {
