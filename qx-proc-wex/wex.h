@@ -87,7 +87,8 @@ typedef struct wex_pid {
                               the pause before its restart began, 0 = none */
 
   int32_t exit_seen;      /* an exit of this very pid has been handled */
-  int64_t handled_ms;     /* when that was done, in milliseconds of the monotonic clock; 0 = not known */
+  int64_t ended_by_ns;    /* the first time at which its process was known to have ended, in nanoseconds of the
+                             monotonic clock; INT64_MAX = only its main thread has, 0 = it was never known */
   int32_t restart_failed; /* when the last restart left no process: the pid is a dead one; 0 = it did */
   int32_t thread_of;      /* the pid is of a thread of this process; 0 = a process, -1 = not known yet */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */

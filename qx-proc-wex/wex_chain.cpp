@@ -60,7 +60,7 @@ struct replacement {
   int32_t old_pid;
   int32_t new_pid;
   int32_t time;
-  replaced_process process;
+  ended_process process;
 };
 
 replacement g_replaced[kReplacedKept] WEX_TSA(guarded_by(wex_chains));
@@ -164,11 +164,22 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
 }
 
 // What was found dead, without an exit that was handled, has ended by now.
-replaced_process identity_of(const wex_pid* rec) {
+ended_process identity_of(const wex_pid* rec) {
   if (rec->thread_of != 0) {
     return {};  // a process that has this pid got it when the thread had ended
   }
-  return {rec->start_time, rec->exit_seen != 0 ? rec->handled_ms : wex_clock_ms(), rec->exit_tick};
+  const int64_t ended_by_ns = rec->ended_by_ns != 0 ? rec->ended_by_ns : wex_clock_ns();
+  return {rec->start_time, ended_by_ns, rec->exit_tick, true};
+}
+
+// Whether a process born in that tick is another one. A large process takes the kernel more time to fork than
+// the clocks differ by, so what can be seen is asked first.
+bool is_anothers_birth(int32_t pid, uint64_t start_time, uint64_t tick) {
+  if (start_time == 0 || start_time == kStartOfNobody || tick <= start_time + kStartTickSlack) {
+    return false;
+  }
+  const process_look now = wex_look_at(pid);
+  return now.sight != process_look::seen || now.start_time != start_time;
 }
 
 void note_replaced(const wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
@@ -489,7 +500,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
-  rec->handled_ms = 0;
+  rec->ended_by_ns = 0;
   rec->gone_since = 0;
   if (new_pid > 0) {
     rec->missed_child = 0;
@@ -518,12 +529,30 @@ int32_t __wex_replaced_by(int32_t pid) {
   return latest;
 }
 
-bool __wex_find_replaced(int32_t pid, replaced_process* process) {
+bool __wex_find_replaced(int32_t pid, ended_process* process) {
   const replacement* const entry = find_replaced(pid);
   if (entry != nullptr) {
     *process = entry->process;
   }
   return entry != nullptr;
+}
+
+void wex_note_ended(wex_pid* rec, int64_t now_ns) {
+  rec->ended_by_ns = rec->ended_by_ns != 0 ? std::min(rec->ended_by_ns, now_ns) : now_ns;
+}
+
+void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) {
+  // Of what is reported later nothing was earlier, though a coarse clock may show the same time.
+  const int64_t before_ns = time_ns - 1;
+  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  if (rec != nullptr && rec->thread_of == 0 && is_anothers_birth(pid, rec->start_time, tick)) {
+    wex_note_ended(rec, before_ns);
+  }
+  for (replacement& entry : g_replaced) {
+    if (entry.old_pid == pid && is_anothers_birth(pid, entry.process.start_time, tick)) {
+      entry.process.ended_by_ns = std::min(entry.process.ended_by_ns, before_ns);
+    }
+  }
 }
 
 void wex_note_failed(wex_pid* rec) {

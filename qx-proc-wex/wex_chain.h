@@ -129,15 +129,24 @@ bool wex_record_lives(const wex_pid* rec);
 // The pid that replaced `pid` within the last seconds, or 0: events of threads may come after the restart.
 int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 
-// What tells events of the process that has been replaced from those of others that got its pid.
-struct replaced_process {
+// What tells events of a process that has ended from those of others that got its pid.
+struct ended_process {
   uint64_t start_time;  // clock ticks since boot, 0: unknown
-  int64_t handled_ms;   // when its end was handled, in milliseconds of the monotonic clock; 0: unknown
+  int64_t ended_by_ns;  // as in wex_pid
   uint64_t exit_tick;   // when the kernel reported that end, in clock ticks since boot; 0: it did not
+  bool handled;
 };
 
 // Of the newest replacement of `pid`; false when there is none of late.
-bool __wex_find_replaced(int32_t pid, replaced_process* process) WEX_TSA(requires_capability(wex_chains));
+bool __wex_find_replaced(int32_t pid, ended_process* process) WEX_TSA(requires_capability(wex_chains));
+
+// The record's process had ended at this time of the monotonic clock, in nanoseconds, or INT64_MAX when only
+// its main thread had. The first time that is known counts.
+void wex_note_ended(wex_pid* rec, int64_t now_ns);
+
+// A process was born with this pid at this time, in clock ticks since boot and in nanoseconds of the
+// monotonic clock. Those that had the pid before had ended by then.
+void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) WEX_TSA(requires_capability(wex_chains));
 
 // True when another registration of rec's program in rec's domain has, or waits for, a process: one whose
 // last restart left none does not count.

@@ -326,7 +326,7 @@ void restart_dead(wex_chains_t* chain, wex_pid* rec) {
   }
   if (wex_proc_restart_delay(rec) != 0) {
     rec->exit_seen = 1;  // what ends under its pid until the restart is a stranger
-    rec->handled_ms = wex_clock_ms();
+    wex_note_ended(rec, wex_clock_ns());
   } else if (!found_running(chain, rec)) {
     restart(chain, rec);
   }

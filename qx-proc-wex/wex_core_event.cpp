@@ -4,7 +4,6 @@
 #include "wex_core_event.h"
 
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,9 +43,9 @@ bool has_time(const process_event& event) {
   return event.time_ns != 0 && event.time_ns <= INT64_MAX / 4;
 }
 
-// When the event happened, in milliseconds of this process's monotonic clock; 0 when its stamp is no time.
-int64_t millisecond_of(const process_event& event) {
-  return has_time(event) ? (static_cast<int64_t>(event.time_ns) + clock_shift()) / 1000000 : 0;
+// When the event happened, in nanoseconds of this process's monotonic clock; 0 when its stamp is no time.
+int64_t time_of(const process_event& event) {
+  return has_time(event) ? static_cast<int64_t>(event.time_ns) + clock_shift() : 0;
 }
 
 uint64_t tick_of(const process_event& event) {
@@ -55,28 +54,35 @@ uint64_t tick_of(const process_event& event) {
 
 // ---- whose event it is ------------------------------------------------------------------------------------
 
-// Whether an event under the pid of a process whose end was handled is that process's own. Another process
-// may have got the pid, and have ended and been reaped by now: but that happened after the end, and, where
-// the kernel did not report that one, after it was handled.
-bool is_of_ended(const process_event& event, const replaced_process& ended) {
-  const process_look now = wex_look_at(event.tgid);
-  if (now.sight == process_look::seen && ended.start_time != 0) {
-    return now.start_time == ended.start_time;
+// Whether an event under the pid of a process that has ended is that process's own. Another process may have
+// got the pid, and have ended and been reaped by now: but that happened after it was born, which the kernel
+// reports, after the end, and, where that was not reported, after it was found.
+bool is_of_ended(const process_event& event, const ended_process& ended) {
+  if (ended.handled && ended.start_time != 0) {
+    const process_look now = wex_look_at(event.tgid);
+    if (now.sight == process_look::seen) {
+      return now.start_time == ended.start_time;
+    }
   }
-  if (event.pid == event.tgid && ended.exit_tick != 0 && has_time(event)) {
-    return tick_of(event) <= ended.exit_tick + kStartTickSlack;
+  const bool is_exit = event.pid == event.tgid && ended.exit_tick != 0 && has_time(event);
+  if (is_exit && tick_of(event) > ended.exit_tick + kStartTickSlack) {
+    return false;
   }
-  return ended.handled_ms != 0 && millisecond_of(event) <= ended.handled_ms;
+  return ended.ended_by_ns != 0 ? time_of(event) <= ended.ended_by_ns : is_exit;
 }
 
 // What could not be started again has no process either, also when no exit of it was handled, as at the start
 // of the daemon.
-bool is_known_to_have_ended(const wex_pid* rec) {
+bool was_handled(const wex_pid* rec) {
   return rec->exit_seen != 0 || rec->restart_failed != 0;
 }
 
+bool is_known_to_have_ended(const wex_pid* rec) {
+  return was_handled(rec) || rec->ended_by_ns != 0;
+}
+
 bool is_of_ended(const process_event& event, const wex_pid* rec) {
-  return is_of_ended(event, {rec->start_time, rec->handled_ms, rec->exit_tick});
+  return is_of_ended(event, {rec->start_time, rec->ended_by_ns, rec->exit_tick, was_handled(rec)});
 }
 
 // Whether the process of a record whose exit was handled goes on: only its main thread had ended. Before
@@ -113,7 +119,7 @@ wex_pid* record_of_thread(const process_event& event) WEX_TSA(requires_capabilit
 // The thread that dumped core is often reported after its process, whose record then already has the
 // replacement's pid.
 wex_pid* record_of_replaced(const process_event& event) WEX_TSA(requires_capability(wex_chains)) {
-  replaced_process ended = {};
+  ended_process ended = {};
   if (!__wex_find_replaced(event.tgid, &ended) || !is_of_ended(event, ended)) {
     return nullptr;
   }
@@ -285,14 +291,30 @@ void wex_note_event_delay(const process_event& event) {
   if (!has_time(event)) {
     return;
   }
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t delay = int64_t{now.tv_sec} * 1000000000 + now.tv_nsec - static_cast<int64_t>(event.time_ns);
-  g_least_delay_ns = std::min(g_least_delay_ns, delay);
+  g_least_delay_ns = std::min(g_least_delay_ns, wex_clock_ns() - static_cast<int64_t>(event.time_ns));
 }
 
 int32_t wex_event_second(const process_event& event) {
-  return static_cast<int32_t>(millisecond_of(event) / 1000);
+  return static_cast<int32_t>(time_of(event) / 1000000000);
+}
+
+void wex_take_birth_event(const process_event& event) {
+  if (event.pid == event.tgid && has_time(event)) {
+    chain_lock hold(wex_chains);
+    __wex_note_birth(event.pid, tick_of(event), time_of(event));
+  }
+}
+
+void wex_note_unreported_ends() {
+  chain_lock hold(wex_chains);
+  record_walk walk(wex_chains);
+  while (wex_pid* const rec = walk.next()) {
+    const int32_t process = wex_process_of(rec);
+    if (process > 0 && !was_handled(rec) &&
+        wex_judge_presence(wex_look_at(process), rec->start_time) == presence::absent) {
+      wex_note_ended(rec, wex_clock_ns());
+    }
+  }
 }
 
 void wex_take_exit_event(const process_event& event) {

@@ -9,6 +9,13 @@
 // exit that cannot be judged yet is kept pending.
 void wex_take_exit_event(const process_event& event);
 
+// A process was born. Whoever had its pid before had ended by then.
+void wex_take_birth_event(const process_event& event);
+
+// Events may have been lost, or are reported only from now on: what has ended by now has nothing to do with
+// what is still to happen under its pid.
+void wex_note_unreported_ends();
+
 // Judges the pending exits that are due. Milliseconds until the next look, or -1 when none is pending.
 int wex_judge_pending_exits();
 

@@ -62,7 +62,7 @@ bool still_runs(wex_pid* rec) {
   }
   rec->start_time = now.start_time;
   rec->exit_seen = 0;
-  rec->handled_ms = 0;
+  rec->ended_by_ns = 0;
   rec->restart_failed = 0;
   rec->exit_tick = 0;
   rec->gone_since = 0;
@@ -407,7 +407,7 @@ int64_t last_end_of_threads(const wex_pid* rec) {
   const process_look now = wex_look_at(rec->pid);
   const bool go_on = now.sight == process_look::seen && now.start_time == rec->start_time &&
                      wex_is_dead_state(now.state) && now.threads > 1;
-  return go_on ? INT64_MAX : wex_clock_ms();
+  return go_on ? INT64_MAX : wex_clock_ns();
 }
 
 void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const known_end& end)
@@ -423,7 +423,7 @@ void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const kno
   rec->exit_signal = exit_signal;
   rec->force_restart = force_restart;
   rec->exit_seen = 1;
-  rec->handled_ms = end.of_all ? wex_clock_ms() : last_end_of_threads(rec);
+  wex_note_ended(rec, end.of_all ? wex_clock_ns() : last_end_of_threads(rec));
   if (wex_proc_restart_delay(rec) != 0) {
     return;
   }

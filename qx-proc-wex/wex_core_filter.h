@@ -1,8 +1,8 @@
 // wex_core_filter: which process events the kernel puts into the monitor's queue. Any thread.
 //
-// Only what the daemon acts on shall cost anything: the exits of registered processes, and executions while
-// the list of third-part programs names any. What ended before a call below asked for it was not reported, so
-// each caller looks at /proc once more after the call.
+// Only what the daemon acts on shall cost anything: the exits of registered processes, the births of those
+// that get their pids next, and executions while the list of third-part programs names any. What ended before
+// a call below asked for it was not reported, so each caller looks at /proc once more after the call.
 #pragma once
 
 #include <cstdint>

@@ -82,23 +82,29 @@ size_t write_search(program_writer* out, const pid_set::word* first, size_t coun
   return out->branch(BPF_JGE | BPF_K, first[half].common, upper, lower);
 }
 
-// Passes the events of the set's processes. A thread's process is its thread group.
+// Passes the events of the set's processes, whose ids load_id() has loaded.
 size_t write_set(program_writer* out, const pid_set& set, outcomes to) {
-  if (set.begin() == set.end()) {
-    return to.drop;
-  }
   out->branch(BPF_JSET | BPF_K, 1, to.pass, to.drop);
   const size_t test = out->step(BPF_ALU | BPF_RSH | BPF_X, 0);
   write_search(out, set.begin(), static_cast<size_t>(set.end() - set.begin()), test, &to.drop);
-  out->step(BPF_ALU | BPF_AND | BPF_K, htonl(~kBitNumber));
-  out->step(BPF_LD | BPF_W | BPF_ABS, kTgidAt);
-  out->step(BPF_MISC | BPF_TAX, 0);
-  out->step(BPF_ALU | BPF_AND | BPF_K, kBitNumber);
-  return out->step(BPF_LD | BPF_B | BPF_ABS, kTgidAt + kLowByte);
+  return out->step(BPF_ALU | BPF_AND | BPF_K, htonl(~kBitNumber));
 }
 
-size_t write_exit(program_writer* out, const filter_rules& rules, const outcomes& to) {
-  const size_t by_process = rules.exits != nullptr ? write_set(out, *rules.exits, to) : to.pass;
+// Loads the process id that stands there.
+size_t load_id(program_writer* out, uint32_t at) {
+  out->step(BPF_LD | BPF_W | BPF_ABS, at);
+  out->step(BPF_MISC | BPF_TAX, 0);
+  out->step(BPF_ALU | BPF_AND | BPF_K, kBitNumber);
+  return out->step(BPF_LD | BPF_B | BPF_ABS, at + kLowByte);
+}
+
+// A thread's process is its thread group.
+size_t write_exit(program_writer* out, const filter_rules& rules, size_t set, const outcomes& to) {
+  size_t by_process = to.pass;
+  if (rules.exits != nullptr) {
+    out->jump(set);
+    by_process = load_id(out, kTgidAt);
+  }
   size_t thread = rules.threads == thread_ends::all ? to.pass : by_process;
   if (rules.threads == thread_ends::none) {
     out->branch(BPF_JSET | BPF_K, htonl(kCoreDumped), by_process, to.drop);
@@ -110,6 +116,18 @@ size_t write_exit(program_writer* out, const filter_rules& rules, const outcomes
   return out->step(BPF_LD | BPF_W | BPF_ABS, kPidAt);
 }
 
+// A process that gets an id of the set. The daemon knows its own children.
+size_t write_birth(program_writer* out, const filter_rules& rules, size_t set, const outcomes& to) {
+  out->jump(set);
+  const size_t process = load_id(out, kChildTgidAt);
+  out->branch(BPF_JEQ | BPF_X, 0, process, to.drop);  // else it is a thread
+  out->step(BPF_LD | BPF_W | BPF_ABS, kChildTgidAt);
+  out->step(BPF_MISC | BPF_TAX, 0);
+  const size_t any = out->step(BPF_LD | BPF_W | BPF_ABS, kChildPidAt);
+  out->branch(BPF_JEQ | BPF_K, htonl(static_cast<uint32_t>(rules.daemon)), to.drop, any);
+  return out->step(BPF_LD | BPF_W | BPF_ABS, kParentTgidAt);
+}
+
 }  // namespace
 
 filter_program wex_build_filter(const filter_rules& rules, sock_filter (&space)[kFilterProgramMax]) {
@@ -117,8 +135,12 @@ filter_program wex_build_filter(const filter_rules& rules, sock_filter (&space)[
   outcomes to = {};
   to.pass = out.step(BPF_RET | BPF_K, kPass);
   to.drop = out.step(BPF_RET | BPF_K, kDrop);
-  const size_t exit = write_exit(&out, rules, to);
-  const size_t others = out.branch(BPF_JEQ | BPF_K, htonl(kEventExit), exit, to.drop);
+  const bool single = rules.exits != nullptr && rules.exits->begin() != rules.exits->end();
+  const size_t set = single ? write_set(&out, *rules.exits, to) : to.drop;
+  const size_t exit = write_exit(&out, rules, set, to);
+  const size_t birth = single ? write_birth(&out, rules, set, to) : to.drop;
+  const size_t no_exit = out.branch(BPF_JEQ | BPF_K, htonl(kEventFork), birth, to.drop);
+  const size_t others = out.branch(BPF_JEQ | BPF_K, htonl(kEventExit), exit, no_exit);
   const size_t no_answer =
       out.branch(BPF_JEQ | BPF_K, htonl(kEventExec), rules.executions ? to.pass : to.drop, others);
   out.branch(BPF_JEQ | BPF_K, htonl(kEventAck), to.pass, no_answer);

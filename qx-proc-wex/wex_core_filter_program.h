@@ -18,11 +18,12 @@ enum class thread_ends : uint8_t {
 struct filter_rules {
   bool executions;
   thread_ends threads;
-  const pid_set* exits;  // the processes whose ends pass; null: all
+  const pid_set* exits;  // the processes whose ends pass, and those that get their ids; null: all, and none
+  int32_t daemon;        // its children's ids do not pass
 };
 
 // Four instructions for each word of the set, more where a jump is too far for a branch, and the common part.
-constexpr size_t kFilterProgramMax = 4 * pid_set::kWords + pid_set::kWords / 8 + 32;
+constexpr size_t kFilterProgramMax = 4 * pid_set::kWords + pid_set::kWords / 8 + 64;
 
 struct filter_program {
   sock_filter* first;

@@ -62,6 +62,8 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
   if (size < kKindAt + sizeof event->kind) {
     return false;
   }
+  size_t pid_at = kPidAt;
+  size_t tgid_at = kTgidAt;
   *event = {};
   event->kind = field<uint32_t>(message, kKindAt);
   switch (event->kind) {
@@ -79,12 +81,19 @@ bool read_event(const uint8_t* message, size_t size, process_event* event) {
         return false;
       }
       break;
+    case kEventFork:
+      if (size < kChildTgidAt + sizeof event->tgid) {
+        return false;
+      }
+      pid_at = kChildPidAt;
+      tgid_at = kChildTgidAt;
+      break;
     default:
       return false;
   }
   event->time_ns = field<uint64_t>(message, kTimeAt);
-  event->pid = field<int32_t>(message, kPidAt);
-  event->tgid = field<int32_t>(message, kTgidAt);
+  event->pid = field<int32_t>(message, pid_at);
+  event->tgid = field<int32_t>(message, tgid_at);
   return true;
 }
 
@@ -172,10 +181,12 @@ struct monitor {
   int64_t look_wanted_since = 0;
   int64_t next_unseen_look = 0;
   int64_t next_left_out_look = 0;
+  int64_t next_gap_look = 0;
   list_watch list;
   int64_t next_list_look = 0;
   bool list_changed = false;  // since the last pause
   bool executions_wanted = true;
+  bool was_birth = false;  // the last datagram
 };
 
 // For `reason`, one of the two, all processes are to be looked at.
@@ -211,9 +222,13 @@ void on_event(const process_event& event, void* context) {
   if (event.kind != kEventAck) {
     wex_monitor_read_until.store(wex_event_second(event), std::memory_order_release);
   }
+  state->was_birth = event.kind == kEventFork;
   switch (event.kind) {
     case kEventAck:
       state->ack_wait_ms = -1;
+      break;
+    case kEventFork:
+      wex_take_birth_event(event);
       break;
     case kEventExec:
       if (!wex_register_executed(event.pid)) {
@@ -226,7 +241,17 @@ void on_event(const process_event& event, void* context) {
   }
 }
 
+// Where the kernel says with each event that others were lost, a look for each would lose more.
+void look_for_unreported_ends(monitor* state) {
+  const int64_t now = wex_clock_ms();
+  if (now >= state->next_gap_look) {
+    state->next_gap_look = now + kGapLookMs;
+    wex_note_unreported_ends();
+  }
+}
+
 void receive_one(monitor* state) {
+  state->was_birth = false;
   uint8_t bytes[kDatagramMax];
   sockaddr_nl from = {};
   socklen_t from_size = sizeof from;
@@ -235,6 +260,7 @@ void receive_one(monitor* state) {
   if (size < 0) {
     if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
       wex_status_count(WEX_STATUS_OVERFLOWS);
+      look_for_unreported_ends(state);
       wex_request_sweep();
       want_look(state, &state->missed_some);
     }
@@ -338,6 +364,7 @@ outcome watch(int fd) {
   state.look_wanted_since = wex_clock_ms();
   state.list.open();
   look_at_list(&state);
+  look_for_unreported_ends(&state);
   wex_request_sweep();  // exits between the rebuild and the subscription were not reported
   wex_status_thread_is(kStatusMonitor);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
@@ -360,7 +387,7 @@ outcome watch(int fd) {
       wex_status_busy(kStatusMonitor);
       receive_one(&state);
     }
-    if (ready > 0 || state.list_changed) {
+    if ((ready > 0 && !state.was_birth) || state.list_changed) {
       state.list_changed = false;
       if (WEX_MONITOR_PAUSE_US > 0) {  // even no time at all would be a timer's interrupt
         usleep(WEX_MONITOR_PAUSE_US);

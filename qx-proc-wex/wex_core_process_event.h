@@ -4,7 +4,7 @@
 #include <cstdint>
 
 // Kinds of process events.
-enum : uint32_t { kEventAck = 0, kEventExec = 2, kEventExit = 0x80000000u };
+enum : uint32_t { kEventAck = 0, kEventFork = 1, kEventExec = 2, kEventExit = 0x80000000u };
 
 constexpr uint32_t kCoreDumped = 0x80;  // in an exit code
 
@@ -17,12 +17,16 @@ enum : uint32_t {
   kTimeAt = 44,
   kPidAt = 52,
   kTgidAt = 56,
-  kCodeAt = 60
+  kCodeAt = 60,
+  // of a fork
+  kParentTgidAt = 56,
+  kChildPidAt = 60,
+  kChildTgidAt = 64
 };
 
 struct process_event {
   uint32_t kind;
-  int32_t pid;
+  int32_t pid;  // of a fork: the child's
   int32_t tgid;
   uint32_t exit_code;  // exit events: kernel wait status
   uint64_t time_ns;    // the kernel's monotonic clock; 0 = no time stamp

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 
 #include "chain_lock.h"
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_clock.h"
@@ -106,8 +107,13 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
   const presence seen = wex_judge_presence(wex_look_at(wex_process_of(rec)), rec->start_time);
   if (seen != presence::absent) {
     rec->gone_since = 0;
-    return seen == presence::present ? verdict::present : verdict::suspected;
+    if (seen == presence::unknown) {
+      return verdict::suspected;
+    }
+    rec->ended_by_ns = 0;
+    return verdict::present;
   }
+  wex_note_ended(rec, wex_clock_ns());
   if (rec->gone_since == 0) {
     rec->gone_since = now != 0 ? now : 1;
   }

@@ -88,6 +88,7 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
 inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
+inline constexpr int kGapLookMs = 1000;          // least time between two looks because events were lost
 inline constexpr int kUnseenLookMs = 100;        // least time between two looks for programs that detached,
 inline constexpr int kUnseenLookShare = 50;      // and in how many times its own length one of them may begin
 inline constexpr int kLookPutOffMs = 1000;       // by events that do not end

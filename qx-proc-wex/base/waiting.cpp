@@ -36,7 +36,11 @@ void wex_sleep_ms(int milliseconds) {
 }
 
 int64_t wex_clock_ms() {
+  return wex_clock_ns() / 1000000;
+}
+
+int64_t wex_clock_ns() {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }

@@ -12,3 +12,5 @@ void wex_sleep_ms(int milliseconds);
 
 // Milliseconds of the monotonic clock, for waits inside one process.
 int64_t wex_clock_ms();
+// Nanoseconds, to be compared with the kernel's own times.
+int64_t wex_clock_ns();

@@ -499,6 +499,32 @@ void end_main_thread(const char*) {
   pthread_exit(nullptr);
 }
 
+bool main_thread_has_ended() {
+  char state = 0;
+  FILE* const stat = fopen("/proc/self/stat", "r");
+  const bool ended = stat != nullptr && fscanf(stat, "%*d (%*[^)]) %c", &state) == 1 && state == 'Z';
+  if (stat != nullptr) {
+    fclose(stat);
+  }
+  return ended;
+}
+
+// Reported is then the first thread, without a core dump, and the other one some time later.
+void crash_without_main(const char* name) {
+  pthread_t thread;
+  const auto wait_and_crash = [](void* signal) -> void* {
+    while (!main_thread_has_ended()) {
+      usleep(1000);
+    }
+    crash(static_cast<const char*>(signal));
+    return nullptr;
+  };
+  if (pthread_create(&thread, nullptr, wait_and_crash, const_cast<char*>(name)) != 0) {
+    give_up("pthread_create");
+  }
+  pthread_exit(nullptr);
+}
+
 void nothing(const char*) {}
 
 // ---- The table --------------------------------------------------------------------------------------------
@@ -546,6 +572,7 @@ const struct option_row {
     {"--end-thread", end_thread,
      "[=FILE]  a thread that ends; with FILE it registers itself as a program before, and tells its id"},
     {"--end-main-thread", end_main_thread, "  another thread holds for ever"},
+    {"--crash-without-main", crash_without_main, "=SIGNAL  the main thread ends before"},
     {"--exit", end, "=CODE"},
     {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
 };

@@ -2,6 +2,7 @@
 // handled.
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "handled_exits.h"
 #include "registry_files.h"
@@ -21,6 +22,19 @@ struct StrictStrangersExit : Strict {
   static bool runs(const stranger& users) {
     return eventually([&] { return command_line(users.pid()) == "/bin/sleep 777"; }, 20s) &&
            uid_of(users.pid()) == text(kUser);
+  }
+  // With all its threads: then its end can be waited for.
+  static bool has_ended(pid_t pid) {
+    siginfo_t end = {};
+    return waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == pid;
+  }
+  static words crash_words(const std::string& how) {
+    words all = {"/usr/bin/setpriv", "--reuid=1234", "--regid=1235", "--clear-groups",
+                 "/usr/bin/env",     "-C",           "/tmp"};
+    for (const std::string& word : actor_words({"--core", how})) {
+      all.push_back(word);
+    }
+    return all;
   }
   // A root's service that has died, and is running again when this returns, or not to be.
   pid_t kill_service(const words& options) {
@@ -86,24 +100,44 @@ TEST_F(StrictStrangersExit, BySigtermLeavesAServiceOfRootsThatCouldNotBeStartedT
   }
 }
 
+// The service, and the user's process with its pid, have ended and been reaped when the daemon hears of both.
+TEST_F(StrictStrangersExit, WithACoreDumpBeforeTheServicesOwnEndIsHandledDoesNotCountForIt) {
+  write_file(kBurstConfig, "600 1\n");
+  start();
+  for (const std::string how : {"--crash=SEGV", "--crash-without-main=SEGV"}) {
+    SCOPED_TRACE(how);
+    const words options = {"--tag=early" + how};
+    Process& service = process();
+    ASSERT_TRUE(start_service(&service, options, 0));
+    const pid_t pid = service.pid();
+    ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+    send_signal(pid, SIGKILL);
+    service.wait(20s);
+    {
+      const stranger users(pid, crash_words(how));
+      ASSERT_TRUE(eventually([&] { return has_ended(pid); }, 20s));
+    }
+    daemon.send(SIGCONT);
+    EXPECT_GT(wait_for_actor(service_words(options), pid, 20s), 0) << read_console();
+    wait_until_exits_are_handled();
+    EXPECT_FALSE(exists(kRebootLog)) << read_file(kRebootLog);
+    unlink(kRebootLog);
+  }
+}
+
 // By the main thread, and by another one, which is reported by itself.
 TEST_F(StrictStrangersExit, WithACoreDumpDoesNotCountForTheServiceOfRootsThatHadItsPid) {
   write_file(kBurstConfig, "600 1\n");
   start();
-  for (const std::string how : {"--crash=SEGV", "--crash-in-thread=SEGV"}) {
+  for (const std::string how : {"--crash=SEGV", "--crash-without-main=SEGV"}) {
     SCOPED_TRACE(how);
     const std::string tag = "--tag=before" + how;
     const pid_t pid = kill_service({tag});
     const pid_t next = wait_for_actor(service_words({tag}), pid, 20s);
     ASSERT_GT(next, 0) << read_console();
-    words crash = {"/usr/bin/setpriv", "--reuid=1234", "--regid=1235", "--clear-groups",
-                   "/usr/bin/env",     "-C",           "/tmp"};
-    for (const std::string& word : actor_words({"--core", how})) {
-      crash.push_back(word);
-    }
     {
-      const stranger users(pid, crash);
-      ASSERT_TRUE(eventually([&] { return status_field(pid, "State")[0] == 'Z'; }, 20s));
+      const stranger users(pid, crash_words(how));
+      ASSERT_TRUE(eventually([&] { return has_ended(pid); }, 20s));
     }
     wait_until_exits_are_handled();
     EXPECT_TRUE(is_alive(next));

@@ -188,6 +188,7 @@ inline wex_pid* crashing(wex_pid* rec) {
 // The next end of a record that has no process.
 inline void dump_core(wex_pid* rec) {
   rec->exit_seen = 0;
+  rec->ended_by_ns = 0;
   wex_take_exit_event(exit_of(rec->pid, kDumped));
 }
 

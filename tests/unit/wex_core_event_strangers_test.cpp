@@ -29,7 +29,7 @@ class StrangersEvent : public Event {
     wex_pid* const rec = park_at(900, process);
     rec->start_time = kSomeStart;
     rec->exit_seen = 1;
-    rec->handled_ms = wex_clock_ms();
+    rec->ended_by_ns = wex_clock_ns();
     wex_sleep_ms(2);
     return rec;
   }
@@ -59,6 +59,18 @@ class StrangersEvent : public Event {
   static bool is_there(const wex_pid* rec, int32_t pid) {
     chain_lock hold(wex_chains);
     return __wex_find_pid(&wex_chains, pid) == rec && exists(db_file(pid, rec->process));
+  }
+  // One whose end the kernel has not reported.
+  static wex_pid* unreported() {
+    wex_pid* const rec = waiting();
+    rec->alarm_wait_flag = 0;
+    rec->flags = 0;
+    rec->exit_seen = 0;
+    rec->ended_by_ns = 0;
+    return rec;
+  }
+  static process_event birth_of(int32_t pid, uint64_t time_ns = now_ns()) {
+    return {kEventFork, pid, pid, 0, time_ns};
   }
   // The record that is given is running again when this returns; the pid that it had.
   static int32_t replace(wex_pid* rec) {
@@ -137,7 +149,7 @@ TEST_F(StrangersEvent, WithTheCodeOfAStopDoesNotEndAProgramThatCouldNotBeStarted
   wex_pid* const rec = failed();
   const int32_t pid = rec->pid;
   rec->exit_seen = 0;
-  rec->handled_ms = 0;
+  rec->ended_by_ns = 0;
   wex_take_exit_event(exit_of(pid, 15));
   EXPECT_TRUE(is_there(rec, pid));
 }
@@ -150,7 +162,7 @@ TEST_F(StrangersEvent, ThatCanStillBeSeenDoesNotEndAProgramThatCouldNotBeStarted
     __wex_adopt_pid(&wex_chains, other, stranger);
     other->start_time = kSomeStart;
     other->exit_seen = 1;
-    other->handled_ms = wex_clock_ms();
+    other->ended_by_ns = wex_clock_ns();
     write_file(db_file(stranger, other->process), "");
   }
   wex_sleep_ms(2);
@@ -201,7 +213,7 @@ TEST_F(StrangersEvent, OfACoreDumpIsTheProgramsOwnWhenItStartedWithIt) {
     ASSERT_NE(0u, rec->start_time);
     rec->start_time += own ? 0 : 1;
     rec->exit_seen = 1;
-    rec->handled_ms = own ? wex_clock_ms() - 1000 : INT64_MAX;
+    rec->ended_by_ns = own ? wex_clock_ns() - 1000000000 : INT64_MAX;
     EXPECT_EQ(pid, replace(rec));
     wex_take_exit_event(thread_end(pid + 1, pid, kDumped));
     EXPECT_EQ(own, rec->crash_time != 0);
@@ -346,4 +358,146 @@ TEST_F(StrangersEvent, ThatDumpedCoreBeforeTheOwnEndWasHandledCountsForNoProgram
   wex_take_exit_event(exit_of(pid, kDumped, strangers_end));
   EXPECT_EQ(0u, reboots());
   end(rec);
+}
+
+// The own end was lost, or it is behind the others in the hands of another thread.
+TEST_F(StrangersEvent, AfterABirthUnderThePidDoesNotStopAProgramWhoseOwnEndWasNotReported) {
+  const wex_pid* const rec = unreported();
+  const int32_t pid = rec->pid;
+  wex_take_birth_event(birth_of(pid));
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_TRUE(is_there(rec, pid));
+  wex_take_exit_event(thread_end(pid + 1, pid, kDumped));
+  EXPECT_EQ(0u, reboots());
+  EXPECT_EQ(0u, rec->exit_tick);
+}
+
+TEST_F(StrangersEvent, AfterABirthIsNoneOfTheProgramThatHadThePidThoughItsOwnEndWasHandledLater) {
+  wex_pid* const rec = unreported();
+  const uint64_t own = now_ns();
+  const uint64_t birth = own + 100000;
+  wex_sleep_ms(5);
+  const int32_t pid = replace(rec);
+  wex_take_birth_event(birth_of(pid, birth));
+  wex_take_exit_event({kEventExit, pid + 1, pid, kDumped, birth});
+  EXPECT_EQ(0u, reboots()) << "by a coarse clock at the same time";
+  wex_take_exit_event({kEventExit, pid + 1, pid, kDumped, own});
+  EXPECT_EQ(1u, reboots());
+  end(rec);
+}
+
+TEST_F(StrangersEvent, OfATimeWhenOnlyThreadsOfTheProgramWereLeftIsNoneAfterABirth) {
+  const wex_pid* const rec = waiting();
+  const_cast<wex_pid*>(rec)->ended_by_ns = INT64_MAX;
+  wex_take_birth_event(birth_of(rec->pid));
+  wex_take_exit_event(thread_end(rec->pid + 1, rec->pid, kDumped));
+  EXPECT_EQ(0u, reboots());
+}
+
+// The daemon was busy when it was forked, or forking it took long.
+TEST_F(StrangersEvent, TheOwnBirthThatIsReadLateHidesNoEnd) {
+  for (const uint64_t later : {uint64_t{0}, uint64_t{3000000000}}) {
+    const pid_t pid = lasting();
+    wex_pid* const rec = add(pid);
+    wex_take_birth_event(birth_of(pid, now_ns() + later));
+    EXPECT_EQ(0, rec->ended_by_ns) << later;
+    send_signal(pid, SIGKILL);
+    EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+    wex_take_exit_event(exit_of(pid, 9));
+    EXPECT_NE(pid, pid_of(rec));
+    end(rec);
+  }
+}
+
+TEST_F(StrangersEvent, TheOwnBirthThatIsReadAfterTheEndHidesNoStop) {
+  const pid_t pid = lasting();
+  const uint64_t birth = now_ns();
+  const wex_pid* const rec = add(pid);
+  write_file(db_file(pid, rec->process), "");
+  wex_sleep_ms(50);
+  send_signal(pid, SIGKILL);
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  wex_take_birth_event(birth_of(pid, birth));
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000")));
+}
+
+TEST_F(StrangersEvent, ABirthWithoutATimeOrOfAThreadTellsNothing) {
+  const wex_pid* const rec = unreported();
+  wex_take_birth_event(birth_of(rec->pid, 0));
+  process_event thread = birth_of(rec->pid);
+  thread.tgid = getpid();
+  wex_take_birth_event(thread);
+  EXPECT_EQ(0, rec->ended_by_ns);
+}
+
+// When the kernel says that it could not report everything.
+TEST_F(StrangersEvent, AfterALookForUnreportedEndsDoesNotStopAProgramThatHadEnded) {
+  const pid_t lives = lasting();
+  wex_pid* const other = add(lives, "/bin/sleep 2000");
+  const wex_pid* const rec = unreported();
+  const int32_t pid = rec->pid;
+  wex_note_unreported_ends();
+  EXPECT_EQ(0, other->ended_by_ns);
+  wex_sleep_ms(1);
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_TRUE(is_there(rec, pid));
+  end(other);
+}
+
+TEST_F(StrangersEvent, AfterTheSweepHasMissedAProgramIsNotItsEnd) {
+  const wex_pid* const rec = unreported();
+  const int32_t pid = rec->pid;
+  const uint64_t own = now_ns();
+  wex_sleep_ms(1);
+  sweep_at({g_now});
+  wex_sleep_ms(1);
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_TRUE(is_there(rec, pid));
+  wex_take_exit_event(exit_of(pid, SIGTERM, own));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000"))) << "its own is read late";
+}
+
+// It looked dead to the sweep, and is not: its start time was not known before.
+TEST_F(StrangersEvent, IsNoneWhenTheSweepSeesTheProcessAgain) {
+  const pid_t pid = lasting();
+  wex_pid* const rec = add(pid);
+  rec->ended_by_ns = wex_clock_ns();
+  sweep_at({g_now});
+  EXPECT_EQ(0, rec->ended_by_ns);
+  end(rec);
+}
+
+// Its exit was taken for one of the process, which went on: a thread of it had executed a program.
+TEST_F(StrangersEvent, IsNoneWhenAProgramThatWasTakenForEndedIsFoundRunning) {
+  const pid_t pid = lasting();
+  wex_pid* const rec = add(pid);
+  rec->exit_seen = 1;
+  rec->ended_by_ns = wex_clock_ns();
+  wex_note_failed(rec);
+  wex_handle_netlink_exit(pid, 9, 1);
+  EXPECT_EQ(0, rec->ended_by_ns);
+  EXPECT_EQ(0, rec->restart_failed);
+  send_signal(pid, SIGKILL);
+  EXPECT_EQ(pid, waitpid(pid, nullptr, 0));
+  wex_take_exit_event(exit_of(pid, 9));
+  EXPECT_NE(pid, pid_of(rec));
+  end(rec);
+}
+
+// The pid is that of two registrations: one was started again as another process since, one waits with it.
+TEST_F(StrangersEvent, ThatIsOfTheProgramBeforeLastLeavesTheOneThatWaitsWithThePidAlone) {
+  const uint64_t first = now_ns();
+  wex_pid* const before = waiting();
+  const int32_t pid = replace(before);
+  wex_pid* const rec = add(pid);
+  rec->start_time = kSomeStart + 1;
+  rec->exit_seen = 1;
+  wex_note_failed(rec);
+  write_file(db_file(pid, rec->process), "");
+  wex_take_exit_event(exit_of(pid, SIGTERM, first));
+  EXPECT_TRUE(is_there(rec, pid));
+  EXPECT_EQ(0u, rec->exit_tick);
+  end(before);
+  unlink(db_file(pid, rec->process).c_str());
 }

@@ -55,7 +55,6 @@ int LINKED_SETSOCKOPT(__wrap)(int fd, int level, int name, const void* value, so
 
 namespace {
 
-constexpr uint32_t kFork = 1;
 constexpr uint32_t kComm = 0x200;
 
 class Filter : public ::testing::Test {
@@ -80,18 +79,24 @@ class Filter : public ::testing::Test {
   }
 
   // Whether such an event comes through.
-  bool passes(uint32_t kind, int32_t pid = 7, int32_t tgid = 7, uint32_t code = 0, size_t size = 76) {
+  bool passes(uint32_t kind, int32_t pid = 7, int32_t tgid = 7, uint32_t code = 0, size_t size = 76,
+              int32_t last = 0) {
     std::array<uint8_t, 76> message = {};
     memcpy(message.data() + kKindAt, &kind, sizeof kind);
     memcpy(message.data() + kPidAt, &pid, sizeof pid);
     memcpy(message.data() + kTgidAt, &tgid, sizeof tgid);
     memcpy(message.data() + kCodeAt, &code, sizeof code);
+    memcpy(message.data() + kChildTgidAt, &last, sizeof last);
     // What the filter drops is refused with EPERM or taken and thrown away, according to the kind of socket.
     send(ends_[0], message.data(), size, MSG_DONTWAIT);
     uint8_t got[sizeof message];
     return recv(ends_[1], got, sizeof got, MSG_DONTWAIT) == static_cast<ssize_t>(size);
   }
   bool exit_passes(int32_t pid) { return passes(kEventExit, pid, pid); }
+  bool birth_passes(int32_t pid, int32_t tgid, int32_t parent = 1) {
+    return passes(kEventFork, parent, parent, static_cast<uint32_t>(pid), 76, tgid);
+  }
+  bool birth_passes(int32_t pid) { return birth_passes(pid, pid); }
   bool thread_ends_pass() { return passes(kEventExit, 9, 7, 0); }
 
   static bool expect_exit_of(int32_t pid) {
@@ -117,9 +122,11 @@ class Filter : public ::testing::Test {
   void expect_exactly(const std::set<int32_t>& pids) {
     for (const int32_t pid : pids) {
       ASSERT_TRUE(exit_passes(pid)) << pid;
+      ASSERT_TRUE(birth_passes(pid)) << pid;
       for (const int32_t other :
            {pid - 1, pid + 1, pid ^ 0x20, pid ^ 0x2000, pid ^ 0x10000, pid ^ 0x1000000}) {
         ASSERT_EQ(pids.count(other) != 0, exit_passes(other)) << other << " beside " << pid;
+        ASSERT_EQ(pids.count(other) != 0, birth_passes(other)) << other << " beside " << pid;
       }
     }
   }
@@ -135,7 +142,7 @@ TEST_F(Filter, PassesWhatTheMonitorActsOn) {
   EXPECT_TRUE(passes(kEventExec));
   EXPECT_TRUE(passes(kEventExit));
   EXPECT_TRUE(passes(kEventExit, 7, 7, 11)) << "a killed process";
-  EXPECT_FALSE(passes(kFork));
+  EXPECT_TRUE(birth_passes(7));
   EXPECT_FALSE(passes(kComm));
 }
 
@@ -154,6 +161,17 @@ TEST_F(Filter, DropsTheExitsOfOtherProcessesWhateverTheirEnd) {
   forget_all();
   EXPECT_FALSE(exit_passes(7));
   EXPECT_TRUE(passes(kEventAck));
+}
+
+// Whoever gets the pid of a registered process.
+TEST_F(Filter, PassesTheBirthsOfItsProcessesButNotOfThreadsNorOfTheDaemonsChildren) {
+  EXPECT_TRUE(birth_passes(7));
+  EXPECT_FALSE(birth_passes(8));
+  EXPECT_FALSE(birth_passes(9, 7)) << "a thread of the registered process";
+  EXPECT_FALSE(birth_passes(7, 9)) << "a thread of another one";
+  EXPECT_FALSE(birth_passes(7, 7, getpid())) << "the daemon's own child";
+  forget_all();
+  EXPECT_FALSE(birth_passes(7));
 }
 
 TEST_F(Filter, DropsExecutionsWhileNobodyWantsThem) {
@@ -260,6 +278,7 @@ TEST_F(Filter, PassesTheExitsOfAllWhenItsProcessesAreTooMany) {
   EXPECT_FALSE(expect_exit_of(100000));
   EXPECT_TRUE(exit_passes(100000));
   EXPECT_TRUE(exit_passes(100001));
+  EXPECT_FALSE(birth_passes(100001)) << "each fork of anybody would be read";
   EXPECT_FALSE(thread_ends_pass());
   EXPECT_TRUE(expect_exit_of(200000)) << "it has been said once that the set is full";
   EXPECT_TRUE(exit_passes(200001));
@@ -288,7 +307,7 @@ TEST_F(Filter, PassesTheEndsOfThreadsWhileAnybodyNeedsThem) {
   EXPECT_TRUE(passes(kEventExit, 9, 8)) << "thread 9 may be";
   wex_pass_thread_ends(thread_ends_for::undecided_exits, false);
   EXPECT_TRUE(thread_ends_pass()) << "one of two still needs them";
-  EXPECT_FALSE(passes(kFork));
+  EXPECT_FALSE(birth_passes(9, 7));
   wex_pass_thread_ends(thread_ends_for::registrations, false);
   EXPECT_FALSE(thread_ends_pass());
 }
@@ -358,7 +377,7 @@ TEST_F(Filter, IsTakenAwayWhenEveryOtherIsRefused) {
   g_setsockopt.fail(2, ENOMEM);
   wex_pass_thread_ends(thread_ends_for::registrations, true);
   EXPECT_TRUE(thread_ends_pass());
-  EXPECT_TRUE(passes(kFork)) << "nothing filters";
+  EXPECT_TRUE(passes(kEventFork)) << "nothing filters";
   wex_pass_thread_ends(thread_ends_for::registrations, false);
   EXPECT_FALSE(thread_ends_pass()) << "and one is put back when it can be";
 }

@@ -18,7 +18,6 @@ namespace {
 using bytes = std::vector<uint8_t>;
 
 enum : uint16_t { kNoop = 1, kError = 2, kDone = 3, kOverrun = 4, kOrdinary = 20 };
-constexpr uint32_t kFork = 1;
 
 template <typename T>
 void put(bytes* message, size_t at, T value) {
@@ -127,6 +126,17 @@ TEST(Datagram, AnExecCarriesPidAndGroupAndNoCode) {
   EXPECT_EQ(0u, seen[0].exit_code);
 }
 
+TEST(Datagram, AForkCarriesTheChildAndNotItsParent) {
+  bytes fork = message(kEventFork, 5, 6, 812);
+  put(&fork, kChildTgidAt, int32_t{811});
+  const auto seen = events_of(fork);
+  ASSERT_EQ(1u, seen.size());
+  EXPECT_EQ(kEventFork, seen[0].kind);
+  EXPECT_EQ(812, seen[0].pid);
+  EXPECT_EQ(811, seen[0].tgid);
+  EXPECT_EQ(0u, seen[0].exit_code);
+}
+
 TEST(Datagram, TheAcknowledgementIsPassedOn) {
   const auto seen = events_of(message(kEventAck, 0, 0, 0));
   ASSERT_EQ(1u, seen.size());
@@ -134,8 +144,7 @@ TEST(Datagram, TheAcknowledgementIsPassedOn) {
 }
 
 TEST(Datagram, EventsOfOtherKindsAreIgnored) {
-  for (const uint32_t kind :
-       {kFork, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u, 0x80000002u, 0xffffffffu}) {
+  for (const uint32_t kind : {4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u, 0x80000002u, 0xffffffffu}) {
     EXPECT_TRUE(events_of(message(kind, 5, 5, 0)).empty()) << kind;
   }
 }
@@ -149,6 +158,10 @@ TEST(Datagram, AnEventThatEndsBeforeItsFieldsIsDropped) {
     EXPECT_TRUE(events_of(message(kEventExec, 5, 5, 9, kDone, size)).empty()) << size;
   }
   EXPECT_EQ(pids{5}, pids_of(message(kEventExec, 5, 5, 9, kDone, 60)));
+  for (size_t size = 16; size < 68; ++size) {
+    EXPECT_TRUE(events_of(message(kEventFork, 5, 5, 9, kDone, size)).empty()) << size;
+  }
+  EXPECT_EQ(pids{9}, pids_of(message(kEventFork, 5, 5, 9, kDone, 68)));
 }
 
 TEST(Datagram, AMessageThatClaimsMoreThanThereIsStopsTheWalk) {
@@ -221,7 +234,7 @@ TEST(Datagram, AnyBytesAreSafeAndYieldNoMoreEventsThanHeaders) {
       put(&content, at, length);
       put(&content, at + 4, static_cast<uint16_t>(random() % 6));
       if (at + 40 <= content.size()) {
-        constexpr uint32_t kKinds[] = {kEventAck, kEventExec, kEventExit, kFork};
+        constexpr uint32_t kKinds[] = {kEventAck, kEventExec, kEventExit, kEventFork};
         put(&content, at + 36, kKinds[random() % 4]);
       }
       at += (length + 19) & ~size_t{3};
