@@ -6,6 +6,7 @@
 #include "exit_world.h"
 #include "leak_gate.h"
 #include "pid_set.h"
+#include "waiting.h"
 #include "wex_chain_user_sets.h"
 #include "wex_core_restart.h"
 #include "wex_core_sweep_request.h"
@@ -14,6 +15,7 @@
 using namespace event_world;
 using exit_world::died;
 using exit_world::holds;
+using exit_world::missed;
 using exit_world::reap;
 using exit_world::registered;
 using exit_world::unfound;
@@ -454,4 +456,56 @@ TEST_F(AwaitedEnd, IsReportedAlsoWhenNobodyKeepsThePidAnyMoreUntilTheProgramHasB
     __wex_tidy_filter();
   }
   EXPECT_FALSE(g_passed.has(next_->pid()));
+}
+
+// ---- What the wait does not touch -------------------------------------------------------------------------
+
+// Of the start before: it is not what the program waits for.
+TEST_F(HandOver, AProgramThatWaitsIsNotDroppedByTheEndOfTheChildThatWasStartedBefore) {
+  detached next("4711");
+  wex_pid* const rec = missed(park_at(900, next.program.c_str()), kNoChild);
+  const int32_t pid = rec->pid;
+  wex_handle_netlink_exit(pid, 9, 0);
+  ASSERT_TRUE(waits(rec, pid));
+  reap(kNoChild, SIGTERM);
+  EXPECT_TRUE(holds(next.program.c_str()));
+  EXPECT_TRUE(waits(rec, pid));
+  next.process.kill_now();
+}
+
+// Or the next restart would be made without its pause.
+TEST_F(HandOver, AProgramThatWaitsHasNoPauseBehindIt) {
+  detached next("4711");
+  wex_pid* const rec = died(park_at(900, next.program.c_str()));
+  rec->delay_start = -1;  // as the end of a pause leaves it
+  rec->restart_delay = 1;
+  const int32_t pid = rec->pid;
+  wex_handle_netlink_exit(pid, 9, 0);
+  ASSERT_TRUE(waits(rec, pid));
+  next.die();
+  const int64_t begin = wex_clock_ms();
+  sweep_when_due();
+  EXPECT_LE(begin + 1000, wex_clock_ms());
+  expect_started(rec, pid);
+}
+
+// Root's that could not be started again leaves its pid to a newcomer, in strict mode: to one that registers.
+TEST_F(HandOver, TheQuestionWhetherAPidIsKeptTakesNothingFromItsKeeper) {
+  be_strict();
+  detached next("4711");
+  next.keeper->alarm_wait_flag = 0;
+  be_roots(next.keeper);
+  wex_note_failed(next.keeper);
+  const std::string file = db_file(next.pid(), "/bin/sleep 2000");
+  write_file(file, std::to_string(next.pid()) + "\n2\n/bin/sleep 2000");
+  const wex_pid* const rec = park_at(900, next.program.c_str());
+  uint64_t start_time = 0;
+  {
+    chain_lock hold(wex_chains);
+    ASSERT_TRUE(__wex_leaves_pid(next.pid(), wex_look_at(next.pid()).start_time));
+    EXPECT_FALSE(__wex_pid_is_kept(next.pid(), rec, &start_time));
+    EXPECT_EQ(next.pid(), next.keeper->pid);
+  }
+  EXPECT_TRUE(exists(file));
+  next.process.kill_now();
 }
