@@ -86,9 +86,9 @@ typedef struct wex_pid {
   int32_t delay_start;     /* when the copy entered the delay chain; of a user's program in strict mode when
                               the pause before its restart began, 0 = none */
 
-  int32_t exit_seen;      /* an exit of this very pid has been handled */
-  int64_t ended_by_ns;    /* the first time at which its process was known to have ended, in nanoseconds of the
-                             monotonic clock; INT64_MAX = only its main thread has, 0 = it was never known */
+  int32_t exit_seen;   /* an exit of this very pid has been handled */
+  int64_t ended_by_ns; /* the first time at which its process was known to have ended, in nanoseconds of the
+                          monotonic clock; INT64_MAX = only its main thread has, 0 = it was never known */
   int32_t restart_failed; /* when the last restart left no process: the pid is a dead one; 0 = it did */
   int32_t thread_of;      /* the pid is of a thread of this process; 0 = a process, -1 = not known yet */
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
@@ -98,10 +98,13 @@ typedef struct wex_pid {
   uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
   int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
   uint32_t
-      known_code;     /* exit code that is known before the exit is handled: of a signal that ended the thread
-                         of `thread_of`, or of an end before there was this record; 0 = none was reported */
-  int32_t user;       /* strict mode: number of the user it is started again as; 0 = not known */
-  uint32_t name_hash; /* of `process`: the key of a second table */
+      known_code;  /* exit code that is known before the exit is handled: of a signal that ended the thread
+                      of `thread_of`, or of an end before there was this record; 0 = none was reported */
+  int32_t awaited; /* the process to which the program is handed over when its pid gets free; with the other
+                      sign when that process's end was reported; 0 = none */
+  uint64_t awaited_start; /* its start time */
+  int32_t user;           /* strict mode: number of the user it is started again as; 0 = not known */
+  uint32_t name_hash;     /* of `process`: the key of a second table */
   wex_hnode name_node;
 } wex_pid;
 

@@ -202,11 +202,19 @@ const replacement* find_replaced(int32_t pid) WEX_TSA(requires_capability(wex_ch
   return nullptr;
 }
 
-// Every process whose exit, or whose threads' core dumps, concern the registry. False when they are too many.
+bool is_due_before(const wex_pid* rec, const wex_pid* other) {
+  if ((rec->exit_seen != 0) != (other->exit_seen != 0)) {
+    return rec->exit_seen == 0;
+  }
+  return rec->gone_since < other->gone_since;
+}
+
+// Every process whose exit, or whose threads' core dumps, concern the registry. Whoever keeps the pid of an
+// awaited one may be gone before. False when they are too many.
 bool gather_expected(pid_set* pids) WEX_TSA(requires_capability(wex_chains)) {
   record_walk walk(wex_chains);
   for (const wex_pid* rec = walk.next(); rec != nullptr; rec = walk.next()) {
-    if (rec->pid > 0 && !pids->add(rec->pid)) {
+    if ((rec->pid > 0 && !pids->add(rec->pid)) || (rec->awaited > 0 && !pids->add(rec->awaited))) {
       return false;
     }
   }
@@ -380,6 +388,18 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   return nullptr;
 }
 
+wex_pid* __wex_find_ended(int32_t pid, uint64_t start_time) {
+  wex_pid* found = nullptr;
+  for (wex_hnode* node = *bucket_of(&wex_chains, pid); node != nullptr; node = node->next) {
+    wex_pid* const rec = wex_record_of(node);
+    const bool is_one = rec->pid == pid && (start_time == 0 || rec->start_time == start_time);
+    if (is_one && (found == nullptr || is_due_before(rec, found))) {
+      found = rec;
+    }
+  }
+  return found;
+}
+
 void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) {
   if (const wex_pid* const rec = __wex_find_pid(chain, pid)) {
     wex_keep_user(rec);
@@ -426,7 +446,7 @@ wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) {
 }
 
 wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) {
-  if (rec->pid > 0 && !wex_strict().on) {
+  if (rec->pid > 0 && !wex_strict().on && rec->start_time != kStartOfNobody) {
     return __wex_recycle_pid(chain, rec->pid);
   }
   wex_dbg(WEX_DBG_PUB, "%s del pid %d\n", "__wex_del_pid", rec->pid);
@@ -506,6 +526,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
     rec->missed_child = 0;
     rec->missed_start = 0;
   }
+  rec->awaited = 0;
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;

@@ -41,6 +41,11 @@ wex_pid* wex_proc_is_running(wex_pid* rec) WEX_TSA(requires_capability(wex_chain
 // process may have the pid, so its exit is not the record's.
 inline constexpr uint64_t kStartOfNobody = 1;
 
+// The record of this pid whose process began at that time (0: at any), or null. Several may be like that, of
+// programs that have no process, or wait for a hand-over: then one whose exit was not handled, and that was
+// gone first.
+wex_pid* __wex_find_ended(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));
+
 // A zero-filled record with its links initialised. Waits for memory: never with a chain held.
 wex_pid* wex_new_record();
 void wex_free_record(wex_pid* rec);
@@ -99,7 +104,8 @@ void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) WEX_TSA(re
 wex_pid* __wex_recycle_pid(wex_chains_t* chain, int32_t pid) WEX_TSA(requires_capability(chain));
 
 // The same for the pid of `rec`. A pid below 1 is that of no process, and records of several programs may
-// have it: then only `rec` is taken. So it is in strict mode with any pid.
+// have it: then only `rec` is taken. So it is in strict mode with any pid, and with that of a process that
+// nobody has: a newcomer may have it.
 wex_pid* __wex_recycle_record(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capability(chain));
 
 // Puts a record into the chain that is like `before`, whose memory has been given away. May wait for memory,

@@ -287,7 +287,7 @@ bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabilit
   if (found < 1) {
     return false;
   }
-  if (__wex_pid_is_kept(found, rec) && __wex_await_hand_over(rec)) {
+  if (__wex_await_hand_over(rec, found)) {
     return true;  // the program that had the pid before is started, too
   }
   if (__wex_find_pid(&wex_chains, found) != nullptr) {

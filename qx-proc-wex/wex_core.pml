@@ -38,6 +38,7 @@
 //   handed_over: third-part programs that started themselves again
 //   keep_throttle: a part of handed_over()
 //   __wex_await_hand_over: the same
+//   take_exit: the end of the process that such a program waits for; the sweep handles it
 //   drop_stopped: ends by SIGTERM, which need no start
 //   drop_missed: third-part programs that were not found
 //   give_up_pid: a pid stands for one process only here
@@ -171,6 +172,10 @@ inline __wex_find_pid(chain, wanted) {  // wex_chain.cpp, in one step
   }
 }
 
+inline __wex_find_ended(wanted) {  // wex_chain.cpp, in one step
+  __wex_find_pid(wex_chains, wanted)
+}
+
 inline record_of_event(p) {  // wex_core_event.cpp, in one step
   __wex_find_pid(wex_chains, p)
 }
@@ -302,7 +307,7 @@ inline wex_drop_taken_down(p) {  // wex_core_takedown.cpp
     :: !wex_take_down_under_way() -> yes = false
     :: else ->
       lock(wex_chains);
-      __wex_find_pid(wex_chains, p);
+      __wex_find_ended(p);
       if
       :: r != NONE -> excused[rec[r].program] = true; __wex_drop_registration(r)
       :: else
@@ -606,7 +611,7 @@ inline handle_exit(p, forced_restart, known_ended) {  // wex_core_exit.cpp
 }
 
 inline handle_lost(p) {  // wex_core_exit.cpp
-  __wex_find_pid(wex_chains, p);
+  __wex_find_ended(p);
   if
   :: r == NONE
   :: r != NONE && rec[r].exit_seen != 0

@@ -20,6 +20,7 @@
 #include "wex_core_exit.h"
 #include "wex_core_filter.h"
 #include "wex_core_process_event.h"
+#include "wex_core_restart.h"
 #include "wex_core_sweep_request.h"
 #include "wex_core_takedown.h"
 #include "wex_limits.h"
@@ -171,13 +172,16 @@ struct pending_exit {
 pending_exit g_pending[kPendingExits];
 int g_pending_count = 0;
 
-// Whether the event is of a registered process. That of one whose registration is under way is kept for it.
+// Whether the event is of a registered process. That of one whose registration is under way is kept for it,
+// and so is that of one to which a registration is still to be handed over.
 bool is_registered(const process_event& event) {
   chain_lock hold(wex_chains);
-  if (event.pid == event.tgid) {
-    __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
+  const bool is_known = record_of_event(event) != nullptr;
+  if (event.pid != event.tgid) {
+    return is_known;
   }
-  return record_of_event(event) != nullptr;
+  __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
+  return !__wex_take_awaited_exit(event.pid, event.exit_code, tick_of(event), is_known) && is_known;
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report: by reaping a child of ours,

@@ -295,7 +295,7 @@ bool handed_over(wex_pid** handed, const wex_action& action) WEX_TSA(requires_ca
   }
   wex_dbg(WEX_DBG_PUB, "%s--> wex_pid->action == %s, found child pid_get = %d\n", kHandler, action.name,
           child);
-  if (__wex_pid_is_kept(child, rec) && __wex_await_hand_over(rec)) {
+  if (__wex_await_hand_over(rec, child)) {
     return true;
   }
   wex_pid before = *rec;
@@ -458,13 +458,13 @@ void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint6
 }
 
 // The exit of the process that started at `start_time` was not reported. It may have come after all, or the
-// pid may belong to somebody else, since that was found.
-void handle_lost(int32_t pid, uint32_t exit_signal, uint64_t start_time)
-    WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec == nullptr || rec->start_time != start_time || rec->exit_seen != 0 || still_runs(rec)) {
+// pid may belong to somebody else, since that was found. Without a status the cause is what the record knows.
+void handle_lost(int32_t pid, uint32_t status, uint64_t start_time) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_ended(pid, start_time);
+  if (rec == nullptr || rec->exit_seen != 0 || still_runs(rec)) {
     return;
   }
+  const uint32_t exit_signal = status != 0 ? status : rec->known_code;
   const bool reported = wex_status_waits(rec);  // one that waits for its hand-over comes here many times
   if (!reported) {
     wex_status_tell(WEX_STATUS_EV_LOST_EXIT, rec, {0, 0, exit_signal});
@@ -551,8 +551,8 @@ void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
 
 }  // extern "C"
 
-void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time) {
-  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) { handle_lost(pid, exit_signal, start_time); });
+void wex_handle_lost_exit(int32_t pid, uint32_t status, uint64_t start_time) {
+  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) { handle_lost(pid, status, start_time); });
 }
 
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {

@@ -40,6 +40,7 @@ void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_st
     WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 
 // wex_handle_netlink_exit() for an exit that the kernel did not report: of the process that started at this
-// time. Nothing happens, and nothing is told, when its exit was handled meanwhile or it runs after all.
-void wex_handle_lost_exit(int32_t pid, uint32_t exit_signal, uint64_t start_time)
+// time. `status` 0: what the record knows of it. Nothing happens, and nothing is told, when its exit was
+// handled meanwhile or it runs after all.
+void wex_handle_lost_exit(int32_t pid, uint32_t status, uint64_t start_time)
     WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));

@@ -1,7 +1,10 @@
 // wex_core_restart: a record's program is started again, and the record follows its new process.
 #include "wex_core_restart.h"
 
+#include <algorithm>
+
 #include "wex_chain.h"
+#include "wex_chain_identity.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
 #include "wex_core_spawn_guard.h"
@@ -9,13 +12,13 @@
 #include "wex_core_third_part.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
+#include "wex_msg.h"
 #include "wex_paths.h"
 #include "wex_pidfile.h"
 #include "wex_platform.h"
 #include "wex_proc.h"
 #include "wex_proc_child.h"
 #include "wex_status_image.h"
-#include "wex_strict.h"
 #include "wex_utils.h"
 
 namespace {
@@ -37,6 +40,54 @@ void make_file_of_listed(const wex_pid* rec) {
     wex_mend_pidfile(rec);
     wex_own_database_file(rec);
   }
+}
+
+// So that exits are compared with no record while nobody waits.
+bool g_any_awaited WEX_TSA(guarded_by(wex_chains)) = false;
+
+bool awaits_end(const wex_pid* rec) {
+  return rec->awaited > 0 && rec->start_time == kStartOfNobody && rec->exit_seen == 0;
+}
+
+// The end that is to come is that of the process to which the program is to be handed over: by its cause the
+// program is started again or, stopped on purpose, dropped. What has been reported of the same process counts
+// on.
+void await_end_of(wex_pid* rec, int32_t process, uint64_t start_time)
+    WEX_TSA(requires_capability(wex_chains)) {
+  if (rec->awaited == -process && rec->awaited_start == start_time) {
+    return;
+  }
+  rec->known_code = 0;
+  rec->awaited = process;
+  rec->awaited_start = start_time;
+  g_any_awaited = true;
+}
+
+// Whether an exit in this tick, of a process with the same pid, is that of the process that began at
+// `start_time`. Others have had the pid before, and may have it `now`. About the same time as that beginning
+// it may be the end of the one before, as long as that one's is to come.
+bool is_exit_of(const process_look& now, uint64_t start_time, uint64_t exit_tick, bool another_is_to_come) {
+  const bool after_start = another_is_to_come ? exit_tick > start_time + kStartTickSlack
+                                              : exit_tick + kStartTickSlack >= start_time;
+  const bool is_not_of_later_one = now.sight == process_look::gone || now.start_time == start_time ||
+                                   now.start_time > exit_tick + kStartTickSlack;
+  return after_start && is_not_of_later_one;
+}
+
+// False when it is not that of the awaited process, which goes on all the same when it was a main thread's
+// end, for another thread has executed a program.
+bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
+  const process_look now = wex_look_at(rec->awaited);
+  if (!is_exit_of(now, rec->awaited_start, exit_tick, another_is_to_come)) {
+    return false;
+  }
+  if (wex_judge_exit(now, rec->awaited_start, exit_tick) != exit_verdict::runs) {
+    rec->known_code = code;
+    rec->awaited = -rec->awaited;
+    rec->gone_since = std::min(rec->gone_since, std::max(wex_clock_now(), 1));
+    wex_request_sweep();
+  }
+  return true;
 }
 
 }  // namespace
@@ -80,15 +131,16 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
   return result;
 }
 
-bool __wex_await_hand_over(wex_pid* rec) {
-  if (rec->pid < 1 && (rec->pid >= -1 || !wex_strict().on)) {
+bool __wex_await_hand_over(wex_pid* rec, int32_t found) {
+  uint64_t start_time = 0;
+  if (!__wex_pid_is_kept(found, rec, &start_time)) {
     return false;
   }
+  await_end_of(rec, found, start_time);
   rec->start_time = kStartOfNobody;
   rec->thread_of = 0;
   rec->exit_seen = 0;
   rec->exit_tick = 0;
-  rec->known_code = 0;  // the end that is to come is that of the other process
   rec->missed_start = 0;
   rec->delay_start = 0;
   rec->gone_since = wex_clock_now() + kHandOverAgainSec;
@@ -96,6 +148,23 @@ bool __wex_await_hand_over(wex_pid* rec) {
   wex_status_waiting(rec);
   wex_request_sweep();
   return true;
+}
+
+bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
+  if (!g_any_awaited) {
+    return false;
+  }
+  bool taken = false;
+  bool any = false;
+  record_walk walk(wex_chains);
+  while (wex_pid* const rec = walk.next()) {
+    const bool its_own =
+        awaits_end(rec) && rec->awaited == pid && take_exit(rec, code, exit_tick, another_is_to_come);
+    taken = taken || its_own;
+    any = any || awaits_end(rec);
+  }
+  g_any_awaited = any;
+  return taken;
 }
 
 void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line) {

@@ -22,11 +22,18 @@ inline constexpr restart_case kAtStart = {"wex_chain", false, false, false};
 int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& action,
                           const restart_case& after) WEX_TSA(requires_capability(chain, wex_chains));
 
-// The record's process has ended, and its program runs as a process that cannot be registered yet
-// (__wex_pid_is_kept): the record, with its database file, becomes a lost one, so that the sweep has its exit
-// handled again soon. A newcomer of the program takes its place meanwhile. False, and nothing is done, when
-// the record has no number by which the sweep could find it.
-bool __wex_await_hand_over(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+// The record's process has ended, and its program runs as the process `found`. When that one cannot be
+// registered yet (__wex_pid_is_kept), true: the record, with its database file if it has one, becomes a lost
+// one, so that the sweep has its exit handled again soon. A newcomer of the program takes its place
+// meanwhile.
+bool __wex_await_hand_over(wex_pid* rec, int32_t found) WEX_TSA(requires_capability(wex_chains));
+
+// The kernel has reported an exit under this pid, in this tick since the boot. True when it is that of a
+// process to which a record waits to be handed over, and nobody else's: that of the one which had the pid
+// before may still be to come. Unless the process goes on, the record knows the exit code from now on, and is
+// handled soon.
+bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
+    WEX_TSA(requires_capability(wex_chains));
 
 // Tells the system log of a restart that found its process, and the diagnostics, in the name of the caller's
 // module and line.

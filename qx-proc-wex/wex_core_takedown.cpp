@@ -176,8 +176,8 @@ bool wex_drop_taken_down(int32_t pid, uint64_t start_time) {
     return false;
   }
   chain_lock hold(wex_chains);
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && (start_time == 0 || rec->start_time == start_time)) {
+  wex_pid* const rec = __wex_find_ended(pid, start_time);
+  if (rec != nullptr) {
     wex_status_tell(WEX_STATUS_EV_DROPPED, rec);
     __wex_drop_registration(rec);
   }

@@ -41,14 +41,15 @@ std::atomic<bool> wex_delay_ended{false};
 
 namespace {
 
-// One that has given its pid up (strict mode) before its end was handled still waits for that.
-bool has_process_or_number(const wex_pid* rec) {
-  return rec->pid > 0 || (wex_strict().on && rec->pid < -1);
+// One that has given its pid up (strict mode) before its end was handled still waits for that, and one whose
+// start found no process may wait for a hand-over.
+bool has_end_to_come(const wex_pid* rec) {
+  return rec->pid > 0 || rec->start_time == kStartOfNobody || (wex_strict().on && rec->pid < -1);
 }
 
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && has_process_or_number(rec) &&
+  return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && has_end_to_come(rec) &&
          !__wex_waits_for_restart(rec->pid);
 }
 
@@ -56,16 +57,16 @@ struct lost_exit {
   int32_t pid;
   int32_t process;  // whose exit it is
   uint64_t start_time;
-  uint32_t known_code;
 };
 
-void count_crash(const lost_exit& lost) {
+void count_crash(const lost_exit& lost, uint32_t status) {
   {
     chain_lock hold(wex_chains);
-    wex_pid* const rec = __wex_find_pid(&wex_chains, lost.pid);
-    if (rec != nullptr && rec->start_time == lost.start_time) {
-      __wex_note_crash(rec);
+    wex_pid* const rec = __wex_find_ended(lost.pid, lost.start_time);
+    if (rec == nullptr || !WCOREDUMP(status != 0 ? status : rec->known_code)) {
+      return;
     }
+    __wex_note_crash(rec);
   }
   wex_judge_crashes();
 }
@@ -78,11 +79,8 @@ void hand_over(const lost_exit& lost) {
     return;
   }
   const uint32_t status = wex_status_of_ended(lost.process, lost.start_time);
-  const uint32_t code = status != 0 ? status : lost.known_code;
-  if (WCOREDUMP(code)) {
-    count_crash(lost);
-  }
-  wex_handle_lost_exit(lost.pid, code, lost.start_time);
+  count_crash(lost, status);
+  wex_handle_lost_exit(lost.pid, status, lost.start_time);
 }
 
 enum class verdict { present, suspected, lost };
@@ -145,7 +143,7 @@ void wex_sweep_lost_exits() {
       const verdict found = judge(rec, now);
       any_thread = any_thread || (rec->thread_of > 0 && wex_get_ppid_form_pid(rec->pid) == rec->thread_of);
       if (found == verdict::lost && count < kLostAtOnce) {
-        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time, rec->known_code};
+        lost[count++] = {rec->pid, wex_process_of(rec), rec->start_time};
       } else if (found != verdict::present) {
         wex_request_sweep();
       }

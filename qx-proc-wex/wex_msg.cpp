@@ -483,8 +483,9 @@ int wex_register_third_part(int32_t pid, const char* type, wex_pid* memory) {
   return wex_register_listed(pid, type, memory, now);
 }
 
-bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) {
+bool __wex_pid_is_kept(int32_t pid, const wex_pid* of, uint64_t* start_time) {
   const process_look now = wex_look_at(pid);
+  *start_time = now.start_time;
   if (pid == of->pid || now.sight != process_look::seen || wex_surely_dead(now)) {
     return false;
   }

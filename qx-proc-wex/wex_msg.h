@@ -50,4 +50,6 @@ void wex_forget_listed_left_out();
 
 // Whether a registration of another process keeps this pid, which a process with the command line of the
 // registration `of` has by now, so that it cannot be registered. In strict mode some leave it to a newcomer.
-bool __wex_pid_is_kept(int32_t pid, const wex_pid* of) WEX_TSA(requires_capability(wex_chains));
+// `*start_time` is that of the process.
+bool __wex_pid_is_kept(int32_t pid, const wex_pid* of, uint64_t* start_time)
+    WEX_TSA(requires_capability(wex_chains));

@@ -12,6 +12,8 @@ using namespace third_part;
 
 namespace {
 
+constexpr int kLong = 600;  // seconds
+
 struct HandOverToKeptPid : ThirdPart {
   // A listed program waits to detach; a service has been parked, for so many seconds, and has its file.
   void prepare(int wait) {
@@ -79,6 +81,20 @@ struct HandOverToKeptPid : ThirdPart {
     expect_restart_of(detached);
   }
 
+  // As an operator stops it, while it has no record of its own.
+  void expect_drop_of_stopped() {
+    ASSERT_NO_FATAL_FAILURE(prepare(kLong));
+    ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
+    const std::string file = db_file("detaching", by_hand_.pid());
+    ASSERT_TRUE(eventually([&] { return waits("detaching"); }));
+    ASSERT_TRUE(exists(file));
+    send_signal(parked_.pid(), SIGTERM);
+    EXPECT_TRUE(eventually([&] { return !exists(file); }, 20s)) << read_console();
+    EXPECT_TRUE(eventually([&] { return !is_listed("detaching"); }));
+    EXPECT_EQ(std::vector<pid_t>{}, pids_with_command(app_)) << read_console();
+    EXPECT_TRUE(is_parked());
+  }
+
   bool is_parked() const {
     const auto slots = StatusReader().slots();
     return std::any_of(slots.begin(), slots.end(), [&](const wex_status_slot& slot) {
@@ -86,12 +102,28 @@ struct HandOverToKeptPid : ThirdPart {
     });
   }
 
+  static std::string name_in(const wex_status_slot& slot) {
+    return std::string(slot.name, strnlen(slot.name, sizeof slot.name));
+  }
+
   static bool is_shown(pid_t pid, const std::string& name) {
     const auto slots = StatusReader().slots();
     return std::any_of(slots.begin(), slots.end(), [&](const wex_status_slot& slot) {
-      return slot.pid == pid && slot.state == WEX_STATUS_RUNNING &&
-             std::string(slot.name, strnlen(slot.name, sizeof slot.name)) == name;
+      return slot.pid == pid && slot.state == WEX_STATUS_RUNNING && name_in(slot) == name;
     });
+  }
+
+  static bool waits(const std::string& name) {
+    const auto slots = StatusReader().slots();
+    return std::any_of(slots.begin(), slots.end(), [&](const wex_status_slot& slot) {
+      return slot.state == WEX_STATUS_WAITING && name_in(slot) == name;
+    });
+  }
+
+  static bool is_listed(const std::string& name) {
+    const auto slots = StatusReader().slots();
+    return std::any_of(slots.begin(), slots.end(),
+                       [&](const wex_status_slot& slot) { return name_in(slot) == name; });
   }
 
   policy::Service parked_{"parked"};
@@ -103,8 +135,6 @@ struct StrictHandOverToKeptPid : HandOverToKeptPid {
     write_file(kStrictFile, "");
   }
 };
-
-constexpr int kLong = 600;  // seconds
 
 }  // namespace
 
@@ -122,6 +152,14 @@ TEST_F(StrictHandOverToKeptPid, AProgramThatDiesBeforeThePidIsFreeIsStartedAgain
   ASSERT_NO_FATAL_FAILURE(detach_to_kept_pid());
   expect_restart_of(parked_.pid());
   EXPECT_TRUE(is_parked());
+}
+
+TEST_F(HandOverToKeptPid, AProgramThatIsStoppedBeforeThePidIsFreeIsDropped) {
+  expect_drop_of_stopped();
+}
+
+TEST_F(StrictHandOverToKeptPid, AProgramThatIsStoppedBeforeThePidIsFreeIsDropped) {
+  expect_drop_of_stopped();
 }
 
 TEST_F(StrictHandOverToKeptPid, AProgramThatDetachesToAFreePidIsHandedOverAtOnce) {

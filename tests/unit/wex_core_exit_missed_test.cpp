@@ -181,34 +181,6 @@ TEST_F(Exit, OfARestartThatCouldNotEvenForkIsNoSecondCrash) {
 
 namespace {
 
-// A record as the rebuild leaves it when it started `child` and found nobody.
-wex_pid* unfound(const char* process, pid_t child) {
-  wex_pid* const rec = wex_new_record();
-  rec->pid = -1;
-  rec->action = RESPAWN;
-  rec->restart_failed = 1;
-  snprintf(rec->process, sizeof rec->process, "%s", process);
-  {
-    const spawn_guard guard;
-    rec->missed_child = child;
-    rec->missed_start = wex_remember_start(child, 0);
-  }
-  chain_lock hold(wex_chains);
-  __wex_add_record(&wex_chains, rec);
-  return rec;
-}
-
-bool holds(const char* process) {
-  chain_lock hold(wex_chains);
-  record_walk walk(wex_chains);
-  while (const wex_pid* const rec = walk.next()) {
-    if (strcmp(rec->process, process) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
 class ExitUnderNoPid : public Exit {
  protected:
   static constexpr pid_t kChild = 5000000;
