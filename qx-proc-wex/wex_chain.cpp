@@ -23,6 +23,7 @@
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_alive_guard.h"
+#include "wex_chain_identity.h"
 #include "wex_chain_names.h"
 #include "wex_chain_user.h"
 #include "wex_clock.h"
@@ -170,16 +171,6 @@ ended_process identity_of(const wex_pid* rec) {
   }
   const int64_t ended_by_ns = rec->ended_by_ns != 0 ? rec->ended_by_ns : wex_clock_ns();
   return {rec->start_time, ended_by_ns, rec->exit_tick, true};
-}
-
-// Whether a process born in that tick is another one. A large process takes the kernel more time to fork than
-// the clocks differ by, so what can be seen is asked first.
-bool is_anothers_birth(int32_t pid, uint64_t start_time, uint64_t tick) {
-  if (start_time == 0 || start_time == kStartOfNobody || tick <= start_time + kStartTickSlack) {
-    return false;
-  }
-  const process_look now = wex_look_at(pid);
-  return now.sight != process_look::seen || now.start_time != start_time;
 }
 
 void note_replaced(const wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
@@ -566,11 +557,12 @@ void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) {
   // Of what is reported later nothing was earlier, though a coarse clock may show the same time.
   const int64_t before_ns = time_ns - 1;
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && rec->thread_of == 0 && is_anothers_birth(pid, rec->start_time, tick)) {
+  if (rec != nullptr && rec->thread_of == 0 && rec->start_time != kStartOfNobody &&
+      wex_is_anothers_birth(pid, rec->start_time, tick)) {
     wex_note_ended(rec, before_ns);
   }
   for (replacement& entry : g_replaced) {
-    if (entry.old_pid == pid && is_anothers_birth(pid, entry.process.start_time, tick)) {
+    if (entry.old_pid == pid && wex_is_anothers_birth(pid, entry.process.start_time, tick)) {
       entry.process.ended_by_ns = std::min(entry.process.ended_by_ns, before_ns);
     }
   }

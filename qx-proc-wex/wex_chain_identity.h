@@ -47,6 +47,10 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
 // True when nobody has the pid that was looked at, or a process that is dead.
 bool wex_surely_dead(const process_look& now);
 
+// Whether a process born in that tick with this pid is another one than that which started at `start_time`
+// (0, unknown: no).
+bool wex_is_anothers_birth(int32_t pid, uint64_t start_time, uint64_t tick);
+
 enum class presence { present, absent, unknown };
 
 // Whether the process that started at `known_start` (0: any) is still there. One that has begun to exit is,

@@ -38,7 +38,7 @@
 //   handed_over: third-part programs that started themselves again
 //   keep_throttle: a part of handed_over()
 //   __wex_await_hand_over: the same
-//   take_exit: the end of the process that such a program waits for; the sweep handles it
+//   note_end_of_awaited: the end of the process that such a program waits for; the sweep handles it
 //   drop_stopped: ends by SIGTERM, which need no start
 //   drop_missed: third-part programs that were not found
 //   give_up_pid: a pid stands for one process only here

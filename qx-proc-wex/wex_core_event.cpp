@@ -305,7 +305,9 @@ int32_t wex_event_second(const process_event& event) {
 void wex_take_birth_event(const process_event& event) {
   if (event.pid == event.tgid && has_time(event)) {
     chain_lock hold(wex_chains);
-    __wex_note_birth(event.pid, tick_of(event), time_of(event));
+    const uint64_t tick = tick_of(event);
+    __wex_note_birth(event.pid, tick, time_of(event));
+    __wex_note_awaited_birth(event.pid, tick);
   }
 }
 

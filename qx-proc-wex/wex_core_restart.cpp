@@ -74,6 +74,13 @@ bool is_exit_of(const process_look& now, uint64_t start_time, uint64_t exit_tick
   return after_start && is_not_of_later_one;
 }
 
+void note_end_of_awaited(wex_pid* rec, uint32_t code) {
+  rec->known_code = code;
+  rec->awaited = -rec->awaited;
+  rec->gone_since = std::min(rec->gone_since, std::max(wex_clock_now(), 1));
+  wex_request_sweep();
+}
+
 // False when it is not that of the awaited process, which goes on all the same when it was a main thread's
 // end, for another thread has executed a program.
 bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
@@ -82,10 +89,7 @@ bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_
     return false;
   }
   if (wex_judge_exit(now, rec->awaited_start, exit_tick) != exit_verdict::runs) {
-    rec->known_code = code;
-    rec->awaited = -rec->awaited;
-    rec->gone_since = std::min(rec->gone_since, std::max(wex_clock_now(), 1));
-    wex_request_sweep();
+    note_end_of_awaited(rec, code);
   }
   return true;
 }
@@ -165,6 +169,18 @@ bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, boo
   }
   g_any_awaited = any;
   return taken;
+}
+
+void __wex_note_awaited_birth(int32_t pid, uint64_t tick) {
+  if (!g_any_awaited) {
+    return;
+  }
+  record_walk walk(wex_chains);
+  while (wex_pid* const rec = walk.next()) {
+    if (awaits_end(rec) && rec->awaited == pid && wex_is_anothers_birth(pid, rec->awaited_start, tick)) {
+      note_end_of_awaited(rec, 0);
+    }
+  }
 }
 
 void wex_log_restarted(wex_pid* rec, const wex_action& action, const restart_case& after, int line) {

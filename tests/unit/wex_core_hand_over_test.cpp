@@ -380,6 +380,24 @@ TEST_F(AwaitedEnd, IsNotThatOfAProcessThatHasThePidByNow) {
   expect_started(rec_, old_pid_);
 }
 
+// Its own was not reported; the other one has ended, too, and been reaped.
+TEST_F(AwaitedEnd, IsNotThatOfAProcessThatWasBornWithItsPid) {
+  next_->die();
+  wex_take_birth_event({kEventFork, next_->pid(), next_->pid(), 0, later_ns()});
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
+  EXPECT_EQ(0u, known_code());
+  sweep_soon();
+  expect_started(rec_, old_pid_);
+}
+
+TEST_F(AwaitedEnd, IsStillToComeWhenItsOwnBirthIsReportedLate) {
+  wex_take_birth_event({kEventFork, next_->pid(), next_->pid(), 0, later_ns()});
+  next_->end(SIGTERM);
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
+  sweep_soon();
+  EXPECT_TRUE(is_dropped());
+}
+
 TEST_F(AwaitedEnd, IsTheFirstThatIsReportedUnderItsPid) {
   next_->end(SIGKILL);
   wex_take_exit_event(exit_of(next_->pid(), SIGKILL, later_ns()));
