@@ -169,7 +169,7 @@ ended_process identity_of(const wex_pid* rec) {
   if (rec->thread_of != 0) {
     return {};  // a process that has this pid got it when the thread had ended
   }
-  const int64_t ended_by_ns = rec->ended_by_ns != 0 ? rec->ended_by_ns : wex_clock_ns();
+  const int64_t ended_by_ns = rec->ended_by_ns != 0 ? rec->ended_by_ns : wex_clock_ns() + kReportSlackNs;
   return {rec->start_time, ended_by_ns, rec->exit_tick, true};
 }
 
@@ -549,8 +549,12 @@ bool __wex_find_replaced(int32_t pid, ended_process* process) {
   return entry != nullptr;
 }
 
-void wex_note_ended(wex_pid* rec, int64_t now_ns) {
-  rec->ended_by_ns = rec->ended_by_ns != 0 ? std::min(rec->ended_by_ns, now_ns) : now_ns;
+void wex_note_ended(wex_pid* rec, int64_t time_ns) {
+  rec->ended_by_ns = rec->ended_by_ns != 0 ? std::min(rec->ended_by_ns, time_ns) : time_ns;
+}
+
+void wex_note_found_ended(wex_pid* rec) {
+  wex_note_ended(rec, wex_clock_ns() + kReportSlackNs);
 }
 
 void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) {

@@ -148,7 +148,10 @@ bool __wex_find_replaced(int32_t pid, ended_process* process) WEX_TSA(requires_c
 
 // The record's process had ended at this time of the monotonic clock, in nanoseconds, or INT64_MAX when only
 // its main thread had. The first time that is known counts.
-void wex_note_ended(wex_pid* rec, int64_t now_ns);
+void wex_note_ended(wex_pid* rec, int64_t time_ns);
+
+// The same for one that has been found to have ended. Its end may be reported with a slightly later time.
+void wex_note_found_ended(wex_pid* rec);
 
 // A process was born with this pid at this time, in clock ticks since boot and in nanoseconds of the
 // monotonic clock. Those that had the pid before had ended by then.

@@ -44,11 +44,6 @@ bool has_time(const process_event& event) {
   return event.time_ns != 0 && event.time_ns <= INT64_MAX / 4;
 }
 
-// When the event happened, in nanoseconds of this process's monotonic clock; 0 when its stamp is no time.
-int64_t time_of(const process_event& event) {
-  return has_time(event) ? static_cast<int64_t>(event.time_ns) + clock_shift() : 0;
-}
-
 uint64_t tick_of(const process_event& event) {
   return wex_event_tick(event.time_ns, clock_shift(), wex_boot_offset_ns(), sysconf(_SC_CLK_TCK));
 }
@@ -69,7 +64,7 @@ bool is_of_ended(const process_event& event, const ended_process& ended) {
   if (is_exit && tick_of(event) > ended.exit_tick + kStartTickSlack) {
     return false;
   }
-  return ended.ended_by_ns != 0 ? time_of(event) <= ended.ended_by_ns : is_exit;
+  return ended.ended_by_ns != 0 ? wex_event_time(event) <= ended.ended_by_ns : is_exit;
 }
 
 // What could not be started again has no process either, also when no exit of it was handled, as at the start
@@ -133,6 +128,13 @@ wex_pid* record_of_event(const process_event& event) WEX_TSA(requires_capability
   wex_pid* rec = record_of_thread(event);
   rec = rec != nullptr ? rec : record_of_process(event);
   return rec != nullptr ? rec : record_of_replaced(event);
+}
+
+// Not as long as it is a zombie: what is reported of the pid until then is its own.
+bool has_lost_its_pid(int32_t process, uint64_t start_time) {
+  const process_look now = wex_look_at(process);
+  return now.sight == process_look::gone ||
+         (now.sight == process_look::seen && start_time != 0 && now.start_time != start_time);
 }
 
 // ---- crashes ----------------------------------------------------------------------------------------------
@@ -299,28 +301,31 @@ void wex_note_event_delay(const process_event& event) {
 }
 
 int32_t wex_event_second(const process_event& event) {
-  return static_cast<int32_t>(time_of(event) / 1000000000);
+  return static_cast<int32_t>(wex_event_time(event) / 1000000000);
 }
 
 void wex_take_birth_event(const process_event& event) {
   if (event.pid == event.tgid && has_time(event)) {
     chain_lock hold(wex_chains);
     const uint64_t tick = tick_of(event);
-    __wex_note_birth(event.pid, tick, time_of(event));
+    __wex_note_birth(event.pid, tick, wex_event_time(event));
     __wex_note_awaited_birth(event.pid, tick);
   }
 }
 
-void wex_note_unreported_ends() {
+void wex_note_unreported_ends(int64_t since_ns) {
   chain_lock hold(wex_chains);
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
     const int32_t process = wex_process_of(rec);
-    if (process > 0 && !was_handled(rec) &&
-        wex_judge_presence(wex_look_at(process), rec->start_time) == presence::absent) {
-      wex_note_ended(rec, wex_clock_ns());
+    if (process > 0 && !was_handled(rec) && has_lost_its_pid(process, rec->start_time)) {
+      wex_note_ended(rec, since_ns);
     }
   }
+}
+
+int64_t wex_event_time(const process_event& event) {
+  return has_time(event) ? static_cast<int64_t>(event.time_ns) + clock_shift() : 0;
 }
 
 void wex_take_exit_event(const process_event& event) {

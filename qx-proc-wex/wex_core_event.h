@@ -12,9 +12,12 @@ void wex_take_exit_event(const process_event& event);
 // A process was born. Whoever had its pid before had ended by then.
 void wex_take_birth_event(const process_event& event);
 
-// Events may have been lost, or are reported only from now on: what has ended by now has nothing to do with
-// what is still to happen under its pid.
-void wex_note_unreported_ends();
+// Events from this time of the monotonic clock (in nanoseconds) until now have been lost. Of a process that
+// has ended by now nothing that happened since then is reported any more.
+void wex_note_unreported_ends(int64_t since_ns);
+
+// Nanoseconds of this process's monotonic clock; 0 when the event's stamp is no time.
+int64_t wex_event_time(const process_event& event);
 
 // Judges the pending exits that are due. Milliseconds until the next look, or -1 when none is pending.
 int wex_judge_pending_exits();

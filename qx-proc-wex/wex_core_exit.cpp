@@ -403,11 +403,18 @@ void report_ended(const wex_pid* rec, uint32_t exit_signal, int32_t force_restar
 }
 
 // When only the main thread has ended, the others may dump core at any time from now on.
-int64_t last_end_of_threads(const wex_pid* rec) {
+bool has_threads_left(const wex_pid* rec) {
   const process_look now = wex_look_at(rec->pid);
-  const bool go_on = now.sight == process_look::seen && now.start_time == rec->start_time &&
-                     wex_is_dead_state(now.state) && now.threads > 1;
-  return go_on ? INT64_MAX : wex_clock_ns();
+  return now.sight == process_look::seen && now.start_time == rec->start_time &&
+         wex_is_dead_state(now.state) && now.threads > 1;
+}
+
+void note_ended(wex_pid* rec, const known_end& end) {
+  if (!end.of_all && has_threads_left(rec)) {
+    wex_note_ended(rec, INT64_MAX);
+  } else {
+    wex_note_found_ended(rec);
+  }
 }
 
 void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const known_end& end)
@@ -423,7 +430,7 @@ void decide(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, const kno
   rec->exit_signal = exit_signal;
   rec->force_restart = force_restart;
   rec->exit_seen = 1;
-  wex_note_ended(rec, end.of_all ? wex_clock_ns() : last_end_of_threads(rec));
+  note_ended(rec, end);
   if (wex_proc_restart_delay(rec) != 0) {
     return;
   }

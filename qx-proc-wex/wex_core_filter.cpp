@@ -9,7 +9,6 @@
 #include "wex_core_filter.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -48,7 +47,6 @@ enum class difference { none, too_many, too_few };
 
 priority_mutex g_lock;
 int g_events WEX_TSA(guarded_by(g_lock)) = -1;
-int32_t g_daemon WEX_TSA(guarded_by(g_lock)) = 0;        // the process that reads the events
 unsigned g_threads_for WEX_TSA(guarded_by(g_lock)) = 0;  // one bit for each thread_ends_for
 bool g_executions WEX_TSA(guarded_by(g_lock)) = true;
 pid_set g_exits WEX_TSA(guarded_by(g_lock));
@@ -86,7 +84,7 @@ bool set_option(int option, const sock_fprog& program) WEX_TSA(requires_capabili
 // The kernel exchanges the old filter for the new one at once: each event meets one of them.
 bool attach(const passed_events& wanted) WEX_TSA(requires_capability(g_lock)) {
   const filter_program program = wex_build_filter(
-      {wanted.executions, wanted.threads, wanted.every_exit ? nullptr : &g_exits, g_daemon}, g_program);
+      {wanted.executions, wanted.threads, wanted.every_exit ? nullptr : &g_exits}, g_program);
   if (!set_option(SO_ATTACH_FILTER, {program.length, program.first})) {
     return false;
   }
@@ -148,7 +146,6 @@ void add_process(int32_t pid) WEX_TSA(requires_capability(g_lock)) {
 void wex_attach_filter(int fd) {
   const mutex_lock hold(g_lock);
   g_events = fd;
-  g_daemon = static_cast<int32_t>(getpid());
   g_in_place = kUnfiltered;
   update();
 }

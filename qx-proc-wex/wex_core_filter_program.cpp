@@ -116,16 +116,15 @@ size_t write_exit(program_writer* out, const filter_rules& rules, size_t set, co
   return out->step(BPF_LD | BPF_W | BPF_ABS, kPidAt);
 }
 
-// A process that gets an id of the set. The daemon knows its own children.
-size_t write_birth(program_writer* out, const filter_rules& rules, size_t set, const outcomes& to) {
+// A process that gets an id of the set. The daemon's children are not left out: by CLONE_PARENT anything that
+// it has started makes processes that the kernel reports as the daemon's.
+size_t write_birth(program_writer* out, size_t set, const outcomes& to) {
   out->jump(set);
   const size_t process = load_id(out, kChildTgidAt);
   out->branch(BPF_JEQ | BPF_X, 0, process, to.drop);  // else it is a thread
   out->step(BPF_LD | BPF_W | BPF_ABS, kChildTgidAt);
   out->step(BPF_MISC | BPF_TAX, 0);
-  const size_t any = out->step(BPF_LD | BPF_W | BPF_ABS, kChildPidAt);
-  out->branch(BPF_JEQ | BPF_K, htonl(static_cast<uint32_t>(rules.daemon)), to.drop, any);
-  return out->step(BPF_LD | BPF_W | BPF_ABS, kParentTgidAt);
+  return out->step(BPF_LD | BPF_W | BPF_ABS, kChildPidAt);
 }
 
 }  // namespace
@@ -138,7 +137,7 @@ filter_program wex_build_filter(const filter_rules& rules, sock_filter (&space)[
   const bool single = rules.exits != nullptr && rules.exits->begin() != rules.exits->end();
   const size_t set = single ? write_set(&out, *rules.exits, to) : to.drop;
   const size_t exit = write_exit(&out, rules, set, to);
-  const size_t birth = single ? write_birth(&out, rules, set, to) : to.drop;
+  const size_t birth = single ? write_birth(&out, set, to) : to.drop;
   const size_t no_exit = out.branch(BPF_JEQ | BPF_K, htonl(kEventFork), birth, to.drop);
   const size_t others = out.branch(BPF_JEQ | BPF_K, htonl(kEventExit), exit, no_exit);
   const size_t no_answer =

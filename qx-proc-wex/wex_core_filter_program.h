@@ -19,7 +19,6 @@ struct filter_rules {
   bool executions;
   thread_ends threads;
   const pid_set* exits;  // the processes whose ends pass, and those that get their ids; null: all, and none
-  int32_t daemon;        // its children's ids do not pass
 };
 
 // Four instructions for each word of the set, more where a jump is too far for a branch, and the common part.

@@ -181,7 +181,7 @@ struct monitor {
   int64_t look_wanted_since = 0;
   int64_t next_unseen_look = 0;
   int64_t next_left_out_look = 0;
-  int64_t next_gap_look = 0;
+  int64_t gap_since_ns = 0;  // when the kernel said that it loses events, until it reports them again
   list_watch list;
   int64_t next_list_look = 0;
   bool list_changed = false;  // since the last pause
@@ -216,9 +216,27 @@ int shorter(int one, int other) {
   return one < 0 || (other >= 0 && other < one) ? other : one;
 }
 
+void ask_for_looks(monitor* state) {
+  wex_request_sweep();
+  want_look(state, &state->missed_some);
+}
+
+// The kernel loses every event from the first for which there is no room until all that is queued has been
+// read, and says so once, with the next reading.
+void end_gap(monitor* state) {
+  if (state->gap_since_ns != 0) {
+    wex_note_unreported_ends(state->gap_since_ns);
+    ask_for_looks(state);
+    state->gap_since_ns = 0;
+  }
+}
+
 void on_event(const process_event& event, void* context) {
   monitor* const state = static_cast<monitor*>(context);
   wex_note_event_delay(event);
+  if (wex_event_time(event) > state->gap_since_ns) {
+    end_gap(state);  // what comes now was not queued before
+  }
   if (event.kind != kEventAck) {
     wex_monitor_read_until.store(wex_event_second(event), std::memory_order_release);
   }
@@ -241,15 +259,6 @@ void on_event(const process_event& event, void* context) {
   }
 }
 
-// Where the kernel says with each event that others were lost, a look for each would lose more.
-void look_for_unreported_ends(monitor* state) {
-  const int64_t now = wex_clock_ms();
-  if (now >= state->next_gap_look) {
-    state->next_gap_look = now + kGapLookMs;
-    wex_note_unreported_ends();
-  }
-}
-
 void receive_one(monitor* state) {
   state->was_birth = false;
   uint8_t bytes[kDatagramMax];
@@ -260,9 +269,9 @@ void receive_one(monitor* state) {
   if (size < 0) {
     if (errno == ENOBUFS) {  // the kernel says this once, however many events were lost
       wex_status_count(WEX_STATUS_OVERFLOWS);
-      look_for_unreported_ends(state);
-      wex_request_sweep();
-      want_look(state, &state->missed_some);
+      end_gap(state);
+      state->gap_since_ns = wex_clock_ns();
+      ask_for_looks(state);
     }
     wex_dbg(WEX_DBG_PUB, "%s: netlink recvfrom fail: %s\n", kThreadName, strerror(errno));
     return;
@@ -323,6 +332,9 @@ int wait_for_event(monitor* state, int limit_ms) {
   struct pollfd inputs[] = {
       {state->fd, POLLIN, 0}, {wex_wakeup_fd(), POLLIN, 0}, {state->list.fd(), POLLIN, 0}};
   int ready = poll(inputs, 3, 0);
+  if (ready == 0) {
+    end_gap(state);
+  }
   // Once the queue is empty, for a full one makes the kernel drop further events. Where programs are executed
   // so fast that it never is, this must not be put off for ever.
   const bool overdue = wex_clock_ms() - state->look_wanted_since >= kLookPutOffMs;
@@ -364,8 +376,8 @@ outcome watch(int fd) {
   state.look_wanted_since = wex_clock_ms();
   state.list.open();
   look_at_list(&state);
-  look_for_unreported_ends(&state);
-  wex_request_sweep();  // exits between the rebuild and the subscription were not reported
+  state.gap_since_ns = wex_clock_ns();  // exits between the rebuild and the subscription were not reported
+  end_gap(&state);
   wex_status_thread_is(kStatusMonitor);
   while (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     wex_status_busy(kStatusMonitor);

@@ -19,7 +19,6 @@ enum : uint32_t {
   kTgidAt = 56,
   kCodeAt = 60,
   // of a fork
-  kParentTgidAt = 56,
   kChildPidAt = 60,
   kChildTgidAt = 64
 };

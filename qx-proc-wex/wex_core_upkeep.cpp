@@ -111,7 +111,7 @@ verdict judge(wex_pid* rec, int32_t now) WEX_TSA(requires_capability(wex_chains)
     rec->ended_by_ns = 0;
     return verdict::present;
   }
-  wex_note_ended(rec, wex_clock_ns());
+  wex_note_found_ended(rec);
   if (rec->gone_since == 0) {
     rec->gone_since = now != 0 ? now : 1;
   }

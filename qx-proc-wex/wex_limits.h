@@ -80,6 +80,9 @@ inline constexpr int kExitSlowLookMs = 1000;  // pause between looks when /proc 
 inline constexpr uint64_t kStartTickSlack =
     2;  // ticks; the clocks are read one after the other, by hundredths
 
+// From Linux 3.15 on a process is dead a moment before its end is reported with its time.
+inline constexpr int64_t kReportSlackNs = 20000000;
+
 inline constexpr int64_t kFileClockSlackMs = 50;  // times of files and of starts are of coarse clocks
 
 inline constexpr int32_t kDelayPassMs = 1000;  // pause between two looks at the postponed restarts
@@ -88,7 +91,6 @@ inline constexpr int kLostAtOnce = 64;         // lost exits handed over in one 
 // Process events.
 inline constexpr int kEventBuffer = 0x200000;    // receive buffer asked for; the kernel reports twice that
 inline constexpr int kListLookMs = 60000;        // how often the list of third-part programs is looked at
-inline constexpr int kGapLookMs = 1000;          // least time between two looks because events were lost
 inline constexpr int kUnseenLookMs = 100;        // least time between two looks for programs that detached,
 inline constexpr int kUnseenLookShare = 50;      // and in how many times its own length one of them may begin
 inline constexpr int kLookPutOffMs = 1000;       // by events that do not end

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/sched.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -525,6 +526,38 @@ void crash_without_main(const char* name) {
   pthread_exit(nullptr);
 }
 
+// A sibling that has the pid which stands in the file once that is there, and is a user's.
+void crash_as_sibling(const char* file) {
+  long wanted = 0;
+  while (wanted == 0) {
+    FILE* const text = fopen(file, "r");
+    if (text == nullptr || fscanf(text, "%ld", &wanted) != 1) {
+      wanted = 0;
+    }
+    if (text != nullptr) {
+      fclose(text);
+    }
+    usleep(10000);
+  }
+  pid_t pid = static_cast<pid_t>(wanted);
+  clone_args how = {};
+  how.flags = CLONE_PARENT;
+  how.set_tid = reinterpret_cast<uintptr_t>(&pid);
+  how.set_tid_size = 1;
+  const long child = syscall(SYS_clone3, &how, sizeof how);
+  if (child < 0) {
+    give_up("clone3");
+  }
+  if (child == 0) {
+    if (chdir("/tmp") != 0 || setgroups(0, nullptr) != 0 || setresgid(1235, 1235, 1235) != 0 ||
+        setresuid(1234, 1234, 1234) != 0) {
+      give_up("user");
+    }
+    execl("/proc/self/exe", "actor", "--core", "--crash-without-main=SEGV", nullptr);
+    give_up("execl");
+  }
+}
+
 void nothing(const char*) {}
 
 // ---- The table --------------------------------------------------------------------------------------------
@@ -573,6 +606,7 @@ const struct option_row {
      "[=FILE]  a thread that ends; with FILE it registers itself as a program before, and tells its id"},
     {"--end-main-thread", end_main_thread, "  another thread holds for ever"},
     {"--crash-without-main", crash_without_main, "=SIGNAL  the main thread ends before"},
+    {"--crash-as-sibling", crash_as_sibling, "=FILE  with the pid that it shall have"},
     {"--exit", end, "=CODE"},
     {"--tag", nothing, "=TEXT  nothing; tells command lines apart"},
 };

@@ -437,12 +437,24 @@ TEST_F(StrangersEvent, AfterALookForUnreportedEndsDoesNotStopAProgramThatHadEnde
   wex_pid* const other = add(lives, "/bin/sleep 2000");
   const wex_pid* const rec = unreported();
   const int32_t pid = rec->pid;
-  wex_note_unreported_ends();
+  const uint64_t own = now_ns();
+  wex_note_unreported_ends(wex_clock_ns());
   EXPECT_EQ(0, other->ended_by_ns);
-  wex_sleep_ms(1);
   wex_take_exit_event(exit_of(pid, SIGTERM));
   EXPECT_TRUE(is_there(rec, pid));
+  wex_take_exit_event(exit_of(pid, SIGTERM, own));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000"))) << "its own was queued before events were lost";
   end(other);
+}
+
+// It was there when events were reported again.
+TEST_F(StrangersEvent, IsNoneWhenALookForUnreportedEndsHasSeenTheZombie) {
+  const pid_t pid = zombie();
+  const wex_pid* const rec = add(pid);
+  write_file(db_file(pid, rec->process), "");
+  wex_note_unreported_ends(wex_clock_ns());
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000")));
 }
 
 TEST_F(StrangersEvent, AfterTheSweepHasMissedAProgramIsNotItsEnd) {
@@ -451,11 +463,21 @@ TEST_F(StrangersEvent, AfterTheSweepHasMissedAProgramIsNotItsEnd) {
   const uint64_t own = now_ns();
   wex_sleep_ms(1);
   sweep_at({g_now});
-  wex_sleep_ms(1);
-  wex_take_exit_event(exit_of(pid, SIGTERM));
+  wex_take_exit_event(exit_of(pid, SIGTERM, now_ns() + 2 * kReportSlackNs));
   EXPECT_TRUE(is_there(rec, pid));
   wex_take_exit_event(exit_of(pid, SIGTERM, own));
   EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000"))) << "its own is read late";
+}
+
+// A process is a zombie some microseconds before the kernel stamps the report of its end.
+TEST_F(StrangersEvent, IsNoneWhenItIsStampedRightAfterTheSweepSawAZombie) {
+  const pid_t pid = zombie();
+  const wex_pid* const rec = add(pid);
+  write_file(db_file(pid, rec->process), "");
+  sweep_at({g_now});
+  ASSERT_NE(0, rec->ended_by_ns);
+  wex_take_exit_event(exit_of(pid, SIGTERM, now_ns() + 5000));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000")));
 }
 
 // It looked dead to the sweep, and is not: its start time was not known before.

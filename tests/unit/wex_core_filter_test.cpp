@@ -164,12 +164,12 @@ TEST_F(Filter, DropsTheExitsOfOtherProcessesWhateverTheirEnd) {
 }
 
 // Whoever gets the pid of a registered process.
-TEST_F(Filter, PassesTheBirthsOfItsProcessesButNotOfThreadsNorOfTheDaemonsChildren) {
+TEST_F(Filter, PassesTheBirthsOfItsProcessesButNotOfThreads) {
   EXPECT_TRUE(birth_passes(7));
   EXPECT_FALSE(birth_passes(8));
   EXPECT_FALSE(birth_passes(9, 7)) << "a thread of the registered process";
   EXPECT_FALSE(birth_passes(7, 9)) << "a thread of another one";
-  EXPECT_FALSE(birth_passes(7, 7, getpid())) << "the daemon's own child";
+  EXPECT_TRUE(birth_passes(7, 7, getpid())) << "a sibling that a child of the daemon has made is reported so";
   forget_all();
   EXPECT_FALSE(birth_passes(7));
 }
