@@ -74,6 +74,16 @@ bool is_exit_of(const process_look& now, uint64_t start_time, uint64_t exit_tick
   return after_start && is_not_of_later_one;
 }
 
+// Another process may have registered with the pid since the program's start failed.
+void leave_pid_to_newcomer(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const newcomer = rec->pid > 0 ? __wex_find_pid(&wex_chains, rec->pid) : nullptr;
+  char file[kPathSize];
+  if (newcomer != nullptr && newcomer != rec && newcomer->thread_of == 0 &&
+      wex_name_pidfile(newcomer, file)) {
+    __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
+  }
+}
+
 void note_end_of_awaited(wex_pid* rec, uint32_t code) {
   rec->known_code = code;
   rec->awaited = -rec->awaited;
@@ -148,6 +158,7 @@ bool __wex_await_hand_over(wex_pid* rec, int32_t found) {
   rec->missed_start = 0;
   rec->delay_start = 0;
   rec->gone_since = wex_clock_now() + kHandOverAgainSec;
+  leave_pid_to_newcomer(rec);
   wex_note_failed(rec);
   wex_status_waiting(rec);
   wex_request_sweep();
