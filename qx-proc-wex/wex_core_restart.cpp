@@ -91,9 +91,23 @@ void note_end_of_awaited(wex_pid* rec, uint32_t code) {
   wex_request_sweep();
 }
 
+// When the process that is registered with this pid began, 0 when it is not known. A thread's record tells
+// of another process.
+uint64_t registered_start(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  return rec != nullptr && rec->thread_of == 0 ? rec->start_time : 0;
+}
+
 // False when it is not that of the awaited process, which goes on all the same when it was a main thread's
-// end, for another thread has executed a program.
-bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
+// end, for another thread has executed a program. A program that has registered with the pid since began when
+// the awaited process had ended: that end was lost.
+bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
+    WEX_TSA(requires_capability(wex_chains)) {
+  const uint64_t newcomers_start = registered_start(rec->awaited);
+  if (newcomers_start > rec->awaited_start && exit_tick + kStartTickSlack >= newcomers_start) {
+    note_end_of_awaited(rec, 0);
+    return false;
+  }
   const process_look now = wex_look_at(rec->awaited);
   if (!is_exit_of(now, rec->awaited_start, exit_tick, another_is_to_come)) {
     return false;

@@ -177,6 +177,32 @@ TEST_F(AwaitedEnd, IsStillToComeWhenItsOwnBirthIsReportedLate) {
   EXPECT_TRUE(is_dropped());
 }
 
+// The end of the awaited process was lost, and the keeper has another pid by now.
+TEST_F(AwaitedEnd, IsNotThatOfAProgramThatHasRegisteredWithThePidSince) {
+  next_->die();
+  next_->keeper->exit_seen = 0;
+  next_->keeper->alarm_wait_flag = 0;
+  next_->keeper->start_time = rec_->awaited_start + 50;  // it is the newcomer's here
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
+  EXPECT_EQ(0u, known_code());
+  EXPECT_FALSE(registered(next_->pid())) << "it was stopped on purpose";
+  sweep_soon();
+  expect_started(rec_, old_pid_);
+}
+
+// It is told late, as the one that registered since still lives.
+TEST_F(AwaitedEnd, FromBeforeTheStartOfAProgramThatHasRegisteredWithThePidDropsTheProgram) {
+  next_->end(SIGTERM);
+  next_->process.wait();
+  next_->keeper->exit_seen = 0;
+  next_->keeper->alarm_wait_flag = 0;
+  next_->keeper->start_time = rec_->awaited_start + 1000;
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
+  EXPECT_TRUE(keeper_is_there());
+  sweep_soon();
+  EXPECT_TRUE(is_dropped());
+}
+
 TEST_F(AwaitedEnd, IsTheFirstThatIsReportedUnderItsPid) {
   next_->end(SIGKILL);
   wex_take_exit_event(exit_of(next_->pid(), SIGKILL, later_ns()));
