@@ -3,6 +3,7 @@
 #include "wex_chain_identity.h"
 
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -41,18 +42,31 @@ bool read_uptime(int64_t* now_ns) {
   return true;
 }
 
+// Before Linux 3.17 a process has the start time of its thread that has executed a program, from then on.
+bool execution_changes_start_time() {
+  utsname kernel = {};
+  int version = 0;
+  int patch = 0;
+  const bool known = uname(&kernel) == 0 && sscanf(kernel.release, "%d.%d", &version, &patch) == 2;
+  return !known || version < 3 || (version == 3 && patch < 17);
+}
+
+// Whether a process with another start time than the known one may be the one whose exit was reported then.
+// If it started before, it cannot have got a pid that was free only after the exit; but about the same time
+// it may have.
+bool took_over(const process_look& now, uint64_t known_start, uint64_t exit_tick) {
+  return exit_tick != 0 && now.start_time <= exit_tick + kStartTickSlack &&
+         (known_start == 0 || execution_changes_start_time());
+}
+
 }  // namespace
 
 exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint64_t exit_tick) {
   if (now.sight != process_look::seen) {
     return now.sight == process_look::gone ? exit_verdict::exited : exit_verdict::ask_again;
   }
-  // A process that started before the exit cannot have got a pid that was free only after it. It has another
-  // start time than the record when a thread of the record's process executed a program on a kernel before
-  // 3.17: such a process carries the thread's start time from then on.
-  const bool took_over = exit_tick != 0 && now.start_time <= exit_tick + kStartTickSlack;
   const bool same = known_start != 0 && now.start_time == known_start;
-  if (!same && !took_over) {
+  if (!same && !took_over(now, known_start, exit_tick)) {
     return exit_verdict::exited;
   }
   if (wex_is_dead_state(now.state) || now.exiting) {

@@ -20,7 +20,8 @@
 //   (a) yes, or present, when no start time is given
 //   (b) no without a look when the record has no pid or start time
 //   (c) exited, or ask again when it has other threads
-//   (d) but runs, or as the columns before, when it started before the exit that the kernel reported
+//   (d) but runs, or as the columns before, when it started before the exit that the kernel reported, and the
+//       record's start time is not known or an execution changes it (before Linux 3.17)
 //
 // All return at once but process_life and wex_check_pid_exist, which sleep 10 ms after each look that shows
 // no living process: 30 ms for one that is dead, or cannot be read, and still has its pid. What is only to be

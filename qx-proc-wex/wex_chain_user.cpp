@@ -506,6 +506,12 @@ bool wex_runs_as(int32_t pid, const wex_pid* rec) {
   return wex_uid_of(rec, &uid) && read_ids(pid, &ids) && ids.uid == uid;
 }
 
+exit_verdict wex_judge_exit_of(const wex_pid* rec, const process_look& now, uint64_t exit_tick) {
+  const exit_verdict verdict = wex_judge_exit(now, rec->start_time, exit_tick);
+  const bool other_start = now.sight == process_look::seen && now.start_time != rec->start_time;
+  return other_start && !wex_runs_as(rec->pid, rec) ? exit_verdict::exited : verdict;
+}
+
 bool wex_judge_file(wex_pid* rec, const struct stat& facts) {
   if (!wex_strict().on) {
     return true;

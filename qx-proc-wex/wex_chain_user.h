@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "wex.h"
+#include "wex_chain_identity.h"
 #include "wex_chain_user_sets.h"
 
 // What a process is at one moment.
@@ -57,6 +58,11 @@ int32_t wex_domain_of(const wex_pid* rec, int32_t pid);
 
 // Whether this process, found by its command line, runs as the record's user. Without strict mode true.
 bool wex_runs_as(int32_t pid, const wex_pid* rec);
+
+// What the exit that the kernel reported at `exit_tick` means for the record, given what stands in /proc now
+// of its pid (wex_judge_exit): in strict mode a process of another start time is the record's only when it is
+// its user's.
+exit_verdict wex_judge_exit_of(const wex_pid* rec, const process_look& now, uint64_t exit_tick);
 
 // ---- For the daemon's next life ---------------------------------------------------------------------------
 

@@ -204,7 +204,7 @@ exit_verdict judge(const reported_exit& exit, bool* readable, uint64_t* start_ti
   }
   const process_look now = wex_look_at(exit.pid);
   *readable = now.sight != process_look::unreadable;
-  return wex_judge_exit(now, rec->start_time, exit.tick);
+  return wex_judge_exit_of(rec, now, exit.tick);
 }
 
 // Judges the exit and hands it to the exit handler; false when it is to be looked at again.

@@ -57,7 +57,7 @@ constexpr int32_t kSecondFileLast = 10;
 // again by a later process. Later exits of it must count, and be looked for when they get lost.
 bool still_runs(wex_pid* rec) {
   const process_look now = wex_look_at(rec->pid);
-  if (wex_judge_exit(now, rec->start_time, rec->exit_tick) != exit_verdict::runs) {
+  if (wex_judge_exit_of(rec, now, rec->exit_tick) != exit_verdict::runs) {
     return false;
   }
   rec->start_time = now.start_time;

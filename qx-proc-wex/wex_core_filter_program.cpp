@@ -82,16 +82,21 @@ size_t write_search(program_writer* out, const pid_set::word* first, size_t coun
   return out->branch(BPF_JGE | BPF_K, first[half].common, upper, lower);
 }
 
-// Passes the events of the set's processes, whose ids load_id() has loaded.
-size_t write_set(program_writer* out, const pid_set& set, outcomes to) {
+// Passes the events of the set's processes, whose ids write_test() has loaded. Without a set those of all
+// pass.
+size_t write_set(program_writer* out, const pid_set* set, outcomes to) {
+  if (set == nullptr || set->begin() == set->end()) {
+    return set == nullptr ? to.pass : to.drop;
+  }
   out->branch(BPF_JSET | BPF_K, 1, to.pass, to.drop);
   const size_t test = out->step(BPF_ALU | BPF_RSH | BPF_X, 0);
-  write_search(out, set.begin(), static_cast<size_t>(set.end() - set.begin()), test, &to.drop);
+  write_search(out, set->begin(), static_cast<size_t>(set->end() - set->begin()), test, &to.drop);
   return out->step(BPF_ALU | BPF_AND | BPF_K, htonl(~kBitNumber));
 }
 
-// Loads the process id that stands there.
-size_t load_id(program_writer* out, uint32_t at) {
+// Asks the set about the process whose id stands there.
+size_t write_test(program_writer* out, uint32_t at, size_t set) {
+  out->jump(set);
   out->step(BPF_LD | BPF_W | BPF_ABS, at);
   out->step(BPF_MISC | BPF_TAX, 0);
   out->step(BPF_ALU | BPF_AND | BPF_K, kBitNumber);
@@ -100,11 +105,7 @@ size_t load_id(program_writer* out, uint32_t at) {
 
 // A thread's process is its thread group.
 size_t write_exit(program_writer* out, const filter_rules& rules, size_t set, const outcomes& to) {
-  size_t by_process = to.pass;
-  if (rules.exits != nullptr) {
-    out->jump(set);
-    by_process = load_id(out, kTgidAt);
-  }
+  const size_t by_process = write_test(out, kTgidAt, set);
   size_t thread = rules.threads == thread_ends::all ? to.pass : by_process;
   if (rules.threads == thread_ends::none) {
     out->branch(BPF_JSET | BPF_K, htonl(kCoreDumped), by_process, to.drop);
@@ -119,8 +120,7 @@ size_t write_exit(program_writer* out, const filter_rules& rules, size_t set, co
 // A process that gets an id of the set. The daemon's children are not left out: by CLONE_PARENT anything that
 // it has started makes processes that the kernel reports as the daemon's.
 size_t write_birth(program_writer* out, size_t set, const outcomes& to) {
-  out->jump(set);
-  const size_t process = load_id(out, kChildTgidAt);
+  const size_t process = write_test(out, kChildTgidAt, set);
   out->branch(BPF_JEQ | BPF_X, 0, process, to.drop);  // else it is a thread
   out->step(BPF_LD | BPF_W | BPF_ABS, kChildTgidAt);
   out->step(BPF_MISC | BPF_TAX, 0);
@@ -134,10 +134,9 @@ filter_program wex_build_filter(const filter_rules& rules, sock_filter (&space)[
   outcomes to = {};
   to.pass = out.step(BPF_RET | BPF_K, kPass);
   to.drop = out.step(BPF_RET | BPF_K, kDrop);
-  const bool single = rules.exits != nullptr && rules.exits->begin() != rules.exits->end();
-  const size_t set = single ? write_set(&out, *rules.exits, to) : to.drop;
+  const size_t set = write_set(&out, rules.exits, to);
   const size_t exit = write_exit(&out, rules, set, to);
-  const size_t birth = single ? write_birth(&out, set, to) : to.drop;
+  const size_t birth = write_birth(&out, set, to);
   const size_t no_exit = out.branch(BPF_JEQ | BPF_K, htonl(kEventFork), birth, to.drop);
   const size_t others = out.branch(BPF_JEQ | BPF_K, htonl(kEventExit), exit, no_exit);
   const size_t no_answer =

@@ -18,7 +18,7 @@ enum class thread_ends : uint8_t {
 struct filter_rules {
   bool executions;
   thread_ends threads;
-  const pid_set* exits;  // the processes whose ends pass, and those that get their ids; null: all, and none
+  const pid_set* exits;  // whose ends pass, and the births of those that get their pids next; null: all
 };
 
 // Four instructions for each word of the set, more where a jump is too far for a branch, and the common part.

@@ -454,7 +454,10 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
   free_pid_of(rec);
   // Its database file would be one that nobody minds, or the other one's written over.
   if (has_anothers_pid(rec)) {
-    g_listed_left_out.store(true, std::memory_order_release);
+    // Without a start time it may be the same process, which is registered then.
+    if (__wex_find_pid(&wex_chains, pid)->start_time != 0) {
+      g_listed_left_out.store(true, std::memory_order_release);
+    }
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
     wex_free_record(rec);
     return 0;

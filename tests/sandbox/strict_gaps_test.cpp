@@ -118,6 +118,32 @@ TEST_F(StrictGaps, AServiceThatEndedWhileEventsWereStillLostIsStartedAgainSoonAf
   EXPECT_GT(wait_for_actor(service_words(options), pid, 15s), 0) << read_console();
 }
 
+// He waits with the next pid to be given until the service dies. Its start differs from that end by less than
+// the clocks may.
+TEST_F(StrictGaps, AUsersProcessThatGetsThePidWithinSomeMillisecondsIsNotTakenForTheServiceOfRoots) {
+  start();
+  Process& service = process();
+  const words options = {"--tag=quick"};
+  ASSERT_TRUE(start_service(&service, options, 0));
+  const pid_t pid = service.pid();
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+  send_signal(pid, SIGKILL);
+  service.wait(20s);
+  const pid_t users = fork_as(pid);
+  if (users == 0) {
+    become(kUser);
+    execl("/bin/sleep", "sleep", "777", nullptr);
+    _exit(127);
+  }
+  ASSERT_EQ(pid, users);
+  EXPECT_TRUE(eventually([&] { return uid_of(pid) == text(kUser); }, 20s));
+  daemon.send(SIGCONT);
+  EXPECT_GT(wait_for_actor(service_words(options), pid, 15s), 0) << read_console();
+  EXPECT_TRUE(as_user([&] { return send_signal(pid, SIGTERM); }));
+  waitpid(users, nullptr, 0);
+  EXPECT_GT(wait_for_actor(service_words(options), pid, 15s), 0) << read_console();
+}
+
 // A child that its parent had made its sibling is a child of the daemon, if that is the parent's parent.
 TEST_F(StrictGaps, WithACoreDumpOfASiblingAUsersProgramDoesNotCountForAServiceOfRoots) {
   write_file(kBurstConfig, "600 1\n");

@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "older_kernel.h"
 #include "send_signal.h"
 #include "wex_limits.h"
 #include "wex_utils.h"
@@ -56,7 +57,9 @@ std::string row_name(const ::testing::TestParamInfo<row_type>& row) {
 
 }  // namespace
 
+// On kernels where a process may get another start time.
 TEST_P(ReportedExit, IsJudgedByWhatHasThePidNow) {
+  const wex_test::older_kernel pretended;
   const exit_row& row = GetParam();
   EXPECT_EQ(row.verdict, wex_judge_exit(row.now, row.known_start, row.exit_tick));
 }
@@ -93,6 +96,14 @@ INSTANTIATE_TEST_SUITE_P(
         exit_row{"exitUnknownEarlierStart", living(kStart - 1), kStart, 0, exit_verdict::exited},
         exit_row{"nothingKnown", living(kStart), 0, 0, exit_verdict::exited}),
     row_name<exit_row>);
+
+TEST(ReportedExitSinceLinux317, IsThatOfAProcessWithAnotherStartTimeOnlyWhenTheStartIsNotKnown) {
+  EXPECT_EQ(exit_verdict::exited, wex_judge_exit(living(kExit - 7), kStart, kExit));
+  EXPECT_EQ(exit_verdict::exited, wex_judge_exit(living(kExit + kStartTickSlack), kStart, kExit));
+  EXPECT_EQ(exit_verdict::exited, wex_judge_exit(dead('Z', kExit - 7, 2), kStart, kExit));
+  EXPECT_EQ(exit_verdict::runs, wex_judge_exit(living(kStart), kStart, kExit));
+  EXPECT_EQ(exit_verdict::runs, wex_judge_exit(living(kStart), 0, kExit));
+}
 
 TEST_P(Presence, IsDeniedOnlyToWhatIsSurelyGone) {
   const presence_row& row = GetParam();

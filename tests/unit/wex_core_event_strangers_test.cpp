@@ -1,11 +1,14 @@
 // What the exit monitor makes of exits and core dumps of processes that have got the pid of a registration
 // whose own process has ended before.
 #include "event_world.h"
+#include "older_kernel.h"
 #include "running_thread.h"
 #include "waiting.h"
 #include "wex_chain_rebuild.h"
+#include "wex_chain_user_sets.h"
 #include "wex_core_exit.h"
 #include "wex_proc_child.h"
+#include "wex_strict.h"
 
 using namespace event_world;
 
@@ -522,4 +525,25 @@ TEST_F(StrangersEvent, ThatIsOfTheProgramBeforeLastLeavesTheOneThatWaitsWithTheP
   EXPECT_EQ(0u, rec->exit_tick);
   end(before);
   unlink(db_file(pid, rec->process).c_str());
+}
+
+// There a process may have another start time than it had, but not another user.
+TEST_F(StrangersEvent, OfAnotherUserHasThePidOnAnOlderKernelAndIsNotTakenForTheProgram) {
+  const wex_test::older_kernel pretended;
+  strict_settings settings;
+  settings.on = true;
+  wex_set_strict(settings);
+  const pid_t pid = lasting();
+  wex_pid* const rec = add(pid);
+  wex_user users = {};
+  users.uid = 1234;
+  rec->user = wex_number_user(users);
+  wex_hold_user(rec);
+  rec->start_time -= 100;
+  write_file(db_file(pid, rec->process), "");
+  wex_take_exit_event(exit_of(pid, SIGTERM));
+  EXPECT_FALSE(exists(db_file(pid, "/bin/sleep 1000")));
+  send_signal(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  wex_set_strict({});
 }

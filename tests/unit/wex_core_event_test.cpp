@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "event_world.h"
+#include "older_kernel.h"
 #include "running_thread.h"
 #include "waiting.h"
 #include "wex_core_filter.h"
@@ -62,6 +63,7 @@ TEST_F(Event, OfAProcessWhosePidAStrangerHasIsAnExit) {
 }
 
 TEST_F(Event, OfAThreadThatGaveItsPlaceToAnotherIsNone) {
+  const wex_test::older_kernel pretended;
   const pid_t child = lasting();
   wex_pid* const rec = add(child);
   const uint64_t start_time = rec->start_time;

@@ -113,3 +113,23 @@ TEST_F(LeftOut, AListedProgramIsRegisteredWithinAMinuteAfterTheRegistrationOfIts
     monitor.join();
   });
 }
+
+TEST_F(LeftOut, AProgramThatIsRegisteredIsNotLeftOutBecauseItsStartTimeIsNotKnown) {
+  for (const uint64_t start_time : {uint64_t{0}, uint64_t{4711}}) {
+    wex_pid* const rec = wex_new_record();
+    rec->pid = getpid();
+    rec->action = RESPAWN;
+    rec->start_time = start_time;
+    {
+      const chain_lock hold(wex_chains);
+      __wex_add_record(&wex_chains, rec);
+    }
+    wex_forget_listed_left_out();
+    EXPECT_EQ(0, wex_register_third_part(getpid(), "WEX_RESTART", nullptr));
+    EXPECT_EQ(start_time != 0, wex_listed_left_out()) << "whoever had the pid before keeps it";
+    EXPECT_EQ(rec, record_of(getpid()));
+    const chain_lock hold(wex_chains);
+    __wex_drop_record(&wex_chains, rec);
+  }
+  wex_forget_listed_left_out();
+}
