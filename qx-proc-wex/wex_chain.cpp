@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -120,9 +121,25 @@ bool is_failed_of_roots(const wex_pid* rec) {
          !wex_record_lives(rec);
 }
 
-// Whether a registration leaves its pid to another process that has it by now.
+// Whether a registration leaves its pid to another process that has it by now. One that waits for its
+// hand-over does so in either mode, also once it is postponed or parked behind that: no process has its pid.
 bool may_give_up_pid(const wex_pid* rec) {
-  return (rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec);
+  if (rec->awaited != 0 && rec->start_time == kStartOfNobody) {
+    return true;
+  }
+  return wex_strict().on && ((rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec));
+}
+
+bool has_file(const wex_pid* rec) {
+  char file[kPathSize];
+  struct stat facts = {};
+  return wex_name_pidfile(rec, file) && lstat(file, &facts) == 0;
+}
+
+// Whether the next daemon is to start it by its file. In strict mode a user's goes. Without it none is made
+// beside the taker's of the same name: that may be a process of the same program, which takes its place.
+bool keeps_file(const wex_pid* rec, bool is_takers) {
+  return wex_strict().on ? is_failed_of_roots(rec) : !is_takers && has_file(rec);
 }
 
 // First what tells its ids and its whole command: the database file is read in part.
@@ -144,7 +161,7 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
   const int32_t pid = rec->pid;
   const int32_t number = number_like(pid);
   const bool is_takers = wex_name_pidfile(rec, file) && strcmp(file, taker.file) == 0;
-  if (is_failed_of_roots(rec) && !renumber_files(rec, number, is_takers)) {
+  if (keeps_file(rec, is_takers) && !renumber_files(rec, number, is_takers)) {
     return;  // they are all that the next daemon will know of it
   }
   if (!is_takers) {
@@ -400,7 +417,7 @@ void __wex_keep_user_of_owner(const wex_chains_t* chain, int32_t pid) {
 }
 
 void __wex_free_pid(const pid_taker& taker) {
-  if (!wex_strict().on || taker.pid < 1) {
+  if (taker.pid < 1) {
     return;
   }
   for (wex_hnode* node = *bucket_of(&wex_chains, taker.pid); node != nullptr; node = node->next) {
@@ -413,7 +430,7 @@ void __wex_free_pid(const pid_taker& taker) {
 
 bool __wex_leaves_pid(int32_t pid, uint64_t start_time) {
   const wex_pid* const rec = pid > 0 ? __wex_find_pid(&wex_chains, pid) : nullptr;
-  return wex_strict().on && rec != nullptr && rec->start_time != start_time && may_give_up_pid(rec);
+  return rec != nullptr && rec->start_time != start_time && may_give_up_pid(rec);
 }
 
 void __wex_del_pid(wex_chains_t* chain, int32_t pid) {
@@ -504,6 +521,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   wex_db_destroy(rec);
   const int32_t old_pid = rec->pid;
   rec->restart_failed = 0;
+  rec->awaited = 0;  // it gives no pid up to itself
   __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
   note_replaced(rec, new_pid);
   __wex_expect_exit(new_pid);
@@ -517,7 +535,6 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
     rec->missed_child = 0;
     rec->missed_start = 0;
   }
-  rec->awaited = 0;
   rec->exit_tick = 0;
   rec->thread_of = 0;  // what was started is a process
   rec->known_code = 0;

@@ -85,10 +85,12 @@ struct pid_taker {
   int32_t domain;
 };
 
-// Strict mode: users' registrations whose process had this pid, and has ended, are known by a number of no
-// process from now on: a user must not be able to keep pids from root's services by programs that wait for
-// their restart. Their database files go, and flag files in other domains than the taker's. One of root's
-// that could not be started again does the same, and has a file of that number then, for the next daemon.
+// Registrations that wait for their hand-over with this pid are known by a number of no process from now on:
+// what is asked or told of the pid is the taker's. Their database files get that number, for the next daemon,
+// and flag files in other domains than the taker's go. In strict mode users' registrations whose process had
+// the pid, and has ended, do the same without keeping their files: a user must not be able to keep pids from
+// root's services by programs that wait for their restart. So does one of root's that could not be started
+// again; it keeps its file. Where there is no room for such a file the pid stays what it was.
 // With the registry held; also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 

@@ -71,16 +71,18 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
-// The number that the record of this postponed restart has by now: it may have given its pid up (strict mode)
-// behind the end of its wait. 0 when it has gone.
+// The number that the record of this postponed restart has by now: it may have given its pid up behind the
+// end of its wait. 0 when it has gone.
 int32_t number_of(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
   const wex_pid* const rec = __wex_find_pid(&wex_chains, ready.pid);
-  if (!wex_strict().on || (rec != nullptr && rec->start_time == ready.start_time)) {
+  const bool may_have_number = wex_strict().on || ready.start_time == kStartOfNobody;
+  if (!may_have_number || (rec != nullptr && rec->start_time == ready.start_time)) {
     return ready.pid;
   }
   record_walk walk(wex_chains);
   const wex_pid* other = walk.next();
-  while (other != nullptr && (other->pid >= -1 || other->start_time != ready.start_time)) {
+  while (other != nullptr &&
+         (other->pid >= -1 || other->start_time != ready.start_time || other->exit_seen == 0)) {
     other = walk.next();
   }
   return other != nullptr ? other->pid : 0;

@@ -74,6 +74,16 @@ bool is_exit_of(const process_look& now, uint64_t start_time, uint64_t exit_tick
   return after_start && is_not_of_later_one;
 }
 
+// Another process may have registered with the pid since the program's start failed.
+void leave_pid_to_newcomer(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const newcomer = rec->pid > 0 ? __wex_find_pid(&wex_chains, rec->pid) : nullptr;
+  char file[kPathSize];
+  if (newcomer != nullptr && newcomer != rec && newcomer->thread_of == 0 &&
+      wex_name_pidfile(newcomer, file)) {
+    __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
+  }
+}
+
 void note_end_of_awaited(wex_pid* rec, uint32_t code) {
   rec->known_code = code;
   rec->awaited = -rec->awaited;
@@ -81,9 +91,23 @@ void note_end_of_awaited(wex_pid* rec, uint32_t code) {
   wex_request_sweep();
 }
 
+// When the process that is registered with this pid began, 0 when it is not known. A thread's record tells
+// of another process.
+uint64_t registered_start(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+  return rec != nullptr && rec->thread_of == 0 ? rec->start_time : 0;
+}
+
 // False when it is not that of the awaited process, which goes on all the same when it was a main thread's
-// end, for another thread has executed a program.
-bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
+// end, for another thread has executed a program. A program that has registered with the pid since began when
+// the awaited process had ended: that end was lost.
+bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
+    WEX_TSA(requires_capability(wex_chains)) {
+  const uint64_t newcomers_start = registered_start(rec->awaited);
+  if (newcomers_start > rec->awaited_start && exit_tick + kStartTickSlack >= newcomers_start) {
+    note_end_of_awaited(rec, 0);
+    return false;
+  }
   const process_look now = wex_look_at(rec->awaited);
   if (!is_exit_of(now, rec->awaited_start, exit_tick, another_is_to_come)) {
     return false;
@@ -148,6 +172,7 @@ bool __wex_await_hand_over(wex_pid* rec, int32_t found) {
   rec->missed_start = 0;
   rec->delay_start = 0;
   rec->gone_since = wex_clock_now() + kHandOverAgainSec;
+  leave_pid_to_newcomer(rec);
   wex_note_failed(rec);
   wex_status_waiting(rec);
   wex_request_sweep();

@@ -24,8 +24,8 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
 
 // The record's process has ended, and its program runs as the process `found`. When that one cannot be
 // registered yet (__wex_pid_is_kept), true: the record, with its database file if it has one, becomes a lost
-// one, so that the sweep has its exit handled again soon. A newcomer of the program takes its place
-// meanwhile.
+// one, so that the sweep has its exit handled again soon. Its pid is left to whoever has registered with it,
+// or does. A newcomer of the program takes its place meanwhile.
 bool __wex_await_hand_over(wex_pid* rec, int32_t found) WEX_TSA(requires_capability(wex_chains));
 
 // The kernel has reported an exit under this pid, in this tick since the boot. True when it is that of a

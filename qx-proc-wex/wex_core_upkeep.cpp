@@ -41,8 +41,8 @@ std::atomic<bool> wex_delay_ended{false};
 
 namespace {
 
-// One that has given its pid up (strict mode) before its end was handled still waits for that, and one whose
-// start found no process may wait for a hand-over.
+// One that has given its pid up before its end was handled still waits for that, and one whose start found no
+// process may wait for a hand-over.
 bool has_end_to_come(const wex_pid* rec) {
   return rec->pid > 0 || rec->start_time == kStartOfNobody || (wex_strict().on && rec->pid < -1);
 }

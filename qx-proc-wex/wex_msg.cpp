@@ -178,11 +178,10 @@ void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_cha
   }
 }
 
-// Takes the newcomer's pid from those whose process had it, in strict mode. A file of one name is the
-// newcomer's.
+// Takes the newcomer's pid from those whose process had it. A file of one name is the newcomer's.
 void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
   char file[kPathSize];
-  if (wex_strict().on && newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
+  if (newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
     __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
   }
 }

@@ -314,7 +314,7 @@ bool wex_renumber_pidfile(const wex_pid* rec, int32_t number, bool is_takers) {
 
 bool wex_drop_begun_pidfile(const char* path) {
   struct stat facts = {};
-  if (!wex_strict().on || !is_begun(last_component(path)) || lstat(path, &facts) != 0) {
+  if (!is_begun(last_component(path)) || lstat(path, &facts) != 0) {
     return false;
   }
   if (S_ISDIR(facts.st_mode)) {

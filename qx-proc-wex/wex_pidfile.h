@@ -51,16 +51,16 @@ bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]);
 // holds wex_chains.
 void wex_mend_pidfile(const wex_pid* rec);
 
-// Strict mode: puts a new file of this owner's, closed to others, in the place of the record's. What had the
+// Puts a new file of this owner's, closed to others, in the place of the record's. What had the
 // name keeps it until the new file is whole, so that one of them is there whenever the daemon ends. False
 // when there is no room for it, or the name cannot be taken; nothing has changed then. Caller holds
 // wex_chains.
 bool wex_renew_pidfile(const wex_pid* rec, uid_t owner, gid_t group);
 
-// Strict mode: makes the file of a registration of root's that is to have this number in the place of its
-// pid, from the one that it has. That one stays when it `is_takers`: of the name of the file of whoever has
-// the pid now. False as above.
+// Makes the file of a registration that is to have this number in the place of its pid, from the one that it
+// has: root's, and closed to others. That one stays when it `is_takers`: of the name of the file of whoever
+// has the pid now. False as above.
 bool wex_renumber_pidfile(const wex_pid* rec, int32_t number, bool is_takers);
 
-// Removes what a daemon that was killed in the middle of it has left. Strict mode only; false for all else.
+// Removes what a daemon that was killed in the middle of it has left; false for all else.
 bool wex_drop_begun_pidfile(const char* path);

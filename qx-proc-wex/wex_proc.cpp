@@ -107,10 +107,10 @@ void find_script(const char* word, char* script, size_t size) {
   }
 }
 
-// In strict mode a program is of the domain in which it is registered, also without a flag file: it may have
-// given its pid up, and users may have left no room for the file.
+// One that has given its pid up is of the domain in which it is registered, also without a flag file. So is
+// any in strict mode: users may have left no room for the file.
 bool may_lack_flag_file(const wex_pid* rec) {
-  return wex_strict().on && rec->vsd >= kFirstDomain && rec->vsd < WEX_DOMAINS &&
+  return (wex_strict().on || rec->pid < -1) && rec->vsd >= kFirstDomain && rec->vsd < WEX_DOMAINS &&
          (wex_domains_present() >> rec->vsd & 1) != 0;
 }
 

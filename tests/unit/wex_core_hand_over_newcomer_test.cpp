@@ -1,0 +1,337 @@
+// Programs that wait for their hand-over with the pid of a dead process, and others that get that pid:
+// nothing that is done to one of them concerns the other.
+#include <optional>
+
+#include "hand_over_world.h"
+#include "hash_links.h"
+#include "wex_chain_rebuild.h"
+#include "wex_core_delay.h"
+#include "wex_core_exit.h"
+#include "wex_msg.h"
+#include "wex_pidfile.h"
+
+using namespace hand_over_world;
+
+namespace {
+
+// A program waits with the pid of a dead process, which a living one has got.
+class HandOverBesideNewcomer : public HandOver {
+ protected:
+  void SetUp() override {
+    HandOver::SetUp();
+    next_.emplace("4711");
+    rec_ = died(park_at(900, next_->program.c_str()));
+    const std::vector<std::string> words = newcomers_words();
+    ASSERT_TRUE(newcomer_process_.start(words));
+    newcomer_pid_ = newcomer_process_.pid();
+    ASSERT_TRUE(eventually([&] { return program_of(newcomer_pid_) == words[0]; }));
+    {
+      chain_lock hold(wex_chains);
+      __wex_adopt_pid(&wex_chains, rec_, newcomer_pid_);
+      rec_->start_time = kSomeStart;
+    }
+    file_ = db_file(newcomer_pid_, next_->program.c_str());
+    write_file(file_, std::to_string(newcomer_pid_) + "\n2\n" + next_->program);
+    wex_handle_netlink_exit(newcomer_pid_, 9, 0);
+    ASSERT_TRUE(waits(rec_, newcomer_pid_));
+  }
+  void TearDown() override {
+    newcomer_process_.kill_now();
+    next_->process.kill_now();
+    unlink(newcomers_file_.c_str());
+    HandOver::TearDown();
+  }
+  // Of the same name, and so is its file.
+  virtual std::vector<std::string> newcomers_words() { return {path_of_sleep(), "3000"}; }
+
+  void make_newcomers_file(int32_t domain = 0) {
+    const std::string command = command_line(newcomer_pid_);
+    newcomers_file_ = db_file(newcomer_pid_, command.c_str(), domain);
+    write_file(newcomers_file_, std::to_string(newcomer_pid_) + "\n2\n" + command);
+  }
+  void newcomer_registers(int32_t domain = 0) {
+    make_newcomers_file(domain);
+    wex_reg_info body = {};
+    body.pid = newcomer_pid_;
+    body.vsd = domain;
+    ASSERT_EQ(0, wex_process_restart(&body));
+    chain_lock hold(wex_chains);
+    newcomer_ = __wex_find_pid(&wex_chains, newcomer_pid_);
+    ASSERT_NE(rec_, newcomer_);
+  }
+  void newcomer_of_domain_registers() {
+    ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db /data/var/run/vsd/5"));
+    flag_ = "/tmp/vsd/5/wex/" + std::to_string(newcomer_pid_);
+    write_file(flag_, "");
+    newcomer_registers(5);
+  }
+  bool newcomer_is_there() const {
+    chain_lock hold(wex_chains);
+    return newcomer_ != nullptr && __wex_find_pid(&wex_chains, newcomer_pid_) == newcomer_ &&
+           exists(newcomers_file_);
+  }
+  static std::string numbered_files() {
+    return read_command_output("ls /tmp/vsd/0/wex/db | grep '[.]-' | tr -d '\\n'");
+  }
+  static std::string read_command_output(const char* command) {
+    EXPECT_NE(-1, system((std::string(command) + " > /tmp/said").c_str()));
+    const std::string said = read_file("/tmp/said");
+    unlink("/tmp/said");
+    return said;
+  }
+
+  std::optional<detached> next_;
+  wex_pid* rec_ = nullptr;
+  std::string file_;
+  Process newcomer_process_;
+  pid_t newcomer_pid_ = 0;
+  wex_pid* newcomer_ = nullptr;
+  std::string newcomers_file_;
+  std::string flag_;  // that of its domain
+};
+
+class HandOverBesideNewcomerOfAnotherName : public HandOverBesideNewcomer {
+  std::vector<std::string> newcomers_words() override {
+    char path[kPathSize] = "";
+    EXPECT_NE(nullptr, realpath("/usr/bin/tail", path));
+    return {path, "-f", "/dev/null"};
+  }
+};
+
+}  // namespace
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsIsStartedAgain) {
+  newcomer_registers();
+  next_->die();
+  sweep_when_due();
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsIsHandedOverAndTheNewcomerKeepsItsRegistration) {
+  newcomer_registers();
+  drop(next_->keeper);
+  sweep_when_due();
+  EXPECT_TRUE(registered(next_->pid()));
+  leaves_behind(kDescriptors, "/wex/db/", 1, "its registration is not taken back");
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsIsDroppedDuringATakeDownAndTheNewcomerIsNot) {
+  newcomer_registers();
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5 && touch /tmp/vsd/5/delete_vsd"));
+  sweep_when_due();
+  ASSERT_EQ(0, system("rm -r /tmp/vsd/5"));
+  EXPECT_FALSE(holds(next_->program.c_str()));
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomer,
+       AProgramThatWaitsIsStartedAgainBesideANewcomerOfItsNameThatHoldsItsOwnFileLocked) {
+  newcomer_registers();
+  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
+  ASSERT_TRUE(owner.ready());
+  next_->die();
+  sweep_when_due();
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+// It locks its file before it registers, and the program is postponed by that.
+TEST_F(HandOverBesideNewcomer, AProgramThatItsLockHasPostponedIsStartedAgainOnceItRegisters) {
+  make_newcomers_file();
+  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
+  ASSERT_TRUE(owner.ready());
+  next_->die();
+  sweep_when_due();
+  EXPECT_EQ(newcomer_pid_, rec_->pid);
+  ready_restart ready = {};
+  ASSERT_FALSE(wex_take_ready_restart(&ready));
+  newcomer_registers();
+  ASSERT_TRUE(wex_take_ready_restart(&ready));
+  wex_hand_back_restart(ready);
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+// The other one, whose end is still to come, has a number, too.
+TEST_F(HandOverBesideNewcomer, AProgramWhoseWaitEndedJustBeforeItRegistersIsStartedAgainAndNoOther) {
+  wex_pid* const other = died(park_at(900, "/bin/sleep 5000"));
+  other->start_time = kStartOfNobody;
+  unlink(db_file(other->pid, other->process).c_str());
+  int32_t number = -1;
+  make_newcomers_file();
+  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
+  ASSERT_TRUE(owner.ready());
+  next_->die();
+  wex_handle_lost_exit(newcomer_pid_, 0, kStartOfNobody);
+  ASSERT_EQ(1, rec_->exit_seen);
+  g_now += kForceRestartSec;
+  ready_restart ready = {};
+  ASSERT_TRUE(wex_take_ready_restart(&ready));
+  newcomer_registers();
+  {
+    chain_lock hold(wex_chains);
+    EXPECT_LT(rec_->pid, -1);
+    do {  // one that is walked through first
+      --number;
+    } while (wex_hash_pid(number) > wex_hash_pid(rec_->pid) || number == rec_->pid);
+    hlist_del(&other->hnode);
+    other->pid = number;
+    link_at_head(&wex_chains.heads[wex_hash_pid(number)], &other->hnode);
+  }
+  wex_hand_back_restart(ready);
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_EQ(number, other->pid);
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsIsStartedAgainInItsOwnDomainAndTheNewcomerStaysInIts) {
+  newcomer_of_domain_registers();
+  next_->die();
+  sweep_when_due();
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(exists(flag_));
+  EXPECT_FALSE(exists("/tmp/vsd/5/wex/" + std::to_string(rec_->pid)));
+  EXPECT_TRUE(newcomer_is_there());
+  ASSERT_EQ(0, system("rm -r /tmp/vsd/5 /data/var/run/vsd/5"));
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsForADomainIsStartedInItAgainAndTheNewcomerIsNotTakenForIts) {
+  ASSERT_EQ(0, system("mkdir -p /tmp/vsd/5/wex/db /data/var/run/vsd/5"));
+  flag_ = "/tmp/vsd/5/wex/" + std::to_string(newcomer_pid_);
+  write_file(flag_, "");
+  rec_->vsd = 5;
+  newcomer_registers();
+  EXPECT_FALSE(exists(flag_));
+  next_->die();
+  sweep_when_due();
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(exists("/tmp/vsd/5/wex/" + std::to_string(rec_->pid)));
+  EXPECT_FALSE(exists(flag_));
+  ASSERT_EQ(0, system("rm -r /tmp/vsd/5 /data/var/run/vsd/5"));
+}
+
+TEST_F(HandOverBesideNewcomer, AStopOfTheAwaitedProcessLeavesTheNewcomerItsDomain) {
+  newcomer_of_domain_registers();
+  next_->end(SIGTERM);
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
+  sweep_soon();
+  EXPECT_FALSE(holds(next_->program.c_str()));
+  EXPECT_TRUE(newcomer_is_there());
+  EXPECT_TRUE(exists(flag_));
+  ASSERT_EQ(0, system("rm -r /tmp/vsd/5 /data/var/run/vsd/5"));
+}
+
+// It could not be started again when the newcomer registered.
+TEST_F(HandOverBesideNewcomer, AProgramThatBeginsToWaitWithThePidOfANewcomerGivesItUpThen) {
+  rec_->awaited = 0;
+  rec_->start_time = kSomeStart;
+  rec_->exit_seen = 1;
+  newcomer_registers();
+  ASSERT_EQ(newcomer_pid_, rec_->pid);
+  {
+    chain_lock hold(wex_chains);
+    ASSERT_TRUE(__wex_await_hand_over(rec_, next_->pid()));
+    EXPECT_LT(rec_->pid, -1);
+  }
+  next_->die();
+  sweep_when_due();
+  expect_started(rec_, newcomer_pid_);
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsGivesNothingUpToItsOwnNextProcess) {
+  chain_lock hold(wex_chains);
+  __wex_adopt_pid(&wex_chains, rec_, newcomer_pid_);
+  EXPECT_EQ(newcomer_pid_, __wex_replaced_by(newcomer_pid_));
+}
+
+// Its own is the newcomer's by now, which may be a process of the same program.
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsHasNoFileBesideThatOfItsName) {
+  newcomer_registers();
+  EXPECT_LT(rec_->pid, -1);
+  EXPECT_EQ("", numbered_files());
+  EXPECT_TRUE(newcomer_is_there());
+}
+
+TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatWaitsIsStartedByTheNextDaemonOnceAndLeavesNoFile) {
+  newcomer_registers();
+  EXPECT_FALSE(exists(file_));
+  EXPECT_EQ(std::to_string(rec_->pid) + "\n2\n" + next_->program,
+            read_file(db_file(rec_->pid, next_->program.c_str())));
+  const std::string program = next_->program;
+  next_->die();
+  wex_destroy_chains(&wex_chains);
+  // That daemon was killed as it made such a file.
+  write_file("/tmp/vsd/0/wex/db/begun-5-0123456789abcdef", "-7\n2\n" + program);
+  EXPECT_EQ(0, wex_rebuild_chains(&wex_chains));
+  EXPECT_TRUE(eventually([&] { return !pids_with_command(program).empty(); }));
+  EXPECT_EQ(1u, pids_with_command(program).size());
+  EXPECT_EQ("", numbered_files());
+  EXPECT_FALSE(exists("/tmp/vsd/0/wex/db/begun-5-0123456789abcdef"));
+  EXPECT_TRUE(registered(newcomer_pid_));
+  EXPECT_EQ(2, wex_chains.count);
+}
+
+TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatWaitsAndHasNoFileGetsNone) {
+  unlink(file_.c_str());
+  newcomer_registers();
+  EXPECT_LT(rec_->pid, -1);
+  EXPECT_EQ("", numbered_files());
+}
+
+TEST_F(HandOverBesideNewcomerOfAnotherName, TheNextDaemonFindsTheProcessOfAProgramThatWaitsAndStartsNone) {
+  newcomer_registers();
+  wex_destroy_chains(&wex_chains);
+  EXPECT_EQ(0, wex_rebuild_chains(&wex_chains));
+  EXPECT_EQ("", numbered_files());
+  EXPECT_EQ(2, wex_chains.count);
+  EXPECT_TRUE(registered(next_->pid()));
+  EXPECT_TRUE(registered(newcomer_pid_));
+  EXPECT_EQ(1u, pids_with_command(next_->program).size());
+  unlink(db_file(next_->pid(), next_->program.c_str()).c_str());
+}
+
+// As any other registration of his does that waits for its restart.
+TEST_F(HandOver, InStrictModeAUsersProgramThatWaitsGivesItsPidUpToRootsService) {
+  be_strict();
+  wex_user user = {};
+  user.uid = 1234;
+  user.gid = 1235;
+  detached next("4711");
+  wex_pid* const rec = died(park_at(900, next.program.c_str()));
+  rec->user = wex_number_user(user);
+  wex_hold_user(rec);
+  const pid_t pid = lasting();
+  const wex_pid* roots = nullptr;
+  {
+    chain_lock hold(wex_chains);
+    __wex_adopt_pid(&wex_chains, rec, pid);
+    rec->start_time = kSomeStart;
+    ASSERT_TRUE(__wex_await_hand_over(rec, next.pid()));
+    wex_pid* const newcomer = wex_new_record();
+    newcomer->pid = pid;
+    newcomer->action = RESPAWN;
+    snprintf(newcomer->process, sizeof newcomer->process, "/bin/sleep 3000");
+    wex_note_identity(newcomer);
+    newcomer->user = wex_number_user({});
+    char file[kPathSize];
+    ASSERT_TRUE(wex_name_pidfile(newcomer, file));
+    __wex_free_pid({pid, newcomer->start_time, file, 0});  // as its registration does
+    __wex_add_record(&wex_chains, newcomer);
+    roots = newcomer;
+  }
+  const std::string file = db_file(pid, "/bin/sleep 3000");
+  write_file(file, std::to_string(pid) + "\n2\n/bin/sleep 3000");
+  EXPECT_LT(rec->pid, -1);
+  wex_cancel_by(1234, {WEX_CANCEL_PROC, pid});
+  EXPECT_TRUE(exists(file)) << "it is that of root's service";
+  EXPECT_FALSE(any_file_of("sleep[.]-")) << "a user's has none";
+  {
+    chain_lock hold(wex_chains);
+    EXPECT_EQ(roots, __wex_find_pid(&wex_chains, pid));
+  }
+  unlink(file.c_str());
+  next.process.kill_now();
+}
