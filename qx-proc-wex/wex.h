@@ -94,15 +94,18 @@ typedef struct wex_pid {
   int32_t gone_since;     /* when a sweep first found the pid gone, 0 = not seen gone */
   int32_t missed_child;   /* child of the last start, when its program was not found; else 0 */
   uint32_t missed_start;  /* number of that start until its end has been handled, 0 = none */
-  uint64_t start_time;    /* of the process, as in /proc/PID/stat: tells a reused pid; 0 = unknown */
-  uint64_t exit_tick;     /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
-  int32_t status_slot;    /* its slot in the status table, counted from 1; 0 = none */
+  int64_t
+      seen_ns; /* when it was seen with that start time, in nanoseconds of the monotonic clock; 0 = never */
+  uint64_t start_time; /* of the process, as in /proc/PID/stat: tells a reused pid; 0 = unknown */
+  uint64_t exit_tick;  /* when the kernel reported its exit, in the unit of start_time; 0 = it did not */
+  int32_t status_slot; /* its slot in the status table, counted from 1; 0 = none */
   uint32_t
       known_code;  /* exit code that is known before the exit is handled: of a signal that ended the thread
                       of `thread_of`, or of an end before there was this record; 0 = none was reported */
   int32_t awaited; /* the process to which the program is handed over when its pid gets free; with the other
                       sign when that process's end was reported; 0 = none */
   uint64_t awaited_start; /* its start time */
+  int64_t awaited_ns;     /* when it was found, in nanoseconds of the monotonic clock */
   int32_t user;           /* strict mode: number of the user it is started again as; 0 = not known */
   uint32_t name_hash;     /* of `process`: the key of a second table */
   wex_hnode name_node;

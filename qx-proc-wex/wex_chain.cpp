@@ -187,7 +187,7 @@ ended_process identity_of(const wex_pid* rec) {
     return {};  // a process that has this pid got it when the thread had ended
   }
   const int64_t ended_by_ns = rec->ended_by_ns != 0 ? rec->ended_by_ns : wex_clock_ns() + kReportSlackNs;
-  return {rec->start_time, ended_by_ns, rec->exit_tick, true};
+  return {rec->start_time, rec->seen_ns, ended_by_ns, rec->exit_tick, true};
 }
 
 void note_replaced(const wex_pid* rec, int32_t new_pid) WEX_TSA(requires_capability(wex_chains)) {
@@ -501,8 +501,10 @@ bool wex_note_start(wex_pid* rec) {
   char state = 0;
   uint64_t start_time = 0;
   const int32_t process = wex_process_of(rec);
+  const int64_t now_ns = wex_clock_ns();
   const bool seen = process > 0 && wex_proc_stat(process, &state, &start_time);
   rec->start_time = seen ? start_time : 0;
+  rec->seen_ns = seen ? now_ns : 0;
   return rec->start_time != 0 && !wex_is_dead_state(state);
 }
 
@@ -574,16 +576,15 @@ void wex_note_found_ended(wex_pid* rec) {
   wex_note_ended(rec, wex_clock_ns() + kReportSlackNs);
 }
 
-void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) {
+void __wex_note_birth(int32_t pid, int64_t time_ns) {
   // Of what is reported later nothing was earlier, though a coarse clock may show the same time.
   const int64_t before_ns = time_ns - 1;
   wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
-  if (rec != nullptr && rec->thread_of == 0 && rec->start_time != kStartOfNobody &&
-      wex_is_anothers_birth(pid, rec->start_time, tick)) {
+  if (rec != nullptr && rec->thread_of == 0 && wex_is_anothers_birth(rec->seen_ns, time_ns)) {
     wex_note_ended(rec, before_ns);
   }
   for (replacement& entry : g_replaced) {
-    if (entry.old_pid == pid && wex_is_anothers_birth(pid, entry.process.start_time, tick)) {
+    if (entry.old_pid == pid && wex_is_anothers_birth(entry.process.seen_ns, time_ns)) {
       entry.process.ended_by_ns = std::min(entry.process.ended_by_ns, before_ns);
     }
   }

@@ -140,8 +140,9 @@ int32_t __wex_replaced_by(int32_t pid) WEX_TSA(requires_capability(wex_chains));
 // What tells events of a process that has ended from those of others that got its pid.
 struct ended_process {
   uint64_t start_time;  // clock ticks since boot, 0: unknown
-  int64_t ended_by_ns;  // as in wex_pid
-  uint64_t exit_tick;   // when the kernel reported that end, in clock ticks since boot; 0: it did not
+  int64_t seen_ns;      // this and the next as in wex_pid
+  int64_t ended_by_ns;
+  uint64_t exit_tick;  // when the kernel reported that end, in clock ticks since boot; 0: it did not
   bool handled;
 };
 
@@ -155,9 +156,9 @@ void wex_note_ended(wex_pid* rec, int64_t time_ns);
 // The same for one that has been found to have ended. Its end may be reported with a slightly later time.
 void wex_note_found_ended(wex_pid* rec);
 
-// A process was born with this pid at this time, in clock ticks since boot and in nanoseconds of the
-// monotonic clock. Those that had the pid before had ended by then.
-void __wex_note_birth(int32_t pid, uint64_t tick, int64_t time_ns) WEX_TSA(requires_capability(wex_chains));
+// A process was born with this pid at this time of the monotonic clock, in nanoseconds. Those that had the
+// pid before had ended by then.
+void __wex_note_birth(int32_t pid, int64_t time_ns) WEX_TSA(requires_capability(wex_chains));
 
 // True when another registration of rec's program in rec's domain has, or waits for, a process: one whose
 // last restart left none does not count.

@@ -90,13 +90,8 @@ bool wex_surely_dead(const process_look& now) {
   return wex_judge_presence(now, 0) == presence::absent;
 }
 
-bool wex_is_anothers_birth(int32_t pid, uint64_t start_time, uint64_t tick) {
-  if (start_time == 0 || tick <= start_time + kStartTickSlack) {
-    return false;
-  }
-  // A large process takes the kernel more time to fork than the clocks differ by.
-  const process_look now = wex_look_at(pid);
-  return now.sight != process_look::seen || now.start_time != start_time;
+bool wex_is_anothers_birth(int64_t seen_ns, int64_t birth_ns) {
+  return seen_ns != 0 && birth_ns > seen_ns + kReportSlackNs;
 }
 
 uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset_ns, long ticks_per_second) {

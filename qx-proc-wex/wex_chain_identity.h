@@ -48,9 +48,10 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
 // True when nobody has the pid that was looked at, or a process that is dead.
 bool wex_surely_dead(const process_look& now);
 
-// Whether a process born in that tick with this pid is another one than that which started at `start_time`
-// (0, unknown: no).
-bool wex_is_anothers_birth(int32_t pid, uint64_t start_time, uint64_t tick);
+// Whether a process that was born at that time is another one than that which was seen with its pid then (0,
+// never: no). Nanoseconds of the monotonic clock. The own birth may be read late, but was before; within the
+// slack nobody else can have got the pid.
+bool wex_is_anothers_birth(int64_t seen_ns, int64_t birth_ns);
 
 enum class presence { present, absent, unknown };
 

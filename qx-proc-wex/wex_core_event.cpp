@@ -78,7 +78,8 @@ bool is_known_to_have_ended(const wex_pid* rec) {
 }
 
 bool is_of_ended(const process_event& event, const wex_pid* rec) {
-  return is_of_ended(event, {rec->start_time, rec->ended_by_ns, rec->exit_tick, was_handled(rec)});
+  return is_of_ended(event,
+                     {rec->start_time, rec->seen_ns, rec->ended_by_ns, rec->exit_tick, was_handled(rec)});
 }
 
 // Whether the process of a record whose exit was handled goes on: only its main thread had ended. Before
@@ -307,9 +308,8 @@ int32_t wex_event_second(const process_event& event) {
 void wex_take_birth_event(const process_event& event) {
   if (event.pid == event.tgid && has_time(event)) {
     chain_lock hold(wex_chains);
-    const uint64_t tick = tick_of(event);
-    __wex_note_birth(event.pid, tick, wex_event_time(event));
-    __wex_note_awaited_birth(event.pid, tick);
+    __wex_note_birth(event.pid, wex_event_time(event));
+    __wex_note_awaited_birth(event.pid, wex_event_time(event));
   }
 }
 

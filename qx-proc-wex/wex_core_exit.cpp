@@ -61,6 +61,7 @@ bool still_runs(wex_pid* rec) {
     return false;
   }
   rec->start_time = now.start_time;
+  rec->seen_ns = wex_clock_ns();
   rec->exit_seen = 0;
   rec->ended_by_ns = 0;
   rec->restart_failed = 0;

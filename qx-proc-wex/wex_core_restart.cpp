@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "waiting.h"
 #include "wex_chain.h"
 #include "wex_chain_identity.h"
 #include "wex_chain_user.h"
@@ -60,6 +61,7 @@ void await_end_of(wex_pid* rec, int32_t process, uint64_t start_time)
   rec->known_code = 0;
   rec->awaited = process;
   rec->awaited_start = start_time;
+  rec->awaited_ns = wex_clock_ns();
   g_any_awaited = true;
 }
 
@@ -196,13 +198,13 @@ bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, boo
   return taken;
 }
 
-void __wex_note_awaited_birth(int32_t pid, uint64_t tick) {
+void __wex_note_awaited_birth(int32_t pid, int64_t time_ns) {
   if (!g_any_awaited) {
     return;
   }
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
-    if (awaits_end(rec) && rec->awaited == pid && wex_is_anothers_birth(pid, rec->awaited_start, tick)) {
+    if (awaits_end(rec) && rec->awaited == pid && wex_is_anothers_birth(rec->awaited_ns, time_ns)) {
       note_end_of_awaited(rec, 0);
     }
   }

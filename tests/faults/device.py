@@ -318,8 +318,10 @@ class Bare(Service):
         self.pid = 0
 
     def is_up(self):
+        """One instance lives, and its file is whole: a daemon that was killed as it wrote it leaves it empty."""
         living = self.lives()
-        return len(living) == 1 and any(name.endswith(".%d" % living[0]) for name in names(DATABASE))
+        return len(living) == 1 and any(
+            name.endswith(".%d" % living[0]) and read(DATABASE + "/" + name) for name in names(DATABASE))
 
     def is_filed(self):
         """Its file is the daemon's, which makes it a minute after a start; a later daemon finds the listed program itself."""

@@ -170,7 +170,7 @@ TEST_F(AwaitedEnd, IsNotThatOfAProcessThatWasBornWithItsPid) {
 }
 
 TEST_F(AwaitedEnd, IsStillToComeWhenItsOwnBirthIsReportedLate) {
-  wex_take_birth_event({kEventFork, next_->pid(), next_->pid(), 0, later_ns()});
+  wex_take_birth_event({kEventFork, next_->pid(), next_->pid(), 0, next_->before_ns});
   next_->end(SIGTERM);
   wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));
   sweep_soon();
