@@ -113,12 +113,15 @@ int32_t number_like(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   return number;
 }
 
+bool is_deads_of_roots(const wex_pid* rec) {
+  uid_t uid = 0;
+  return rec->thread_of == 0 && wex_uid_of(rec, &uid) && uid == 0 && !wex_record_lives(rec);
+}
+
 // Whether it waits with a dead pid for its program, or for the next daemon, which is to start it: by its
 // file.
 bool is_failed_of_roots(const wex_pid* rec) {
-  uid_t uid = 0;
-  return rec->restart_failed != 0 && rec->thread_of == 0 && wex_uid_of(rec, &uid) && uid == 0 &&
-         !wex_record_lives(rec);
+  return rec->restart_failed != 0 && is_deads_of_roots(rec);
 }
 
 // Whether a registration leaves its pid to another process that has it by now. One that waits for its
@@ -139,7 +142,7 @@ bool has_file(const wex_pid* rec) {
 // Whether the next daemon is to start it by its file. In strict mode a user's goes. Without it none is made
 // beside the taker's of the same name: that may be a process of the same program, which takes its place.
 bool keeps_file(const wex_pid* rec, bool is_takers) {
-  return wex_strict().on ? is_failed_of_roots(rec) : !is_takers && has_file(rec);
+  return wex_strict().on ? is_deads_of_roots(rec) : !is_takers && has_file(rec);
 }
 
 // First what tells its ids and its whole command: the database file is read in part.

@@ -321,6 +321,9 @@ void wex_note_unreported_ends(int64_t since_ns) {
     if (process > 0 && !was_handled(rec) && has_lost_its_pid(process, rec->start_time)) {
       wex_note_ended(rec, since_ns);
     }
+    if (rec->awaited > 0 && has_lost_its_pid(rec->awaited, rec->awaited_start)) {
+      __wex_note_awaited_gone(rec);
+    }
   }
 }
 

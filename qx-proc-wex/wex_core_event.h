@@ -12,8 +12,9 @@ void wex_take_exit_event(const process_event& event);
 // A process was born. Whoever had its pid before had ended by then.
 void wex_take_birth_event(const process_event& event);
 
-// Events from this time of the monotonic clock (in nanoseconds) until now have been lost. Of a process that
-// has ended by now nothing that happened since then is reported any more.
+// Strict mode: events from this time of the monotonic clock (in nanoseconds) until now, or nearly so, have
+// been lost. What is still reported under the pid of a process that has gone by now, and happened since then,
+// may be another user's, so it is nobody's; the sweep finds that the process has ended.
 void wex_note_unreported_ends(int64_t since_ns);
 
 // Nanoseconds of this process's monotonic clock; 0 when the event's stamp is no time.

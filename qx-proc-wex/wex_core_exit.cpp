@@ -72,21 +72,21 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
-// The number that the record of this postponed restart has by now: it may have given its pid up behind the
-// end of its wait. 0 when it has gone.
-int32_t number_of(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
-  const wex_pid* const rec = __wex_find_pid(&wex_chains, ready.pid);
+// The record of this postponed restart, or null when it has gone. Another program may have been started with
+// the pid since, or the record has given it up behind the end of its wait.
+wex_pid* find_postponed(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
+  wex_pid* const rec = __wex_find_ended(ready.pid, ready.start_time);
   const bool may_have_number = wex_strict().on || ready.start_time == kStartOfNobody;
-  if (!may_have_number || (rec != nullptr && rec->start_time == ready.start_time)) {
-    return ready.pid;
+  if (rec != nullptr || !may_have_number) {
+    return rec != nullptr ? rec : __wex_find_pid(&wex_chains, ready.pid);
   }
   record_walk walk(wex_chains);
-  const wex_pid* other = walk.next();
-  while (other != nullptr &&
-         (other->pid >= -1 || other->start_time != ready.start_time || other->exit_seen == 0)) {
+  wex_pid* other = walk.next();
+  while (other != nullptr && (other->pid >= -1 || other->start_time != ready.start_time ||
+                              other->exit_seen == 0 || other->alarm_wait_flag == 1)) {
     other = walk.next();
   }
-  return other != nullptr ? other->pid : 0;
+  return other;
 }
 
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
@@ -454,9 +454,8 @@ void handle_ended(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, con
 
 // `ended_start`: the start time of a process that is known to have ended, or 0. Another process of the same
 // pid, registered since, has another one.
-void handle_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
+void handle_exit(wex_pid* rec, uint32_t exit_signal, int32_t force_restart, uint64_t ended_start)
     WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
   if (rec == nullptr || rec->delay_start > 0) {
     return;  // or the end of a stranger that has got the pid during the pause
   }
@@ -545,8 +544,9 @@ void with_reserve(const Handle& handle) {
 extern "C" {
 
 void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
-  with_reserve(
-      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, force_restart, 0); });
+  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) {
+    handle_exit(__wex_find_pid(&wex_chains, pid), exit_signal, force_restart, 0);
+  });
 }
 
 void wex_handle_missed_exit(uint32_t start, uint32_t status, bool forked) {
@@ -566,16 +566,14 @@ void wex_handle_lost_exit(int32_t pid, uint32_t status, uint64_t start_time) {
 }
 
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
-  with_reserve(
-      [=]() WEX_TSA(requires_capability(wex_chains)) { handle_exit(pid, exit_signal, 0, ended_start); });
+  with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) {
+    handle_exit(__wex_find_pid(&wex_chains, pid), exit_signal, 0, ended_start);
+  });
 }
 
 void wex_hand_back_restart(const ready_restart& ready) {
   with_reserve([&ready]() WEX_TSA(requires_capability(wex_chains)) {
-    const int32_t number = number_of(ready);
-    if (number != 0) {
-      handle_exit(number, ready.exit_signal, ready.force_restart, 0);
-    }
+    handle_exit(find_postponed(ready), ready.exit_signal, ready.force_restart, 0);
   });
 }
 

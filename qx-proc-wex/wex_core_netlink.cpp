@@ -33,6 +33,7 @@
 #include "wex_proc.h"
 #include "wex_proc_child.h"
 #include "wex_status_image.h"
+#include "wex_strict.h"
 
 std::atomic<int32_t> wex_monitor_read_until{0};
 
@@ -225,7 +226,9 @@ void ask_for_looks(monitor* state) {
 // read, and says so once, with the next reading.
 void end_gap(monitor* state) {
   if (state->gap_since_ns != 0) {
-    wex_note_unreported_ends(state->gap_since_ns);
+    if (wex_strict().on) {
+      wex_note_unreported_ends(state->gap_since_ns);
+    }
     ask_for_looks(state);
     state->gap_since_ns = 0;
   }
@@ -259,6 +262,11 @@ void on_event(const process_event& event, void* context) {
   }
 }
 
+bool is_readable(int fd) {
+  struct pollfd input = {fd, POLLIN, 0};
+  return poll(&input, 1, 0) > 0;
+}
+
 void receive_one(monitor* state) {
   state->was_birth = false;
   uint8_t bytes[kDatagramMax];
@@ -279,6 +287,9 @@ void receive_one(monitor* state) {
   if (from_size != sizeof from) {
     wex_dbg(WEX_DBG_PUB, "%s: bad address size reading netlink socket: %s\n", kThreadName, strerror(errno));
     return;
+  }
+  if (state->gap_since_ns != 0 && !is_readable(state->fd)) {
+    end_gap(state);  // before this event is handled, which may take seconds: others are queued meanwhile
   }
   if (from.nl_groups == kProcessGroup && from.nl_pid == 0) {
     wex_walk_datagram(bytes, static_cast<size_t>(size), on_event, state);

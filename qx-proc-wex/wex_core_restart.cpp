@@ -76,12 +76,17 @@ bool is_exit_of(const process_look& now, uint64_t start_time, uint64_t exit_tick
   return after_start && is_not_of_later_one;
 }
 
-// Another process may have registered with the pid since the program's start failed.
+// Another process may have registered with the pid since the program's start failed. Either may come first in
+// its bucket.
 void leave_pid_to_newcomer(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
-  const wex_pid* const newcomer = rec->pid > 0 ? __wex_find_pid(&wex_chains, rec->pid) : nullptr;
+  record_walk walk(wex_chains);
+  const wex_pid* newcomer = walk.next();
+  while (newcomer != nullptr &&
+         (newcomer == rec || newcomer->pid != rec->pid || newcomer->start_time == kStartOfNobody)) {
+    newcomer = walk.next();
+  }
   char file[kPathSize];
-  if (newcomer != nullptr && newcomer != rec && newcomer->thread_of == 0 &&
-      wex_name_pidfile(newcomer, file)) {
+  if (rec->pid > 0 && newcomer != nullptr && newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
     __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
   }
 }
@@ -174,8 +179,8 @@ bool __wex_await_hand_over(wex_pid* rec, int32_t found) {
   rec->missed_start = 0;
   rec->delay_start = 0;
   rec->gone_since = wex_clock_now() + kHandOverAgainSec;
-  leave_pid_to_newcomer(rec);
   wex_note_failed(rec);
+  leave_pid_to_newcomer(rec);
   wex_status_waiting(rec);
   wex_request_sweep();
   return true;
@@ -196,6 +201,12 @@ bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, boo
   }
   g_any_awaited = any;
   return taken;
+}
+
+void __wex_note_awaited_gone(wex_pid* rec) {
+  if (awaits_end(rec)) {
+    note_end_of_awaited(rec, 0);
+  }
 }
 
 void __wex_note_awaited_birth(int32_t pid, int64_t time_ns) {

@@ -35,6 +35,9 @@ bool __wex_await_hand_over(wex_pid* rec, int32_t found) WEX_TSA(requires_capabil
 bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
     WEX_TSA(requires_capability(wex_chains));
 
+// The process that the record waits for, if it does, has ended, of an unknown cause.
+void __wex_note_awaited_gone(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+
 // A process was born with this pid at this time of the monotonic clock, in nanoseconds. That which a record
 // waits for, and which had the pid before, had ended by then, of an unknown cause.
 void __wex_note_awaited_birth(int32_t pid, int64_t time_ns) WEX_TSA(requires_capability(wex_chains));

@@ -253,11 +253,11 @@ bool check_value(uint32_t kind, int32_t value) {
   }
 }
 
-// Of -1 there are records: no process was found for them. An exit code has the form of wait(2), 16 bits.
+// Of -1 there are records, for which no process was found, and of lesser numbers those that have given their
+// pid up. An exit code has the form of wait(2), 16 bits.
 bool check_values(const wex_status_event& event) {
-  return event.pid >= -1 && event.new_pid >= -1 && event.domain >= -1 &&
-         event.domain <= kLastTakeDownDomain && event.exit_code <= UINT16_MAX &&
-         check_value(event.kind, event.value);
+  return event.new_pid >= -1 && event.domain >= -1 && event.domain <= kLastTakeDownDomain &&
+         event.exit_code <= UINT16_MAX && check_value(event.kind, event.value);
 }
 
 // An event of an earlier daemon is taken when each of its fields can be right. Its name is shown to people.

@@ -75,15 +75,24 @@ std::string text_of(const std::string& path) {
   return text;
 }
 
-void write_whole(const char* path, const std::string& text) {  // readers never see half of it
+bool try_to_write(const char* path, const std::string& text) {  // readers never see half of it
   const std::string draft = std::string(path) + ".draft";
   FILE* file = fopen(draft.c_str(), "we");
   if (!file) {
-    give_up(path);
+    return false;
   }
   const bool written = fwrite(text.data(), 1, text.size(), file) == text.size();
-  if (fclose(file) != 0 || !written || rename(draft.c_str(), path) != 0) {
-    give_up(path);
+  return fclose(file) == 0 && written && rename(draft.c_str(), path) == 0;
+}
+
+// On a disk that a test has filled there is room again when others remove their files.
+void write_whole(const char* path, const std::string& text) {
+  constexpr int kTries = 5000;
+  for (int tries = 1; !try_to_write(path, text); ++tries) {
+    if (errno != ENOSPC || tries == kTries) {
+      give_up(path);
+    }
+    usleep(10000);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include "hand_over_world.h"
 #include "hash_links.h"
+#include "waiting.h"
 #include "wex_chain_rebuild.h"
 #include "wex_core_delay.h"
 #include "wex_core_exit.h"
@@ -91,6 +92,27 @@ class HandOverBesideNewcomer : public HandOver {
 };
 
 class HandOverBesideNewcomerOfAnotherName : public HandOverBesideNewcomer {
+ protected:
+  // It was started too often when the process that it waited for has ended.
+  void expect_file_of_parked() {
+    be_roots(rec_);
+    rec_->check_count = 5;
+    rec_->check_start = g_now;
+    rec_->flags |= WEX_FLAG_SELF_CHECKING;
+    next_->die();
+    sweep_when_due();
+    ASSERT_EQ(1, rec_->alarm_wait_flag);
+    ASSERT_EQ(newcomer_pid_, rec_->pid);
+    ASSERT_TRUE(exists(file_));
+    newcomer_registers();
+    EXPECT_LT(rec_->pid, -1);
+    EXPECT_NE("", numbered_files()) << "no daemon will know of it";
+    EXPECT_TRUE(newcomer_is_there());
+    alarm(0);
+    system("rm -f /tmp/vsd/0/wex/db/*");
+  }
+
+ private:
   std::vector<std::string> newcomers_words() override {
     char path[kPathSize] = "";
     EXPECT_NE(nullptr, realpath("/usr/bin/tail", path));
@@ -184,6 +206,64 @@ TEST_F(HandOverBesideNewcomer, AProgramWhoseWaitEndedJustBeforeItRegistersIsStar
   expect_started(rec_, newcomer_pid_);
   EXPECT_EQ(number, other->pid);
   EXPECT_TRUE(newcomer_is_there());
+}
+
+// The other one waits for the end of its self-check behind a hand-over, with a number.
+TEST_F(HandOverBesideNewcomer, AProgramWhoseWaitEndedJustBeforeItRegistersIsStartedAgainBesideAParkedOne) {
+  wex_pid* const other = died(park_at(900, "/bin/sleep 5000"));
+  other->start_time = kStartOfNobody;
+  other->alarm_wait_flag = 1;
+  other->exit_seen = 1;
+  unlink(db_file(other->pid, other->process).c_str());
+  int32_t number = -1;
+  make_newcomers_file();
+  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
+  ASSERT_TRUE(owner.ready());
+  next_->die();
+  wex_handle_lost_exit(newcomer_pid_, 0, kStartOfNobody);
+  ASSERT_EQ(1, rec_->exit_seen);
+  g_now += kForceRestartSec;
+  ready_restart ready = {};
+  ASSERT_TRUE(wex_take_ready_restart(&ready));
+  newcomer_registers();
+  {
+    chain_lock hold(wex_chains);
+    EXPECT_LT(rec_->pid, -1);
+    do {  // one that is walked through first
+      --number;
+    } while (wex_hash_pid(number) > wex_hash_pid(rec_->pid) || number == rec_->pid);
+    hlist_del(&other->hnode);
+    other->pid = number;
+    link_at_head(&wex_chains.heads[wex_hash_pid(number)], &other->hnode);
+  }
+  wex_hand_back_restart(ready);
+  expect_started(rec_, newcomer_pid_);
+}
+
+// The rebuild enters them in the order of their files.
+TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatBeginsToWaitBeforeANewcomerInTheChainGivesThePidUp) {
+  rec_->awaited = 0;
+  rec_->exit_seen = 1;
+  newcomer_registers();
+  ASSERT_EQ(newcomer_pid_, rec_->pid);
+  chain_lock hold(wex_chains);
+  hlist_del(&rec_->hnode);
+  link_at_head(&wex_chains.heads[wex_hash_pid(newcomer_pid_)], &rec_->hnode);
+  ASSERT_TRUE(__wex_await_hand_over(rec_, next_->pid()));
+  EXPECT_LT(rec_->pid, -1);
+}
+
+// Its birth, and the end before, were among the events that were lost.
+TEST_F(HandOver, AStopOfAStrangerThatGotTheAwaitedPidWhileEventsWereLostDoesNotStopTheProgram) {
+  detached next("4711");
+  wex_pid* const rec = awaiting(next);
+  const int32_t pid = rec->pid;
+  next.die();
+  wex_note_unreported_ends(wex_clock_ns());
+  wex_take_exit_event(exit_of(next.pid(), SIGTERM, later_ns()));
+  sweep_soon();
+  ASSERT_TRUE(holds(next.program.c_str()));
+  expect_started(rec, pid);
 }
 
 TEST_F(HandOverBesideNewcomer, AProgramThatWaitsIsStartedAgainInItsOwnDomainAndTheNewcomerStaysInIts) {
@@ -334,4 +414,65 @@ TEST_F(HandOver, InStrictModeAUsersProgramThatWaitsGivesItsPidUpToRootsService) 
   }
   unlink(file.c_str());
   next.process.kill_now();
+}
+
+// The daemon before knew both by their files.
+TEST_F(HandOver, InStrictModeRootsProgramThatBeginsToWaitWithThePidOfANewcomerKeepsAFile) {
+  be_strict();
+  detached next("4711");
+  wex_pid* const rec = died(park_at(900, next.program.c_str()));
+  be_roots(rec);
+  const pid_t pid = lasting();
+  chain_lock hold(wex_chains);
+  __wex_adopt_pid(&wex_chains, rec, pid);
+  rec->start_time = kStartOfNobody;
+  write_file(db_file(pid, rec->process), std::to_string(pid) + "\n2\n" + next.program);
+  wex_pid* const newcomer = wex_new_record();
+  newcomer->pid = pid;
+  newcomer->action = RESPAWN;
+  snprintf(newcomer->process, sizeof newcomer->process, "/bin/tail -f /dev/null");
+  wex_note_identity(newcomer);
+  newcomer->user = wex_number_user({});
+  __wex_add_record(&wex_chains, newcomer);
+  ASSERT_EQ(0, rec->restart_failed);
+  ASSERT_TRUE(__wex_await_hand_over(rec, next.pid()));
+  EXPECT_LT(rec->pid, -1);
+  EXPECT_TRUE(any_file_of("sleep[.]-")) << "no daemon will know of it";
+  system("rm -f /tmp/vsd/0/wex/db/*");
+  next.process.kill_now();
+}
+
+// The daemon's own child gets the pid, not somebody who registers.
+TEST_F(HandOverBesideNewcomer, AProgramThatIsPostponedIsStartedAgainThoughAnotherOneWasStartedWithItsPid) {
+  {
+    chain_lock hold(wex_chains);
+    rec_->awaited = 0;
+    rec_->restart_failed = 0;
+    rec_->start_time = kSomeStart;
+  }
+  next_->die();
+  {
+    child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, next_->program.c_str()) == 0; });
+    ASSERT_TRUE(owner.ready());
+    wex_handle_lost_exit(newcomer_pid_, 9, kSomeStart);
+    ASSERT_EQ(1, rec_->exit_seen);
+    wex_pid* const other = died(park_at(900, "/bin/sleep 3000"));
+    chain_lock hold(wex_chains);
+    other->alarm_wait_flag = 0;
+    __wex_adopt_pid(&wex_chains, other, newcomer_pid_);
+  }
+  g_now += kForceRestartSec;
+  ready_restart ready = {};
+  ASSERT_TRUE(wex_take_ready_restart(&ready));
+  wex_hand_back_restart(ready);
+  expect_started(rec_, newcomer_pid_);
+}
+
+TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatIsParkedBehindItsWaitKeepsAFile) {
+  expect_file_of_parked();
+}
+
+TEST_F(HandOverBesideNewcomerOfAnotherName, InStrictModeRootsProgramThatIsParkedBehindItsWaitKeepsAFile) {
+  be_strict();
+  expect_file_of_parked();
 }

@@ -135,7 +135,7 @@ TEST_F(StatusTable, AnEventThatCannotHaveHappenedIsNotTakenOver) {
   } rows[] = {
       {"as it was", [](wex_status_event*) {}, true},
       {"no process found", [](wex_status_event* event) { event->pid = event->new_pid = -1; }, true},
-      {"pid", [](wex_status_event* event) { event->pid = -2; }, false},
+      {"a number", [](wex_status_event* event) { event->pid = -2; }, true},
       {"new pid", [](wex_status_event* event) { event->new_pid = -2; }, false},
       {"domain", [](wex_status_event* event) { event->domain = 1000000; }, false},
       {"kind", [](wex_status_event* event) { event->kind = WEX_STATUS_EV_KINDS; }, false},
