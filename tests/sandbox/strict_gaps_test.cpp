@@ -74,23 +74,29 @@ bool flood_with_ends_of_threads() {
                                       30s);
 }
 
-struct StrictGaps : Strict {};
+struct StrictGaps : Strict {
+  // Root's service, when a user has filled the queue and half of it has been read.
+  void kill_service_while_events_are_lost(const words& options, pid_t* pid) {
+    Process& service = process();
+    ASSERT_TRUE(start_service(&service, options, 0));
+    *pid = service.pid();
+    const child flooder([] { return become(kUser) && flood_with_ends_of_threads(); });
+    ASSERT_TRUE(flooder.ready());
+    const unsigned full = look_at_queue().waiting;
+    ASSERT_TRUE(eventually([&] { return look_at_queue().waiting < full / 2; }, 30s)) << full;
+    send_signal(*pid, SIGKILL);
+    service.wait(20s);
+  }
+};
 
 }  // namespace
 
 // The kernel says once that it lost events, and loses all until the queue has been read to its end.
 TEST_F(StrictGaps, BySigtermAUserDoesNotStopAServiceOfRootsThatEndedWhileEventsWereStillLost) {
   start();
-  Process& service = process();
   const words options = {"--tag=gap"};
-  ASSERT_TRUE(start_service(&service, options, 0));
-  const pid_t pid = service.pid();
-  const child flooder([] { return become(kUser) && flood_with_ends_of_threads(); });
-  ASSERT_TRUE(flooder.ready());
-  const unsigned full = look_at_queue().waiting;
-  ASSERT_TRUE(eventually([&] { return look_at_queue().waiting < full / 2; }, 30s)) << full;
-  send_signal(pid, SIGKILL);
-  service.wait(20s);
+  pid_t pid = 0;
+  ASSERT_NO_FATAL_FAILURE(kill_service_while_events_are_lost(options, &pid));
   {
     const stranger users(pid, kUsersSleep);
     ASSERT_TRUE(eventually([&] { return uid_of(users.pid()) == text(kUser); }, 20s));
@@ -104,16 +110,9 @@ TEST_F(StrictGaps, BySigtermAUserDoesNotStopAServiceOfRootsThatEndedWhileEventsW
 // The look for lost exits that the overflow asks for must come behind the last one that was lost.
 TEST_F(StrictGaps, AServiceThatEndedWhileEventsWereStillLostIsStartedAgainSoonAfterThat) {
   start();
-  Process& service = process();
   const words options = {"--tag=late"};
-  ASSERT_TRUE(start_service(&service, options, 0));
-  const pid_t pid = service.pid();
-  const child flooder([] { return become(kUser) && flood_with_ends_of_threads(); });
-  ASSERT_TRUE(flooder.ready());
-  const unsigned full = look_at_queue().waiting;
-  ASSERT_TRUE(eventually([&] { return look_at_queue().waiting < full / 2; }, 30s)) << full;
-  send_signal(pid, SIGKILL);
-  service.wait(20s);
+  pid_t pid = 0;
+  ASSERT_NO_FATAL_FAILURE(kill_service_while_events_are_lost(options, &pid));
   ASSERT_TRUE(eventually([&] { return look_at_queue().waiting == 0; }, 30s));
   EXPECT_GT(wait_for_actor(service_words(options), pid, 15s), 0) << read_console();
 }

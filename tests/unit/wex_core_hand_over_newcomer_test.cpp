@@ -176,68 +176,61 @@ TEST_F(HandOverBesideNewcomer, AProgramThatItsLockHasPostponedIsStartedAgainOnce
   EXPECT_TRUE(newcomer_is_there());
 }
 
-// The other one, whose end is still to come, has a number, too.
-TEST_F(HandOverBesideNewcomer, AProgramWhoseWaitEndedJustBeforeItRegistersIsStartedAgainAndNoOther) {
-  wex_pid* const other = died(park_at(900, "/bin/sleep 5000"));
-  other->start_time = kStartOfNobody;
-  unlink(db_file(other->pid, other->process).c_str());
-  int32_t number = -1;
-  make_newcomers_file();
-  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
-  ASSERT_TRUE(owner.ready());
-  next_->die();
-  wex_handle_lost_exit(newcomer_pid_, 0, kStartOfNobody);
-  ASSERT_EQ(1, rec_->exit_seen);
-  g_now += kForceRestartSec;
-  ready_restart ready = {};
-  ASSERT_TRUE(wex_take_ready_restart(&ready));
-  newcomer_registers();
-  {
-    chain_lock hold(wex_chains);
-    EXPECT_LT(rec_->pid, -1);
-    do {  // one that is walked through first
-      --number;
-    } while (wex_hash_pid(number) > wex_hash_pid(rec_->pid) || number == rec_->pid);
-    hlist_del(&other->hnode);
-    other->pid = number;
-    link_at_head(&wex_chains.heads[wex_hash_pid(number)], &other->hnode);
+namespace {
+
+struct EndedWait : HandOverBesideNewcomer {
+  // Another program that has no process any more.
+  static wex_pid* without_process() {
+    wex_pid* const other = died(park_at(900, "/bin/sleep 5000"));
+    other->start_time = kStartOfNobody;
+    unlink(db_file(other->pid, other->process).c_str());
+    return other;
   }
-  wex_hand_back_restart(ready);
-  expect_started(rec_, newcomer_pid_);
+  // The wait of the program has just ended when a newcomer takes its pid; the other one has a number already.
+  void expect_started_beside(wex_pid* other, int32_t* number) {
+    make_newcomers_file();
+    child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
+    ASSERT_TRUE(owner.ready());
+    next_->die();
+    wex_handle_lost_exit(newcomer_pid_, 0, kStartOfNobody);
+    ASSERT_EQ(1, rec_->exit_seen);
+    g_now += kForceRestartSec;
+    ready_restart ready = {};
+    ASSERT_TRUE(wex_take_ready_restart(&ready));
+    newcomer_registers();
+    {
+      chain_lock hold(wex_chains);
+      EXPECT_LT(rec_->pid, -1);
+      do {  // one that is walked through first
+        --*number;
+      } while (wex_hash_pid(*number) > wex_hash_pid(rec_->pid) || *number == rec_->pid);
+      hlist_del(&other->hnode);
+      other->pid = *number;
+      link_at_head(&wex_chains.heads[wex_hash_pid(*number)], &other->hnode);
+    }
+    wex_hand_back_restart(ready);
+    expect_started(rec_, newcomer_pid_);
+  }
+};
+
+}  // namespace
+
+// The other one, whose end is still to come, has a number, too.
+TEST_F(EndedWait, JustBeforeTheNewcomerRegistersHasTheProgramStartedAgainAndNoOther) {
+  wex_pid* const other = without_process();
+  int32_t number = -1;
+  expect_started_beside(other, &number);
   EXPECT_EQ(number, other->pid);
   EXPECT_TRUE(newcomer_is_there());
 }
 
 // The other one waits for the end of its self-check behind a hand-over, with a number.
-TEST_F(HandOverBesideNewcomer, AProgramWhoseWaitEndedJustBeforeItRegistersIsStartedAgainBesideAParkedOne) {
-  wex_pid* const other = died(park_at(900, "/bin/sleep 5000"));
-  other->start_time = kStartOfNobody;
+TEST_F(EndedWait, JustBeforeTheNewcomerRegistersHasTheProgramStartedAgainBesideAParkedOne) {
+  wex_pid* const other = without_process();
   other->alarm_wait_flag = 1;
   other->exit_seen = 1;
-  unlink(db_file(other->pid, other->process).c_str());
   int32_t number = -1;
-  make_newcomers_file();
-  child owner([&] { return wex_db_create(0, newcomer_pid_, RESPAWN, "/bin/sleep 3000") == 0; });
-  ASSERT_TRUE(owner.ready());
-  next_->die();
-  wex_handle_lost_exit(newcomer_pid_, 0, kStartOfNobody);
-  ASSERT_EQ(1, rec_->exit_seen);
-  g_now += kForceRestartSec;
-  ready_restart ready = {};
-  ASSERT_TRUE(wex_take_ready_restart(&ready));
-  newcomer_registers();
-  {
-    chain_lock hold(wex_chains);
-    EXPECT_LT(rec_->pid, -1);
-    do {  // one that is walked through first
-      --number;
-    } while (wex_hash_pid(number) > wex_hash_pid(rec_->pid) || number == rec_->pid);
-    hlist_del(&other->hnode);
-    other->pid = number;
-    link_at_head(&wex_chains.heads[wex_hash_pid(number)], &other->hnode);
-  }
-  wex_hand_back_restart(ready);
-  expect_started(rec_, newcomer_pid_);
+  expect_started_beside(other, &number);
 }
 
 // The rebuild enters them in the order of their files.
