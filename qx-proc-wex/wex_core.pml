@@ -591,8 +591,11 @@ inline handle_ended(r, forced_restart, reported) {  // wex_core_exit.cpp
   decide(r, forced_restart)
 }
 
-inline handle_exit(p, forced_restart, known_ended) {  // wex_core_exit.cpp
-  __wex_find_pid(wex_chains, p);
+inline find_postponed(p) {  // wex_core_exit.cpp, in one step
+  __wex_find_pid(wex_chains, p)
+}
+
+inline handle_exit(r, forced_restart, known_ended) {  // wex_core_exit.cpp
   if
   :: r == NONE
   :: else ->
@@ -626,19 +629,22 @@ inline handle_lost(p) {  // wex_core_exit.cpp
 
 inline wex_handle_netlink_exit(p, forced_restart) {  // wex_core_exit.cpp
   lock(wex_chains);
-  handle_exit(p, forced_restart, false);
+  __wex_find_pid(wex_chains, p);
+  handle_exit(r, forced_restart, false);
   unlock(wex_chains)
 }
 
 inline wex_hand_back_restart(p, forced_restart) {  // wex_core_exit.cpp
   lock(wex_chains);
-  handle_exit(p, forced_restart, false);
+  find_postponed(p);
+  handle_exit(r, forced_restart, false);
   unlock(wex_chains)
 }
 
 inline wex_handle_judged_exit(p, known_ended) {  // wex_core_exit.cpp
   lock(wex_chains);
-  handle_exit(p, 0, known_ended);
+  __wex_find_pid(wex_chains, p);
+  handle_exit(r, 0, known_ended);
   unlock(wex_chains)
 }
 

@@ -545,7 +545,8 @@ extern "C" {
 
 void wex_handle_netlink_exit(int32_t pid, uint32_t exit_signal, int32_t force_restart) {
   with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) {
-    handle_exit(__wex_find_pid(&wex_chains, pid), exit_signal, force_restart, 0);
+    wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+    handle_exit(rec, exit_signal, force_restart, 0);
   });
 }
 
@@ -567,13 +568,15 @@ void wex_handle_lost_exit(int32_t pid, uint32_t status, uint64_t start_time) {
 
 void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_start) {
   with_reserve([=]() WEX_TSA(requires_capability(wex_chains)) {
-    handle_exit(__wex_find_pid(&wex_chains, pid), exit_signal, 0, ended_start);
+    wex_pid* const rec = __wex_find_pid(&wex_chains, pid);
+    handle_exit(rec, exit_signal, 0, ended_start);
   });
 }
 
 void wex_hand_back_restart(const ready_restart& ready) {
   with_reserve([&ready]() WEX_TSA(requires_capability(wex_chains)) {
-    handle_exit(find_postponed(ready), ready.exit_signal, ready.force_restart, 0);
+    wex_pid* const rec = find_postponed(ready);
+    handle_exit(rec, ready.exit_signal, ready.force_restart, 0);
   });
 }
 

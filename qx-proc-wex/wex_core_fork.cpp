@@ -18,6 +18,8 @@
 #include "ras_os.h"
 #include "safe_io.h"
 #include "unique_fd.h"
+#include "waiting.h"
+#include "wex_chain.h"
 #include "wex_core_stop.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
@@ -37,6 +39,15 @@ constexpr size_t kEventBytes = 1024;
   _exit(1);
 }
 
+// A child that could not become its program has taken the database file of the former process away, and the
+// restart that made it puts another one in its place: ended in between, the daemon would leave nothing by
+// which the next one knows the program. The registry is held until the end of the process.
+void wait_for_restart() WEX_TSA(no_thread_safety_analysis) {
+  for (int look = 0; look < kDelayEndLooks && pthread_mutex_trylock(&wex_chains.mutex) != 0; ++look) {
+    wex_sleep_ms(kDelayEndLookMs);
+  }
+}
+
 // The file holds one byte for each failure.
 void count_failures() {
   if (!wex_counts(kForkFile)) {
@@ -53,6 +64,7 @@ void count_failures() {
     return;
   }
   if (strlen(text) >= static_cast<size_t>(kForkFailuresFatal)) {
+    wait_for_restart();
     wex_end_unable_to_restart();
   }
 }

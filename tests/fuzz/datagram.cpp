@@ -10,7 +10,8 @@ struct tally {
 };
 
 void on_event(const process_event& event, void* context) {
-  fuzz::expect(event.kind == kEventAck || event.kind == kEventExec || event.kind == kEventExit,
+  fuzz::expect(event.kind == kEventAck || event.kind == kEventExec || event.kind == kEventExit ||
+                   event.kind == kEventFork,
                "only events of a known kind are handed on");
   ++static_cast<tally*>(context)->events;
 }
