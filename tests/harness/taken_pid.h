@@ -67,7 +67,10 @@ class stranger {
         },
         20s);
     EXPECT_EQ(wanted, pid_) << strerror(errno);
-    EXPECT_TRUE(pid_ <= 0 || eventually([&] { return program_of(pid_) != program_of(getpid()); }))
+    EXPECT_TRUE(pid_ <= 0 || eventually([&] {
+                  // The kernel knows the words of a program a little later than its path.
+                  return program_of(pid_) != program_of(getpid()) && !command_line(pid_).empty();
+                }))
         << words[0] << " was not executed";
   }
   ~stranger() { end(); }

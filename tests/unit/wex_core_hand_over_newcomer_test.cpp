@@ -25,7 +25,9 @@ class HandOverBesideNewcomer : public HandOver {
     const std::vector<std::string> words = newcomers_words();
     ASSERT_TRUE(newcomer_process_.start(words));
     newcomer_pid_ = newcomer_process_.pid();
-    ASSERT_TRUE(eventually([&] { return program_of(newcomer_pid_) == words[0]; }));
+    // The kernel knows the words of a program a little later than its path.
+    ASSERT_TRUE(eventually(
+        [&] { return program_of(newcomer_pid_) == words[0] && !command_line(newcomer_pid_).empty(); }));
     {
       chain_lock hold(wex_chains);
       __wex_adopt_pid(&wex_chains, rec_, newcomer_pid_);
