@@ -256,6 +256,12 @@ bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]) {
   return name_file(rec->vsd, rec->pid, rec->process, name);
 }
 
+bool wex_has_pidfile_of(const wex_pid* rec, const wex_pid* other) {
+  char name[kPathSize];
+  char others[kPathSize];
+  return wex_name_pidfile(rec, name) && wex_name_pidfile(other, others) && strcmp(name, others) == 0;
+}
+
 void wex_mend_pidfile(const wex_pid* rec) {
   char name[kPathSize];
   struct stat facts = {};
