@@ -30,7 +30,8 @@ done
 # The drivers' own tables: one that lost something, and one whose page says something else.
 for driver in failures soak; do
   sed "/^.tests.faults.run $driver.:/,/^## /s/| 0 |$/| 1 |/" "$root/docs/reliability.md" > "$work/docs/reliability.md"
-  "$work/tests/faults/merge.py" --check > /dev/null 2>&1 && complain "a changed figure is not noticed in the table of $driver"
+  "$work/tests/faults/merge.py" --check > /dev/null 2>&1 &&
+    complain "a changed figure is not noticed in the table of $driver"
 done
 cp "$root/docs/reliability.md" "$work/docs/"
 sed -i 's/"lost": 0/"lost": 1/' "$work/bench/reliability.json"

@@ -17,6 +17,7 @@ BEHIND = "Lost means that the proof failed.\n"
 BEFORE = "## Repeating it\n"
 HEAD = ["scenario", "what happens", "kinds of calls", "tried", "of", "reached", "at once", "later", "daemon ended", "program ended",
         "lost"]
+MUST_BE_NONE = {"lost", "none", "two", "ran twice", "zombies", "down for good"}
 
 
 def add(total, part):
@@ -89,7 +90,7 @@ def losses(figures):
         for row in part.get("rows", []):
             facts = dict(zip(part["columns"], row))
             allowed = {"down for good"} if facts.get("without") == "sweep" else set()
-            if any(facts.get(column) for column in {"lost", "none", "two", "ran twice", "zombies", "down for good"} - allowed):
+            if any(facts.get(column) for column in MUST_BE_NONE - allowed):
                 yield "%s: %s" % (key, row[0])
 
 
