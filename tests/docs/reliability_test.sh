@@ -4,6 +4,7 @@
 set -u
 . "$(dirname "$0")/lib.sh"
 "$root/tests/faults/figures.py" --check || complain "docs/reliability.md: see above"
+"$root/tests/faults/merge.py" --check || complain "docs/reliability.md: see above"
 
 cases_of "$root/tests" > "$work/cases"
 sed -n '/<!-- cases -->/,/<!-- end of cases -->/s/.*| `\(.*\)` |$/\1/p' "$root/docs/reliability.md" > "$work/named"
@@ -20,10 +21,19 @@ while IFS= read -r name; do
 done < "$work/devices"
 
 mkdir -p "$work/tests/faults" "$work/bench" "$work/docs"
-cp "$root/tests/faults/figures.py" "$work/tests/faults/"
+cp "$root/tests/faults/figures.py" "$root/tests/faults/merge.py" "$work/tests/faults/"
 cp "$root/bench/reliability.json" "$work/bench/"
 for table in cases device; do
   sed "/<!-- $table -->/,/<!-- end of $table -->/s/| 0 |/| 1 |/" "$root/docs/reliability.md" > "$work/docs/reliability.md"
   "$work/tests/faults/figures.py" --check > /dev/null 2>&1 && complain "a changed figure is not noticed in the table of $table"
 done
+# The drivers' own tables: one that lost something, and one whose page says something else.
+for driver in failures soak; do
+  sed "/^.tests.faults.run $driver.:/,/^## /s/| 0 |$/| 1 |/" "$root/docs/reliability.md" > "$work/docs/reliability.md"
+  "$work/tests/faults/merge.py" --check > /dev/null 2>&1 &&
+    complain "a changed figure is not noticed in the table of $driver"
+done
+cp "$root/docs/reliability.md" "$work/docs/"
+sed -i 's/"lost": 0/"lost": 1/' "$work/bench/reliability.json"
+"$work/tests/faults/merge.py" --check 2>&1 | grep -q '^lost' || complain "a loss in the figures is not noticed"
 finish

@@ -10,6 +10,7 @@ import signal
 import time
 
 import device
+import tracing
 from sheet import Sheet
 from trial import Trial
 
@@ -166,6 +167,27 @@ class DetachingKilled(Detaching):
             self.crew.due[name] = len(self.crew.lives[name])
 
 
+class LateMonitor(Detaching):
+    """What the monitor reads was executed, or has ended, some time before."""
+    name = "detaching, and killed again, while each reading of an event takes 5 ms more"
+
+    def act(self):
+        tasks = {name: task for task, name in self.daemon.tasks().items()}
+        strace = tracing.Strace(self.daemon.pid, ["trace=recvfrom", "inject=recvfrom:delay_enter=5000"],
+                                thread=tasks["wex_process_net"])
+        storm = device.spawn([self.tools.storm, "1", "fork"])
+        self.kill_each()
+        for name in sorted(self.crew.words)[:1 if self.short else 12]:
+            self.crew.look()
+            self.kill(name)
+            if self.need(self.crew.all_up(PATIENCE_S, [name]), "%s does not come back" % name):
+                self.kill(name)
+        self.back()
+        device.end(storm)
+        strace.leave()
+        self.need("(DELAYED)" in device.read(tracing.TRACE), "no reading was delayed, nothing was tried")
+
+
 class EventsLost(Row):
     name = "executed, killed, or both, while events are lost"
     without = "buffer"
@@ -231,7 +253,7 @@ def processes_of(path):
 def main():
     sheet = Sheet(__doc__, "listed", "Programs that do not register themselves.", COLUMNS)
     random.seed(sheet.options.seed)
-    rows = [TwiceInARow, Detaching, DetachingInAStorm, DetachingKilled, EventsLost, DaemonKilled]
+    rows = [TwiceInARow, Detaching, DetachingInAStorm, DetachingKilled, LateMonitor, EventsLost, DaemonKilled]
     for kind in rows if sheet.options.short else rows + [WhileLookedFor]:
         if sheet.wants(kind.name):
             row = kind(sheet)

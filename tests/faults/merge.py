@@ -3,6 +3,7 @@
 
 Usage: merge.py RESULT...: several results of one driver, each of a part of its places (--skip), are added up. Scenarios
 that none of them has tried (--scenario) keep their figures.
+       merge.py --check: whether page and figures agree, and nothing was lost
 """
 import collections
 import json
@@ -16,6 +17,7 @@ BEHIND = "Lost means that the proof failed.\n"
 BEFORE = "## Repeating it\n"
 HEAD = ["scenario", "what happens", "kinds of calls", "tried", "of", "reached", "at once", "later", "daemon ended", "program ended",
         "lost"]
+MUST_BE_NONE = {"lost", "none", "two", "ran twice", "zombies", "down for good"}
 
 
 def add(total, part):
@@ -72,7 +74,43 @@ def rows(key, figures):
     yield ""
 
 
+def with_tables(page, figures):
+    begin, end = page.index(BEHIND) + len(BEHIND), page.index(BEFORE)
+    lines = [line for key in sorted(figures) if "scenarios" in figures[key] for line in table(key, figures[key])]
+    lines += [line for key in sorted(figures) if "rows" in figures[key] for line in rows(key, figures[key])]
+    return page[:begin] + "\n" + "\n".join(lines) + "\n" + page[end:]
+
+
+def losses(figures):
+    """What must be 0. Without the sweep, services stay down to show what it is good for."""
+    for key, part in figures.items():
+        for name, row in part.get("scenarios", {}).items():
+            if row["lost"] or not row["injected"]:
+                yield "%s: %s" % (key, name)
+        for row in part.get("rows", []):
+            facts = dict(zip(part["columns"], row))
+            allowed = {"down for good"} if facts.get("without") == "sweep" else set()
+            if any(facts.get(column) for column in MUST_BE_NONE - allowed):
+                yield "%s: %s" % (key, row[0])
+
+
+def check():
+    with open(FIGURES) as file:
+        figures = json.load(file)
+    with open(PAGE) as file:
+        page = file.read()
+    missing = [key for key in ("failures", "kills", "other-errors", "overload", "listed", "soak") if key not in figures]
+    if missing:
+        return "bench/reliability.json has no figures of " + ", ".join(missing)
+    lost = list(losses(figures))
+    if lost:
+        return "lost, or nothing was tried: " + ", ".join(lost)
+    return "" if with_tables(page, figures) == page else "docs/reliability.md and bench/reliability.json differ"
+
+
 def main():
+    if sys.argv[1:] == ["--check"]:
+        sys.exit(check() or 0)
     figures, new = {}, {}
     if os.path.exists(FIGURES):
         with open(FIGURES) as file:
@@ -100,11 +138,8 @@ def main():
         file.write("\n")
     with open(PAGE) as file:
         page = file.read()
-    begin, end = page.index(BEHIND) + len(BEHIND), page.index(BEFORE)
-    lines = [line for key in sorted(figures) if "scenarios" in figures[key] for line in table(key, figures[key])]
-    lines += [line for key in sorted(figures) if "rows" in figures[key] for line in rows(key, figures[key])]
     with open(PAGE, "w") as file:
-        file.write(page[:begin] + "\n" + "\n".join(lines) + "\n" + page[end:])
+        file.write(with_tables(page, figures))
 
 
 if __name__ == "__main__":

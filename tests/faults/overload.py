@@ -44,6 +44,10 @@ class Condition:
     def end(self, daemon):
         self.calm()
 
+    def took_place(self):
+        """Asked when it is over."""
+        return True
+
 
 class ForkStorm(Condition):
     name = "processes are forked as fast as two processors can"
@@ -90,6 +94,9 @@ class LateMonitor(Condition):
         self.calm()
         self.strace.leave()
 
+    def took_place(self):
+        return "(DELAYED)" in device.read(tracing.TRACE)
+
 
 class Row(Trial):
     def __init__(self, sheet, condition, without):
@@ -120,6 +127,7 @@ class Row(Trial):
 
     def judge(self):
         self.down = self.crew.down()
+        self.need(self.condition.took_place(), "no reading was delayed, nothing was tried")
         overflown = self.condition.overflows and not self.need(self.dropped, "no event was dropped, nothing was tried")
         if self.sweeps():
             self.need(not self.down, "down for good: %s" % self.down)

@@ -244,7 +244,11 @@ class leak_gate : public testing::EmptyTestEventListener {
     clean_world();
     before_ = look();
   }
-  void OnTestEnd(const testing::TestInfo&) override {
+  void OnTestEnd(const testing::TestInfo& info) override {
+    if (info.result()->Skipped()) {
+      ADD_FAILURE()
+          << "A skipped case shows nothing. Where a case cannot run, a list says so, with the reason.";
+    }
     check_children();
     clean_world();
     const state after = look();

@@ -15,5 +15,11 @@ int main(int argc, char** argv) {
     return 125;
   }
   wex_test::install_leak_gate();
-  return RUN_ALL_TESTS();
+  const int status = RUN_ALL_TESTS();
+  const int disabled = testing::UnitTest::GetInstance()->disabled_test_count();
+  if (disabled > 0) {
+    fprintf(stderr, "%d cases are disabled. Where a case cannot run, a list says so, with the reason.\n",
+            disabled);
+  }
+  return disabled > 0 ? 1 : status;
 }

@@ -1,5 +1,6 @@
-// The monotonic clock after 68 years, just before its seconds leave 32 bits: restarts, the throttle, waits of
-// parked and of postponed programs take as long as ever.
+// The monotonic clock after 68 years, just before its seconds leave 32 bits; and a device that has been
+// suspended, so that its time since boot, by which start times are counted, is ahead of that clock: restarts,
+// the throttle, waits of parked and of postponed programs take as long as ever.
 #include <fcntl.h>
 #include <sched.h>
 #include <time.h>
@@ -9,31 +10,32 @@
 #include "figures.h"
 #include "handled_exits.h"
 #include "restart_policy.h"
+#include "status_reader.h"
 #include "unique_fd.h"
 
 using namespace policy;
 
 namespace {
 
-// Children of this process live in a time namespace of their own, in which the clocks stand at `seconds`.
-bool children_start_at(int64_t seconds) {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+// Children of this process live in a time namespace of their own, in which the clocks are ahead by so many
+// seconds.
+bool set_clocks_of_children(int64_t monotonic_ahead, int64_t boot_ahead) {
   if (unshare(CLONE_NEWTIME) != 0) {
     return false;
   }
   const unique_fd offsets(open("/proc/self/timens_offsets", O_WRONLY | O_CLOEXEC));
-  const std::string ahead = std::to_string(seconds - now.tv_sec);
-  return dprintf(offsets.get(), "monotonic %s 0\nboottime %s 0\n", ahead.c_str(), ahead.c_str()) > 0;
+  const std::string monotonic = std::to_string(monotonic_ahead);
+  const std::string boot = std::to_string(boot_ahead);
+  return dprintf(offsets.get(), "monotonic %s 0\nboottime %s 0\n", monotonic.c_str(), boot.c_str()) > 0;
 }
 
-struct LateClock : WexWorld {};
+struct LateClock : WexWorld {
+  static void live_as_ever(const char* clocks);
+};
 
 }  // namespace
 
-TEST_F(LateClock, ChangesNothing) {
-  constexpr int64_t kMargin = 600;  // what the case may take on the busiest machine
-  ASSERT_TRUE(children_start_at(INT64_C(0x7fffffff) - kMargin)) << strerror(errno);
+void LateClock::live_as_ever(const char* clocks) {
   write_file(kDebugTime, "6\n");  // more than it may take until this case looks
   Daemon daemon;
   ASSERT_TRUE(daemon.start());
@@ -57,13 +59,40 @@ TEST_F(LateClock, ChangesNothing) {
   const bool released = wait_for_actor(held, old, 30s) > 0;
   EXPECT_TRUE(released) << read_console();
 
+  // What was found running has begun before what was started again.
+  Service steady("steady");
+  ASSERT_TRUE(steady.start());
   daemon.kill_now();
   service.end();
   ASSERT_TRUE(daemon.start()) << read_console();
   const bool found = service.comes_back(30s);
   EXPECT_TRUE(found) << read_console();
+  const bool in_order = eventually(
+      [&] {
+        const StatusReader table;
+        const auto before = table.slot_of(steady.pid());
+        const auto behind = table.slot_of(service.pid());
+        return before && behind && before->started > 0 && before->started <= behind->started;
+      },
+      20s);
+  EXPECT_TRUE(in_order) << "the time since boot is taken for that of the clock";
+  EXPECT_EQ(1u, pids_with_command(steady.command()).size());
   daemon.kill_now();
-  tell_figures("a crash loop, a postponed restart, a second daemon",
-               "the clock stands ten minutes before 2^31 s", 3,
-               (parked && back ? 0 : 1) + (released ? 0 : 1) + (found ? 0 : 1), "all waits as long as ever");
+  tell_figures("a crash loop, a postponed restart, a second daemon that finds one dead and one alive", clocks,
+               4, (parked && back ? 0 : 1) + (released ? 0 : 1) + (found ? 0 : 1) + (in_order ? 0 : 1),
+               "all waits as long as ever");
+}
+
+TEST_F(LateClock, ChangesNothing) {
+  constexpr int64_t kMargin = 600;  // what the case may take on the busiest machine
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const int64_t ahead = INT64_C(0x7fffffff) - kMargin - now.tv_sec;
+  ASSERT_TRUE(set_clocks_of_children(ahead, ahead)) << strerror(errno);
+  live_as_ever("the clock stands ten minutes before 2^31 s");
+}
+
+TEST_F(LateClock, OfADeviceThatWasSuspendedForAMonthChangesNothing) {
+  ASSERT_TRUE(set_clocks_of_children(0, INT64_C(30) * 24 * 3600)) << strerror(errno);
+  live_as_ever("the device was suspended for a month");
 }

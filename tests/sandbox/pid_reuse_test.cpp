@@ -91,6 +91,8 @@ TEST_F(PidReuse, ByTheRestartOfAnotherServiceBeforeTheExitIsHandled) {
     waiting.end(SIGTERM);
   }
   EXPECT_TRUE(was_given) << "the pid was never given to a child of the daemon's";
+  tell_figures("a pid is used again before the exit is handled", "by the restart of another service", 2,
+               HasFailure() ? 1 : 0, "both back");
 }
 
 TEST_F(PidReuse, BetweenADeathAndTheStartOfTheNextDaemon) {

@@ -31,6 +31,21 @@ struct StrictAliveTable : Strict {
 
 }  // namespace
 
+// He has made the file before the first start, and writes it when root's service runs.
+TEST_F(StrictAliveTable, AThreadOfRootsThatAUserExemptsGoesOnReporting) {
+  ASSERT_EQ(0, chmod("/data", 0777));
+  ASSERT_TRUE(as_user([] { return write_file(kExemptThreads, ""), exists(kExemptThreads); }));
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(roots.start(actor_words({"--tag=roots", "--thread=1", "--hold"})));
+  pid_t tid = 0;
+  ASSERT_TRUE(eventually([&] { return (tid = reporter(roots.pid())) != 0; }, 20s)) << read_console();
+  ASSERT_TRUE(as_user([tid] { return write_file(kExemptThreads, text(tid) + "\n"), true; }));
+  ASSERT_EQ(text(tid) + "\n", read_file(kExemptThreads));
+  const uint8_t before = sequence_of(tid);
+  EXPECT_TRUE(eventually([&] { return static_cast<uint8_t>(sequence_of(tid) - before) >= 2; }, 20s));
+}
+
 TEST_F(StrictAliveTable, OnlyRootsThreadsReportInItAndUsersByMessage) {
   ASSERT_TRUE(as_user([] {  // his service came first
     umask(0);

@@ -327,6 +327,71 @@ TEST_F(StrictAttacks, CoreDumpsOfAUsersProgramsDoNotRestartTheDevice) {
   EXPECT_EQ(std::string::npos, read_file(kRebootLog).find("--tag=1")) << read_file(kRebootLog);
 }
 
+// As before the first start, when the directories of the switches are open to all.
+TEST_F(StrictAttacks, SwitchesThatAUserHasMadeBeforeTheStartStopNeitherCountdownsNorTheDevicesRestart) {
+  write_file(kBurstConfig, "600 1\n");
+  ASSERT_EQ(0, chmod("/data", 0777));
+  ASSERT_TRUE(as_user([] { return make_file(kKillDebug) && make_file(kRebootSwitch); }));
+  start();
+  EXPECT_TRUE(log_says(std::string(kKillDebug) + " does not count: its owner may not say what it says."));
+  ASSERT_NO_FATAL_FAILURE(crash_once("roots", 0));
+  EXPECT_TRUE(eventually([] { return exists(kRebootLog); }, 20s)) << "he has forbidden it";
+  EXPECT_TRUE(log_says(std::string(kRebootSwitch) + " does not count: its owner may not say what it says."));
+  EXPECT_TRUE(exists(kKillDebug) && exists(kRebootSwitch)) << "left alone";
+}
+
+namespace {
+
+bool is_in_state(pid_t pid, wex_status_state state) {
+  const auto slot = StatusReader().slot_of(pid);
+  return slot.has_value() && slot->state == state;
+}
+
+// Ends a running service, whose pid is `pid`, until it is parked.
+void park(const words& options, pid_t* pid) {
+  for (int restart = 0; restart < 5; ++restart) {
+    const pid_t old = *pid;
+    send_signal(old, SIGKILL);
+    ASSERT_TRUE(eventually(
+        [&] {
+          const pid_t next = wait_for_actor(options, old, 0ms);
+          *pid = next > 0 ? next : old;
+          return is_in_state(*pid, next > 0 ? WEX_STATUS_RUNNING : WEX_STATUS_PARKED);
+        },
+        20s))
+        << read_console();
+    if (*pid == old) {
+      return;
+    }
+  }
+  FAIL() << "it is not parked";
+}
+
+}  // namespace
+
+// The second wait within 600 s: of root's program it restarts the device.
+TEST_F(StrictAttacks, SelfCheckWaitsOfAUsersProgramsDoNotRestartTheDevice) {
+  write_file(kDebugTime, "2\n");
+  start();
+  for (const uid_t user : {kUser, uid_t{0}}) {
+    SCOPED_TRACE(user);
+    const std::string tag = "--tag=waits-" + text(user);
+    const words options = service_words({tag});
+    Process& service = process();
+    ASSERT_TRUE(start_service(&service, {tag}, user));
+    pid_t pid = service.pid();
+    for (int wait = 1; wait <= 2; ++wait) {
+      ASSERT_NO_FATAL_FAILURE(park(options, &pid));
+      const pid_t next = wait_for_actor(options, pid, 20s);
+      ASSERT_GT(next, 0) << read_console();
+      pid = next;
+      ASSERT_TRUE(eventually([&] { return is_in_state(pid, WEX_STATUS_RUNNING); }, 20s));
+    }
+    EXPECT_EQ(text(user), uid_of(pid));
+    EXPECT_EQ(user == 0, exists(kRebootLog)) << read_file(kRebootLog);
+  }
+}
+
 namespace {
 
 // A small disk at /tmp, so that a user can fill it.

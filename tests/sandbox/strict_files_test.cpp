@@ -7,6 +7,7 @@
 
 #include "registry_files.h"
 #include "strict_world.h"
+#include "taken_pid.h"
 #include "unique_fd.h"
 #include "waiting.h"
 
@@ -130,6 +131,45 @@ TEST_F(StrictFiles, ADatabaseFileOfRootsIsNeverOpenToOthersWhateverTheUmask) {
   const std::string name = std::string(kMainDbDir) + "/actor." + text(roots.pid());
   ASSERT_TRUE(eventually([&] { return exists(name); }, 20s)) << "made without a daemon";
   EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
+}
+
+namespace {
+
+// Who keeps others from locking the whole file; 0 when nobody does.
+pid_t lock_holder(int file) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  return fcntl(file, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK ? whole.l_pid : 0;
+}
+
+}  // namespace
+
+// An older library leaves it readable, and whoever may read it may lock it as soon as its process is dead.
+TEST_F(StrictFiles, AUsersLockOnADatabaseFileOfRootsHoldsNoRestartUp) {
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  const std::string name = registry::db_file(0, "actor", roots.pid());
+  ASSERT_EQ(0, chmod(name.c_str(), 0755));
+  const unique_fd file(open(name.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(roots.pid(), lock_holder(file.get()));
+  const child user([&] {
+    const int his = become(kUser) ? open(name.c_str(), O_RDONLY | O_CLOEXEC) : -1;
+    std::thread([his] {
+      struct flock whole = {};
+      whole.l_type = F_RDLCK;
+      fcntl(his, F_SETLKW, &whole);
+      pause();
+    }).detach();
+    return his >= 0;
+  });
+  ASSERT_TRUE(user.ready());
+  ASSERT_NO_FATAL_FAILURE(stop_all_threads(&daemon));
+  send_signal(roots.pid(), SIGKILL);
+  ASSERT_TRUE(eventually([&] { return lock_holder(file.get()) == user.pid(); }, 20s));
+  daemon.send(SIGCONT);
+  EXPECT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
+  EXPECT_EQ(user.pid(), lock_holder(file.get()));
 }
 
 // An older library makes it with the program's umask.

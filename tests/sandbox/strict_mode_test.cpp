@@ -222,7 +222,6 @@ TEST_F(StrictMode, AUserHasSoManyConnectionsAndNobodyElseIsTurnedAway) {
   EXPECT_TRUE(daemon.running());
 }
 
-// Root finds room in a table that a user has filled, and another user none.
 // What the kernel has reported of a connection that makes room for root's must not be looked for any more.
 TEST_F(StrictMode, AConnectionThatMakesRoomForRootsMayHaveAMessageWaiting) {
   write_file(kStrictFile, "connections 2048\n");
@@ -272,6 +271,7 @@ TEST_F(StrictMode, AConnectionTooManyHoldsNobodyUpWithWhatItHasSent) {
   EXPECT_TRUE(is_served(raw_client()));
 }
 
+// Root finds room in a table that a user has filled, and another user none.
 TEST_F(StrictMode, ATableThatUsersFillEndsNothing) {
   write_file(kStrictFile, "connections 2048\n");
   start();
@@ -284,6 +284,19 @@ TEST_F(StrictMode, ATableThatUsersFillEndsNothing) {
   const raw_client roots;
   EXPECT_TRUE(is_served(roots));
   EXPECT_TRUE(daemon.running());
+}
+
+TEST_F(StrictMode, RootHasMoreConnectionsAndRegistrationsThanAUserMayHave) {
+  write_file(kStrictFile, "connections 1\nregistrations 1\n");
+  start();
+  for (const char* const tag : {"--tag=1", "--tag=2", "--tag=3"}) {  // each has its connection
+    ASSERT_TRUE(start_service(&process(), {tag}, 0)) << running_log();
+  }
+  const raw_client more[3];
+  for (const raw_client& client : more) {
+    EXPECT_TRUE(is_served(client));
+  }
+  EXPECT_EQ(0U, StatusReader().counter(WEX_STATUS_REFUSED));
 }
 
 TEST_F(StrictMode, AUserHasSoManyRegistrations) {

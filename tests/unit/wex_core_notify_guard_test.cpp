@@ -1,5 +1,6 @@
 // What keeps the watchdog from aborting the wrong process: threads that are gone or are somebody else's, the
 // operator's brakes, a table that is not whole.
+#include "figures.h"
 #include "unique_fd.h"
 #include "watchdog_world.h"
 #include "wex_utils.h"
@@ -92,6 +93,9 @@ TEST_F(Watchdog, AThreadIdThatAnotherProcessHasNowIsRemovedBeforeItIsCounted) {
     EXPECT_TRUE(stranger->running());
     EXPECT_FALSE(exists(kNotifyLog));
   });
+  tell_figures("the thread id of a watched thread is used again",
+               "by another process, before the watchdog looks", 1, HasFailure() ? 1 : 0,
+               "forgotten, the other process is left alone");
 }
 
 TEST_F(Watchdog, AProcessThatRunsAnotherProgramNowIsRemoved) {

@@ -264,6 +264,17 @@ TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainKeepsAFileBesideAUsers
   }
 }
 
+// The registration's user counts, not that of whoever has the pid.
+TEST_F(StrictRegistration, RootsThatCouldNotBeStartedAgainIsNotCancelledByAUserWhoHasItsPid) {
+  const child program([] { return become(kOtherUser); });
+  ASSERT_TRUE(program.ready());
+  const wex_pid* const roots = add_failed_of_roots(program, "/bin/roots -d");
+  const uint32_t refused = counter(WEX_STATUS_REFUSED);
+  EXPECT_EQ(-1, wex_cancel_by(kOtherUser, {WEX_CANCEL_PROC, program.pid()}));
+  EXPECT_EQ(roots, record_of(program));
+  EXPECT_EQ(refused + 1, counter(WEX_STATUS_REFUSED));
+}
+
 // Of two the next daemon would start both, of none neither.
 TEST_F(StrictRegistration, RootsThatGivesItsPidUpHasOneFileWheneverTheDaemonEnds) {
   constexpr char kRoots[] = "/bin/roots -d";

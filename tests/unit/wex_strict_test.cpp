@@ -277,6 +277,17 @@ TEST_F(WexUserSets, AProcessThatBecomesAnotherUserMeanwhileHasNone) {
   EXPECT_FALSE(wex_note_user(&rec, before));
 }
 
+// Its pid went to another process of the same user, which runs something else.
+TEST_F(WexUserSets, AProcessThatHasThePidOfTheOneThatWasSeenBeforeHasNone) {
+  wex_pid rec = {};
+  rec.pid = getpid();
+  wex_note_identity(&rec);
+  process_user before;
+  ASSERT_TRUE(wex_look_at_user(rec.pid, &before));
+  --before.start_time;
+  EXPECT_FALSE(wex_note_user(&rec, before));
+}
+
 // What is found beside the running daemon is judged like what is found at a start: not root's because root
 // looks.
 TEST_F(WexStrict, AFileWithoutARegistrationIsItsOwners) {

@@ -68,6 +68,15 @@ std::string value_of(const std::string& metrics, const std::string& sample) {
 
 }  // namespace
 
+TEST_F(WexstatMachines, JsonTellsOfStrictMode) {
+  for (const bool strict : {true, false}) {
+    status_table table;
+    table.head.flags = strict ? WEX_STATUS_STRICT : 0;
+    table.save();
+    EXPECT_EQ(strict ? "True\n" : "False\n", python({"it['daemon']['strict']"}));
+  }
+}
+
 TEST_F(WexstatMachines, JsonHoldsWhatTheTableHolds) {
   full().save();
   EXPECT_EQ(

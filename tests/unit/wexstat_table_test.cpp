@@ -88,6 +88,13 @@ TEST_F(WexstatTable, TheHeadlineTellsOfTheDaemonAndTotals) {
                 .find("2 registered, 1 parked, 1 running, 1 being written, 3 not shown; "));
 }
 
+TEST_F(WexstatTable, TheHeadlineTellsOfStrictMode) {
+  status_table table;
+  table.head.flags = WEX_STATUS_STRICT;
+  const std::string begins = "wex 1.0.0, pid " + std::to_string(getpid()) + ", strict mode, up for 1 h 0 min";
+  EXPECT_EQ(begins + "\n", headline_of(table, daemon_state::running).substr(0, begins.size() + 1));
+}
+
 TEST_F(WexstatTable, EachStateIsToldWithItsTime) {
   const moment at = {1000000000, 1700000000};
   const struct {
