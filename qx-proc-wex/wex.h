@@ -106,8 +106,9 @@ typedef struct wex_pid {
                       sign when that process's end was reported; 0 = none */
   uint64_t awaited_start; /* its start time */
   int64_t awaited_ns;     /* when it was found, in nanoseconds of the monotonic clock */
-  int32_t user;           /* strict mode: number of the user it is started again as; 0 = not known */
-  uint32_t name_hash;     /* of `process`: the key of a second table */
+  int32_t postponed;  /* number of its restart that waits in wex_chains_delay, also in the copy; 0 = none */
+  int32_t user;       /* strict mode: number of the user it is started again as; 0 = not known */
+  uint32_t name_hash; /* of `process`: the key of a second table */
   wex_hnode name_node;
 } wex_pid;
 

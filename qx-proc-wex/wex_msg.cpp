@@ -217,6 +217,12 @@ bool insert_process(wex_pid* rec) {
   // Only now: a newcomer that is refused would leave the former owner two files, where the names are the
   // same.
   __wex_free_pid_of(rec);
+  if (wex_is_users(rec) && pid_is_left_to(rec)) {
+    // There is no room for another file of root's: what the user then asks for his own would be done to that.
+    wex_refuse_registration(rec);
+    wex_free_record(rec);
+    return false;
+  }
   __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {

@@ -266,9 +266,7 @@ void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capabili
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
 // failures as end it anyway: the next daemon restarts every program that has a database file and no process.
 bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
-  wex_waits_to_fork.store(true, std::memory_order_release);
   wex_wait_with_registry(static_cast<int64_t>(kForkRetrySec) * 1000);
-  wex_waits_to_fork.store(false, std::memory_order_release);
   if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     return true;
   }
@@ -329,8 +327,6 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
     }
   }
 }
-
-std::atomic<bool> wex_waits_to_fork{false};
 
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
   return rec->reboot_allow > 0 && wex_may_restart_device(rec) &&
