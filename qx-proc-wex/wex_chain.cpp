@@ -140,9 +140,12 @@ bool has_file(const wex_pid* rec) {
 }
 
 // Whether the next daemon is to start it by its file. In strict mode a user's goes. Without it none is made
-// beside the taker's of the same name: that may be a process of the same program, which takes its place.
-bool keeps_file(const wex_pid* rec, bool is_takers) {
-  return wex_strict().on ? is_deads_of_roots(rec) : !is_takers && has_file(rec);
+// beside that of a process of the same program, which takes its place.
+bool keeps_file(const wex_pid* rec, bool is_takers, const pid_taker& taker) {
+  if (wex_strict().on) {
+    return is_deads_of_roots(rec);
+  }
+  return has_file(rec) && !(is_takers && strcmp(rec->process, taker.file_of->process) == 0);
 }
 
 // First what tells its ids and its whole command: the database file is read in part.
@@ -160,11 +163,10 @@ bool renumber_files(const wex_pid* rec, int32_t number, bool is_takers)
 
 // The copy that waits for the restart is still found by the registration's number.
 void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capability(wex_chains)) {
-  char file[kPathSize];
   const int32_t pid = rec->pid;
   const int32_t number = number_like(pid);
-  const bool is_takers = wex_name_pidfile(rec, file) && strcmp(file, taker.file) == 0;
-  if (keeps_file(rec, is_takers) && !renumber_files(rec, number, is_takers)) {
+  const bool is_takers = taker.file_of != nullptr && wex_has_pidfile_of(rec, taker.file_of);
+  if (keeps_file(rec, is_takers, taker) && !renumber_files(rec, number, is_takers)) {
     return;  // they are all that the next daemon will know of it
   }
   if (!is_takers) {
@@ -431,6 +433,10 @@ void __wex_free_pid(const pid_taker& taker) {
   }
 }
 
+void __wex_free_pid_of(const wex_pid* newcomer) {
+  __wex_free_pid({newcomer->pid, newcomer->start_time, newcomer->vsd, newcomer});
+}
+
 bool __wex_leaves_pid(int32_t pid, uint64_t start_time) {
   const wex_pid* const rec = pid > 0 ? __wex_find_pid(&wex_chains, pid) : nullptr;
   return rec != nullptr && rec->start_time != start_time && may_give_up_pid(rec);
@@ -527,7 +533,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   const int32_t old_pid = rec->pid;
   rec->restart_failed = 0;
   rec->awaited = 0;  // it gives no pid up to itself
-  __wex_free_pid({new_pid, wex_strict_start_of(new_pid), "", rec->vsd});
+  __wex_free_pid({new_pid, wex_strict_start_of(new_pid), rec->vsd, nullptr});
   note_replaced(rec, new_pid);
   __wex_expect_exit(new_pid);
   hlist_del(&rec->hnode);

@@ -81,8 +81,8 @@ void __wex_drop_thread(wex_chains_t* chain, wex_pid* thread) WEX_TSA(requires_ca
 struct pid_taker {
   int32_t pid;
   uint64_t start_time;
-  const char* file;  // the name of its database file, or ""
   int32_t domain;
+  const wex_pid* file_of;  // whose database file it has, or null while it has none
 };
 
 // Registrations that wait for their hand-over with this pid are known by a number of no process from now on:
@@ -93,6 +93,9 @@ struct pid_taker {
 // again; it keeps its file. Where there is no room for such a file the pid stays what it was.
 // With the registry held; also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
+
+// The same for the pid of a program, or thread, that registers and has made its database file.
+void __wex_free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains));
 
 // Whether the registration with this pid, of a process that began at another time, is one that leaves it.
 bool __wex_leaves_pid(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));

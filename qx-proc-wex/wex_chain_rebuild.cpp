@@ -308,7 +308,7 @@ bool found_running(wex_chains_t* chain, wex_pid* rec) WEX_TSA(requires_capabilit
 // registered, too.
 void leave_pid(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   const int32_t pid = rec->pid;
-  __wex_free_pid({pid, wex_strict_start_of(pid), "", rec->vsd});
+  __wex_free_pid({pid, wex_strict_start_of(pid), rec->vsd, nullptr});
   if (const wex_pid* const other = __wex_find_pid(&wex_chains, pid)) {
     wex_keep_user(other);
   }

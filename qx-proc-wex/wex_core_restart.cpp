@@ -85,9 +85,8 @@ void leave_pid_to_newcomer(const wex_pid* rec) WEX_TSA(requires_capability(wex_c
          (newcomer == rec || newcomer->pid != rec->pid || newcomer->start_time == kStartOfNobody)) {
     newcomer = walk.next();
   }
-  char file[kPathSize];
-  if (rec->pid > 0 && newcomer != nullptr && newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
-    __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
+  if (rec->pid > 0 && newcomer != nullptr) {
+    __wex_free_pid_of(newcomer);
   }
 }
 

@@ -149,13 +149,10 @@ void drop_ended_thread(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
     return;
   }
   wex_status_tell(WEX_STATUS_EV_REPLACED, thread, {0, newcomer->pid});
-  char old_name[kPathSize];
-  char new_name[kPathSize];
-  if (wex_name_pidfile(thread, old_name) && wex_name_pidfile(newcomer, new_name) &&
-      strcmp(old_name, new_name) != 0) {
-    __wex_drop_registration(thread);
-  } else {
+  if (wex_has_pidfile_of(thread, newcomer)) {
     __wex_drop_record(&wex_chains, thread);
+  } else {
+    __wex_drop_registration(thread);
   }
 }
 
@@ -178,19 +175,9 @@ void own_file_again(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_cha
   }
 }
 
-// Takes the newcomer's pid from those whose process had it. A file of one name is the newcomer's.
-void free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
-  char file[kPathSize];
-  if (newcomer->thread_of == 0 && wex_name_pidfile(newcomer, file)) {
-    __wex_free_pid({newcomer->pid, newcomer->start_time, file, newcomer->vsd});
-  }
-}
-
-// Whether free_pid_of() will do so.
+// Whether a registration will give its pid up to the newcomer.
 bool pid_is_left_to(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
-  char file[kPathSize];
-  return newcomer->thread_of == 0 && __wex_leaves_pid(newcomer->pid, newcomer->start_time) &&
-         wex_name_pidfile(newcomer, file);
+  return __wex_leaves_pid(newcomer->pid, newcomer->start_time);
 }
 
 // Whether the pid is still that of another process's registration. The newcomer gets no record then.
@@ -198,6 +185,13 @@ bool has_anothers_pid(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_c
   const wex_pid* const known = __wex_find_pid(&wex_chains, newcomer->pid);
   return known != nullptr && known->thread_of == 0 && known->start_time != newcomer->start_time &&
          is_registered(newcomer);
+}
+
+// Whether its database file would be written over that of a registration that could not give the pid up:
+// there was no room for another file.
+bool has_anothers_file(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_chains)) {
+  const wex_pid* const known = __wex_find_pid(&wex_chains, newcomer->pid);
+  return pid_is_left_to(newcomer) && wex_has_pidfile_of(known, newcomer);
 }
 
 // Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
@@ -222,7 +216,7 @@ bool insert_process(wex_pid* rec) {
   }
   // Only now: a newcomer that is refused would leave the former owner two files, where the names are the
   // same.
-  free_pid_of(rec);
+  __wex_free_pid_of(rec);
   __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {
@@ -451,9 +445,9 @@ int wex_register_listed(int32_t pid, const char* type, wex_pid* memory, const pr
     return -1;
   }
   const chain_lock hold(wex_chains);
-  free_pid_of(rec);
+  __wex_free_pid({pid, rec->start_time, rec->vsd, nullptr});  // it has no file yet
   // Its database file would be one that nobody minds, or the other one's written over.
-  if (has_anothers_pid(rec)) {
+  if (has_anothers_pid(rec) || has_anothers_file(rec)) {
     // Without a start time it may be the same process, which is registered then.
     if (__wex_find_pid(&wex_chains, pid)->start_time != 0) {
       g_listed_left_out.store(true, std::memory_order_release);

@@ -153,10 +153,17 @@ int create_file(int32_t vsd, int32_t pid, int32_t action, const char* text, mode
   return 0;
 }
 
-// Whether that is such a name: "begun-PID-NUMBER". A registration has a dot before its pid, whatever its
-// program is called.
+// Whether wex_renew_pidfile() makes such names: "begun-PID-NUMBER". A registration has a dot before its pid,
+// whatever its program is called.
 bool is_begun(const char* name) {
-  return strncmp(name, kBegun, strlen(kBegun)) == 0 && strchr(name, '.') == nullptr;
+  const size_t length = strlen(kBegun);
+  if (strncmp(name, kBegun, length) != 0) {
+    return false;
+  }
+  const char* pid = name + length;
+  pid += *pid == '-' ? 1 : 0;
+  const size_t digits = strspn(pid, "0123456789");
+  return digits > 0 && pid[digits] == '-' && wex_is_number_of_begun(pid + digits + 1);
 }
 
 // The database file of one record gets the name of the other's, in the same directory.
@@ -247,6 +254,12 @@ int wex_mk_pidfile_held(const wex_reg_info* body, uint32_t kind) {
 
 bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]) {
   return name_file(rec->vsd, rec->pid, rec->process, name);
+}
+
+bool wex_has_pidfile_of(const wex_pid* rec, const wex_pid* other) {
+  char name[kPathSize];
+  char others[kPathSize];
+  return wex_name_pidfile(rec, name) && wex_name_pidfile(other, others) && strcmp(name, others) == 0;
 }
 
 void wex_mend_pidfile(const wex_pid* rec) {

@@ -46,6 +46,9 @@ int wex_read_pidfile_facts(const char* path, wex_pid* rec, struct stat* facts);
 // The name of the record's database file. False with errno when no such file can exist.
 bool wex_name_pidfile(const wex_pid* rec, char (&name)[kPathSize]);
 
+// Whether the database files of both have one name.
+bool wex_has_pidfile_of(const wex_pid* rec, const wex_pid* other);
+
 // Writes the database file of a living process when it is missing or empty, and its flag file. It stays
 // unlocked: the process may lock it later, and no end of it is ever taken for one that must wait. Caller
 // holds wex_chains.

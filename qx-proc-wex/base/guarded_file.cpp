@@ -171,12 +171,9 @@ bool draw_number(uint64_t* number) {
          safe_read(random.get(), number, sizeof *number) == static_cast<int32_t>(sizeof *number);
 }
 
-// Whether wex_create_beside() makes such names: the prefix, and a number of 64 bits.
 bool is_begun(const char* name) {
   constexpr size_t kLength = sizeof kBegunPrefix - 1;
-  constexpr size_t kDigits = 2 * sizeof(uint64_t);
-  return strncmp(name, kBegunPrefix, kLength) == 0 && strlen(name + kLength) == kDigits &&
-         strspn(name + kLength, "0123456789abcdef") == kDigits;
+  return strncmp(name, kBegunPrefix, kLength) == 0 && wex_is_number_of_begun(name + kLength);
 }
 
 }  // namespace
@@ -206,6 +203,11 @@ unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char
     confirm_close_on_exec(file.get());
   }
   return file;
+}
+
+bool wex_is_number_of_begun(const char* text) {
+  constexpr size_t kDigits = 2 * sizeof(uint64_t);
+  return strlen(text) == kDigits && strspn(text, "0123456789abcdef") == kDigits;
 }
 
 bool wex_take_name(int directory, const char* from, const char* name) {

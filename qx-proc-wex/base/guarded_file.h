@@ -28,6 +28,9 @@ inline constexpr char kBegunPrefix[] = ".begun-";
 // and a number. `name` receives it. Invalid with errno.
 unique_fd wex_create_beside(int directory, const char* prefix, mode_t mode, char (&name)[NAME_MAX + 1]);
 
+// Whether that is such a number.
+bool wex_is_number_of_begun(const char* text);
+
 // Gives such a file its lasting name, whatever lies there; a directory is moved aside, or removed when it is
 // empty. Nobody can make one anew in between: where two names cannot be exchanged (before Linux 3.15, and on
 // some file systems), a directory that is open to all is closed to users for that moment. False with errno.

@@ -236,16 +236,17 @@ TEST_F(StrictFiles, ADaemonThatIsKilledAsItMakesADatabaseFileAnewLosesNothing) {
   EXPECT_TRUE(ended_by(daemon.wait(20s), SIGKILL)) << read_console();
   EXPECT_EQ(said, read_file(name));
   EXPECT_EQ(2U, list_dir(kMainDbDir).size()) << "one has been begun";
-  write_file(std::string(kMainDbDir) + "/begun-1-2", "", 0700);  // as one that was killed before it wrote
+  write_file(std::string(kMainDbDir) + "/begun-1-0123456789abcdef", "",
+             0700);  // as one that was killed before it wrote
   // What a user calls so is his, and read like any other file.
-  const std::string his = std::string(kMainDbDir) + "/begun-1-1";
+  const std::string his = std::string(kMainDbDir) + "/begun-1-fedcba9876543210";
   write_file(his, "nothing");
   give_to_user(his, 0700);
   start();
   EXPECT_TRUE(eventually([&] { return is_registered(roots.pid()); }, 20s));
   EXPECT_EQ(0700U, facts_of(name).st_mode & 07777);
   EXPECT_EQ(said, read_file(name));
-  const std::vector<std::string> left = {"actor." + text(roots.pid()), "begun-1-1"};
+  const std::vector<std::string> left = {"actor." + text(roots.pid()), "begun-1-fedcba9876543210"};
   EXPECT_EQ(left, list_dir(kMainDbDir));
 }
 

@@ -120,7 +120,7 @@ TEST_F(GuardedFile, ADirectoryThatWasAUsersLosesItsSetIdBits) {
 }
 
 TEST_F(GuardedFile, AUserWhoIsAlwaysFirstKeepsNoNameWhateverTheModeOfTheDirectory) {
-  for (const mode_t mode : {01777, 01773, 03777, 03773, 0777}) {
+  for (const mode_t mode : {01777U, 01773U, 03777U, 03773U, 0777U}) {
     SCOPED_TRACE(testing::Message() << std::oct << mode);
     ASSERT_EQ(0, chmod(kDir, mode));
     as_user([] { return mkdir(kWanted, 0755) == 0; });

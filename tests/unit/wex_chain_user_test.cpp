@@ -126,7 +126,7 @@ int __wrap_openat64(int at, const char* path, int flags, ...) {
 
 TEST_F(OwnedFile, OneThatOthersCouldWriteIsAnotherOneAfterwards) {
   for (const uid_t user : {uid_t{0}, kUser}) {
-    for (const mode_t mode : {0700, 0755, 0720, 0702, 0777}) {
+    for (const mode_t mode : {0700U, 0755U, 0720U, 0702U, 0777U}) {
       SCOPED_TRACE(testing::Message() << user << " " << std::oct << mode);
       const bool loose = (mode & 022) != 0;
       const wex_pid rec = record_of(user, dead_pid());

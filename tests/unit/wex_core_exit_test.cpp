@@ -341,7 +341,7 @@ TEST_F(UsersExit, APostponedRestartIsThatOfTheRecordThatWaits) {
     waiting->start_time = kStartOfNobody;
     waiting->exit_seen = 1;
     wex_note_start(younger);
-    __wex_free_pid({pid, younger->start_time, "", 0});
+    __wex_free_pid({pid, younger->start_time, 0, nullptr});
     EXPECT_LT(waiting->pid, -1);
     EXPECT_EQ(wex_hash_pid(pid), wex_hash_pid(waiting->pid));
     EXPECT_EQ(waiting, __wex_find_pid(&wex_chains, waiting->pid));
@@ -361,10 +361,10 @@ TEST_F(UsersExit, OnlyAUsersRegistrationGivesItsPidUp) {
   const int32_t pid = waiting->pid;
   chain_lock hold(wex_chains);
   waiting->exit_seen = 1;
-  __wex_free_pid({pid, waiting->start_time, "", 0});
+  __wex_free_pid({pid, waiting->start_time, 0, nullptr});
   EXPECT_EQ(pid, waiting->pid) << "its own process";
   waiting->user = 0;
-  __wex_free_pid({pid, waiting->start_time + 1, "", 0});
+  __wex_free_pid({pid, waiting->start_time + 1, 0, nullptr});
   EXPECT_EQ(pid, waiting->pid) << "root's";
 }
 

@@ -1,6 +1,11 @@
 // Programs that wait for their hand-over with the pid of a dead process, and others that get that pid:
 // nothing that is done to one of them concerns the other.
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <atomic>
 #include <optional>
+#include <thread>
 
 #include "hand_over_world.h"
 #include "hash_links.h"
@@ -14,6 +19,27 @@
 using namespace hand_over_world;
 
 namespace {
+
+// Every file can be made, and nothing be written into it.
+class no_room_in_files {
+ public:
+  no_room_in_files() {
+    before_ = signal(SIGXFSZ, SIG_IGN);
+    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &limit_));
+    const rlimit nothing = {0, limit_.rlim_max};
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &nothing));
+  }
+  ~no_room_in_files() {
+    setrlimit(RLIMIT_FSIZE, &limit_);
+    signal(SIGXFSZ, before_);
+  }
+  no_room_in_files(const no_room_in_files&) = delete;
+  no_room_in_files& operator=(const no_room_in_files&) = delete;
+
+ private:
+  rlimit limit_ = {};
+  void (*before_)(int) = nullptr;
+};
 
 // A program waits with the pid of a dead process, which a living one has got.
 class HandOverBesideNewcomer : public HandOver {
@@ -72,6 +98,32 @@ class HandOverBesideNewcomer : public HandOver {
     chain_lock hold(wex_chains);
     return newcomer_ != nullptr && __wex_find_pid(&wex_chains, newcomer_pid_) == newcomer_ &&
            exists(newcomers_file_);
+  }
+  void newcomer_is_listed() const {
+    write_file(kThirdPartList, read_file(kThirdPartList) + command_line(newcomer_pid_) + " WEX_RESTART\n");
+  }
+  // The next daemon is to know the program that waits as well as the newcomer.
+  void expect_files_of_both() {
+    EXPECT_LT(rec_->pid, -1);
+    EXPECT_EQ(std::to_string(rec_->pid) + "\n2\n" + next_->program,
+              read_file(db_file(rec_->pid, next_->program.c_str())));
+    const std::string command = command_line(newcomer_pid_);
+    EXPECT_EQ(std::to_string(newcomer_pid_) + "\n2\n" + command,
+              read_file(db_file(newcomer_pid_, command.c_str())));
+    const std::string program = next_->program;
+    next_->die();
+    {
+      chain_lock hold(wex_chains);
+      wex_db_destroy(__wex_find_pid(&wex_chains, newcomer_pid_));  // with the lock, which ends with a daemon
+    }
+    make_newcomers_file();
+    wex_destroy_chains(&wex_chains);
+    EXPECT_EQ(0, wex_rebuild_chains(&wex_chains));
+    EXPECT_TRUE(eventually([&] { return !pids_with_command(program).empty(); }));
+    EXPECT_EQ(1u, pids_with_command(program).size());
+    EXPECT_EQ("", numbered_files());
+    EXPECT_TRUE(registered(newcomer_pid_));
+    EXPECT_EQ(2, wex_chains.count);
   }
   static std::string numbered_files() {
     return read_command_output("ls /tmp/vsd/0/wex/db | grep '[.]-' | tr -d '\\n'");
@@ -322,31 +374,76 @@ TEST_F(HandOverBesideNewcomer, AProgramThatWaitsGivesNothingUpToItsOwnNextProces
   EXPECT_EQ(newcomer_pid_, __wex_replaced_by(newcomer_pid_));
 }
 
-// Its own is the newcomer's by now, which may be a process of the same program.
-TEST_F(HandOverBesideNewcomer, AProgramThatWaitsHasNoFileBesideThatOfItsName) {
+// The newcomer's process has written its own over it.
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsKeepsAFileBesideThatOfItsName) {
   newcomer_registers();
-  EXPECT_LT(rec_->pid, -1);
-  EXPECT_EQ("", numbered_files());
-  EXPECT_TRUE(newcomer_is_there());
+  expect_files_of_both();
+}
+
+TEST_F(HandOverBesideNewcomer, AProgramThatWaitsKeepsItsFileBesideThatOfAListedNewcomerOfItsName) {
+  newcomer_is_listed();
+  EXPECT_EQ(0, wex_register_third_part(newcomer_pid_, "WEX_RESTART", nullptr));
+  expect_files_of_both();
+}
+
+// There is no room for a file beside it: the newcomer's would be written over it.
+TEST_F(HandOverBesideNewcomer, AListedNewcomerOfItsNameIsLeftOutUntilThereIsRoomForAnotherFile) {
+  newcomer_is_listed();
+  const std::string said = read_file(file_);
+  {
+    const no_room_in_files full;
+    EXPECT_EQ(0, wex_register_third_part(newcomer_pid_, "WEX_RESTART", nullptr));
+  }
+  EXPECT_EQ(said, read_file(file_));
+  EXPECT_TRUE(wex_listed_left_out());
+  EXPECT_EQ(newcomer_pid_, rec_->pid);
+  EXPECT_EQ(0, wex_register_third_part(newcomer_pid_, "WEX_RESTART", nullptr));
+  wex_forget_listed_left_out();
+  expect_files_of_both();
+}
+
+// Any thread has an id that no process has.
+TEST_F(HandOver, AProgramThatWaitsGivesItsPidUpToAThreadThatRegisters) {
+  detached next("4711");
+  wex_pid* const rec = died(park_at(900, next.program.c_str()));
+  std::atomic<pid_t> thread_id{0};
+  std::atomic<bool> over{false};
+  std::thread thread([&] {
+    thread_id = static_cast<pid_t>(syscall(SYS_gettid));
+    eventually([&] { return over.load(); });
+  });
+  EXPECT_TRUE(eventually([&] { return thread_id != 0; }));
+  {
+    chain_lock hold(wex_chains);
+    __wex_adopt_pid(&wex_chains, rec, thread_id);
+    rec->start_time = kSomeStart;
+    EXPECT_TRUE(__wex_await_hand_over(rec, next.pid()));
+    EXPECT_EQ(thread_id, rec->pid);
+  }
+  wex_reg_info body = {};
+  body.pid = thread_id;
+  EXPECT_EQ(0, wex_process_restart(&body));
+  EXPECT_LT(rec->pid, -1);
+  {
+    chain_lock hold(wex_chains);
+    wex_pid* const newcomer = __wex_find_pid(&wex_chains, thread_id);
+    EXPECT_TRUE(newcomer != nullptr && newcomer->thread_of == getpid());
+    if (newcomer != nullptr) {
+      __wex_drop_registration(newcomer);
+    }
+  }
+  over = true;
+  thread.join();
+  next.process.kill_now();
 }
 
 TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatWaitsIsStartedByTheNextDaemonOnceAndLeavesNoFile) {
   newcomer_registers();
   EXPECT_FALSE(exists(file_));
-  EXPECT_EQ(std::to_string(rec_->pid) + "\n2\n" + next_->program,
-            read_file(db_file(rec_->pid, next_->program.c_str())));
-  const std::string program = next_->program;
-  next_->die();
-  wex_destroy_chains(&wex_chains);
   // That daemon was killed as it made such a file.
-  write_file("/tmp/vsd/0/wex/db/begun-5-0123456789abcdef", "-7\n2\n" + program);
-  EXPECT_EQ(0, wex_rebuild_chains(&wex_chains));
-  EXPECT_TRUE(eventually([&] { return !pids_with_command(program).empty(); }));
-  EXPECT_EQ(1u, pids_with_command(program).size());
-  EXPECT_EQ("", numbered_files());
+  write_file("/tmp/vsd/0/wex/db/begun-5-0123456789abcdef", "-7\n2\n" + next_->program);
+  expect_files_of_both();
   EXPECT_FALSE(exists("/tmp/vsd/0/wex/db/begun-5-0123456789abcdef"));
-  EXPECT_TRUE(registered(newcomer_pid_));
-  EXPECT_EQ(2, wex_chains.count);
 }
 
 TEST_F(HandOverBesideNewcomerOfAnotherName, AProgramThatWaitsAndHasNoFileGetsNone) {
@@ -391,9 +488,7 @@ TEST_F(HandOver, InStrictModeAUsersProgramThatWaitsGivesItsPidUpToRootsService) 
     snprintf(newcomer->process, sizeof newcomer->process, "/bin/sleep 3000");
     wex_note_identity(newcomer);
     newcomer->user = wex_number_user({});
-    char file[kPathSize];
-    ASSERT_TRUE(wex_name_pidfile(newcomer, file));
-    __wex_free_pid({pid, newcomer->start_time, file, 0});  // as its registration does
+    __wex_free_pid_of(newcomer);  // as its registration does
     __wex_add_record(&wex_chains, newcomer);
     roots = newcomer;
   }

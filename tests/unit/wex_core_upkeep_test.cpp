@@ -489,7 +489,7 @@ TEST_F(StrictDelay, ALostRegistrationOfRootsThatHasGivenItsPidUpIsStartedAgain) 
     const chain_lock hold(wex_chains);
     rec = __wex_find_pid(&wex_chains, pid);
     ASSERT_NE(nullptr, rec);
-    __wex_free_pid({pid, 77, "", 0});
+    __wex_free_pid({pid, 77, 0, nullptr});
     number = rec->pid;
   }
   EXPECT_LT(number, -1);

@@ -557,3 +557,20 @@ TEST_F(Pidfile, NothingHereKeepsADescriptor) {
   save_vsd_flag(5, 95);
   EXPECT_EQ(before_, count_descriptors());
 }
+
+// Whoever else calls a file so has it read like any other.
+TEST_F(Pidfile, OnlyFilesNamedLikeThoseThatWereBegunAreDropped) {
+  const std::string path = db_dir(0) + "/";
+  for (const char* name : {"begun-5-0123456789abcdef", "begun--5-0123456789abcdef"}) {
+    write_file(path + name, "5\n2\n/a/foo");
+    EXPECT_TRUE(wex_drop_begun_pidfile((path + name).c_str())) << name;
+    EXPECT_FALSE(exists(path + name));
+  }
+  for (const char* name :
+       {"begun-", "begun-5", "begun-5-", "begun-5-7", "begun-x-0123456789abcdef", "begun--0123456789abcdef",
+        "begun-5-0123456789abcdeg", "begun-5-0123456789abcdef0", "begun-5-0123456789abcdef.7"}) {
+    write_file(path + name, "5\n2\n/a/foo");
+    EXPECT_FALSE(wex_drop_begun_pidfile((path + name).c_str())) << name;
+    EXPECT_TRUE(exists(path + name));
+  }
+}
