@@ -184,7 +184,8 @@ bool is_registered(const process_event& event) {
     return is_known;
   }
   __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
-  return !__wex_take_awaited_exit(event.pid, event.exit_code, tick_of(event), is_known) && is_known;
+  const awaited_exit exit = {event.pid, event.exit_code, tick_of(event), wex_event_time(event)};
+  return !__wex_take_awaited_exit(exit, is_known) && is_known;
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report: by reaping a child of ours,
@@ -322,7 +323,7 @@ void wex_note_unreported_ends(int64_t since_ns) {
       wex_note_ended(rec, since_ns);
     }
     if (rec->awaited > 0 && has_lost_its_pid(rec->awaited, rec->awaited_start)) {
-      __wex_note_awaited_gone(rec);
+      __wex_note_awaited_gone(rec, since_ns);
     }
   }
 }
