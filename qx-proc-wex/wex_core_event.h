@@ -24,9 +24,12 @@ int64_t wex_event_time(const process_event& event);
 // Judges the pending exits that are due. Milliseconds until the next look, or -1 when none is pending.
 int wex_judge_pending_exits();
 
-// Takes the time that an event needed to arrive into account: from the shortest one a time namespace is
-// recognised. To be called for every event.
-void wex_note_event_delay(const process_event& event);
+// Before the events are subscribed to: none is older than this time of the monotonic clock, in nanoseconds.
+void wex_expect_events_from(int64_t time_ns);
+
+// To be called for every event as it is read. It happened after the subscription and before now, so its stamp
+// tells a time namespace, however late it is read.
+void wex_note_event_read(const process_event& event);
 
 // When the event happened, in seconds of this process's monotonic clock; 0 when its stamp is no time.
 int32_t wex_event_second(const process_event& event);

@@ -1,4 +1,5 @@
-// wex_core_netlink: exits that happen as the kernel begins to report events again after it has lost some.
+// wex_core_netlink: exits that happen as the kernel begins to report events again after it has lost some, and
+// events that are read late.
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -193,4 +194,49 @@ TEST_F(GapEvent, InStrictModeTheStopOfAnAwaitedProcessIsKnownWhenNothingWasLost)
 
 TEST_F(GapEvent, InStrictModeTheStopOfAnAwaitedProcessIsKnownAsTheLastEventBeforeTheLostOnes) {
   in_child([] { expect_stop_of_awaited_known(gap::yes); });
+}
+
+// ---- Events that are read late ----------------------------------------------------------------------------
+
+// The monitor may have waited for the registry before it read the first of them. That is no time namespace.
+TEST_F(GapEvent, ABirthIsTheOwnOneThoughTheFirstEventsAreReadSecondsLate) {
+  in_child([] {
+    constexpr uint64_t kLateNs = 1500000000;
+    const uint64_t subscribed = now_ns();
+    wex_expect_events_from(static_cast<int64_t>(subscribed));
+    const pid_t pid = lasting();
+    const uint64_t born = now_ns();
+    const wex_pid* const rec = add(pid);
+    ASSERT_TRUE(eventually([&] { return now_ns() > born + kLateNs; }));
+    wex_note_event_read({kEventAck, 0, 0, 0, subscribed});
+    const process_event birth = {kEventFork, pid, pid, 0, born};
+    wex_note_event_read(birth);
+    wex_take_birth_event(birth);
+    chain_lock hold(wex_chains);
+    EXPECT_EQ(0, rec->ended_by_ns) << "it is alive, and its own end would be ignored";
+  });
+}
+
+// The kernel's clock is ten seconds ahead, and the first events are read late.
+TEST_F(GapEvent, ABirthIsTheOwnOneThoughTheFirstEventsAreReadSecondsLateInATimeNamespace) {
+  in_child([] {
+    constexpr uint64_t kAheadNs = 10000000000;
+    const uint64_t subscribed = now_ns() - 5000000000;
+    const uint64_t born = now_ns() - 2000000000;
+    wex_expect_events_from(static_cast<int64_t>(subscribed));
+    const pid_t pid = lasting();
+    wex_pid* const rec = add(pid);
+    rec->seen_ns = static_cast<int64_t>(born);
+    wex_note_event_read({kEventAck, 0, 0, 0, subscribed + kAheadNs});
+    const process_event birth = {kEventFork, pid, pid, 0, born + kAheadNs};
+    wex_note_event_read(birth);
+    wex_take_birth_event(birth);
+    {
+      chain_lock hold(wex_chains);
+      EXPECT_EQ(0, rec->ended_by_ns);
+    }
+    wex_take_birth_event({kEventFork, pid, pid, 0, born + kAheadNs + 100000000});
+    chain_lock hold(wex_chains);
+    EXPECT_NE(0, rec->ended_by_ns) << "that was another one's";
+  });
 }
