@@ -133,9 +133,9 @@ bool wex_is_other_command(const char* command, const char* registered) {
   return strncmp(command, registered, length) != 0 || (length < kSurelyWhole && command[length] != '\0');
 }
 
-int64_t wex_clock_shift(int64_t least_delay_ns) {
-  constexpr int64_t kDelayMax = kSecondNs;
-  return least_delay_ns > -kDelayMax && least_delay_ns < kDelayMax ? 0 : least_delay_ns;
+int64_t wex_clock_shift(int64_t least_ns, int64_t most_ns) {
+  constexpr int64_t kSlackNs = kSecondNs;
+  return least_ns < kSlackNs && most_ns > -kSlackNs ? 0 : std::min(least_ns, most_ns);
 }
 
 int64_t wex_boot_offset_ns() {

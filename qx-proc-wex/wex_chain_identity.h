@@ -48,9 +48,9 @@ exit_verdict wex_judge_exit(const process_look& now, uint64_t known_start, uint6
 // True when nobody has the pid that was looked at, or a process that is dead.
 bool wex_surely_dead(const process_look& now);
 
-// Whether a process that was born at that time is another one than that which was seen with its pid then (0,
-// never: no). Nanoseconds of the monotonic clock. The own birth may be read late, but was before; within the
-// slack nobody else can have got the pid.
+// A record's process was seen alive at `seen_ns` (0: never), and a process was born with the same pid at
+// `birth_ns`, both in nanoseconds of the monotonic clock. True when the two are not the same: nobody is seen
+// before his birth. The times may differ a little, but a pid is not free and taken again that soon.
 bool wex_is_anothers_birth(int64_t seen_ns, int64_t birth_ns);
 
 enum class presence { present, absent, unknown };
@@ -64,9 +64,10 @@ presence wex_judge_presence(const process_look& now, uint64_t known_start);
 // `boot_offset_ns` what its boot clock is ahead of its monotonic clock (time spent suspended).
 uint64_t wex_event_tick(uint64_t event_ns, int64_t shift_ns, int64_t boot_offset_ns, long ticks_per_second);
 
-// What is left of `least_delay_ns`, the shortest time that an event took from its stamp to its reader: the
-// shift of a time namespace, or 0 when it is only that delay.
-int64_t wex_clock_shift(int64_t least_delay_ns);
+// What this process's monotonic clock is ahead of the kernel's (a time namespace), in nanoseconds, when that
+// is known to be from `least_ns` to `most_ns`: 0 where it may be 0, else the least, by which events seem
+// early rather than late.
+int64_t wex_clock_shift(int64_t least_ns, int64_t most_ns);
 
 // When a process with this start time began, in milliseconds of the monotonic clock; 0 when it is not known,
 // or was before that clock began.

@@ -25,6 +25,7 @@
 #include "unique_fd.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 namespace {
 
@@ -125,7 +126,7 @@ list_answer find_line(const char* path, const char* needle, char (&line)[kListLi
     }
   }
   const unique_fd fd = wex_open_file(path, O_RDONLY);
-  if (!fd.valid()) {
+  if (!fd.valid() || !wex_is_believed(fd.get(), path)) {
     return kNoList;
   }
   {

@@ -120,7 +120,9 @@ void clear_begun_names() {
   if (!wex_strict().on) {
     return;
   }
-  wex_clear_begun(kRunDir);
+  for (const char* const path : {kRunDir, kThirdPartListDir, kDataDir, kRunningLogDir}) {
+    wex_clear_begun(path);
+  }
   for (int32_t domain = kFirstDomain; domain < WEX_DOMAINS; ++domain) {
     char path[kPathSize];
     wex_name_flag_dir(domain, path);
@@ -151,12 +153,14 @@ bool restore_registry() {
 bool read_description(const char* name, char* text, size_t size) {
   char path[1024];
   wex_format(path, sizeof path, "%s/%s", kThirdPartDir, name);
-  const int32_t result = wex_read_guarded(path, text, size);
+  const unique_fd file = wex_open_file(path, O_RDONLY);
+  const int32_t result = file.valid() ? safe_read(file.get(), text, size - 1) : -1;
   if (result < 0) {
     wex_dbg(WEX_DBG_PUB, "wex_read_file_string failed, ret = %d, reason: %s\n", result, strerror(errno));
     return false;
   }
-  return true;
+  text[result] = '\0';
+  return wex_is_believed(file.get(), path);
 }
 
 // ---- threads ----------------------------------------------------------------------------------------------
@@ -254,7 +258,7 @@ void leave_signals_of_starter() {
 }  // namespace
 
 extern "C" void wex_third_part_proc_init(void) {
-  const unique_fd list = wex_open_file(kThirdPartList, O_WRONLY | O_CREAT | O_TRUNC, kLogMode);
+  const unique_fd list = wex_open_own_file(kThirdPartList, O_WRONLY | O_TRUNC, kLogMode);
   if (!list.valid()) {
     wex_dbg(WEX_DBG_PUB, "fopen failed, reason: %s\n", strerror(errno));
     return;

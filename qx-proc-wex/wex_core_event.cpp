@@ -32,12 +32,14 @@
 
 namespace {
 
-// This is the exit monitor's alone: no lock.
-int64_t g_least_delay_ns = INT64_MAX;
+// These are the exit monitor's alone: no lock. The last two are the limits of what this process's monotonic
+// clock is ahead of the kernel's, as in a time namespace.
+int64_t g_subscribed_ns = 0;
+int64_t g_least_shift_ns = INT64_MIN;
+int64_t g_most_shift_ns = INT64_MAX;
 
-// Nanoseconds by which this process's monotonic clock is ahead of the kernel's, as in a time namespace.
 int64_t clock_shift() {
-  return g_least_delay_ns == INT64_MAX ? 0 : wex_clock_shift(g_least_delay_ns);
+  return wex_clock_shift(g_least_shift_ns, g_most_shift_ns);
 }
 
 bool has_time(const process_event& event) {
@@ -184,7 +186,8 @@ bool is_registered(const process_event& event) {
     return is_known;
   }
   __wex_note_early_end(event.pid, event.exit_code, tick_of(event));
-  return !__wex_take_awaited_exit(event.pid, event.exit_code, tick_of(event), is_known) && is_known;
+  const awaited_exit exit = {event.pid, event.exit_code, tick_of(event), wex_event_time(event)};
+  return !__wex_take_awaited_exit(exit, is_known) && is_known;
 }
 
 // Notes in the record when the kernel reported the exit, and judges the report: by reaping a child of ours,
@@ -294,11 +297,17 @@ bool is_of_child_that_gave_way(const reported_exit& exit) {
 
 }  // namespace
 
-void wex_note_event_delay(const process_event& event) {
+void wex_expect_events_from(int64_t time_ns) {
+  g_subscribed_ns = time_ns;
+}
+
+void wex_note_event_read(const process_event& event) {
   if (!has_time(event)) {
     return;
   }
-  g_least_delay_ns = std::min(g_least_delay_ns, wex_clock_ns() - static_cast<int64_t>(event.time_ns));
+  const auto stamp = static_cast<int64_t>(event.time_ns);
+  g_least_shift_ns = std::max(g_least_shift_ns, g_subscribed_ns - stamp);
+  g_most_shift_ns = std::min(g_most_shift_ns, wex_clock_ns() - stamp);
 }
 
 int32_t wex_event_second(const process_event& event) {
@@ -322,7 +331,7 @@ void wex_note_unreported_ends(int64_t since_ns) {
       wex_note_ended(rec, since_ns);
     }
     if (rec->awaited > 0 && has_lost_its_pid(rec->awaited, rec->awaited_start)) {
-      __wex_note_awaited_gone(rec);
+      __wex_note_awaited_gone(rec, since_ns);
     }
   }
 }

@@ -160,6 +160,7 @@ outcome set_up(unique_fd* events) {
   ras_os_set_fd_close_on_exec(events->get());
   enlarge_buffer(events->get());
   wex_attach_filter(events->get());
+  wex_expect_events_from(wex_clock_ns());
   if (!bind_to_events(events->get())) {
     const int error = errno;
     wex_dbg(WEX_DBG_PUB, "%s: binding sk_nl fail: %s\n", kThreadName, strerror(error));
@@ -236,7 +237,7 @@ void end_gap(monitor* state) {
 
 void on_event(const process_event& event, void* context) {
   monitor* const state = static_cast<monitor*>(context);
-  wex_note_event_delay(event);
+  wex_note_event_read(event);
   if (wex_event_time(event) > state->gap_since_ns) {
     end_gap(state);  // what comes now was not queued before
   }

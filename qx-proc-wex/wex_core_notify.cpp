@@ -346,6 +346,7 @@ void wex_scan_alive_chains() {
     dump_chains();
   }
   const bool paused = access(kKillDebug, F_OK) == 0 && wex_counts(kKillDebug);
+  wex_counts(kExemptThreads);  // only the library reads it, which cannot tell the log of a user's
   const bool quiet = wex_get_semval() == 0;
   const bool table_intact = check_table();
   hung_threads hung = {};

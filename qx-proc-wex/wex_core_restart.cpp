@@ -2,6 +2,7 @@
 #include "wex_core_restart.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "waiting.h"
 #include "wex_chain.h"
@@ -46,8 +47,22 @@ void make_file_of_listed(const wex_pid* rec) {
 // So that exits are compared with no record while nobody waits.
 bool g_any_awaited WEX_TSA(guarded_by(wex_chains)) = false;
 
+bool waits(const wex_pid* rec) {
+  return rec->start_time == kStartOfNobody && rec->exit_seen == 0;
+}
+
 bool awaits_end(const wex_pid* rec) {
-  return rec->awaited > 0 && rec->start_time == kStartOfNobody && rec->exit_seen == 0;
+  return rec->awaited > 0 && waits(rec);
+}
+
+// The end was found, and its report may be queued.
+bool awaits_cause(const wex_pid* rec) {
+  return rec->awaited < 0 && rec->awaited_ended_by_ns != 0 && waits(rec);
+}
+
+bool awaits_exit(const wex_pid* rec, const awaited_exit& exit) {
+  return (awaits_end(rec) && rec->awaited == exit.pid) ||
+         (awaits_cause(rec) && rec->awaited == -exit.pid && exit.time_ns <= rec->awaited_ended_by_ns);
 }
 
 // The end that is to come is that of the process to which the program is to be handed over: by its cause the
@@ -62,6 +77,7 @@ void await_end_of(wex_pid* rec, int32_t process, uint64_t start_time)
   rec->awaited = process;
   rec->awaited_start = start_time;
   rec->awaited_ns = wex_clock_ns();
+  rec->awaited_ended_by_ns = 0;
   g_any_awaited = true;
 }
 
@@ -92,7 +108,8 @@ void leave_pid_to_newcomer(const wex_pid* rec) WEX_TSA(requires_capability(wex_c
 
 void note_end_of_awaited(wex_pid* rec, uint32_t code) {
   rec->known_code = code;
-  rec->awaited = -rec->awaited;
+  rec->awaited = -std::abs(rec->awaited);
+  rec->awaited_ended_by_ns = 0;
   rec->gone_since = std::min(rec->gone_since, std::max(wex_clock_now(), 1));
   wex_request_sweep();
 }
@@ -107,19 +124,19 @@ uint64_t registered_start(int32_t pid) WEX_TSA(requires_capability(wex_chains)) 
 // False when it is not that of the awaited process, which goes on all the same when it was a main thread's
 // end, for another thread has executed a program. A program that has registered with the pid since began when
 // the awaited process had ended: that end was lost.
-bool take_exit(wex_pid* rec, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
+bool take_exit(wex_pid* rec, const awaited_exit& exit, bool another_is_to_come)
     WEX_TSA(requires_capability(wex_chains)) {
-  const uint64_t newcomers_start = registered_start(rec->awaited);
-  if (newcomers_start > rec->awaited_start && exit_tick + kStartTickSlack >= newcomers_start) {
+  const uint64_t newcomers_start = registered_start(exit.pid);
+  if (newcomers_start > rec->awaited_start && exit.tick + kStartTickSlack >= newcomers_start) {
     note_end_of_awaited(rec, 0);
     return false;
   }
-  const process_look now = wex_look_at(rec->awaited);
-  if (!is_exit_of(now, rec->awaited_start, exit_tick, another_is_to_come)) {
+  const process_look now = wex_look_at(exit.pid);
+  if (!is_exit_of(now, rec->awaited_start, exit.tick, another_is_to_come)) {
     return false;
   }
-  if (wex_judge_exit(now, rec->awaited_start, exit_tick) != exit_verdict::runs) {
-    note_end_of_awaited(rec, code);
+  if (wex_judge_exit(now, rec->awaited_start, exit.tick) != exit_verdict::runs) {
+    note_end_of_awaited(rec, exit.code);
   }
   return true;
 }
@@ -185,7 +202,7 @@ bool __wex_await_hand_over(wex_pid* rec, int32_t found) {
   return true;
 }
 
-bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, bool another_is_to_come) {
+bool __wex_take_awaited_exit(const awaited_exit& exit, bool another_is_to_come) {
   if (!g_any_awaited) {
     return false;
   }
@@ -193,18 +210,18 @@ bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, boo
   bool any = false;
   record_walk walk(wex_chains);
   while (wex_pid* const rec = walk.next()) {
-    const bool its_own =
-        awaits_end(rec) && rec->awaited == pid && take_exit(rec, code, exit_tick, another_is_to_come);
+    const bool its_own = awaits_exit(rec, exit) && take_exit(rec, exit, another_is_to_come);
     taken = taken || its_own;
-    any = any || awaits_end(rec);
+    any = any || awaits_end(rec) || awaits_cause(rec);
   }
   g_any_awaited = any;
   return taken;
 }
 
-void __wex_note_awaited_gone(wex_pid* rec) {
+void __wex_note_awaited_gone(wex_pid* rec, int64_t ended_by_ns) {
   if (awaits_end(rec)) {
     note_end_of_awaited(rec, 0);
+    rec->awaited_ended_by_ns = ended_by_ns;
   }
 }
 

@@ -28,15 +28,22 @@ int32_t __wex_start_again(wex_chains_t* chain, wex_pid* rec, const wex_action& a
 // or does. A newcomer of the program takes its place meanwhile.
 bool __wex_await_hand_over(wex_pid* rec, int32_t found) WEX_TSA(requires_capability(wex_chains));
 
-// The kernel has reported an exit under this pid, in this tick since the boot. True when it is that of a
-// process to which a record waits to be handed over, and nobody else's: that of the one which had the pid
-// before may still be to come. Unless the process goes on, the record knows the exit code from now on, and is
-// handled soon.
-bool __wex_take_awaited_exit(int32_t pid, uint32_t code, uint64_t exit_tick, bool another_is_to_come)
+struct awaited_exit {
+  int32_t pid;
+  uint32_t code;
+  uint64_t tick;    // since the boot
+  int64_t time_ns;  // of the monotonic clock
+};
+
+// The kernel has reported this exit. True when it is that of a process to which a record waits to be handed
+// over, and nobody else's: that of the one which had the pid before may still be to come. Unless the process
+// goes on, the record knows the exit code from now on, and is handled soon.
+bool __wex_take_awaited_exit(const awaited_exit& exit, bool another_is_to_come)
     WEX_TSA(requires_capability(wex_chains));
 
-// The process that the record waits for, if it does, has ended, of an unknown cause.
-void __wex_note_awaited_gone(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+// The process that the record waits for, if it does, has ended. Only an exit that happened until that time of
+// the monotonic clock tells the cause.
+void __wex_note_awaited_gone(wex_pid* rec, int64_t ended_by_ns) WEX_TSA(requires_capability(wex_chains));
 
 // A process was born with this pid at this time of the monotonic clock, in nanoseconds. That which a record
 // waits for, and which had the pid before, had ended by then, of an unknown cause.

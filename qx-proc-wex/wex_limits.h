@@ -227,6 +227,6 @@ inline constexpr mode_t kAliveTableMode = 0777;
 inline constexpr mode_t kStrictAliveTableMode = 0744;
 inline constexpr int kAliveTableTries = 10;  // to make one of root's while a user makes his
 inline constexpr mode_t kStatusTableMode = 0644;
-inline constexpr mode_t kLogMode = 0666;
+inline constexpr mode_t kLogMode = 0666;  // narrowed by the umask; strict mode: nobody but root writes
 
 inline constexpr int kMonitorPriority = 99;  // SCHED_FIFO, for the threads that must not starve

@@ -76,11 +76,11 @@ bool is_empty(int fd) {
 // Opens a record for one more entry. When a directory, a device, a link that is not followed, or another name
 // of a file that this process keeps locked has the name, that is moved aside first.
 unique_fd open_record(const char* path) {
-  unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  unique_fd file = wex_open_own_file(path, O_WRONLY | O_APPEND, kLogMode);
   char aside[kPathSize];
   const bool in_the_way = errno == EISDIR || errno == ENXIO || errno == ELOOP || errno == EBUSY;
   if (!file.valid() && in_the_way && wex_clear_name(path, aside)) {
-    file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+    file = wex_open_own_file(path, O_WRONLY | O_APPEND, kLogMode);
   }
   return file;
 }
@@ -239,10 +239,12 @@ bool ends_running_log(const char* message) {
   const bool one = stat(kRunningLog1, &first) == 0;
   const bool two = stat(kRunningLog2, &second) == 0;
   const bool second_newer = two && (!one || is_older(first, second));
-  const unique_fd log = wex_open_file(second_newer ? kRunningLog2 : kRunningLog1, O_RDONLY);
+  const char* const path = second_newer ? kRunningLog2 : kRunningLog1;
+  const unique_fd log = wex_open_file(path, O_RDONLY);
   const size_t length = strlen(message);
   char end[kMessageSize];
-  return log.valid() && lseek(log.get(), -static_cast<off_t>(length), SEEK_END) >= 0 &&
+  return log.valid() && wex_is_believed(log.get(), path) &&
+         lseek(log.get(), -static_cast<off_t>(length), SEEK_END) >= 0 &&
          safe_read(log.get(), end, length) == static_cast<int32_t>(length) &&
          memcmp(end, message, length) == 0;
 }
@@ -261,7 +263,7 @@ void empty_ring(const char* path) {
 
 // Overwrites the entry of `slot` byte for byte; the tail of a longer old entry stays behind the new one.
 void write_ring_entry(const char* path, int slot, const char* entry, size_t length) {
-  const unique_fd ring = wex_open_file(path, O_RDWR | O_CREAT, kLogMode);
+  const unique_fd ring = wex_open_own_file(path, O_RDWR, kLogMode);
   if (!ring.valid()) {
     return;
   }
@@ -348,7 +350,7 @@ void wex_running_log_once(const char* format, ...) {
 }
 
 int wex_openlog(const char* path) {
-  unique_fd file = wex_open_file(path, O_WRONLY | O_APPEND | O_CREAT, kLogMode);
+  unique_fd file = wex_open_own_file(path, O_WRONLY | O_APPEND, kLogMode);
   if (!file.valid()) {
     return -1;
   }
@@ -391,7 +393,7 @@ void wex_log_notify_info(const char* path, const char* format, ...) {
   }
   if (!exists(path)) {
     slot = 0;
-    if (wex_open_file(path, O_RDWR | O_CREAT, kLogMode).valid()) {
+    if (wex_open_own_file(path, O_RDWR, kLogMode).valid()) {
       wex_sync_directory_of(path);
     }
   }
@@ -409,8 +411,14 @@ void wex_log_notify_info(const char* path, const char* format, ...) {
 int wex_log_notify_get_count(const char* path) {
   // Kept: the number in the file is the result even when it is -2 or -1, see docs/decisions.md.
   const unique_fd file = wex_open_file(path, O_RDONLY);
-  if (!file.valid()) {
-    return errno == ENOENT ? kCountMissing : kCountUnreadable;
+  if (!file.valid() && errno == ENOENT) {
+    return kCountMissing;
+  }
+  if (!file.valid() && wex_counts(path)) {
+    return kCountUnreadable;
+  }
+  if (!file.valid() || !wex_is_believed(file.get(), path)) {
+    return 0;  // what a user has put there may say that nothing can be counted
   }
   char text[kNumberSize] = {};
   int count = 0;
@@ -424,7 +432,7 @@ int wex_log_notify_update_count(const char* path, int value) {
   char text[16];
   wex_format(text, sizeof(text), "%d", value);
   const size_t length = strlen(text);
-  const unique_fd file = wex_open_file(path, O_WRONLY | O_CREAT, kLogMode);
+  const unique_fd file = wex_open_own_file(path, O_WRONLY, kLogMode);
   if (!file.valid()) {
     return -1;
   }

@@ -72,6 +72,7 @@ inline constexpr char kSbinFmt[]          = "/sbin/%s";                         
 
 inline constexpr char kRunningLog1[]      = "/ovix/vsd/0/utils/wex/running_log1"; // daemon, kept (synced)
 inline constexpr char kRunningLog2[]      = "/ovix/vsd/0/utils/wex/running_log2"; // daemon, kept (synced)
+inline constexpr char kRunningLogDir[]    = "/ovix/vsd/0/utils/wex";              // daemon, kept: holds both
 inline constexpr char kNotifyLog[]        = "/data/.wex_notify";                  // daemon, kept (synced)
 inline constexpr char kNotifyCount[]      = "/data/.wex_notify_count";            // daemon, kept (synced)
 inline constexpr char kRebootLog[]        = "/data/.wex_reboot";                  // daemon, kept (synced after each line)

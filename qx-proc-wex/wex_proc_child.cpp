@@ -29,7 +29,6 @@
 #include "safe_io.h"
 #include "signals_held.h"
 #include "text_buffer.h"
-#include "trusted_path.h"
 #include "unique_fd.h"
 #include "waiting.h"
 #include "wex_chain.h"
@@ -517,23 +516,6 @@ pid_t start_in_domain(child_start* start) WEX_TSA(requires_capability(wex_chains
   return child;
 }
 
-// In the place of a user's, which would never count. He may make his anew whenever it has gone, so root's
-// takes the name from it.
-unique_fd make_forkfile_anew() {
-  char last[NAME_MAX + 1];
-  char begun[NAME_MAX + 1];
-  unique_fd file;
-  const unique_fd directory = open_trusted_parent(kForkFile, last);
-  if (directory.valid()) {
-    file = wex_create_beside(directory.get(), kBegunPrefix, kForkFileMode, begun);
-  }
-  if (file.valid() && !wex_take_name(directory.get(), begun, last)) {
-    unlinkat(directory.get(), begun, 0);
-    file.reset();
-  }
-  return file;
-}
-
 // Where the replaced process's database file is.
 void find_old_file(child_start* start, char (&path)[kPathSize]) {
   const launch& what = *start->what;
@@ -628,8 +610,9 @@ void set_proc_env(int32_t vsd, int32_t old_pid) {
 int wex_mk_forkfile(void) {
   unique_fd file = wex_open_file(kForkFile, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kForkFileMode);
   struct stat facts = {};
+  // A user's would never count. He may make his anew whenever it has gone, so root's takes the name from it.
   if (wex_strict().on && (!file.valid() || fstat(file.get(), &facts) != 0 || facts.st_uid != 0)) {
-    file = make_forkfile_anew();
+    file = wex_create_in_place(kForkFile, kForkFileMode);
   }
   if (!file.valid() || safe_write(file.get(), "a", 1) != 1) {
     return -1;

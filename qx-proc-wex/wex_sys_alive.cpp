@@ -147,8 +147,7 @@ bool is_table(int fd) {
 // Only root can have written the table, and only root can have it mapped to write.
 bool is_roots_alone() {
   struct stat found = {};
-  return lstat(kAliveTableFile, &found) == 0 && S_ISREG(found.st_mode) && found.st_uid == 0 &&
-         found.st_nlink == 1 && (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return lstat(kAliveTableFile, &found) == 0 && wex_is_roots_alone(found) && found.st_nlink == 1;
 }
 
 // Whoever has this table mapped finds himself unregistered in it, and registers again.

@@ -93,7 +93,7 @@ bool enter_run_dir(int32_t vsd, const char* caller) {
 bool save_start_time(int32_t vsd, const char* caller) {
   char path[kPathSize];
   wex_format(path, sizeof path, kStartTimeFmt, vsd);
-  const unique_fd file = wex_open_file(path, O_RDWR | O_CREAT, kDomainFileMode);
+  const unique_fd file = wex_open_own_file(path, O_RDWR, kDomainFileMode);
   if (!file.valid()) {
     tell(caller, "open");
     return false;
@@ -240,7 +240,7 @@ int end_processes(const take_down_plan& plan, int32_t vsd) {
 int take_down(const take_down_plan& plan, int32_t vsd) {
   char marker[kPathSize];
   wex_take_down_marker(vsd, marker);
-  if (!wex_open_file(marker, O_RDWR | O_CREAT, kDomainFileMode).valid()) {
+  if (!wex_open_own_file(marker, O_RDWR, kDomainFileMode).valid()) {
     return -errno;
   }
   const int ret = end_processes(plan, vsd);

@@ -184,7 +184,8 @@ bool exempted(int32_t tid) {
   const cancel_held whole;
   const unique_fd file = wex_open_file(kExemptThreads, O_RDONLY);
   struct stat facts = {};
-  if (!file.valid() || fstat(file.get(), &facts) != 0 || (facts.st_uid != 0 && wex_strict_is_wanted())) {
+  if (!file.valid() || fstat(file.get(), &facts) != 0 ||
+      ((facts.st_uid != 0 || facts.st_nlink != 1) && wex_strict_is_wanted())) {
     return false;
   }
   char own[16];

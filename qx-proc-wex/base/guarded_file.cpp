@@ -121,6 +121,26 @@ void close_to_others(int directory, mode_t mode) {
   }
 }
 
+// What the daemon does not share: nobody but root has it open for writing, unless he had before it was
+// closed.
+unique_fd open_roots(const char* path, int flags, mode_t mode) {
+  unique_fd file = wex_open_file(path, flags, mode);
+  struct stat facts = {};
+  if (file.valid() && (fstat(file.get(), &facts) != 0 || !wex_is_roots_alone(facts))) {
+    file.reset();
+    errno = EACCES;
+  }
+  return file;
+}
+
+// Whether what could not be opened so is not root's to keep. A kernel that guards sticky directories says
+// EACCES of a user's file, too.
+bool makes_room_for_roots(const char* path, int cause) {
+  const bool counts = wex_counts(path);  // a user's is noted
+  const bool no_file = cause == EISDIR || cause == ENXIO || cause == ELOOP || cause == EBUSY;
+  return cause == EACCES || (no_file && !counts);
+}
+
 // Two names change places, and neither is free in between. False where the kernel cannot (before Linux 3.15).
 bool exchange(int directory, const char* one, const char* other) {
   return syscall(SYS_renameat2, directory, one, directory, other, RENAME_EXCHANGE) == 0;
@@ -230,6 +250,42 @@ bool wex_take_name(int directory, const char* from, const char* name) {
   const closed_for_a_moment only_root(directory);
   clear_entry(directory, name, number, from);
   return renameat(directory, from, directory, name) == 0;
+}
+
+unique_fd wex_create_in_place(const char* path, mode_t mode) {
+  char last[NAME_MAX + 1];
+  char begun[NAME_MAX + 1];
+  unique_fd file;
+  const unique_fd directory = open_trusted_parent(path, last);
+  if (directory.valid()) {
+    file = wex_create_beside(directory.get(), kBegunPrefix, mode, begun);
+  }
+  if (file.valid() && !wex_take_name(directory.get(), begun, last)) {
+    const int cause = errno;
+    unlinkat(directory.get(), begun, 0);
+    file.reset();
+    errno = cause;
+  }
+  return file;
+}
+
+unique_fd wex_open_own_file(const char* path, int flags, mode_t mode) {
+  if (!wex_strict().on) {
+    return wex_open_file(path, flags | O_CREAT, mode);
+  }
+  const mode_t closed = mode & ~kWriting;
+  unique_fd file = open_roots(path, flags | O_CREAT, closed);
+  if (file.valid() || !makes_room_for_roots(path, errno)) {
+    return file;
+  }
+  char aside[kPathSize];
+  if ((flags & O_TRUNC) == 0) {
+    wex_clear_name(path, aside);  // what was recorded is kept
+  }
+  if (wex_create_in_place(path, closed).valid()) {
+    file = open_roots(path, flags | O_CREAT, closed);
+  }
+  return file;
 }
 
 void wex_clear_begun(const char* path) {

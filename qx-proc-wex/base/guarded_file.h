@@ -36,6 +36,15 @@ bool wex_is_number_of_begun(const char* text);
 // some file systems), a directory that is open to all is closed to users for that moment. False with errno.
 bool wex_take_name(int directory, const char* from, const char* name);
 
+// Makes a new, empty file of ours, open for writing, that takes the name from whatever lies there by the two
+// above. Invalid with errno.
+unique_fd wex_create_in_place(const char* path, mode_t mode);
+
+// Opens a file of the daemon's own as wex_open_file() does with O_CREAT. In strict mode nobody but root has
+// it open for writing, whatever the umask: one that is not root's, or that others may write, gets aside for a
+// new one, for they may have it open; and so does what is no file, when a user has put it there.
+unique_fd wex_open_own_file(const char* path, int flags, mode_t mode);
+
 // Removes what both may have left in the directory of this path when the daemon was killed in the middle, be
 // it the file or what had its lasting name; a directory with something in it is moved aside. No more than the
 // first names are looked at, for users may have made others without end. For the start, before any file is

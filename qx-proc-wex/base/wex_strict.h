@@ -4,6 +4,7 @@
 // mode asks here; what the rules are is written where they are applied.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -21,6 +22,14 @@ struct strict_settings {
 // Whether what lies at `path` may say what it says: in strict mode only what root alone has put there does.
 // What does not count is noted. Without the mode true, and nothing is asked; a missing file is not noted.
 bool wex_counts(const char* path);
+
+// Whether these facts are those of a regular file that nobody but root can have written, or may write. Who
+// had a file open from when its mode was another one still writes it.
+bool wex_is_roots_alone(const struct stat& facts);
+
+// The same of an open file that is to be believed: in strict mode only such a one is. One that is not is
+// noted. Without the mode true, and nothing is asked.
+bool wex_is_believed(int fd, const char* path);
 
 // The mode of a directory that the daemon makes: one in which clients make files, or one of its own.
 mode_t wex_client_dir_mode();

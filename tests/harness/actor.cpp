@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -318,6 +319,36 @@ void hold(const char*) {
   }
 }
 
+// All is left where it is, but the arguments end where they begin.
+void forget_words(const char*) {
+  char text[1024] = "";
+  const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+  const char* at = read(fd, text, sizeof text - 1) > 0 ? strrchr(text, ')') : nullptr;
+  close(fd);
+  unsigned long long field[52] = {};
+  for (int number = 3; at != nullptr && number < 52; ++number) {
+    at = strchr(at + 1, ' ');
+    field[number] = at != nullptr ? strtoull(at, nullptr, 10) : 0;
+  }
+  prctl_mm_map map = {};
+  map.start_code = field[26], map.end_code = field[27], map.start_stack = field[28];
+  map.start_data = field[45], map.end_data = field[46], map.start_brk = field[47];
+  map.brk = reinterpret_cast<unsigned long>(sbrk(0));
+  map.arg_start = map.arg_end = field[48];
+  map.env_start = field[50], map.env_end = field[51];
+  map.exe_fd = static_cast<unsigned>(-1);
+  if (prctl(PR_SET_MM, PR_SET_MM_MAP, &map, sizeof map, 0) != 0) {
+    give_up("prctl(PR_SET_MM)");
+  }
+}
+
+void exec_without_name(const char* program) {
+  char nothing_at_all[] = "";
+  char* const words[] = {nothing_at_all, nullptr};
+  execv(program, words);
+  give_up(program);
+}
+
 void ignore(const char* name) {
   signal(signal_named(name), SIG_IGN);
 }
@@ -603,6 +634,8 @@ const struct option_row {
     {"--leave-child", leave_child, "=MS  a child that sleeps"},
     {"--restart-self", restart_self, "  start this program again beside this process"},
     {"--group", join_group, "=GID  the only supplementary group"},
+    {"--forget-words", forget_words, "  the kernel shows an empty command line from now on"},
+    {"--exec-without-name", exec_without_name, "=PROGRAM  executed with one word, which is empty"},
     {"--grow", grow, "=MIB  resident memory"},
     {"--open", open_file, "=FILE  a descriptor that stays open"},
     {"--set", set_variable, "=NAME=VALUE  environment"},
@@ -636,7 +669,11 @@ void perform(const char* word) {
 
 }  // namespace
 
+// Without a word it holds: so it is started again when its words were not to be seen.
 int main(int argc, char** argv) {
+  if (argc < 2) {
+    hold(nullptr);
+  }
   for (int at = 1; at < argc; at++) {
     if (skip_next) {
       skip_next = false;

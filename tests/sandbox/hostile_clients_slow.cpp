@@ -20,7 +20,7 @@ TEST_F(ManyNeighbours, ThatSendGarbage) {
   beside_garbage(100);
 }
 TEST_F(ManyNeighbours, ThatConnectAndLeave) {
-  beside_a_flood_of_connections(100);
+  beside_a_flood_of_connections(100, 10000);
 }
 TEST_F(ManyNeighbours, ThatSendAMillionRandomRecords) {
   after_random_records(1000000);

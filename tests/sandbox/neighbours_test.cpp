@@ -19,7 +19,7 @@ TEST_F(Neighbours, ThatSendGarbage) {
   beside_garbage(5);
 }
 TEST_F(Neighbours, ThatConnectAndLeave) {
-  beside_a_flood_of_connections(5);
+  beside_a_flood_of_connections(5, 0);  // how many a second a busy machine has room for nobody knows
 }
 TEST_F(Neighbours, ThatSendRandomRecords) {
   after_random_records(20000);
@@ -70,6 +70,13 @@ struct OddNames : ControlChannel {
         limit);
     return found;
   }
+  // Somebody else, who registered as ever, dies and comes back.
+  void expect_a_witness_back(const std::string& name) {
+    policy::Service witness(name);
+    ASSERT_TRUE(witness.start());
+    witness.end();
+    ASSERT_TRUE(witness.comes_back(20s)) << read_console();
+  }
 };
 
 struct odd_name {
@@ -113,12 +120,54 @@ TEST_F(OddNames, AreKeptWholeOrHarmNobodyElse) {
       EXPECT_TRUE(back) << read_console();
       failed += back ? 0 : 1;
     }
-    policy::Service witness("witness" + std::to_string(++number));
-    ASSERT_TRUE(witness.start());
-    witness.end();
-    ASSERT_TRUE(witness.comes_back(20s)) << read_console();
+    expect_a_witness_back("witness" + std::to_string(++number));
   }
   EXPECT_FALSE(exists("/x"));
   tell_figures("programs with odd names and arguments", "a service beside them", std::size(kOddNames), failed,
                "back with the same words, where no blank and no newline is in one");
+}
+
+// The daemon knows such a process by its program, and starts that one again, without arguments.
+TEST_F(OddNames, OfAProcessWithoutACommandLineIsThatOfItsProgram) {
+  const std::string program = std::string(kPrograms) + "wordless";
+  ASSERT_TRUE(exited_with(run({"cp", "--", actor_binary(), program}), 0));
+  Process process;
+  ASSERT_TRUE(process.start({program, "--forget-words", "--register=RESTART", "--confirm",
+                             std::string("--ready=") + kRegistered, "--hold"}));
+  ASSERT_TRUE(eventually([] { return exists(kRegistered); }, 20s)) << read_console();
+  const pid_t old = process.pid();
+  ASSERT_EQ("", read_file("/proc/" + std::to_string(old) + "/cmdline"));
+  EXPECT_EQ(std::to_string(old) + "\n2\n" + program, read_file(policy::db_file("wordless", old)));
+  process.kill_now();
+  const pid_t next = wait_for(program, program + '\0', old, 20s);
+  EXPECT_NE(0, next) << read_console();
+  EXPECT_TRUE(daemon.running());
+  expect_a_witness_back("witness");
+  tell_figures("a program whose command line is empty", "a service beside it", 1, next != 0 ? 0 : 1,
+               "back without arguments");
+}
+
+// Executed with one word, which is empty: the kernel shows a command line of one zero byte.
+TEST_F(OddNames, OfAProcessWhoseOnlyWordIsEmptyIsThatOfItsProgram) {
+  const std::string program = std::string(kPrograms) + "nameless";
+  ASSERT_TRUE(exited_with(run({"cp", "--", actor_binary(), program}), 0));
+  Process process;
+  ASSERT_TRUE(process.start(actor_words({"--exec-without-name=" + program})));
+  const pid_t old = process.pid();
+  const std::string words = "/proc/" + std::to_string(old) + "/cmdline";
+  ASSERT_TRUE(eventually([&] { return program_of(old) == program; }, 20s));
+  ASSERT_EQ(std::string(1, '\0'), read_file(words));
+  {
+    const raw_client client;
+    ASSERT_TRUE(client.send_body(WEX_RESTART, body_of(old)));
+    ASSERT_TRUE(client.acknowledged());
+  }
+  ASSERT_TRUE(eventually([&] { return StatusReader().slot_of(old).has_value(); }, 20s));
+  process.kill_now();
+  const pid_t next = wait_for(program, program + '\0', old, 20s);
+  EXPECT_NE(0, next) << read_console();
+  EXPECT_TRUE(daemon.running());
+  expect_a_witness_back("witness");
+  tell_figures("a program with one word, which is empty", "a service beside it", 1, next != 0 ? 0 : 1,
+               "back without arguments");
 }

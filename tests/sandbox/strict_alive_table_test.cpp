@@ -44,6 +44,7 @@ TEST_F(StrictAliveTable, AThreadOfRootsThatAUserExemptsGoesOnReporting) {
   ASSERT_EQ(text(tid) + "\n", read_file(kExemptThreads));
   const uint8_t before = sequence_of(tid);
   EXPECT_TRUE(eventually([&] { return static_cast<uint8_t>(sequence_of(tid) - before) >= 2; }, 20s));
+  EXPECT_TRUE(log_says("/data/.wex_debug_pid does not count"));
 }
 
 TEST_F(StrictAliveTable, OnlyRootsThreadsReportInItAndUsersByMessage) {

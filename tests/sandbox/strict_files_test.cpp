@@ -343,6 +343,94 @@ TEST_F(StrictFiles, AProgramOfRootsThatIsCalledLikeOneIsStartedAgain) {
   EXPECT_TRUE(eventually([&] { return pids_with_command(command).size() == 1; }, 20s)) << read_console();
 }
 
+// A line in the list has a program of root's started again as root; one in the log may hide what was refused.
+TEST_F(StrictFiles, AUserWritesNeitherTheListOfProgramsNorLogsWhateverTheUmaskOfTheDaemon) {
+  write_file(kDebugLog, "0\n");
+  make_dirs(kThirdPartDir);
+  const mode_t before = umask(0);
+  start();
+  umask(before);
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  send_signal(roots.pid(), SIGKILL);
+  ASSERT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
+  for (const char* const path : {kThirdPartList, kRunningLog1, kEventLog1}) {
+    ASSERT_TRUE(eventually([&] { return exists(path); }, 20s)) << path;
+    EXPECT_TRUE(as_user([&] { return open(path, O_WRONLY) < 0 && errno == EACCES; })) << path;
+  }
+}
+
+// As a daemon leaves them that was not strict and had the umask 0.
+TEST_F(StrictFiles, AUserWhoHasTheListOrALogOpenFromBeforeWritesIntoNoneOfTheDaemons) {
+  const char* const files[] = {kThirdPartList, kRunningLog1, kEventLog1, kRebootLog};
+  write_file(kDebugLog, "0\n");
+  make_dirs(kThirdPartDir);
+  for (const char* const path : files) {
+    make_dirs(std::string(path).substr(0, std::string(path).rfind('/')));
+    write_file(path, "old\n", 0666);
+  }
+  const child user([&] {
+    std::vector<unique_fd> held;
+    bool written = become(kUser);
+    for (const char* const path : files) {
+      held.emplace_back(open(path, O_WRONLY | O_APPEND | O_CLOEXEC));
+      written = written && held.back().valid();
+    }
+    std::thread([held = std::move(held)] {
+      while (!exists("/tmp/now")) {
+        std::this_thread::sleep_for(1ms);
+      }
+      for (const unique_fd& file : held) {
+        EXPECT_EQ(6, write(file.get(), "user's", 6));
+      }
+      write_file("/tmp/written", "");
+    }).detach();
+    return written;
+  });
+  ASSERT_TRUE(user.ready());
+  start();
+  Process& roots = process();
+  ASSERT_TRUE(start_service(&roots, {"--tag=roots"}, 0));
+  send_signal(roots.pid(), SIGKILL);
+  ASSERT_GT(wait_for_actor(service_words({"--tag=roots"}), roots.pid(), 20s), 0) << read_console();
+  write_file("/tmp/now", "");
+  ASSERT_TRUE(eventually([] { return exists("/tmp/written"); }, 20s));
+  for (const char* const path : {kThirdPartList, kRunningLog1, kEventLog1}) {
+    EXPECT_EQ(std::string::npos, read_file(path).find("user's")) << path;
+    EXPECT_EQ(0644U, mode_of(path)) << path;
+  }
+}
+
+// He gets no program of root's registered by it.
+TEST_F(StrictFiles, OnlyRootsDescriptionsThatNobodyElseMayWriteAreOfTheListOfPrograms) {
+  make_dirs(kThirdPartDir);
+  const std::string directory = std::string(kThirdPartDir) + "/";
+  write_file(directory + "roots", "/usr/bin/roots WEX_RESTART");
+  write_file(directory + "open", "/usr/bin/open WEX_RESTART", 0666);
+  write_file(directory + "users", "/usr/bin/users WEX_RESTART");
+  give_to_user(directory + "users", 0644);
+  start();
+  EXPECT_EQ("/usr/bin/roots WEX_RESTART\n", read_file(kThirdPartList));
+  EXPECT_TRUE(log_says(directory + "users does not count: its owner may not say what it says."));
+  EXPECT_TRUE(log_says(directory + "open does not count"));
+}
+
+// His would not count, and what the take-down ends would be started again.
+TEST_F(StrictFiles, ATakeDownHasAMarkerOfRootsThoughAUserHasMadeOneBefore) {
+  ASSERT_TRUE(exited_with(run({Daemon::binary(), "-c", "1"}), 0)) << read_console();
+  const std::string marker = "/tmp/vsd/1/delete_vsd";
+  ASSERT_TRUE(as_user([&] { return write_file(marker, ""), exists(marker); }));
+  Process& take_down = process();
+  ASSERT_TRUE(take_down.start({Daemon::binary(), "-d", "1"}));
+  EXPECT_TRUE(eventually(
+      [&] {
+        struct stat facts = {};
+        return lstat(marker.c_str(), &facts) == 0 && facts.st_uid == 0;
+      },
+      10s))
+      << read_console();
+}
+
 // Neither the end of the daemon nor that of a restart.
 TEST_F(StrictFiles, AUsersForkFileAndTakeDownMarkerDoNotCount) {
   make_dirs("/tmp/vsd/5");

@@ -151,3 +151,69 @@ TEST_F(GuardedFile, AUserKeepsNoNameByThoseThatMakeRoom) {
   }
   EXPECT_EQ(11U, aside) << "nothing of his is lost";
 }
+
+TEST_F(GuardedFile, AFileOfTheDaemonsIsWrittenByNobodyElseWhateverTheUmask) {
+  const mode_t before = umask(0);
+  EXPECT_TRUE(wex_open_own_file(kWanted, O_WRONLY | O_APPEND, 0666).valid());
+  EXPECT_EQ(0644U, mode_of(kWanted));
+  wex_set_strict({});
+  EXPECT_TRUE(wex_open_own_file("/tmp/d/other", O_WRONLY | O_APPEND, 0666).valid());
+  EXPECT_EQ(0666U, mode_of("/tmp/d/other")) << "without the mode";
+  umask(before);
+}
+
+// What a user has open for writing stays his.
+TEST_F(GuardedFile, AFileOfTheDaemonsThatOthersMayWriteGetsAsideForANewOne) {
+  constexpr struct {
+    uid_t owner;
+    mode_t mode;
+    bool stays;
+  } kRows[] = {
+      {0, 0644, true}, {0, 0600, true}, {0, 0666, false}, {0, 0660, false}, {kOtherUser, 0600, false}};
+  for (const auto& row : kRows) {
+    for (const bool emptied : {false, true}) {
+      SCOPED_TRACE(testing::Message()
+                   << row.owner << std::oct << " 0" << row.mode << (emptied ? " emptied" : ""));
+      write_file(kWanted, "old");
+      ASSERT_EQ(0, chown(kWanted, row.owner, 0));
+      ASSERT_EQ(0, chmod(kWanted, row.mode));
+      const unique_fd old(open(kWanted, O_RDONLY | O_CLOEXEC));
+      const unique_fd file = wex_open_own_file(kWanted, O_WRONLY | (emptied ? O_TRUNC : O_APPEND), 0666);
+      ASSERT_TRUE(file.valid()) << strerror(errno);
+      ASSERT_EQ(3, write(file.get(), "new", 3));
+      struct stat one = {};
+      struct stat other = {};
+      ASSERT_EQ(0, fstat(old.get(), &one));
+      ASSERT_EQ(0, stat(kWanted, &other));
+      EXPECT_EQ(row.stays, one.st_ino == other.st_ino);
+      EXPECT_EQ(row.stays && !emptied ? "oldnew" : "new", read_file(kWanted));
+      EXPECT_EQ(row.stays ? row.mode : 0644U, mode_of(kWanted));
+      EXPECT_EQ(row.stays || emptied ? 1U : 2U, list_dir(kDir).size()) << "what was recorded is kept";
+      remove_tree(kDir);
+      ASSERT_EQ(0, mkdir(kDir, 0755));
+    }
+  }
+}
+
+// Of what is no file a user's makes room, and root's stays.
+TEST_F(GuardedFile, WhatIsNoFileAndAUsersGetsAsideForAFileOfTheDaemons) {
+  const std::function<int()> kinds[] = {[] { return mkfifo(kWanted, 0666); },
+                                        [] { return mkdir(kWanted, 0755); },
+                                        [] { return symlink("/tmp/victim", kWanted); }};
+  for (const auto& make : kinds) {
+    for (const int flags : {O_WRONLY | O_APPEND, O_WRONLY | O_TRUNC, O_RDWR}) {
+      ASSERT_EQ(0, make());
+      ASSERT_EQ(0, lchown(kWanted, kOtherUser, 0));
+      EXPECT_TRUE(wex_open_own_file(kWanted, flags, 0666).valid()) << strerror(errno);
+      struct stat facts = {};
+      ASSERT_EQ(0, lstat(kWanted, &facts));
+      EXPECT_TRUE(S_ISREG(facts.st_mode) && facts.st_uid == 0);
+      EXPECT_FALSE(exists("/tmp/victim"));
+      ASSERT_EQ(0, unlink(kWanted));
+    }
+  }
+  ASSERT_EQ(0, mkfifo(kWanted, 0600));
+  EXPECT_FALSE(wex_open_own_file(kWanted, O_WRONLY, 0666).valid());
+  struct stat facts = {};
+  EXPECT_TRUE(lstat(kWanted, &facts) == 0 && S_ISFIFO(facts.st_mode));
+}

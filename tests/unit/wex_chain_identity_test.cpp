@@ -161,11 +161,15 @@ TEST(EventTick, CountsFromBootInTicksOfTheStatFile) {
 }
 
 TEST(EventTick, ADelayOfTheReaderIsNoTimeNamespace) {
-  EXPECT_EQ(0, wex_clock_shift(0));
-  EXPECT_EQ(0, wex_clock_shift(kSecond - 1));
-  EXPECT_EQ(0, wex_clock_shift(1 - kSecond));
-  EXPECT_EQ(5 * kSecond, wex_clock_shift(5 * kSecond));
-  EXPECT_EQ(-86400 * kSecond, wex_clock_shift(-86400 * kSecond));
+  EXPECT_EQ(0, wex_clock_shift(INT64_MIN, INT64_MAX)) << "before the first event";
+  EXPECT_EQ(0, wex_clock_shift(0, 0));
+  EXPECT_EQ(0, wex_clock_shift(-1, 3600 * kSecond)) << "an event was read an hour late";
+  EXPECT_EQ(0, wex_clock_shift(-3600 * kSecond, 1)) << "the first event was an hour after the subscription";
+  EXPECT_EQ(0, wex_clock_shift(kSecond - 1, kSecond));
+  EXPECT_EQ(0, wex_clock_shift(-kSecond, 1 - kSecond));
+  EXPECT_EQ(5 * kSecond, wex_clock_shift(5 * kSecond, 6 * kSecond));
+  EXPECT_EQ(-86400 * kSecond, wex_clock_shift(-86400 * kSecond, -86390 * kSecond));
+  EXPECT_EQ(-9 * kSecond, wex_clock_shift(5 * kSecond, -9 * kSecond)) << "the clock was set back";
 }
 
 TEST(EventTick, LiesBetweenTheStartsOfAnEarlierAndALaterProcess) {

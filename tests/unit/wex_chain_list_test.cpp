@@ -13,6 +13,7 @@
 #include "wex_chain_list.h"
 #include "wex_limits.h"
 #include "wex_paths.h"
+#include "wex_strict.h"
 
 using namespace registry;
 using wex_test::reads_of;
@@ -277,6 +278,33 @@ TEST_F(List, ThreadsMayAskWhileTheListIsReplaced) {
   over = true;
   for (std::thread& thread : threads) {
     thread.join();
+  }
+}
+
+// One that others may write is what they say, remembered or not.
+TEST_F(List, InStrictModeOnlyOneOfRootsThatNobodyElseMayWriteCounts) {
+  constexpr struct {
+    uid_t owner;
+    mode_t mode;
+    bool counts;
+  } kRows[] = {{0, 0644, true}, {0, 0600, true}, {0, 0646, false}, {0, 0664, false}, {1234, 0644, false}};
+  strict_settings settings;
+  settings.on = true;
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(testing::Message() << row.owner << std::oct << " 0" << row.mode);
+    write_file(kThirdPartList, "/a/app WEX_RESTART\n");
+    wait_until_settled(kThirdPartList);
+    wex_set_strict(settings);
+    EXPECT_EQ((answer{1, "WEX_RESTART\n"}), look_up("/a/app"));
+    ASSERT_EQ(0, chown(kThirdPartList, row.owner, 0));
+    ASSERT_EQ(0, chmod(kThirdPartList, row.mode));
+    const answer strict = look_up("/a/app");
+    char ignored[kPathSize];
+    wex_take_ignored_name(ignored);
+    wex_set_strict({});
+    EXPECT_EQ(row.counts ? 1 : 0, strict.result);
+    EXPECT_EQ(1, look_up("/a/app").result) << "without the mode";
+    unlink(kThirdPartList);
   }
 }
 

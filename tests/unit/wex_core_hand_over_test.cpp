@@ -212,6 +212,20 @@ TEST_F(AwaitedEnd, IsTheFirstThatIsReportedUnderItsPid) {
   expect_started(rec_, old_pid_);
 }
 
+// The process had gone when events were reported again; what is queued from before tells how.
+TEST_F(AwaitedEnd, ThatIsQueuedFromBeforeEventsWereLostIsTheFirstOfThem) {
+  next_->die();
+  const uint64_t own = now_ns();
+  wex_note_unreported_ends(static_cast<int64_t>(own));
+  EXPECT_EQ(0u, known_code());
+  wex_take_exit_event(exit_of(next_->pid(), SIGKILL, own));
+  EXPECT_EQ(static_cast<uint32_t>(SIGKILL), known_code());
+  wex_take_exit_event(exit_of(next_->pid(), SIGTERM, own));
+  EXPECT_EQ(static_cast<uint32_t>(SIGKILL), known_code());
+  sweep_soon();
+  expect_started(rec_, old_pid_);
+}
+
 TEST_F(AwaitedEnd, IsNoneOfAThreadNorOfAProcessThatGoesOn) {
   wex_take_exit_event(thread_end(next_->pid() + 1, next_->pid(), SIGTERM));
   wex_take_exit_event(exit_of(next_->pid(), SIGTERM, later_ns()));

@@ -35,4 +35,5 @@ starts() { [ "$(grep -c '^2040/.*: Start\.' $running_log)" = 2 ]; }
 check "the second start is not in the running log" eventually 20 starts
 kill -KILL $second
 check "the new daemon forgot the registration" eventually 20 other_runs $second /usr/bin/service --tag late
+figures "a program dies twice, the daemon once in between" "the clock stands in June 2040" 3 "each is back, the logs have the time"
 pass

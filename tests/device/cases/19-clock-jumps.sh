@@ -47,4 +47,5 @@ is "$(pids_of /usr/bin/threads)" "$watched" "the process with watched threads"
 [ ! -e /data/.wex_reboot ] || fail "a reboot was asked for"
 [ ! -e /data/.wex_notify ] || fail "a thread counted as hung"
 is "$(grep -c ': Start\.' /ovix/vsd/0/utils/wex/running_log1)" 1 "starts in the running log"
+figures "3 programs die, one of them is parked, a thread is watched" "the clock jumps ten years ahead, and back" 3 "back after as long as ever, the thread is not taken for silent"
 pass

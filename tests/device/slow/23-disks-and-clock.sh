@@ -1,6 +1,6 @@
-# All disks full, then none that can be written: services come back, and the device restarts, when it must, also then. It
-# comes up with a full disk, and with other things at the names of wex's files on it. Last, the clock passes January 2038
-# below wex, goes back by years, and forth again.
+# All disks full, then none that can be written, then no process id left: services come back, and the device restarts, when
+# it must, on full disks, too. It comes up with one, and with other things at the names of wex's files on it. Last, the clock
+# passes January 2038 below wex, goes back by years, and forth again.
 # boots: 3
 # count-instructions: 1
 # seconds: 250
@@ -37,6 +37,26 @@ next_daemon() {
   kill -KILL $old
   check "the daemon was not started again $1" eventually 20 daemon_up_other_than $old
 }
+# No process can be made from here on: as few ids as a kernel allows for its processors are there to be given, and then none.
+# Whoever finds that ends, so the loop is in a shell of its own. Until there are more, this one uses builtins only.
+take_all_ids() {
+  ids=$(cat /proc/sys/kernel/pid_max)   # not by read: it takes byte after byte, and this file tells but the first one so
+  (
+    for least in 301 320 384 512; do echo $least > /proc/sys/kernel/pid_max && break; done
+    while :; do sleep 1000 & done
+  ) 2> /dev/null
+}
+fork_failed() {
+  local now end
+  read -r end _ < /proc/uptime
+  end=$((${end%.*} + 20 * ${time_factor:-1}))
+  until [ -s /tmp/wex/forkfile ]; do
+    read -r now _ < /proc/uptime
+    [ ${now%.*} -lt $end ] || return 1
+  done
+}
+give_ids_back() { echo $ids > /proc/sys/kernel/pid_max; }
+
 fill() { dd if=/dev/zero of=$1/filler bs=4k 2> /dev/null; [ "$(room $1)" -lt 8 ] || fail "$1 is not full"; }
 room() { df -P $1 | awk 'END { print $4 }'; }
 # One core dump restarts the device.
@@ -107,6 +127,23 @@ case $1 in
     figures "5 programs die" "no disk can be written" 5 "back after $took s"
     die_and_return "when disks could be written again"
     check "not all have their database file again" eventually 20 all_filed
+
+    old=$(pids_now)
+    wex=$(daemon)
+    take_all_ids
+    kill -KILL $old
+    tried=none
+    fork_failed && tried=fork
+    pids_now > /run/without_ids
+    give_ids_back
+    since=$(uptime_sec)
+    is $tried fork "what failed for want of an id"
+    [ ! -s /run/without_ids ] || fail "a program came back without an id"
+    check "not all came back when there were ids again" eventually 40 all_back
+    is "$(daemon)" $wex "the daemon, which needed no other"
+    figures "5 programs die, and cannot be started" "no process id is left on the whole device" 5 "back $(($(uptime_sec) - since)) s after there is one"
+    kill $(pids_of sleep 1000)
+    check "not all have their database file after that" eventually 20 all_filed
 
     kinds=0
     for kind in directory fifo loop noise endless empty; do
