@@ -108,8 +108,9 @@ typedef struct wex_pid {
   int64_t awaited_ns;          /* when it was found, in nanoseconds of the monotonic clock */
   int64_t awaited_ended_by_ns; /* its end was found, not reported: an exit that happened until then is its
                                   own, and gives the code; 0 = none is */
-  int32_t user;                /* strict mode: number of the user it is started again as; 0 = not known */
-  uint32_t name_hash;          /* of `process`: the key of a second table */
+  int32_t postponed;  /* number of its restart that waits in wex_chains_delay, also in the copy; 0 = none */
+  int32_t user;       /* strict mode: number of the user it is started again as; 0 = not known */
+  uint32_t name_hash; /* of `process`: the key of a second table */
   wex_hnode name_node;
 } wex_pid;
 

@@ -113,24 +113,22 @@ int32_t number_like(int32_t pid) WEX_TSA(requires_capability(wex_chains)) {
   return number;
 }
 
-bool is_deads_of_roots(const wex_pid* rec) {
+bool has_ended(const wex_pid* rec) {
+  return rec->thread_of == 0 && !wex_record_lives(rec);
+}
+
+bool is_roots_that_ended(const wex_pid* rec) {
   uid_t uid = 0;
-  return rec->thread_of == 0 && wex_uid_of(rec, &uid) && uid == 0 && !wex_record_lives(rec);
+  return wex_uid_of(rec, &uid) && uid == 0 && has_ended(rec);
 }
 
-// Whether it waits with a dead pid for its program, or for the next daemon, which is to start it: by its
-// file.
-bool is_failed_of_roots(const wex_pid* rec) {
-  return rec->restart_failed != 0 && is_deads_of_roots(rec);
-}
-
-// Whether a registration leaves its pid to another process that has it by now. One that waits for its
-// hand-over does so in either mode, also once it is postponed or parked behind that: no process has its pid.
+// Whether a registration leaves its pid to another process that has it by now. One that could not be started
+// again, or waits for its hand-over, does so in either mode, also once it is postponed or parked behind that:
+// no process of its own has the pid.
 bool may_give_up_pid(const wex_pid* rec) {
-  if (rec->awaited != 0 && rec->start_time == kStartOfNobody) {
-    return true;
-  }
-  return wex_strict().on && ((rec->exit_seen != 0 && wex_is_users(rec)) || is_failed_of_roots(rec));
+  return (rec->awaited != 0 && rec->start_time == kStartOfNobody) ||
+         (rec->restart_failed != 0 && has_ended(rec)) ||
+         (wex_strict().on && rec->exit_seen != 0 && wex_is_users(rec));
 }
 
 bool has_file(const wex_pid* rec) {
@@ -143,7 +141,7 @@ bool has_file(const wex_pid* rec) {
 // beside that of a process of the same program, which takes its place.
 bool keeps_file(const wex_pid* rec, bool is_takers, const pid_taker& taker) {
   if (wex_strict().on) {
-    return is_deads_of_roots(rec);
+    return is_roots_that_ended(rec);
   }
   return has_file(rec) && !(is_takers && strcmp(rec->process, taker.file_of->process) == 0);
 }
@@ -179,7 +177,7 @@ void give_up_pid(wex_pid* rec, const pid_taker& taker) WEX_TSA(requires_capabili
   rec->pid = number;
   {
     chain_lock hold(wex_chains_delay);
-    if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid)) {
+    if (wex_pid* const copy = __wex_find_postponed(&wex_chains_delay, pid, rec->postponed)) {
       copy->pid = rec->pid;
     }
   }
@@ -401,6 +399,14 @@ wex_pid* __wex_find_pid(const wex_chains_t* chain, int32_t pid) {
   return nullptr;
 }
 
+wex_pid* __wex_find_postponed(const wex_chains_t* chain, int32_t pid, int32_t number) {
+  wex_hnode* node = number != 0 ? chain->heads[wex_hash_pid(pid)] : nullptr;
+  while (node != nullptr && wex_record_of(node)->postponed != number) {
+    node = node->next;
+  }
+  return node != nullptr ? wex_record_of(node) : nullptr;
+}
+
 wex_pid* __wex_find_ended(int32_t pid, uint64_t start_time) {
   wex_pid* found = nullptr;
   for (wex_hnode* node = *bucket_of(&wex_chains, pid); node != nullptr; node = node->next) {
@@ -540,6 +546,7 @@ bool __wex_adopt_pid(wex_chains_t* chain, wex_pid* rec, int32_t new_pid) {
   rec->pid = new_pid;
   link_at_head(bucket_of(chain, new_pid), &rec->hnode);
   rec->exit_seen = 0;
+  rec->postponed = 0;
   rec->ended_by_ns = 0;
   rec->gone_since = 0;
   if (new_pid > 0) {

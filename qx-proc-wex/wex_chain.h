@@ -86,12 +86,12 @@ struct pid_taker {
 };
 
 // Registrations that wait for their hand-over with this pid are known by a number of no process from now on:
-// what is asked or told of the pid is the taker's. Their database files get that number, for the next daemon,
-// and flag files in other domains than the taker's go. In strict mode users' registrations whose process had
-// the pid, and has ended, do the same without keeping their files: a user must not be able to keep pids from
-// root's services by programs that wait for their restart. So does one of root's that could not be started
-// again; it keeps its file. Where there is no room for such a file the pid stays what it was.
-// With the registry held; also while it is walked through.
+// what is asked or told of the pid is the taker's. So are those that could not be started again. Their
+// database files get that number, for the next daemon, and flag files in other domains than the taker's go.
+// In strict mode users' registrations whose process had the pid, and has ended, do the same, and none of
+// theirs keeps its file: a user must not be able to keep pids from root's services by programs that wait for
+// their restart. Where there is no room for such a file the pid stays what it was. With the registry held;
+// also while it is walked through.
 void __wex_free_pid(const pid_taker& taker) WEX_TSA(requires_capability(wex_chains));
 
 // The same for the pid of a program, or thread, that registers and has made its database file.
@@ -99,6 +99,11 @@ void __wex_free_pid_of(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
 
 // Whether the registration with this pid, of a process that began at another time, is one that leaves it.
 bool __wex_leaves_pid(int32_t pid, uint64_t start_time) WEX_TSA(requires_capability(wex_chains));
+
+// The record whose restart was postponed under this number, or its copy: in the bucket of `pid`, which it may
+// have given up. Null when there is none, and for 0.
+wex_pid* __wex_find_postponed(const wex_chains_t* chain, int32_t pid, int32_t number)
+    WEX_TSA(requires_capability(chain));
 
 // What is kept of users is kept by pid, which two records may have: it is again that of the registration with
 // this pid, or forgotten when there is none.

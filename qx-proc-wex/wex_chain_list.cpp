@@ -26,6 +26,7 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_strict.h"
+#include "wex_utils.h"
 
 namespace {
 
@@ -62,10 +63,10 @@ class memory_reader {
   size_t left_;
 };
 
-enum list_answer { kNoList, kNoLine, kFound };
+enum list_answer { kNoList, kNoLine, kFound, kUnread };
 
 template <typename reader>
-list_answer find_in(reader&& lines, const char* needle, char (&line)[kListLineSize]) {
+list_answer find_in(reader& lines, const char* needle, char (&line)[kListLineSize]) {
   while (lines.line(line, sizeof line)) {
     if (strstr(line, needle) != nullptr) {
       return kFound;
@@ -113,7 +114,8 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex
   return true;
 }
 
-list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
+// kUnread: it could not be read, and errno tells why.
+list_answer look_for_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
   struct stat facts;
   const bool seen = stat(path, &facts) == 0;
   if (!seen && (errno == ENOENT || errno == ENOTDIR)) {
@@ -122,23 +124,43 @@ list_answer find_line(const char* path, const char* needle, char (&line)[kListLi
   {
     mutex_lock hold(g_list_mutex);
     if (seen && is_known(path, facts)) {
-      return find_in(memory_reader(g_known.text, g_known.length), needle, line);
+      memory_reader lines(g_known.text, g_known.length);
+      return find_in(lines, needle, line);
     }
   }
   const unique_fd fd = wex_open_file(path, O_RDONLY);
-  if (!fd.valid() || !wex_is_believed(fd.get(), path)) {
+  if (!fd.valid()) {
+    return kUnread;
+  }
+  if (!wex_is_believed(fd.get(), path)) {
     return kNoList;
   }
   {
     mutex_lock hold(g_list_mutex);
     if (remember(path, fd.get())) {
-      return find_in(memory_reader(g_known.text, g_known.length), needle, line);
+      memory_reader lines(g_known.text, g_known.length);
+      return find_in(lines, needle, line);
     }
   }
   if (lseek(fd.get(), 0, SEEK_SET) != 0) {
-    return kNoLine;
+    return kUnread;
   }
-  return find_in(text_reader(fd.get()), needle, line);
+  text_reader lines(fd.get());
+  const list_answer answer = find_in(lines, needle, line);
+  return answer == kNoLine && lines.failed() ? kUnread : answer;
+}
+
+// A list that cannot be read is none. But a program that is taken for one that is not listed, for descriptors
+// or memory are short for a moment, would be started beside its process.
+list_answer find_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
+  list_answer answer = kUnread;
+  for (int tries = 0; answer == kUnread && tries < kListTries; ++tries) {
+    answer = look_for_line(path, needle, line);
+    if (answer == kUnread && !wex_short_for_a_moment(errno)) {
+      return kNoList;
+    }
+  }
+  return answer == kUnread ? kNoList : answer;
 }
 
 }  // namespace

@@ -172,6 +172,10 @@ inline __wex_find_pid(chain, wanted) {  // wex_chain.cpp, in one step
   }
 }
 
+inline __wex_find_postponed(chain, p, number) {  // wex_chain.cpp, in one step
+  __wex_find_pid(chain, p)
+}
+
 inline __wex_find_ended(wanted) {  // wex_chain.cpp, in one step
   __wex_find_pid(wex_chains, wanted)
 }
@@ -322,7 +326,7 @@ inline drop_with_copy(r) {  // wex_core_takedown.cpp
   atomic {
     lock(wex_chains_delay);
     o = r;
-    __wex_find_pid(wex_chains_delay, rec[o].pid);
+    __wex_find_postponed(wex_chains_delay, rec[o].pid, rec[o].pid);
     if
     :: r != NONE -> __wex_drop_record(wex_chains_delay, rec[o].pid)
     :: else
@@ -461,7 +465,7 @@ inline __wex_waits_since(p) {  // wex_core_delay.cpp
   atomic {
     lock(wex_chains_delay);
     o = r;
-    __wex_find_pid(wex_chains_delay, p);
+    __wex_find_postponed(wex_chains_delay, p, p);
     yes = r != NONE;
     r = o;
     unlock(wex_chains_delay)
@@ -591,10 +595,6 @@ inline handle_ended(r, forced_restart, reported) {  // wex_core_exit.cpp
   decide(r, forced_restart)
 }
 
-inline find_postponed(p) {  // wex_core_exit.cpp, in one step
-  __wex_find_pid(wex_chains, p)
-}
-
 inline handle_exit(r, forced_restart, known_ended) {  // wex_core_exit.cpp
   if
   :: r == NONE
@@ -636,7 +636,7 @@ inline wex_handle_netlink_exit(p, forced_restart) {  // wex_core_exit.cpp
 
 inline wex_hand_back_restart(p, forced_restart) {  // wex_core_exit.cpp
   lock(wex_chains);
-  find_postponed(p);
+  __wex_find_postponed(wex_chains, p, p);
   handle_exit(r, forced_restart, false);
   unlock(wex_chains)
 }

@@ -35,11 +35,19 @@ wex_pid* copy_of(const wex_pid& rec) WEX_TSA(requires_capability(wex_chains)) {
   copy->restart_delay = rec.restart_delay;
   copy->action = rec.action;
   copy->exit_signal = rec.exit_signal;
+  copy->postponed = rec.postponed;
   copy->start_time = rec.start_time;
   wex_copy_text(copy->process, sizeof copy->process, rec.process);
   wex_copy_text(copy->script, sizeof copy->script, rec.script);
   copy->delay_start = wex_clock_now();
   return copy;
+}
+
+// Pids do not tell postponed restarts apart: another program may have got, and lost, the pid meanwhile.
+int32_t next_number() WEX_TSA(requires_capability(wex_chains)) {
+  static int32_t last = 0;
+  last = last < INT32_MAX ? last + 1 : 1;
+  return last;
 }
 
 bool is_ready(wex_pid* copy) {
@@ -67,13 +75,13 @@ bool wex_delay_reserved() {
   return g_reserved.load() != nullptr;
 }
 
-bool __wex_waits_for_restart(int32_t pid) {
-  return __wex_waits_since(pid) >= 0;
+bool __wex_waits_for_restart(const wex_pid* rec) {
+  return __wex_waits_since(rec) >= 0;
 }
 
-int64_t __wex_waits_since(int32_t pid) {
+int64_t __wex_waits_since(const wex_pid* rec) {
   chain_lock hold(wex_chains_delay);
-  const wex_pid* const copy = __wex_find_pid(&wex_chains_delay, pid);
+  const wex_pid* const copy = __wex_find_postponed(&wex_chains_delay, rec->pid, rec->postponed);
   return copy != nullptr ? copy->delay_start : -1;
 }
 
@@ -82,7 +90,7 @@ bool wex_take_ready_restart(ready_restart* ready) {
   record_walk walk(wex_chains_delay);
   while (wex_pid* const copy = walk.next()) {
     if (is_ready(copy)) {
-      *ready = {copy->pid, copy->exit_signal, copy->force_restart, copy->start_time};
+      *ready = {copy->pid, copy->exit_signal, copy->force_restart, copy->postponed};
       __wex_drop_record(&wex_chains_delay, copy);
       return true;
     }
@@ -98,11 +106,12 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) {
   if (wex_proc_is_exit(rec) == 1) {
     return 0;
   }
-  if (__wex_waits_for_restart(rec->pid)) {
+  if (__wex_waits_for_restart(rec)) {
     wex_dbg(WEX_DBG_PUB, "%s pid %d exist in wex_chains_delay\n", __func__, rec->pid);
     return 1;
   }
-  // No other copy of this pid can come in between: that takes wex_chains, which the caller holds.
+  // No other copy of this record can come in between: that takes wex_chains, which the caller holds.
+  rec->postponed = next_number();
   wex_pid* const copy = copy_of(*rec);
   chain_lock hold(wex_chains_delay);
   __wex_add_record(&wex_chains_delay, copy);

@@ -8,7 +8,7 @@ struct ready_restart {
   int32_t pid;
   uint32_t exit_signal;
   int32_t force_restart;
-  uint64_t start_time;  // of the process that has ended
+  int32_t number;  // wex_pid::postponed of its record
 };
 
 // 1 when the restart of `rec` is postponed because its database file is still locked, 0 when it may start
@@ -20,9 +20,9 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) WEX_TSA(requires_capability(
 void wex_reserve_delay() WEX_TSA(locks_excluded(wex_chains, wex_alive_chains, wex_chains_delay));
 bool wex_delay_reserved() WEX_TSA(requires_capability(wex_chains));
 
-// True while a postponed restart of `pid` waits. Since when it does, in seconds; -1 when none waits.
-bool __wex_waits_for_restart(int32_t pid) WEX_TSA(requires_capability(wex_chains));
-int64_t __wex_waits_since(int32_t pid) WEX_TSA(requires_capability(wex_chains));
+// True while a postponed restart of `rec` waits. Since when it does, in seconds; -1 when none waits.
+bool __wex_waits_for_restart(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
+int64_t __wex_waits_since(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains));
 
 // Takes the first copy, in bucket order, that need not wait any longer. Delay thread only.
 bool wex_take_ready_restart(ready_restart* ready);

@@ -72,23 +72,6 @@ bool still_runs(wex_pid* rec) {
   return true;
 }
 
-// The record of this postponed restart, or null when it has gone. Another program may have been started with
-// the pid since, or the record has given it up behind the end of its wait.
-wex_pid* find_postponed(const ready_restart& ready) WEX_TSA(requires_capability(wex_chains)) {
-  wex_pid* const rec = __wex_find_ended(ready.pid, ready.start_time);
-  const bool may_have_number = wex_strict().on || ready.start_time == kStartOfNobody;
-  if (rec != nullptr || !may_have_number) {
-    return rec != nullptr ? rec : __wex_find_pid(&wex_chains, ready.pid);
-  }
-  record_walk walk(wex_chains);
-  wex_pid* other = walk.next();
-  while (other != nullptr && (other->pid >= -1 || other->start_time != ready.start_time ||
-                              other->exit_seen == 0 || other->alarm_wait_flag == 1)) {
-    other = walk.next();
-  }
-  return other;
-}
-
 void drop_registration(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   wex_free_record(__wex_recycle_registration(rec));
 }
@@ -575,7 +558,7 @@ void wex_handle_judged_exit(int32_t pid, uint32_t exit_signal, uint64_t ended_st
 
 void wex_hand_back_restart(const ready_restart& ready) {
   with_reserve([&ready]() WEX_TSA(requires_capability(wex_chains)) {
-    wex_pid* const rec = find_postponed(ready);
+    wex_pid* const rec = __wex_find_postponed(&wex_chains, ready.pid, ready.number);
     handle_exit(rec, ready.exit_signal, ready.force_restart, 0);
   });
 }

@@ -21,11 +21,11 @@
 #include "waiting.h"
 #include "wex_chain.h"
 #include "wex_core_stop.h"
+#include "wex_core_takedown.h"
 #include "wex_dbg.h"
 #include "wex_limits.h"
 #include "wex_log.h"
 #include "wex_paths.h"
-#include "wex_proc.h"
 #include "wex_status_image.h"
 #include "wex_strict.h"
 
@@ -40,13 +40,13 @@ constexpr size_t kEventBytes = 1024;
   _exit(1);
 }
 
-// A child that could not become its program has taken the database file of the former process away, and the
-// restart that made it puts another one in its place: ended in between, the daemon would leave nothing by
-// which the next one knows the program. The registry is held until the end of the process. A restart without
-// a child has taken nothing away.
+// A restart whose child could not become its program takes the database file of the former process away and
+// puts another one in its place: ended in between, the daemon would leave nothing by which the next one knows
+// the program. The registry is held until the end of the process. A restart that waits to begin, or to fork
+// once more, has taken nothing away.
 void wait_for_restart() WEX_TSA(no_thread_safety_analysis) {
   for (int look = 0; look < kDelayEndLooks && pthread_mutex_trylock(&wex_chains.mutex) != 0; ++look) {
-    if (wex_waits_to_fork.load(std::memory_order_acquire)) {
+    if (wex_registry_waits()) {
       return;
     }
     wex_sleep_ms(kDelayEndLookMs);

@@ -39,6 +39,8 @@ std::atomic<int32_t> g_acted_on{0};
 // have to wait for the registry longer than the take-down takes.
 std::atomic<bool> g_closing[kLastTakeDownDomain + 1];
 
+std::atomic<bool> g_registry_waits{false};
+
 bool marker_exists(int32_t domain) {
   char marker[kPathSize];
   wex_take_down_marker(domain, marker);
@@ -112,7 +114,7 @@ bool is_down(const wex_pid* rec) {
 void drop_with_copy(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   {
     chain_lock hold(wex_chains_delay);
-    if (wex_pid* const copy = __wex_find_pid(&wex_chains_delay, rec->pid)) {
+    if (wex_pid* const copy = __wex_find_postponed(&wex_chains_delay, rec->pid, rec->postponed)) {
       __wex_drop_record(&wex_chains_delay, copy);
     }
   }
@@ -163,12 +165,18 @@ void wex_log_take_downs() {
 
 void wex_wait_with_registry(int64_t milliseconds) {
   wex_status_show_soon();
+  g_registry_waits.store(true, std::memory_order_release);
   const int64_t deadline = wex_clock_ms() + milliseconds;
   for (int64_t left = milliseconds; left > 0 && wex_exit_flag.load(std::memory_order_relaxed) == 0;
        left = deadline - wex_clock_ms()) {
     wex_wait_exit(left < kDelayPassMs ? left : kDelayPassMs);
     note_closing_domains();
   }
+  g_registry_waits.store(false, std::memory_order_release);
+}
+
+bool wex_registry_waits() {
+  return g_registry_waits.load(std::memory_order_acquire);
 }
 
 bool wex_drop_taken_down(int32_t pid, uint64_t start_time) {

@@ -15,6 +15,9 @@ void wex_log_take_downs();
 // thread, which waits for that chain meanwhile, cannot see a take-down begin and end: it is noted here.
 void wex_wait_with_registry(int64_t milliseconds);
 
+// Whether somebody does so. Any thread.
+bool wex_registry_waits();
+
 // For a record that is about to be restarted: when its domain is being taken down, the record and its
 // database file are removed, and the result is true.
 bool __wex_dropped_with_domain(wex_pid* rec) WEX_TSA(requires_capability(wex_chains));

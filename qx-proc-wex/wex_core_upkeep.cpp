@@ -44,13 +44,13 @@ namespace {
 // One that has given its pid up before its end was handled still waits for that, and one whose start found no
 // process may wait for a hand-over.
 bool has_end_to_come(const wex_pid* rec) {
-  return rec->pid > 0 || rec->start_time == kStartOfNobody || (wex_strict().on && rec->pid < -1);
+  return rec->pid > 0 || rec->pid < -1 || rec->start_time == kStartOfNobody;
 }
 
 // True when a vanished process of this record would mean a lost exit.
 bool expects_exit(const wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   return rec->exit_seen == 0 && rec->alarm_wait_flag != 1 && has_end_to_come(rec) &&
-         !__wex_waits_for_restart(rec->pid);
+         !__wex_waits_for_restart(rec);
 }
 
 struct lost_exit {

@@ -60,7 +60,7 @@ wex_status_state state_of(const wex_pid* rec) WEX_TSA(requires_capability(wex_ch
   if (rec->alarm_wait_flag == 1) {
     return WEX_STATUS_PARKED;
   }
-  if (__wex_waits_for_restart(rec->pid)) {
+  if (__wex_waits_for_restart(rec)) {
     return WEX_STATUS_WAITING;
   }
   return rec->restart_failed != 0 || rec->exit_seen != 0 ? WEX_STATUS_DOWN : WEX_STATUS_RUNNING;
@@ -74,7 +74,7 @@ status_times times_of(const wex_pid* rec, wex_status_state state, int32_t self_c
     times.since = int64_t{rec->check_start} * 1000;
     times.until = times.since + int64_t{self_check_sec} * 1000;
   } else if (state == WEX_STATUS_WAITING) {
-    times.since = __wex_waits_since(rec->pid) * 1000;
+    times.since = __wex_waits_since(rec) * 1000;
     times.until = times.since + int64_t{kForceRestartSec} * 1000;
   } else if (state == WEX_STATUS_RUNNING) {
     times.since = times.started = wex_start_on_clock_ms(rec->start_time);

@@ -70,6 +70,7 @@ inline constexpr int kReplacedKept = 64;         // and how many of them
 
 // Registry.
 inline constexpr off_t kListRemembered = 262144;  // bytes; a larger third-part list is read at every look-up
+inline constexpr int kListTries = 3;              // to read it at a look-up
 
 inline constexpr int kPendingExits = 64;  // exits that wait for a second look; more are handled at once
 // Further looks at an exit whose process still has threads; the first one is taken at once. Looks that are

@@ -53,15 +53,11 @@ bool may_speak(uid_t speaker, const wex_pid* rec) {
 
 // ---- Processes --------------------------------------------------------------------------------------------
 
-bool short_for_a_moment(int cause) {
-  return cause == ENOMEM || cause == EMFILE || cause == ENFILE || cause == EIO;
-}
-
 // The command line of a registered process. Without its arguments the program would be restarted wrongly for
 // ever: where they cannot be read, those that the message tells are taken. False when there is none.
 bool read_registered(const wex_reg_info& body, char* command, size_t size) {
   command_read result = wex_read_command(body.pid, command, size);
-  for (int tries = 1; result != command_read::whole && short_for_a_moment(errno) && tries < kCommandTries;
+  for (int tries = 1; result != command_read::whole && wex_short_for_a_moment(errno) && tries < kCommandTries;
        ++tries) {
     wex_sleep_ms(kCommandRetryMs);
     result = wex_read_command(body.pid, command, size);
@@ -217,6 +213,12 @@ bool insert_process(wex_pid* rec) {
   // Only now: a newcomer that is refused would leave the former owner two files, where the names are the
   // same.
   __wex_free_pid_of(rec);
+  if (wex_is_users(rec) && pid_is_left_to(rec)) {
+    // There is no room for another file of root's: what the user then asks for his own would be done to that.
+    wex_refuse_registration(rec);
+    wex_free_record(rec);
+    return false;
+  }
   __wex_drop_failed(rec->process, rec->vsd, rec->pid, rec);
   drop_ended_thread(rec);
   if (rec->thread_of != 0) {

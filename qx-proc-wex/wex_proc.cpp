@@ -147,7 +147,7 @@ void prepare(launch* start, const wex_action& action, wex_pid* rec) {
 enum class at_ended { stop, go_on };
 
 // One look through /proc. 1 found, `before` when there is no match, the negated errno when it had to stop, or
-// has gone on without some process, for that one has ended meanwhile.
+// has gone on without some process, for that one has ended meanwhile or could not be read.
 int scan_processes(const char* command, int32_t* out_pid, int before, const wex_pid* rec, int32_t child,
                    at_ended what) {
   dir_walk processes(kProcDir);
@@ -171,12 +171,12 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
     }
     const int32_t pid = text_to_number(entry->d_name);
     // First, for another user may have made his arguments a memory whose reading waits for him.
-    if (rec != nullptr && pid != child && !wex_runs_as(pid, rec)) {
-      continue;
-    }
-    char text[1024];
-    if (pid_to_cmdline(pid, text, sizeof text) == nullptr) {
-      continue;
+    char text[1024] = "";
+    errno = 0;
+    const bool whole = (rec == nullptr || pid == child || wex_runs_as(pid, rec)) &&
+                       wex_read_command(pid, text, sizeof text) == command_read::whole;
+    if (!whole && wex_short_for_a_moment(errno)) {
+      before = -errno;
     }
     rtrim(text);
     if (strcmp(text, command) == 0) {
@@ -184,7 +184,7 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
       return 1;
     }
   }
-  return before;
+  return errno != 0 ? -errno : before;
 }
 
 // As wex_proc_to_pid; `rec` says as which user the process must run unless it is `child`, null that it may be
@@ -266,9 +266,7 @@ void note_fork_failure(const launch& start, int error) WEX_TSA(requires_capabili
 // Waits until the fork is to be repeated. While the daemon ends that is soon, and false after as many
 // failures as end it anyway: the next daemon restarts every program that has a database file and no process.
 bool may_retry_fork() WEX_TSA(requires_capability(wex_chains)) {
-  wex_waits_to_fork.store(true, std::memory_order_release);
   wex_wait_with_registry(static_cast<int64_t>(kForkRetrySec) * 1000);
-  wex_waits_to_fork.store(false, std::memory_order_release);
   if (wex_exit_flag.load(std::memory_order_relaxed) == 0) {
     return true;
   }
@@ -329,8 +327,6 @@ int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid) {
     }
   }
 }
-
-std::atomic<bool> wex_waits_to_fork{false};
 
 bool wex_reboot_is_due(const wex_pid* rec, int32_t now) {
   return rec->reboot_allow > 0 && wex_may_restart_device(rec) &&

@@ -1,8 +1,6 @@
 // wex_proc: starting and restarting the program, or the restart script, of a record.
 #pragma once
 
-#include <atomic>
-
 #include "wex.h"
 #include "wex_action.h"
 #include "wex_lock_order.h"
@@ -27,9 +25,6 @@ int wex_proc_in_wexdb2(const char* list_path, const char* command, char* word, s
 int wex_set_priority(int priority);
 int wex_reset_priority(void);
 }
-
-// Whether a restart holds the registry only until it may try once more to fork. Any thread.
-extern std::atomic<bool> wex_waits_to_fork;
 
 // wex_spawn(), or wex_shell_spawn().
 int32_t wex_spawn_as(const wex_action& action, wex_pid* rec, int32_t* out_pid)

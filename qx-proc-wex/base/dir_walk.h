@@ -28,10 +28,11 @@ class dir_walk {
   bool valid() const noexcept { return dir_ != nullptr; }
   // For openat and friends: names are looked up in this very directory, wherever the process has gone since.
   int fd() const noexcept { return ::dirfd(dir_); }
-  // The next entry, or null at the end.
+  // The next entry, or null at the end; errno is 0 unless reading failed.
   const dirent* next() noexcept {
     const dirent* entry;
     do {
+      errno = 0;
       entry = ::readdir(dir_);  // each walk has its own stream, so this is safe in threads
     } while (entry != nullptr &&
              (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "control_client.h"
 #include "restart_policy.h"
 #include "status_reader.h"
 
@@ -189,4 +190,21 @@ TEST_F(ForkWatcher, AFileThatCannotBeReadIsLoggedAndReadAgainAtTheNextEvent) {
   EXPECT_TRUE(console_says("]read /tmp/wex/forkfile error, Input/output error\n")) << read_console();
   append("");
   EXPECT_TRUE(gives_up()) << running_log();
+}
+
+// A restart that pauses holds the registry for as long as its program asked for, and has started no child.
+TEST_F(ForkWatcher, TheSeventhFailureEndsTheDaemonAtOnceWhileARestartPauses) {
+  ASSERT_TRUE(daemon_.start() && watches_forks(daemon_.pid()));
+  Process sleeper;
+  ASSERT_TRUE(sleeper.start({"/bin/sleep", "1000"}));
+  ASSERT_TRUE(eventually([&] { return command_line(sleeper.pid()).find("sleep") == 5; }));
+  const control_client::raw_client client;
+  wex_reg_info body = control_client::body_of(sleeper.pid());
+  body.restart_delay = 20;
+  ASSERT_TRUE(client.send_body(WEX_RESTART, body) && client.acknowledged());
+  ASSERT_TRUE(eventually([&] { return StatusReader().slot_of(sleeper.pid()).has_value(); }));
+  send_signal(sleeper.pid(), SIGKILL);
+  ASSERT_TRUE(console_says("]wex_handle_netlink_exit--> exit_signal = 9\n"));
+  append("aaaaaaa");
+  EXPECT_TRUE(eventually([this] { return !daemon_.running(); }, 10s)) << "it waits for the end of the pause";
 }

@@ -334,12 +334,13 @@ TEST_F(UsersExit, APostponedRestartIsThatOfTheRecordThatWaits) {
   snprintf(younger->process, sizeof younger->process, "%s", "/bin/sleep 2000");
   younger->pid = pid;
   younger->action = RESPAWN;
-  const ready_restart ready = {pid, 9, 1, kStartOfNobody};
+  const ready_restart ready = {pid, 9, 1, 7};
   {
     chain_lock hold(wex_chains);
     __wex_adopt_pid(&wex_chains, waiting, pid);
     waiting->start_time = kStartOfNobody;
     waiting->exit_seen = 1;
+    waiting->postponed = 7;
     wex_note_start(younger);
     __wex_free_pid({pid, younger->start_time, 0, nullptr});
     EXPECT_LT(waiting->pid, -1);
@@ -347,7 +348,7 @@ TEST_F(UsersExit, APostponedRestartIsThatOfTheRecordThatWaits) {
     EXPECT_EQ(waiting, __wex_find_pid(&wex_chains, waiting->pid));
     __wex_add_record(&wex_chains, younger);
   }
-  wex_hand_back_restart({pid, 9, 1, kStartOfNobody - 1});
+  wex_hand_back_restart({pid, 9, 1, 6});
   EXPECT_LT(waiting->pid, -1) << "that one was of another registration, which has gone";
   wex_hand_back_restart(ready);
   EXPECT_GT(waiting->pid, 0) << "started again";

@@ -6,6 +6,7 @@
 #include "failing_calls.h"
 #include "proc_world.h"
 #include "registry_files.h"
+#include "wex_chain_list.h"
 #include "wex_flag_file.h"
 
 using namespace proc_world;
@@ -174,3 +175,28 @@ TEST_F(ProcWorld, ADetachedProcessOfADomainGetsAFlagFileAndItsNextStartFindsIt) 
 }
 
 }  // namespace
+
+// Taken for one that does not run, or is not listed, it would be started beside itself.
+TEST_F(ProcWorld, AThirdPartProgramIsFoundThoughOneCallOfTheSearchFails) {
+  Process running;
+  ASSERT_TRUE(running.start({"/bin/sleep", "4711.7"}));
+  ASSERT_TRUE(eventually([&] { return command_line(running.pid()).find(" 4711.7") != std::string::npos; }));
+  const std::string command = program_of(running.pid()) + " 4711.7";
+  for (const char* const call :
+       {"getdents64:error=EIO", "readlink,readlinkat:error=ENOMEM", "open,openat:error=EMFILE"}) {
+    for (int at = 1; at <= 10; ++at) {
+      SCOPED_TRACE(testing::Message() << call << " " << at);
+      write_file(kThirdPartList, command + " WEX_RESTART\n");  // anew: it is read, not remembered
+      EXPECT_EQ(0, run_failing({std::string(call) + ":when=" + std::to_string(at)}, [&] {
+                  char text[256] = "";
+                  char word[256] = "";
+                  int32_t found = 0;
+                  snprintf(text, sizeof text, "%s", command.c_str());
+                  const bool runs = wex_find_running(text, &found, record_of(command).get());
+                  const bool listed = wex_proc_in_wexdb(kThirdPartList, text, word, sizeof word) == 1;
+                  EXPECT_EQ(running.pid(), found);
+                  return runs && listed ? 0 : 1;
+                }));
+    }
+  }
+}

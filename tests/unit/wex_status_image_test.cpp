@@ -146,6 +146,7 @@ TEST_F(StatusTable, ALateSlotTellsSinceWhenAndUntilWhenAsTheRecordDoes) {
     hidden[0]->check_start = 40;
     wex_pid* const copy = wex_new_record();
     copy->pid = hidden[1]->pid;
+    copy->postponed = hidden[1]->postponed = 1;
     copy->delay_start = 50;
     {
       const chain_lock hold(wex_chains_delay);
