@@ -26,7 +26,6 @@
 #include "wex_limits.h"
 #include "wex_paths.h"
 #include "wex_strict.h"
-#include "wex_utils.h"
 
 namespace {
 
@@ -143,6 +142,7 @@ list_answer look_for_line(const char* path, const char* needle, char (&line)[kLi
     }
   }
   if (lseek(fd.get(), 0, SEEK_SET) != 0) {
+    errno = EIO;  // no file that can be read refuses this for good
     return kUnread;
   }
   text_reader lines(fd.get());
@@ -156,7 +156,7 @@ list_answer find_line(const char* path, const char* needle, char (&line)[kListLi
   list_answer answer = kUnread;
   for (int tries = 0; answer == kUnread && tries < kListTries; ++tries) {
     answer = look_for_line(path, needle, line);
-    if (answer == kUnread && !wex_short_for_a_moment(errno)) {
+    if (answer == kUnread && !short_for_a_moment(errno)) {
       return kNoList;
     }
   }

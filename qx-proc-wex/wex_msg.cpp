@@ -9,9 +9,11 @@
 #include "wex_msg.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "chain_lock.h"
+#include "safe_io.h"
 #include "text_buffer.h"
 #include "waiting.h"
 #include "wex_action.h"
@@ -57,7 +59,7 @@ bool may_speak(uid_t speaker, const wex_pid* rec) {
 // ever: where they cannot be read, those that the message tells are taken. False when there is none.
 bool read_registered(const wex_reg_info& body, char* command, size_t size) {
   command_read result = wex_read_command(body.pid, command, size);
-  for (int tries = 1; result != command_read::whole && wex_short_for_a_moment(errno) && tries < kCommandTries;
+  for (int tries = 1; result != command_read::whole && short_for_a_moment(errno) && tries < kCommandTries;
        ++tries) {
     wex_sleep_ms(kCommandRetryMs);
     result = wex_read_command(body.pid, command, size);

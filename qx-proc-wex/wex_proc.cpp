@@ -16,6 +16,7 @@
 
 #include "dir_walk.h"
 #include "own_scheduling.h"
+#include "safe_io.h"
 #include "signals_held.h"
 #include "text_buffer.h"
 #include "text_number.h"
@@ -175,7 +176,7 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
     errno = 0;
     const bool whole = (rec == nullptr || pid == child || wex_runs_as(pid, rec)) &&
                        wex_read_command(pid, text, sizeof text) == command_read::whole;
-    if (!whole && wex_short_for_a_moment(errno)) {
+    if (!whole && short_for_a_moment(errno)) {
       before = -errno;
     }
     rtrim(text);

@@ -278,10 +278,6 @@ command_read wex_read_command(int32_t pid, char* buffer, size_t size) {
   return whole == 0 || arguments.failed() ? command_read::program : command_read::whole;
 }
 
-bool wex_short_for_a_moment(int cause) {
-  return cause == ENOMEM || cause == EMFILE || cause == ENFILE || cause == EIO;
-}
-
 int32_t wex_thread_id() {
   return static_cast<int32_t>(syscall(SYS_gettid));
 }

@@ -51,9 +51,6 @@ enum class command_read { nothing, program, whole };
 // As pid_to_cmdline, and tells how much it is.
 command_read wex_read_command(int32_t pid, char* buffer, size_t size);
 
-// Whether a call that failed for this errno may succeed a moment later.
-bool wex_short_for_a_moment(int cause);
-
 // The kernel's id of the calling thread.
 int32_t wex_thread_id();
 
