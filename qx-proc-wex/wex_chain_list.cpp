@@ -113,7 +113,7 @@ bool remember(const char* path, int fd) WEX_TSA(requires_capability(g_list_mutex
   return true;
 }
 
-// kUnread: it could not be read, and errno tells why.
+// kUnread: it could not be read.
 list_answer look_for_line(const char* path, const char* needle, char (&line)[kListLineSize]) {
   struct stat facts;
   const bool seen = stat(path, &facts) == 0;
@@ -142,7 +142,6 @@ list_answer look_for_line(const char* path, const char* needle, char (&line)[kLi
     }
   }
   if (lseek(fd.get(), 0, SEEK_SET) != 0) {
-    errno = EIO;  // no file that can be read refuses this for good
     return kUnread;
   }
   text_reader lines(fd.get());
@@ -156,9 +155,6 @@ list_answer find_line(const char* path, const char* needle, char (&line)[kListLi
   list_answer answer = kUnread;
   for (int tries = 0; answer == kUnread && tries < kListTries; ++tries) {
     answer = look_for_line(path, needle, line);
-    if (answer == kUnread && !short_for_a_moment(errno)) {
-      return kNoList;
-    }
   }
   return answer == kUnread ? kNoList : answer;
 }

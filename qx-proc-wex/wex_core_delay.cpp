@@ -104,6 +104,7 @@ extern "C" int wex_proc_restart_delay(wex_pid* rec) {
   }
   wex_dbg(WEX_DBG_PUB, "%s %s/%d receives event:%04x\n", __func__, rec->process, rec->pid, rec->exit_signal);
   if (wex_proc_is_exit(rec) == 1) {
+    rec->postponed = 0;  // it is restarted now: what may still wait of an earlier end is to find no record
     return 0;
   }
   if (__wex_waits_for_restart(rec)) {

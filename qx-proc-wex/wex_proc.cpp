@@ -180,12 +180,12 @@ int scan_processes(const char* command, int32_t* out_pid, int before, const wex_
       before = -errno;
     }
     rtrim(text);
-    if (strcmp(text, command) == 0) {
+    if (text[0] != '\0' && strcmp(text, command) == 0) {
       *out_pid = pid;
       return 1;
     }
   }
-  return errno != 0 ? -errno : before;
+  return processes.failed() ? -errno : before;
 }
 
 // As wex_proc_to_pid; `rec` says as which user the process must run unless it is `child`, null that it may be

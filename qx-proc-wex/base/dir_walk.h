@@ -28,16 +28,23 @@ class dir_walk {
   bool valid() const noexcept { return dir_ != nullptr; }
   // For openat and friends: names are looked up in this very directory, wherever the process has gone since.
   int fd() const noexcept { return ::dirfd(dir_); }
-  // The next entry, or null at the end; errno is 0 unless reading failed.
+  // The next entry, or null at the end. errno is left alone unless reading failed.
   const dirent* next() noexcept {
+    const int before = errno;
     const dirent* entry;
+    errno = 0;
     do {
-      errno = 0;
       entry = ::readdir(dir_);  // each walk has its own stream, so this is safe in threads
     } while (entry != nullptr &&
              (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
+    failed_ = entry == nullptr && errno != 0;
+    if (!failed_) {
+      errno = before;
+    }
     return entry;
   }
+  // Whether the end was a failed read, and errno tells why.
+  bool failed() const noexcept { return failed_; }
 
  private:
   static DIR* adopt(int fd) noexcept {
@@ -49,4 +56,5 @@ class dir_walk {
     return dir;
   }
   DIR* dir_;
+  bool failed_ = false;
 };

@@ -137,6 +137,7 @@ unique_fd open_roots(const char* path, int flags, mode_t mode) {
 // EACCES of a user's file, too.
 bool makes_room_for_roots(const char* path, int cause) {
   const bool counts = wex_counts(path);  // a user's is noted
+  errno = cause;
   const bool no_file = cause == EISDIR || cause == ENXIO || cause == ELOOP || cause == EBUSY;
   return cause == EACCES || (no_file && !counts);
 }

@@ -64,6 +64,16 @@ TEST_F(ControlGroups, AreLeftOutWithoutAFlagFileDirectory) {
             text.find("[WEX:wex_vsd:N]set_cgroups_all: set mem group fail: No such file or directory\n"));
 }
 
+// The directories are there, and that shows in errno to the end.
+TEST_F(ControlGroups, TellOfDirectoriesThatWereThereBefore) {
+  make_flag_dir(9);
+  process member({3900});
+  make_flag_file(9, member.pid());
+  EXPECT_EQ(0, set_cgroups_all(9));
+  EXPECT_EQ("[WEX:wex_vsd:N]set_cgroups_all: set mem group fail: File exists\n",
+            lines_printed_by([] { EXPECT_EQ(0, set_cgroups_all(9)); }));
+}
+
 TEST_F(ControlGroups, NegativeNameEndsTheWalkInTheFlagFileDirectory) {
   make_flag_dir(13);
   write_file(path_of(kFlagFileFmt, 13, -5), "");
