@@ -888,14 +888,22 @@ inline is_registered_already(p) {  // wex_msg.cpp: is_registered
   yes = r != NONE && (!restart_failed || wex_record_lives(r))
 }
 
-inline insert_process(p) {  // wex_msg.cpp
-  lock(wex_chains);
+inline may_go_in(p) {  // wex_msg.cpp
   is_registered_already(p);
   if
-  :: yes
+  :: yes -> yes = false
 #ifndef REPLACED_UNCHECKED
-  :: !yes && was_replaced(p)
+  :: !yes && was_replaced(p) -> yes = false
 #endif
+  :: else -> yes = true
+  fi
+}
+
+inline insert_process(p) {  // wex_msg.cpp
+  lock(wex_chains);
+  may_go_in(p);
+  if
+  :: !yes
   :: else ->
     __wex_add_record(wex_chains, p);
     if

@@ -192,24 +192,19 @@ bool has_anothers_file(const wex_pid* newcomer) WEX_TSA(requires_capability(wex_
   return pid_is_left_to(newcomer) && wex_has_pidfile_of(known, newcomer);
 }
 
-// Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
-bool insert_process(wex_pid* rec) {
-  const chain_lock hold(wex_chains);
-  const uint32_t early_end = take_early_end(rec);
+// Whether the newcomer is to have a record. Who has its pid and need not keep it has given it up then.
+bool may_go_in(wex_pid* rec) WEX_TSA(requires_capability(wex_chains)) {
   if (!pid_is_left_to(rec) && is_registered(rec)) {
     own_file_again(rec);
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
-    wex_free_record(rec);
     return false;
   }
   if (was_replaced(rec)) {
     wex_status_count(WEX_STATUS_NOT_REGISTERED);
-    wex_free_record(rec);
     return false;
   }
   if (!__wex_has_room(&wex_chains, rec)) {
     wex_refuse_registration(rec);
-    wex_free_record(rec);
     return false;
   }
   // Only now: a newcomer that is refused would leave the former owner two files, where the names are the
@@ -218,6 +213,16 @@ bool insert_process(wex_pid* rec) {
   if (wex_is_users(rec) && pid_is_left_to(rec)) {
     // There is no room for another file of root's: what the user then asks for his own would be done to that.
     wex_refuse_registration(rec);
+    return false;
+  }
+  return true;
+}
+
+// Takes over `rec`: into the chain, or freed when its pid is registered already. True when it went in.
+bool insert_process(wex_pid* rec) {
+  const chain_lock hold(wex_chains);
+  const uint32_t early_end = take_early_end(rec);
+  if (!may_go_in(rec)) {
     wex_free_record(rec);
     return false;
   }
