@@ -4,6 +4,7 @@ An act is short, so that few calls belong to it. Services whose `kept` is set mu
 has failed meanwhile.
 """
 import os
+import signal
 
 import device
 from device import BASE, Bare, Service, make_open_dir, read, write
@@ -82,6 +83,17 @@ class ThirdPart(Restart):
 
     def before_daemon(self):
         self.services.append(Bare(self.tools, "b%d" % os.getpid()))    # looked for by its name on the whole machine
+
+
+class HandOver(ThirdPart):
+    name, what = "hand-over", "a listed program detaches: its child goes on, the registration is handed over to that"
+
+    def act(self, daemon):
+        """Its child lives by then, for the process that is registered ends behind the fork."""
+        service = self.services[0]
+        service.follow()
+        device.send(service.pid, signal.SIGUSR1)
+        device.eventually(lambda: not device.is_alive(service.pid), 10)
 
 
 class DomainRestart(Restart):
@@ -309,8 +321,9 @@ class DomainStart(DomainCommand):
         self.run_command("-c", "1")
 
 
-class DomainTakeDown(DomainCommand):
-    name, what = "domain-take-down", "a domain is taken down, with the calls of the command failing"
+class TakeDown(DomainCommand):
+    name, what = "take-down", "a domain with one program is taken down"
+    traced = "daemon"
 
     def prepare(self, daemon):
         super().prepare(daemon)
@@ -329,6 +342,11 @@ class DomainTakeDown(DomainCommand):
         self.run_command("-d", "1")
 
 
+class DomainTakeDown(TakeDown):
+    name, what = "domain-take-down", "a domain is taken down, with the calls of the command failing"
+    traced = "command"
+
+
 def make_domain(number):
     for path in ("/tmp/vsd/%d/wex/db", "/data/var/run/vsd/%d", "/qx_cfg/vsd/%d", "/ovix/vsd/%d", "/data/.ovix/vsd/%d"):
         path = path % number
@@ -336,5 +354,5 @@ def make_domain(number):
         make_open_dir(os.path.dirname(path))
 
 
-TABLE = [Start, StartWithTheDead, Registration, Client, Restart, ScriptRestart, ThirdPart, DomainRestart, Parking,
-         Postponing, Cancel, Hang, Reboot, DomainStart, DomainTakeDown]
+TABLE = [Start, StartWithTheDead, Registration, Client, Restart, ScriptRestart, ThirdPart, HandOver,
+         DomainRestart, Parking, Postponing, Cancel, Hang, Reboot, DomainStart, TakeDown, DomainTakeDown]
