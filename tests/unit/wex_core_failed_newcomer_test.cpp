@@ -161,6 +161,7 @@ TEST_F(FailedBesideNewcomer, AStopThatWasPostponedAndCancelledIsNotTakenForTheNe
   ASSERT_EQ(1, rec_->exit_seen);
   wex_cancel_by(0, {WEX_CANCEL_PROC, newcomer_pid_});
   ASSERT_FALSE(registered(newcomer_pid_));
+  rec_ = nullptr;  // its memory may become the newcomer's
   newcomer_registers();
   ASSERT_TRUE(newcomer_is_there());
   newcomer_process_.kill_now();
