@@ -7,11 +7,13 @@
 #include <thread>
 
 #include "event_world.h"
+#include "unit_support.h"
 #include "wex_core_restart.h"
 #include "wex_core_stop.h"
 #include "wex_strict.h"
 
 using namespace event_world;
+using unit::in_child;
 
 namespace {
 
@@ -37,19 +39,6 @@ void be_strict() {
   strict_settings settings;
   settings.on = true;
   wex_set_strict(settings);
-}
-
-void in_child(const std::function<void()>& work) {
-  fflush(stdout);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    work();
-    fflush(stdout);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  EXPECT_EQ(0, status) << "what the child process found is printed above";
 }
 
 void reap_meanwhile(int /*events*/) {
